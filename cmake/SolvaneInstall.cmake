@@ -1,0 +1,40 @@
+# Installation: libraries, headers, CMake package and pkg-config file.
+
+include(CMakePackageConfigHelpers)
+set(SOLVANE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/SolvaneLDAP")
+
+install(TARGETS solvane_ldap EXPORT SolvaneLDAPTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/solvane" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+if(SOLVANE_RUNTIME STREQUAL "bundled")
+    install(TARGETS solvane_runtime EXPORT SolvaneLDAPTargets
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    install(DIRECTORY "${PROJECT_SOURCE_DIR}/runtime/include/solvart"
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    set(SOLVANE_RUNTIME_CFLAGS "")
+    set(SOLVANE_RUNTIME_LIBS "-lsolvart")
+else()
+    install(FILES "${PROJECT_SOURCE_DIR}/cmake/FindSolvaneRuntime.cmake"
+        DESTINATION ${SOLVANE_CMAKE_DIR})
+    set(SOLVANE_RUNTIME_CFLAGS "-I${SolvaneRuntime_INCLUDE_DIR}")
+    set(SOLVANE_RUNTIME_LIBS "${SolvaneRuntime_LIBRARY}")
+endif()
+
+install(EXPORT SolvaneLDAPTargets NAMESPACE Solvane:: DESTINATION ${SOLVANE_CMAKE_DIR})
+configure_package_config_file(
+    "${PROJECT_SOURCE_DIR}/cmake/SolvaneLDAPConfig.cmake.in"
+    "${PROJECT_BINARY_DIR}/SolvaneLDAPConfig.cmake"
+    INSTALL_DESTINATION ${SOLVANE_CMAKE_DIR})
+write_basic_package_version_file(
+    "${PROJECT_BINARY_DIR}/SolvaneLDAPConfigVersion.cmake"
+    COMPATIBILITY SameMajorVersion)
+# Relative, so that the file is right under whatever prefix it is installed or moved to.
+file(RELATIVE_PATH SOLVANE_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+configure_file("${PROJECT_SOURCE_DIR}/cmake/solvane-ldap.pc.in"
+    "${PROJECT_BINARY_DIR}/solvane-ldap.pc" @ONLY)
+install(FILES
+    "${PROJECT_BINARY_DIR}/SolvaneLDAPConfig.cmake"
+    "${PROJECT_BINARY_DIR}/SolvaneLDAPConfigVersion.cmake"
+    DESTINATION ${SOLVANE_CMAKE_DIR})
+install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc"
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -1,0 +1,20 @@
+/// @file
+/// The whole public interface of the library.
+#ifndef SOLVANE_LDAP_H
+#define SOLVANE_LDAP_H
+
+#include <solvane/ldap/LDAPAttribute.h>
+#include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPRequest.h>
+#include <solvane/ldap/LDAPResult.h>
+#include <solvane/ldap/LDAPUtil.h>
+#include <solvane/ldap/RefCounted.h>
+
+// What of the runtime the interface above names.
+#include <solvart/Buffer.h>
+#include <solvart/EmailAddress.h>
+#include <solvart/Exception.h>
+#include <solvart/Uri.h>
+
+#endif

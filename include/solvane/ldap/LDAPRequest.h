@@ -1,0 +1,105 @@
+/// @file
+/// Requests sent to a server: what all have in common, and the search.
+#ifndef SOLVANE_LDAP_REQUEST_H
+#define SOLVANE_LDAP_REQUEST_H
+
+#include <solvane/ldap/Export.h>
+#include <solvane/ldap/LDAPAttribute.h>
+#include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/LDAPResult.h>
+#include <solvane/ldap/RefCounted.h>
+
+#include <boost/shared_ptr.hpp>
+
+#include <list>
+#include <string>
+
+namespace Solvane {
+
+/// A request of some kind. Send it, wait for its outcome, read the result.
+///
+/// Copies share one body. Every operation but construction, copying, assignment and `isNull` throws
+/// `LDAPException` (code 1, type 0) on a null handle.
+class SOLVANE_LDAP_EXPORT LDAPRequest {
+public:
+    /// A null handle.
+    LDAPRequest();
+    LDAPRequest(LDAPRequest& other);
+    LDAPRequest& operator=(LDAPRequest const& other);
+    virtual ~LDAPRequest();
+
+    bool isNull() const;
+
+    /// Checks the handle and changes nothing: a request stays on the connection it was built on.
+    void connection(LDAPConnection& connection);
+    /// The OpenLDAP message id; 0 before the first `send`.
+    int id() const;
+    LDAPConnection& connection();
+    /// Sends the request; the concrete request says what it throws.
+    void send();
+    /// Collects answers.
+    /// @param timeout  whole seconds for *each* message awaited; 0 polls once
+    /// @return false when the final answer has arrived, true when the time ran out first
+    bool wait(unsigned int timeout);
+    /// What has been answered; a null handle before the first message.
+    LDAPResult const& result() const;
+    /// Does what the concrete request makes of it; nothing for a search.
+    void cancel();
+
+protected:
+    BodyReference<LDAPRequestImpl> m_impl;
+};
+
+/// A search (RFC 4511 section 4.5).
+class SOLVANE_LDAP_EXPORT LDAPSearch : public LDAPRequest {
+public:
+    enum Scope : int { ScopeBase = 0, ScopeOneLevel = 1, ScopeSubtree = 2 };
+    enum Deref : int { DerefNever = 0, DerefSearching = 1, DerefFinding = 2, DerefAlways = 3 };
+
+    /// What to search for. Checked when the search is sent, not before.
+    class SOLVANE_LDAP_EXPORT Parameter {
+    public:
+        Parameter();
+        Parameter(std::string const& baseDN);
+
+        std::string baseDN; ///< where the search starts
+        std::string
+            filter; ///< RFC 4515 text; empty sends none, and OpenLDAP then asks for everything
+        /// Attribute types to return, in request order; empty asks for all user attributes
+        /// (RFC 4511 section 4.5.1.8).
+        std::list<LDAPAttributeType> attributes;
+        Scope scope;
+        Deref deref;   ///< stays set on the session; `DerefNever` leaves what an earlier search set
+        int sizeLimit; ///< entries; for the caller's own use, not sent
+        int timeLimit; ///< seconds; for the caller's own use, not sent
+        bool attrsOnly; ///< true: types without values
+    };
+
+    /// A parameter record shared between a caller and its searches: changes show in all.
+    class SOLVANE_LDAP_EXPORT RefParameter : public boost::shared_ptr<Parameter> {
+    public:
+        /// Holds no record.
+        RefParameter();
+        /// A new record, copied from `parameter`.
+        RefParameter(Parameter const& parameter);
+        /// A new record that starts at `baseDN`, all else default.
+        RefParameter(std::string const& baseDN);
+    };
+
+    /// A null handle.
+    LDAPSearch();
+    /// A search on `connection` for a copy of `parameter`. Nothing is sent.
+    LDAPSearch(LDAPConnection& connection, Parameter const& parameter);
+    /// A search on `connection` that shares the record of `parameter`. Nothing is sent.
+    LDAPSearch(LDAPConnection& connection, RefParameter const& parameter);
+    LDAPSearch(LDAPSearch& other);
+    LDAPSearch& operator=(LDAPSearch const& other);
+    ~LDAPSearch() override;
+
+    /// The search's record, made with defaults where there was none.
+    Parameter& parameter() const;
+};
+
+} // namespace Solvane
+
+#endif

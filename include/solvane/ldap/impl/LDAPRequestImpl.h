@@ -1,0 +1,45 @@
+/// @file
+/// Body of a request: what a request class of one's own derives from.
+#ifndef SOLVANE_LDAP_REQUEST_IMPL_H
+#define SOLVANE_LDAP_REQUEST_IMPL_H
+
+#include <solvane/ldap/Export.h>
+#include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/LDAPResult.h>
+#include <solvane/ldap/RefCounted.h>
+
+#include <solvart/Mutex.h>
+
+namespace Solvane {
+
+/// Body of a request: the connection it is sent on and its message id.
+class SOLVANE_LDAP_EXPORT LDAPRequestImpl : public virtual RefImpl, public NonCopyable {
+public:
+    LDAPRequestImpl();
+    ~LDAPRequestImpl() override;
+
+    /// Sends the request and stores its message id.
+    virtual void send() = 0;
+    /// Collects answers into the result.
+    /// @return false when the final answer has arrived, true when `timeout` seconds ran out first
+    virtual bool wait(unsigned int timeout) = 0;
+    virtual LDAPResult const& result() const = 0;
+    virtual void cancel() = 0;
+
+    int id() const { return m_id; }
+    void id(int messageId) { m_id = messageId; }
+    LDAPConnection& connection() { return m_connection; }
+    void connection(LDAPConnection& connection) { m_connection = connection; }
+    /// Makes `send()` and `wait()` of this body exclude each other between threads.
+    /// @note The mutex is never released: who else may still hold it cannot be known.
+    void shared();
+
+protected:
+    Mutex* m_mutex; ///< null until shared()
+    int m_id;
+    LDAPConnection m_connection;
+};
+
+} // namespace Solvane
+
+#endif

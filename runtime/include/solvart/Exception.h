@@ -1,0 +1,68 @@
+/// @file
+/// The base of every failure that the product's libraries report by throwing.
+#ifndef SOLVART_EXCEPTION_H
+#define SOLVART_EXCEPTION_H
+
+#include <solvart/Export.h>
+
+#include <memory>
+#include <string>
+
+namespace Solvane {
+
+/// A failure: a name, a code, the place that reported it and, where there is one, its cause.
+///
+/// Thrown by value and caught by reference. A copy shares the cause, which is never changed once it
+/// is attached.
+class SOLVART_EXPORT Exception {
+public:
+    /// @param name        what kind of failure this is
+    /// @param code        meaning fixed by whoever throws
+    /// @param fileName    the reporting source file; null stands for none
+    /// @param lineNumber  the reporting line; 0 stands for none
+    Exception(std::string const& name, int code, char const* fileName, unsigned int lineNumber);
+    Exception(Exception const& other);
+    Exception& operator=(Exception const& other);
+    virtual ~Exception();
+
+    /// Detail text, empty where none was set.
+    virtual std::string const& stringParameter() const;
+    virtual void stringParameter(std::string const& text);
+    /// Detail number, 0 where none was set.
+    virtual int intParameter() const;
+    virtual void intParameter(int value);
+    /// The reporting source file, empty where none was given.
+    virtual std::string const& fileName() const;
+    virtual void fileName(std::string const& name);
+    virtual void fileName(char const* name);
+    virtual unsigned int lineNumber() const;
+    virtual void lineNumber(unsigned int line);
+
+    /// Attaches the failure that led to this one.
+    ///
+    /// Called with the exception that is being handled, it keeps that very object, so its dynamic
+    /// type and what a derived class adds stay readable; any other object is copied as `Exception`.
+    virtual void cause(Exception const& caught);
+    /// The attached cause. Calling it without one is a programming error and ends the process.
+    virtual Exception const& cause() const;
+    virtual bool hasCause() const;
+
+    std::string const& name() const { return m_name; }
+    int code() const { return m_code; }
+
+    /// One line: name, code, file and line, detail text, then the causes, outermost first.
+    std::string asString() const;
+
+private:
+    std::string m_name;
+    int m_code;
+    std::string m_fileName;
+    unsigned int m_lineNumber;
+    int m_intParameter;
+    std::string m_stringParameter;
+    std::shared_ptr<Exception const> m_cause;
+};
+
+} // namespace Solvane
+
+#endif

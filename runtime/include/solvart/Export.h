@@ -1,0 +1,9 @@
+/// @file
+/// Symbol visibility of the runtime library.
+#ifndef SOLVART_EXPORT_H
+#define SOLVART_EXPORT_H
+
+/// Marks what the runtime offers to others; everything else stays hidden.
+#define SOLVART_EXPORT __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,35 @@
+/// @file
+/// An IPv4 or IPv6 address.
+#ifndef SOLVART_IP_ADDRESS_H
+#define SOLVART_IP_ADDRESS_H
+
+#include <solvart/Export.h>
+
+#include <iosfwd>
+#include <string>
+
+struct sockaddr;
+
+namespace Solvane {
+
+/// One address, without port. Printed in its usual notation, IPv6 without brackets.
+class SOLVART_EXPORT IPAddress {
+public:
+    /// @throws Exception  `address` is of another family than IPv4 and IPv6
+    explicit IPAddress(sockaddr const& address);
+
+    /// True for an IPv4 address in dotted-quad form and for an IPv6 address without zone (RFC
+    /// 4291).
+    static bool isValidIPAddress(std::string const& literal);
+
+    std::string const& asString() const { return m_text; }
+
+private:
+    std::string m_text;
+};
+
+SOLVART_EXPORT std::ostream& operator<<(std::ostream& out, IPAddress const& address);
+
+} // namespace Solvane
+
+#endif

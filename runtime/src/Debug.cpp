@@ -1,0 +1,52 @@
+// Debug output and the mask that switches it.
+#include <solvart/Debug.h>
+
+#include "Line.h"
+
+#include <cctype>
+#include <cstdarg>
+#include <cstdlib>
+#include <limits>
+
+namespace {
+
+// 0 for text that is not wholly a number of the mask's width.
+unsigned int maskFromEnvironment()
+{
+    char const* const text = std::getenv("SOLVANE_DEBUG_MASK");
+    if (text == nullptr || std::isdigit(static_cast<unsigned char>(*text)) == 0) {
+        return 0; // strtoul would take blanks and a sign
+    }
+    char* end = nullptr;
+    errno = 0;
+    unsigned long const mask = std::strtoul(text, &end, 0);
+    bool const isMask =
+        *end == '\0' && errno == 0 && mask <= std::numeric_limits<unsigned int>::max();
+    return isMask ? static_cast<unsigned int>(mask) : 0;
+}
+
+std::string orEmpty(char const* text) { return text == nullptr ? std::string() : text; }
+
+} // namespace
+
+unsigned int basepp_dbg_mask_ = maskFromEnvironment();
+
+namespace basepp {
+namespace dbg {
+
+void debug(char const* file, int line, char const* function, int /*flags*/, char const* format, ...)
+{
+    va_list arguments;
+    va_start(arguments, format);
+    Solvane::reportLine([&] {
+        std::string text;
+        Solvane::appendEscaped(text, orEmpty(file) + ':' + std::to_string(line) + ' ' +
+                                         orEmpty(function) + ": " +
+                                         Solvane::formatted(format, arguments));
+        return text;
+    });
+    va_end(arguments);
+}
+
+} // namespace dbg
+} // namespace basepp

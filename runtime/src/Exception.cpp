@@ -1,0 +1,96 @@
+// The product's exception and the chain of causes behind it.
+#include <solvart/Exception.h>
+
+#include "Line.h"
+
+#include <cassert>
+#include <exception>
+
+namespace Solvane {
+
+namespace {
+
+/// Whether the exception that `current` points to is `caught` itself.
+bool isObjectOf(std::exception_ptr const& current, Exception const& caught)
+{
+    if (current == nullptr) {
+        return false;
+    }
+    try {
+        std::rethrow_exception(current);
+    } catch (Exception const& object) {
+        return &object == &caught;
+    } catch (...) {
+        return false;
+    }
+}
+
+} // namespace
+
+Exception::Exception(std::string const& name, int code, char const* fileName,
+                     unsigned int lineNumber)
+    : m_name(name), m_code(code), m_fileName(fileName == nullptr ? "" : fileName),
+      m_lineNumber(lineNumber), m_intParameter(0)
+{
+}
+
+Exception::Exception(Exception const& other) = default;
+Exception& Exception::operator=(Exception const& other) = default;
+Exception::~Exception() = default;
+
+std::string const& Exception::stringParameter() const { return m_stringParameter; }
+void Exception::stringParameter(std::string const& text) { m_stringParameter = text; }
+
+int Exception::intParameter() const { return m_intParameter; }
+void Exception::intParameter(int value) { m_intParameter = value; }
+
+std::string const& Exception::fileName() const { return m_fileName; }
+void Exception::fileName(std::string const& name) { m_fileName = name; }
+void Exception::fileName(char const* name) { m_fileName = name == nullptr ? "" : name; }
+
+unsigned int Exception::lineNumber() const { return m_lineNumber; }
+void Exception::lineNumber(unsigned int line) { m_lineNumber = line; }
+
+void Exception::cause(Exception const& caught)
+{
+    std::exception_ptr const current = std::current_exception();
+    if (&caught != this && isObjectOf(current, caught)) {
+        // The pointer owns the exception that is being handled and shows the part that is ours.
+        auto const owner = std::make_shared<std::exception_ptr>(current);
+        m_cause = std::shared_ptr<Exception const>(owner, &caught);
+    } else {
+        m_cause = std::make_shared<Exception>(caught);
+    }
+}
+
+Exception const& Exception::cause() const
+{
+    assert(m_cause != nullptr);
+    return *m_cause;
+}
+
+bool Exception::hasCause() const { return m_cause != nullptr; }
+
+std::string Exception::asString() const
+{
+    std::string line;
+    for (Exception const* each = this; each != nullptr; each = each->m_cause.get()) {
+        if (each != this) {
+            line += ", caused by ";
+        }
+        appendEscaped(line, each->m_name);
+        line += " code " + std::to_string(each->m_code);
+        if (!each->m_fileName.empty()) {
+            line += " at ";
+            appendEscaped(line, each->m_fileName);
+            line += ':' + std::to_string(each->m_lineNumber);
+        }
+        if (!each->m_stringParameter.empty()) {
+            line += ": ";
+            appendEscaped(line, each->m_stringParameter);
+        }
+    }
+    return line;
+}
+
+} // namespace Solvane

@@ -1,0 +1,85 @@
+// Lines of text for people: control characters made visible, written in one piece.
+#ifndef SOLVART_SRC_LINE_H
+#define SOLVART_SRC_LINE_H
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <string>
+
+#include <unistd.h>
+
+namespace Solvane {
+
+/// Appends `text` with its control characters escaped, so that it cannot end the line early.
+inline void appendEscaped(std::string& line, std::string const& text)
+{
+    for (char const c : text) {
+        unsigned char const byte = static_cast<unsigned char>(c);
+        if (c == '\n') {
+            line += "\\n";
+        } else if (c == '\r') {
+            line += "\\r";
+        } else if (c == '\t') {
+            line += "\\t";
+        } else if (byte < 0x20 || byte == 0x7f) {
+            char const* const digits = "0123456789abcdef";
+            line += "\\x";
+            line += digits[byte >> 4];
+            line += digits[byte & 0x0f];
+        } else {
+            line += c;
+        }
+    }
+}
+
+/// The text that `format` makes of `arguments`; the bare format where it cannot be printed.
+inline std::string formatted(char const* format, va_list arguments)
+{
+    va_list again;
+    va_copy(again, arguments);
+    int const length = std::vsnprintf(nullptr, 0, format, again);
+    va_end(again);
+    if (length < 0) {
+        return format;
+    }
+    std::string text(static_cast<std::size_t>(length), '\0');
+    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
+    return text;
+}
+
+/// Writes `line` and a newline to standard error with one system call, so that lines of several
+/// threads do not mix. What cannot be written is dropped: there is nowhere to report it.
+inline void writeLine(std::string& line)
+{
+    line += '\n';
+    std::size_t written = 0;
+    while (written < line.size()) {
+        ssize_t const rc = ::write(STDERR_FILENO, line.data() + written, line.size() - written);
+        if (rc >= 0) {
+            written += static_cast<std::size_t>(rc); // a signal may cut a long write short
+        } else if (errno != EINTR) {
+            return;
+        }
+    }
+}
+
+/// Runs `compose`, which makes the line, and writes it. Leaves `errno` as it was and never throws:
+/// reporting must not disturb what is reported. Without memory for it the line is left out.
+template <typename Compose> void reportLine(Compose const& compose) noexcept
+{
+    int const errorNumber = errno;
+    try {
+        std::string line = compose();
+        writeLine(line);
+    } catch (...) {
+        static char const lost[] = "(line lost: out of memory)\n";
+        [[maybe_unused]] ssize_t const rc = ::write(STDERR_FILENO, lost, sizeof(lost) - 1);
+    }
+    errno = errorNumber;
+}
+
+} // namespace Solvane
+
+#endif

@@ -1,0 +1,26 @@
+// Mutual exclusion over the standard library's mutex.
+#include <solvart/Mutex.h>
+
+namespace Solvane {
+
+Mutex::Mutex() = default;
+Mutex::~Mutex() = default;
+
+void Mutex::lock() { m_mutex.lock(); }
+void Mutex::unlock() { m_mutex.unlock(); }
+
+Synchronized::Synchronized(Mutex* mutex) : m_mutex(mutex)
+{
+    if (m_mutex != nullptr) {
+        m_mutex->lock();
+    }
+}
+
+Synchronized::~Synchronized()
+{
+    if (m_mutex != nullptr) {
+        m_mutex->unlock();
+    }
+}
+
+} // namespace Solvane

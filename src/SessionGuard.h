@@ -1,0 +1,82 @@
+// What keeps an OpenLDAP session from doing harm by itself.
+#ifndef SOLVANE_LDAP_SRC_SESSION_GUARD_H
+#define SOLVANE_LDAP_SRC_SESSION_GUARD_H
+
+#include "OpenLDAP.h"
+
+#include <solvane/ldap/RefCounted.h>
+
+#include <chrono>
+
+namespace Solvane {
+
+/// A callback for the connections that a session opens, and a socket layer for each of them.
+///
+/// - A session that was given to a bind opens no connection except within a bind: OpenLDAP would
+///   silently connect again, without the bind, and let its operations run anonymously.
+/// - The TLS handshake ends when the network timeout is over: against a silent peer, OpenLDAP 2.5
+///   spins for ever.
+/// - Reads never block: a peer that sends half a message and stops leaves the waiting to
+///   `ldap_result`, which keeps its timeout. Writes block for the network timeout at the most.
+/// - A write to a closed peer raises no SIGPIPE.
+/// - A message announced as larger than the bound ends the connection before it is stored.
+///
+/// Must outlive the session that it was installed on.
+class SessionGuard : public NonCopyable {
+public:
+    /// @param networkTimeout       seconds
+    /// @param maximumMessageBytes  bound of an incoming message
+    SessionGuard(unsigned int networkTimeout, unsigned long maximumMessageBytes);
+
+    /// The value of the session's option LDAP_OPT_CONNECT_CB.
+    ldap_conncb* callback() { return &m_callback; }
+    void maximumMessageBytes(unsigned long bytes) { m_maximumMessageBytes = bytes; }
+
+    /// While it lives, the session may connect; from then on it is bound, or was to be.
+    class BindScope : public NonCopyable {
+    public:
+        explicit BindScope(SessionGuard& guard) : m_guard(guard)
+        {
+            m_guard.m_isForBind = true;
+            m_guard.m_isBinding = true;
+        }
+        ~BindScope() { m_guard.m_isBinding = false; }
+
+    private:
+        SessionGuard& m_guard;
+    };
+
+private:
+    static int connected(LDAP* session, Sockbuf* socket, LDAPURLDesc* server, sockaddr* address,
+                         ldap_conncb* callback);
+    static void disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback);
+
+    int install(Sockbuf* socket);
+
+    // The layer next to the socket.
+    static ber_slen_t readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    // The layer above TLS: what passes it is LDAP, so the handshake is over.
+    static ber_slen_t readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static ber_slen_t writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static int setUp(Sockbuf_IO_Desc* layer, void* guard);
+    static int control(Sockbuf_IO_Desc* layer, int option, void* argument);
+
+    using Clock = std::chrono::steady_clock;
+
+    static Sockbuf_IO s_socketLayer;
+    static Sockbuf_IO s_messageLayer;
+
+    ldap_conncb m_callback;
+    std::chrono::seconds m_networkTimeout;
+    ber_len_t m_maximumMessageBytes;
+    bool m_isForBind;
+    bool m_isBinding;
+    // Of the current connection; a session without referral chasing has one at a time.
+    bool m_isShakingHands;
+    Clock::time_point m_handshakeDeadline;
+};
+
+} // namespace Solvane
+
+#endif

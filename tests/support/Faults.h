@@ -1,0 +1,50 @@
+// What a test says about a thrown LDAPException.
+#ifndef SOLVANE_TESTS_SUPPORT_FAULTS_H
+#define SOLVANE_TESTS_SUPPORT_FAULTS_H
+
+#include <solvane/ldap/LDAPException.h>
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+
+namespace SolvaneTest {
+
+/// Runs `work` and returns a copy of the LDAPException that it throws. Any other outcome ends the
+/// test.
+template <typename Work> Solvane::LDAPException thrownBy(Work&& work)
+{
+    try {
+        work();
+    } catch (Solvane::LDAPException const& thrown) {
+        return thrown;
+    } catch (Solvane::Exception const& thrown) {
+        throw std::logic_error("an Exception was thrown, no LDAPException: " + thrown.asString());
+    }
+    throw std::logic_error("nothing was thrown");
+}
+
+/// An LDAPException of this unit ("Connection.cpp"), line, code and type.
+MATCHER_P4(IsFault, unit, line, code, type, "")
+{
+    *result_listener << "is " << arg.name() << " of " << arg.fileName() << ':' << arg.lineNumber()
+                     << ", code " << arg.code() << ", type " << arg.getType() << ", text \""
+                     << arg.stringParameter() << '"';
+    return arg.name() == "LDAPException" && arg.fileName() == unit &&
+           arg.lineNumber() == static_cast<unsigned int>(line) && arg.code() == code &&
+           arg.getType() == type;
+}
+
+/// The type of the LDAPException attached as cause; -1 where there is none or it is another one.
+inline int causeType(Solvane::Exception const& thrown)
+{
+    if (!thrown.hasCause()) {
+        return -1;
+    }
+    auto const* const cause = dynamic_cast<Solvane::LDAPException const*>(&thrown.cause());
+    return cause == nullptr ? -1 : cause->getType();
+}
+
+} // namespace SolvaneTest
+
+#endif
