@@ -1,6 +1,7 @@
 // Requests turned into OpenLDAP's arguments. Part of unit "Attribute".
 #include <solvane/ldap/impl/LDAPAdapters.h>
 
+#include <solvane/ldap/impl/LDAPAddImpl.h>
 #include <solvane/ldap/impl/LDAPSearchImpl.h>
 
 #include "OpenLDAP.h"
@@ -89,5 +90,99 @@ LDAPSearch::Deref LDAPSearchAdapter::toDeref(int deref)
 {
     return static_cast<LDAPSearch::Deref>(checked(deref, LDAP_DEREF_ALWAYS, at::toDeref));
 }
+
+// Modifications. OpenLDAP takes pointers to what it only reads as if it might write.
+
+namespace {
+
+/// A null-terminated array of `count` entries, all of them null yet.
+template <typename T> T** newArray(std::uint64_t count) { return new T*[count + 1](); }
+
+/// Deletes the entries of an array, up to `count` or to the first null one.
+template <typename T> void deleteEntries(T** entries, std::uint64_t count)
+{
+    for (std::uint64_t i = 0; i != count && entries[i] != nullptr; ++i) {
+        delete entries[i];
+    }
+}
+
+template <typename T> void deleteAll(std::list<T*>& pointers)
+{
+    for (T* const pointer : pointers) {
+        delete pointer;
+    }
+    pointers.clear();
+}
+
+} // namespace
+
+StringValueAdapter::StringValueAdapter(std::list<std::string> const& source)
+    : count(source.size()), values(newArray<char>(count))
+{
+    char** next = values;
+    for (std::string const& text : source) {
+        *next++ = const_cast<char*>(text.c_str());
+    }
+}
+
+StringValueAdapter::~StringValueAdapter() { delete[] values; }
+
+BerValueAdapter::BerValueAdapter(std::list<Buffer> const& source)
+    : count(source.size()), values(newArray<berval>(count))
+{
+    berval** next = values;
+    for (Buffer const& bytes : source) {
+        char const* const first = reinterpret_cast<char const*>(bytes.data());
+        *next++ = new berval{bytes.length(), const_cast<char*>(first)};
+    }
+}
+
+BerValueAdapter::~BerValueAdapter()
+{
+    deleteEntries(values, count);
+    delete[] values;
+}
+
+LDAPModAdapter::LDAPModAdapter(LDAPAttributeContainer const& attributes, int operation)
+    : count(attributes.attributes().size()), mods(newArray<LDAPMod>(count))
+{
+    LDAPMod** next = mods;
+    for (LDAPAttribute const& attribute : attributes.attributes()) {
+        LDAPMod* const modification = new LDAPMod();
+        *next++ = modification;
+        modification->mod_op = operation;
+        fill(*modification, attribute);
+    }
+}
+
+void LDAPModAdapter::fill(LDAPMod& modification, LDAPAttribute const& attribute)
+{
+    LDAPAttributeType const& type = attribute.type();
+    modification.mod_type = const_cast<char*>(type.asString().c_str());
+    if (type.isBinary()) {
+        modification.mod_op |= LDAP_MOD_BVALUES;
+        m_binaryAdapters.push_back(new BerValueAdapter(attribute.binaryValue()));
+        modification.mod_bvalues = m_binaryAdapters.back()->values;
+    } else {
+        m_stringAdapters.push_back(new StringValueAdapter(attribute.value()));
+        modification.mod_values = m_stringAdapters.back()->values;
+    }
+}
+
+LDAPModAdapter::~LDAPModAdapter()
+{
+    deleteEntries(mods, count);
+    delete[] mods;
+    deleteAll(m_binaryAdapters);
+    deleteAll(m_stringAdapters);
+}
+
+LDAPAddAdapter::LDAPAddAdapter(LDAPAddImpl& request)
+    : handle(static_cast<LDAP*>(request.connection().context())), dn(request.name().c_str()),
+      modifications(request.attributes(), LDAP_MOD_ADD)
+{
+}
+
+LDAPAddAdapter::~LDAPAddAdapter() = default;
 
 } // namespace Solvane

@@ -144,6 +144,8 @@ LDAPConnection::LDAPConnection(RefServer const& server, bool anonymous)
 
 LDAPConnection::LDAPConnection(LDAPConnection const& other) = default;
 LDAPConnection& LDAPConnection::operator=(LDAPConnection const& other) = default;
+LDAPConnection::LDAPConnection(LDAPConnection&& other) noexcept = default;
+LDAPConnection& LDAPConnection::operator=(LDAPConnection&& other) noexcept = default;
 LDAPConnection::~LDAPConnection() = default;
 
 bool LDAPConnection::isNull() const { return m_impl.isNull(); }

@@ -106,6 +106,16 @@ template <typename Work> auto reportingAs(ThrowSite const& site, Work&& work)
     }
 }
 
+/// Runs `work`. Every Exception, an LDAPException too, becomes the cause of the site's.
+template <typename Work> auto wrappingAs(ThrowSite const& site, Work&& work)
+{
+    try {
+        return std::forward<Work>(work)();
+    } catch (Exception const& caught) {
+        throw fault(site, caught);
+    }
+}
+
 } // namespace Solvane
 
 #endif

@@ -3,9 +3,11 @@
 #ifndef SOLVANE_LDAP_H
 #define SOLVANE_LDAP_H
 
+#include <solvane/ldap/DebugLogOpenLDAP.h>
 #include <solvane/ldap/LDAPAttribute.h>
 #include <solvane/ldap/LDAPConnection.h>
 #include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPQuery.h>
 #include <solvane/ldap/LDAPRequest.h>
 #include <solvane/ldap/LDAPResult.h>
 #include <solvane/ldap/LDAPUtil.h>

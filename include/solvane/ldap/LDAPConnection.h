@@ -1,5 +1,5 @@
 /// @file
-/// Server descriptions and connections.
+/// Server descriptions, connections, and the pool that threads share.
 #ifndef SOLVANE_LDAP_CONNECTION_H
 #define SOLVANE_LDAP_CONNECTION_H
 
@@ -10,7 +10,9 @@
 #include <solvart/Uri.h>
 
 #include <boost/shared_ptr.hpp>
+#include <boost/thread/shared_mutex.hpp>
 
+#include <list>
 #include <string>
 
 namespace Solvane {
@@ -85,6 +87,9 @@ public:
     LDAPConnection(RefServer const& server, bool anonymous);
     LDAPConnection(LDAPConnection const& other);
     LDAPConnection& operator=(LDAPConnection const& other);
+    /// Leaves `other` a null handle.
+    LDAPConnection(LDAPConnection&& other) noexcept;
+    LDAPConnection& operator=(LDAPConnection&& other) noexcept;
     virtual ~LDAPConnection();
 
     /// Authenticates with a simple bind (RFC 4511 section 4.2).
@@ -133,6 +138,63 @@ public:
 
 private:
     BodyReference<LDAPConnectionImpl> m_impl;
+};
+
+/// A pool of open connections that all threads of a process share.
+///
+/// A lookup hands out an idle, valid connection to the same server for the same credentials, marked
+/// as in use, and opens one where there is none. A user that is done calls `cacheMarkAsAvailable`
+/// on its handle; the connection stays in the pool for 300 seconds past its last use. The pool
+/// never waits for a connection in use and does no network work under its lock.
+class SOLVANE_LDAP_EXPORT LDAPConnectionCache : public NonCopyable {
+public:
+    /// @throws boost::thread_resource_error  no lock can be made
+    LDAPConnectionCache();
+    /// Lets go of the pool's connections; those in use live on with their users.
+    virtual ~LDAPConnectionCache();
+
+    /// A connection for use without a bind. It may be one that was never connected yet.
+    /// @throws LDAPException  code 4, type 0: no connection can be made; the failure is the cause
+    LDAPConnection getConnection(LDAPConnection::RefServer const& server);
+
+    /// A connection bound as `dn`. A new one waits for its bind's answer up to the server's network
+    /// timeout; one whose answer has not come by then counts as bound.
+    /// @return a null handle when the server refused the bind with another code than 49
+    /// @throws LDAPException  code 4, type 0: the connection or the bind failed, credentials
+    /// refused
+    ///                        (49) included; the failure is the cause
+    LDAPConnection getConnection(LDAPConnection::RefServer const& server, std::string const& dn,
+                                 std::string const& password);
+
+    /// Appends the server of every pooled connection, as often as there are connections to it.
+    void connections(std::list<LDAPConnection::RefServer>& servers) const;
+
+    /// Empties the pool. Connections in use stay usable, but do not come back.
+    void clear();
+
+    /// Drops every connection that expired before `now` (seconds since the epoch), in use or not.
+    /// @note Takes no lock: for use where no other thread has the pool.
+    void checkForExpiredConnections(long now);
+
+    /// How often a connection was reused; never reset.
+    Counter const& cacheHits() const { return m_cacheHits; }
+    /// Connections added, less those that expired; 0 after `clear`. Connections dropped as invalid
+    /// still count, so it may exceed the number of pooled ones.
+    Counter const& cacheSize() const { return m_cacheSize; }
+
+private:
+    struct Wanted;
+
+    LDAPConnection takeCached(Wanted const& wanted);
+    LDAPConnection openUnbound(LDAPConnection::RefServer const& server);
+    LDAPConnection openBound(LDAPConnection::RefServer const& server, std::string const& dn,
+                             std::string const& password);
+    void removeExpired(long now, std::list<LDAPConnection>& removed);
+
+    mutable boost::shared_mutex m_lock; // guards everything below
+    std::list<LDAPConnection> m_connections;
+    Counter m_cacheHits;
+    Counter m_cacheSize;
 };
 
 } // namespace Solvane

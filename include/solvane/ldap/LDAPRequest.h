@@ -1,5 +1,5 @@
 /// @file
-/// Requests sent to a server: what all have in common, and the search.
+/// Requests sent to a server: what all have in common, the search and the add.
 #ifndef SOLVANE_LDAP_REQUEST_H
 #define SOLVANE_LDAP_REQUEST_H
 
@@ -98,6 +98,29 @@ public:
 
     /// The search's record, made with defaults where there was none.
     Parameter& parameter() const;
+};
+
+/// The creation of one entry (RFC 4511 section 4.7).
+///
+/// The result tells the server's verdict: code 0 added, 68 it exists already, and so on.
+class SOLVANE_LDAP_EXPORT LDAPAdd : public LDAPRequest {
+public:
+    /// A null handle.
+    LDAPAdd();
+    /// The creation of the entry `dn` on `connection`, without attributes yet. Nothing is sent.
+    LDAPAdd(LDAPConnection& connection, std::string& dn);
+    LDAPAdd(LDAPAdd& other);
+    LDAPAdd& operator=(LDAPAdd const& other);
+    ~LDAPAdd() override;
+
+    /// The DN of the entry, which may be changed until it is sent.
+    std::string& name();
+    /// Appends attributes to those that are sent.
+    void attributes(std::list<LDAPAttribute> const& attributes);
+    /// Sends the attributes of `container`, which is shared: what is added to it until then is
+    /// sent.
+    void attributes(LDAPAttributeContainer const& container);
+    LDAPAttributeContainer const& attributes() const;
 };
 
 } // namespace Solvane

@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <memory>
 #include <type_traits>
+#include <utility>
 
 namespace Solvane {
 
@@ -165,6 +166,16 @@ public:
         if (this != &other) {
             RefCountedImplCopy<T>(m_counted, other.m_counted);
         }
+        return *this;
+    }
+    BodyReference(BodyReference&& other) noexcept : m_counted(other.m_counted)
+    {
+        other.m_counted = nullptr;
+    }
+    BodyReference& operator=(BodyReference&& other) noexcept
+    {
+        BodyReference taken(std::move(other));
+        std::swap(m_counted, taken.m_counted);
         return *this;
     }
     ~BodyReference()

@@ -4,6 +4,7 @@
 #define SOLVANE_LDAP_IMPL_H
 
 #include <solvane/ldap/impl/LDAPAdapters.h>
+#include <solvane/ldap/impl/LDAPAddImpl.h>
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
 #include <solvane/ldap/impl/LDAPConnectionImpl.h>
 #include <solvane/ldap/impl/LDAPRequestImpl.h>

@@ -1,0 +1,186 @@
+// The pool of bound connections. Part of unit "Connection".
+#include <solvane/ldap/LDAPConnection.h>
+
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
+
+#include "ThrowSite.h"
+
+#include <boost/thread/locks.hpp>
+
+#include <ctime>
+#include <utility>
+
+#include <unistd.h>
+
+namespace Solvane {
+
+namespace {
+// clang-format off
+namespace at { // what unit "Connection" reports here
+constexpr char unit[] = "Connection.cpp";
+constexpr char traceUnit[] = "Connection";
+//                                                 line  fault          stage
+constexpr ThrowSite boundWrapped          { unit,  602, Fault::failed, Stage::general };
+constexpr ThrowSite unboundWrapped        { unit,  650, Fault::failed, Stage::general };
+//                                                      line  function         mask
+constexpr TraceSite useCached             { traceUnit,  575, "getConnection", Trace::connection };
+constexpr TraceSite expiredCached         { traceUnit,  579, "getConnection", Trace::connection };
+constexpr TraceSite clearing              { traceUnit,  664, "clear",         Trace::error      };
+} // namespace at
+// clang-format on
+
+/// Gives a taken in-use marker back unless it was passed on.
+class MarkerGuard : public NonCopyable {
+public:
+    explicit MarkerGuard(LDAPConnection& connection) : m_connection(&connection) {}
+    ~MarkerGuard()
+    {
+        if (m_connection != nullptr) {
+            m_connection->cacheMarkAsAvailable();
+        }
+    }
+    void release() { m_connection = nullptr; }
+
+private:
+    LDAPConnection* m_connection;
+};
+
+} // namespace
+
+/// What a lookup asks for.
+struct LDAPConnectionCache::Wanted {
+    Uri const& uri;
+    bool anonymous;
+    std::string const& dn;
+    std::string const& password;
+
+    /// Whether `connection` serves, cheapest test first; if it does, it is taken for the caller.
+    bool takes(LDAPConnection& connection) const
+    {
+        LDAPConnectionImpl const& body = *connection.impl();
+        return body.m_server->uri == uri && body.m_anonymous == anonymous &&
+               (anonymous || (body.m_bindDn == dn && body.m_bindPassword == password)) &&
+               connection.cacheMarkAsUsed();
+    }
+};
+
+LDAPConnectionCache::LDAPConnectionCache() = default;
+LDAPConnectionCache::~LDAPConnectionCache() = default;
+
+LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer const& server)
+{
+    return wrappingAs(at::unboundWrapped, [&] {
+        LDAPConnection cached = takeCached({server->uri, true, std::string(), std::string()});
+        return cached.isNull() ? openUnbound(server) : std::move(cached);
+    });
+}
+
+LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer const& server,
+                                                  std::string const& dn,
+                                                  std::string const& password)
+{
+    return wrappingAs(at::boundWrapped, [&] {
+        LDAPConnection cached = takeCached({server->uri, false, dn, password});
+        return cached.isNull() ? openBound(server, dn, password) : std::move(cached);
+    });
+}
+
+/// The first idle and valid connection of the kind wanted, taken for the caller; else a null
+/// handle.
+LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
+{
+    std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
+    boost::unique_lock<boost::shared_mutex> const lock(m_lock);
+    long const now = time(nullptr);
+    if (!wanted.anonymous) {
+        removeExpired(now, removed);
+    }
+    for (auto position = m_connections.begin(); position != m_connections.end();) {
+        auto const current = position++;
+        if (!wanted.takes(*current)) {
+            continue;
+        }
+        if (!current->impl()->isValid()) {
+            if (!wanted.anonymous) {
+                SOLVANE_TRACE(at::expiredCached, "Expired cached LDAP connection to %s",
+                              current->server()->uri.asString().c_str());
+            }
+            removed.splice(removed.end(), m_connections, current);
+            continue;
+        }
+        MarkerGuard marker(*current);
+        LDAPConnection hit(*current); // allocates: the marker must not be lost
+        hit.impl()->extendExpiryTime(now);
+        m_cacheHits.increment();
+        if (!wanted.anonymous) {
+            SOLVANE_TRACE(at::useCached, "Use cached LDAP connection to %s",
+                          wanted.uri.asString().c_str());
+        }
+        marker.release();
+        return hit;
+    }
+    return LDAPConnection();
+}
+
+LDAPConnection LDAPConnectionCache::openUnbound(LDAPConnection::RefServer const& server)
+{
+    LDAPConnection connection(server, true);
+    connection.cacheMarkAsUsed();
+    boost::unique_lock<boost::shared_mutex> const lock(m_lock);
+    m_connections.push_back(connection);
+    m_cacheSize.increment();
+    return connection;
+}
+
+LDAPConnection LDAPConnectionCache::openBound(LDAPConnection::RefServer const& server,
+                                              std::string const& dn, std::string const& password)
+{
+    LDAPConnection connection(server, false);
+    connection.bind(dn, password, LDAPConnection::Asynchronous);
+    if (!connection.bindWait(server->networkTimeout)) {
+        return LDAPConnection();
+    }
+    // Another thread may have opened one like it meanwhile: both are kept, neither has waited.
+    boost::unique_lock<boost::shared_mutex> const lock(m_lock);
+    m_connections.push_back(connection);
+    m_cacheSize.increment();
+    connection.cacheMarkAsUsed();
+    return connection;
+}
+
+void LDAPConnectionCache::connections(std::list<LDAPConnection::RefServer>& servers) const
+{
+    boost::shared_lock<boost::shared_mutex> const lock(m_lock);
+    for (LDAPConnection const& connection : m_connections) {
+        servers.push_back(connection.server());
+    }
+}
+
+void LDAPConnectionCache::clear()
+{
+    std::list<LDAPConnection> removed; // let go after unlocking
+    boost::unique_lock<boost::shared_mutex> const lock(m_lock);
+    SOLVANE_TRACE(at::clearing, "tid=%d: Clear the cache", gettid());
+    removed.swap(m_connections);
+    m_cacheSize.reset();
+}
+
+void LDAPConnectionCache::checkForExpiredConnections(long now)
+{
+    std::list<LDAPConnection> removed;
+    removeExpired(now, removed);
+}
+
+/// Moves every expired connection to `removed`.
+void LDAPConnectionCache::removeExpired(long now, std::list<LDAPConnection>& removed)
+{
+    for (auto position = m_connections.begin(); position != m_connections.end();) {
+        auto const current = position++;
+        if (current->impl()->hasExpired(now)) {
+            removed.splice(removed.end(), m_connections, current);
+            m_cacheSize.decrement();
+        }
+    }
+}
+
+} // namespace Solvane
