@@ -1,0 +1,90 @@
+# shellcheck shell=bash disable=SC2034
+# Shared by the scripts of this folder: what must be installed, and building. Source it.
+
+# The top of the repository; every script works from there, wherever it is called.
+top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+# The administration programs (slapd) are in sbin, which a plain user's PATH may lack.
+PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
+export PATH
+
+# Debian's packages, by what they are for.
+packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
+    libcli11-dev libfmt-dev nlohmann-json3-dev)
+packages_directory=(slapd ldap-utils openssl python3 procps)
+packages_test=(libgtest-dev libgmock-dev)
+packages_clang=(clang libclang-rt-14-dev)
+packages_lint=(clang-format clang-tidy clang shellcheck codespell similarity-tester git)
+packages_coverage=(gcovr)
+packages_consumer=(pkg-config)
+
+die() {
+    printf '%s: %s\n' "${0##*/}" "$*" >&2
+    exit 1
+}
+
+step() { printf '\n==> %s\n' "$*"; }
+
+# missing_packages PACKAGE...: those of them that are not installed, one a line.
+missing_packages() {
+    local name
+    for name in "$@"; do
+        [[ $(dpkg-query -W -f='${db:Status-Status}' "$name" 2>/dev/null) == installed ]] ||
+            printf '%s\n' "$name"
+    done
+}
+
+# install_packages PACKAGE...: installs what is missing, or says what to run where that needs root.
+install_packages() {
+    command -v dpkg-query >/dev/null || die "needs Debian 12 or a relative; here is no dpkg"
+    local -a missing as_root=()
+    mapfile -t missing < <(missing_packages "$@")
+    ((${#missing[@]})) || return 0
+    if (($(id -u) != 0)); then
+        if command -v sudo >/dev/null && sudo -n true 2>/dev/null; then
+            as_root=(sudo -n)
+        else
+            die "needs packages that only root can install; run as root: apt-get install --no-install-recommends ${missing[*]}"
+        fi
+    fi
+    step "Installing ${missing[*]}"
+    local log
+    log=$(mktemp)
+    # One at a time: apt refuses a second run instead of waiting, for its lists at least.
+    if ! "${as_root[@]}" flock /var/lib/dpkg/solvane-install.lock bash -s "${missing[@]}" >"$log" 2>&1 <<'ROOT'
+set -e
+export DEBIAN_FRONTEND=noninteractive
+# A directory server is wanted as a program only: no database, and none started by the package.
+if [[ " $* " == *" slapd "* ]] && command -v debconf-set-selections >/dev/null; then
+    echo 'slapd slapd/no_configuration boolean true' | debconf-set-selections
+fi
+for try in 1 2 3; do
+    apt-get -q update && break
+    sleep "$try"
+done
+apt-get -q -y -o DPkg::Lock::Timeout=600 install --no-install-recommends "$@"
+ROOT
+    then
+        tail -n 30 "$log" >&2
+        rm -f "$log"
+        die "could not install ${missing[*]}"
+    fi
+    rm -f "$log"
+}
+
+# build PRESET [TARGET...]: configures and builds in build/PRESET, one build of a preset at a time.
+build() {
+    local preset=$1
+    shift
+    local -a targets=()
+    (($# == 0)) || targets=(--target "$@")
+    mkdir -p "$top/build/$preset"
+    (
+        cd "$top" || exit
+        flock 9
+        cmake --preset "$preset" >"build/$preset/configure.log" 2>&1 9>&- || {
+            cat "build/$preset/configure.log" >&2
+            die "could not configure $preset"
+        }
+        cmake --build --preset "$preset" "${targets[@]}" 9>&-
+    ) 9>"$top/build/$preset/.lock"
+}
