@@ -38,12 +38,11 @@ void debug(char const* file, int line, char const* function, int /*flags*/, char
 {
     va_list arguments;
     va_start(arguments, format);
-    Solvane::reportLine([&] {
-        std::string text;
-        Solvane::appendEscaped(text, orEmpty(file) + ':' + std::to_string(line) + ' ' +
-                                         orEmpty(function) + ": " +
-                                         Solvane::formatted(format, arguments));
-        return text;
+    Solvane::reportLine(format, arguments, [&](std::string const& text) {
+        std::string whole;
+        Solvane::appendEscaped(whole, orEmpty(file) + ':' + std::to_string(line) + ' ' +
+                                          orEmpty(function) + ": " + text);
+        return whole;
     });
     va_end(arguments);
 }

@@ -25,6 +25,31 @@ bool isObjectOf(std::exception_ptr const& current, Exception const& caught)
     }
 }
 
+/// Whether `sought` is `first` or one of the causes behind it.
+bool leadsTo(Exception const& first, Exception const& sought)
+{
+    Exception const* each = &first;
+    while (each != &sought && each->hasCause()) {
+        each = &each->cause();
+    }
+    return each == &sought;
+}
+
+void appendDescription(std::string& line, Exception const& exception)
+{
+    appendEscaped(line, exception.name());
+    line += " code " + std::to_string(exception.code());
+    if (!exception.fileName().empty()) {
+        line += " at ";
+        appendEscaped(line, exception.fileName());
+        line += ':' + std::to_string(exception.lineNumber());
+    }
+    if (!exception.stringParameter().empty()) {
+        line += ": ";
+        appendEscaped(line, exception.stringParameter());
+    }
+}
+
 } // namespace
 
 Exception::Exception(std::string const& name, int code, char const* fileName,
@@ -54,13 +79,18 @@ void Exception::lineNumber(unsigned int line) { m_lineNumber = line; }
 void Exception::cause(Exception const& caught)
 {
     std::exception_ptr const current = std::current_exception();
-    if (&caught != this && isObjectOf(current, caught)) {
+    bool const isBehindCaught = leadsTo(caught, *this);
+    if (!isBehindCaught && isObjectOf(current, caught)) {
         // The pointer owns the exception that is being handled and shows the part that is ours.
         auto const owner = std::make_shared<std::exception_ptr>(current);
         m_cause = std::shared_ptr<Exception const>(owner, &caught);
-    } else {
-        m_cause = std::make_shared<Exception>(caught);
+        return;
     }
+    auto const copy = std::make_shared<Exception>(caught);
+    if (isBehindCaught && &caught != this) {
+        copy->m_cause.reset(); // a chain that came back to this exception would own itself
+    }
+    m_cause = copy;
 }
 
 Exception const& Exception::cause() const
@@ -74,21 +104,11 @@ bool Exception::hasCause() const { return m_cause != nullptr; }
 std::string Exception::asString() const
 {
     std::string line;
-    for (Exception const* each = this; each != nullptr; each = each->m_cause.get()) {
-        if (each != this) {
-            line += ", caused by ";
-        }
-        appendEscaped(line, each->m_name);
-        line += " code " + std::to_string(each->m_code);
-        if (!each->m_fileName.empty()) {
-            line += " at ";
-            appendEscaped(line, each->m_fileName);
-            line += ':' + std::to_string(each->m_lineNumber);
-        }
-        if (!each->m_stringParameter.empty()) {
-            line += ": ";
-            appendEscaped(line, each->m_stringParameter);
-        }
+    appendDescription(line, *this);
+    for (Exception const* each = this; each->hasCause();) {
+        each = &each->cause();
+        line += ", caused by ";
+        appendDescription(line, *each);
     }
     return line;
 }

@@ -6,6 +6,8 @@
 #include <cstdarg>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
+#include <memory>
 #include <string>
 
 #include <unistd.h>
@@ -35,18 +37,16 @@ inline void appendEscaped(std::string& line, std::string const& text)
 }
 
 /// The text that `format` makes of `arguments`; the bare format where it cannot be printed.
-inline std::string formatted(char const* format, va_list arguments)
+__attribute__((format(printf, 1, 0))) inline std::string formatted(char const* format,
+                                                                   va_list arguments)
 {
-    va_list again;
-    va_copy(again, arguments);
-    int const length = std::vsnprintf(nullptr, 0, format, again);
-    va_end(again);
+    char* text = nullptr;
+    int const length = ::vasprintf(&text, format, arguments);
     if (length < 0) {
         return format;
     }
-    std::string text(static_cast<std::size_t>(length), '\0');
-    std::vsnprintf(text.data(), text.size() + 1, format, arguments);
-    return text;
+    std::unique_ptr<char, decltype(&std::free)> const owner(text, &std::free);
+    return std::string(text, static_cast<std::size_t>(length));
 }
 
 /// Writes `line` and a newline to standard error with one system call, so that lines of several
@@ -65,13 +65,15 @@ inline void writeLine(std::string& line)
     }
 }
 
-/// Runs `compose`, which makes the line, and writes it. Leaves `errno` as it was and never throws:
-/// reporting must not disturb what is reported. Without memory for it the line is left out.
-template <typename Compose> void reportLine(Compose const& compose) noexcept
+/// Writes the line that `compose` makes of the formatted text. Leaves `errno` as it was and never
+/// throws: reporting must not disturb what is reported.
+template <typename Compose>
+__attribute__((format(printf, 1, 0))) void reportLine(char const* format, va_list arguments,
+                                                      Compose const& compose) noexcept
 {
     int const errorNumber = errno;
     try {
-        std::string line = compose();
+        std::string line = compose(formatted(format, arguments));
         writeLine(line);
     } catch (...) {
         static char const lost[] = "(line lost: out of memory)\n";

@@ -3,6 +3,7 @@
 
 #include "Line.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <string>
 
@@ -15,15 +16,8 @@ char const partSeparator = '\x01';
 /// The parts of a message behind its catalogue number, parted by blanks.
 std::string readable(std::string message)
 {
-    std::string::size_type const numberEnd = message.find(partSeparator);
-    if (numberEnd != std::string::npos) {
-        message.erase(0, numberEnd + 1);
-    }
-    for (char& c : message) {
-        if (c == partSeparator) {
-            c = ' ';
-        }
-    }
+    message.erase(0, message.find(partSeparator) + 1); // nothing where there are no parts
+    std::replace(message.begin(), message.end(), partSeparator, ' ');
     return message;
 }
 
@@ -39,9 +33,9 @@ void Logger::log(unsigned int /*category*/, int /*flags*/, char const* format, .
 {
     va_list arguments;
     va_start(arguments, format);
-    reportLine([&] {
+    reportLine(format, arguments, [](std::string const& text) {
         std::string line = "solvane: ";
-        appendEscaped(line, readable(formatted(format, arguments)));
+        appendEscaped(line, readable(text));
         return line;
     });
     va_end(arguments);

@@ -33,7 +33,7 @@ void appendLatin1(std::string& out, char c)
 struct SequenceForm {
     unsigned char first;
     unsigned char last;
-    std::size_t length;
+    unsigned char length;
     unsigned char secondLow;
     unsigned char secondHigh;
 };

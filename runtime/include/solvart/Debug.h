@@ -6,14 +6,23 @@
 #include <solvart/Export.h>
 
 /// Which debug lines are wanted; a line is written when all bits of its level are set. Starts at
-/// the value of the environment variable SOLVANE_DEBUG_MASK (C notation, as 0x80008), else at 0.
-/// Assign it before other threads run.
+/// the value of the environment variable SOLVANE_DEBUG_MASK (C notation, as 0x80008), and at 0
+/// where that is not set or no number of 32 bits. Assign it before other threads run.
 extern SOLVART_EXPORT unsigned int basepp_dbg_mask_;
 
 namespace basepp {
 namespace dbg {
 
-/// Writes one line, `file:line function: text`, to standard error. The caller tests the mask.
+/// Writes one line, `file:line function: text`, to standard error; the caller tests the mask.
+///
+/// The line goes out in one system call, its control characters escaped. Never throws and keeps
+/// `errno`.
+///
+/// @param file      source unit; null stands for none
+/// @param line      source line
+/// @param function  operation; null stands for none
+/// @param flags     0
+/// @param format    printf's notation
 SOLVART_EXPORT void debug(char const* file, int line, char const* function, int flags,
                           char const* format, ...) __attribute__((format(printf, 5, 6)));
 

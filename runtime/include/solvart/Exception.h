@@ -12,8 +12,8 @@ namespace Solvane {
 
 /// A failure: a name, a code, the place that reported it and, where there is one, its cause.
 ///
-/// Thrown by value and caught by reference. A copy shares the cause, which is never changed once it
-/// is attached.
+/// Thrown by value and caught by reference. A copy shares the cause, which may be read from any
+/// thread and is not to be changed any more.
 class SOLVART_EXPORT Exception {
 public:
     /// @param name        what kind of failure this is
@@ -40,8 +40,10 @@ public:
 
     /// Attaches the failure that led to this one.
     ///
-    /// Called with the exception that is being handled, it keeps that very object, so its dynamic
-    /// type and what a derived class adds stay readable; any other object is copied as `Exception`.
+    /// Called with the exception that the innermost handler caught, it keeps that very object, so
+    /// its dynamic type and what a derived class adds stay readable; any other object is copied as
+    /// `Exception`. No exception becomes a cause of itself: it, too, is copied, and causes that
+    /// would lead back to it are left out.
     virtual void cause(Exception const& caught);
     /// The attached cause. Calling it without one is a programming error and ends the process.
     virtual Exception const& cause() const;
@@ -50,7 +52,8 @@ public:
     std::string const& name() const { return m_name; }
     int code() const { return m_code; }
 
-    /// One line: name, code, file and line, detail text, then the causes, outermost first.
+    /// One line: name, code, file and line, detail text, then the causes, outermost first. Control
+    /// characters are escaped (a newline as "\n"); what was not given is left out.
     std::string asString() const;
 
 private:

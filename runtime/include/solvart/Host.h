@@ -15,9 +15,13 @@ namespace Solvane {
 /// resolver puts first (RFC 6724).
 class SOLVART_EXPORT Host {
 public:
-    /// @param name         host name or address literal
+    /// Waits for the resolver.
+    ///
+    /// @param name         host name or address literal; empty text and text with a zero byte do
+    ///                     not resolve
     /// @param mustResolve  true: throw where the name does not resolve; false: make a null host
-    /// @throws Exception   the name does not resolve, asked for with `mustResolve`
+    /// @throws Exception       the name does not resolve, asked for with `mustResolve`
+    /// @throws std::bad_alloc  the resolver ran out of memory
     Host(std::string const& name, bool mustResolve);
 
     /// True when the name did not resolve.

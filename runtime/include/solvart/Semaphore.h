@@ -20,7 +20,8 @@ public:
 
     /// Takes a token if there is one; never blocks. True when a token was taken.
     bool trywait();
-    /// Gives a token back.
+    /// Gives a token back. More tokens than the system counts are a programming error and end the
+    /// process.
     void post();
 
 private:
