@@ -45,6 +45,12 @@ inline int causeType(Solvane::Exception const& thrown)
     return cause == nullptr ? -1 : cause->getType();
 }
 
+/// The LDAPException attached as cause; anything else ends the test.
+inline Solvane::LDAPException const& causeOf(Solvane::Exception const& thrown)
+{
+    return dynamic_cast<Solvane::LDAPException const&>(thrown.cause());
+}
+
 } // namespace SolvaneTest
 
 #endif

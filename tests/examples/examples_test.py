@@ -1,0 +1,92 @@
+"""The examples, each run as its first lines say."""
+
+import os
+import subprocess
+import unittest
+
+from support import DEADLINE, PEOPLE, READER, READER_PASSWORD, DirectoryTest, Result, freePort
+
+EXAMPLES = os.environ["SOLVANE_EXAMPLES"]
+NEW = "ou=new,dc=corp,dc=test"
+USER1 = "uid=user0000001," + PEOPLE
+
+
+class Examples(DirectoryTest):
+
+    def example(self, name, *arguments, port=None, password=READER_PASSWORD):
+        command = [os.path.join(EXAMPLES, name), "127.0.0.1",
+                   str(port or self.server["LDAP_PORT"]), *arguments]
+        done = subprocess.run(command, env={**os.environ, "LDAP_PASSWORD": password},
+                              capture_output=True, timeout=DEADLINE, check=False)
+        return Result(done.returncode, done.stdout, done.stderr)
+
+    def testOneLookupPrintsTheEntry(self):
+        result = self.example("one_lookup", READER, PEOPLE, "user0000010@corp.test")
+
+        self.assertEqual((result.status, result.errors), (0, ""))
+        self.assertEqual(result.lines, ["dn: uid=user0000010," + PEOPLE, "cn: Łukasz Kern 10",
+                                        "mail: user0000010@corp.test",
+                                        "mail: ukasz.10@alias.corp.test"])
+
+    def testOneLookupTellsNotFoundFromTrouble(self):
+        unknown = self.example("one_lookup", READER, PEOPLE, "nobody@corp.test")
+        refused = self.example("one_lookup", READER, PEOPLE, "user0000010@corp.test",
+                               password="wrong")
+        down = self.example("one_lookup", READER, PEOPLE, "user0000010@corp.test", port=freePort())
+
+        self.assertEqual((unknown.status, unknown.output, unknown.errors), (1, "", ""))
+        self.assertEqual(refused.status, 2)
+        self.assertIn("Invalid credentials", refused.errors)
+        self.assertEqual(down.status, 2)
+        self.assertIn("Can't contact LDAP server", down.errors)
+
+    def testPooledLookupsFromManyThreadsShareConnections(self):
+        result = self.example("pooled_lookups", READER, PEOPLE, "8", "200")
+
+        self.assertEqual((result.status, result.errors), (0, ""))
+        lookups, connections, hits, wrong = [int(word) for word in result.output.split()
+                                             if word.isdigit()]
+        self.assertEqual((lookups, wrong), (200, 0))
+        self.assertLessEqual(connections, 8)
+        self.assertEqual(connections + hits, 200)
+
+    def testDrivenQueriesAnswerEachInOrder(self):
+        result = self.example("driven_queries", READER, PEOPLE, "user0000001@corp.test",
+                              "nobody@corp.test", "user0000002@corp.test")
+
+        self.assertEqual((result.status, result.errors), (1, ""))
+        self.assertEqual(result.lines, ["user0000001@corp.test: " + USER1,
+                                        "nobody@corp.test: not found",
+                                        "user0000002@corp.test: uid=user0000002," + PEOPLE])
+
+    def testAddEntryAddsTextAndBinaryAttributesOnce(self):
+        certificate = os.path.join(self.directory, "tls", "good.der")
+        arguments = (READER, "uid=newcomer," + NEW, "newcomer", certificate)
+
+        first = self.example("add_entry", *arguments)
+        second = self.example("add_entry", *arguments)
+        found = self.example("one_lookup", READER, NEW, "newcomer@corp.test")
+
+        self.assertEqual((first.status, first.output), (0, f"added uid=newcomer,{NEW}\n"))
+        self.assertEqual((second.status, second.output), (1, "refused 68 Already exists\n"))
+        self.assertEqual(found.status, 0)
+
+    def testAddEntryReportsASchemaViolation(self):
+        result = self.example("add_entry", READER, "uid=other," + NEW, "not the name")
+
+        self.assertEqual(result.status, 1)
+        self.assertRegex(result.output, r"^refused 64 ")
+
+    def testOwnRequestCompares(self):
+        self.assertEqual(self.example("own_request", USER1, "sn", "Berg").output, "yes\n")
+        self.assertEqual(self.example("own_request", USER1, "sn", "Abel").output, "no\n")
+        self.assertEqual(self.example("own_request", USER1, "sn", "x", port=freePort()).status, 2)
+
+    def testDebugLogSwitchesOnAndOff(self):
+        result = self.example("debug_log")
+
+        self.assertEqual((result.status, result.output), (0, "switched on: 0, switched off: 0\n"))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,389 @@
+// Peers that no directory server is on purpose: silent, half-spoken, cut off, or sending nonsense.
+#include "Directory.h"
+#include "Eventually.h"
+#include "Faults.h"
+#include "LdapMessages.h"
+#include "ScriptedServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ctime>
+#include <fstream>
+#include <sstream>
+
+using namespace Solvane;
+using testing::AnyOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+extern "C" {
+// There where the leak sanitizer is.
+void __lsan_disable() __attribute__((weak));
+void __lsan_enable() __attribute__((weak));
+}
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+/// Grants the bind and answers the search that follows with what `answer` makes of its message id.
+template <typename Answer> ScriptedServer::Script answeringSearch(Answer answer)
+{
+    return [answer](Peer& peer) {
+        peer.grantBind();
+        std::string const request = peer.receiveMessage();
+        if (!request.empty()) {
+            peer.send(answer(messageIdOf(request)));
+        }
+        peer.receiveUntilClosed();
+    };
+}
+
+/// A search that was sent over a new, bound connection.
+struct SentSearch {
+    explicit SentSearch(ScriptedServer const& server)
+        : connection(boundTo(plainServer(server.port()))), search(connection, lookupOf("cn=x"))
+    {
+        search.send();
+    }
+
+    LDAPConnection connection;
+    LDAPSearch search;
+};
+
+/// While it lives, what is allocated need not be freed.
+class LeaksAllowed {
+public:
+    LeaksAllowed()
+    {
+        if (__lsan_disable != nullptr) {
+            __lsan_disable();
+        }
+    }
+    ~LeaksAllowed()
+    {
+        if (__lsan_enable != nullptr) {
+            __lsan_enable();
+        }
+    }
+};
+
+/// The most address space that this process has ever had, in megabytes.
+long peakOfMemory()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        long kilobytes = 0;
+        if (fields >> name >> kilobytes && name == "VmPeak:") {
+            return kilobytes / 1024;
+        }
+    }
+    throw std::runtime_error("no VmPeak");
+}
+
+/// Milliseconds of processor time that this thread has used.
+long processorTime()
+{
+    timespec used = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return used.tv_sec * 1000 + used.tv_nsec / 1000000;
+}
+
+} // namespace
+
+TEST(SilentPeer, LetsTheWaitForTheBindRunOut)
+{
+    ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });
+    LDAPConnection connection(plainServer(server.port()), false);
+    connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
+
+    bool const isDone = connection.bindWait(1);
+
+    EXPECT_TRUE(isDone);
+    EXPECT_TRUE(connection.impl()->m_bindResult.isNull());
+    EXPECT_EQ(connection.openldapErrorCode(), 0);
+}
+
+TEST(SilentPeer, EndsTheTlsHandshakeWithTheNetworkTimeout)
+{
+    ScriptedServer const server([](Peer& peer) { peer.ignore(); });
+    LDAPConnection connection(secureServer(server.port(), 1), false);
+    long const before = processorTime();
+
+    auto const thrown =
+        thrownBy([&] { connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
+    EXPECT_EQ(connection.openldapErrorCode(), -1);
+    EXPECT_LT(processorTime() - before, 300); // a second of waiting, not of spinning
+}
+
+TEST(SilentPeer, LetsTheWaitForASearchRunOut)
+{
+    ScriptedServer const server(answeringSearch([](int) { return std::string(); }));
+    SentSearch sent(server);
+
+    bool const isUnanswered = sent.search.wait(1);
+
+    EXPECT_TRUE(isUnanswered);
+    EXPECT_TRUE(sent.search.result().isNull());
+}
+
+TEST(PeerThatSpeaksNoTls, FailsTheHandshake)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+        peer.receiveUntilClosed();
+    });
+    LDAPConnection connection(secureServer(server.port(), 2), false);
+
+    auto const thrown = thrownBy([&] { bindAsReader(connection); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
+}
+
+TEST(HalfAMessage, LetsTheWaitRunOut)
+{
+    ScriptedServer const server(answeringSearch([](int id) {
+        std::string const entry = searchEntry(id, "cn=x", {{"cn", {"x"}}});
+        return entry.substr(0, entry.size() / 2);
+    }));
+    SentSearch sent(server);
+
+    bool const isUnanswered = sent.search.wait(1);
+
+    EXPECT_TRUE(isUnanswered);
+}
+
+TEST(HalfAMessage, IsTakenUpWhereItStopped)
+{
+    ScriptedServer server([](Peer& peer) {
+        peer.grantBind();
+        int const id = messageIdOf(peer.receiveMessage());
+        std::string const answer = searchEntry(id, "cn=x", {{"cn", {"x"}}}) + searchDone(id);
+        peer.send(answer.substr(0, 10));
+        peer.awaitCue();
+        peer.send(answer.substr(10));
+        peer.receiveUntilClosed();
+    });
+    SentSearch sent(server);
+
+    bool const isUnanswered = sent.search.wait(0);
+    server.giveCue();
+    bool const isStillUnanswered = sent.search.wait(10);
+
+    EXPECT_TRUE(isUnanswered);
+    EXPECT_FALSE(isStillUnanswered);
+    EXPECT_THAT(namesIn(sent.search.result()), ElementsAre("cn=x"));
+}
+
+TEST(HalfAMessage, FollowedByTheEndFailsTheSearch)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.grantBind();
+        int const id = messageIdOf(peer.receiveMessage());
+        peer.send(searchEntry(id, "cn=x", {{"cn", {"x"}}}).substr(0, 10));
+    });
+    SentSearch sent(server);
+
+    auto const thrown = thrownBy([&] { sent.search.wait(10); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_EQ(sent.connection.openldapErrorCode(), -1);
+}
+
+TEST(MessageInSmallPieces, IsPutTogether)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.grantBind();
+        int const id = messageIdOf(peer.receiveMessage());
+        peer.drip(searchEntry(id, "cn=x", {{"cn", {"x", "y"}}}) + searchDone(id));
+        peer.receiveUntilClosed();
+    });
+    SentSearch sent(server);
+
+    bool const isUnanswered = sent.search.wait(10);
+
+    EXPECT_FALSE(isUnanswered);
+    EXPECT_THAT(valuesIn(sent.search.result(), "cn"), ElementsAre("x", "y"));
+}
+
+TEST(MessageOfTwoGigabytes, FailsTheSearchWithoutRoomBeingMadeForIt)
+{
+    ScriptedServer const server(answeringSearch([](int) { return hugeMessageHeader(); }));
+    SentSearch sent(server);
+    long const before = peakOfMemory();
+
+    auto const thrown = thrownBy([&] { sent.search.wait(10); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_LT(peakOfMemory() - before, 1024);
+}
+
+TEST(MessageSizeLimit, RefusesALargerMessage)
+{
+    ScriptedServer const server(answeringSearch([](int id) {
+        return searchEntry(id, "cn=x", {{"cn", {std::string(2000, 'x')}}}) + searchDone(id);
+    }));
+    LDAPConnection connection(plainServer(server.port()), false);
+    connection.impl()->maximumMessageSize(1000);
+    bindAsReader(connection);
+
+    auto const thrown = thrownBy([&] { answerTo(connection, lookupOf("cn=x")); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+}
+
+TEST(MessageSizeLimit, TakesManySmallerMessages)
+{
+    ScriptedServer const server(answeringSearch([](int id) {
+        std::string entries;
+        for (int i = 0; i < 100; ++i) {
+            entries += searchEntry(id, "cn=x", {{"cn", {std::string(500, 'x')}}});
+        }
+        return entries + searchDone(id);
+    }));
+    LDAPConnection connection(plainServer(server.port()), false);
+    connection.impl()->maximumMessageSize(1000);
+    bindAsReader(connection);
+
+    LDAPResult const result = answerTo(connection, lookupOf("cn=x"));
+
+    EXPECT_THAT(namesIn(result), testing::SizeIs(100));
+}
+
+TEST(PeerThatStopsReading, FailsALargeRequestWithTheNetworkTimeout)
+{
+    ScriptedServer const server(
+        [](Peer& peer) {
+            peer.grantBind();
+            peer.ignore();
+        },
+        4096);
+    LDAPConnection connection = boundTo(plainServer(server.port(), 1));
+    std::string const large(std::size_t{32} << 20, 'x'); // more than both ends' buffers hold
+    LDAPSearch search(connection, searchFor("cn=x", "(cn=" + large + ")"));
+
+    auto const thrown = thrownBy([&] { search.send(); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
+    EXPECT_EQ(connection.openldapErrorCode(), -1);
+}
+
+TEST(PeerThatResets, FailsTheSearch)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.grantBind();
+        peer.receiveMessage();
+        peer.reset();
+    });
+    SentSearch sent(server);
+
+    auto const thrown = thrownBy([&] { sent.search.wait(10); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_EQ(sent.connection.openldapErrorCode(), -1);
+}
+
+/// The first write after a reset takes the socket's pending error away; it is the next one that
+/// would raise SIGPIPE. A look at the pending error, as isValid() takes it, has the same effect.
+class PeerThatHasReset : public testing::Test {
+protected:
+    PeerThatHasReset()
+        : server([](Peer& peer) {
+              peer.grantBind();
+              peer.reset();
+          }),
+          connection(boundTo(plainServer(server.port())))
+    {
+        hasReset = server.awaitEndedScripts(1);
+        connection.impl()->isValid();
+    }
+
+    ScriptedServer server;
+    LDAPConnection connection;
+    bool hasReset;
+};
+
+TEST_F(PeerThatHasReset, DoesNotKillTheProcessThatUnbinds)
+{
+    int const rc = connection.unbind();
+
+    EXPECT_TRUE(hasReset);
+    EXPECT_EQ(rc, 0);
+}
+
+TEST_F(PeerThatHasReset, DoesNotKillTheProcessThatLetsGo)
+{
+    connection = LDAPConnection();
+
+    EXPECT_TRUE(hasReset);
+    EXPECT_TRUE(connection.isNull());
+}
+
+TEST_F(PeerThatHasReset, DoesNotKillTheProcessThatSearches)
+{
+    auto const thrown = thrownBy([&] { answerTo(connection, lookupOf("cn=x")); });
+
+    EXPECT_TRUE(hasReset);
+    EXPECT_THAT(thrown, AnyOf(IsFault("Search.cpp", 270, 4, 4), IsFault("Search.cpp", 332, 4, 4)));
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST_F(PeerThatHasReset, DoesNotKillTheProcessThatBindsAgain)
+{
+    EXPECT_THROW(bindAsReader(connection), LDAPException);
+    EXPECT_TRUE(hasReset);
+}
+
+TEST(NoticeOfDisconnection, FailsTheSearch)
+{
+    ScriptedServer const server(answeringSearch([](int) { return noticeOfDisconnection(); }));
+    SentSearch sent(server);
+    LeaksAllowed const scope; // OpenLDAP 2.5 never frees the notice
+
+    auto const thrown = thrownBy([&] { sent.search.wait(10); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_NE(sent.connection.openldapErrorCode(), 0);
+}
+
+TEST(SearchRequestOnTheWire, CarriesNoLimits)
+{
+    ScriptedServer const server(answeringSearch([](int id) { return searchDone(id); }));
+    LDAPConnection connection = boundTo(plainServer(server.port()));
+    auto parameter = searchFor("cn=x", "(cn=x)");
+    parameter.sizeLimit = 7;
+    parameter.timeLimit = 7;
+
+    answerTo(connection, parameter);
+
+    // Scope subtree, aliases never, size limit 0, time limit 0, types only false.
+    std::string const fields("\x0a\x01\x02\x0a\x01\x00\x02\x01\x00\x02\x01\x00\x01\x01\x00", 15);
+    ASSERT_EQ(server.received().size(), 2U);
+    EXPECT_THAT(server.received().back(), HasSubstr(fields));
+}
+
+TEST(CancelledSearch, IsNotAbandoned)
+{
+    ScriptedServer const server(
+        answeringSearch([](int id) { return searchEntry(id, "cn=x", {}) + searchDone(id); }));
+    {
+        SentSearch sent(server);
+
+        sent.search.cancel();
+
+        EXPECT_FALSE(sent.search.wait(10));
+        EXPECT_THAT(namesIn(sent.search.result()), ElementsAre("cn=x"));
+    }
+    ASSERT_TRUE(eventually([&] { return server.received().size() == 3; }));
+    EXPECT_EQ(operationOf(server.received().back()), UnbindRequest);
+}
+
+} // namespace SolvaneTest

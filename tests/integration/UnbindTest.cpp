@@ -1,0 +1,170 @@
+// The end of a session, as the program and the server see it.
+#include "Directory.h"
+#include "Eventually.h"
+#include "Faults.h"
+#include "Slapd.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace Solvane;
+
+namespace SolvaneTest {
+
+namespace {
+constexpr char person[] = "uid=user0000001,ou=people,dc=corp,dc=test";
+} // namespace
+
+class Unbind : public SuiteWithSlapd<Unbind> {
+public:
+    static std::vector<std::string> options() { return {"--users", "20"}; }
+
+protected:
+    void SetUp() override
+    {
+        SuiteWithSlapd<Unbind>::SetUp();
+        if (!IsSkipped() && !HasFatalFailure()) {
+            connection = boundTo(plainServer(slapd().port()));
+        }
+    }
+
+    static bool serverHas(long connections)
+    {
+        return eventually([&] { return slapd().connectionCount() == connections; });
+    }
+
+    LDAPConnection connection;
+};
+
+TEST_F(Unbind, ClosesTheConnectionOnTheServer)
+{
+    bool const wasThere = serverHas(1);
+
+    int const rc = connection.unbind();
+
+    EXPECT_TRUE(wasThere);
+    EXPECT_EQ(rc, 0);
+    EXPECT_TRUE(serverHas(0));
+}
+
+TEST_F(Unbind, IsDoneByTheLastHandle)
+{
+    bool const wasThere = serverHas(1);
+
+    connection = LDAPConnection();
+
+    EXPECT_TRUE(wasThere);
+    EXPECT_TRUE(serverHas(0));
+}
+
+TEST_F(Unbind, IsNotDoneByAnyOtherHandle)
+{
+    {
+        LDAPConnection const copy(connection);
+    }
+
+    LDAPResult const result = answerTo(connection, lookupOf(person));
+
+    EXPECT_EQ(result.resultCode(), 0);
+    EXPECT_TRUE(serverHas(1));
+}
+
+TEST_F(Unbind, IsNotDoneWhileASearchHoldsTheConnection)
+{
+    LDAPSearch search(connection, lookupOf(person));
+    connection = LDAPConnection();
+
+    LDAPResult const result = answerTo(search);
+
+    EXPECT_EQ(result.resultCode(), 0);
+    EXPECT_TRUE(serverHas(1));
+}
+
+TEST_F(Unbind, MayBeRepeated)
+{
+    connection.unbind();
+
+    int const rc = connection.unbind();
+
+    EXPECT_EQ(rc, 0);
+}
+
+TEST_F(Unbind, KeepsTheContextButNotTheValidity)
+{
+    void* const context = connection.context();
+
+    connection.unbind();
+
+    EXPECT_EQ(connection.context(), context);
+    EXPECT_FALSE(connection.impl()->isValid());
+}
+
+TEST_F(Unbind, LeavesNothingToBind)
+{
+    connection.unbind();
+
+    auto const thrown = thrownBy([&] { bindAsReader(connection); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 208, 4, 3));
+    EXPECT_EQ(thrown.stringParameter(), "");
+}
+
+TEST_F(Unbind, LeavesNoBindToAwait)
+{
+    connection.unbind();
+
+    auto const thrown = thrownBy([&] { connection.bindWait(1); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 278, 4, 3));
+    EXPECT_EQ(thrown.stringParameter(),
+              "m_context=0, bind probably failed, unbind was called, then wait()");
+}
+
+TEST_F(Unbind, LetsNoSearchBeSent)
+{
+    LDAPSearch search(connection, searchFor(people, "(uid=user0000001)"));
+    connection.unbind();
+
+    auto const thrown = thrownBy([&] { search.send(); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
+    EXPECT_EQ(thrown.stringParameter(), "Can't contact LDAP server : (uid=user0000001)");
+    EXPECT_EQ(connection.openldapErrorCode(), -1);
+}
+
+TEST_F(Unbind, LetsNoSearchBeAwaited)
+{
+    LDAPSearch search(connection, lookupOf(person));
+    search.send();
+    connection.unbind();
+
+    auto const thrown = thrownBy([&] { search.wait(1); });
+
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_EQ(thrown.stringParameter(), "Can't contact LDAP server");
+    EXPECT_EQ(connection.openldapErrorCode(), -1);
+}
+
+TEST_F(Unbind, LeavesNoOptionsToRead)
+{
+    connection.unbind();
+    int version = 0;
+    constexpr int protocolVersionOption = 0x11;
+
+    auto const thrown =
+        thrownBy([&] { connection.impl()->getOption(protocolVersionOption, &version); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 509, 4, 2));
+    EXPECT_EQ(version, 0);
+}
+
+TEST_F(Unbind, LeavesAResultReadable)
+{
+    LDAPResult const result = answerTo(connection, lookupOf(person));
+
+    connection.unbind();
+
+    EXPECT_THAT(namesIn(result), testing::ElementsAre(person));
+}
+
+} // namespace SolvaneTest

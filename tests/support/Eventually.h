@@ -1,0 +1,25 @@
+// Waits for what another process or thread brings about.
+#ifndef SOLVANE_TESTS_SUPPORT_EVENTUALLY_H
+#define SOLVANE_TESTS_SUPPORT_EVENTUALLY_H
+
+#include <chrono>
+#include <thread>
+
+namespace SolvaneTest {
+
+/// True as soon as `condition` is, false when it still is not after ten seconds.
+template <typename Condition> bool eventually(Condition condition)
+{
+    auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    }
+    return true;
+}
+
+} // namespace SolvaneTest
+
+#endif

@@ -1,0 +1,246 @@
+// Sockets never block; every wait is a poll that also sees the server's end.
+#include "ScriptedServer.h"
+
+#include "LdapMessages.h"
+
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <utility>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+
+namespace SolvaneTest {
+
+namespace {
+
+void bindToFreePort(int socket)
+{
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    checked(bind(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), "bind");
+}
+
+unsigned int portOf(int socket)
+{
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    checked(getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length), "getsockname");
+    return ntohs(address.sin_port);
+}
+
+int newSocket()
+{
+    return checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0), "socket");
+}
+
+} // namespace
+
+// A port that is bound and not listened on.
+RefusingPort::RefusingPort() : m_socket(newSocket()), m_number(0)
+{
+    bindToFreePort(m_socket.number());
+    m_number = portOf(m_socket.number());
+}
+
+ScriptedServer::ScriptedServer(Script script, int receiveBuffer)
+    : m_script(std::move(script)), m_listener(newSocket()),
+      m_stop(checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd")), m_port(0),
+      m_endedScripts(0), m_hasCue(false), m_isStopping(false)
+{
+    int const listener = m_listener.number();
+    if (receiveBuffer != 0) {
+        checked(setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &receiveBuffer, sizeof receiveBuffer),
+                "SO_RCVBUF");
+    }
+    bindToFreePort(listener);
+    checked(listen(listener, 16), "listen");
+    m_port = portOf(listener);
+    m_acceptor = std::thread([this] { acceptAll(); });
+}
+
+ScriptedServer::~ScriptedServer()
+{
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_isStopping = true;
+    }
+    m_changed.notify_all();
+    eventfd_write(m_stop.number(), 1);
+    m_acceptor.join();
+    for (std::thread& player : m_players) { // nobody adds any more
+        player.join();
+    }
+}
+
+std::size_t ScriptedServer::connectionCount() const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return m_players.size();
+}
+
+std::vector<std::string> ScriptedServer::received() const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return m_received;
+}
+
+void ScriptedServer::giveCue()
+{
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_hasCue = true;
+    }
+    m_changed.notify_all();
+}
+
+bool ScriptedServer::awaitEndedScripts(std::size_t count)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_for(lock, std::chrono::seconds(10),
+                              [&] { return m_endedScripts >= count; });
+}
+
+void ScriptedServer::acceptAll()
+{
+    std::array<pollfd, 2> waited = {pollfd{m_listener.number(), POLLIN, 0},
+                                    pollfd{m_stop.number(), POLLIN, 0}};
+    for (;;) {
+        poll(waited.data(), waited.size(), -1);
+        if (waited[1].revents != 0) {
+            return;
+        }
+        int const socket =
+            accept4(m_listener.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        if (socket >= 0) {
+            std::lock_guard<std::mutex> const lock(m_mutex);
+            m_players.emplace_back([this, socket] { play(socket); });
+        }
+    }
+}
+
+void ScriptedServer::play(int socket)
+{
+    {
+        Peer peer(*this, socket);
+        m_script(peer);
+    }
+    {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        ++m_endedScripts;
+    }
+    m_changed.notify_all();
+}
+
+ScriptedServer::Peer::Peer(ScriptedServer& server, int socket) : m_server(server), m_socket(socket)
+{
+    int const on = 1; // a dripped byte is to leave at once
+    setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+}
+
+/// False when the server is to end.
+bool ScriptedServer::Peer::awaitSocket(short events)
+{
+    std::array<pollfd, 2> waited = {pollfd{m_socket.number(), events, 0},
+                                    pollfd{m_server.m_stop.number(), POLLIN, 0}};
+    poll(waited.data(), waited.size(), -1);
+    return waited[1].revents == 0;
+}
+
+/// False when there will be no more.
+bool ScriptedServer::Peer::receiveMore()
+{
+    std::array<char, 65536> bytes;
+    while (awaitSocket(POLLIN)) {
+        ssize_t const count = recv(m_socket.number(), bytes.data(), bytes.size(), 0);
+        if (count > 0) {
+            m_pending.append(bytes.data(), static_cast<std::size_t>(count));
+            return true;
+        }
+        if (count == 0 || (errno != EAGAIN && errno != EINTR)) {
+            return false;
+        }
+    }
+    return false;
+}
+
+std::string ScriptedServer::Peer::receiveMessage()
+{
+    for (;;) {
+        std::size_t const length = messageLength(m_pending);
+        if (length != 0 && length <= m_pending.size()) {
+            std::string const message = m_pending.substr(0, length);
+            m_pending.erase(0, length);
+            std::lock_guard<std::mutex> const lock(m_server.m_mutex);
+            m_server.m_received.push_back(message);
+            return message;
+        }
+        if (!receiveMore()) {
+            return std::string();
+        }
+    }
+}
+
+void ScriptedServer::Peer::grantBind()
+{
+    std::string const request = receiveMessage();
+    if (!request.empty()) {
+        send(bindResponse(messageIdOf(request)));
+    }
+}
+
+void ScriptedServer::Peer::send(std::string const& bytes)
+{
+    std::size_t sent = 0;
+    while (sent < bytes.size() && awaitSocket(POLLOUT)) {
+        ssize_t const count =
+            ::send(m_socket.number(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        if (count >= 0) {
+            sent += static_cast<std::size_t>(count);
+        } else if (errno != EAGAIN && errno != EINTR) {
+            return;
+        }
+    }
+}
+
+void ScriptedServer::Peer::drip(std::string const& bytes)
+{
+    for (char const byte : bytes) {
+        send(std::string(1, byte));
+        // So that the reader wakes up for each: it must find the message incomplete, and wait
+        // again.
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+void ScriptedServer::Peer::reset()
+{
+    linger const dropAll = {1, 0};
+    setsockopt(m_socket.number(), SOL_SOCKET, SO_LINGER, &dropAll, sizeof dropAll);
+    m_socket.close();
+}
+
+void ScriptedServer::Peer::awaitCue()
+{
+    std::unique_lock<std::mutex> lock(m_server.m_mutex);
+    m_server.m_changed.wait(lock, [&] { return m_server.m_hasCue || m_server.m_isStopping; });
+}
+
+void ScriptedServer::Peer::receiveUntilClosed()
+{
+    while (!receiveMessage().empty()) {
+    }
+}
+
+void ScriptedServer::Peer::ignore()
+{
+    std::unique_lock<std::mutex> lock(m_server.m_mutex);
+    m_server.m_changed.wait(lock, [&] { return m_server.m_isStopping; });
+}
+
+} // namespace SolvaneTest

@@ -1,0 +1,104 @@
+// A server that sends chosen bytes, for faults that no real server makes on request.
+#ifndef SOLVANE_TESTS_SUPPORT_SCRIPTED_SERVER_H
+#define SOLVANE_TESTS_SUPPORT_SCRIPTED_SERVER_H
+
+#include "Descriptor.h"
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace SolvaneTest {
+
+/// A port of 127.0.0.1 that refuses connections for as long as the object lives.
+class RefusingPort {
+public:
+    RefusingPort();
+    unsigned int number() const { return m_number; }
+
+private:
+    Descriptor m_socket;
+    unsigned int m_number;
+};
+
+/// Listens on a free port of 127.0.0.1 and plays a script on every connection, each in a thread of
+/// its own. A connection is closed in the ordinary way when its script returns. Whatever a script
+/// waits for ends when the server is destroyed.
+class ScriptedServer {
+public:
+    class Peer;
+    using Script = std::function<void(Peer&)>;
+
+    /// @param receiveBuffer  bytes that the kernel takes before the script reads; 0: its own choice
+    explicit ScriptedServer(Script script, int receiveBuffer = 0);
+    ScriptedServer(ScriptedServer const&) = delete;
+    ScriptedServer& operator=(ScriptedServer const&) = delete;
+    ~ScriptedServer();
+
+    unsigned int port() const { return m_port; }
+    /// How many connections were accepted.
+    std::size_t connectionCount() const;
+    /// Every whole message that a script has received, in order of arrival.
+    std::vector<std::string> received() const;
+
+    /// Lets scripts that are in `Peer::awaitCue` go on.
+    void giveCue();
+    /// Waits until this many scripts have ended. False: not after ten seconds.
+    bool awaitEndedScripts(std::size_t count);
+
+private:
+    void acceptAll();
+    void play(int socket);
+
+    Script const m_script;
+    Descriptor m_listener;
+    Descriptor m_stop; ///< an event; readable from the destructor's start
+    unsigned int m_port;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<std::string> m_received; ///< guarded by m_mutex
+    std::vector<std::thread> m_players;  ///< guarded by m_mutex
+    std::size_t m_endedScripts;          ///< guarded by m_mutex
+    bool m_hasCue;                       ///< guarded by m_mutex
+    bool m_isStopping;                   ///< guarded by m_mutex
+    std::thread m_acceptor;
+};
+
+/// One connection, as a script sees it.
+class ScriptedServer::Peer {
+public:
+    /// The next whole message; empty when the client or the test is gone.
+    std::string receiveMessage();
+    /// Receives a bind request and grants it.
+    void grantBind();
+    void send(std::string const& bytes);
+    /// Sends byte by byte.
+    void drip(std::string const& bytes);
+    /// Ends the connection with a reset.
+    void reset();
+    /// Waits for the test's `giveCue`.
+    void awaitCue();
+    /// Keeps the connection open and receives until the client closes it.
+    void receiveUntilClosed();
+    /// Keeps the connection open and does not even receive.
+    void ignore();
+
+private:
+    friend class ScriptedServer;
+    Peer(ScriptedServer& server, int socket);
+
+    bool awaitSocket(short events);
+    bool receiveMore();
+
+    ScriptedServer& m_server;
+    Descriptor m_socket;
+    std::string m_pending; ///< received, but not yet a whole message
+};
+
+} // namespace SolvaneTest
+
+#endif

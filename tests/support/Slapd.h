@@ -1,0 +1,102 @@
+// A real directory server for a test, made by the scripts in testbed/.
+#ifndef SOLVANE_TESTS_SUPPORT_SLAPD_H
+#define SOLVANE_TESTS_SUPPORT_SLAPD_H
+
+#include "TemporaryDirectory.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+typedef struct ldap LDAP;
+
+namespace SolvaneTest {
+
+/// An OpenLDAP server with the data that testbed/README.md describes, on ports of its own. It ends
+/// with the object, and at the latest with the process.
+class Slapd {
+public:
+    /// @param options  those of testbed/slapd-start
+    /// @throws std::runtime_error  it does not start; what() holds the script's output
+    explicit Slapd(std::vector<std::string> const& options = {});
+    Slapd(Slapd const&) = delete;
+    Slapd& operator=(Slapd const&) = delete;
+    ~Slapd();
+
+    static bool isInstalled();
+    /// Skips the calling test, or fails it where the environment variable CI is "true", since there
+    /// it must run.
+    static void reportMissing();
+
+    std::string host() const { return "127.0.0.1"; }
+    unsigned int port() const { return m_port; }
+    unsigned int tlsPort() const { return m_tlsPort; }
+    pid_t pid() const { return m_pid; }
+    std::string uri() const;
+    /// The certificate of the authority that signed the server's.
+    std::filesystem::path caFile() const { return m_directory / "tls" / "ca.pem"; }
+    /// The DER certificate that the data holds as userCertificate;binary.
+    std::filesystem::path certificateFile() const { return m_directory / "tls" / "good.der"; }
+
+    bool isRunning() const;
+    /// Kills the process, as a crash would, and waits until it is gone.
+    void kill();
+    /// Starts it again on the same ports and data.
+    void restart();
+    /// Stops the process where it is: the kernel still accepts connections, nobody answers.
+    void pause();
+    void resume();
+
+    /// How many connections the server has at the moment, this question's own not counted.
+    long connectionCount();
+
+private:
+    void takeAddress(std::string const& environment);
+    void signal(int number) const;
+    void closeMonitor();
+
+    TemporaryDirectory m_folder;
+    std::filesystem::path m_directory;
+    unsigned int m_port;
+    unsigned int m_tlsPort;
+    pid_t m_pid;
+    LDAP* m_monitor; ///< session for the server's counters; null until needed
+};
+
+/// Base of suites that share one server. `Suite` names its options: `static Slapd::... options()`.
+///
+/// Without an installed server its tests are skipped; they fail where the environment variable CI
+/// is "true", since there they must run.
+template <typename Suite> class SuiteWithSlapd : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (Slapd::isInstalled()) {
+            s_slapd = std::make_unique<Slapd>(Suite::options());
+        }
+    }
+    static void TearDownTestSuite() { s_slapd.reset(); }
+
+    void SetUp() override
+    {
+        if (s_slapd == nullptr) {
+            Slapd::reportMissing();
+        }
+    }
+
+    static Slapd& slapd() { return *s_slapd; }
+
+private:
+    static std::unique_ptr<Slapd> s_slapd;
+};
+
+template <typename Suite> std::unique_ptr<Slapd> SuiteWithSlapd<Suite>::s_slapd;
+
+} // namespace SolvaneTest
+
+#endif

@@ -1,0 +1,24 @@
+// A folder of a test's own, deleted with all its content when the test is done.
+#ifndef SOLVANE_TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
+#define SOLVANE_TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
+
+#include <filesystem>
+
+namespace SolvaneTest {
+
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    TemporaryDirectory(TemporaryDirectory const&) = delete;
+    TemporaryDirectory& operator=(TemporaryDirectory const&) = delete;
+    ~TemporaryDirectory();
+
+    std::filesystem::path const& path() const { return m_path; }
+
+private:
+    std::filesystem::path m_path;
+};
+
+} // namespace SolvaneTest
+
+#endif

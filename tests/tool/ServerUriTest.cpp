@@ -1,0 +1,42 @@
+// What a server's URI is read as; refusals are tried on the tool itself.
+#include "ServerUri.h"
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <tuple>
+
+namespace Solvane::Tool {
+namespace {
+
+auto partsOf(std::string const& text)
+{
+    ServerUri const uri(text);
+    return std::tuple(uri.host, uri.port, uri.isSecure);
+}
+
+TEST(AServerUri, HasTheDefaultPortOfItsScheme)
+{
+    EXPECT_EQ(partsOf("ldap://h"), std::tuple("h", 389U, false));
+    EXPECT_EQ(partsOf("ldaps://h/"), std::tuple("h", 636U, true));
+}
+
+TEST(AServerUri, MayNameAPort)
+{
+    EXPECT_EQ(partsOf("ldap://h.example:1"), std::tuple("h.example", 1U, false));
+    EXPECT_EQ(partsOf("ldaps://h.example:65535/"), std::tuple("h.example", 65535U, true));
+}
+
+TEST(AServerUri, HasAnIpv6AddressInBrackets)
+{
+    EXPECT_EQ(partsOf("ldap://[::1]"), std::tuple("::1", 389U, false));
+    EXPECT_EQ(partsOf("ldap://[2001:db8::1]:3389/"), std::tuple("2001:db8::1", 3389U, false));
+}
+
+TEST(AServerUri, HasASchemeInAnyCase)
+{
+    EXPECT_EQ(partsOf("LDAPS://h"), std::tuple("h", 636U, true));
+}
+
+} // namespace
+} // namespace Solvane::Tool

@@ -1,0 +1,145 @@
+"""The three forms of a record, with values of every kind."""
+
+import base64
+import json
+import os
+import subprocess
+import unittest
+
+from support import DEADLINE, DirectoryTest, ScriptedPeer, ToolTest, bound, entry, readLdif, run
+from support import searched
+
+WITH_BINARY = "user0000100@corp.test"  # UTF-8 names, a photo, a certificate, an option
+
+
+class Formats(DirectoryTest):
+
+    def certificate(self):
+        with open(os.path.join(self.directory, "tls", "good.der"), "rb") as file:
+            return file.read()
+
+    def recordOf(self, *arguments, **options):
+        """The only JSON record of a lookup."""
+        result = self.lookUp("--format", "json", *arguments, **options)
+        self.assertEqual(len(result.lines), 1, result.output)
+        return json.loads(result.lines[0])
+
+    def testJsonHasEveryField(self):
+        record = self.recordOf("--attrs", "uid,mail", "user0000010@corp.test")
+
+        milliseconds = record.pop("ms")
+        self.assertGreater(milliseconds, 0)
+        self.assertEqual(record, {
+            "key": "user0000010@corp.test", "status": "found",
+            "filter": "(mail=user0000010@corp.test)", "server": self.uri,
+            "entries": [{"dn": "uid=user0000010,ou=people,dc=corp,dc=test",
+                         "attrs": {"uid": ["user0000010"],
+                                   "mail": ["user0000010@corp.test", "ukasz.10@alias.corp.test"]}}],
+            "code": 0, "text": ""})
+
+    def testJsonKeepsUtf8AndWrapsOtherBytes(self):
+        record = self.recordOf(WITH_BINARY)
+
+        attributes = record["entries"][0]["attrs"]
+        self.assertEqual(attributes["cn"], ["Zo\u00eb Berg 100"])
+        self.assertEqual(attributes["cn;lang-fr"], ["Monsieur 100"])
+        photo = base64.b64decode(attributes["jpegPhoto"][0]["base64"], validate=True)
+        self.assertTrue(photo.startswith(b"\xff\xd8\xff\xe0\x00\x10JFIF\x00"))
+        self.assertEqual(len(photo), 700)
+        self.assertEqual(attributes["userCertificate;binary"],
+                         [{"base64": base64.b64encode(self.certificate()).decode()}])
+
+    def testJsonSaysWhatWasNotFoundAndWhatFailed(self):
+        missing = self.recordOf("nobody@x")
+        failed = self.recordOf("a@x", base="ou=missing,dc=corp,dc=test")
+        refused = self.recordOf(b"\xff")
+
+        self.assertEqual((missing["status"], missing["code"], missing["entries"]),
+                         ("notfound", 0, []))
+        self.assertEqual((failed["status"], failed["code"]), ("error", 32))
+        self.assertIn("No such object", failed["text"])
+        self.assertEqual((refused["status"], refused["code"], refused["filter"]),
+                         ("error", None, None))
+        self.assertEqual(refused["key"], {"base64": "/w=="})
+
+    def testTextShowsUtf8AndEncodesOtherBytes(self):
+        result = self.lookUp(WITH_BINARY)
+
+        self.assertIn("cn: Zo\u00eb Berg 100", result.lines)
+        self.assertIn("cn;lang-fr: Monsieur 100", result.lines)
+        self.assertIn("userCertificate;binary:: " + base64.b64encode(self.certificate()).decode(),
+                      result.lines)
+        self.assertEqual(sum(line.startswith("jpegPhoto:: ") for line in result.lines), 1)
+
+    def testLdifCanBeReadAgain(self):
+        result = self.lookUp("--format", "ldif", WITH_BINARY, "nobody@x", "user0000001@corp.test")
+
+        self.assertEqual(result.status, 1)
+        self.assertIn("# nobody@x: not found", result.lines)
+        self.assertTrue(all(len(line) <= 78 for line in result.lines))
+        first, second = readLdif(result.output)
+        self.assertEqual(first[0], ("dn", b"uid=user0000100,ou=people,dc=corp,dc=test"))
+        self.assertIn(("cn", "Zo\u00eb Berg 100".encode()), first)
+        self.assertIn(("userCertificate;binary", self.certificate()), first)
+        self.assertEqual(second[0], ("dn", b"uid=user0000001,ou=people,dc=corp,dc=test"))
+
+    def testLdifIsTakenByADirectory(self):
+        found = self.lookUp("--format", "ldif", "nobody@x", WITH_BINARY, "nobody@y",
+                            "user0000001@corp.test", "nobody@z")
+        ldif = self.file("found.ldif", found.bytes)
+
+        checked = subprocess.run(["ldapadd", "-x", "-n", "-H", self.uri, "-f", ldif],
+                                 capture_output=True, timeout=DEADLINE, check=False)
+
+        self.assertEqual(checked.returncode, 0, checked.stderr)
+        self.assertEqual(checked.stdout.count(b'!adding new entry "uid='), 2, checked.stdout)
+
+    def testLargeValuesArriveWhole(self):
+        record = self.recordOf("bigphoto@corp.test", base="ou=big,dc=corp,dc=test")
+
+        photo = record["entries"][0]["attrs"]["jpegPhoto"][0]["base64"]
+        self.assertEqual(len(base64.b64decode(photo, validate=True)), 1 << 20)
+
+
+class FormatsOfHostileValues(ToolTest):
+    """Values that no schema would let in."""
+
+    def lookUp(self, form, *attributes, dn=b"cn=x"):
+        peer = ScriptedPeer(self, bound(), entry(2, dn, *attributes) + searched(2))
+        return run("lookup", "-H", peer.uri, "-b", "dc=x", "-t", "(cn=$u)", "--format", form, "a")
+
+    def testTextStaysOnItsLines(self):
+        result = self.lookUp("text", (b"cn", [b"a\ndn: forged", b"", b" b ", b"\x1b[2J"]),
+                             (b"x\n# forged", [b"1"]), dn=b"cn=a\x07")
+
+        self.assertEqual(result.lines, [
+            "# a: found 1", "dn:: Y249YQc=", "cn:: YQpkbjogZm9yZ2Vk", "cn: ", "cn:  b ",
+            "cn:: G1sySg==", "x\\x0A# forged: 1", ""])
+
+    def testJsonStaysValid(self):
+        result = self.lookUp("json", (b"cn", [b"a\nb\0\"", b"\xff"]), (b"x\xff", [b"1"]),
+                             (b"y;binary", [b"text"]), dn=b"\xff")
+
+        entries = json.loads(result.output)["entries"]
+        self.assertEqual(entries, [{"dn": {"base64": "/w=="}, "attrs": {
+            "cn": ["a\nb\0\"", {"base64": "/w=="}], "x\\xFF": ["1"],
+            "y;binary": [{"base64": "dGV4dA=="}]}}])
+
+    def testLdifStaysReadable(self):
+        result = self.lookUp("ldif", (b"cn", [b"a\nb", b"", b" b", b":c", b"<d", b"e "]), dn=b"")
+
+        record = readLdif(result.output)[0]
+        self.assertEqual(record, [("dn", b""), ("cn", b"a\nb"), ("cn", b""), ("cn", b" b"),
+                                  ("cn", b":c"), ("cn", b"<d"), ("cn", b"e ")])
+
+    def testMessagesOfAServerStayOnOneLine(self):
+        peer = ScriptedPeer(self, bound(), searched(2, 53, text=b"no\nforged: line \x1b[2J"))
+
+        result = run("lookup", "-H", peer.uri, "-b", "dc=x", "-t", "(cn=$u)", "a")
+
+        self.assertFails(result, 69, "no\\x0Aforged: line \\x1B[2J")
+        self.assertEqual(len(result.lines), 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

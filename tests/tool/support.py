@@ -1,0 +1,213 @@
+"""What the tests of the tool share: running it, a directory, and peers that misbehave."""
+
+import base64
+import os
+import shutil
+import socket
+import subprocess
+import tempfile
+import threading
+import unittest
+
+TOOL = os.environ["SOLVANE_LDAP_TOOL"]
+TESTBED = os.environ["SOLVANE_TESTBED"]
+DEADLINE = 60  # seconds; far more than anything here takes
+
+PEOPLE = "ou=people,dc=corp,dc=test"
+PRIVATE = "ou=private,dc=corp,dc=test"
+READER = "cn=reader,dc=corp,dc=test"
+READER_PASSWORD = "reader-pw"
+
+
+class Result:
+    """What a run of the tool left: exit status, output, and error lines."""
+
+    def __init__(self, status, output, errors):
+        self.status = status
+        self.bytes = output
+        self.output = output.decode("utf-8", "backslashreplace")
+        self.errors = errors.decode("utf-8", "backslashreplace")
+
+    @property
+    def lines(self):
+        return self.output.splitlines()
+
+    @property
+    def errorLines(self):
+        return self.errors.splitlines()
+
+
+def run(*arguments, stdin=b"", **options):
+    """Runs the tool to its end."""
+    done = subprocess.run([TOOL, *arguments], input=stdin, capture_output=True, timeout=DEADLINE,
+                          check=False, **options)
+    return Result(done.returncode, done.stdout, done.stderr)
+
+
+class ToolTest(unittest.TestCase):
+    """A test with a folder of its own."""
+
+    def setUp(self):
+        self.folder = tempfile.mkdtemp(prefix="solvane-tool-")
+        self.addCleanup(shutil.rmtree, self.folder)
+
+    def file(self, name, content, mode=0o600):
+        path = os.path.join(self.folder, name)
+        with open(path, "wb") as opened:
+            opened.write(content)
+        os.chmod(path, mode)
+        return path
+
+    def assertFails(self, result, status, *words):
+        """One line on standard error that holds the words; the exit status; no sign of a crash."""
+        self.assertEqual(result.status, status, result.errors)
+        self.assertEqual(len(result.errorLines), 1, result.errors)
+        self.assertTrue(result.errors.startswith("solvane-ldap: "), result.errors)
+        self.assertIn("; ", result.errors)
+        for word in words:
+            self.assertIn(word, result.errors)
+
+
+class DirectoryTest(ToolTest):
+    """A test with a running slapd, one for all tests of a class."""
+
+    slapdOptions = ["--users", "200"]
+
+    @classmethod
+    def setUpClass(cls):
+        search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/sbin", "/usr/sbin"])
+        if shutil.which("slapd", path=search) is None and not os.environ.get("CI"):
+            raise unittest.SkipTest("slapd is not installed")
+        parent = tempfile.mkdtemp(prefix="solvane-tool-")
+        cls.addClassCleanup(shutil.rmtree, parent)
+        cls.directory = os.path.join(parent, "slapd")
+        cls.addClassCleanup(subprocess.run, [os.path.join(TESTBED, "slapd-stop"), cls.directory],
+                            check=True, timeout=DEADLINE, stdout=subprocess.DEVNULL)
+        subprocess.run([os.path.join(TESTBED, "slapd-start"), cls.directory, *cls.slapdOptions],
+                       check=True, timeout=DEADLINE, stdout=subprocess.DEVNULL)
+        cls.server = {}
+        with open(os.path.join(cls.directory, "server.env"), encoding="utf-8") as settings:
+            for line in settings:
+                name, _, value = line.strip().partition("=")
+                cls.server[name] = value
+        cls.uri = cls.server["LDAP_URI"]
+        cls.secureUri = cls.server["LDAPS_URI"]
+
+    def lookUp(self, *arguments, uri=None, base=PEOPLE, template="(mail=$m)", **options):
+        return run("lookup", "-H", uri or self.uri, "-b", base, "-t", template, *arguments,
+                   **options)
+
+
+def tlv(tag, *parts):
+    """BER: tag, length, value."""
+    body = b"".join(parts)
+    size = len(body)
+    if size < 128:
+        return bytes([tag, size]) + body
+    length = size.to_bytes((size.bit_length() + 7) // 8, "big")
+    return bytes([tag, 0x80 | len(length)]) + length + body
+
+
+def message(number, *operation):
+    return tlv(0x30, tlv(0x02, bytes([number])), *operation)
+
+
+def outcome(tag, code, text=b"", referrals=()):
+    """An LDAPResult (RFC 4511 section 4.1.9) of the operation `tag`."""
+    parts = [tlv(0x0A, bytes([code])), tlv(0x04, b""), tlv(0x04, text)]
+    if referrals:
+        parts.append(tlv(0xA3, *[tlv(0x04, referral) for referral in referrals]))
+    return tlv(tag, *parts)
+
+
+def bound(code=0, **more):
+    return message(1, outcome(0x61, code, **more))
+
+
+def searched(number, code=0, **more):
+    return message(number, outcome(0x65, code, **more))
+
+
+def entry(number, dn, *attributes):
+    """A search entry; attributes are pairs of a description and a list of values."""
+    listed = [tlv(0x30, tlv(0x04, name), tlv(0x31, *[tlv(0x04, value) for value in values]))
+              for name, values in attributes]
+    return message(number, tlv(0x64, tlv(0x04, dn), tlv(0x30, *listed)))
+
+
+class ScriptedPeer:
+    """Answers the requests of one connection with chosen bytes, then hangs up, or is silent."""
+
+    def __init__(self, test, *answers, hangsUp=True):
+        self.requests = []
+        self._answers = answers
+        self._hangsUp = hangsUp
+        self._closing = threading.Event()
+        self.asked = threading.Event()
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._thread = threading.Thread(target=self._serve)
+        self._thread.start()
+        test.addCleanup(self._stop)
+
+    @property
+    def uri(self):
+        return f"ldap://127.0.0.1:{self._listener.getsockname()[1]}"
+
+    def _serve(self):
+        self._listener.settimeout(DEADLINE)
+        try:
+            connection, _ = self._listener.accept()
+        except OSError:
+            return
+        with connection:
+            connection.settimeout(DEADLINE)
+            for answer in self._answers:
+                self._receive(connection)
+                connection.sendall(answer)
+            self._receive(connection)
+            if not self._hangsUp:
+                self._closing.wait(DEADLINE)
+
+    def _receive(self, connection):
+        try:
+            self.requests.append(connection.recv(65536))
+        except OSError:
+            pass
+        self.asked.set()
+
+    def _stop(self):
+        self._closing.set()
+        # Wakes an accept() that nobody answered; close() alone does not.
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._thread.join(DEADLINE)
+        self._listener.close()
+
+
+def freePort():
+    """A port on which nobody listens."""
+    with socket.create_server(("127.0.0.1", 0)) as probe:
+        return probe.getsockname()[1]
+
+
+def readLdif(text):
+    """The records of LDIF text, each a list of (name, bytes)."""
+    version, _, content = text.partition("\n")
+    if version != "version: 1":
+        raise ValueError("no version: " + version)
+    records = []
+    unfolded = content.replace("\n ", "")
+    for block in unfolded.split("\n\n"):
+        lines = [line for line in block.splitlines() if line and not line.startswith("#")]
+        record = []
+        for line in lines:
+            name, _, value = line.partition(":")
+            if value.startswith(":"):
+                record.append((name, base64.b64decode(value[1:].strip(), validate=True)))
+            else:
+                record.append((name, value[1:].encode()))
+        if record:
+            records.append(record)
+    return records

@@ -1,0 +1,60 @@
+// What a test program allocates and gives back with new and delete: counted, watched, made to fail.
+#ifndef SOLVANE_TESTS_UNIT_ALLOCATIONS_H
+#define SOLVANE_TESTS_UNIT_ALLOCATIONS_H
+
+#include <cstddef>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace SolvaneTest {
+
+/// The number of allocations of this thread during `work`.
+template <typename Work> unsigned int allocationsOf(Work&& work);
+
+/// While it lives, one allocation of this thread fails, the first one being number 0; one object at
+/// a time.
+class FailingAllocation {
+public:
+    explicit FailingAllocation(unsigned int number);
+    ~FailingAllocation();
+    FailingAllocation(FailingAllocation const&) = delete;
+    FailingAllocation& operator=(FailingAllocation const&) = delete;
+
+    /// Whether so many allocations were asked for that one has failed.
+    bool hasFailed() const;
+};
+
+/// While it lives, notes in which order this thread gives named memory back; one at a time.
+class Releases {
+public:
+    using Named = std::vector<std::pair<void const*, std::string>>;
+
+    /// @param most  so many releases have room
+    explicit Releases(std::size_t most = 64);
+    ~Releases();
+    Releases(Releases const&) = delete;
+    Releases& operator=(Releases const&) = delete;
+
+    /// The names of what was given back so far, in order; other memory is left out.
+    std::vector<std::string> of(Named const& named) const;
+
+    void note(void const* memory);
+
+private:
+    std::vector<void const*> m_released; // never grows while it is watching
+};
+
+// For the template.
+unsigned int allocationsSoFar();
+
+template <typename Work> unsigned int allocationsOf(Work&& work)
+{
+    unsigned int const before = allocationsSoFar();
+    std::forward<Work>(work)();
+    return allocationsSoFar() - before;
+}
+
+} // namespace SolvaneTest
+
+#endif

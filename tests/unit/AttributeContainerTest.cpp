@@ -1,0 +1,246 @@
+// Containers: order, sharing, and the narrow lookup.
+#include <solvane/ldap/LDAPAttribute.h>
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <vector>
+
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+using namespace Solvane;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+LDAPAttribute attribute(std::string const& type) { return LDAPAttribute(LDAPAttributeType(type)); }
+
+std::vector<std::string> typesOf(LDAPAttributeContainer const& container)
+{
+    std::vector<std::string> types;
+    for (LDAPAttribute const& each : container.attributes()) {
+        types.push_back(each.type().asString());
+    }
+    return types;
+}
+
+/// Raises SIGVTALRM once, after this process has computed for a fifth of a second.
+void armTimer()
+{
+    itimerval const once{{0, 0}, {0, 200000}};
+    ::setitimer(ITIMER_VIRTUAL, &once, nullptr);
+}
+
+/// How a child process ends that runs `work` and then exits with 0. It counts its own computing
+/// time, so a busy machine makes no difference; one that only waits is ended after a minute.
+template <typename Work> int statusOfChild(Work const& work)
+{
+    pid_t const child = ::fork();
+    if (child == 0) {
+        ::alarm(60);
+        work();
+        ::_exit(0);
+    }
+    int status = -1;
+    ::waitpid(child, &status, 0);
+    return status;
+}
+
+LDAPAttributeType* g_soughtByChild = nullptr;
+
+} // namespace
+
+TEST(AContainer, StartsEmpty)
+{
+    LDAPAttributeContainer const container;
+
+    EXPECT_FALSE(container.isNull());
+    EXPECT_TRUE(container.empty());
+    EXPECT_THAT(container.attributes(), IsEmpty());
+}
+
+TEST(AContainer, KeepsTwoAttributesOfOneType)
+{
+    LDAPAttributeContainer container;
+    LDAPAttribute first = attribute("mail");
+    LDAPAttribute second = attribute("mail");
+    first.value("a");
+    second.value("b");
+
+    container.add(first);
+    container.add(second);
+
+    ASSERT_EQ(container.attributes().size(), 2U);
+    EXPECT_THAT(container.attributes().front().value(), ElementsAre("a"));
+    EXPECT_THAT(container.attributes().back().value(), ElementsAre("b"));
+    EXPECT_FALSE(container.empty());
+}
+
+TEST(AContainer, KeepsTheSameAttributeTwice)
+{
+    LDAPAttributeContainer container;
+    LDAPAttribute const mail = attribute("mail");
+
+    container.add(mail);
+    container.add(mail);
+
+    EXPECT_THAT(typesOf(container), ElementsAre("mail", "mail"));
+}
+
+TEST(AContainer, TakesANullAttribute)
+{
+    LDAPAttributeContainer container;
+
+    container.add(LDAPAttribute());
+
+    ASSERT_EQ(container.attributes().size(), 1U);
+    EXPECT_TRUE(container.attributes().front().isNull());
+}
+
+TEST(AContainer, SharesTheBodyOfAnAddedAttribute)
+{
+    LDAPAttributeContainer container;
+    LDAPAttribute mail = attribute("mail");
+    container.add(mail);
+
+    mail.value("a");
+
+    EXPECT_THAT(container.attributes().front().value(), ElementsAre("a"));
+}
+
+TEST(AContainer, HoldsAListInItsOrder)
+{
+    std::list<LDAPAttribute> const list{attribute("c"), attribute("a"), attribute("b")};
+
+    LDAPAttributeContainer const container(list);
+
+    EXPECT_THAT(typesOf(container), ElementsAre("c", "a", "b"));
+}
+
+TEST(AContainer, AppendsAListBehindWhatItHolds)
+{
+    LDAPAttributeContainer container;
+    container.add(attribute("z"));
+
+    container.add(std::list<LDAPAttribute>{attribute("b"), attribute("a")});
+
+    EXPECT_THAT(typesOf(container), ElementsAre("z", "b", "a"));
+}
+
+TEST(AContainer, IsUnchangedByAnEmptyList)
+{
+    LDAPAttributeContainer container;
+    container.add(attribute("z"));
+
+    container.add(std::list<LDAPAttribute>());
+
+    EXPECT_THAT(typesOf(container), ElementsAre("z"));
+}
+
+TEST(AContainer, DoublesWhenItsOwnListIsAdded)
+{
+    LDAPAttributeContainer container;
+    container.add(attribute("a"));
+    container.add(attribute("b"));
+
+    container.add(container.attributes());
+
+    EXPECT_THAT(typesOf(container), ElementsAre("a", "b", "a", "b"));
+}
+
+TEST(AContainer, SharesItsAttributesWithItsCopies)
+{
+    LDAPAttributeContainer first;
+    LDAPAttributeContainer second(first);
+    LDAPAttributeContainer third;
+    third = first;
+
+    second.add(attribute("a"));
+    third.add(attribute("b"));
+
+    EXPECT_THAT(typesOf(first), ElementsAre("a", "b"));
+    EXPECT_EQ(&first.attributes(), &second.attributes());
+    EXPECT_EQ(&first.attributes(), &third.attributes());
+}
+
+TEST(AContainer, SurvivesTheHandleItWasCopiedFrom)
+{
+    LDAPAttributeContainer copy;
+
+    {
+        LDAPAttributeContainer original;
+        original.add(attribute("a"));
+        copy = original;
+    }
+
+    EXPECT_THAT(typesOf(copy), ElementsAre("a"));
+}
+
+TEST(FindingAnAttribute, GivesANullHandleFromAnEmptyContainer)
+{
+    LDAPAttributeContainer const container;
+
+    EXPECT_TRUE(container.find(LDAPAttributeType("cn")).isNull());
+}
+
+TEST(FindingAnAttribute, GivesTheFirstOneWhereItMatches)
+{
+    LDAPAttributeContainer container;
+    container.add(attribute("cn;lang-en"));
+    container.add(attribute("sn"));
+
+    LDAPAttribute found = container.find(LDAPAttributeType("CN;LANG-EN"));
+    found.value("a");
+
+    EXPECT_EQ(found.type().asString(), "cn;lang-en");
+    EXPECT_THAT(container.attributes().front().value(), ElementsAre("a"));
+}
+
+TEST(FindingAnAttribute, IgnoresCase)
+{
+    LDAPAttributeContainer container;
+    container.add(attribute("cn"));
+
+    EXPECT_EQ(container.find(LDAPAttributeType("CN")).type().asString(), "cn");
+}
+
+TEST(FindingAnAttribute, DoesNotReturnWhereTheFirstOneDiffers)
+{
+    LDAPAttributeContainer container;
+    container.add(attribute("cn"));
+    container.add(attribute("sn"));
+    LDAPAttributeType const sought("sn");
+
+    int const status = statusOfChild([&] {
+        armTimer();
+        container.find(sought);
+    });
+
+    ASSERT_TRUE(WIFSIGNALED(status));
+    EXPECT_EQ(WTERMSIG(status), SIGVTALRM);
+}
+
+TEST(FindingAnAttribute, ReturnsWhenTheFirstOneMatchesMeanwhile)
+{
+#ifdef __SANITIZE_THREAD__
+    GTEST_SKIP() << "ThreadSanitizer delays signals until a call that it knows";
+#endif
+    LDAPAttributeContainer container;
+    container.add(attribute("cn;binary"));
+    LDAPAttributeType sought("cn");
+
+    int const status = statusOfChild([&] {
+        g_soughtByChild = &sought;
+        // The interrupted loop only compares: it is inside no call that the handler makes, too.
+        std::signal(SIGVTALRM, [](int) { g_soughtByChild->add("binary"); });
+        armTimer();
+        LDAPAttribute const found = container.find(sought);
+        ::_exit(found.type().asString() == "cn;binary" ? 0 : 1);
+    });
+
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 0);
+}

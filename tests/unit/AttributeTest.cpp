@@ -1,0 +1,349 @@
+// Attributes: values as bytes and as text, and what is remembered of them.
+#include <solvane/ldap/LDAPAttribute.h>
+
+#include <solvane/ldap/impl/LDAPAttributeImpl.h>
+
+#include "Faults.h"
+
+#include <ldap.h>
+
+#include <gmock/gmock.h>
+
+#include <deque>
+#include <vector>
+
+using namespace Solvane;
+using SolvaneTest::IsFault;
+using SolvaneTest::thrownBy;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+std::string bytesOf(Buffer const& buffer)
+{
+    return std::string(reinterpret_cast<char const*>(buffer.data()), buffer.length());
+}
+
+std::vector<std::string> bytesOf(LDAPAttribute const& attribute)
+{
+    std::vector<std::string> all;
+    for (Buffer const& value : attribute.binaryValue()) {
+        all.push_back(bytesOf(value));
+    }
+    return all;
+}
+
+Buffer bufferOf(std::string const& bytes)
+{
+    return Buffer(bytes.data(), static_cast<unsigned int>(bytes.size()), false);
+}
+
+/// A null-terminated array of values as OpenLDAP hands it out.
+class BerValues {
+public:
+    explicit BerValues(std::vector<std::string> const& texts) : m_texts(texts.begin(), texts.end())
+    {
+        for (std::string& text : m_texts) {
+            m_values.push_back(berval{text.size(), text.data()});
+            m_pointers.push_back(&m_values.back());
+        }
+        m_pointers.push_back(nullptr);
+    }
+    BerValues(BerValues const&) = delete;
+    BerValues& operator=(BerValues const&) = delete;
+
+    berval** array() { return m_pointers.data(); }
+    /// Overwrites the values' bytes, as memory given back would be.
+    void spoil()
+    {
+        for (std::string& text : m_texts) {
+            text.assign(text.size(), '?');
+        }
+    }
+
+private:
+    std::deque<std::string> m_texts;
+    std::deque<berval> m_values;
+    std::vector<berval*> m_pointers;
+};
+
+} // namespace
+
+TEST(AnAttribute, StartsWithoutValues)
+{
+    LDAPAttribute const attribute(LDAPAttributeType("cn"));
+
+    EXPECT_FALSE(attribute.isNull());
+    EXPECT_EQ(attribute.type().asString(), "cn");
+    EXPECT_THAT(attribute.binaryValue(), IsEmpty());
+    EXPECT_THAT(attribute.value(), IsEmpty());
+    EXPECT_EQ(attribute.asString(','), "");
+}
+
+TEST(AnAttribute, IsMadeFromAnArrayOfValues)
+{
+    BerValues values({"one", "two"});
+
+    LDAPAttribute const attribute(LDAPAttributeType("cn"), values.array());
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("one", "two"));
+}
+
+TEST(AnAttribute, IsMadeFromOneValue)
+{
+    LDAPAttribute const attribute(LDAPAttributeType("cn"), bufferOf("one"));
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("one"));
+}
+
+TEST(AnAttribute, SharesTheDescriptionItWasGiven)
+{
+    LDAPAttributeType type("cn");
+    LDAPAttribute const attribute(type);
+
+    type.add("binary");
+
+    EXPECT_TRUE(attribute.type().isBinary());
+    EXPECT_EQ(&attribute.type().options(), &type.options());
+}
+
+TEST(AnAttribute, TakesANullDescription)
+{
+    LDAPAttribute const attribute{LDAPAttributeType()};
+
+    EXPECT_FALSE(attribute.isNull());
+    EXPECT_TRUE(attribute.type().isNull());
+}
+
+TEST(AnAttribute, AppendsTextsAndBuffersInTheOrderOfTheCalls)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn"));
+
+    attribute.value("b");
+    attribute.value(bufferOf("a"));
+    attribute.value(std::string());
+    attribute.value("b");
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("b", "a", "", "b"));
+    EXPECT_THAT(attribute.value(), ElementsAre("b", "a", "", "b"));
+}
+
+TEST(AnAttribute, KeepsTheLengthOfAValueWithZeroBytes)
+{
+    std::string const bytes("\0a\0b\0", 5);
+    BerValues values({bytes});
+    LDAPAttribute attribute(LDAPAttributeType("jpegPhoto"), values.array());
+
+    attribute.value(bytes);
+    attribute.value(bufferOf(bytes));
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre(bytes, bytes, bytes));
+    EXPECT_THAT(attribute.value(), ElementsAre(bytes, bytes, bytes));
+    EXPECT_EQ(attribute.asString('|'), bytes + "|" + bytes + "|" + bytes);
+}
+
+TEST(AnAttribute, OwnsCopiesOfItsValues)
+{
+    BerValues values({"one", "two"});
+    std::string text = "three";
+    Buffer buffer = bufferOf("four");
+    LDAPAttribute attribute(LDAPAttributeType("cn"), values.array());
+    attribute.value(text);
+    attribute.value(buffer);
+
+    values.spoil();
+    text[0] = '?';
+    buffer.data()[0] = '?';
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("one", "two", "three", "four"));
+}
+
+TEST(AnAttribute, SharesItsValuesWithItsCopies)
+{
+    LDAPAttribute first(LDAPAttributeType("cn"));
+    LDAPAttribute second(first);
+    LDAPAttribute third;
+    third = first;
+
+    second.value("a");
+    third.value("b");
+
+    EXPECT_THAT(bytesOf(first), ElementsAre("a", "b"));
+    EXPECT_EQ(&first.binaryValue(), &second.binaryValue());
+    EXPECT_EQ(&first.binaryValue(), &third.binaryValue());
+}
+
+TEST(SettingAnArrayOfValues, ReplacesAllValues)
+{
+    BerValues values({"new"});
+    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
+    attribute.value("older");
+
+    attribute.value(values.array());
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("new"));
+}
+
+TEST(SettingAnArrayOfValues, LeavesNoneForANullArray)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
+
+    attribute.value(static_cast<berval**>(nullptr));
+
+    EXPECT_THAT(attribute.binaryValue(), IsEmpty());
+    EXPECT_THAT(attribute.value(), IsEmpty());
+    EXPECT_EQ(attribute.asString(','), "");
+}
+
+TEST(SettingAnArrayOfValues, LeavesNoneForAnEmptyArray)
+{
+    BerValues none({});
+    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
+
+    attribute.value(none.array());
+
+    EXPECT_THAT(attribute.binaryValue(), IsEmpty());
+    EXPECT_THAT(attribute.value(), IsEmpty());
+    EXPECT_EQ(attribute.asString(','), "");
+}
+
+TEST(SettingAnArrayOfValues, TakesAnEmptyValueWithoutBytes)
+{
+    berval empty{0, nullptr};
+    berval* array[] = {&empty, nullptr};
+    LDAPAttribute attribute(LDAPAttributeType("cn"));
+
+    attribute.value(array);
+
+    EXPECT_THAT(bytesOf(attribute), ElementsAre(""));
+    EXPECT_THAT(attribute.value(), ElementsAre(""));
+}
+
+TEST(TheTextOfAnAttribute, HasNoSeparatorForOneValue)
+{
+    LDAPAttribute const attribute(LDAPAttributeType("cn"), bufferOf("one"));
+
+    EXPECT_EQ(attribute.asString(','), "one");
+}
+
+TEST(TheTextOfAnAttribute, JoinsItsValuesWithoutTheDescription)
+{
+    LDAPAttribute attribute(LDAPAttributeType("description"));
+    attribute.value("one");
+    attribute.value("two");
+
+    EXPECT_EQ(attribute.asString(','), "one,two");
+    EXPECT_EQ(attribute.asString('\n'), "one\ntwo");
+    EXPECT_EQ(attribute.asString('\0'), std::string("one\0two", 7));
+}
+
+TEST(TheTextOfAnAttribute, WritesValuesAsTheyAre)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn;binary"));
+    attribute.value("a,b");
+    attribute.value("");
+    attribute.value("\"\\\xff");
+
+    EXPECT_EQ(attribute.asString(','), "a,b,,\"\\\xff");
+}
+
+TEST(TheTextOfAnAttribute, IsMadeAnewAtEachCall)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn"));
+    attribute.value("a");
+    attribute.value("b");
+    std::string const& text = attribute.asString(',');
+
+    attribute.asString(';');
+
+    EXPECT_EQ(text, "a;b");
+}
+
+TEST(TheTextValues, OnceReadStayAsTheyAre)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
+    ASSERT_THAT(attribute.value(), ElementsAre("old"));
+
+    attribute.value("new");
+    attribute.value(bufferOf("newer"));
+
+    EXPECT_THAT(attribute.value(), ElementsAre("old"));
+    EXPECT_EQ(attribute.asString(','), "old");
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("old", "new", "newer"));
+}
+
+TEST(TheTextValues, OnceReadOutliveAReplacement)
+{
+    BerValues values({"new"});
+    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
+    ASSERT_EQ(attribute.asString(','), "old");
+
+    attribute.value(values.array());
+    attribute.value(static_cast<berval**>(nullptr));
+
+    EXPECT_THAT(attribute.value(), ElementsAre("old"));
+    EXPECT_EQ(attribute.asString(','), "old");
+    EXPECT_THAT(attribute.binaryValue(), IsEmpty());
+}
+
+TEST(TheTextValues, AreNotRememberedWhileThereAreNone)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn"));
+    ASSERT_THAT(attribute.value(), IsEmpty());
+    ASSERT_EQ(attribute.asString(','), "");
+
+    attribute.value("first");
+
+    EXPECT_THAT(attribute.value(), ElementsAre("first"));
+}
+
+TEST(AnAttributeBody, HasValuesOfItsOwnWhenCopied)
+{
+    LDAPAttributeImpl original;
+    original.type(LDAPAttributeType("cn"));
+    original.value(std::string("a"));
+
+    LDAPAttributeImpl copy(original);
+    copy.value(std::string("b"));
+
+    EXPECT_EQ(original.binaryValue().size(), 1U);
+    EXPECT_EQ(copy.binaryValue().size(), 2U);
+    EXPECT_EQ(copy.type().asString(), "cn");
+}
+
+TEST(AnAttributeBody, HasANullDescriptionUntilItIsSet)
+{
+    LDAPAttributeImpl const body;
+
+    EXPECT_TRUE(body.type().isNull());
+}
+
+TEST(ANullAttribute, IsMadeByTheDefaultConstructorAndByCopyingOne)
+{
+    LDAPAttribute const null;
+    LDAPAttribute const copy(null);
+    LDAPAttribute assigned(LDAPAttributeType("cn"));
+
+    assigned = null;
+
+    EXPECT_TRUE(null.isNull());
+    EXPECT_TRUE(copy.isNull());
+    EXPECT_TRUE(assigned.isNull());
+}
+
+TEST(ANullAttribute, ReportsTheOperationThatWasCalled)
+{
+    LDAPAttribute null;
+    LDAPAttribute const& reader = null;
+    BerValues values({"a"});
+
+    EXPECT_THAT(thrownBy([&] { reader.type(); }), IsFault("Attribute.cpp", 247, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.value("a"); }), IsFault("Attribute.cpp", 256, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.value(bufferOf("a")); }), IsFault("Attribute.cpp", 265, 1, 0));
+    EXPECT_THAT(thrownBy([&] { reader.binaryValue(); }), IsFault("Attribute.cpp", 274, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.value(values.array()); }), IsFault("Attribute.cpp", 283, 1, 0));
+    EXPECT_THAT(thrownBy([&] { reader.value(); }), IsFault("Attribute.cpp", 292, 1, 0));
+    EXPECT_THAT(thrownBy([&] { reader.asString(','); }), IsFault("Attribute.cpp", 301, 1, 0));
+    EXPECT_TRUE(null.isNull());
+}

@@ -1,0 +1,354 @@
+// Binds: the exact calls, what is stored when, and what is reported.
+#include "CallTest.h"
+
+#include <cerrno>
+
+namespace SolvaneTest {
+namespace {
+
+using Solvane::LDAPConnection;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+using ASynchronousBind = ConnectedTest;
+using AnAsynchronousBind = ConnectedTest;
+using ABind = ConnectedTest;
+using ABindThatFails = ConnectedTest;
+
+class ABindWithVersionTwo : public ConnectedTest {
+protected:
+    ABindWithVersionTwo() : ConnectedTest(LDAPConnection::V2) {}
+};
+
+auto const succeeding = [](auto...) { return LDAP_SUCCESS; };
+
+auto failing(int rc, int error = 0)
+{
+    return [rc, error](auto...) {
+        errno = error;
+        return rc;
+    };
+}
+
+TEST_F(ASynchronousBind, HandsDnAndPasswordToOpenLDAPOnce)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+
+    connection.bind("cn=admin", "secret", LDAPConnection::Synchronous);
+
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ber_str2bv 'secret' 0 0 null",
+                            "ldap_sasl_bind_s session 'cn=admin' null 'secret' null null null",
+                            "ber_bvfree 'secret'"));
+}
+
+TEST_F(ASynchronousBind, LeavesTheMessageIdOfAnEarlierBind)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+    body().m_bindMessageId = 7;
+
+    connection.bind("cn=admin", "secret", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(connection.id(), 7);
+}
+
+TEST_F(ASynchronousBind, RecordsInvalidCredentials)
+{
+    openldap.ldap_sasl_bind_s = failing(LDAP_INVALID_CREDENTIALS);
+
+    auto const thrown =
+        thrownBy([&] { connection.bind("cn=admin", "wrong", LDAPConnection::Synchronous); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 3));
+    EXPECT_EQ(thrown.stringParameter(),
+              "Error: 'Invalid credentials' during bind to ldap://[127.0.0.1]:389/");
+    EXPECT_EQ(connection.openldapErrorCode(), 49);
+}
+
+TEST_F(AnAsynchronousBind, HandsDnAndPasswordToOpenLDAPOnce)
+{
+    openldap.ldap_sasl_bind = succeeding;
+
+    connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous);
+
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ber_str2bv 'secret' 0 0 null",
+                            "ldap_sasl_bind session 'cn=admin' null 'secret' null null",
+                            "ber_bvfree 'secret'"));
+}
+
+TEST_F(AnAsynchronousBind, IsWhatAnyModeButZeroGives)
+{
+    openldap.ldap_sasl_bind = succeeding;
+
+    connection.bind("", "", static_cast<LDAPConnection::BindMode>(-2));
+
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_sasl_bind session '' null null null null", "ber_bvfree null"));
+    EXPECT_EQ(body().m_bindMode, -2);
+}
+
+TEST_F(AnAsynchronousBind, StoresTheMessageId)
+{
+    openldap.ldap_sasl_bind = [](auto, auto, auto, auto, auto, auto, int* id) {
+        *id = 7;
+        return LDAP_SUCCESS;
+    };
+
+    connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous);
+
+    EXPECT_EQ(connection.id(), 7);
+}
+
+TEST_F(AnAsynchronousBind, StoresTheMessageIdOfAFailureToo)
+{
+    openldap.ldap_sasl_bind = [](auto, auto, auto, auto, auto, auto, int* id) {
+        *id = -1;
+        return LDAP_SERVER_DOWN;
+    };
+
+    thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous); });
+
+    EXPECT_EQ(connection.id(), -1);
+}
+
+TEST_F(AnAsynchronousBind, StoresZeroWhenOpenLDAPWritesNoMessageId)
+{
+    openldap.ldap_sasl_bind = failing(LDAP_SERVER_DOWN);
+    body().m_bindMessageId = 7;
+
+    thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous); });
+
+    EXPECT_EQ(connection.id(), 0);
+}
+
+TEST_F(ABind, StoresDnPasswordAndModeBeforeItSends)
+{
+    std::vector<std::string> seen;
+    openldap.ldap_sasl_bind = [&](auto...) {
+        seen = {body().m_bindDn, body().m_bindPassword, std::to_string(body().m_bindMode)};
+        return LDAP_SUCCESS;
+    };
+
+    connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous);
+
+    EXPECT_THAT(seen, ElementsAre("cn=admin", "secret", "1"));
+}
+
+TEST_F(ABind, ReplacesWhatAnEarlierBindStored)
+{
+    openldap.ldap_sasl_bind = succeeding;
+    openldap.ldap_sasl_bind_s = succeeding;
+    connection.bind("cn=first", "one", LDAPConnection::Asynchronous);
+
+    connection.bind("cn=second", "two", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(body().m_bindDn, "cn=second");
+    EXPECT_EQ(body().m_bindPassword, "two");
+    EXPECT_EQ(body().m_bindMode, 0);
+}
+
+TEST_F(ABind, SendsAnEmptyDnAsEmptyText)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+
+    connection.bind("", "secret", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(openldap.calls().at(1), "ldap_sasl_bind_s session '' null 'secret' null null null");
+}
+
+TEST_F(ABind, SendsAnEmptyPasswordAsAValueOfLengthZero)
+{
+    berval sent = {99, nullptr};
+    openldap.ldap_sasl_bind_s = [&](auto, auto, auto, berval* credentials, auto, auto, auto) {
+        sent = *credentials;
+        return LDAP_SUCCESS;
+    };
+
+    connection.bind("cn=admin", "", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(sent.bv_len, 0U);
+    EXPECT_EQ(sent.bv_val, nullptr);
+}
+
+TEST_F(ABind, SendsAPasswordUpToItsFirstZeroByte)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+
+    connection.bind("cn=admin", std::string("se\0cret", 7), LDAPConnection::Synchronous);
+
+    EXPECT_EQ(openldap.calls().at(1),
+              "ldap_sasl_bind_s session 'cn=admin' null 'se' null null null");
+}
+
+TEST_F(ABind, ConvertsTheDnToUtf8ForVersionThree)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+
+    connection.bind("cn=J\xFCrgen", "", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(openldap.calls().at(0),
+              "ldap_sasl_bind_s session 'cn=J\xC3\xBCrgen' null null null null null");
+    EXPECT_EQ(body().m_bindDn, "cn=J\xFCrgen");
+}
+
+TEST_F(ABindWithVersionTwo, SendsTheDnByteForByte)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+
+    connection.bind("cn=J\xFCrgen", "", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(openldap.calls().at(0),
+              "ldap_sasl_bind_s session 'cn=J\xFCrgen' null null null null null");
+}
+
+TEST_F(ABindWithVersionTwo, SendsAnEmptyDnAsEmptyText)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+
+    connection.bind("", "", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(openldap.calls().at(0), "ldap_sasl_bind_s session '' null null null null null");
+}
+
+TEST_F(ABind, ThatSucceedsLeavesTheRecordedErrorAndIsSilent)
+{
+    openldap.ldap_sasl_bind_s = succeeding;
+    connection.openldapErrorCode(49);
+    DebugLines const lines(0xffffffff);
+
+    connection.bind("cn=admin", "secret", LDAPConnection::Synchronous);
+
+    EXPECT_EQ(connection.openldapErrorCode(), 49);
+    EXPECT_THAT(lines.all(), IsEmpty());
+}
+
+struct BindFailure {
+    int rc;
+    int type;
+    char const* text;
+};
+
+void PrintTo(BindFailure const& tested, std::ostream* out) { *out << tested.rc; }
+
+class EachBindFailure : public ConnectedTest, public testing::WithParamInterface<BindFailure> {};
+
+TEST_P(EachBindFailure, IsReportedAndRecordedWhenSynchronous)
+{
+    openldap.ldap_sasl_bind_s = failing(GetParam().rc);
+
+    auto const thrown =
+        thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Synchronous); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, GetParam().type));
+    EXPECT_EQ(thrown.stringParameter(), GetParam().text);
+    EXPECT_EQ(connection.openldapErrorCode(), GetParam().rc);
+}
+
+TEST_P(EachBindFailure, IsReportedAndRecordedWhenAsynchronous)
+{
+    openldap.ldap_sasl_bind = failing(GetParam().rc);
+
+    auto const thrown =
+        thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, GetParam().type));
+    EXPECT_EQ(thrown.stringParameter(), GetParam().text);
+    EXPECT_EQ(connection.openldapErrorCode(), GetParam().rc);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Of, EachBindFailure,
+    testing::Values(
+        BindFailure{LDAP_SERVER_DOWN, 1,
+                    "Error: 'Can't contact LDAP server' during bind to ldap://[127.0.0.1]:389/"},
+        BindFailure{LDAP_INVALID_CREDENTIALS, 3,
+                    "Error: 'Invalid credentials' during bind to ldap://[127.0.0.1]:389/"},
+        BindFailure{LDAP_TIMEOUT, 3, "Error: 'Timed out' during bind to ldap://[127.0.0.1]:389/"},
+        BindFailure{LDAP_UNAVAILABLE, 3,
+                    "Error: 'Server is unavailable' during bind to ldap://[127.0.0.1]:389/"}));
+
+TEST_F(ABindThatFails, StoresItsCredentialsAllTheSame)
+{
+    openldap.ldap_sasl_bind_s = failing(LDAP_SERVER_DOWN);
+
+    thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Synchronous); });
+
+    EXPECT_EQ(body().m_bindDn, "cn=admin");
+    EXPECT_EQ(body().m_bindPassword, "secret");
+}
+
+TEST_F(ABindThatFails, LeavesTheConnectionInvalidWithAHealthySocket)
+{
+    openldap.ldap_sasl_bind_s = failing(LDAP_INVALID_CREDENTIALS);
+    openldap.ldap_get_option = [](LDAP*, int, void* value) {
+        *static_cast<int*>(value) = 7;
+        return LDAP_OPT_SUCCESS;
+    };
+    openldap.getsockopt = [](int, int, int, void* value, socklen_t*) {
+        *static_cast<int*>(value) = 0;
+        return 0;
+    };
+
+    thrownBy([&] { connection.bind("cn=admin", "wrong", LDAPConnection::Synchronous); });
+
+    EXPECT_FALSE(body().isValid());
+}
+
+TEST_F(ABindThatFails, IsTracedWithErrnoWhenTheMaskAsksForConnections)
+{
+    openldap.ldap_sasl_bind = failing(LDAP_SERVER_DOWN, ECONNREFUSED);
+    DebugLines const lines(0x80008);
+
+    thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous); });
+
+    EXPECT_THAT(lines.all(),
+                ElementsAre("Connection:248 bind 0: Error 'Can't contact LDAP server' Server "
+                            "ldap://[127.0.0.1]:389/ errno=111"));
+}
+
+TEST_F(ABindThatFails, IsRecordedInSilenceWhenABitOfTheMaskIsMissing)
+{
+    openldap.ldap_sasl_bind = failing(LDAP_SERVER_DOWN);
+    for (unsigned int const mask : masksWithout(0x80008)) {
+        DebugLines const lines(mask);
+        connection.openldapErrorCode(0);
+
+        thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Asynchronous); });
+
+        EXPECT_THAT(lines.all(), IsEmpty()) << std::hex << mask;
+        EXPECT_EQ(connection.openldapErrorCode(), -1);
+    }
+}
+
+TEST_F(ABindThatFails, WithAForeignExceptionGivesTheCredentialsBack)
+{
+    openldap.ldap_sasl_bind_s = [](auto...) -> int {
+        throw Solvane::Exception("foreign", 9, "Elsewhere.cpp", 1);
+    };
+
+    EXPECT_THROW(connection.bind("cn=admin", "secret", LDAPConnection::Synchronous),
+                 Solvane::Exception);
+
+    EXPECT_EQ(openldap.calls().back(), "ber_bvfree 'secret'");
+    EXPECT_EQ(connection.openldapErrorCode(), 0);
+}
+
+TEST_F(ABindThatFails, ForWantOfASessionStoresAndCallsNothing)
+{
+    LDAP* const session = body().m_context;
+    body().m_context = nullptr;
+
+    auto const thrown =
+        thrownBy([&] { connection.bind("cn=admin", "secret", LDAPConnection::Synchronous); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 208, 4, 3));
+    EXPECT_EQ(thrown.stringParameter(), "");
+    EXPECT_EQ(body().m_bindDn, "");
+    EXPECT_EQ(connection.openldapErrorCode(), 0);
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+    body().m_context = session;
+}
+
+} // namespace
+} // namespace SolvaneTest

@@ -1,0 +1,119 @@
+// What the tests of exact calls have in common.
+#ifndef SOLVANE_TESTS_UNIT_CALL_TEST_H
+#define SOLVANE_TESTS_UNIT_CALL_TEST_H
+
+#include "DebugLines.h"
+#include "FakeOpenLDAP.h"
+#include "Faults.h"
+#include "ReceivedMessages.h"
+
+#include <solvane/ldap.h>
+#include <solvane/ldap/impl.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <initializer_list>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace SolvaneTest {
+
+inline Solvane::LDAPConnection::RefServer
+newServer(Solvane::LDAPConnection::Protocol protocol = Solvane::LDAPConnection::V3,
+          bool secure = false, unsigned int networkTimeout = 7)
+{
+    return Solvane::LDAPConnection::RefServer("127.0.0.1", 389, protocol, secure, networkTimeout,
+                                              false, false);
+}
+
+/// An array of strings as OpenLDAP hands it out.
+inline char** newTexts(std::vector<char const*> const& texts)
+{
+    auto** const array = static_cast<char**>(ber_memcalloc(texts.size() + 1, sizeof(char*)));
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        array[i] = ber_strdup(texts[i]);
+    }
+    return array;
+}
+
+/// OpenLDAP replaced, and messages to feed it with.
+class CallTest : public testing::Test {
+protected:
+    ~CallTest() override
+    {
+        for (LDAPMessage* const message : m_answers) {
+            ldap_msgfree(message);
+        }
+    }
+
+    /// From now on `ldap_result` hands out these messages, one a call, and then times out.
+    void willReceive(std::initializer_list<LDAPMessage*> answers)
+    {
+        m_answers.assign(answers);
+        openldap.ldap_result = [this](LDAP*, int, int, timeval*, LDAPMessage** message) {
+            if (m_answers.empty()) {
+                return 0;
+            }
+            *message = m_answers.front();
+            m_answers.pop_front();
+            return ldap_msgtype(*message);
+        };
+    }
+
+    FakeOpenLDAP openldap;
+    ReceivedMessages messages;
+
+private:
+    std::deque<LDAPMessage*> m_answers;
+};
+
+/// A test on a connection that was just made; no calls are recorded yet.
+class ConnectedTest : public CallTest {
+protected:
+    explicit ConnectedTest(Solvane::LDAPConnection::Protocol protocol = Solvane::LDAPConnection::V3)
+        : connection(newServer(protocol), false)
+    {
+        openldap.forgetCalls();
+    }
+
+    Solvane::LDAPConnectionImpl& body() { return *connection.impl(); }
+
+    Solvane::LDAPConnection connection;
+};
+
+/// Counts how many threads are within it and waits a moment for a second one.
+class Room {
+public:
+    void visit()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        ++m_inside;
+        m_changed.notify_all();
+        if (m_changed.wait_for(lock, std::chrono::milliseconds(50), [&] { return m_inside > 1; })) {
+            m_wasShared = true;
+        }
+        --m_inside;
+    }
+    bool wasShared() const { return m_wasShared; }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_inside = 0;
+    bool m_wasShared = false;
+};
+
+/// The debug masks that do not switch a line of this level on: none, and each with a bit missing.
+inline std::vector<unsigned int> masksWithout(unsigned int level)
+{
+    return {0U, level & ~0x80000U, 0x80000U, ~0x80000U, ~(level & ~0x80000U)};
+}
+
+} // namespace SolvaneTest
+
+#endif

@@ -1,0 +1,302 @@
+// The pool's lock: held while the pool is read and changed, never while the network is used.
+#include "OtherThread.h"
+#include "PoolTest.h"
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+namespace SolvaneTest {
+namespace {
+
+using Solvane::LDAPConnection;
+using testing::Each;
+using testing::IsEmpty;
+using testing::Not;
+
+/// A pool and, in another thread, a reader of it.
+class TheLockOfAPool : public PoolTest {
+protected:
+    TheLockOfAPool()
+    {
+        openldap.ldap_initialize = [this](LDAP** session, char const* uri) {
+            probe();
+            return ldap_initialize(session, uri);
+        };
+        openldap.ldap_sasl_bind = [this](auto...) {
+            probe();
+            return LDAP_SUCCESS;
+        };
+        auto const answer = openldap.ldap_result;
+        openldap.ldap_result = [this, answer](auto... arguments) {
+            probe();
+            return answer(arguments...);
+        };
+        openldap.ldap_unbind_ext = [this](auto... arguments) {
+            probe();
+            return ldap_unbind_ext(arguments...);
+        };
+    }
+
+    void read()
+    {
+        std::list<LDAPConnection::RefServer> servers;
+        cache.connections(servers);
+    }
+    void probe() { couldRead.push_back(reader.finishes([this] { read(); })); }
+
+    std::vector<bool> couldRead; ///< whether the lock was free, for each use of the network so far
+    OtherThread reader;
+};
+
+TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsOpened)
+{
+    unbound();
+
+    EXPECT_THAT(couldRead, testing::ElementsAre(true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsOpenedBoundAndAwaited)
+{
+    bound();
+
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileARefusedConnectionIsLetGo)
+{
+    willAnswerBindsWith(LDAP_UNWILLING_TO_PERFORM);
+
+    bound();
+
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileAFailedConnectionIsLetGo)
+{
+    willAnswerBindsWith(LDAP_INVALID_CREDENTIALS);
+
+    thrownBy([&] { bound(); });
+
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGo)
+{
+    givenBack(bound())->m_openldapErrorCode = -1;
+    givenBack(unbound())->m_openldapErrorCode = -1;
+    couldRead.clear();
+
+    unbound();
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true));
+
+    bound();
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true, true, true, true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterAHit)
+{
+    LDAPConnection invalid = bound();
+    LDAPConnection valid = bound();
+    invalid.openldapErrorCode(-1);
+    invalid.cacheMarkAsAvailable();
+    invalid = LDAPConnection();
+    valid.cacheMarkAsAvailable();
+    couldRead.clear();
+
+    LDAPConnection const hit = bound();
+
+    EXPECT_EQ(hit.impl(), valid.impl());
+    EXPECT_THAT(couldRead, testing::ElementsAre(true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileExpiredConnectionsAreLetGo)
+{
+    givenBack(bound());
+    givenBack(unbound());
+    now = 1000301;
+    couldRead.clear();
+
+    bound();
+
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true, true, true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileClearedConnectionsAreLetGo)
+{
+    givenBack(bound());
+    givenBack(unbound());
+    couldRead.clear();
+
+    cache.clear();
+
+    EXPECT_THAT(couldRead, testing::ElementsAre(true, true));
+}
+
+TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsLetGoAfterItsCheckFailed)
+{
+    givenBack(bound())->m_openldapErrorCode = -1;
+    givenBack(bound("cn=b", "secret"));
+    LDAPConnection second = bound();
+    second.cacheMarkAsAvailable();
+    second = LDAPConnection();
+    openldap.ldap_get_option = [](auto...) -> int { throw std::bad_alloc(); };
+    now = 1000301;
+    couldRead.clear();
+
+    EXPECT_NO_THROW(bound());
+
+    EXPECT_THAT(couldRead, Not(IsEmpty()));
+    EXPECT_THAT(couldRead, Each(true));
+}
+
+TEST_F(TheLockOfAPool, KeepsReadersOutWhileAConnectionIsChecked)
+{
+    givenBack(bound());
+    bool wasHeldUp = false;
+    openldap.getsockopt = [&](int, int, int, void* pending, socklen_t*) {
+        *static_cast<int*>(pending) = 0;
+        wasHeldUp = reader.isHeldUp([this] { read(); });
+        return 0;
+    };
+
+    bound();
+
+    EXPECT_TRUE(wasHeldUp);
+}
+
+TEST_F(TheLockOfAPool, KeepsReadersOutWhileAConnectionWithoutABindIsChecked)
+{
+    givenBack(unbound());
+    bool wasHeldUp = false;
+    openldap.getsockopt = [&](int, int, int, void* pending, socklen_t*) {
+        *static_cast<int*>(pending) = 0;
+        wasHeldUp = reader.isHeldUp([this] { read(); });
+        return 0;
+    };
+
+    unbound();
+
+    EXPECT_TRUE(wasHeldUp);
+}
+
+/// Lets threads go on when as many as were expected have arrived.
+class MeetingPoint {
+public:
+    explicit MeetingPoint(int expected) : m_missing(expected) {}
+
+    /// True when all have come, false when they have not after a long time.
+    bool arrive()
+    {
+        std::unique_lock<std::mutex> lock(m_mutex);
+        --m_missing;
+        m_changed.notify_all();
+        return m_changed.wait_for(lock, std::chrono::seconds(20), [&] { return m_missing <= 0; });
+    }
+
+private:
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    int m_missing;
+};
+
+using TwoLookupsAtOnce = PoolTest;
+
+TEST_F(TwoLookupsAtOnce, BothOpenAndBothKeepTheirConnection)
+{
+    MeetingPoint binding(2);
+    openldap.ldap_sasl_bind = [&](auto, auto, auto, auto, auto, auto, int* messageId) {
+        *messageId = 42;
+        return binding.arrive() ? LDAP_SUCCESS : LDAP_TIMEOUT;
+    };
+    LDAPConnection theirs;
+
+    std::thread otherUser([&] { theirs = bound(); });
+    LDAPConnection const ours = bound();
+    otherUser.join();
+
+    ASSERT_FALSE(ours.isNull());
+    ASSERT_FALSE(theirs.isNull());
+    EXPECT_NE(ours.impl(), theirs.impl());
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
+}
+
+TEST_F(TwoLookupsAtOnce, DoNotSearchAgainAfterTheyOpened)
+{
+    LDAPConnection late;
+    bool isFirst = true;
+    openldap.ldap_sasl_bind = [&](auto, auto, auto, auto, auto, auto, int* messageId) {
+        *messageId = 42;
+        if (isFirst) {
+            isFirst = false;
+            givenBack(bound()); // somebody else's, opened and idle by now
+        }
+        return LDAP_SUCCESS;
+    };
+
+    LDAPConnection const connection = bound();
+
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
+    EXPECT_FALSE(connection.isNull());
+}
+
+TEST_F(TwoLookupsAtOnce, WithoutABindBothOpenAndBothKeepTheirConnection)
+{
+    MeetingPoint opening(2);
+    openldap.ldap_initialize = [&](LDAP** session, char const* uri) {
+        int const rc = ldap_initialize(session, uri);
+        return rc;
+    };
+    openldap.ldap_set_option = [&](LDAP* session, int option, void const* value) {
+        if (option == LDAP_OPT_RESTART && !opening.arrive()) {
+            return LDAP_OPT_ERROR;
+        }
+        return ldap_set_option(session, option, value);
+    };
+    LDAPConnection theirs;
+
+    std::thread otherUser([&] { theirs = unbound(); });
+    LDAPConnection const ours = unbound();
+    otherUser.join();
+
+    EXPECT_NE(ours.impl(), theirs.impl());
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
+}
+
+using ManyThreads = PoolTest;
+
+TEST_F(ManyThreads, NeverShareAConnection)
+{
+    std::mutex mutex;
+    std::map<LDAPConnectionImpl*, int> users;
+    bool wasShared = false;
+    auto const useThePool = [&] {
+        for (int i = 0; i < 50; ++i) {
+            LDAPConnection connection = i % 2 == 0 ? bound() : unbound();
+            {
+                std::lock_guard<std::mutex> const lock(mutex);
+                wasShared = wasShared || ++users[connection.impl()] != 1;
+            }
+            std::this_thread::yield();
+            {
+                std::lock_guard<std::mutex> const lock(mutex);
+                --users[connection.impl()];
+            }
+            connection.cacheMarkAsAvailable();
+        }
+    };
+
+    std::list<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back(useThePool);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_FALSE(wasShared);
+    EXPECT_EQ(cache.cacheHits().value() + cache.cacheSize().value(), 200);
+}
+
+} // namespace
+} // namespace SolvaneTest

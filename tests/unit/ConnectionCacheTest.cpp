@@ -1,0 +1,520 @@
+// The pool of connections: the calls and the counters of each of its operations, and its log lines.
+#include "PoolTest.h"
+
+#include <memory>
+
+namespace SolvaneTest {
+namespace {
+
+using Solvane::LDAPConnection;
+using Solvane::LDAPConnectionCache;
+using Solvane::LDAPConnectionImpl;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::IsEmpty;
+
+using APool = PoolTest;
+using ANewConnection = PoolTest;
+using AReusedConnection = PoolTest;
+using ADroppedConnection = PoolTest;
+using TheServersOfAPool = PoolTest;
+using AClearedPool = PoolTest;
+using TheLogOfAPool = PoolTest;
+
+TEST_F(APool, IsEmptyAtFirstAndMakesNoCall)
+{
+    EXPECT_EQ(state(), "hits 0, size 0, pooled 0");
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+}
+
+TEST_F(APool, GivesAConnectionOutOnceUntilItComesBack)
+{
+    LDAPConnection first = bound();
+    LDAPConnection const second = bound();
+    first.cacheMarkAsAvailable();
+
+    LDAPConnection const third = bound();
+
+    EXPECT_NE(second.impl(), first.impl());
+    EXPECT_EQ(third.impl(), first.impl());
+    EXPECT_EQ(state(), "hits 1, size 2, pooled 2");
+}
+
+TEST_F(APool, DoesTheSameForConnectionsWithoutABind)
+{
+    LDAPConnection first = unbound();
+    LDAPConnection const second = unbound();
+    first.cacheMarkAsAvailable();
+
+    LDAPConnection const third = unbound();
+
+    EXPECT_NE(second.impl(), first.impl());
+    EXPECT_EQ(third.impl(), first.impl());
+    EXPECT_EQ(state(), "hits 1, size 2, pooled 2");
+}
+
+TEST_F(ANewConnection, WithoutABindIsOpenedAndNotBound)
+{
+    LDAPConnection const connection = unbound();
+
+    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"}, opening})));
+    EXPECT_FALSE(connection.isNull());
+    EXPECT_TRUE(connection.impl()->m_anonymous);
+    EXPECT_EQ(connection.impl()->m_bindDn, "");
+    EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
+}
+
+TEST_F(ANewConnection, IsOpenedBoundAndAwaitedForTheNetworkTimeout)
+{
+    LDAPConnection const connection = bound();
+
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(joined({{"time"}, opening, sendingBind, awaitingBind})));
+    EXPECT_FALSE(connection.isNull());
+    EXPECT_FALSE(connection.impl()->m_anonymous);
+    EXPECT_EQ(connection.impl()->m_bindMode, LDAPConnection::Asynchronous);
+    EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
+}
+
+TEST_F(ANewConnection, IsInUseByItsFirstUser)
+{
+    LDAPConnection boundOne = bound();
+    LDAPConnection unboundOne = unbound();
+
+    EXPECT_FALSE(boundOne.cacheMarkAsUsed());
+    EXPECT_FALSE(unboundOne.cacheMarkAsUsed());
+}
+
+TEST_F(ANewConnection, WhoseBindIsNotAnsweredInTimeCountsAsBound)
+{
+    openldap.ldap_result = [](auto...) { return 0; };
+
+    LDAPConnection const connection = bound();
+
+    EXPECT_FALSE(connection.isNull());
+    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"},
+                                                           opening,
+                                                           sendingBind,
+                                                           {"ldap_result session 42 0 7s 0us"}})));
+    EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
+}
+
+TEST_F(ANewConnection, WhoseBindIsNotAnsweredInTimeIsReused)
+{
+    openldap.ldap_result = [](auto...) { return 0; };
+    LDAPConnectionImpl const* const body = givenBack(bound());
+
+    LDAPConnection const again = bound();
+
+    EXPECT_EQ(again.impl(), body);
+    EXPECT_EQ(state(), "hits 1, size 1, pooled 1");
+}
+
+TEST_F(ANewConnection, WaitsForItsBindAsLongAsItsServerSays)
+{
+    LDAPConnection::RefServer const patient = newServer(LDAPConnection::V3, false, 31);
+
+    cache.getConnection(patient, "cn=a", "secret");
+
+    EXPECT_THAT(openldap.calls(), Contains("ldap_result session 42 0 31s 0us"));
+}
+
+TEST_F(ANewConnection, SharesTheServerThatItWasAskedFor)
+{
+    LDAPConnection const connection = bound();
+
+    EXPECT_EQ(connection.server().get(), server.get());
+}
+
+TEST_F(ANewConnection, LivesThreeHundredSeconds)
+{
+    EXPECT_EQ(bound().impl()->m_expiry, 1000300);
+    EXPECT_EQ(unbound().impl()->m_expiry, 1000300);
+}
+
+TEST_F(AReusedConnection, WithoutABindIsCheckedAndHandedOut)
+{
+    LDAPConnectionImpl const* const body = givenBackAs("session", unbound());
+
+    LDAPConnection const connection = unbound();
+
+    EXPECT_EQ(connection.impl(), body);
+    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"}, checking})));
+    EXPECT_EQ(state(), "hits 1, size 1, pooled 1");
+}
+
+TEST_F(AReusedConnection, IsCheckedAndHandedOutWithoutAnotherBind)
+{
+    LDAPConnectionImpl const* const body = givenBackAs("session", bound());
+
+    LDAPConnection const connection = bound();
+
+    EXPECT_EQ(connection.impl(), body);
+    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"}, checking})));
+    EXPECT_EQ(state(), "hits 1, size 1, pooled 1");
+}
+
+TEST_F(AReusedConnection, IsInUseAgain)
+{
+    givenBack(bound());
+    givenBack(unbound());
+
+    EXPECT_FALSE(bound().cacheMarkAsUsed());
+    EXPECT_FALSE(unbound().cacheMarkAsUsed());
+    EXPECT_EQ(state(), "hits 2, size 2, pooled 2");
+}
+
+TEST_F(AReusedConnection, IsTheOneThatWasAddedFirst)
+{
+    LDAPConnection first = bound();
+    LDAPConnection second = bound();
+    second.cacheMarkAsAvailable();
+    first.cacheMarkAsAvailable();
+
+    EXPECT_EQ(bound().impl(), first.impl());
+}
+
+TEST_F(AReusedConnection, LeavesABusyOneUnchecked)
+{
+    LDAPConnection const busy = bound();
+    openldap.name(busy.context(), "busy");
+    openldap.forgetCalls();
+
+    LDAPConnection const connection = bound();
+
+    EXPECT_NE(connection.impl(), busy.impl());
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(joined({{"time"}, opening, sendingBind, awaitingBind})));
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
+}
+
+TEST_F(ADroppedConnection, WasFoundInvalidAndIsReplaced)
+{
+    givenBackAs("dropped", bound())->m_openldapErrorCode = -1;
+
+    LDAPConnection const connection = bound();
+
+    EXPECT_EQ(connection.openldapErrorCode(), 0);
+    EXPECT_THAT(
+        openldap.calls(),
+        ElementsAreArray(joined(
+            {{"time", "ldap_get_option dropped DESC", "getsockopt 5 1 4 4",
+              "ldap_unbind_ext dropped null null"},
+             opening,
+             sendingBind,
+             awaitingBind})));
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 1");
+}
+
+TEST_F(ADroppedConnection, WithoutABindIsReplacedTheSameWay)
+{
+    givenBackAs("dropped", unbound())->m_openldapErrorCode = -1;
+
+    LDAPConnection const connection = unbound();
+
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(joined({{"time", "ldap_get_option dropped DESC",
+                                          "getsockopt 5 1 4 4",
+                                          "ldap_unbind_ext dropped null null"},
+                                         opening})));
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 1");
+}
+
+TEST_F(ADroppedConnection, StaysMarkedAndOpenForWhoeverHoldsIt)
+{
+    LDAPConnection held = bound();
+    held.openldapErrorCode(-1);
+    givenBackAs("held", held);
+
+    bound();
+
+    EXPECT_FALSE(held.cacheMarkAsUsed());
+    EXPECT_THAT(openldap.calls(), Not(Contains("ldap_unbind_ext held null null")));
+}
+
+TEST_F(ADroppedConnection, DoesNotKeepTheNextOneFromBeingReused)
+{
+    LDAPConnection first = bound();
+    LDAPConnection second = bound();
+    first.openldapErrorCode(-1);
+    first.cacheMarkAsAvailable();
+    second.cacheMarkAsAvailable();
+
+    EXPECT_EQ(bound().impl(), second.impl());
+    EXPECT_EQ(state(), "hits 1, size 2, pooled 1");
+}
+
+TEST_F(ADroppedConnection, GoesWithAllOthersThatAreInvalid)
+{
+    LDAPConnection first = unbound();
+    LDAPConnection second = unbound();
+    for (LDAPConnection* const connection : {&first, &second}) {
+        connection->openldapErrorCode(-1);
+        connection->cacheMarkAsAvailable();
+    }
+
+    LDAPConnection const third = unbound();
+
+    EXPECT_NE(third.impl(), first.impl());
+    EXPECT_NE(third.impl(), second.impl());
+    EXPECT_EQ(state(), "hits 0, size 3, pooled 1");
+}
+
+TEST_F(ADroppedConnection, IsNotLookedForAmongThoseInUse)
+{
+    LDAPConnection busy = bound();
+    busy.openldapErrorCode(-1);
+
+    bound();
+
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
+}
+
+TEST_F(ADroppedConnection, IsOneWithoutASocket)
+{
+    givenBack(bound());
+    openldap.ldap_get_option = [](LDAP*, int, void* descriptor) {
+        *static_cast<int*>(descriptor) = -1;
+        return LDAP_SUCCESS;
+    };
+
+    bound();
+
+    EXPECT_EQ(state(), "hits 0, size 2, pooled 1");
+}
+
+TEST_F(TheServersOfAPool, AreNoneWhenItIsEmpty)
+{
+    std::list<LDAPConnection::RefServer> servers{serverAt(7)};
+    auto const* const given = servers.front().get();
+
+    cache.connections(servers);
+
+    ASSERT_EQ(servers.size(), 1U);
+    EXPECT_EQ(servers.front().get(), given);
+}
+
+TEST_F(TheServersOfAPool, AreAppendedInOrderOncePerConnection)
+{
+    auto const other = serverAt(390);
+    unbound();
+    cache.getConnection(other);
+    bound();
+    std::list<LDAPConnection::RefServer> servers{other};
+
+    cache.connections(servers);
+
+    std::vector<LDAPConnection::Server*> found;
+    for (auto const& each : servers) {
+        found.push_back(each.get());
+    }
+    EXPECT_THAT(found, ElementsAre(other.get(), server.get(), other.get(), server.get()));
+}
+
+TEST_F(TheServersOfAPool, AreAppendedAgainEachTime)
+{
+    unbound();
+    std::list<LDAPConnection::RefServer> servers;
+
+    cache.connections(servers);
+    cache.connections(servers);
+
+    EXPECT_EQ(servers.size(), 2U);
+}
+
+TEST_F(TheServersOfAPool, AreReadWithoutACall)
+{
+    unbound();
+    openldap.forgetCalls();
+    std::list<LDAPConnection::RefServer> servers;
+
+    cache.connections(servers);
+
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+}
+
+TEST_F(AClearedPool, HasNoConnectionsAndKeepsItsHits)
+{
+    givenBack(bound());
+    givenBack(bound());
+    unbound();
+
+    cache.clear();
+
+    EXPECT_EQ(state(), "hits 1, size 0, pooled 0");
+}
+
+TEST_F(AClearedPool, EndsEachSessionOnce)
+{
+    givenBackAs("first", bound());
+    givenBackAs("second", unbound());
+
+    cache.clear();
+
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_unbind_ext first null null",
+                                              "ldap_unbind_ext second null null"));
+}
+
+TEST_F(AClearedPool, LeavesAConnectionInUseToItsUser)
+{
+    LDAPConnection used = bound();
+    openldap.forgetCalls();
+
+    cache.clear();
+
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+    used = LDAPConnection();
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_unbind_ext session null null"));
+}
+
+TEST_F(AClearedPool, OpensAnewAndCountsFromTheStart)
+{
+    LDAPConnection const used = bound();
+    cache.clear();
+
+    LDAPConnection const connection = bound();
+
+    EXPECT_NE(connection.impl(), used.impl());
+    EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
+}
+
+TEST_F(AClearedPool, MayBeClearedWhenItIsEmpty)
+{
+    cache.clear();
+
+    EXPECT_EQ(state(), "hits 0, size 0, pooled 0");
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+}
+
+/// A pool that ends when the test says so.
+class AnEndingPool : public PoolTest {
+protected:
+    AnEndingPool() : pool(std::make_unique<LDAPConnectionCache>()) {}
+
+    std::unique_ptr<LDAPConnectionCache> pool;
+};
+
+TEST_F(AnEndingPool, EndsEachSessionOnceAndInSilence)
+{
+    givenBackAs("first", pool->getConnection(server));
+    givenBackAs("second", pool->getConnection(server, "cn=a", "secret"));
+    DebugLines const lines(0xffffffff);
+
+    pool.reset();
+
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_unbind_ext first null null",
+                                              "ldap_unbind_ext second null null"));
+    EXPECT_THAT(lines.all(), IsEmpty());
+}
+
+TEST_F(AnEndingPool, LeavesAConnectionInUseToItsUser)
+{
+    LDAPConnection used = pool->getConnection(server, "cn=a", "secret");
+    openldap.forgetCalls();
+
+    pool.reset();
+
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+    EXPECT_TRUE(used.impl()->isValid());
+    used.cacheMarkAsAvailable();
+    used = LDAPConnection();
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_get_option session DESC", "getsockopt 5 1 4 4",
+                                              "ldap_unbind_ext session null null"));
+}
+
+TEST_F(TheLogOfAPool, TellsOfAReuse)
+{
+    givenBack(bound());
+    DebugLines const lines(0x80008);
+
+    bound();
+
+    EXPECT_THAT(lines.all(), ElementsAre("Connection:575 getConnection 0: Use cached LDAP "
+                                         "connection to ldap://[127.0.0.1]:389/"));
+}
+
+TEST_F(TheLogOfAPool, TellsOfAnInvalidConnectionBeforeTheNewOne)
+{
+    givenBack(bound())->m_openldapErrorCode = -1;
+    DebugLines const lines(0x80008);
+
+    bound();
+
+    EXPECT_THAT(lines.all(),
+                ElementsAre("Connection:579 getConnection 0: Expired cached LDAP connection to "
+                            "ldap://[127.0.0.1]:389/",
+                            "Connection:400 LDAPConnectionImpl 0: New LDAP Connection "
+                            "ldap://[127.0.0.1]:389/ - Network Timeout = 7"));
+}
+
+TEST_F(TheLogOfAPool, SaysNothingOfASweptConnection)
+{
+    givenBack(bound());
+    now = 1000301;
+    DebugLines const lines(0xffffffff);
+
+    bound();
+
+    EXPECT_THAT(lines.all(), ElementsAre("Connection:400 LDAPConnectionImpl 0: New LDAP Connection "
+                                         "ldap://[127.0.0.1]:389/ - Network Timeout = 7"));
+}
+
+TEST_F(TheLogOfAPool, TellsThatItIsCleared)
+{
+    DebugLines const lines(0x80001);
+
+    cache.clear();
+
+    EXPECT_THAT(lines.all(), ElementsAre("Connection:664 clear 0: tid=" +
+                                         std::to_string(gettid()) + ": Clear the cache"));
+}
+
+TEST_F(TheLogOfAPool, IsSilentWhenABitOfTheMaskIsMissing)
+{
+    for (unsigned int const mask : masksWithout(0x80008)) {
+        givenBack(bound());
+        DebugLines const lines(mask);
+
+        givenBack(bound())->m_openldapErrorCode = -1;
+        bound();
+
+        EXPECT_THAT(lines.all(), IsEmpty()) << std::hex << mask;
+    }
+}
+
+TEST_F(TheLogOfAPool, IsSilentOnClearingWhenABitOfTheMaskIsMissing)
+{
+    for (unsigned int const mask : masksWithout(0x80001)) {
+        DebugLines const lines(mask);
+
+        cache.clear();
+
+        EXPECT_THAT(lines.all(), IsEmpty()) << std::hex << mask;
+    }
+}
+
+TEST_F(TheLogOfAPool, IsSilentOnConnectionsWithoutABind)
+{
+    givenBack(unbound());
+    DebugLines const lines(0xffffffff);
+
+    givenBack(unbound())->m_openldapErrorCode = -1;
+    unbound();
+
+    EXPECT_THAT(lines.all(), ElementsAre("Connection:400 LDAPConnectionImpl 0: New LDAP Connection "
+                                         "ldap://[127.0.0.1]:389/ - Network Timeout = 7"));
+}
+
+TEST_F(TheLogOfAPool, IsSilentOnReadingItsServers)
+{
+    unbound();
+    DebugLines const lines(0xffffffff);
+
+    state();
+
+    EXPECT_THAT(lines.all(), IsEmpty());
+}
+
+} // namespace
+} // namespace SolvaneTest
