@@ -1,0 +1,143 @@
+// Reading passwords byte by byte into memory that is overwritten.
+#include "Secret.h"
+
+#include "Failure.h"
+#include "Files.h"
+#include "Terminal.h"
+#include "Text.h"
+
+#include <fmt/format.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace Solvane::Tool {
+
+namespace {
+
+void writeTo(int terminal, std::string const& text)
+{
+    // A prompt that is not seen is no reason to stop.
+    (void)!write(terminal, text.data(), text.size());
+}
+
+} // namespace
+
+void wipe(std::string& text)
+{
+    text.resize(text.capacity());
+    explicit_bzero(text.data(), text.size());
+    text.clear();
+}
+
+Secret::Secret() { m_text.reserve(longest); }
+
+Secret::~Secret() { wipe(m_text); }
+
+void Secret::readFile(std::string const& path)
+{
+    std::string const source = "the password file";
+    Descriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    struct stat status = {};
+    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
+        throw unusableFile(source, path, errno);
+    }
+    // Asked of the open file, not of the name: it may come to mean another file at any time.
+    if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
+        throw Failure(Outcome::configuration,
+                      fmt::format("{} '{}' can be read by others (mode {:03o})", source, path,
+                                  status.st_mode & 0777U),
+                      "chmod 600 it, and change the password if others had access");
+    }
+    readToEnd(file.get(), fmt::format("{} '{}'", source, path));
+}
+
+void Secret::readDescriptor(int descriptor)
+{
+    readToEnd(descriptor, fmt::format("descriptor {} (--password-fd)", descriptor));
+}
+
+void Secret::ask(std::string const& dn)
+{
+    Descriptor const terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+    if (!terminal.isOpen()) {
+        throw Failure(Outcome::configuration, "-W finds no terminal to ask for the password",
+                      "use -y FILE or --password-fd N");
+    }
+    {
+        EchoOff const silence(terminal.get());
+        writeTo(terminal.get(), fmt::format("Password for {}: ", oneLine(dn)));
+        readLine(terminal.get());
+        writeTo(terminal.get(), "\n");
+    }
+    finish("the password");
+}
+
+void Secret::readToEnd(int descriptor, std::string const& source)
+{
+    char byte = 0;
+    while (readByte(descriptor, source, byte)) {
+        append(byte, source);
+    }
+    if (!m_text.empty() && m_text.back() == '\n') {
+        m_text.pop_back();
+    }
+    finish(source);
+}
+
+void Secret::readLine(int terminal)
+{
+    char byte = 0;
+    while (!EchoOff::wasInterrupted() && readByte(terminal, "the password", byte) && byte != '\n') {
+        append(byte, "the password");
+    }
+}
+
+/// False at the end, and when a signal asks to stop.
+bool Secret::readByte(int descriptor, std::string const& source, char& byte)
+{
+    for (;;) {
+        ssize_t const count = read(descriptor, &byte, 1);
+        if (count >= 0) {
+            return count == 1;
+        }
+        if (errno != EINTR) {
+            throw Failure(Outcome::configuration,
+                          fmt::format("{} cannot be read: {}", source, strerror(errno)),
+                          "name a source of the password that you can read");
+        }
+        if (EchoOff::wasInterrupted()) {
+            return false;
+        }
+    }
+}
+
+void Secret::append(char byte, std::string const& source)
+{
+    if (byte == '\0') {
+        throw Failure(Outcome::configuration, fmt::format("{} holds a NUL byte", source),
+                      "a password with one cannot be sent, correct it");
+    }
+    if (m_text.size() == longest) {
+        throw Failure(Outcome::configuration,
+                      fmt::format("{} is longer than {} bytes", source, longest),
+                      "it must hold the password and nothing else");
+    }
+    m_text.push_back(byte);
+}
+
+void Secret::finish(std::string const& source)
+{
+    if (m_text.empty()) {
+        throw Failure(
+            Outcome::configuration, fmt::format("{} is empty", source),
+            "many servers take an empty password as anonymous: give the password, or leave "
+            "-D out");
+    }
+}
+
+} // namespace Solvane::Tool

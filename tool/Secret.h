@@ -1,0 +1,47 @@
+// Passwords: where they come from, and how long their bytes live.
+#ifndef SOLVANE_TOOL_SECRET_H
+#define SOLVANE_TOOL_SECRET_H
+
+#include <string>
+
+namespace Solvane::Tool {
+
+/// Overwrites the bytes of a string, and leaves it empty.
+void wipe(std::string& text);
+
+/// A password, overwritten at its end. Never copied, never shown.
+class Secret {
+public:
+    Secret();
+    ~Secret();
+    Secret(Secret const&) = delete;
+    Secret& operator=(Secret const&) = delete;
+
+    /// Reads a file that only its owner can read.
+    /// @throws Failure  "configuration": it cannot be read or others can read it, or what all
+    ///                  sources refuse: nothing in it, a NUL byte, more than `longest` bytes
+    void readFile(std::string const& path);
+    /// Reads an open descriptor to its end.
+    /// @throws Failure  "configuration"
+    void readDescriptor(int descriptor);
+    /// Asks at the terminal, without echo.
+    /// @throws Failure  "configuration": there is no terminal, or what all sources refuse
+    void ask(std::string const& dn);
+
+    std::string const& text() const { return m_text; }
+
+    static constexpr std::string::size_type longest = 1024; ///< bytes
+
+private:
+    void readToEnd(int descriptor, std::string const& source);
+    void readLine(int terminal);
+    bool readByte(int descriptor, std::string const& source, char& byte);
+    void append(char byte, std::string const& source);
+    void finish(std::string const& source);
+
+    std::string m_text; ///< its memory is reserved once: growing would leave copies behind
+};
+
+} // namespace Solvane::Tool
+
+#endif

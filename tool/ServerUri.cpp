@@ -1,0 +1,105 @@
+// OpenLDAP's URI parser, and what it lets pass.
+#include "ServerUri.h"
+
+#include "Failure.h"
+#include "OpenLDAP.h"
+#include "Text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <memory>
+#include <string_view>
+
+namespace Solvane::Tool {
+
+namespace {
+
+struct FreeUrl {
+    void operator()(LDAPURLDesc* url) const { ldap_free_urldesc(url); }
+};
+using Url = std::unique_ptr<LDAPURLDesc, FreeUrl>;
+
+[[noreturn]] void refuse(std::string const& cause, std::string const& remedy)
+{
+    throw Failure(Outcome::usage, "-H: " + cause, remedy);
+}
+
+Url parse(std::string const& text)
+{
+    LDAPURLDesc* parsed = nullptr;
+    int const rc = ldap_url_parse(text.c_str(), &parsed);
+    Url url(parsed);
+    if (rc == LDAP_URL_ERR_BADSCHEME) {
+        refuse(fmt::format("'{}' is no LDAP URI", text), "write ldap://host or ldaps://host");
+    }
+    if (rc != LDAP_URL_SUCCESS) {
+        refuse(fmt::format("'{}' cannot be parsed", text),
+               "write ldap://host:port, an IPv6 address as in ldap://[::1]:389");
+    }
+    return url;
+}
+
+bool isEmpty(char const* text) { return text == nullptr || *text == '\0'; }
+
+/// The text between "://" and what follows the server.
+std::string_view authorityOf(std::string_view uri)
+{
+    std::string_view const rest = uri.substr(uri.find("://") + 3);
+    return rest.substr(0, rest.find_first_of("/?"));
+}
+
+/// The port, checked by its digits: OpenLDAP takes signs, and wraps what is too large.
+unsigned int portOf(std::string_view authority, bool isSecure)
+{
+    auto const bracket = authority.rfind(']');
+    auto const colon = authority.find(':', bracket == std::string_view::npos ? 0 : bracket);
+    if (colon == std::string_view::npos) {
+        return isSecure ? LDAPS_PORT : LDAP_PORT;
+    }
+    std::string_view const digits = authority.substr(colon + 1);
+    bool const isNumber = !digits.empty() && digits.size() <= 5 &&
+                          std::all_of(digits.begin(), digits.end(),
+                                      [](char digit) { return digit >= '0' && digit <= '9'; });
+    unsigned long const port = isNumber ? std::stoul(std::string(digits)) : 0;
+    if (port < 1 || port > 65535) {
+        refuse(fmt::format("'{}' is no port", digits),
+               "write a number from 1 to 65535, an IPv6 address in brackets");
+    }
+    return static_cast<unsigned int>(port);
+}
+
+} // namespace
+
+ServerUri::ServerUri(std::string const& text) : port(0), isSecure(false)
+{
+    // Looked for first, so that no message shows what stands before it.
+    if (text.find('@') != std::string::npos) {
+        refuse("a URI with '@' is refused", "give the user with -D and the password with -W or -y");
+    }
+    if (faultIn(text)) {
+        refuse("the URI is no plain text", "write ldap://host or ldaps://host");
+    }
+    Url const url = parse(text);
+    std::string_view const scheme = url->lud_scheme;
+    if (scheme != "ldap" && scheme != "ldaps") {
+        refuse(fmt::format("the scheme '{}' is not offered", scheme),
+               "write ldap://host or ldaps://host");
+    }
+    isSecure = scheme == "ldaps";
+    bool const hasMore = text.find('?') != std::string::npos || !isEmpty(url->lud_dn);
+    if (hasMore) {
+        refuse(fmt::format("'{}' says more than the server", text),
+               "give base, attributes, scope and filter with -b, --attrs, -s and -t");
+    }
+    if (isEmpty(url->lud_host)) {
+        refuse(fmt::format("'{}' names no host", text), "write ldap://host or ldaps://host");
+    }
+    host = url->lud_host;
+    if (host.find('%') != std::string::npos) {
+        refuse(fmt::format("the address '{}' has a zone", host), "write the address without zone");
+    }
+    port = portOf(authorityOf(text), isSecure);
+}
+
+} // namespace Solvane::Tool

@@ -1,0 +1,22 @@
+// The server's URI as the user writes it.
+#ifndef SOLVANE_TOOL_SERVER_URI_H
+#define SOLVANE_TOOL_SERVER_URI_H
+
+#include <string>
+
+namespace Solvane::Tool {
+
+/// Scheme, host and port of an LDAP URI (RFC 4516) that has nothing else.
+struct ServerUri {
+    /// @throws Failure  "usage": another scheme, no host, a port out of range, or more than a
+    /// server
+    explicit ServerUri(std::string const& text);
+
+    std::string host; ///< IPv6 without its brackets
+    unsigned int port;
+    bool isSecure;
+};
+
+} // namespace Solvane::Tool
+
+#endif

@@ -1,0 +1,33 @@
+// A terminal whose echo is off, whatever happens meanwhile.
+#ifndef SOLVANE_TOOL_TERMINAL_H
+#define SOLVANE_TOOL_TERMINAL_H
+
+#include <array>
+#include <csignal>
+
+#include <termios.h>
+
+namespace Solvane::Tool {
+
+/// Turns echo off for its life. A signal that would end or stop the process meanwhile is held back
+/// until echo is on again, and interrupts a read.
+class EchoOff {
+public:
+    explicit EchoOff(int terminal);
+    ~EchoOff();
+    EchoOff(EchoOff const&) = delete;
+    EchoOff& operator=(EchoOff const&) = delete;
+
+    static bool wasInterrupted();
+
+private:
+    static constexpr std::array<int, 5> signals = {SIGINT, SIGTERM, SIGQUIT, SIGHUP, SIGTSTP};
+
+    int m_terminal;
+    termios m_saved{};
+    std::array<struct sigaction, signals.size()> m_actions{};
+};
+
+} // namespace Solvane::Tool
+
+#endif
