@@ -2,9 +2,9 @@
 
 add_library(solvane_build_options INTERFACE)
 target_compile_options(solvane_build_options INTERFACE
-    -Wall -Wextra -Wpedantic -Wshadow=local -Wconversion -Wsign-conversion -Wold-style-cast
+    -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Wimplicit-fallthrough
-    $<$<CXX_COMPILER_ID:GNU>:-Wduplicated-cond -Wlogical-op -Wuseless-cast>
+    $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local -Wduplicated-cond -Wlogical-op -Wuseless-cast>
     $<$<CXX_COMPILER_ID:Clang>:-Wunused-const-variable>
     $<$<BOOL:${SOLVANE_WARNINGS_AS_ERRORS}>:-Werror>
 )

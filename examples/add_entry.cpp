@@ -1,10 +1,10 @@
 // Creation of one entry.
 //
-//   add_entry HOST PORT BIND-DN DN UID        (the password comes from LDAP_PASSWORD)
+//   LDAP_PASSWORD=... add_entry HOST PORT BIND-DN DN UID [CERTIFICATE]
 //
-// Adds a person with this DN and uid, with a picture of four bytes. Prints what the server said;
-// ends with 0 when the entry was added, 1 when the server refused it, 2 when that could not be
-// told.
+// Adds a person with this DN and uid and, where a file with one is given, a certificate in DER.
+// Prints what the server said; ends with 0 when the entry was added, 1 when the server refused it,
+// 2 when that could not be told.
 #include <solvane/ldap.h>
 
 #include <cstdlib>

@@ -28,7 +28,7 @@ int main(int argc, char** argv)
             Solvane::LDAPConnection connection(server, true);
             connection.bind("", "", Solvane::LDAPConnection::Asynchronous);
             connection.bindWait(timeoutSeconds);
-        } // the session takes the level over from the process, so it goes before the log does
+        } // a session keeps liblber's level of the time when it was made, so it goes before the log
         int const off = log.level(0, 0);
         std::cout << "switched on: " << on << ", switched off: " << off << '\n';
         return on == 0 && off == 0 ? 0 : 1;

@@ -1,6 +1,6 @@
 // Several queries under way at once, driven side by side from one thread.
 //
-//   driven_queries HOST PORT BIND-DN BASE ADDRESS...    (the password comes from LDAP_PASSWORD)
+//   LDAP_PASSWORD=... driven_queries HOST PORT BIND-DN BASE ADDRESS...
 //
 // All searches are sent before the first is awaited, so that the directory works on them together.
 // Prints a line per address; ends with 0 when each was found, 1 when one was not, 2 on trouble.

@@ -1,6 +1,6 @@
 // One lookup: a filter from a template, a bound connection, a search, its entries.
 //
-//   one_lookup HOST PORT BIND-DN BASE ADDRESS        (the password comes from LDAP_PASSWORD)
+//   LDAP_PASSWORD=... one_lookup HOST PORT BIND-DN BASE ADDRESS
 //
 // Ends with 0 when the address was found, 1 when it was not, 2 when that could not be told.
 #include <solvane/ldap.h>

@@ -1,7 +1,6 @@
 // Lookups from many threads over one pool of bound connections.
 //
-//   pooled_lookups HOST PORT BIND-DN BASE THREADS LOOKUPS    (the password comes from
-//   LDAP_PASSWORD)
+//   LDAP_PASSWORD=... pooled_lookups HOST PORT BIND-DN BASE THREADS LOOKUPS
 //
 // Each thread looks up user0000001@corp.test and its successors and checks that it got what it
 // asked for. Prints how many lookups there were, how many connections they took, and how often the
@@ -51,7 +50,7 @@ struct Directory {
     std::string base;
 };
 
-/// The common name of a user, or nothing where the answer is not one entry.
+/// The uid of a user, or nothing where the answer is not one entry.
 std::string uidOf(Solvane::LDAPConnectionCache& pool, Directory const& directory,
                   Solvane::EmailAddress const& address)
 {

@@ -161,11 +161,11 @@ void LDAPModAdapter::fill(LDAPMod& modification, LDAPAttribute const& attribute)
     modification.mod_type = const_cast<char*>(type.asString().c_str());
     if (type.isBinary()) {
         modification.mod_op |= LDAP_MOD_BVALUES;
-        m_binaryAdapters.push_back(new BerValueAdapter(attribute.binaryValue()));
-        modification.mod_bvalues = m_binaryAdapters.back()->values;
+        binaryAdapters.push_back(new BerValueAdapter(attribute.binaryValue()));
+        modification.mod_bvalues = binaryAdapters.back()->values;
     } else {
-        m_stringAdapters.push_back(new StringValueAdapter(attribute.value()));
-        modification.mod_values = m_stringAdapters.back()->values;
+        stringAdapters.push_back(new StringValueAdapter(attribute.value()));
+        modification.mod_values = stringAdapters.back()->values;
     }
 }
 
@@ -173,8 +173,8 @@ LDAPModAdapter::~LDAPModAdapter()
 {
     deleteEntries(mods, count);
     delete[] mods;
-    deleteAll(m_binaryAdapters);
-    deleteAll(m_stringAdapters);
+    deleteAll(binaryAdapters);
+    deleteAll(stringAdapters);
 }
 
 LDAPAddAdapter::LDAPAddAdapter(LDAPAddImpl& request)

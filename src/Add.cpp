@@ -31,10 +31,10 @@ constexpr ThrowSite waitWrapped       { unit,  137, Fault::failed,     Stage::bi
 } // namespace at
 // clang-format on
 
-/// The body of an add's handle: only the handle's own constructor puts one there.
+/// The body of an add's handle. Another request's, assigned through the base class, is a bad_cast.
 LDAPAddImpl& addOf(BodyReference<LDAPRequestImpl> const& handle, ThrowSite const& site)
 {
-    return static_cast<LDAPAddImpl&>(bodyOf(handle, site));
+    return dynamic_cast<LDAPAddImpl&>(bodyOf(handle, site));
 }
 
 } // namespace

@@ -69,6 +69,16 @@ constexpr TraceSite brokenPipe             { traceUnit,  477, "isValid",        
 /// OpenLDAP copies the process-wide TLS policy into each new session without a lock of its own.
 std::mutex g_processDefaults;
 
+/// Has OpenLDAP set TLS up while no other thread does: by itself it does so at the first handshake,
+/// without a lock. Called with g_processDefaults held.
+void initializeTls()
+{
+    static bool isInitialized = false;
+    if (!isInitialized) {
+        isInitialized = ldap_pvt_tls_init(0) == 0; // with 0, as OpenLDAP does
+    }
+}
+
 /// A message for the operator: number 6 of the catalogue is plain text.
 void log(std::string const& text)
 {
@@ -277,6 +287,7 @@ void LDAPConnectionImpl::initializeSession()
         // policy would not reach the first secure session of a process.
         int policy = LDAP_OPT_X_TLS_ALLOW;
         ldap_set_option(nullptr, LDAP_OPT_X_TLS_REQUIRE_CERT, &policy);
+        initializeTls();
     }
     int const rc = ldap_initialize(&m_context, uri.c_str());
     if (rc != 0) {

@@ -101,11 +101,11 @@ LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
             continue;
         }
         if (!current->impl()->isValid()) {
+            removed.splice(removed.end(), m_connections, current);
             if (!wanted.anonymous) {
                 SOLVANE_TRACE(at::expiredCached, "Expired cached LDAP connection to %s",
                               current->server()->uri.asString().c_str());
             }
-            removed.splice(removed.end(), m_connections, current);
             continue;
         }
         MarkerGuard marker(*current);

@@ -153,9 +153,6 @@ void LDAPResultImpl::parseMessage(LDAPMessageBuffer& message)
     reportingAs(at::parseWrapped, [&] {
         int const messageType = ldap_msgtype(message.get());
         m_resultType = resultTypeOf(messageType);
-        if (m_context == nullptr) { // OpenLDAP ends the process when it is handed none
-            throw fault(at::unreadableResult, ldap_err2string(LDAP_SERVER_DOWN));
-        }
         if (isListed(messageType)) {
             parseListResultEntry(message);
         } else {
@@ -164,8 +161,17 @@ void LDAPResultImpl::parseMessage(LDAPMessageBuffer& message)
     });
 }
 
+/// OpenLDAP ends the process when it is handed no session.
+void LDAPResultImpl::requireSession() const
+{
+    if (m_context == nullptr) {
+        throw fault(at::unreadableResult, ldap_err2string(LDAP_SERVER_DOWN));
+    }
+}
+
 void LDAPResultImpl::parseFinalResponse(LDAPMessageBuffer& message)
 {
+    requireSession();
     int code = LDAP_SUCCESS;
     LDAPCharBuffer matched;
     LDAPCharBuffer text;
@@ -202,7 +208,11 @@ void LDAPResultImpl::refuseReferrals(LDAPValueBuffer const& referrals)
 
 void LDAPResultImpl::parseListResultEntry(LDAPMessageBuffer& chain)
 {
+    if (chain.get() == nullptr) {
+        return;
+    }
     reportingAs(at::entriesWrapped, [&] {
+        requireSession();
         if (ldap_count_messages(m_context, chain.get()) == 0) {
             return;
         }
@@ -246,6 +256,7 @@ void LDAPResultImpl::parseEntry(LDAPMessage* message)
 
 void LDAPResultImpl::parseSearchReference(LDAPMessageBuffer& chain)
 {
+    requireSession();
     LDAPValueBuffer references;
     LDAPMessage* const first = ldap_first_message(m_context, chain.get());
     int const rc = ldap_parse_reference(m_context, first, references.address(), nullptr, 0);

@@ -133,9 +133,7 @@ LDAPSearch::~LDAPSearch() = default;
 
 LDAPSearch::Parameter& LDAPSearch::parameter() const
 {
-    // Only this class's constructors put a body into the handle.
-    LDAPRequestImpl& body = bodyOf(m_impl, at::parameter);
-    return static_cast<LDAPSearchImpl&>(body).parameter();
+    return dynamic_cast<LDAPSearchImpl&>(bodyOf(m_impl, at::parameter)).parameter();
 }
 
 // Search, body

@@ -1,10 +1,13 @@
 // The callback and the socket layers of a guarded session.
 #include "SessionGuard.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 namespace Solvane {
 
@@ -15,11 +18,48 @@ SessionGuard& guardOf(Sockbuf_IO_Desc* layer)
     return *static_cast<SessionGuard*>(layer->sbiod_pvt);
 }
 
-int descriptorOf(Sockbuf_IO_Desc* layer)
+int descriptorOf(Sockbuf* socket)
 {
     ber_socket_t descriptor = -1;
-    ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_GET_FD, &descriptor);
+    ber_sockbuf_ctrl(socket, LBER_SB_OPT_GET_FD, &descriptor);
     return descriptor;
+}
+
+/// Closes a connection that is not to be used. OpenLDAP would close it as well, but keep its number,
+/// and then take the session for connected.
+void closeConnection(Sockbuf* socket)
+{
+    close(descriptorOf(socket));
+    ber_socket_t none = -1;
+    ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_FD, &none);
+}
+
+int rememberLayer(Sockbuf_IO_Desc* layer, void* remembered)
+{
+    *static_cast<Sockbuf_IO_Desc**>(remembered) = layer;
+    return 0;
+}
+
+int passOn(Sockbuf_IO_Desc* layer, int option, void* argument)
+{
+    return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+}
+
+/// Takes the layers of a session's last connection away. OpenLDAP leaves them on the socket of the
+/// next one, which would be closed once for each, and whose first bytes would meet a dead TLS layer.
+bool removeLayers(Sockbuf* socket)
+{
+    static Sockbuf_IO top = {rememberLayer, nullptr, passOn, nullptr, nullptr, nullptr};
+    Sockbuf_IO_Desc* layer = nullptr;
+    if (ber_sockbuf_add_io(socket, &top, INT_MAX, static_cast<void*>(&layer)) != 0) {
+        return false;
+    }
+    while (layer->sbiod_next != nullptr) {
+        Sockbuf_IO_Desc const& next = *layer->sbiod_next;
+        ber_sockbuf_remove_io(socket, next.sbiod_io, next.sbiod_level);
+    }
+    ber_sockbuf_remove_io(socket, &top, INT_MAX);
+    return true;
 }
 
 bool wouldBlock() { return errno == EAGAIN; } // EWOULDBLOCK is the same number on Linux
@@ -47,9 +87,8 @@ bool isReadyBy(std::chrono::steady_clock::time_point deadline, int descriptor, s
 
 } // namespace
 
-Sockbuf_IO SessionGuard::s_socketLayer = {setUp,      nullptr,     control,
-                                          readSocket, writeSocket, nullptr};
-Sockbuf_IO SessionGuard::s_messageLayer = {setUp,       nullptr,      control,
+Sockbuf_IO SessionGuard::s_socketLayer = {setUp, nullptr, passOn, readSocket, writeSocket, nullptr};
+Sockbuf_IO SessionGuard::s_messageLayer = {setUp,       nullptr,      passOn,
                                            readMessage, writeMessage, nullptr};
 
 SessionGuard::SessionGuard(unsigned int networkTimeout, unsigned long maximumMessageBytes)
@@ -62,25 +101,28 @@ SessionGuard::SessionGuard(unsigned int networkTimeout, unsigned long maximumMes
 int SessionGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
 {
     SessionGuard& guard = *static_cast<SessionGuard*>(callback->lc_arg);
-    if (guard.m_isForBind && !guard.m_isBinding) {
-        return -1;
+    bool const mayConnect = !guard.m_isForBind || guard.m_isBinding;
+    if (mayConnect && guard.install(socket)) {
+        return 0;
     }
-    return guard.install(socket);
+    closeConnection(socket);
+    return -1;
 }
 
 // OpenLDAP calls it without looking; there is nothing to undo, as the layers go with the socket.
 void SessionGuard::disconnected(LDAP*, Sockbuf*, ldap_conncb*) {}
 
-int SessionGuard::install(Sockbuf* socket)
+bool SessionGuard::install(Sockbuf* socket)
 {
+    // Without a network timeout, a handshake could never even begin.
+    constexpr std::chrono::seconds shortestHandshake(1);
     m_isShakingHands = true;
-    m_handshakeDeadline = Clock::now() + m_networkTimeout;
+    m_handshakeDeadline = Clock::now() + std::max(m_networkTimeout, shortestHandshake);
     // Just above the socket and below TLS; and above TLS, below what prints LDAP messages.
-    bool const installed =
-        ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_MAX_INCOMING, &m_maximumMessageBytes) == 1 &&
-        ber_sockbuf_add_io(socket, &s_socketLayer, LBER_SBIOD_LEVEL_PROVIDER + 5, this) == 0 &&
-        ber_sockbuf_add_io(socket, &s_messageLayer, LBER_SBIOD_LEVEL_APPLICATION, this) == 0;
-    return installed ? 0 : -1;
+    return removeLayers(socket) &&
+           ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_MAX_INCOMING, &m_maximumMessageBytes) == 1 &&
+           ber_sockbuf_add_io(socket, &s_socketLayer, LBER_SBIOD_LEVEL_PROVIDER + 5, this) == 0 &&
+           ber_sockbuf_add_io(socket, &s_messageLayer, LBER_SBIOD_LEVEL_APPLICATION, this) == 0;
 }
 
 int SessionGuard::setUp(Sockbuf_IO_Desc* layer, void* guard)
@@ -89,15 +131,10 @@ int SessionGuard::setUp(Sockbuf_IO_Desc* layer, void* guard)
     return 0;
 }
 
-int SessionGuard::control(Sockbuf_IO_Desc* layer, int option, void* argument)
-{
-    return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
-}
-
 ber_slen_t SessionGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {
     SessionGuard const& guard = guardOf(layer);
-    int const descriptor = descriptorOf(layer);
+    int const descriptor = descriptorOf(layer->sbiod_sb);
     for (;;) {
         ssize_t const count = recv(descriptor, bytes, length, MSG_DONTWAIT);
         if (count >= 0 || (errno != EINTR && !wouldBlock())) {
@@ -115,7 +152,7 @@ ber_slen_t SessionGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len
 ber_slen_t SessionGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {
     SessionGuard const& guard = guardOf(layer);
-    int const descriptor = descriptorOf(layer);
+    int const descriptor = descriptorOf(layer->sbiod_sb);
     Clock::time_point const deadline =
         guard.m_isShakingHands ? guard.m_handshakeDeadline : Clock::now() + guard.m_networkTimeout;
     for (;;) {

@@ -14,10 +14,12 @@ namespace Solvane {
 ///
 /// - A session that was given to a bind opens no connection except within a bind: OpenLDAP would
 ///   silently connect again, without the bind, and let its operations run anonymously.
-/// - The TLS handshake ends when the network timeout is over: against a silent peer, OpenLDAP 2.5
-///   spins for ever.
+/// - A session that connects again starts afresh, without the layers of its last connection.
+/// - The TLS handshake ends when the network timeout is over (one of 0 counts as 1 second): against
+///   a silent peer, OpenLDAP 2.5 spins for ever.
 /// - Reads never block: a peer that sends half a message and stops leaves the waiting to
-///   `ldap_result`, which keeps its timeout. Writes block for the network timeout at the most.
+///   `ldap_result`, which keeps its timeout. A write that makes no progress ends with the network
+///   timeout.
 /// - A write to a closed peer raises no SIGPIPE.
 /// - A message announced as larger than the bound ends the connection before it is stored.
 ///
@@ -51,7 +53,7 @@ private:
                          ldap_conncb* callback);
     static void disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback);
 
-    int install(Sockbuf* socket);
+    bool install(Sockbuf* socket);
 
     // The layer next to the socket.
     static ber_slen_t readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
@@ -60,7 +62,6 @@ private:
     static ber_slen_t readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static ber_slen_t writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static int setUp(Sockbuf_IO_Desc* layer, void* guard);
-    static int control(Sockbuf_IO_Desc* layer, int option, void* argument);
 
     using Clock = std::chrono::steady_clock;
 

@@ -70,7 +70,7 @@ Answer Lookup::search(Record const& record)
 {
     m_diagnostics.note("searching for " + record.filter);
     m_parameter.filter = record.filter;
-    Answer const answer = m_session->search(m_parameter);
+    Answer answer = m_session->search(m_parameter);
     if (!answer.text.empty()) {
         m_diagnostics.error(fmt::format("{}: {}; {}", record.key, answer.text, answer.remedy));
     }

@@ -1,6 +1,7 @@
 // Options of "lookup", and the run over its keys.
 #include "LookupCommand.h"
 
+#include "Failure.h"
 #include "Lookup.h"
 #include "RecordWriter.h"
 #include "Secret.h"
@@ -48,6 +49,10 @@ Outcome LookupCommand::run(Output& output, Diagnostics& diagnostics)
 {
     diagnostics.level(m_diagnostics.level());
     m_keys.check();
+    if (m_keys.readsStandardInput() && m_server.readsStandardInput()) {
+        throw Failure(Outcome::usage, "addresses and password both come from standard input",
+                      "give one of them another way, as in --password-fd 3 3<FILE");
+    }
     LDAPSearch::Parameter const parameter = m_search.parameter();
     QueryTemplate const queryTemplate = m_template.queryTemplate();
     queryTemplate.check();

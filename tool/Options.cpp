@@ -144,6 +144,8 @@ void KeyOptions::forEach(std::function<void(std::string const&)> const& use) con
     }
 }
 
+bool KeyOptions::readsStandardInput() const { return m_file == "-"; }
+
 // Server
 
 void ServerOptions::declareOn(CLI::App& app)
@@ -189,14 +191,15 @@ ServerSettings ServerOptions::settings(Secret& password) const
         refuse("-H was given more than once", "one server is asked, choose it");
     }
     checkPairing();
-    ServerSettings const settings{ServerUri(uri()),
-                                  LDAPConnection::toProtocol(m_protocol == "2" ? 2 : 3),
-                                  timeoutSeconds(), m_bindDn, password};
+    ServerSettings settings{ServerUri(uri()), LDAPConnection::toProtocol(m_protocol == "2" ? 2 : 3),
+                            timeoutSeconds(), m_bindDn, password};
     if (isGiven(m_bindDnOption)) {
         readPassword(password);
     }
     return settings;
 }
+
+bool ServerOptions::readsStandardInput() const { return numberIn(m_passwordDescriptor) == 0U; }
 
 void ServerOptions::checkPairing() const
 {

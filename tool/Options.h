@@ -56,6 +56,7 @@ public:
     /// Calls `use` for each key in its order, as soon as it is read.
     /// @throws Failure  "configuration": the file cannot be read; what `use` throws
     void forEach(std::function<void(std::string const&)> const& use) const;
+    bool readsStandardInput() const;
 
 private:
     std::string m_file;
@@ -72,6 +73,7 @@ public:
     ServerSettings settings(Secret& password) const;
     /// The URI as it was given.
     std::string uri() const;
+    bool readsStandardInput() const;
 
 private:
     void checkPairing() const;

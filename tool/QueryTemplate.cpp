@@ -134,7 +134,7 @@ QueryTemplate::QueryTemplate(std::string const& text, std::string const& bValue,
 std::string QueryTemplate::filterFor(std::string const& address) const
 {
     requireAddress(address);
-    std::string const filter = expand(m_text, address);
+    std::string filter = expand(m_text, address);
     if (trimmed(filter).empty()) {
         throw Failure(
             Outcome::badInput,

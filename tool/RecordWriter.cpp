@@ -36,6 +36,7 @@ std::vector<std::string> const& recordFormats()
 {
     static std::vector<std::string> const names = [] {
         std::vector<std::string> made;
+        made.reserve(writers.size());
         for (auto const& writer : writers) {
             made.emplace_back(writer.first);
         }

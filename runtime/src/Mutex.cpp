@@ -3,9 +3,6 @@
 
 namespace Solvane {
 
-Mutex::Mutex() = default;
-Mutex::~Mutex() = default;
-
 void Mutex::lock() { m_mutex.lock(); }
 void Mutex::unlock() { m_mutex.unlock(); }
 

@@ -5,6 +5,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdint>
 #include <limits>
 #include <stdexcept>
 #include <string_view>
@@ -106,7 +107,7 @@ public:
     Conversion(Conversion const&) = delete;
     Conversion& operator=(Conversion const&) = delete;
 
-    bool isOpen() const { return m_handle != reinterpret_cast<iconv_t>(-1); }
+    bool isOpen() const { return reinterpret_cast<std::intptr_t>(m_handle) != -1; }
 
     std::string convert(std::string const& text)
     {

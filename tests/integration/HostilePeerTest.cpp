@@ -150,9 +150,9 @@ TEST(PeerThatSpeaksNoTls, FailsTheHandshake)
 
 TEST(HalfAMessage, LetsTheWaitRunOut)
 {
+    // OpenLDAP reads eight bytes first, and then would wait for the others without looking.
     ScriptedServer const server(answeringSearch([](int id) {
-        std::string const entry = searchEntry(id, "cn=x", {{"cn", {"x"}}});
-        return entry.substr(0, entry.size() / 2);
+        return searchEntry(id, "cn=x", {{"cn", {"x"}}}).substr(0, 8);
     }));
     SentSearch sent(server);
 

@@ -25,7 +25,7 @@ protected:
     void SetUp() override
     {
         SuiteWithSlapd<Lookup>::SetUp();
-        if (!IsSkipped() && !HasFatalFailure()) {
+        if (hasSlapd()) {
             connection = boundTo(plainServer(slapd().port()));
         }
     }

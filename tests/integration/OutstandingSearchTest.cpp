@@ -23,7 +23,7 @@ protected:
     void SetUp() override
     {
         SuiteWithSlapd<OutstandingSearch>::SetUp();
-        if (!IsSkipped() && !HasFatalFailure()) {
+        if (hasSlapd()) {
             connection = boundTo(plainServer(slapd().port()));
         }
     }

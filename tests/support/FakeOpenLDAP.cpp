@@ -10,6 +10,7 @@ DECLARE_REAL(ldap_initialize);
 DECLARE_REAL(ldap_set_option);
 DECLARE_REAL(ldap_get_option);
 DECLARE_REAL(ldap_pvt_tls_set_option);
+DECLARE_REAL(ldap_pvt_tls_init);
 DECLARE_REAL(ldap_unbind_ext);
 DECLARE_REAL(ldap_sasl_bind);
 DECLARE_REAL(ldap_sasl_bind_s);
@@ -35,6 +36,7 @@ DECLARE_REAL(ber_bvfree);
 DECLARE_REAL(ber_str2bv);
 DECLARE_REAL(ber_set_option);
 DECLARE_REAL(ber_sockbuf_add_io);
+DECLARE_REAL(ber_sockbuf_remove_io);
 DECLARE_REAL(ber_sockbuf_ctrl);
 DECLARE_REAL(time);
 DECLARE_REAL(getsockopt);
@@ -279,6 +281,12 @@ int __wrap_ldap_pvt_tls_set_option(LDAP* session, int option, void* value)
     return RUN(ldap_pvt_tls_set_option, session, option, value);
 }
 
+int __wrap_ldap_pvt_tls_init(int threads)
+{
+    record("ldap_pvt_tls_init", threads);
+    return RUN(ldap_pvt_tls_init, threads);
+}
+
 int __wrap_ldap_unbind_ext(LDAP* session, LDAPControl** server, LDAPControl** client)
 {
     record("ldap_unbind_ext", named(session), named(server), named(client));
@@ -455,6 +463,12 @@ int __wrap_ber_sockbuf_add_io(Sockbuf* socket, Sockbuf_IO* io, int level, void* 
 {
     record("ber_sockbuf_add_io", named(socket), level);
     return RUN(ber_sockbuf_add_io, socket, io, level, argument);
+}
+
+int __wrap_ber_sockbuf_remove_io(Sockbuf* socket, Sockbuf_IO* io, int level)
+{
+    record("ber_sockbuf_remove_io", named(socket), level);
+    return RUN(ber_sockbuf_remove_io, socket, io, level);
 }
 
 int __wrap_ber_sockbuf_ctrl(Sockbuf* socket, int option, void* argument)

@@ -20,6 +20,7 @@
 
 // Exported by libldap, declared in no installed header.
 extern "C" int ldap_pvt_tls_set_option(LDAP* session, int option, void* value);
+extern "C" int ldap_pvt_tls_init(int threads);
 
 namespace SolvaneTest {
 
@@ -74,6 +75,7 @@ public:
     Replacement<decltype(::ldap_set_option)> ldap_set_option;
     Replacement<decltype(::ldap_get_option)> ldap_get_option;
     Replacement<decltype(::ldap_pvt_tls_set_option)> ldap_pvt_tls_set_option;
+    Replacement<decltype(::ldap_pvt_tls_init)> ldap_pvt_tls_init;
     Replacement<decltype(::ldap_unbind_ext)> ldap_unbind_ext;
     Replacement<decltype(::ldap_sasl_bind)> ldap_sasl_bind;
     Replacement<decltype(::ldap_sasl_bind_s)> ldap_sasl_bind_s;
@@ -99,6 +101,7 @@ public:
     Replacement<decltype(::ber_str2bv)> ber_str2bv;
     Replacement<decltype(::ber_set_option)> ber_set_option;
     Replacement<decltype(::ber_sockbuf_add_io)> ber_sockbuf_add_io;
+    Replacement<decltype(::ber_sockbuf_remove_io)> ber_sockbuf_remove_io;
     Replacement<decltype(::ber_sockbuf_ctrl)> ber_sockbuf_ctrl;
 
     Replacement<decltype(::time)> time;

@@ -84,11 +84,12 @@ protected:
 
     void SetUp() override
     {
-        if (s_slapd == nullptr) {
+        if (!hasSlapd()) {
             Slapd::reportMissing();
         }
     }
 
+    static bool hasSlapd() { return s_slapd != nullptr; }
     static Slapd& slapd() { return *s_slapd; }
 
 private:

@@ -27,6 +27,7 @@ TEST(Outcomes, HaveTheExitStatusOfTheirKind)
         Outcome::outputFailed, Outcome::internal};
 
     std::vector<int> statuses;
+    statuses.reserve(outcomes.size());
     for (Outcome const outcome : outcomes) {
         statuses.push_back(exitStatusOf(outcome));
     }

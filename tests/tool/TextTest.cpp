@@ -51,10 +51,10 @@ TEST(OneLine, ShowsEveryByteOfWhatIsNoPlainText)
 TEST(Base64, FillsTheLastGroup)
 {
     EXPECT_EQ(base64(""), "");
-    EXPECT_EQ(base64("f"), "Zg==");
-    EXPECT_EQ(base64("fo"), "Zm8=");
-    EXPECT_EQ(base64("foo"), "Zm9v");
-    EXPECT_EQ(base64("foob"), "Zm9vYg==");
+    EXPECT_EQ(base64("M"), "TQ==");
+    EXPECT_EQ(base64("Ma"), "TWE=");
+    EXPECT_EQ(base64("Man"), "TWFu");
+    EXPECT_EQ(base64("Many"), "TWFueQ==");
     EXPECT_EQ(base64("\0\xFF\xFE"s), "AP/+");
 }
 

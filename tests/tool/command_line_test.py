@@ -99,6 +99,11 @@ class CommandLine(ToolTest):
             with self.subTest(arguments=arguments):
                 self.assertFails(run(*LOOKUP, "a", *arguments), 64, word)
 
+    def testRefusesTwoReadersOfStandardInput(self):
+        result = run(*LOOKUP, "-f", "-", "-D", "cn=x", "--password-fd", "0", stdin=b"secret\n")
+
+        self.assertFails(result, 64, "both come from standard input")
+
 
 class StandardOutput(ToolTest):
 

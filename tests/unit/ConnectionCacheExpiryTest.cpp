@@ -31,11 +31,10 @@ TEST_F(AnAgeingConnection, IsSweptOneSecondLater)
 
     LDAPConnection const connection = bound();
 
-    EXPECT_THAT(openldap.calls(),
-                ElementsAreArray(joined({{"time", "ldap_unbind_ext expired null null"},
-                                         opening,
-                                         sendingBind,
-                                         awaitingBind})));
+    EXPECT_THAT(
+        openldap.calls(),
+        ElementsAreArray(joined(
+            {{"time", "ldap_unbind_ext expired null null"}, opening, sendingBind, awaitingBind})));
     EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
 }
 

@@ -8,7 +8,6 @@ namespace SolvaneTest {
 namespace {
 
 using Solvane::LDAPConnection;
-using Solvane::LDAPConnectionImpl;
 using testing::ElementsAreArray;
 
 /// A pool with one idle bound connection and one idle unbound one, to other servers than the one
@@ -21,7 +20,7 @@ protected:
         givenBack(cache.getConnection(serverAt(390)));
         openldap.forgetCalls();
     }
-    ~AFailingLookup() override
+    void TearDown() override
     {
         EXPECT_EQ(state(), "hits 0, size 2, pooled 2") << "a failure has changed the pool";
     }
@@ -42,11 +41,12 @@ TEST_F(ARefusedBind, GivesANullConnectionAndEndsTheSession)
     LDAPConnection const connection = bound();
 
     EXPECT_TRUE(connection.isNull());
-    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"},
-                                                           opening,
-                                                           sendingBind,
-                                                           awaitingBind,
-                                                           {"ldap_unbind_ext session null null"}})));
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(joined({{"time"},
+                                         opening,
+                                         sendingBind,
+                                         awaitingBind,
+                                         {"ldap_unbind_ext session null null"}})));
 }
 
 TEST_F(ARefusedBind, ForWantOfAccessIsOneToo)
@@ -76,18 +76,19 @@ TEST_F(ARefusedBind, OfInvalidCredentialsEndsTheSession)
 
     thrownBy([&] { bound(); });
 
-    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"},
-                                                           opening,
-                                                           sendingBind,
-                                                           awaitingBind,
-                                                           {"ldap_unbind_ext session null null"}})));
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(joined({{"time"},
+                                         opening,
+                                         sendingBind,
+                                         awaitingBind,
+                                         {"ldap_unbind_ext session null null"}})));
 }
 
 TEST_F(ARefusedBind, WithAReferralIsReportedWithTheReferral)
 {
     openldap.ldap_result = [this](LDAP*, int, int, timeval*, LDAPMessage** message) {
         *message = messages.response(LDAP_RES_BIND, LDAP_REFERRAL, "", "", {"ldap://b/"});
-        return typeNumber(LDAP_RES_BIND);
+        return ldap_msgtype(*message);
     };
 
     auto const thrown = thrownBy([&] { bound(); });
@@ -186,10 +187,9 @@ TEST_F(AFailingLookup, WhoseBindRunsOutOfMemoryEndsTheSession)
 
     EXPECT_THROW(bound(), std::bad_alloc);
 
-    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"},
-                                                           opening,
-                                                           sendingBind,
-                                                           {"ldap_unbind_ext session null null"}})));
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(joined(
+                    {{"time"}, opening, sendingBind, {"ldap_unbind_ext session null null"}})));
 }
 
 TEST_F(AFailingCheck, OfABoundConnectionIsReportedAndUnlocksThePool)

@@ -3,16 +3,17 @@
 #include "PoolTest.h"
 
 #include <condition_variable>
+#include <map>
 #include <mutex>
+#include <new>
 #include <thread>
 
 namespace SolvaneTest {
 namespace {
 
 using Solvane::LDAPConnection;
-using testing::Each;
-using testing::IsEmpty;
-using testing::Not;
+using Solvane::LDAPConnectionImpl;
+using testing::ElementsAre;
 
 /// A pool and, in another thread, a reader of it.
 class TheLockOfAPool : public PoolTest {
@@ -27,23 +28,32 @@ protected:
             probe();
             return LDAP_SUCCESS;
         };
-        auto const answer = openldap.ldap_result;
-        openldap.ldap_result = [this, answer](auto... arguments) {
-            probe();
-            return answer(arguments...);
-        };
+        willAnswerBindsWith(LDAP_SUCCESS);
         openldap.ldap_unbind_ext = [this](auto... arguments) {
             probe();
             return ldap_unbind_ext(arguments...);
         };
     }
 
+    ~TheLockOfAPool() override { openldap.ldap_unbind_ext = nullptr; }
+
+    void willAnswerBindsWith(int code)
+    {
+        PoolTest::willAnswerBindsWith(code);
+        openldap.ldap_result = [this, answer = openldap.ldap_result](auto... arguments) {
+            probe();
+            return answer(arguments...);
+        };
+    }
     void read()
     {
         std::list<LDAPConnection::RefServer> servers;
         cache.connections(servers);
     }
-    void probe() { couldRead.push_back(reader.finishes([this] { read(); })); }
+    void probe()
+    {
+        couldRead.push_back(reader.finishes([this] { read(); }));
+    }
 
     std::vector<bool> couldRead; ///< whether the lock was free, for each use of the network so far
     OtherThread reader;
@@ -53,14 +63,14 @@ TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsOpened)
 {
     unbound();
 
-    EXPECT_THAT(couldRead, testing::ElementsAre(true));
+    EXPECT_THAT(couldRead, ElementsAre(true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsOpenedBoundAndAwaited)
 {
     bound();
 
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true, true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileARefusedConnectionIsLetGo)
@@ -69,7 +79,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileARefusedConnectionIsLetGo)
 
     bound();
 
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true, true, true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileAFailedConnectionIsLetGo)
@@ -78,7 +88,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileAFailedConnectionIsLetGo)
 
     thrownBy([&] { bound(); });
 
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true, true, true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGo)
@@ -88,10 +98,10 @@ TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGo)
     couldRead.clear();
 
     unbound();
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true));
 
     bound();
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true, true, true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true, true, true, true, true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterAHit)
@@ -107,7 +117,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterAHit)
     LDAPConnection const hit = bound();
 
     EXPECT_EQ(hit.impl(), valid.impl());
-    EXPECT_THAT(couldRead, testing::ElementsAre(true));
+    EXPECT_THAT(couldRead, ElementsAre(true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileExpiredConnectionsAreLetGo)
@@ -119,7 +129,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileExpiredConnectionsAreLetGo)
 
     bound();
 
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true, true, true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true, true, true, true));
 }
 
 TEST_F(TheLockOfAPool, IsFreeWhileClearedConnectionsAreLetGo)
@@ -130,24 +140,30 @@ TEST_F(TheLockOfAPool, IsFreeWhileClearedConnectionsAreLetGo)
 
     cache.clear();
 
-    EXPECT_THAT(couldRead, testing::ElementsAre(true, true));
+    EXPECT_THAT(couldRead, ElementsAre(true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsLetGoAfterItsCheckFailed)
+TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterALaterCheckFailed)
 {
-    givenBack(bound())->m_openldapErrorCode = -1;
-    givenBack(bound("cn=b", "secret"));
+    LDAPConnection first = bound();
     LDAPConnection second = bound();
+    first.openldapErrorCode(-1);
+    first.cacheMarkAsAvailable();
     second.cacheMarkAsAvailable();
-    second = LDAPConnection();
-    openldap.ldap_get_option = [](auto...) -> int { throw std::bad_alloc(); };
-    now = 1000301;
+    void const* const failing = second.context();
+    openldap.ldap_get_option = [failing](LDAP* session, int, void* descriptor) -> int {
+        if (session == failing) {
+            throw std::bad_alloc();
+        }
+        *static_cast<int*>(descriptor) = 5;
+        return LDAP_SUCCESS;
+    };
+    first = LDAPConnection();
     couldRead.clear();
 
-    EXPECT_NO_THROW(bound());
+    EXPECT_THROW(bound(), std::bad_alloc);
 
-    EXPECT_THAT(couldRead, Not(IsEmpty()));
-    EXPECT_THAT(couldRead, Each(true));
+    EXPECT_THAT(couldRead, ElementsAre(true));
 }
 
 TEST_F(TheLockOfAPool, KeepsReadersOutWhileAConnectionIsChecked)
@@ -204,10 +220,10 @@ using TwoLookupsAtOnce = PoolTest;
 
 TEST_F(TwoLookupsAtOnce, BothOpenAndBothKeepTheirConnection)
 {
-    MeetingPoint binding(2);
+    MeetingPoint meeting(2);
     openldap.ldap_sasl_bind = [&](auto, auto, auto, auto, auto, auto, int* messageId) {
         *messageId = 42;
-        return binding.arrive() ? LDAP_SUCCESS : LDAP_TIMEOUT;
+        return meeting.arrive() ? LDAP_SUCCESS : LDAP_TIMEOUT;
     };
     LDAPConnection theirs;
 
@@ -223,13 +239,13 @@ TEST_F(TwoLookupsAtOnce, BothOpenAndBothKeepTheirConnection)
 
 TEST_F(TwoLookupsAtOnce, DoNotSearchAgainAfterTheyOpened)
 {
-    LDAPConnection late;
+    OtherThread other;
     bool isFirst = true;
     openldap.ldap_sasl_bind = [&](auto, auto, auto, auto, auto, auto, int* messageId) {
         *messageId = 42;
         if (isFirst) {
             isFirst = false;
-            givenBack(bound()); // somebody else's, opened and idle by now
+            other.finishes([&] { givenBack(bound()); }); // idle, and in the pool by now
         }
         return LDAP_SUCCESS;
     };
@@ -242,13 +258,9 @@ TEST_F(TwoLookupsAtOnce, DoNotSearchAgainAfterTheyOpened)
 
 TEST_F(TwoLookupsAtOnce, WithoutABindBothOpenAndBothKeepTheirConnection)
 {
-    MeetingPoint opening(2);
-    openldap.ldap_initialize = [&](LDAP** session, char const* uri) {
-        int const rc = ldap_initialize(session, uri);
-        return rc;
-    };
+    MeetingPoint meeting(2);
     openldap.ldap_set_option = [&](LDAP* session, int option, void const* value) {
-        if (option == LDAP_OPT_RESTART && !opening.arrive()) {
+        if (option == LDAP_OPT_RESTART && !meeting.arrive()) {
             return LDAP_OPT_ERROR;
         }
         return ldap_set_option(session, option, value);

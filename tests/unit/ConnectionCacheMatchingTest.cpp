@@ -37,8 +37,7 @@ TEST_F(ALookup, FindsItsServerAmongOthers)
 {
     auto const other = serverAt(390);
     LDAPConnectionImpl const* const here = givenBack(bound());
-    LDAPConnectionImpl const* const there =
-        givenBack(cache.getConnection(other, "cn=a", "secret"));
+    LDAPConnectionImpl const* const there = givenBack(cache.getConnection(other, "cn=a", "secret"));
 
     EXPECT_EQ(cache.getConnection(other, "cn=a", "secret").impl(), there);
     EXPECT_EQ(bound().impl(), here);

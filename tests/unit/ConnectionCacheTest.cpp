@@ -13,6 +13,7 @@ using testing::Contains;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::IsEmpty;
+using testing::Not;
 
 using APool = PoolTest;
 using ANewConnection = PoolTest;
@@ -93,10 +94,9 @@ TEST_F(ANewConnection, WhoseBindIsNotAnsweredInTimeCountsAsBound)
     LDAPConnection const connection = bound();
 
     EXPECT_FALSE(connection.isNull());
-    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined({{"time"},
-                                                           opening,
-                                                           sendingBind,
-                                                           {"ldap_result session 42 0 7s 0us"}})));
+    EXPECT_THAT(openldap.calls(),
+                ElementsAreArray(
+                    joined({{"time"}, opening, sendingBind, {"ldap_result session 42 0 7s 0us"}})));
     EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
 }
 
@@ -196,14 +196,12 @@ TEST_F(ADroppedConnection, WasFoundInvalidAndIsReplaced)
     LDAPConnection const connection = bound();
 
     EXPECT_EQ(connection.openldapErrorCode(), 0);
-    EXPECT_THAT(
-        openldap.calls(),
-        ElementsAreArray(joined(
-            {{"time", "ldap_get_option dropped DESC", "getsockopt 5 1 4 4",
-              "ldap_unbind_ext dropped null null"},
-             opening,
-             sendingBind,
-             awaitingBind})));
+    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined(
+                                      {{"time", "ldap_get_option dropped DESC",
+                                        "getsockopt 5 1 4 4", "ldap_unbind_ext dropped null null"},
+                                       opening,
+                                       sendingBind,
+                                       awaitingBind})));
     EXPECT_EQ(state(), "hits 0, size 2, pooled 1");
 }
 
@@ -213,11 +211,10 @@ TEST_F(ADroppedConnection, WithoutABindIsReplacedTheSameWay)
 
     LDAPConnection const connection = unbound();
 
-    EXPECT_THAT(openldap.calls(),
-                ElementsAreArray(joined({{"time", "ldap_get_option dropped DESC",
-                                          "getsockopt 5 1 4 4",
-                                          "ldap_unbind_ext dropped null null"},
-                                         opening})));
+    EXPECT_THAT(openldap.calls(), ElementsAreArray(joined(
+                                      {{"time", "ldap_get_option dropped DESC",
+                                        "getsockopt 5 1 4 4", "ldap_unbind_ext dropped null null"},
+                                       opening})));
     EXPECT_EQ(state(), "hits 0, size 2, pooled 1");
 }
 
@@ -352,8 +349,8 @@ TEST_F(AClearedPool, EndsEachSessionOnce)
 
     cache.clear();
 
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_unbind_ext first null null",
-                                              "ldap_unbind_ext second null null"));
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_unbind_ext first null null", "ldap_unbind_ext second null null"));
 }
 
 TEST_F(AClearedPool, LeavesAConnectionInUseToItsUser)
@@ -403,8 +400,8 @@ TEST_F(AnEndingPool, EndsEachSessionOnceAndInSilence)
 
     pool.reset();
 
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_unbind_ext first null null",
-                                              "ldap_unbind_ext second null null"));
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_unbind_ext first null null", "ldap_unbind_ext second null null"));
     EXPECT_THAT(lines.all(), IsEmpty());
 }
 
@@ -466,8 +463,8 @@ TEST_F(TheLogOfAPool, TellsThatItIsCleared)
 
     cache.clear();
 
-    EXPECT_THAT(lines.all(), ElementsAre("Connection:664 clear 0: tid=" +
-                                         std::to_string(gettid()) + ": Clear the cache"));
+    EXPECT_THAT(lines.all(), ElementsAre("Connection:664 clear 0: tid=" + std::to_string(gettid()) +
+                                         ": Clear the cache"));
 }
 
 TEST_F(TheLogOfAPool, IsSilentWhenABitOfTheMaskIsMissing)

@@ -3,6 +3,8 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstdlib>
+#include <iostream>
 #include <thread>
 
 namespace SolvaneTest {
@@ -41,6 +43,9 @@ TEST_F(OpeningAConnection, MakesTheSessionAndSetsItsOptionsInOrder)
 
 TEST_F(OpeningAConnection, SetsTheTlsPolicyOfASecureServerOnTheDefaultsBeforeAndAfter)
 {
+    open(newServer(LDAPConnection::V3, true)); // the first one of a process sets TLS up besides
+    openldap.forgetCalls();
+
     LDAPConnection const connection(newServer(LDAPConnection::V3, true), false);
 
     EXPECT_THAT(openldap.calls(), ElementsAre("time", "ldap_set_option null X_TLS_REQUIRE_CERT 3",
@@ -53,11 +58,70 @@ TEST_F(OpeningAConnection, SetsTheTlsPolicyOfASecureServerOnTheDefaultsBeforeAnd
                                               "ldap_set_option session CONNECT_CB pointer"));
 }
 
-TEST_F(OpeningAConnection, NeverTouchesTlsOptionsForAServerThatIsNotSecure)
+// In a process of their own: what is checked happens once in a process.
+class OpeningTheFirstSecureConnection : public CallTest {
+protected:
+    OpeningTheFirstSecureConnection() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+    /// Ends the process; with 0 when `calls` are recorded.
+    [[noreturn]] void exitIfRecorded(std::vector<std::string> const& calls) const
+    {
+        if (openldap.calls() != calls) {
+            for (std::string const& call : openldap.calls()) {
+                std::cerr << call << '\n';
+            }
+            std::_Exit(1);
+        }
+        std::_Exit(0);
+    }
+};
+
+TEST_F(OpeningTheFirstSecureConnection, SetsTlsUpBetweenThePolicyAndTheSession)
+{
+    auto const openFirst = [&] {
+        openldap.ldap_initialize = [](auto...) { return LDAP_PARAM_ERROR; };
+        thrownBy([] { open(newServer(LDAPConnection::V3, true)); });
+        exitIfRecorded({"time", "ldap_set_option null X_TLS_REQUIRE_CERT 3", "ldap_pvt_tls_init 0",
+                        "ldap_initialize ldaps://[127.0.0.1]:389/"});
+    };
+
+    EXPECT_EXIT(openFirst(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(OpeningTheFirstSecureConnection, IsTheOnlyOneToSetTlsUp)
+{
+    auto const openSecond = [&] {
+        open(newServer(LDAPConnection::V3, true));
+        openldap.forgetCalls();
+        openldap.ldap_initialize = [](auto...) { return LDAP_PARAM_ERROR; };
+        thrownBy([] { open(newServer(LDAPConnection::V3, true)); });
+        exitIfRecorded({"time", "ldap_set_option null X_TLS_REQUIRE_CERT 3",
+                        "ldap_initialize ldaps://[127.0.0.1]:389/"});
+    };
+
+    EXPECT_EXIT(openSecond(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(OpeningTheFirstSecureConnection, LeavesItToTheNextOneWhenTlsCannotBeSetUp)
+{
+    auto const openSecond = [&] {
+        openldap.ldap_pvt_tls_init = [](int) { return -1; };
+        open(newServer(LDAPConnection::V3, true));
+        openldap.forgetCalls();
+        openldap.ldap_initialize = [](auto...) { return LDAP_PARAM_ERROR; };
+        thrownBy([] { open(newServer(LDAPConnection::V3, true)); });
+        exitIfRecorded({"time", "ldap_set_option null X_TLS_REQUIRE_CERT 3", "ldap_pvt_tls_init 0",
+                        "ldap_initialize ldaps://[127.0.0.1]:389/"});
+    };
+
+    EXPECT_EXIT(openSecond(), testing::ExitedWithCode(0), "");
+}
+
+TEST_F(OpeningAConnection, NeverTouchesTlsForAServerThatIsNotSecure)
 {
     open(newServer());
 
-    EXPECT_THAT(openldap.calls(), Not(Contains(testing::HasSubstr("TLS"))));
+    EXPECT_THAT(openldap.calls(), Not(Contains(testing::ContainsRegex("TLS|tls"))));
 }
 
 TEST_F(OpeningAConnection, IgnoresThatTheTlsPolicyIsRefusedBeforeTheSessionIsMade)

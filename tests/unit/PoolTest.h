@@ -45,7 +45,7 @@ protected:
         openldap.ldap_result = [this, code](LDAP*, int, int, timeval*, LDAPMessage** message) {
             std::lock_guard<std::mutex> const lock(m_answering);
             *message = messages.response(LDAP_RES_BIND, code);
-            return typeNumber(LDAP_RES_BIND);
+            return ldap_msgtype(*message);
         };
     }
 
@@ -94,14 +94,13 @@ protected:
     time_t now;
     Solvane::LDAPConnectionCache cache;
 
-    std::vector<std::string> const opening{
-        "time",
-        "ldap_initialize ldap://[127.0.0.1]:389/",
-        "ldap_set_option session REFERRALS off",
-        "ldap_set_option session PROTOCOL_VERSION 3",
-        "ldap_set_option session NETWORK_TIMEOUT 7s 0us",
-        "ldap_set_option session RESTART on",
-        "ldap_set_option session CONNECT_CB pointer"};
+    std::vector<std::string> const opening{"time",
+                                           "ldap_initialize ldap://[127.0.0.1]:389/",
+                                           "ldap_set_option session REFERRALS off",
+                                           "ldap_set_option session PROTOCOL_VERSION 3",
+                                           "ldap_set_option session NETWORK_TIMEOUT 7s 0us",
+                                           "ldap_set_option session RESTART on",
+                                           "ldap_set_option session CONNECT_CB pointer"};
     std::vector<std::string> const sendingBind{
         "ber_str2bv 'secret' 0 0 null", "ldap_sasl_bind session 'cn=a' null 'secret' null null",
         "ber_bvfree 'secret'"};

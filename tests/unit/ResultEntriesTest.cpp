@@ -191,6 +191,14 @@ TEST_F(AChain, IsJudgedByItsFirstMessageAndStepsFromEachEntryToTheNext)
     EXPECT_EQ(openldap.calls().back(), "ldap_next_message session second");
 }
 
+TEST_F(AChain, ThatIsEmptyIsLeftAloneWithoutACall)
+{
+    result.parseListResultEntry(chain);
+
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+    EXPECT_THAT(entryNames(), IsEmpty());
+}
+
 TEST_F(AChain, ThatCountsNoMessagesIsLeftAlone)
 {
     openldap.ldap_count_messages = [](auto...) { return 0; };

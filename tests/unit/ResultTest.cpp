@@ -397,7 +397,23 @@ TEST_F(AResult, WithoutASessionReportsAnEntryInsteadOfHandingItToOpenLDAP)
     LDAPMessageBuffer message;
     *message.address() = messages.entry("cn=a");
 
-    EXPECT_THROW(withoutSession.parseMessage(message), Solvane::LDAPException);
+    EXPECT_THAT(thrownBy([&] { withoutSession.parseMessage(message); }),
+                IsFault("Result.cpp", 577, 1, 6));
+    EXPECT_THAT(thrownBy([&] { withoutSession.parseListResultEntry(message); }),
+                IsFault("Result.cpp", 577, 1, 6));
+    EXPECT_EQ(withoutSession.resultType(), 2);
+}
+
+TEST_F(AResult, WithoutASessionReportsAReferenceInsteadOfHandingItToOpenLDAP)
+{
+    LDAPResultImpl withoutSession(nullptr);
+    LDAPMessageBuffer message;
+    *message.address() = messages.reference({"ldap://a/"});
+
+    EXPECT_THAT(thrownBy([&] { withoutSession.parseMessage(message); }),
+                IsFault("Result.cpp", 577, 1, 6));
+    EXPECT_THAT(thrownBy([&] { withoutSession.parseSearchReference(message); }),
+                IsFault("Result.cpp", 577, 1, 6));
 }
 
 class AResultHandle : public ConnectedTest {};

@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
+#include <utility>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -24,26 +25,18 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 
-/// One connection as OpenLDAP opens it: a Sockbuf over one end of a pair of sockets.
+/// The socket of a session, as OpenLDAP connects it: one end of a pair of sockets.
 ///
 /// Layers of its own stand where TLS would and above all others, so that a test can read and write
 /// as a handshake does and as LDAP does.
 class Connected {
 public:
-    Connected() : m_socket(ber_sockbuf_alloc()), m_peer(-1)
-    {
-        RealCalls const unseen;
-        std::array<int, 2> ends{};
-        checked(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), "socketpair");
-        m_peer = ends[1];
-        ber_sockbuf_add_io(m_socket, &ber_sockbuf_io_tcp, LBER_SBIOD_LEVEL_PROVIDER, nullptr);
-        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, ends.data());
-    }
+    Connected() : m_socket(ber_sockbuf_alloc()) { connect(); }
     ~Connected()
     {
         RealCalls const unseen;
+        hangUp();
         ber_sockbuf_free(m_socket);
-        closePeer();
     }
     Connected(Connected const&) = delete;
     Connected& operator=(Connected const&) = delete;
@@ -52,10 +45,20 @@ public:
     int offerTo(ldap_conncb* callback)
     {
         int const answer = callback->lc_add(nullptr, m_socket, nullptr, nullptr, callback);
-        RealCalls const unseen;
-        ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_TRANSPORT, &m_inHandshake);
-        ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_APPLICATION + 5, &m_inLdap);
+        if (answer == 0) {
+            RealCalls const unseen;
+            ber_sockbuf_add_io(m_socket, &ber_sockbuf_io_tcp, LBER_SBIOD_LEVEL_PROVIDER, nullptr);
+            ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_TRANSPORT, &m_inHandshake);
+            ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_APPLICATION + 5, &m_inLdap);
+        }
         return answer;
+    }
+    /// Connects the same socket anew. OpenLDAP leaves the layers of the last connection on it.
+    void reconnect()
+    {
+        RealCalls const unseen;
+        hangUp();
+        connect();
     }
 
     ber_slen_t readInHandshake() { return readBelow(m_inHandshake); }
@@ -103,8 +106,39 @@ public:
         return size;
     }
     Sockbuf* socket() const { return m_socket; }
+    static Sockbuf_IO& layer() { return s_layer; }
+    int descriptor() const
+    {
+        RealCalls const unseen;
+        ber_socket_t number = -1;
+        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_GET_FD, &number);
+        return number;
+    }
+    bool has(Sockbuf_IO& layer) const
+    {
+        RealCalls const unseen;
+        return ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_HAS_IO, &layer) == 1;
+    }
 
 private:
+    void connect()
+    {
+        RealCalls const unseen;
+        std::array<int, 2> ends{};
+        checked(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), "socketpair");
+        m_peer = ends[1];
+        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, ends.data());
+    }
+    void hangUp()
+    {
+        closePeer();
+        ber_socket_t none = -1;
+        if (descriptor() != none) {
+            close(descriptor());
+            ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, &none);
+        }
+    }
+
     static int setUp(Sockbuf_IO_Desc* layer, void* place)
     {
         *static_cast<Sockbuf_IO_Desc**>(place) = layer;
@@ -140,7 +174,7 @@ private:
     static Sockbuf_IO s_layer;
 
     Sockbuf* m_socket;
-    int m_peer;
+    int m_peer = -1;
     Sockbuf_IO_Desc* m_inHandshake = nullptr;
     Sockbuf_IO_Desc* m_inLdap = nullptr;
     std::string m_bytes;
@@ -231,25 +265,67 @@ TEST_F(AGuard, LetsANewBindConnectAgain)
     EXPECT_EQ(second.offerTo(guard.callback()), 0);
 }
 
-TEST_F(AGuard, AddsNoLayerToAConnectionThatItRefuses)
+// OpenLDAP would close it as well, but keep its number and take the session for connected.
+TEST_F(AGuard, ClosesAConnectionThatItRefusesAndTakesItsNumberAway)
 {
     {
         SessionGuard::BindScope const bind(guard);
     }
-    openldap.forgetCalls();
 
     connected.offerTo(guard.callback());
 
-    EXPECT_THAT(openldap.calls(), IsEmpty());
+    EXPECT_EQ(connected.peerReads(), "");
+    EXPECT_EQ(connected.descriptor(), -1);
 }
 
-TEST_F(AGuard, RefusesAConnectionThatItCannotGuard)
-{
-    openldap.ber_sockbuf_add_io = [](auto...) { return -1; };
+class EachStepThatFails : public AGuard, public testing::WithParamInterface<int> {};
 
-    EXPECT_EQ(
-        guard.callback()->lc_add(nullptr, connected.socket(), nullptr, nullptr, guard.callback()),
-        -1);
+TEST_P(EachStepThatFails, RefusesTheConnectionAndClosesIt)
+{
+    int step = 0;
+    openldap.ber_sockbuf_add_io = [&](Sockbuf* socket, Sockbuf_IO* io, int level, void* argument) {
+        return ++step == GetParam() ? -1 : ber_sockbuf_add_io(socket, io, level, argument);
+    };
+
+    EXPECT_EQ(connected.offerTo(guard.callback()), -1);
+    EXPECT_EQ(connected.peerReads(), "");
+    EXPECT_EQ(connected.descriptor(), -1);
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, EachStepThatFails, testing::Values(1, 2, 3));
+
+TEST_F(AGuard, RefusesAConnectionWhoseMessagesItCannotBound)
+{
+    openldap.ber_sockbuf_ctrl = [](Sockbuf* socket, int option, void* argument) {
+        return option == LBER_SB_OPT_SET_MAX_INCOMING ? 0
+                                                      : ber_sockbuf_ctrl(socket, option, argument);
+    };
+
+    EXPECT_EQ(connected.offerTo(guard.callback()), -1);
+    EXPECT_EQ(connected.descriptor(), -1);
+}
+
+TEST_F(AGuard, TakesTheLayersOfTheLastConnectionAway)
+{
+    connected.offerTo(guard.callback());
+    connected.reconnect();
+
+    guard.callback()->lc_add(nullptr, connected.socket(), nullptr, nullptr, guard.callback());
+
+    EXPECT_FALSE(connected.has(ber_sockbuf_io_tcp));
+    EXPECT_FALSE(connected.has(Connected::layer()));
+}
+
+TEST_F(AGuard, GuardsAConnectionThatWasMadeAgain)
+{
+    connected.offerTo(guard.callback());
+    connected.reconnect();
+    connected.offerTo(guard.callback());
+    connected.peerWrites("again");
+
+    EXPECT_EQ(connected.readInHandshake(), 5);
+    EXPECT_EQ(connected.read(), -1);
+    EXPECT_EQ(errno, EAGAIN);
 }
 
 TEST_F(AGuard, HasNothingToDoWhenAConnectionIsClosed)
@@ -494,16 +570,28 @@ TEST_F(AGuardedConnection, FailsToWriteToAFullSocketWhenTheNetworkTimeoutIsOver)
 TEST_F(AGuardWithoutNetworkTimeout, FailsToWriteToAFullSocketAtOnce)
 {
     connected.offerTo(guard.callback());
+    openldap.poll = [](auto...) {
+        ADD_FAILURE() << "it waits";
+        return 1;
+    };
 
     EXPECT_EQ(connected.fill(), EAGAIN);
 }
 
-TEST_F(AGuardWithoutNetworkTimeout, EndsAHandshakeWithASilentPeerAtOnce)
+TEST_F(AGuardWithoutNetworkTimeout, GivesAHandshakeOneSecond)
 {
     connected.offerTo(guard.callback());
+    std::vector<int> waits;
+    openldap.poll = [&](pollfd* waited, nfds_t count, int milliseconds) {
+        waits.push_back(milliseconds);
+        return poll(waited, count, milliseconds);
+    };
 
     EXPECT_EQ(connected.readInHandshake(), -1);
     EXPECT_EQ(errno, ETIMEDOUT);
+    ASSERT_FALSE(waits.empty());
+    EXPECT_GT(waits.front(), 0);
+    EXPECT_LE(waits.front(), 1000);
 }
 
 /// Connections as the library guards them.

@@ -23,7 +23,8 @@ public:
     /// Sets the debug levels (`LDAP_DEBUG_...`) of liblber and libldap.
     ///
     /// A level above 0 opens the log anew, unless it is open; where that fails, the output goes to
-    /// standard error. Both levels at 0 or below close it.
+    /// standard error. Both levels at 0 or below close it; they are passed on all the same, and to
+    /// liblber -1 means everything.
     /// @return the result of the last call made: of libldap's option, or of closing the log
     int level(int berLevel, int ldapLevel);
 

@@ -38,7 +38,8 @@ public:
         /// @param port            TCP port
         /// @param protocol        protocol version, passed on unchecked
         /// @param secure          true: TLS from the first byte ("ldaps://")
-        /// @param networkTimeout  seconds for opening the TCP connection and for the TLS handshake
+        /// @param networkTimeout  seconds for opening the TCP connection, for the TLS handshake, for a
+        ///                        write that makes no progress, and for the bind of a pooled connection
         /// @param firstFlag       stored; no operation of this library reads it
         /// @param secondFlag      stored; no operation of this library reads it
         /// @throws LDAPException  code 4, type 0, with the failure as its cause: the host does not
@@ -83,7 +84,7 @@ public:
     /// @param server     shared with the connection
     /// @param anonymous  whether the connection is meant for use without a bind
     /// @throws LDAPException  code 4: type 1 the session or TLS could not be set up, type 2 an
-    /// option
+    ///                        option
     LDAPConnection(RefServer const& server, bool anonymous);
     LDAPConnection(LDAPConnection const& other);
     LDAPConnection& operator=(LDAPConnection const& other);
@@ -100,16 +101,14 @@ public:
     /// @param password  sent up to its first zero byte
     /// @param mode      `Synchronous` waits for the answer, for as long as it takes
     /// @throws LDAPException  code 4: type 1 the server cannot be reached, type 3 any other
-    /// refusal,
-    ///                        and a connection that was unbound
+    ///                        refusal, and a connection that was unbound
     virtual void bind(std::string const& dn, std::string const& password, BindMode mode);
 
     /// Completes a bind started with `Asynchronous`.
     ///
     /// @param timeoutSeconds  whole seconds for *each* message awaited; 0 polls once
     /// @return true when the bind is done or the time ran out, false when the server refused it
-    /// with a
-    ///         code other than 49; the response is kept in the body's `m_bindResult`
+    ///         with a code other than 49; the response is kept in the body's `m_bindResult`
     /// @throws LDAPException  code 4, type 3: no session, credentials refused (49), or the wait
     ///                        failed; what `LDAPResultImpl::parseMessage` throws
     virtual bool bindWait(unsigned int timeoutSeconds);
@@ -155,14 +154,15 @@ public:
 
     /// A connection for use without a bind. It may be one that was never connected yet.
     /// @throws LDAPException  code 4, type 0: no connection can be made; the failure is the cause
+    /// @warning Do not bind it: it would go back to the pool bound, to the next caller without one.
     LDAPConnection getConnection(LDAPConnection::RefServer const& server);
 
     /// A connection bound as `dn`. A new one waits for its bind's answer up to the server's network
     /// timeout; one whose answer has not come by then counts as bound.
     /// @return a null handle when the server refused the bind with another code than 49
     /// @throws LDAPException  code 4, type 0: the connection or the bind failed, credentials
-    /// refused
-    ///                        (49) included; the failure is the cause
+    ///                        refused (49) included; the failure is the cause
+    /// @warning Do not bind it again: other threads compare its credentials meanwhile.
     LDAPConnection getConnection(LDAPConnection::RefServer const& server, std::string const& dn,
                                  std::string const& password);
 

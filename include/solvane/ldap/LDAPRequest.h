@@ -63,10 +63,10 @@ public:
         Parameter(std::string const& baseDN);
 
         std::string baseDN; ///< where the search starts
-        std::string
-            filter; ///< RFC 4515 text; empty sends none, and OpenLDAP then asks for everything
-        /// Attribute types to return, in request order; empty asks for all user attributes
-        /// (RFC 4511 section 4.5.1.8).
+        /// RFC 4515 text; empty sends none, and OpenLDAP then asks for everything.
+        std::string filter;
+        /// Attribute types to return, in request order; empty asks for all user attributes (RFC
+        /// 4511 section 4.5.1.8).
         std::list<LDAPAttributeType> attributes;
         Scope scope;
         Deref deref;   ///< stays set on the session; `DerefNever` leaves what an earlier search set

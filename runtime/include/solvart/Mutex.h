@@ -12,8 +12,8 @@ namespace Solvane {
 /// A lock that one thread holds at a time. Not recursive.
 class SOLVART_EXPORT Mutex {
 public:
-    Mutex();
-    ~Mutex();
+    Mutex() = default;
+    ~Mutex() = default;
     Mutex(Mutex const&) = delete;
     Mutex& operator=(Mutex const&) = delete;
 

@@ -30,8 +30,7 @@ class LDAPSearchImpl;
 class SOLVANE_LDAP_EXPORT LDAPSearchAdapter : public NonCopyable {
 public:
     /// @throws LDAPException  code 2, type 0: scope or alias mode out of range; code 1, type 0:
-    /// null
-    ///                        connection, or a null attribute type in the list
+    ///                        null connection, or a null attribute type in the list
     explicit LDAPSearchAdapter(LDAPSearchImpl& request);
     ~LDAPSearchAdapter();
 
@@ -90,12 +89,11 @@ public:
 
     std::uint64_t count;
     LDAPMod** mods;
+    std::list<BerValueAdapter*> binaryAdapters;
+    std::list<StringValueAdapter*> stringAdapters;
 
 private:
     void fill(LDAPMod& modification, LDAPAttribute const& attribute);
-
-    std::list<BerValueAdapter*> m_binaryAdapters;
-    std::list<StringValueAdapter*> m_stringAdapters;
 };
 
 /// The arguments of `ldap_add_ext`.

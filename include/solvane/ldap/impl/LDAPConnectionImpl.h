@@ -32,8 +32,7 @@ public:
     static constexpr unsigned long defaultMaximumMessageSize = 64UL * 1024 * 1024;
 
     /// @throws LDAPException  code 4: type 1 the session or TLS could not be set up, type 2 an
-    /// option;
-    ///                        the session has been given back then
+    ///                        option; the session has been given back then
     LDAPConnectionImpl(LDAPConnection::RefServer const& server, bool anonymous);
     ~LDAPConnectionImpl() override;
 

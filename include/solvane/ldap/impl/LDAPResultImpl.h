@@ -24,12 +24,14 @@ public:
     ~LDAPResultImpl() override;
 
     /// Reads one message into the result; an empty owner changes nothing.
-    /// @throws LDAPException  code 2, type 6: a kind of message that is not known;
-    ///                        code 1, type 6: a response that OpenLDAP cannot parse;
-    ///                        code 4, type 5: a referral (stored before), or a reference that
-    ///                        cannot be parsed; code 4, type 6: anything else, as the cause
+    /// @throws LDAPException  code 2, type 6: a kind of message that is not known; code 1, type 6:
+    ///                        a response that OpenLDAP cannot parse; code 4, type 5: a referral
+    ///                        (stored before), or a reference that cannot be parsed; code 4, type
+    ///                        6: anything else, as the cause
     void parseMessage(LDAPMessageBuffer& message);
     /// Reads a chain of search entries and references. Entries are appended whole or not at all.
+    /// @note For chains of one message, as LDAP_MSG_ONE gives them: the first one's kind is taken
+    ///       for all, and a longer chain with a reference at its head is read for ever.
     /// @throws LDAPException  code 4: type 6 another kind of message, type 5 a damaged reference
     void parseListResultEntry(LDAPMessageBuffer& chain);
     /// Checks the reference at the head of the chain; its URIs are dropped.
@@ -48,6 +50,7 @@ public:
     std::list<std::string> const& searchReferrals() const { return m_searchReferrals; }
 
 private:
+    void requireSession() const;
     void parseFinalResponse(LDAPMessageBuffer& message);
     void parseEntry(LDAPMessage* message);
     void refuseReferrals(LDAPValueBuffer const& referrals);

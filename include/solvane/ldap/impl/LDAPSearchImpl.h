@@ -17,15 +17,13 @@ public:
 
     /// Sends the search.
     /// @throws LDAPException  code 1, type 0: null connection; code 2, type 0: scope or alias mode
-    /// out
-    ///                        of range; code 4, type 4: OpenLDAP refuses (the code is recorded on
-    ///                        the connection), or anything else, as the cause
+    ///                        out of range; code 4, type 4: OpenLDAP refuses (the code is recorded
+    ///                        on the connection), or anything else, as the cause
     void send() override;
     /// Collects entries until the search is done.
     /// @throws LDAPException  code 4, type 4: the wait failed (the code is recorded on the
-    /// connection),
-    ///                        or anything else, as the cause; what `LDAPResultImpl::parseMessage`
-    ///                        throws
+    ///                        connection), or anything else, as the cause; what
+    ///                        `LDAPResultImpl::parseMessage` throws
     bool wait(unsigned int timeout) override;
     LDAPResult const& result() const override;
     /// Does nothing: no abandon is sent, and the answers still arrive.
