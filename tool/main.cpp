@@ -3,6 +3,8 @@
 #include "Console.h"
 #include "Failure.h"
 
+#include <solvart/Exception.h>
+
 #include <fmt/format.h>
 
 #include <csignal>
@@ -24,10 +26,12 @@ Outcome runReporting(int count, char** arguments, Diagnostics& diagnostics)
         return failure.outcome();
     } catch (ReaderGone const&) {
         return Outcome::outputFailed;
+    } catch (Solvane::Exception const& fault) {
+        diagnostics.error(fmt::format("internal fault: {}; report it", fault.asString()));
     } catch (std::exception const& fault) {
         diagnostics.error(fmt::format("internal fault: {}; report it", fault.what()));
-        return Outcome::internal;
     }
+    return Outcome::internal;
 }
 
 } // namespace
