@@ -72,10 +72,10 @@ class Examples(DirectoryTest):
         self.assertEqual(found.status, 0)
 
     def testAddEntryReportsASchemaViolation(self):
-        result = self.example("add_entry", READER, "uid=other," + NEW, "not the name")
+        result = self.example("add_entry", READER, "dc=other," + NEW, "other")
 
         self.assertEqual(result.status, 1)
-        self.assertRegex(result.output, r"^refused 64 ")
+        self.assertRegex(result.output, r"^refused 65 ")
 
     def testOwnRequestCompares(self):
         self.assertEqual(self.example("own_request", USER1, "sn", "Berg").output, "yes\n")

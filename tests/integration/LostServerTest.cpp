@@ -178,10 +178,13 @@ TEST_F(LostServer, IsReachedAgainByANewBind)
     LDAPSearch search(connection, secret);
     answerAndCrash(search);
     comeBack();
-    // As happens in a program with other files: the new socket gets another number.
-    Descriptor const inTheWay(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, oldSocket));
+    // As happens in a program with other files: the new socket gets another number. The old one must
+    // not be polled any more.
+    Descriptor inTheWay(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, oldSocket));
+    connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
+    inTheWay.close();
 
-    bindAsReader(connection);
+    connection.bindWait(10);
 
     EXPECT_NE(socketOf(connection), oldSocket);
     EXPECT_THAT(namesIn(answerTo(connection, secret)),

@@ -46,7 +46,7 @@ template <typename Body> class AProgramsReferenceTo : public testing::Test {
 };
 using Bodies = testing::Types<LDAPRequestImpl, LDAPResultImpl, LDAPConnectionImpl,
                               LDAPAttributeImpl, LDAPAttributeTypeImpl, LDAPAttributeContainerImpl>;
-TYPED_TEST_SUITE(AProgramsReferenceTo, Bodies);
+TYPED_TEST_SUITE(AProgramsReferenceTo, Bodies, );
 
 } // namespace
 

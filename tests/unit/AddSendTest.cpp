@@ -200,6 +200,7 @@ TEST_F(AnAdd, HandsOverWhatItHoldsAndGivesTheArraysBackOnce)
     LDAPAttribute const binary = attribute("sn;binary", "b");
     add.attributes({text, binary});
     Releases::Named named;
+    Releases releases;
     openldap.ldap_add_ext = [&](LDAP*, char const* name, LDAPMod** mods, auto, auto, auto) {
         named = handedOver(mods);
         EXPECT_EQ(name, add.name().c_str());
@@ -207,9 +208,9 @@ TEST_F(AnAdd, HandsOverWhatItHoldsAndGivesTheArraysBackOnce)
         EXPECT_EQ(mods[0]->mod_values[0], text.value().front().c_str());
         EXPECT_EQ(static_cast<void const*>(mods[1]->mod_bvalues[0]->bv_val),
                   binary.binaryValue().front().data());
+        releases.forget();
         return LDAP_SUCCESS;
     };
-    Releases const releases(1000);
 
     add.send();
 
@@ -221,11 +222,12 @@ TEST_F(AnAddThatIsRefused, GivesTheArraysBackOnce)
 {
     add.attributes({attribute("cn", "a"), attribute("sn;binary", "b")});
     Releases::Named named;
+    Releases releases;
     openldap.ldap_add_ext = [&](auto, auto, LDAPMod** mods, auto, auto, auto) {
         named = handedOver(mods);
+        releases.forget();
         return LDAP_SERVER_DOWN;
     };
-    Releases const releases(1000);
 
     thrownBy([&] { add.send(); });
 

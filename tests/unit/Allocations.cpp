@@ -2,6 +2,7 @@
 // it, the C++ library's or a sanitizer's, which goes on telling new from new[].
 #include "Allocations.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <new>
 
@@ -42,7 +43,11 @@ void* allocate(void* (*real)(std::size_t), std::size_t size)
         throw std::bad_alloc();
     }
     Inside const inside;
-    return real(size);
+    void* const memory = real(size);
+    if (t_releases != nullptr) {
+        t_releases->noteAllocation(memory);
+    }
+    return memory;
 }
 
 template <typename... Size> void release(void (*real)(void*, Size...), void* memory, Size... size)
@@ -52,7 +57,7 @@ template <typename... Size> void release(void (*real)(void*, Size...), void* mem
         return;
     }
     if (t_releases != nullptr) {
-        t_releases->note(memory);
+        t_releases->noteRelease(memory);
     }
     Inside const inside;
     real(memory, size...);
@@ -111,30 +116,37 @@ FailingAllocation::~FailingAllocation() { t_isFailing = false; }
 
 bool FailingAllocation::hasFailed() const { return t_hasFailed; }
 
-Releases::Releases(std::size_t most)
+Releases::Releases()
 {
-    m_released.reserve(most);
+    m_events.reserve(10000);
     t_releases = this;
 }
 
 Releases::~Releases() { t_releases = nullptr; }
 
-void Releases::note(void const* memory)
+void Releases::note(Event const& event)
 {
-    if (m_released.size() == m_released.capacity()) {
+    if (m_events.size() == m_events.capacity()) {
         std::abort(); // to grow now would be to allocate, and to forget would be to mislead
     }
-    m_released.push_back(memory);
+    m_events.push_back(event);
 }
 
-std::vector<std::string> Releases::of(Named const& named) const
+std::vector<std::string> Releases::of(Named named) const
 {
     std::vector<std::string> names;
-    for (void const* const memory : m_released) {
-        for (auto const& [known, name] : named) {
-            if (memory == known) {
-                names.push_back(name);
-            }
+    std::vector<Event> const events(m_events); // the rest allocates
+    for (Event const& event : events) {
+        auto const known = std::find_if(named.begin(), named.end(), [&](auto const& each) {
+            return each.first == event.memory;
+        });
+        if (known == named.end()) {
+            continue;
+        }
+        if (event.isRelease) {
+            names.push_back(known->second);
+        } else {
+            named.erase(known);
         }
     }
     return names;

@@ -25,24 +25,35 @@ public:
     bool hasFailed() const;
 };
 
-/// While it lives, notes in which order this thread gives named memory back; one at a time.
+/// While it lives, notes in which order this thread gives memory back; one at a time.
 class Releases {
 public:
     using Named = std::vector<std::pair<void const*, std::string>>;
 
-    /// @param most  so many releases have room
-    explicit Releases(std::size_t most = 64);
+    Releases();
     ~Releases();
     Releases(Releases const&) = delete;
     Releases& operator=(Releases const&) = delete;
 
-    /// The names of what was given back so far, in order; other memory is left out.
-    std::vector<std::string> of(Named const& named) const;
+    /// Forgets what was noted so far.
+    void forget() { m_events.clear(); }
+    /// The names of what was given back since then, in order; other memory is left out, and so is
+    /// what became of memory that was allocated anew.
+    std::vector<std::string> of(Named named) const;
 
-    void note(void const* memory);
+    // For new and delete.
+    void noteAllocation(void const* memory) { note({memory, false}); }
+    void noteRelease(void const* memory) { note({memory, true}); }
 
 private:
-    std::vector<void const*> m_released; // never grows while it is watching
+    struct Event {
+        void const* memory;
+        bool isRelease;
+    };
+
+    void note(Event const& event);
+
+    std::vector<Event> m_events; // never grows while it is watching
 };
 
 // For the template.

@@ -40,7 +40,7 @@ protected:
         }
     }
 
-    /// Pooled connections that do not match a lookup of long(), each for another reason.
+    /// Pooled connections that do not match the credentials below, each for another reason.
     void addOthers()
     {
         givenBack(cache.getConnection(serverAt(390), dn, password));
@@ -77,7 +77,6 @@ TEST_F(TheMemoryOfAPool, IsNotNeededToPassConnectionsOver)
     givenBack(bound(dn, password));
     unsigned int const alone = allocationsOfAHit();
     cache.clear();
-    addOthers();
     addOthers();
     givenBack(bound(dn, password));
 

@@ -182,8 +182,8 @@ TEST(AServerThatCannotBeResolved, IsReportedWithTheFailureAsItsCause)
     EXPECT_THAT(thrown, IsFault("Connection.cpp", 63, 4, 0));
     EXPECT_EQ(thrown.stringParameter(), "");
     ASSERT_TRUE(thrown.hasCause());
-    EXPECT_EQ(typeid(thrown.cause()), typeid(LDAPException));
     auto const& cause = dynamic_cast<LDAPException const&>(thrown.cause());
+    EXPECT_EQ(typeid(cause), typeid(LDAPException));
     EXPECT_THAT(cause, IsFault("Connection.cpp", 51, 4, 0));
     EXPECT_EQ(cause.stringParameter(), "Invalid hostname: " + unresolvable);
     EXPECT_FALSE(cause.hasCause());

@@ -82,7 +82,7 @@ template <typename T> class AReferenceTo : public testing::Test {
 };
 using Bodies = testing::Types<LDAPRequestImpl, LDAPResultImpl, LDAPConnectionImpl,
                               LDAPAttributeImpl, LDAPAttributeTypeImpl, LDAPAttributeContainerImpl>;
-TYPED_TEST_SUITE(AReferenceTo, Bodies);
+TYPED_TEST_SUITE(AReferenceTo, Bodies, );
 
 template <typename T> class AClassWithOnlyADestructor : public testing::Test {
 };
@@ -90,23 +90,23 @@ using DestructorOnly =
     testing::Types<RefImpl, Counter, DebugLogOpenLDAP, LDAPUtil, LDAPConnection::Server,
                    LDAPConnectionCache, LDAPSearchResultEntry, LDAPRequest, LDAPSearch, LDAPAdd,
                    LDAPResult, LDAPAttribute, LDAPAttributeType, RefLDAPQuery>;
-TYPED_TEST_SUITE(AClassWithOnlyADestructor, DestructorOnly);
+TYPED_TEST_SUITE(AClassWithOnlyADestructor, DestructorOnly, );
 
 template <typename T> class ABodyWithOnlyADestructor : public testing::Test {
 };
 using DestructorOnlyBodies = testing::Types<LDAPResultImpl, LDAPAttributeImpl,
                                             LDAPAttributeTypeImpl, LDAPAttributeContainerImpl>;
-TYPED_TEST_SUITE(ABodyWithOnlyADestructor, DestructorOnlyBodies);
+TYPED_TEST_SUITE(ABodyWithOnlyADestructor, DestructorOnlyBodies, );
 
 template <typename T> class ABody : public testing::Test {
 };
-TYPED_TEST_SUITE(ABody, Bodies);
+TYPED_TEST_SUITE(ABody, Bodies, );
 
 template <typename T> class APolymorphicHandle : public testing::Test {
 };
 using PolymorphicHandles = testing::Types<LDAPConnection, LDAPRequest, LDAPSearch, LDAPAdd,
                                           LDAPResult, LDAPAttribute, LDAPAttributeType>;
-TYPED_TEST_SUITE(APolymorphicHandle, PolymorphicHandles);
+TYPED_TEST_SUITE(APolymorphicHandle, PolymorphicHandles, );
 
 } // namespace
 
