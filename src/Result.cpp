@@ -256,6 +256,9 @@ void LDAPResultImpl::parseEntry(LDAPMessage* message)
 
 void LDAPResultImpl::parseSearchReference(LDAPMessageBuffer& chain)
 {
+    if (chain.get() == nullptr) {
+        return;
+    }
     requireSession();
     LDAPValueBuffer references;
     LDAPMessage* const first = ldap_first_message(m_context, chain.get());

@@ -109,8 +109,14 @@ int SessionGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, lda
     return -1;
 }
 
-// OpenLDAP calls it without looking; there is nothing to undo, as the layers go with the socket.
-void SessionGuard::disconnected(LDAP*, Sockbuf*, ldap_conncb*) {}
+/// OpenLDAP goes on polling the number of a connection that ended while nothing was outstanding: the
+/// session's next one would fail for it, or wait on somebody else's file.
+void SessionGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb*)
+{
+    if (socket != nullptr) { // null when the session goes
+        ldap_mark_select_clear(session, socket);
+    }
+}
 
 bool SessionGuard::install(Sockbuf* socket)
 {

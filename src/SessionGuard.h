@@ -14,7 +14,8 @@ namespace Solvane {
 ///
 /// - A session that was given to a bind opens no connection except within a bind: OpenLDAP would
 ///   silently connect again, without the bind, and let its operations run anonymously.
-/// - A session that connects again starts afresh, without the layers of its last connection.
+/// - A session that connects again starts afresh: nothing of its last connection is polled, closed or
+///   written through.
 /// - The TLS handshake ends when the network timeout is over (one of 0 counts as 1 second): against
 ///   a silent peer, OpenLDAP 2.5 spins for ever.
 /// - Reads never block: a peer that sends half a message and stops leaves the waiting to

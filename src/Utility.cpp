@@ -230,7 +230,7 @@ std::string LDAPUtil::sv_ldap_expand_query(std::string const& query, std::string
 std::string LDAPUtil::instanceFilterTemplate(std::string const& filterTemplate,
                                              EmailAddress const& address)
 {
-    std::string const query(filterTemplate.c_str());
+    std::string const query = filterTemplate.substr(0, filterTemplate.find('\0'));
     return sv_ldap_expand_query(query, address.local(), address.domain(), std::string(),
                                 std::string());
 }

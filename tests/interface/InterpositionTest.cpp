@@ -10,9 +10,9 @@
 
 #include <gmock/gmock.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <ctime>
+#include <string>
 #include <vector>
 
 #include <sys/socket.h>

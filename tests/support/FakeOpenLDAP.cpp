@@ -11,6 +11,7 @@ DECLARE_REAL(ldap_set_option);
 DECLARE_REAL(ldap_get_option);
 DECLARE_REAL(ldap_pvt_tls_set_option);
 DECLARE_REAL(ldap_pvt_tls_init);
+DECLARE_REAL(ldap_mark_select_clear);
 DECLARE_REAL(ldap_unbind_ext);
 DECLARE_REAL(ldap_sasl_bind);
 DECLARE_REAL(ldap_sasl_bind_s);
@@ -285,6 +286,12 @@ int __wrap_ldap_pvt_tls_init(int threads)
 {
     record("ldap_pvt_tls_init", threads);
     return RUN(ldap_pvt_tls_init, threads);
+}
+
+void __wrap_ldap_mark_select_clear(LDAP* session, Sockbuf* socket)
+{
+    record("ldap_mark_select_clear", named(session), named(socket));
+    RUN(ldap_mark_select_clear, session, socket);
 }
 
 int __wrap_ldap_unbind_ext(LDAP* session, LDAPControl** server, LDAPControl** client)

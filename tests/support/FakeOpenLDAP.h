@@ -21,6 +21,7 @@
 // Exported by libldap, declared in no installed header.
 extern "C" int ldap_pvt_tls_set_option(LDAP* session, int option, void* value);
 extern "C" int ldap_pvt_tls_init(int threads);
+extern "C" void ldap_mark_select_clear(LDAP* session, Sockbuf* socket);
 
 namespace SolvaneTest {
 
@@ -76,6 +77,7 @@ public:
     Replacement<decltype(::ldap_get_option)> ldap_get_option;
     Replacement<decltype(::ldap_pvt_tls_set_option)> ldap_pvt_tls_set_option;
     Replacement<decltype(::ldap_pvt_tls_init)> ldap_pvt_tls_init;
+    Replacement<decltype(::ldap_mark_select_clear)> ldap_mark_select_clear;
     Replacement<decltype(::ldap_unbind_ext)> ldap_unbind_ext;
     Replacement<decltype(::ldap_sasl_bind)> ldap_sasl_bind;
     Replacement<decltype(::ldap_sasl_bind_s)> ldap_sasl_bind_s;

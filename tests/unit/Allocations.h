@@ -20,9 +20,6 @@ public:
     ~FailingAllocation();
     FailingAllocation(FailingAllocation const&) = delete;
     FailingAllocation& operator=(FailingAllocation const&) = delete;
-
-    /// Whether so many allocations were asked for that one has failed.
-    bool hasFailed() const;
 };
 
 /// While it lives, notes in which order this thread gives memory back; one at a time.

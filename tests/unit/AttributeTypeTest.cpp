@@ -49,7 +49,7 @@ TEST(AnAttributeDescription, IsBinaryWithTheOptionInAnyCase)
 TEST(AnAttributeDescription, IsNotBinaryForAnOptionThatOnlyResemblesIt)
 {
     EXPECT_FALSE(LDAPAttributeType("x;binary2").isBinary());
-    EXPECT_FALSE(LDAPAttributeType("x;binar").isBinary());
+    EXPECT_FALSE(LDAPAttributeType("x;bin").isBinary());
     EXPECT_FALSE(LDAPAttributeType("x;").isBinary());
     EXPECT_FALSE(LDAPAttributeType("binary").isBinary());
 }

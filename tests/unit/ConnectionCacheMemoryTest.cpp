@@ -153,6 +153,22 @@ TEST_F(TheMemoryOfAPool, KeepsTheMarkerFreeWhicheverAllocationOfAReuseWithoutABi
     EXPECT_EQ(cache.cacheSize().value(), 1);
 }
 
+TEST_F(TheMemoryOfAPool, IsNotNeededToDropAnInvalidConnection)
+{
+    givenBack(bound(dn, password))->m_openldapErrorCode = -1;
+    DebugLines const lines(0x80008);
+    RealCalls const unseen;
+
+    EXPECT_THROW(
+        {
+            FailingAllocation const failing(0); // that of the log line
+            bound(dn, password);
+        },
+        std::bad_alloc);
+
+    EXPECT_EQ(state(), "hits 0, size 1, pooled 0");
+}
+
 TEST_F(TheMemoryOfAPool, IsAllGivenBackWhicheverAllocationOfAnOpeningFails)
 {
     RealCalls const unseen;

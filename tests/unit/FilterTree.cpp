@@ -3,6 +3,7 @@
 
 #include <lber.h>
 
+#include <cctype>
 #include <memory>
 #include <vector>
 

@@ -147,11 +147,11 @@ TEST(AConnection, LetsGoOfTheServerDescriptionWithItsLastHandle)
     LDAPConnection::RefServer const server("127.0.0.1", 389, LDAPConnection::V3, false, 5, false,
                                            false);
     LDAPConnection connection(server, true);
-    LDAPConnection const copy(connection);
+    LDAPConnection copy(connection);
 
     connection = LDAPConnection();
     EXPECT_EQ(server.use_count(), 2);
-    const_cast<LDAPConnection&>(copy) = connection;
+    copy = LDAPConnection();
 
     EXPECT_EQ(server.use_count(), 1);
 }

@@ -7,6 +7,7 @@
 
 #include <gmock/gmock.h>
 
+#include <cctype>
 #include <random>
 
 using namespace Solvane;
@@ -147,15 +148,15 @@ public:
     Values values() { return Values{next(), next(), next(), next()}; }
 
 private:
-    int upTo(int highest) { return std::uniform_int_distribution<int>(0, highest)(m_random); }
+    int number(int highest) { return std::uniform_int_distribution<int>(0, highest)(m_random); }
     std::string next()
     {
-        std::string bytes(static_cast<std::size_t>(1 + upTo(15)), '\0');
+        std::string bytes(static_cast<std::size_t>(1 + number(15)), '\0');
         for (char& byte : bytes) {
-            bool const isSpecial = upTo(2) == 0;
+            bool const isSpecial = number(2) == 0;
             std::string const specials = "*()\\&|!=~<>${}2Aa# ";
-            byte = isSpecial ? specials[static_cast<std::size_t>(upTo(18))]
-                             : static_cast<char>(m_lowest + upTo(255 - m_lowest));
+            byte = isSpecial ? specials[static_cast<std::size_t>(number(18))]
+                             : static_cast<char>(m_lowest + number(255 - m_lowest));
         }
         return bytes;
     }

@@ -18,9 +18,7 @@
 using namespace Solvane;
 using SolvaneTest::IsFault;
 using SolvaneTest::thrownBy;
-using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 

@@ -328,12 +328,23 @@ TEST_F(AGuard, GuardsAConnectionThatWasMadeAgain)
     EXPECT_EQ(errno, EAGAIN);
 }
 
-TEST_F(AGuard, HasNothingToDoWhenAConnectionIsClosed)
+TEST_F(AGuard, TakesAConnectionThatEndsFromWhatIsPolled)
 {
+    openldap.ldap_mark_select_clear = [](auto...) {};
+    openldap.name(connected.socket(), "socket");
     connected.offerTo(guard.callback());
     openldap.forgetCalls();
 
     guard.callback()->lc_del(nullptr, connected.socket(), guard.callback());
+
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_mark_select_clear null socket"));
+}
+
+TEST_F(AGuard, HasNothingToDoWhenTheSessionGoes)
+{
+    connected.offerTo(guard.callback());
+    openldap.forgetCalls();
+
     guard.callback()->lc_del(nullptr, nullptr, guard.callback());
 
     EXPECT_THAT(openldap.calls(), IsEmpty());
@@ -482,6 +493,24 @@ TEST_F(AGuardedHandshake, Writes)
 {
     EXPECT_EQ(connected.writeInHandshake("hello"), 5);
     EXPECT_EQ(connected.peerReads(), "hello");
+}
+
+TEST_F(AGuardedHandshake, FailsToWriteToAFullSocketAtTheDeadlineOfItsReads)
+{
+    openldap.poll = [](auto...) {
+        errno = ENOMEM; // full, without the wait
+        return -1;
+    };
+    while (connected.writeInHandshake(std::string(65536, 'x')) >= 0) {
+    }
+    openldap.poll = nullptr;
+    while (connected.readInHandshake() >= 0) {
+    }
+    openldap.forgetCalls();
+
+    EXPECT_EQ(connected.writeInHandshake("more"), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_THAT(openldap.calls(), Each(Not(StartsWith("poll"))));
 }
 
 TEST_F(AGuardedHandshake, IsOverOnceLdapIsRead)

@@ -21,7 +21,7 @@
 
 #include <cstddef>
 #include <cstring>
-#include <memory>
+#include <functional>
 #include <type_traits>
 
 using namespace Solvane;

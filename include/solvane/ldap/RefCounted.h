@@ -188,7 +188,7 @@ public:
     void adopt(std::unique_ptr<T> body)
     {
         RefCounted<T>* const counted = new RefCounted<T>(body.get(), false);
-        body.release();
+        static_cast<void>(body.release());
         delete m_counted;
         m_counted = counted;
     }

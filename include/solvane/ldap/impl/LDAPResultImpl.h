@@ -34,7 +34,7 @@ public:
     ///       for all, and a longer chain with a reference at its head is read for ever.
     /// @throws LDAPException  code 4: type 6 another kind of message, type 5 a damaged reference
     void parseListResultEntry(LDAPMessageBuffer& chain);
-    /// Checks the reference at the head of the chain; its URIs are dropped.
+    /// Checks the reference at the head of the chain; its URIs are dropped. An empty owner has none.
     /// @throws LDAPException  code 4, type 5: it cannot be parsed
     void parseSearchReference(LDAPMessageBuffer& chain);
 
