@@ -11,7 +11,7 @@ export PATH
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
     libcli11-dev libfmt-dev nlohmann-json3-dev)
 packages_directory=(slapd ldap-utils openssl python3 procps)
-packages_test=(libgtest-dev libgmock-dev)
+packages_test=(libgtest-dev libgmock-dev locales)
 packages_clang=(clang libclang-rt-14-dev)
 packages_lint=(clang-format clang-tidy clang shellcheck codespell similarity-tester git)
 packages_coverage=(gcovr)
