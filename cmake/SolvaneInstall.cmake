@@ -3,9 +3,10 @@
 include(CMakePackageConfigHelpers)
 set(SOLVANE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/SolvaneLDAP")
 
-install(TARGETS solvane_ldap EXPORT SolvaneLDAPTargets
+install(TARGETS solvane_ldap solvane_lookup EXPORT SolvaneLDAPTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/solvane" DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/solvane" "${PROJECT_SOURCE_DIR}/lookup/include/solvane"
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 if(SOLVANE_RUNTIME STREQUAL "bundled")
     install(TARGETS solvane_runtime EXPORT SolvaneLDAPTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
@@ -30,11 +31,12 @@ write_basic_package_version_file(
     COMPATIBILITY SameMajorVersion)
 # Relative, so that the file is right under whatever prefix it is installed or moved to.
 file(RELATIVE_PATH SOLVANE_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
-configure_file("${PROJECT_SOURCE_DIR}/cmake/solvane-ldap.pc.in"
-    "${PROJECT_BINARY_DIR}/solvane-ldap.pc" @ONLY)
+foreach(name solvane-ldap solvane-lookup)
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in" "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)
+endforeach()
 install(FILES
     "${PROJECT_BINARY_DIR}/SolvaneLDAPConfig.cmake"
     "${PROJECT_BINARY_DIR}/SolvaneLDAPConfigVersion.cmake"
     DESTINATION ${SOLVANE_CMAKE_DIR})
-install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc"
+install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc" "${PROJECT_BINARY_DIR}/solvane-lookup.pc"
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)

@@ -11,6 +11,8 @@ class App;
 
 namespace Solvane::Tool {
 
+class CommonOptions;
+
 /// Declares its options, and runs once they are read.
 class Command {
 public:
@@ -23,9 +25,11 @@ public:
     virtual char const* description() const = 0;
     virtual void declareOn(CLI::App& app) = 0;
 
-    /// @return the worst outcome of its keys
+    /// @param common  the options that all subcommands share; the level of `diagnostics` is theirs
+    /// @return exit status of the process: `exitStatusOf` the worst outcome, unless the user asked
+    ///         for another number
     /// @throws Failure  what ends the whole run
-    virtual Outcome run(Output& output, Diagnostics& diagnostics) = 0;
+    virtual int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) = 0;
 };
 
 } // namespace Solvane::Tool

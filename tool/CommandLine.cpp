@@ -1,11 +1,14 @@
 // Parsing with CLI11, and its complaints in one line.
 #include "CommandLine.h"
 
+#include "AddCommand.h"
+#include "CheckCommand.h"
 #include "Command.h"
 #include "ExpandCommand.h"
 #include "Failure.h"
 #include "LookupCommand.h"
 #include "OpenLDAP.h"
+#include "Options.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -17,6 +20,10 @@
 namespace Solvane::Tool {
 
 namespace {
+
+constexpr char commonOptionsNote[] =
+    "Servers, identity, TLS, diagnostics and the form of the output are options of all commands:\n"
+    "see 'solvane-ldap --help', or solvane-ldap(1).";
 
 std::string versionText()
 {
@@ -81,33 +88,42 @@ void answerQuestion(CLI::App const& app, CLI::Success const& question, Output& o
 
 } // namespace
 
-Outcome runCommandLine(int count, char** arguments, Output& output, Diagnostics& diagnostics)
+int runCommandLine(int count, char** arguments, Output& output, Diagnostics& diagnostics)
 {
     ExpandCommand expand;
     LookupCommand lookup;
-    std::array<Command*, 2> const commands = {&expand, &lookup};
+    AddCommand add;
+    CheckCommand check;
+    std::array<Command*, 4> const commands = {&expand, &lookup, &add, &check};
 
+    CommonOptions common;
     CLI::App app("Tries the product's directory lookups from the command line.", "solvane-ldap");
     app.require_subcommand(1);
     app.set_version_flag("-V,--version", versionText);
+    app.fallthrough(); // options of all commands stand before the command's name or behind it
+    common.declareOn(app);
     for (Command* const command : commands) {
-        command->declareOn(*app.add_subcommand(command->name(), command->description()));
+        CLI::App& declared = *app.add_subcommand(command->name(), command->description());
+        command->declareOn(declared);
+        common.declareOnCommand(declared);
+        declared.footer(declared.get_footer() + "\n\n" + commonOptionsNote);
     }
     try {
         app.parse(count, arguments);
     } catch (CLI::Success const& question) {
         answerQuestion(app, question, output);
-        return Outcome::found;
+        return exitStatusOf(Outcome::found);
     } catch (CLI::ParseError const& error) {
         throw usageFailure(app, error);
     }
-    Outcome outcome = Outcome::internal;
+    diagnostics.level(common.level());
+    common.debugOpenLDAP(diagnostics);
     for (Command* const command : commands) {
         if (app.got_subcommand(command->name())) {
-            outcome = command->run(output, diagnostics);
+            return command->run(common, output, diagnostics);
         }
     }
-    return outcome;
+    return exitStatusOf(Outcome::internal);
 }
 
 } // namespace Solvane::Tool

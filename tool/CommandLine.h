@@ -3,13 +3,13 @@
 #define SOLVANE_TOOL_COMMAND_LINE_H
 
 #include "Console.h"
-#include "Outcome.h"
 
 namespace Solvane::Tool {
 
 /// Runs the tool.
+/// @return exit status of the process
 /// @throws Failure, ReaderGone
-Outcome runCommandLine(int count, char** arguments, Output& output, Diagnostics& diagnostics);
+int runCommandLine(int count, char** arguments, Output& output, Diagnostics& diagnostics);
 
 } // namespace Solvane::Tool
 

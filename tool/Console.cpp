@@ -2,7 +2,8 @@
 #include "Console.h"
 
 #include "Failure.h"
-#include "Text.h"
+
+#include <solvane/lookup/PlainText.h>
 
 #include <fmt/format.h>
 
@@ -17,6 +18,9 @@
 namespace Solvane::Tool {
 
 namespace {
+
+// Returns to the line's start and erases what stands there (ECMA-48).
+constexpr char eraseLine[] = "\r\x1B[K";
 
 [[noreturn]] void throwOutputFailure(int error)
 {
@@ -34,7 +38,13 @@ void waitUntilWritable(int descriptor)
     poll(&waited, 1, -1);
 }
 
-void writeLine(std::string_view text) { fmt::print(stderr, "solvane-ldap: {}\n", oneLine(text)); }
+/// In one piece, so that nothing of another process comes between. What cannot be written there
+/// cannot be reported anywhere else either.
+void writeToErrors(std::string const& text)
+{
+    std::fwrite(text.data(), 1, text.size(), stderr);
+    std::fflush(stderr);
+}
 
 } // namespace
 
@@ -72,15 +82,31 @@ void Output::finish()
 void Diagnostics::error(std::string_view text) const
 {
     if (m_level != Level::quiet) {
-        writeLine(text);
+        writeLine("solvane-ldap: ", text);
     }
 }
 
 void Diagnostics::note(std::string_view text) const
 {
     if (m_level == Level::verbose) {
-        writeLine(text);
+        writeLine("solvane-ldap: ", text);
     }
+}
+
+void Diagnostics::plain(std::string_view text) const { writeLine("", text); }
+
+void Diagnostics::status(std::string const& line)
+{
+    if (line != m_status) {
+        m_status = line;
+        writeToErrors(eraseLine + m_status);
+    }
+}
+
+void Diagnostics::writeLine(char const* prefix, std::string_view text) const
+{
+    writeToErrors(fmt::format("{}{}{}\n{}", m_status.empty() ? "" : eraseLine, prefix,
+                              Lookup::oneLine(text), m_status));
 }
 
 } // namespace Solvane::Tool

@@ -27,19 +27,29 @@ public:
 /// Nobody reads the output any more (`| head`): no reason for a message.
 class ReaderGone {};
 
-/// Standard error: one line each, with the program's name.
+/// Standard error: one line each, with the program's name; below them a status line that changes.
 class Diagnostics {
 public:
     enum class Level { quiet, normal, verbose };
 
     void level(Level level) { m_level = level; }
+    Level level() const { return m_level; }
 
     void error(std::string_view text) const;
     /// Shown with -v only.
     void note(std::string_view text) const;
+    /// What was asked for, as figures: without the program's name, and in spite of -q.
+    void plain(std::string_view text) const;
+
+    /// Shows a line that the next one takes the place of, without the program's name; empty erases
+    /// it. For a terminal only, and no wider than it.
+    void status(std::string const& line);
 
 private:
+    void writeLine(char const* prefix, std::string_view text) const;
+
     Level m_level = Level::normal;
+    std::string m_status; ///< what stands below the lines
 };
 
 } // namespace Solvane::Tool

@@ -1,4 +1,5 @@
-// "expand": what filter a template makes of an address, without any network.
+// "expand": what filter a template makes of an address, and what is wrong with the template, without
+// any network.
 #ifndef SOLVANE_TOOL_EXPAND_COMMAND_H
 #define SOLVANE_TOOL_EXPAND_COMMAND_H
 
@@ -15,13 +16,19 @@ public:
         return "Print the filter that a template makes of each address; asks no server";
     }
     void declareOn(CLI::App& app) override;
-    Outcome run(Output& output, Diagnostics& diagnostics) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
+    class Filters;
+
+    Outcome expandKeys(Lookup::QueryTemplate const& queryTemplate, char recordEnd, Output& output,
+                       Diagnostics& diagnostics);
+    bool nextKey(std::string& key, Filters& filters);
+
     TemplateOptions m_template;
     KeyOptions m_keys;
-    DiagnosticsOptions m_diagnostics;
     bool m_explains = false;
+    bool m_lints = false;
 };
 
 } // namespace Solvane::Tool

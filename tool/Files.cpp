@@ -3,15 +3,38 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Solvane::Tool {
+
+namespace {
+
+using Supply = LDAPLookup::Supply;
+
+constexpr std::size_t bufferSize = 64 * 1024; // at first; a longer line makes it grow
+
+int openForReading(std::string const& path)
+{
+    return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+}
+
+bool isRegular(int descriptor, off_t& size)
+{
+    struct stat status = {};
+    bool const isKnown = fstat(descriptor, &status) == 0;
+    size = status.st_size;
+    return isKnown && S_ISREG(status.st_mode);
+}
+
+} // namespace
 
 Descriptor::~Descriptor()
 {
@@ -29,7 +52,7 @@ Failure unusableFile(std::string const& what, std::string const& path, int error
 
 std::string readFile(std::string const& what, std::string const& path)
 {
-    Descriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
+    Descriptor const file(openForReading(path));
     if (!file.isOpen()) {
         throw unusableFile(what, path, errno);
     }
@@ -48,38 +71,122 @@ std::string readFile(std::string const& what, std::string const& path)
     }
 }
 
-void LineReader::Closing::operator()(std::FILE* file) const
+std::string withoutLastNewline(std::string text)
 {
-    if (file != stdin) {
-        std::fclose(file);
+    if (!text.empty() && text.back() == '\n') {
+        text.pop_back();
+    }
+    return text;
+}
+
+LineReader::LineReader(std::string const& what, std::string const& path, char separator)
+    : m_what(what), m_path(path), m_separator(separator),
+      m_descriptor(path == "-" ? STDIN_FILENO : openForReading(path)), m_buffer(bufferSize)
+{
+    if (m_descriptor < 0) {
+        throw unusableFile(m_what, m_path, errno);
     }
 }
 
-LineReader::LineReader(std::string const& path)
-    : m_path(path), m_file(path == "-" ? stdin : std::fopen(path.c_str(), "re"))
+LineReader::~LineReader()
 {
-    if (!m_file) {
-        throw unusableFile("the file of keys", path, errno);
+    if (m_descriptor != STDIN_FILENO) {
+        close(m_descriptor);
     }
 }
 
-LineReader::~LineReader() { std::free(m_line); } // NOLINT(cppcoreguidelines-no-malloc)
-
-bool LineReader::next(std::string& line)
+Supply LineReader::next(std::string& line, bool mayWait)
 {
-    errno = 0;
-    ssize_t const length = ::getline(&m_line, &m_capacity, m_file.get());
-    if (length < 0) {
-        if (std::feof(m_file.get()) == 0) {
-            throw unusableFile("the file of keys", m_path, errno);
+    for (;;) {
+        if (takeLine(line)) {
+            return Supply::key;
         }
-        return false;
+        if (m_isAtEnd) {
+            return Supply::end;
+        }
+        if (!mayRead(mayWait)) {
+            return Supply::nothing;
+        }
+        read();
     }
-    line.assign(m_line, static_cast<std::size_t>(length));
-    if (!line.empty() && line.back() == '\n') {
-        line.pop_back();
+}
+
+/// Takes a whole line out of what was read; at the end, also one without its end.
+bool LineReader::takeLine(std::string& line)
+{
+    char const* const begin = m_buffer.data() + m_begin;
+    void const* const found =
+        std::memchr(m_buffer.data() + m_scanned, m_separator, m_end - m_scanned);
+    if (found == nullptr) {
+        m_scanned = m_end;
+        if (!m_isAtEnd || m_begin == m_end) {
+            return false;
+        }
     }
+    char const* const end =
+        found != nullptr ? static_cast<char const*>(found) : m_buffer.data() + m_end;
+    line.assign(begin, end);
+    m_begin += line.size() + (found != nullptr ? 1 : 0);
+    m_scanned = m_begin;
     return true;
+}
+
+/// Whether a read comes back at once, or may take its time.
+bool LineReader::mayRead(bool mayWait) const
+{
+    if (mayWait) {
+        return true;
+    }
+    pollfd waited = {m_descriptor, POLLIN, 0};
+    return poll(&waited, 1, 0) > 0;
+}
+
+void LineReader::read()
+{
+    std::copy(m_buffer.begin() + static_cast<std::ptrdiff_t>(m_begin),
+              m_buffer.begin() + static_cast<std::ptrdiff_t>(m_end), m_buffer.begin());
+    m_end -= m_begin;
+    m_scanned -= m_begin;
+    m_begin = 0;
+    if (m_end == m_buffer.size()) {
+        m_buffer.resize(2 * m_buffer.size());
+    }
+    ssize_t const count = ::read(m_descriptor, m_buffer.data() + m_end, m_buffer.size() - m_end);
+    if (count > 0) {
+        m_end += static_cast<std::size_t>(count);
+    } else if (count == 0) {
+        m_isAtEnd = true;
+    } else if (errno == EAGAIN) { // somebody made it non-blocking
+        pollfd waited = {m_descriptor, POLLIN, 0};
+        poll(&waited, 1, -1);
+    } else if (errno != EINTR) {
+        throw unusableFile(m_what, m_path, errno);
+    }
+}
+
+std::optional<unsigned long> LineReader::count() const
+{
+    off_t size = 0;
+    off_t position = lseek(m_descriptor, 0, SEEK_CUR);
+    if (position < 0 || !isRegular(m_descriptor, size)) {
+        return std::nullopt;
+    }
+    std::vector<char> part(bufferSize);
+    unsigned long lines = 0;
+    char last = m_separator;
+    for (;;) {
+        ssize_t const count = pread(m_descriptor, part.data(), part.size(), position);
+        if (count < 0 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            return lines + (last == m_separator ? 0 : 1);
+        }
+        lines +=
+            static_cast<unsigned long>(std::count(part.begin(), part.begin() + count, m_separator));
+        last = part[static_cast<std::size_t>(count) - 1];
+        position += count;
+    }
 }
 
 } // namespace Solvane::Tool

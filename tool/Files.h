@@ -4,9 +4,12 @@
 
 #include "Failure.h"
 
-#include <cstdio>
-#include <memory>
+#include <solvane/lookup/LDAPLookup.h>
+
+#include <cstddef>
+#include <optional>
 #include <string>
+#include <vector>
 
 namespace Solvane::Tool {
 
@@ -34,28 +37,42 @@ Failure unusableFile(std::string const& what, std::string const& path, int error
 /// @throws Failure  "configuration"
 std::string readFile(std::string const& what, std::string const& path);
 
-/// The lines of a file, or of standard input for "-".
+/// The text without its last newline, if it ends in one.
+std::string withoutLastNewline(std::string text);
+
+/// The lines of a file, or of standard input for "-"; of any length.
 class LineReader {
 public:
+    /// @param what       the file's role, as "the file of keys"
+    /// @param separator  what ends a line
     /// @throws Failure  "configuration": the file cannot be opened
-    explicit LineReader(std::string const& path);
+    LineReader(std::string const& what, std::string const& path, char separator);
     ~LineReader();
     LineReader(LineReader const&) = delete;
     LineReader& operator=(LineReader const&) = delete;
 
-    /// The next line without its newline. False at the end.
+    /// The next line without its end; a last one need not have an end. Where it may not wait and
+    /// no whole line is there yet, "nothing".
     /// @throws Failure  "configuration": the file cannot be read
-    bool next(std::string& line);
+    LDAPLookup::Supply next(std::string& line, bool mayWait);
+
+    /// How many lines are ahead before the first one is read; none but in a regular file.
+    std::optional<unsigned long> count() const;
 
 private:
-    struct Closing {
-        void operator()(std::FILE* file) const;
-    };
+    bool takeLine(std::string& line);
+    bool mayRead(bool mayWait) const;
+    void read();
 
+    std::string m_what;
     std::string m_path;
-    std::unique_ptr<std::FILE, Closing> m_file;
-    char* m_line = nullptr; ///< getline's
-    std::size_t m_capacity = 0;
+    char m_separator;
+    int m_descriptor;
+    std::vector<char> m_buffer;
+    std::size_t m_begin = 0;   ///< of what was not given out
+    std::size_t m_scanned = 0; ///< up to here there is no separator
+    std::size_t m_end = 0;     ///< of what was read
+    bool m_isAtEnd = false;
 };
 
 } // namespace Solvane::Tool

@@ -3,8 +3,6 @@
 #include "RecordWriter.h"
 #include "Text.h"
 
-#include <fmt/format.h>
-
 #include <new>
 
 namespace Solvane::Tool {
@@ -17,39 +15,47 @@ struct FreeLber {
 
 class LdifWriter final : public RecordWriter {
 public:
+    using RecordWriter::RecordWriter;
+
     std::string opening() const override { return "version: 1\n\n"; }
 
-    std::string textOf(Record const& record) const override
+private:
+    void append(Record const& record, std::string& out) const override
     {
-        std::string text = fmt::format("# {}\n", summaryOf(record));
+        out += "# ";
+        appendSummary(record, out);
+        out += '\n';
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-            text += line("dn", entry.entryName(), LDIF_PUT_VALUE);
+            appendLine("dn", entry.entryName(), LDIF_PUT_VALUE, out);
             for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
                 LDAPAttributeType const& type = attribute.type();
-                for (std::string const& value : attribute.value()) {
-                    text += line(oneLine(type.asString()), value,
-                                 type.isBinary() ? LDIF_PUT_BINARY : LDIF_PUT_VALUE);
+                std::string const name = oneLine(type.asString());
+                for (Buffer const& value : attribute.binaryValue()) {
+                    appendLine(name, bytesOf(value),
+                               type.isBinary() ? LDIF_PUT_BINARY : LDIF_PUT_VALUE, out);
                 }
             }
-            text += '\n';
+            out += '\n';
         }
-        return text;
     }
 
-private:
-    static std::string line(std::string const& name, std::string const& value, int kind)
+    static void appendLine(std::string const& name, std::string_view value, int kind,
+                           std::string& out)
     {
         std::unique_ptr<char, FreeLber> const made(
             ldif_put(kind, name.c_str(), value.data(), value.size()));
         if (!made) {
             throw std::bad_alloc();
         }
-        return made.get();
+        out += made.get();
     }
 };
 
 } // namespace
 
-std::unique_ptr<RecordWriter> makeLdifWriter() { return std::make_unique<LdifWriter>(); }
+std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd)
+{
+    return std::make_unique<LdifWriter>(recordEnd);
+}
 
 } // namespace Solvane::Tool

@@ -15,15 +15,15 @@ public:
         return "Search a directory for each address and print what it has";
     }
     void declareOn(CLI::App& app) override;
-    Outcome run(Output& output, Diagnostics& diagnostics) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
-    ServerOptions m_server;
+    LDAPLookup::Settings settings(CommonOptions const& common, Secret& password) const;
+
     SearchOptions m_search;
     TemplateOptions m_template;
+    BulkOptions m_bulk;
     KeyOptions m_keys;
-    DiagnosticsOptions m_diagnostics;
-    std::string m_format = "text";
 };
 
 } // namespace Solvane::Tool

@@ -3,6 +3,8 @@
 
 #include "OpenLDAP.h"
 
+#include <solvane/lookup/Answer.h>
+
 #include <algorithm>
 #include <iterator>
 
@@ -12,49 +14,141 @@ namespace Solvane::Tool {
 
 namespace {
 
-struct CodeVerdict {
+using Kind = Lookup::Outcome;
+
+constexpr int certificateRefused = -11; // as Lookup::Verdict says it
+
+constexpr int deniedCodes[] = {
+    certificateRefused,      LDAP_AUTH_METHOD_NOT_SUPPORTED, LDAP_STRONG_AUTH_REQUIRED,
+    LDAP_INAPPROPRIATE_AUTH, LDAP_CONFIDENTIALITY_REQUIRED,  LDAP_INVALID_CREDENTIALS,
+    LDAP_INSUFFICIENT_ACCESS};
+
+/// What is wrong with what was given: a filter, a DN, an entry.
+constexpr int badInputCodes[] = {
+    LDAP_FILTER_ERROR,           LDAP_NO_SUCH_ATTRIBUTE,      LDAP_UNDEFINED_TYPE,
+    LDAP_INAPPROPRIATE_MATCHING, LDAP_CONSTRAINT_VIOLATION,   LDAP_TYPE_OR_VALUE_EXISTS,
+    LDAP_INVALID_SYNTAX,         LDAP_INVALID_DN_SYNTAX,      LDAP_NAMING_VIOLATION,
+    LDAP_OBJECT_CLASS_VIOLATION, LDAP_NOT_ALLOWED_ON_NONLEAF, LDAP_NOT_ALLOWED_ON_RDN,
+    LDAP_NO_OBJECT_CLASS_MODS,   LDAP_AFFECTS_MULTIPLE_DSAS};
+
+constexpr int refusedCodes[] = {LDAP_REFERRAL, LDAP_PARTIAL_RESULTS, LDAP_UNWILLING_TO_PERFORM};
+
+constexpr int configurationCodes[] = {LDAP_NO_SUCH_OBJECT, LDAP_PROTOCOL_ERROR, LDAP_ALIAS_PROBLEM,
+                                      LDAP_ALIAS_DEREF_PROBLEM};
+
+template <std::size_t count> bool holds(int const (&codes)[count], int code)
+{
+    return std::find(std::begin(codes), std::end(codes), code) != std::end(codes);
+}
+
+struct Remedy {
     int code;
-    Verdict verdict;
+    char const* text;
 };
 
-constexpr char narrow[] = "make the template narrower or raise the server's limit";
-constexpr char wait[] = "try again later";
+constexpr char narrow[] = "make the template narrower or raise the limit";
 constexpr char askAnother[] = "ask the server that holds the data (-H)";
-constexpr char writeDn[] = "write -b and -D as DNs, as in ou=people,dc=example,dc=com";
-constexpr char checkFilter[] = "check the template with 'solvane-ldap expand'";
-constexpr char checkRights[] = "bind as somebody with the right to read it (-D)";
+constexpr char askAdministrator[] = "ask the server's administrator";
+constexpr char checkTemplate[] = "check the template with 'solvane-ldap expand --lint'";
 constexpr char checkPassword[] = "check -D and the password";
 constexpr char useTls[] = "use ldaps:// in -H";
-constexpr char checkAliases[] = "mend the alias or search with -a never";
+constexpr char bindOtherwise[] = "bind with a DN and password (-D)";
+constexpr char mendAlias[] = "mend the alias or search with -a never";
+constexpr char checkEntry[] = "correct the entry, or the server's schema";
+constexpr char checkServer[] = "check that the server runs, and scheme, host and port of -H";
 
 // clang-format off
-constexpr CodeVerdict verdicts[] = {
-    { LDAP_FILTER_ERROR,             { Outcome::badInput,      checkFilter } },
-    { LDAP_NO_SUCH_ATTRIBUTE,        { Outcome::badInput,      checkFilter } },
-    { LDAP_UNDEFINED_TYPE,           { Outcome::badInput,      checkFilter } },
-    { LDAP_INAPPROPRIATE_MATCHING,   { Outcome::badInput,      checkFilter } },
-    { LDAP_CONSTRAINT_VIOLATION,     { Outcome::badInput,      checkFilter } },
-    { LDAP_TYPE_OR_VALUE_EXISTS,     { Outcome::badInput,      checkFilter } },
-    { LDAP_INVALID_SYNTAX,           { Outcome::badInput,      checkFilter } },
-    { LDAP_INVALID_DN_SYNTAX,        { Outcome::badInput,      writeDn } },
-    { LDAP_REFERRAL,                 { Outcome::refused,       askAnother } },
-    { LDAP_PARTIAL_RESULTS,          { Outcome::refused,       askAnother } },
-    { LDAP_UNWILLING_TO_PERFORM,     { Outcome::refused,       "ask the server's administrator" } },
-    { LDAP_TIMELIMIT_EXCEEDED,       { Outcome::tryLater,      narrow } },
-    { LDAP_SIZELIMIT_EXCEEDED,       { Outcome::tryLater,      narrow } },
-    { LDAP_ADMINLIMIT_EXCEEDED,      { Outcome::tryLater,      narrow } },
-    { LDAP_AUTH_METHOD_NOT_SUPPORTED,{ Outcome::denied,        "the server takes no simple bind" } },
-    { LDAP_STRONG_AUTH_REQUIRED,     { Outcome::denied,        useTls } },
-    { LDAP_CONFIDENTIALITY_REQUIRED, { Outcome::denied,        useTls } },
-    { LDAP_INAPPROPRIATE_AUTH,       { Outcome::denied,        "bind with a DN and password (-D)" } },
-    { LDAP_INVALID_CREDENTIALS,      { Outcome::denied,        checkPassword } },
-    { LDAP_INSUFFICIENT_ACCESS,      { Outcome::denied,        checkRights } },
-    { LDAP_PROTOCOL_ERROR,           { Outcome::configuration, "choose another protocol version (-P)" } },
-    { LDAP_NO_SUCH_OBJECT,           { Outcome::configuration, "correct the base (-b)" } },
-    { LDAP_ALIAS_PROBLEM,            { Outcome::configuration, checkAliases } },
-    { LDAP_ALIAS_DEREF_PROBLEM,      { Outcome::configuration, checkAliases } },
+constexpr Remedy searchRemedies[] = {
+    { LDAP_SERVER_DOWN,               checkServer },
+    { LDAP_TIMEOUT,                   "try again later or raise -o nettimeout or --deadline" },
+    { certificateRefused,             "look at it with 'solvane-ldap check', then choose --tls-ca or the host's name in -H" },
+    { LDAP_FILTER_ERROR,              checkTemplate },
+    { LDAP_NO_SUCH_ATTRIBUTE,         checkTemplate },
+    { LDAP_UNDEFINED_TYPE,            checkTemplate },
+    { LDAP_INAPPROPRIATE_MATCHING,    checkTemplate },
+    { LDAP_CONSTRAINT_VIOLATION,      checkTemplate },
+    { LDAP_TYPE_OR_VALUE_EXISTS,      checkTemplate },
+    { LDAP_INVALID_SYNTAX,            checkTemplate },
+    { LDAP_INVALID_DN_SYNTAX,         "write -b and -D as DNs, as in ou=people,dc=example,dc=com" },
+    { LDAP_REFERRAL,                  askAnother },
+    { LDAP_PARTIAL_RESULTS,           askAnother },
+    { LDAP_UNWILLING_TO_PERFORM,      askAdministrator },
+    { LDAP_TIMELIMIT_EXCEEDED,        narrow },
+    { LDAP_SIZELIMIT_EXCEEDED,        narrow },
+    { LDAP_ADMINLIMIT_EXCEEDED,       narrow },
+    { LDAP_AUTH_METHOD_NOT_SUPPORTED, "the server takes no simple bind" },
+    { LDAP_STRONG_AUTH_REQUIRED,      useTls },
+    { LDAP_CONFIDENTIALITY_REQUIRED,  useTls },
+    { LDAP_INAPPROPRIATE_AUTH,        bindOtherwise },
+    { LDAP_INVALID_CREDENTIALS,       checkPassword },
+    { LDAP_INSUFFICIENT_ACCESS,       "bind as somebody with the right to read it (-D)" },
+    { LDAP_PROTOCOL_ERROR,            "choose another protocol version (-P)" },
+    { LDAP_NO_SUCH_OBJECT,            "correct the base (-b)" },
+    { LDAP_ALIAS_PROBLEM,             mendAlias },
+    { LDAP_ALIAS_DEREF_PROBLEM,       mendAlias },
+};
+constexpr Remedy addRemedies[] = {
+    { LDAP_SERVER_DOWN,               checkServer },
+    { LDAP_PARAM_ERROR,               "correct the record" },
+    { LDAP_INVALID_DN_SYNTAX,         "correct the DN" },
+    { LDAP_NO_SUCH_OBJECT,            "add the entry above it first, or correct the DN" },
+    { LDAP_ALREADY_EXISTS,            "nothing was changed" },
+    { LDAP_REFERRAL,                  "add it on the server that holds the data (-H)" },
+    { LDAP_UNWILLING_TO_PERFORM,      askAdministrator },
+    { LDAP_STRONG_AUTH_REQUIRED,      bindOtherwise },
+    { LDAP_CONFIDENTIALITY_REQUIRED,  useTls },
+    { LDAP_INVALID_CREDENTIALS,       checkPassword },
+    { LDAP_INSUFFICIENT_ACCESS,       "bind as somebody with the right to write there (-D)" },
 };
 // clang-format on
+
+template <std::size_t count>
+char const* remedyIn(Remedy const (&remedies)[count], int code, char const* other)
+{
+    auto const* const known =
+        std::find_if(std::begin(remedies), std::end(remedies),
+                     [code](Remedy const& candidate) { return candidate.code == code; });
+    return known != std::end(remedies) ? known->text : other;
+}
+
+Outcome outcomeOf(Kind kind, int code)
+{
+    switch (kind) {
+    case Kind::Found:
+        return Outcome::found;
+    case Kind::NotFound:
+    case Kind::Skipped:
+        return Outcome::notFound;
+    case Kind::BadKey:
+        return Outcome::badInput;
+    case Kind::TryLater:
+        return Outcome::tryLater;
+    case Kind::Refused:
+        return holds(deniedCodes, code) ? Outcome::denied : Outcome::refused;
+    case Kind::Misconfigured:
+        break;
+    }
+    return holds(badInputCodes, code) ? Outcome::badInput : Outcome::configuration;
+}
+
+char const* remedyFor(Kind kind, int code)
+{
+    switch (kind) {
+    case Kind::Found:
+    case Kind::NotFound:
+    case Kind::Skipped:
+        return "";
+    case Kind::BadKey:
+        return "correct the address";
+    case Kind::TryLater:
+        return remedyIn(searchRemedies, code, "try again later");
+    case Kind::Refused:
+        return remedyIn(searchRemedies, code, askAdministrator);
+    case Kind::Misconfigured:
+        break;
+    }
+    return remedyIn(searchRemedies, code, "correct the setting");
+}
 
 } // namespace
 
@@ -65,6 +159,8 @@ int exitStatusOf(Outcome outcome)
         return EX_OK;
     case Outcome::notFound:
         return 1;
+    case Outcome::exists:
+        return EX_CANTCREAT;
     case Outcome::badInput:
         return EX_DATAERR;
     case Outcome::refused:
@@ -87,19 +183,56 @@ int exitStatusOf(Outcome outcome)
 
 Outcome worse(Outcome left, Outcome right) { return std::max(left, right); }
 
-Verdict verdictOnSearch(int code)
+Outcome outcomeOf(Lookup::Answer const& answer) { return outcomeOf(answer.outcome, answer.code); }
+
+Outcome outcomeOf(Lookup::Verdict const& verdict)
 {
-    auto const* const known =
-        std::find_if(std::begin(verdicts), std::end(verdicts),
-                     [code](CodeVerdict const& candidate) { return candidate.code == code; });
-    // What is not known to last is worth another try: it must not bounce mail.
-    return known != std::end(verdicts) ? known->verdict : Verdict{Outcome::tryLater, wait};
+    return outcomeOf(verdict.outcome, verdict.code);
 }
 
-Verdict verdictOnBind(int code)
+Outcome outcomeOfAdd(int code)
 {
-    return code == LDAP_NO_SUCH_OBJECT ? Verdict{Outcome::denied, checkPassword}
-                                       : verdictOnSearch(code);
+    if (code == LDAP_SUCCESS) {
+        return Outcome::found;
+    }
+    if (code == LDAP_ALREADY_EXISTS) {
+        return Outcome::exists;
+    }
+    if (holds(deniedCodes, code)) {
+        return Outcome::denied;
+    }
+    if (holds(badInputCodes, code) || code == LDAP_PARAM_ERROR) { // a record that is none
+        return Outcome::badInput;
+    }
+    if (holds(refusedCodes, code)) {
+        return Outcome::refused;
+    }
+    // What is not known to last is worth another try.
+    return holds(configurationCodes, code) ? Outcome::configuration : Outcome::tryLater;
+}
+
+char const* remedyFor(Lookup::Answer const& answer)
+{
+    return remedyFor(answer.outcome, answer.code);
+}
+
+char const* remedyFor(Lookup::Verdict const& verdict)
+{
+    return remedyFor(verdict.outcome, verdict.code);
+}
+
+char const* remedyForAdd(int code)
+{
+    switch (outcomeOfAdd(code)) {
+    case Outcome::found:
+        return "";
+    case Outcome::badInput:
+        return remedyIn(addRemedies, code, checkEntry);
+    case Outcome::tryLater:
+        return remedyIn(addRemedies, code, "try again later");
+    default:
+        return remedyIn(addRemedies, code, askAdministrator);
+    }
 }
 
 } // namespace Solvane::Tool

@@ -3,16 +3,22 @@
 #ifndef SOLVANE_TOOL_OUTCOME_H
 #define SOLVANE_TOOL_OUTCOME_H
 
+namespace Solvane::Lookup {
+struct Answer;
+struct Verdict;
+} // namespace Solvane::Lookup
+
 namespace Solvane::Tool {
 
 /// In the order of their weight: of several keys, the worst decides the exit status.
 enum class Outcome {
     found,
     notFound,      ///< the directory answered, and has no such entry
-    badInput,      ///< template, filter, key or DN
+    exists,        ///< an entry that is to be added is there already
+    badInput,      ///< template, filter, key, LDIF or DN
     refused,       ///< for good, or referred elsewhere
     tryLater,      ///< down, no answer in time, busy, a limit hit
-    denied,        ///< credentials or access
+    denied,        ///< credentials, access or certificate
     configuration, ///< base missing, a file that cannot be used
     usage,         ///< the command line
     outputFailed,  ///< standard output cannot be written
@@ -24,18 +30,17 @@ int exitStatusOf(Outcome outcome);
 
 Outcome worse(Outcome left, Outcome right);
 
-/// What a result code means for the one who asked, and what he can do about it.
-struct Verdict {
-    Outcome outcome;
-    char const* remedy;
-};
+/// The outcome of a key. One that was skipped has no entry, and counts as not found.
+Outcome outcomeOf(Lookup::Answer const& answer);
+/// The outcome of a step on the way to an answer, as a connect or a bind.
+Outcome outcomeOf(Lookup::Verdict const& verdict);
+/// The outcome of an add that was answered with `code`, or could not be sent for it.
+Outcome outcomeOfAdd(int code);
 
-/// @param code  LDAP result code of a search (RFC 4511 appendix A), or OpenLDAP's own below 0.
-/// Never
-///              "found" or "notFound": those are for the entries to say.
-Verdict verdictOnSearch(int code);
-/// The same for a bind, where 32 speaks of the bind DN.
-Verdict verdictOnBind(int code);
+/// What the user can do about it; empty where nothing is wrong.
+char const* remedyFor(Lookup::Answer const& answer);
+char const* remedyFor(Lookup::Verdict const& verdict);
+char const* remedyForAdd(int code);
 
 } // namespace Solvane::Tool
 

@@ -1,32 +1,47 @@
-// The choice of a writer, and what several of them say.
+// The choice of a writer, and what several of them write.
 #include "RecordWriter.h"
 
+#include "Outcome.h"
 #include "Text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <utility>
 
 namespace Solvane::Tool {
 
 namespace {
 
-using Make = std::unique_ptr<RecordWriter> (*)();
+using Make = std::unique_ptr<RecordWriter> (*)(char recordEnd);
 
-constexpr std::array<std::pair<char const*, Make>, 3> writers = {
-    {{"text", makeTextWriter}, {"json", makeJsonWriter}, {"ldif", makeLdifWriter}}};
+constexpr std::array<std::pair<char const*, Make>, 5> writers = {{{"text", makeTextWriter},
+                                                                  {"values", makeValuesWriter},
+                                                                  {"tsv", makeTsvWriter},
+                                                                  {"json", makeJsonWriter},
+                                                                  {"ldif", makeLdifWriter}}};
+
+void appendError(Lookup::Answer const& answer, std::string& out)
+{
+    fmt::format_to(std::back_inserter(out), "error {}", exitStatusOf(outcomeOf(answer)));
+    if (!answer.entries.empty()) {
+        fmt::format_to(std::back_inserter(out), " after {} of its entries", answer.entries.size());
+    }
+}
 
 } // namespace
 
-char const* statusOf(Outcome outcome)
+char const* statusOf(Lookup::Outcome outcome)
 {
     switch (outcome) {
-    case Outcome::found:
+    case Lookup::Outcome::Found:
         return "found";
-    case Outcome::notFound:
+    case Lookup::Outcome::NotFound:
         return "notfound";
+    case Lookup::Outcome::Skipped:
+        return "skipped";
     default:
         return "error";
     }
@@ -45,31 +60,53 @@ std::vector<std::string> const& recordFormats()
     return names;
 }
 
-std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format)
+std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char recordEnd)
 {
     auto const* const chosen =
         std::find_if(writers.begin(), writers.end(),
                      [&](auto const& candidate) { return candidate.first == format; });
-    return chosen->second();
+    return chosen->second(recordEnd);
 }
 
-std::string summaryOf(Record const& record)
+void appendSummary(Record const& record, std::string& out)
 {
-    Answer const& answer = record.answer;
-    std::string const key = oneLine(record.key);
+    Lookup::Answer const& answer = record.answer;
+    appendOneLine(out, record.key);
+    out += ": ";
     switch (answer.outcome) {
-    case Outcome::found:
-        return fmt::format("{}: found {}", key, answer.entries.size());
-    case Outcome::notFound:
-        return fmt::format("{}: not found", key);
-    default:
+    case Lookup::Outcome::Found:
+        fmt::format_to(std::back_inserter(out), "found {}", answer.entries.size());
         break;
+    case Lookup::Outcome::NotFound:
+        out += "not found";
+        break;
+    case Lookup::Outcome::Skipped:
+        out += "skipped";
+        break;
+    default:
+        appendError(answer, out);
     }
-    std::string const incomplete =
-        answer.entries.empty() ? std::string()
-                               : fmt::format(" after {} of its entries", answer.entries.size());
-    return fmt::format("{}: error {}{}: {}", key, exitStatusOf(answer.outcome), incomplete,
-                       oneLine(answer.text));
+    if (!answer.text.empty()) {
+        out += ": ";
+        appendOneLine(out, answer.text);
+    }
+}
+
+void appendValues(Record const& record, std::string& out)
+{
+    if (record.answer.outcome != Lookup::Outcome::Found) {
+        return;
+    }
+    char const* separator = "";
+    for (LDAPSearchResultEntry const& entry : record.answer.entries) {
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            for (Buffer const& value : attribute.binaryValue()) {
+                out += separator;
+                appendOneLine(out, bytesOf(value));
+                separator = ",";
+            }
+        }
+    }
 }
 
 } // namespace Solvane::Tool

@@ -77,6 +77,14 @@ void Secret::ask(std::string const& dn)
     finish("the password");
 }
 
+void Secret::assign(std::string_view bytes, std::string const& source)
+{
+    for (char const byte : bytes) {
+        append(byte, source);
+    }
+    finish(source);
+}
+
 void Secret::readToEnd(int descriptor, std::string const& source)
 {
     char byte = 0;

@@ -3,6 +3,7 @@
 #define SOLVANE_TOOL_SECRET_H
 
 #include <string>
+#include <string_view>
 
 namespace Solvane::Tool {
 
@@ -28,6 +29,12 @@ public:
     /// @throws Failure  "configuration": there is no terminal, or what all sources refuse
     void ask(std::string const& dn);
 
+    /// Takes bytes that were read elsewhere.
+    /// @param source  where they are from, for a failure's text
+    /// @throws Failure  "configuration": what all sources refuse
+    void assign(std::string_view bytes, std::string const& source);
+
+    bool isEmpty() const { return m_text.empty(); }
     std::string const& text() const { return m_text; }
 
     static constexpr std::string::size_type longest = 1024; ///< bytes

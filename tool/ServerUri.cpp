@@ -22,7 +22,7 @@ using Url = std::unique_ptr<LDAPURLDesc, FreeUrl>;
 
 [[noreturn]] void refuse(std::string const& cause, std::string const& remedy)
 {
-    throw Failure(Outcome::usage, "-H: " + cause, remedy);
+    throw Failure(Outcome::usage, cause, remedy);
 }
 
 Url parse(std::string const& text)
@@ -70,6 +70,23 @@ unsigned int portOf(std::string_view authority, bool isSecure)
 }
 
 } // namespace
+
+ServerUri ServerUri::fromHost(std::string const& text, unsigned int port)
+{
+    if (text.find("://") != std::string::npos) {
+        return ServerUri(text);
+    }
+    // More than one colon and no bracket: an IPv6 address alone.
+    bool const isBareAddress =
+        text.find('[') == std::string::npos && text.find(':') != text.rfind(':');
+    std::string const host = isBareAddress ? '[' + text + ']' : text;
+    ServerUri uri("ldap://" + host);
+    if (host.find(':', host.find(']') == std::string::npos ? 0 : host.find(']')) ==
+        std::string::npos) {
+        uri.port = port;
+    }
+    return uri;
+}
 
 ServerUri::ServerUri(std::string const& text) : port(0), isSecure(false)
 {

@@ -1,4 +1,4 @@
-// The server's URI as the user writes it.
+// A server as the user writes it.
 #ifndef SOLVANE_TOOL_SERVER_URI_H
 #define SOLVANE_TOOL_SERVER_URI_H
 
@@ -11,6 +11,11 @@ struct ServerUri {
     /// @throws Failure  "usage": another scheme, no host, a port out of range, or more than a
     /// server
     explicit ServerUri(std::string const& text);
+
+    /// Also without a scheme, as "host", "host:port" and "[::1]:port"; that is "ldap".
+    /// @param port  where the text names none
+    /// @throws Failure  as the constructor
+    static ServerUri fromHost(std::string const& text, unsigned int port);
 
     std::string host; ///< IPv6 without its brackets
     unsigned int port;

@@ -2,40 +2,52 @@
 #include "RecordWriter.h"
 #include "Text.h"
 
-#include <fmt/format.h>
-
 namespace Solvane::Tool {
 
 namespace {
 
 class TextWriter final : public RecordWriter {
 public:
-    std::string textOf(Record const& record) const override
-    {
-        std::string text = fmt::format("# {}\n", summaryOf(record));
-        for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-            text += line("dn", entry.entryName());
-            for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-                for (std::string const& value : attribute.value()) {
-                    text += line(attribute.type().asString(), value);
-                }
-            }
-            text += '\n';
-        }
-        return text;
-    }
+    using RecordWriter::RecordWriter;
 
 private:
-    /// As LDIF writes it, except that UTF-8 stays readable.
-    static std::string line(std::string const& name, std::string const& value)
+    void append(Record const& record, std::string& out) const override
     {
-        return faultIn(value) ? fmt::format("{}:: {}\n", oneLine(name), base64(value))
-                              : fmt::format("{}: {}\n", oneLine(name), value);
+        out += "# ";
+        appendSummary(record, out);
+        out += '\n';
+        for (LDAPSearchResultEntry const& entry : record.answer.entries) {
+            appendLine("dn", entry.entryName(), out);
+            for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+                std::string const& name = attribute.type().asString();
+                for (Buffer const& value : attribute.binaryValue()) {
+                    appendLine(name, bytesOf(value), out);
+                }
+            }
+            out += '\n';
+        }
+    }
+
+    /// As LDIF writes it, except that UTF-8 stays readable.
+    static void appendLine(std::string_view name, std::string_view value, std::string& out)
+    {
+        appendOneLine(out, name);
+        if (faultIn(value)) {
+            out += ":: ";
+            appendBase64(out, value);
+        } else {
+            out += ": ";
+            out += value;
+        }
+        out += '\n';
     }
 };
 
 } // namespace
 
-std::unique_ptr<RecordWriter> makeTextWriter() { return std::make_unique<TextWriter>(); }
+std::unique_ptr<RecordWriter> makeTextWriter(char recordEnd)
+{
+    return std::make_unique<TextWriter>(recordEnd);
+}
 
 } // namespace Solvane::Tool

@@ -14,24 +14,24 @@ namespace {
 
 using namespace Solvane::Tool;
 
-Outcome runReporting(int count, char** arguments, Diagnostics& diagnostics)
+int runReporting(int count, char** arguments, Diagnostics& diagnostics)
 {
     try {
         Output output;
-        Outcome const outcome = runCommandLine(count, arguments, output, diagnostics);
+        int const status = runCommandLine(count, arguments, output, diagnostics);
         output.finish();
-        return outcome;
+        return status;
     } catch (Failure const& failure) {
         diagnostics.error(failure.what());
-        return failure.outcome();
+        return exitStatusOf(failure.outcome());
     } catch (ReaderGone const&) {
-        return Outcome::outputFailed;
+        return exitStatusOf(Outcome::outputFailed);
     } catch (Solvane::Exception const& fault) {
         diagnostics.error(fmt::format("internal fault: {}; report it", fault.asString()));
     } catch (std::exception const& fault) {
         diagnostics.error(fmt::format("internal fault: {}; report it", fault.what()));
     }
-    return Outcome::internal;
+    return exitStatusOf(Outcome::internal);
 }
 
 } // namespace
@@ -42,5 +42,5 @@ int main(int count, char** arguments)
     std::signal(SIGPIPE, SIG_IGN);
     reserveStandardStreams();
     Diagnostics diagnostics;
-    return exitStatusOf(runReporting(count, arguments, diagnostics));
+    return runReporting(count, arguments, diagnostics);
 }

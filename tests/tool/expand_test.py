@@ -1,8 +1,10 @@
-"""`solvane-ldap expand`: filters and their explanation, without any network."""
+"""`solvane-ldap expand`: filters, their explanation, and findings, without any network."""
 
+import subprocess
+import threading
 import unittest
 
-from support import ToolTest, run
+from support import DEADLINE, TOOL, ToolTest, run
 
 
 class Expand(ToolTest):
@@ -45,6 +47,32 @@ class Expand(ToolTest):
 
         self.assertEqual(result.lines, ["a@x", "b@y"])
 
+    def testEndsKeysAndFiltersWithNul(self):
+        result = run("expand", "-0", "-t", "$m", "-f", "-", stdin=b"a@x\0b@y\0")
+
+        self.assertEqual((result.status, result.bytes), (0, b"a@x\0b@y\0"))
+
+    def testPrintsAFilterBeforeTheNextAddressIsThere(self):
+        with subprocess.Popen([TOOL, "expand", "-t", "$m", "-f", "-"], stdin=subprocess.PIPE,
+                              stdout=subprocess.PIPE) as tool:
+            watchdog = threading.Timer(DEADLINE, tool.kill)
+            self.addCleanup(watchdog.cancel)
+            watchdog.start()
+            for key in (b"a@x\n", b"b@y\n"):
+                tool.stdin.write(key)
+                tool.stdin.flush()
+
+                self.assertEqual(tool.stdout.readline(), key)
+            tool.stdin.close()
+            self.assertEqual(tool.wait(DEADLINE), 0)
+
+    def testPrintsEveryOneOfManyFilters(self):
+        keys = b"".join(b"user%d@corp.test\n" % number for number in range(20000))
+
+        result = run("expand", "-t", "$m", "-f", "-", stdin=keys)
+
+        self.assertEqual((result.status, result.bytes), (0, keys))
+
     def testKeepsUtf8(self):
         result = run("expand", "-t", "$u", "j\u00fcrgen@x")
 
@@ -60,12 +88,12 @@ class ExpandExplain(ToolTest):
 
         self.assertEqual(result.lines, [
             "# jdoe@corp.test",
-            "#   at 7: $u inserted \"jdoe\"",
-            "#   at 15: $c inserted nothing, dropped the text \")(x=1)\"",
-            "#   at 23: $m inserted \"jdoe@corp.test\"",
-            "#   at 25: ${@corp.test} removed \"@corp.test\"",
-            "#   at 42: $b inserted nothing, dropped the text \")(b=\"",
-            "#   at 48: $g inserted \"7\"",
+            "#   at 9: $u inserted \"jdoe\"",
+            "#   at 17: $c inserted nothing, dropped the text \")(x=1)\"",
+            "#   at 25: $m inserted \"jdoe@corp.test\"",
+            "#   at 27: ${@corp.test} removed \"@corp.test\"",
+            "#   at 44: $b inserted nothing, dropped the text \")(b=\"",
+            "#   at 50: $g inserted \"7\"",
             "(|(uid=jdoe(mail=jdoe)(g=7)"])
 
     def testSaysWhereNothingWasRemoved(self):
@@ -89,11 +117,93 @@ class ExpandExplain(ToolTest):
                                         "#   at 2: $d inserted \"#\"",
                                         "#   at 4: ${b} turned the end \"b#\" into \"a\"", "aa"])
 
+    def testEndsEachExplainedFilterWithNul(self):
+        result = run("expand", "-0", "--explain", "-t", "$u", "a", "b")
+
+        self.assertEqual(result.bytes, b"# a\n#   at 0: $u inserted \"a\"\na\0"
+                                       b"# b\n#   at 0: $u inserted \"b\"\nb\0")
+
     def testExplainsWhatStandsBeforeAFault(self):
         result = run("expand", "--explain", "-t", "(x=$u)(y=$q)", "jdoe@x")
 
-        self.assertFails(result, 65, "at pos 9 (q) : (x=$u)(y=$q)")
+        self.assertFails(result, 65, "'(x=$u)(y=$q)' is wrong at byte 9: no specifier", "--lint")
         self.assertEqual(result.lines, ["# jdoe@x", "#   at 3: $u inserted \"jdoe\""])
+
+
+class ExpandLint(ToolTest):
+
+    def testSaysNothingOfACleanTemplate(self):
+        result = run("expand", "--lint", "-t", "(mail=$m)")
+
+        self.assertEqual((result.status, result.output, result.errors), (0, "", ""))
+
+    def testMarksEachFindingUnderTheTemplate(self):
+        result = run("expand", "--lint", "-t", "(&(uid=$u)(ou=$b)(x=$q)")
+
+        self.assertEqual((result.status, result.errors), (65, ""))
+        self.assertEqual(result.lines, [
+            "template:0: error: '(' without its ')'",
+            "(&(uid=$u)(ou=$b)(x=$q)",
+            "^",
+            "template:9: warning: this text is lost before $b, which is empty",
+            "(&(uid=$u)(ou=$b)(x=$q)",
+            "         ^~~~~",
+            "template:20: error: no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, "
+            "and a '$' for itself is \\24",
+            "(&(uid=$u)(ou=$b)(x=$q)",
+            "                    ^~"])
+
+    def testSucceedsWithWarnings(self):
+        result = run("expand", "--lint", "-t", "(&(uid=$u)(dc=$d))")
+
+        self.assertEqual((result.status, result.lines), (0, [
+            "template:14: warning: '#' for an address without a domain",
+            "(&(uid=$u)(dc=$d))",
+            "              ^~"]))
+
+    def testCountsBytesAndMarksCharacters(self):
+        result = run("expand", "--lint", "-t", "  (cn=\u00fc\u20ac$\u00e4)")
+
+        self.assertEqual(result.status, 65)
+        self.assertTrue(result.lines[0].startswith("template:11: error: "), result.lines)
+        self.assertEqual(result.lines[1:], ["  (cn=\u00fc\u20ac$\u00e4)", "        ^~"])
+
+    def testMarksBytesAsTheyAreShown(self):
+        result = run("expand", "--lint", "-t", b"(cn=\xfc\t$u)")
+
+        self.assertEqual((result.status, result.lines[1:]),
+                         (65, ["(cn=\\xFC\\x09$u)", "    ^~~~"]))
+
+    def testMarksThePlaceOfAnEmptyTemplate(self):
+        result = run("expand", "--lint", "-t", " ")
+
+        self.assertEqual((result.status, result.lines), (65, [
+            "template:0: error: makes an empty filter, which matches every entry", " ", "^"]))
+
+    def testKnowsTheOptionalValues(self):
+        result = run("expand", "--lint", "-t", "(&(uid=$u)(ou=$b))", "--b", "sales")
+
+        self.assertEqual((result.status, result.output), (0, ""))
+
+    def testIsFollowedByTheFiltersOfAddresses(self):
+        warned = run("expand", "--lint", "-t", "(dc=$d)", "a@x", "b@y")
+        wrong = run("expand", "--lint", "-t", "(uid=$u))", "a@x")
+        malformed = run("expand", "--lint", "-t", "(uid=$x)", "a@x", "b@y")
+
+        self.assertEqual((warned.status, len(warned.lines)), (0, 5))
+        self.assertEqual(warned.lines[3:], ["(dc=x)", "(dc=y)"])
+        self.assertEqual((wrong.status, wrong.lines[3:]), (65, ["(uid=a))"]))
+        self.assertFails(malformed, 65, "is wrong at byte 5")
+        self.assertEqual(len(malformed.lines), 3)
+
+    def testEndsFindingsWithNul(self):
+        result = run("expand", "-0", "--lint", "-t", "(dc=$d)", "a@x")
+
+        self.assertEqual(result.bytes, b"template:4: warning: '#' for an address without a domain\n"
+                                       b"(dc=$d)\n    ^~\0(dc=x)\0")
+
+    def testNeedsATemplate(self):
+        self.assertFails(run("expand", "--lint"), 64, "template")
 
 
 class ExpandRefuses(ToolTest):
@@ -101,18 +211,18 @@ class ExpandRefuses(ToolTest):
     def testAnUnknownSpecifier(self):
         result = run("expand", "-t", "(x=$q)", "a@x", "b@x")
 
-        self.assertFails(result, 65, "at pos 3 (q) : (x=$q)", "use $u")
+        self.assertFails(result, 65, "'(x=$q)' is wrong at byte 3", "known are $u")
         self.assertEqual(result.output, "")
 
     def testADollarAtTheEnd(self):
         result = run("expand", "-t", "cn=$", "a@x")
 
-        self.assertFails(result, 65, "The last character", ": cn=$", "\\24")
+        self.assertFails(result, 65, "'cn=$' is wrong at byte 3", "\\24")
 
     def testABraceThatIsNotClosed(self):
         result = run("expand", "-t", "$u${abc", "a@x")
 
-        self.assertFails(result, 65, "missing matching bracket '}' : $u${abc", "close the brace")
+        self.assertFails(result, 65, "'$u${abc' is wrong at byte 2", "without its '}'")
 
     def testATemplateThatComesOutEmpty(self):
         result = run("expand", "-t", " (x=1)$b ", "a@x")
@@ -122,7 +232,8 @@ class ExpandRefuses(ToolTest):
     def testATemplateOfSeveralLines(self):
         result = run("expand", "-t", "(&(a=1)\n(b=2))", "a@x")
 
-        self.assertFails(result, 65, "a control character at byte 7", "one line")
+        self.assertFails(result, 65, "'(&(a=1)\\x0A(b=2))' holds a control character at byte 7",
+                         "--lint")
 
     def testATemplateThatIsNoUtf8(self):
         result = run("expand", "-t", b"(cn=\xfc)$u", "a@x")
@@ -132,7 +243,7 @@ class ExpandRefuses(ToolTest):
     def testAFilterWhoseCutTookHalfACharacter(self):
         result = run("expand", "-t", "$u\u00fc$d${b}", "ab")
 
-        self.assertFails(result, 65, "'ab\\xC3a' is no UTF-8")
+        self.assertFails(result, 65, "'ab\\xC3a' holds invalid UTF-8 at byte 2")
 
     def testABadKeyAndGoesOn(self):
         for key, words in ((b"", "empty"), (b"a\nb", "a control character at byte 1"),
@@ -153,6 +264,9 @@ class ExpandRefuses(ToolTest):
         result = run("expand", "-t", "$u", "-f", "-", stdin=b"a\0b\n")
 
         self.assertFails(result, 65, "a control character at byte 1")
+
+    def testNoAddressAtAll(self):
+        self.assertFails(run("expand", "-t", "$u"), 64, "there is no address")
 
     def testAFileThatCannotBeRead(self):
         self.assertFails(run("expand", "-T", "/nonexistent", "a"), 78, "'/nonexistent'",

@@ -1,4 +1,4 @@
-"""The three forms of a record, with values of every kind."""
+"""The forms of a record, with values of every kind."""
 
 import base64
 import json
@@ -6,7 +6,7 @@ import os
 import subprocess
 import unittest
 
-from support import DEADLINE, DirectoryTest, ScriptedPeer, ToolTest, bound, entry, readLdif, run
+from support import DEADLINE, DirectoryTest, ScriptedPeer, ToolTest, entry, readLdif, run
 from support import searched
 
 WITH_BINARY = "user0000100@corp.test"  # UTF-8 names, a photo, a certificate, an option
@@ -35,7 +35,7 @@ class Formats(DirectoryTest):
             "entries": [{"dn": "uid=user0000010,ou=people,dc=corp,dc=test",
                          "attrs": {"uid": ["user0000010"],
                                    "mail": ["user0000010@corp.test", "ukasz.10@alias.corp.test"]}}],
-            "code": 0, "text": ""})
+            "code": 0, "text": "", "retried": False})
 
     def testJsonKeepsUtf8AndWrapsOtherBytes(self):
         record = self.recordOf(WITH_BINARY)
@@ -58,9 +58,66 @@ class Formats(DirectoryTest):
                          ("notfound", 0, []))
         self.assertEqual((failed["status"], failed["code"]), ("error", 32))
         self.assertIn("No such object", failed["text"])
-        self.assertEqual((refused["status"], refused["code"], refused["filter"]),
+        self.assertEqual((refused["status"], refused["filter"], refused["server"]),
                          ("error", None, None))
         self.assertEqual(refused["key"], {"base64": "/w=="})
+
+    def testJsonFieldsHaveAnOrder(self):
+        record = self.recordOf("nobody@x")
+
+        self.assertEqual(list(record), ["key", "status", "filter", "server", "entries", "code",
+                                        "text", "ms", "retried"])
+
+    def testValuesAreOneLineForEachAddress(self):
+        result = self.lookUp("--format", "values", "--attrs", "mail", "user0000010@corp.test",
+                             "nobody@x", "user0000001@corp.test")
+
+        self.assertEqual(result.lines[0], "user0000010@corp.test,ukasz.10@alias.corp.test")
+        self.assertEqual(result.lines[1], "")
+        self.assertTrue(result.lines[2].startswith("user0000001@corp.test"), result.output)
+        self.assertEqual((result.status, len(result.lines)), (1, 3))
+
+    def testTsvHasTheKeyTheValuesAndTheStatus(self):
+        result = self.lookUp("--format", "tsv", "--attrs", "uid,mail", "user0000010@corp.test",
+                             "nobody@x", b"a\tb\xff")
+
+        self.assertEqual(result.lines[:2], [
+            "user0000010@corp.test\tuser0000010,user0000010@corp.test,ukasz.10@alias.corp.test"
+            "\tfound",
+            "nobody@x\t\tnotfound"])
+        columns = result.lines[2].split("\t")
+        self.assertEqual(columns[:3], ["a\\x09b\\xFF", "", "error"])
+        self.assertEqual(len(columns), 4)
+        self.assertTrue(columns[3], result.output)
+
+    def testTsvNamesWhatIsSkipped(self):
+        result = self.lookUp("--format", "tsv", "--domains", "other.test", "user0000010@corp.test")
+
+        self.assertEqual((result.status, result.lines),
+                         (1, ["user0000010@corp.test\t\tskipped"]))
+
+    def testTextNamesWhatIsSkipped(self):
+        result = self.lookUp("--domains", "other.test", "user0000010@corp.test")
+
+        self.assertTrue(result.lines[0].startswith("# user0000010@corp.test: skipped"),
+                        result.output)
+
+    def testTextShowsTheClassOfAnError(self):
+        result = self.lookUp("a@x", base="ou=missing,dc=corp,dc=test")
+
+        self.assertEqual(result.status, 78)
+        self.assertTrue(result.lines[0].startswith("# a@x: error 78: "), result.output)
+
+    def testEveryRecordEndsWithNulIfAskedFor(self):
+        for form in ("text", "values", "tsv", "json", "ldif"):
+            with self.subTest(form=form):
+                result = self.lookUp("-0", "--format", form, "-f", "-",
+                                     stdin=b"user0000010@corp.test\0nobody@x\0")
+
+                self.assertEqual(result.bytes.count(b"\0"), 2, result.output)
+                self.assertTrue(result.bytes.endswith(b"\0"), result.output)
+                for record in result.bytes.split(b"\0")[:2]:
+                    self.assertEqual(record.startswith(b"\n"), False, result.output)
 
     def testTextShowsUtf8AndEncodesOtherBytes(self):
         result = self.lookUp(WITH_BINARY)
@@ -105,7 +162,7 @@ class FormatsOfHostileValues(ToolTest):
     """Values that no schema would let in."""
 
     def lookUp(self, form, *attributes, dn=b"cn=x"):
-        peer = ScriptedPeer(self, bound(), entry(2, dn, *attributes) + searched(2))
+        peer = ScriptedPeer(self, entry(1, dn, *attributes) + searched(1))
         return run("lookup", "-H", peer.uri, "-b", "dc=x", "-t", "(cn=$u)", "--format", form, "a")
 
     def testTextStaysOnItsLines(self):
@@ -115,6 +172,14 @@ class FormatsOfHostileValues(ToolTest):
         self.assertEqual(result.lines, [
             "# a: found 1", "dn:: Y249YQc=", "cn:: YQpkbjogZm9yZ2Vk", "cn: ", "cn:  b ",
             "cn:: G1sySg==", "x\\x0A# forged: 1", ""])
+
+    def testValuesAndTsvStayOnTheirLine(self):
+        for form, before, after in (("values", "", ""), ("tsv", "a\t", "\tfound")):
+            with self.subTest(form=form):
+                result = self.lookUp(form, (b"cn", [b"a\tb\nc", b"", b"\xff,\x1b[2J"]))
+
+                self.assertEqual(result.lines,
+                                 [before + "a\\x09b\\x0Ac,,\\xFF,\\x1B[2J" + after])
 
     def testJsonStaysValid(self):
         result = self.lookUp("json", (b"cn", [b"a\nb\0\"", b"\xff"]), (b"x\xff", [b"1"]),
@@ -133,7 +198,7 @@ class FormatsOfHostileValues(ToolTest):
                                   ("cn", b":c"), ("cn", b"<d"), ("cn", b"e ")])
 
     def testMessagesOfAServerStayOnOneLine(self):
-        peer = ScriptedPeer(self, bound(), searched(2, 53, text=b"no\nforged: line \x1b[2J"))
+        peer = ScriptedPeer(self, searched(1, 53, text=b"no\nforged: line \x1b[2J"))
 
         result = run("lookup", "-H", peer.uri, "-b", "dc=x", "-t", "(cn=$u)", "a")
 

@@ -1,0 +1,13 @@
+/// @file
+/// The lookup engine: everything a program includes.
+#ifndef SOLVANE_LOOKUP_H
+#define SOLVANE_LOOKUP_H
+
+#include <solvane/lookup/Answer.h>
+#include <solvane/lookup/Certificate.h>
+#include <solvane/lookup/DirectorySession.h>
+#include <solvane/lookup/LDAPLookup.h>
+#include <solvane/lookup/PlainText.h>
+#include <solvane/lookup/QueryTemplate.h>
+
+#endif

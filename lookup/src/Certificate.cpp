@@ -1,0 +1,308 @@
+// X.509 certificates, read and judged with GnuTLS.
+#include <solvane/lookup/Certificate.h>
+
+#include "OpenLDAP.h"
+
+#include <solvane/ldap.h>
+#include <solvane/ldap/impl/OpenLDAPOwners.h>
+
+#include <gnutls/gnutls.h>
+#include <gnutls/x509.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+/// Where distributions keep the authorities that they accept, as one PEM file.
+constexpr char const* systemBundles[] = {
+    "/etc/ssl/certs/ca-certificates.crt",
+    "/etc/pki/tls/certs/ca-bundle.crt",
+    "/etc/ssl/ca-bundle.pem",
+    "/etc/ssl/cert.pem",
+};
+
+LDAPException invalidCertificate(int error)
+{
+    constexpr int invalidInput = 2;
+    LDAPException fault("LDAPException", invalidInput, "Certificate.cpp", __LINE__, 0);
+    fault.stringParameter(std::string("not a certificate: ") + gnutls_strerror(error));
+    return fault;
+}
+
+/// Bytes that GnuTLS allocated.
+class Datum {
+public:
+    Datum() = default;
+    Datum(Datum const&) = delete;
+    Datum& operator=(Datum const&) = delete;
+    ~Datum() { gnutls_free(m_datum.data); }
+
+    gnutls_datum_t* address() { return &m_datum; }
+    std::string text() const
+    {
+        return m_datum.data == nullptr
+                   ? std::string()
+                   : std::string(reinterpret_cast<char const*>(m_datum.data), m_datum.size);
+    }
+
+private:
+    gnutls_datum_t m_datum = {nullptr, 0};
+};
+
+/// A list of accepted authorities.
+class TrustList {
+public:
+    explicit TrustList(std::string const& file)
+    {
+        m_error = gnutls_x509_trust_list_init(&m_list, 0);
+        if (m_error >= 0) {
+            m_error = gnutls_x509_trust_list_add_trust_file(m_list, file.c_str(), nullptr,
+                                                            GNUTLS_X509_FMT_PEM, 0, 0);
+        }
+    }
+    TrustList(TrustList const&) = delete;
+    TrustList& operator=(TrustList const&) = delete;
+    ~TrustList() { gnutls_x509_trust_list_deinit(m_list, 1); }
+
+    gnutls_x509_trust_list_t get() const { return m_list; }
+    /// Certificates read, or GnuTLS's error below 0.
+    int result() const { return m_error; }
+
+private:
+    gnutls_x509_trust_list_t m_list = nullptr;
+    int m_error;
+};
+
+std::string addressText(std::string const& bytes)
+{
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    bool const isV4 = bytes.size() == sizeof(in_addr);
+    if (!isV4 && bytes.size() != sizeof(in6_addr)) {
+        return std::string();
+    }
+    inet_ntop(isV4 ? AF_INET : AF_INET6, bytes.data(), text.data(), text.size());
+    return text.data();
+}
+
+/// The bytes of an address given as text; empty for any other text.
+std::string addressBytes(std::string const& text)
+{
+    std::array<char, sizeof(in6_addr)> bytes{};
+    if (inet_pton(AF_INET, text.c_str(), bytes.data()) == 1) {
+        return std::string(bytes.data(), sizeof(in_addr));
+    }
+    if (inet_pton(AF_INET6, text.c_str(), bytes.data()) == 1) {
+        return std::string(bytes.data(), sizeof(in6_addr));
+    }
+    return std::string();
+}
+
+/// The alternative name at `index` and its kind (GNUTLS_SAN_...), or GnuTLS's error below 0.
+int alternativeName(gnutls_x509_crt_t certificate, unsigned int index, std::string& name)
+{
+    name.resize(256);
+    size_t size = name.size();
+    int kind =
+        gnutls_x509_crt_get_subject_alt_name(certificate, index, name.data(), &size, nullptr);
+    if (kind == GNUTLS_E_SHORT_MEMORY_BUFFER) {
+        name.resize(size);
+        kind =
+            gnutls_x509_crt_get_subject_alt_name(certificate, index, name.data(), &size, nullptr);
+    }
+    name.resize(kind < 0 ? 0 : size);
+    return kind;
+}
+
+std::vector<std::string> alternativeNames(gnutls_x509_crt_t certificate)
+{
+    std::vector<std::string> names;
+    std::string name;
+    for (unsigned int index = 0;; ++index) {
+        int const kind = alternativeName(certificate, index, name);
+        if (kind == GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE) {
+            return names;
+        }
+        if (kind == GNUTLS_SAN_DNSNAME) {
+            names.push_back(name);
+        } else if (kind == GNUTLS_SAN_IPADDRESS) {
+            names.push_back(addressText(name));
+        }
+    }
+}
+
+std::string day(std::time_t time)
+{
+    std::tm parts{};
+    std::array<char, 32> text{};
+    gmtime_r(&time, &parts);
+    strftime(text.data(), text.size(), "%Y-%m-%d", &parts);
+    return text.data();
+}
+
+using NameGetter = int (*)(gnutls_x509_crt_t, gnutls_datum_t*, unsigned int);
+
+std::string distinguishedName(gnutls_x509_crt_t certificate, NameGetter getter)
+{
+    Datum name;
+    return getter(certificate, name.address(), 0) < 0 ? std::string() : name.text();
+}
+
+/// The faults that GnuTLS found, as a list.
+std::string inWords(unsigned int status, Certificate const& certificate)
+{
+    struct Fault {
+        unsigned int flag;
+        std::string text;
+    };
+    bool const isSelfSigned = certificate.subject() == certificate.issuer();
+    Fault const faults[] = {
+        {GNUTLS_CERT_EXPIRED, "expired since " + day(certificate.notAfter())},
+        {GNUTLS_CERT_NOT_ACTIVATED, "not valid before " + day(certificate.notBefore())},
+        {GNUTLS_CERT_SIGNER_NOT_FOUND,
+         isSelfSigned ? "signed by itself"
+                      : "signed by an unknown authority: " + certificate.issuer()},
+        {GNUTLS_CERT_SIGNER_NOT_CA,
+         "signed by a certificate that is no authority's: " + certificate.issuer()},
+        {GNUTLS_CERT_SIGNATURE_FAILURE, "its signature is wrong"},
+        {GNUTLS_CERT_INSECURE_ALGORITHM, "signed with a method that is no longer safe"},
+        {GNUTLS_CERT_REVOKED, "revoked"},
+        {GNUTLS_CERT_PURPOSE_MISMATCH, "not meant for servers"},
+    };
+    std::string text;
+    for (Fault const& fault : faults) {
+        if ((status & fault.flag) != 0) {
+            text.append(text.empty() ? "" : ", ").append(fault.text);
+        }
+    }
+    bool const isUnexplained = status != 0 && text.empty();
+    return isUnexplained ? "not valid" : text;
+}
+
+} // namespace
+
+struct Certificate::Parsed {
+    explicit Parsed(std::string const& der)
+    {
+        gnutls_datum_t const bytes = {
+            reinterpret_cast<unsigned char*>(const_cast<char*>(der.data())),
+            static_cast<unsigned int>(der.size())};
+        int error = gnutls_x509_crt_init(&certificate);
+        if (error >= 0) {
+            error = gnutls_x509_crt_import(certificate, &bytes, GNUTLS_X509_FMT_DER);
+        }
+        if (error < 0) {
+            gnutls_x509_crt_deinit(certificate);
+            throw invalidCertificate(error);
+        }
+        names = alternativeNames(certificate);
+    }
+    Parsed(Parsed const&) = delete;
+    Parsed& operator=(Parsed const&) = delete;
+    ~Parsed() { gnutls_x509_crt_deinit(certificate); }
+
+    gnutls_x509_crt_t certificate = nullptr; ///< only read, so threads may share it
+    std::vector<std::string> names;
+};
+
+Certificate::Certificate(std::string const& der) : m_parsed(std::make_shared<Parsed const>(der)) {}
+
+std::string Certificate::subject() const
+{
+    return distinguishedName(m_parsed->certificate, gnutls_x509_crt_get_dn3);
+}
+
+std::string Certificate::issuer() const
+{
+    return distinguishedName(m_parsed->certificate, gnutls_x509_crt_get_issuer_dn3);
+}
+
+std::vector<std::string> Certificate::names() const { return m_parsed->names; }
+
+std::time_t Certificate::notBefore() const
+{
+    return gnutls_x509_crt_get_activation_time(m_parsed->certificate);
+}
+
+std::time_t Certificate::notAfter() const
+{
+    return gnutls_x509_crt_get_expiration_time(m_parsed->certificate);
+}
+
+bool Certificate::isFor(std::string const& host) const
+{
+    // GnuTLS's comparison of host names also takes an address that stands among the DNS names.
+    std::string const address = addressBytes(host);
+    if (!address.empty()) {
+        return gnutls_x509_crt_check_ip(m_parsed->certificate,
+                                        reinterpret_cast<unsigned char const*>(address.data()),
+                                        static_cast<unsigned int>(address.size()), 0) != 0;
+    }
+    // ... and the common name where the alternative names are addresses only.
+    bool const hasHostName =
+        m_parsed->names.empty() ||
+        std::any_of(m_parsed->names.begin(), m_parsed->names.end(),
+                    [](std::string const& name) { return addressBytes(name).empty(); });
+    bool const isAbsolute = !host.empty() && host.back() == '.';
+    std::string const name = host.substr(0, host.size() - (isAbsolute ? 1 : 0));
+    // ... and an empty label for a wildcard.
+    bool const isHostName =
+        !name.empty() && name.front() != '.' && name.find('\0') == std::string::npos;
+    return hasHostName && isHostName &&
+           gnutls_x509_crt_check_hostname2(m_parsed->certificate, name.c_str(), 0) != 0;
+}
+
+std::string Certificate::distrust(std::string const& caFile) const
+{
+    TrustList const authorities(caFile);
+    if (authorities.result() <= 0) {
+        return faultOfAuthorities(caFile);
+    }
+    gnutls_x509_crt_t certificate = m_parsed->certificate;
+    unsigned int status = 0;
+    int const error =
+        gnutls_x509_trust_list_verify_crt(authorities.get(), &certificate, 1, 0, &status, nullptr);
+    if (error < 0) {
+        return std::string("it cannot be verified: ") + gnutls_strerror(error);
+    }
+    return inWords(status, *this);
+}
+
+std::string faultOfAuthorities(std::string const& caFile)
+{
+    if (access(caFile.c_str(), R_OK) != 0) {
+        return std::string("cannot be read: ") + strerror(errno);
+    }
+    int const result = TrustList(caFile).result();
+    if (result < 0) {
+        return std::string("holds no certificates that can be used: ") + gnutls_strerror(result);
+    }
+    return result == 0 ? "holds no certificates" : std::string();
+}
+
+std::string TlsPolicy::authorities() const
+{
+    if (!caFile.empty()) {
+        return caFile;
+    }
+    LDAPCharBuffer configured;
+    ldap_get_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, configured.address());
+    if (configured.get() != nullptr && *configured.get() != '\0') {
+        return configured.get();
+    }
+    for (char const* const bundle : systemBundles) {
+        if (access(bundle, R_OK) == 0) {
+            return bundle;
+        }
+    }
+    return std::string();
+}
+
+} // namespace Solvane::Lookup

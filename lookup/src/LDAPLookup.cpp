@@ -1,0 +1,146 @@
+// The public calls, and the check of the settings.
+#include <solvane/lookup/LDAPLookup.h>
+
+#include "Bulk.h"
+
+#include <solvane/lookup/PlainText.h>
+
+#include <utility>
+
+namespace Solvane {
+
+namespace {
+
+using Lookup::faultIn;
+
+[[noreturn]] void refuse(std::string const& text)
+{
+    constexpr int invalidInput = 2;
+    constexpr int general = 0;
+    LDAPException fault("LDAPException", invalidInput, "LDAPLookup.cpp", __LINE__, general);
+    fault.stringParameter(text);
+    throw fault;
+}
+
+void require(bool isRight, std::string const& text)
+{
+    if (!isRight) {
+        refuse(text);
+    }
+}
+
+void requirePlain(char const* what, std::string const& text)
+{
+    auto const fault = faultIn(text);
+    require(!fault, std::string(what) + " holds " + (fault ? describe(*fault) : std::string()));
+}
+
+void checkServers(LDAPLookup::Settings const& settings)
+{
+    require(!settings.servers.empty(), "there is no server");
+    for (LDAPLookup::Server const& server : settings.servers) {
+        require(!server.host.empty(), "a server has no host");
+        requirePlain("a server's host", server.host);
+        require(server.port >= 1 && server.port <= 65535,
+                "a server's port is " + std::to_string(server.port));
+    }
+}
+
+void checkCredentials(LDAPLookup::Settings const& settings)
+{
+    requirePlain("the bind DN", settings.bindDn);
+    require(settings.bindDn.empty() || !settings.password.empty(),
+            "the bind DN has no password: servers take an empty one as anonymous");
+    require(!settings.bindDn.empty() || settings.password.empty(),
+            "there is a password without a bind DN");
+    require(settings.password.find('\0') == std::string::npos,
+            "the password holds a NUL byte, which cannot be sent");
+}
+
+void checkSearch(LDAPLookup::Settings const& settings)
+{
+    requirePlain("the base", settings.base);
+    require(settings.scope >= LDAPSearch::ScopeBase && settings.scope <= LDAPSearch::ScopeSubtree,
+            "the scope is none");
+    require(settings.deref >= LDAPSearch::DerefNever && settings.deref <= LDAPSearch::DerefAlways,
+            "the alias mode is none");
+    for (std::string const& name : settings.attributes) {
+        require(!name.empty(), "an attribute has no name");
+        requirePlain("an attribute's name", name);
+    }
+    require(!settings.forms.empty(), "there is no form of address to look for");
+    using Lookup::QueryTemplate;
+    QueryTemplate const queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
+    for (QueryTemplate::Finding const& finding : queryTemplate.check()) {
+        require(finding.weight != QueryTemplate::Finding::Weight::error,
+                "the template is wrong at byte " + std::to_string(finding.position) + ": " +
+                    finding.text);
+    }
+}
+
+void checkLimits(LDAPLookup::Settings const& settings)
+{
+    require(settings.networkTimeout >= 1, "the network timeout is no time");
+    require(settings.deadline.count() >= 1, "the deadline is no time");
+    require(settings.backOff.count() >= 0 && settings.longestBackOff >= settings.backOff,
+            "the longest back-off is shorter than the first");
+    require(settings.connections >= 1, "no connection is allowed");
+    require(settings.window >= 1, "no search in flight is allowed");
+}
+
+LDAPLookup::Settings const& checked(LDAPLookup::Settings const& settings)
+{
+    checkServers(settings);
+    checkCredentials(settings);
+    checkSearch(settings);
+    checkLimits(settings);
+    return settings;
+}
+
+} // namespace
+
+class LDAPLookup::Engine : public Lookup::Shared {
+public:
+    using Shared::Shared;
+};
+
+LDAPLookup::LDAPLookup(Settings const& settings)
+    : m_engine(std::make_unique<Engine>(checked(settings)))
+{
+}
+
+LDAPLookup::~LDAPLookup() = default;
+
+LDAPLookup::Answer LDAPLookup::find(std::string const& address)
+{
+    Answer answer;
+    bool isGiven = false;
+    Source const source = [&](std::string& key, bool) {
+        if (isGiven) {
+            return Supply::end;
+        }
+        key = address;
+        isGiven = true;
+        return Supply::key;
+    };
+    Sink const sink = [&](std::string const&, Answer&& found) {
+        answer = std::move(found);
+        return true;
+    };
+    Lookup::Bulk(*m_engine, source, sink, 1, 1).run();
+    return answer;
+}
+
+void LDAPLookup::findAll(Source const& source, Sink const& sink)
+{
+    Lookup::Bulk(*m_engine, source, sink, m_engine->settings.connections, m_engine->settings.window)
+        .run();
+}
+
+LDAPLookup::Statistics LDAPLookup::statistics() const
+{
+    return {m_engine->sessions.openedCount(), m_engine->reused, m_engine->sessions.staleCount(),
+            m_engine->repeated};
+}
+
+} // namespace Solvane

@@ -1,0 +1,488 @@
+// Filters, by asking LDAPUtil; what each specifier did, by asking it again and again; and what is
+// wrong with a template, by reading it and by making filters for addresses of several kinds.
+#include <solvane/lookup/QueryTemplate.h>
+
+#include <solvane/lookup/PlainText.h>
+
+#include "OpenLDAP.h"
+
+#include <solvane/ldap.h>
+#include <solvart/StringHelpers.h>
+
+#include <algorithm>
+#include <cctype>
+#include <memory>
+#include <new>
+#include <string_view>
+
+// OpenLDAP's parser of search filters: exported, and declared in no installed header. The one that
+// is declared, ldap_put_vrFilter, takes another grammar (RFC 3876).
+extern "C" int ldap_pvt_put_filter(BerElement* element, char const* filter);
+
+namespace Solvane::Lookup {
+
+namespace {
+
+using Size = std::string::size_type;
+using Finding = QueryTemplate::Finding;
+using Weight = Finding::Weight;
+
+/// Bytes of the template, [begin, end).
+struct Range {
+    Size begin;
+    Size end;
+
+    bool isEmpty() const { return begin == end; }
+    std::string of(std::string const& text) const { return text.substr(begin, end - begin); }
+};
+
+/// Where the text stands without the blanks round it, which are no part of the template.
+Range bodyOf(std::string text)
+{
+    stringRightTrim(text);
+    Size const end = text.size();
+    stringLeftTrim(text);
+    return {end - text.size(), end};
+}
+
+/// A "$" and what belongs to it.
+struct Specifier {
+    enum class Fault { none, unknown, unclosed, trailing };
+
+    Range literal; ///< the template's text before it
+    Range range;
+    char letter; ///< behind the "$"; 0 where the "$" is the last character
+    Fault fault;
+
+    bool isRemoval() const { return letter == '{'; }
+    bool isOptional() const { return letter == 'b' || letter == 'g'; }
+};
+
+/// End of the character that begins at `from`, for text that may be no UTF-8.
+Size characterEnd(std::string const& text, Size from, Size end)
+{
+    ++from;
+    while (from < end && (static_cast<unsigned char>(text[from]) & 0xC0) == 0x80) {
+        ++from;
+    }
+    return from;
+}
+
+Specifier specifierAt(std::string const& text, Range literal, Size end)
+{
+    using Fault = Specifier::Fault;
+    Size const dollar = literal.end;
+    if (dollar + 1 == end) {
+        return {literal, {dollar, end}, '\0', Fault::trailing};
+    }
+    char const letter = text[dollar + 1];
+    if (letter == '{') {
+        Size const brace = text.find('}', dollar + 2);
+        return brace == std::string::npos
+                   ? Specifier{literal, {dollar, end}, letter, Fault::unclosed}
+                   : Specifier{literal, {dollar, brace + 1}, letter, Fault::none};
+    }
+    bool const isKnown = std::string_view("unNdmaAbgc").find(letter) != std::string_view::npos;
+    return {literal,
+            {dollar, characterEnd(text, dollar + 1, end)},
+            letter,
+            isKnown ? Fault::none : Fault::unknown};
+}
+
+/// All of them in their order, also behind a malformed one.
+std::vector<Specifier> specifiersOf(std::string const& text)
+{
+    std::vector<Specifier> specifiers;
+    Range const body = bodyOf(text);
+    Size read = body.begin;
+    for (;;) {
+        Size const dollar = text.find('$', read);
+        if (dollar == std::string::npos) {
+            return specifiers;
+        }
+        specifiers.push_back(specifierAt(text, {read, dollar}, body.end));
+        read = specifiers.back().range.end;
+    }
+}
+
+/// What `${...}` searches for.
+std::string searchedBy(std::string const& specifier)
+{
+    std::string const text = specifier.substr(2, specifier.size() - 3);
+    return text.size() > 1 && text.front() == '^' ? text.substr(1) : text;
+}
+
+// Explaining
+
+/// Whether `before` with one occurrence of `text` taken out is `after`.
+bool isCut(std::string const& before, std::string const& after, std::string const& text)
+{
+    for (Size at = before.find(text); at != std::string::npos; at = before.find(text, at + 1)) {
+        if (std::string(before).erase(at, text.size()) == after) {
+            return true;
+        }
+    }
+    return false;
+}
+
+void explainRemoval(QueryTemplate::Step& step, std::string const& before, std::string const& after)
+{
+    if (before == after) {
+        return;
+    }
+    step.removed = searchedBy(step.specifier);
+    if (isCut(before, after, step.removed)) {
+        return;
+    }
+    auto const differing = std::mismatch(before.begin(), before.end(), after.begin(), after.end());
+    step.removed.assign(differing.first, before.end());
+    step.replacement.assign(differing.second, after.end());
+}
+
+void explainInsertion(QueryTemplate::Step& step, std::string const& literal,
+                      std::string const& before, std::string const& after)
+{
+    if (after == before) { // also for a specifier that inserts nothing and had no text before it
+        step.dropped = literal;
+        return;
+    }
+    step.inserted = after.substr(before.size() + literal.size());
+}
+
+// Checking
+
+/// A `\` that is not followed by two hexadecimal digits.
+bool hasBrokenEscape(std::string const& text)
+{
+    auto const isDigit = [&](Size at) {
+        return at < text.size() && isxdigit(static_cast<unsigned char>(text[at])) != 0;
+    };
+    for (Size at = text.find('\\'); at != std::string::npos; at = text.find('\\', at + 1)) {
+        if (!isDigit(at + 1) || !isDigit(at + 2)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+constexpr char ordinary[] = "user@domain.test";
+/// Without a domain, and without a user.
+constexpr char const* unusual[] = {"user", "@domain.test"};
+/// Each character that is escaped, with a letter behind it that is no hexadecimal digit.
+constexpr char hostile[] = "x*y(z)x\\y@x*y(z)x\\y";
+
+/// One reading of a template for its findings.
+class Inspection {
+public:
+    Inspection(std::string const& text, std::string const& bValue, std::string const& gValue)
+        : m_text(text), m_bValue(bValue), m_gValue(gValue), m_body(bodyOf(text)),
+          m_specifiers(specifiersOf(text))
+    {
+    }
+
+    std::vector<Finding> run()
+    {
+        inspectText();
+        for (Specifier const& specifier : m_specifiers) {
+            inspectForm(specifier);
+            inspectLoss(specifier);
+            inspectValue(specifier);
+            inspectDomain(specifier);
+        }
+        inspectParentheses();
+        inspectAddress();
+        if (!isMalformed()) {
+            inspectRemovals();
+        }
+        if (!hasError()) {
+            inspectFilters();
+        }
+        std::stable_sort(m_findings.begin(), m_findings.end(),
+                         [](Finding const& left, Finding const& right) {
+                             return left.position < right.position;
+                         });
+        return std::move(m_findings);
+    }
+
+private:
+    void add(Weight weight, Range range, std::string const& text)
+    {
+        m_findings.push_back({weight, range.begin, range.end - range.begin, text});
+    }
+
+    bool hasError() const
+    {
+        return std::any_of(m_findings.begin(), m_findings.end(),
+                           [](Finding const& finding) { return finding.weight == Weight::error; });
+    }
+
+    /// Whether nothing can be made of the template.
+    bool isMalformed() const
+    {
+        return std::any_of(
+            m_specifiers.begin(), m_specifiers.end(),
+            [](Specifier const& specifier) { return specifier.fault != Specifier::Fault::none; });
+    }
+
+    std::string const& optionalValue(Specifier const& specifier) const
+    {
+        return specifier.letter == 'b' ? m_bValue : m_gValue;
+    }
+
+    /// Whether the text before the specifier is left out of the filter.
+    bool drops(Specifier const& specifier) const
+    {
+        return specifier.letter == 'c' || specifier.isRemoval() ||
+               (specifier.isOptional() && optionalValue(specifier).empty());
+    }
+
+    /// The filter of the template up to `end`.
+    std::string expanded(Size end, char const* address) const
+    {
+        return QueryTemplate(m_text.substr(0, end), m_bValue, m_gValue)
+            .expand(EmailAddress(address));
+    }
+
+    void inspectText()
+    {
+        auto const fault =
+            faultIn(std::string_view(m_text).substr(0, m_body.end).substr(m_body.begin));
+        if (!fault) {
+            return;
+        }
+        Size const begin = m_body.begin + fault->position;
+        bool const isUtf8 = fault->kind != TextFault::invalidUtf8;
+        add(Weight::error, {begin, isUtf8 ? characterEnd(m_text, begin, m_body.end) : begin + 1},
+            isUtf8 ? "a control character; a template is one line of text"
+                   : "no UTF-8; a template is UTF-8 text");
+    }
+
+    void inspectForm(Specifier const& specifier)
+    {
+        switch (specifier.fault) {
+        case Specifier::Fault::none:
+            return;
+        case Specifier::Fault::unknown:
+            return add(Weight::error, specifier.range,
+                       "no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, and a '$' "
+                       "for itself is \\24");
+        case Specifier::Fault::unclosed:
+            return add(Weight::error, specifier.range, "'${' without its '}'");
+        case Specifier::Fault::trailing:
+            return add(Weight::error, specifier.range,
+                       "'$' without a specifier; a '$' for itself is \\24");
+        }
+    }
+
+    void inspectLoss(Specifier const& specifier)
+    {
+        if (specifier.fault != Specifier::Fault::none || specifier.literal.isEmpty() ||
+            !drops(specifier)) {
+            return;
+        }
+        std::string const cause =
+            specifier.isRemoval()
+                ? "'${'"
+                : specifier.range.of(m_text) + (specifier.isOptional() ? ", which is empty" : "");
+        add(Weight::warning, specifier.literal, "this text is lost before " + cause);
+    }
+
+    void inspectValue(Specifier const& specifier)
+    {
+        if (!specifier.isOptional()) {
+            return;
+        }
+        if (auto const fault = faultIn(optionalValue(specifier))) {
+            add(Weight::error, specifier.range, "its value holds " + describe(*fault));
+        }
+    }
+
+    void inspectDomain(Specifier const& specifier)
+    {
+        if (specifier.letter == 'd') {
+            add(Weight::warning, specifier.range, "'#' for an address without a domain");
+        }
+    }
+
+    void inspectAddress()
+    {
+        bool const isNamed =
+            std::any_of(m_specifiers.begin(), m_specifiers.end(), [](Specifier const& specifier) {
+                return std::string_view("unNdmaA").find(specifier.letter) != std::string_view::npos;
+            });
+        if (!isNamed && !isMalformed() && !m_body.isEmpty()) {
+            add(Weight::warning, m_body,
+                "no specifier for the address: every address finds the same");
+        }
+    }
+
+    /// Counts in the template's text that gets into the filter: values are escaped.
+    void inspectParentheses()
+    {
+        std::vector<Size> open;
+        Size read = m_body.begin;
+        for (Specifier const& specifier : m_specifiers) {
+            if (!drops(specifier)) {
+                pairParentheses(specifier.literal, open);
+            }
+            read = specifier.range.end;
+        }
+        pairParentheses({read, m_body.end}, open);
+        bool const isWhole =
+            m_specifiers.empty() || m_specifiers.back().fault != Specifier::Fault::unclosed;
+        for (Size const position : open) {
+            if (isWhole) { // else the partner may stand behind the brace
+                add(Weight::error, {position, position + 1}, "'(' without its ')'");
+            }
+        }
+    }
+
+    /// @param open  positions of the parentheses that wait for their partner
+    void pairParentheses(Range literal, std::vector<Size>& open)
+    {
+        for (Size at = literal.begin; at < literal.end; ++at) {
+            if (m_text[at] == '\\') {
+                ++at; // OpenLDAP takes an escaped parenthesis as text
+            } else if (m_text[at] == '(') {
+                open.push_back(at);
+            } else if (m_text[at] == ')' && !open.empty()) {
+                open.pop_back();
+            } else if (m_text[at] == ')') {
+                add(Weight::error, {at, at + 1}, "')' without its '('");
+            }
+        }
+    }
+
+    void inspectRemovals()
+    {
+        bool hasValue = false;       // that `${...}` may take for the value inserted last
+        bool isBehindDomain = false; // whose "#" is not one
+        for (Specifier const& specifier : m_specifiers) {
+            if (specifier.isRemoval()) {
+                inspectRemoval(specifier, hasValue && isBehindDomain);
+            } else if (!drops(specifier)) {
+                isBehindDomain = specifier.letter == 'd';
+                hasValue = hasValue || !isBehindDomain;
+            }
+        }
+    }
+
+    void inspectRemoval(Specifier const& specifier, bool mayMissDomain)
+    {
+        std::string const text = searchedBy(specifier.range.of(m_text));
+        if (mayMissDomain) {
+            add(Weight::warning, specifier.range,
+                "cuts into the text before '#' for an address without a domain");
+        }
+        if (text.find_first_of("*()") != std::string::npos) {
+            add(Weight::warning, specifier.range,
+                "never found: values are escaped, * as \\2A, ( as \\28, ) as \\29");
+        } else if (hasBrokenEscape(text) || breaksEscape(specifier)) {
+            add(Weight::warning, specifier.range,
+                "takes escapes of values apart: * is \\2A, ( is \\28, ) is \\29, \\ is \\5C");
+        }
+    }
+
+    bool breaksEscape(Specifier const& removal) const
+    {
+        return hasBrokenEscape(expanded(removal.range.end, hostile)) &&
+               !hasBrokenEscape(expanded(removal.range.begin, hostile));
+    }
+
+    void inspectFilters()
+    {
+        if (bodyOf(expanded(m_body.end, ordinary)).isEmpty()) {
+            add(Weight::error, m_body, "makes an empty filter, which matches every entry");
+        } else if (inspectFilterOf(ordinary, Weight::error)) {
+            for (char const* const address : unusual) {
+                inspectFilterOf(address, Weight::warning);
+            }
+        }
+    }
+
+    /// @return whether OpenLDAP takes it
+    bool inspectFilterOf(char const* address, Weight weight)
+    {
+        std::string const filter = expanded(m_body.end, address);
+        if (isFilter(filter)) {
+            return true;
+        }
+        add(weight, m_body,
+            std::string("OpenLDAP refuses the filter that it makes of ") + address + ": " +
+                oneLine(filter));
+        return false;
+    }
+
+    std::string const& m_text;
+    std::string const& m_bValue;
+    std::string const& m_gValue;
+    Range const m_body;
+    std::vector<Specifier> const m_specifiers;
+    std::vector<Finding> m_findings;
+};
+
+struct FreeElement {
+    void operator()(BerElement* element) const { ber_free(element, 1); }
+};
+
+} // namespace
+
+QueryTemplate::QueryTemplate(std::string const& text, std::string const& bValue,
+                             std::string const& gValue)
+    : m_text(text), m_bValue(bValue), m_gValue(gValue)
+{
+}
+
+std::string QueryTemplate::expand(EmailAddress const& address) const
+{
+    return LDAPUtil::sv_ldap_expand_query(m_text, address.local(), address.domain(), m_bValue,
+                                          m_gValue);
+}
+
+std::vector<QueryTemplate::Step> QueryTemplate::explain(EmailAddress const& address) const
+{
+    std::vector<Step> steps;
+    std::string before;
+    // The template up to the end of a specifier is a template too: what the library makes of each
+    // tells what the last specifier did.
+    for (Specifier const& specifier : specifiersOf(m_text)) {
+        if (specifier.fault != Specifier::Fault::none) {
+            break;
+        }
+        std::string const after =
+            QueryTemplate(m_text.substr(0, specifier.range.end), m_bValue, m_gValue)
+                .expand(address);
+        Step step;
+        step.position = specifier.range.begin;
+        step.specifier = specifier.range.of(m_text);
+        if (specifier.isRemoval()) {
+            step.dropped = specifier.literal.of(m_text);
+            explainRemoval(step, before, after);
+        } else {
+            explainInsertion(step, specifier.literal.of(m_text), before, after);
+        }
+        steps.push_back(step);
+        before = after;
+    }
+    return steps;
+}
+
+std::vector<Finding> QueryTemplate::check() const
+{
+    return Inspection(m_text, m_bValue, m_gValue).run();
+}
+
+bool isFilter(std::string const& filter)
+{
+    // OpenLDAP reads up to the first NUL, and of blanks it makes no filter at all.
+    if (filter.find('\0') != std::string::npos || bodyOf(filter).isEmpty()) {
+        return false;
+    }
+    std::unique_ptr<BerElement, FreeElement> const encoded(ber_alloc_t(LBER_USE_DER));
+    if (!encoded) {
+        throw std::bad_alloc();
+    }
+    return ldap_pvt_put_filter(encoded.get(), filter.c_str()) == 0;
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,69 @@
+// The servers in order of trial, and which of them are passed over for the moment.
+#ifndef SOLVANE_LOOKUP_SRC_SERVER_LIST_H
+#define SOLVANE_LOOKUP_SRC_SERVER_LIST_H
+
+#include <solvane/lookup/DirectorySession.h>
+#include <solvane/lookup/LDAPLookup.h>
+
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+/// A list that all threads share. A server that failed is passed over until its back-off ends; then
+/// one caller tries it, and the others go on passing it over until they know.
+class ServerList {
+public:
+    explicit ServerList(LDAPLookup::Settings const& settings);
+
+    std::size_t size() const { return m_servers.size(); }
+    std::string const& host(std::size_t index) const { return m_servers[index].server.host; }
+    /// Text of the URI, with the host as it was given.
+    std::string const& uri(std::size_t index) const { return m_servers[index].uri; }
+
+    /// The description for a connection; resolved at first, and again after a failure.
+    /// @throws LDAPException  code 4, type 0: the host does not resolve
+    LDAPConnection::RefServer describe(std::size_t index);
+
+    /// Whether a caller may use the server now. Takes the trial, where a back-off has ended.
+    bool claim(std::size_t index, Clock::time_point now);
+    /// The same as a question.
+    bool isEligible(std::size_t index, Clock::time_point now) const;
+    /// Whether asking a server that is passed over costs nothing: it fails at once, as one that
+    /// refuses connections does.
+    bool failsPromptly(std::size_t index) const;
+    /// Why the server is passed over.
+    Verdict lastFailure(std::size_t index) const;
+
+    void succeeded(std::size_t index);
+    /// @param cost  how long the caller was kept waiting for the failure
+    void failed(std::size_t index, Verdict const& why, Clock::duration cost);
+
+private:
+    struct State {
+        LDAPLookup::Server server;
+        std::string uri;
+        // Guarded by m_mutex.
+        LDAPConnection::RefServer description;
+        bool isFailing = false;
+        bool failsPromptly = false;
+        Clock::time_point failedAt;
+        Clock::time_point retryAt;
+        Clock::duration backOff{0};
+        Verdict why;
+    };
+
+    bool isEligible(State const& state, Clock::time_point now) const;
+
+    mutable std::mutex m_mutex;
+    std::vector<State> m_servers;
+    unsigned int m_networkTimeout;
+    Clock::duration m_backOff;
+    Clock::duration m_longestBackOff;
+};
+
+} // namespace Solvane::Lookup
+
+#endif

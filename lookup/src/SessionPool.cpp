@@ -1,0 +1,322 @@
+// Which session a caller gets, and how one is opened.
+#include "SessionPool.h"
+
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
+
+#include <algorithm>
+#include <ctime>
+#include <utility>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+constexpr int timedOut = -5;
+constexpr int serverDown = -1;
+
+/// A refusal that is about who asks, or with what: another server would say the same, and to ask it
+/// with a wrong password would only lock the account sooner.
+bool isAboutTheCaller(Verdict const& verdict)
+{
+    constexpr int invalidCredentials = 49;
+    return verdict.outcome == Outcome::Misconfigured || verdict.code == invalidCredentials;
+}
+
+} // namespace
+
+// Lease
+
+SessionPool::Lease::Lease(SessionPool& pool, std::unique_ptr<PooledSession> session)
+    : m_pool(&pool), m_session(std::move(session))
+{
+}
+
+SessionPool::Lease::Lease(Lease&& other) noexcept
+    : m_pool(other.m_pool), m_session(std::move(other.m_session))
+{
+}
+
+SessionPool::Lease& SessionPool::Lease::operator=(Lease&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        m_pool = other.m_pool;
+        m_session = std::move(other.m_session);
+    }
+    return *this;
+}
+
+SessionPool::Lease::~Lease() { close(); }
+
+void SessionPool::Lease::giveBack()
+{
+    if (m_session) {
+        m_pool->put(std::move(m_session));
+    }
+}
+
+void SessionPool::Lease::close()
+{
+    if (m_session) {
+        m_session.reset(); // writes an unbind
+        m_pool->freeRoom();
+    }
+}
+
+// Pool
+
+SessionPool::SessionPool(LDAPLookup::Settings const& settings, ServerList& servers)
+    : m_settings(settings), m_servers(servers)
+{
+}
+
+SessionPool::~SessionPool() = default;
+
+SessionPool::Outlook SessionPool::acquire(Wish const& wish)
+{
+    for (;;) {
+        unsigned long changes = 0;
+        {
+            std::lock_guard<std::mutex> const lock(m_mutex);
+            changes = m_changes;
+        }
+        Walk found = walk(wish, Among::eligible);
+        if (!found.lease && !found.isFull && !found.isFinal && !found.hasTried) {
+            // Everyone is passed over. One that fails at once costs nothing to ask, and may be back.
+            found = walk(wish, Among::prompt);
+        }
+        if (found.lease) {
+            return {std::move(found.lease), std::nullopt, std::string()};
+        }
+        if (!found.isFull) {
+            return {Lease(), found.refusal, m_servers.uri(found.refusedBy)};
+        }
+        if (!wish.mayWait) {
+            return {};
+        }
+        if (!awaitRoom(wish.deadline, changes)) {
+            return {Lease(),
+                    Verdict{Outcome::TryLater, timedOut,
+                            "no connection came free within the deadline, all " +
+                                std::to_string(m_settings.connections) + " are in use"},
+                    std::string()};
+        }
+    }
+}
+
+/// Keeps what says most: something that may pass outweighs a refusal, the first one the others.
+void SessionPool::Walk::note(Verdict const& why, std::size_t server)
+{
+    bool const saysMore =
+        !refusal || (why.outcome == Outcome::TryLater && refusal->outcome != Outcome::TryLater);
+    isFinal = isAboutTheCaller(why);
+    if (saysMore || isFinal) {
+        refusal = why;
+        refusedBy = server;
+    }
+}
+
+SessionPool::Walk SessionPool::walk(Wish const& wish, Among among)
+{
+    Walk result;
+    for (std::size_t server = 0; server < m_servers.size(); ++server) {
+        bool const mayTry = among == Among::prompt ? m_servers.failsPromptly(server)
+                                                   : m_servers.isEligible(server, Clock::now());
+        if (mayTry) {
+            visit(result, server, wish, among);
+        } else {
+            result.note(m_servers.lastFailure(server), server);
+        }
+        if (result.lease || result.isFull || result.isFinal) {
+            break;
+        }
+    }
+    return result;
+}
+
+void SessionPool::visit(Walk& walk, std::size_t server, Wish const& wish, Among among)
+{
+    if (!wish.isNew) {
+        if (auto idle = takeIdle(server)) {
+            walk.lease = Lease(*this, std::move(idle));
+            return;
+        }
+    }
+    if (takeRoom() == Room::none) {
+        walk.isFull = true;
+        return;
+    }
+    // Of several callers, one finds out whether a server is back.
+    if (among == Among::eligible && !m_servers.claim(server, Clock::now())) {
+        freeRoom();
+        walk.note(m_servers.lastFailure(server), server);
+        return;
+    }
+    tryServer(walk, server, wish);
+}
+
+void SessionPool::tryServer(Walk& walk, std::size_t server, Wish const& wish)
+{
+    auto const start = Clock::now();
+    Verdict verdict;
+    try {
+        verdict = open(server, wish, walk.lease);
+    } catch (...) {
+        freeRoom();
+        throw;
+    }
+    walk.hasTried = true;
+    if (verdict.isGood()) {
+        m_servers.succeeded(server);
+        return;
+    }
+    freeRoom();
+    walk.note(verdict, server);
+    auto const cost = Clock::now() - start;
+    if (Clock::now() >= wish.deadline) {
+        walk.isFinal = true;
+        // A caller that had little time left has proved nothing against the server.
+        if (cost < std::chrono::seconds(m_settings.networkTimeout) / 2) {
+            return;
+        }
+    }
+    serverFailed(server, verdict, cost);
+}
+
+/// An idle session to the server, looked at; null where there is none.
+std::unique_ptr<PooledSession> SessionPool::takeIdle(std::size_t server)
+{
+    for (;;) {
+        std::unique_ptr<PooledSession> taken;
+        {
+            std::lock_guard<std::mutex> const lock(m_mutex);
+            auto const found =
+                std::find_if(m_idle.begin(), m_idle.end(),
+                             [server](auto const& idle) { return idle->server == server; });
+            if (found == m_idle.end()) {
+                return nullptr;
+            }
+            taken = std::move(*found);
+            m_idle.erase(found);
+        }
+        if (!taken->session.connection().impl()->hasExpired(time(nullptr)) &&
+            taken->session.isFresh()) {
+            return taken;
+        }
+        ++m_stale;
+        taken.reset();
+        freeRoom();
+    }
+}
+
+/// Room for one more session, made by closing the idle one that was used longest ago if need be.
+SessionPool::Room SessionPool::takeRoom()
+{
+    std::unique_ptr<PooledSession> victim; // let go after unlocking: it writes an unbind
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    if (m_count < m_settings.connections) {
+        ++m_count;
+        return Room::taken;
+    }
+    if (m_idle.empty()) {
+        return Room::none;
+    }
+    victim = std::move(m_idle.back());
+    m_idle.pop_back();
+    return Room::taken;
+}
+
+Verdict SessionPool::open(std::size_t server, Wish const& wish, Lease& lease)
+{
+    std::unique_ptr<PooledSession> opened;
+    try {
+        opened = std::make_unique<PooledSession>(m_servers.describe(server), server,
+                                                 m_servers.host(server), m_settings.tls);
+    } catch (LDAPException const& fault) {
+        return {Outcome::TryLater, serverDown,
+                m_servers.uri(server) + ": " +
+                    (fault.hasCause() ? fault.cause().stringParameter() : fault.stringParameter())};
+    }
+    Verdict verdict = opened->session.connect(wish.deadline);
+    if (verdict.isGood()) {
+        verdict = authenticate(*opened, wish.deadline);
+    }
+    if (!verdict.isGood()) {
+        return verdict;
+    }
+    prepare(*opened);
+    ++m_opened;
+    lease = Lease(*this, std::move(opened));
+    return verdict;
+}
+
+Verdict SessionPool::authenticate(PooledSession& opened, Clock::time_point deadline) const
+{
+    if (m_settings.bindDn.empty()) {
+        return {};
+    }
+    Verdict const verdict = opened.session.bind(m_settings.bindDn, m_settings.password, deadline);
+    return verdict.isGood() ? opened.session.confirmIdentity(deadline) : verdict;
+}
+
+void SessionPool::prepare(PooledSession& opened) const
+{
+    opened.session.limits(m_settings.entryLimit, m_settings.timeLimit);
+    opened.search = LDAPSearch::Parameter(m_settings.base);
+    opened.search.scope = m_settings.scope;
+    opened.search.deref = m_settings.deref;
+    for (std::string const& name : m_settings.attributes) {
+        opened.search.attributes.emplace_back(name);
+    }
+    opened.openedAt = Clock::now();
+}
+
+void SessionPool::serverFailed(std::size_t server, Verdict const& why, Clock::duration cost)
+{
+    m_servers.failed(server, why, cost);
+    Idle dropped; // let go after unlocking
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    for (auto position = m_idle.begin(); position != m_idle.end();) {
+        auto const current = position++;
+        if ((*current)->server == server) {
+            dropped.splice(dropped.end(), m_idle, current);
+            --m_count;
+        }
+    }
+    if (!dropped.empty()) {
+        ++m_changes;
+        m_changed.notify_all();
+    }
+}
+
+/// False when the time is over before a session came free.
+bool SessionPool::awaitRoom(Clock::time_point deadline, unsigned long seenChanges)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    return m_changed.wait_until(lock, deadline, [&] { return m_changes != seenChanges; });
+}
+
+void SessionPool::put(std::unique_ptr<PooledSession> session)
+{
+    session->session.connection().impl()->extendExpiryTime(time(nullptr));
+    std::unique_ptr<PooledSession> expired; // let go after unlocking
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_idle.push_front(std::move(session));
+    if (m_idle.back()->session.connection().impl()->hasExpired(time(nullptr))) {
+        expired = std::move(m_idle.back());
+        m_idle.pop_back();
+        --m_count;
+    }
+    ++m_changes;
+    m_changed.notify_one();
+}
+
+void SessionPool::freeRoom()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    --m_count;
+    ++m_changes;
+    m_changed.notify_one();
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,330 @@
+// Many keys from one thread: every key gets its answer, in order, whatever happens in between.
+#include "Eventually.h"
+#include "LdapMessages.h"
+#include "Lookups.h"
+#include "ScriptedServer.h"
+#include "Slapd.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <mutex>
+#include <stdexcept>
+#include <thread>
+
+using namespace Solvane;
+using Lookup::Outcome;
+using testing::ElementsAre;
+using testing::SizeIs;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+using Supply = LDAPLookup::Supply;
+
+std::vector<std::string> users(int count, int existing)
+{
+    std::vector<std::string> keys;
+    keys.reserve(static_cast<std::size_t>(count));
+    for (int i = 0; i < count; ++i) {
+        keys.push_back(addressOf(i % existing + 1));
+    }
+    return keys;
+}
+
+std::vector<std::string> keysOf(std::vector<Answered> const& answers)
+{
+    std::vector<std::string> keys;
+    keys.reserve(answers.size());
+    for (Answered const& answered : answers) {
+        keys.push_back(answered.key);
+    }
+    return keys;
+}
+
+std::size_t countOf(Outcome outcome, std::vector<Answered> const& answers)
+{
+    return static_cast<std::size_t>(
+        std::count_if(answers.begin(), answers.end(), [outcome](Answered const& answered) {
+            return answered.answer.outcome == outcome;
+        }));
+}
+
+/// The address that an entry of the directory belongs to.
+std::string ownerOf(LDAPLookup::Answer const& answer)
+{
+    std::string const& dn = answer.entries.front().entryName();
+    return dn.substr(4, dn.find(',') - 4) + "@corp.test";
+}
+
+} // namespace
+
+class BulkLookup : public SuiteWithSlapd<BulkLookup> {
+public:
+    static std::vector<std::string> options() { return {"--users", "300"}; }
+
+protected:
+    LDAPLookup::Settings settings() const { return settingsFor({slapd().port()}); }
+};
+
+TEST_F(BulkLookup, AnswersEveryKeyInOrderWithItsOwnEntry)
+{
+    LDAPLookup lookup(settings());
+    auto const keys = users(3000, 300);
+
+    auto const answers = answersTo(lookup, keys);
+
+    EXPECT_EQ(keysOf(answers), keys);
+    for (Answered const& answered : answers) {
+        ASSERT_EQ(answered.answer.outcome, Outcome::Found) << answered.answer.text;
+        ASSERT_EQ(ownerOf(answered.answer), answered.key);
+    }
+}
+
+TEST_F(BulkLookup, KeepsTheOrderWhereSomeKeysAreAnsweredAtOnce)
+{
+    auto mixed = settings();
+    mixed.domains = {"corp.test"};
+    LDAPLookup lookup(mixed);
+
+    auto const answers = answersTo(lookup, {"user0000001@corp.test", "", "nobody@corp.test",
+                                            "x@other.test", "user0000002@corp.test", "\x01"});
+
+    std::vector<Outcome> outcomes;
+    for (Answered const& answered : answers) {
+        outcomes.push_back(answered.answer.outcome);
+    }
+    EXPECT_THAT(outcomes, ElementsAre(Outcome::Found, Outcome::BadKey, Outcome::NotFound,
+                                      Outcome::Skipped, Outcome::Found, Outcome::BadKey));
+}
+
+TEST_F(BulkLookup, OpensNoMoreConnectionsThanAreAllowed)
+{
+    auto narrow = settings();
+    narrow.connections = 2;
+    narrow.window = 3;
+    LDAPLookup lookup(narrow);
+
+    auto const answers = answersTo(lookup, users(500, 300));
+
+    EXPECT_EQ(countOf(Outcome::Found, answers), 500U);
+    EXPECT_EQ(lookup.statistics().opened, 2U);
+    EXPECT_EQ(lookup.statistics().reused, 498U);
+}
+
+TEST_F(BulkLookup, GivesItsConnectionsBack)
+{
+    LDAPLookup lookup(settings());
+    answersTo(lookup, users(500, 300));
+    auto const opened = lookup.statistics().opened;
+
+    lookup.find(addressOf(1));
+
+    EXPECT_EQ(lookup.statistics().opened, opened);
+}
+
+TEST_F(BulkLookup, OfNoKeyAsksNobody)
+{
+    LDAPLookup lookup(settings());
+
+    EXPECT_THAT(answersTo(lookup, {}), SizeIs(0));
+    EXPECT_EQ(lookup.statistics().opened, 0U);
+}
+
+TEST_F(BulkLookup, StopsWhereTheSinkWantsNoMore)
+{
+    LDAPLookup lookup(settings());
+    int taken = 0;
+
+    lookup.findAll(sourceOf(users(1000, 300)),
+                   [&](std::string const&, LDAPLookup::Answer&&) { return ++taken < 10; });
+
+    EXPECT_EQ(taken, 10);
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
+TEST_F(BulkLookup, LetsWhatTheSinkThrowsPassAndStaysUsable)
+{
+    LDAPLookup lookup(settings());
+
+    EXPECT_THROW(lookup.findAll(sourceOf(users(100, 300)),
+                                [&](std::string const&, LDAPLookup::Answer&&) -> bool {
+                                    throw std::runtime_error("full");
+                                }),
+                 std::runtime_error);
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
+TEST_F(BulkLookup, AnswersAKeyBeforeItWaitsForTheNextOne)
+{
+    LDAPLookup lookup(settings());
+    std::size_t given = 0;
+    std::size_t answered = 0;
+    std::vector<std::size_t> answeredWhenWaiting;
+
+    lookup.findAll(
+        [&](std::string& key, bool mayWait) {
+            if (!mayWait) {
+                return Supply::nothing;
+            }
+            answeredWhenWaiting.push_back(answered);
+            if (given == 3) {
+                return Supply::end;
+            }
+            key = addressOf(static_cast<int>(++given));
+            return Supply::key;
+        },
+        [&](std::string const&, LDAPLookup::Answer&&) {
+            ++answered;
+            return true;
+        });
+
+    EXPECT_THAT(answeredWhenWaiting, ElementsAre(0, 1, 2, 3));
+}
+
+TEST_F(BulkLookup, RunsBesideSingleLookupsOnOnePool)
+{
+    auto narrow = settings();
+    narrow.connections = 2;
+    LDAPLookup lookup(narrow);
+    std::vector<Answered> bulk;
+    std::thread runner([&] { bulk = answersTo(lookup, users(2000, 300)); });
+
+    std::vector<Outcome> single;
+    for (int i = 1; i <= 20; ++i) {
+        single.push_back(lookup.find(addressOf(i)).outcome);
+    }
+    runner.join();
+
+    EXPECT_THAT(single, testing::Each(Outcome::Found));
+    EXPECT_EQ(countOf(Outcome::Found, bulk), 2000U);
+}
+
+TEST(BulkLookupWindow, HasThisManySearchesInFlightOnAConnection)
+{
+    ScriptedServer server([](Peer& peer) {
+        std::vector<std::string> held;
+        serving([&held](Peer& answering, std::string const& request) {
+            held.push_back(request);
+            if (held.size() < 5) {
+                return;
+            }
+            // The last one first: the order on the wire is the server's business.
+            for (auto asked = held.rbegin(); asked != held.rend(); ++asked) {
+                answerFound(answering, *asked);
+            }
+            held.clear();
+        })(peer);
+    });
+    auto settings = settingsFor({server.port()});
+    settings.connections = 1;
+    settings.window = 5;
+    LDAPLookup lookup(settings);
+    auto const keys = users(50, 50);
+
+    auto const answers = answersTo(lookup, keys);
+
+    EXPECT_EQ(keysOf(answers), keys);
+    EXPECT_EQ(countOf(Outcome::Found, answers), 50U);
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(BulkLookupInTrouble, RepeatsWhatWasInFlightOnceAndLosesNothing)
+{
+    std::atomic<int> searches{0};
+    ScriptedServer server(serving([&](Peer& peer, std::string const& request) {
+        if (++searches == 100) {
+            peer.reset();
+        } else {
+            answerFound(peer, request);
+        }
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.connections = 1;
+    settings.window = 8;
+    LDAPLookup lookup(settings);
+    auto const keys = users(300, 300);
+
+    auto const answers = answersTo(lookup, keys);
+
+    EXPECT_EQ(keysOf(answers), keys);
+    EXPECT_EQ(countOf(Outcome::Found, answers), 300U);
+    EXPECT_EQ(server.connectionCount(), 2U);
+    EXPECT_GE(lookup.statistics().repeated, 1U);
+    EXPECT_LE(lookup.statistics().repeated, 8U);
+}
+
+TEST(BulkLookupInTrouble, GoesOnWithTheSecondServerWhenTheFirstIsKilled)
+{
+    Slapd first({"--users", "200"});
+    Slapd second({"--users", "200"});
+    LDAPLookup lookup(settingsFor({first.port(), second.port()}));
+    auto keys = users(3000, 200);
+    std::vector<Answered> answers;
+
+    lookup.findAll(sourceOf(keys), [&](std::string const& key, LDAPLookup::Answer&& answer) {
+        answers.push_back({key, std::move(answer)});
+        if (answers.size() == 1000) {
+            first.kill();
+        }
+        return true;
+    });
+
+    EXPECT_EQ(keysOf(answers), keys);
+    EXPECT_EQ(countOf(Outcome::Found, answers), 3000U);
+    EXPECT_EQ(answers.back().answer.server, "ldap://127.0.0.1:" + std::to_string(second.port()));
+}
+
+TEST(BulkLookupInTrouble, TellsErrorsFromNotFoundWhileTheOnlyServerIsDown)
+{
+    Slapd slapd({"--users", "100"});
+    LDAPLookup lookup(settingsFor({slapd.port()}));
+    auto keys = users(2000, 100);
+    std::vector<Answered> answers;
+
+    lookup.findAll(sourceOf(keys), [&](std::string const& key, LDAPLookup::Answer&& answer) {
+        answers.push_back({key, std::move(answer)});
+        if (answers.size() == 500) {
+            slapd.kill();
+        }
+        if (answers.size() == 1500) {
+            slapd.restart();
+        }
+        return true;
+    });
+
+    EXPECT_EQ(keysOf(answers), keys);
+    EXPECT_EQ(countOf(Outcome::NotFound, answers), 0U);
+    EXPECT_GT(countOf(Outcome::TryLater, answers), 0U);
+    EXPECT_EQ(countOf(Outcome::Found, answers) + countOf(Outcome::TryLater, answers), 2000U);
+    EXPECT_EQ(answers.back().answer.outcome, Outcome::Found);
+}
+
+TEST(BulkLookupInTrouble, AnswersTheOthersWhileOneKeyIsNeverAnswered)
+{
+    std::atomic<bool> isFirst{true};
+    ScriptedServer server(serving([&](Peer& peer, std::string const& request) {
+        if (!isFirst.exchange(false)) {
+            answerFound(peer, request);
+        }
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.connections = 1;
+    settings.window = 4;
+    settings.deadline = std::chrono::milliseconds(500);
+    LDAPLookup lookup(settings);
+
+    auto const answers = answersTo(lookup, users(20, 20));
+
+    ASSERT_THAT(answers, SizeIs(20));
+    EXPECT_EQ(answers.front().answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answers.front().answer.code, -5);
+    EXPECT_EQ(countOf(Outcome::Found, answers), 19U);
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+} // namespace SolvaneTest

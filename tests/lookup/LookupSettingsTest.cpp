@@ -1,0 +1,94 @@
+// Settings that no lookup could succeed with are refused when the lookup is made.
+#include "Lookups.h"
+
+#include <solvane/ldap/LDAPException.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace Solvane;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace SolvaneTest {
+
+namespace {
+
+/// The text of the exception that the settings get; empty where they are taken.
+std::string refusalOf(LDAPLookup::Settings const& settings)
+{
+    try {
+        LDAPLookup const lookup(settings);
+    } catch (LDAPException const& fault) {
+        EXPECT_EQ(fault.code(), 2);
+        EXPECT_EQ(fault.getType(), 0);
+        EXPECT_EQ(fault.fileName(), "LDAPLookup.cpp");
+        return fault.stringParameter();
+    }
+    return {};
+}
+
+/// Good settings with one thing changed.
+template <typename Change> std::string refusalWith(Change change)
+{
+    LDAPLookup::Settings settings = settingsFor({389});
+    change(settings);
+    return refusalOf(settings);
+}
+
+} // namespace
+
+using Settings = LDAPLookup::Settings;
+
+TEST(LookupSettings, ThatAreCompleteAreTakenWithoutAskingAServer)
+{
+    EXPECT_EQ(refusalOf(settingsFor({1})), "");
+}
+
+TEST(LookupSettings, NeedAServerWithHostAndPort)
+{
+    EXPECT_EQ(refusalOf(settingsFor({})), "there is no server");
+    EXPECT_EQ(refusalOf(settingsFor({0})), "a server's port is 0");
+    EXPECT_EQ(refusalOf(settingsFor({65536})), "a server's port is 65536");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].host = ""; }), "a server has no host");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].host = "a\nb"; }),
+              "a server's host holds a control character at byte 1");
+}
+
+TEST(LookupSettings, NeverBindWithAnEmptyPassword)
+{
+    EXPECT_THAT(refusalWith([](Settings& s) { s.password.clear(); }),
+                StartsWith("the bind DN has no password"));
+    EXPECT_EQ(refusalWith([](Settings& s) { s.bindDn.clear(); }),
+              "there is a password without a bind DN");
+    EXPECT_THAT(refusalWith([](Settings& s) { s.password = std::string("a\0b", 3); }),
+                StartsWith("the password holds a NUL byte"));
+}
+
+TEST(LookupSettings, NameTheByteAtWhichATemplateIsWrong)
+{
+    EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = "(mail=$x)"; }),
+                StartsWith("the template is wrong at byte 6: "));
+    EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = ""; }),
+                StartsWith("the template is wrong at byte 0: "));
+    EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = "(mail=$m"; }),
+                HasSubstr("the template is wrong"));
+}
+
+TEST(LookupSettings, TakeATemplateThatIsOnlyUnusual)
+{
+    EXPECT_EQ(refusalWith([](Settings& s) { s.queryTemplate = "(mail=x)"; }), "");
+}
+
+TEST(LookupSettings, NeedTimesAndRoom)
+{
+    using std::chrono::milliseconds;
+    EXPECT_NE(refusalWith([](Settings& s) { s.networkTimeout = 0; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.deadline = milliseconds(0); }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.connections = 0; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.window = 0; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.forms.clear(); }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.longestBackOff = milliseconds(10); }), "");
+}
+
+} // namespace SolvaneTest

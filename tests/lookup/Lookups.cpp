@@ -1,0 +1,140 @@
+// Scripted directories, and runs over lists of keys.
+#include "Lookups.h"
+
+#include <algorithm>
+#include <cstdio>
+
+using namespace Solvane;
+
+namespace Solvane::Lookup {
+
+void PrintTo(Outcome outcome, std::ostream* out)
+{
+    constexpr char const* names[] = {"Found",    "NotFound", "Skipped",      "BadKey",
+                                     "TryLater", "Refused",  "Misconfigured"};
+    *out << names[static_cast<int>(outcome)];
+}
+
+} // namespace Solvane::Lookup
+
+namespace SolvaneTest {
+
+namespace {
+
+constexpr unsigned char extendedRequest = 0x77;
+
+std::string extendedResponse(int messageId, int code, std::string const& value)
+{
+    constexpr unsigned char extendedResponseTag = 0x78;
+    constexpr unsigned char responseValueTag = 0x8b;
+    std::string const result = berElement(0x0a, std::string(1, static_cast<char>(code))) +
+                               berElement(0x04, "") + berElement(0x04, "");
+    return ldapMessage(
+        messageId, berElement(extendedResponseTag,
+                              code == 0 ? result + berElement(responseValueTag, value) : result));
+}
+
+ScriptedServer::Script servingWith(OnSearch const& onSearch, int code, std::string const& identity)
+{
+    return [=](ScriptedServer::Peer& peer) {
+        for (;;) {
+            std::string const request = peer.receiveMessage();
+            if (request.empty()) {
+                return;
+            }
+            int const id = messageIdOf(request);
+            switch (operationOf(request)) {
+            case BindRequest:
+                peer.send(bindResponse(id));
+                break;
+            case extendedRequest:
+                peer.send(extendedResponse(id, code, identity));
+                break;
+            case SearchRequest:
+                onSearch(peer, request);
+                break;
+            default:
+                break;
+            }
+        }
+    };
+}
+
+} // namespace
+
+LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports)
+{
+    LDAPLookup::Settings settings;
+    for (unsigned int const port : ports) {
+        LDAPLookup::Server server;
+        server.host = "127.0.0.1";
+        server.port = port;
+        settings.servers.push_back(server);
+    }
+    settings.bindDn = readerDn;
+    settings.password = readerPassword;
+    settings.base = people;
+    settings.queryTemplate = "(mail=$m)";
+    return settings;
+}
+
+std::string addressOf(int user)
+{
+    char text[40];
+    std::snprintf(text, sizeof text, "user%07d@corp.test", user);
+    return text;
+}
+
+ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity)
+{
+    return servingWith(onSearch, 0, identity);
+}
+
+ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code)
+{
+    return servingWith(onSearch, code, std::string());
+}
+
+void answerFound(ScriptedServer::Peer& peer, std::string const& request)
+{
+    int const id = messageIdOf(request);
+    peer.send(searchEntry(id, "cn=somebody", {{"cn", {"Somebody"}}}) + searchDone(id));
+}
+
+void answerEmpty(ScriptedServer::Peer& peer, std::string const& request)
+{
+    peer.send(searchDone(messageIdOf(request)));
+}
+
+std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages)
+{
+    return static_cast<std::size_t>(
+        std::count_if(messages.begin(), messages.end(), [operation](std::string const& message) {
+            return operationOf(message) == operation;
+        }));
+}
+
+LDAPLookup::Source sourceOf(std::vector<std::string> keys)
+{
+    std::reverse(keys.begin(), keys.end());
+    return [keys = std::move(keys)](std::string& key, bool) mutable {
+        if (keys.empty()) {
+            return LDAPLookup::Supply::end;
+        }
+        key = keys.back();
+        keys.pop_back();
+        return LDAPLookup::Supply::key;
+    };
+}
+
+std::vector<Answered> answersTo(LDAPLookup& lookup, std::vector<std::string> const& keys)
+{
+    std::vector<Answered> answers;
+    lookup.findAll(sourceOf(keys), [&](std::string const& key, LDAPLookup::Answer&& answer) {
+        answers.push_back({key, std::move(answer)});
+        return true;
+    });
+    return answers;
+}
+
+} // namespace SolvaneTest

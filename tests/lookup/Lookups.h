@@ -1,0 +1,64 @@
+// What the tests of lookups do again and again: settings, scripted servers, keys and answers.
+#ifndef SOLVANE_TESTS_LOOKUP_LOOKUPS_H
+#define SOLVANE_TESTS_LOOKUP_LOOKUPS_H
+
+#include "LdapMessages.h"
+#include "ScriptedServer.h"
+
+#include <solvane/lookup/LDAPLookup.h>
+
+#include <functional>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+/// For the messages of tests that fail.
+void PrintTo(Outcome outcome, std::ostream* out);
+
+} // namespace Solvane::Lookup
+
+namespace SolvaneTest {
+
+constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
+constexpr char readerPassword[] = "reader-pw";
+constexpr char people[] = "ou=people,dc=corp,dc=test";
+
+/// Settings for servers on these ports of 127.0.0.1, bound as the reader, with short times.
+Solvane::LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports);
+
+/// The n-th user's address.
+std::string addressOf(int user);
+
+/// Answers a search, given whole, on its connection.
+using OnSearch = std::function<void(ScriptedServer::Peer&, std::string const& request)>;
+
+/// A server's script: grants binds, answers "Who am I?" and leaves searches to `onSearch`.
+/// @param identity  what it tells; empty is "anonymous"
+ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity = "dn:cn=reader");
+/// The same, for a server that knows no "Who am I?" and answers `code`.
+ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code);
+
+/// Sends one entry and the end of the search.
+void answerFound(ScriptedServer::Peer& peer, std::string const& request);
+/// Sends the end of the search only.
+void answerEmpty(ScriptedServer::Peer& peer, std::string const& request);
+
+/// How many of the messages are of this operation.
+std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages);
+
+/// Gives out a list of keys.
+Solvane::LDAPLookup::Source sourceOf(std::vector<std::string> keys);
+
+/// A key and its answer.
+struct Answered {
+    std::string key;
+    Solvane::LDAPLookup::Answer answer;
+};
+/// Looks all keys up in one run.
+std::vector<Answered> answersTo(Solvane::LDAPLookup& lookup, std::vector<std::string> const& keys);
+
+} // namespace SolvaneTest
+
+#endif

@@ -1,0 +1,357 @@
+// Filters, their explanation, and each finding with the bytes that it points at.
+#include <solvane/lookup/QueryTemplate.h>
+
+#include <solvane/ldap.h>
+
+#include <gmock/gmock.h>
+
+#include <ostream>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+using Finding = QueryTemplate::Finding;
+
+void PrintTo(Finding const& finding, std::ostream* out)
+{
+    *out << (finding.weight == Finding::Weight::error ? "error" : "warning") << " at "
+         << finding.position << '+' << finding.length << ": " << finding.text;
+}
+
+namespace {
+
+using namespace std::string_literals;
+using ::testing::AllOf;
+using ::testing::ElementsAre;
+using ::testing::Field;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+auto isFinding(Finding::Weight weight, std::string::size_type position,
+               std::string::size_type length, std::string const& words)
+{
+    return AllOf(Field(&Finding::weight, weight), Field(&Finding::position, position),
+                 Field(&Finding::length, length), Field(&Finding::text, HasSubstr(words)));
+}
+
+auto isError(std::string::size_type position, std::string::size_type length,
+             std::string const& words)
+{
+    return isFinding(Finding::Weight::error, position, length, words);
+}
+
+auto isWarning(std::string::size_type position, std::string::size_type length,
+               std::string const& words)
+{
+    return isFinding(Finding::Weight::warning, position, length, words);
+}
+
+std::vector<Finding> findingsOf(std::string const& text) { return QueryTemplate(text).check(); }
+
+// Expanding
+
+TEST(QueryTemplateExpansion, InsertsTheAddressAndTheOptionalValues)
+{
+    QueryTemplate const queryTemplate(" (&(mail=$m)(ou=$b)(l=$g)) ", "sales", "Graz");
+
+    EXPECT_EQ(queryTemplate.expand(EmailAddress("jdoe@corp.test")),
+              "(&(mail=jdoe@corp.test)(ou=sales)(l=Graz))");
+    EXPECT_EQ(queryTemplate.text(), " (&(mail=$m)(ou=$b)(l=$g)) ");
+}
+
+TEST(QueryTemplateExpansion, ThrowsForAMalformedTemplate)
+{
+    EXPECT_THROW(QueryTemplate("(x=$q)").expand(EmailAddress("a@x")), LDAPException);
+}
+
+/// The filter's parentheses and stars, without what stands between them.
+std::string structureOf(std::string const& filter)
+{
+    std::string structure;
+    for (char const character : filter) {
+        if (character == '(' || character == ')' || character == '*') {
+            structure.push_back(character);
+        }
+    }
+    return structure;
+}
+
+TEST(QueryTemplateExpansion, KeepsTheStructureOfTheFilterWhateverTheKey)
+{
+    QueryTemplate const queryTemplate("(|(mail=$m)(&(uid=$u)(dc=$d))(cn=$n*)(ou=$b)(sn=$A))",
+                                      "*)(b=");
+    std::string const alphabet = "()*\\&|!=@$ {}a2\xC3\xBC\n";
+    std::minstd_rand random(20240229);
+
+    for (int round = 0; round < 2000; ++round) {
+        std::string key;
+        for (auto length = random() % 12; length > 0; --length) {
+            key.push_back(alphabet[random() % alphabet.size()]);
+        }
+
+        std::string const filter = queryTemplate.expand(EmailAddress(key));
+
+        EXPECT_EQ(structureOf(filter), "(()(()())(*)()())") << key;
+    }
+}
+
+TEST(QueryTemplateExpansion, MakesFiltersThatOpenLDAPTakesOfHostileKeys)
+{
+    QueryTemplate const queryTemplate("(|(mail=$m)(uid=$N)(&(uid=$u)(dc=$d)))");
+
+    for (char const* const key : {"*", "*)(uid=*", "a\\", "\\", "@", "", "a@", "@a", "(((", ")))",
+                                  "\\28@\\", "$u", "${u}", "a b", "x@y@z"}) {
+        EXPECT_TRUE(isFilter(queryTemplate.expand(EmailAddress(key)))) << key;
+    }
+}
+
+// Explaining
+
+auto isStep(std::string::size_type position, std::string const& specifier,
+            std::string const& dropped, std::string const& inserted, std::string const& removed,
+            std::string const& replacement)
+{
+    using Step = QueryTemplate::Step;
+    return AllOf(Field(&Step::position, position), Field(&Step::specifier, specifier),
+                 Field(&Step::dropped, dropped), Field(&Step::inserted, inserted),
+                 Field(&Step::removed, removed), Field(&Step::replacement, replacement));
+}
+
+TEST(QueryTemplateExplanation, CountsFromTheTextWithItsBlanks)
+{
+    QueryTemplate const queryTemplate("\t (|(uid=$u)(x=1)$c(mail=$m${@corp.test})(b=$b)(g=$g) ", "",
+                                      "7");
+
+    EXPECT_THAT(
+        queryTemplate.explain(EmailAddress("jdoe@corp.test")),
+        ElementsAre(isStep(9, "$u", "", "jdoe", "", ""), isStep(17, "$c", ")(x=1)", "", "", ""),
+                    isStep(25, "$m", "", "jdoe@corp.test", "", ""),
+                    isStep(27, "${@corp.test}", "", "", "@corp.test", ""),
+                    isStep(44, "$b", ")(b=", "", "", ""), isStep(50, "$g", "", "7", "", "")));
+}
+
+TEST(QueryTemplateExplanation, TellsTheFirstOccurrenceFromTheLast)
+{
+    EXPECT_THAT(
+        QueryTemplate("$m-${^a}").explain(EmailAddress("aba@x")),
+        ElementsAre(isStep(0, "$m", "", "aba@x", "", ""), isStep(3, "${^a}", "-", "", "a", "")));
+}
+
+TEST(QueryTemplateExplanation, TellsThatNothingWasRemoved)
+{
+    EXPECT_THAT(QueryTemplate("$u${zz}").explain(EmailAddress("ab@x")),
+                ElementsAre(isStep(0, "$u", "", "ab", "", ""), isStep(2, "${zz}", "", "", "", "")));
+}
+
+TEST(QueryTemplateExplanation, ShowsACutThatReachesBehindTheLastExpansion)
+{
+    // The "#" of an empty domain does not count as an expansion: the cut takes it.
+    EXPECT_THAT(QueryTemplate("$u$d${b}").explain(EmailAddress("ab")),
+                ElementsAre(isStep(0, "$u", "", "ab", "", ""), isStep(2, "$d", "", "#", "", ""),
+                            isStep(4, "${b}", "", "", "b#", "a")));
+}
+
+TEST(QueryTemplateExplanation, EndsBeforeAMalformedSpecifier)
+{
+    for (char const* const text : {"(x=$u)(y=$q)$d", "(x=$u)$", "(x=$u)(y=${a"}) {
+        EXPECT_THAT(QueryTemplate(text).explain(EmailAddress("jdoe@x")),
+                    ElementsAre(isStep(3, "$u", "", "jdoe", "", "")))
+            << text;
+    }
+}
+
+// Checking
+
+TEST(QueryTemplateCheck, FindsNothingInACleanTemplate)
+{
+    for (char const* const text :
+         {"(mail=$m)", "mail=$m", " (|(mail=$a)(mailAlias=$A))\r\n", "(cn=\xC3\xBC$u)",
+          "(cn=\\28$u\\29)", "(sAMAccountName=\\24$u)", "(uid=$u${.external})", "(uid=$m${\\2A})",
+          "(uid=$u${a}${^b})", "(userPrincipalName=$n${.external}@corp.test)",
+          "(&(objectClass=person)(!(uid=$N)))"}) {
+        EXPECT_THAT(findingsOf(text), IsEmpty()) << text;
+    }
+    EXPECT_THAT(QueryTemplate("(&(uid=$u)(ou=$b)(l=$g))", "sales", "Graz").check(), IsEmpty());
+}
+
+TEST(QueryTemplateCheck, PointsAtAnUnknownSpecifier)
+{
+    EXPECT_THAT(findingsOf("(x=$q)"), ElementsAre(isError(3, 2, "known are $u $n $N")));
+    EXPECT_THAT(findingsOf(" (x=$$)"), ElementsAre(isError(4, 2, "\\24")));
+    EXPECT_THAT(findingsOf("(x=$U)(y=$u)$ z"),
+                ElementsAre(isError(3, 2, "no specifier"), isError(12, 2, "no specifier")));
+}
+
+TEST(QueryTemplateCheck, PointsAtAWholeCharacterBehindTheDollar)
+{
+    EXPECT_THAT(findingsOf("(x=$\xE2\x82\xAC)"), ElementsAre(isError(3, 4, "no specifier")));
+}
+
+TEST(QueryTemplateCheck, PointsAtATrailingDollar)
+{
+    EXPECT_THAT(findingsOf("cn=$u$ \n"), ElementsAre(isError(5, 1, "'$' without a specifier")));
+}
+
+TEST(QueryTemplateCheck, PointsAtABraceThatIsNotClosed)
+{
+    EXPECT_THAT(findingsOf("(uid=$u${.ext) "), ElementsAre(isError(7, 7, "without its '}'")));
+}
+
+TEST(QueryTemplateCheck, PointsAtWhatIsNoLineOfUtf8)
+{
+    EXPECT_THAT(findingsOf("(&(a=$u)\n(b=2))"), ElementsAre(isError(8, 1, "a control character")));
+    EXPECT_THAT(findingsOf("(a=$u\0)"s), ElementsAre(isError(5, 1, "a control character")));
+    EXPECT_THAT(findingsOf("(a=\xC2\x85$u)"), ElementsAre(isError(3, 2, "a control character")));
+    EXPECT_THAT(findingsOf(" (a=\xFC$u)"), ElementsAre(isError(4, 1, "no UTF-8")));
+}
+
+TEST(QueryTemplateCheck, PointsAtASpecifierWhoseValueIsNoLineOfUtf8)
+{
+    EXPECT_THAT(QueryTemplate("(&(uid=$u)(ou=$b)(l=$g))", "x\xFF", "\n").check(),
+                ElementsAre(isError(14, 2, "invalid UTF-8 at byte 1"),
+                            isError(20, 2, "a control character at byte 0")));
+    EXPECT_THAT(QueryTemplate("(uid=$u)", "\xFF", "\n").check(), IsEmpty());
+}
+
+TEST(QueryTemplateCheck, PointsAtATemplateThatComesOutEmpty)
+{
+    EXPECT_THAT(findingsOf(""), ElementsAre(isError(0, 0, "empty filter")));
+    EXPECT_THAT(findingsOf(" \n"), ElementsAre(isError(0, 0, "empty filter")));
+    EXPECT_THAT(findingsOf(" (x=1)$b"),
+                ElementsAre(isWarning(1, 5, "lost before $b, which is empty"),
+                            isWarning(1, 7, "no specifier for the address"),
+                            isError(1, 7, "empty filter")));
+}
+
+TEST(QueryTemplateCheck, PointsAtParenthesesWithoutPartner)
+{
+    EXPECT_THAT(findingsOf("(&(uid=$u)(cn=$u)"), ElementsAre(isError(0, 1, "'(' without")));
+    EXPECT_THAT(findingsOf("(uid=$u))"), ElementsAre(isError(8, 1, "')' without")));
+    EXPECT_THAT(findingsOf(" )uid=$u("),
+                ElementsAre(isError(1, 1, "')' without"), isError(8, 1, "'(' without")));
+}
+
+TEST(QueryTemplateCheck, CountsTheParenthesesThatGetIntoTheFilter)
+{
+    EXPECT_THAT(findingsOf("(&(objectClass=person)(ou=$b)(uid=$u))"),
+                ElementsAre(isWarning(0, 26, "lost before $b"), isError(28, 1, "')' without"),
+                            isError(37, 1, "')' without")));
+    EXPECT_THAT(QueryTemplate("(&(objectClass=person)(ou=$b)(uid=$u))", "sales").check(),
+                IsEmpty());
+    EXPECT_THAT(findingsOf("(&(uid=$u)(x=1)$c(ou=people))"),
+                ElementsAre(isError(0, 1, "'(' without"), isWarning(9, 6, "lost before $c")));
+}
+
+TEST(QueryTemplateCheck, TakesNoParenthesisInBracesAndNoEscapedOneForOne)
+{
+    EXPECT_THAT(findingsOf("(uid=$u${(})"), ElementsAre(isWarning(7, 4, "never found")));
+    EXPECT_THAT(findingsOf("(uid=\\28$u)"), IsEmpty());
+    EXPECT_THAT(findingsOf("(uid=\\)$u)"), IsEmpty());
+}
+
+TEST(QueryTemplateCheck, WarnsWhereEveryAddressFindsTheSame)
+{
+    EXPECT_THAT(findingsOf(" (objectClass=person) "),
+                ElementsAre(isWarning(1, 20, "every address finds the same")));
+    EXPECT_THAT(QueryTemplate("(ou=$b)", "sales").check(),
+                ElementsAre(isWarning(0, 7, "every address finds the same")));
+}
+
+TEST(QueryTemplateCheck, WarnsOfLostText)
+{
+    EXPECT_THAT(findingsOf("by address$c(mail=$m)"),
+                ElementsAre(isWarning(0, 10, "lost before $c")));
+    EXPECT_THAT(findingsOf("(&(uid=$u)(ou=$b)(l=$g))"),
+                ElementsAre(isWarning(9, 5, "lost before $b, which is empty"),
+                            isWarning(16, 4, "lost before $g, which is empty")));
+    EXPECT_THAT(findingsOf("(uid=$u)(cn=${.ext})"),
+                ElementsAre(isWarning(7, 5, "lost before '${'")));
+}
+
+TEST(QueryTemplateCheck, WarnsOfAnEmptyDomain)
+{
+    EXPECT_THAT(findingsOf("(&(uid=$u)(dc=$d))"), ElementsAre(isWarning(14, 2, "'#'")));
+}
+
+TEST(QueryTemplateCheck, WarnsOfARemovalThatMissesAnEmptyDomain)
+{
+    EXPECT_THAT(findingsOf("(&(mail=$m)(dc=$d${o}))"),
+                ElementsAre(isWarning(15, 2, "'#'"), isWarning(17, 4, "cuts into the text")));
+    EXPECT_THAT(findingsOf("(dc=$d${o})"), ElementsAre(isWarning(4, 2, "'#'")));
+    EXPECT_THAT(findingsOf("(&(dc=$d)(uid=$u${o}))"), ElementsAre(isWarning(6, 2, "'#'")));
+}
+
+TEST(QueryTemplateCheck, WarnsOfARemovalThatCanFindNothing)
+{
+    for (char const* const text : {"(uid=$u${*})", "(uid=$u${(})", "(uid=$u${)})"}) {
+        EXPECT_THAT(findingsOf(text), ElementsAre(isWarning(7, 4, "never found"))) << text;
+    }
+}
+
+TEST(QueryTemplateCheck, WarnsOfARemovalThatTakesEscapesApart)
+{
+    EXPECT_THAT(findingsOf("(uid=$u${\\})"), ElementsAre(isWarning(7, 4, "apart")));
+    EXPECT_THAT(findingsOf("(uid=$u${^\\2})"), ElementsAre(isWarning(7, 6, "apart")));
+    EXPECT_THAT(findingsOf("(uid=$u${2A})"), ElementsAre(isWarning(7, 5, "apart")));
+    EXPECT_THAT(findingsOf("(uid=$n${a})"), ElementsAre(isWarning(7, 4, "apart")));
+}
+
+TEST(QueryTemplateCheck, PointsAtATemplateWhoseFilterOpenLDAPRefuses)
+{
+    EXPECT_THAT(findingsOf(" $m"),
+                ElementsAre(isError(1, 2,
+                                    "refuses the filter that it makes of user@domain.test: "
+                                    "user@domain.test")));
+    EXPECT_THAT(findingsOf("(uid=$u)(cn=$u)"),
+                ElementsAre(isError(0, 15, ": (uid=user)(cn=user)")));
+    EXPECT_THAT(findingsOf("(cn=\\x$u)"), ElementsAre(isError(0, 9, "OpenLDAP refuses")));
+}
+
+TEST(QueryTemplateCheck, WarnsWhereOpenLDAPRefusesAFilterOfUnusualAddressesOnly)
+{
+    EXPECT_THAT(findingsOf("(cn=*$u*)"),
+                ElementsAre(isWarning(0, 9, "makes of @domain.test: (cn=**)")));
+}
+
+TEST(QueryTemplateCheck, SaysTextOfOneLineOnly)
+{
+    auto const findings = findingsOf("(x=$\n)$");
+
+    ASSERT_THAT(findings, SizeIs(3));
+    for (Finding const& finding : findings) {
+        EXPECT_EQ(finding.text.find('\n'), std::string::npos) << finding.text;
+    }
+}
+
+// Filters
+
+TEST(Filter, IsWhatOpenLDAPTakes)
+{
+    for (char const* const filter :
+         {"(cn=a)", "cn=a", "( cn=a)", "(cn=)", "(cn=*)", "(cn=a*b)", "(cn=\\2A)", "(&)", "(|)",
+          "(&(a=b)(!(c=d)))", "(cn:dn:2.5.13.5:=x)", "(cn>=a)", "(cn~=a)"}) {
+        EXPECT_TRUE(isFilter(filter)) << filter;
+    }
+}
+
+TEST(Filter, IsNothingElse)
+{
+    for (std::string const& filter :
+         {""s, " "s, "\t\n"s, ")"s, "("s, "()"s, "(cn=a"s, "cn=a)"s, "(cn=a) "s, "(cn =a)"s,
+          "(a=b)(c=d)"s, "(!)"s, "(!(a=b)(c=d))"s, "(cn=\\2)"s, "(=a)"s, "cn"s, "((cn=a))"s}) {
+        EXPECT_FALSE(isFilter(filter)) << filter;
+    }
+}
+
+TEST(Filter, HasNoNul)
+{
+    EXPECT_FALSE(isFilter("uid=a\0"s));
+    EXPECT_FALSE(isFilter("uid=a\0b"s));
+    EXPECT_FALSE(isFilter("\0"s));
+}
+
+} // namespace
+} // namespace Solvane::Lookup

@@ -1,0 +1,392 @@
+"""Every step of a check, what its failure means for the exit status, and a monitor's line."""
+
+import os
+import re
+import socket
+import threading
+import unittest
+
+from support import DEADLINE, PEOPLE, READER, READER_PASSWORD, DirectoryTest, ToolTest
+from support import bound, entry, freePort, message, outcome, run, searched
+
+PLAIN_STEPS = ["settings", "template", "resolution", "TCP", "bind", "who am I", "root DSE", "base",
+               "probe", "pool", "latency"]
+SECURE_STEPS = (PLAIN_STEPS[:4] + ["TLS", "certificate", "name", "chain"] + PLAIN_STEPS[4:])
+STEP = re.compile(r"  (ok|warning|FAILED|-) +(settings|template|resolution|TCP|TLS|certificate|name"
+                  r"|chain|bind|who am I|root DSE|base|probe|pool|latency) +([0-9.]+ ms)?  (.*)")
+
+
+class Steps:
+    """The lines of a report: verdict and text of each step; of several servers, the last."""
+
+    def __init__(self, result):
+        matches = [match for match in map(STEP.fullmatch, result.lines) if match]
+        self.names = [match[2] for match in matches]
+        self.verdicts = {match[2]: match[1] for match in matches}
+        self.texts = {match[2]: match[4] for match in matches}
+
+
+class CheckTest(ToolTest):
+
+    def setUp(self):
+        super().setUp()
+        self.password = self.file("password", READER_PASSWORD.encode())
+
+    def check(self, *arguments, **options):
+        """Runs the check and sees to it that the password is in no output."""
+        result = run("check", *arguments, **options)
+        self.assertNotIn(READER_PASSWORD, result.output + result.errors)
+        return result, Steps(result)
+
+    def asReader(self, uri, *arguments):
+        return self.check("-H", uri, "-D", READER, "-y", self.password, *arguments)
+
+    def assertLine(self, result, status, *words):
+        """The one line of --nagios."""
+        self.assertEqual(result.status, status, result.output)
+        self.assertEqual(len(result.lines), 1, result.output)
+        self.assertEqual(result.errors, "")
+        state = ["OK", "WARNING", "CRITICAL", "UNKNOWN"][status]
+        self.assertRegex(result.output, rf"^LDAP {state} - [^|]* \| time=[0-9.]+ms\n$")
+        for word in words:
+            self.assertIn(word, result.output)
+
+
+class CheckOnADirectory(DirectoryTest, CheckTest):
+    slapdOptions = ["--users", "20"]
+
+    KEY = "user0000001@corp.test"
+    LOOKUP = ["-b", PEOPLE, "-t", "(mail=$m)"]
+
+    def caFile(self):
+        return os.path.join(self.directory, "tls", "ca.pem")
+
+    def testTakesEachStepWithoutTls(self):
+        result, steps = self.asReader(self.uri, *self.LOOKUP, "--probe", self.KEY, "--repeat", "5")
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.names, PLAIN_STEPS)
+        self.assertEqual(set(steps.verdicts.values()), {"ok"})
+        self.assertIn("uid=user0000001,", steps.texts["probe"])
+        self.assertIn("connection of the first", steps.texts["pool"])
+        self.assertEqual(steps.texts["who am I"], f"dn:{READER}")
+        self.assertIn("namingContexts: dc=corp,dc=test", steps.texts["root DSE"])
+
+    def testTakesEachStepWithTls(self):
+        result, steps = self.asReader(self.secureUri, "--tls-ca", self.caFile(), *self.LOOKUP,
+                                      "--probe", self.KEY, "--repeat", "5")
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.names, SECURE_STEPS)
+        self.assertEqual(set(steps.verdicts.values()), {"ok"})
+        self.assertRegex(steps.texts["TLS"], r"^TLS1\.\d, .+")
+        self.assertRegex(steps.texts["certificate"], r"^CN=localhost, for localhost, .*days left$")
+
+    def testShowsTheLatenciesOfEachRepetition(self):
+        result, steps = self.asReader(self.uri, *self.LOOKUP, "--probe", self.KEY,
+                                      "--repeat", "30")
+
+        self.assertRegex(steps.texts["latency"], r"^min [\d.]+, p50 [\d.]+, p99 [\d.]+, max [\d.]+ ms")
+        counts = [int(line.split()[-1]) for line in result.lines if "  <" in line or ">=" in line]
+        self.assertEqual(sum(counts), 30)
+
+    def testTriesNoLookupWithoutAKey(self):
+        result, steps = self.asReader(self.uri)
+
+        self.assertEqual(result.status, 0)
+        for name in ("template", "base", "probe", "pool", "latency"):
+            self.assertEqual(steps.verdicts[name], "-")
+
+    def testTriesNoLookupWithoutABase(self):
+        result, steps = self.asReader(self.uri, "-t", "(mail=$m)", "--probe", self.KEY)
+
+        self.assertEqual(result.status, 0)
+        self.assertIn("not tried: a lookup needs a base", steps.texts["probe"])
+
+    def testIsAnonymousWithoutADn(self):
+        result, steps = self.check("-H", self.uri)
+
+        self.assertEqual(result.status, 0)
+        self.assertEqual(steps.texts["bind"], "anonymous")
+        self.assertEqual(steps.verdicts["who am I"], "-")
+
+    def testWarnsOfAKeyThatNobodyHas(self):
+        result, steps = self.asReader(self.uri, *self.LOOKUP, "--probe", "nobody@corp.test")
+
+        self.assertEqual(result.status, 1)
+        self.assertEqual(steps.verdicts["probe"], "warning")
+        self.assertEqual(steps.verdicts["pool"], "ok")
+
+    def testFailsForAWrongPassword(self):
+        self.password = self.file("wrong", b"not-the-word")
+
+        result, steps = self.asReader(self.uri)
+
+        self.assertEqual(result.status, 77)
+        self.assertEqual(steps.verdicts["bind"], "FAILED")
+        self.assertIn("Invalid credentials (49); check -D and the password", steps.texts["bind"])
+        self.assertEqual(steps.texts["base"], "not tried: 'bind' did not pass")
+        self.assertNotIn("not-the-word", result.output)
+
+    def testFailsForABaseThatIsMissing(self):
+        result, steps = self.asReader(self.uri, "-b", "ou=nowhere,dc=corp,dc=test",
+                                      "-t", "(mail=$m)", "--probe", self.KEY)
+
+        self.assertEqual(result.status, 78)
+        self.assertIn("No such object (32); correct the base (-b)", steps.texts["base"])
+        self.assertEqual(steps.texts["probe"], "not tried: 'base' did not pass")
+
+    def testFailsForATemplateThatIsNone(self):
+        result, steps = self.asReader(self.uri, "-b", PEOPLE, "-t", "(mail=$m", "--probe", self.KEY)
+
+        self.assertEqual(result.status, 65)
+        self.assertEqual(steps.verdicts["template"], "FAILED")
+        self.assertEqual(steps.verdicts["base"], "ok")
+        self.assertEqual(steps.texts["probe"], "not tried: 'template' did not pass")
+
+    def testWarnsOfATemplateThatAsksForNobody(self):
+        result, steps = self.asReader(self.uri, "-b", PEOPLE, "-t", "(mail=x)")
+
+        self.assertEqual(result.status, 0)
+        self.assertEqual(steps.verdicts["template"], "warning")
+
+    def testFailsWithoutTheAuthority(self):
+        other = os.path.join(self.directory, "tls", "bad.pem")
+
+        result, steps = self.asReader(self.secureUri, "--tls-ca", other)
+
+        self.assertEqual(result.status, 77)
+        self.assertEqual(steps.verdicts["name"], "ok")
+        self.assertIn("unknown authority: CN=Throwaway test authority", steps.texts["chain"])
+        self.assertEqual(steps.texts["bind"], "not tried: 'chain' did not pass")
+
+    def testFailsForAuthoritiesThatCannotBeRead(self):
+        result, steps = self.asReader(self.secureUri, "--tls-ca", "/nonexistent/ca.pem")
+
+        self.assertEqual(result.status, 78, result.output + result.errors)
+        self.assertIn("/nonexistent/ca.pem", result.output + result.errors)
+        self.assertNotEqual(steps.verdicts.get("bind"), "ok")
+
+    def testFailsForAServerThatIsDownAndTriesTheNextOne(self):
+        result, steps = self.asReader(f"ldap://127.0.0.1:{freePort()}", "-H", self.uri)
+
+        self.assertEqual(result.status, 75)
+        self.assertIn("Connection refused; check that the server runs", result.output)
+        self.assertEqual(steps.verdicts["bind"], "ok")
+
+    def testFailsForAHostThatDoesNotResolve(self):
+        result, steps = self.check("-H", "ldap://no-such-host.invalid")
+
+        self.assertEqual(result.status, 75)
+        self.assertIn("'no-such-host.invalid' does not resolve", steps.texts["resolution"])
+        self.assertEqual(steps.texts["TCP"], "not tried: 'resolution' did not pass")
+
+    def testRefusesRepetitionsOfNothing(self):
+        result, _ = self.asReader(self.uri, "--repeat", "5")
+
+        self.assertFails(result, 64, "--repeat", "--probe")
+
+    def testTellsAMonitorThatAllIsWell(self):
+        result, _ = self.asReader(self.secureUri, "--tls-ca", self.caFile(), *self.LOOKUP,
+                                  "--probe", self.KEY, "--nagios")
+
+        self.assertLine(result, 0, "1 of 1 servers work")
+
+    def testWarnsAMonitorOfAServerThatIsDownWhileAnotherWorks(self):
+        down = f"ldap://127.0.0.1:{freePort()}"
+
+        result, _ = self.asReader(self.uri, "-H", down, "--nagios")
+
+        self.assertLine(result, 1, "1 of 2 servers work", down, "Connection refused")
+
+    def testWarnsAMonitorOfAKeyThatNobodyHas(self):
+        result, _ = self.asReader(self.uri, "-b", PEOPLE, "-t", "(|(mail=$m)(cn=$m))",
+                                  "--probe", "no|body@corp.test", "--nagios")
+
+        self.assertLine(result, 1, "'no/body@corp.test': nobody found")
+
+    def testAlarmsAMonitorWhereNoServerWorks(self):
+        result, _ = self.check("-H", f"ldap://127.0.0.1:{freePort()}", "--nagios")
+
+        self.assertLine(result, 2, "0 of 1 servers work")
+
+    def testAlarmsAMonitorOfATemplateThatIsNone(self):
+        result, _ = self.asReader(self.uri, *self.LOOKUP[:2], "-t", "(mail=$m", "--nagios")
+
+        self.assertLine(result, 2, "template")
+
+    def testTellsAMonitorOfSettingsThatCannotBeUsed(self):
+        result, _ = self.check("-H", self.uri, "-D", READER, "-y", "/nonexistent", "--nagios")
+
+        self.assertLine(result, 3, "/nonexistent")
+
+
+class CheckOnAForeignCertificate(DirectoryTest, CheckTest):
+    slapdOptions = ["--users", "0", "--cert", "bad"]
+
+    def testFailsWhereItIsVerified(self):
+        ca = os.path.join(self.directory, "tls", "ca.pem")
+
+        result, steps = self.asReader(self.secureUri, "--tls-ca", ca)
+
+        self.assertEqual(result.status, 77)
+        self.assertIn("not for '127.0.0.1'", steps.texts["name"])
+        self.assertIn("signed by itself", steps.texts["chain"])
+        self.assertEqual(steps.verdicts["bind"], "-")
+
+    def testFailsForTheNameAloneWhereTheChainIsGood(self):
+        own = os.path.join(self.directory, "tls", "bad.pem")
+
+        result, steps = self.asReader(self.secureUri, "--tls-ca", own)
+
+        self.assertEqual(result.status, 77)
+        self.assertEqual(steps.verdicts["name"], "FAILED")
+        self.assertEqual(steps.verdicts["chain"], "ok")
+        self.assertEqual(steps.verdicts["bind"], "-")
+
+    def testWarnsWhereItIsNotVerified(self):
+        result, steps = self.asReader(self.secureUri, "--tls-verify", "none")
+
+        self.assertEqual(result.status, 0)
+        self.assertEqual(steps.verdicts["name"], "warning")
+        self.assertEqual(steps.verdicts["chain"], "warning")
+        self.assertEqual(steps.verdicts["bind"], "ok")
+
+
+class CheckOnAnExpiredCertificate(DirectoryTest, CheckTest):
+    slapdOptions = ["--users", "0", "--cert", "expired"]
+
+    def testSaysSinceWhen(self):
+        ca = os.path.join(self.directory, "tls", "ca.pem")
+
+        result, steps = self.asReader(self.secureUri, "--tls-ca", ca)
+
+        self.assertEqual(result.status, 77)
+        self.assertEqual(steps.verdicts["certificate"], "warning")
+        self.assertIn("days ago", steps.texts["certificate"])
+        self.assertIn("expired since 2021-01-01", steps.texts["chain"])
+
+
+class CheckOnACertificateThatEndsSoon(DirectoryTest, CheckTest):
+    slapdOptions = ["--users", "0", "--cert", "soon"]
+
+    def testWarnsAMonitor(self):
+        ca = os.path.join(self.directory, "tls", "ca.pem")
+
+        result, _ = self.asReader(self.secureUri, "--tls-ca", ca, "--nagios")
+
+        self.assertLine(result, 1, "certificate", "6 days left")
+
+
+class ScriptedDirectory:
+    """Gives the requests of every connection the same answers, in their order."""
+
+    def __init__(self, test, *answers):
+        self._answers = answers
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._listener.settimeout(DEADLINE)
+        self._thread = threading.Thread(target=self._serve)
+        self._thread.start()
+        test.addCleanup(self._stop)
+
+    @property
+    def uri(self):
+        return f"ldap://127.0.0.1:{self._listener.getsockname()[1]}"
+
+    def _serve(self):
+        while True:
+            try:
+                connection, _ = self._listener.accept()
+            except OSError:
+                return
+            with connection:
+                connection.settimeout(DEADLINE)
+                self._answer(connection)
+
+    def _answer(self, connection):
+        try:
+            for answer in self._answers:
+                if not connection.recv(65536):
+                    return
+                connection.sendall(answer)
+            while connection.recv(65536):
+                pass
+        except OSError:
+            pass
+
+    def _stop(self):
+        try:
+            self._listener.shutdown(socket.SHUT_RDWR)
+        except OSError:
+            pass
+        self._thread.join(DEADLINE)
+        self._listener.close()
+
+
+def identity(number, code, value=None):
+    """The answer to "Who am I?"."""
+    operation = outcome(0x78, code)
+    if value is not None:
+        body = operation[2:] + bytes([0x8B, len(value)]) + value
+        operation = bytes([0x78, len(body)]) + body
+    return message(number, operation)
+
+
+class CheckOnAScriptedDirectory(CheckTest):
+
+    def answered(self, *answers, arguments=()):
+        return self.asReader(ScriptedDirectory(self, *answers).uri, "-o", "nettimeout=1", *arguments)
+
+    def testGivesEachRefusalOfTheBindItsExitStatus(self):
+        for code, status in ((49, 77), (53, 69), (10, 69), (51, 75), (34, 65), (2, 78)):
+            with self.subTest(code=code):
+                result, steps = self.answered(bound(code, text=b"because\x1b[2J"))
+
+                self.assertEqual(result.status, status, result.output)
+                self.assertEqual(steps.verdicts["bind"], "FAILED")
+                self.assertIn(f"({code}): because\\x1B[2J", steps.texts["bind"])
+
+    def testFailsWhereTheServerIsSilent(self):
+        result, steps = self.answered(b"")
+
+        self.assertEqual(result.status, 75)
+        self.assertIn("did not answer the bind within 1 s", steps.texts["bind"])
+
+    def testFailsWhereTheBindMadeNobodyOfUs(self):
+        result, steps = self.answered(bound(), identity(2, 0, b""))
+
+        self.assertEqual(result.status, 77)
+        self.assertEqual(steps.verdicts["who am I"], "FAILED")
+        self.assertIn("anonymous", steps.texts["who am I"])
+        self.assertEqual(steps.verdicts["root DSE"], "-")
+
+    def testWarnsWhereNobodySaysWhoWeAre(self):
+        result, steps = self.answered(bound(), identity(2, 2), searched(3), searched(4),
+                                      arguments=["-b", "dc=x"])
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.verdicts["who am I"], "warning")
+        self.assertIn("does not show it", steps.texts["root DSE"])
+        self.assertEqual(steps.verdicts["base"], "warning")
+
+    def testShowsWhatTheRootDseSays(self):
+        rootDse = entry(3, b"", (b"vendorName", [b"Some vendor"]),
+                        (b"supportedLDAPVersion", [b"2", b"3"]))
+
+        _, steps = self.answered(bound(), identity(2, 0, b"dn:cn=x"), rootDse + searched(3))
+
+        self.assertEqual(steps.texts["root DSE"],
+                         "vendorName: Some vendor; supportedLDAPVersion: 2, 3")
+
+    def testFailsWhereTheBaseRefersElsewhere(self):
+        referral = searched(4, 10, referrals=[b"ldap://elsewhere/"])
+
+        result, steps = self.answered(bound(), identity(2, 0, b"dn:cn=x"), searched(3), referral,
+                                      arguments=["-b", "dc=x"])
+
+        self.assertEqual(result.status, 69, result.output)
+        self.assertIn("ask the server that holds the data", steps.texts["base"])
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,362 @@
+// Options of "add", its servers, and what it prints.
+#include "AddCommand.h"
+
+#include "AddRun.h"
+#include "Failure.h"
+#include "LdifReader.h"
+#include "OpenLDAP.h"
+#include "OptionValues.h"
+#include "Options.h"
+#include "Progress.h"
+#include "Secret.h"
+#include "Text.h"
+
+#include <solvane/lookup/DirectorySession.h>
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <array>
+#include <chrono>
+#include <new>
+
+namespace Solvane::Tool {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Lookup::DirectorySession;
+using Lookup::Verdict;
+
+constexpr char footer[] =
+    "Records are entries, or changes of type add. Each entry gets one line, in the order of the\n"
+    "file: added DN, exists DN, refused CODE DN: TEXT, or unknown DN: TEXT where no answer came;\n"
+    "such an entry may have been added, and is not sent again. Entries are sent ahead of the\n"
+    "answers, but never ahead of the entries above them.\n\n"
+    "Exit status, the worst of all entries:\n"
+    "   0  added\n"
+    "  64  usage\n"
+    "  65  LDIF wrong, or the entry against the schema\n"
+    "  69  the server refuses for good, or refers elsewhere\n"
+    "  73  exists already\n"
+    "  74  standard output cannot be written\n"
+    "  75  try later: server down, no answer in time, busy\n"
+    "  77  credentials, access or certificate refused\n"
+    "  78  nothing above the entry, or a file or password that cannot be used\n"
+    "In the order of their weight: 64, 78, 77, 75, 69, 65, 73, 0.";
+
+constexpr std::array<char const*, 4> statusNames = {"added", "exists", "refused", "unknown"};
+
+char const* nameOf(AddReport::Status status)
+{
+    return statusNames[static_cast<std::size_t>(status)];
+}
+
+// Servers
+
+std::unique_ptr<DirectorySession> sessionWith(LDAPLookup::Server const& server,
+                                              LDAPLookup::Settings const& settings)
+{
+    try {
+        LDAPConnection::RefServer const described(server.host, server.port, server.version,
+                                                  server.secure, settings.networkTimeout, false,
+                                                  false);
+        return std::make_unique<DirectorySession>(described, server.host, settings.tls);
+    } catch (LDAPException const&) {
+        return nullptr;
+    }
+}
+
+/// Connects and binds.
+Verdict open(DirectorySession& session, LDAPLookup::Settings const& settings,
+             Lookup::Clock::time_point deadline)
+{
+    Verdict verdict = session.connect(deadline);
+    if (!verdict.isGood() || settings.bindDn.empty()) {
+        return verdict;
+    }
+    verdict = session.bind(settings.bindDn, settings.password, deadline);
+    return verdict.isGood() ? session.confirmIdentity(deadline) : verdict;
+}
+
+/// The first server of the list that can be reached. One that refuses us ends the search: the next
+/// one would count the same wrong password once more.
+std::unique_ptr<DirectorySession> openFirst(LDAPLookup::Settings const& settings,
+                                            Diagnostics const& diagnostics)
+{
+    auto const deadline = Lookup::Clock::now() + settings.deadline;
+    Verdict last;
+    for (LDAPLookup::Server const& server : settings.servers) {
+        auto session = sessionWith(server, settings);
+        last = session ? open(*session, settings, deadline)
+                       : Verdict{Lookup::Outcome::TryLater, LDAP_SERVER_DOWN,
+                                 fmt::format("the host '{}' does not resolve", server.host)};
+        if (last.isGood()) {
+            diagnostics.note(fmt::format("adding to {}", session->uri()));
+            return session;
+        }
+        if (last.outcome != Lookup::Outcome::TryLater) {
+            break;
+        }
+        diagnostics.note(last.text);
+    }
+    throw Failure(outcomeOf(last), last.text, remedyFor(last), last.code);
+}
+
+// Reports
+
+Json jsonOf(std::string const& bytes)
+{
+    if (isUtf8(bytes)) {
+        return bytes;
+    }
+    std::string encoded;
+    appendBase64(encoded, bytes);
+    return Json{{"base64", encoded}};
+}
+
+std::string textOf(AddReport const& report)
+{
+    std::string const dn = oneLine(report.dn);
+    switch (report.status) {
+    case AddReport::Status::added:
+    case AddReport::Status::exists:
+        return fmt::format("{} {}", nameOf(report.status), dn);
+    case AddReport::Status::refused:
+        return fmt::format("refused {} {}: {}", report.code, dn, report.text);
+    case AddReport::Status::unknown:
+        break;
+    }
+    return fmt::format("unknown {}: {}", dn, report.text);
+}
+
+std::string jsonTextOf(AddReport const& report)
+{
+    Json json;
+    json["dn"] = jsonOf(report.dn);
+    json["status"] = nameOf(report.status);
+    json["line"] = report.line;
+    json["code"] = report.code;
+    json["text"] = report.text;
+    json["server"] = report.server;
+    return json.dump();
+}
+
+/// Prints reports, and counts them.
+class Reporter {
+public:
+    Reporter(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
+        : m_common(common), m_output(output), m_diagnostics(diagnostics),
+          m_progress(diagnostics, std::nullopt), m_start(std::chrono::steady_clock::now())
+    {
+    }
+
+    void take(AddReport const& report);
+    void printFigures();
+
+private:
+    void complain(AddReport const& report) const;
+
+    CommonOptions const& m_common;
+    Output& m_output;
+    Diagnostics& m_diagnostics;
+    Progress m_progress;
+    std::chrono::steady_clock::time_point m_start;
+    std::array<unsigned long, statusNames.size()> m_counts{};
+    unsigned long m_total = 0;
+};
+
+void Reporter::take(AddReport const& report)
+{
+    ++m_counts[static_cast<std::size_t>(report.status)];
+    std::string line = m_common.format() == "json" ? jsonTextOf(report) : textOf(report);
+    line += m_common.recordEnd();
+    m_output.write(line);
+    complain(report);
+    m_progress.update(++m_total);
+}
+
+void Reporter::complain(AddReport const& report) const
+{
+    if (report.status == AddReport::Status::added) {
+        return;
+    }
+    if (report.status == AddReport::Status::unknown) {
+        m_diagnostics.error(fmt::format("{}: {}; look whether it is there before you add it again",
+                                        report.dn, report.text));
+        return;
+    }
+    std::string const cause = report.status == AddReport::Status::exists
+                                  ? std::string("exists already")
+                                  : fmt::format("{} ({})", report.text, report.code);
+    m_diagnostics.error(
+        fmt::format("{}: {}; {}", report.dn, cause,
+                    report.remedy.empty() ? remedyForAdd(report.code) : report.remedy));
+}
+
+void Reporter::printFigures()
+{
+    m_progress.finish();
+    std::chrono::duration<double, std::milli> const taken =
+        std::chrono::steady_clock::now() - m_start;
+    if (m_common.stats() == Stats::json) {
+        Json json;
+        for (std::size_t i = 0; i < statusNames.size(); ++i) {
+            json[statusNames[i]] = m_counts[i];
+        }
+        json["ms"] = taken.count();
+        m_diagnostics.plain(json.dump());
+    } else if (m_common.stats() == Stats::text) {
+        m_diagnostics.plain(fmt::format("{} added, {} exist, {} refused, {} unknown in {:.0f} ms",
+                                        m_counts[0], m_counts[1], m_counts[2], m_counts[3],
+                                        taken.count()));
+    }
+}
+
+// What -n shows
+
+struct FreeLber {
+    void operator()(char* memory) const { ber_memfree(memory); }
+};
+
+void appendLdif(std::string& text, std::string const& name, std::string const& value)
+{
+    std::unique_ptr<char, FreeLber> const line(
+        ldif_put(LDIF_PUT_VALUE, name.c_str(), value.data(), value.size()));
+    if (!line) {
+        throw std::bad_alloc();
+    }
+    text += line.get();
+}
+
+/// The record that adds an entry, with `end` instead of its last newline.
+std::string recordOf(LdifEntry const& entry, char end)
+{
+    std::string text;
+    appendLdif(text, "dn", entry.dn);
+    appendLdif(text, "changetype", "add");
+    for (LDAPAttribute const& attribute : entry.attributes) {
+        for (std::string const& value : attribute.value()) {
+            appendLdif(text, attribute.type().asString(), value);
+        }
+    }
+    return text + end;
+}
+
+std::string jsonRecordOf(LdifEntry const& entry, char end)
+{
+    Json attributes = Json::object();
+    for (LDAPAttribute const& attribute : entry.attributes) {
+        Json& values = attributes[attribute.type().asString()] = Json::array();
+        for (std::string const& value : attribute.value()) {
+            values.push_back(jsonOf(value));
+        }
+    }
+    return Json{{"dn", jsonOf(entry.dn)}, {"line", entry.line}, {"attrs", attributes}}.dump() + end;
+}
+
+/// Goes through the records; `use` takes each entry and says whether more are wanted, `refuse` each
+/// record that is none.
+template <typename Use, typename Refuse>
+void forEachEntry(std::string const& path, Use const& use, Refuse const& refuse)
+{
+    LdifReader reader(path);
+    for (bool goesOn = true; goesOn;) {
+        LdifEntry entry;
+        try {
+            if (!reader.next(entry)) {
+                return;
+            }
+            goesOn = use(entry);
+        } catch (LdifFault const& fault) {
+            goesOn = refuse(fault);
+        }
+    }
+}
+
+} // namespace
+
+void AddCommand::declareOn(CLI::App& app)
+{
+    app.add_option("-f,--file", m_file, "LDIF file, '-' for standard input")
+        ->type_name("FILE")
+        ->capture_default_str();
+    app.add_flag("-c,--continue", m_goesOn, "Go on after a failure");
+    app.add_flag("-n,--dry-run", m_onlyShows, "Show what would be sent, and ask no server");
+    addValue(app, "--window", m_window, numberBetween(1, widestWindow), "N",
+             "Entries sent ahead of their answers")
+        ->default_str("32");
+    app.footer(footer);
+}
+
+int AddCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
+{
+    if (common.format() != "text" && common.format() != "json") {
+        throw Failure(Outcome::usage,
+                      fmt::format("--format {} is not offered by add", common.format()),
+                      "choose text or json");
+    }
+    return exitStatusOf(m_onlyShows ? show(common, output, diagnostics)
+                                    : add(common, output, diagnostics));
+}
+
+Outcome AddCommand::show(CommonOptions const& common, Output& output,
+                         Diagnostics& diagnostics) const
+{
+    Outcome worst = Outcome::found;
+    forEachEntry(
+        m_file,
+        [&](LdifEntry const& entry) {
+            output.write(common.format() == "json" ? jsonRecordOf(entry, common.recordEnd())
+                                                   : recordOf(entry, common.recordEnd()));
+            return true;
+        },
+        [&](LdifFault const& fault) {
+            diagnostics.error(fault.what());
+            worst = fault.outcome();
+            return m_goesOn;
+        });
+    return worst;
+}
+
+Outcome AddCommand::add(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const
+{
+    if (m_file == "-" && common.readsStandardInput()) {
+        throw Failure(Outcome::usage, "entries and password both come from standard input",
+                      "give one of them another way, as in --password-fd 3 3<FILE");
+    }
+    Secret password;
+    LDAPLookup::Settings const settings = common.settings(password);
+    AddRun::Limits limits;
+    limits.window = m_window.value_or(settings.window);
+    limits.silence = std::chrono::seconds(settings.networkTimeout);
+    limits.answer = settings.deadline;
+    limits.goesOn = m_goesOn;
+
+    Reporter reporter(common, output, diagnostics);
+    AddRun adds(
+        limits, [&] { return openFirst(settings, diagnostics); },
+        [&](AddReport const& report) { reporter.take(report); });
+    Outcome worst = Outcome::found;
+    forEachEntry(
+        m_file,
+        [&](LdifEntry const& entry) {
+            adds.add(entry);
+            return adds.mayGoOn();
+        },
+        [&](LdifFault const& fault) {
+            worst = fault.outcome();
+            if (!fault.entry().dn.empty()) {
+                adds.refuse(fault.entry(), LDAP_PARAM_ERROR, fault.cause(), fault.remedy());
+                return m_goesOn;
+            }
+            adds.finish(); // what stands before it is told before it
+            diagnostics.error(fault.what());
+            return m_goesOn;
+        });
+    adds.finish();
+    reporter.printFigures();
+    return worse(worst, adds.worst());
+}
+
+} // namespace Solvane::Tool

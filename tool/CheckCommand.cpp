@@ -1,0 +1,135 @@
+// Settings and template, then server after server.
+#include "CheckCommand.h"
+
+#include "CheckReport.h"
+#include "Failure.h"
+#include "Secret.h"
+#include "ServerCheck.h"
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+namespace Solvane::Tool {
+
+namespace {
+
+constexpr unsigned int mostRepeats = 100000;
+
+constexpr char footer[] =
+    "Each step is a line: ok, warning, FAILED, or '-' where it was not tried; its time; and\n"
+    "what was found, or the cause and the remedy. Steps: settings and template, then on\n"
+    "each server resolution, TCP, TLS (version, certificate, name, chain), bind, who am I,\n"
+    "root DSE, base, a lookup of the key, a second one on the same connection, latencies.\n\n"
+    "Exit status, the worst of all steps:\n"
+    "   0  all passed, with or without warnings\n"
+    "   1  nobody has the key of --probe\n"
+    "  64  usage\n"
+    "  65  template or filter wrong\n"
+    "  69  the server refuses for good, or refers elsewhere\n"
+    "  74  standard output cannot be written\n"
+    "  75  try later: a server is down, or does not answer in time\n"
+    "  77  credentials, access or certificate refused\n"
+    "  78  base missing, or a setting, file or password that cannot be used\n"
+    "With --nagios: 0 OK; 1 WARNING, as for a certificate that ends within 14 days, or a\n"
+    "server that fails while another works; 2 CRITICAL; 3 UNKNOWN: settings not usable.";
+
+std::string described(LDAPLookup::Settings const& settings)
+{
+    return fmt::format("{} server{}, {}, {} s for the network, {} s for a key",
+                       settings.servers.size(), settings.servers.size() == 1 ? "" : "s",
+                       settings.bindDn.empty() ? "anonymous" : "as " + settings.bindDn,
+                       settings.networkTimeout,
+                       static_cast<double>(settings.deadline.count()) / 1000);
+}
+
+/// Reports every finding of the template. False: no lookup can succeed with it.
+bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& report)
+{
+    using Weight = Lookup::QueryTemplate::Finding::Weight;
+    Stopwatch const watch;
+    auto const findings = queryTemplate.check();
+    bool isUsable = true;
+    for (auto const& finding : findings) {
+        std::string const text = fmt::format("at byte {}: {}", finding.position, finding.text);
+        if (finding.weight == Weight::error) {
+            isUsable = false;
+            report.failed("template", Outcome::badInput, text, "see 'solvane-ldap expand --lint'");
+        } else {
+            report.warned("template", text);
+        }
+    }
+    if (findings.empty()) {
+        report.passed("template", queryTemplate.text(), watch.milliseconds());
+    }
+    return isUsable;
+}
+
+} // namespace
+
+void CheckCommand::declareOn(CLI::App& app)
+{
+    m_search.declareOn(app);
+    m_template.declareOn(app);
+    app.add_option("--probe", m_probe, "Look this address up, on each server")->type_name("KEY");
+    app.add_option("--repeat", m_repeat, "Look it up N times more, and show how long that took")
+        ->type_name("N")
+        ->check(CLI::Range(0U, mostRepeats));
+    app.add_flag("--nagios", m_isForNagios, "One line and an exit status for a monitoring system");
+    app.footer(footer);
+}
+
+int CheckCommand::run(CommonOptions const& common, Output& output, Diagnostics&)
+{
+    Stopwatch const watch;
+    auto const figures = [&watch] { return fmt::format("time={:.1f}ms", watch.milliseconds()); };
+    CheckReport report(m_isForNagios ? nullptr : &output);
+    try {
+        check(common, report);
+    } catch (Failure const& failure) {
+        if (!m_isForNagios || failure.outcome() == Outcome::outputFailed) {
+            throw;
+        }
+        auto const unknown = CheckReport::State::unknown;
+        output.write(CheckReport::line(unknown, failure.what(), figures()));
+        return static_cast<int>(unknown);
+    }
+    if (m_isForNagios) {
+        output.write(report.line(figures()));
+        return static_cast<int>(report.state());
+    }
+    return exitStatusOf(report.worst());
+}
+
+void CheckCommand::check(CommonOptions const& common, CheckReport& report)
+{
+    if (m_repeat > 0 && m_probe.empty()) {
+        throw Failure(Outcome::usage, "--repeat has no address to look up",
+                      "give one with --probe");
+    }
+    Stopwatch const watch;
+    Secret password;
+    LDAPLookup::Settings settings = common.settings(password);
+    m_search.applyTo(settings, common.file());
+    report.passed("settings", described(settings), watch.milliseconds());
+
+    Probe probe = {m_probe, m_repeat, std::string()};
+    bool const hasTemplate = m_template.isGiven(common.file());
+    if (!hasTemplate) {
+        report.skipped("template", "none is given (-t)");
+    } else {
+        m_template.applyTo(settings, common.file());
+        bool const isUsable = checkTemplate(m_template.queryTemplate(common.file()), report);
+        probe.obstacle = isUsable ? "" : "'template' did not pass";
+    }
+    if (m_probe.empty()) {
+        probe.obstacle = "no address is given (--probe)";
+    } else if (!hasTemplate || settings.base.empty()) {
+        probe.obstacle = "a lookup needs a base (-b) and a template (-t)";
+    }
+    for (LDAPLookup::Server const& server : settings.servers) {
+        ServerCheck(settings, server, probe, report).run();
+    }
+    wipe(settings.password);
+}
+
+} // namespace Solvane::Tool

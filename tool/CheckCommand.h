@@ -1,0 +1,37 @@
+// "check": every step from the settings to an answer, for one server after the other.
+#ifndef SOLVANE_TOOL_CHECK_COMMAND_H
+#define SOLVANE_TOOL_CHECK_COMMAND_H
+
+#include "Command.h"
+#include "Options.h"
+
+#include <string>
+
+namespace Solvane::Tool {
+
+class CheckReport;
+
+class CheckCommand final : public Command {
+public:
+    char const* name() const override { return "check"; }
+    char const* description() const override
+    {
+        return "Try every step of a lookup and say which fails, and why";
+    }
+    void declareOn(CLI::App& app) override;
+    /// @return the table's exit status, or with --nagios 0 to 3
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    void check(CommonOptions const& common, CheckReport& report);
+
+    SearchOptions m_search{SearchOptions::Base::optional};
+    TemplateOptions m_template;
+    std::string m_probe; ///< key to look up; empty: none
+    unsigned int m_repeat = 0;
+    bool m_isForNagios = false;
+};
+
+} // namespace Solvane::Tool
+
+#endif

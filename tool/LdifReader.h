@@ -1,0 +1,82 @@
+// Entries to add, out of LDIF (RFC 2849).
+#ifndef SOLVANE_TOOL_LDIF_READER_H
+#define SOLVANE_TOOL_LDIF_READER_H
+
+#include "Failure.h"
+#include "Files.h"
+
+#include <solvane/ldap/LDAPAttribute.h>
+
+#include <list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Solvane::Tool {
+
+/// An entry as a record describes it.
+struct LdifEntry {
+    unsigned long line = 0; ///< where the record begins, counted from 1
+    std::string dn;         ///< as it is written; empty where the record has none that can be read
+    std::list<LDAPAttribute> attributes; ///< in the order in which they appear first
+};
+
+/// What is wrong with one record; the reader goes on behind it.
+class LdifFault : public Failure {
+public:
+    LdifFault(LdifEntry const& entry, std::string const& cause, std::string const& remedy)
+        : Failure(Outcome::badInput, cause, remedy), m_entry(entry)
+    {
+    }
+
+    /// What was read of the record.
+    LdifEntry const& entry() const { return m_entry; }
+
+private:
+    LdifEntry m_entry;
+};
+
+/// Reads content records, and change records that add. Values named by a URL and included files are
+/// refused: LDIF from elsewhere must not read the files of whoever loads it.
+class LdifReader {
+public:
+    /// @param path  "-" for standard input
+    /// @throws Failure  "configuration": the file cannot be opened
+    explicit LdifReader(std::string const& path);
+
+    /// False at the end.
+    /// @throws LdifFault  a record that is none, or cannot be added; the text names file and line
+    /// @throws Failure    "configuration": the file cannot be read
+    bool next(LdifEntry& entry);
+
+private:
+    struct Line {
+        unsigned long number = 0;
+        std::string text; ///< with its continuations
+    };
+    struct Part {
+        std::string name;
+        std::string value;
+    };
+
+    bool readRecord();
+    void addLine(std::string const& text);
+    void takeVersion();
+    void takeDn(LdifEntry& entry, Line& line) const;
+    void takeAttribute(LdifEntry& entry, Line& line, bool isHead) const;
+    void addValue(LdifEntry& entry, Line const& line, Part const& part) const;
+    Part parse(LdifEntry const& entry, Line& line) const;
+    [[noreturn]] void refuse(LdifEntry const& entry, unsigned long line, std::string const& cause,
+                             std::string const& remedy) const;
+
+    std::string m_name;
+    LineReader m_lines;
+    unsigned long m_number = 0; ///< of the line read last
+    bool m_isFirst = true;
+    bool m_isComment = false; ///< whether the line read last belongs to a comment
+    std::vector<Line> m_record;
+};
+
+} // namespace Solvane::Tool
+
+#endif

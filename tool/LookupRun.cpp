@@ -1,0 +1,168 @@
+// Records as they come, figures at the end.
+#include "LookupRun.h"
+
+#include "Failure.h"
+#include "Text.h"
+
+#include <fmt/format.h>
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+
+namespace Solvane::Tool {
+
+namespace {
+
+constexpr int constraintViolation = 19;
+
+/// With --single, several entries are no answer.
+void refuseSeveral(Lookup::Answer& answer)
+{
+    if (answer.outcome != Lookup::Outcome::Found || answer.entries.size() < 2) {
+        return;
+    }
+    answer.outcome = Lookup::Outcome::Misconfigured;
+    answer.code = constraintViolation; // one of the codes that speak of data, exit status 65
+    answer.text = fmt::format("{} entries where one is wanted (--single)", answer.entries.size());
+}
+
+} // namespace
+
+LookupRun::LookupRun(LDAPLookup& lookup, CommonOptions const& common, bool single, Output& output,
+                     Diagnostics& diagnostics)
+    : m_lookup(lookup), m_isSingle(single), m_countsTimes(common.stats() != Stats::none),
+      m_output(output), m_diagnostics(diagnostics),
+      m_writer(makeRecordWriter(common.format(), common.recordEnd())),
+      m_start(std::chrono::steady_clock::now())
+{
+}
+
+Outcome LookupRun::over(KeyOptions& keys)
+{
+    Progress progress(m_diagnostics, keys.total());
+    m_pending = m_writer->opening();
+    Record record;
+    m_lookup.findAll(
+        [&](std::string& key, bool mayWait) {
+            flush(); // what was answered is seen before anything else is waited for
+            auto const supplied = keys.next(key, mayWait);
+            m_hasMoreKeys = supplied != LDAPLookup::Supply::end;
+            return supplied;
+        },
+        [&](std::string const& key, Lookup::Answer&& answer) {
+            record.key = key;
+            record.answer = std::move(answer);
+            if (m_isSingle) {
+                refuseSeveral(record.answer);
+            }
+            take(record, progress);
+            return true;
+        });
+    flush();
+    return m_worst;
+}
+
+void LookupRun::take(Record const& record, Progress& progress)
+{
+    count(record);
+    m_worst = worse(m_worst, outcomeOf(record.answer));
+    complain(record);
+    m_writer->write(record, m_pending);
+    constexpr std::size_t large = 65536;
+    if (!m_hasMoreKeys || m_pending.size() >= large) {
+        flush();
+    }
+    progress.update(m_counts.keys);
+}
+
+void LookupRun::count(Record const& record)
+{
+    ++m_counts.keys;
+    switch (record.answer.outcome) {
+    case Lookup::Outcome::Found:
+        ++m_counts.found;
+        break;
+    case Lookup::Outcome::NotFound:
+        ++m_counts.notFound;
+        break;
+    case Lookup::Outcome::Skipped:
+        ++m_counts.skipped;
+        break;
+    default:
+        ++m_counts.errors;
+    }
+    if (m_countsTimes) {
+        m_milliseconds.push_back(static_cast<float>(record.answer.milliseconds));
+    }
+}
+
+void LookupRun::complain(Record const& record) const
+{
+    Lookup::Answer const& answer = record.answer;
+    if (statusOf(answer.outcome) == std::string_view("error")) {
+        m_diagnostics.error(fmt::format("{}: {}; {}", record.key, answer.text, remedyFor(answer)));
+    } else if (m_diagnostics.level() == Diagnostics::Level::verbose) {
+        m_diagnostics.note(
+            fmt::format("{}: {} by {} in {:.1f} ms: {}{}", record.key, statusOf(answer.outcome),
+                        answer.server.empty() ? "nobody" : answer.server, answer.milliseconds,
+                        answer.filter, answer.text.empty() ? "" : "; " + answer.text));
+    }
+}
+
+void LookupRun::flush()
+{
+    if (!m_pending.empty()) {
+        m_output.write(m_pending);
+        m_pending.clear();
+    }
+}
+
+/// The time within which this part of the keys was answered, in milliseconds.
+double LookupRun::percentile(double part) const
+{
+    if (m_milliseconds.empty()) {
+        return 0;
+    }
+    auto const last = static_cast<double>(m_milliseconds.size() - 1);
+    auto const position = m_milliseconds.begin() + static_cast<std::ptrdiff_t>(part * last + 0.5);
+    std::nth_element(m_milliseconds.begin(), position, m_milliseconds.end());
+    return static_cast<double>(*position);
+}
+
+void LookupRun::printStatistics(Stats form) const
+{
+    if (form == Stats::none) {
+        return;
+    }
+    std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - m_start;
+    double const rate = static_cast<double>(m_counts.keys) / std::max(taken.count(), 1e-6);
+    LDAPLookup::Statistics const pool = m_lookup.statistics();
+    double const p50 = percentile(0.5);
+    double const p99 = percentile(0.99);
+    if (form == Stats::json) {
+        nlohmann::ordered_json const json = {{"keys", m_counts.keys},
+                                             {"found", m_counts.found},
+                                             {"notfound", m_counts.notFound},
+                                             {"skipped", m_counts.skipped},
+                                             {"errors", m_counts.errors},
+                                             {"repeats", pool.repeated},
+                                             {"pool_hits", pool.reused},
+                                             {"pool_misses", pool.opened},
+                                             {"stale", pool.stale},
+                                             {"p50_ms", p50},
+                                             {"p99_ms", p99},
+                                             {"seconds", taken.count()},
+                                             {"keys_per_second", rate}};
+        m_diagnostics.plain(json.dump());
+        return;
+    }
+    m_diagnostics.plain(fmt::format("keys {}: found {}, not found {}, skipped {}, errors {}",
+                                    m_counts.keys, m_counts.found, m_counts.notFound,
+                                    m_counts.skipped, m_counts.errors));
+    m_diagnostics.plain(fmt::format("repeats {}, pool hits {}, pool misses {}, stale {}",
+                                    pool.repeated, pool.reused, pool.opened, pool.stale));
+    m_diagnostics.plain(fmt::format("p50 {:.2f} ms, p99 {:.2f} ms, {:.2f} s, {:.0f} keys/s", p50,
+                                    p99, taken.count(), rate));
+}
+
+} // namespace Solvane::Tool

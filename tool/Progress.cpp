@@ -1,0 +1,107 @@
+// Drawing the line, and how rarely that is done.
+#include "Progress.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <cmath>
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+namespace Solvane::Tool {
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto delay = 500ms;    // before the first line
+constexpr auto interval = 200ms; // between two lines
+constexpr auto lookEvery = 50ms; // aimed at, between two looks at the clock
+constexpr unsigned long largestStep = 65536;
+
+unsigned int terminalColumns()
+{
+    winsize size = {};
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-vararg)
+    bool const isKnown = ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col != 0;
+    return isKnown ? size.ws_col : 80;
+}
+
+std::string timeText(double seconds)
+{
+    auto const whole = static_cast<unsigned long>(std::min(std::ceil(seconds), 359999.0));
+    return whole < 3600 ? fmt::format("{}:{:02}", whole / 60, whole % 60)
+                        : fmt::format("{}:{:02}:{:02}", whole / 3600, whole / 60 % 60, whole % 60);
+}
+
+std::string bar(double part, unsigned int width)
+{
+    auto const full = static_cast<unsigned int>(part * width);
+    return '[' + std::string(full, '#') + std::string(width - full, '.') + "] ";
+}
+
+} // namespace
+
+Progress::Progress(Diagnostics& diagnostics, std::optional<unsigned long> total)
+    : m_diagnostics(diagnostics), m_total(total),
+      m_isShown(isatty(STDERR_FILENO) == 1 && isatty(STDOUT_FILENO) == 0 &&
+                diagnostics.level() != Diagnostics::Level::quiet),
+      m_start(Clock::now()), m_lastLook(m_start), m_nextLine(m_start + delay)
+{
+}
+
+Progress::~Progress() { finish(); }
+
+void Progress::finish()
+{
+    if (m_isShown) {
+        m_isShown = false;
+        m_diagnostics.status("");
+    }
+}
+
+/// Looks at the clock, and decides how much work may pass until the next look.
+void Progress::look(unsigned long done)
+{
+    Clock::time_point const now = Clock::now();
+    if (now - m_lastLook < lookEvery) {
+        m_step = std::min(2 * m_step, largestStep);
+    } else {
+        m_step = std::max(m_step / 2, 1UL);
+    }
+    m_lastLook = now;
+    m_nextLook = done + m_step;
+    if (now >= m_nextLine) {
+        m_nextLine = now + interval;
+        std::chrono::duration<double> const taken = now - m_start;
+        m_diagnostics.status(lineFor(done, taken.count(), terminalColumns()));
+    }
+}
+
+std::string Progress::lineFor(unsigned long done, double seconds, unsigned int columns) const
+{
+    constexpr unsigned int leastBar = 10;
+    constexpr unsigned int widestBar = 50;
+    double const rate = static_cast<double>(done) / seconds;
+    std::string line = fmt::format("{} {:.0f}/s", done, rate);
+    if (m_total && *m_total != 0) {
+        double const part =
+            std::min(static_cast<double>(done) / static_cast<double>(*m_total), 1.0);
+        unsigned long const ahead = *m_total - std::min(done, *m_total);
+        line = fmt::format("{:3.0f} % {}/{} {:.0f}/s", 100 * part, done, *m_total, rate);
+        if (done != 0) {
+            line += ", " + timeText(static_cast<double>(ahead) / rate) + " left";
+        }
+        // The bar takes what the figures leave; its frame is three characters.
+        auto const figures = static_cast<unsigned int>(line.size()) + 4;
+        if (columns >= figures + leastBar) {
+            line.insert(0, bar(part, std::min(columns - figures, widestBar)));
+        }
+    }
+    // Never in the last column: the cursor would go to the next line.
+    line.resize(std::min<std::size_t>(line.size(), columns - 1));
+    return line;
+}
+
+} // namespace Solvane::Tool

@@ -1,0 +1,200 @@
+// The tables of words, and the limits of numbers.
+#include "SettingValues.h"
+
+#include "Files.h"
+#include "Text.h"
+
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <charconv>
+#include <sstream>
+#include <utility>
+
+namespace Solvane::Tool {
+
+namespace {
+
+template <typename Value> using Word = std::pair<char const*, Value>;
+
+// clang-format off
+constexpr Word<LDAPConnection::Protocol> protocols[] = {
+    { "2", LDAPConnection::V2 },
+    { "3", LDAPConnection::V3 },
+};
+constexpr Word<LDAPSearch::Scope> scopes[] = {
+    { "base", LDAPSearch::ScopeBase },
+    { "one",  LDAPSearch::ScopeOneLevel },
+    { "sub",  LDAPSearch::ScopeSubtree },
+};
+constexpr Word<LDAPSearch::Deref> dereferences[] = {
+    { "never",  LDAPSearch::DerefNever },
+    { "search", LDAPSearch::DerefSearching },
+    { "find",   LDAPSearch::DerefFinding },
+    { "always", LDAPSearch::DerefAlways },
+    { "0",      LDAPSearch::DerefNever },
+    { "1",      LDAPSearch::DerefSearching },
+    { "2",      LDAPSearch::DerefFinding },
+    { "3",      LDAPSearch::DerefAlways },
+};
+constexpr Word<Lookup::TlsVerify> tlsVerifications[] = {
+    { "none",  Lookup::TlsVerify::none },
+    { "chain", Lookup::TlsVerify::chain },
+    { "full",  Lookup::TlsVerify::full },
+};
+constexpr Word<LDAPLookup::Form> forms[] = {
+    { "full",   LDAPLookup::Form::full },
+    { "noext",  LDAPLookup::Form::noext },
+    { "bare",   LDAPLookup::Form::bare },
+    { "domain", LDAPLookup::Form::domain },
+};
+// clang-format on
+
+[[noreturn]] void refuse(std::string const& cause, std::string const& remedy)
+{
+    throw Failure(Outcome::usage, cause, remedy);
+}
+
+/// The value of a word, or a refusal that lists the words.
+template <typename Value, std::size_t count>
+Value valueOf(std::string const& text, Word<Value> const (&words)[count])
+{
+    std::string names;
+    for (auto const& [name, value] : words) {
+        if (text == name) {
+            return value;
+        }
+        names += names.empty() ? "" : ", ";
+        names += name;
+    }
+    refuse(fmt::format("'{}' is not offered", oneLine(text)), "choose one of " + names);
+}
+
+bool isPrintable(char character) { return character > ' ' && character <= '~'; }
+
+/// The characters of attribute descriptions (RFC 4512 section 2.5), and of `*`, `+` and `@class`.
+bool isAttributeSelector(std::string const& text)
+{
+    return std::all_of(text.begin(), text.end(), [](char character) {
+        constexpr std::string_view others = "-.;*+@_";
+        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+               (character >= '0' && character <= '9') ||
+               others.find(character) != std::string_view::npos;
+    });
+}
+
+/// The domains of a file: words on its lines, up to a '#'.
+std::vector<std::string> domainsOf(std::string const& path)
+{
+    std::vector<std::string> domains;
+    std::istringstream lines(readFile("the file of domains", path));
+    for (std::string line; std::getline(lines, line);) {
+        for (std::string& domain : wordsIn(line.substr(0, line.find('#')))) {
+            domains.push_back(std::move(domain));
+        }
+    }
+    return domains;
+}
+
+} // namespace
+
+unsigned int numberIn(std::string const& text, unsigned int least, unsigned int greatest)
+{
+    unsigned int number = 0;
+    char const* const end = text.data() + text.size();
+    auto const [stop, error] = std::from_chars(text.data(), end, number);
+    if (error != std::errc() || stop != end || number < least || number > greatest) {
+        refuse(fmt::format("'{}' is no number in its range", oneLine(text)),
+               fmt::format("give a whole number from {} to {}", least, greatest));
+    }
+    return number;
+}
+
+LDAPConnection::Protocol protocolIn(std::string const& text) { return valueOf(text, protocols); }
+
+LDAPSearch::Scope scopeIn(std::string const& text) { return valueOf(text, scopes); }
+
+LDAPSearch::Deref dereferenceIn(std::string const& text) { return valueOf(text, dereferences); }
+
+Lookup::TlsVerify tlsVerifyIn(std::string const& text) { return valueOf(text, tlsVerifications); }
+
+std::vector<LDAPLookup::Form> formsIn(std::string const& text)
+{
+    std::vector<LDAPLookup::Form> made;
+    for (std::string const& word : wordsIn(text)) {
+        made.push_back(valueOf(word, forms));
+    }
+    if (made.empty()) {
+        refuse("no form is named", "list what is to be tried, as in full,noext,domain");
+    }
+    return made;
+}
+
+char delimiterIn(std::string const& text)
+{
+    if (text.empty()) {
+        return '\0';
+    }
+    if (text.size() > 1 || !isPrintable(text.front()) || text.front() == '@') {
+        refuse(fmt::format("'{}' is no delimiter", oneLine(text)),
+               "give one ASCII character other than '@', or nothing");
+    }
+    return text.front();
+}
+
+std::vector<std::string> attributesIn(std::string const& text)
+{
+    std::vector<std::string> names = wordsIn(text);
+    for (std::string const& name : names) {
+        if (!isAttributeSelector(name)) {
+            refuse(fmt::format("'{}' is no attribute", oneLine(name)),
+                   "separate names by commas, as in cn,mail");
+        }
+    }
+    if (names.empty()) {
+        refuse("no attribute is named", "separate names by commas, as in cn,mail");
+    }
+    return names;
+}
+
+std::vector<std::string> domainsIn(std::string const& text)
+{
+    bool const isMarked = !text.empty() && text.front() == '@';
+    bool const isFile = isMarked || (!text.empty() && text.front() == '/');
+    std::vector<std::string> domains =
+        isFile ? domainsOf(text.substr(isMarked ? 1 : 0)) : wordsIn(text);
+    for (std::string const& domain : domains) {
+        if (faultIn(domain) || domain.find('@') != std::string::npos) {
+            refuse(fmt::format("'{}' is no domain", oneLine(domain)),
+                   "list domains as in example.com,example.org");
+        }
+    }
+    if (domains.empty()) { // an empty list would mean that all are served
+        refuse("no domain is named", "list domains as in example.com,example.org");
+    }
+    return domains;
+}
+
+std::string dnIn(std::string const& text)
+{
+    if (auto const fault = faultIn(text)) {
+        refuse(fmt::format("the DN '{}' holds {}", oneLine(text), describe(*fault)),
+               "write it on one line of UTF-8 text");
+    }
+    return text;
+}
+
+std::vector<std::string> wordsIn(std::string_view text)
+{
+    constexpr std::string_view separators = ", \t\r\n";
+    std::vector<std::string> words;
+    for (auto begin = text.find_first_not_of(separators); begin != std::string_view::npos;
+         begin = text.find_first_not_of(separators, begin)) {
+        auto const end = std::min(text.find_first_of(separators, begin), text.size());
+        words.emplace_back(text.substr(begin, end - begin));
+        begin = end;
+    }
+    return words;
+}
+
+} // namespace Solvane::Tool
