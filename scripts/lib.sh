@@ -16,6 +16,7 @@ packages_clang=(clang libclang-rt-14-dev)
 packages_lint=(clang-format clang-tidy clang shellcheck codespell similarity-tester git)
 packages_coverage=(gcovr)
 packages_consumer=(pkg-config)
+packages_bench=(postfix postfix-ldap)
 
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2
@@ -56,6 +57,10 @@ export DEBIAN_FRONTEND=noninteractive
 # A directory server is wanted as a program only: no database, and none started by the package.
 if [[ " $* " == *" slapd "* ]] && command -v debconf-set-selections >/dev/null; then
     echo 'slapd slapd/no_configuration boolean true' | debconf-set-selections
+fi
+# Of Postfix, its programs are wanted: no configuration, and nothing that listens.
+if [[ " $* " == *" postfix "* ]] && command -v debconf-set-selections >/dev/null; then
+    echo 'postfix postfix/main_mailer_type select No configuration' | debconf-set-selections
 fi
 for try in 1 2 3; do
     apt-get -q update && break

@@ -32,6 +32,21 @@ bool isDescription(std::string const& text)
 
 bool hasNul(std::string const& text) { return text.find('\0') != std::string::npos; }
 
+/// Whether text is base64 (RFC 4648 section 4), blanks round it aside.
+bool isBase64(std::string_view text)
+{
+    constexpr std::string_view alphabet =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    auto const begin = text.find_first_not_of(' ');
+    if (begin == std::string_view::npos) {
+        return true;
+    }
+    text = text.substr(begin, text.find_last_not_of(' ') - begin + 1);
+    auto const padding = std::min(text.find_first_not_of(alphabet), text.size());
+    std::string_view const end = text.substr(padding);
+    return text.size() % 4 == 0 && (end.empty() || end == "=" || end == "==");
+}
+
 } // namespace
 
 LdifReader::LdifReader(std::string const& path)
@@ -189,11 +204,15 @@ LdifReader::Part LdifReader::parse(LdifEntry const& entry, Line& line) const
         refuse(entry, line.number, "a value from a URL is not read",
                "write it in base64 after '::'");
     }
+    // Looked at first: OpenLDAP's parser complains on standard error.
+    if (line.text[colon + 1] == ':' && !isBase64(std::string_view(line.text).substr(colon + 2))) {
+        refuse(entry, line.number, "the value is no base64", "correct the value");
+    }
     berval name = {};
     berval value = {};
     int isAllocated = 0;
     if (ldif_parse_line2(line.text.data(), &name, &value, &isAllocated) != 0) {
-        refuse(entry, line.number, "the value is no base64", "correct the value");
+        refuse(entry, line.number, "the line cannot be read", "write attribute: value");
     }
     Part part{std::string(name.bv_val, name.bv_len), std::string(value.bv_val, value.bv_len)};
     if (isAllocated != 0) {

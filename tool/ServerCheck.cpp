@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 
@@ -215,12 +216,13 @@ bool ServerCheck::judgeCertificate()
         m_report.warned(m_step, "the server shows none that can be read");
         return true;
     }
-    long const left = (m_certificate->notAfter() - std::time(nullptr)) / secondsOfADay;
-    std::string const text = fmt::format(
-        "{}, for {}, {}", m_certificate->subject(),
-        m_certificate->names().empty() ? "no names" : joined(m_certificate->names()),
-        left < 0 ? fmt::format("ended {} days ago", -left) : fmt::format("{} days left", left));
-    if (left < daysOfWarning) {
+    long const seconds = m_certificate->notAfter() - std::time(nullptr);
+    long const days = std::abs(seconds) / secondsOfADay;
+    std::string const text =
+        fmt::format("{}, for {}, {}", m_certificate->subject(),
+                    m_certificate->names().empty() ? "no names" : joined(m_certificate->names()),
+                    fmt::format(seconds < 0 ? "ended {} days ago" : "{} days left", days));
+    if (seconds < daysOfWarning * secondsOfADay) {
         m_report.warned(m_step, text);
     } else {
         m_report.passed(m_step, text);

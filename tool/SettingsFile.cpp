@@ -225,7 +225,7 @@ void SettingsParser::takeLine(std::string_view line)
         finishSetting();
         begin(text);
     } else if (m_name != nullptr) {
-        m_value += ' ';
+        m_value += m_value.empty() ? "" : " ";
         m_value += text;
     } else {
         m_begin = m_line;

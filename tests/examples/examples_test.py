@@ -40,6 +40,23 @@ class Examples(DirectoryTest):
         self.assertEqual(down.status, 2)
         self.assertIn("Can't contact LDAP server", down.errors)
 
+    def testAddressLookupDeliversRejectsAndDefers(self):
+        both = self.example("address_lookup", READER, PEOPLE, "user0000010@corp.test",
+                            "nobody@corp.test")
+        down = self.example("address_lookup", READER, PEOPLE, "user0000010@corp.test",
+                            port=freePort())
+        refused = self.example("address_lookup", READER, PEOPLE, "user0000010@corp.test",
+                               password="wrong")
+
+        self.assertEqual(both.lines,
+                         ["user0000010@corp.test: deliver to uid=user0000010," + PEOPLE,
+                          "nobody@corp.test: reject, no such user"])
+        self.assertEqual((both.status, both.errors), (1, ""))
+        self.assertEqual(down.status, 75)
+        self.assertIn("user0000010@corp.test: defer, ldap://127.0.0.1:", down.output)
+        self.assertEqual(refused.status, 78)
+        self.assertIn("Invalid credentials", refused.output)
+
     def testPooledLookupsFromManyThreadsShareConnections(self):
         result = self.example("pooled_lookups", READER, PEOPLE, "8", "200")
 

@@ -38,5 +38,31 @@ TEST(AServerUri, HasASchemeInAnyCase)
     EXPECT_EQ(partsOf("LDAPS://h"), std::tuple("h", 636U, true));
 }
 
+auto partsOfHost(std::string const& text)
+{
+    ServerUri const uri = ServerUri::fromHost(text, 1389);
+    return std::tuple(uri.host, uri.port, uri.isSecure);
+}
+
+TEST(AServersHost, HasThePortOfTheOthersUnlessItNamesOne)
+{
+    EXPECT_EQ(partsOfHost("h.example"), std::tuple("h.example", 1389U, false));
+    EXPECT_EQ(partsOfHost("h.example:390"), std::tuple("h.example", 390U, false));
+    EXPECT_EQ(partsOfHost("192.0.2.1"), std::tuple("192.0.2.1", 1389U, false));
+}
+
+TEST(AServersHost, MayBeAnIpv6AddressWithOrWithoutBrackets)
+{
+    EXPECT_EQ(partsOfHost("::1"), std::tuple("::1", 1389U, false));
+    EXPECT_EQ(partsOfHost("[::1]"), std::tuple("::1", 1389U, false));
+    EXPECT_EQ(partsOfHost("[2001:db8::1]:390"), std::tuple("2001:db8::1", 390U, false));
+}
+
+TEST(AServersHost, MayBeAUri)
+{
+    EXPECT_EQ(partsOfHost("ldap://h"), std::tuple("h", 389U, false));
+    EXPECT_EQ(partsOfHost("ldaps://h"), std::tuple("h", 636U, true));
+}
+
 } // namespace
 } // namespace Solvane::Tool

@@ -6,7 +6,7 @@ import unittest
 
 from support import DEADLINE, TOOL, ToolTest, run
 
-LOOKUP = ["lookup", "-H", "ldap://127.0.0.1:1", "-b", "dc=x", "-t", "$m"]
+LOOKUP = ["lookup", "-H", "ldap://127.0.0.1:1", "-b", "dc=x", "-t", "(mail=$m)"]
 
 
 class CommandLine(ToolTest):
@@ -27,9 +27,15 @@ class CommandLine(ToolTest):
             self.assertRegex(result.output, r"^solvane-ldap \d+\.\d+\.\d+\n"
                              r"OpenLDAP \d+\.\d+\.\d+ compiled against, \d+\.\d+\.\d+ running\n$")
 
+    def testAnswersWhoeverAsksForHelpOrVersionBehindACommand(self):
+        self.assertRegex(run("lookup", "-V").output, "^solvane-ldap ")
+        for command in ("expand", "lookup", "add", "check"):
+            self.assertIn("'solvane-ldap --help'", run(command, "-h").output)
+
     def testRefusesWhatItDoesNotKnow(self):
         for arguments, word in (([], "subcommand"), (["lokup"], "'lokup'"), (["--nope"], "--nope"),
-                                (["expand", "-x"], "-x"), (["lookup", "--nope=1"], "--nope")):
+                                (["expand", "-x"], "-x"), (["lookup", "--nope=1"], "--nope"),
+                                (["-b", "dc=x", "lookup"], "-b"), (["-j", "2", "expand"], "-j")):
             with self.subTest(arguments=arguments):
                 result = run(*arguments)
 
@@ -37,8 +43,8 @@ class CommandLine(ToolTest):
                 self.assertEqual(result.output, "")
 
     def testRefusesAnIncompleteLookup(self):
-        for arguments, word in ((["lookup", "-b", "x", "-t", "x", "a"], "--uri"),
-                                (["lookup", "-H", "ldap://h", "-t", "x", "a"], "--base"),
+        for arguments, word in ((["lookup", "-b", "x", "-t", "x", "a"], "-H URI"),
+                                (["lookup", "-H", "ldap://h", "-t", "x", "a"], "-b BASE"),
                                 (["lookup", "-H", "ldap://h", "-b", "x", "a"], "-t TEMPLATE"),
                                 (LOOKUP, "no address"),
                                 ([*LOOKUP, "a", "-f", "-"], "-f"),
@@ -47,16 +53,73 @@ class CommandLine(ToolTest):
             with self.subTest(arguments=arguments):
                 self.assertFails(run(*arguments), 64, word)
 
+    def testTakesTheCommonOptionsBeforeAndBehindTheCommand(self):
+        expanding = ["expand", "-t", "($u)", "a"]
+        for option in (["-H", "ldap://h"], ["--uri", "ldaps://[::1]:636"], ["-D", "cn=x"], ["-W"],
+                       ["-y", "none"], ["--password-fd", "9"], ["-P", "2"], ["-P", "3"],
+                       ["-o", "nettimeout=2147483"], ["--deadline", "1"], ["--tls-ca", "none"],
+                       ["--tls-verify", "none"], ["--tls-verify", "chain"],
+                       ["--tls-verify", "full"],
+                       ["-v"], ["-d", "0"], ["--stats"], ["--stats=json"], ["--format", "values"],
+                       ["--format=tsv"]):
+            with self.subTest(option=option):
+                for arguments in ([*option, *expanding], [*expanding, *option]):
+                    result = run(*arguments)
+
+                    self.assertEqual((result.status, result.lines), (0, ["(a)"]), result.errors)
+
+    def testEndsKeysAndRecordsWithNul(self):
+        for arguments in (["-0", "expand"], ["expand", "-0"], ["expand", "--null"]):
+            with self.subTest(arguments=arguments):
+                result = run(*arguments, "-t", "($u)", "-f", "-", stdin=b"a\0b\0c")
+
+                self.assertEqual((result.status, result.bytes), (0, b"(a)\0(b)\0(c)\0"),
+                                 result.errors)
+
+    def testTakesEveryOptionOfALookup(self):
+        with_file = self.file("domains", b"other.test\n")
+        for option in (["-s", "base"], ["-s", "one"], ["-s", "sub"], ["-a", "never"],
+                       ["-a", "search"], ["-a", "find"], ["-a", "always"], ["--attrs", "cn,mail;x"],
+                       ["--attrs", "*, +"], ["-z", "0"], ["-z", "2147483647"], ["-l", "0"],
+                       ["-j", "1"], ["-j", "1024"], ["--window", "65536"], ["--single"], ["-c"],
+                       ["--domains", "other.test, more.test"], ["--domains", "@" + with_file],
+                       ["--forms", "full,noext,bare,domain"], ["--delimiter", "-"],
+                       ["--delimiter", ""], ["--b", ""], ["--g", "x"], ["--nouser", "67"]):
+            with self.subTest(option=option):
+                # The domain is none that is served: no server is asked.
+                domains = [] if "--domains" in option else ["--domains", "other.test"]
+                result = run(*LOOKUP, "a@x.test", *domains, *option)
+
+                self.assertEqual(result.status, 67 if "--nouser" in option else 1, result.errors)
+
     def testRefusesValuesOutOfTheirRange(self):
         for arguments, word in ((["-s", "all"], "base"), (["-a", "maybe"], "never"),
                                 (["-P", "4"], "3"), (["--format", "xml"], "json"),
-                                (["-o", "nettimeout=0"], "1 to"), (["-o", "nettimeout=x"], "1 to"),
-                                (["-o", "nettimeout=-1"], "1 to"),
-                                (["-o", "nettimeout=9999999999"], "1 to"),
-                                (["-o", "tls=no"], "nettimeout="), (["--attrs", "a b"], "commas"),
-                                (["--attrs", "cn,,mail"], "commas")):
+                                (["-o", "nettimeout=0"], "from 1"),
+                                (["-o", "nettimeout=x"], "from 1"),
+                                (["-o", "nettimeout=-1"], "from 1"),
+                                (["-o", "nettimeout=9999999999"], "from 1"),
+                                (["-o", "tls=no"], "nettimeout="), (["--attrs", "a b("], "commas"),
+                                (["--attrs", ","], "commas"), (["--deadline", "0"], "from 1"),
+                                (["--deadline", "1.5"], "from 1"),
+                                (["--tls-verify", "yes"], "chain"),
+                                (["-d", "x"], "from 0"), (["-d", "65536"], "from 0"),
+                                (["--stats=xml"], "xml"), (["-z", "-1"], "from 0"),
+                                (["-z", "2147483648"], "from 0"), (["-l", ""], "from 0"),
+                                (["-j", "0"], "from 1"), (["--window", "0"], "from 1"),
+                                (["--domains", ""], "no domain"),
+                                (["--domains", "a@b"], "no domain"),
+                                (["--forms", "half"], "noext"), (["--forms", ""], "no form"),
+                                (["--delimiter", "ab"], "one ASCII"),
+                                (["--delimiter", "@"], "one ASCII"),
+                                (["--nouser", "0"], "from 1"), (["--nouser", "126"], "from 1"),
+                                (["-z", "1", "-z", "2"], "--size-limit"), (["-C"], "--config")):
             with self.subTest(arguments=arguments):
                 self.assertFails(run(*LOOKUP, "a", *arguments), 64, word)
+
+    def testReportsAFileOfDomainsThatCannotBeRead(self):
+        self.assertFails(run(*LOOKUP, "a", "--domains", "@" + self.folder + "/none"), 78,
+                         "No such file")
 
     def testRefusesAUriThatIsNoServer(self):
         for uri, word in (("http://h", "ldap://host"), ("ldapi://%2Fsocket", "ldapi"),
@@ -66,15 +129,11 @@ class CommandLine(ToolTest):
                           ("ldap://h:", "port"), ("ldap://::1:389", "ldap://[::1]:389"),
                           ("ldap://[fe80::1%25eth0]", "zone"), ("ldap://h/dc=x", "-b"),
                           ("ldap://h/?cn", "--attrs"), ("ldap://h??sub?(cn=x)", "-t")):
-            with self.subTest(uri=uri):
-                result = run("lookup", "-H", uri, "-b", "dc=x", "-t", "$m", "a")
+            for uris in (["-H", uri], ["-H", "ldap://h", "-H", uri]):
+                with self.subTest(uris=uris):
+                    result = run("lookup", *uris, "-b", "dc=x", "-t", "$m", "a")
 
-                self.assertFails(result, 64, "-H: ", word)
-
-    def testRefusesASecondServer(self):
-        result = run(*LOOKUP, "-H", "ldap://127.0.0.1:2", "a")
-
-        self.assertFails(result, 64, "-H was given more than once")
+                    self.assertFails(result, 64, "-H: ", word)
 
     def testShowsNoPasswordThatWasGivenAsAnArgument(self):
         for arguments in (["-w", "hunter2"], ["-whunter2"], ["--password=hunter2"],
@@ -90,13 +149,15 @@ class CommandLine(ToolTest):
 
     def testPairsTheBindDnWithASourceOfThePassword(self):
         password = self.file("password", b"x\n")
-        for arguments, word in ((["-D", "cn=x"], "-W, -y FILE"), (["-W"], "--bind-dn"),
-                                (["-y", password], "--bind-dn"), (["--password-fd", "0"], "--bind-dn"),
+        for arguments, word in ((["-D", "cn=x"], "-W, -y FILE"), (["-W"], "-D DN"),
+                                (["-y", password], "-D DN"), (["--password-fd", "0"], "-D DN"),
                                 (["-D", "", "-y", password], "anonymously"),
+                                (["-D", "cn=\xff"], "UTF-8"),
                                 (["-D", "cn=x", "-W", "-y", password], "--password-file"),
                                 (["-D", "cn=x", "-y", password, "--password-fd", "0"],
                                  "--password-fd")):
             with self.subTest(arguments=arguments):
+                arguments = [argument.encode("latin-1") for argument in arguments]
                 self.assertFails(run(*LOOKUP, "a", *arguments), 64, word)
 
     def testRefusesTwoReadersOfStandardInput(self):

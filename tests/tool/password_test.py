@@ -53,7 +53,7 @@ class Password(DirectoryTest):
     def testMustBeRight(self):
         result = self.lookUpAsReader("-y", self.file("password", b"wrong"))
 
-        self.assertFails(result, 77, "refuses the bind: Invalid credentials (49)",
+        self.assertFails(result, 77, "the bind is refused: Invalid credentials (49)",
                          "check -D and the password")
         self.assertNotIn("not found", result.output)
 
@@ -96,7 +96,7 @@ class Password(DirectoryTest):
         peer = ScriptedPeer(self, hangsUp=False)
         path = self.file("password", b"hunter2\n")
         with subprocess.Popen([TOOL, "lookup", "-H", peer.uri, "-D", "cn=x", "-y", path, "-b",
-                               "dc=x", "-t", "$u", "-v", "-o", "nettimeout=1", "a"],
+                               "dc=x", "-t", "(cn=$u)", "-v", "-o", "nettimeout=1", "a"],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as process:
             self.assertTrue(peer.asked.wait(DEADLINE))
             with open(f"/proc/{process.pid}/cmdline", "rb") as arguments, \
@@ -107,6 +107,23 @@ class Password(DirectoryTest):
         self.assertEqual(process.returncode, 75, output)
         self.assertIn(b"hunter2", peer.requests[0])
         self.assertNotIn(b"hunter2", seen + output)
+
+
+    def testIsInNoDebugOutput(self):
+        path = self.file("password", b"reader-pw")
+        for level in ("1", "2", "16", "18", "65535", "any", "-1"):
+            with self.subTest(level=level):
+                result = self.lookUpAsReader("-y", path, "-d", level)
+
+                self.assertEqual(result.status, 0, result.errors)
+                self.assertNotRegex(result.errors, "(?m)^ +0000: ")  # a dump of a message
+                if level != "1":
+                    self.assertIn("would print the password", result.errors)
+
+    def testKeepsNoDebugOutputFromWhoeverHasNone(self):
+        result = self.lookUp("a", "-d", "2")
+
+        self.assertRegex(result.errors, "(?m)^ +0000: ")
 
 
 class PasswordPrompt(DirectoryTest):

@@ -1,0 +1,72 @@
+// address_lookup HOST PORT BIND-DN BASE ADDRESS...: what a mail server would do with each address.
+//
+// The password comes from the environment variable LDAP_PASSWORD. Exit status: 0 all are delivered,
+// 1 one is rejected, 75 one is to be tried later, 78 the settings are wrong.
+#include <solvane/lookup.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <exception>
+#include <iostream>
+
+#include <sysexits.h>
+
+using namespace Solvane;
+
+namespace {
+
+LDAPLookup::Settings settingsFrom(char** arguments)
+{
+    char const* const password = std::getenv("LDAP_PASSWORD");
+    LDAPLookup::Settings settings;
+    settings.servers.emplace_back(); // one object for all servers of a site, in order of trial
+    settings.servers.back().host = arguments[1];
+    settings.servers.back().port = static_cast<unsigned int>(std::atoi(arguments[2]));
+    settings.bindDn = arguments[3];
+    settings.password = password == nullptr ? "" : password;
+    settings.base = arguments[4];
+    settings.queryTemplate = "(mail=$m)";
+    settings.attributes = {"cn"};
+    return settings;
+}
+
+/// What becomes of the mail: the exit status of a delivery program.
+int actOn(std::string const& address, LDAPLookup::Answer const& answer)
+{
+    switch (answer.outcome) {
+    case LDAPLookup::Outcome::Found:
+        std::cout << address << ": deliver to " << answer.entries.front().entryName() << '\n';
+        return EX_OK;
+    case LDAPLookup::Outcome::NotFound: // the directory said so, on a connection that it knows
+    case LDAPLookup::Outcome::Skipped:
+    case LDAPLookup::Outcome::BadKey:
+        std::cout << address << ": reject, no such user\n";
+        return 1;
+    default: // nobody knows: never a reason to bounce
+        std::cout << address << ": defer, " << answer.text << '\n';
+        return answer.outcome == LDAPLookup::Outcome::TryLater ? EX_TEMPFAIL : EX_CONFIG;
+    }
+}
+
+} // namespace
+
+int main(int count, char** arguments)
+{
+    if (count < 6) {
+        std::cerr << "usage: address_lookup HOST PORT BIND-DN BASE ADDRESS...\n";
+        return EX_USAGE;
+    }
+    try {
+        LDAPLookup lookup(settingsFrom(arguments));
+        int worst = EX_OK;
+        for (int i = 5; i < count; ++i) {
+            worst = std::max(worst, actOn(arguments[i], lookup.find(arguments[i])));
+        }
+        return worst;
+    } catch (Exception const& fault) {
+        std::cerr << "address_lookup: " << fault.asString() << '\n';
+    } catch (std::exception const& fault) {
+        std::cerr << "address_lookup: " << fault.what() << '\n';
+    }
+    return EX_CONFIG;
+}
