@@ -40,10 +40,17 @@ bool isBlank(std::string const& text)
     return text.find_first_not_of(" \t\r\n\v\f") == std::string::npos;
 }
 
+/// What the result says; a success that refers elsewhere is a referral all the same.
+int codeOf(LDAPResult const& result)
+{
+    bool const refers = result.resultCode() == LDAP_SUCCESS && !result.referrals().empty();
+    return refers ? LDAP_REFERRAL : result.resultCode();
+}
+
 /// The server's words about a search that it did not carry out.
 std::string wordsFor(LDAPResult const& result)
 {
-    int const code = result.resultCode();
+    int const code = codeOf(result);
     std::string const general = ldap_err2string(code);
     std::string words = general + " (" + std::to_string(code) + ')';
     if (!result.errorMessage().empty() && result.errorMessage() != general) {
@@ -79,24 +86,17 @@ void Bulk::run()
     endLanes();
 }
 
-void Bulk::endLanes()
-{
-    for (Lane& lane : m_lanes) {
-        if (lane.tasks.empty()) {
-            lane.lease.giveBack();
-        }
-    }
-    m_lanes.clear(); // closes the others
-}
-
 // Keys in, answers out
 
 void Bulk::fill()
 {
+    endLeavingLanes();
     dispatch(); // what is to be repeated comes first
+    leaveOneLaneToOthers();
     std::size_t const capacity = m_maximumLanes * m_window;
-    while (m_isSupplied && m_tasks.size() < m_maximumTasks &&
-           m_inFlight + m_waiting.size() < capacity && supply()) {
+    // A key whose time would pass while it waits for a lane is better left in the source.
+    while (m_isSupplied && m_waiting.empty() && m_tasks.size() < m_maximumTasks &&
+           m_inFlight < capacity && supply()) {
         dispatch();
     }
 }
@@ -105,10 +105,10 @@ void Bulk::fill()
 bool Bulk::supply()
 {
     std::string key;
-    LDAPLookup::Supply supplied = m_source(key, false);
+    LDAPLookup::Supply supplied = ask(key, false);
     if (supplied == LDAPLookup::Supply::nothing && m_tasks.empty()) {
         endLanes(); // for others to use; nobody knows how long this takes
-        supplied = m_source(key, true);
+        supplied = ask(key, true);
     }
     m_isSupplied = supplied != LDAPLookup::Supply::end;
     if (supplied != LDAPLookup::Supply::key) {
@@ -120,6 +120,14 @@ bool Bulk::supply()
     return true;
 }
 
+LDAPLookup::Supply Bulk::ask(std::string& key, bool mayWait)
+{
+    auto const start = Clock::now();
+    LDAPLookup::Supply const supplied = m_source(key, mayWait);
+    excuse(Clock::now() - start);
+    return supplied;
+}
+
 void Bulk::begin(Task& task)
 {
     task.start = Clock::now();
@@ -129,7 +137,7 @@ void Bulk::begin(Task& task)
         finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
         return;
     }
-    if (!m_shared.forms.isServed(EmailAddress(task.key))) {
+    if (!m_shared.forms.isServed(task.key)) {
         finish(task, Outcome::Skipped, LDAP_SUCCESS, "its domain is none that is served");
         return;
     }
@@ -179,8 +187,30 @@ void Bulk::emit()
 {
     while (m_isWanted && !m_tasks.empty() && m_tasks.front().isDone) {
         Task& task = m_tasks.front();
+        auto const start = Clock::now();
         m_isWanted = m_sink(task.key, std::move(task.answer));
         m_tasks.pop_front();
+        excuse(Clock::now() - start);
+    }
+}
+
+/// Does not count the time for which the source or sink held the run up, as a reader of its output
+/// does that looks at a page at a time: the answers have come meanwhile, and wait to be taken.
+void Bulk::excuse(Clock::duration held)
+{
+    constexpr milliseconds noticeable(1);
+    if (held < noticeable) {
+        return;
+    }
+    for (Task& task : m_tasks) {
+        if (!task.isDone) {
+            task.start += held;
+            task.deadline += held;
+            task.sentAt += held;
+        }
+    }
+    for (Lane& lane : m_lanes) {
+        lane.heardAt += held;
     }
 }
 
@@ -214,7 +244,7 @@ Bulk::Lanes::iterator Bulk::laneFor(Task const& task, std::optional<SessionPool:
     for (auto lane = m_lanes.begin(); lane != m_lanes.end(); ++lane) {
         // What broke one connection has broken its contemporaries too, as a rule.
         bool const serves = !isRepeated || lane->lease->openedAt >= task.brokeAt;
-        if (serves && lane->tasks.size() < m_window &&
+        if (serves && !lane->isLeaving && lane->tasks.size() < m_window &&
             (best == m_lanes.end() || lane->tasks.size() < best->tasks.size())) {
             best = lane;
         }
@@ -229,18 +259,28 @@ Bulk::Lanes::iterator Bulk::laneFor(Task const& task, std::optional<SessionPool:
         (!isRepeated && m_inFlight != 0 && Clock::now() < m_noNewLaneBefore)) {
         return m_lanes.end();
     }
+    return newLane(task, refused);
+}
+
+Bulk::Lanes::iterator Bulk::newLane(Task const& task, std::optional<SessionPool::Outlook>& refused)
+{
+    bool const isRepeated = task.answer.wasRepeated;
+    // Nothing is taken from the other lanes meanwhile: none of their keys may be kept too long.
+    auto const deadline = std::min(task.deadline, earliestDeadline());
     SessionPool::Outlook outlook =
-        m_shared.sessions.acquire({task.deadline, isRepeated, m_inFlight == 0});
+        m_shared.sessions.acquire({deadline, isRepeated, m_inFlight == 0});
     if (outlook.lease) {
         m_lanes.emplace_back();
         m_lanes.back().lease = std::move(outlook.lease);
         return std::prev(m_lanes.end());
     }
-    if (m_inFlight == 0 || (isRepeated && outlook.refusal)) {
+    auto const now = Clock::now();
+    bool const isForGood = outlook.refusal && (now < deadline || deadline == task.deadline);
+    if (m_inFlight == 0 || (isRepeated && isForGood)) {
         refused = std::move(outlook);
     } else {
         // The lanes there are will do; another one is tried for now and then.
-        m_noNewLaneBefore = Clock::now() + m_shared.settings.backOff;
+        m_noNewLaneBefore = now + m_shared.settings.backOff;
     }
     return m_lanes.end();
 }
@@ -249,6 +289,41 @@ void Bulk::closeIdleLanesBefore(Clock::time_point time)
 {
     m_lanes.remove_if(
         [time](Lane const& lane) { return lane.tasks.empty() && lane.lease->openedAt < time; });
+}
+
+/// A run may take as long as it likes, so it takes turns with callers that wait.
+void Bulk::leaveOneLaneToOthers()
+{
+    if (m_lanes.empty() || !m_waiting.empty() || !m_shared.sessions.isWaitedFor()) {
+        return;
+    }
+    auto const soonest =
+        std::min_element(m_lanes.begin(), m_lanes.end(), [](Lane const& one, Lane const& other) {
+            // One that is leaving comes first, so that they leave one at a time.
+            return std::make_pair(!one.isLeaving, one.tasks.size()) <
+                   std::make_pair(!other.isLeaving, other.tasks.size());
+        });
+    soonest->isLeaving = true;
+}
+
+void Bulk::endLeavingLanes()
+{
+    m_lanes.remove_if([](Lane& lane) {
+        bool const isOver = lane.isLeaving && lane.tasks.empty();
+        if (isOver && !lane.hasAbandoned) {
+            lane.lease.giveBack();
+        }
+        return isOver;
+    });
+}
+
+void Bulk::endLanes()
+{
+    for (Lane& lane : m_lanes) {
+        lane.isLeaving = true;
+    }
+    endLeavingLanes();
+    m_lanes.clear(); // closes the others
 }
 
 void Bulk::send(Task& task, Lanes::iterator lane)
@@ -314,6 +389,7 @@ bool Bulk::drain(Lanes::iterator lane, milliseconds patience)
             break;
         }
         lane->heardAt = Clock::now();
+        m_shared.servers.heardFrom(lane->lease->server, lane->heardAt);
         if (!take(*lane, id, message)) {
             broke(lane, {Outcome::TryLater, LDAP_DECODING_ERROR, uri + " sent what is no LDAP"});
             break;
@@ -339,7 +415,7 @@ bool Bulk::take(Lane& lane, int messageId, LDAPMessageBuffer& message)
     try {
         task.result.impl()->parseMessage(message);
     } catch (LDAPException const&) {
-        isReadable = task.result.resultCode() != LDAP_SUCCESS; // a referral, stored before
+        isReadable = codeOf(task.result) != LDAP_SUCCESS; // a referral, stored before
     }
     int const type = task.result.resultType();
     if (!isReadable || type < searchEntry || type > searchResult) {
@@ -347,9 +423,10 @@ bool Bulk::take(Lane& lane, int messageId, LDAPMessageBuffer& message)
     }
     if (type == searchResult) {
         complete(lane, task);
-    } else if (type != searchReference && isOverfull(task)) {
-        lane.lease->session.abandon(messageId);
-        release(lane, task);
+    } else if (type == searchReference) {
+        task.isReferred = true;
+    } else if (isOverfull(task)) {
+        abandon(lane, task);
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                task.answer.server + " sent more than " +
                    std::to_string(m_shared.settings.entryLimit) + " entries");
@@ -367,7 +444,7 @@ bool Bulk::isOverfull(Task const& task) const
 void Bulk::complete(Lane& lane, Task& task)
 {
     release(lane, task);
-    int const code = task.result.resultCode();
+    int const code = codeOf(task.result);
     if (code != LDAP_SUCCESS) {
         Verdict const why = {outcomeOfSearch(code), code,
                              task.answer.server + ": " + wordsFor(task.result)};
@@ -392,10 +469,13 @@ void Bulk::concludeEmpty(Task& task)
         }
         return;
     }
-    finish(task, Outcome::NotFound, LDAP_SUCCESS,
-           task.answer.identity == Identity::Unconfirmed
-               ? task.answer.server + " cannot confirm as whom it answered"
-               : std::string());
+    std::string remark;
+    if (task.answer.identity == Identity::Unconfirmed) {
+        remark = task.answer.server + " cannot confirm as whom it answered";
+    } else if (task.isReferred) {
+        remark = task.answer.server + " leaves a part of the base to servers that were not asked";
+    }
+    finish(task, Outcome::NotFound, LDAP_SUCCESS, remark);
 }
 
 /// Whether another server is asked instead of one that says that it cannot serve now.
@@ -414,6 +494,13 @@ void Bulk::release(Lane& lane, Task& task)
 {
     lane.tasks.erase(std::find(lane.tasks.begin(), lane.tasks.end(), &task));
     --m_inFlight;
+}
+
+void Bulk::abandon(Lane& lane, Task& task)
+{
+    lane.lease->session.abandon(task.messageId);
+    lane.hasAbandoned = true;
+    release(lane, task);
 }
 
 /// Ends a lane whose connection is gone or not to be trusted; its searches go elsewhere.
@@ -449,19 +536,28 @@ Clock::time_point Bulk::silentAt(Lane const& lane) const
     return std::max(lane.heardAt, lane.tasks.front()->sentAt) + limit;
 }
 
+/// Of the searches in flight.
+Clock::time_point Bulk::earliestDeadline() const
+{
+    auto earliest = Clock::time_point::max();
+    for (Lane const& lane : m_lanes) {
+        for (Task const* task : lane.tasks) {
+            earliest = std::min(earliest, task->deadline);
+        }
+    }
+    return earliest;
+}
+
 /// Until something has to be done though nothing came.
 milliseconds Bulk::patience() const
 {
-    auto next = Clock::time_point::max();
+    auto next = earliestDeadline();
     for (Task const* task : m_waiting) {
         next = std::min(next, task->deadline);
     }
     for (Lane const& lane : m_lanes) {
         if (!lane.tasks.empty()) {
             next = std::min(next, silentAt(lane));
-        }
-        for (Task const* task : lane.tasks) {
-            next = std::min(next, task->deadline);
         }
     }
     auto const left = std::chrono::ceil<milliseconds>(next - Clock::now());
@@ -520,8 +616,7 @@ void Bulk::expireLane(Lanes::iterator lane, Clock::time_point now)
             return lane->heardAt < task->sentAt && now - task->sentAt >= limit / 2;
         });
     for (Task* const task : over) {
-        lane->lease->session.abandon(task->messageId);
-        release(*lane, *task);
+        abandon(*lane, *task);
         finish(*task, Outcome::TryLater, LDAP_TIMEOUT,
                uri + " gave no complete answer within the deadline of " +
                    secondsOf(m_shared.settings.deadline));
@@ -529,7 +624,10 @@ void Bulk::expireLane(Lanes::iterator lane, Clock::time_point now)
     if (isSilent) {
         Verdict const why = {Outcome::TryLater, LDAP_TIMEOUT,
                              uri + " did not answer the search within " + secondsOf(limit)};
-        m_shared.sessions.serverFailed(lane->lease->server, why, limit);
+        // Where it answered somebody else, it is the search that is slow.
+        if (!m_shared.servers.wasHeardSince(lane->lease->server, now - limit / 2)) {
+            m_shared.sessions.serverFailed(lane->lease->server, why, limit);
+        }
         broke(lane, why);
     }
 }

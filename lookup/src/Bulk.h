@@ -61,6 +61,7 @@ private:
         int messageId = 0;
         LDAPResult result;
         Answer answer;
+        bool isReferred = false; ///< for a part of what it looks through, to a server not asked
         bool isDone = false;
     };
 
@@ -68,22 +69,29 @@ private:
         SessionPool::Lease lease;
         std::vector<Task*> tasks; ///< searches in flight, oldest first
         Clock::time_point heardAt;
+        bool hasAbandoned = false; ///< a search; the rest of its answer may still come
+        bool isLeaving = false;    ///< gets no more searches, as others wait for a session
     };
     using Lanes = std::list<Lane>;
 
     // Keys in, answers out.
     void fill();
     bool supply();
+    LDAPLookup::Supply ask(std::string& key, bool mayWait);
     void begin(Task& task);
     bool prepareFilter(Task& task);
     void finish(Task& task, Outcome outcome, int code, std::string const& text);
     void emit();
-    void endLanes();
+    void excuse(Clock::duration held);
 
     // Tasks to lanes.
     void dispatch();
     Lanes::iterator laneFor(Task const& task, std::optional<SessionPool::Outlook>& refused);
+    Lanes::iterator newLane(Task const& task, std::optional<SessionPool::Outlook>& refused);
     void closeIdleLanesBefore(Clock::time_point time);
+    void leaveOneLaneToOthers();
+    void endLeavingLanes();
+    void endLanes();
     void send(Task& task, Lanes::iterator lane);
 
     // Answers.
@@ -95,11 +103,13 @@ private:
     void concludeEmpty(Task& task);
     bool passesOn(Lane const& lane, Task& task, Verdict const& why);
     void release(Lane& lane, Task& task);
+    void abandon(Lane& lane, Task& task);
     void broke(Lanes::iterator lane, Verdict const& why);
     void repeatOrFinish(Task& task, Verdict const& why);
 
     // Time.
     std::chrono::milliseconds patience() const;
+    Clock::time_point earliestDeadline() const;
     void waitForInput(std::chrono::milliseconds patience);
     void expire();
     void expireWaiting(Clock::time_point now);

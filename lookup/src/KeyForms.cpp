@@ -15,9 +15,9 @@ KeyForms::KeyForms(LDAPLookup::Settings const& settings)
     }
 }
 
-bool KeyForms::isServed(EmailAddress const& address) const
+bool KeyForms::isServed(std::string const& key) const
 {
-    return m_domains.empty() || m_domains.count(copyStringToLower(address.domain())) != 0;
+    return m_domains.empty() || m_domains.count(copyStringToLower(EmailAddress(key).domain())) != 0;
 }
 
 std::vector<EmailAddress> KeyForms::of(std::string const& key) const

@@ -18,7 +18,7 @@ public:
     explicit KeyForms(LDAPLookup::Settings const& settings);
 
     /// False where there is a list of domains and this one is not in it.
-    bool isServed(EmailAddress const& address) const;
+    bool isServed(std::string const& key) const;
     /// The addresses to try, in order, each text once. Never empty for a key that is not.
     std::vector<EmailAddress> of(std::string const& key) const;
 

@@ -80,10 +80,16 @@ void checkSearch(LDAPLookup::Settings const& settings)
 
 void checkLimits(LDAPLookup::Settings const& settings)
 {
+    // Moments are counted in nanoseconds; a time "without end" would lie before its beginning.
+    constexpr std::chrono::hours longest(365 * 24);
     require(settings.networkTimeout >= 1, "the network timeout is no time");
+    require(std::chrono::seconds(settings.networkTimeout) <= longest,
+            "the network timeout is longer than a year");
     require(settings.deadline.count() >= 1, "the deadline is no time");
+    require(settings.deadline <= longest, "the deadline is longer than a year");
     require(settings.backOff.count() >= 0 && settings.longestBackOff >= settings.backOff,
             "the longest back-off is shorter than the first");
+    require(settings.longestBackOff <= longest, "the longest back-off is longer than a year");
     require(settings.connections >= 1, "no connection is allowed");
     require(settings.window >= 1, "no search in flight is allowed");
 }

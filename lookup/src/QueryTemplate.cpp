@@ -83,10 +83,10 @@ Specifier specifierAt(std::string const& text, Range literal, Size end)
                    : Specifier{literal, {dollar, brace + 1}, letter, Fault::none};
     }
     bool const isKnown = std::string_view("unNdmaAbgc").find(letter) != std::string_view::npos;
-    return {literal,
-            {dollar, characterEnd(text, dollar + 1, end)},
-            letter,
-            isKnown ? Fault::none : Fault::unknown};
+    if (isKnown) {
+        return {literal, {dollar, dollar + 2}, letter, Fault::none};
+    }
+    return {literal, {dollar, characterEnd(text, dollar + 1, end)}, letter, Fault::unknown};
 }
 
 /// All of them in their order, also behind a malformed one.
@@ -310,10 +310,31 @@ private:
             std::any_of(m_specifiers.begin(), m_specifiers.end(), [](Specifier const& specifier) {
                 return std::string_view("unNdmaA").find(specifier.letter) != std::string_view::npos;
             });
-        if (!isNamed && !isMalformed() && !m_body.isEmpty()) {
+        if (isNamed || isMalformed() || m_body.isEmpty()) {
+            return;
+        }
+        Size const percent = percentSpecifier();
+        if (percent != std::string::npos) {
+            add(Weight::error, {percent, percent + 2},
+                "no specifier of these templates: '$m' inserts the address, '$u' its local part, "
+                "'$d' its domain");
+        } else {
             add(Weight::warning, m_body,
                 "no specifier for the address: every address finds the same");
         }
+    }
+
+    /// What the tables of mail servers write for a part of the address, as "%s".
+    Size percentSpecifier() const
+    {
+        Size at = m_text.find('%');
+        while (
+            at != std::string::npos &&
+            (at + 1 >= m_text.size() ||
+             std::string_view("suUdDSW123456789").find(m_text[at + 1]) == std::string_view::npos)) {
+            at = m_text.find('%', at + 1);
+        }
+        return at;
     }
 
     /// Counts in the template's text that gets into the filter: values are escaped.

@@ -1,6 +1,8 @@
 // Back-off, and resolving when it is needed.
 #include "ServerList.h"
 
+#include <solvart/Host.h>
+
 #include <algorithm>
 
 namespace Solvane::Lookup {
@@ -14,13 +16,27 @@ std::string uriOf(LDAPLookup::Server const& server)
            (isIPv6 ? '[' + server.host + ']' : server.host) + ':' + std::to_string(server.port);
 }
 
+/// Of a host name or an address. Resolved here, since the description would report a name that does
+/// not resolve to the process's log as well, each time it is tried.
+std::string addressOf(std::string const& host)
+{
+    Host const resolved(host, false);
+    if (resolved.isNull()) {
+        constexpr int failed = 4;
+        constexpr int general = 0;
+        LDAPException fault("LDAPException", failed, "ServerList.cpp", __LINE__, general);
+        fault.stringParameter("the host '" + host + "' does not resolve");
+        throw fault;
+    }
+    return resolved.address()->asString();
+}
+
 } // namespace
 
 ServerList::ServerList(LDAPLookup::Settings const& settings)
     : m_networkTimeout(settings.networkTimeout), m_backOff(settings.backOff),
       m_longestBackOff(settings.longestBackOff)
 {
-    m_servers.reserve(settings.servers.size());
     for (LDAPLookup::Server const& server : settings.servers) {
         m_servers.emplace_back();
         m_servers.back().server = server;
@@ -38,7 +54,7 @@ LDAPConnection::RefServer ServerList::describe(std::size_t index)
         }
     }
     LDAPLookup::Server const& server = state.server;
-    LDAPConnection::RefServer const resolved(server.host, server.port, server.version,
+    LDAPConnection::RefServer const resolved(addressOf(server.host), server.port, server.version,
                                              server.secure, m_networkTimeout, false, false);
     std::lock_guard<std::mutex> const lock(m_mutex);
     state.description = resolved;
@@ -69,6 +85,12 @@ bool ServerList::claim(std::size_t index, Clock::time_point now)
     return true;
 }
 
+void ServerList::giveUpTrial(std::size_t index, Clock::time_point now)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_servers[index].retryAt = std::min(m_servers[index].retryAt, now);
+}
+
 bool ServerList::failsPromptly(std::size_t index) const
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
@@ -81,10 +103,30 @@ Verdict ServerList::lastFailure(std::size_t index) const
     return m_servers[index].why;
 }
 
+bool ServerList::isAnotherInUse(std::size_t index) const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return std::any_of(m_servers.begin(), m_servers.end(), [&](State const& state) {
+        return state.isInUse && &state != &m_servers[index];
+    });
+}
+
+void ServerList::heardFrom(std::size_t index, Clock::time_point now)
+{
+    m_servers[index].heardAt.store(now.time_since_epoch().count(), std::memory_order_relaxed);
+}
+
+bool ServerList::wasHeardSince(std::size_t index, Clock::time_point time) const
+{
+    return m_servers[index].heardAt.load(std::memory_order_relaxed) >=
+           time.time_since_epoch().count();
+}
+
 void ServerList::succeeded(std::size_t index)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     State& state = m_servers[index];
+    state.isInUse = true;
     state.isFailing = false;
     state.failsPromptly = false;
     state.backOff = Clock::duration(0);
@@ -99,6 +141,7 @@ void ServerList::failed(std::size_t index, Verdict const& why, Clock::duration c
     // Threads that failed together are one failure.
     bool const isSameFailure = state.isFailing && now - cost < state.failedAt;
     state.why = why;
+    state.isInUse = false;
     state.description = LDAPConnection::RefServer();
     if (isSameFailure) {
         return;

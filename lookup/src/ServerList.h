@@ -5,10 +5,11 @@
 #include <solvane/lookup/DirectorySession.h>
 #include <solvane/lookup/LDAPLookup.h>
 
+#include <atomic>
 #include <chrono>
+#include <deque>
 #include <mutex>
 #include <string>
-#include <vector>
 
 namespace Solvane::Lookup {
 
@@ -29,6 +30,8 @@ public:
 
     /// Whether a caller may use the server now. Takes the trial, where a back-off has ended.
     bool claim(std::size_t index, Clock::time_point now);
+    /// Leaves the trial to the next caller, as this one learned nothing.
+    void giveUpTrial(std::size_t index, Clock::time_point now);
     /// The same as a question.
     bool isEligible(std::size_t index, Clock::time_point now) const;
     /// Whether asking a server that is passed over costs nothing: it fails at once, as one that
@@ -36,6 +39,13 @@ public:
     bool failsPromptly(std::size_t index) const;
     /// Why the server is passed over.
     Verdict lastFailure(std::size_t index) const;
+
+    /// Whether a server other than this one is in use: what it accepted cannot be wrong as such.
+    bool isAnotherInUse(std::size_t index) const;
+
+    /// An answer came from the server, to whichever caller.
+    void heardFrom(std::size_t index, Clock::time_point now);
+    bool wasHeardSince(std::size_t index, Clock::time_point time) const;
 
     void succeeded(std::size_t index);
     /// @param cost  how long the caller was kept waiting for the failure
@@ -45,8 +55,10 @@ private:
     struct State {
         LDAPLookup::Server server;
         std::string uri;
+        std::atomic<Clock::rep> heardAt{Clock::time_point::min().time_since_epoch().count()};
         // Guarded by m_mutex.
         LDAPConnection::RefServer description;
+        bool isInUse = false; ///< a connection was opened, and no failure since
         bool isFailing = false;
         bool failsPromptly = false;
         Clock::time_point failedAt;
@@ -58,7 +70,7 @@ private:
     bool isEligible(State const& state, Clock::time_point now) const;
 
     mutable std::mutex m_mutex;
-    std::vector<State> m_servers;
+    std::deque<State> m_servers; ///< as many as at first; the states stay where they are
     unsigned int m_networkTimeout;
     Clock::duration m_backOff;
     Clock::duration m_longestBackOff;

@@ -51,7 +51,7 @@ SessionPool::Lease::~Lease() { close(); }
 void SessionPool::Lease::giveBack()
 {
     if (m_session) {
-        m_pool->put(std::move(m_session));
+        m_pool->put(m_session);
     }
 }
 
@@ -74,49 +74,48 @@ SessionPool::~SessionPool() = default;
 
 SessionPool::Outlook SessionPool::acquire(Wish const& wish)
 {
+    struct AtEnd {
+        SessionPool& pool;
+        ~AtEnd() { pool.passOn(); }
+    } const atEnd{*this};
+    unsigned long seenChanges = changes();
+    bool isOthersTurn = isWaitedFor();
     for (;;) {
-        unsigned long changes = 0;
-        {
-            std::lock_guard<std::mutex> const lock(m_mutex);
-            changes = m_changes;
-        }
-        Walk found = walk(wish, Among::eligible);
-        if (!found.lease && !found.isFull && !found.isFinal && !found.hasTried) {
-            // Everyone is passed over. One that fails at once costs nothing to ask, and may be back.
-            found = walk(wish, Among::prompt);
-        }
-        if (found.lease) {
-            return {std::move(found.lease), std::nullopt, std::string()};
-        }
-        if (!found.isFull) {
-            return {Lease(), found.refusal, m_servers.uri(found.refusedBy)};
+        if (!isOthersTurn) {
+            Walk found = walk(wish);
+            if (found.lease) {
+                return {std::move(found.lease), std::nullopt, std::string()};
+            }
+            if (!found.isFull) {
+                return {Lease(), found.refusal, m_servers.uri(found.refusedBy)};
+            }
         }
         if (!wish.mayWait) {
             return {};
         }
-        if (!awaitRoom(wish.deadline, changes)) {
+        if (!awaitRoom(wish.deadline, seenChanges)) {
             return {Lease(),
                     Verdict{Outcome::TryLater, timedOut,
                             "no connection came free within the deadline, all " +
                                 std::to_string(m_settings.connections) + " are in use"},
                     std::string()};
         }
+        seenChanges = changes();
+        isOthersTurn = false;
     }
 }
 
-/// Keeps what says most: something that may pass outweighs a refusal, the first one the others.
-void SessionPool::Walk::note(Verdict const& why, std::size_t server)
+SessionPool::Walk SessionPool::walk(Wish const& wish)
 {
-    bool const saysMore =
-        !refusal || (why.outcome == Outcome::TryLater && refusal->outcome != Outcome::TryLater);
-    isFinal = isAboutTheCaller(why);
-    if (saysMore || isFinal) {
-        refusal = why;
-        refusedBy = server;
+    Walk found = walkAlong(wish, Among::eligible);
+    if (!found.lease && !found.isFull && !found.isFinal && !found.hasTried) {
+        // Everyone is passed over. One that fails at once costs nothing to ask, and may be back.
+        found = walkAlong(wish, Among::prompt);
     }
+    return found;
 }
 
-SessionPool::Walk SessionPool::walk(Wish const& wish, Among among)
+SessionPool::Walk SessionPool::walkAlong(Wish const& wish, Among among)
 {
     Walk result;
     for (std::size_t server = 0; server < m_servers.size(); ++server) {
@@ -125,13 +124,26 @@ SessionPool::Walk SessionPool::walk(Wish const& wish, Among among)
         if (mayTry) {
             visit(result, server, wish, among);
         } else {
-            result.note(m_servers.lastFailure(server), server);
+            note(result, m_servers.lastFailure(server), server);
         }
         if (result.lease || result.isFull || result.isFinal) {
             break;
         }
     }
     return result;
+}
+
+/// Keeps what says most: something that may pass outweighs a refusal, the first one the others.
+void SessionPool::note(Walk& walk, Verdict const& why, std::size_t server) const
+{
+    bool const saysMore = !walk.refusal || (why.outcome == Outcome::TryLater &&
+                                            walk.refusal->outcome != Outcome::TryLater);
+    // Where another server has taken the credentials, it is this one's matter.
+    walk.isFinal = isAboutTheCaller(why) && !m_servers.isAnotherInUse(server);
+    if (saysMore || walk.isFinal) {
+        walk.refusal = why;
+        walk.refusedBy = server;
+    }
 }
 
 void SessionPool::visit(Walk& walk, std::size_t server, Wish const& wish, Among among)
@@ -149,7 +161,7 @@ void SessionPool::visit(Walk& walk, std::size_t server, Wish const& wish, Among 
     // Of several callers, one finds out whether a server is back.
     if (among == Among::eligible && !m_servers.claim(server, Clock::now())) {
         freeRoom();
-        walk.note(m_servers.lastFailure(server), server);
+        note(walk, m_servers.lastFailure(server), server);
         return;
     }
     tryServer(walk, server, wish);
@@ -162,6 +174,7 @@ void SessionPool::tryServer(Walk& walk, std::size_t server, Wish const& wish)
     try {
         verdict = open(server, wish, walk.lease);
     } catch (...) {
+        m_servers.giveUpTrial(server, start);
         freeRoom();
         throw;
     }
@@ -171,16 +184,25 @@ void SessionPool::tryServer(Walk& walk, std::size_t server, Wish const& wish)
         return;
     }
     freeRoom();
-    walk.note(verdict, server);
-    auto const cost = Clock::now() - start;
-    if (Clock::now() >= wish.deadline) {
+    note(walk, verdict, server);
+    auto const end = Clock::now();
+    if (end >= wish.deadline) {
         walk.isFinal = true;
-        // A caller that had little time left has proved nothing against the server.
-        if (cost < std::chrono::seconds(m_settings.networkTimeout) / 2) {
+        if (end - start < proof()) {
+            m_servers.giveUpTrial(server, end);
             return;
         }
     }
-    serverFailed(server, verdict, cost);
+    serverFailed(server, verdict, end - start);
+}
+
+/// What a caller must have waited at least to have proved something against a server, where it ran
+/// out of time: most of what any caller can wait.
+Clock::duration SessionPool::proof() const
+{
+    return std::min<Clock::duration>(std::chrono::seconds(m_settings.networkTimeout),
+                                     m_settings.deadline) /
+           2;
 }
 
 /// An idle session to the server, looked at; null where there is none.
@@ -284,39 +306,65 @@ void SessionPool::serverFailed(std::size_t server, Verdict const& why, Clock::du
         }
     }
     if (!dropped.empty()) {
-        ++m_changes;
-        m_changed.notify_all();
+        announceChange(); // and who takes that room leaves the rest to the next one
     }
+}
+
+unsigned long SessionPool::changes() const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return m_changes;
 }
 
 /// False when the time is over before a session came free.
 bool SessionPool::awaitRoom(Clock::time_point deadline, unsigned long seenChanges)
 {
     std::unique_lock<std::mutex> lock(m_mutex);
-    return m_changed.wait_until(lock, deadline, [&] { return m_changes != seenChanges; });
+    ++m_waiting;
+    bool const hasChanged =
+        m_changed.wait_until(lock, deadline, [&] { return m_changes != seenChanges; });
+    --m_waiting;
+    return hasChanged;
 }
 
-void SessionPool::put(std::unique_ptr<PooledSession> session)
+/// Takes the session when nothing fails.
+void SessionPool::put(std::unique_ptr<PooledSession>& session)
 {
     session->session.connection().impl()->extendExpiryTime(time(nullptr));
     std::unique_ptr<PooledSession> expired; // let go after unlocking
     std::lock_guard<std::mutex> const lock(m_mutex);
-    m_idle.push_front(std::move(session));
+    m_idle.push_front(nullptr);
+    m_idle.front() = std::move(session);
     if (m_idle.back()->session.connection().impl()->hasExpired(time(nullptr))) {
         expired = std::move(m_idle.back());
         m_idle.pop_back();
         --m_count;
     }
-    ++m_changes;
-    m_changed.notify_one();
+    announceChange();
 }
 
 void SessionPool::freeRoom()
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     --m_count;
+    announceChange();
+}
+
+/// Wakes one who waits. Called with the mutex held.
+void SessionPool::announceChange()
+{
     ++m_changes;
     m_changed.notify_one();
+}
+
+/// Wakes the next one where a caller leaves something behind: the caller may have been woken for it.
+/// Also where nobody waits yet, as somebody may be about to since it was the caller's turn.
+void SessionPool::passOn()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    if (!m_idle.empty() || m_count < m_settings.connections) {
+        announceChange();
+    }
 }
 
 } // namespace Solvane::Lookup

@@ -75,6 +75,8 @@ public:
 
     /// An idle session to the first server that is up, or a new one, or one that comes free.
     Outlook acquire(Wish const& wish);
+    /// Whether a caller waits for a session, so that one that is used on and on should be given back.
+    bool isWaitedFor() const { return m_waiting != 0; }
     /// Passes the server over from now on, and closes its idle sessions.
     void serverFailed(std::size_t server, Verdict const& why, Clock::duration cost);
 
@@ -92,14 +94,14 @@ private:
         bool isFull = false;  ///< all sessions are in use
         bool isFinal = false; ///< no other server would do better
         bool hasTried = false;
-
-        void note(Verdict const& why, std::size_t server);
     };
 
     /// Which servers a walk asks: those that are not passed over, or those that fail at once.
     enum class Among { eligible, prompt };
 
-    Walk walk(Wish const& wish, Among among);
+    Walk walk(Wish const& wish);
+    Walk walkAlong(Wish const& wish, Among among);
+    void note(Walk& walk, Verdict const& why, std::size_t server) const;
     void visit(Walk& walk, std::size_t server, Wish const& wish, Among among);
     void tryServer(Walk& walk, std::size_t server, Wish const& wish);
     std::unique_ptr<PooledSession> takeIdle(std::size_t server);
@@ -108,20 +110,25 @@ private:
     Verdict open(std::size_t server, Wish const& wish, Lease& lease);
     Verdict authenticate(PooledSession& opened, Clock::time_point deadline) const;
     void prepare(PooledSession& opened) const;
+    Clock::duration proof() const;
+    unsigned long changes() const;
     bool awaitRoom(Clock::time_point deadline, unsigned long seenChanges);
-    void put(std::unique_ptr<PooledSession> session);
+    void put(std::unique_ptr<PooledSession>& session);
     void freeRoom();
+    void announceChange();
+    void passOn();
 
     LDAPLookup::Settings const& m_settings;
     ServerList& m_servers;
     std::atomic<unsigned long> m_opened{0};
     std::atomic<unsigned long> m_stale{0};
+    std::atomic<unsigned int> m_waiting{0}; ///< callers in awaitRoom; changed under m_mutex
 
     mutable std::mutex m_mutex; // guards everything below; no network work under it
     std::condition_variable m_changed;
     Idle m_idle;                 ///< used last in front
     unsigned int m_count = 0;    ///< idle, in use and being opened
-    unsigned long m_changes = 0; ///< how often a session came free
+    unsigned long m_changes = 0; ///< how often it was worth looking again
 };
 
 } // namespace Solvane::Lookup

@@ -204,6 +204,84 @@ TEST_F(BulkLookup, RunsBesideSingleLookupsOnOnePool)
     EXPECT_EQ(countOf(Outcome::Found, bulk), 2000U);
 }
 
+// What the TLS layer has read and decrypted does not show on the socket any more.
+TEST_F(BulkLookup, TakesTheAnswersThatTheTlsLayerHoldsBack)
+{
+    auto secure = settingsFor({slapd().tlsPort()});
+    secure.servers[0].secure = true;
+    secure.tls.caFile = slapd().caFile().string();
+    secure.queryTemplate = "(|(mail=$m)(mail=user000000*))"; // several entries in one record
+    LDAPLookup lookup(secure);
+
+    auto const answers = answersTo(lookup, users(1000, 300));
+    auto const opened = lookup.statistics().opened;
+    auto const again = lookup.find(addressOf(1));
+
+    EXPECT_EQ(countOf(Outcome::Found, answers), 1000U);
+    EXPECT_EQ(again.outcome, Outcome::Found);
+    EXPECT_EQ(lookup.statistics().opened, opened);
+    EXPECT_EQ(lookup.statistics().stale, 0U);
+    EXPECT_EQ(lookup.statistics().repeated, 0U);
+}
+
+// A run may be endless, and all connections be its.
+TEST_F(BulkLookup, TakesTurnsWithASingleLookupThatWaitsForAConnection)
+{
+    auto narrow = settings();
+    narrow.connections = 1;
+    LDAPLookup lookup(narrow);
+    std::atomic<int> given{0};
+    std::atomic<bool> isAnswered{false};
+    Outcome other = Outcome::Found;
+    std::thread runner([&] {
+        lookup.findAll(
+            [&](std::string& key, bool) {
+                key = addressOf(++given % 300 + 1);
+                return isAnswered ? Supply::end : Supply::key;
+            },
+            [&](std::string const&, LDAPLookup::Answer&& answer) {
+                other = answer.outcome != Outcome::Found ? answer.outcome : other;
+                return true;
+            });
+    });
+    ASSERT_TRUE(eventually([&] { return given > 100; }));
+
+    std::vector<Outcome> single;
+    for (int i = 1; i <= 5; ++i) {
+        single.push_back(lookup.find(addressOf(i)).outcome);
+    }
+    isAnswered = true;
+    runner.join();
+
+    EXPECT_THAT(single, testing::Each(Outcome::Found));
+    EXPECT_EQ(other, Outcome::Found);
+    EXPECT_EQ(lookup.statistics().opened, 1U);
+}
+
+// As a pager does, which reads on when its user turns the page.
+TEST_F(BulkLookup, DoesNotChargeTheKeysWithTheTimeThatTheSinkTakes)
+{
+    auto patient = settings();
+    patient.connections = 1;
+    patient.window = 4;
+    patient.deadline = std::chrono::milliseconds(500);
+    patient.forms = {LDAPLookup::Form::full, LDAPLookup::Form::bare, LDAPLookup::Form::domain};
+    LDAPLookup lookup(patient);
+    std::vector<Outcome> outcomes;
+
+    lookup.findAll(sourceOf(std::vector<std::string>(12, "nobody@corp.test")),
+                   [&](std::string const&, LDAPLookup::Answer&& answer) {
+                       if (outcomes.size() % 4 == 0) {
+                           std::this_thread::sleep_for(std::chrono::milliseconds(600));
+                       }
+                       outcomes.push_back(answer.outcome);
+                       return true;
+                   });
+
+    EXPECT_THAT(outcomes, SizeIs(12));
+    EXPECT_THAT(outcomes, testing::Each(Outcome::NotFound));
+}
+
 TEST(BulkLookupWindow, HasThisManySearchesInFlightOnAConnection)
 {
     ScriptedServer server([](Peer& peer) {
@@ -325,6 +403,43 @@ TEST(BulkLookupInTrouble, AnswersTheOthersWhileOneKeyIsNeverAnswered)
     EXPECT_EQ(answers.front().answer.code, -5);
     EXPECT_EQ(countOf(Outcome::Found, answers), 19U);
     EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(BulkLookupInTrouble, EndsAKeyInTimeWhileAnotherConnectionDoesNotOpen)
+{
+    std::atomic<bool> isFirst{true};
+    ScriptedServer server([&](Peer& peer) {
+        if (isFirst.exchange(false)) {
+            serving([](Peer& silent, std::string const&) { silent.receiveUntilClosed(); })(peer);
+        } else {
+            peer.receiveUntilClosed();
+        }
+    });
+    auto settings = settingsFor({server.port()});
+    settings.connections = 2;
+    settings.window = 1;
+    settings.deadline = std::chrono::milliseconds(30000);
+    settings.networkTimeout = 30;
+    LDAPLookup lookup(settings);
+    settings.deadline = std::chrono::milliseconds(1000);
+    LDAPLookup hurried(settings);
+    int given = 0;
+    std::vector<LDAPLookup::Answer> answers;
+
+    hurried.findAll(
+        [&](std::string& key, bool) {
+            if (given == 2) {
+                return Supply::end;
+            }
+            key = addressOf(++given);
+            return Supply::key;
+        },
+        [&](std::string const&, LDAPLookup::Answer&& answer) {
+            answers.push_back(std::move(answer));
+            return true;
+        });
+
+    ASSERT_THAT(answers, SizeIs(2));
 }
 
 } // namespace SolvaneTest

@@ -16,6 +16,7 @@ using namespace Solvane;
 using Lookup::Identity;
 using Lookup::Outcome;
 using std::chrono::milliseconds;
+using testing::Each;
 using testing::HasSubstr;
 using testing::SizeIs;
 
@@ -144,6 +145,55 @@ TEST(LookupOnADeadServer, DoesNotWaitAgainForOneThatKeptAnotherCallerWaiting)
     EXPECT_THAT(first.text, HasSubstr("did not answer the bind within 1 s"));
     EXPECT_EQ(second.outcome, Outcome::TryLater);
     EXPECT_EQ(silent.connectionCount(), 1U);
+}
+
+// A back-off that only a wait of the whole network timeout began would never begin here: each key
+// would be spent on the silent server, and the one behind it never be asked.
+TEST(LookupOnADeadServer, GoesOnToTheNextAlsoWhereNoKeyHasTimeForTheNetworkTimeout)
+{
+    ScriptedServer silent([](Peer& peer) { peer.receiveUntilClosed(); });
+    ScriptedServer const live(serving(answerFound));
+    auto settings = settingsFor({silent.port(), live.port()});
+    settings.networkTimeout = 10;
+    settings.deadline = milliseconds(300);
+    settings.backOff = settings.longestBackOff = std::chrono::hours(1);
+    LDAPLookup lookup(settings);
+
+    auto const first = lookup.find(addressOf(1));
+    auto const second = lookup.find(addressOf(2));
+
+    EXPECT_EQ(first.outcome, Outcome::TryLater);
+    EXPECT_EQ(second.outcome, Outcome::Found) << second.text;
+    EXPECT_EQ(second.server, uriOf(live.port()));
+}
+
+// As a replica does that was set up anew and has no entries yet, not even the one that binds.
+TEST(LookupOnADeadServer, GoesOnToTheNextWhereOneRefusesABindThatTheNextHasTaken)
+{
+    std::atomic<bool> isBack{false};
+    ScriptedServer first([&](Peer& peer) {
+        if (isBack) {
+            peer.send(bindResponse(messageIdOf(peer.receiveMessage()), 49));
+            peer.receiveUntilClosed();
+        }
+    });
+    ScriptedServer const second(serving(answerFound));
+    auto settings = settingsFor({first.port(), second.port()});
+    settings.backOff = settings.longestBackOff = milliseconds(1);
+    LDAPLookup lookup(settings);
+    auto const meanwhile = lookup.find(addressOf(1));
+    isBack = true;
+
+    std::vector<Outcome> outcomes;
+    bool const wasAsked = eventually([&] {
+        outcomes.push_back(lookup.find(addressOf(1)).outcome);
+        return countOf(BindRequest, first.received()) != 0;
+    });
+    outcomes.push_back(lookup.find(addressOf(1)).outcome);
+
+    EXPECT_EQ(meanwhile.outcome, Outcome::Found);
+    EXPECT_TRUE(wasAsked);
+    EXPECT_THAT(outcomes, Each(Outcome::Found));
 }
 
 // Broken connections
@@ -276,6 +326,24 @@ TEST(LookupOnADowngradedConnection, AsksWhoWeAreOncePerConnection)
     EXPECT_EQ(countOf(SearchRequest, server.received()), 2U);
 }
 
+TEST(LookupOnAPartOfTheDirectory, SaysWithNotFoundThatOtherServersWereNotAsked)
+{
+    constexpr unsigned char searchReference = 0x73;
+    std::string const elsewhere = berElement(
+        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
+    ScriptedServer const server(serving([&](Peer& peer, std::string const& request) {
+        int const id = messageIdOf(request);
+        peer.send(ldapMessage(id, elsewhere) + searchDone(id));
+    }));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const answer = lookup.find("nobody@corp.test");
+
+    EXPECT_EQ(answer.outcome, Outcome::NotFound);
+    EXPECT_EQ(answer.text,
+              uriOf(server.port()) + " leaves a part of the base to servers that were not asked");
+}
+
 // Time
 
 TEST(LookupUnderADeadline, EndsWhereTheServerNeverAnswersTheSearch)
@@ -313,6 +381,80 @@ TEST(LookupUnderADeadline, EndsAlsoWhereTheServerDripsOneEntryAtATime)
     EXPECT_EQ(answer.code, -5);
     EXPECT_FALSE(answer.entries.empty());
     EXPECT_LT(answer.milliseconds, 10000);
+}
+
+TEST(LookupUnderADeadline, EndsAlsoWhereTheServerDripsOneByteAtATime)
+{
+    ScriptedServer server(serving([](Peer& peer, std::string const& request) {
+        for (char const byte : searchEntry(messageIdOf(request), "cn=somebody", {})) {
+            peer.send(std::string(1, byte));
+            std::this_thread::sleep_for(milliseconds(50)); // the drip itself
+        }
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.deadline = milliseconds(300);
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answer.code, -5);
+    EXPECT_THAT(answer.text, HasSubstr("within the deadline"));
+    EXPECT_LT(answer.milliseconds, 10000);
+}
+
+// The next key would have to wait for the rest of an answer that nobody wants.
+TEST(LookupUnderADeadline, ClosesTheConnectionOnWhichAnAnswerIsStillComing)
+{
+    std::atomic<bool> drips{true};
+    ScriptedServer server(serving([&](Peer& peer, std::string const& request) {
+        bool const isFirst = drips.exchange(false);
+        for (int i = 0; isFirst && i < 60; ++i) {
+            peer.send(searchEntry(messageIdOf(request), "cn=" + std::to_string(i), {}));
+            std::this_thread::sleep_for(milliseconds(20)); // the drip itself
+        }
+        answerFound(peer, request);
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.deadline = milliseconds(300);
+    LDAPLookup lookup(settings);
+
+    auto const dripped = lookup.find(addressOf(1));
+    auto const next = lookup.find(addressOf(2));
+
+    EXPECT_EQ(dripped.outcome, Outcome::TryLater);
+    EXPECT_EQ(next.outcome, Outcome::Found) << next.text;
+    EXPECT_EQ(server.connectionCount(), 2U);
+}
+
+// One search without an index must not make a server that answers all the others count as failed.
+TEST(LookupUnderADeadline, LeavesTheServerToOthersWhereOnlyOneSearchIsSlow)
+{
+    ScriptedServer const server(serving([](Peer& peer, std::string const& request) {
+        if (request.find("slow") == std::string::npos) {
+            answerFound(peer, request);
+        }
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.deadline = milliseconds(500);
+    settings.backOff = settings.longestBackOff = std::chrono::hours(1);
+    LDAPLookup lookup(settings);
+    std::atomic<bool> isOver{false};
+    Outcome slow = Outcome::Found;
+    std::thread asker([&] {
+        slow = lookup.find("slow@corp.test").outcome;
+        isOver = true;
+    });
+
+    std::vector<Outcome> others;
+    while (!isOver) {
+        others.push_back(lookup.find(addressOf(1)).outcome);
+    }
+    asker.join();
+    others.push_back(lookup.find(addressOf(1)).outcome);
+
+    EXPECT_EQ(slow, Outcome::TryLater);
+    EXPECT_THAT(others, Each(Outcome::Found));
 }
 
 TEST(LookupUnderADeadline, StopsAFloodOfEntriesAtTheLimit)

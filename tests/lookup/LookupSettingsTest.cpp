@@ -91,4 +91,18 @@ TEST(LookupSettings, NeedTimesAndRoom)
     EXPECT_NE(refusalWith([](Settings& s) { s.longestBackOff = milliseconds(10); }), "");
 }
 
+// Added to the present moment, the longest time that can be written would lie in the past.
+TEST(LookupSettings, AreRefusedWhereATimeIsMeantToHaveNoEnd)
+{
+    using std::chrono::hours;
+    using std::chrono::milliseconds;
+    EXPECT_EQ(refusalWith([](Settings& s) { s.deadline = milliseconds::max(); }),
+              "the deadline is longer than a year");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.longestBackOff = milliseconds::max(); }),
+              "the longest back-off is longer than a year");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.networkTimeout = 4294967295U; }),
+              "the network timeout is longer than a year");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.deadline = s.longestBackOff = hours(8760); }), "");
+}
+
 } // namespace SolvaneTest

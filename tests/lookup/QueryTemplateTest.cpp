@@ -163,6 +163,14 @@ TEST(QueryTemplateExplanation, EndsBeforeAMalformedSpecifier)
     }
 }
 
+TEST(QueryTemplateExplanation, LeavesToTheTextWhatIsNoUtf8BehindASpecifier)
+{
+    EXPECT_THAT(QueryTemplate("$u\xB9$b-$g\x80$u", "", "7").explain(EmailAddress("jdoe@x")),
+                ElementsAre(isStep(0, "$u", "", "jdoe", "", ""),
+                            isStep(3, "$b", "\xB9", "", "", ""), isStep(6, "$g", "", "7", "", ""),
+                            isStep(9, "$u", "", "jdoe", "", "")));
+}
+
 // Checking
 
 TEST(QueryTemplateCheck, FindsNothingInACleanTemplate)
@@ -214,6 +222,15 @@ TEST(QueryTemplateCheck, PointsAtASpecifierWhoseValueIsNoLineOfUtf8)
                 ElementsAre(isError(14, 2, "invalid UTF-8 at byte 1"),
                             isError(20, 2, "a control character at byte 0")));
     EXPECT_THAT(QueryTemplate("(uid=$u)", "\xFF", "\n").check(), IsEmpty());
+}
+
+TEST(QueryTemplateCheck, PointsAtTheSpecifierOfAnotherSystem)
+{
+    EXPECT_THAT(findingsOf("(mail=%s)"), ElementsAre(isError(6, 2, "'$m' inserts the address")));
+    EXPECT_THAT(findingsOf("(x=50%)(m=%u@%d)"), ElementsAre(isError(10, 2, "'$u' its local part")));
+    EXPECT_THAT(findingsOf("(cn=100%)"),
+                ElementsAre(isWarning(0, 9, "no specifier for the address")));
+    EXPECT_THAT(findingsOf("(&(x=%s)(mail=$m))"), IsEmpty());
 }
 
 TEST(QueryTemplateCheck, PointsAtATemplateThatComesOutEmpty)

@@ -68,7 +68,7 @@ public:
         std::vector<std::string> domains;
         unsigned int entryLimit = 1000; ///< for one key; more is `TryLater`; 0: no limit
         unsigned int timeLimit = 0;     ///< seconds that a server may search; 0: no limit
-        std::chrono::milliseconds deadline{15000}; ///< for one key as a whole
+        std::chrono::milliseconds deadline{15000}; ///< for one key as a whole; a year at most
         Lookup::TlsPolicy tls;
         unsigned int connections = 4; ///< at most, of all threads together
         unsigned int window = 32;     ///< searches in flight on each connection of `findAll`
@@ -100,7 +100,8 @@ public:
 
     /// Looks up every key of `source`, from this thread, with up to `window` searches in flight on
     /// each of up to `connections` connections. Each key has the deadline for itself, counted from
-    /// its start.
+    /// its start; what the source and the sink take of it is added. Where other callers wait for a
+    /// connection, it takes turns with them.
     void findAll(Source const& source, Sink const& sink);
 
     /// Counted since the object was made.

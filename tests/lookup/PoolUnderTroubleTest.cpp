@@ -1,0 +1,259 @@
+// Threads that share a pool while one of the servers is in trouble.
+#include "Eventually.h"
+#include "LdapMessages.h"
+#include "Lookups.h"
+#include "ScriptedServer.h"
+#include "Slapd.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+using namespace Solvane;
+using Lookup::Outcome;
+using std::chrono::milliseconds;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+/// Looks addresses up on several threads at once, each a few times.
+std::vector<LDAPLookup::Answer> findOnThreads(LDAPLookup& lookup, int threads, int times)
+{
+    std::vector<std::vector<LDAPLookup::Answer>> found(static_cast<std::size_t>(threads));
+    std::vector<std::thread> running;
+    for (auto& answers : found) {
+        running.emplace_back([&lookup, &answers, times] {
+            for (int i = 1; i <= times; ++i) {
+                answers.push_back(lookup.find(addressOf(i)));
+            }
+        });
+    }
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+    std::vector<LDAPLookup::Answer> all;
+    for (auto& answers : found) {
+        all.insert(all.end(), answers.begin(), answers.end());
+    }
+    return all;
+}
+
+/// How many searches a lookup has in flight at once, of this many that are wanted.
+std::size_t searchesAtOnce(LDAPLookup& lookup, ScriptedServer& server, std::size_t wanted)
+{
+    std::size_t const before = countOf(SearchRequest, server.received());
+    std::vector<std::thread> running;
+    for (std::size_t i = 0; i < wanted; ++i) {
+        running.emplace_back([&lookup] { lookup.find(addressOf(1)); });
+    }
+    std::size_t inFlight = 0;
+    eventually([&] {
+        inFlight = countOf(SearchRequest, server.received()) - before;
+        return inFlight == wanted;
+    });
+    server.giveCue();
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+    return inFlight;
+}
+
+} // namespace
+
+// A thread waits for one server
+
+TEST(PoolWithAPausedServer, HoldsUpNobodyWhoCanAskAnother)
+{
+    enum State { down, paused };
+    std::atomic<State> state{down};
+    ScriptedServer first([&](Peer& peer) {
+        if (state == paused) {
+            peer.awaitCue();
+        }
+    });
+    ScriptedServer const second(serving(answerFound));
+    auto settings = settingsFor({first.port(), second.port()});
+    settings.networkTimeout = 30;
+    settings.deadline = std::chrono::seconds(60);
+    settings.backOff = settings.longestBackOff = milliseconds(1);
+    LDAPLookup lookup(settings);
+    lookup.find(addressOf(1));
+    std::size_t const before = first.connectionCount();
+    state = paused;
+    LDAPLookup::Answer waiters;
+    std::atomic<bool> hasWaited{false};
+
+    std::thread waiter([&] {
+        bool const isWaiting = eventually([&] {
+            waiters = lookup.find(addressOf(1));
+            return first.connectionCount() != before;
+        });
+        hasWaited = isWaiting;
+    });
+    bool const isWaiting = eventually([&] { return first.connectionCount() != before; });
+    auto const others = findOnThreads(lookup, 3, 20);
+    bool const wasStillWaiting = !hasWaited;
+    first.giveCue();
+    waiter.join();
+
+    EXPECT_TRUE(isWaiting);
+    EXPECT_TRUE(wasStillWaiting);
+    for (LDAPLookup::Answer const& answer : others) {
+        EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    }
+    EXPECT_EQ(first.connectionCount(), before + 1);
+    EXPECT_EQ(waiters.outcome, Outcome::Found) << waiters.text;
+}
+
+TEST(PoolWithAPausedServer, LetsAllThreadsGoOnToTheOther)
+{
+    Slapd first({"--users", "20"});
+    Slapd const second({"--users", "20"});
+    auto settings = settingsFor({first.port(), second.port()});
+    settings.networkTimeout = 1;
+    settings.connections = 8;
+    LDAPLookup lookup(settings);
+    findOnThreads(lookup, 8, 2); // leaves connections to the first one in the pool
+
+    first.pause();
+    auto const answers = findOnThreads(lookup, 8, 20);
+    first.resume();
+
+    EXPECT_EQ(answers.size(), 160U);
+    for (LDAPLookup::Answer const& answer : answers) {
+        EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+        EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(second.port()));
+        EXPECT_LT(answer.milliseconds, 10000);
+    }
+}
+
+// More threads than connections
+
+TEST(PoolOfOneConnection, ServesAllThreadsInTurn)
+{
+    ScriptedServer const server(serving(answerFound));
+    auto settings = settingsFor({server.port()});
+    settings.connections = 1;
+    LDAPLookup lookup(settings);
+
+    auto const answers = findOnThreads(lookup, 8, 500);
+
+    for (LDAPLookup::Answer const& answer : answers) {
+        EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+        EXPECT_LT(answer.milliseconds, 5000); // of a deadline of 15 s
+    }
+    EXPECT_EQ(lookup.statistics().opened, 1U);
+}
+
+// Opening fails
+
+class PoolAfterFailedOpens : public testing::Test {
+protected:
+    static constexpr unsigned int connections = 3;
+
+    enum class Trouble { none, hangsUp, refusesTheBind, isNobody };
+
+    LDAPLookup::Settings settings() const
+    {
+        auto settings = settingsFor({m_server.port()});
+        settings.connections = connections;
+        settings.backOff = settings.longestBackOff = milliseconds(0);
+        return settings;
+    }
+
+    /// Fails on every thread, more often than there are connections; then all must be there.
+    void expectAllConnectionsAfter(Trouble trouble)
+    {
+        LDAPLookup lookup(settings());
+        m_trouble = trouble;
+
+        auto const failed = findOnThreads(lookup, 4, 5);
+        m_trouble = Trouble::none;
+        bool const isBack =
+            eventually([&] { return lookup.find(addressOf(1)).outcome == Outcome::Found; });
+        m_holdsAnswers = true;
+        std::size_t const atOnce = searchesAtOnce(lookup, m_server, connections);
+
+        for (LDAPLookup::Answer const& answer : failed) {
+            EXPECT_NE(answer.outcome, Outcome::Found);
+            EXPECT_NE(answer.outcome, Outcome::NotFound);
+        }
+        EXPECT_TRUE(isBack);
+        EXPECT_EQ(atOnce, connections);
+        EXPECT_EQ(lookup.statistics().opened, connections);
+    }
+
+private:
+    void answer(Peer& peer, std::string const& request)
+    {
+        if (m_holdsAnswers) {
+            peer.awaitCue();
+        }
+        answerFound(peer, request);
+    }
+
+    void play(Peer& peer)
+    {
+        switch (m_trouble.load()) {
+        case Trouble::none:
+            return serving([this](Peer& answering, std::string const& request) {
+                answer(answering, request);
+            })(peer);
+        case Trouble::hangsUp:
+            return;
+        case Trouble::refusesTheBind:
+            peer.send(bindResponse(messageIdOf(peer.receiveMessage()), 49));
+            return peer.receiveUntilClosed();
+        case Trouble::isNobody:
+            return serving(answerFound, std::string())(peer);
+        }
+    }
+
+    std::atomic<Trouble> m_trouble{Trouble::none};
+    std::atomic<bool> m_holdsAnswers{false};
+    ScriptedServer m_server{[this](Peer& peer) { play(peer); }};
+};
+
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerHungUp)
+{
+    expectAllConnectionsAfter(Trouble::hangsUp);
+}
+
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerRefusedTheBind)
+{
+    expectAllConnectionsAfter(Trouble::refusesTheBind);
+}
+
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerTookUsForNobody)
+{
+    expectAllConnectionsAfter(Trouble::isNobody);
+}
+
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereNobodyListened)
+{
+    Slapd slapd({"--users", "20"});
+    auto settings = settingsFor({slapd.port()});
+    settings.connections = connections;
+    settings.backOff = settings.longestBackOff = milliseconds(0);
+    LDAPLookup lookup(settings);
+    findOnThreads(lookup, 4, 5);
+    auto const before = lookup.statistics().opened;
+
+    slapd.kill();
+    findOnThreads(lookup, 4, 5);
+    slapd.restart();
+    auto const answers = findOnThreads(lookup, 8, 20);
+
+    EXPECT_GE(before, 1U);
+    for (LDAPLookup::Answer const& answer : answers) {
+        EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    }
+}
+
+} // namespace SolvaneTest
