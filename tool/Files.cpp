@@ -19,7 +19,7 @@ namespace {
 
 using Supply = LDAPLookup::Supply;
 
-constexpr std::size_t bufferSize = 64 * 1024; // at first; a longer line makes it grow
+constexpr std::size_t bufferSize = std::size_t{64} * 1024; // at first; a longer line makes it grow
 
 int openForReading(std::string const& path)
 {

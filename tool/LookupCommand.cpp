@@ -17,8 +17,8 @@ namespace {
 
 constexpr char footer[] =
     "Each address gets one record, in the order given: found, not found, skipped, or an\n"
-    "error. 'Not found' is said only by a server that confirmed the bind. No option takes a\n"
-    "password: it would be seen in the list of processes.\n\n"
+    "error. 'Not found' is said only of a complete answer to the identity that was bound.\n"
+    "No option takes a password: it would be seen in the list of processes.\n\n"
     "Exit status, the worst of all addresses:\n"
     "   0  found\n"
     "   1  answered, but not found; or what --nouser says\n"

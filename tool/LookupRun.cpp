@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <cmath>
 
 namespace Solvane::Tool {
 
@@ -59,6 +60,7 @@ Outcome LookupRun::over(KeyOptions& keys)
             return true;
         });
     flush();
+    endComplaint();
     return m_worst;
 }
 
@@ -96,16 +98,33 @@ void LookupRun::count(Record const& record)
     }
 }
 
-void LookupRun::complain(Record const& record) const
+/// Once for keys that follow each other: a server that is down has the same to say about each.
+void LookupRun::complain(Record const& record)
 {
     Lookup::Answer const& answer = record.answer;
     if (statusOf(answer.outcome) == std::string_view("error")) {
-        m_diagnostics.error(fmt::format("{}: {}; {}", record.key, answer.text, remedyFor(answer)));
+        auto complaint = fmt::format("{}; {}", answer.text, remedyFor(answer));
+        if (complaint == m_complaint) {
+            ++m_unspoken;
+            return;
+        }
+        endComplaint();
+        m_diagnostics.error(record.key + ": " + complaint);
+        m_complaint = std::move(complaint);
     } else if (m_diagnostics.level() == Diagnostics::Level::verbose) {
         m_diagnostics.note(
             fmt::format("{}: {} by {} in {:.1f} ms: {}{}", record.key, statusOf(answer.outcome),
                         answer.server.empty() ? "nobody" : answer.server, answer.milliseconds,
                         answer.filter, answer.text.empty() ? "" : "; " + answer.text));
+    }
+}
+
+void LookupRun::endComplaint()
+{
+    if (m_unspoken != 0) {
+        m_diagnostics.error(m_unspoken == 1 ? "the same for 1 more key"
+                                            : fmt::format("the same for {} more keys", m_unspoken));
+        m_unspoken = 0;
     }
 }
 
@@ -124,7 +143,7 @@ double LookupRun::percentile(double part) const
         return 0;
     }
     auto const last = static_cast<double>(m_milliseconds.size() - 1);
-    auto const position = m_milliseconds.begin() + static_cast<std::ptrdiff_t>(part * last + 0.5);
+    auto const position = m_milliseconds.begin() + std::lround(part * last);
     std::nth_element(m_milliseconds.begin(), position, m_milliseconds.end());
     return static_cast<double>(*position);
 }

@@ -43,7 +43,8 @@ private:
 
     void take(Record const& record, Progress& progress);
     void count(Record const& record);
-    void complain(Record const& record) const;
+    void complain(Record const& record);
+    void endComplaint();
     void flush();
     double percentile(double part) const;
 
@@ -57,6 +58,8 @@ private:
     bool m_hasMoreKeys = true;
     Outcome m_worst = Outcome::found;
     Counts m_counts;
+    std::string m_complaint;                   ///< made last
+    unsigned long m_unspoken = 0;              ///< keys after it with the same
     mutable std::vector<float> m_milliseconds; ///< of every key; only for statistics
     std::chrono::steady_clock::time_point m_start;
 };

@@ -23,6 +23,9 @@ constexpr int deniedCodes[] = {
     LDAP_INAPPROPRIATE_AUTH, LDAP_CONFIDENTIALITY_REQUIRED,  LDAP_INVALID_CREDENTIALS,
     LDAP_INSUFFICIENT_ACCESS};
 
+/// As a refusal it is one of a bind, with a DN that the server does not know.
+constexpr int unknownBindDn = LDAP_NO_SUCH_OBJECT;
+
 /// What is wrong with what was given: a filter, a DN, an entry.
 constexpr int badInputCodes[] = {
     LDAP_FILTER_ERROR,           LDAP_NO_SUCH_ATTRIBUTE,      LDAP_UNDEFINED_TYPE,
@@ -124,7 +127,8 @@ Outcome outcomeOf(Kind kind, int code)
     case Kind::TryLater:
         return Outcome::tryLater;
     case Kind::Refused:
-        return holds(deniedCodes, code) ? Outcome::denied : Outcome::refused;
+        return holds(deniedCodes, code) || code == unknownBindDn ? Outcome::denied
+                                                                 : Outcome::refused;
     case Kind::Misconfigured:
         break;
     }
@@ -143,7 +147,8 @@ char const* remedyFor(Kind kind, int code)
     case Kind::TryLater:
         return remedyIn(searchRemedies, code, "try again later");
     case Kind::Refused:
-        return remedyIn(searchRemedies, code, askAdministrator);
+        return code == unknownBindDn ? checkPassword
+                                     : remedyIn(searchRemedies, code, askAdministrator);
     case Kind::Misconfigured:
         break;
     }

@@ -74,7 +74,7 @@ private:
 
 FileText::FileText(std::string const& path)
 {
-    constexpr std::size_t largest = 1024 * 1024;
+    constexpr std::size_t largest = std::size_t{1024} * 1024;
     Descriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
     struct stat status = {};
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {

@@ -4,109 +4,174 @@ import json
 import os
 import unittest
 
-from support import READER, ScriptedPeer, ToolTest, bound, entry, freePort, message, run
-from support import searched, tlv
+from servers import BIND, BIND_RESPONSE, EXTENDED, SEARCH_DONE, ScriptedDirectory, serving
+from support import READER, ToolTest, freePort, message, run, tlv
+
+SEARCH_REFERENCE, INTERMEDIATE = 0x73, 0x79
 
 
 class ServerFailure(ToolTest):
 
+    def setUp(self):
+        super().setUp()
+        self.password = self.file("password", b"hunter2")
+
     def lookUp(self, uri, *arguments, **options):
-        result = run("lookup", "-H", uri, "-b", "dc=x", "-t", "(cn=$u)", "-o", "nettimeout=1",
+        patience = [] if "-o" in arguments else ["-o", "nettimeout=1"]
+        result = run("lookup", "-H", uri, "-b", "dc=x", "-t", "(cn=$u)", *patience,
                      *(arguments or ["a"]), **options)
         self.assertNotIn(": not found", result.output)
+        self.assertNotIn("hunter2", result.output + result.errors)
         return result
 
-    def answered(self, *answers, hangsUp=True, **options):
-        peer = ScriptedPeer(self, *answers, hangsUp=hangsUp)
-        return self.lookUp(peer.uri, **options)
+    def answered(self, onSearch, *arguments, **options):
+        """A lookup whose searches are answered so; None hangs up."""
+        return self.lookUp(ScriptedDirectory(self, serving(onSearch)).uri, *arguments, **options)
 
-    def testReportsAServerThatIsDownOnceAndGivesEachKeyARecord(self):
+    def bound(self, script, *arguments, **options):
+        """A lookup that binds first."""
+        directory = ScriptedDirectory(self, script)
+        return self.lookUp(directory.uri, "-D", READER, "-y", self.password,
+                           *(arguments or ["a"]), **options)
+
+    def boundWith(self, onBind, **options):
+        return self.bound(serving(lambda request: request.empty(), onBind=onBind), **options)
+
+    def testReportsAServerThatIsDownAndGivesEachKeyARecord(self):
         result = self.lookUp(f"ldap://127.0.0.1:{freePort()}", "a", "b", "")
 
         self.assertEqual(result.status, 75)
         self.assertEqual([line[:14] for line in result.lines],
                          ["# a: error 75:", "# b: error 75:", "# : error 65: "])
-        self.assertEqual(len(result.errorLines), 2, result.errors)
-        self.assertIn("cannot be reached: Can't contact LDAP server (-1)", result.errorLines[0])
+        self.assertIn("cannot be reached: nobody listens there", result.errorLines[0])
         self.assertIn("check that the server runs", result.errorLines[0])
+
+    def testReportsAServerThatIsDownOnce(self):
+        result = self.lookUp(f"ldap://127.0.0.1:{freePort()}", "a", "b", "", "c", "d", "e")
+
+        self.assertEqual(len(result.lines), 6)
+        self.assertIn(": a: ", result.errorLines[0])
+        self.assertEqual(result.errorLines[1], "solvane-ldap: the same for 1 more key")
+        self.assertIn("the key is empty", result.errorLines[2])
+        self.assertIn(": c: ", result.errorLines[3])
+        self.assertEqual(result.errorLines[4:], ["solvane-ldap: the same for 2 more keys"])
 
     def testReportsAHostThatDoesNotResolve(self):
         self.assertFails(self.lookUp("ldap://no-such-host.invalid"), 75,
                          "'no-such-host.invalid' does not resolve", "-H")
 
-    def testReportsAServerThatSpeaksNoTls(self):
-        peer = ScriptedPeer(self, b"HTTP/1.1 400 Bad Request\r\n\r\n")
+    def testKeepsQuietAboutAHostThatDoesNotResolve(self):
+        result = self.lookUp("ldap://no-such-host.invalid", "-q", "a")
 
-        self.assertFails(self.lookUp(peer.uri.replace("ldap:", "ldaps:")), 75, "cannot be reached")
+        self.assertEqual((result.status, result.errors), (75, ""))
+
+    def testReportsAServerThatSpeaksNoTls(self):
+        def script(connection):
+            connection.send(b"HTTP/1.1 400 Bad Request\r\n\r\n")
+            connection.waitUntilClosed()
+
+        directory = ScriptedDirectory(self, script)
+
+        self.assertFails(self.lookUp(directory.uri.replace("ldap:", "ldaps:")), 75,
+                         "cannot be reached")
 
     def testReportsAServerThatStaysSilentWhileTlsBegins(self):
-        peer = ScriptedPeer(self, hangsUp=False)
+        directory = ScriptedDirectory(self, lambda connection: connection.waitUntilClosed())
 
-        self.assertFails(self.lookUp(peer.uri.replace("ldap:", "ldaps:")), 75, "cannot be reached")
+        self.assertFails(self.lookUp(directory.uri.replace("ldap:", "ldaps:")), 75,
+                         "no connection within 1 s", "nettimeout")
 
     def testReportsABindWithoutAnswer(self):
-        self.assertFails(self.answered(hangsUp=False), 75, "did not answer the bind within 1 s",
-                         "nettimeout")
+        self.assertFails(self.boundWith(lambda request: b""), 75,
+                         "did not answer the bind within 1 s", "nettimeout")
 
     def testReportsAnEndDuringTheBind(self):
-        self.assertFails(self.answered(hangsUp=True), 75, "broke off during the bind")
+        self.assertFails(self.boundWith(lambda request: None), 75, "broke during the bind")
 
     def testReportsABindAnsweredWithSomethingElse(self):
-        self.assertFails(self.answered(searched(1), hangsUp=False), 75, "did not answer the bind")
+        self.assertFails(self.boundWith(lambda request: request.result(SEARCH_DONE)), 75,
+                         "answered the bind with what is no answer")
 
     def testGivesEachCodeOfABindItsExitStatus(self):
         for code, status in ((1, 75), (2, 78), (7, 77), (8, 77), (10, 69), (13, 77), (32, 77),
                              (34, 65), (48, 77), (49, 77), (50, 77), (51, 75), (52, 75), (53, 69),
                              (80, 75)):
             with self.subTest(code=code):
-                result = self.answered(bound(code, text=b"because"))
+                result = self.boundWith(
+                    lambda request: request.result(BIND_RESPONSE, code, text=b"because"))
 
-                self.assertFails(result, status, "refuses the bind", f"({code}): because")
+                self.assertFails(result, status, "the bind is refused", f"({code}): because")
 
     def testReportsABindThatRefers(self):
         for code in (0, 10):
             with self.subTest(code=code):
-                result = self.answered(bound(code, referrals=[b"ldap://elsewhere/"]))
+                result = self.boundWith(lambda request: request.result(
+                    BIND_RESPONSE, code, referrals=[b"ldap://elsewhere/"]))
 
                 self.assertIn(result.status, (69, 75))
                 self.assertEqual(len(result.errorLines), 1)
 
-    def testReportsASearchWithoutAnswerAndShowsWhatCame(self):
-        result = self.answered(bound(), entry(2, b"cn=a", (b"cn", [b"a"])), hangsUp=False)
+    def testReportsAQuestionWhoWeAreWithoutAnswer(self):
+        def script(connection):
+            while (request := connection.receive()) is not None:
+                if request.operation == BIND:
+                    connection.send(request.result(BIND_RESPONSE))
+                elif request.operation != EXTENDED:
+                    connection.send(request.empty())
 
-        self.assertFails(result, 75, "did not answer the search within 1 s")
-        self.assertTrue(result.lines[0].startswith("# a: error 75 after 1 of its entries: "))
+        self.assertFails(self.bound(script), 75, "did not answer the question who we are")
+
+    def testReportsASearchWithoutAnswerAndShowsWhatCame(self):
+        result = self.answered(lambda request: request.entry(b"cn=a", cn=[b"a"]),
+                               "-o", "nettimeout=9", "--deadline", "1", "a")
+
+        self.assertFails(result, 75, "within the deadline of 1 s", "--deadline")
+        self.assertTrue(result.lines[0].startswith("# a: error 75 after 1 of its entries: "),
+                        result.output)
         self.assertIn("dn: cn=a", result.lines)
 
-    def testReportsAnEndDuringTheSearchForTheKeysThatFollow(self):
-        peer = ScriptedPeer(self, bound(), searched(2, 51))
-        result = self.lookUp(peer.uri, "--format", "json", "a", "b", "c")
+    def testReportsABusyServerForItsKeyAndAsksForTheOthers(self):
+        def answer(request):
+            if b"busy" in request.content:
+                return request.result(SEARCH_DONE, 51)
+            return request.found()
+
+        result = self.answered(answer, "--format", "json", "a", "busy", "c")
 
         records = [json.loads(line) for line in result.lines]
         self.assertEqual(result.status, 75)
         self.assertEqual([(record["key"], record["status"], record["code"]) for record in records],
-                         [("a", "error", 51), ("b", "error", -1), ("c", "error", -1)])
-        # Neither asked again without the bind, nor complained of twice.
-        self.assertEqual(len(result.errorLines), 2, result.errors)
+                         [("a", "found", 0), ("busy", "error", 51), ("c", "found", 0)])
+        self.assertEqual(len(result.errorLines), 1, result.errors)
+
+    def testRepeatsEachSearchThatTheServerEndsOnce(self):
+        result = self.answered(lambda request: None, "--format", "json", "a", "b", "c")
+
+        records = [json.loads(line) for line in result.lines]
+        self.assertEqual(result.status, 75)
+        self.assertEqual([(record["key"], record["status"], record["code"], record["retried"])
+                          for record in records],
+                         [(key, "error", -1, True) for key in ("a", "b", "c")])
 
     def testReportsASearchThatRefersWithSuccess(self):
-        result = self.answered(bound(), searched(2, referrals=[b"ldap://elsewhere/"]))
+        result = self.answered(
+            lambda request: request.result(SEARCH_DONE, referrals=[b"ldap://elsewhere/"]))
 
         self.assertFails(result, 69, "ldap://elsewhere/")
 
     def testReportsAnAnswerThatIsNoLdap(self):
         for answer in (b"HTTP/1.1 400 Bad Request\r\n\r\n", b"\x30\x80\x02\x01\x02",
-                       message(2, tlv(0x7E, b"")), b"\x30\x03\x02\x01"):
+                       message(1, tlv(INTERMEDIATE, b"")), message(1, tlv(0x7E, b"")),
+                       b"\x30\x03\x02\x01"):
             with self.subTest(answer=answer):
-                result = self.answered(bound(), answer)
+                result = self.answered(lambda request: answer, "--deadline", "3", "a")
 
                 self.assertEqual(result.status, 75, result.errors)
                 self.assertEqual(len(result.errorLines), 1, result.errors)
 
     def testReportsAReferenceThatCannotBeRead(self):
-        broken = message(2, tlv(0x73, b"\x04\x7f"))
-
-        result = self.answered(bound(), broken + searched(2))
+        result = self.answered(lambda request: request.answer(tlv(SEARCH_REFERENCE, b"\x04\x7f")) +
+                               request.empty())
 
         self.assertIn(result.status, (69, 75), result.errors)
 
@@ -116,18 +181,16 @@ class ServerFailure(ToolTest):
 
         # OpenLDAP 2.5 forgets the memory of a notice, in a program without this library as well.
         withoutLeakSearch = {**os.environ, "ASAN_OPTIONS": "detect_leaks=0"}
-        result = self.answered(bound(), notice, env=withoutLeakSearch)
+        result = self.answered(lambda request: notice, env=withoutLeakSearch)
 
-        self.assertFails(result, 75, "Can't contact LDAP server")
+        self.assertFails(result, 75, "the connection broke before the answer was complete")
 
     def testNamesNoPasswordInAFailure(self):
-        password = self.file("password", b"hunter2")
-        peer = ScriptedPeer(self, bound(49, text=b"no"))
+        result = self.bound(serving(lambda request: request.empty(),
+                                    onBind=lambda request: request.result(BIND_RESPONSE, 49)),
+                            "-v", "a")
 
-        result = self.lookUp(peer.uri, "-D", READER, "-y", password, "-v", "a")
-
-        self.assertEqual(result.status, 77)
-        self.assertNotIn("hunter2", result.output + result.errors)
+        self.assertEqual(result.status, 77)  # and lookUp() has looked for the password
 
 
 if __name__ == "__main__":

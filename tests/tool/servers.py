@@ -1,0 +1,267 @@
+"""Servers that a test stops and starts again, and ones that answer as a test wants."""
+
+import os
+import select
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+from support import DEADLINE, TESTBED, outcome, tlv
+
+BIND, SEARCH, EXTENDED = 0x60, 0x63, 0x77  # tags of requests
+BIND_RESPONSE, SEARCH_ENTRY, SEARCH_DONE, EXTENDED_RESPONSE = 0x61, 0x64, 0x65, 0x78
+
+CLOSE_WAIT = "08"  # in /proc/net/tcp: the peer has closed, we have not
+
+
+def eventually(condition):
+    """Waits until it holds; says whether it did in time."""
+    deadline = time.monotonic() + DEADLINE
+    while not condition():
+        if time.monotonic() > deadline:
+            return False
+        time.sleep(0.02)
+    return True
+
+
+class Slapd:
+    """A directory of its own for one test, or for a class of them."""
+
+    def __init__(self, addCleanup, *options):
+        search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/sbin", "/usr/sbin"])
+        if shutil.which("slapd", path=search) is None and not os.environ.get("CI"):
+            raise unittest.SkipTest("slapd is not installed")
+        parent = tempfile.mkdtemp(prefix="solvane-tool-")
+        addCleanup(shutil.rmtree, parent)
+        self.folder = os.path.join(parent, "slapd")
+        addCleanup(self._run, "slapd-stop", self.folder)
+        self._run("slapd-start", self.folder, *options)
+        self._readEnvironment()
+
+    @property
+    def uri(self):
+        return self._environment["LDAP_URI"]
+
+    @property
+    def secureUri(self):
+        return self._environment["LDAPS_URI"]
+
+    @property
+    def caFile(self):
+        return os.path.join(self.folder, "tls", "ca.pem")
+
+    def stop(self):
+        self._run("slapd-stop", self.folder, "--keep")
+
+    def start(self):
+        self._run("slapd-run", self.folder)
+        self._readEnvironment()
+
+    def kill(self):
+        """As a crash would."""
+        os.kill(self._pid, signal.SIGKILL)
+        if not eventually(lambda: not os.path.exists(f"/proc/{self._pid}")):
+            raise AssertionError("slapd does not end")
+
+    def pause(self):
+        """The kernel still accepts connections then, and nobody answers."""
+        os.kill(self._pid, signal.SIGSTOP)
+
+    def resume(self):
+        os.kill(self._pid, signal.SIGCONT)
+
+    def hasHungUpOnSomebody(self):
+        """A client still holds its end of a connection that this server has closed."""
+        port = f":{int(self._environment['LDAP_PORT']):04X}"
+        with open("/proc/net/tcp", encoding="ascii") as table:
+            rows = [row.split() for row in table]
+        return any(row[2].endswith(port) and row[3] == CLOSE_WAIT for row in rows)
+
+    @property
+    def _pid(self):
+        return int(self._environment["SERVER_PID"])
+
+    def _readEnvironment(self):
+        with open(os.path.join(self.folder, "server.env"), encoding="utf-8") as settings:
+            self._environment = dict(line.rstrip("\n").split("=", 1) for line in settings)
+
+    @staticmethod
+    def _run(script, *arguments):
+        subprocess.run([os.path.join(TESTBED, script), *arguments], check=True, timeout=DEADLINE,
+                       stdout=subprocess.DEVNULL)
+
+
+class Request:
+    """A whole message of a client."""
+
+    def __init__(self, content):
+        self.content = content
+        header = 2 if content[1] < 128 else 2 + (content[1] & 0x7F)
+        end = header + 2 + content[header + 1]
+        self._number = content[header:end]
+        self.operation = content[end]
+
+    def answer(self, *operation):
+        """A message with the number of this one."""
+        return tlv(0x30, self._number, *operation)
+
+    def result(self, tag, code=0, **more):
+        return self.answer(outcome(tag, code, **more))
+
+    def entry(self, dn=b"cn=somebody", **attributes):
+        listed = [tlv(0x30, tlv(0x04, name.encode()), tlv(0x31, *[tlv(0x04, v) for v in values]))
+                  for name, values in attributes.items()]
+        return self.answer(tlv(SEARCH_ENTRY, tlv(0x04, dn), tlv(0x30, *listed)))
+
+    def found(self):
+        return self.entry(cn=[b"Somebody"]) + self.result(SEARCH_DONE)
+
+    def empty(self):
+        return self.result(SEARCH_DONE)
+
+
+class Connection:
+    """One client, as a script sees it."""
+
+    def __init__(self, peer):
+        self._peer = peer
+        self._pending = b""
+        self.requests = []
+
+    @property
+    def operations(self):
+        return [request.operation for request in self.requests]
+
+    def receive(self):
+        """The next request; None when the client is gone."""
+        while not self._isWhole():
+            try:
+                part = self._peer.recv(65536)
+            except OSError:
+                part = b""
+            if not part:
+                return None
+            self._pending += part
+        size = self._size()
+        request = Request(self._pending[:size])
+        self._pending = self._pending[size:]
+        self.requests.append(request)
+        return request
+
+    def send(self, content):
+        try:
+            self._peer.sendall(content)
+        except OSError:
+            pass  # the client had enough
+
+    def reset(self):
+        self._peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
+        self._peer.close()
+
+    def hasMore(self):
+        """Another request is there already, or comes within a moment."""
+        readable, _, _ = select.select([self._peer], [], [], 0.2)
+        return bool(self._pending or readable)
+
+    def waitUntilClosed(self):
+        """Takes whatever comes, be it LDAP or not."""
+        try:
+            while self._peer.recv(65536):
+                pass
+        except OSError:
+            pass
+
+    def _isWhole(self):
+        return len(self._pending) >= 2 and len(self._pending) >= self._size()
+
+    def _size(self):
+        length = self._pending[1]
+        if length < 128:
+            return 2 + length
+        header = 2 + (length & 0x7F)
+        return header + int.from_bytes(self._pending[2:header].ljust(header - 2, b"\xff"), "big")
+
+
+class ScriptedDirectory:
+    """Plays a script on each connection, and hangs up when the script returns."""
+
+    def __init__(self, test, script):
+        self.connections = []
+        self._script = script
+        self._sockets = []
+        self._threads = []
+        self._listener = socket.create_server(("127.0.0.1", 0))
+        self._acceptor = threading.Thread(target=self._accept)
+        self._acceptor.start()
+        test.addCleanup(self._stop)
+
+    @property
+    def uri(self):
+        return f"ldap://127.0.0.1:{self._listener.getsockname()[1]}"
+
+    def count(self, operation):
+        return sum(connection.operations.count(operation) for connection in self.connections)
+
+    def _accept(self):
+        while True:
+            try:
+                peer, _ = self._listener.accept()
+            except OSError:
+                return
+            peer.settimeout(DEADLINE)
+            self._sockets.append(peer)
+            self.connections.append(Connection(peer))
+            self._threads.append(threading.Thread(target=self._play,
+                                                  args=(peer, self.connections[-1])))
+            self._threads[-1].start()
+
+    def _play(self, peer, connection):
+        with peer:
+            self._script(connection)
+
+    def _stop(self):
+        # Wakes an accept() that nobody answered; close() alone does not.
+        for waiting in [self._listener, *self._sockets]:
+            try:
+                waiting.shutdown(socket.SHUT_RDWR)
+            except OSError:
+                pass
+        for thread in [self._acceptor, *self._threads]:
+            thread.join(DEADLINE)
+        self._listener.close()
+
+
+def granted(request):
+    return request.result(BIND_RESPONSE)
+
+
+def serving(onSearch, identity=b"dn:cn=reader", onBind=granted):
+    """A script: answers each bind and search with the bytes that the two functions make of it, or
+    hangs up where that is None; and says that the client is `identity`."""
+    def script(connection):
+        while (request := connection.receive()) is not None:
+            if request.operation == BIND:
+                answer = onBind(request)
+            elif request.operation == EXTENDED:
+                answer = request.answer(tlv(EXTENDED_RESPONSE, tlv(0x0A, b"\0"), tlv(0x04, b""),
+                                            tlv(0x04, b""), tlv(0x8B, identity)))
+            elif request.operation == SEARCH:
+                answer = onSearch(request)
+            else:
+                continue  # an unbind, or an abandon
+            if answer is None:
+                return
+            connection.send(answer)
+    return script
+
+
+def silent(connection):
+    """A script: takes requests and says nothing."""
+    while connection.receive() is not None:
+        pass

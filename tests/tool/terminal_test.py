@@ -1,0 +1,249 @@
+"""A session at a terminal: the prompt for the password, and the progress of a long run."""
+
+import os
+import re
+import signal
+import threading
+import time
+import unittest
+
+from servers import BIND_RESPONSE, ScriptedDirectory, serving, silent
+from support import DEADLINE, ToolTest, run
+from terminal import Terminal
+
+PROMPT = b"Password for cn=reader: "
+ERASED = b"\r\x1b[K"
+BAR = re.compile(rb"\r\x1b\[K\[#*\.*\] +\d+ % \d+/2000 \d+/s, \d+:\d\d left")
+
+
+class Prompt(ToolTest):
+
+    def start(self, directory):
+        """Returns when the tool has asked."""
+        terminal = Terminal(self.addCleanup, "lookup", "-H", directory.uri, "-D", "cn=reader", "-W",
+                            "-b", "dc=x", "-t", "(cn=$u)", "-o", "nettimeout=9", "a")
+        terminal.readUntil(PROMPT)
+        return terminal
+
+    def found(self):
+        return ScriptedDirectory(self, serving(lambda request: request.found()))
+
+    def testTakesThePasswordWithoutEcho(self):
+        directory = self.found()
+        terminal = self.start(directory)
+
+        wasEchoing = terminal.echoes()
+        terminal.type(b"hunter2\n")
+        status = terminal.readToEnd()
+
+        self.assertEqual(status, 0, terminal.shown)
+        self.assertFalse(wasEchoing)
+        self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
+        self.assertTrue(terminal.shown.startswith(PROMPT + b"\r\n# a: found 1\r\n"),
+                        terminal.shown)
+        self.assertNotIn(b"hunter2", terminal.shown)
+        self.assertTrue(terminal.echoes())
+
+    def testComesBeforeAnybodyIsConnectedTo(self):
+        directory = self.found()
+
+        self.start(directory)
+
+        self.assertEqual(directory.connections, [])
+
+    def testTakesWhatWasCorrectedWhileTyping(self):
+        directory = self.found()
+        terminal = self.start(directory)
+
+        terminal.type(b"hunterX\x7f2\n")
+        terminal.readToEnd()
+
+        self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
+
+    def testEndsWithTheKeyThatInterruptsAndEchoesAfterwards(self):
+        for key, number in ((b"\x03", signal.SIGINT), (b"\x1c", signal.SIGQUIT)):
+            with self.subTest(signal=number):
+                directory = self.found()
+                terminal = self.start(directory)
+
+                terminal.type(b"half" + key)
+                status = terminal.readToEnd()
+
+                self.assertEqual(status, -number)
+                self.assertTrue(terminal.echoes())
+                self.assertNotIn(b"half", terminal.shown)
+                self.assertEqual(directory.connections, [])
+
+    def testEchoesAfterASignalFromElsewhere(self):
+        terminal = self.start(self.found())
+
+        os.kill(terminal.pid, signal.SIGTERM)
+        status = terminal.readToEnd()
+
+        self.assertEqual(status, -signal.SIGTERM)
+        self.assertTrue(terminal.echoes())
+
+    def testIsFollowedByWhatIsWrongWithThePassword(self):
+        directory = ScriptedDirectory(self, serving(
+            lambda request: request.found(),
+            onBind=lambda request: request.result(BIND_RESPONSE, 49)))
+        terminal = self.start(directory)
+
+        terminal.type(b"hunter2\n")
+        status = terminal.readToEnd()
+
+        self.assertEqual(status, 77)
+        self.assertIn(b"Invalid credentials (49); check -D and the password", terminal.shown)
+        self.assertNotIn(b"hunter2", terminal.shown)
+
+    def testLeavesTheTerminalUsableWhileTheServerIsSilent(self):
+        terminal = self.start(ScriptedDirectory(self, silent))
+
+        terminal.type(b"hunter2\n")
+        terminal.readUntil(PROMPT + b"\r\n")
+        isEchoing = terminal.echoes()
+        terminal.type(b"\x03")
+
+        self.assertEqual(terminal.readToEnd(), -signal.SIGINT)
+        self.assertTrue(isEchoing)
+
+
+class Progress(ToolTest):
+    """2,000 keys, slowly at first."""
+
+    def setUp(self):
+        super().setUp()
+        self.hurry = threading.Event()
+        self.addCleanup(self.hurry.set)
+        self.directory = ScriptedDirectory(self, serving(self.answer))
+        self.records = os.path.join(self.folder, "records")
+
+    def answer(self, request):
+        self.hurry.wait(0.02)  # what makes the server slow
+        return request.found()
+
+    def keys(self, *more):
+        return self.file("keys", b"".join(b"u%d@x\n" % n for n in range(2000 - len(more))) +
+                         b"".join(key + b"\n" for key in more))
+
+    def arguments(self, source, *more):
+        return ["lookup", "-H", self.directory.uri, "-b", "dc=x", "-t", "(cn=$u)", "-j", "1",
+                "--window", "4", "--format", "tsv", "-f", source, *more]
+
+    def start(self, source, *more, output=None):
+        with open(self.records, "wb") as records:
+            return Terminal(self.addCleanup, *self.arguments(source, *more),
+                            output=output or records.fileno())
+
+    def recordCount(self):
+        with open(self.records, "rb") as records:
+            return len(records.readlines())
+
+    def testIsABarWithRateAndTimeLeft(self):
+        terminal = self.start(self.keys())
+
+        terminal.readUntil(b" left")
+        self.hurry.set()
+        status = terminal.readToEnd()
+
+        self.assertEqual((status, self.recordCount()), (0, 2000), terminal.shown)
+        self.assertRegex(terminal.shown, BAR)
+
+    def testIsErasedAtTheEnd(self):
+        terminal = self.start(self.keys())
+
+        terminal.readUntil(b" left")
+        self.hurry.set()
+        terminal.readToEnd()
+
+        self.assertTrue(terminal.shown.endswith(ERASED), terminal.shown)
+        self.assertNotIn(b"\n", terminal.shown)
+
+    def testGoesForward(self):
+        terminal = self.start(self.keys())
+
+        terminal.readUntil(b" left")
+        terminal.readUntil(b"\r", after=b" left")
+        self.hurry.set()
+        terminal.readToEnd()
+
+        done = [int(count) for count in re.findall(rb" (\d+)/2000 ", terminal.shown)]
+        self.assertGreaterEqual(len(done), 2)
+        self.assertEqual(done, sorted(set(done)))
+
+    def testMakesRoomForAnError(self):
+        terminal = self.start(self.keys(b"\xff"))
+
+        terminal.readUntil(b" left")
+        self.hurry.set()
+        status = terminal.readToEnd()
+
+        self.assertEqual(status, 65)
+        self.assertIn(ERASED + b"solvane-ldap: \\xFF: the key holds invalid UTF-8", terminal.shown)
+        self.assertTrue(terminal.shown.endswith(ERASED), terminal.shown)
+
+    def testTellsCountAndRateWhereTheEndIsNotKnown(self):
+        pipe = os.path.join(self.folder, "pipe")
+        os.mkfifo(pipe)
+
+        def write():
+            with open(pipe, "wb") as keys:
+                keys.write(b"".join(b"u%d@x\n" % n for n in range(2000)))
+
+        writing = threading.Thread(target=write)
+        writing.start()
+        terminal = self.start(pipe)
+
+        terminal.readUntil(b"/s")
+        self.hurry.set()
+        status = terminal.readToEnd()
+        writing.join(DEADLINE)
+
+        self.assertEqual((status, self.recordCount()), (0, 2000), terminal.shown)
+        self.assertRegex(terminal.shown, rb"\r\x1b\[K\d+ \d+/s")
+        self.assertNotIn(b"left", terminal.shown)
+
+    def shownDuringARun(self, *arguments):
+        """On a run that is long enough to show something."""
+        source = self.file("few", b"".join(b"u%d@x\n" % n for n in range(75)))
+        started = time.monotonic()
+
+        terminal = self.start(source, *arguments)
+        status = terminal.readToEnd()
+
+        self.assertEqual((status, self.recordCount()), (0, 75))
+        self.assertGreater(time.monotonic() - started, 1)
+        return terminal.shown
+
+    def testIsNotThereWhenItIsToBeQuiet(self):
+        self.assertEqual(self.shownDuringARun("-q"), b"")
+
+    def testIsThereOnARunOfThatLength(self):
+        self.assertNotEqual(self.shownDuringARun(), b"")
+
+    def testIsNotThereWhereTheRecordsAre(self):
+        source = self.file("few", b"".join(b"u%d@x\n" % n for n in range(75)))
+        terminal = Terminal(self.addCleanup, *self.arguments(source))
+
+        terminal.readToEnd()
+
+        self.assertEqual(terminal.shown.count(b"\tfound"), 75)
+        self.assertNotIn(b"\x1b", terminal.shown)
+
+    def testIsNotThereWhereStandardErrorIsNoTerminal(self):
+        source = self.file("few", b"".join(b"u%d@x\n" % n for n in range(75)))
+
+        result = run(*self.arguments(source))
+
+        self.assertEqual((result.status, result.errors, len(result.lines)), (0, "", 75))
+
+    def testIsNotThereOnAShortRun(self):
+        self.hurry.set()
+        terminal = self.start(self.file("few", b"a@x\nb@x\n"))
+
+        self.assertEqual(terminal.readToEnd(), 0)
+        self.assertEqual(terminal.shown, b"")
+
+
+if __name__ == "__main__":
+    unittest.main()
