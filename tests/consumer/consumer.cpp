@@ -1,7 +1,8 @@
-// Uses the installed library as an outside program does: a filter, a request class of its own, and
-// a failed bind that is caught. Prints "consumer: ok".
+// Uses the installed libraries as an outside program does: a filter, a request class of its own, a
+// failed bind that is caught, and a lookup at a dead server. Prints "consumer: ok".
 #include <solvane/ldap.h>
 #include <solvane/ldap/impl.h>
+#include <solvane/lookup.h>
 
 #include <iostream>
 
@@ -51,11 +52,23 @@ bool reportsADeadServer()
     return false;
 }
 
+bool tellsDownFromUnknown()
+{
+    Solvane::LDAPLookup::Settings settings;
+    settings.servers.emplace_back();
+    settings.servers.back().host = "127.0.0.1";
+    settings.servers.back().port = 1;
+    settings.queryTemplate = "(mail=$m)";
+    Solvane::LDAPLookup lookup(settings);
+    return lookup.find("j.doe@corp.test").outcome == Solvane::LDAPLookup::Outcome::TryLater;
+}
+
 } // namespace
 
 int main()
 {
-    bool const passed = expandsTemplates() && sendsRequestsOfItsOwn() && reportsADeadServer();
+    bool const passed = expandsTemplates() && sendsRequestsOfItsOwn() && reportsADeadServer() &&
+                        tellsDownFromUnknown();
     std::cout << "consumer: " << (passed ? "ok" : "failed") << '\n';
     return passed ? 0 : 1;
 }
