@@ -1,0 +1,51 @@
+// What a fuzz target is made of: one function that takes any bytes, and promises it may not break.
+#ifndef SOLVANE_TESTS_FUZZ_TARGET_H
+#define SOLVANE_TESTS_FUZZ_TARGET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+/// libFuzzer's entry, and the replay's.
+extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
+
+namespace SolvaneTest {
+
+/// Ends the process where a promise is broken: what a fuzzer counts as a find.
+inline void require(bool holds, char const* promise)
+{
+    if (!holds) {
+        std::fprintf(stderr, "broken promise: %s\n", promise);
+        std::abort();
+    }
+}
+
+inline std::string textOf(std::uint8_t const* data, std::size_t size)
+{
+    return {reinterpret_cast<char const*>(data), size};
+}
+
+/// The input taken apart at its NUL bytes; the last piece has the rest, further NULs included.
+inline std::vector<std::string> piecesOf(std::string const& input, std::size_t count)
+{
+    std::vector<std::string> pieces;
+    std::string::size_type begin = 0;
+    while (pieces.size() + 1 < count) {
+        auto const end = input.find('\0', begin);
+        if (end == std::string::npos) {
+            break;
+        }
+        pieces.push_back(input.substr(begin, end - begin));
+        begin = end + 1;
+    }
+    pieces.push_back(input.substr(begin));
+    pieces.resize(count);
+    return pieces;
+}
+
+} // namespace SolvaneTest
+
+#endif

@@ -1,0 +1,73 @@
+// Template expansion: values change no filter's structure, and a template is malformed whatever the
+// values; the checker and the explanation take any template.
+#include "Target.h"
+
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPUtil.h>
+#include <solvane/lookup/QueryTemplate.h>
+
+#include <algorithm>
+#include <optional>
+
+using namespace Solvane;
+using SolvaneTest::require;
+
+namespace {
+
+std::optional<std::string> expansionOf(std::vector<std::string> const& pieces)
+{
+    try {
+        return LDAPUtil::sv_ldap_expand_query(pieces[0], pieces[1], pieces[2], pieces[3],
+                                              pieces[4]);
+    } catch (LDAPException const& fault) {
+        require(fault.code() == 2 && fault.getType() == 0, "a malformed template is invalid input");
+        return std::nullopt;
+    }
+}
+
+void requireSameStructure(std::string const& left, std::string const& right)
+{
+    for (char const structural : {'(', ')', '*'}) {
+        require(std::count(left.begin(), left.end(), structural) ==
+                    std::count(right.begin(), right.end(), structural),
+                "values add no parenthesis and no asterisk");
+    }
+}
+
+void checkAndExplain(std::vector<std::string> const& pieces)
+{
+    Lookup::QueryTemplate const queryTemplate(pieces[0], pieces[3], pieces[4]);
+    std::string::size_type last = 0;
+    for (auto const& finding : queryTemplate.check()) {
+        require(finding.position >= last, "findings are in order");
+        require(finding.position + finding.length <= pieces[0].size(),
+                "a finding lies within the template");
+        require(!finding.text.empty(), "a finding says what it is");
+        last = finding.position;
+    }
+    for (auto const& step : queryTemplate.explain(EmailAddress(pieces[1] + '@' + pieces[2]))) {
+        require(pieces[0].compare(step.position, step.specifier.size(), step.specifier) == 0,
+                "a step stands where its specifier does");
+    }
+}
+
+} // namespace
+
+int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
+{
+    std::vector<std::string> pieces = SolvaneTest::piecesOf(SolvaneTest::textOf(data, size), 5);
+    checkAndExplain(pieces);
+
+    auto const filter = expansionOf(pieces);
+    // What a template takes away again may be structure: that is the administrator's doing.
+    bool const removes = pieces[0].find("${") != std::string::npos;
+    std::for_each(pieces.begin() + 1, pieces.end(),
+                  [](std::string& value) { value = value.empty() ? value : "x"; });
+    auto const plain = expansionOf(pieces);
+
+    require(filter.has_value() == plain.has_value(), "values do not make a template malformed");
+    if (filter && !removes) {
+        requireSameStructure(*filter, *plain);
+    }
+    return 0;
+}
