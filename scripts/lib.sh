@@ -17,6 +17,7 @@ packages_lint=(clang-format clang-tidy clang shellcheck codespell similarity-tes
 packages_coverage=(gcovr)
 packages_consumer=(pkg-config)
 packages_bench=(postfix postfix-ldap)
+packages_cluster=(haproxy)
 
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

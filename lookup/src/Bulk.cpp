@@ -572,8 +572,8 @@ void Bulk::waitForInput(milliseconds patience)
             m_polled.push_back({lane.lease->session.descriptor(), POLLIN, 0});
         }
     }
-    constexpr milliseconds::rep longest = 3600 * 1000; // poll counts in an int
-    auto const time = static_cast<int>(std::min(patience.count(), longest));
+    constexpr milliseconds longest = std::chrono::hours(1); // poll counts in an int
+    auto const time = static_cast<int>(std::min(patience, longest).count());
     (void)poll(m_polled.data(), m_polled.size(), time); // whatever it says, the lanes are drained
 }
 

@@ -54,8 +54,8 @@ LDAPConnection::RefServer ServerList::describe(std::size_t index)
         }
     }
     LDAPLookup::Server const& server = state.server;
-    LDAPConnection::RefServer const resolved(addressOf(server.host), server.port, server.version,
-                                             server.secure, m_networkTimeout, false, false);
+    LDAPConnection::RefServer resolved(addressOf(server.host), server.port, server.version,
+                                       server.secure, m_networkTimeout, false, false);
     std::lock_guard<std::mutex> const lock(m_mutex);
     state.description = resolved;
     return resolved;

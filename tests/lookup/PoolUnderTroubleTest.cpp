@@ -52,16 +52,16 @@ std::size_t searchesAtOnce(LDAPLookup& lookup, ScriptedServer& server, std::size
     for (std::size_t i = 0; i < wanted; ++i) {
         running.emplace_back([&lookup] { lookup.find(addressOf(1)); });
     }
-    std::size_t inFlight = 0;
+    std::size_t atOnce = 0;
     eventually([&] {
-        inFlight = countOf(SearchRequest, server.received()) - before;
-        return inFlight == wanted;
+        atOnce = countOf(SearchRequest, server.received()) - before;
+        return atOnce == wanted;
     });
     server.giveCue();
     for (std::thread& thread : running) {
         thread.join();
     }
-    return inFlight;
+    return atOnce;
 }
 
 } // namespace

@@ -342,7 +342,7 @@ class OptionsOnADirectory(DirectoryTest):
         self.assertEqual(written("values").lines, [f"user0000001,{USER}", "", ""])
         self.assertEqual(written("tsv").lines,
                          [f"{USER}\tuser0000001,{USER}\tfound", "nobody@x\t\tnotfound",
-                          "\\x01\t\terror\tthe key holds a control character at byte 0"])
+                          "\\x01\t\terror\t" "the key holds a control character at byte 0"])
         self.assertEqual([(record["key"], record["status"]) for record in
                           recordsIn(written("json"))],
                          [(USER, "found"), ("nobody@x", "notfound"), ("\x01", "error")])
