@@ -85,6 +85,7 @@ constexpr Remedy searchRemedies[] = {
     { LDAP_INAPPROPRIATE_AUTH,        bindOtherwise },
     { LDAP_INVALID_CREDENTIALS,       checkPassword },
     { LDAP_INSUFFICIENT_ACCESS,       "bind as somebody with the right to read it (-D)" },
+    { LDAP_OPERATIONS_ERROR,          "try again later; where the server asks for a bind, use -D" },
     { LDAP_PROTOCOL_ERROR,            "choose another protocol version (-P)" },
     { LDAP_NO_SUCH_OBJECT,            "correct the base (-b)" },
     { LDAP_ALIAS_PROBLEM,             mendAlias },

@@ -430,6 +430,7 @@ bool Bulk::take(Lane& lane, int messageId, LDAPMessageBuffer& message)
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                task.answer.server + " sent more than " +
                    std::to_string(m_shared.settings.entryLimit) + " entries");
+        task.answer.entries.pop_back(); // the one beyond
     }
     return true;
 }
@@ -472,8 +473,10 @@ void Bulk::concludeEmpty(Task& task)
     std::string remark;
     if (task.answer.identity == Identity::Unconfirmed) {
         remark = task.answer.server + " cannot confirm as whom it answered";
-    } else if (task.isReferred) {
-        remark = task.answer.server + " leaves a part of the base to servers that were not asked";
+    }
+    if (task.isReferred) {
+        remark += remark.empty() ? task.answer.server : " and";
+        remark += " leaves a part of the base to servers that were not asked";
     }
     finish(task, Outcome::NotFound, LDAP_SUCCESS, remark);
 }

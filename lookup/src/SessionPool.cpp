@@ -169,31 +169,43 @@ void SessionPool::visit(Walk& walk, std::size_t server, Wish const& wish, Among 
 
 void SessionPool::tryServer(Walk& walk, std::size_t server, Wish const& wish)
 {
-    auto const start = Clock::now();
-    Verdict verdict;
-    try {
-        verdict = open(server, wish, walk.lease);
-    } catch (...) {
-        m_servers.giveUpTrial(server, start);
-        freeRoom();
-        throw;
-    }
     walk.hasTried = true;
-    if (verdict.isGood()) {
+    Attempt attempt = attemptOn(server, wish, walk.lease);
+    if (attempt.isOneOfSeveral && attempt.end < wish.deadline) {
+        attempt = attemptOn(server, wish, walk.lease); // the next of them
+    }
+    if (attempt.verdict.isGood()) {
         m_servers.succeeded(server);
+        m_servers.heardFrom(server, attempt.end);
         return;
     }
     freeRoom();
-    note(walk, verdict, server);
-    auto const end = Clock::now();
-    if (end >= wish.deadline) {
-        walk.isFinal = true;
-        if (end - start < proof()) {
-            m_servers.giveUpTrial(server, end);
-            return;
-        }
+    note(walk, attempt.verdict, server);
+    auto const cost = attempt.end - attempt.start;
+    bool const isLate = attempt.end >= wish.deadline;
+    walk.isFinal = walk.isFinal || isLate;
+    if (attempt.isOneOfSeveral || (isLate && cost < proof())) {
+        m_servers.giveUpTrial(server, attempt.end);
+    } else {
+        serverFailed(server, attempt.verdict, cost);
     }
-    serverFailed(server, verdict, end - start);
+}
+
+SessionPool::Attempt SessionPool::attemptOn(std::size_t server, Wish const& wish, Lease& lease)
+{
+    Attempt attempt;
+    attempt.start = Clock::now();
+    try {
+        attempt.verdict = open(server, wish, lease);
+    } catch (...) {
+        m_servers.giveUpTrial(server, attempt.start);
+        freeRoom();
+        throw;
+    }
+    attempt.end = Clock::now();
+    attempt.isOneOfSeveral = attempt.verdict.outcome == Outcome::TryLater &&
+                             m_servers.wasHeardSince(server, attempt.start);
+    return attempt;
 }
 
 /// What a caller must have waited at least to have proved something against a server, where it ran

@@ -96,6 +96,16 @@ private:
         bool hasTried = false;
     };
 
+    /// To open a session.
+    struct Attempt {
+        Verdict verdict;
+        Clock::time_point start;
+        Clock::time_point end;
+        /// The server answered somebody else meanwhile: what failed is one of several that stand
+        /// behind a balancer's address.
+        bool isOneOfSeveral = false;
+    };
+
     /// Which servers a walk asks: those that are not passed over, or those that fail at once.
     enum class Among { eligible, prompt };
 
@@ -104,6 +114,7 @@ private:
     void note(Walk& walk, Verdict const& why, std::size_t server) const;
     void visit(Walk& walk, std::size_t server, Wish const& wish, Among among);
     void tryServer(Walk& walk, std::size_t server, Wish const& wish);
+    Attempt attemptOn(std::size_t server, Wish const& wish, Lease& lease);
     std::unique_ptr<PooledSession> takeIdle(std::size_t server);
     enum class Room { taken, none };
     Room takeRoom();

@@ -10,6 +10,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <set>
 #include <thread>
 
 using namespace Solvane;
@@ -131,6 +132,66 @@ TEST(PoolWithAPausedServer, LetsAllThreadsGoOnToTheOther)
         EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(second.port()));
         EXPECT_LT(answer.milliseconds, 10000);
     }
+}
+
+// One of the servers behind a balancer hangs
+
+class PoolBehindABalancer : public testing::Test {
+protected:
+    /// The first connection answers drop by drop until all is over; of the others, these are silent.
+    void expectAnother(std::set<std::size_t> const& silent, Outcome outcome)
+    {
+        m_silent = silent;
+        auto settings = settingsFor({m_balancer.port()});
+        settings.connections = 2;
+        settings.networkTimeout = 1;
+        settings.entryLimit = 0;
+        settings.backOff = settings.longestBackOff = std::chrono::hours(1);
+        LDAPLookup lookup(settings);
+        LDAPLookup::Answer first;
+
+        std::thread running([&] { first = lookup.find(addressOf(1)); });
+        ASSERT_TRUE(eventually([&] { return countOf(SearchRequest, m_balancer.received()) == 1; }));
+        auto const second = lookup.find(addressOf(2));
+        m_isOver = true;
+        running.join();
+        auto const third = lookup.find(addressOf(3));
+
+        EXPECT_EQ(second.outcome, outcome) << second.text;
+        EXPECT_EQ(first.outcome, Outcome::Found) << first.text;
+        EXPECT_EQ(third.outcome, Outcome::Found) << third.text;
+    }
+
+private:
+    void play(Peer& peer)
+    {
+        std::size_t const number = ++m_connections;
+        if (m_silent.count(number) != 0) {
+            return peer.receiveUntilClosed();
+        }
+        serving([&](Peer& answering, std::string const& request) {
+            while (number == 1 && !m_isOver) {
+                answering.send(searchEntry(messageIdOf(request), "cn=drop", {}));
+                std::this_thread::sleep_for(milliseconds(20));
+            }
+            answerFound(answering, request);
+        })(peer);
+    }
+
+    std::set<std::size_t> m_silent;
+    std::atomic<std::size_t> m_connections{0};
+    std::atomic<bool> m_isOver{false};
+    ScriptedServer m_balancer{[this](Peer& peer) { play(peer); }};
+};
+
+TEST_F(PoolBehindABalancer, TriesAgainWhereOneOfTheServersHangs)
+{
+    expectAnother({2}, Outcome::Found);
+}
+
+TEST_F(PoolBehindABalancer, KeepsTheConnectionsToThoseThatAnswer)
+{
+    expectAnother({2, 3}, Outcome::TryLater);
 }
 
 // More threads than connections
