@@ -17,6 +17,8 @@ packages_lint=(clang-format clang-tidy clang shellcheck codespell similarity-tes
 packages_coverage=(gcovr)
 packages_consumer=(pkg-config)
 packages_bench=(postfix postfix-ldap)
+packages_389=(389-ds-base libnss3-tools)
+packages_samba=(samba-ad-dc samba-ad-provision)
 packages_cluster=(haproxy)
 
 die() {
@@ -77,6 +79,15 @@ ROOT
     rm -f "$log"
 }
 
+# configure PRESET: in build/PRESET.
+configure() {
+    mkdir -p "$top/build/$1"
+    (cd "$top" && cmake --preset "$1") >"$top/build/$1/configure.log" 2>&1 || {
+        cat "$top/build/$1/configure.log" >&2
+        die "could not configure $1"
+    }
+}
+
 # build PRESET [TARGET...]: configures and builds in build/PRESET, one build of a preset at a time.
 build() {
     local preset=$1
@@ -87,10 +98,7 @@ build() {
     (
         cd "$top" || exit
         flock 9
-        cmake --preset "$preset" >"build/$preset/configure.log" 2>&1 9>&- || {
-            cat "build/$preset/configure.log" >&2
-            die "could not configure $preset"
-        }
+        configure "$preset" 9>&-
         cmake --build --preset "$preset" "${targets[@]}" 9>&-
     ) 9>"$top/build/$preset/.lock"
 }
