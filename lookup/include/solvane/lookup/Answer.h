@@ -32,8 +32,9 @@ enum class Identity {
 };
 
 /// How a step ended. `code` is an LDAP result code (RFC 4511 appendix A), or OpenLDAP's own below 0:
-/// -1 the server is down or the connection broke, -5 no answer in time, -7 a filter that is none,
-/// -9 a setting that cannot be used, -11 the server's certificate is not accepted.
+/// -1 the server is down or the connection broke, -4 what it sent is no LDAP, -5 no answer in time,
+/// -7 a filter that is none, -9 a setting that cannot be used, -11 the server's certificate is not
+/// accepted.
 struct Verdict {
     Outcome outcome = Outcome::Found;
     int code = 0;
