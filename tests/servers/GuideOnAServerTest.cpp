@@ -1,0 +1,130 @@
+// The guide's settings and templates for a server, tried on it.
+#include "Lookups.h"
+#include "Process.h"
+#include "TemporaryDirectory.h"
+#include "TestedServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+
+using testing::IsEmpty;
+using testing::Not;
+
+namespace SolvaneTest {
+
+namespace {
+
+std::string replaced(std::string text, std::string const& from, std::string const& to)
+{
+    for (std::string::size_type at = 0; (at = text.find(from, at)) != std::string::npos;
+         at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+    return text;
+}
+
+/// The lines below a heading, up to the next one of its level.
+std::vector<std::string> sectionOf(std::string const& heading)
+{
+    std::ifstream guide(SOLVANE_GUIDE);
+    std::vector<std::string> lines;
+    bool isInside = false;
+    for (std::string line; std::getline(guide, line);) {
+        if (line.compare(0, 3, "## ") == 0) {
+            isInside = line == heading;
+        } else if (isInside) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+} // namespace
+
+class GuideOnAServer : public ServerTest {
+protected:
+    GuideOnAServer()
+    {
+        TestedServer::writeAuthorities(m_authorities);
+        bool isInside = false;
+        std::ofstream settings(settingsFile);
+        for (std::string const& line : sectionOf(server()["GUIDE"])) {
+            if (line.compare(0, 3, "```") == 0) {
+                isInside = line == "```ini";
+            } else if (isInside) {
+                settings << ours(line) << '\n';
+            } else if (line.compare(0, 3, "| `") == 0) {
+                templates.push_back(
+                    replaced(ours(line.substr(3, line.find('`', 3) - 3)), R"(\|)", "|"));
+            }
+        }
+        std::filesystem::permissions(settingsFile, std::filesystem::perms::owner_read |
+                                                       std::filesystem::perms::owner_write);
+    }
+
+    /// A line of the guide, with this server's names.
+    std::string ours(std::string line) const
+    {
+        for (char const* const host : {"ldap1", "dc1.ad"}) {
+            line = replaced(line, std::string("ldaps://") + host + ".example.com",
+                            server()["LDAPS_URI"]);
+        }
+        for (char const* const host : {"ldap2", "dc2.ad"}) {
+            line = replaced(line, std::string("ldaps://") + host + ".example.com",
+                            TestedServer::second()["LDAPS_URI"]);
+        }
+        line = replaced(line, "/etc/ssl/our-authority.pem", m_authorities);
+        line = replaced(line, "change me", server()["READER_PW"]);
+        line = replaced(line, "dc=example,dc=com", "dc=corp,dc=test");
+        line = replaced(line, "DC=example,DC=com", "DC=corp,DC=test");
+        return replaced(line, "example.com", "corp.test");
+    }
+
+private:
+    TemporaryDirectory m_folder;
+    std::string const m_authorities = m_folder.path() / "authorities.pem";
+
+protected:
+    std::string const settingsFile = m_folder.path() / "settings";
+    std::vector<std::string> templates;
+};
+
+TEST_F(GuideOnAServer, HasSettingsThatPassTheCheckOnBothServers)
+{
+    auto const outcome = run({SOLVANE_TOOL, "-C", settingsFile, "check", "--probe", addressOf(7)});
+
+    EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
+    for (TestedServer const* const asked : {&server(), &TestedServer::second()}) {
+        EXPECT_THAT(outcome.output, testing::HasSubstr((*asked)["LDAPS_URI"] + '\n'));
+    }
+}
+
+TEST_F(GuideOnAServer, HasTemplatesThatFindThePerson)
+{
+    EXPECT_THAT(templates, Not(IsEmpty()));
+    for (std::string const& tried : templates) {
+        auto const found = run({SOLVANE_TOOL, "-C", settingsFile, "lookup", "-t", tried, "--attrs",
+                                "mail", "--format", "values", addressOf(7)});
+        auto const notFound =
+            run({SOLVANE_TOOL, "-C", settingsFile, "lookup", "-t", tried, "nobody@corp.test"});
+
+        EXPECT_EQ(found.exitStatus, 0) << tried << '\n' << found.output;
+        EXPECT_EQ(found.output, addressOf(7) + '\n') << tried;
+        EXPECT_EQ(notFound.exitStatus, 1) << tried << '\n' << notFound.output;
+    }
+}
+
+TEST_F(GuideOnAServer, HasTemplatesWithoutAFault)
+{
+    for (std::string const& tried : templates) {
+        auto const outcome = run({SOLVANE_TOOL, "expand", "--lint", "-t", tried});
+
+        EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
+        EXPECT_EQ(outcome.output, "") << tried;
+    }
+}
+
+} // namespace SolvaneTest

@@ -1,0 +1,94 @@
+// The server that a test program is run against, and what is expected of it.
+#ifndef SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
+#define SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
+
+#include <solvane/ldap.h>
+#include <solvane/lookup/DirectorySession.h>
+#include <solvane/lookup/LDAPLookup.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include <sys/types.h>
+
+namespace SolvaneTest {
+
+/// A server of testbed/, as its server.env and a profile describe it. slapd.profile names what a
+/// profile holds.
+class TestedServer {
+public:
+    /// The servers of tests/servers/with-servers: same data, same names.
+    /// @throws std::runtime_error  the program was not started by it
+    static TestedServer& first();
+    static TestedServer& second();
+
+    /// Writes the certificates of the authorities of both.
+    static void writeAuthorities(std::string const& file);
+
+    /// A value of server.env or the profile.
+    /// @throws std::out_of_range  there is none of the name
+    std::string const& operator[](std::string const& name) const { return m_values.at(name); }
+    int number(std::string const& name) const { return std::stoi(m_values.at(name)); }
+    bool has(std::string const& name) const { return !m_values.at(name).empty(); }
+
+    std::string host() const;
+    /// The DN of the n-th user.
+    std::string personDn(int user) const;
+    /// Passwords are taken over TLS only.
+    bool needsTls() const { return number("PLAIN_BIND") != 0; }
+
+    // By TLS where the server needs it, so that one may bind.
+    Solvane::LDAPConnection::RefServer
+    description(Solvane::LDAPConnection::Protocol version = Solvane::LDAPConnection::V3) const;
+    Solvane::LDAPConnection::RefServer plainDescription() const;
+    Solvane::LDAPConnection::RefServer secureDescription(
+        Solvane::LDAPConnection::Protocol version = Solvane::LDAPConnection::V3) const;
+    /// A new connection, bound as the reader.
+    Solvane::LDAPConnection bound() const;
+
+    /// An entry of a lookup's list of servers.
+    Solvane::LDAPLookup::Server entry() const;
+    /// Settings for lookups of the people on this server alone, with its authority.
+    Solvane::LDAPLookup::Settings settings() const;
+
+    bool isRunning() const;
+    /// Kills the process, as a crash would, and waits until it is gone.
+    void kill();
+    /// Starts it again on the same ports and data.
+    void restart();
+    /// Stops the process where it is: the kernel still accepts connections, nobody answers.
+    void pause() const;
+    void resume() const;
+
+private:
+    explicit TestedServer(char const* variable);
+    void readValues();
+    pid_t pid() const { return number("SERVER_PID"); }
+    void signal(int number) const;
+    Solvane::LDAPConnection::RefServer description(Solvane::LDAPConnection::Protocol version,
+                                                   bool secure) const;
+
+    std::string m_environment; ///< its server.env
+    std::map<std::string, std::string> m_values;
+};
+
+/// Base of all suites. Brings the server back after a test that took it away.
+class ServerTest : public testing::Test {
+protected:
+    static TestedServer& server() { return TestedServer::first(); }
+    void TearDown() override;
+
+    /// Keeps what was measured, for the table of the guide.
+    static void measured(std::string const& what, std::string const& value)
+    {
+        RecordProperty(what, value);
+    }
+    static void measured(std::string const& what, int value) { RecordProperty(what, value); }
+};
+
+} // namespace SolvaneTest
+
+#endif
