@@ -1,0 +1,346 @@
+// Bytes that are missing, changed, late, or none of LDAP.
+#include "Expectations.h"
+#include "Sites.h"
+
+#include "LdapMessages.h"
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <sstream>
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = FaultyServer::Peer;
+
+/// Serves well, but passes everything it sends through `send`, which is told how much was sent before
+/// and returns false to end the connection.
+using Sender = std::function<bool(Peer&, std::string const& bytes, std::size_t before)>;
+FaultyServer::Script sendingThrough(Sender const& send,
+                                    std::chrono::milliseconds patience = Peer::forever)
+{
+    return [=](Peer& peer) {
+        std::size_t sent = 0;
+        for (;;) {
+            std::string const request = peer.receive(sent == 0 ? Peer::forever : patience);
+            if (request.empty()) {
+                return;
+            }
+            for (std::string const& reply : repliesTo(request)) {
+                if (!send(peer, reply, sent)) {
+                    return;
+                }
+                sent += reply.size();
+            }
+        }
+    };
+}
+
+// Cut
+
+FaultyServer::Script cutAfter(std::size_t count)
+{
+    return sendingThrough([count](Peer& peer, std::string const& bytes, std::size_t before) {
+        if (before + bytes.size() < count) {
+            return peer.send(bytes);
+        }
+        peer.send(bytes.substr(0, count - before));
+        return false;
+    });
+}
+
+/// @param end  where the reply ends in the stream
+Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column column)
+{
+    std::size_t end = 0;
+    for (Reply const& reply : replies) {
+        std::size_t const start = end;
+        end += reply.bytes.size();
+        if (count == start && reply.step != Step::bind &&
+            !(reply.step == Step::search && !reply.isEntry)) {
+            return anyOf(
+                {brokenBeforeRequest(column), troubleIn(reply.step, column, Trouble::broken)});
+        }
+        if (count < end) {
+            return troubleIn(reply.step, column, Trouble::broken);
+        }
+    }
+    // Of the engine's two keys, one may meet the end of two connections.
+    return column == Column::engine
+               ? anyOf({success(column), troubleIn(Step::search, column, Trouble::broken)})
+               : success(column);
+}
+
+Fault cut()
+{
+    return {"cut", "The connection is closed behind each byte of the recorded answers.", always,
+            [](Column column, Extent const& extent) {
+                std::vector<Reply> const replies = recordedReplies(column);
+                std::size_t length = 0;
+                for (Reply const& reply : replies) {
+                    length += reply.bytes.size();
+                }
+                std::vector<Case> cases;
+                for (std::size_t count = 0; count <= length; count += extent.stride) {
+                    cases.push_back(serverCase("behind byte " + std::to_string(count),
+                                               cutAfter(count), afterCut(replies, count, column)));
+                }
+                return cases;
+            }};
+}
+
+// Flipped
+
+struct Flip {
+    std::size_t position; ///< in the stream of everything that is sent
+    unsigned char bits;
+};
+
+/// @param patience  how long the client may take for its next request once bytes were damaged
+FaultyServer::Script flipping(Flip flip, std::chrono::milliseconds patience)
+{
+    return sendingThrough(
+        [flip](Peer& peer, std::string bytes, std::size_t before) {
+            if (flip.position >= before && flip.position < before + bytes.size()) {
+                char& damaged = bytes[flip.position - before];
+                damaged = static_cast<char>(static_cast<unsigned char>(damaged) ^ flip.bits);
+            }
+            return peer.send(bytes);
+        },
+        patience);
+}
+
+/// A change there leaves every message as long as it was, and addressed as it was: nobody waits for
+/// more than will come.
+bool isHarmless(Role role) { return role == Role::text || role == Role::resultCode; }
+
+/// The identity may read as a refusal to tell it, or as none at all.
+Accepted afterStrangeIdentity(Column column)
+{
+    return column == Column::engine ? Accepted{"found unconfirmed", "Refused 48"}
+                                    : Accepted{"exit 77"};
+}
+
+/// What a changed byte may lead to: a failure of the step; or, where the byte does not matter to
+/// OpenLDAP, what would have come without it.
+void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged, Column column)
+{
+    bool const isBind = reply.step == Step::bind;
+    Accepted const failed =
+        anyOf({troubleIn(reply.step, column, Trouble::broken), unreadable(reply.step, column)});
+    switch (role) {
+    case Role::resultCode: {
+        auto const code = static_cast<signed char>(damaged);
+        made.accepted = isBind ? codeOfBind(column, code) : codeOfRequest(column, code);
+        break;
+    }
+    case Role::messageId:
+        made.accepted = failed;
+        if (reply.isEntry) {
+            made.acceptedAsLimit = nobody(column);
+        }
+        break;
+    case Role::text:
+        made.accepted = anyOf({success(column), alteredEntry(column)});
+        break;
+    default:
+        made.accepted = anyOf({failed, success(column)});
+        if (reply.isEntry) { // OpenLDAP's readers end alike at the end and at damage
+            made.acceptedAsLimit = alteredEntry(column);
+        }
+    }
+    if (reply.step == Step::whoAmI && role != Role::text) {
+        made.accepted = anyOf({failed, success(column), afterStrangeIdentity(column)});
+    }
+    if (column == Column::engine) { // of two keys that are asked for together, one is not hit
+        made.accepted = anyOf({made.accepted, success(column)});
+    }
+}
+
+Fault flipped()
+{
+    return {
+        "flipped", "One byte of the recorded answers is changed, each in turn, in several ways.",
+        always,
+        [](Column column, Extent const& extent) {
+            constexpr unsigned char flips[] = {0x01, 0x80, 0xff};
+            std::vector<Case> cases;
+            std::size_t start = 0;
+            std::size_t turn = 0;
+            for (Reply const& reply : recordedReplies(column)) {
+                std::vector<Role> const roles = rolesIn(reply.bytes);
+                for (std::size_t i = 0; i < reply.bytes.size(); ++i) {
+                    for (unsigned char const bits : flips) {
+                        if (turn++ % extent.stride != 0) {
+                            continue;
+                        }
+                        Case made = serverCase(
+                            "byte " + std::to_string(start + i) + " ^ " + std::to_string(bits),
+                            flipping({start + i, bits},
+                                     isHarmless(roles[i]) ? Peer::forever : shortly),
+                            {});
+                        auto const before = static_cast<unsigned char>(reply.bytes[i]);
+                        judgeFlip(made, reply, roles[i], before ^ bits, column);
+                        made.mayOpenLdapLeak = true;
+                        cases.push_back(made);
+                    }
+                }
+                start += reply.bytes.size();
+            }
+            return cases;
+        },
+        "An entry that arrives under another message id is nobody's to OpenLDAP, which drops it; "
+        "the rest is a complete answer without entries. Plain LDAP has no integrity: use TLS. "
+        "OpenLDAP's readers of an entry say the same at its end and where it is damaged inside, so "
+        "a "
+        "part of it may be missing. liblber loses its half-read message when the length of a "
+        "message "
+        "changes under it."};
+}
+
+// Dripped
+
+Fault dripped()
+{
+    return {"dripped", "Answers come byte by byte, or in pieces of every size.", always,
+            [](Column column, Extent const& extent) {
+                std::vector<Case> cases;
+                for (std::size_t size = 1; size < 30; size += 4 * extent.stride) {
+                    auto const script =
+                        sendingThrough([size](Peer& peer, std::string const& bytes, std::size_t) {
+                            for (std::size_t i = 0; i < bytes.size(); i += size) {
+                                if (!peer.send(bytes.substr(i, size)) ||
+                                    !peer.pause(std::chrono::milliseconds(1))) {
+                                    return false;
+                                }
+                            }
+                            return true;
+                        });
+                    cases.push_back(
+                        serverCase("pieces of " + std::to_string(size), script, success(column)));
+                }
+                return cases;
+            }};
+}
+
+// Garbage
+
+struct Garbage {
+    std::string name;
+    std::string bytes;
+};
+
+std::vector<Garbage> garbage(unsigned int stride)
+{
+    std::vector<Garbage> all = {
+        {"HTTP", "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n"},
+        {"SSH", "SSH-2.0-OpenSSH_9.2\r\n"},
+        {"SMTP", "220 mail.corp.test ESMTP\r\n"},
+        {"a TLS alert", std::string("\x15\x03\x03\x00\x02\x02\x28", 7)},
+        {"zeros", std::string(64, '\0')},
+        {"ones", std::string(64, '\xff')},
+        {"an empty message", std::string("\x30\x00", 2)},
+        {"an indefinite length", std::string("\x30\x80\x02\x01\x01\x00\x00", 7)},
+        {"a length of 5 bytes", std::string("\x30\x85\x00\x00\x00\x00\x05", 7)},
+        {"an id alone", std::string("\x30\x03\x02\x01\x02", 5)},
+        {"an id of 9 bytes",
+         std::string("\x30\x0b\x02\x09\x01\x01\x01\x01\x01\x01\x01\x01\x01", 13)},
+        {"a length that is too long inside", std::string("\x30\x05\x02\x7f\x01\x65\x00", 7)},
+    };
+    for (unsigned int seed = 0; seed < 60; seed += stride) {
+        std::minstd_rand random(seed + 1);
+        std::string bytes(200, '\0');
+        std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random() >> 8); });
+        all.push_back({"noise " + std::to_string(seed), bytes});
+        bytes[0] = '\x30'; // else nearly all of it ends at the first byte
+        all.push_back({"noise in a message " + std::to_string(seed), bytes});
+    }
+    return all;
+}
+
+/// Sends `bytes` instead of a step's answer, and closes shortly after.
+FaultyServer::Script sendingInstead(Step step, std::string const& bytes)
+{
+    return serveUntil(step, [bytes](Peer& peer, auto const&, auto const&) {
+        peer.send(bytes);
+        peer.receive(shortly);
+    });
+}
+
+Fault garbageFault()
+{
+    return {"garbage", "Other protocols, noise and malformed BER instead of each answer.", always,
+            [](Column column, Extent const& extent) {
+                std::vector<Case> cases;
+                for (Step const step : stepsOf(column)) {
+                    for (Garbage const& each : garbage(extent.stride)) {
+                        cases.push_back(serverCase(each.name + " as answer to " + nameOf(step),
+                                                   sendingInstead(step, each.bytes),
+                                                   anyOf({troubleIn(step, column, Trouble::broken),
+                                                          unreadable(step, column)})));
+                        cases.back().mayOpenLdapLeak = true;
+                    }
+                }
+                return cases;
+            },
+            "liblber loses its half-read message, and what it made of a message that it then "
+            "refuses."};
+}
+
+// Two gigabytes
+
+/// The most address space that this process has ever had, in megabytes.
+long peakOfMemory()
+{
+    std::ifstream status("/proc/self/status");
+    for (std::string line; std::getline(status, line);) {
+        std::istringstream fields(line);
+        std::string name;
+        long kilobytes = 0;
+        if (fields >> name >> kilobytes && name == "VmPeak:") {
+            return kilobytes / 1024;
+        }
+    }
+    return 0;
+}
+
+class HugeSite : public ServerSite {
+public:
+    explicit HugeSite(Step step)
+        : ServerSite(sendingInstead(step, hugeMessageHeader()), 10), m_before(peakOfMemory())
+    {
+    }
+    std::string violation() override
+    {
+        constexpr long muchMore = 1024;
+        return peakOfMemory() - m_before > muchMore ? "made room for the message"
+                                                    : ServerSite::violation();
+    }
+
+private:
+    long m_before;
+};
+
+Fault huge()
+{
+    return {"huge", "A header that announces 2 GB, instead of each answer.", always,
+            [](Column column, Extent const&) {
+                std::vector<Case> cases;
+                for (Step const step : stepsOf(column)) {
+                    Case made;
+                    made.name = nameOf(step);
+                    made.site = [step] { return std::make_unique<HugeSite>(step); };
+                    made.accepted = troubleIn(step, column, Trouble::broken);
+                    cases.push_back(made);
+                }
+                return cases;
+            }};
+}
+
+} // namespace
+
+std::vector<Fault> byteFaults() { return {cut(), flipped(), dripped(), garbageFault(), huge()}; }
+
+} // namespace SolvaneTest

@@ -1,0 +1,401 @@
+// Connections that are not made, not answered, or end at the wrong moment.
+#include "Expectations.h"
+#include "Sites.h"
+
+#include "ScriptedServer.h"
+#include "Slapd.h"
+
+#include <array>
+#include <stdexcept>
+
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = FaultyServer::Peer;
+
+// No connection
+
+/// A fault at a port; the mended server is another one.
+class PortSite : public Site {
+public:
+    PortSite(unsigned int port, unsigned int healthyPort) : m_port(port), m_healthyPort(healthyPort)
+    {
+    }
+    Target target() override { return at(m_port); }
+    Target mended() override { return at(m_healthyPort); }
+
+private:
+    static Target at(unsigned int port)
+    {
+        Target where;
+        where.port = port;
+        where.patience = 1;
+        return where;
+    }
+
+    unsigned int m_port;
+    unsigned int m_healthyPort;
+};
+
+class RefusedSite : private RefusingPort, public PortSite {
+public:
+    explicit RefusedSite(unsigned int healthyPort) : PortSite(RefusingPort::number(), healthyPort)
+    {
+    }
+};
+
+/// A listening socket whose queue is full: the kernel drops what asks for a connection.
+class FullQueue {
+public:
+    FullQueue() : m_listener(newSocket(0))
+    {
+        checked(bind(m_listener.number(), generic(), sizeof m_address), "bind");
+        checked(listen(m_listener.number(), 0), "listen");
+        socklen_t length = sizeof m_address;
+        checked(getsockname(m_listener.number(), generic(), &length), "getsockname");
+        for (Descriptor& filler : m_fillers) {
+            (void)connect(filler.number(), generic(), sizeof m_address);
+        }
+        pollfd last = {m_fillers.back().number(), POLLOUT, 0};
+        constexpr int enough = 50;
+        if (poll(&last, 1, enough) != 0) {
+            throw std::runtime_error("the queue of connections is not full");
+        }
+    }
+    unsigned int port() const { return ntohs(m_address.sin_port); }
+
+private:
+    static int newSocket(int flags)
+    {
+        return checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0), "socket");
+    }
+    sockaddr* generic() { return reinterpret_cast<sockaddr*>(&m_address); }
+
+    sockaddr_in m_address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    Descriptor m_listener;
+    std::array<Descriptor, 3> m_fillers = {Descriptor(newSocket(SOCK_NONBLOCK)),
+                                           Descriptor(newSocket(SOCK_NONBLOCK)),
+                                           Descriptor(newSocket(SOCK_NONBLOCK))};
+};
+
+class BlackHoleSite : private FullQueue, public PortSite {
+public:
+    explicit BlackHoleSite(unsigned int healthyPort) : PortSite(FullQueue::port(), healthyPort) {}
+};
+
+Fault refused()
+{
+    return {"refused", "Nobody listens on the port.", always,
+            [](Column column, Extent const& extent) {
+                Case tried;
+                tried.name = "refused";
+                tried.site = [port = extent.healthyPort] {
+                    return std::make_unique<RefusedSite>(port);
+                };
+                tried.accepted = connectTrouble(column, Trouble::broken);
+                return std::vector<Case>{tried};
+            }};
+}
+
+Fault blackHole()
+{
+    return {"black-hole", "Requests for a connection are not answered.", always,
+            [](Column column, Extent const& extent) {
+                Case tried;
+                tried.name = "full queue";
+                tried.site = [port = extent.healthyPort] {
+                    return std::make_unique<BlackHoleSite>(port);
+                };
+                tried.accepted = connectTrouble(column, Trouble::silent);
+                return std::vector<Case>{tried};
+            }};
+}
+
+// Silence
+
+/// A real directory for the whole program. To be asked for first where there are no other threads.
+Slapd& slapd()
+{
+    static Slapd server({"--users", "2"});
+    return server;
+}
+
+/// It stops, before it accepts or between bind and request.
+class PausedSite : public Site {
+public:
+    enum class Moment { beforeAccept, afterBind };
+
+    PausedSite(Moment moment, Column column, unsigned int healthyPort)
+        : m_moment(moment), m_column(column), m_healthyPort(healthyPort)
+    {
+    }
+
+    Target target() override
+    {
+        Target where = running();
+        if (m_moment == Moment::beforeAccept) {
+            slapd().pause();
+        } else {
+            where.afterBind = [] { slapd().pause(); };
+        }
+        return where;
+    }
+
+    Came meet(Action& operation) override
+    {
+        if (m_moment == Moment::afterBind && m_column == Column::engine) {
+            operation.run(running()); // leaves a bound connection behind
+            slapd().pause();
+            return operation.run(running());
+        }
+        return operation.run(target());
+    }
+
+    Target mended() override
+    {
+        slapd().resume();
+        Target where = running();
+        if (m_column == Column::add) { // the first add may have been carried out meanwhile
+            where.port = m_healthyPort;
+        }
+        return where;
+    }
+
+private:
+    Target running() const
+    {
+        Target where;
+        where.port = slapd().port();
+        where.patience = 2;
+        return where;
+    }
+
+    Moment m_moment;
+    Column m_column;
+    unsigned int m_healthyPort;
+};
+
+std::vector<Case> pausedCase(PausedSite::Moment moment, Column column, Extent const& extent)
+{
+    slapd();
+    Case tried;
+    tried.name = "SIGSTOP";
+    tried.site = [moment, column, port = extent.healthyPort] {
+        return std::make_unique<PausedSite>(moment, column, port);
+    };
+    Step const step = moment == PausedSite::Moment::beforeAccept ? Step::bind : requestOf(column);
+    tried.accepted = troubleIn(step, column, Trouble::silent);
+    return {tried};
+}
+
+std::string withoutSlapd()
+{
+    return Slapd::isInstalled() ? std::string() : "slapd is not installed";
+}
+
+Fault pausedBeforeAccept()
+{
+    return {"paused-before-accept", "A real slapd is stopped; the kernel accepts in its place.",
+            [](Column) { return withoutSlapd(); },
+            [](Column column, Extent const& extent) {
+                return pausedCase(PausedSite::Moment::beforeAccept, column, extent);
+            }};
+}
+
+Fault pausedAfterBind()
+{
+    return {"paused-after-bind", "A real slapd is stopped behind the bind, before the request.",
+            [](Column column) {
+                if (column == Column::bind) {
+                    return std::string("nothing follows the bind");
+                }
+                return column == Column::tool
+                           ? std::string("a process of its own has no such moment; see silent")
+                           : withoutSlapd();
+            },
+            [](Column column, Extent const& extent) {
+                return pausedCase(PausedSite::Moment::afterBind, column, extent);
+            }};
+}
+
+Fault silent()
+{
+    return {"silent", "The server accepts, and stops answering at each step.", always,
+            [](Column column, Extent const&) {
+                std::vector<Case> cases;
+                for (Step const step : stepsOf(column)) {
+                    auto const script = serveUntil(
+                        step, [](Peer& peer, auto const&, auto const&) { peer.stayMute(); });
+                    cases.push_back(serverCase(nameOf(step), script,
+                                               troubleIn(step, column, Trouble::silent), 1));
+                }
+                return cases;
+            }};
+}
+
+// TLS
+
+class SecureSite : public ServerSite {
+public:
+    SecureSite(FaultyServer::Script script, unsigned int healthyPort)
+        : ServerSite(std::move(script), 1), m_healthyPort(healthyPort)
+    {
+    }
+    Target target() override
+    {
+        Target where = ServerSite::target();
+        where.isSecure = true;
+        return where;
+    }
+    Target mended() override
+    {
+        Target where;
+        where.port = m_healthyPort;
+        return where;
+    }
+
+private:
+    unsigned int m_healthyPort;
+};
+
+Case secureCase(char const* name, FaultyServer::Script const& script, Accepted const& accepted,
+                Extent const& extent)
+{
+    Case made;
+    made.name = name;
+    made.site = [script, port = extent.healthyPort] {
+        return std::make_unique<SecureSite>(script, port);
+    };
+    made.accepted = accepted;
+    return made;
+}
+
+FaultyServer::Script sendingAndMute(std::string const& bytes)
+{
+    return [bytes](Peer& peer) {
+        peer.send(bytes);
+        peer.stayMute();
+    };
+}
+
+Fault silentTls()
+{
+    return {"tls", "A peer behind ldaps:// that is silent, breaks off, or speaks no TLS.", always,
+            [](Column column, Extent const& extent) {
+                Accepted const late = connectTrouble(column, Trouble::silent);
+                Accepted const broken = connectTrouble(column, Trouble::broken);
+                std::string const halfRecord("\x16\x03\x03\x00\x7a\x02\x00", 7);
+                std::string const alert("\x15\x03\x03\x00\x02\x02\x28", 7); // handshake failure
+                return std::vector<Case>{
+                    secureCase("silent", sendingAndMute(""), late, extent),
+                    secureCase("half a record", sendingAndMute(halfRecord), late, extent),
+                    secureCase("alert", sendingAndMute(alert), broken, extent),
+                    secureCase("plain text", sendingAndMute("HTTP/1.1 400 Bad Request\r\n\r\n"),
+                               broken, extent),
+                    secureCase("plain LDAP", sendingAndMute(finalResponse(Step::bind, 1, 0)),
+                               broken, extent),
+                    secureCase(
+                        "closed", [](Peer&) {}, broken, extent),
+                    secureCase(
+                        "reset", [](Peer& peer) { peer.reset(); }, broken, extent),
+                };
+            }};
+}
+
+// Ends
+
+enum class End { reset, halfClosed, closed };
+
+void endNow(Peer& peer, End end)
+{
+    if (end == End::reset) {
+        peer.reset();
+    } else if (end == End::halfClosed) {
+        peer.endSending();
+        peer.stayMute();
+    }
+}
+
+enum class Moment { beforeAnswer, amidAnswer, afterAnswer };
+
+FaultyServer::Script endingAt(Step step, Moment moment, End end)
+{
+    return serveUntil(step, [=](Peer& peer, std::vector<std::string> const& replies, auto const&) {
+        std::string const all = joined(replies);
+        if (moment == Moment::amidAnswer) {
+            peer.send(all.substr(0, all.size() - 5));
+        } else if (moment == Moment::afterAnswer) {
+            peer.send(all);
+        }
+        endNow(peer, end);
+    });
+}
+
+Accepted acceptedAt(Step step, Moment moment, End end, Column column)
+{
+    Accepted const broken = troubleIn(step, column, Trouble::broken);
+    if (moment != Moment::afterAnswer) {
+        return broken;
+    }
+    bool const isLast = step == stepsOf(column).back();
+    Accepted const after = isLast ? success(column)
+                                  : anyOf({brokenBeforeRequest(column),
+                                           troubleIn(requestOf(column), column, Trouble::broken)});
+    // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end of
+    // two connections.
+    bool const mayBreak = end == End::reset || column == Column::engine;
+    return mayBreak ? anyOf({after, broken}) : after;
+}
+
+std::vector<Case> endings(Column column, End end)
+{
+    constexpr char const* moments[] = {"before the answer to ", "amid the answer to ",
+                                       "after the answer to "};
+    Accepted const atOnce = anyOf(
+        {connectTrouble(column, Trouble::broken), troubleIn(Step::bind, column, Trouble::broken)});
+    std::vector<Case> cases = {serverCase(
+        "at the connect", [end](Peer& peer) { endNow(peer, end); }, atOnce)};
+    for (Step const step : stepsOf(column)) {
+        for (Moment const moment :
+             {Moment::beforeAnswer, Moment::amidAnswer, Moment::afterAnswer}) {
+            cases.push_back(
+                serverCase(std::string(moments[static_cast<int>(moment)]) + nameOf(step),
+                           endingAt(step, moment, end), acceptedAt(step, moment, end, column)));
+        }
+    }
+    return cases;
+}
+
+Fault ending(char const* name, char const* meaning, End end)
+{
+    return {name, meaning, always,
+            [end](Column column, Extent const&) { return endings(column, end); }};
+}
+
+} // namespace
+
+std::vector<Fault> connectionFaults()
+{
+    return {refused(),
+            blackHole(),
+            pausedBeforeAccept(),
+            pausedAfterBind(),
+            silent(),
+            silentTls(),
+            ending("reset",
+                   "The connection is reset: at the connect, and before, amid and after "
+                   "each answer.",
+                   End::reset),
+            ending("half-closed",
+                   "The server closes its half (FIN) at the same moments, and goes "
+                   "on receiving.",
+                   End::halfClosed),
+            ending("closed", "The server closes the connection at the same moments.", End::closed)};
+}
+
+} // namespace SolvaneTest

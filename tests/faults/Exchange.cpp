@@ -1,0 +1,203 @@
+// A directory of one user.
+#include "Exchange.h"
+
+#include "LdapMessages.h"
+
+#include <cstddef>
+
+namespace SolvaneTest {
+
+namespace {
+
+constexpr unsigned char extendedRequest = 0x77;
+constexpr unsigned char addRequest = 0x68;
+constexpr unsigned char constructedBit = 0x20;
+constexpr unsigned char integerTag = 0x02;
+constexpr unsigned char enumeratedTag = 0x0a;
+
+unsigned char byteAt(std::string const& bytes, std::size_t position)
+{
+    return static_cast<unsigned char>(bytes.at(position));
+}
+
+unsigned char responseTagOf(Step step)
+{
+    switch (step) {
+    case Step::bind:
+        return 0x61;
+    case Step::search:
+        return 0x65;
+    case Step::add:
+        return 0x69;
+    default:
+        return 0x78;
+    }
+}
+
+/// Two's complement in as few bytes as hold it.
+std::string signedNumber(long value)
+{
+    std::string bytes;
+    do {
+        bytes.insert(bytes.begin(), static_cast<char>(value & 0xff));
+        value >>= 8;
+    } while ((value != 0 && value != -1) || ((value == 0) == ((byteAt(bytes, 0) & 0x80) != 0)));
+    return bytes;
+}
+
+std::string resultFields(long code)
+{
+    return berElement(enumeratedTag, signedNumber(code)) + berElement(0x04, "") +
+           berElement(0x04, "");
+}
+
+std::string whoAmIResponse(int messageId)
+{
+    std::string const name = std::string("dn:") + readerDn;
+    return ldapMessage(messageId, berElement(0x78, resultFields(0) + berElement(0x8b, name)));
+}
+
+bool holds(std::string const& bytes, char const* text)
+{
+    return bytes.find(text) != std::string::npos;
+}
+
+/// Appends the roles of the elements between two positions.
+void walk(std::string const& bytes, std::size_t position, std::size_t end, std::vector<Role>& roles)
+{
+    while (position < end) {
+        unsigned char const tag = byteAt(bytes, position);
+        unsigned char const first = byteAt(bytes, position + 1);
+        std::size_t const lengthBytes = first < 0x80 ? 0 : first & 0x7f;
+        std::size_t length = lengthBytes == 0 ? first : 0;
+        for (std::size_t i = 0; i < lengthBytes; ++i) {
+            length = (length << 8) | byteAt(bytes, position + 2 + i);
+        }
+        bool const isId = tag == integerTag; // a message has one integer
+        roles.push_back(Role::tag);
+        roles.insert(roles.end(), 1 + lengthBytes, isId ? Role::messageId : Role::length);
+        position += 2 + lengthBytes;
+        if ((tag & constructedBit) != 0) {
+            walk(bytes, position, position + length, roles);
+        } else {
+            Role const role = isId                   ? Role::messageId
+                              : tag == enumeratedTag ? Role::resultCode
+                                                     : Role::text;
+            roles.insert(roles.end(), length, role);
+        }
+        position += length;
+    }
+}
+
+} // namespace
+
+char const* nameOf(Column column)
+{
+    constexpr char const* names[] = {"bind", "search", "add", "pool", "query", "engine", "tool"};
+    return names[static_cast<int>(column)];
+}
+
+Step stepOf(std::string const& request)
+{
+    switch (operationOf(request)) {
+    case BindRequest:
+        return Step::bind;
+    case extendedRequest:
+        return Step::whoAmI;
+    case SearchRequest:
+        return Step::search;
+    case addRequest:
+        return Step::add;
+    default:
+        return Step::other;
+    }
+}
+
+Step requestOf(Column column)
+{
+    switch (column) {
+    case Column::bind:
+        return Step::other;
+    case Column::add:
+        return Step::add;
+    default:
+        return Step::search;
+    }
+}
+
+std::vector<std::string> repliesTo(std::string const& request)
+{
+    constexpr long invalidCredentials = 49;
+    constexpr long protocolError = 2;
+    int const id = messageIdOf(request);
+    Step const step = stepOf(request);
+    bool const isReader = holds(request, readerDn) && holds(request, readerPassword);
+    if (step == Step::bind && !isReader) {
+        return {finalResponse(Step::bind, id, invalidCredentials)};
+    }
+    if (step == Step::search && !holds(request, userAddress)) { // nobody asks for another user
+        return {finalResponse(Step::search, id, protocolError)};
+    }
+    return repliesOf(step, id);
+}
+
+std::vector<std::string> repliesOf(Step step, int messageId)
+{
+    switch (step) {
+    case Step::whoAmI:
+        return {whoAmIResponse(messageId)};
+    case Step::search:
+        return {userEntry(messageId), finalResponse(Step::search, messageId, 0)};
+    case Step::other:
+        return {};
+    default:
+        return {finalResponse(step, messageId, 0)};
+    }
+}
+
+std::string finalResponse(Step step, int messageId, long code)
+{
+    return ldapMessage(messageId, berElement(responseTagOf(step), resultFields(code)));
+}
+
+std::string userEntry(int messageId)
+{
+    return searchEntry(messageId, userDn, {{"cn", {userName}}, {"mail", {userAddress}}});
+}
+
+std::string readdressed(std::string const& message, long messageId)
+{
+    std::size_t const header =
+        (byteAt(message, 1) & 0x80) == 0 ? 2 : 2 + (byteAt(message, 1) & 0x7f);
+    constexpr std::size_t idElement = 3; // the ids of these tests are small
+    std::string const operation = message.substr(header + idElement);
+    return berElement(0x30, berElement(integerTag, signedNumber(messageId)) + operation);
+}
+
+std::vector<Role> rolesIn(std::string const& message)
+{
+    std::vector<Role> roles;
+    walk(message, 0, message.size(), roles);
+    return roles;
+}
+
+std::vector<Reply> recordedReplies(Column column)
+{
+    std::vector<Step> steps = {Step::bind};
+    if (column == Column::engine || column == Column::tool) {
+        steps.push_back(Step::whoAmI);
+    }
+    steps.push_back(requestOf(column));
+
+    std::vector<Reply> replies;
+    int id = 1;
+    for (Step const step : steps) {
+        std::vector<std::string> const messages = repliesOf(step, id++);
+        for (std::string const& message : messages) {
+            replies.push_back({step, &message != &messages.back(), message});
+        }
+    }
+    return replies;
+}
+
+} // namespace SolvaneTest

@@ -1,0 +1,73 @@
+// What operations ask and what a server without faults answers, message by message.
+#ifndef SOLVANE_TESTS_FAULTS_EXCHANGE_H
+#define SOLVANE_TESTS_FAULTS_EXCHANGE_H
+
+#include <string>
+#include <vector>
+
+namespace SolvaneTest {
+
+/// What is tried against each fault: the columns of the matrix.
+enum class Column {
+    bind,
+    search,
+    add,
+    pool,   ///< a search on a connection of LDAPConnectionCache
+    query,  ///< the query driver, with a bind of its own
+    engine, ///< LDAPLookup: find, then findAll
+    tool,   ///< solvane-ldap lookup, as a process
+};
+constexpr Column allColumns[] = {Column::bind,  Column::search, Column::add, Column::pool,
+                                 Column::query, Column::engine, Column::tool};
+char const* nameOf(Column column);
+
+// The one user that the servers of these tests have, and the one who may ask for it.
+constexpr char userAddress[] = "user0000001@corp.test";
+constexpr char userDn[] = "uid=user0000001,ou=people,dc=corp,dc=test";
+constexpr char userName[] = "Anna Berg 1";
+constexpr char people[] = "ou=people,dc=corp,dc=test";
+constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
+constexpr char readerPassword[] = "reader-pw";
+constexpr char newDn[] = "uid=somebody,ou=new,dc=corp,dc=test";
+
+/// The steps of an exchange, by what is asked.
+enum class Step { bind, whoAmI, search, add, other };
+Step stepOf(std::string const& request);
+/// The step that follows the bind in a column's exchange; `other` where there is none.
+Step requestOf(Column column);
+
+/// What is answered to a request, message by message; nothing to an unbind.
+std::vector<std::string> repliesTo(std::string const& request);
+
+/// The messages of a good answer to a step.
+std::vector<std::string> repliesOf(Step step, int messageId);
+
+/// A final response with any code, those included that no server sends.
+std::string finalResponse(Step step, int messageId, long code);
+std::string userEntry(int messageId);
+/// The same message under another id, which may be none that exists.
+std::string readdressed(std::string const& message, long messageId);
+
+/// What a byte of a message is for.
+enum class Role {
+    tag,
+    length,
+    messageId, ///< and its length
+    resultCode,
+    text, ///< of a name, a value or a diagnostic text: nothing in the message depends on it
+};
+/// The role of each byte of a whole message.
+std::vector<Role> rolesIn(std::string const& message);
+
+/// One message of a recorded exchange.
+struct Reply {
+    Step step;
+    bool isEntry;
+    std::string bytes;
+};
+/// Everything that a server without faults sends on the connection of a column's operation.
+std::vector<Reply> recordedReplies(Column column);
+
+} // namespace SolvaneTest
+
+#endif

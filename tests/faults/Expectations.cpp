@@ -1,0 +1,222 @@
+// The places and codes are literals, as a second witness to the library's own tables.
+#include "Expectations.h"
+
+#include <algorithm>
+#include <iterator>
+
+namespace SolvaneTest {
+
+namespace {
+
+/// A failure of the bind, as each column reports it.
+Accepted ofBind(Column column, std::string const& place, std::string const& engine,
+                std::string const& tool)
+{
+    switch (column) {
+    case Column::pool:
+        return {"Connection.cpp:602 (4/0) < " + place};
+    case Column::query:
+        return {"error " + place.substr(0, place.find(' '))};
+    case Column::engine:
+        return {engine};
+    case Column::tool:
+        return {tool};
+    default:
+        return {place};
+    }
+}
+
+/// A failure of the request behind the bind. `search` may name several places.
+Accepted ofRequest(Column column, std::initializer_list<char const*> search,
+                   std::initializer_list<char const*> add)
+{
+    Accepted accepted;
+    switch (column) {
+    case Column::bind:
+        return success(column);
+    case Column::add:
+        accepted.insert(add.begin(), add.end());
+        break;
+    case Column::query:
+        for (char const* const place : search) {
+            std::string const text = place;
+            accepted.insert("error " + text.substr(0, text.find(' ')));
+        }
+        break;
+    case Column::engine:
+        accepted = {"TryLater -1"};
+        break;
+    case Column::tool:
+        accepted = {"exit 75"};
+        break;
+    default:
+        accepted.insert(search.begin(), search.end());
+    }
+    return accepted;
+}
+
+Accepted silentIn(Step step, Column column)
+{
+    switch (column) {
+    case Column::query:
+        return {step == Step::bind ? "unconfirmed" : "failed", "failed"};
+    case Column::engine:
+        return {"TryLater -5"};
+    case Column::tool:
+        return {"exit 75"};
+    default:
+        return {step == Step::bind ? "unconfirmed" : "no answer"};
+    }
+}
+
+bool takesPart(Step step, Column column)
+{
+    bool const asksWho = column == Column::engine || column == Column::tool;
+    return step == Step::bind || step == requestOf(column) || (step == Step::whoAmI && asksWho);
+}
+
+template <std::size_t count> bool holds(long const (&codes)[count], long code)
+{
+    return std::find(std::begin(codes), std::end(codes), code) != std::end(codes);
+}
+
+// The table of docs/guide/lookup.md, code by code; what is not in it is "try later".
+constexpr long refusals[] = {-11, 7, 8, 9, 10, 13, 48, 49, 50, 53};
+constexpr long misconfigurations[] = {-9, -7, 2,  16, 17, 18, 19, 20, 21, 32,
+                                      33, 34, 36, 64, 65, 66, 67, 69, 71};
+// Those of docs/guide/tool.md.
+constexpr long denials[] = {-11, 7, 8, 13, 48, 49, 50};
+constexpr long badInputs[] = {-7, 16, 17, 18, 19, 20, 21, 34, 64, 65, 66, 67, 69, 71};
+
+std::string engineWord(long code, bool isBind)
+{
+    bool const isRefusal = holds(refusals, code) || (isBind && code == 32);
+    std::string const outcome = isRefusal                        ? "Refused "
+                                : holds(misconfigurations, code) ? "Misconfigured "
+                                                                 : "TryLater ";
+    return outcome + std::to_string(code);
+}
+
+std::string toolWord(long code, bool isBind)
+{
+    bool const isRefusal = holds(refusals, code) || (isBind && code == 32);
+    if (isRefusal) {
+        return holds(denials, code) || code == 32 ? "exit 77" : "exit 69";
+    }
+    if (holds(misconfigurations, code)) {
+        return holds(badInputs, code) ? "exit 65" : "exit 78";
+    }
+    return "exit 75";
+}
+
+} // namespace
+
+std::string always(Column) { return std::string(); }
+
+Accepted success(Column column)
+{
+    switch (column) {
+    case Column::bind:
+        return {"bound"};
+    case Column::add:
+        return {"added"};
+    case Column::tool:
+        return {"exit 0"};
+    default:
+        return {"found"};
+    }
+}
+
+Accepted connectTrouble(Column column, Trouble trouble)
+{
+    return ofBind(column, "Connection.cpp:241 (4/1)",
+                  trouble == Trouble::silent ? "TryLater -5" : "TryLater -1", "exit 75");
+}
+
+Accepted troubleIn(Step step, Column column, Trouble trouble)
+{
+    if (trouble == Trouble::none || !takesPart(step, column)) {
+        return success(column);
+    }
+    if (trouble == Trouble::silent) {
+        return silentIn(step, column);
+    }
+    if (step == Step::bind) {
+        return ofBind(column, "Connection.cpp:315 (4/3)", "TryLater -1", "exit 75");
+    }
+    return ofRequest(column, {"Search.cpp:332 (4/4)"}, {"Add.cpp:137 (4/3) < Add.cpp:124 (4/3)"});
+}
+
+Accepted brokenBeforeRequest(Column column)
+{
+    return ofRequest(column, {"Search.cpp:270 (4/4)", "Search.cpp:332 (4/4)"},
+                     {"Add.cpp:83 (1/7)", "Add.cpp:137 (4/3) < Add.cpp:124 (4/3)"});
+}
+
+Accepted unreadable(Step step, Column column)
+{
+    if (!takesPart(step, column)) {
+        return success(column);
+    }
+    if (step == Step::bind) {
+        return anyOf({ofBind(column, "Result.cpp:577 (1/6)", "TryLater -1", "exit 75"),
+                      ofBind(column, "Result.cpp:541 (2/6)", "TryLater -1", "exit 75")});
+    }
+    if (column == Column::engine) {
+        return {"TryLater -1", "TryLater -4"};
+    }
+    return ofRequest(
+        column, {"Result.cpp:577 (1/6)", "Result.cpp:541 (2/6)", "Result.cpp:646 (4/5)"},
+        {"Add.cpp:137 (4/3) < Result.cpp:577 (1/6)", "Add.cpp:137 (4/3) < Result.cpp:541 (2/6)"});
+}
+
+Accepted codeOfBind(Column column, long code)
+{
+    if (code == 0) {
+        return success(column);
+    }
+    constexpr long invalidCredentials = 49;
+    std::string const engine = engineWord(code, true);
+    std::string const tool = toolWord(code, true);
+    if (code == invalidCredentials) {
+        return ofBind(column, "Connection.cpp:297 (4/3)", engine, tool);
+    }
+    switch (column) {
+    case Column::pool:
+        return {"refused"};
+    case Column::query:
+        return {"failed"};
+    case Column::engine:
+        return {engine};
+    case Column::tool:
+        return {tool};
+    default:
+        return {"refused " + std::to_string(code)};
+    }
+}
+
+Accepted codeOfRequest(Column column, long code)
+{
+    if (code == 0 || column == Column::bind) {
+        return success(column);
+    }
+    switch (column) {
+    case Column::engine:
+        return {engineWord(code, false)};
+    case Column::tool:
+        return {toolWord(code, false)};
+    default:
+        return {"code " + std::to_string(code)};
+    }
+}
+
+Accepted anyOf(std::initializer_list<Accepted> accepted)
+{
+    Accepted all;
+    for (Accepted const& each : accepted) {
+        all.insert(each.begin(), each.end());
+    }
+    return all;
+}
+
+} // namespace SolvaneTest

@@ -1,0 +1,188 @@
+// Allocations that fail, each in turn: those of C++, and those of OpenLDAP.
+#include "Expectations.h"
+#include "Resources.h"
+#include "Sites.h"
+
+#include "Allocations.h"
+#include "Descriptor.h"
+
+#include <array>
+#include <new>
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace SolvaneTest {
+
+namespace {
+
+/// How many allocations an operation makes: of C++, and of OpenLDAP.
+struct Counts {
+    unsigned long ofProgram;
+    unsigned long ofOpenLdap;
+};
+
+Counts countHere(Column column, Target const& target)
+{
+    std::unique_ptr<Action> const first = makeAction(column, std::string());
+    first->run(target); // what is made only once is left out
+    std::unique_ptr<Action> const operation = makeAction(column, std::string());
+    unsigned long const before = OpenLdapMemory::now();
+    unsigned int const ofProgram = allocationsOf([&] { operation->run(target); });
+    return {ofProgram, OpenLdapMemory::now() - before};
+}
+
+/// The same, found out in a process of its own.
+Counts countIn(Column column, unsigned int port)
+{
+    Target target;
+    target.port = port;
+    std::array<int, 2> ends;
+    checked(pipe2(ends.data(), O_CLOEXEC), "pipe2");
+    Descriptor const readEnd(ends[0]);
+    Descriptor writeEnd(ends[1]);
+    pid_t const pid = checked(fork(), "fork");
+    if (pid == 0) {
+        Counts const counts = countHere(column, target);
+        checked(write(writeEnd.number(), &counts, sizeof counts), "write");
+        _exit(0);
+    }
+    writeEnd.close();
+    Counts counts = {};
+    ssize_t const got = read(readEnd.number(), &counts, sizeof counts);
+    waitpid(pid, nullptr, 0);
+    if (got != static_cast<ssize_t>(sizeof counts)) {
+        throw std::runtime_error("the allocations cannot be counted");
+    }
+    return counts;
+}
+
+/// A healthy server; one allocation of the operation fails.
+template <typename Failing> class MemorySite : public HealthySite {
+public:
+    MemorySite(unsigned int port, unsigned int number) : HealthySite(port), m_number(number) {}
+    Came meet(Action& operation) override
+    {
+        Failing const scope(m_number);
+        try {
+            return operation.run(m_where);
+        } catch (std::bad_alloc const&) { // of this test's own
+            return {"out of memory"};
+        }
+    }
+
+private:
+    unsigned int m_number;
+};
+
+class OpenLdapMemorySite : public MemorySite<OpenLdapMemory::Failing> {
+public:
+    using MemorySite::MemorySite;
+    std::string culprit() override { return OpenLdapMemory::Failing::wantedBy(); }
+};
+
+template <typename Site>
+std::vector<Case> failingCases(unsigned long count, Accepted const& accepted, Extent const& extent)
+{
+    std::vector<Case> cases;
+    for (unsigned int number = 0; number < count; number += extent.stride) {
+        Case tried;
+        tried.name = "allocation " + std::to_string(number);
+        tried.site = [number, port = extent.healthyPort] {
+            return std::make_unique<Site>(port, number);
+        };
+        tried.accepted = accepted;
+        cases.push_back(tried);
+    }
+    return cases;
+}
+
+std::string notForTheTool(Column column)
+{
+    return column == Column::tool ? "another process, whose code is the engine's" : std::string();
+}
+
+Fault programMemory()
+{
+    return {
+        "memory", "Each allocation of C++ fails in turn (operator new).", notForTheTool,
+        [](Column column, Extent const& extent) {
+            Accepted const accepted = anyOf({success(column), {"out of memory"}});
+            return failingCases<MemorySite<FailingAllocation>>(
+                countIn(column, extent.healthyPort).ofProgram, accepted, extent);
+        },
+        "An add whose arrays cannot be built to their end leaves what it had built "
+        "([Behaviours](guide/behaviours.md#a-failed-build-leaks)); this memory is not counted."};
+}
+
+/// The failure of any step, as an exception of the library's.
+Accepted failureAnywhere(Column column)
+{
+    Accepted all = anyOf({success(column),
+                          {"out of memory"},
+                          connectTrouble(column, Trouble::broken),
+                          troubleIn(Step::bind, column, Trouble::broken),
+                          troubleIn(Step::whoAmI, column, Trouble::broken),
+                          brokenBeforeRequest(column),
+                          troubleIn(requestOf(column), column, Trouble::broken),
+                          unreadable(requestOf(column), column)});
+    if (column == Column::engine) { // OpenLDAP's own codes: encoding, decoding, memory
+        all.insert({"TryLater -3", "TryLater -4", "TryLater -10"});
+        return all;
+    }
+    std::string const before = column == Column::pool ? "Connection.cpp:602 (4/0) < " : "";
+    for (char const* const place :
+         {"Connection.cpp:403 (4/1)", "Connection.cpp:519 (4/2)", "Connection.cpp:241 (4/3)"}) {
+        all.insert(before + place);
+        if (column == Column::query) {
+            std::string const text = place;
+            all.insert("error " + text.substr(0, text.find(' ')));
+        }
+    }
+    return all;
+}
+
+/// What OpenLDAP leads to where it takes a failed allocation for something else: a filter that is
+/// wrong, the end of an entry.
+Accepted halfTruths(Column column)
+{
+    Accepted const noFilter = codeOfRequest(column, 2); // the search went out without one
+    switch (column) {
+    case Column::bind:
+    case Column::add:
+        return {};
+    case Column::engine:
+        return anyOf(
+            {noFilter, alteredEntry(column), {"Misconfigured -7", "LDAPLookup.cpp (2/0)"}});
+    default:
+        return anyOf({noFilter, alteredEntry(column)});
+    }
+}
+
+Fault openLdapMemory()
+{
+    return {
+        "openldap-memory", "Each allocation of OpenLDAP's libraries fails in turn.", notForTheTool,
+        [](Column column, Extent const& extent) {
+            std::vector<Case> cases = failingCases<OpenLdapMemorySite>(
+                countIn(column, extent.healthyPort).ofOpenLdap, failureAnywhere(column), extent);
+            for (Case& each : cases) {
+                each.acceptedAsLimit = halfTruths(column);
+                each.mayOpenLdapLeak = true;
+                each.mayOpenLdapCrash = true;
+                each.mayOpenLdapLoseDescriptors = true;
+            }
+            return cases;
+        },
+        "OpenLDAP does not look at every allocation of its own. The function named is the one that "
+        "wanted the memory, or that ended the process. Without memory for a filter it sends the "
+        "search without it, or calls the filter wrong; its readers of an entry say the same at "
+        "the end and without memory; and some paths lose memory or the socket."};
+}
+
+} // namespace
+
+std::vector<Fault> memoryFaults() { return {programMemory(), openLdapMemory()}; }
+
+} // namespace SolvaneTest

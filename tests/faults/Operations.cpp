@@ -1,0 +1,470 @@
+// The library's operations, one class each.
+#include "Operations.h"
+
+#include "Process.h"
+#include "TemporaryDirectory.h"
+
+#include <solvane/ldap.h>
+#include <solvane/ldap/impl.h>
+#include <solvane/lookup/LDAPLookup.h>
+
+#include <algorithm>
+#include <ctime>
+#include <filesystem>
+#include <fstream>
+#include <new>
+#include <sstream>
+#include <tuple>
+
+#include <sys/stat.h>
+
+using namespace Solvane;
+
+namespace SolvaneTest {
+
+namespace {
+
+// Failures as words
+
+std::string placeOf(Exception const& fault)
+{
+    std::ostringstream text;
+    text << fault.fileName();
+    if (fault.fileName() != "LDAPLookup.cpp") { // whose lines are not fixed
+        text << ':' << fault.lineNumber();
+    }
+    text << " (" << fault.code();
+    if (auto const* const known = dynamic_cast<LDAPException const*>(&fault)) {
+        text << '/' << known->getType();
+    }
+    text << ')';
+    if (fault.hasCause()) {
+        text << " < " << placeOf(fault.cause());
+    }
+    return text.str();
+}
+
+/// "Search.cpp:332" of "LDAPException code 4 at Search.cpp:332: ...".
+std::string placeIn(std::string const& text)
+{
+    constexpr char before[] = " at ";
+    std::string::size_type const at = text.find(before);
+    if (at == std::string::npos) {
+        return text;
+    }
+    std::string::size_type const start = at + sizeof before - 1;
+    std::string::size_type const colon = text.find(':', start);
+    std::string::size_type const end = text.find_first_not_of("0123456789", colon + 1);
+    return text.substr(start, end - start);
+}
+
+// Steps of several operations
+
+LDAPConnection::RefServer serverOf(Target const& target)
+{
+    return LDAPConnection::RefServer("127.0.0.1", target.port, LDAPConnection::V3, target.isSecure,
+                                     target.patience, false, false);
+}
+
+LDAPSearch::Parameter lookUpUser()
+{
+    LDAPSearch::Parameter parameter(people);
+    parameter.filter = std::string("(mail=") + userAddress + ")";
+    parameter.attributes = {LDAPAttributeType("cn"), LDAPAttributeType("mail")};
+    return parameter;
+}
+
+std::string valuesOf(LDAPSearchResultEntry const& entry)
+{
+    std::string text = entry.entryName();
+    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        text += '|' + attribute.type().asString();
+        for (std::string const& value : attribute.value()) {
+            text += '=' + value;
+        }
+    }
+    return text;
+}
+
+bool isUser(LDAPSearchResultEntry const& entry)
+{
+    std::string const values = valuesOf(entry);
+    std::string const expected = std::string(userDn) + "|cn=" + userName + "|mail=" + userAddress;
+    return values == expected;
+}
+
+std::string wordFor(std::list<LDAPSearchResultEntry> const& entries)
+{
+    if (entries.empty()) {
+        return "not found";
+    }
+    return std::all_of(entries.begin(), entries.end(), isUser) ? "found" : "found altered";
+}
+
+std::string wordFor(LDAPResult const& result)
+{
+    int const code = result.resultCode();
+    return code == 0 ? wordFor(result.searchResultEntries()) : "code " + std::to_string(code);
+}
+
+/// Whether the bind's answer has come, and granted it. The guide asks for this look before "not found"
+/// is believed.
+std::string confirmationOf(LDAPConnection const& connection)
+{
+    LDAPResult const& answer = connection.impl()->m_bindResult;
+    if (answer.isNull() || answer.resultType() != 1) {
+        return "unconfirmed";
+    }
+    return answer.resultCode() == 0 ? "bound" : "refused " + std::to_string(answer.resultCode());
+}
+
+std::string bindTo(LDAPConnection& connection, Target const& target)
+{
+    connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
+    connection.bindWait(target.patience);
+    return confirmationOf(connection);
+}
+
+std::string searchOn(LDAPConnection& connection, Target const& target)
+{
+    target.afterBind();
+    LDAPSearch search(connection, lookUpUser());
+    search.send();
+    if (search.wait(target.patience)) {
+        connection.unbind(); // its late answer is not to meet the next search
+        return "no answer";
+    }
+    return wordFor(search.result());
+}
+
+// Operations
+
+class Bind : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        return {SolvaneTest::wordFor([&] {
+            LDAPConnection connection(serverOf(target), false);
+            return bindTo(connection, target);
+        })};
+    }
+};
+
+class Search : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        return {SolvaneTest::wordFor([&] {
+            LDAPConnection connection(serverOf(target), false);
+            std::string const bound = bindTo(connection, target);
+            return bound == "bound" ? searchOn(connection, target) : bound;
+        })};
+    }
+};
+
+class Add : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        return {SolvaneTest::wordFor([&] {
+            LDAPConnection connection(serverOf(target), false);
+            std::string const bound = bindTo(connection, target);
+            return bound == "bound" ? addOn(connection, target) : bound;
+        })};
+    }
+
+private:
+    static LDAPAttribute attributeOf(char const* type, char const* value)
+    {
+        LDAPAttribute attribute{LDAPAttributeType(std::string(type))};
+        attribute.value(std::string(value));
+        return attribute;
+    }
+
+    static std::string addOn(LDAPConnection& connection, Target const& target)
+    {
+        target.afterBind();
+        std::string dn = newDn;
+        LDAPAdd add(connection, dn);
+        add.attributes({attributeOf("objectClass", "inetOrgPerson"), attributeOf("uid", "somebody"),
+                        attributeOf("cn", "Somebody"), attributeOf("sn", "Somebody")});
+        add.send();
+        if (add.wait(target.patience)) {
+            return "no answer";
+        }
+        int const code = add.result().resultCode();
+        return code == 0 ? "added" : "code " + std::to_string(code);
+    }
+};
+
+class PoolLookup : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        LDAPConnection used;
+        std::string word = SolvaneTest::wordFor([&] { return lookUp(target, used); });
+        if (word == "Search.cpp:270 (4/4)" || word == "Search.cpp:332 (4/4)") {
+            // The guide: once more on a new connection, as the pooled one may have been stale.
+            word = SolvaneTest::wordFor([&] { return lookUp(target, used); });
+        }
+        // The marker was given back: it can be taken again, and only once.
+        if (!used.isNull() && !(used.cacheMarkAsUsed() && !used.cacheMarkAsUsed())) {
+            return {word, "marker still taken"};
+        }
+        if (!used.isNull()) {
+            used.cacheMarkAsAvailable();
+        }
+        return {word};
+    }
+
+private:
+    std::string lookUp(Target const& target, LDAPConnection& used)
+    {
+        used = m_pool.getConnection(serverOf(target), readerDn, readerPassword);
+        if (used.isNull()) {
+            return "refused";
+        }
+        struct Marker {
+            LDAPConnection& taken;
+            ~Marker() { taken.cacheMarkAsAvailable(); }
+        } const marker{used};
+        std::string const bound = confirmationOf(used);
+        if (bound != "bound") {
+            used.unbind();
+            return bound;
+        }
+        return searchOn(used, target);
+    }
+
+    LDAPConnectionCache m_pool;
+};
+
+class UserQuery : public _LDAPQuery {
+public:
+    UserQuery(LDAPConnection& connection, Target const& target)
+        : _LDAPQuery(connection, time(nullptr), timeoutOf(target), true),
+          m_afterBind(target.afterBind)
+    {
+        bindParameters(readerDn, readerPassword);
+    }
+
+    void searchParameter() override
+    {
+        m_afterBind();
+        m_search = LDAPSearch(m_connection, lookUpUser());
+    }
+
+    std::string word() const
+    {
+        switch (state()) {
+        case QueryDone:
+            return wordWhenDone();
+        case QueryError:
+            return "error " + placeIn(m_errorMessage);
+        default:
+            return "failed";
+        }
+    }
+
+private:
+    /// The driver adds two seconds.
+    static unsigned int timeoutOf(Target const& target)
+    {
+        return std::max(target.patience, 2U) - 2;
+    }
+
+    std::string wordWhenDone() const
+    {
+        std::string const bound = confirmationOf(m_connection);
+        return bound == "bound" ? wordFor(result()) : bound;
+    }
+
+    std::function<void()> m_afterBind;
+};
+
+class Query : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        return {SolvaneTest::wordFor([&] {
+            LDAPConnection connection(serverOf(target), false);
+            UserQuery query(connection, target);
+            query.start();
+            return query.word();
+        })};
+    }
+};
+
+class Engine : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        auto const where = std::make_tuple(target.port, target.isSecure, target.patience);
+        Came came = {SolvaneTest::wordFor([&] {
+            if (!m_lookup || m_where != where) {
+                m_lookup.reset();
+                m_lookup = std::make_unique<LDAPLookup>(settingsFor(target));
+                m_where = where;
+            }
+            return wordOf(m_lookup->find(userAddress));
+        })};
+        if (!m_lookup) {
+            return came;
+        }
+        std::string const failure = SolvaneTest::wordFor([&] {
+            findAll(came);
+            return std::string();
+        });
+        if (!failure.empty()) {
+            came.push_back(failure);
+        }
+        return came;
+    }
+
+private:
+    static LDAPLookup::Settings settingsFor(Target const& target)
+    {
+        LDAPLookup::Server server;
+        server.host = "127.0.0.1";
+        server.port = target.port;
+        server.secure = target.isSecure;
+        LDAPLookup::Settings settings;
+        settings.servers.push_back(server);
+        settings.networkTimeout = target.patience;
+        settings.deadline = std::chrono::milliseconds(1500 * target.patience);
+        settings.bindDn = readerDn;
+        settings.password = readerPassword;
+        settings.base = people;
+        settings.queryTemplate = "(mail=$m)";
+        settings.attributes = {"cn", "mail"};
+        settings.connections = 2;
+        settings.tls.verify = Lookup::TlsVerify::none; // the handshake is what is disturbed here
+        // No server is passed over: each lookup is to meet the fault itself.
+        settings.backOff = settings.longestBackOff = std::chrono::milliseconds(0);
+        return settings;
+    }
+
+    void findAll(Came& came)
+    {
+        constexpr int keys = 2;
+        int given = 0;
+        int answered = 0;
+        m_lookup->findAll(
+            [&](std::string& key, bool) {
+                key = userAddress;
+                return given++ < keys ? LDAPLookup::Supply::key : LDAPLookup::Supply::end;
+            },
+            [&](std::string const&, LDAPLookup::Answer&& answer) {
+                came.push_back(wordOf(answer));
+                ++answered;
+                return true;
+            });
+        if (answered != keys) {
+            came.push_back("an answer is missing");
+        }
+    }
+
+    static std::string wordOf(LDAPLookup::Answer const& answer)
+    {
+        constexpr char const* names[] = {"Found",    "NotFound", "Skipped",      "BadKey",
+                                         "TryLater", "Refused",  "Misconfigured"};
+        std::string word = names[static_cast<int>(answer.outcome)];
+        if (answer.outcome == LDAPLookup::Outcome::Found) {
+            word = wordFor(answer.entries);
+        } else {
+            word += ' ' + std::to_string(answer.code);
+        }
+        bool const isConfirmed = answer.identity == LDAPLookup::Identity::Confirmed;
+        return answer.code == 0 && !isConfirmed ? word + " unconfirmed" : word;
+    }
+
+    std::unique_ptr<LDAPLookup> m_lookup;
+    std::tuple<unsigned int, bool, unsigned int> m_where; ///< whom m_lookup asks, and how patiently
+};
+
+class Tool : public Action {
+public:
+    explicit Tool(std::string path)
+        : m_path(std::move(path)), m_password(m_folder.path() / "password")
+    {
+        std::ofstream(m_password) << readerPassword;
+        chmod(m_password.c_str(), S_IRUSR | S_IWUSR);
+    }
+
+    Came run(Target const& target) override
+    {
+        std::vector<std::string> command = target.toolPrefix;
+        std::string const patience = std::to_string(target.patience);
+        std::string const uri = std::string(target.isSecure ? "ldaps" : "ldap") +
+                                "://127.0.0.1:" + std::to_string(target.port);
+        std::string const deadline = std::to_string(target.patience + 1);
+        command.push_back(m_path);
+        command.insert(command.end(), target.toolOptions.begin(), target.toolOptions.end());
+        command.insert(command.end(),
+                       {"-H",         uri,        "-o",           "nettimeout=" + patience,
+                        "--deadline", deadline,   "--tls-verify", "none",
+                        "-D",         readerDn,   "-y",           m_password.string(),
+                        "--format",   "tsv",      "lookup",       "-b",
+                        people,       "-t",       "(mail=$m)",    "--attrs",
+                        "cn,mail",    userAddress});
+        Outcome const ended = SolvaneTest::run(command);
+        return {wordFor(ended)};
+    }
+
+private:
+    static std::string wordFor(Outcome const& ended)
+    {
+        std::string const word = "exit " + std::to_string(ended.exitStatus);
+        std::string const record =
+            std::string(userAddress) + '\t' + userName + ',' + userAddress + "\tfound\n";
+        if (ended.exitStatus == 0) {
+            return ended.output == record ? word : word + " altered";
+        }
+        constexpr int sanitizerFoundSomething = 128;
+        bool const isCrash = ended.exitStatus >= sanitizerFoundSomething ||
+                             ended.output.find("Sanitizer") != std::string::npos;
+        return isCrash ? word + ": " + ended.output : word;
+    }
+
+    TemporaryDirectory m_folder;
+    std::string m_path;
+    std::filesystem::path m_password;
+};
+
+} // namespace
+
+std::string wordFor(std::function<std::string()> const& work)
+{
+    try {
+        return work();
+    } catch (Exception const& fault) {
+        return placeOf(fault);
+    } catch (std::bad_alloc const&) {
+        return "out of memory";
+    } catch (std::exception const& fault) {
+        return std::string("std::exception: ") + fault.what();
+    }
+}
+
+std::unique_ptr<Action> makeAction(Column column, std::string const& tool)
+{
+    switch (column) {
+    case Column::bind:
+        return std::make_unique<Bind>();
+    case Column::search:
+        return std::make_unique<Search>();
+    case Column::add:
+        return std::make_unique<Add>();
+    case Column::pool:
+        return std::make_unique<PoolLookup>();
+    case Column::query:
+        return std::make_unique<Query>();
+    case Column::engine:
+        return std::make_unique<Engine>();
+    case Column::tool:
+        break;
+    }
+    return std::make_unique<Tool>(tool);
+}
+
+} // namespace SolvaneTest
