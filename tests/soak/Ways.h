@@ -1,0 +1,60 @@
+// The ways in which a program can look an address up.
+#ifndef SOLVANE_TESTS_SOAK_WAYS_H
+#define SOLVANE_TESTS_SOAK_WAYS_H
+
+#include <solvane/ldap.h>
+#include <solvane/lookup.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+
+namespace SolvaneTest {
+
+/// A way that several threads share.
+class Way {
+public:
+    virtual ~Way() = default;
+
+    /// The entries with this mail address, their `mail` attribute with them.
+    virtual Solvane::LDAPLookup::Answer lookUp(std::string const& address) = 0;
+    /// What it counted, by name.
+    virtual std::map<std::string, unsigned long> statistics() const = 0;
+};
+
+/// The lookup engine.
+class EngineWay : public Way {
+public:
+    explicit EngineWay(Solvane::LDAPLookup::Settings const& settings);
+
+    Solvane::LDAPLookup::Answer lookUp(std::string const& address) override;
+    std::map<std::string, unsigned long> statistics() const override;
+
+private:
+    Solvane::LDAPLookup m_lookup;
+};
+
+/// The pool of the object interface, as its guide tells to use it: a lookup whose connection broke is
+/// repeated once, on another one.
+class PoolWay : public Way {
+public:
+    /// Of the settings it takes the first server, its network timeout, who binds, and the search.
+    explicit PoolWay(Solvane::LDAPLookup::Settings const& settings);
+
+    Solvane::LDAPLookup::Answer lookUp(std::string const& address) override;
+    std::map<std::string, unsigned long> statistics() const override;
+
+private:
+    Solvane::LDAPLookup::Answer lookUpOnce(std::string const& address);
+    Solvane::LDAPLookup::Answer search(Solvane::LDAPConnection& connection,
+                                       std::string const& address);
+
+    Solvane::LDAPLookup::Settings const m_settings;
+    Solvane::LDAPConnection::RefServer const m_server;
+    Solvane::LDAPConnectionCache m_pool;
+    std::atomic<unsigned long> m_repeated{0};
+};
+
+} // namespace SolvaneTest
+
+#endif

@@ -1,0 +1,116 @@
+"""What a soak's figures come to, and whether they are good. Pure: takes what was measured."""
+
+import statistics
+
+# A stretch without a right answer, in seconds, while a provider was up.
+LONGEST_STRETCH = 5.0
+# Growth of the resident set after warm-up: the greater of the two.
+MEMORY_TOLERANCE_KIB = 2048
+MEMORY_TOLERANCE_SHARE = 0.05
+WARM_UP_SHARE = 0.2
+# Seconds after a fault in which its consequences are still met: a balancer finds a server up again
+# after two checks, a connection that broke is found out when it is used.
+AFTERMATH = 1.5
+# Shorter runs do not tell growth from the pools' filling.
+SHORTEST_FOR_MEMORY = 120
+
+
+def upTimes(downs, start, end):
+    """The spans in which at least one provider was up, from the down times of each."""
+    edges = sorted({start, end, *(edge for down in downs for span in down for edge in span
+                                  if start < edge < end)})
+    spans = []
+    for begin, finish in zip(edges, edges[1:]):
+        middle = (begin + finish) / 2
+        if all(any(gone <= middle < back for gone, back in down) for down in downs):
+            continue
+        if spans and spans[-1][1] == begin:
+            spans[-1] = (spans[-1][0], finish)
+        else:
+            spans.append((begin, finish))
+    return spans
+
+
+def overlap(span, other):
+    """The part that two spans have in common, as its length."""
+    return max(0.0, min(span[1], other[1]) - max(span[0], other[0]))
+
+
+def longestStretch(stretches, ups):
+    """The longest stretch without an answer in which a provider was up without a break."""
+    return max((overlap(stretch, up) for stretch in stretches for up in ups), default=0.0)
+
+
+def afterFault(fault, spans):
+    """How long the longest of the spans went on, of those that a fault may have to do with.
+
+    Counted from the fault; after a blackout, in which nobody can answer, from its end.
+    """
+    start = fault["to"] if fault["kind"] == "blackout" else fault["from"]
+    last = fault["to"] + AFTERMATH
+    return max((end - max(begin, start) for begin, end in spans
+                if begin < last and end > start), default=0.0)
+
+
+def errorsNear(faults, moments):
+    """How many of the moments lie in one of the faults, or in the time in which it is got over."""
+    return sum(any(fault["from"] <= moment < fault["to"] + AFTERMATH for fault in faults)
+               for moment in moments)
+
+
+def recoveries(faults, way):
+    """For each kind of fault: how many, and what lookups went through."""
+    table = {}
+    for kind in sorted({fault["kind"] for fault in faults}):
+        of = [fault for fault in faults if fault["kind"] == kind]
+        row = {"count": len(of), "errors": errorsNear(of, way["errorTimes"])}
+        for name, spans in (("way", way["stretches"]), ("thread", way["outages"])):
+            times = [afterFault(fault, spans) for fault in of]
+            row[name] = {"median": statistics.median(times), "max": max(times)}
+        table[kind] = row
+    return table
+
+
+def memoryGrowth(samples, start, end):
+    """Medians of the first and the last third of the resident set after warm-up, in KiB."""
+    warm = start + (end - start) * WARM_UP_SHARE
+    third = (end - warm) / 3
+    first = [rss for moment, rss, _ in samples if warm <= moment < warm + third]
+    last = [rss for moment, rss, _ in samples if end - third <= moment <= end]
+    if not first or not last:
+        return None
+    return {"first": statistics.median(first), "last": statistics.median(last),
+            "max": max(rss for _, rss, _ in samples)}
+
+
+def memoryTolerance(first):
+    return max(MEMORY_TOLERANCE_KIB, first * MEMORY_TOLERANCE_SHARE)
+
+
+def complaints(soak):
+    """Why the soak failed, a sentence each; none when it is passed."""
+    found = []
+    for way in soak["ways"]:
+        name = way["name"]
+        if way["wrong"]:
+            found.append(f"{name}: {way['wrong']} wrong answers, as {way['wrongAnswers'][0]}")
+        if not way["found"] or not way["notFound"]:
+            found.append(f"{name}: found {way['found']}, did not find {way['notFound']}: "
+                         "there must be some of both")
+        # Wrong settings and refusals are none of the faults that are made here.
+        for reason in way["errors"]:
+            if not reason.startswith("TryLater"):
+                found.append(f"{name}: {way['errors'][reason]} times {reason}")
+        if way["longestStretch"] > LONGEST_STRETCH:
+            found.append(f"{name}: no answer for {way['longestStretch']:.1f} s while a server was "
+                         f"up; at most {LONGEST_STRETCH:.0f} s are allowed")
+    descriptors = soak["descriptors"]
+    if descriptors["after"] != descriptors["before"]:
+        found.append(f"descriptors: {descriptors['before']} before, {descriptors['after']} after")
+    memory = soak["memory"]
+    if memory["isJudged"]:
+        grown = memory["last"] - memory["first"]
+        if grown > memoryTolerance(memory["first"]):
+            found.append(f"memory: grew by {grown:.0f} KiB after warm-up; "
+                         f"{memoryTolerance(memory['first']):.0f} KiB are allowed")
+    return found

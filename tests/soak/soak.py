@@ -1,0 +1,231 @@
+#!/usr/bin/env python3
+"""A load of lookups on replicated servers that come and go, and a judgement on what came of it.
+
+Starts two replicated providers behind HAProxy (testbed/cluster-start), has solvane_soak put its load
+on them, and meanwhile kills, pauses and restarts them at random. Ends with 1 and says why where an
+answer was wrong, a descriptor was left, memory grew, or nobody had an answer for too long though a
+server was up; with 2 where it could not be run.
+"""
+
+import argparse
+import json
+import os
+import platform
+import random
+import shutil
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+
+sys.dont_write_bytecode = True  # the sources' folder stays as it is
+
+import cluster
+import judgement
+import report
+
+SKIPPED = 77
+USERS = 1000
+SETTLE_SHARE = 0.15  # of the time, at the end, without new faults
+
+
+def arguments():
+    parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
+    parser.add_argument("seconds", type=int)
+    parser.add_argument("--program", required=True, help="solvane_soak")
+    parser.add_argument("--testbed", required=True, help="the folder testbed")
+    parser.add_argument("--preset", default="?", help="how the program was built, for the report")
+    parser.add_argument("--threads", type=int, default=64)
+    parser.add_argument("--rate", type=float, default=2000, help="lookups a second in a flood")
+    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1, 1_000_000),
+                        help="of faults and questions")
+    parser.add_argument("--no-faults", action="store_true", help="all servers stay up")
+    parser.add_argument("--json", help="file for everything that was measured")
+    parser.add_argument("--write", help="document to put the figures into")
+    parser.add_argument("--skip-if-missing", action="store_true",
+                        help="end with 77 where a server is not installed")
+    return parser.parse_args()
+
+
+def installed(program):
+    search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/sbin", "/usr/sbin", "/sbin"])
+    return shutil.which(program, path=search)
+
+
+class Load:
+    """solvane_soak at work, and what it holds meanwhile."""
+
+    def __init__(self, options, servers, tide):
+        command = [options.program, "--seconds", options.seconds, "--threads", options.threads,
+                   "--rate", options.rate, "--seed", options.seed, "--tide", tide, "--users", USERS,
+                   "--connections", max(2, options.threads // 6), "--bind-dn",
+                   servers.settings["READER_DN"], "--base",
+                   "ou=people," + servers.settings["BASE_DN"], "--balancer",
+                   servers.settings["LDAP_PORT"]]
+        for provider in servers.providers:
+            command += ["--provider", provider.port]
+        environment = {**os.environ, "LDAPNOINIT": "1",
+                       "LDAP_PASSWORD": servers.settings["READER_PW"]}
+        self._process = subprocess.Popen([str(word) for word in command], env=environment,
+                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.samples = []  # moment, resident set in KiB, descriptors
+        self.isOver = threading.Event()
+        self._sampler = threading.Thread(target=self._sample)
+        if self._process.stderr.readline() != b"load begins\n":
+            self._process.wait(10)
+            raise RuntimeError("solvane_soak does not begin")
+        self._sampler.start()
+
+    def _sample(self):
+        process = f"/proc/{self._process.pid}"
+        page = os.sysconf("SC_PAGE_SIZE") // 1024
+        while not self.isOver.wait(0.5):
+            try:
+                with open(process + "/statm", encoding="ascii") as file:
+                    resident = int(file.read().split()[1]) * page
+                self.samples.append((time.monotonic(), resident, len(os.listdir(process + "/fd"))))
+            except (OSError, IndexError):  # it has just ended
+                return
+
+    def result(self, seconds):
+        """What it reports. Ends it where that takes longer."""
+        try:
+            output, errors = self._process.communicate(timeout=seconds)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            raise
+        finally:
+            self.isOver.set()
+            self._sampler.join()
+        if self._process.returncode != 0:
+            raise RuntimeError(f"solvane_soak ended with {self._process.returncode}:\n"
+                               + errors.decode("utf-8", "replace"))
+        return json.loads(output)
+
+    def end(self):
+        if self._process.poll() is None:
+            self._process.kill()
+            self._process.wait()
+        self.isOver.set()
+
+
+class Writer:
+    """Adds an entry now and then, at whichever provider takes it."""
+
+    def __init__(self, servers, seed):
+        self._servers = servers
+        self._random = random.Random(seed)
+        self.names = set()
+
+    def run(self, isOver):
+        number = 0
+        while not isOver.wait(1):
+            name = f"soak{number:05}"
+            if self._servers.add(self._random.choice(self._servers.providers), name):
+                self.names.add(name)
+            number += 1
+
+    def held(self):
+        """How many of the entries each provider has when it has caught up, or after some time."""
+        end = time.monotonic() + 30
+        while True:
+            held = [self._servers.added(provider) for provider in self._servers.providers]
+            if all(names >= self.names for names in held) or time.monotonic() > end:
+                return [len(names & self.names) for names in held]
+            time.sleep(0.2)
+
+
+def machine():
+    with open("/proc/cpuinfo", encoding="utf-8") as file:
+        models = [line.partition(":")[2].strip() for line in file if line.startswith("model name")]
+    with open("/proc/meminfo", encoding="ascii") as file:
+        memory = int(file.readline().split()[1]) / (1 << 20)
+    return (f"{len(models)} × {models[0] if models else platform.machine()}, {memory:.0f} GiB, "
+            f"Linux {platform.release().split('-')[0]}; load, servers and balancer on the same machine")
+
+
+def packageVersion(name):
+    found = subprocess.run(["dpkg-query", "-W", "-f=${Version}", name], capture_output=True,
+                           text=True, check=False)
+    return found.stdout or "?"
+
+
+def versions():
+    return ", ".join(f"{title} {packageVersion(name)}" for title, name in
+                     (("slapd", "slapd"), ("libldap", "libldap-2.5-0"), ("HAProxy", "haproxy")))
+
+
+def run(options, folder):
+    # Tides long enough for the balancer to close what is idle meanwhile.
+    tide = min(20, max(5, options.seconds / 4))
+    idle = max(1, int(tide / 10))
+    with cluster.Cluster(options.testbed, os.path.join(folder, "cluster"), USERS, idle) as servers:
+        averages = [os.getloadavg()[0]]
+        load = Load(options, servers, tide)
+        try:
+            writer = Writer(servers, options.seed)
+            writing = threading.Thread(target=writer.run, args=(load.isOver,))
+            writing.start()
+            faults = cluster.Faults(servers, options.seed, min(1, options.seconds / 60),
+                                    lambda seconds: not load.isOver.wait(seconds))
+            if not options.no_faults:
+                faults.run(time.monotonic() + options.seconds * (1 - SETTLE_SHARE))
+            soak = load.result(options.seconds + 60)
+            writing.join()
+        finally:
+            load.end()
+        averages.append(os.getloadavg()[0])
+        soak.update(entries=writer.held(), added=len(writer.names))
+        soak.update(faults=faults.log, load=averages,
+                    downs={provider.port: provider.down for provider in servers.providers},
+                    samples=load.samples)
+    return soak
+
+
+def evaluate(soak, options):
+    start, end = soak["start"], soak["end"]
+    ups = judgement.upTimes(soak["downs"].values(), start, end)
+    for way in soak["ways"]:
+        way["longestStretch"] = judgement.longestStretch(way["stretches"], ups)
+        way["recoveries"] = judgement.recoveries(soak["faults"], way)
+        way["strayErrors"] = (len(way["errorTimes"])
+                              - judgement.errorsNear(soak["faults"], way["errorTimes"]))
+    isSanitized = "san" in options.preset or "address" in options.preset or "thread" in options.preset
+    memory = judgement.memoryGrowth(soak["samples"], start, end) or {}
+    memory["isJudged"] = ("first" in memory and not isSanitized
+                          and options.seconds >= judgement.SHORTEST_FOR_MEMORY)
+    soak["descriptors"]["most"] = max((count for _, _, count in soak["samples"]), default=0)
+    soak.update(seconds=options.seconds, threads=options.threads, seed=options.seed, memory=memory,
+                preset=options.preset, machine=machine(), versions=versions())
+    soak["complaints"] = judgement.complaints(soak)
+
+
+def main():
+    options = arguments()
+    missing = [name for name in ("slapd", "haproxy", "ldapadd") if installed(name) is None]
+    if missing:
+        print("not installed: " + ", ".join(missing), file=sys.stderr)
+        return SKIPPED if options.skip_if_missing else 2
+    print(f"seed {options.seed}", flush=True)
+    with tempfile.TemporaryDirectory(prefix="solvane-soak-") as folder:
+        soak = run(options, folder)
+    evaluate(soak, options)
+    text = report.section(soak)
+    print(text)
+    for complaint in soak["complaints"]:
+        print("FAILED: " + complaint)
+    if options.json:
+        with open(options.json, "w", encoding="utf-8") as file:
+            json.dump(soak, file)
+    if options.write:
+        report.writeInto(options.write, text)
+    return 1 if soak["complaints"] else 0
+
+
+if __name__ == "__main__":
+    try:
+        sys.exit(main())
+    except (OSError, RuntimeError, ValueError, subprocess.SubprocessError) as failure:
+        print(f"soak: {failure}", file=sys.stderr)
+        sys.exit(2)
