@@ -3,6 +3,7 @@
 
 #include "OpenLDAP.h"
 
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
 #include <solvane/ldap/impl/LDAPResultImpl.h>
 #include <solvane/lookup/PlainText.h>
 
@@ -46,6 +47,16 @@ int codeOf(LDAPResult const& result)
     bool const refers = result.resultCode() == LDAP_SUCCESS && !result.referrals().empty();
     return refers ? LDAP_REFERRAL : result.resultCode();
 }
+
+/// What the session keeps of its last call.
+int resultCode(LDAP* session)
+{
+    int code = LDAP_SUCCESS;
+    ldap_get_option(session, LDAP_OPT_RESULT_CODE, &code);
+    return code;
+}
+
+void resultCode(LDAP* session, int code) { ldap_set_option(session, LDAP_OPT_RESULT_CODE, &code); }
 
 /// The server's words about a search that it did not carry out.
 std::string wordsFor(LDAPResult const& result)
@@ -411,6 +422,8 @@ bool Bulk::take(Lane& lane, int messageId, LDAPMessageBuffer& message)
     constexpr int searchEntry = 2;
     constexpr int searchReference = 3;
     constexpr int searchResult = 4;
+    LDAP* const session = lane.lease->session.connection().impl()->session();
+    resultCode(session, LDAP_SUCCESS);
     bool isReadable = true;
     try {
         task.result.impl()->parseMessage(message);
@@ -418,6 +431,8 @@ bool Bulk::take(Lane& lane, int messageId, LDAPMessageBuffer& message)
         isReadable = codeOf(task.result) != LDAP_SUCCESS; // a referral, stored before
     }
     int const type = task.result.resultType();
+    // An entry that is damaged inside ends where the damage is; only the session tells.
+    isReadable = isReadable && (type != searchEntry || resultCode(session) == LDAP_SUCCESS);
     if (!isReadable || type < searchEntry || type > searchResult) {
         return false;
     }
@@ -572,7 +587,11 @@ void Bulk::waitForInput(milliseconds patience)
     m_polled.clear();
     for (Lane const& lane : m_lanes) {
         if (!lane.tasks.empty()) {
-            m_polled.push_back({lane.lease->session.descriptor(), POLLIN, 0});
+            DirectorySession& session = lane.lease->session;
+            if (hasBufferedInput(session.connection().impl()->session())) {
+                return;
+            }
+            m_polled.push_back({session.descriptor(), POLLIN, 0});
         }
     }
     constexpr milliseconds longest = std::chrono::hours(1); // poll counts in an int

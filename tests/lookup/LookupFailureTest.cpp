@@ -286,6 +286,38 @@ TEST(LookupOnABrokenConnection, DropsAPooledOneOnWhichTheServerSpokeUnasked)
     EXPECT_EQ(lookup.statistics().repeated, 0U);
 }
 
+TEST(LookupOnABrokenConnection, TakesNoEntryThatIsDamagedInside)
+{
+    std::string const name("\x04\x04"
+                           "cn=x");
+    std::string const longer("\x04\x7F"
+                             "cn=x");
+    ScriptedServer const server(serving([&](Peer& peer, std::string const& request) {
+        int const id = messageIdOf(request);
+        std::string entry = searchEntry(id, "cn=x", {});
+        entry.replace(entry.find(name), name.size(), longer);
+        peer.send(entry + searchDone(id));
+    }));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answer.code, -4) << answer.text;
+    EXPECT_TRUE(answer.wasRepeated);
+}
+
+TEST(LookupOnABrokenConnection, TakesAnEntryWithoutAttributes)
+{
+    ScriptedServer const server(serving([](Peer& peer, std::string const& request) {
+        int const id = messageIdOf(request);
+        peer.send(searchEntry(id, "cn=x", {}) + searchDone(id));
+    }));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
 // Identity
 
 TEST(LookupOnADowngradedConnection, NeverSaysNotFound)

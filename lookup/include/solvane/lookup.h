@@ -1,5 +1,8 @@
 /// @file
 /// The lookup engine: everything a program includes.
+///
+/// @namespace Solvane::Lookup
+/// The parts that `LDAPLookup` is made of, for programs that take single ones.
 #ifndef SOLVANE_LOOKUP_H
 #define SOLVANE_LOOKUP_H
 

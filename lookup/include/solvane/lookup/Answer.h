@@ -36,10 +36,11 @@ enum class Identity {
 /// -7 a filter that is none, -9 a setting that cannot be used, -11 the server's certificate is not
 /// accepted.
 struct Verdict {
-    Outcome outcome = Outcome::Found;
-    int code = 0;
+    Outcome outcome = Outcome::Found; ///< `Found`: the step is done
+    int code = 0;                     ///< 0 where all went well
     std::string text; ///< one line, empty where all went well; never holds a password
 
+    /// True when the step is done.
     bool isGood() const { return outcome == Outcome::Found; }
 };
 
@@ -48,9 +49,10 @@ SOLVANE_LOOKUP_EXPORT Outcome outcomeOfSearch(int code);
 /// The same for a bind, where 32 speaks of the bind DN.
 SOLVANE_LOOKUP_EXPORT Outcome outcomeOfBind(int code);
 
-/// The answer to one key.
+/// The answer to one key. A value, but for its entries, which copies share; those are for one thread
+/// at a time, also for reading.
 struct Answer {
-    Outcome outcome = Outcome::TryLater;
+    Outcome outcome = Outcome::TryLater; ///< what the key came to
     /// What was found; with `TryLater`, what came before a limit was hit. Handles: copies share.
     std::list<LDAPSearchResultEntry> entries;
     std::string filter; ///< of the last search, or of the one that could not be made; may be empty

@@ -19,8 +19,9 @@ enum class TlsVerify {
     full,  ///< the same, and for the host that the user named (RFC 6125)
 };
 
+/// How certificates are checked. A value.
 struct TlsPolicy {
-    TlsVerify verify = TlsVerify::full;
+    TlsVerify verify = TlsVerify::full; ///< how far
     /// PEM file of the accepted authorities. Empty: OpenLDAP's setting (TLS_CACERT), else the
     /// system's bundle.
     std::string caFile;
@@ -32,16 +33,20 @@ struct TlsPolicy {
 /// An X.509 certificate (RFC 5280). A value: copies share what was parsed; usable from any thread.
 class SOLVANE_LOOKUP_EXPORT Certificate {
 public:
+    /// Parses a certificate.
     /// @param der  the certificate in DER
-    /// @throws LDAPException  code 2, type 0: it is none
+    /// @throws LDAPException  code 2, type 0, from Certificate.cpp: it is none
     explicit Certificate(std::string const& der);
 
-    /// Distinguished names as RFC 4514 writes them.
+    /// Whose it is, a distinguished name as RFC 4514 writes it.
     std::string subject() const;
+    /// Who signed it, likewise.
     std::string issuer() const;
     /// Alternative names: DNS names as they are, IP addresses as text.
     std::vector<std::string> names() const;
+    /// When its time begins.
     std::time_t notBefore() const;
+    /// When its time ends.
     std::time_t notAfter() const;
 
     /// Whether it is for `host`, a DNS name or an IP address: RFC 6125 with alternative names and

@@ -16,15 +16,19 @@
 
 namespace Solvane::Lookup {
 
+/// Deadlines are moments of this clock, which nobody sets.
 using Clock = std::chrono::steady_clock;
 
 /// A connection on which each step says how it ended, instead of throwing. For one thread at a
-/// time. In the order connect, bind, confirmIdentity, then requests.
+/// time. In the order connect, bind, confirmIdentity, then requests. It owns its connection, which
+/// others may share through `connection`.
 class SOLVANE_LOOKUP_EXPORT DirectorySession {
 public:
+    /// Nothing is opened yet.
     /// @param server  whom to connect to; its network timeout bounds the connect and the TLS
     ///                handshake, each write, and the wait for the bind's answer
     /// @param host    the host as the user named it, which a certificate is compared with
+    /// @param tls     how far a certificate is checked, where the server is secure
     DirectorySession(LDAPConnection::RefServer const& server, std::string const& host,
                      TlsPolicy const& tls);
 
@@ -43,6 +47,7 @@ public:
     /// server says "anonymous" in spite of the bind; good, and `Unconfirmed`, where it does not
     /// know the question.
     Verdict confirmIdentity(Clock::time_point deadline);
+    /// What `confirmIdentity` found.
     Identity identity() const { return m_identity; }
     /// The authorization identity that the server told, as "dn:cn=reader,dc=corp,dc=test".
     std::string const& authorizationId() const { return m_authorizationId; }
@@ -56,6 +61,7 @@ public:
     Verdict send(LDAPSearch::Parameter const& parameter, int& id);
 
     /// The next message of any request that was sent.
+    /// @param message  receives it, and owns it then
     /// @param timeout  how long to wait at most; 0 takes what has come
     /// @return  its message id; 0: none in time; -1: the connection broke
     int receive(LDAPMessageBuffer& message, std::chrono::milliseconds timeout);
@@ -74,8 +80,9 @@ public:
     /// Text of the server's URI with the host as the user named it.
     std::string const& uri() const { return m_uri; }
 
-    // After connect() on a secure server; empty on another.
+    /// The version of TLS that is spoken, as "TLS1.3"; empty before connect() and without TLS.
     std::string tlsVersion() const;
+    /// The cipher, likewise.
     std::string tlsCipher() const;
     /// What the server showed, also where it was refused.
     std::optional<Certificate> const& certificate() const { return m_certificate; }

@@ -26,39 +26,40 @@ namespace Solvane {
 /// the calls throw nothing but `std::bad_alloc`, and what a source or sink throws.
 class SOLVANE_LOOKUP_EXPORT LDAPLookup : public NonCopyable {
 public:
-    using Answer = Lookup::Answer;
-    using Outcome = Lookup::Outcome;
-    using Identity = Lookup::Identity;
+    using Answer = Lookup::Answer;     ///< what a key came to
+    using Outcome = Lookup::Outcome;   ///< of a key
+    using Identity = Lookup::Identity; ///< of the connection that answered
 
     /// One server of the list.
     struct Server {
-        std::string host; ///< name or address, IPv6 without brackets
-        unsigned int port = 389;
-        bool secure = false; ///< TLS from the first byte ("ldaps://")
-        LDAPConnection::Protocol version = LDAPConnection::V3;
+        std::string host;        ///< name or address, IPv6 without brackets
+        unsigned int port = 389; ///< TCP port
+        bool secure = false;     ///< TLS from the first byte ("ldaps://")
+        LDAPConnection::Protocol version = LDAPConnection::V3; ///< of LDAP
     };
 
     /// What of an address is put into the template, in the order in which a mail server tries.
     enum class Form {
-        full,   ///< user+ext@domain
-        noext,  ///< user@domain
-        bare,   ///< user
-        domain, ///< @domain
+        full,   ///< `user+ext@domain`
+        noext,  ///< `user@domain`
+        bare,   ///< `user`
+        domain, ///< `@domain`
     };
 
+    /// Where to look and how. A value; the engine keeps a copy of its own, with the password.
     struct Settings {
         std::vector<Server> servers; ///< in order of trial
         /// Seconds for connecting and for the TLS handshake, for a bind's answer, and for a server
         /// to be silent about a search before it counts as failed.
         unsigned int networkTimeout = 10;
-        std::string bindDn; ///< empty: anonymous
-        std::string password;
-        std::string base;
-        LDAPSearch::Scope scope = LDAPSearch::ScopeSubtree;
-        LDAPSearch::Deref deref = LDAPSearch::DerefNever;
-        std::string queryTemplate; ///< as `LDAPUtil::sv_ldap_expand_query` takes it
-        std::string bValue;
-        std::string gValue;
+        std::string bindDn;   ///< empty: anonymous
+        std::string password; ///< of `bindDn`; one is refused without the other
+        std::string base;     ///< where searches start
+        LDAPSearch::Scope scope = LDAPSearch::ScopeSubtree; ///< how deep they look
+        LDAPSearch::Deref deref = LDAPSearch::DerefNever;   ///< which aliases are followed
+        std::string queryTemplate;           ///< as `LDAPUtil::sv_ldap_expand_query` takes it
+        std::string bValue;                  ///< what `$b` inserts
+        std::string gValue;                  ///< what `$g` inserts
         std::vector<std::string> attributes; ///< to return; empty asks for all user attributes
         /// Tried in this order until one is found. Forms that are the same text are asked once.
         std::vector<Form> forms = {Form::full};
@@ -69,17 +70,17 @@ public:
         unsigned int entryLimit = 1000; ///< for one key; more is `TryLater`; 0: no limit
         unsigned int timeLimit = 0;     ///< seconds that a server may search; 0: no limit
         std::chrono::milliseconds deadline{15000}; ///< for one key as a whole; a year at most
-        Lookup::TlsPolicy tls;
-        unsigned int connections = 4; ///< at most, of all threads together
-        unsigned int window = 32;     ///< searches in flight on each connection of `findAll`
-        /// How long a server that failed is passed over: at first, and at most; doubled each time.
+        Lookup::TlsPolicy tls;                     ///< of secure servers
+        unsigned int connections = 4;              ///< at most, of all threads together
+        unsigned int window = 32; ///< searches in flight on each connection of `findAll`
+        /// How long a server that failed is passed over at first; doubled each time.
         std::chrono::milliseconds backOff{1000};
-        std::chrono::milliseconds longestBackOff{30000};
+        std::chrono::milliseconds longestBackOff{30000}; ///< at most
     };
 
     /// Checks the settings; no server is asked before the first lookup.
-    /// @throws LDAPException  code 2, type 0: settings that no lookup could succeed with; the text
-    ///                        names the setting
+    /// @throws LDAPException  code 2, type 0, from LDAPLookup.cpp: settings that no lookup could
+    ///                        succeed with; the text names the setting
     explicit LDAPLookup(Settings const& settings);
     ~LDAPLookup();
 
@@ -111,6 +112,7 @@ public:
         unsigned long stale = 0;    ///< connections found closed before use
         unsigned long repeated = 0; ///< lookups repeated since their connection broke
     };
+    /// What has been counted. For any thread.
     Statistics statistics() const;
 
 private:

@@ -13,8 +13,9 @@ namespace Solvane::Lookup {
 
 /// Why bytes are no plain line of text, and where.
 struct TextFault {
-    enum Kind { invalidUtf8, controlCharacter } kind;
-    std::string_view::size_type position;
+    /// What is wrong.
+    enum Kind { invalidUtf8, controlCharacter } kind; ///< what is wrong
+    std::string_view::size_type position;             ///< of the first byte concerned
 };
 
 /// The first byte sequence that is not UTF-8 (RFC 3629: no surrogates, no overlong forms, nothing

@@ -21,10 +21,12 @@ public:
     explicit QueryTemplate(std::string const& text, std::string const& bValue = std::string(),
                            std::string const& gValue = std::string());
 
+    /// The template as it was given.
     std::string const& text() const { return m_text; }
 
     /// The filter that looks for `address`.
-    /// @throws LDAPException  code 2, type 0: the template is malformed; the text says how
+    /// @throws LDAPException  as `LDAPUtil::sv_ldap_expand_query`: the template is malformed; the
+    ///                        text says how
     std::string expand(EmailAddress const& address) const;
 
     /// What one specifier did.
@@ -32,8 +34,8 @@ public:
         std::string::size_type position; ///< of its "$"
         std::string specifier;           ///< as it is written
         std::string dropped;             ///< text of the template before it that is left out
-        std::string inserted;
-        std::string removed; ///< what `${...}` took away
+        std::string inserted;            ///< with its escapes
+        std::string removed;             ///< what `${...}` took away
         /// What `${...}` put in the place of `removed`: empty, unless it did not cut from the text
         /// that the specifier before it inserted.
         std::string replacement;
@@ -44,11 +46,12 @@ public:
 
     /// Something in the template that an administrator should know.
     struct Finding {
+        /// How much it matters.
         enum class Weight {
             warning, ///< it works, but hardly as it was meant
             error,   ///< no lookup can succeed with it
         };
-        Weight weight;
+        Weight weight;                   ///< how much it matters
         std::string::size_type position; ///< of the first byte concerned
         std::string::size_type length;   ///< bytes concerned; 0: the place itself
         std::string text;                ///< one line
