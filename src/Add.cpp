@@ -8,6 +8,7 @@
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
+#include "SessionGuard.h"
 #include "ThrowSite.h"
 
 #include <memory>
@@ -105,14 +106,15 @@ bool LDAPAddImpl::wait(unsigned int timeout)
 
 bool LDAPAddImpl::collect(unsigned int timeoutSeconds)
 {
-    timeval timeout = timeoutOf(timeoutSeconds);
+    timeval const timeout = timeoutOf(timeoutSeconds);
     for (;;) {
         LDAPMessageBuffer message;
         if (m_connection.context() == nullptr || m_connection.impl()->session() == nullptr) {
             throw fault(at::waitNoSession, "m_context is null");
         }
-        int const rc = ldap_result(m_connection.impl()->session(), id(), LDAP_MSG_ONE, &timeout,
-                                   message.address());
+        LDAPConnectionImpl& connection = *m_connection.impl();
+        int const rc = connection.m_guard->awaitMessage(connection.session(), id(), timeout,
+                                                        message.address());
         if (rc == 0) {
             return true;
         }

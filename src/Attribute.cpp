@@ -208,11 +208,32 @@ std::string const& LDAPAttribute::asString(char separator) const
 // Attribute, body
 
 LDAPAttributeImpl::LDAPAttributeImpl() = default;
-LDAPAttributeImpl::LDAPAttributeImpl(LDAPAttributeImpl const& other) = default;
-LDAPAttributeImpl& LDAPAttributeImpl::operator=(LDAPAttributeImpl const& other) = default;
+
+LDAPAttributeImpl::LDAPAttributeImpl(LDAPAttributeImpl const& other)
+    : RefImpl(other), m_type(other.type()), m_values(other.m_values),
+      m_texts(other.m_texts ? std::make_unique<Texts>(*other.m_texts) : nullptr)
+{
+}
+
+LDAPAttributeImpl& LDAPAttributeImpl::operator=(LDAPAttributeImpl const& other)
+{
+    if (this != &other) {
+        type(other.type());
+        m_values = other.m_values;
+        if (m_texts || other.m_texts) {
+            texts() = other.m_texts ? *other.m_texts : Texts(); // in place: callers refer to them
+        }
+    }
+    return *this;
+}
+
 LDAPAttributeImpl::~LDAPAttributeImpl() = default;
 
-void LDAPAttributeImpl::type(LDAPAttributeType const& type) { m_type = type; }
+void LDAPAttributeImpl::type(LDAPAttributeType const& type)
+{
+    m_type = type;
+    m_description.clear();
+}
 
 // The setters leave the cached texts alone: what value() has answered once, it goes on answering.
 
@@ -237,28 +258,30 @@ void LDAPAttributeImpl::value(berval** values)
 
 std::list<std::string> const& LDAPAttributeImpl::value() const
 {
-    if (m_textValues.empty()) {
-        std::list<std::string> texts; // a cache half built would be taken for a whole one
+    std::list<std::string>& cached = texts().values;
+    if (cached.empty()) {
+        std::list<std::string> made; // a cache half built would be taken for a whole one
         for (Buffer const& bytes : m_values) {
-            texts.emplace_back(reinterpret_cast<char const*>(bytes.data()), bytes.length());
+            made.emplace_back(reinterpret_cast<char const*>(bytes.data()), bytes.length());
         }
-        m_textValues.swap(texts);
+        cached.swap(made);
     }
-    return m_textValues;
+    return cached;
 }
 
 std::string const& LDAPAttributeImpl::asString(char separator) const
 {
-    m_text.clear();
+    std::string& joined = texts().joined;
+    joined.clear();
     bool first = true;
     for (std::string const& text : value()) {
         if (!first) {
-            m_text.append(1, separator);
+            joined.append(1, separator);
         }
-        m_text.append(text);
+        joined.append(text);
         first = false;
     }
-    return m_text;
+    return joined;
 }
 
 // Container, handle

@@ -20,7 +20,6 @@
 #include <cerrno>
 #include <ctime>
 #include <mutex>
-#include <sstream>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -112,16 +111,15 @@ LDAPConnection::Server::~Server() = default;
 /// again for each connect.
 std::string LDAPConnection::Server::uriText() const
 {
-    std::ostringstream text;
-    text << (secure ? "ldaps://" : "ldap://");
+    auto const around = [this](std::string const& address) {
+        return (secure ? "ldaps://[" : "ldap://[") + address + "]:" + std::to_string(port) + '/';
+    };
     if (IPAddress::isValidIPAddress(host)) {
-        text << '[' << host << "]:" << port << '/';
-        return text.str();
+        return around(host);
     }
     Host const resolved(host, false);
     if (!resolved.isNull() && resolved.address() != nullptr) {
-        text << '[' << *resolved.address() << "]:" << port << '/';
-        return text.str();
+        return around(resolved.address()->asString());
     }
     std::string const message = "Invalid hostname: " + host;
     log(message);
@@ -221,15 +219,15 @@ void LDAPConnection::bind(std::string const& dn, std::string const& password, Bi
 bool LDAPConnection::bindWait(unsigned int timeoutSeconds)
 {
     LDAPConnectionImpl& body = bodyOf(m_impl, at::bindWaitNullHandle);
-    timeval timeout = timeoutOf(timeoutSeconds);
+    timeval const timeout = timeoutOf(timeoutSeconds);
     for (;;) {
         LDAPMessageBuffer message;
         if (body.session() == nullptr) {
             throw fault(at::bindWaitNoSession,
                         "m_context=0, bind probably failed, unbind was called, then wait()");
         }
-        int const rc = ldap_result(body.session(), body.m_bindMessageId, LDAP_MSG_ONE, &timeout,
-                                   message.address());
+        int const rc = body.m_guard->awaitMessage(body.session(), body.m_bindMessageId, timeout,
+                                                  message.address());
         int const error = errno;
         // A wait that runs out counts as a completed bind: a dead session shows itself in the
         // search that follows, and callers rely on getting the connection.
@@ -255,8 +253,8 @@ bool LDAPConnection::bindWait(unsigned int timeoutSeconds)
 
 LDAPConnectionImpl::LDAPConnectionImpl(LDAPConnection::RefServer const& server, bool anonymous)
     : m_server(server), m_context(nullptr), m_bindMode(LDAPConnection::Synchronous),
-      m_bindMessageId(0), m_anonymous(anonymous), m_available(1),
-      m_expiry(time(nullptr) + lifeSeconds), m_openldapErrorCode(0), m_sessionEnded(false),
+      m_bindMessageId(0), m_anonymous(anonymous), m_expiry(time(nullptr) + lifeSeconds),
+      m_openldapErrorCode(0), m_sessionEnded(false),
       m_guard(new SessionGuard(server->networkTimeout, defaultMaximumMessageSize))
 {
     initializeSession();

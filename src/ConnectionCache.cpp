@@ -54,13 +54,14 @@ struct LDAPConnectionCache::Wanted {
     std::string const& dn;
     std::string const& password;
 
-    /// Whether `connection` serves, cheapest test first; if it does, it is taken for the caller.
-    bool takes(LDAPConnection& connection) const
+    /// Whether the connection serves, cheapest test first; if it does, it is taken for the caller.
+    /// One in use, as most are in a busy pool, is passed over without another look.
+    bool takes(LDAPConnectionImpl& body) const
     {
-        LDAPConnectionImpl const& body = *connection.impl();
-        return body.m_server->uri == uri && body.m_anonymous == anonymous &&
+        return body.m_available.looksFree() && body.m_server->uri == uri &&
+               body.m_anonymous == anonymous &&
                (anonymous || (body.m_bindDn == dn && body.m_bindPassword == password)) &&
-               connection.cacheMarkAsUsed();
+               body.m_available.trywait();
     }
 };
 
@@ -90,17 +91,18 @@ LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer cons
 LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
 {
     std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
-    boost::unique_lock<boost::shared_mutex> const lock(m_lock);
     long const now = time(nullptr);
+    boost::unique_lock<boost::shared_mutex> const lock(m_lock);
     if (!wanted.anonymous) {
         removeExpired(now, removed);
     }
     for (auto position = m_connections.begin(); position != m_connections.end();) {
         auto const current = position++;
-        if (!wanted.takes(*current)) {
+        LDAPConnectionImpl& body = *current->m_impl.body();
+        if (!wanted.takes(body)) {
             continue;
         }
-        if (!current->impl()->isValid()) {
+        if (!body.isValid()) {
             removed.splice(removed.end(), m_connections, current);
             if (!wanted.anonymous) {
                 SOLVANE_TRACE(at::expiredCached, "Expired cached LDAP connection to %s",
@@ -110,7 +112,7 @@ LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
         }
         MarkerGuard marker(*current);
         LDAPConnection hit(*current); // allocates: the marker must not be lost
-        hit.impl()->extendExpiryTime(now);
+        body.extendExpiryTime(now);
         m_cacheHits.increment();
         if (!wanted.anonymous) {
             SOLVANE_TRACE(at::useCached, "Use cached LDAP connection to %s",
@@ -176,7 +178,7 @@ void LDAPConnectionCache::removeExpired(long now, std::list<LDAPConnection>& rem
 {
     for (auto position = m_connections.begin(); position != m_connections.end();) {
         auto const current = position++;
-        if (current->impl()->hasExpired(now)) {
+        if (current->m_impl.body()->hasExpired(now)) {
             removed.splice(removed.end(), m_connections, current);
             m_cacheSize.decrement();
         }

@@ -2,6 +2,7 @@
 #include <solvane/ldap/LDAPResult.h>
 
 #include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/impl/LDAPAttributeImpl.h>
 #include <solvane/ldap/impl/LDAPResultImpl.h>
 
 #include "OpenLDAP.h"
@@ -67,6 +68,44 @@ bool isListed(int messageType)
 }
 
 } // namespace
+
+/// Builds one entry in the nodes, handles and bodies in which it stays: of a big answer, nothing is
+/// made to be copied and given back at once.
+class EntryBuilder {
+public:
+    explicit EntryBuilder(char const* dn)
+    {
+        m_entry.emplace_back(std::string());
+        if (dn != nullptr) {
+            m_entry.back().m_entryName = dn;
+        }
+    }
+
+    /// @param description  as the server sent it; taken apart when it is asked for
+    /// @param values       null-terminated, or null for none; stays the caller's
+    void append(char const* description, berval** values)
+    {
+        std::list<LDAPAttribute>& attributes =
+            m_entry.back().m_attributes.m_impl.body()->m_attributes;
+        attributes.emplace_back();
+        BodyReference<LDAPAttributeImpl>& attribute = attributes.back().m_impl;
+        attribute.create();
+        if (*description == '\0') {
+            attribute.body()->type(LDAPAttributeType(std::string()));
+        } else {
+            attribute.body()->m_description = description;
+        }
+        attribute.body()->value(values);
+    }
+
+    void moveTo(std::list<LDAPSearchResultEntry>& entries)
+    {
+        entries.splice(entries.end(), m_entry);
+    }
+
+private:
+    std::list<LDAPSearchResultEntry> m_entry; // this one
+};
 
 // Entry
 
@@ -238,20 +277,19 @@ void LDAPResultImpl::parseEntry(LDAPMessage* message)
 {
     LDAPCharBuffer dn;
     *dn.address() = ldap_get_dn(m_context, message);
-    LDAPSearchResultEntry entry(dn.get() == nullptr ? std::string() : std::string(dn.get()));
+    EntryBuilder entry(dn.get());
 
     LDAPBerElementBuffer position;
     LDAPCharBuffer name;
     *name.address() = ldap_first_attribute(m_context, message, position.address());
     while (name.get() != nullptr) {
-        LDAPAttributeType const type{std::string(name.get())};
-        LDAPBerValBuffer values(",");
+        OpenLDAPOwner<berval*, releaseBerValues> values;
         *values.address() = ldap_get_values_len(m_context, message, name.get());
-        entry.appendAttribute(LDAPAttribute(type, values.get()));
+        entry.append(name.get(), values.get());
         name.free();
         *name.address() = ldap_next_attribute(m_context, message, position.get());
     }
-    m_searchResultEntries.push_back(entry);
+    entry.moveTo(m_searchResultEntries);
 }
 
 void LDAPResultImpl::parseSearchReference(LDAPMessageBuffer& chain)

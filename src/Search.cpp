@@ -9,6 +9,7 @@
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
+#include "SessionGuard.h"
 #include "ThrowSite.h"
 
 #include <cerrno>
@@ -206,12 +207,14 @@ bool LDAPSearchImpl::wait(unsigned int timeout)
 bool LDAPSearchImpl::collect(unsigned int timeoutSeconds)
 {
     LDAP* const context = static_cast<LDAP*>(m_connection.context());
-    timeval timeout = timeoutOf(timeoutSeconds);
+    timeval const timeout = timeoutOf(timeoutSeconds);
     for (;;) {
         LDAPMessageBuffer message;
-        int const rc = m_connection.impl()->session() == nullptr
-                           ? LDAP_SERVER_DOWN
-                           : ldap_result(context, id(), LDAP_MSG_ONE, &timeout, message.address());
+        LDAPConnectionImpl& connection = *m_connection.impl();
+        int const rc =
+            connection.session() == nullptr
+                ? LDAP_SERVER_DOWN
+                : connection.m_guard->awaitMessage(context, id(), timeout, message.address());
         int const error = errno;
         if (rc == 0) {
             return true;
@@ -223,7 +226,7 @@ bool LDAPSearchImpl::collect(unsigned int timeoutSeconds)
             throw fault(at::waitFailed, ldap_err2string(rc));
         }
         if (m_result.isNull()) {
-            m_result = LDAPResult(m_connection);
+            m_result.m_impl.adopt(std::make_unique<LDAPResultImpl>(context));
         }
         m_result.impl()->parseMessage(message);
         if (static_cast<ber_tag_t>(rc) == LDAP_RES_SEARCH_RESULT) {

@@ -4,6 +4,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
+#include <new>
+#include <optional>
+#include <utility>
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -12,6 +16,8 @@
 namespace Solvane {
 
 namespace {
+
+constexpr ber_len_t bufferSize = 16384;
 
 SessionGuard& guardOf(Sockbuf_IO_Desc* layer)
 {
@@ -85,24 +91,32 @@ bool isReadyBy(std::chrono::steady_clock::time_point deadline, int descriptor, s
     }
 }
 
+bool isPlain(LDAPURLDesc const* server)
+{
+    return server != nullptr && server->lud_scheme != nullptr &&
+           std::strcmp(server->lud_scheme, "ldap") == 0;
+}
+
 } // namespace
 
-Sockbuf_IO SessionGuard::s_socketLayer = {setUp, nullptr, passOn, readSocket, writeSocket, nullptr};
+Sockbuf_IO SessionGuard::s_socketLayer = {setUp,      nullptr,     controlSocket,
+                                          readSocket, writeSocket, nullptr};
 Sockbuf_IO SessionGuard::s_messageLayer = {setUp,       nullptr,      passOn,
                                            readMessage, writeMessage, nullptr};
 
 SessionGuard::SessionGuard(unsigned int networkTimeout, unsigned long maximumMessageBytes)
     : m_callback{connected, disconnected, this}, m_networkTimeout(timeoutOf(networkTimeout).tv_sec),
       m_maximumMessageBytes(maximumMessageBytes), m_isForBind(false), m_isBinding(false),
-      m_isShakingHands(false)
+      m_isShakingHands(false), m_bufferBegin(0), m_bufferEnd(0), m_bufferError(0)
 {
 }
 
-int SessionGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
+int SessionGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc* server, sockaddr*,
+                            ldap_conncb* callback)
 {
     SessionGuard& guard = *static_cast<SessionGuard*>(callback->lc_arg);
     bool const mayConnect = !guard.m_isForBind || guard.m_isBinding;
-    if (mayConnect && guard.install(socket)) {
+    if (mayConnect && guard.install(socket, isPlain(server))) {
         return 0;
     }
     closeConnection(socket);
@@ -111,24 +125,39 @@ int SessionGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, lda
 
 /// OpenLDAP goes on polling the number of a connection that ended while nothing was outstanding: the
 /// session's next one would fail for it, or wait on somebody else's file.
-void SessionGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb*)
+void SessionGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback)
 {
+    static_cast<SessionGuard*>(callback->lc_arg)->forgetBuffered();
     if (socket != nullptr) { // null when the session goes
         ldap_mark_select_clear(session, socket);
     }
 }
 
-bool SessionGuard::install(Sockbuf* socket)
+bool SessionGuard::install(Sockbuf* socket, bool isPlain)
 {
     // Without a network timeout, a handshake could never even begin.
     constexpr std::chrono::seconds shortestHandshake(1);
-    m_isShakingHands = true;
+    m_isShakingHands = !isPlain;
     m_handshakeDeadline = Clock::now() + std::max(m_networkTimeout, shortestHandshake);
+    forgetBuffered();
+    // Without memory for it, every read goes to the socket.
+    m_buffer.reset(isPlain ? new (std::nothrow) char[bufferSize] : nullptr);
     // Just above the socket and below TLS; and above TLS, below what prints LDAP messages.
     return removeLayers(socket) &&
            ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_MAX_INCOMING, &m_maximumMessageBytes) == 1 &&
            ber_sockbuf_add_io(socket, &s_socketLayer, LBER_SBIOD_LEVEL_PROVIDER + 5, this) == 0 &&
-           ber_sockbuf_add_io(socket, &s_messageLayer, LBER_SBIOD_LEVEL_APPLICATION, this) == 0;
+           (isPlain ||
+            ber_sockbuf_add_io(socket, &s_messageLayer, LBER_SBIOD_LEVEL_APPLICATION, this) == 0);
+}
+
+int SessionGuard::awaitMessage(LDAP* session, int id, timeval timeout, LDAPMessage** message)
+{
+    int type = ldap_result(session, id, LDAP_MSG_ONE, &timeout, message);
+    while (type == 0 && hasBuffered()) {
+        timeout = {0, 0};
+        type = ldap_result(session, id, LDAP_MSG_ONE, &timeout, message);
+    }
+    return type;
 }
 
 int SessionGuard::setUp(Sockbuf_IO_Desc* layer, void* guard)
@@ -137,9 +166,70 @@ int SessionGuard::setUp(Sockbuf_IO_Desc* layer, void* guard)
     return 0;
 }
 
+int SessionGuard::controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument)
+{
+    bool const isReady = option == LBER_SB_OPT_DATA_READY && guardOf(layer).hasBuffered();
+    return isReady ? 1 : passOn(layer, option, argument);
+}
+
 ber_slen_t SessionGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {
-    SessionGuard const& guard = guardOf(layer);
+    SessionGuard& guard = guardOf(layer);
+    return guard.m_buffer ? guard.readAhead(layer, static_cast<char*>(bytes), length)
+                          : guard.receive(layer, bytes, length);
+}
+
+/// All that was asked for as far as it has come: the caller would wait for the rest.
+ber_slen_t SessionGuard::readAhead(Sockbuf_IO_Desc* layer, char* bytes, ber_len_t length)
+{
+    ber_len_t const taken = takeBuffered(bytes, length);
+    if (taken == length) {
+        return static_cast<ber_slen_t>(taken);
+    }
+    if (taken == 0 && m_bufferError != 0) {
+        errno = std::exchange(m_bufferError, 0);
+        return -1;
+    }
+    ber_slen_t const more = refill(layer, bytes + taken, length - taken);
+    if (more >= 0 || taken == 0) {
+        return static_cast<ber_slen_t>(taken) + more;
+    }
+    m_bufferError = wouldBlock() ? 0 : errno; // the system tells it once
+    return static_cast<ber_slen_t>(taken);
+}
+
+/// Reads into the empty buffer and takes from there; what would not fit goes past it.
+ber_slen_t SessionGuard::refill(Sockbuf_IO_Desc* layer, char* bytes, ber_len_t length)
+{
+    if (length >= bufferSize) {
+        return receive(layer, bytes, length);
+    }
+    ber_slen_t const count = receive(layer, m_buffer.get(), bufferSize);
+    if (count <= 0) {
+        return count;
+    }
+    m_bufferBegin = 0;
+    m_bufferEnd = static_cast<ber_len_t>(count);
+    return static_cast<ber_slen_t>(takeBuffered(bytes, length));
+}
+
+void SessionGuard::forgetBuffered()
+{
+    m_bufferBegin = 0;
+    m_bufferEnd = 0;
+    m_bufferError = 0;
+}
+
+ber_len_t SessionGuard::takeBuffered(char* bytes, ber_len_t length)
+{
+    ber_len_t const count = std::min(length, m_bufferEnd - m_bufferBegin);
+    std::memcpy(bytes, m_buffer.get() + m_bufferBegin, count);
+    m_bufferBegin += count;
+    return count;
+}
+
+ber_slen_t SessionGuard::receive(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) const
+{
     int const descriptor = descriptorOf(layer->sbiod_sb);
     for (;;) {
         ssize_t const count = recv(descriptor, bytes, length, MSG_DONTWAIT);
@@ -149,7 +239,7 @@ ber_slen_t SessionGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len
         if (errno == EINTR) {
             continue;
         }
-        if (!guard.m_isShakingHands || !isReadyBy(guard.m_handshakeDeadline, descriptor, POLLIN)) {
+        if (!m_isShakingHands || !isReadyBy(m_handshakeDeadline, descriptor, POLLIN)) {
             return -1;
         }
     }
@@ -159,8 +249,10 @@ ber_slen_t SessionGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_le
 {
     SessionGuard const& guard = guardOf(layer);
     int const descriptor = descriptorOf(layer->sbiod_sb);
-    Clock::time_point const deadline =
-        guard.m_isShakingHands ? guard.m_handshakeDeadline : Clock::now() + guard.m_networkTimeout;
+    std::optional<Clock::time_point> deadline;
+    if (guard.m_isShakingHands) {
+        deadline = guard.m_handshakeDeadline;
+    }
     for (;;) {
         ssize_t const count = send(descriptor, bytes, length, MSG_NOSIGNAL | MSG_DONTWAIT);
         if (count >= 0 || (errno != EINTR && !wouldBlock())) {
@@ -172,7 +264,13 @@ ber_slen_t SessionGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_le
         // Without a network timeout the socket may still be connecting; OpenLDAP sends later.
         bool const isLeftToOpenLDAP =
             guard.m_networkTimeout.count() == 0 && !guard.m_isShakingHands;
-        if (isLeftToOpenLDAP || !isReadyBy(deadline, descriptor, POLLOUT)) {
+        if (isLeftToOpenLDAP) {
+            return -1;
+        }
+        if (!deadline) {
+            deadline = Clock::now() + guard.m_networkTimeout;
+        }
+        if (!isReadyBy(*deadline, descriptor, POLLOUT)) {
             return -1;
         }
     }

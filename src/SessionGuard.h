@@ -7,6 +7,7 @@
 #include <solvane/ldap/RefCounted.h>
 
 #include <chrono>
+#include <memory>
 
 namespace Solvane {
 
@@ -23,6 +24,9 @@ namespace Solvane {
 ///   timeout.
 /// - A write to a closed peer raises no SIGPIPE.
 /// - A message announced as larger than the bound ends the connection before it is stored.
+/// - Without TLS, what has come is read in one go and kept for the reads that follow: OpenLDAP reads
+///   each message in three. The socket may then have nothing to read although the session has, so
+///   who polls it asks `LBER_SB_OPT_DATA_READY` first, as OpenLDAP does.
 ///
 /// Must outlive the session that it was installed on.
 class SessionGuard : public NonCopyable {
@@ -34,6 +38,11 @@ public:
     /// The value of the session's option LDAP_OPT_CONNECT_CB.
     ldap_conncb* callback() { return &m_callback; }
     void maximumMessageBytes(unsigned long bytes) { m_maximumMessageBytes = bytes; }
+
+    /// The next message of a request, as `ldap_result` gives it, from the guarded session. When this
+    /// says that none came in time, nothing is left that was read ahead: `ldap_result` looks at the
+    /// clock after each message of another request, and the caller may go on to poll the socket.
+    int awaitMessage(LDAP* session, int id, timeval timeout, LDAPMessage** message);
 
     /// While it lives, the session may connect; from then on it is bound, or was to be.
     class BindScope : public NonCopyable {
@@ -54,15 +63,23 @@ private:
                          ldap_conncb* callback);
     static void disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback);
 
-    bool install(Sockbuf* socket);
+    bool install(Sockbuf* socket, bool isPlain);
 
     // The layer next to the socket.
+    static int controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument);
     static ber_slen_t readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     // The layer above TLS: what passes it is LDAP, so the handshake is over.
     static ber_slen_t readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static ber_slen_t writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static int setUp(Sockbuf_IO_Desc* layer, void* guard);
+
+    ber_slen_t receive(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length) const;
+    ber_slen_t readAhead(Sockbuf_IO_Desc* layer, char* bytes, ber_len_t length);
+    ber_slen_t refill(Sockbuf_IO_Desc* layer, char* bytes, ber_len_t length);
+    ber_len_t takeBuffered(char* bytes, ber_len_t length);
+    void forgetBuffered();
+    bool hasBuffered() const { return m_bufferBegin != m_bufferEnd; }
 
     using Clock = std::chrono::steady_clock;
 
@@ -77,6 +94,10 @@ private:
     // Of the current connection; a session without referral chasing has one at a time.
     bool m_isShakingHands;
     Clock::time_point m_handshakeDeadline;
+    std::unique_ptr<char[]> m_buffer; // null where nothing is read ahead
+    ber_len_t m_bufferBegin;          // of what has been read and not yet been asked for
+    ber_len_t m_bufferEnd;
+    int m_bufferError; // errno that comes after it; else 0
 };
 
 } // namespace Solvane

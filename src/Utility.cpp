@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
+#include <string_view>
+#include <utility>
 
 namespace Solvane {
 
@@ -24,7 +26,10 @@ constexpr ThrowSite unknownSpecial  { unit,  230, Fault::invalidInput, Stage::ge
 } // namespace at
 // clang-format on
 
-constexpr char specialCharacters[] = "*()\\";
+bool isSpecial(char character)
+{
+    return character == '*' || character == '(' || character == ')' || character == '\\';
+}
 
 /// The escape of a special character (RFC 2254 section 4).
 char const* escapeOf(char special)
@@ -52,18 +57,44 @@ std::string upperCased(std::string text)
     return text;
 }
 
-/// One expansion: the escaped values, the template, and how far it has been read.
+/// Appends the value with its special characters escaped.
+void appendEscaped(std::string& text, std::string const& value)
+{
+    std::string_view rest = value;
+    for (;;) {
+        auto const special = std::find_if(rest.begin(), rest.end(), isSpecial);
+        auto const plain = static_cast<std::size_t>(special - rest.begin());
+        text.append(rest.data(), plain);
+        if (plain == rest.size()) {
+            return;
+        }
+        text.append(escapeOf(*special));
+        rest.remove_prefix(plain + 1);
+    }
+}
+
+/// False where trimming is known to change nothing; what is blank, the runtime decides.
+bool mayHaveBlanksRound(std::string const& text)
+{
+    auto const isPrinted = [](char character) { return character > ' ' && character < 0x7f; };
+    return !text.empty() && !(isPrinted(text.front()) && isPrinted(text.back()));
+}
+
+/// One expansion: the values, the template, and how far it has been read.
 class Expansion {
 public:
     Expansion(std::string const& query, std::string const& user, std::string const& domain,
               std::string const& bValue, std::string const& gValue)
-        : m_query(query), m_template(query), m_user(LDAPUtil::formalizeQueryFilter(user)),
-          m_domain(LDAPUtil::formalizeQueryFilter(domain)), m_address(m_user + "@" + m_domain),
-          m_bValue(LDAPUtil::formalizeQueryFilter(bValue)),
-          m_gValue(LDAPUtil::formalizeQueryFilter(gValue)), m_position(0)
+        : m_query(query), m_user(user), m_domain(domain), m_bValue(bValue), m_gValue(gValue),
+          m_template(query), m_position(0), m_lastBegin(0), m_lastLength(0)
     {
-        stringLeftTrim(m_template);
-        stringRightTrim(m_template);
+        if (mayHaveBlanksRound(query)) {
+            m_trimmed = query;
+            stringLeftTrim(m_trimmed);
+            stringRightTrim(m_trimmed);
+            m_template = m_trimmed;
+        }
+        m_result.reserve(m_template.size() + user.size() + domain.size());
     }
 
     std::string run()
@@ -71,7 +102,7 @@ public:
         while (m_position < m_template.size()) {
             std::string::size_type const dollar = m_template.find('$', m_position);
             if (dollar == std::string::npos) {
-                m_result.append(m_template, m_position, std::string::npos);
+                m_result.append(m_template.substr(m_position));
                 break;
             }
             if (dollar + 1 == m_template.size()) {
@@ -81,7 +112,7 @@ public:
             }
             expand(dollar);
         }
-        return m_result;
+        return std::move(m_result);
     }
 
 private:
@@ -93,17 +124,17 @@ private:
         case 'u':
             return insert(literal, dollar, m_user);
         case 'n':
-            return insert(literal, dollar, copyStringToLower(m_user));
+            return insertEscaped(literal, dollar, copyStringToLower(escapedUser()));
         case 'N':
-            return insert(literal, dollar, upperCased(m_user));
+            return insertEscaped(literal, dollar, upperCased(escapedUser()));
         case 'd':
             return insertDomain(literal, dollar);
         case 'm':
-            return insert(literal, dollar, m_address);
+            return insertAddress(literal, dollar);
         case 'a':
-            return insert(literal, dollar, copyStringToLower(m_address));
+            return insertEscaped(literal, dollar, copyStringToLower(escapedAddress()));
         case 'A':
-            return insert(literal, dollar, upperCased(m_address));
+            return insertEscaped(literal, dollar, upperCased(escapedAddress()));
         case 'b':
             return insertOptional(literal, dollar, m_bValue);
         case 'g':
@@ -120,17 +151,48 @@ private:
         }
     }
 
+    std::string escapedUser() const { return LDAPUtil::formalizeQueryFilter(m_user); }
+    std::string escapedAddress() const
+    {
+        return escapedUser() + "@" + LDAPUtil::formalizeQueryFilter(m_domain);
+    }
+
     void copyLiteral(std::string::size_type from, std::string::size_type dollar)
     {
-        m_result.append(m_template, from, dollar - from);
+        m_result.append(m_template.substr(from, dollar - from));
     }
+
+    /// What is appended from here on, up to `endExpansion`, is what a specifier inserts.
+    void beginExpansion(std::string::size_type literal, std::string::size_type dollar)
+    {
+        copyLiteral(literal, dollar);
+        m_lastBegin = m_result.size();
+    }
+    void endExpansion() { m_lastLength = m_result.size() - m_lastBegin; }
 
     void insert(std::string::size_type literal, std::string::size_type dollar,
                 std::string const& value)
     {
-        copyLiteral(literal, dollar);
-        m_result.append(value);
-        m_lastExpansion = value;
+        beginExpansion(literal, dollar);
+        appendEscaped(m_result, value);
+        endExpansion();
+    }
+
+    void insertAddress(std::string::size_type literal, std::string::size_type dollar)
+    {
+        beginExpansion(literal, dollar);
+        appendEscaped(m_result, m_user);
+        m_result.append(1, '@');
+        appendEscaped(m_result, m_domain);
+        endExpansion();
+    }
+
+    void insertEscaped(std::string::size_type literal, std::string::size_type dollar,
+                       std::string const& text)
+    {
+        beginExpansion(literal, dollar);
+        m_result.append(text);
+        endExpansion();
     }
 
     /// An empty domain becomes "#", which no domain is, instead of matching the empty value.
@@ -162,19 +224,21 @@ private:
         }
         m_position = end + 1;
 
-        std::string text = m_template.substr(begin, end - begin);
+        std::string_view text = m_template.substr(begin, end - begin);
         bool const wantsFirst = text.size() > 1 && text.front() == '^';
         if (wantsFirst) {
-            text.erase(0, 1);
+            text.remove_prefix(1);
         }
-        std::string::size_type const found =
-            wantsFirst ? m_lastExpansion.find(text) : m_lastExpansion.rfind(text);
+        std::string last = m_result.substr(m_lastBegin, m_lastLength);
+        std::string::size_type const found = wantsFirst ? last.find(text) : last.rfind(text);
         if (found == std::string::npos) {
             return;
         }
-        cutResultBy(m_lastExpansion.size());
-        m_lastExpansion.erase(found, text.size());
-        m_result.append(m_lastExpansion);
+        cutResultBy(last.size());
+        last.erase(found, text.size());
+        m_lastBegin = m_result.size();
+        m_result.append(last);
+        endExpansion();
     }
 
     /// Drops the last characters of the result, whatever they are: after a "#" or a literal before
@@ -187,15 +251,18 @@ private:
     }
 
     std::string const& m_query; // as the caller wrote it, for messages
-    std::string m_template;     // without the blanks round it
-    std::string const m_user;
-    std::string const m_domain;
-    std::string const m_address;
-    std::string const m_bValue;
-    std::string const m_gValue;
+    std::string const& m_user;
+    std::string const& m_domain;
+    std::string const& m_bValue;
+    std::string const& m_gValue;
+    std::string m_trimmed;             // a copy of the template, where one is needed
+    std::string_view m_template;       // without the blanks round it
     std::string::size_type m_position; // behind the last specifier
     std::string m_result;
-    std::string m_lastExpansion; // inserted by the last specifier that inserted a value
+    // Where in the result the last specifier that inserted a value has put it. Whole: what is cut
+    // off the end of the result is as long, and never longer than what stands from there on.
+    std::string::size_type m_lastBegin;
+    std::string::size_type m_lastLength;
 };
 
 } // namespace
@@ -206,17 +273,7 @@ LDAPUtil::~LDAPUtil() = default;
 std::string LDAPUtil::formalizeQueryFilter(std::string const& value)
 {
     std::string result;
-    std::string::size_type position = 0;
-    while (position < value.size()) {
-        std::string::size_type const special = value.find_first_of(specialCharacters, position);
-        if (special == std::string::npos) {
-            result.append(value, position, std::string::npos);
-            break;
-        }
-        result.append(value, position, special - position);
-        result.append(escapeOf(value[special]));
-        position = special + 1;
-    }
+    appendEscaped(result, value);
     return result;
 }
 

@@ -1,5 +1,8 @@
 /// @file
 /// The whole public interface of the library.
+///
+/// @namespace Solvane
+/// The object interface, `LDAPLookup` on top of it, and the runtime below.
 #ifndef SOLVANE_LDAP_H
 #define SOLVANE_LDAP_H
 

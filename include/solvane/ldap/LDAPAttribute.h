@@ -29,33 +29,39 @@ public:
     /// @note The first ";" is looked for before leading blanks are dropped, so text with leading
     ///       blanks and options is cut too far right: trim such text first.
     LDAPAttributeType(std::string const& text);
+    /// Shares the body.
     LDAPAttributeType(LDAPAttributeType const& other);
+    /// Lets go of its body and shares that of `other`.
     LDAPAttributeType& operator=(LDAPAttributeType const& other);
     virtual ~LDAPAttributeType();
 
+    /// True for a handle without a body.
     bool isNull() const;
 
     /// The description as text; empty when the type is empty. Valid until the next change.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:41: null handle
     std::string const& asString() const;
     /// The attribute type without options, case as given.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:50: null handle
     std::string const& type() const;
     /// True when an option is "binary" in any case: values then travel as counted bytes.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:59: null handle
     bool isBinary() const;
     /// Appends an option, blanks round it dropped.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:68: null handle
     void add(std::string const& option);
     /// The options in the order in which they were added.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:78: null handle
     std::list<std::string> const& options() const;
 
     /// True for the same handle and for equal texts, case ignored; order and repetition of options
-    /// count. A null handle equals only itself.
+    /// count. A null handle equals only itself. Compares the texts (RFC 4512 section 2.5: types and
+    /// options have no case).
     bool operator==(LDAPAttributeType const& other) const;
 
 private:
+    friend class LDAPAttributeImpl;
+
     BodyReference<LDAPAttributeTypeImpl> m_impl;
 };
 
@@ -73,57 +79,70 @@ public:
     LDAPAttribute(LDAPAttributeType const& type, berval** values);
     /// An attribute with one value.
     LDAPAttribute(LDAPAttributeType const& type, Buffer const& value);
+    /// Shares the body.
     LDAPAttribute(LDAPAttribute const& other);
+    /// Lets go of its body and shares that of `other`.
     LDAPAttribute& operator=(LDAPAttribute const& other);
     virtual ~LDAPAttribute();
 
+    /// True for a handle without a body.
     bool isNull() const;
 
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// The description, shared with the caller.
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:247: null handle
     LDAPAttributeType const& type() const;
     /// Appends one value, its bytes copied.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:256: null handle
     void value(std::string const& text);
     /// Appends one value, its bytes copied.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:265: null handle
     void value(Buffer const& bytes);
     /// Every value as bytes.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:274: null handle
     std::list<Buffer> const& binaryValue() const;
     /// Replaces all values by copies of a null-terminated array; null or an empty one leaves none.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:283: null handle
     void value(berval** values);
     /// Every value as a string of the same bytes.
     /// @note Made at the first call and kept: values added later show in `binaryValue()` only.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:292: null handle
     std::list<std::string> const& value() const;
     /// The values of `value()` joined by `separator`, as they are. Valid until the next call.
-    /// @throws LDAPException  code 1, type 0: null handle
+    /// @throws LDAPException  code 1, type 0, Attribute.cpp:301: null handle
     std::string const& asString(char separator) const;
 
 private:
+    friend class EntryBuilder;
+
     BodyReference<LDAPAttributeImpl> m_impl;
 };
 
 /// Attributes in the order in which they were added; nothing is merged, sorted or removed.
 ///
-/// Copies share one body: an attribute added through one is seen by all.
+/// Copies share one body: an attribute added through one is seen by all. Not for two threads at once
+/// while one of them adds, nor where both read the attributes themselves.
 class SOLVANE_LDAP_EXPORT LDAPAttributeContainer {
 public:
     /// An empty container; never a null handle.
     LDAPAttributeContainer();
+    /// A container of these handles, whose bodies are shared.
     LDAPAttributeContainer(std::list<LDAPAttribute> const& attributes);
+    /// Shares the body.
     LDAPAttributeContainer(LDAPAttributeContainer const& other);
+    /// Lets go of its body and shares that of `other`.
     LDAPAttributeContainer& operator=(LDAPAttributeContainer const& other);
     ~LDAPAttributeContainer();
 
+    /// Always false.
     bool isNull() const;
 
     /// Appends a handle; the attribute's body is shared. No check of any kind, null is taken too.
     void add(LDAPAttribute const& attribute);
     /// Appends each handle of a list.
     void add(std::list<LDAPAttribute> const& attributes);
+    /// The handles in their order; valid as long as the container.
     std::list<LDAPAttribute> const& attributes() const;
+    /// True when nothing was added yet.
     bool empty() const;
     /// The first attribute if its description equals `type`; a null handle if there is no
     /// attribute.
@@ -132,6 +151,8 @@ public:
     LDAPAttribute find(LDAPAttributeType const& type) const;
 
 private:
+    friend class EntryBuilder;
+
     BodyReference<LDAPAttributeContainerImpl> m_impl;
 };
 

@@ -16,24 +16,33 @@ class LDAPConnection;
 
 /// One entry that a search found: its DN and its attributes in the server's order.
 ///
-/// A value: a copy has its own DN; the attribute container is shared, as handles are.
+/// A value: a copy has its own DN; the attribute container is shared, as handles are. Not for two
+/// threads at once, not even for reading.
 class SOLVANE_LDAP_EXPORT LDAPSearchResultEntry {
 public:
+    /// An entry without attributes.
     LDAPSearchResultEntry(std::string const& entryName);
+    /// An entry with these attributes, whose bodies are shared.
     LDAPSearchResultEntry(std::string const& entryName, std::list<LDAPAttribute> const& attributes);
+    /// Copies the DN, shares the attributes.
     LDAPSearchResultEntry(LDAPSearchResultEntry const& other);
+    /// Copies the DN, shares the attributes of `other`.
     LDAPSearchResultEntry& operator=(LDAPSearchResultEntry const& other);
     virtual ~LDAPSearchResultEntry();
 
     /// The DN as the server sent it; empty for an entry without one.
     std::string const& entryName() const { return m_entryName; }
+    /// The attributes in the server's order.
     LDAPAttributeContainer const& attributes() const { return m_attributes; }
+    /// Appends one to the container, which copies of the entry share.
     void appendAttribute(LDAPAttribute const& attribute);
 
     /// False for every argument, the entry itself included: compare DNs instead.
     bool operator==(LDAPSearchResultEntry const& other);
 
 private:
+    friend class EntryBuilder;
+
     std::string m_entryName;
     LDAPAttributeContainer m_attributes;
 };
@@ -42,7 +51,8 @@ private:
 ///
 /// Copies share one body. Entries accumulate; each final response overwrites type and code (RFC
 /// 4511 section 4.1.9). Every reading operation throws `LDAPException` (code 1, type 0) on a null
-/// handle.
+/// handle, each with a line of its own. Not for two threads at once, not even for reading: its
+/// attributes make their texts when they are first asked for.
 class SOLVANE_LDAP_EXPORT LDAPResult {
 public:
     /// A null handle: nothing has been answered yet.
@@ -50,33 +60,45 @@ public:
     /// An empty result for messages of the OpenLDAP session `context`, which it does not own.
     LDAPResult(void* context);
     /// An empty result for messages of the connection's session.
-    /// @throws LDAPException  code 1, type 0: null connection
+    /// @throws LDAPException  code 1, type 0, Connection.cpp:129: null connection
     LDAPResult(LDAPConnection const& connection);
+    /// Shares the body.
     LDAPResult(LDAPResult const& other);
+    /// Lets go of its body and shares that of `other`.
     LDAPResult& operator=(LDAPResult const& other);
     virtual ~LDAPResult();
 
+    /// True for a handle without a body: nothing has been answered.
     bool isNull() const;
     /// The shared body, or null for a null handle.
     LDAPResultImpl* impl() const;
 
     /// Kind of the last response parsed: 0 none, 1 bind, 2 search entry, 3 search reference,
     /// 4 search result, 5 modify, 6 add, 7 delete, 8 modify DN, 9 compare, 10 extended.
+    /// @throws LDAPException  code 1, type 0, Result.cpp:267: null handle
     int resultType() const;
     /// LDAP result code of the final response, OpenLDAP's number (RFC 4511 appendix A).
+    /// @throws LDAPException  code 1, type 0, Result.cpp:276: null handle
     int resultCode() const;
     /// The part of the DN that exists, as the final response gave it.
+    /// @throws LDAPException  code 1, type 0, Result.cpp:285: null handle
     std::string const& matchedDN() const;
     /// The server's diagnostic text, else OpenLDAP's text for a code other than 0.
+    /// @throws LDAPException  code 1, type 0, Result.cpp:294: null handle
     std::string const& errorMessage() const;
     /// URIs of a final response that referred elsewhere.
+    /// @throws LDAPException  code 1, type 0, Result.cpp:303: null handle
     std::list<std::string> const& referrals() const;
     /// Entries in the order of their arrival.
+    /// @throws LDAPException  code 1, type 0, Result.cpp:313: null handle
     std::list<LDAPSearchResultEntry> const& searchResultEntries() const;
     /// Always empty: continuation references are checked and dropped, not followed.
+    /// @throws LDAPException  code 1, type 0, Result.cpp:322: null handle
     std::list<std::string> const& searchReferrals() const;
 
 private:
+    friend class LDAPSearchImpl;
+
     BodyReference<LDAPResultImpl> m_impl;
 };
 

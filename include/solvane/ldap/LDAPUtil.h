@@ -11,19 +11,20 @@
 
 namespace Solvane {
 
-/// Filter utilities. All static, usable from any thread.
+/// Filter utilities. All static, usable from any thread; an object of it holds nothing.
 class SOLVANE_LDAP_EXPORT LDAPUtil {
 public:
     LDAPUtil();
     virtual ~LDAPUtil();
 
     /// Escapes a value for use inside a search filter (RFC 2254 section 4): `*`, `(`, `)` and `\`
-    /// become a backslash and two hexadecimal digits; every other byte, NUL included, is copied.
+    /// become a backslash and two hexadecimal digits; every other byte, NUL included, is copied. A
+    /// special character without an escape would be code 2, type 0, Utility.cpp:230; there is none.
     static std::string formalizeQueryFilter(std::string const& value);
 
     /// Expands a query template into a filter.
     ///
-    /// `$u` user, `$d` domain ("#" for an empty one), `$m` user@domain; `$n` and `$a` are `$u` and
+    /// `$u` user, `$d` domain ("#" for an empty one), `$m` `user@domain`; `$n` and `$a` are `$u` and
     /// `$m` in lower case, `$N` and `$A` in upper case; `$b` and `$g` the optional values; `$c`
     /// nothing. `${text}` removes the last occurrence of `text` from what was inserted last,
     /// `${^text}` the first. Text before `$c`, before `${` and before an empty `$b` or `$g` is
@@ -33,7 +34,10 @@ public:
     /// @param domain  domain of the address
     /// @param bValue  what `$b` inserts
     /// @param gValue  what `$g` inserts
-    /// @throws LDAPException  code 2, type 0: malformed template; the text names it
+    /// @throws LDAPException  code 2, type 0, Utility.cpp:160: no `}` behind `${`;
+    ///                        code 2, type 0, Utility.cpp:169: an unknown specifier;
+    ///                        code 2, type 0, Utility.cpp:180: a `$` at the end. The text names the
+    ///                        template
     static std::string sv_ldap_expand_query(std::string const& query, std::string const& user,
                                             std::string const& domain, std::string const& bValue,
                                             std::string const& gValue);

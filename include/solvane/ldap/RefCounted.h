@@ -22,7 +22,7 @@ class SOLVANE_LDAP_EXPORT LDAPConnectionImpl;
 class SOLVANE_LDAP_EXPORT LDAPRequestImpl;
 class SOLVANE_LDAP_EXPORT LDAPResultImpl;
 
-/// Base of everything that must not be copied.
+/// Base of everything that must not be copied: one owner, by one name.
 class NonCopyable {
 public:
     NonCopyable(NonCopyable const&) = delete;
@@ -33,15 +33,19 @@ protected:
     ~NonCopyable() = default;
 };
 
-/// An integer that its owner changes atomically; starts at 0.
+/// An integer that its owner changes atomically, from any thread; starts at 0.
 class SOLVANE_LDAP_EXPORT Counter {
 public:
     Counter();
     virtual ~Counter();
 
+    /// The number now.
     int value() const { return m_value.load(); }
+    /// Adds 1.
     void increment() { ++m_value; }
+    /// Takes 1 away.
     void decrement() { --m_value; }
+    /// Starts at 0 again.
     void reset() { m_value.store(0); }
 
 private:
@@ -52,11 +56,13 @@ private:
 ///
 /// Bodies derive from it publicly and virtually, so that the count and the deleting destructor are
 /// found whatever the body's own layout. A new body counts 1, its creator's reference; so does a
-/// copy, whoever refers to the original.
+/// copy, whoever refers to the original. The count is for any thread; what a body holds is not.
 class SOLVANE_LDAP_EXPORT RefImpl {
 public:
     RefImpl();
+    /// A body with a count of its own, 1.
     RefImpl(RefImpl const& other);
+    /// Leaves the count alone: the references are to the body, not to what it holds.
     RefImpl& operator=(RefImpl const& other);
     virtual ~RefImpl();
 
@@ -78,6 +84,7 @@ private:
 /// body share the body.
 template <typename T> class SOLVANE_LDAP_EXPORT RefCounted {
 public:
+    /// A reference to a body, or to none.
     /// @param body    the body to refer to
     /// @param addRef  true: take a new reference; false: adopt the caller's, or none if null
     /// @throws Exception  code 4; a reference to no body was asked for
@@ -152,15 +159,20 @@ template <typename T> void RefCountedImplCopy(RefCounted<T>*& target, RefCounted
 }
 
 /// The one field of a handle: an owned `RefCounted`, or null in a null handle.
+///
+/// Copies share the body. Several threads may hold one each on the same body; one object is for one
+/// thread at a time.
 template <typename T> class BodyReference {
 public:
     BodyReference() = default;
+    /// Shares the body of `other`.
     BodyReference(BodyReference const& other)
     {
         if (other.m_counted != nullptr) {
             RefCountedImplCopy<T>(m_counted, other.m_counted);
         }
     }
+    /// Lets go of its own body and shares that of `other`.
     BodyReference& operator=(BodyReference const& other)
     {
         if (this != &other) {
@@ -168,10 +180,12 @@ public:
         }
         return *this;
     }
+    /// Takes over the reference; `other` is null then.
     BodyReference(BodyReference&& other) noexcept : m_counted(other.m_counted)
     {
         other.m_counted = nullptr;
     }
+    /// Lets go of its own body and takes over the reference; `other` is null then.
     BodyReference& operator=(BodyReference&& other) noexcept
     {
         BodyReference taken(std::move(other));

@@ -9,12 +9,16 @@
 
 namespace Solvane {
 
-/// An address split at its last "@". Text without "@" is a local part with an empty domain.
+/// An address split at its last "@". Text without "@" is a local part with an empty domain. A value:
+/// copies are apart, and reading is for any thread.
 class SOLVART_EXPORT EmailAddress {
 public:
+    /// Takes any text.
     explicit EmailAddress(std::string const& text);
 
+    /// What stands before the last "@".
     std::string local() const { return m_local; }
+    /// What stands behind it; empty where there is none.
     std::string domain() const { return m_domain; }
 
 private:

@@ -16,26 +16,35 @@ namespace Solvane {
 /// thread and is not to be changed any more.
 class SOLVART_EXPORT Exception {
 public:
+    /// A failure without detail and without cause.
     /// @param name        what kind of failure this is
     /// @param code        meaning fixed by whoever throws
     /// @param fileName    the reporting source file; null stands for none
     /// @param lineNumber  the reporting line; 0 stands for none
     Exception(std::string const& name, int code, char const* fileName, unsigned int lineNumber);
+    /// Shares the cause; all else is copied.
     Exception(Exception const& other);
+    /// Shares the cause of `other`; all else is copied.
     Exception& operator=(Exception const& other);
     virtual ~Exception();
 
     /// Detail text, empty where none was set.
     virtual std::string const& stringParameter() const;
+    /// Sets the detail text.
     virtual void stringParameter(std::string const& text);
     /// Detail number, 0 where none was set.
     virtual int intParameter() const;
+    /// Sets the detail number.
     virtual void intParameter(int value);
     /// The reporting source file, empty where none was given.
     virtual std::string const& fileName() const;
+    /// Sets the reporting source file.
     virtual void fileName(std::string const& name);
+    /// Sets the reporting source file; null stands for none.
     virtual void fileName(char const* name);
+    /// The reporting line, 0 where none was given.
     virtual unsigned int lineNumber() const;
+    /// Sets the reporting line.
     virtual void lineNumber(unsigned int line);
 
     /// Attaches the failure that led to this one.
@@ -47,9 +56,12 @@ public:
     virtual void cause(Exception const& caught);
     /// The attached cause. Calling it without one is a programming error and ends the process.
     virtual Exception const& cause() const;
+    /// True when there is a cause to be read.
     virtual bool hasCause() const;
 
+    /// What kind of failure this is.
     std::string const& name() const { return m_name; }
+    /// Its number; whoever throws says what it means.
     int code() const { return m_code; }
 
     /// One line: name, code, file and line, detail text, then the causes, outermost first. Control

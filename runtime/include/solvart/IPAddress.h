@@ -15,6 +15,7 @@ namespace Solvane {
 /// One address, without port. Printed in its usual notation, IPv6 without brackets.
 class SOLVART_EXPORT IPAddress {
 public:
+    /// The address that the system's functions gave.
     /// @throws Exception  `address` is of another family than IPv4 and IPv6
     explicit IPAddress(sockaddr const& address);
 
@@ -22,12 +23,14 @@ public:
     /// 4291).
     static bool isValidIPAddress(std::string const& literal);
 
+    /// The usual notation, IPv6 without brackets.
     std::string const& asString() const { return m_text; }
 
 private:
     std::string m_text;
 };
 
+/// Prints the usual notation.
 SOLVART_EXPORT std::ostream& operator<<(std::ostream& out, IPAddress const& address);
 
 } // namespace Solvane

@@ -17,7 +17,9 @@ public:
     Mutex(Mutex const&) = delete;
     Mutex& operator=(Mutex const&) = delete;
 
+    /// Waits until it is free, and holds it.
     void lock();
+    /// Lets go of it; by the thread that holds it.
     void unlock();
 
 private:
@@ -27,6 +29,7 @@ private:
 /// Holds a mutex from construction to destruction; given null, it locks nothing.
 class SOLVART_EXPORT Synchronized {
 public:
+    /// Locks `mutex`, which must outlive this object.
     explicit Synchronized(Mutex* mutex);
     ~Synchronized();
     Synchronized(Synchronized const&) = delete;

@@ -12,6 +12,7 @@ namespace Solvane {
 /// A count of tokens that threads take and give back without ever waiting.
 class SOLVART_EXPORT Semaphore {
 public:
+    /// Starts with `count` tokens.
     /// @throws Exception  the system cannot make a semaphore of this count
     explicit Semaphore(unsigned int count);
     ~Semaphore();

@@ -25,10 +25,13 @@ SOLVART_EXPORT void stringToLowerNoCopy(std::string& text);
 SOLVART_EXPORT std::string copyStringToLower(std::string const& text);
 
 /// Compares without regard to case, byte by byte as unsigned numbers.
+/// @param left    one text
+/// @param right   the other
 /// @param length  how many bytes to compare at the most; 0 compares the whole strings
 /// @return negative, 0 or positive as `left` sorts before, with or after `right`
 SOLVART_EXPORT int stringCompareNoCase(std::string const& left, std::string const& right,
                                        unsigned int length);
+/// The same of a null-terminated text.
 SOLVART_EXPORT int stringCompareNoCase(char const* left, std::string const& right,
                                        unsigned int length);
 

@@ -9,14 +9,19 @@
 
 namespace Solvane {
 
-/// A URI, kept and compared as its text.
+/// A URI, kept and compared as its text. A value: copies are apart, and reading is for any thread.
 class SOLVART_EXPORT Uri {
 public:
+    /// Empty text.
     Uri();
+    /// Takes any text.
     explicit Uri(std::string const& text);
 
+    /// The text as it was given.
     std::string asString() const;
+    /// True for the same text.
     bool operator==(Uri const& other) const;
+    /// True for different texts.
     bool operator!=(Uri const& other) const { return !(*this == other); }
 
 private:

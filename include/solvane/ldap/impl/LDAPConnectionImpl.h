@@ -10,16 +10,47 @@
 
 #include <solvart/Semaphore.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 
+/// @cond of OpenLDAP
 struct ldap;
 typedef struct ldap LDAP;
+/// @endcond
 
 namespace Solvane {
 
 class LDAPMessageBuffer;
 class SessionGuard;
+
+/// The in-use marker: a semaphore of one token, which can be looked at without being taken.
+class InUseMarker : public Semaphore {
+public:
+    InUseMarker() : Semaphore(1), m_tokens(1) {}
+
+    /// Whether `trywait` is worth the trouble. What this thread took or gave back is seen.
+    bool looksFree() const { return m_tokens.load(std::memory_order_acquire) > 0; }
+    /// Takes the marker if nobody has it.
+    bool trywait()
+    {
+        bool const isTaken = Semaphore::trywait();
+        if (isTaken) {
+            m_tokens.fetch_sub(1);
+        }
+        return isTaken;
+    }
+    /// Gives it back.
+    void post()
+    {
+        Semaphore::post();
+        // Between the two it looks taken, as if it came back a moment later.
+        m_tokens.fetch_add(1);
+    }
+
+private:
+    std::atomic<int> m_tokens;
+};
 
 /// Body of a connection. Owns the session from `ldap_initialize` to `ldap_unbind_ext`.
 ///
@@ -31,8 +62,11 @@ public:
     /// Bytes of the largest message that a session takes unless told otherwise.
     static constexpr unsigned long defaultMaximumMessageSize = 64UL * 1024 * 1024;
 
-    /// @throws LDAPException  code 4: type 1 the session or TLS could not be set up, type 2 an
-    ///                        option; the session has been given back then
+    /// Prepares a session; nothing is sent.
+    /// @throws LDAPException  code 4, type 1, Connection.cpp:403: OpenLDAP makes no session;
+    ///                        code 4, type 1, Connection.cpp:433: TLS could not be set up;
+    ///                        code 4, type 2, Connection.cpp:519: an option was refused; the session
+    ///                        has been given back then
     LDAPConnectionImpl(LDAPConnection::RefServer const& server, bool anonymous);
     ~LDAPConnectionImpl() override;
 
@@ -42,11 +76,11 @@ public:
 
     /// Sets an option of the session (`LDAP_OPT_...`).
     /// @return 0
-    /// @throws LDAPException  code 4, type 2: OpenLDAP refuses
+    /// @throws LDAPException  code 4, type 2, Connection.cpp:519: OpenLDAP refuses
     int setOption(int option, void const* value);
     /// Reads an option of the session (`LDAP_OPT_...`).
     /// @return 0
-    /// @throws LDAPException  code 4, type 2: OpenLDAP refuses
+    /// @throws LDAPException  code 4, type 2, Connection.cpp:509: OpenLDAP refuses
     int getOption(int option, void* value);
 
     /// Whether the connection looks usable: it has a socket without a broken pipe, and no recorded
@@ -63,20 +97,23 @@ public:
     void maximumMessageSize(unsigned long bytes);
 
     // The state that handles, the pool and tests work on.
-    LDAPConnection::RefServer m_server;
-    LDAP* m_context;
-    LDAPConnection::BindMode m_bindMode;
-    int m_bindMessageId;
-    LDAPResult m_bindResult; ///< null until bindWait() received something
-    std::string m_bindDn;
-    std::string m_bindPassword;
-    bool m_anonymous;
-    Semaphore m_available; ///< the in-use marker
-    long m_expiry;         ///< seconds since the epoch
-    int m_openldapErrorCode;
+    LDAPConnection::RefServer m_server;  ///< shared; never empty
+    LDAP* m_context;                     ///< owned; keeps its value when the session has ended
+    LDAPConnection::BindMode m_bindMode; ///< of the last bind
+    int m_bindMessageId;                 ///< of the last asynchronous bind
+    LDAPResult m_bindResult;             ///< null until bindWait() received something
+    std::string m_bindDn;                ///< of the last bind; what the pool compares
+    std::string m_bindPassword;          ///< likewise; kept for as long as the connection
+    bool m_anonymous;                    ///< meant for use without a bind
+    InUseMarker m_available;             ///< for any thread
+    long m_expiry;                       ///< seconds since the epoch
+    int m_openldapErrorCode;             ///< the last one recorded; 0: none
 
 private:
+    // Those who await answers, by the guard.
+    friend class LDAPAddImpl;
     friend class LDAPConnection;
+    friend class LDAPSearchImpl;
 
     int sendSimpleBind();
     bool takeBindResponse(LDAPMessageBuffer& message);

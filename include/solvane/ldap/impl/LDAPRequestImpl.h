@@ -13,6 +13,9 @@
 namespace Solvane {
 
 /// Body of a request: the connection it is sent on and its message id.
+///
+/// One thread at a time, `shared` apart. A derived body owns what its request is made of, and its
+/// result.
 class SOLVANE_LDAP_EXPORT LDAPRequestImpl : public virtual RefImpl, public NonCopyable {
 public:
     LDAPRequestImpl();
@@ -23,21 +26,27 @@ public:
     /// Collects answers into the result.
     /// @return false when the final answer has arrived, true when `timeout` seconds ran out first
     virtual bool wait(unsigned int timeout) = 0;
+    /// What has been answered; a null handle before the first message.
     virtual LDAPResult const& result() const = 0;
+    /// Gives the request up, or does nothing.
     virtual void cancel() = 0;
 
+    /// The OpenLDAP message id; 0 before the first `send`.
     int id() const { return m_id; }
+    /// For `send` to store the message id.
     void id(int messageId) { m_id = messageId; }
+    /// The connection that the request is sent on; null until one is set.
     LDAPConnection& connection() { return m_connection; }
+    /// Shares the connection that the request is to be sent on.
     void connection(LDAPConnection& connection) { m_connection = connection; }
     /// Makes `send()` and `wait()` of this body exclude each other between threads.
     /// @note The mutex is never released: who else may still hold it cannot be known.
     void shared();
 
 protected:
-    Mutex* m_mutex; ///< null until shared()
-    int m_id;
-    LDAPConnection m_connection;
+    Mutex* m_mutex;              ///< null until shared()
+    int m_id;                    ///< OpenLDAP's message id
+    LDAPConnection m_connection; ///< shared with the caller
 };
 
 } // namespace Solvane

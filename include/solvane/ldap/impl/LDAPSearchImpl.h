@@ -9,22 +9,26 @@
 
 namespace Solvane {
 
-/// Body of a search.
+/// Body of a search (RFC 4511 section 4.5): its record, which others may share, and its result.
 class SOLVANE_LDAP_EXPORT LDAPSearchImpl : public LDAPRequestImpl {
 public:
     LDAPSearchImpl();
     ~LDAPSearchImpl() override;
 
     /// Sends the search.
-    /// @throws LDAPException  code 1, type 0: null connection; code 2, type 0: scope or alias mode
-    ///                        out of range; code 4, type 4: OpenLDAP refuses (the code is recorded
-    ///                        on the connection), or anything else, as the cause
+    /// @throws LDAPException  code 1, type 0, Search.cpp:249: null connection;
+    ///                        code 4, type 4, Search.cpp:270: OpenLDAP refuses, and the code is
+    ///                        recorded on the connection; code 4, type 4, Search.cpp:289: anything
+    ///                        that is no `LDAPException` yet, as the cause; what `LDAPSearchAdapter`
+    ///                        throws
     void send() override;
     /// Collects entries until the search is done.
-    /// @throws LDAPException  code 4, type 4: the wait failed (the code is recorded on the
-    ///                        connection), or anything else, as the cause; what
+    /// @throws LDAPException  code 4, type 4, Search.cpp:332: the wait failed, and the code is
+    ///                        recorded on the connection; code 4, type 4, Search.cpp:349: anything
+    ///                        that is no `LDAPException` yet, as the cause; what
     ///                        `LDAPResultImpl::parseMessage` throws
     bool wait(unsigned int timeout) override;
+    /// A null handle before the first message.
     LDAPResult const& result() const override;
     /// Does nothing: no abandon is sent, and the answers still arrive.
     void cancel() override;

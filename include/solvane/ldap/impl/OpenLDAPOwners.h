@@ -11,11 +11,13 @@
 #include <list>
 #include <string>
 
+/// @cond of OpenLDAP
 struct berelement;
 struct berval;
 struct ldapmsg;
 typedef struct berelement BerElement;
 typedef struct ldapmsg LDAPMessage;
+/// @endcond
 
 namespace Solvane {
 
@@ -47,6 +49,7 @@ public:
         }
     }
 
+    /// What is held; it stays the owner's.
     T* get() const { return m_pointer; }
     /// Where the OpenLDAP call is to write. Free the owner first if it holds something.
     T** address() { return &m_pointer; }
@@ -75,6 +78,7 @@ class LDAPBerElementBuffer : public OpenLDAPOwner<BerElement, releaseElement> {}
 /// An array of values, given back with `ldap_value_free_len`.
 class SOLVANE_LDAP_EXPORT LDAPBerValBuffer : public OpenLDAPOwner<berval*, releaseBerValues> {
 public:
+    /// Holds nothing yet.
     /// @param separator  what `asBuffer` puts between values; may be empty
     LDAPBerValBuffer(std::string separator);
 

@@ -1,0 +1,92 @@
+// Searches whose answers come in one piece, awaited by a caller that polls the socket in between.
+#include "LdapMessages.h"
+#include "ScriptedServer.h"
+
+#include <solvane/ldap.h>
+#include <solvane/ldap/impl.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <memory>
+
+#include <ldap.h>
+
+#include <poll.h>
+
+using namespace Solvane;
+
+namespace SolvaneTest {
+
+namespace {
+
+/// The answer to two searches, of which the first id is `first`.
+using Answers = std::string (*)(int first, int second);
+
+std::string answerTo(int id) { return searchEntry(id, "cn=x", {}) + searchDone(id); }
+
+std::string inOrder(int first, int second) { return answerTo(first) + answerTo(second); }
+
+std::string reversed(int first, int second) { return answerTo(second) + answerTo(first); }
+
+/// More than any buffer holds, of the second search, before the first one's answer.
+std::string behindManyEntries(int first, int second)
+{
+    std::string entries;
+    for (int i = 0; i < 2000; ++i) {
+        entries += searchEntry(second, "cn=x", {{"cn", {std::string(50, 'x')}}});
+    }
+    return entries + searchDone(second) + answerTo(first);
+}
+
+/// False where nothing comes though the search has not ended.
+bool finish(LDAPSearch& search)
+{
+    constexpr int patience = 10000; // milliseconds
+    int descriptor = -1;
+    search.connection().impl()->getOption(LDAP_OPT_DESC, &descriptor);
+    while (search.wait(0)) {
+        pollfd waited{descriptor, POLLIN, 0};
+        if (poll(&waited, 1, patience) == 0) {
+            return false;
+        }
+    }
+    return true;
+}
+
+} // namespace
+
+class TwoSearchesInFlight : public testing::TestWithParam<Answers> {};
+
+TEST_P(TwoSearchesInFlight, EndForACallerThatPollsTheSocket)
+{
+    ScriptedServer const server([](ScriptedServer::Peer& peer) {
+        peer.grantBind();
+        int const first = messageIdOf(peer.receiveMessage());
+        int const second = messageIdOf(peer.receiveMessage());
+        peer.send(GetParam()(first, second));
+        peer.receiveUntilClosed();
+    });
+    LDAPConnection connection(LDAPConnection::RefServer("127.0.0.1", server.port(),
+                                                        LDAPConnection::V3, false, 5, false, false),
+                              false);
+    connection.bind("cn=reader", "secret", LDAPConnection::Asynchronous);
+    connection.bindWait(5);
+    LDAPSearch::Parameter query("dc=corp,dc=test");
+    query.filter = "(cn=x)";
+    LDAPSearch first(connection, query);
+    LDAPSearch second(connection, query);
+
+    first.send();
+    second.send();
+
+    EXPECT_TRUE(finish(first));
+    EXPECT_TRUE(finish(second));
+    EXPECT_EQ(first.result().searchResultEntries().size(), 1U);
+    EXPECT_GE(second.result().searchResultEntries().size(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(WithAnswers, TwoSearchesInFlight,
+                         testing::Values(inOrder, reversed, behindManyEntries));
+
+} // namespace SolvaneTest
