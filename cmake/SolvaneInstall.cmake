@@ -1,27 +1,32 @@
-# Installation: libraries, headers, CMake package and pkg-config file.
+# Installation: libraries, headers, CMake package and pkg-config files, by components: 'runtime' for
+# the stand-in's library, 'library' for what programs run with, 'development' for what they are
+# built with; 'tool' is whatever the other folders install.
 
 include(CMakePackageConfigHelpers)
 set(SOLVANE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/SolvaneLDAP")
 
 install(TARGETS solvane_ldap solvane_lookup EXPORT SolvaneLDAPTargets
-    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+            COMPONENT library NAMELINK_COMPONENT development)
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/solvane" "${PROJECT_SOURCE_DIR}/lookup/include/solvane"
-    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+    DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 if(SOLVANE_RUNTIME STREQUAL "bundled")
     install(TARGETS solvane_runtime EXPORT SolvaneLDAPTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+                COMPONENT runtime NAMELINK_COMPONENT development)
     install(DIRECTORY "${PROJECT_SOURCE_DIR}/runtime/include/solvart"
-        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
     set(SOLVANE_RUNTIME_CFLAGS "")
     set(SOLVANE_RUNTIME_LIBS "-lsolvart")
 else()
     install(FILES "${PROJECT_SOURCE_DIR}/cmake/FindSolvaneRuntime.cmake"
-        DESTINATION ${SOLVANE_CMAKE_DIR})
+        DESTINATION ${SOLVANE_CMAKE_DIR} COMPONENT development)
     set(SOLVANE_RUNTIME_CFLAGS "-I${SolvaneRuntime_INCLUDE_DIR}")
     set(SOLVANE_RUNTIME_LIBS "${SolvaneRuntime_LIBRARY}")
 endif()
 
-install(EXPORT SolvaneLDAPTargets NAMESPACE Solvane:: DESTINATION ${SOLVANE_CMAKE_DIR})
+install(EXPORT SolvaneLDAPTargets NAMESPACE Solvane:: DESTINATION ${SOLVANE_CMAKE_DIR}
+    COMPONENT development)
 configure_package_config_file(
     "${PROJECT_SOURCE_DIR}/cmake/SolvaneLDAPConfig.cmake.in"
     "${PROJECT_BINARY_DIR}/SolvaneLDAPConfig.cmake"
@@ -37,6 +42,7 @@ endforeach()
 install(FILES
     "${PROJECT_BINARY_DIR}/SolvaneLDAPConfig.cmake"
     "${PROJECT_BINARY_DIR}/SolvaneLDAPConfigVersion.cmake"
-    DESTINATION ${SOLVANE_CMAKE_DIR})
+    DESTINATION ${SOLVANE_CMAKE_DIR} COMPONENT development)
 install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc" "${PROJECT_BINARY_DIR}/solvane-lookup.pc"
-    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+    DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tool)

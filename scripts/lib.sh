@@ -11,18 +11,19 @@ export PATH
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
     libgnutls28-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
 packages_directory=(slapd ldap-utils openssl python3 procps)
-packages_test=(libgtest-dev libgmock-dev locales)
+packages_test=(libgtest-dev libgmock-dev locales gdb)
 packages_clang=(clang libclang-rt-14-dev)
 packages_lint=(clang-format clang-tidy clang shellcheck codespell similarity-tester git)
 packages_coverage=(gcovr)
 packages_consumer=(pkg-config)
 packages_package=(dpkg-dev file)
-packages_package_check=(lintian debootstrap)
+packages_package_check=(lintian mmdebstrap)
 packages_abi=(abigail-tools)
 packages_bench=(libbenchmark-dev postfix postfix-ldap python3-ldap libnet-ldap-perl perl)
 packages_389=(389-ds-base libnss3-tools)
 packages_samba=(samba-ad-dc samba-ad-provision)
 packages_cluster=(haproxy)
+packages_site=(doxygen graphviz mandoc fonts-liberation python3)
 
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

@@ -1,0 +1,85 @@
+# What a Debian package has besides installed files; cpack runs this between installing and packing:
+# compressed manuals and changelogs, stripped binaries, the dependencies of programs and libraries,
+# and for a library's package what others are told about it (symbols, shlibs). A library with other
+# symbols than were promised stops it.
+
+# run(OUTPUT COMMAND...): runs it and ends cpack where it fails.
+function(run output)
+    execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C ${ARGN}
+        WORKING_DIRECTORY "${work}" OUTPUT_VARIABLE text OUTPUT_STRIP_TRAILING_WHITESPACE
+        ERROR_VARIABLE errors RESULT_VARIABLE result)
+    if(NOT result EQUAL 0)
+        message(FATAL_ERROR "${ARGN}:\n${text}\n${errors}")
+    endif()
+    set(${output} "${text}" PARENT_SCOPE)
+endfunction()
+
+# Of the libraries in a staged package, what dpkg and the linker of others must know.
+function(describe_libraries component package)
+    set(staged "${CPACK_TEMPORARY_DIRECTORY}/${component}")
+    file(GLOB libraries "${staged}/usr/${CPACK_SOLVANE_LIBDIR}/*.so.*.*")
+    set(control "${CPACK_SOLVANE_CONTROL_DIR}/${component}")
+    set(shlibs "")
+    foreach(library IN LISTS libraries)
+        run(dynamic readelf --dynamic --wide "${library}")
+        if(NOT dynamic MATCHES "soname: \\[(lib[^]]+)\\.so\\.([0-9]+)\\]")
+            message(FATAL_ERROR "${library} has no name to be found by:\n${dynamic}")
+        endif()
+        string(APPEND shlibs
+            "${CMAKE_MATCH_1} ${CMAKE_MATCH_2} ${package} (>= ${CPACK_PACKAGE_VERSION})\n")
+    endforeach()
+    file(WRITE "${control}/shlibs" "${shlibs}")
+    file(WRITE "${control}/triggers" "activate-noawait ldconfig\n")
+
+    # -c2: a symbol that went is an error, and one that came is until scripts/package --update takes
+    # it.
+    list(TRANSFORM libraries PREPEND "-e")
+    run(ignored dpkg-gensymbols -c2 "-P${staged}" "-p${package}" "-v${version}"
+        "-I${CPACK_SOLVANE_PACKAGING_DIR}/${package}.symbols" ${libraries} "-O${control}/symbols")
+    file(CHMOD "${control}/shlibs" "${control}/symbols" "${control}/triggers"
+        PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+endfunction()
+
+# Strips programs and libraries, and notes what they depend on. Libraries of these packages are left
+# to the exact dependencies that cpack writes.
+function(finish_binaries component)
+    file(GLOB binaries "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/bin/*"
+        "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/${CPACK_SOLVANE_LIBDIR}/*.so.*.*")
+    if(NOT binaries)
+        return()
+    endif()
+    run(ignored strip --strip-unneeded --remove-section=.comment --remove-section=.note ${binaries})
+    set(own "")
+    foreach(name IN LISTS CPACK_COMPONENTS_ALL)
+        list(APPEND own "-l${CPACK_TEMPORARY_DIRECTORY}/${name}/usr/${CPACK_SOLVANE_LIBDIR}")
+    endforeach()
+    list(TRANSFORM binaries PREPEND "-e")
+    run(depends dpkg-shlibdeps --ignore-missing-info --warnings=0 ${own} -O ${binaries})
+    string(REGEX REPLACE "^.*shlibs:Depends=" "" depends "${depends}")
+    string(TOUPPER ${component} upper)
+    set(CPACK_DEBIAN_${upper}_PACKAGE_DEPENDS "${depends}" PARENT_SCOPE)
+endfunction()
+
+file(STRINGS "${CPACK_SOLVANE_PACKAGING_DIR}/changelog" newest LIMIT_COUNT 1)
+set(version "${CPACK_PACKAGE_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}")
+if(NOT newest MATCHES "^${CPACK_DEBIAN_PACKAGE_SOURCE} \\(${version}\\) ")
+    message(FATAL_ERROR "cmake/packaging/changelog does not begin with version ${version}: ${newest}")
+endif()
+
+# dpkg's programs want a source package around them.
+set(work "${CPACK_SOLVANE_CONTROL_DIR}/work")
+file(WRITE "${work}/debian/control" "Source: ${CPACK_DEBIAN_PACKAGE_SOURCE}\n")
+
+foreach(component IN LISTS CPACK_COMPONENTS_ALL)
+    file(GLOB_RECURSE texts "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/man/*.[1-8]"
+        "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/doc/*/changelog"
+        "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/share/doc/*/changelog.Debian")
+    if(texts)
+        run(ignored gzip --best --no-name --force ${texts})
+    endif()
+    finish_binaries(${component})
+    if(component MATCHES "^(runtime|library)$")
+        string(TOUPPER ${component} upper)
+        describe_libraries(${component} ${CPACK_DEBIAN_${upper}_PACKAGE_NAME})
+    endif()
+endforeach()
