@@ -510,8 +510,10 @@ Verdict DirectorySession::failure(Outcome outcome, int code, std::string const& 
 
 Verdict DirectorySession::unusableAuthorities(std::string const& fault) const
 {
-    return failure(Outcome::Misconfigured, LDAP_PARAM_ERROR,
-                   "the file of authorities '" + oneLine(m_tls.authorities()) + "' " + fault);
+    std::string const file = m_tls.authorities();
+    std::string const which = file.empty() ? "the system's list of authorities (ca-certificates) "
+                                           : "the file of authorities '" + oneLine(file) + "' ";
+    return failure(Outcome::Misconfigured, LDAP_PARAM_ERROR, which + fault);
 }
 
 Verdict DirectorySession::brokeOff(char const* step) const
