@@ -1,30 +1,24 @@
-#!/usr/bin/env python3
-"""Bulk lookups of the tool beside those of postmap, over one directory, in one run.
+"""Programs that look the same addresses up in one directory, in turn: the tool, its peers, raw calls.
 
-Usage: bulk_lookups.py SOLVANE_LDAP TESTBED [--users N] [--keys N] [--rounds N]
-
-Starts a throwaway slapd on loopback, asks both programs for the same keys in turn, and prints rates
-and ratios: medians over the rounds, with the least and the greatest. The first row compares postmap
-with itself and shows what is noise. Then the same through a proxy that takes 2.5 ms each way. Every
-answer is compared with what it must be. Ends with 1 where a ratio misses its target.
+Every answer is compared with what it must be.
 """
 
-import argparse
 import os
 import queue
+import resource
 import shutil
 import socket
-import statistics
 import subprocess
-import sys
-import tempfile
 import threading
 import time
 
+HERE = os.path.dirname(os.path.abspath(__file__))
 DEADLINE = 600  # seconds for one run of a program
 BASE = "ou=people,dc=corp,dc=test"
 READER = "cn=reader,dc=corp,dc=test"
 PASSWORD = "reader-pw"
+# What is asked for: the number in the address, so that every answer is known.
+ATTRIBUTE = "employeeNumber"
 
 
 class DelayProxy:
@@ -75,13 +69,37 @@ class DelayProxy:
         threading.Thread(target=send, daemon=True).start()
 
 
-class Bench:
-    """The programs, and the directory that they ask."""
+class WrongAnswer(Exception):
+    """A figure would be one of wrong answers."""
 
-    def __init__(self, tool, folder):
-        self._tool = tool
+
+class Keys:
+    """Addresses, and what each must be answered with."""
+
+    def __init__(self, count, users):
+        self.addresses = [f"user{number % users + 1:07d}@corp.test" for number in range(count)]
+        self.text = "".join(address + "\n" for address in self.addresses).encode()
+        self.answers = [[address, str(int(address[4:11]))] for address in self.addresses]
+
+
+def pairs(output):
+    """Of lines with an address, a tab and a value."""
+    return [line.split("\t")[:2] for line in output.decode().splitlines()]
+
+
+def ldifValues(output):
+    """Of LDIF, in the order of the addresses."""
+    prefix = ATTRIBUTE + ": "
+    return [line[len(prefix):] for line in output.decode().splitlines() if line.startswith(prefix)]
+
+
+class Programs:
+    """Each method runs one program over all keys and gives a turn: seconds and processor time."""
+
+    def __init__(self, build, folder):
+        self._build = build
         self._folder = folder
-        self._password = self._write("password", PASSWORD + "\n")
+        self._password = self._write("password", PASSWORD)
         self._write("main.cf", "compatibility_level = 3.6\n"
                     f"queue_directory = {folder}\ndata_directory = {folder}\n")
         self._write("master.cf", "")
@@ -93,113 +111,69 @@ class Bench:
         os.chmod(path, 0o600)
         return path
 
-    def _time(self, command, keys, expected):
+    @staticmethod
+    def _turn(command, keys, read=pairs, expected=None):
+        cpu = resource.getrusage(resource.RUSAGE_CHILDREN)
         start = time.monotonic()
-        done = subprocess.run(command, input="".join(key + "\n" for key in keys).encode(),
-                              stdout=subprocess.PIPE, timeout=DEADLINE, check=False)
+        done = subprocess.run(command, input=keys.text, stdout=subprocess.PIPE, timeout=DEADLINE,
+                              check=False)
         seconds = time.monotonic() - start
-        answers = [line.split("\t")[:2] for line in done.stdout.decode().splitlines()]
-        if answers != expected:
-            sys.exit(f"bulk_lookups: {command[0]} gave a wrong answer (exit {done.returncode})")
-        return len(keys) / seconds
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        if read(done.stdout) != (keys.answers if expected is None else expected):
+            raise WrongAnswer(f"{command[0]} gave a wrong answer (exit {done.returncode})")
+        return {"operations": len(keys.addresses), "seconds": seconds,
+                "cpu": after.ru_utime + after.ru_stime - cpu.ru_utime - cpu.ru_stime}
 
-    def postmap(self, port, keys, expected):
+    def tool(self, port, keys, *options):
+        return self._turn([os.path.join(self._build, "tool", "solvane-ldap"), "lookup", "-H",
+                           f"ldap://127.0.0.1:{port}", "-D", READER, "-y", self._password,
+                           "-b", BASE, "-t", "(mail=$m)", "--attrs", ATTRIBUTE,
+                           "--format", "tsv", *options, "-f", "-"], keys)
+
+    def postmap(self, port, keys):
         table = self._write("table.cf", f"server_host = ldap://127.0.0.1:{port}\nversion = 3\n"
                             f"search_base = {BASE}\nquery_filter = (mail=%s)\n"
-                            "result_attribute = employeeNumber\nbind = yes\n"
+                            f"result_attribute = {ATTRIBUTE}\nbind = yes\n"
                             f"bind_dn = {READER}\nbind_pw = {PASSWORD}\n")
-        command = ["postmap", "-c", self._folder, "-q", "-", "ldap:" + table]
-        return self._time(command, keys, expected)
+        return self._turn(["postmap", "-c", self._folder, "-q", "-", "ldap:" + table], keys)
 
-    def solvane(self, port, keys, expected, *options):
-        command = [self._tool, "lookup", "-H", f"ldap://127.0.0.1:{port}", "-D", READER, "-y",
-                   self._password, "-b", BASE, "-t", "(mail=$m)", "--attrs", "employeeNumber",
-                   "--format", "tsv", *options, "-f", "-"]
-        return self._time(command, keys, expected)
+    def ldapsearch(self, port, keys):
+        return self._turn(["ldapsearch", "-x", "-LLL", "-H", f"ldap://127.0.0.1:{port}", "-D", READER,
+                           "-y", self._password, "-b", BASE, "-f", "-", "(mail=%s)", ATTRIBUTE],
+                          keys, ldifValues, [value for _, value in keys.answers])
+
+    def _peer(self, command, port, keys):
+        return self._turn([*command, f"ldap://127.0.0.1:{port}", READER, PASSWORD, BASE, ATTRIBUTE],
+                          keys)
+
+    def raw(self, port, keys):
+        program = os.path.join(self._build, "bench", "solvane_bench_raw_lookups")
+        return self._peer([program], port, keys)
+
+    def pythonLdap(self, port, keys):
+        return self._peer([os.path.join(HERE, "peers", "python_ldap.py")], port, keys)
+
+    def netLdap(self, port, keys):
+        return self._peer([os.path.join(HERE, "peers", "net_ldap.pl")], port, keys)
+
+    def goLdap(self, port, keys):
+        return self._peer([os.path.join(self._folder, "go_ldap")], port, keys)
+
+    def buildGoLdap(self):
+        """Whether the Go compiler and the module, as Debian packages them, are at hand."""
+        if shutil.which("go") is None:
+            return False
+        environment = dict(os.environ, GO111MODULE="off", GOPATH="/usr/share/gocode",
+                           GOCACHE=os.path.join(self._folder, "go-cache"), GOFLAGS="-buildvcs=false")
+        done = subprocess.run(["go", "build", "-o", os.path.join(self._folder, "go_ldap"),
+                               os.path.join(HERE, "peers", "go_ldap", "main.go")],
+                              env=environment, stderr=subprocess.DEVNULL, check=False)
+        return done.returncode == 0
 
 
-def startDirectory(testbed, folder, users):
-    directory = os.path.join(folder, "slapd")
-    subprocess.run([os.path.join(testbed, "slapd-start"), directory, "--users", str(users),
-                    "--owner", str(os.getpid())],
-                   check=True, stdout=subprocess.DEVNULL)
-    with open(os.path.join(directory, "server.env"), encoding="utf-8") as settings:
-        values = dict(line.strip().split("=", 1) for line in settings if "=" in line)
-    return directory, int(values["LDAP_PORT"])
-
-
-def expectedAnswers(keys):
-    """The attribute that is asked for is the number in the address."""
-    return [[key, str(int(key[4:11]))] for key in keys]
-
-
-failures = 0
-
-
-def compare(name, target, rounds, ours, theirs):
-    """Prints a row: the ratio of two rates, measured in turn."""
-    global failures
-    ratios, ourRates, theirRates = [], [], []
+def compare(row, rounds, contenders, record):
+    """Each contender's turns, in an order that changes; record takes what each turn gave."""
     for number in range(rounds):
-        # The order changes, so that neither always comes first.
-        if number % 2 == 0:
-            mine, other = ours(), theirs()
-        else:
-            other, mine = theirs(), ours()
-        ourRates.append(mine)
-        theirRates.append(other)
-        ratios.append(mine / other)
-    ratio = statistics.median(ratios)
-    verdict = ""
-    if target is not None:
-        verdict = f">= {target:<5} {'met' if ratio >= target else 'MISSED'}"
-        failures += ratio < target
-    print(f"{name:<44} {statistics.median(ourRates):>8.0f} {statistics.median(theirRates):>8.0f} "
-          f"{ratio:>7.2f} ({min(ratios):.2f} to {max(ratios):.2f})  {verdict}", flush=True)
-
-
-def main():
-    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument("tool")
-    parser.add_argument("testbed")
-    parser.add_argument("--users", type=int, default=10000)
-    parser.add_argument("--keys", type=int, default=10000)
-    parser.add_argument("--rounds", type=int, default=7)
-    arguments = parser.parse_args()
-    os.environ["LDAPNOINIT"] = "1"
-
-    folder = tempfile.mkdtemp(prefix="solvane-bench-")
-    directory = None
-    try:
-        directory, port = startDirectory(arguments.testbed, folder, arguments.users)
-        bench = Bench(arguments.tool, folder)
-        keys = [f"user{number % arguments.users + 1:07d}@corp.test"
-                for number in range(arguments.keys)]
-        expected = expectedAnswers(keys)
-        bench.solvane(port, keys, expected)  # warms the server's caches
-
-        print(f"{arguments.keys} keys, {arguments.users} users, {arguments.rounds} rounds, "
-              f"{os.cpu_count()} CPUs; keys a second, medians\n")
-        print(f"{'':<44} {'ours':>8} {'theirs':>8} {'ratio':>7}")
-        postmap = lambda: bench.postmap(port, keys, expected)
-        compare("postmap beside postmap (noise)", None, arguments.rounds, postmap, postmap)
-        compare("-j 1 --window 1 beside postmap", 1.0, arguments.rounds,
-                lambda: bench.solvane(port, keys, expected, "-j", "1", "--window", "1"), postmap)
-        compare("defaults beside postmap", 1.6, arguments.rounds,
-                lambda: bench.solvane(port, keys, expected), postmap)
-
-        far = DelayProxy(port, 0.0025).port
-        few, fewExpected = keys[:200], expected[:200]
-        compare("defaults beside postmap, 5 ms round trip", 50, 3,
-                lambda: bench.solvane(far, keys, expected),
-                lambda: bench.postmap(far, few, fewExpected))
-    finally:
-        if directory is not None:
-            subprocess.run([os.path.join(arguments.testbed, "slapd-stop"), directory],
-                           check=False, stdout=subprocess.DEVNULL)
-        shutil.rmtree(folder, ignore_errors=True)
-    return 1 if failures else 0
-
-
-if __name__ == "__main__":
-    sys.exit(main())
+        for turn in range(len(contenders)):
+            name, work = contenders[(turn + number) % len(contenders)]
+            record({"row": row, "contender": name, "size": 0, "round": number, **work()})

@@ -1,0 +1,73 @@
+// One search that finds everybody, with all attributes.
+#include "rows.h"
+
+#include "RawSession.h"
+
+#include <memory>
+
+namespace SolvaneBench {
+
+using Solvane::LDAPConnection;
+using Solvane::LDAPSearch;
+
+namespace {
+
+char const everybody[] = "(objectClass=inetOrgPerson)";
+
+std::unique_ptr<LDAPSearch> searchedBy(LDAPConnection& connection, unsigned long users)
+{
+    LDAPSearch::Parameter parameter(people());
+    parameter.filter = everybody;
+    auto search = std::make_unique<LDAPSearch>(connection, parameter);
+    search->send();
+    awaitAndRead(*search, users);
+    return search;
+}
+
+/// What a search that stores everything takes of the heap, and how much came over the network.
+void measureMemory(Options const& options, RawSession const& raw, LDAPConnection& connection)
+{
+    unsigned long const receivedBefore = raw_received_bytes(raw.get());
+    unsigned long before = heapBytes();
+    LDAPMessage* const chain =
+        raw_take_chain(raw.get(), raw_send_search(raw.get(), people().c_str(), everybody, nullptr));
+    Rounds::note("big search", "raw, kept", "heap", static_cast<double>(heapBytes() - before),
+                 options.users);
+    ldap_msgfree(chain);
+    Rounds::note("big search", "wire", "bytes",
+                 static_cast<double>(raw_received_bytes(raw.get()) - receivedBefore),
+                 options.users);
+
+    before = heapBytes();
+    std::unique_ptr<LDAPSearch> const stored = searchedBy(connection, options.users);
+    Rounds::note("big search", "library", "heap", static_cast<double>(heapBytes() - before),
+                 options.users);
+}
+
+} // namespace
+
+void bigSearch(Options const& options, Rounds const& rounds)
+{
+    RawSession const raw(options.uri(), reader());
+    RawSession const again(options.uri(), reader());
+    LDAPConnection connection = openBound(serverAt(options.host, options.port), reader());
+    auto const discard = [&](RawSession const& session) {
+        int const id = raw_send_search(session.get(), people().c_str(), everybody, nullptr);
+        require(raw_read_entries(session.get(), id) == options.users, "entries");
+    };
+    auto const times = [](auto const& work) {
+        return [work](unsigned long count) {
+            for (; count > 0; --count) {
+                work();
+            }
+        };
+    };
+    measureMemory(options, raw, connection);
+    rounds.compare("big search",
+                   {{"raw", times([&] { discard(raw); })},
+                    {"raw again", times([&] { discard(again); })},
+                    {"library", times([&] { searchedBy(connection, options.users); })}},
+                   options.users);
+}
+
+} // namespace SolvaneBench

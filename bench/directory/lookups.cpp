@@ -1,0 +1,311 @@
+// Lookups of one address: one after another, many in flight, from many threads.
+#include "rows.h"
+
+#include "RawSession.h"
+#include "Team.h"
+
+#include <solvane/lookup.h>
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+
+namespace SolvaneBench {
+
+using Solvane::LDAPConnection;
+using Solvane::LDAPConnectionCache;
+using Solvane::LDAPLookup;
+using Solvane::LDAPSearch;
+using Solvane::LDAPUtil;
+
+namespace {
+
+std::vector<std::string> const wanted = {"mail", "cn", "employeeNumber"};
+
+std::string filterFor(std::string const& address) { return "(mail=" + address + ")"; }
+
+/// Lookups with raw calls on a session of their own.
+class RawLookups {
+public:
+    explicit RawLookups(Options const& options)
+        : m_session(options.uri(), reader()), m_base(people()), m_names(wanted),
+          m_addresses(options.users)
+    {
+    }
+
+    void run(unsigned long count)
+    {
+        for (; count > 0; --count) {
+            finish(send());
+        }
+    }
+
+    void run(unsigned long count, unsigned long window)
+    {
+        std::deque<int> underway;
+        for (; count > 0; --count) {
+            if (underway.size() == window) {
+                finish(underway.front());
+                underway.pop_front();
+            }
+            underway.push_back(send());
+        }
+        for (int const id : underway) {
+            finish(id);
+        }
+    }
+
+private:
+    int send()
+    {
+        return raw_send_search(m_session.get(), m_base.c_str(),
+                               filterFor(m_addresses.next()).c_str(), m_names.array());
+    }
+    void finish(int id) { require(raw_read_entries(m_session.get(), id) == 1, "entries"); }
+
+    RawSession m_session;
+    std::string m_base;
+    NameList m_names;
+    Addresses m_addresses;
+};
+
+LDAPSearch::Parameter searchForAddress()
+{
+    LDAPSearch::Parameter parameter(people());
+    parameter.attributes = NameList(wanted).types();
+    return parameter;
+}
+
+/// Lookups through the library on a connection that is kept.
+class KeptLookups {
+public:
+    explicit KeptLookups(Options const& options)
+        : m_connection(openBound(serverAt(options.host, options.port), reader())),
+          m_parameter(searchForAddress()), m_addresses(options.users)
+    {
+    }
+
+    void run(unsigned long count)
+    {
+        for (; count > 0; --count) {
+            m_parameter->filter = filterFor(m_addresses.next());
+            LDAPSearch search(m_connection, m_parameter);
+            search.send();
+            awaitAndRead(search, 1);
+        }
+    }
+
+    /// Sends as many as are allowed, waits for all of them, and so on.
+    void runInBatches(unsigned long count, unsigned long batch)
+    {
+        for (unsigned long done = 0; done < count; done += batch) {
+            run(std::min(batch, count - done), batch);
+        }
+    }
+
+    void run(unsigned long count, unsigned long window)
+    {
+        std::deque<LDAPSearch> underway;
+        for (; count > 0; --count) {
+            if (underway.size() == window) {
+                awaitAndRead(underway.front(), 1);
+                underway.pop_front();
+            }
+            m_parameter->filter = filterFor(m_addresses.next());
+            underway.emplace_back(m_connection, m_parameter).send();
+        }
+        for (LDAPSearch& search : underway) {
+            awaitAndRead(search, 1);
+        }
+    }
+
+private:
+    LDAPConnection m_connection;
+    LDAPSearch::RefParameter m_parameter;
+    Addresses m_addresses;
+};
+
+/// Lookups as a mail server makes them: a template, and a connection of the pool for each.
+class PooledLookups {
+public:
+    PooledLookups(Options const& options, LDAPConnectionCache& pool)
+        : m_pool(pool), m_server(serverAt(options.host, options.port)),
+          m_parameter(searchForAddress()), m_addresses(options.users)
+    {
+    }
+
+    void run(unsigned long count)
+    {
+        for (; count > 0; --count) {
+            m_parameter->filter = LDAPUtil::instanceFilterTemplate(
+                "(mail=$m)", Solvane::EmailAddress(m_addresses.next()));
+            LDAPConnection connection =
+                m_pool.getConnection(m_server, m_credentials.dn, m_credentials.password);
+            LDAPSearch search(connection, m_parameter);
+            search.send();
+            awaitAndRead(search, 1);
+            connection.cacheMarkAsAvailable();
+        }
+    }
+
+private:
+    LDAPConnectionCache& m_pool;
+    LDAPConnection::RefServer m_server;
+    Credentials m_credentials = reader();
+    LDAPSearch::RefParameter m_parameter;
+    Addresses m_addresses;
+};
+
+LDAPLookup::Settings engineSettings(Options const& options, unsigned int connections)
+{
+    LDAPLookup::Settings settings;
+    settings.servers = {{options.host, options.port, false, LDAPConnection::V3}};
+    settings.bindDn = reader().dn;
+    settings.password = reader().password;
+    settings.base = people();
+    settings.queryTemplate = "(mail=$m)";
+    settings.attributes = wanted;
+    settings.connections = connections;
+    return settings;
+}
+
+void requireFound(LDAPLookup::Answer const& answer)
+{
+    require(answer.outcome == LDAPLookup::Outcome::Found && readEntries(answer.entries) > 0,
+            "answer");
+}
+
+void findOneByOne(LDAPLookup& engine, Addresses& addresses, unsigned long count)
+{
+    for (; count > 0; --count) {
+        requireFound(engine.find(addresses.next()));
+    }
+}
+
+void findAll(LDAPLookup& engine, Addresses& addresses, unsigned long count)
+{
+    engine.findAll(
+        [&](std::string& key, bool) {
+            if (count == 0) {
+                return LDAPLookup::Supply::end;
+            }
+            --count;
+            key = addresses.next();
+            return LDAPLookup::Supply::key;
+        },
+        [](std::string const&, LDAPLookup::Answer&& answer) {
+            requireFound(answer);
+            return true;
+        });
+}
+
+Contender oneByOne(std::string const& name, RawLookups& lookups)
+{
+    return {name, [&lookups](unsigned long count) { lookups.run(count); }};
+}
+
+} // namespace
+
+void lookups(Options const& options, Rounds const& rounds)
+{
+    RawLookups raw(options);
+    RawLookups again(options);
+    KeptLookups kept(options);
+    LDAPConnectionCache pool;
+    PooledLookups pooled(options, pool);
+    LDAPLookup engine(engineSettings(options, 1));
+    Addresses addresses(options.users);
+    rounds.compare("lookup", {oneByOne("raw", raw),
+                              oneByOne("raw again", again),
+                              {"library", [&](unsigned long count) { kept.run(count); }},
+                              {"pool", [&](unsigned long count) { pooled.run(count); }},
+                              {"engine", [&](unsigned long count) {
+                                   findOneByOne(engine, addresses, count);
+                               }}});
+}
+
+void windows(Options const& options, Rounds const& rounds)
+{
+    RawLookups raw(options);
+    KeptLookups kept(options);
+    LDAPLookup engine(engineSettings(options, 4));
+    Addresses addresses(options.users);
+    for (unsigned long const window : {1UL, 2UL, 4UL, 8UL, 16UL, 32UL, 64UL, 128UL}) {
+        std::vector<Contender> contenders = {
+            {"raw", [&](unsigned long count) { raw.run(count, window); }},
+            {"library", [&](unsigned long count) { kept.run(count, window); }},
+            {"library one at a time", [&](unsigned long count) { kept.run(count); }},
+        };
+        if (window == 64) {
+            contenders.push_back({"library in batches",
+                                  [&](unsigned long count) { kept.runInBatches(count, window); }});
+            contenders.push_back(
+                {"engine, all", [&](unsigned long count) { findAll(engine, addresses, count); }});
+        }
+        constexpr unsigned long fillings = 10;
+        rounds.compare("window", contenders, window, window * fillings);
+    }
+}
+
+namespace {
+
+/// What the threads of a row work with. Each has its own, but for pool and engine.
+class Threads {
+public:
+    Threads(Options const& options, unsigned int size)
+        : m_engine(engineSettings(options, size)), m_addresses(size, Addresses(options.users)),
+          m_team(size), m_size(size)
+    {
+        for (unsigned int member = 0; member < size; ++member) {
+            m_raw.push_back(std::make_unique<RawLookups>(options));
+            m_kept.push_back(std::make_unique<KeptLookups>(options));
+            m_pooled.push_back(std::make_unique<PooledLookups>(options, m_pool));
+        }
+    }
+
+    void compare(Rounds const& rounds)
+    {
+        constexpr unsigned long lookupsOfEach = 25; // so that waking them does not count
+        auto const one = [](auto& own) {
+            return [&own](unsigned int member, unsigned long count) { own[member]->run(count); };
+        };
+        rounds.compare("threads",
+                       {shared("raw", one(m_raw)), shared("library", one(m_kept)),
+                        shared("pool", one(m_pooled)),
+                        shared("engine",
+                               [this](unsigned int member, unsigned long count) {
+                                   findOneByOne(m_engine, m_addresses[member], count);
+                               })},
+                       m_size, m_size * lookupsOfEach);
+    }
+
+private:
+    /// Work that every thread does its share of.
+    template <typename Work> Contender shared(std::string const& name, Work const& work)
+    {
+        return {name, [this, work](unsigned long count) {
+                    unsigned long const share = (count + m_size - 1) / m_size;
+                    m_team.run([&](unsigned int member) { work(member, share); });
+                }};
+    }
+
+    std::vector<std::unique_ptr<RawLookups>> m_raw;
+    std::vector<std::unique_ptr<KeptLookups>> m_kept;
+    LDAPConnectionCache m_pool;
+    std::vector<std::unique_ptr<PooledLookups>> m_pooled;
+    LDAPLookup m_engine;
+    std::vector<Addresses> m_addresses;
+    Team m_team;
+    unsigned int m_size;
+};
+
+} // namespace
+
+void threads(Options const& options, Rounds const& rounds)
+{
+    for (unsigned int const size : {1U, 2U, 4U, 8U, 16U, 32U, 64U}) {
+        Threads(options, size).compare(rounds);
+    }
+}
+
+} // namespace SolvaneBench

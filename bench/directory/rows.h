@@ -1,0 +1,26 @@
+// The rows of the program, each beside raw calls of OpenLDAP's on sessions of their own.
+#ifndef SOLVANE_BENCH_DIRECTORY_ROWS_H
+#define SOLVANE_BENCH_DIRECTORY_ROWS_H
+
+#include "Options.h"
+#include "Rounds.h"
+
+namespace SolvaneBench {
+
+/// One lookup after another: kept connection, template and pool, the engine; raw twice, for the
+/// noise.
+void lookups(Options const& options, Rounds const& rounds);
+/// 1, 8 and 64 searches in flight on one connection; the engine's bulk run.
+void windows(Options const& options, Rounds const& rounds);
+/// All entries by one search, stored, beside a loop that stores nothing; and what storing takes.
+void bigSearch(Options const& options, Rounds const& rounds);
+/// Connect, bind, close: plain and TLS, and how long a silent peer holds up a TLS bind.
+void binds(Options const& options, Rounds const& rounds);
+/// Adds, one at a time and 64 in flight.
+void adds(Options const& options, Rounds const& rounds);
+/// Lookups from 1 to 64 threads: raw and kept connections, the pool, the engine.
+void threads(Options const& options, Rounds const& rounds);
+
+} // namespace SolvaneBench
+
+#endif

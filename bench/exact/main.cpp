@@ -1,0 +1,347 @@
+// Work whose cost is known exactly, done by the library and by C as one writes it on OpenLDAP.
+//
+// Each report is named <work>.<who does it>; run tells what they may cost.
+#include "Counting.h"
+#include "Directory.h"
+
+#include <solvane/ldap.h>
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+#include <list>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <ldap.h>
+
+namespace SolvaneBench {
+
+namespace {
+
+using Solvane::LDAPConnection;
+using Solvane::LDAPConnectionCache;
+using Solvane::LDAPSearch;
+
+constexpr unsigned int timeoutSeconds = 10;
+constexpr char bindDn[] = "cn=reader,dc=corp,dc=test";
+constexpr char password[] = "reader-pw";
+constexpr char filter[] = "(mail=user0000007@corp.test)";
+/// Uncounted ones before the counted: what is done once for all is done then.
+constexpr unsigned int warmUp = 4;
+constexpr unsigned int repetitions = 32;
+
+void require(bool isAsExpected)
+{
+    if (!isAsExpected) {
+        std::fputs("the work was not done\n", stderr);
+        std::abort();
+    }
+}
+
+/// Does the work over and over, and reports what it cost.
+template <typename Work>
+void count(std::string const& name, unsigned int piecesAtATime, Work const& work)
+{
+    for (unsigned int i = 0; i != warmUp; ++i) {
+        work();
+    }
+    forget();
+    for (unsigned int i = 0; i != repetitions; ++i) {
+        work();
+    }
+    report(name, repetitions * piecesAtATime);
+}
+
+LDAPConnection::RefServer serverOf(Directory const& directory)
+{
+    return LDAPConnection::RefServer("127.0.0.1", directory.port(), LDAPConnection::V3, false,
+                                     timeoutSeconds, false, false);
+}
+
+int descriptorOf(LDAP* session)
+{
+    int descriptor = -1;
+    ldap_get_option(session, LDAP_OPT_DESC, &descriptor);
+    return descriptor;
+}
+
+// In C
+
+struct Unbind {
+    void operator()(LDAP* session) const { ldap_unbind_ext(session, nullptr, nullptr); }
+};
+using Session = std::unique_ptr<LDAP, Unbind>;
+
+Session boundSession(Directory const& directory)
+{
+    LDAP* session = nullptr;
+    std::string const uri = "ldap://127.0.0.1:" + std::to_string(directory.port()) + '/';
+    require(ldap_initialize(&session, uri.c_str()) == LDAP_SUCCESS);
+    int const version = LDAP_VERSION3;
+    ldap_set_option(session, LDAP_OPT_PROTOCOL_VERSION, &version);
+    berval credentials = {std::strlen(password), const_cast<char*>(password)};
+    require(ldap_sasl_bind_s(session, bindDn, LDAP_SASL_SIMPLE, &credentials, nullptr, nullptr,
+                             nullptr) == LDAP_SUCCESS);
+    return Session(session);
+}
+
+int sendInC(LDAP* session, char const* base, char const* attribute)
+{
+    char* attributes[] = {const_cast<char*>(attribute), nullptr};
+    int id = 0;
+    require(ldap_search_ext(session, base, LDAP_SCOPE_SUBTREE, filter,
+                            attribute == nullptr ? nullptr : attributes, 0, nullptr, nullptr,
+                            nullptr, -1, &id) == LDAP_SUCCESS);
+    return id;
+}
+
+/// Looks at everything in an entry. The number of values.
+unsigned int readEntry(LDAP* session, LDAPMessage* message)
+{
+    unsigned int values = 0;
+    char* const dn = ldap_get_dn(session, message);
+    BerElement* position = nullptr;
+    char* name = ldap_first_attribute(session, message, &position);
+    while (name != nullptr) {
+        berval** const found = ldap_get_values_len(session, message, name);
+        for (berval** value = found; value != nullptr && *value != nullptr; ++value) {
+            values += (*value)->bv_len != 0 ? 1U : 0U;
+        }
+        ldap_value_free_len(found);
+        ldap_memfree(name);
+        name = ldap_next_attribute(session, message, position);
+    }
+    ber_free(position, 0);
+    ldap_memfree(dn);
+    return values;
+}
+
+/// Reads the answer and lets go of it message by message. The number of values.
+unsigned int receiveInC(LDAP* session, int id)
+{
+    unsigned int values = 0;
+    for (;;) {
+        timeval timeout = {timeoutSeconds, 0};
+        LDAPMessage* message = nullptr;
+        int const type = ldap_result(session, id, LDAP_MSG_ONE, &timeout, &message);
+        require(type > 0);
+        if (type == LDAP_RES_SEARCH_ENTRY) {
+            values += readEntry(session, message);
+            ldap_msgfree(message);
+            continue;
+        }
+        int code = LDAP_OTHER;
+        char* matched = nullptr;
+        char* text = nullptr;
+        char** referrals = nullptr;
+        require(ldap_parse_result(session, message, &code, &matched, &text, &referrals, nullptr,
+                                  1) == LDAP_SUCCESS &&
+                code == LDAP_SUCCESS);
+        ldap_memfree(matched);
+        ldap_memfree(text);
+        ldap_memvfree(reinterpret_cast<void**>(referrals));
+        return values;
+    }
+}
+
+void lookUpInC(Directory const& directory)
+{
+    Session const session = boundSession(directory);
+    count("lookup.c", 1, [&] {
+        int id = 0;
+        {
+            Counted const counted;
+            id = sendInC(session.get(), Directory::onePerson, "mail");
+        }
+        Directory::awaitAnswer(descriptorOf(session.get()), Directory::onePerson);
+        Counted const counted;
+        require(receiveInC(session.get(), id) == 1);
+    });
+}
+
+void readEntriesInC(Directory const& directory)
+{
+    Session const session = boundSession(directory);
+    count("entry.c", Directory::personCount, [&] {
+        int const id = sendInC(session.get(), Directory::manyPersons, nullptr);
+        Directory::awaitAnswer(descriptorOf(session.get()), Directory::manyPersons);
+        Counted const counted;
+        require(receiveInC(session.get(), id) == Directory::personCount * 6);
+    });
+}
+
+void expandInC()
+{
+    std::string const user = "user0000007";
+    std::string const domain = "corp.test";
+    count("template.c", 1, [&] {
+        Counted const counted;
+        char text[256];
+        int const length =
+            std::snprintf(text, sizeof text, "(mail=%s@%s)", user.c_str(), domain.c_str());
+        require(std::string(text, static_cast<std::size_t>(length)).size() == 28);
+    });
+}
+
+// With the library
+
+LDAPConnection boundConnection(Directory const& directory)
+{
+    LDAPConnection connection(serverOf(directory), false);
+    connection.bind(bindDn, password, LDAPConnection::Asynchronous);
+    require(connection.bindWait(timeoutSeconds));
+    return connection;
+}
+
+unsigned int readBytes(Solvane::LDAPAttribute const& attribute)
+{
+    unsigned int values = 0;
+    for (Solvane::Buffer const& value : attribute.binaryValue()) {
+        values += value.length() != 0 ? 1U : 0U;
+    }
+    return values;
+}
+
+unsigned int readTexts(Solvane::LDAPAttribute const& attribute)
+{
+    unsigned int values = 0;
+    for (std::string const& value : attribute.value()) {
+        values += !value.empty() && !attribute.type().asString().empty() ? 1U : 0U;
+    }
+    return values;
+}
+
+/// Looks at everything in an answer. The number of values.
+template <typename Read> unsigned int valuesOf(LDAPSearch const& search, Read const& read)
+{
+    unsigned int values = 0;
+    for (auto const& entry : search.result().searchResultEntries()) {
+        for (auto const& attribute : entry.attributes().attributes()) {
+            values += read(attribute);
+        }
+    }
+    return values;
+}
+
+/// @param read  looks at an attribute
+template <typename Read>
+void lookUp(Directory const& directory, std::string const& name, Read const& read)
+{
+    LDAPConnection connection = boundConnection(directory);
+    LDAPSearch::RefParameter const parameter(Directory::onePerson);
+    parameter->filter = filter;
+    parameter->attributes = {std::string("mail")};
+    count(name, 1, [&] {
+        std::optional<LDAPSearch> search;
+        {
+            Counted const counted;
+            search.emplace(connection, parameter);
+            search->send();
+        }
+        Directory::awaitAnswer(descriptorOf(connection.impl()->session()), Directory::onePerson);
+        Counted const counted;
+        require(!search->wait(timeoutSeconds) && search->result().resultCode() == LDAP_SUCCESS);
+        require(valuesOf(*search, read) == 1);
+        search.reset();
+    });
+}
+
+/// Stores a big answer and lets go of it; and stores one to see what memory that takes.
+void readEntries(Directory const& directory)
+{
+    LDAPConnection connection = boundConnection(directory);
+    LDAPSearch::RefParameter const parameter(Directory::manyPersons);
+    parameter->filter = filter;
+    auto const sent = [&] {
+        auto search = std::make_unique<LDAPSearch>(connection, parameter);
+        search->send();
+        Directory::awaitAnswer(descriptorOf(connection.impl()->session()), Directory::manyPersons);
+        return search;
+    };
+    auto const receive = [](LDAPSearch& search) {
+        require(!search.wait(timeoutSeconds) &&
+                search.result().searchResultEntries().size() == Directory::personCount);
+    };
+    count("entry.library", Directory::personCount, [&] {
+        auto search = sent();
+        Counted const counted;
+        receive(*search);
+        search.reset();
+    });
+    std::list<std::unique_ptr<LDAPSearch>> stored;
+    count("stored-entry.library", Directory::personCount, [&] {
+        stored.push_back(sent());
+        Counted const counted;
+        receive(*stored.back());
+    });
+}
+
+void checkOut(Directory const& directory, unsigned int size)
+{
+    LDAPConnectionCache pool;
+    auto const server = serverOf(directory);
+    std::list<LDAPConnection> busy;
+    for (unsigned int i = 0; i != size; ++i) {
+        busy.push_back(pool.getConnection(server, bindDn, password));
+    }
+    LDAPConnection last = busy.back();
+    last.cacheMarkAsAvailable();
+    std::string const dn = bindDn;
+    std::string const secret = password;
+    count("checkout-of-" + std::to_string(size) + ".library", 1, [&] {
+        Counted const counted;
+        LDAPConnection connection = pool.getConnection(server, dn, secret);
+        connection.cacheMarkAsAvailable();
+    });
+    require(static_cast<unsigned int>(pool.cacheHits().value()) == warmUp + repetitions);
+}
+
+void expand()
+{
+    std::string const query = "(mail=$m)";
+    std::string const user = "user0000007";
+    std::string const domain = "corp.test";
+    std::string const none;
+    count("template.library", 1, [&] {
+        Counted const counted;
+        require(Solvane::LDAPUtil::sv_ldap_expand_query(query, user, domain, none, none).size() ==
+                28);
+    });
+}
+
+void runAll()
+{
+    Directory const directory;
+    lookUpInC(directory);
+    lookUp(directory, "lookup.library", readBytes); // as C does
+    lookUp(directory, "lookup-of-texts.library", readTexts);
+    readEntriesInC(directory);
+    readEntries(directory);
+    for (unsigned int const size : {1U, 64U, 512U}) {
+        checkOut(directory, size);
+    }
+    expandInC();
+    expand();
+    std::printf("entry bytes %.3f\n", Directory::bytesOfAPerson());
+}
+
+} // namespace
+
+} // namespace SolvaneBench
+
+int main()
+{
+    try {
+        SolvaneBench::runAll();
+        return 0;
+    } catch (std::exception const& failure) {
+        std::fprintf(stderr, "%s\n", failure.what());
+    } catch (Solvane::Exception const& failure) {
+        std::fprintf(stderr, "%s\n", failure.asString().c_str());
+    }
+    return 1;
+}

@@ -1,0 +1,61 @@
+// The library's half of each comparison, as a program would write it.
+#ifndef SOLVANE_BENCH_LIBRARY_H
+#define SOLVANE_BENCH_LIBRARY_H
+
+#include <solvane/ldap.h>
+
+#include <list>
+#include <string>
+#include <vector>
+
+namespace SolvaneBench {
+
+/// Whom a connection is bound as.
+struct Credentials {
+    std::string dn;
+    std::string password;
+};
+
+Solvane::LDAPConnection::RefServer serverAt(std::string const& host, unsigned int port,
+                                            bool secure = false);
+/// A connection that is bound and whose bind was answered.
+Solvane::LDAPConnection openBound(Solvane::LDAPConnection::RefServer const& server,
+                                  Credentials const& credentials);
+
+/// Waits for a search to end.
+void await(Solvane::LDAPSearch& search);
+/// Reads the DN, every attribute and every value. Gives the number of their bytes.
+unsigned long readEntries(std::list<Solvane::LDAPSearchResultEntry> const& entries);
+
+/// Waits for a search, reads its result; ends the process unless it has `expected` entries.
+void awaitAndRead(Solvane::LDAPSearch& search, unsigned long expected);
+/// Ends the process with a message when a figure would be one of wrong answers.
+void require(bool isRight, char const* what);
+
+/// Attribute names as the raw calls take them.
+class NameList {
+public:
+    explicit NameList(std::vector<std::string> names) : m_names(std::move(names))
+    {
+        for (std::string& name : m_names) {
+            m_pointers.push_back(name.data());
+        }
+        m_pointers.push_back(nullptr);
+    }
+    NameList(NameList const&) = delete;
+    NameList& operator=(NameList const&) = delete;
+
+    char** array() { return m_pointers.data(); }
+    std::list<Solvane::LDAPAttributeType> types() const
+    {
+        return std::list<Solvane::LDAPAttributeType>(m_names.begin(), m_names.end());
+    }
+
+private:
+    std::vector<std::string> m_names;
+    std::vector<char*> m_pointers;
+};
+
+} // namespace SolvaneBench
+
+#endif

@@ -1,0 +1,32 @@
+// Entries of a directory, made up, for servers that answer from memory.
+#ifndef SOLVANE_BENCH_PEOPLE_H
+#define SOLVANE_BENCH_PEOPLE_H
+
+#include "ReplayServer.h"
+
+#include <string>
+
+namespace SolvaneBench {
+
+/// So many people with seven values each, some 315 bytes a message.
+inline Answer peopleEntries(unsigned long count)
+{
+    Answer answer;
+    for (unsigned long i = 0; i < count; ++i) {
+        std::string const number = std::to_string(1000000 + i);
+        std::string const uid = "user" + number;
+        answer.add("uid=" + uid + ",ou=people,dc=corp,dc=test",
+                   {{"objectClass", {"inetOrgPerson"}},
+                    {"uid", {uid}},
+                    {"cn", {"Greta Holm " + number}},
+                    {"sn", {"Holm"}},
+                    {"givenName", {"Greta"}},
+                    {"employeeNumber", {number}},
+                    {"mail", {uid + "@corp.test", "greta." + number + "@alias.corp.test"}}});
+    }
+    return answer;
+}
+
+} // namespace SolvaneBench
+
+#endif
