@@ -268,10 +268,9 @@ TEST(LookupOnABrokenConnection, DropsAPooledOneOnWhichTheServerSpokeUnasked)
     ScriptedServer server([&](Peer& peer) {
         bool const isFirst = ++connections == 1;
         serving([&](Peer& answering, std::string const& request) {
-            answerFound(answering, request);
-            if (isFirst) {
-                answering.send(noticeOfDisconnection());
-            }
+            int const id = messageIdOf(request);
+            std::string const answer = searchEntry(id, "cn=x", {}) + searchDone(id);
+            answering.send(isFirst ? answer + noticeOfDisconnection() : answer);
         })(peer);
     });
     LDAPLookup lookup(settingsFor({server.port()}));
