@@ -1,6 +1,7 @@
 // X.509 certificates, read and judged with GnuTLS.
 #include <solvane/lookup/Certificate.h>
 
+#include "FaultSite.h"
 #include "OpenLDAP.h"
 
 #include <solvane/ldap.h>
@@ -31,10 +32,7 @@ constexpr char const* systemBundles[] = {
 
 LDAPException invalidCertificate(int error)
 {
-    constexpr int invalidInput = 2;
-    LDAPException fault("LDAPException", invalidInput, "Certificate.cpp", __LINE__, 0);
-    fault.stringParameter(std::string("not a certificate: ") + gnutls_strerror(error));
-    return fault;
+    return faultAt(at::noCertificate, std::string("not a certificate: ") + gnutls_strerror(error));
 }
 
 /// Bytes that GnuTLS allocated.

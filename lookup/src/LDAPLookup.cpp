@@ -2,6 +2,7 @@
 #include <solvane/lookup/LDAPLookup.h>
 
 #include "Bulk.h"
+#include "FaultSite.h"
 
 #include <solvane/lookup/PlainText.h>
 
@@ -15,11 +16,7 @@ using Lookup::faultIn;
 
 [[noreturn]] void refuse(std::string const& text)
 {
-    constexpr int invalidInput = 2;
-    constexpr int general = 0;
-    LDAPException fault("LDAPException", invalidInput, "LDAPLookup.cpp", __LINE__, general);
-    fault.stringParameter(text);
-    throw fault;
+    throw Lookup::faultAt(Lookup::at::settingRefused, text);
 }
 
 void require(bool isRight, std::string const& text)

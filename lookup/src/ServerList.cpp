@@ -1,6 +1,8 @@
 // Back-off, and resolving when it is needed.
 #include "ServerList.h"
 
+#include "FaultSite.h"
+
 #include <solvart/Host.h>
 
 #include <algorithm>
@@ -22,11 +24,7 @@ std::string addressOf(std::string const& host)
 {
     Host const resolved(host, false);
     if (resolved.isNull()) {
-        constexpr int failed = 4;
-        constexpr int general = 0;
-        LDAPException fault("LDAPException", failed, "ServerList.cpp", __LINE__, general);
-        fault.stringParameter("the host '" + host + "' does not resolve");
-        throw fault;
+        throw faultAt(at::hostUnknown, "the host '" + host + "' does not resolve");
     }
     return resolved.address()->asString();
 }

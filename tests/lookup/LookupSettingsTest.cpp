@@ -23,6 +23,7 @@ std::string refusalOf(LDAPLookup::Settings const& settings)
         EXPECT_EQ(fault.code(), 2);
         EXPECT_EQ(fault.getType(), 0);
         EXPECT_EQ(fault.fileName(), "LDAPLookup.cpp");
+        EXPECT_EQ(fault.lineNumber(), 20U);
         return fault.stringParameter();
     }
     return {};

@@ -35,7 +35,7 @@ class SOLVANE_LOOKUP_EXPORT Certificate {
 public:
     /// Parses a certificate.
     /// @param der  the certificate in DER
-    /// @throws LDAPException  code 2, type 0, from Certificate.cpp: it is none
+    /// @throws LDAPException  code 2, type 0, Certificate.cpp:35: it is none
     explicit Certificate(std::string const& der);
 
     /// Whose it is, a distinguished name as RFC 4514 writes it.

@@ -79,7 +79,7 @@ public:
     };
 
     /// Checks the settings; no server is asked before the first lookup.
-    /// @throws LDAPException  code 2, type 0, from LDAPLookup.cpp: settings that no lookup could
+    /// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: settings that no lookup could
     ///                        succeed with; the text names the setting
     explicit LDAPLookup(Settings const& settings);
     ~LDAPLookup();
