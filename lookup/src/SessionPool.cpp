@@ -148,13 +148,17 @@ void SessionPool::note(Walk& walk, Verdict const& why, std::size_t server) const
 
 void SessionPool::visit(Walk& walk, std::size_t server, Wish const& wish, Among among)
 {
-    if (!wish.isNew) {
-        if (auto idle = takeIdle(server)) {
-            walk.lease = Lease(*this, std::move(idle));
-            return;
+    auto room = Room::unneeded;
+    while (room == Room::unneeded) {
+        if (!wish.isNew) {
+            if (auto idle = takeIdle(server)) {
+                walk.lease = Lease(*this, std::move(idle));
+                return;
+            }
         }
+        room = takeRoom(server, wish);
     }
-    if (takeRoom() == Room::none) {
+    if (room == Room::none) {
         walk.isFull = true;
         return;
     }
@@ -244,7 +248,7 @@ std::unique_ptr<PooledSession> SessionPool::takeIdle(std::size_t server)
 }
 
 /// Room for one more session, made by closing the idle one that was used longest ago if need be.
-SessionPool::Room SessionPool::takeRoom()
+SessionPool::Room SessionPool::takeRoom(std::size_t server, Wish const& wish)
 {
     std::unique_ptr<PooledSession> victim; // let go after unlocking: it writes an unbind
     std::lock_guard<std::mutex> const lock(m_mutex);
@@ -254,6 +258,12 @@ SessionPool::Room SessionPool::takeRoom()
     }
     if (m_idle.empty()) {
         return Room::none;
+    }
+    // What another caller gave back meanwhile is not closed for one like it.
+    bool const hasCome = std::any_of(m_idle.begin(), m_idle.end(),
+                                     [server](auto const& idle) { return idle->server == server; });
+    if (hasCome && !wish.isNew) {
+        return Room::unneeded;
     }
     victim = std::move(m_idle.back());
     m_idle.pop_back();

@@ -116,8 +116,8 @@ private:
     void tryServer(Walk& walk, std::size_t server, Wish const& wish);
     Attempt attemptOn(std::size_t server, Wish const& wish, Lease& lease);
     std::unique_ptr<PooledSession> takeIdle(std::size_t server);
-    enum class Room { taken, none };
-    Room takeRoom();
+    enum class Room { taken, none, unneeded };
+    Room takeRoom(std::size_t server, Wish const& wish);
     Verdict open(std::size_t server, Wish const& wish, Lease& lease);
     Verdict authenticate(PooledSession& opened, Clock::time_point deadline) const;
     void prepare(PooledSession& opened) const;
