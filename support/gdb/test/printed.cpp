@@ -1,5 +1,6 @@
 // What printers_test.py has gdb print: one object of each kind, at a place where all of them are alive.
 #include <solvane/ldap.h>
+#include <solvane/ldap/impl.h>
 
 #include <list>
 #include <string>
