@@ -91,8 +91,8 @@ LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer cons
 LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
 {
     std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
-    long const now = time(nullptr);
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
+    long const now = time(nullptr); // not before: an expiry would be as old as the wait for the lock
     if (!wanted.anonymous) {
         removeExpired(now, removed);
     }
