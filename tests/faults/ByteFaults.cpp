@@ -3,11 +3,10 @@
 #include "Sites.h"
 
 #include "LdapMessages.h"
+#include "PeakOfMemory.h"
 
 #include <algorithm>
-#include <fstream>
 #include <random>
-#include <sstream>
 
 namespace SolvaneTest {
 
@@ -290,21 +289,6 @@ Fault garbageFault()
 }
 
 // Two gigabytes
-
-/// The most address space that this process has ever had, in megabytes.
-long peakOfMemory()
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        std::istringstream fields(line);
-        std::string name;
-        long kilobytes = 0;
-        if (fields >> name >> kilobytes && name == "VmPeak:") {
-            return kilobytes / 1024;
-        }
-    }
-    return 0;
-}
 
 class HugeSite : public ServerSite {
 public:

@@ -1,6 +1,7 @@
 // Sockets never block; every wait is a poll that also sees the server's end.
 #include "FaultyServer.h"
 
+#include "AcceptLoop.h"
 #include "Exchange.h"
 #include "LdapMessages.h"
 
@@ -44,21 +45,11 @@ FaultyServer::~FaultyServer()
 
 void FaultyServer::acceptAll()
 {
-    std::array<pollfd, 2> waited = {pollfd{m_listener.number(), POLLIN, 0},
-                                    pollfd{m_stop.number(), POLLIN, 0}};
-    for (;;) {
-        poll(waited.data(), waited.size(), -1);
-        if (waited[1].revents != 0) {
-            return;
-        }
-        int const socket =
-            accept4(m_listener.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (socket >= 0) {
-            std::lock_guard<std::mutex> const lock(m_mutex);
-            ++m_playing;
-            std::thread([this, socket] { play(socket); }).detach(); // there may be thousands
-        }
-    }
+    acceptUntil(m_stop.number(), m_listener.number(), [this](int socket) {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        ++m_playing;
+        std::thread([this, socket] { play(socket); }).detach(); // there may be thousands
+    });
 }
 
 void FaultyServer::play(int socket)

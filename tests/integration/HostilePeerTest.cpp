@@ -3,14 +3,13 @@
 #include "Eventually.h"
 #include "Faults.h"
 #include "LdapMessages.h"
+#include "PeakOfMemory.h"
 #include "ScriptedServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <ctime>
-#include <fstream>
-#include <sstream>
 
 using namespace Solvane;
 using testing::AnyOf;
@@ -71,21 +70,6 @@ public:
         }
     }
 };
-
-/// The most address space that this process has ever had, in megabytes.
-long peakOfMemory()
-{
-    std::ifstream status("/proc/self/status");
-    for (std::string line; std::getline(status, line);) {
-        std::istringstream fields(line);
-        std::string name;
-        long kilobytes = 0;
-        if (fields >> name >> kilobytes && name == "VmPeak:") {
-            return kilobytes / 1024;
-        }
-    }
-    throw std::runtime_error("no VmPeak");
-}
 
 /// Milliseconds of processor time that this thread has used.
 long processorTime()

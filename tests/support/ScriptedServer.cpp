@@ -1,6 +1,7 @@
 // Sockets never block; every wait is a poll that also sees the server's end.
 #include "ScriptedServer.h"
 
+#include "AcceptLoop.h"
 #include "LdapMessages.h"
 
 #include <array>
@@ -108,20 +109,10 @@ bool ScriptedServer::awaitEndedScripts(std::size_t count)
 
 void ScriptedServer::acceptAll()
 {
-    std::array<pollfd, 2> waited = {pollfd{m_listener.number(), POLLIN, 0},
-                                    pollfd{m_stop.number(), POLLIN, 0}};
-    for (;;) {
-        poll(waited.data(), waited.size(), -1);
-        if (waited[1].revents != 0) {
-            return;
-        }
-        int const socket =
-            accept4(m_listener.number(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        if (socket >= 0) {
-            std::lock_guard<std::mutex> const lock(m_mutex);
-            m_players.emplace_back([this, socket] { play(socket); });
-        }
-    }
+    acceptUntil(m_stop.number(), m_listener.number(), [this](int socket) {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        m_players.emplace_back([this, socket] { play(socket); });
+    });
 }
 
 void ScriptedServer::play(int socket)

@@ -2,11 +2,10 @@
 
 import os
 import re
-import socket
-import threading
 import unittest
 
-from support import DEADLINE, PEOPLE, READER, READER_PASSWORD, DirectoryTest, ToolTest
+from servers import ScriptedDirectory, giving
+from support import PEOPLE, READER, READER_PASSWORD, DirectoryTest, ToolTest
 from support import bound, entry, freePort, message, outcome, run, searched
 
 PLAIN_STEPS = ["settings", "template", "resolution", "TCP", "bind", "who am I", "root DSE", "base",
@@ -279,51 +278,6 @@ class CheckOnACertificateThatEndsSoon(DirectoryTest, CheckTest):
         self.assertRegex(result.output, "[67] days left")
 
 
-class ScriptedDirectory:
-    """Gives the requests of every connection the same answers, in their order."""
-
-    def __init__(self, test, *answers):
-        self._answers = answers
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self._listener.settimeout(DEADLINE)
-        self._thread = threading.Thread(target=self._serve)
-        self._thread.start()
-        test.addCleanup(self._stop)
-
-    @property
-    def uri(self):
-        return f"ldap://127.0.0.1:{self._listener.getsockname()[1]}"
-
-    def _serve(self):
-        while True:
-            try:
-                connection, _ = self._listener.accept()
-            except OSError:
-                return
-            with connection:
-                connection.settimeout(DEADLINE)
-                self._answer(connection)
-
-    def _answer(self, connection):
-        try:
-            for answer in self._answers:
-                if not connection.recv(65536):
-                    return
-                connection.sendall(answer)
-            while connection.recv(65536):
-                pass
-        except OSError:
-            pass
-
-    def _stop(self):
-        try:
-            self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self._thread.join(DEADLINE)
-        self._listener.close()
-
-
 def identity(number, code, value=None):
     """The answer to "Who am I?"."""
     operation = outcome(0x78, code)
@@ -336,7 +290,7 @@ def identity(number, code, value=None):
 class CheckOnAScriptedDirectory(CheckTest):
 
     def answered(self, *answers, arguments=()):
-        return self.asReader(ScriptedDirectory(self, *answers).uri, "-o", "nettimeout=1", *arguments)
+        return self.asReader(ScriptedDirectory(self, giving(*answers)).uri, "-o", "nettimeout=1", *arguments)
 
     def testGivesEachRefusalOfTheBindItsExitStatus(self):
         for code, status in ((49, 77), (53, 69), (10, 69), (51, 75), (34, 65), (2, 78)):

@@ -261,6 +261,17 @@ def serving(onSearch, identity=b"dn:cn=reader", onBind=granted):
     return script
 
 
+def giving(*answers):
+    """A script: gives the requests these answers, in their order, and then none."""
+    def script(connection):
+        for answer in answers:
+            if connection.receive() is None:
+                return
+            connection.send(answer)
+        silent(connection)
+    return script
+
+
 def silent(connection):
     """A script: takes requests and says nothing."""
     while connection.receive() is not None:
