@@ -92,7 +92,8 @@ LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
 {
     std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
-    long const now = time(nullptr); // not before: an expiry would be as old as the wait for the lock
+    // Not before the lock: an expiry would be as old as the wait for it.
+    long const now = time(nullptr);
     if (!wanted.anonymous) {
         removeExpired(now, removed);
     }
