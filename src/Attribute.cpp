@@ -3,6 +3,7 @@
 
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
 
+#include "EntryBuilder.h"
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
@@ -327,20 +328,35 @@ LDAPAttributeContainerImpl::~LDAPAttributeContainerImpl() = default;
 
 void LDAPAttributeContainerImpl::add(LDAPAttribute const& attribute)
 {
+    if (m_packed) {
+        unpack();
+    }
     m_attributes.push_back(attribute);
 }
 
 void LDAPAttributeContainerImpl::add(std::list<LDAPAttribute> const& attributes)
 {
+    if (m_packed) {
+        unpack();
+    }
     m_attributes.insert(m_attributes.end(), attributes.begin(), attributes.end());
+}
+
+/// Makes the attributes of the block, or leaves all as it is where memory ends.
+void LDAPAttributeContainerImpl::unpack() const
+{
+    std::list<LDAPAttribute> made;
+    EntryBuilder::unpack(m_packed.get(), made);
+    m_attributes.swap(made);
+    m_packed.reset();
 }
 
 LDAPAttribute LDAPAttributeContainerImpl::find(LDAPAttributeType const& type) const
 {
-    if (m_attributes.empty()) {
+    if (empty()) {
         return LDAPAttribute();
     }
-    LDAPAttribute const& first = m_attributes.front();
+    LDAPAttribute const& first = attributes().front();
     // Volatile: without an observable step in it, the compiler may take the loop as one that ends.
     bool volatile searching = true;
     while (searching) {

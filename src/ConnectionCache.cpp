@@ -29,20 +29,21 @@ constexpr TraceSite clearing              { traceUnit,  664, "clear",         Tr
 } // namespace at
 // clang-format on
 
-/// Gives a taken in-use marker back unless it was passed on.
+/// Gives the in-use marker of a connection taken for the caller back unless it was passed on.
 class MarkerGuard : public NonCopyable {
 public:
-    explicit MarkerGuard(LDAPConnection& connection) : m_connection(&connection) {}
     ~MarkerGuard()
     {
         if (m_connection != nullptr) {
             m_connection->cacheMarkAsAvailable();
         }
     }
+    void hold(LDAPConnection& connection) { m_connection = &connection; }
+    LDAPConnection const* held() const { return m_connection; }
     void release() { m_connection = nullptr; }
 
 private:
-    LDAPConnection* m_connection;
+    LDAPConnection* m_connection = nullptr;
 };
 
 } // namespace
@@ -87,20 +88,24 @@ LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer cons
 }
 
 /// The first idle and valid connection of the kind wanted, taken for the caller; else a null
-/// handle.
+/// handle. A lookup with credentials removes what has expired, in the same walk: in a large pool the
+/// bodies are far apart in memory, and each is fetched once.
 LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
 {
     std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
     // Not before the lock: an expiry would be as old as the wait for it.
     long const now = time(nullptr);
-    if (!wanted.anonymous) {
-        removeExpired(now, removed);
-    }
+    MarkerGuard taken;
     for (auto position = m_connections.begin(); position != m_connections.end();) {
         auto const current = position++;
         LDAPConnectionImpl& body = *current->m_impl.body();
-        if (!wanted.takes(body)) {
+        if (!wanted.anonymous && body.hasExpired(now)) {
+            removed.splice(removed.end(), m_connections, current);
+            m_cacheSize.decrement();
+            continue;
+        }
+        if (taken.held() != nullptr || !wanted.takes(body)) {
             continue;
         }
         if (!body.isValid()) {
@@ -111,18 +116,23 @@ LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
             }
             continue;
         }
-        MarkerGuard marker(*current);
-        LDAPConnection hit(*current); // allocates: the marker must not be lost
-        body.extendExpiryTime(now);
-        m_cacheHits.increment();
-        if (!wanted.anonymous) {
-            SOLVANE_TRACE(at::useCached, "Use cached LDAP connection to %s",
-                          wanted.uri.asString().c_str());
+        taken.hold(*current);
+        if (wanted.anonymous) {
+            break; // nothing expires on this path
         }
-        marker.release();
-        return hit;
     }
-    return LDAPConnection();
+    if (taken.held() == nullptr) {
+        return LDAPConnection();
+    }
+    LDAPConnection hit(*taken.held()); // allocates: the marker must not be lost
+    hit.m_impl.body()->extendExpiryTime(now);
+    m_cacheHits.increment();
+    if (!wanted.anonymous) {
+        SOLVANE_TRACE(at::useCached, "Use cached LDAP connection to %s",
+                      wanted.uri.asString().c_str());
+    }
+    taken.release();
+    return hit;
 }
 
 LDAPConnection LDAPConnectionCache::openUnbound(LDAPConnection::RefServer const& server)

@@ -5,6 +5,7 @@
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
 #include <solvane/ldap/impl/LDAPResultImpl.h>
 
+#include "EntryBuilder.h"
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
@@ -68,44 +69,6 @@ bool isListed(int messageType)
 }
 
 } // namespace
-
-/// Builds one entry in the nodes, handles and bodies in which it stays: of a big answer, nothing is
-/// made to be copied and given back at once.
-class EntryBuilder {
-public:
-    explicit EntryBuilder(char const* dn)
-    {
-        m_entry.emplace_back(std::string());
-        if (dn != nullptr) {
-            m_entry.back().m_entryName = dn;
-        }
-    }
-
-    /// @param description  as the server sent it; taken apart when it is asked for
-    /// @param values       null-terminated, or null for none; stays the caller's
-    void append(char const* description, berval** values)
-    {
-        std::list<LDAPAttribute>& attributes =
-            m_entry.back().m_attributes.m_impl.body()->m_attributes;
-        attributes.emplace_back();
-        BodyReference<LDAPAttributeImpl>& attribute = attributes.back().m_impl;
-        attribute.create();
-        if (*description == '\0') {
-            attribute.body()->type(LDAPAttributeType(std::string()));
-        } else {
-            attribute.body()->m_description = description;
-        }
-        attribute.body()->value(values);
-    }
-
-    void moveTo(std::list<LDAPSearchResultEntry>& entries)
-    {
-        entries.splice(entries.end(), m_entry);
-    }
-
-private:
-    std::list<LDAPSearchResultEntry> m_entry; // this one
-};
 
 // Entry
 
@@ -277,7 +240,7 @@ void LDAPResultImpl::parseEntry(LDAPMessage* message)
 {
     LDAPCharBuffer dn;
     *dn.address() = ldap_get_dn(m_context, message);
-    EntryBuilder entry(dn.get());
+    EntryBuilder entry(dn.get(), !m_searchResultEntries.empty());
 
     LDAPBerElementBuffer position;
     LDAPCharBuffer name;

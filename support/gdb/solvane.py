@@ -8,6 +8,8 @@ Reads memory alone and calls nothing in the program, so it serves for core files
 been built with debug information. `print/r` prints an object without it.
 """
 
+import sys
+
 import gdb
 import gdb.printing
 
@@ -129,19 +131,47 @@ class Attribute(Printer):
         return "array"
 
 
+class Packed:
+    """The attributes that a received entry keeps in one block until they are asked for."""
+
+    def __init__(self, owner):
+        # A unique_ptr is its pointer.
+        self.position = int.from_bytes(gdb.selected_inferior().read_memory(int(owner.address), 8), sys.byteorder)
+        self.is_there = self.position != 0
+
+    def taken(self, length):
+        start, self.position = self.position, self.position + length
+        return bytes(gdb.selected_inferior().read_memory(start, length)) if length else b""
+
+    def number(self):
+        return int.from_bytes(self.taken(4), sys.byteorder)
+
+    def attributes(self):
+        """Each attribute's description and values."""
+        for _ in range(self.number()):
+            length, values = self.number(), self.number()
+            yield self.taken(length), [self.taken(self.number()) for _ in range(values)]
+
+
 class AttributeContainer(Printer):
     def to_string(self):
         body = body_of(self.value)
         if body is None:
             return "null handle"
-        count = int(body["m_attributes"]["_M_impl"]["_M_node"]["_M_size"])
-        return f"{count} attribute{'' if count == 1 else 's'}"
+        packed = Packed(body["m_packed"])
+        count = packed.number() if packed.is_there else int(body["m_attributes"]["_M_impl"]["_M_node"]["_M_size"])
+        return f"{count} attribute{'' if count == 1 else 's'}{', not asked for yet' if packed.is_there else ''}"
 
     def children(self):
         body = body_of(self.value)
-        if body is not None:
-            for index, attribute in enumerate(elements(body["m_attributes"])):
-                yield f"[{index}]", attribute
+        if body is None:
+            return
+        packed = Packed(body["m_packed"])
+        if packed.is_there:
+            for index, (description, values) in enumerate(packed.attributes()):
+                yield f"[{index}]", f"attribute {quoted(description)} = {', '.join(map(quoted, values))}"
+        for index, attribute in enumerate(elements(body["m_attributes"])):
+            yield f"[{index}]", attribute
 
     def display_hint(self):
         return "array"

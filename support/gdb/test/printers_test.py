@@ -11,7 +11,7 @@ import subprocess
 import unittest
 
 PRINTERS = pathlib.Path(__file__).resolve().parents[1] / "solvane.py"
-NAMES = ("bytes", "type", "mail", "noAttribute", "entry", "server", "connection", "noConnection", "search",
+NAMES = ("bytes", "type", "mail", "noAttribute", "entry", "later", "server", "connection", "noConnection", "search",
          "noResult", "result", "refused")
 
 
@@ -62,6 +62,10 @@ class Printers(unittest.TestCase):
     def test_an_entry_shows_its_name_and_attributes(self):
         self.assertTrue(self.printed["entry"].startswith(
             'entry "uid=anna,dc=corp,dc=test" = {attribute "mail" = {14 bytes "anna@corp.test"'), self.said)
+
+    def test_an_entry_whose_attributes_nobody_asked_for_shows_them_too(self):
+        self.assertEqual(self.printed["later"],
+                         'entry "cn=later" = {attribute "cn" = "later", "l", attribute "mail" = }')
 
     def test_a_server_shows_its_uri(self):
         self.assertEqual(self.printed["server"], "server ldap://[127.0.0.1]:1/")

@@ -102,7 +102,8 @@ private:
     mutable std::unique_ptr<Texts> m_texts;
 };
 
-/// Body of an attribute container: handles in the order in which they were added.
+/// Body of an attribute container: handles in the order in which they were added. One thread at a
+/// time, also for reading: attributes that came from a server are made when they are first asked for.
 class SOLVANE_LDAP_EXPORT LDAPAttributeContainerImpl : public virtual RefImpl, public NonCopyable {
 public:
     LDAPAttributeContainerImpl();
@@ -113,9 +114,15 @@ public:
     /// Appends each handle of a list.
     void add(std::list<LDAPAttribute> const& attributes);
     /// The handles in their order.
-    std::list<LDAPAttribute> const& attributes() const { return m_attributes; }
+    std::list<LDAPAttribute> const& attributes() const
+    {
+        if (m_packed) {
+            unpack();
+        }
+        return m_attributes;
+    }
     /// True when nothing was added yet.
-    bool empty() const { return m_attributes.empty(); }
+    bool empty() const { return !m_packed && m_attributes.empty(); }
     /// As `LDAPAttributeContainer::find`.
     /// @warning Looks at the first attribute only, until it matches.
     LDAPAttribute find(LDAPAttributeType const& type) const;
@@ -123,7 +130,10 @@ public:
 private:
     friend class EntryBuilder;
 
-    std::list<LDAPAttribute> m_attributes;
+    void unpack() const;
+
+    mutable std::list<LDAPAttribute> m_attributes; // empty while there is something packed
+    mutable std::unique_ptr<char[]> m_packed; // of an entry whose attributes nobody has asked for
 };
 
 } // namespace Solvane
