@@ -35,11 +35,19 @@ symbols with `scripts/package --update`, too.
 Programs derive from `LDAPRequest`, `LDAPException` and the bodies in `<solvane/ldap/impl.h>`. There
 another virtual function takes a major version even behind the last one.
 
-No symbol has a version of the linker's. Exported is what the headers mark with
-`SOLVANE_LDAP_EXPORT`, `SOLVANE_LOOKUP_EXPORT` or `SOLVART_EXPORT`; all else is compiled hidden, so
-that there is no list for the linker to keep beside them. Every exported function can be taken over
-by a program that has its own. Functions of the C++ library and of Boost that compilers put into the
-libraries are no part of the interface.
+Exported is what the headers mark with `SOLVANE_LDAP_EXPORT`, `SOLVANE_LOOKUP_EXPORT` or
+`SOLVART_EXPORT`; all else is compiled hidden. Templates of the C++ library and of Boost mark
+themselves as visible. So the linker has a list, too: `cmake/exports.map.in` lets out namespace
+`Solvane` and the two names of the runtime's debug output, and keeps what was compiled along. Type
+information of foreign classes stays inside as well; exceptions of theirs are caught all the same,
+since libstdc++ compares types by their names.
+
+The symbols of `libsolvane-ldap` and `libsolvane-lookup` have a version of the linker's, which ends
+with the major version: two majors can be in one process, say through two modules of a server, and
+each finds its own symbols. Minor versions add to it; which one brought a symbol is in
+`cmake/packaging/*.symbols`. Programs that were linked when there was no version find the symbols as
+before. `libsolvart` has none: where the product's own library is in its place, there is none either.
+Every exported function can be taken over by a program that has its own.
 """
 
 
@@ -217,8 +225,9 @@ def main():
     for library in libraries:
         print(f'\n### `{library.soname}`\n\n```text')
         print('\n'.join(library.functions))
-        print('```\n\nType information and virtual tables of\n\n```text')
-        print('\n'.join(library.classes))
+        if library.classes:
+            print('```\n\nType information and virtual tables of\n\n```text')
+            print('\n'.join(library.classes))
         print('```')
 
 

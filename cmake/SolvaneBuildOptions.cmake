@@ -20,3 +20,17 @@ if(SOLVANE_COVERAGE)
     target_compile_options(solvane_build_options INTERFACE --coverage)
     target_link_options(solvane_build_options INTERFACE --coverage)
 endif()
+
+# solvane_export_interface(TARGET NODE [PATTERN...]): of what is compiled as visible, the shared library
+# exports its interface alone: namespace Solvane and the symbols after the patterns. NODE is the
+# linker's version of these symbols, or empty for none (docs/abi.md).
+function(solvane_export_interface target node)
+    set(others "")
+    foreach(pattern IN LISTS ARGN)
+        string(APPEND others "${pattern}; ")
+    endforeach()
+    set(map "${CMAKE_CURRENT_BINARY_DIR}/${target}.map")
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/exports.map.in" "${map}" @ONLY)
+    target_link_options(${target} PRIVATE "LINKER:--version-script=${map}")
+    set_property(TARGET ${target} APPEND PROPERTY LINK_DEPENDS "${map}")
+endfunction()

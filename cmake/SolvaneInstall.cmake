@@ -1,6 +1,6 @@
 # Installation: libraries, headers, CMake package and pkg-config files, by components: 'runtime' for
 # the stand-in's library, 'library' for what programs run with, 'development' for what they are
-# built with; 'tool' is whatever the other folders install.
+# built with. The tool's folder installs 'tool', cmake/packaging 'documentation'.
 
 include(CMakePackageConfigHelpers)
 set(SOLVANE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/SolvaneLDAP")
@@ -45,4 +45,3 @@ install(FILES
     DESTINATION ${SOLVANE_CMAKE_DIR} COMPONENT development)
 install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc" "${PROJECT_BINARY_DIR}/solvane-lookup.pc"
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
-set(CMAKE_INSTALL_DEFAULT_COMPONENT_NAME tool)

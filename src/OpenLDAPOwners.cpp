@@ -85,7 +85,8 @@ void LDAPBerValBuffer::asBuffer(Buffer& out) const
     out.append(static_cast<unsigned char>(0));
 }
 
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the signature is part of the interface
+// cppcheck-suppress passedByValue ; the signature is part of the interface
+// NOLINTNEXTLINE(performance-unnecessary-value-param): and here
 LDAPBerValItemBuffer::LDAPBerValItemBuffer(std::string value)
 {
     *address() = value.empty() ? emptyValue() : valueOf(value);

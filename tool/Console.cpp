@@ -53,6 +53,7 @@ void reserveStandardStreams()
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) {
             // Read-only, also in place of an output: writing there must fail as it would have.
+            // cppcheck-suppress leakReturnValNotUsed ; it stays open as a standard stream
             (void)open("/dev/null", O_RDONLY); // NOLINT(cppcoreguidelines-pro-type-vararg)
         }
     }

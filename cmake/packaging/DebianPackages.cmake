@@ -112,6 +112,13 @@ install(DIRECTORY "${PROJECT_SOURCE_DIR}/examples"
     FILES_MATCHING
     PATTERN "*.cpp" PATTERN "README.md" PATTERN "*.cfg" PATTERN "*.conf" PATTERN "*.ldif")
 
+# What is installed is in one of the packages.
+get_cmake_property(_components COMPONENTS)
+list(REMOVE_ITEM _components ${CPACK_COMPONENTS_ALL})
+if(_components)
+    message(FATAL_ERROR "Installed, but in no package: components ${_components}")
+endif()
+
 # For Prepare.cmake, which runs between installing and packing.
 set(CPACK_PRE_BUILD_SCRIPTS "${CMAKE_CURRENT_LIST_DIR}/Prepare.cmake")
 set(CPACK_SOLVANE_PACKAGING_DIR "${CMAKE_CURRENT_LIST_DIR}")

@@ -89,9 +89,11 @@ def outside_links(text, change):
 
 
 def link_names(text, reference):
-    """Names in code lead to the reference."""
+    """Names in code lead to the reference, and those of examples to the program."""
+    programs = {pathlib.PurePosixPath(path).name: f"{pages.name(path)}.html" for path in pages.examples()}
+
     def code(match):
-        address = reference.address(match.group(1))
+        address = reference.address(match.group(1)) or programs.get(match.group(1))
         return f'<a href="{address}">{match.group(0)}</a>' if address else match.group(0)
 
     def word(name):
@@ -145,7 +147,13 @@ def tidy(text):
     if details and brief:
         text = text.replace(details.group(0), "", 1)
         text = text.replace(brief.group(0), f'<a id="details"></a>{details.group(1)}', 1)
-    text = re.sub(r'<img class="figure" src="([^"]*)"[^>]*>', r'<a class="wide" href="\1">\g<0></a>', text)
+    # A figure is a link to itself, and moves sideways where there is little room.
+    text = re.sub(r'<img src="([^"]*)" alt="([^"]*)"[^>]* class="figure"[^>]*>',
+                  r'<a class="wide" href="\1"><img class="figure" src="\1" alt="\2"></a>', text)
+    # No line ends within an option.
+    text = re.sub(r"(?<=<code>)[^<]* --?\w[^<]*(?=</code>)", lambda code: re.sub(
+        r"(?<= )--?\w[\w-]*", r'<span class="option">\g<0></span>', code.group(0)), text)
+    text = re.sub(r"(?<=\d) ± (?=\d)", "\u00a0±\u00a0", text)  # one number with what it may be off
     return re.sub(r'(<table class="(?:markdownTable|doxtable)">.*?</table>)', r'<div class="wide">\1</div>', text,
                   flags=re.S)
 
@@ -159,11 +167,13 @@ def link_places(text):
 
 
 def contents_list(text):
-    """The list of a page's parts."""
+    """The list of a page's parts, where there are more than two."""
     if '<div class="contents-list"></div>' not in text:
         return text
     parts = re.findall(r'<h2><a class="anchor" id="([^"]+)"></a>\s*(.*?)</h2>', text, re.S)
     items = "\n".join(f'<li><a href="#{anchor}">{name}</a></li>' for anchor, name in parts)
+    if len(parts) < 3:
+        return text.replace('<div class="contents-list"></div>', "")
     return text.replace('<div class="contents-list"></div>',
                         f'<nav class="contents-list" aria-label="On this page">\n<ul>\n{items}\n</ul>\n</nav>')
 

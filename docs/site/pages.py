@@ -30,9 +30,9 @@ class Complaint(Exception):
 
 
 def guide():
-    """The guide's pages but its index, in the order in which the index names them."""
-    named = [f"docs/guide/{target}" for _, _, target in LINK.findall((ROOT / INDEX).read_text())
-             if re.fullmatch(r"[a-z-]+\.md", target)]
+    """The guide's pages but its index, in the order of the index's table."""
+    named = [f"docs/guide/{target}" for target in
+             re.findall(r"^\| \[[^\]]*\]\(([a-z-]+\.md)\)", (ROOT / INDEX).read_text(), re.M)]
     named = list(dict.fromkeys(named))
     missing = sorted({str(path.relative_to(ROOT)) for path in (ROOT / "docs/guide").glob("*.md")}
                      - {INDEX} - set(named))

@@ -79,9 +79,8 @@ class Page:
         """The page as Doxygen takes it."""
         anchors = iter(self.anchors)
         out = []
-        above = 1
+        above = []
         opened = False
-        sections = sum(level == 2 for level, _, _ in pages.headings(self.text))
         for line, is_code in pages.lines(self.text):
             if is_code:
                 out.append(self.fence(line))
@@ -96,12 +95,13 @@ class Page:
                 opened = True
                 out.append(f"# {heading} {{#{self.name}}}")
                 out.append(f'<a id="{self.name}-{anchor}"></a>')
-                if sections > 2:
-                    out += ["", '<div class="contents-list"></div>', ""]
+                out += ["", '<div class="contents-list"></div>', ""]
                 continue
-            # Doxygen wants no level left out.
-            above = min(level, above + 1)
-            out.append(f"{'#' * above} {heading} {{#{self.name}-{anchor}}}")
+            # Doxygen wants no level left out; those that are alike stay so.
+            while above and above[-1] >= level:
+                above.pop()
+            above.append(level)
+            out.append(f"#{'#' * len(above)} {heading} {{#{self.name}-{anchor}}}")
         return "\n".join(out) + "\n"
 
     @staticmethod

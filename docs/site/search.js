@@ -39,8 +39,9 @@
     function excerpt(part, word) {
         const found = Math.max(0, part.words.indexOf(word));
         const from = found < 60 ? 0 : part.text.indexOf(" ", found - 60) + 1;
-        const text = part.text.slice(from, from + 160);
-        return (from ? "… " : "") + text + (from + 160 < part.text.length ? " …" : "");
+        const rest = part.text.slice(from);
+        const text = rest.length <= 160 ? rest : rest.slice(0, rest.lastIndexOf(" ", 160)) + " …";
+        return (from ? "… " : "") + text;
     }
 
     function item(part, words) {
@@ -119,7 +120,9 @@
     const fold = () => { menu.open = !narrow.matches; };
     narrow.addEventListener("change", fold);
     fold();
-    const here = location.pathname.split("/").pop() || "index.html";
+    // Pages of classes, headers and namespaces are in the list behind "Reference".
+    const here = (location.pathname.split("/").pop() || "index.html")
+        .replace(/^(class|struct|namespace|union).*|.*_8h\.html$/, "reference.html");
     for (const link of menu.querySelectorAll("a")) {
         if (link.getAttribute("href") === here) {
             link.setAttribute("aria-current", "page");
