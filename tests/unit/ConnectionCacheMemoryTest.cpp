@@ -1,5 +1,6 @@
 // What a lookup allocates, and what an allocation that fails leaves behind.
 #include "Allocations.h"
+#include "NoSpareMemory.h"
 #include "PoolTest.h"
 
 #include "Descriptor.h"
@@ -55,11 +56,13 @@ protected:
     unsigned int allocationsOfAHit()
     {
         RealCalls const unseen;
+        NoSpareMemory const nothingKept;
         return allocationsOf([&] { givenBack(bound(dn, password)); });
     }
     unsigned int allocationsOfAHitWithoutABind()
     {
         RealCalls const unseen;
+        NoSpareMemory const nothingKept;
         return allocationsOf([&] { givenBack(unbound()); });
     }
 
@@ -112,6 +115,7 @@ TEST_F(TheMemoryOfAPool, KeepsTheMarkerFreeWhicheverAllocationOfAReuseFails)
     RealCalls const unseen;
     unsigned int failures = 0;
     for (bool isDone = false; !isDone;) {
+        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             givenBack(bound(dn, password));
@@ -136,6 +140,7 @@ TEST_F(TheMemoryOfAPool, KeepsTheMarkerFreeWhicheverAllocationOfAReuseWithoutABi
     RealCalls const unseen;
     unsigned int failures = 0;
     for (bool isDone = false; !isDone;) {
+        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             givenBack(unbound());
@@ -174,6 +179,7 @@ TEST_F(TheMemoryOfAPool, IsAllGivenBackWhicheverAllocationOfAnOpeningFails)
     RealCalls const unseen;
     unsigned int failures = 0;
     for (;; ++failures) {
+        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             unbound();

@@ -1,6 +1,7 @@
 // Entries behind the first of an answer: their attributes wait, packed, until somebody asks for them.
 #include "Allocations.h"
 #include "CallTest.h"
+#include "NoSpareMemory.h"
 
 #include <algorithm>
 
@@ -174,6 +175,7 @@ TEST_F(APackedAttribute, IsThereAtTheNextAttemptWhereMemoryEndedWhileItWasUnpack
     unsigned int failures = 0;
 
     for (bool isWhole = false; !isWhole;) {
+        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             static_cast<void>(container.attributes());
@@ -196,6 +198,7 @@ TEST_F(APackedAttribute, IsNotThereWhereMemoryEndedWhileItWasPacked)
     unsigned int failures = 0;
 
     for (bool isWhole = false; !isWhole;) {
+        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             result.parseListResultEntry(chain);

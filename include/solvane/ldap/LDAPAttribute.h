@@ -119,8 +119,8 @@ private:
 
 /// Attributes in the order in which they were added; nothing is merged, sorted or removed.
 ///
-/// Copies share one body: an attribute added through one is seen by all. Not for two threads at once
-/// while one of them adds, nor where both read the attributes themselves.
+/// Copies share one body: an attribute added through one is seen by all. Not for two threads at once,
+/// not even for reading: those that came from a server are made when they are first asked for.
 class SOLVANE_LDAP_EXPORT LDAPAttributeContainer {
 public:
     /// An empty container; never a null handle.

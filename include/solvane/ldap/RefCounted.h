@@ -4,10 +4,12 @@
 #define SOLVANE_LDAP_REF_COUNTED_H
 
 #include <solvane/ldap/Export.h>
+#include <solvane/ldap/ObjectMemory.h>
 
 #include <solvart/Exception.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <type_traits>
@@ -71,6 +73,14 @@ public:
     /// Gives one reference back. True when it was the last, and the body is to be destroyed.
     bool dropReference() { return m_count.fetch_sub(1) == 1; }
 
+    /// As `ObjectMemory::take`.
+    static void* operator new(std::size_t bytes) { return ObjectMemory::take(bytes); }
+    /// As `ObjectMemory::giveBack`.
+    static void operator delete(void* memory, std::size_t bytes) noexcept
+    {
+        ObjectMemory::giveBack(memory, bytes);
+    }
+
 private:
     std::atomic<std::int32_t> m_count;
 };
@@ -109,6 +119,14 @@ public:
 
     /// The body, or null.
     T* body() const { return m_body; }
+
+    /// As `ObjectMemory::take`.
+    static void* operator new(std::size_t bytes) { return ObjectMemory::take(bytes); }
+    /// As `ObjectMemory::giveBack`.
+    static void operator delete(void* memory, std::size_t bytes) noexcept
+    {
+        ObjectMemory::giveBack(memory, bytes);
+    }
 
 private:
     T* m_body;
@@ -173,10 +191,10 @@ public:
         }
     }
     /// Lets go of its own body and shares that of `other`.
-    BodyReference& operator=(BodyReference const& other)
+    BodyReference& operator=(BodyReference const& other) // cppcheck-suppress operatorEqVarError
     {
         if (this != &other) {
-            RefCountedImplCopy<T>(m_counted, other.m_counted);
+            RefCountedImplCopy<T>(m_counted, other.m_counted); // assigns it, unseen by cppcheck
         }
         return *this;
     }
