@@ -253,8 +253,7 @@ Bulk::Lanes::iterator Bulk::laneFor(Task const& task, std::optional<SessionPool:
     bool const isRepeated = task.answer.wasRepeated;
     auto best = m_lanes.end();
     for (auto lane = m_lanes.begin(); lane != m_lanes.end(); ++lane) {
-        // What broke one connection has broken its contemporaries too, as a rule.
-        bool const serves = !isRepeated || lane->lease->openedAt >= task.brokeAt;
+        bool const serves = !isRepeated || mayServeAgain(*lane, task.brokeAt);
         if (serves && !lane->isLeaving && lane->tasks.size() < m_window &&
             (best == m_lanes.end() || lane->tasks.size() < best->tasks.size())) {
             best = lane;
@@ -271,6 +270,13 @@ Bulk::Lanes::iterator Bulk::laneFor(Task const& task, std::optional<SessionPool:
         return m_lanes.end();
     }
     return newLane(task, refused);
+}
+
+/// What broke one connection has broken its contemporaries too, as a rule; and a new one may be to a
+/// server that is about to go, until an answer came.
+bool Bulk::mayServeAgain(Lane const& lane, Clock::time_point brokeAt)
+{
+    return lane.lease->openedAt >= brokeAt && (lane.lease->hasAnswered || lane.heardAt >= brokeAt);
 }
 
 Bulk::Lanes::iterator Bulk::newLane(Task const& task, std::optional<SessionPool::Outlook>& refused)

@@ -87,6 +87,7 @@ private:
     // Tasks to lanes.
     void dispatch();
     Lanes::iterator laneFor(Task const& task, std::optional<SessionPool::Outlook>& refused);
+    static bool mayServeAgain(Lane const& lane, Clock::time_point brokeAt);
     Lanes::iterator newLane(Task const& task, std::optional<SessionPool::Outlook>& refused);
     void closeIdleLanesBefore(Clock::time_point time);
     void leaveOneLaneToOthers();

@@ -414,6 +414,10 @@ Verdict DirectorySession::takeIdentity(LDAPMessageBuffer& message)
     m_authorizationId = name == nullptr || name->bv_val == nullptr
                             ? std::string()
                             : std::string(name->bv_val, name->bv_len);
+    bool const isBound = m_identity != Identity::Anonymous;
+    if (!isBound) {
+        return Verdict();
+    }
     if (m_authorizationId.empty() || m_authorizationId == "dn:") {
         return failure(Outcome::Refused, LDAP_INAPPROPRIATE_AUTH,
                        "took the bind and says that we are anonymous; what it then shows is not "

@@ -59,6 +59,11 @@ LDAPConnection::RefServer ServerList::describe(std::size_t index)
     return resolved;
 }
 
+Clock::time_point ServerList::heardAt(State const& state)
+{
+    return Clock::time_point(Clock::duration(state.heardAt.load(std::memory_order_relaxed)));
+}
+
 bool ServerList::isEligible(State const& state, Clock::time_point now) const
 {
     return !state.isFailing || now >= state.retryAt;
@@ -78,6 +83,7 @@ bool ServerList::claim(std::size_t index, Clock::time_point now)
         return false;
     }
     if (state.isFailing) {
+        state.isTrialDue = false;
         state.retryAt = now + std::chrono::seconds(m_networkTimeout);
     }
     return true;
@@ -93,6 +99,36 @@ bool ServerList::failsPromptly(std::size_t index) const
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     return m_servers[index].failsPromptly;
+}
+
+bool ServerList::isTrialDue(std::size_t index) const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return m_servers[index].isTrialDue;
+}
+
+bool ServerList::claimTrial(std::size_t index, Clock::time_point now)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    State& state = m_servers[index];
+    if (!state.isTrialDue) {
+        return false;
+    }
+    state.isTrialDue = false;
+    state.triedAt = now;
+    state.retryAt = now + std::chrono::seconds(m_networkTimeout);
+    state.backOff = Clock::duration(0); // nobody has waited for it to end
+    return true;
+}
+
+/// What opens a connection to a server that is well takes a small part of the network timeout.
+Clock::time_point ServerList::trialEnd(std::size_t index) const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    State const& state = m_servers[index];
+    bool const isTried = state.isFailing && state.triedAt >= state.failedAt;
+    return isTried ? state.triedAt + Clock::duration(std::chrono::seconds(m_networkTimeout)) / 10
+                   : Clock::time_point::min();
 }
 
 Verdict ServerList::lastFailure(std::size_t index) const
@@ -116,25 +152,43 @@ void ServerList::heardFrom(std::size_t index, Clock::time_point now)
 
 bool ServerList::wasHeardSince(std::size_t index, Clock::time_point time) const
 {
-    return m_servers[index].heardAt.load(std::memory_order_relaxed) >=
-           time.time_since_epoch().count();
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    State const& state = m_servers[index];
+    return std::max(state.openedAt, heardAt(state)) >= time;
 }
 
-void ServerList::succeeded(std::size_t index)
+void ServerList::succeeded(std::size_t index, Clock::time_point now)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     State& state = m_servers[index];
+    state.openedAt = now;
     state.isInUse = true;
     state.isFailing = false;
     state.failsPromptly = false;
+    state.isTrialDue = false;
     state.backOff = Clock::duration(0);
 }
 
 void ServerList::failed(std::size_t index, Verdict const& why, Clock::duration cost)
 {
-    constexpr std::chrono::milliseconds prompt(100);
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    fail(m_servers[index], why, cost);
+}
+
+/// One that has answered no search since its last trial of this kind takes connections and nothing
+/// else: that costs a network timeout each time, and has to wait.
+void ServerList::fellSilent(std::size_t index, Verdict const& why, Clock::duration cost)
+{
     std::lock_guard<std::mutex> const lock(m_mutex);
     State& state = m_servers[index];
+    bool const isFirst = !state.isFailing && heardAt(state) > state.triedAt;
+    fail(state, why, cost);
+    state.isTrialDue = state.isTrialDue || isFirst;
+}
+
+void ServerList::fail(State& state, Verdict const& why, Clock::duration cost)
+{
+    constexpr std::chrono::milliseconds prompt(100);
     auto const now = Clock::now();
     // Threads that failed together are one failure.
     bool const isSameFailure = state.isFailing && now - cost < state.failedAt;
@@ -145,6 +199,7 @@ void ServerList::failed(std::size_t index, Verdict const& why, Clock::duration c
         return;
     }
     state.isFailing = true;
+    state.isTrialDue = false;
     state.failedAt = now;
     // What a server answered is not asked again at once: too many wrong passwords lock an account.
     state.failsPromptly = cost < prompt && why.outcome == Outcome::TryLater;

@@ -14,7 +14,9 @@
 namespace Solvane::Lookup {
 
 /// A list that all threads share. A server that failed is passed over until its back-off ends; then
-/// one caller tries it, and the others go on passing it over until they know.
+/// one caller tries it, and the others go on passing it over until they know. One that fell silent on
+/// a connection is tried at once where there is no other: behind the address of a balancer there are
+/// several, and a connection can be lost without a word that it is.
 class ServerList {
 public:
     explicit ServerList(LDAPLookup::Settings const& settings);
@@ -37,19 +39,30 @@ public:
     /// Whether asking a server that is passed over costs nothing: it fails at once, as one that
     /// refuses connections does.
     bool failsPromptly(std::size_t index) const;
+    /// Whether a server that is passed over may be tried all the same, by one caller.
+    bool isTrialDue(std::size_t index) const;
+    /// Takes that trial.
+    bool claimTrial(std::size_t index, Clock::time_point now);
+    /// Until when it is worth waiting for the outcome of another caller's trial of this kind. In the
+    /// past where there is none.
+    Clock::time_point trialEnd(std::size_t index) const;
     /// Why the server is passed over.
     Verdict lastFailure(std::size_t index) const;
 
     /// Whether a server other than this one is in use: what it accepted cannot be wrong as such.
     bool isAnotherInUse(std::size_t index) const;
 
-    /// An answer came from the server, to whichever caller.
+    /// A part of the answer to a search came from the server, to whichever caller.
     void heardFrom(std::size_t index, Clock::time_point now);
+    /// Whether an answer came, or a connection was opened.
     bool wasHeardSince(std::size_t index, Clock::time_point time) const;
 
-    void succeeded(std::size_t index);
+    /// A connection was opened.
+    void succeeded(std::size_t index, Clock::time_point now);
     /// @param cost  how long the caller was kept waiting for the failure
     void failed(std::size_t index, Verdict const& why, Clock::duration cost);
+    /// The same for a server that does not answer on a connection that it had accepted.
+    void fellSilent(std::size_t index, Verdict const& why, Clock::duration cost);
 
 private:
     struct State {
@@ -61,13 +74,18 @@ private:
         bool isInUse = false; ///< a connection was opened, and no failure since
         bool isFailing = false;
         bool failsPromptly = false;
+        bool isTrialDue = false;
+        Clock::time_point openedAt = Clock::time_point::min();
+        Clock::time_point triedAt = Clock::time_point::min(); ///< before its back-off ended
         Clock::time_point failedAt;
         Clock::time_point retryAt;
         Clock::duration backOff{0};
         Verdict why;
     };
 
+    static Clock::time_point heardAt(State const& state);
     bool isEligible(State const& state, Clock::time_point now) const;
+    void fail(State& state, Verdict const& why, Clock::duration cost);
 
     mutable std::mutex m_mutex;
     std::deque<State> m_servers; ///< as many as at first; the states stay where they are

@@ -86,8 +86,15 @@ SessionPool::Outlook SessionPool::acquire(Wish const& wish)
             if (found.lease) {
                 return {std::move(found.lease), std::nullopt, std::string()};
             }
-            if (!found.isFull) {
+            auto const knownBy = std::min(found.knownBy, wish.deadline);
+            if (!found.isFull && Clock::now() >= knownBy) {
+                announceTrouble();
                 return {Lease(), found.refusal, m_servers.uri(found.refusedBy)};
+            }
+            if (!found.isFull && wish.mayWait) {
+                awaitTrial(knownBy, seenChanges);
+                seenChanges = changes();
+                continue;
             }
         }
         if (!wish.mayWait) {
@@ -109,8 +116,8 @@ SessionPool::Walk SessionPool::walk(Wish const& wish)
 {
     Walk found = walkAlong(wish, Among::eligible);
     if (!found.lease && !found.isFull && !found.isFinal && !found.hasTried) {
-        // Everyone is passed over. One that fails at once costs nothing to ask, and may be back.
-        found = walkAlong(wish, Among::prompt);
+        // Everyone is passed over.
+        found = walkAlong(wish, Among::passedOver);
     }
     return found;
 }
@@ -119,18 +126,47 @@ SessionPool::Walk SessionPool::walkAlong(Wish const& wish, Among among)
 {
     Walk result;
     for (std::size_t server = 0; server < m_servers.size(); ++server) {
-        bool const mayTry = among == Among::prompt ? m_servers.failsPromptly(server)
-                                                   : m_servers.isEligible(server, Clock::now());
-        if (mayTry) {
+        if (mayTry(server, among)) {
             visit(result, server, wish, among);
         } else {
-            note(result, m_servers.lastFailure(server), server);
+            passOver(result, server);
         }
         if (result.lease || result.isFull || result.isFinal) {
             break;
         }
     }
     return result;
+}
+
+/// One that fails at once costs nothing to ask, and may be back; of one that fell silent, a new
+/// connection may lead to another that stands behind the same address.
+bool SessionPool::mayTry(std::size_t server, Among among) const
+{
+    return among == Among::eligible
+               ? m_servers.isEligible(server, Clock::now())
+               : m_servers.failsPromptly(server) || m_servers.isTrialDue(server);
+}
+
+/// Of several callers, one finds out whether a server is back.
+bool SessionPool::claim(std::size_t server, Among among)
+{
+    if (among == Among::eligible) {
+        return m_servers.claim(server, Clock::now());
+    }
+    if (m_servers.failsPromptly(server)) {
+        return true;
+    }
+    bool const isTrial = m_servers.claimTrial(server, Clock::now());
+    if (isTrial) {
+        announceTrouble(); // who waits for room has to wait for the outcome only
+    }
+    return isTrial;
+}
+
+void SessionPool::passOver(Walk& walk, std::size_t server) const
+{
+    note(walk, m_servers.lastFailure(server), server);
+    walk.knownBy = std::max(walk.knownBy, m_servers.trialEnd(server));
 }
 
 /// Keeps what says most: something that may pass outweighs a refusal, the first one the others.
@@ -162,10 +198,9 @@ void SessionPool::visit(Walk& walk, std::size_t server, Wish const& wish, Among 
         walk.isFull = true;
         return;
     }
-    // Of several callers, one finds out whether a server is back.
-    if (among == Among::eligible && !m_servers.claim(server, Clock::now())) {
+    if (!claim(server, among)) {
         freeRoom();
-        note(walk, m_servers.lastFailure(server), server);
+        passOver(walk, server);
         return;
     }
     tryServer(walk, server, wish);
@@ -179,11 +214,13 @@ void SessionPool::tryServer(Walk& walk, std::size_t server, Wish const& wish)
         attempt = attemptOn(server, wish, walk.lease); // the next of them
     }
     if (attempt.verdict.isGood()) {
-        m_servers.succeeded(server);
-        m_servers.heardFrom(server, attempt.end);
+        m_servers.succeeded(server, attempt.end);
         return;
     }
-    freeRoom();
+    struct AtEnd { // who is woken by it is to see that the server failed
+        SessionPool& pool;
+        ~AtEnd() { pool.freeRoom(); }
+    } const atEnd{*this};
     note(walk, attempt.verdict, server);
     auto const cost = attempt.end - attempt.start;
     bool const isLate = attempt.end >= wish.deadline;
@@ -191,7 +228,8 @@ void SessionPool::tryServer(Walk& walk, std::size_t server, Wish const& wish)
     if (attempt.isOneOfSeveral || (isLate && cost < proof())) {
         m_servers.giveUpTrial(server, attempt.end);
     } else {
-        serverFailed(server, attempt.verdict, cost);
+        m_servers.failed(server, attempt.verdict, cost);
+        closeIdle(server);
     }
 }
 
@@ -283,7 +321,7 @@ Verdict SessionPool::open(std::size_t server, Wish const& wish, Lease& lease)
     }
     Verdict verdict = opened->session.connect(wish.deadline);
     if (verdict.isGood()) {
-        verdict = authenticate(*opened, wish.deadline);
+        verdict = authenticate(*opened, wish);
     }
     if (!verdict.isGood()) {
         return verdict;
@@ -294,13 +332,24 @@ Verdict SessionPool::open(std::size_t server, Wish const& wish, Lease& lease)
     return verdict;
 }
 
-Verdict SessionPool::authenticate(PooledSession& opened, Clock::time_point deadline) const
+/// For a process that is killed, the system goes on taking connections for a moment. A bind is
+/// answered by one that lives; without a bind, a search that such a moment has cost once already waits
+/// for the answer to a question.
+Verdict SessionPool::authenticate(PooledSession& opened, Wish const& wish) const
 {
-    if (m_settings.bindDn.empty()) {
+    bool const isAnonymous = m_settings.bindDn.empty();
+    if (isAnonymous && !wish.isNew) {
         return {};
     }
-    Verdict const verdict = opened.session.bind(m_settings.bindDn, m_settings.password, deadline);
-    return verdict.isGood() ? opened.session.confirmIdentity(deadline) : verdict;
+    Verdict verdict;
+    if (!isAnonymous) {
+        verdict = opened.session.bind(m_settings.bindDn, m_settings.password, wish.deadline);
+    }
+    if (verdict.isGood()) {
+        verdict = opened.session.confirmIdentity(wish.deadline);
+    }
+    opened.hasAnswered = verdict.isGood();
+    return verdict;
 }
 
 void SessionPool::prepare(PooledSession& opened) const
@@ -317,7 +366,16 @@ void SessionPool::prepare(PooledSession& opened) const
 
 void SessionPool::serverFailed(std::size_t server, Verdict const& why, Clock::duration cost)
 {
-    m_servers.failed(server, why, cost);
+    if (why.code == timedOut) {
+        m_servers.fellSilent(server, why, cost);
+    } else {
+        m_servers.failed(server, why, cost);
+    }
+    closeIdle(server);
+}
+
+void SessionPool::closeIdle(std::size_t server)
+{
     Idle dropped; // let go after unlocking
     std::lock_guard<std::mutex> const lock(m_mutex);
     for (auto position = m_idle.begin(); position != m_idle.end();) {
@@ -349,6 +407,13 @@ bool SessionPool::awaitRoom(Clock::time_point deadline, unsigned long seenChange
     return hasChanged;
 }
 
+/// Returns when anything has changed, too.
+void SessionPool::awaitTrial(Clock::time_point end, unsigned long seenChanges)
+{
+    std::unique_lock<std::mutex> lock(m_mutex);
+    m_changed.wait_until(lock, end, [&] { return m_changes != seenChanges; });
+}
+
 /// Takes the session when nothing fails.
 void SessionPool::put(std::unique_ptr<PooledSession>& session)
 {
@@ -369,6 +434,13 @@ void SessionPool::freeRoom()
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
     --m_count;
+    announceChange();
+}
+
+/// Wakes one who waits, to learn that it need not.
+void SessionPool::announceTrouble()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
     announceChange();
 }
 

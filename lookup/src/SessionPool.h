@@ -30,7 +30,8 @@ struct PooledSession {
     /// Everything of a search but its filter; here, as attribute types are for one thread at a time.
     LDAPSearch::Parameter search;
     Clock::time_point openedAt;
-    bool wasUsed = false; ///< for a search, ever
+    bool hasAnswered = false; ///< before it was used
+    bool wasUsed = false;     ///< for a search, ever
 };
 
 /// The sessions. Unlike `LDAPConnectionCache`, it bounds their number, checks a server's
@@ -77,7 +78,7 @@ public:
     Outlook acquire(Wish const& wish);
     /// Whether a caller waits for a session, so that one that is used on and on should be given back.
     bool isWaitedFor() const { return m_waiting != 0; }
-    /// Passes the server over from now on, and closes its idle sessions.
+    /// A search failed on a session. Passes the server over from now on, and closes its idle sessions.
     void serverFailed(std::size_t server, Verdict const& why, Clock::duration cost);
 
     unsigned long openedCount() const { return m_opened; }
@@ -94,6 +95,7 @@ private:
         bool isFull = false;  ///< all sessions are in use
         bool isFinal = false; ///< no other server would do better
         bool hasTried = false;
+        Clock::time_point knownBy; ///< whether another caller's trial succeeds; may be past
     };
 
     /// To open a session.
@@ -106,11 +108,15 @@ private:
         bool isOneOfSeveral = false;
     };
 
-    /// Which servers a walk asks: those that are not passed over, or those that fail at once.
-    enum class Among { eligible, prompt };
+    /// Which servers a walk asks: those that are not passed over, or those that may be asked though
+    /// they are.
+    enum class Among { eligible, passedOver };
 
     Walk walk(Wish const& wish);
     Walk walkAlong(Wish const& wish, Among among);
+    bool mayTry(std::size_t server, Among among) const;
+    bool claim(std::size_t server, Among among);
+    void passOver(Walk& walk, std::size_t server) const;
     void note(Walk& walk, Verdict const& why, std::size_t server) const;
     void visit(Walk& walk, std::size_t server, Wish const& wish, Among among);
     void tryServer(Walk& walk, std::size_t server, Wish const& wish);
@@ -119,14 +125,17 @@ private:
     enum class Room { taken, none, unneeded };
     Room takeRoom(std::size_t server, Wish const& wish);
     Verdict open(std::size_t server, Wish const& wish, Lease& lease);
-    Verdict authenticate(PooledSession& opened, Clock::time_point deadline) const;
+    Verdict authenticate(PooledSession& opened, Wish const& wish) const;
     void prepare(PooledSession& opened) const;
     Clock::duration proof() const;
     unsigned long changes() const;
     bool awaitRoom(Clock::time_point deadline, unsigned long seenChanges);
+    void awaitTrial(Clock::time_point end, unsigned long seenChanges);
     void put(std::unique_ptr<PooledSession>& session);
     void freeRoom();
+    void closeIdle(std::size_t server);
     void announceChange();
+    void announceTrouble();
     void passOn();
 
     LDAPLookup::Settings const& m_settings;

@@ -43,9 +43,9 @@ public:
     /// would cut it, are `Misconfigured`, -9, and not sent.
     Verdict bind(std::string const& dn, std::string const& password, Clock::time_point deadline);
 
-    /// Asks "Who am I?" (RFC 4532) on a bound session, and keeps the answer. `Refused` where the
-    /// server says "anonymous" in spite of the bind; good, and `Unconfirmed`, where it does not
-    /// know the question.
+    /// Asks "Who am I?" (RFC 4532), and keeps the answer. `Refused` where the server says "anonymous"
+    /// in spite of a bind; good, and `Unconfirmed`, where it does not know the question. Without a
+    /// bind, good and still `Anonymous` where the server answers at all.
     Verdict confirmIdentity(Clock::time_point deadline);
     /// What `confirmIdentity` found.
     Identity identity() const { return m_identity; }
