@@ -21,7 +21,12 @@ FIGURES = [
     ('entry: instructions, of those in C', 'entry.library instructions', 'entry.c instructions'),
     ('entry: instructions', 'entry.library instructions', None),
     ('entry: allocations', 'entry.library allocations', None),
+    ('entry, read: instructions, of those in C', 'entry-read.library instructions',
+     'entry.c instructions'),
+    ('entry, read: allocations', 'entry-read.library allocations', None),
     ('stored entry: memory, of its bytes on the wire', 'stored-entry.library memory', 'entry bytes'),
+    ('stored entry, read: memory, of its bytes on the wire', 'stored-entry-read.library memory',
+     'entry bytes'),
     ('checkout, alone: instructions', 'checkout-of-1.library instructions', None),
     ('checkout, 63 of 64 busy: instructions', 'checkout-of-64.library instructions', None),
     ('checkout, 511 of 512 busy: instructions', 'checkout-of-512.library instructions', None),
@@ -65,13 +70,13 @@ def main():
     counts = read_counts(directory)
     known = {row['figure']: row for row in csv.DictReader(path.open())} if path.exists() else {}
     rows, is_bad = [], False
-    print(f'{"figure":50} {"now":>10} {"last":>10} {"limit":>8}')
+    print(f'{"figure":54} {"now":>10} {"last":>10} {"limit":>8}')
     for name, count, divisor in FIGURES:
         number = counts[count] / (counts[divisor] if divisor else 1)
         row = known.get(name, {'goal': '', 'limit': '', 'last': ''})
         said = fault(number, row)
         is_bad = is_bad or bool(said)
-        print(f'{name:50} {number:10.2f} {row["last"]:>10} {row["limit"]:>8} '
+        print(f'{name:54} {number:10.2f} {row["last"]:>10} {row["limit"]:>8} '
               f'{said or remark(number, row)}'.rstrip())
         rows.append({**row, 'figure': name, 'last': f'{number:.2f}'})
     if updates:

@@ -250,33 +250,55 @@ void lookUp(Directory const& directory, std::string const& name, Read const& rea
     });
 }
 
-/// Stores a big answer and lets go of it; and stores one to see what memory that takes.
-void readEntries(Directory const& directory)
-{
-    LDAPConnection connection = boundConnection(directory);
-    LDAPSearch::RefParameter const parameter(Directory::manyPersons);
-    parameter->filter = filter;
-    auto const sent = [&] {
-        auto search = std::make_unique<LDAPSearch>(connection, parameter);
+/// Searches with a big answer, on a connection of their own.
+class BigSearches {
+public:
+    explicit BigSearches(Directory const& directory)
+        : m_connection(boundConnection(directory)), m_parameter(Directory::manyPersons)
+    {
+        m_parameter->filter = filter;
+    }
+
+    /// One whose answer has come.
+    std::unique_ptr<LDAPSearch> sent()
+    {
+        auto search = std::make_unique<LDAPSearch>(m_connection, m_parameter);
         search->send();
-        Directory::awaitAnswer(descriptorOf(connection.impl()->session()), Directory::manyPersons);
+        Directory::awaitAnswer(descriptorOf(m_connection.impl()->session()),
+                               Directory::manyPersons);
         return search;
-    };
-    auto const receive = [](LDAPSearch& search) {
+    }
+
+    static void receive(LDAPSearch& search)
+    {
         require(!search.wait(timeoutSeconds) &&
                 search.result().searchResultEntries().size() == Directory::personCount);
-    };
-    count("entry.library", Directory::personCount, [&] {
-        auto search = sent();
+    }
+
+private:
+    LDAPConnection m_connection;
+    LDAPSearch::RefParameter m_parameter;
+};
+
+/// Stores a big answer and lets go of it; and stores one to see what memory that takes.
+/// @param look  at what was stored, before that
+template <typename Look>
+void readEntries(Directory const& directory, std::string const& what, Look const& look)
+{
+    BigSearches searches(directory);
+    count(what + ".library", Directory::personCount, [&] {
+        auto search = searches.sent();
         Counted const counted;
-        receive(*search);
+        BigSearches::receive(*search);
+        look(*search);
         search.reset();
     });
     std::list<std::unique_ptr<LDAPSearch>> stored;
-    count("stored-entry.library", Directory::personCount, [&] {
-        stored.push_back(sent());
+    count("stored-" + what + ".library", Directory::personCount, [&] {
+        stored.push_back(searches.sent());
         Counted const counted;
-        receive(*stored.back());
+        BigSearches::receive(*stored.back());
+        look(*stored.back());
     });
 }
 
@@ -320,7 +342,11 @@ void runAll()
     lookUp(directory, "lookup.library", readBytes); // as C does
     lookUp(directory, "lookup-of-texts.library", readTexts);
     readEntriesInC(directory);
-    readEntries(directory);
+    readEntries(directory, "entry", [](LDAPSearch const&) {});
+    // Attributes are packed until they are asked for: this is what asking costs.
+    readEntries(directory, "entry-read", [](LDAPSearch const& search) {
+        require(valuesOf(search, readBytes) == Directory::personCount * 6);
+    });
     for (unsigned int const size : {1U, 64U, 512U}) {
         checkOut(directory, size);
     }
