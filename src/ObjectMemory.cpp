@@ -2,6 +2,7 @@
 #include <solvane/ldap/ObjectMemory.h>
 
 #include <array>
+#include <atomic>
 #include <new>
 
 #include <pthread.h>
@@ -10,19 +11,20 @@ namespace Solvane {
 
 namespace {
 
-#if defined(__SANITIZE_ADDRESS__)
-constexpr bool mayKeep = false;
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-constexpr bool mayKeep = false;
-#else
-constexpr bool mayKeep = true;
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(hwaddress_sanitizer) ||                      \
+    __has_feature(memory_sanitizer)
+#define SOLVANE_MEMORY_IS_WATCHED
 #endif
+#endif
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_HWADDRESS__) ||                            \
+    defined(SOLVANE_MEMORY_IS_WATCHED)
+constexpr bool mayKeep = false;
 #else
 constexpr bool mayKeep = true;
 #endif
 
-constexpr std::size_t grain = 16; // bytes by which sizes differ
+constexpr std::size_t grain = 8; // bytes by which sizes of such objects differ
 constexpr std::size_t largestKept = 512;
 constexpr unsigned int mostKept = 32;
 
@@ -37,7 +39,7 @@ struct Shelf {
 
 enum class State { unused, open, closed };
 
-/// What a thread keeps. Without constructor and destructor, so that it is there at any time.
+/// What a thread keeps. Without constructor and destructor, so that it is there to a thread's end.
 struct Shelves {
     std::array<Shelf, largestKept / grain> bySize;
     State state;
@@ -61,42 +63,43 @@ void clear(void* value)
     }
 }
 
+std::atomic<bool> g_isWatching{false}; // here when the statics are gone
+
 /// Tells of the ends of threads. A thread_local object would, too, but would end the process where
 /// there is no memory to register it.
 class ThreadEnds {
 public:
-    ThreadEnds() : m_isThere(pthread_key_create(&m_key, clear) == 0) {}
+    ThreadEnds() { g_isWatching = pthread_key_create(&m_key, clear) == 0; }
+    /// At the end of the process, or where the library goes before it. Other threads keep then what
+    /// they have.
     ~ThreadEnds()
     {
-        if (m_isThere) {
-            pthread_key_delete(m_key); // the library may go before its threads
+        clear(&t_shelves);
+        if (g_isWatching.exchange(false)) {
+            pthread_key_delete(m_key);
         }
     }
     ThreadEnds(ThreadEnds const&) = delete;
     ThreadEnds& operator=(ThreadEnds const&) = delete;
 
-    bool watch(Shelves& shelves) const
-    {
-        return m_isThere && pthread_setspecific(m_key, &shelves) == 0;
-    }
+    bool watch(Shelves& shelves) const { return pthread_setspecific(m_key, &shelves) == 0; }
 
 private:
     pthread_key_t m_key = 0;
-    bool const m_isThere;
 };
 
 bool isOpen(Shelves& shelves)
 {
     if (shelves.state == State::unused) {
         static ThreadEnds const ends;
-        shelves.state = ends.watch(shelves) ? State::open : State::closed;
+        shelves.state = g_isWatching && ends.watch(shelves) ? State::open : State::closed;
     }
     return shelves.state == State::open;
 }
 
 } // namespace
 
-void* ObjectMemory::take(std::size_t bytes)
+void* ObjectMemory::operator new(std::size_t bytes)
 {
     if (!mayKeep || bytes == 0 || bytes > largestKept) {
         return ::operator new(bytes);
@@ -112,7 +115,7 @@ void* ObjectMemory::take(std::size_t bytes)
     return spare;
 }
 
-void ObjectMemory::giveBack(void* memory, std::size_t bytes) noexcept
+void ObjectMemory::operator delete(void* memory, std::size_t bytes) noexcept
 {
     if (memory == nullptr) {
         return;

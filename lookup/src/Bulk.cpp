@@ -263,7 +263,7 @@ Bulk::Lanes::iterator Bulk::laneFor(Task const& task, std::optional<SessionPool:
         return best;
     }
     if (isRepeated) {
-        closeIdleLanesBefore(task.brokeAt);
+        closeIdleLanesNotServing(task.brokeAt);
     }
     if (m_lanes.size() >= m_maximumLanes ||
         (!isRepeated && m_inFlight != 0 && Clock::now() < m_noNewLaneBefore)) {
@@ -276,7 +276,7 @@ Bulk::Lanes::iterator Bulk::laneFor(Task const& task, std::optional<SessionPool:
 /// server that is about to go, until an answer came.
 bool Bulk::mayServeAgain(Lane const& lane, Clock::time_point brokeAt)
 {
-    return lane.lease->openedAt >= brokeAt && (lane.lease->hasAnswered || lane.heardAt >= brokeAt);
+    return lane.lease->openedAt >= brokeAt && lane.lease->hasAnswered;
 }
 
 Bulk::Lanes::iterator Bulk::newLane(Task const& task, std::optional<SessionPool::Outlook>& refused)
@@ -302,10 +302,10 @@ Bulk::Lanes::iterator Bulk::newLane(Task const& task, std::optional<SessionPool:
     return m_lanes.end();
 }
 
-void Bulk::closeIdleLanesBefore(Clock::time_point time)
+void Bulk::closeIdleLanesNotServing(Clock::time_point time)
 {
     m_lanes.remove_if(
-        [time](Lane const& lane) { return lane.tasks.empty() && lane.lease->openedAt < time; });
+        [time](Lane const& lane) { return lane.tasks.empty() && !mayServeAgain(lane, time); });
 }
 
 /// A run may take as long as it likes, so it takes turns with callers that wait.
@@ -406,6 +406,7 @@ bool Bulk::drain(Lanes::iterator lane, milliseconds patience)
             break;
         }
         lane->heardAt = Clock::now();
+        lane->lease->hasAnswered = true;
         m_shared.servers.heardFrom(lane->lease->server, lane->heardAt);
         if (!take(*lane, id, message)) {
             broke(lane, {Outcome::TryLater, LDAP_DECODING_ERROR, uri + " sent what is no LDAP"});

@@ -89,7 +89,7 @@ private:
     Lanes::iterator laneFor(Task const& task, std::optional<SessionPool::Outlook>& refused);
     static bool mayServeAgain(Lane const& lane, Clock::time_point brokeAt);
     Lanes::iterator newLane(Task const& task, std::optional<SessionPool::Outlook>& refused);
-    void closeIdleLanesBefore(Clock::time_point time);
+    void closeIdleLanesNotServing(Clock::time_point time);
     void leaveOneLaneToOthers();
     void endLeavingLanes();
     void endLanes();

@@ -183,6 +183,7 @@ void ServerList::fellSilent(std::size_t index, Verdict const& why, Clock::durati
     State& state = m_servers[index];
     bool const isFirst = !state.isFailing && heardAt(state) > state.triedAt;
     fail(state, why, cost);
+    state.failsPromptly = false; // however short the deadline was
     state.isTrialDue = state.isTrialDue || isFirst;
 }
 

@@ -115,11 +115,19 @@ SessionPool::Outlook SessionPool::acquire(Wish const& wish)
 SessionPool::Walk SessionPool::walk(Wish const& wish)
 {
     Walk found = walkAlong(wish, Among::eligible);
-    if (!found.lease && !found.isFull && !found.isFinal && !found.hasTried) {
-        // Everyone is passed over.
-        found = walkAlong(wish, Among::passedOver);
+    if (found.lease || found.isFull || found.isFinal) {
+        return found;
     }
-    return found;
+    // Who has asked one server, or waits for another caller's trial, does not ask again and again those
+    // that refuse.
+    bool const mayAskAll = !found.hasTried && Clock::now() >= found.knownBy;
+    Walk others = walkAlong(wish, mayAskAll ? Among::passedOver : Among::dueForTrial);
+    others.knownBy = std::max(others.knownBy, found.knownBy); // the trial may just have ended well
+    if (!others.lease && !others.hasTried) {
+        others.refusal = std::move(found.refusal);
+        others.refusedBy = found.refusedBy;
+    }
+    return others;
 }
 
 SessionPool::Walk SessionPool::walkAlong(Wish const& wish, Among among)
@@ -142,19 +150,22 @@ SessionPool::Walk SessionPool::walkAlong(Wish const& wish, Among among)
 /// connection may lead to another that stands behind the same address.
 bool SessionPool::mayTry(std::size_t server, Among among) const
 {
-    return among == Among::eligible
-               ? m_servers.isEligible(server, Clock::now())
-               : m_servers.failsPromptly(server) || m_servers.isTrialDue(server);
+    return (among != Among::dueForTrial && m_servers.isEligible(server, Clock::now())) ||
+           (among != Among::eligible && m_servers.isTrialDue(server)) ||
+           (among == Among::passedOver && m_servers.failsPromptly(server));
 }
 
 /// Of several callers, one finds out whether a server is back.
 bool SessionPool::claim(std::size_t server, Among among)
 {
-    if (among == Among::eligible) {
-        return m_servers.claim(server, Clock::now());
-    }
-    if (m_servers.failsPromptly(server)) {
+    if (m_servers.claim(server, Clock::now())) {
         return true;
+    }
+    if (among == Among::passedOver && m_servers.failsPromptly(server)) {
+        return true;
+    }
+    if (among == Among::eligible) {
+        return false;
     }
     bool const isTrial = m_servers.claimTrial(server, Clock::now());
     if (isTrial) {
@@ -172,6 +183,9 @@ void SessionPool::passOver(Walk& walk, std::size_t server) const
 /// Keeps what says most: something that may pass outweighs a refusal, the first one the others.
 void SessionPool::note(Walk& walk, Verdict const& why, std::size_t server) const
 {
+    if (why.isGood()) {
+        return; // passed over, and has never failed: a trial was given up
+    }
     bool const saysMore = !walk.refusal || (why.outcome == Outcome::TryLater &&
                                             walk.refusal->outcome != Outcome::TryLater);
     // Where another server has taken the credentials, it is this one's matter.
@@ -348,7 +362,8 @@ Verdict SessionPool::authenticate(PooledSession& opened, Wish const& wish) const
     if (verdict.isGood()) {
         verdict = opened.session.confirmIdentity(wish.deadline);
     }
-    opened.hasAnswered = verdict.isGood();
+    bool const wasAsked = !isAnonymous || opened.session.speaksVersion3();
+    opened.hasAnswered = verdict.isGood() && wasAsked;
     return verdict;
 }
 

@@ -30,7 +30,7 @@ struct PooledSession {
     /// Everything of a search but its filter; here, as attribute types are for one thread at a time.
     LDAPSearch::Parameter search;
     Clock::time_point openedAt;
-    bool hasAnswered = false; ///< before it was used
+    bool hasAnswered = false; ///< to anything
     bool wasUsed = false;     ///< for a search, ever
 };
 
@@ -108,9 +108,9 @@ private:
         bool isOneOfSeveral = false;
     };
 
-    /// Which servers a walk asks: those that are not passed over, or those that may be asked though
-    /// they are.
-    enum class Among { eligible, passedOver };
+    /// Which servers a walk asks: those that are not passed over; those that are, and that one caller
+    /// may try all the same; or these, those that fail at once, and who is not passed over any more.
+    enum class Among { eligible, dueForTrial, passedOver };
 
     Walk walk(Wish const& wish);
     Walk walkAlong(Wish const& wish, Among among);

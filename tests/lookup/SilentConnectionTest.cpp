@@ -157,6 +157,29 @@ TEST_F(SilentConnection, IsReplacedByOneCallerWhileTheOthersAwaitItsSuccess)
     EXPECT_THAT(answers, Each(Field(&LDAPLookup::Answer::outcome, Outcome::Found)));
 }
 
+// Each of their steps wakes the others, who would ask it without end.
+TEST_F(SilentConnection, IsReplacedByOneCallerWhileTheOthersLeaveARefusingServerAlone)
+{
+    constexpr std::size_t callers = 8;
+    ScriptedServer const refusing([](Peer& peer) { peer.reset(); });
+    m_settings.servers.insert(m_settings.servers.begin(),
+                              settingsFor({refusing.port()}).servers.front());
+    m_settings.networkTimeout = 30;
+    m_settings.deadline = std::chrono::milliseconds(2500);
+    LDAPLookup lookup(m_settings);
+    openConnections(lookup, 1);
+    hangOpenConnections();
+    dripBinds();
+
+    auto const silent = lookup.find(addressOf(1));
+    std::size_t const before = refusing.connectionCount();
+    auto const answers = findAtOnce(lookup, callers);
+
+    EXPECT_EQ(silent.outcome, Outcome::TryLater);
+    EXPECT_THAT(answers, Each(Field(&LDAPLookup::Answer::outcome, Outcome::Found)));
+    EXPECT_LE(refusing.connectionCount(), before + callers);
+}
+
 // All of them have waited for the network timeout when the first one has. They need not do so again.
 TEST_F(SilentConnection, OfADeadServerIsReplacedByOneCallerInVain)
 {

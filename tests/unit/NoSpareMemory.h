@@ -16,16 +16,16 @@ class NoSpareMemory {
 public:
     NoSpareMemory()
     {
-        for (std::size_t bytes = 16; bytes <= 512; bytes += 16) {
+        for (std::size_t bytes = 8; bytes <= 512; bytes += 8) {
             for (int i = 0; i < 32; ++i) {
-                m_taken.emplace_back(Solvane::ObjectMemory::take(bytes), bytes);
+                m_taken.emplace_back(Solvane::ObjectMemory::operator new(bytes), bytes);
             }
         }
     }
     ~NoSpareMemory()
     {
         for (auto const& [memory, bytes] : m_taken) {
-            Solvane::ObjectMemory::giveBack(memory, bytes);
+            Solvane::ObjectMemory::operator delete(memory, bytes);
         }
     }
     NoSpareMemory(NoSpareMemory const&) = delete;

@@ -3,12 +3,16 @@
 
 #include <solvane/ldap/LDAPAttribute.h>
 #include <solvane/ldap/ObjectMemory.h>
+#include <solvane/ldap/impl/LDAPAttributeImpl.h>
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cstdint>
 #include <cstring>
 #include <list>
+#include <memory>
+#include <new>
 #include <thread>
 #include <vector>
 
@@ -36,7 +40,7 @@ std::vector<void*> taken(unsigned int count, std::size_t bytes)
 {
     std::vector<void*> all;
     for (unsigned int i = 0; i < count; ++i) {
-        all.push_back(ObjectMemory::take(bytes));
+        all.push_back(ObjectMemory::operator new(bytes));
     }
     return all;
 }
@@ -44,7 +48,7 @@ std::vector<void*> taken(unsigned int count, std::size_t bytes)
 void giveBack(std::vector<void*> const& all, std::size_t bytes)
 {
     for (void* const memory : all) {
-        ObjectMemory::giveBack(memory, bytes);
+        ObjectMemory::operator delete(memory, bytes);
     }
 }
 
@@ -58,7 +62,7 @@ unsigned int costOf(unsigned int count, std::size_t bytes)
         all.reserve(count);
         cost = allocationsOf([&] {
             for (unsigned int i = 0; i < count; ++i) {
-                all.push_back(ObjectMemory::take(bytes));
+                all.push_back(ObjectMemory::operator new(bytes));
             }
         });
         giveBack(all, bytes);
@@ -88,7 +92,7 @@ TEST(MemoryOfAnObject, IsItsOwnWhateverWasGivenBackBefore)
     for (int round = 0; round < 3; ++round) {
         std::vector<unsigned char*> all;
         for (std::size_t bytes = 1; bytes <= largestKept + 16; ++bytes) {
-            all.push_back(static_cast<unsigned char*>(ObjectMemory::take(bytes)));
+            all.push_back(static_cast<unsigned char*>(ObjectMemory::operator new(bytes)));
             EXPECT_EQ(reinterpret_cast<std::uintptr_t>(all.back()) % alignof(std::max_align_t), 0U);
             std::memset(all.back(), static_cast<int>(bytes % 251), bytes);
         }
@@ -96,18 +100,48 @@ TEST(MemoryOfAnObject, IsItsOwnWhateverWasGivenBackBefore)
             std::vector<unsigned char> const written(bytes,
                                                      static_cast<unsigned char>(bytes % 251));
             EXPECT_EQ(std::memcmp(all[bytes - 1], written.data(), bytes), 0) << bytes;
-            ObjectMemory::giveBack(all[bytes - 1], bytes);
+            ObjectMemory::operator delete(all[bytes - 1], bytes);
         }
     }
 }
 
 TEST(MemoryOfAnObject, OfNoBytesIsStillMemory)
 {
-    void* const memory = ObjectMemory::take(0);
+    void* const memory = ObjectMemory::operator new(0);
 
     EXPECT_NE(memory, nullptr);
-    ObjectMemory::giveBack(memory, 0);
-    ObjectMemory::giveBack(nullptr, 16);
+    ObjectMemory::operator delete(memory, std::size_t{0});
+    ObjectMemory::operator delete(nullptr, std::size_t{16});
+}
+
+struct alignas(64) WideBody : Solvane::LDAPAttributeImpl {};
+
+TEST(MemoryOfAnObject, IsAlignedAsADerivedClassWantsIt)
+{
+    std::list<std::unique_ptr<WideBody>> bodies;
+    for (int i = 0; i < 20; ++i) {
+        bodies.push_back(std::make_unique<WideBody>());
+        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(bodies.back().get()) % alignof(WideBody), 0U);
+    }
+}
+
+TEST(MemoryOfAnObject, MayBeTheCallersOwn)
+{
+    using Body = Solvane::LDAPAttributeImpl;
+    alignas(Body) std::array<char, sizeof(Body)> place{};
+
+    auto* const body = new (place.data()) Body;
+
+    EXPECT_EQ(static_cast<void*>(body), place.data());
+    body->~Body();
+}
+
+TEST(MemoryOfAnObject, IsAskedForWithoutAnExceptionLikeAnyOther)
+{
+    std::unique_ptr<Solvane::LDAPAttributeImpl> const body(new (std::nothrow)
+                                                               Solvane::LDAPAttributeImpl);
+
+    EXPECT_NE(body, nullptr);
 }
 
 TEST(MemoryOfAnObject, MayBeGivenBackByAnotherThread)

@@ -6,22 +6,50 @@
 #include <solvane/ldap/Export.h>
 
 #include <cstddef>
+#include <new>
 
 namespace Solvane {
 
-/// Memory for bodies and for what counts their references: a lookup makes and destroys a dozen.
+/// Base of bodies and of what counts their references, for their memory: a lookup makes and destroys
+/// a dozen.
 ///
 /// A thread keeps some of what it gives back for the next objects of that size, at most 32 of each,
 /// and lets go of it when it ends. Under AddressSanitizer nothing is kept, so that it sees a use of
-/// what is gone. For any thread; memory may be given back by another one than took it.
+/// what is gone. For any thread; memory may be given back by another one than took it. Each piece is
+/// one of the global `operator new`.
 class SOLVANE_LDAP_EXPORT ObjectMemory {
 public:
-    /// Memory for an object of this size, aligned as `operator new` does.
+    /// Memory for an object of this size.
     /// @throws std::bad_alloc  there is none
-    static void* take(std::size_t bytes);
+    static void* operator new(std::size_t bytes);
     /// Gives it back; null is allowed.
-    /// @param bytes  as it was taken
-    static void giveBack(void* memory, std::size_t bytes) noexcept;
+    static void operator delete(void* memory, std::size_t bytes) noexcept;
+
+    // The other forms, which those two would hide from derived classes, as they are everywhere.
+    static void* operator new(std::size_t bytes, std::align_val_t alignment)
+    {
+        return ::operator new(bytes, alignment);
+    }
+    static void operator delete(void* memory, std::size_t, std::align_val_t alignment) noexcept
+    {
+        ::operator delete(memory, alignment);
+    }
+    static void* operator new(std::size_t bytes, std::nothrow_t const& nothrow) noexcept
+    {
+        return ::operator new(bytes, nothrow);
+    }
+    static void operator delete(void* memory, std::nothrow_t const& nothrow) noexcept
+    {
+        ::operator delete(memory, nothrow);
+    }
+    static void* operator new(std::size_t, void* place) noexcept { return place; }
+    static void operator delete(void*, void*) noexcept {}
+
+protected:
+    ObjectMemory() = default;
+    ObjectMemory(ObjectMemory const&) = default;
+    ObjectMemory& operator=(ObjectMemory const&) = default;
+    ~ObjectMemory() = default;
 };
 
 } // namespace Solvane

@@ -9,7 +9,6 @@
 #include <solvart/Exception.h>
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <type_traits>
@@ -59,7 +58,7 @@ private:
 /// Bodies derive from it publicly and virtually, so that the count and the deleting destructor are
 /// found whatever the body's own layout. A new body counts 1, its creator's reference; so does a
 /// copy, whoever refers to the original. The count is for any thread; what a body holds is not.
-class SOLVANE_LDAP_EXPORT RefImpl {
+class SOLVANE_LDAP_EXPORT RefImpl : public ObjectMemory {
 public:
     RefImpl();
     /// A body with a count of its own, 1.
@@ -73,14 +72,6 @@ public:
     /// Gives one reference back. True when it was the last, and the body is to be destroyed.
     bool dropReference() { return m_count.fetch_sub(1) == 1; }
 
-    /// As `ObjectMemory::take`.
-    static void* operator new(std::size_t bytes) { return ObjectMemory::take(bytes); }
-    /// As `ObjectMemory::giveBack`.
-    static void operator delete(void* memory, std::size_t bytes) noexcept
-    {
-        ObjectMemory::giveBack(memory, bytes);
-    }
-
 private:
     std::atomic<std::int32_t> m_count;
 };
@@ -92,7 +83,7 @@ private:
 ///
 /// Never shared between handles: each handle has a `RefCounted` of its own, and all those of one
 /// body share the body.
-template <typename T> class SOLVANE_LDAP_EXPORT RefCounted {
+template <typename T> class SOLVANE_LDAP_EXPORT RefCounted : public ObjectMemory {
 public:
     /// A reference to a body, or to none.
     /// @param body    the body to refer to
@@ -119,14 +110,6 @@ public:
 
     /// The body, or null.
     T* body() const { return m_body; }
-
-    /// As `ObjectMemory::take`.
-    static void* operator new(std::size_t bytes) { return ObjectMemory::take(bytes); }
-    /// As `ObjectMemory::giveBack`.
-    static void operator delete(void* memory, std::size_t bytes) noexcept
-    {
-        ObjectMemory::giveBack(memory, bytes);
-    }
 
 private:
     T* m_body;

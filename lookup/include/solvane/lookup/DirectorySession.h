@@ -47,6 +47,8 @@ public:
     /// in spite of a bind; good, and `Unconfirmed`, where it does not know the question. Without a
     /// bind, good and still `Anonymous` where the server answers at all.
     Verdict confirmIdentity(Clock::time_point deadline);
+    /// Whether the server is asked who we are: that needs version 3 of the protocol.
+    bool speaksVersion3() const { return m_server->protocol == LDAPConnection::V3; }
     /// What `confirmIdentity` found.
     Identity identity() const { return m_identity; }
     /// The authorization identity that the server told, as "dn:cn=reader,dc=corp,dc=test".
