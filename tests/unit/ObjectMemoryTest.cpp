@@ -110,8 +110,8 @@ TEST(MemoryOfAnObject, OfNoBytesIsStillMemory)
     void* const memory = ObjectMemory::operator new(0);
 
     EXPECT_NE(memory, nullptr);
-    ObjectMemory::operator delete(memory, std::size_t{0});
-    ObjectMemory::operator delete(nullptr, std::size_t{16});
+    ObjectMemory::operator delete (memory, std::size_t{0});
+    ObjectMemory::operator delete (nullptr, std::size_t{16});
 }
 
 struct alignas(64) WideBody : Solvane::LDAPAttributeImpl {};
