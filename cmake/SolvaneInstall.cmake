@@ -45,3 +45,14 @@ install(FILES
     DESTINATION ${SOLVANE_CMAKE_DIR} COMPONENT development)
 install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc" "${PROJECT_BINARY_DIR}/solvane-lookup.pc"
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+
+# What gdb prints for the library's objects. By itself gdb looks for it below /usr alone, by the
+# whole name of the library.
+if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+    install(FILES "${PROJECT_SOURCE_DIR}/support/gdb/solvane.py"
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR}
+        RENAME libsolvane-ldap.so.${PROJECT_VERSION}-gdb.py COMPONENT development)
+else()
+    install(FILES "${PROJECT_SOURCE_DIR}/support/gdb/solvane.py"
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/solvane-ldap RENAME gdb.py COMPONENT development)
+endif()

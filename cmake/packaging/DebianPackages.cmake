@@ -76,11 +76,21 @@ solvane_package(development libsolvane-ldap-dev libdevel
 "Answers for programs that ask LDAP directories \"who has this address?\",
 and tells \"nobody has it\" from \"nobody knows\".
 .
-This package has the headers, the CMake package and the files for
-pkg-config. The guide and example programs are in libsolvane-ldap-doc.")
+This package has the headers, the CMake package, the files for pkg-config
+and what gdb prints for the libraries' objects. The guide and example
+programs are in libsolvane-ldap-doc.")
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libboost-dev (>= 1.74)") # in the public headers
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libldap-dev, libsolvane-ldap-doc")
+
+solvane_package(debugging libsolvane-ldap${PROJECT_VERSION_MAJOR}-dbg debug
+    "LDAP for mail servers: the libraries' debug information"
+"Answers for programs that ask LDAP directories \"who has this address?\",
+and tells \"nobody has it\" from \"nobody knows\".
+.
+This package has what gdb reads of the shared libraries and of their
+runtime. What it prints for their objects is in libsolvane-ldap-dev.")
+set(CPACK_COMPONENT_DEBUGGING_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
 
 if(SOLVANE_BUILD_TOOL)
     solvane_package(tool solvane-ldap net

@@ -1,7 +1,7 @@
 # What a Debian package has besides installed files; cpack runs this between installing and packing:
-# compressed manuals and changelogs, stripped binaries, the dependencies of programs and libraries,
-# and for a library's package what others are told about it (symbols, shlibs). A library with other
-# symbols than were promised stops it.
+# compressed manuals and changelogs, stripped binaries and apart what gdb reads of the libraries, the
+# dependencies of programs and libraries, and for a library's package what others are told about it
+# (symbols, shlibs). A library with other symbols than were promised stops it.
 
 # run(OUTPUT COMMAND...): runs it and ends cpack where it fails.
 function(run output)
@@ -40,6 +40,22 @@ function(describe_libraries component package)
         PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endfunction()
 
+# Copies the debug information of libraries to where gdb looks for it, in a package of its own. What
+# cpack has for that brings scripts that call ldconfig, and the trigger does so already.
+function(keep_debug_information)
+    foreach(library IN LISTS ARGN)
+        run(notes readelf --notes --wide "${library}")
+        if(NOT notes MATCHES "Build ID: ([0-9a-f][0-9a-f])([0-9a-f]+)")
+            message(FATAL_ERROR "${library} has no build id:\n${notes}")
+        endif()
+        set(folder "${CPACK_TEMPORARY_DIRECTORY}/debugging/usr/lib/debug/.build-id/${CMAKE_MATCH_1}")
+        set(file "${folder}/${CMAKE_MATCH_2}.debug")
+        file(MAKE_DIRECTORY "${folder}")
+        run(ignored objcopy --only-keep-debug "${library}" "${file}")
+        file(CHMOD "${file}" PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+    endforeach()
+endfunction()
+
 # Strips programs and libraries, and notes what they depend on. Libraries of these packages are left
 # to the exact dependencies that cpack writes.
 function(finish_binaries component)
@@ -47,6 +63,9 @@ function(finish_binaries component)
         "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/${CPACK_SOLVANE_LIBDIR}/*.so.*.*")
     if(NOT binaries)
         return()
+    endif()
+    if(component MATCHES "^(runtime|library)$")
+        keep_debug_information(${binaries})
     endif()
     run(ignored strip --strip-unneeded --remove-section=.comment --remove-section=.note ${binaries})
     set(own "")

@@ -303,8 +303,21 @@ PRINTERS = {
 }
 
 
+class Printers(gdb.printing.RegexpCollectionPrettyPrinter):
+    """Steps aside where memory or debug information is missing: gdb then prints what it knows itself."""
+
+    def __call__(self, value):
+        printer = super().__call__(value)
+        try:
+            if hasattr(printer, "to_string"):
+                printer.to_string()
+        except gdb.error:
+            return None
+        return printer
+
+
 def register():
-    printers = gdb.printing.RegexpCollectionPrettyPrinter("solvane-ldap")
+    printers = Printers("solvane-ldap")
     for name, printer in PRINTERS.items():
         printers.add_printer(name, f"^Solvane::{name}$", printer)
     gdb.printing.register_pretty_printer(gdb.current_objfile(), printers, replace=True)

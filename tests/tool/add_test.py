@@ -8,8 +8,9 @@ import subprocess
 import time
 import unittest
 
-from support import (DEADLINE, READER, TOOL, DirectoryTest, ScriptedPeer, ToolTest, freePort,
-                     message, outcome, run)
+from servers import ADD, ScriptedDirectory, hangingUpAfter, silent
+from support import (DEADLINE, READER, TOOL, DirectoryTest, ToolTest, freePort, message, outcome,
+                     run)
 
 NEW = "ou=new,dc=corp,dc=test"
 
@@ -264,13 +265,13 @@ class AddToADirectory(DirectoryTest):
 
 class AddToAPeer(ToolTest):
 
-    def add(self, peer, text, *arguments):
-        return run("add", "-H", peer.uri, *arguments, stdin=text.encode())
+    def add(self, script, text, *arguments):
+        self.directory = ScriptedDirectory(self, script)
+        return run("add", "-H", self.directory.uri, *arguments, stdin=text.encode())
 
     def testDoesNotKnowWhatBecameOfEntriesOnALostConnection(self):
-        peer = ScriptedPeer(self, added(1))
-
-        result = self.add(peer, unit("a") + unit("b", above=f"ou=a,{NEW}") + unit("c"))
+        result = self.add(hangingUpAfter(added(1)),
+                          unit("a") + unit("b", above=f"ou=a,{NEW}") + unit("c"))
 
         self.assertEqual(result.status, 75, result.errors)
         self.assertEqual(result.lines[0], f"added ou=a,{NEW}")
@@ -279,41 +280,35 @@ class AddToAPeer(ToolTest):
         self.assertIn("look whether it is there", result.errors)
 
     def testSendsNothingTwice(self):
-        peer = ScriptedPeer(self)
-
-        result = self.add(peer, unit("once"))
+        result = self.add(hangingUpAfter(), unit("once"))
 
         self.assertEqual((result.status, len(result.lines)), (75, 1))
-        self.assertEqual(b"".join(peer.requests).count(b"ou=once"), 1)
+        self.assertEqual(self.directory.count(ADD), 1)
 
     def testWaitsNoLongerThanItMay(self):
         for limit in (["-o", "nettimeout=1"], ["--deadline", "1"]):
             with self.subTest(limit=limit):
-                peer = ScriptedPeer(self, hangsUp=False)
-
-                result = self.add(peer, unit("a"), *limit)
+                result = self.add(silent, unit("a"), *limit)
 
                 self.assertEqual((result.status, result.lines),
                                  (75, [f"unknown ou=a,{NEW}: no answer in time"]))
 
     def testRefusesAnAnswerThatIsNone(self):
-        peer = ScriptedPeer(self, message(1, outcome(0x65, 0)))
+        result = self.add(hangingUpAfter(message(1, outcome(0x65, 0))), unit("a"))
 
-        self.assertEqual(self.add(peer, unit("a")).lines,
+        self.assertEqual(result.lines,
                          [f"unknown ou=a,{NEW}: the server sent what is no answer"])
 
     def testReportsAReferral(self):
-        peer = ScriptedPeer(self, added(1, 10, referrals=[b"ldap://other/"]))
-
-        result = self.add(peer, unit("a"))
+        result = self.add(hangingUpAfter(added(1, 10, referrals=[b"ldap://other/"])), unit("a"))
 
         self.assertEqual((result.status, result.lines),
                          (69, [f"refused 10 ou=a,{NEW}: Referral, see ldap://other/"]))
 
     def testShowsTheServersTextOnOneLine(self):
-        peer = ScriptedPeer(self, added(1, 53, text=b"no\n\x1b[31m"))
+        result = self.add(hangingUpAfter(added(1, 53, text=b"no\n\x1b[31m")), unit("a"))
 
-        self.assertEqual(self.add(peer, unit("a")).lines,
+        self.assertEqual(result.lines,
                          [f"refused 53 ou=a,{NEW}: Server is unwilling to perform: "
                           "no\\x0A\\x1B[31m"])
 

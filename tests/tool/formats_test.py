@@ -6,8 +6,8 @@ import os
 import subprocess
 import unittest
 
-from support import DEADLINE, DirectoryTest, ScriptedPeer, ToolTest, entry, readLdif, run
-from support import searched
+from servers import ScriptedDirectory, hangingUpAfter
+from support import DEADLINE, DirectoryTest, ToolTest, entry, readLdif, run, searched
 
 WITH_BINARY = "user0000100@corp.test"  # UTF-8 names, a photo, a certificate, an option
 
@@ -162,8 +162,9 @@ class FormatsOfHostileValues(ToolTest):
     """Values that no schema would let in."""
 
     def lookUp(self, form, *attributes, dn=b"cn=x"):
-        peer = ScriptedPeer(self, entry(1, dn, *attributes) + searched(1))
-        return run("lookup", "-H", peer.uri, "-b", "dc=x", "-t", "(cn=$u)", "--format", form, "a")
+        answer = entry(1, dn, *attributes) + searched(1)
+        directory = ScriptedDirectory(self, hangingUpAfter(answer))
+        return run("lookup", "-H", directory.uri, "-b", "dc=x", "-t", "(cn=$u)", "--format", form, "a")
 
     def testTextStaysOnItsLines(self):
         result = self.lookUp("text", (b"cn", [b"a\ndn: forged", b"", b" b ", b"\x1b[2J"]),
@@ -198,9 +199,10 @@ class FormatsOfHostileValues(ToolTest):
                                   ("cn", b":c"), ("cn", b"<d"), ("cn", b"e ")])
 
     def testMessagesOfAServerStayOnOneLine(self):
-        peer = ScriptedPeer(self, searched(1, 53, text=b"no\nforged: line \x1b[2J"))
+        refusal = searched(1, 53, text=b"no\nforged: line \x1b[2J")
+        directory = ScriptedDirectory(self, hangingUpAfter(refusal))
 
-        result = run("lookup", "-H", peer.uri, "-b", "dc=x", "-t", "(cn=$u)", "a")
+        result = run("lookup", "-H", directory.uri, "-b", "dc=x", "-t", "(cn=$u)", "a")
 
         self.assertFails(result, 69, "no\\x0Aforged: line \\x1B[2J")
         self.assertEqual(len(result.lines), 1)

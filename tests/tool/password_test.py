@@ -9,7 +9,8 @@ import termios
 import time
 import unittest
 
-from support import DEADLINE, PRIVATE, READER, READER_PASSWORD, TOOL, DirectoryTest, ScriptedPeer
+from servers import BIND, ScriptedDirectory, eventually, silent
+from support import DEADLINE, PRIVATE, READER, READER_PASSWORD, TOOL, DirectoryTest
 
 
 class Password(DirectoryTest):
@@ -93,19 +94,19 @@ class Password(DirectoryTest):
         self.assertFails(result, 78, "no terminal", "-y FILE or --password-fd N")
 
     def testIsSentOnceAndSeenNowhere(self):
-        peer = ScriptedPeer(self, hangsUp=False)
+        directory = ScriptedDirectory(self, silent)
         path = self.file("password", b"hunter2\n")
-        with subprocess.Popen([TOOL, "lookup", "-H", peer.uri, "-D", "cn=x", "-y", path, "-b",
+        with subprocess.Popen([TOOL, "lookup", "-H", directory.uri, "-D", "cn=x", "-y", path, "-b",
                                "dc=x", "-t", "(cn=$u)", "-v", "-o", "nettimeout=1", "a"],
                               stdout=subprocess.PIPE, stderr=subprocess.STDOUT) as process:
-            self.assertTrue(peer.asked.wait(DEADLINE))
+            self.assertTrue(eventually(lambda: directory.count(BIND)))
             with open(f"/proc/{process.pid}/cmdline", "rb") as arguments, \
                     open(f"/proc/{process.pid}/environ", "rb") as environment:
                 seen = arguments.read() + environment.read()
             output, _ = process.communicate(timeout=DEADLINE)
 
         self.assertEqual(process.returncode, 75, output)
-        self.assertIn(b"hunter2", peer.requests[0])
+        self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
         self.assertNotIn(b"hunter2", seen + output)
 
 

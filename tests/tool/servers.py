@@ -14,7 +14,7 @@ import unittest
 
 from support import DEADLINE, TESTBED, outcome, tlv
 
-BIND, SEARCH, EXTENDED = 0x60, 0x63, 0x77  # tags of requests
+BIND, SEARCH, ADD, EXTENDED = 0x60, 0x63, 0x68, 0x77  # tags of requests
 BIND_RESPONSE, SEARCH_ENTRY, SEARCH_DONE, EXTENDED_RESPONSE = 0x61, 0x64, 0x65, 0x78
 
 CLOSE_WAIT = "08"  # in /proc/net/tcp: the peer has closed, we have not
@@ -264,12 +264,26 @@ def serving(onSearch, identity=b"dn:cn=reader", onBind=granted):
 def giving(*answers):
     """A script: gives the requests these answers, in their order, and then none."""
     def script(connection):
-        for answer in answers:
-            if connection.receive() is None:
-                return
-            connection.send(answer)
-        silent(connection)
+        if give(connection, answers):
+            silent(connection)
     return script
+
+
+def hangingUpAfter(*answers):
+    """A script: gives the requests these answers, in their order, and hangs up at the next one."""
+    def script(connection):
+        if give(connection, answers):
+            connection.receive()
+    return script
+
+
+def give(connection, answers):
+    """Gives requests these answers; says whether the client was there for all of them."""
+    for answer in answers:
+        if connection.receive() is None:
+            return False
+        connection.send(answer)
+    return True
 
 
 def silent(connection):

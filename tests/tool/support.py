@@ -6,7 +6,6 @@ import shutil
 import socket
 import subprocess
 import tempfile
-import threading
 import unittest
 
 TOOL = os.environ["SOLVANE_LDAP_TOOL"]
@@ -133,57 +132,6 @@ def entry(number, dn, *attributes):
     listed = [tlv(0x30, tlv(0x04, name), tlv(0x31, *[tlv(0x04, value) for value in values]))
               for name, values in attributes]
     return message(number, tlv(0x64, tlv(0x04, dn), tlv(0x30, *listed)))
-
-
-class ScriptedPeer:
-    """Answers the requests of one connection with chosen bytes, then hangs up, or is silent."""
-
-    def __init__(self, test, *answers, hangsUp=True):
-        self.requests = []
-        self._answers = answers
-        self._hangsUp = hangsUp
-        self._closing = threading.Event()
-        self.asked = threading.Event()
-        self._listener = socket.create_server(("127.0.0.1", 0))
-        self._thread = threading.Thread(target=self._serve)
-        self._thread.start()
-        test.addCleanup(self._stop)
-
-    @property
-    def uri(self):
-        return f"ldap://127.0.0.1:{self._listener.getsockname()[1]}"
-
-    def _serve(self):
-        self._listener.settimeout(DEADLINE)
-        try:
-            connection, _ = self._listener.accept()
-        except OSError:
-            return
-        with connection:
-            connection.settimeout(DEADLINE)
-            for answer in self._answers:
-                self._receive(connection)
-                connection.sendall(answer)
-            self._receive(connection)
-            if not self._hangsUp:
-                self._closing.wait(DEADLINE)
-
-    def _receive(self, connection):
-        try:
-            self.requests.append(connection.recv(65536))
-        except OSError:
-            pass
-        self.asked.set()
-
-    def _stop(self):
-        self._closing.set()
-        # Wakes an accept() that nobody answered; close() alone does not.
-        try:
-            self._listener.shutdown(socket.SHUT_RDWR)
-        except OSError:
-            pass
-        self._thread.join(DEADLINE)
-        self._listener.close()
 
 
 def freePort():

@@ -26,29 +26,34 @@ public:
     static void operator delete(void* memory, std::size_t bytes) noexcept;
 
     // The other forms, which those two would hide from derived classes, as they are everywhere.
+
+    /// Memory of this alignment, for derived classes that ask for more than usual; never kept.
     static void* operator new(std::size_t bytes, std::align_val_t alignment)
     {
         return ::operator new(bytes, alignment);
     }
+    /// Gives such memory back.
     static void operator delete(void* memory, std::size_t, std::align_val_t alignment) noexcept
     {
         ::operator delete(memory, alignment);
     }
+    /// Null where there is no memory.
     static void* operator new(std::size_t bytes, std::nothrow_t const& nothrow) noexcept
     {
         return ::operator new(bytes, nothrow);
     }
+    /// Gives it back where the constructor throws.
     static void operator delete(void* memory, std::nothrow_t const& nothrow) noexcept
     {
         ::operator delete(memory, nothrow);
     }
+    /// The caller's own memory.
     static void* operator new(std::size_t, void* place) noexcept { return place; }
+    /// Leaves it to the caller where the constructor throws.
     static void operator delete(void*, void*) noexcept {}
 
 protected:
     ObjectMemory() = default;
-    ObjectMemory(ObjectMemory const&) = default;
-    ObjectMemory& operator=(ObjectMemory const&) = default;
     ~ObjectMemory() = default;
 };
 

@@ -86,6 +86,11 @@ class Printers(unittest.TestCase):
                          "LDAPException code 4, type 0 at Connection.cpp:602, with a cause = {cause = LDAPException "
                          "code 4, type 3 at Connection.cpp:297: \"Error: 'Invalid credentials'\"}")
 
+    def test_what_cannot_be_read_is_left_to_gdb(self):
+        said = gdb("print *(Solvane::LDAPConnection*) 16")
+        self.assertIn("Cannot access memory at address 0x1", said)
+        self.assertNotIn("Python Exception", said)
+
     def test_a_password_is_not_shown(self):
         self.assertIn("m_bindPassword = <set>", self.printed["body"])
         self.assertNotIn("hidden-word", self.said)

@@ -1,0 +1,188 @@
+// What the tests of a session's guard have in common: a connection, and a guard that it is offered to.
+#ifndef SOLVANE_TESTS_UNIT_SESSION_GUARD_TEST_H
+#define SOLVANE_TESTS_UNIT_SESSION_GUARD_TEST_H
+
+#include "SessionGuard.h"
+
+#include "CallTest.h"
+
+#include "Descriptor.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <string>
+#include <utility>
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace SolvaneTest {
+
+/// The socket of a session, as OpenLDAP connects it: one end of a pair of sockets.
+///
+/// Layers of its own stand where TLS would and above all others, so that a test can read and write
+/// as a handshake does and as LDAP does.
+class Connected {
+public:
+    Connected() : m_socket(ber_sockbuf_alloc()) { connect(); }
+    ~Connected()
+    {
+        RealCalls const unseen;
+        hangUp();
+        ber_sockbuf_free(m_socket);
+    }
+    Connected(Connected const&) = delete;
+    Connected& operator=(Connected const&) = delete;
+
+    /// What the session's callback says to this connection.
+    int offerTo(ldap_conncb* callback)
+    {
+        int const answer = callback->lc_add(nullptr, m_socket, nullptr, nullptr, callback);
+        if (answer == 0) {
+            RealCalls const unseen;
+            ber_sockbuf_add_io(m_socket, &ber_sockbuf_io_tcp, LBER_SBIOD_LEVEL_PROVIDER, nullptr);
+            ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_TRANSPORT, &m_inHandshake);
+            ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_APPLICATION + 5, &m_inLdap);
+        }
+        return answer;
+    }
+    /// Connects the same socket anew. OpenLDAP leaves the layers of the last connection on it.
+    void reconnect()
+    {
+        RealCalls const unseen;
+        hangUp();
+        connect();
+    }
+
+    ber_slen_t readInHandshake() { return readBelow(m_inHandshake); }
+    ber_slen_t writeInHandshake(std::string const& bytes)
+    {
+        return writeBelow(m_inHandshake, bytes);
+    }
+    ber_slen_t read() { return readBelow(m_inLdap); }
+    ber_slen_t write(std::string const& bytes) { return writeBelow(m_inLdap, bytes); }
+
+    /// The bytes of the last read.
+    std::string const& bytes() const { return m_bytes; }
+    std::string peerReads() const
+    {
+        std::array<char, 64> bytes{};
+        ssize_t const count = checked(::read(m_peer, bytes.data(), bytes.size()), "read");
+        return std::string(bytes.data(), static_cast<std::size_t>(count));
+    }
+    void peerWrites(std::string const& bytes) const
+    {
+        checked(::write(m_peer, bytes.data(), bytes.size()), "write");
+    }
+    void closePeer()
+    {
+        if (m_peer >= 0) {
+            close(std::exchange(m_peer, -1));
+        }
+    }
+    /// Writes until the socket takes no more. The error that ends it.
+    int fill()
+    {
+        std::string const block(65536, 'x');
+        for (;;) {
+            errno = 0;
+            if (write(block) < 0) {
+                return errno;
+            }
+        }
+    }
+    unsigned long maximumMessageSize() const
+    {
+        RealCalls const unseen;
+        ber_len_t size = 0;
+        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_GET_MAX_INCOMING, &size);
+        return size;
+    }
+    Sockbuf* socket() const { return m_socket; }
+    static Sockbuf_IO& layer() { return s_layer; }
+    int descriptor() const
+    {
+        RealCalls const unseen;
+        ber_socket_t number = -1;
+        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_GET_FD, &number);
+        return number;
+    }
+    bool has(Sockbuf_IO& layer) const
+    {
+        RealCalls const unseen;
+        return ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_HAS_IO, &layer) == 1;
+    }
+
+private:
+    void connect()
+    {
+        RealCalls const unseen;
+        std::array<int, 2> ends{};
+        checked(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), "socketpair");
+        m_peer = ends[1];
+        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, ends.data());
+    }
+    void hangUp()
+    {
+        closePeer();
+        ber_socket_t none = -1;
+        if (descriptor() != none) {
+            close(descriptor());
+            ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, &none);
+        }
+    }
+
+    static int setUp(Sockbuf_IO_Desc* layer, void* place)
+    {
+        *static_cast<Sockbuf_IO_Desc**>(place) = layer;
+        return 0;
+    }
+    static int control(Sockbuf_IO_Desc* layer, int option, void* argument)
+    {
+        return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+    }
+    static ber_slen_t passRead(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+    {
+        return LBER_SBIOD_READ_NEXT(layer, bytes, length);
+    }
+    static ber_slen_t passWrite(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+    {
+        return LBER_SBIOD_WRITE_NEXT(layer, bytes, length);
+    }
+
+    ber_slen_t readBelow(Sockbuf_IO_Desc* layer)
+    {
+        std::array<char, 64> bytes{};
+        errno = 0;
+        ber_slen_t const count = LBER_SBIOD_READ_NEXT(layer, bytes.data(), bytes.size());
+        m_bytes.assign(bytes.data(), static_cast<std::size_t>(std::max(count, ber_slen_t{0})));
+        return count;
+    }
+    static ber_slen_t writeBelow(Sockbuf_IO_Desc* layer, std::string bytes)
+    {
+        errno = 0;
+        return LBER_SBIOD_WRITE_NEXT(layer, bytes.data(), bytes.size());
+    }
+
+    static inline Sockbuf_IO s_layer = {setUp, nullptr, control, passRead, passWrite, nullptr};
+
+    Sockbuf* m_socket;
+    int m_peer = -1;
+    Sockbuf_IO_Desc* m_inHandshake = nullptr;
+    Sockbuf_IO_Desc* m_inLdap = nullptr;
+    std::string m_bytes;
+};
+
+class AGuard : public testing::Test {
+protected:
+    explicit AGuard(unsigned int networkTimeout = 1) : guard(networkTimeout, 1000) {}
+
+    FakeOpenLDAP openldap;
+    Solvane::SessionGuard guard;
+    Connected connected;
+};
+
+} // namespace SolvaneTest
+
+#endif
