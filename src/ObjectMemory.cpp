@@ -63,7 +63,7 @@ void clear(void* value)
     }
 }
 
-std::atomic<bool> g_isWatching{false}; // here when the statics are gone
+std::atomic<bool> g_isWatching{false}; // still here when static objects are gone
 
 /// Tells of the ends of threads. A thread_local object would, too, but would end the process where
 /// there is no memory to register it.
@@ -99,6 +99,7 @@ bool isOpen(Shelves& shelves)
 
 } // namespace
 
+// NOLINTNEXTLINE(misc-new-delete-overloads): as in the header
 void* ObjectMemory::operator new(std::size_t bytes)
 {
     if (!mayKeep || bytes == 0 || bytes > largestKept) {

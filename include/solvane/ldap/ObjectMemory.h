@@ -21,6 +21,7 @@ class SOLVANE_LDAP_EXPORT ObjectMemory {
 public:
     /// Memory for an object of this size.
     /// @throws std::bad_alloc  there is none
+    // NOLINTNEXTLINE(misc-new-delete-overloads): the delete with a size is its other half
     static void* operator new(std::size_t bytes);
     /// Gives it back; null is allowed.
     static void operator delete(void* memory, std::size_t bytes) noexcept;
