@@ -87,15 +87,16 @@ public:
         require(read(m_raw.get(), id) == expected, "entries");
     }
 
-    std::unique_ptr<LDAPSearch> library(unsigned long expected)
+    std::unique_ptr<LDAPSearch> sent()
     {
         LDAPSearch::Parameter parameter;
         parameter.filter = "(objectClass=*)";
         auto search = std::make_unique<LDAPSearch>(m_connection, parameter);
         search->send();
-        awaitAndRead(*search, expected);
         return search;
     }
+
+    void library(unsigned long expected) { awaitAndRead(*sent(), expected); }
 
 private:
     RawSession m_raw;
@@ -129,9 +130,13 @@ void measure(Series const& series, std::size_t sizes, Rounds const& rounds)
              {"library", repeated([&] { searchers.library(entries); })}},
             size);
         unsigned long const before = heapBytes();
-        auto const stored = searchers.library(entries);
+        auto const stored = searchers.sent();
+        await(*stored);
         Rounds::note(series.name, "library", "heap", static_cast<double>(heapBytes() - before),
                      size);
+        require(readEntries(stored->result().searchResultEntries()) > 0, "entries");
+        Rounds::note(series.name, "library, read", "heap",
+                     static_cast<double>(heapBytes() - before), size);
     }
 }
 
