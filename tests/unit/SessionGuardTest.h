@@ -176,6 +176,22 @@ private:
 
 class AGuard : public testing::Test {
 protected:
+    /// The peer says nothing: a read waits for a second at most, and fails.
+    void expectAHandshakeOfOneSecond()
+    {
+        std::vector<int> waits;
+        openldap.poll = [&](pollfd* waited, nfds_t count, int milliseconds) {
+            waits.push_back(milliseconds);
+            return poll(waited, count, milliseconds);
+        };
+
+        EXPECT_EQ(connected.readInHandshake(), -1);
+        EXPECT_EQ(errno, ETIMEDOUT);
+        ASSERT_FALSE(waits.empty());
+        EXPECT_GT(waits.front(), 0);
+        EXPECT_LE(waits.front(), 1000);
+    }
+
     explicit AGuard(unsigned int networkTimeout = 1) : guard(networkTimeout, 1000) {}
 
     FakeOpenLDAP openldap;
