@@ -48,7 +48,7 @@ class Blocks(unittest.TestCase):
 
     def testMistakesAreReportedWithTheirLine(self):
         for fault, lines in {"^1: write ```cpp": ("```c++", "```"),
-                             "^1: expected": ("<!-- compile: fonction () -->", "```cpp", "```"),
+                             "^1: expected": ("<!-- compile: functions () -->", "```cpp", "```"),
                              "^2: the comment": ("<!-- compile: continued -->", "", "```cpp", "```"),
                              "^3: there is no block": ("<!-- compile: continued -->", "```cpp", "```"),
                              "not complete": ("```cpp", "int one();")}.items():
