@@ -1,10 +1,9 @@
-// Creation of one entry.
+// Adds one entry.
 //
 //   LDAP_PASSWORD=... add_entry HOST PORT BIND-DN DN UID [CERTIFICATE]
 //
-// Adds a person with this DN and uid and, where a file with one is given, a certificate in DER.
-// Prints what the server said; ends with 0 when the entry was added, 1 when the server refused it,
-// 2 when that could not be told.
+// Adds a person with this DN and uid. CERTIFICATE is a file in DER; its bytes become the person's
+// userCertificate. Prints the server's answer. Exit status: 0 added, 1 refused by the server, 2 failure.
 #include <solvane/ldap.h>
 
 #include <cstdlib>
@@ -30,7 +29,7 @@ Solvane::LDAPAttributeContainer personOf(std::string const& uid)
          attributeOf("cn", uid), attributeOf("sn", uid), attributeOf("mail", uid + "@corp.test")});
 }
 
-/// The option "binary" makes a value travel as counted bytes; others end at their first zero byte.
+/// The option "binary" sends a value with all its bytes; other values end at their first zero byte.
 Solvane::LDAPAttribute certificateFrom(char const* path)
 {
     std::ifstream file(path, std::ios::binary);
@@ -66,7 +65,7 @@ int main(int argc, char** argv)
         }
         add.send();
         if (add.wait(timeoutSeconds)) {
-            std::cerr << "The server did not answer; whether the entry was added is not known.\n";
+            std::cerr << "The server did not answer. The entry may or may not exist.\n";
             return 2;
         }
         Solvane::LDAPResult const& result = add.result();

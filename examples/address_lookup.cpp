@@ -1,7 +1,8 @@
-// address_lookup HOST PORT BIND-DN BASE ADDRESS...: what a mail server would do with each address.
+// The lookup engine: what a mail server does with each address.
 //
-// The password comes from the environment variable LDAP_PASSWORD. Exit status: 0 all are delivered,
-// 1 one is rejected, 75 one is to be tried later, 78 the settings are wrong.
+//   LDAP_PASSWORD=... address_lookup HOST PORT BIND-DN BASE ADDRESS...
+//
+// Exit status: 0 all delivered, 1 one rejected, 75 one deferred, 78 a setting is wrong.
 #include <solvane/lookup.h>
 
 #include <algorithm>
@@ -19,7 +20,8 @@ LDAPLookup::Settings settingsFrom(char** arguments)
 {
     char const* const password = std::getenv("LDAP_PASSWORD");
     LDAPLookup::Settings settings;
-    settings.servers.emplace_back(); // one object for all servers of a site, in order of trial
+    settings.servers
+        .emplace_back(); // a site with several servers lists all, the preferred one first
     settings.servers.back().host = arguments[1];
     settings.servers.back().port = static_cast<unsigned int>(std::atoi(arguments[2]));
     settings.bindDn = arguments[3];
@@ -30,19 +32,19 @@ LDAPLookup::Settings settingsFrom(char** arguments)
     return settings;
 }
 
-/// What becomes of the mail: the exit status of a delivery program.
+/// Delivers, rejects or defers; returns the exit status for it.
 int actOn(std::string const& address, LDAPLookup::Answer const& answer)
 {
     switch (answer.outcome) {
     case LDAPLookup::Outcome::Found:
         std::cout << address << ": deliver to " << answer.entries.front().entryName() << '\n';
         return EX_OK;
-    case LDAPLookup::Outcome::NotFound: // the directory said so, on a connection that it knows
+    case LDAPLookup::Outcome::NotFound: // the server answered: no such entry
     case LDAPLookup::Outcome::Skipped:
     case LDAPLookup::Outcome::BadKey:
         std::cout << address << ": reject, no such user\n";
         return 1;
-    default: // nobody knows: never a reason to bounce
+    default: // temporary failure: never bounce
         std::cout << address << ": defer, " << answer.text << '\n';
         return answer.outcome == LDAPLookup::Outcome::TryLater ? EX_TEMPFAIL : EX_CONFIG;
     }

@@ -1,9 +1,9 @@
-// OpenLDAP's own debug output switched on for one operation, and off again.
+// Switches OpenLDAP's debug output on for one operation, and off again.
 //
 //   debug_log HOST PORT
 //
-// The output goes to /var/spool/crashlog/ldap.log, or to standard error where that folder is
-// missing. Ends with 0 when both switches worked.
+// The output goes to /var/spool/crashlog/ldap.log, or to standard error if that directory does not
+// exist. Exit status: 0 if both calls succeeded.
 #include <solvane/ldap.h>
 
 #include <exception>
@@ -28,7 +28,7 @@ int main(int argc, char** argv)
             Solvane::LDAPConnection connection(server, true);
             connection.bind("", "", Solvane::LDAPConnection::Asynchronous);
             connection.bindWait(timeoutSeconds);
-        } // a session keeps liblber's level of the time when it was made, so it goes before the log
+        } // end the session first: it keeps the level of liblber from when it was created
         int const off = log.level(0, 0);
         std::cout << "switched on: " << on << ", switched off: " << off << '\n';
         return on == 0 && off == 0 ? 0 : 1;

@@ -1,9 +1,9 @@
-// Several queries under way at once, driven side by side from one thread.
+// Several queries in flight on one connection, driven by one thread.
 //
 //   LDAP_PASSWORD=... driven_queries HOST PORT BIND-DN BASE ADDRESS...
 //
-// All searches are sent before the first is awaited, so that the directory works on them together.
-// Prints a line per address; ends with 0 when each was found, 1 when one was not, 2 on trouble.
+// Sends all searches before it waits for the first, so that all of them share one round trip. Prints
+// a line per address. Exit status: 0 all found, 1 one not found, 2 failure.
 #include <solvane/ldap.h>
 
 #include <algorithm>
@@ -19,14 +19,13 @@ namespace {
 
 constexpr unsigned int timeoutSeconds = 5;
 
-/// Looks one address up, on a connection of the pool.
+/// Looks one address up on a bound connection, which it shares with other queries.
 class AddressQuery : public Solvane::_LDAPQuery {
 public:
-    AddressQuery(Solvane::LDAPConnection const& pooled, std::string base, std::string address)
-        : _LDAPQuery(time(nullptr), timeoutSeconds), m_base(std::move(base)),
+    AddressQuery(Solvane::LDAPConnection& bound, std::string base, std::string address)
+        : _LDAPQuery(bound, time(nullptr), timeoutSeconds, false), m_base(std::move(base)),
           m_address(std::move(address))
     {
-        m_connection = pooled; // the base class gives it back to the pool in the end
     }
 
     void searchParameter() override
@@ -45,7 +44,7 @@ private:
     std::string m_address;
 };
 
-/// Prints how a query ended; returns what the program should end with for it.
+/// Prints the outcome of a query and returns the exit status for it.
 int report(AddressQuery const& query)
 {
     std::cout << query.address() << ": ";
@@ -61,19 +60,14 @@ int report(AddressQuery const& query)
     return 0;
 }
 
-int lookUpAll(Solvane::LDAPConnection::RefServer const& server, std::string const& dn,
-              std::string const& password, std::string const& base,
+/// A server limits the requests in flight on a connection (slapd: 1000, conn_max_pending_auth). Send
+/// a longer list in parts.
+int lookUpAll(Solvane::LDAPConnection& bound, std::string const& base,
               std::vector<std::string> const& addresses)
 {
-    Solvane::LDAPConnectionCache pool;
     std::vector<Solvane::RefLDAPQuery> queries;
     for (std::string const& address : addresses) {
-        Solvane::LDAPConnection const pooled = pool.getConnection(server, dn, password);
-        if (pooled.isNull()) {
-            std::cerr << "The server refused the bind.\n";
-            return 2;
-        }
-        queries.emplace_back(new AddressQuery(pooled, base, address));
+        queries.emplace_back(new AddressQuery(bound, base, address));
         queries.back()->submitSearch();
     }
     int worst = 0;
@@ -97,8 +91,13 @@ int main(int argc, char** argv)
         unsigned int const port = static_cast<unsigned int>(std::stoul(argv[2]));
         Solvane::LDAPConnection::RefServer const server(argv[1], port, Solvane::LDAPConnection::V3,
                                                         false, timeoutSeconds, false, false);
-        return lookUpAll(server, argv[3], password, argv[4],
-                         std::vector<std::string>(argv + 5, argv + argc));
+        Solvane::LDAPConnection connection(server, false);
+        connection.bind(argv[3], password, Solvane::LDAPConnection::Asynchronous);
+        if (!connection.bindWait(timeoutSeconds)) {
+            std::cerr << "The server refused the bind.\n";
+            return 2;
+        }
+        return lookUpAll(connection, argv[4], std::vector<std::string>(argv + 5, argv + argc));
     } catch (std::exception const& failure) {
         std::cerr << failure.what() << '\n';
     } catch (Solvane::Exception const& failure) {

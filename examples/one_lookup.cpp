@@ -1,8 +1,8 @@
-// One lookup: a filter from a template, a bound connection, a search, its entries.
+// One lookup: a filter from a template, a bind, a search, its entries.
 //
 //   LDAP_PASSWORD=... one_lookup HOST PORT BIND-DN BASE ADDRESS
 //
-// Ends with 0 when the address was found, 1 when it was not, 2 when that could not be told.
+// Exit status: 0 found, 1 not found, 2 failure.
 #include <solvane/ldap.h>
 
 #include <cstdlib>
@@ -49,7 +49,7 @@ int main(int argc, char** argv)
         Solvane::LDAPSearch search(connection, parameter);
         search.send();
         if (search.wait(timeoutSeconds) || search.result().resultCode() != 0) {
-            std::cerr << "The server did not answer the search, or not with success.\n";
+            std::cerr << "The search failed or was not answered in time.\n";
             return 2;
         }
         for (Solvane::LDAPSearchResultEntry const& entry : search.result().searchResultEntries()) {

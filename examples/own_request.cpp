@@ -1,10 +1,11 @@
-// A request class of one's own: a comparison (RFC 4511 section 4.10) over the library's connection
-// and result.
+// A request class of your own: the compare operation (RFC 4511 section 4.10), on the library's
+// connection and result.
 //
 //   own_request HOST PORT BASE-ENTRY ATTRIBUTE VALUE
 //
-// Asks whether the entry has that value, without a bind. Ends with 0 for yes, 1 for no, 2
-// otherwise.
+// Asks whether the entry has that value; does not bind. Exit status: 0 yes, 1 no, 2 failure.
+//
+// Link with -lldap -llber as well: the class calls OpenLDAP itself.
 #include <solvane/ldap.h>
 #include <solvane/ldap/impl.h>
 
@@ -19,7 +20,8 @@
 
 namespace {
 
-/// Body of a comparison. The base has the connection and the message id.
+/// Body: sends the request and collects the answer. The base class holds the connection and the
+/// message id.
 class CompareImpl : public Solvane::LDAPRequestImpl {
 public:
     CompareImpl(std::string dn, std::string attribute, std::string value)
@@ -40,7 +42,7 @@ public:
     bool wait(unsigned int timeout) override
     {
         timeval limit{static_cast<time_t>(timeout), 0};
-        Solvane::LDAPMessageBuffer message; // given back at the end, on every path
+        Solvane::LDAPMessageBuffer message; // frees the message on every path
         int const rc = ldap_result(session(), id(), LDAP_MSG_ONE, &limit, message.address());
         if (rc == 0) {
             return true;
@@ -57,7 +59,7 @@ public:
     void cancel() override {}
 
 private:
-    /// The session. OpenLDAP ends the process when it is handed none, or one that was ended.
+    /// The session, which may have ended: OpenLDAP crashes when it is called with none.
     LDAP* session()
     {
         LDAP* const living = m_connection.impl()->session();
@@ -65,12 +67,19 @@ private:
         return living;
     }
 
-    static void check(int rc, char const* work)
+    /// Throws unless `rc` is success, and records it so that a pool drops the connection.
+    void check(int rc, char const* operation)
     {
-        if (rc != LDAP_SUCCESS) {
-            throw Solvane::Exception(std::string(work) + ": " + ldap_err2string(rc), rc, __FILE__,
-                                     __LINE__);
+        if (rc == LDAP_SUCCESS) {
+            return;
         }
+        m_connection.openldapErrorCode(rc);
+        constexpr int failed = 4;  // code: server, network or OpenLDAP
+        constexpr int request = 4; // type: sending or awaiting a request, as for a search
+        Solvane::LDAPException failure("LDAPException", failed, "own_request.cpp", __LINE__,
+                                       request);
+        failure.stringParameter(std::string(operation) + ": " + ldap_err2string(rc));
+        throw failure;
     }
 
     std::string m_dn;
@@ -79,7 +88,7 @@ private:
     Solvane::LDAPResult m_result;
 };
 
-/// Handle of a comparison: shares its body when copied, as every request does.
+/// Handle: copies share the body.
 class Compare : public Solvane::LDAPRequest {
 public:
     Compare(Solvane::LDAPConnection& connection, std::string dn, std::string attribute,

@@ -1,10 +1,9 @@
-// Lookups from many threads over one pool of bound connections.
+// Lookups from many threads with one pool of bound connections.
 //
 //   LDAP_PASSWORD=... pooled_lookups HOST PORT BIND-DN BASE THREADS LOOKUPS
 //
-// Each thread looks up user0000001@corp.test and its successors and checks that it got what it
-// asked for. Prints how many lookups there were, how many connections they took, and how often the
-// pool had one at hand. Ends with 0 when every answer was right.
+// The threads look up user0000001@corp.test and the following users and check each answer. Prints the
+// number of lookups, of connections opened and of pool hits. Exit status: 0 if every answer was right.
 #include <solvane/ldap.h>
 
 #include <atomic>
@@ -20,7 +19,7 @@ namespace {
 
 constexpr unsigned int timeoutSeconds = 10;
 
-/// A pooled connection for the length of a scope; gives its in-use marker back.
+/// Checks a connection out of the pool; the destructor returns it.
 class Borrowed {
 public:
     Borrowed(Solvane::LDAPConnectionCache& pool, Solvane::LDAPConnection::RefServer const& server,
@@ -50,7 +49,7 @@ struct Directory {
     std::string base;
 };
 
-/// The uid of a user, or nothing where the answer is not one entry.
+/// The uid of a user; empty unless the search finds exactly one entry.
 std::string uidOf(Solvane::LDAPConnectionCache& pool, Directory const& directory,
                   Solvane::EmailAddress const& address)
 {

@@ -1,10 +1,10 @@
-// Looks one address up again and again for some seconds, by the engine and by the pool, and counts.
+// Looks one address up repeatedly for some seconds, with the engine and with the pool.
 //
 //   LDAP_PASSWORD=... steady_lookups SECONDS BIND-DN BASE ADDRESS PORT...
 //
-// The servers are on 127.0.0.1. The engine gets all ports as its list, the pool the first one: give
-// a balancer's there. Prints a line for each second. Ends with 1 where an answer was wrong, and
-// with 75 where a lookup found nobody to answer it.
+// The servers listen on 127.0.0.1. The engine gets all ports as its list of servers; the pool gets the
+// first, which should be the balancer's. Prints a line per second. Exit status: 0 all found, 1 an
+// answer was wrong, 75 a lookup was deferred.
 #include <solvane/ldap.h>
 #include <solvane/lookup.h>
 
@@ -36,7 +36,7 @@ struct Counts {
     {
         bool const isFound = outcome == LDAPLookup::Outcome::Found;
         bool const isUnknown = outcome == LDAPLookup::Outcome::NotFound;
-        ++(isFound ? found : isUnknown ? wrong : deferred); // the user exists: nobody may deny it
+        ++(isFound ? found : isUnknown ? wrong : deferred); // the user exists: NotFound is wrong
     }
 };
 
@@ -49,7 +49,7 @@ LDAPLookup::Settings settingsFrom(int count, char** arguments)
         settings.servers.back().host = "127.0.0.1";
         settings.servers.back().port = static_cast<unsigned int>(std::atoi(arguments[i]));
     }
-    settings.networkTimeout = 2; // shorter than the deadline, so that a second server gets its turn
+    settings.networkTimeout = 2; // leaves time for a second and a third server
     settings.deadline = std::chrono::seconds(8);
     settings.bindDn = arguments[2];
     settings.password = password == nullptr ? "" : password;
@@ -59,7 +59,7 @@ LDAPLookup::Settings settingsFrom(int count, char** arguments)
     return settings;
 }
 
-/// Lookups over the pool, which leaves to its user what the engine does by itself.
+/// Lookups with the pool. The retry is the caller's job here; the engine does it itself.
 class Pooled {
 public:
     explicit Pooled(LDAPLookup::Settings const& settings)
@@ -76,7 +76,7 @@ public:
                 return findOnce(address);
             } catch (LDAPException const&) {
                 if (!isRepeated) {
-                    m_pool.clear(); // what broke one connection has broken the idle ones too
+                    m_pool.clear(); // the idle connections have probably broken too
                 }
             }
         }
@@ -101,7 +101,8 @@ private:
         LDAPSearch search(connection, parameter);
         search.send();
         if (search.wait(m_settings.networkTimeout)) {
-            connection.unbind(); // a late answer would stay with it
+            connection
+                .unbind(); // so that the pool drops it: a late answer would stay in its memory
             return LDAPLookup::Outcome::TryLater;
         }
         if (search.result().resultCode() != 0) {

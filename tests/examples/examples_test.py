@@ -13,11 +13,11 @@ USER1 = "uid=user0000001," + PEOPLE
 
 class Examples(DirectoryTest):
 
-    def example(self, name, *arguments, port=None, password=READER_PASSWORD):
+    def example(self, name, *arguments, port=None, password=READER_PASSWORD, environment=None):
         command = [os.path.join(EXAMPLES, name), "127.0.0.1",
                    str(port or self.server["LDAP_PORT"]), *arguments]
-        done = subprocess.run(command, env={**os.environ, "LDAP_PASSWORD": password},
-                              capture_output=True, timeout=DEADLINE, check=False)
+        done = subprocess.run(command, capture_output=True, timeout=DEADLINE, check=False,
+                              env={**os.environ, "LDAP_PASSWORD": password, **(environment or {})})
         return Result(done.returncode, done.stdout, done.stderr)
 
     def testOneLookupPrintsTheEntry(self):
@@ -75,6 +75,15 @@ class Examples(DirectoryTest):
         self.assertEqual(result.lines, ["user0000001@corp.test: " + USER1,
                                         "nobody@corp.test: not found",
                                         "user0000002@corp.test: uid=user0000002," + PEOPLE])
+
+    def testDrivenQueriesShareOneConnection(self):
+        addresses = [f"user{number:07}@corp.test" for number in range(1, 51)]
+
+        result = self.example("driven_queries", READER, PEOPLE, *addresses,
+                              environment={"SOLVANE_DEBUG_MASK": "0x80008"})
+
+        self.assertEqual((result.status, len(result.lines)), (0, 50))
+        self.assertEqual(result.errors.count("New LDAP Connection"), 1)
 
     def testAddEntryAddsTextAndBinaryAttributesOnce(self):
         certificate = os.path.join(self.directory, "tls", "good.der")

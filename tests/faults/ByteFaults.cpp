@@ -74,8 +74,8 @@ Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column c
 
 Fault cut()
 {
-    return {"cut", "The connection is closed behind each byte of the recorded answers.", always,
-            [](Column column, Extent const& extent) {
+    return {"cut", "The connection is closed after each byte of the recorded answers in turn.",
+            always, [](Column column, Extent const& extent) {
                 std::vector<Reply> const replies = recordedReplies(column);
                 std::size_t length = 0;
                 for (Reply const& reply : replies) {
@@ -160,50 +160,48 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
 
 Fault flipped()
 {
-    return {
-        "flipped", "One byte of the recorded answers is changed, each in turn, in several ways.",
-        always,
-        [](Column column, Extent const& extent) {
-            constexpr unsigned char flips[] = {0x01, 0x80, 0xff};
-            std::vector<Case> cases;
-            std::size_t start = 0;
-            std::size_t turn = 0;
-            for (Reply const& reply : recordedReplies(column)) {
-                std::vector<Role> const roles = rolesIn(reply.bytes);
-                for (std::size_t i = 0; i < reply.bytes.size(); ++i) {
-                    for (unsigned char const bits : flips) {
-                        if (turn++ % extent.stride != 0) {
-                            continue;
+    return {"flipped",
+            "One byte of the recorded answers is changed; every byte in turn, in several ways.",
+            always,
+            [](Column column, Extent const& extent) {
+                constexpr unsigned char flips[] = {0x01, 0x80, 0xff};
+                std::vector<Case> cases;
+                std::size_t start = 0;
+                std::size_t turn = 0;
+                for (Reply const& reply : recordedReplies(column)) {
+                    std::vector<Role> const roles = rolesIn(reply.bytes);
+                    for (std::size_t i = 0; i < reply.bytes.size(); ++i) {
+                        for (unsigned char const bits : flips) {
+                            if (turn++ % extent.stride != 0) {
+                                continue;
+                            }
+                            Case made = serverCase(
+                                "byte " + std::to_string(start + i) + " ^ " + std::to_string(bits),
+                                flipping({start + i, bits},
+                                         isHarmless(roles[i]) ? Peer::forever : shortly),
+                                {});
+                            auto const before = static_cast<unsigned char>(reply.bytes[i]);
+                            judgeFlip(made, reply, roles[i], before ^ bits, column);
+                            made.mayOpenLdapLeak = true;
+                            cases.push_back(made);
                         }
-                        Case made = serverCase(
-                            "byte " + std::to_string(start + i) + " ^ " + std::to_string(bits),
-                            flipping({start + i, bits},
-                                     isHarmless(roles[i]) ? Peer::forever : shortly),
-                            {});
-                        auto const before = static_cast<unsigned char>(reply.bytes[i]);
-                        judgeFlip(made, reply, roles[i], before ^ bits, column);
-                        made.mayOpenLdapLeak = true;
-                        cases.push_back(made);
                     }
+                    start += reply.bytes.size();
                 }
-                start += reply.bytes.size();
-            }
-            return cases;
-        },
-        "An entry that arrives under another message id is nobody's to OpenLDAP, which drops it; "
-        "the rest is a complete answer without entries. Plain LDAP has no integrity: use TLS. "
-        "OpenLDAP's readers of an entry say the same at its end and where it is damaged inside, so "
-        "a "
-        "part of it may be missing. liblber loses its half-read message when the length of a "
-        "message "
-        "changes under it."};
+                return cases;
+            },
+            "OpenLDAP drops an entry that arrives with the wrong message id; what remains is a "
+            "complete answer without entries. Plain LDAP does not protect integrity: use TLS. "
+            "OpenLDAP's functions for reading an entry return the same at its end and at damaged "
+            "data, so part of an entry may be missing. liblber leaks a half-read message if its "
+            "length changes."};
 }
 
 // Dripped
 
 Fault dripped()
 {
-    return {"dripped", "Answers come byte by byte, or in pieces of every size.", always,
+    return {"dripped", "Answers arrive byte by byte, or in pieces of every size.", always,
             [](Column column, Extent const& extent) {
                 std::vector<Case> cases;
                 for (std::size_t size = 1; size < 30; size += 4 * extent.stride) {
@@ -284,8 +282,8 @@ Fault garbageFault()
                 }
                 return cases;
             },
-            "liblber loses its half-read message, and what it made of a message that it then "
-            "refuses."};
+            "liblber leaks a half-read message, and what it decoded of a message that it then "
+            "rejects."};
 }
 
 // Two gigabytes
@@ -309,7 +307,7 @@ private:
 
 Fault huge()
 {
-    return {"huge", "A header that announces 2 GB, instead of each answer.", always,
+    return {"huge", "A header that announces 2 GB instead of each answer.", always,
             [](Column column, Extent const&) {
                 std::vector<Case> cases;
                 for (Step const step : stepsOf(column)) {

@@ -84,7 +84,7 @@ void judgeDescriptors(Judgement& judgement, std::vector<std::string> const& befo
     for (std::string const& each : openDescriptors()) {
         if (std::find(before.begin(), before.end(), each) == before.end()) {
             if (tried.mayOpenLdapLoseDescriptors) {
-                judgement.limit = "a descriptor of its own lost";
+                judgement.limit = "leaked a descriptor";
             } else {
                 fail(judgement, "left open: " + each);
             }
@@ -100,7 +100,7 @@ void judgeMemory(Judgement& judgement, unsigned long start, Case const& tried)
     }
     OpenLdapMemory::forgiveSince(start);
     if (tried.mayOpenLdapLeak) {
-        judgement.limit = "memory of its own lost";
+        judgement.limit = "leaked memory";
         return;
     }
     std::string sizes;

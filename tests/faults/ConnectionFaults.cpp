@@ -90,7 +90,7 @@ public:
 
 Fault refused()
 {
-    return {"refused", "Nobody listens on the port.", always,
+    return {"refused", "No process listens on the port.", always,
             [](Column column, Extent const& extent) {
                 Case tried;
                 tried.name = "refused";
@@ -104,7 +104,7 @@ Fault refused()
 
 Fault blackHole()
 {
-    return {"black-hole", "Requests for a connection are not answered.", always,
+    return {"black-hole", "Connection requests (SYN) are not answered.", always,
             [](Column column, Extent const& extent) {
                 Case tried;
                 tried.name = "full queue";
@@ -200,7 +200,8 @@ std::string withoutSlapd()
 
 Fault pausedBeforeAccept()
 {
-    return {"paused-before-accept", "A real slapd is stopped; the kernel accepts in its place.",
+    return {"paused-before-accept",
+            "A real slapd is stopped (SIGSTOP); the kernel still accepts connections.",
             [](Column) { return withoutSlapd(); },
             [](Column column, Extent const& extent) {
                 return pausedCase(PausedSite::Moment::beforeAccept, column, extent);
@@ -209,13 +210,14 @@ Fault pausedBeforeAccept()
 
 Fault pausedAfterBind()
 {
-    return {"paused-after-bind", "A real slapd is stopped behind the bind, before the request.",
+    return {"paused-after-bind", "A real slapd is stopped after the bind and before the request.",
             [](Column column) {
                 if (column == Column::bind) {
-                    return std::string("nothing follows the bind");
+                    return std::string("no request follows the bind");
                 }
                 return column == Column::tool
-                           ? std::string("a process of its own has no such moment; see silent")
+                           ? std::string(
+                                 "a separate process cannot be stopped at that moment; see silent")
                            : withoutSlapd();
             },
             [](Column column, Extent const& extent) {
@@ -225,7 +227,7 @@ Fault pausedAfterBind()
 
 Fault silent()
 {
-    return {"silent", "The server accepts, and stops answering at each step.", always,
+    return {"silent", "The server accepts, and stops answering, at each step in turn.", always,
             [](Column column, Extent const&) {
                 std::vector<Case> cases;
                 for (Step const step : stepsOf(column)) {
@@ -285,8 +287,9 @@ FaultyServer::Script sendingAndMute(std::string const& bytes)
 
 Fault silentTls()
 {
-    return {"tls", "A peer behind ldaps:// that is silent, breaks off, or speaks no TLS.", always,
-            [](Column column, Extent const& extent) {
+    return {"tls",
+            "An ldaps:// server that is silent, closes the connection, or does not speak TLS.",
+            always, [](Column column, Extent const& extent) {
                 Accepted const late = connectTrouble(column, Trouble::silent);
                 Accepted const broken = connectTrouble(column, Trouble::broken);
                 std::string const halfRecord("\x16\x03\x03\x00\x7a\x02\x00", 7);
@@ -388,12 +391,10 @@ std::vector<Fault> connectionFaults()
             silent(),
             silentTls(),
             ending("reset",
-                   "The connection is reset: at the connect, and before, amid and after "
-                   "each answer.",
+                   "The connection is reset: on connect, and before, during and after each answer.",
                    End::reset),
             ending("half-closed",
-                   "The server closes its half (FIN) at the same moments, and goes "
-                   "on receiving.",
+                   "The server closes its side (FIN) at the same moments and continues to receive.",
                    End::halfClosed),
             ending("closed", "The server closes the connection at the same moments.", End::closed)};
 }

@@ -169,7 +169,7 @@ private:
 
 Fault fullDisk()
 {
-    return {"disk-full", "OpenLDAP's debug log, or the tool's output, goes to a full disk.", always,
+    return {"disk-full", "OpenLDAP's debug log, or the tool's output, is on a full disk.", always,
             [](Column column, Extent const& extent) {
                 std::vector<Case> cases;
                 for (bool const first : {true, false}) {
@@ -249,30 +249,30 @@ private:
 
 Fault forks()
 {
-    return {
-        "fork",
-        "The process forks amid an operation; the child leaves, looks up by itself, or executes "
-        "another program.",
-        [](Column column) {
-            return column == Column::tool ? "done to this program, not to another process"
-                                          : std::string();
-        },
-        [](Column column, Extent const& extent) {
-            constexpr char const* names[] = {"the child leaves", "the child looks up",
-                                             "the child executes"};
-            std::vector<Case> cases;
-            for (auto const child :
-                 {ForkSite::Child::leaves, ForkSite::Child::looksUp, ForkSite::Child::executes}) {
-                Case tried;
-                tried.name = names[static_cast<int>(child)];
-                tried.site = [=, port = extent.healthyPort, tool = extent.tool] {
-                    return std::make_unique<ForkSite>(port, column, child, tool);
-                };
-                tried.accepted = success(column);
-                cases.push_back(tried);
-            }
-            return cases;
-        }};
+    return {"fork",
+            "The process forks during an operation; the child exits, makes a lookup, or executes "
+            "another program.",
+            [](Column column) {
+                return column == Column::tool
+                           ? "applies to the test program, and the tool is a separate process"
+                           : std::string();
+            },
+            [](Column column, Extent const& extent) {
+                constexpr char const* names[] = {"the child leaves", "the child looks up",
+                                                 "the child executes"};
+                std::vector<Case> cases;
+                for (auto const child : {ForkSite::Child::leaves, ForkSite::Child::looksUp,
+                                         ForkSite::Child::executes}) {
+                    Case tried;
+                    tried.name = names[static_cast<int>(child)];
+                    tried.site = [=, port = extent.healthyPort, tool = extent.tool] {
+                        return std::make_unique<ForkSite>(port, column, child, tool);
+                    };
+                    tried.accepted = success(column);
+                    cases.push_back(tried);
+                }
+                return cases;
+            }};
 }
 
 } // namespace

@@ -124,11 +124,10 @@ std::vector<Case> clockCases(Column column, Extent const& extent)
 
 Fault clockJumps()
 {
-    return {
-        "clock", "The time of day jumps by hours and years, once or at every look.", always,
-        clockCases,
-        "A query's deadline is a time of day by its interface: a clock that is put forward ends "
-        "it, and one that is put back lets it wait longer on a silent server."};
+    return {"clock", "The system clock jumps by hours and years, once or whenever it is read.",
+            always, clockCases,
+            "The deadline of a query is a time of day. If the clock is set forward, the query ends "
+            "early; if it is set back, it waits longer for a silent server."};
 }
 
 // Signals
@@ -242,8 +241,8 @@ std::vector<Case> signalCases(Column column, Extent const& extent)
 Fault signals()
 {
     return {"signals",
-            "A signal every millisecond, whose handler does not restart system calls; the tool is "
-            "stopped and continued.",
+            "A signal every millisecond, with a handler that does not restart system calls; the "
+            "tool is stopped and continued.",
             always, signalCases};
 }
 
@@ -280,23 +279,22 @@ private:
 
 Fault brokenPipe()
 {
-    return {
-        "sigpipe",
-        "The connection is reset behind the bind, and every write afterwards meets a broken pipe "
-        "with SIGPIPE at its default action.",
-        always, [](Column column, Extent const&) {
-            Case tried;
-            tried.name = "reset behind the bind";
-            tried.site = [] { return std::make_unique<BrokenPipeSite>(); };
-            tried.accepted = anyOf(
-                {brokenBeforeRequest(column), troubleIn(Step::whoAmI, column, Trouble::broken)});
-            if (column == Column::bind) {
-                tried.accepted = success(column);
-            } else if (column != Column::engine && column != Column::tool) {
-                tried.accepted = brokenBeforeRequest(column);
-            }
-            return std::vector<Case>{tried};
-        }};
+    return {"sigpipe",
+            "The connection is reset after the bind; every later write meets a broken pipe, with "
+            "SIGPIPE at its default action.",
+            always, [](Column column, Extent const&) {
+                Case tried;
+                tried.name = "reset behind the bind";
+                tried.site = [] { return std::make_unique<BrokenPipeSite>(); };
+                tried.accepted = anyOf({brokenBeforeRequest(column),
+                                        troubleIn(Step::whoAmI, column, Trouble::broken)});
+                if (column == Column::bind) {
+                    tried.accepted = success(column);
+                } else if (column != Column::engine && column != Column::tool) {
+                    tried.accepted = brokenBeforeRequest(column);
+                }
+                return std::vector<Case>{tried};
+            }};
 }
 
 } // namespace

@@ -100,7 +100,8 @@ std::vector<Case> failingCases(unsigned long count, Accepted const& accepted, Ex
 
 std::string notForTheTool(Column column)
 {
-    return column == Column::tool ? "another process, whose code is the engine's" : std::string();
+    return column == Column::tool ? "a separate process, which uses the engine's code"
+                                  : std::string();
 }
 
 Fault programMemory()
@@ -112,7 +113,7 @@ Fault programMemory()
             return failingCases<MemorySite<FailingAllocation>>(
                 countIn(column, extent.healthyPort).ofProgram, accepted, extent);
         },
-        "An add whose arrays cannot be built to their end leaves what it had built "
+        "An add that fails while it builds its arrays leaks what it has built "
         "([Behaviours](guide/behaviours.md#a-failed-build-leaks)); this memory is not counted."};
 }
 
@@ -175,10 +176,10 @@ Fault openLdapMemory()
             }
             return cases;
         },
-        "OpenLDAP does not look at every allocation of its own. The function named is the one that "
-        "wanted the memory, or that ended the process. Without memory for a filter it sends the "
-        "search without it, or calls the filter wrong; its readers of an entry say the same at "
-        "the end and without memory; and some paths lose memory or the socket."};
+        "OpenLDAP does not check all of its allocations. The table names the function that failed "
+        "to allocate, or that aborted the process. Without memory for a filter, OpenLDAP sends the "
+        "search without it or reports an invalid filter. Its functions for reading an entry return "
+        "the same at the end and without memory. Some paths leak memory or the socket."};
 }
 
 } // namespace

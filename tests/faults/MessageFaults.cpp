@@ -38,7 +38,9 @@ FaultyServer::Script noticing(Step step, std::string const& notice, bool isAmid,
 
 Fault notice()
 {
-    return {"notice", "A notice of disconnection instead of an answer, or amid it; closed or not.",
+    return {"notice",
+            "A notice of disconnection instead of an answer or during it; then the connection is "
+            "closed or left open.",
             always,
             [](Column column, Extent const&) {
                 std::vector<Case> cases;
@@ -61,30 +63,30 @@ Fault notice()
                 }
                 return cases;
             },
-            "OpenLDAP never frees the notice: 80 bytes and its content."};
+            "OpenLDAP never frees the notice: 80 bytes and its contents."};
 }
 
 Fault namelessNotice()
 {
-    return {
-        "nameless-notice", "An unsolicited notice whose name is missing or empty.", always,
-        [](Column column, Extent const&) {
-            std::vector<Case> cases;
-            for (Step const step : stepsOf(column)) {
-                for (bool const isEmpty : {false, true}) {
-                    std::string const name = isEmpty ? berElement(0x8a, "") : std::string();
-                    cases.push_back(
-                        serverCase(std::string(isEmpty ? "empty, " : "missing, ") + nameOf(step),
-                                   noticing(step, noticeWithoutName(name), false, true),
-                                   troubleIn(step, column, Trouble::broken)));
-                    cases.back().mayOpenLdapCrash = true;
-                    cases.back().mayOpenLdapLeak = true;
+    return {"nameless-notice", "An unsolicited notification whose name is missing or empty.",
+            always,
+            [](Column column, Extent const&) {
+                std::vector<Case> cases;
+                for (Step const step : stepsOf(column)) {
+                    for (bool const isEmpty : {false, true}) {
+                        std::string const name = isEmpty ? berElement(0x8a, "") : std::string();
+                        cases.push_back(serverCase(
+                            std::string(isEmpty ? "empty, " : "missing, ") + nameOf(step),
+                            noticing(step, noticeWithoutName(name), false, true),
+                            troubleIn(step, column, Trouble::broken)));
+                        cases.back().mayOpenLdapCrash = true;
+                        cases.back().mayOpenLdapLeak = true;
+                    }
                 }
-            }
-            return cases;
-        },
-        "OpenLDAP asserts that the notice has a name, and ends the process (ITS#10370): connect "
-        "to servers that are trusted, and verify them."};
+                return cases;
+            },
+            "OpenLDAP asserts that the notice has a name and aborts the process (ITS#10370): "
+            "connect only to trusted servers, and verify them."};
 }
 
 // Codes
@@ -111,7 +113,7 @@ FaultyServer::Script answeringWith(Step step, long code)
 
 Fault bindCodes()
 {
-    return {"bind-codes", "The bind is answered with result code 0 to 123, and with unknown ones.",
+    return {"bind-codes", "The bind is answered with result codes 0 to 123 and with unknown codes.",
             always, [](Column column, Extent const& extent) {
                 std::vector<Case> cases;
                 for (long const code : codes(extent.stride)) {
@@ -165,7 +167,8 @@ FaultyServer::Script misleading(Step step, Misled which, long change, bool close
 Fault wrongIds()
 {
     return {
-        "wrong-ids", "Answers, entries or final responses under the id of another request.", always,
+        "wrong-ids", "Answers, entries or final responses with the message id of another request.",
+        always,
         [](Column column, Extent const&) {
             std::vector<Case> cases;
             for (Step const step : stepsOf(column)) {
@@ -191,8 +194,8 @@ Fault wrongIds()
             }
             return cases;
         },
-        "An entry under the id of another request is nobody's to OpenLDAP, which drops it: what "
-        "is left is a complete answer without entries."};
+        "OpenLDAP drops an entry with the message id of another request; what remains is a "
+        "complete answer without entries."};
 }
 
 // Order
@@ -214,7 +217,7 @@ std::string answerTwice(std::string const& request)
 
 Fault duplicated()
 {
-    return {"duplicated", "Each message, or each whole answer, comes twice.", always,
+    return {"duplicated", "Each message, or each whole answer, arrives twice.", always,
             [](Column column, Extent const&) {
                 std::vector<Case> cases;
                 for (Step const step : stepsOf(column)) {
@@ -248,36 +251,35 @@ std::string finalResponseFirst(std::string const& request)
 
 Fault reordered()
 {
-    return {
-        "reordered", "Answers overtake each other, or come before their question.",
-        [](Column column) {
-            return column == Column::bind ? "one answer is in order" : std::string();
-        },
-        [](Column column, Extent const&) {
-            std::vector<Case> cases;
-            std::vector<Step> const steps = stepsOf(column);
-            for (std::size_t i = 0; i + 1 < steps.size(); ++i) {
-                for (bool const isInFront : {false, true}) {
-                    Step const next = steps[i + 1];
-                    cases.push_back(serverCase(std::string("answer to ") + nameOf(next) +
-                                                   " with that to " + nameOf(steps[i]),
-                                               serveWith(steps[i],
-                                                         [=](std::string const& request) {
-                                                             return withNextAnswer(request, next,
-                                                                                   isInFront);
-                                                         }),
-                                               success(column)));
+    return {"reordered", "Answers arrive in another order, or before their request.",
+            [](Column column) {
+                return column == Column::bind ? "there is only one answer" : std::string();
+            },
+            [](Column column, Extent const&) {
+                std::vector<Case> cases;
+                std::vector<Step> const steps = stepsOf(column);
+                for (std::size_t i = 0; i + 1 < steps.size(); ++i) {
+                    for (bool const isInFront : {false, true}) {
+                        Step const next = steps[i + 1];
+                        cases.push_back(serverCase(std::string("answer to ") + nameOf(next) +
+                                                       " with that to " + nameOf(steps[i]),
+                                                   serveWith(steps[i],
+                                                             [=](std::string const& request) {
+                                                                 return withNextAnswer(
+                                                                     request, next, isInFront);
+                                                             }),
+                                                   success(column)));
+                    }
                 }
-            }
-            if (requestOf(column) == Step::search) {
-                cases.push_back(serverCase("entry behind the final response",
-                                           serveWith(Step::search, finalResponseFirst), {}));
-                cases.back().acceptedAsLimit = nobody(column);
-            }
-            return cases;
-        },
-        "A final response without entries before it says that there are none; an entry behind it "
-        "belongs to no request, and OpenLDAP drops it."};
+                if (requestOf(column) == Step::search) {
+                    cases.push_back(serverCase("entry behind the final response",
+                                               serveWith(Step::search, finalResponseFirst), {}));
+                    cases.back().acceptedAsLimit = nobody(column);
+                }
+                return cases;
+            },
+            "A final response without entries means that there are none. OpenLDAP drops an entry "
+            "that arrives after it."};
 }
 
 // Floods
@@ -304,10 +306,11 @@ FaultyServer::Script flooding(int limit)
 
 Fault endless()
 {
-    return {"endless", "Entries without end, and 5000 entries with an end that is a break.",
+    return {"endless",
+            "An endless stream of entries, and 5000 entries after which the connection breaks.",
             [](Column column) {
                 return requestOf(column) == Step::search ? std::string()
-                                                         : "its answer has no entries";
+                                                         : "the answer has no entries";
             },
             [](Column column, Extent const&) {
                 constexpr int sizeLimitExceeded = 4;
@@ -321,8 +324,8 @@ Fault endless()
                 }
                 return cases;
             },
-            "The waits of search, pool and query are for each message, as documented, so only the "
-            "engine and the tool meet entries without end."};
+            "The timeouts of search, pool and query apply to each message, as documented. Only the "
+            "engine and the tool are tested with an endless answer."};
 }
 
 } // namespace

@@ -38,14 +38,14 @@ def matrix(faults, cells):
 
 
 def meanings(faults):
-    yield "| fault | what is done |"
+    yield "| fault | what happens |"
     yield "|---|---|"
     for fault in faults:
         yield f"| {fault['fault']} | {fault['meaning']} |"
 
 
 def limits(faults, cells):
-    yield "| fault | limit | where, and in how many cases |"
+    yield "| fault | limit | operations, with the number of cases |"
     yield "|---|---|---|"
     for fault in faults:
         shown = {}
@@ -83,8 +83,8 @@ def section(faults, cells, versions):
     yield (f"{tried} cases in {len(run)} cells; {failed} failed, {limited} showed a known limit. "
            f"Versions: {', '.join(versions)}.")
     yield ""
-    yield ("`✓ 12 +3`: 12 cases as promised, 3 more with a [known limit](#known-limits). `✗ 2`: 2 "
-           "failed. `–`: [makes no sense](#cells-without-a-case).")
+    yield ("`✓ 12 +3`: 12 cases passed, 3 more showed a [known limit](#known-limits). `✗ 2`: 2 "
+           "failed. `–`: [not applicable](#cells-without-a-case).")
     yield ""
     yield from matrix(faults, cells)
     yield ""
@@ -92,7 +92,7 @@ def section(faults, cells, versions):
     yield ""
     yield "### Known limits"
     yield ""
-    yield "These are the installed OpenLDAP's, the protocol's, or an interface's that is settled."
+    yield "These limits are in OpenLDAP, in the LDAP protocol, or in an interface that must not change."
     yield ""
     yield from reasons(faults)
     yield ""

@@ -4,27 +4,27 @@ import judgement
 
 BEGIN, END = "<!-- soak -->", "<!-- /soak -->"
 WAYS = {
-    "engine-balancer": "engine, by the balancer",
+    "engine-balancer": "engine, balancer",
     "engine-list": "engine, list of both servers",
-    "pool-balancer": "pool, by the balancer",
+    "pool-balancer": "pool, balancer",
 }
 KINDS = {
     "crash": "killed (SIGKILL), started again",
     "hang": "paused (SIGSTOP), resumed",
     "restart": "shut down, started again",
-    "blackout": "both killed; counted from the first one's return",
+    "blackout": "both killed; counted from the restart of the first",
 }
 
 
 ABOUT = f"""\
-`scripts/soak` has threads look users up by the engine through a balancer, by the engine with both
-servers as its list, and by the pool through the balancer, while the servers are killed, paused and
-restarted at random and the balancer closes connections that are idle. Four of five questions are for
-users who exist: the answer must be that user and no other. The fifth is for nobody. It fails with a
-wrong answer, a descriptor that is left, memory that grows, or nobody answered for more than
-{judgement.LONGEST_STRETCH:.0f} s though a server is up. The network timeout is 1 s and the deadline
-5 s, and the ways through the balancer have nothing but the balancer: less than
-[the guide](guide/replicas.md#the-library) advises.
+`scripts/soak` runs lookups in many threads while it kills, pauses and restarts two replicated servers at
+random, and the balancer closes idle connections. A third of the threads uses the engine through the
+balancer, a third the engine with both servers in its list, a third the pool through the balancer. Four of
+five lookups are for an existing user, and the answer must be that user. The fifth is for an address that
+does not exist. The run fails on a wrong answer, a leaked descriptor, growing memory, or more than
+{judgement.LONGEST_STRETCH:.0f} s without any answer while a server is up. The settings are harsher than
+[the guide](guide/replicas.md#the-library) recommends: a network timeout of 1 s, a deadline of 5 s, and
+only the balancer as the server of the first and the last third.
 """
 
 
@@ -42,7 +42,7 @@ def _felt(recovery):
 
 def _memory(memory):
     if "first" not in memory:
-        return "too short a run to tell"
+        return "the run was too short to measure it"
     text = (f"{memory['first'] / 1024:.1f} MiB in the first third after warm-up, "
             f"{memory['last'] / 1024:.1f} MiB in the last")
     return text if memory["isJudged"] else text + " (not judged in a run of this kind)"
@@ -63,17 +63,16 @@ def section(soak):
         f"{len(soak['faults'])} faults, seed {soak['seed']}. "
         f"{total:,} lookups, **{sum(way['wrong'] for way in ways)} wrong answers**.", ""]
     lines += _table(
-        ["way", "threads", "lookups", "found", "not found", "without an answer",
+        ["lookups by", "threads", "lookups", "found", "not found", "without an answer",
          "p50 / p99 / p99.9 / max, ms"],
         [[WAYS[way["name"]], way["threads"], f"{way['lookups']:,}", f"{way['found']:,}",
           f"{way['notFound']:,}", _errors(way),
           " / ".join(f"{way['milliseconds'][share]:.3g}" if way["milliseconds"][share] < 1000
                      else f"{way['milliseconds'][share]:.0f}"
                      for share in ("p50", "p99", "p99.9", "max"))] for way in ways])
-    lines += ["", "How long a fault was felt, in seconds, median / longest: until *any* lookup of "
-              "the way had its answer again, and until the *last* of its threads had one; 0: for "
-              "less than 0.1 s. *Failed*: lookups that ended without an answer, of all faults of "
-              "the kind.", ""]
+    lines += ["", "Outage after a fault, in seconds, median / longest: until *any* thread of the column got "
+              "an answer again, and until the *last* one did; 0 means less than 0.1 s. *Failed*: "
+              "lookups without an answer, after all faults of the kind.", ""]
     kinds = [kind for kind in KINDS if kind in ways[0]["recoveries"]]
     lines += _table(
         ["fault", "times", *(f"{WAYS[way['name']]}: any | last | failed" for way in ways)],
@@ -83,18 +82,18 @@ def section(soak):
     descriptors, memory = soak["descriptors"], soak["memory"]
     lines += [
         "",
-        "- Longest stretch without an answer while a server was up: "
+        "- Longest time without any answer while a server was up: "
         f"{max(way['longestStretch'] for way in ways):.2f} s (allowed: "
         f"{judgement.LONGEST_STRETCH:.0f} s).",
-        f"- Lookups that failed with no fault near: {sum(way['strayErrors'] for way in ways)}.",
+        f"- Lookups that failed without a recent fault: {sum(way['strayErrors'] for way in ways)}.",
         f"- Descriptors: {descriptors['before']} before, {descriptors['after']} after, "
         f"{descriptors['most']} at most.",
         f"- Memory (resident set): {_memory(memory)}.",
-        "- Connections that the balancer had closed while they were idle: found by the engine's "
-        f"look before use {_counted(ways, 'stale')}; lookups repeated on another connection "
+        "- Idle connections closed by the balancer, detected on checkout: "
+        f"{_counted(ways, 'stale')}. Lookups retried on another connection: "
         f"{_counted(ways, 'repeated')}.",
-        f"- Replication, which is the servers' own matter: {soak['added']} entries were added "
-        "meanwhile, at either server; in the end the servers had "
+        f"- Replication (a matter of the servers): {soak['added']} entries were added during the run; "
+        "at the end the servers had "
         f"{' and '.join(str(count) for count in soak['entries'])} of them.",
         f"- {soak['machine']}. {soak['versions']}. Build: {soak['preset']}. "
         f"Load average {soak['load'][0]:.1f} at the start, {soak['load'][1]:.1f} at the end.",
