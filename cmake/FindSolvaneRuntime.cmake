@@ -1,7 +1,7 @@
 # Finds the product's runtime below the prefix in SOLVANE_RUNTIME; makes the target Solvane::runtime.
 #
-# The prefix has the headers as include/solvart/*.h and the library, shared, as lib/libsolvart.so or as
-# the product's own libsolvart++.so with libsolvaparser.so and liblwipc.so beside it. Sets
+# The prefix has the headers as include/solvart/*.h and the library, shared, as lib/libsolvart.so or
+# as the product's own libsolvart++.so with libsolvaparser.so and liblwipc.so beside it. Sets
 #   SolvaneRuntime_INCLUDE_DIR  the folder of solvart/
 #   SolvaneRuntime_LIBRARIES    the libraries' files
 #   SolvaneRuntime_LIBRARY_DIR  the folder they are in

@@ -44,9 +44,9 @@ else()
 endif()
 
 # solvane_install_rpath(LIBDIR TARGET...): where installed targets find their libraries: in LIBDIR,
-# relative to themselves, and an outside runtime in its own folder unless that is one of the system's.
-# CMAKE_INSTALL_RPATH replaces both; CMAKE_SKIP_INSTALL_RPATH leaves both out, as Debian's packages
-# want it.
+# relative to themselves, and an outside runtime in its own folder unless that is one of the
+# system's. CMAKE_INSTALL_RPATH replaces both; CMAKE_SKIP_INSTALL_RPATH leaves both out, as Debian's
+# packages want it.
 function(solvane_install_rpath libdir)
     if(DEFINED CMAKE_INSTALL_RPATH)
         return() # the targets have taken it over
