@@ -1,9 +1,9 @@
-# Finds OpenLDAP's client libraries; makes the targets OpenLDAP::lber, OpenLDAP::ldap and
-# OpenLDAP::ldap_r, the reentrant library (from 2.5 on another name of libldap).
+# Finds OpenLDAP's client libraries; makes the targets OpenLDAP::lber and OpenLDAP::ldap_r, the
+# thread-safe library: libldap_r in 2.4, whose libldap is not; from 2.5 on libldap itself.
+# OpenLDAP::ldap is the same: a process must not load both.
 
 find_path(OpenLDAP_INCLUDE_DIR ldap.h)
 find_library(OpenLDAP_LBER_LIBRARY lber)
-find_library(OpenLDAP_LDAP_LIBRARY ldap)
 find_library(OpenLDAP_LDAP_R_LIBRARY NAMES ldap_r ldap)
 
 if(OpenLDAP_INCLUDE_DIR AND EXISTS "${OpenLDAP_INCLUDE_DIR}/ldap_features.h")
@@ -15,13 +15,11 @@ endif()
 
 include(FindPackageHandleStandardArgs)
 find_package_handle_standard_args(OpenLDAP
-    REQUIRED_VARS OpenLDAP_LDAP_R_LIBRARY OpenLDAP_LDAP_LIBRARY OpenLDAP_LBER_LIBRARY
-                  OpenLDAP_INCLUDE_DIR
-    VERSION_VAR OpenLDAP_VERSION
-    REASON_FAILURE_MESSAGE "On Debian: apt-get install libldap-dev")
+    REQUIRED_VARS OpenLDAP_LDAP_R_LIBRARY OpenLDAP_LBER_LIBRARY OpenLDAP_INCLUDE_DIR
+    VERSION_VAR OpenLDAP_VERSION)
 
 if(OpenLDAP_FOUND)
-    foreach(name lber ldap ldap_r)
+    foreach(name lber ldap_r)
         if(NOT TARGET OpenLDAP::${name})
             string(TOUPPER ${name} upper)
             add_library(OpenLDAP::${name} UNKNOWN IMPORTED)
@@ -30,6 +28,8 @@ if(OpenLDAP_FOUND)
                 INTERFACE_INCLUDE_DIRECTORIES "${OpenLDAP_INCLUDE_DIR}")
         endif()
     endforeach()
+    if(NOT TARGET OpenLDAP::ldap)
+        add_library(OpenLDAP::ldap ALIAS OpenLDAP::ldap_r)
+    endif()
 endif()
-mark_as_advanced(OpenLDAP_INCLUDE_DIR OpenLDAP_LBER_LIBRARY OpenLDAP_LDAP_LIBRARY
-                 OpenLDAP_LDAP_R_LIBRARY)
+mark_as_advanced(OpenLDAP_INCLUDE_DIR OpenLDAP_LBER_LIBRARY OpenLDAP_LDAP_R_LIBRARY)

@@ -1,36 +1,54 @@
 # Finds the product's runtime below the prefix in SOLVANE_RUNTIME; makes the target Solvane::runtime.
 #
-# The prefix has the headers as include/solvart/*.h and the library, shared, as
-# lib/libsolvart.so or as the product's own libsolvart++, libsolvaparser and liblwipc.
+# The prefix has the headers as include/solvart/*.h and the library, shared, as lib/libsolvart.so or
+# as the product's own libsolvart++.so with libsolvaparser.so and liblwipc.so beside it. Sets
+#   SolvaneRuntime_INCLUDE_DIR  the folder of solvart/
+#   SolvaneRuntime_LIBRARIES    the libraries' files
+#   SolvaneRuntime_LIBRARY_DIR  the folder they are in
 
-find_path(SolvaneRuntime_INCLUDE_DIR solvart/Exception.h
-    HINTS "${SOLVANE_RUNTIME}" PATH_SUFFIXES include NO_DEFAULT_PATH)
-find_library(SolvaneRuntime_LIBRARY NAMES solvart solvart++
-    HINTS "${SOLVANE_RUNTIME}" PATH_SUFFIXES lib lib/${CMAKE_LIBRARY_ARCHITECTURE} lib64
-    NO_DEFAULT_PATH)
-foreach(name solvaparser lwipc) # only where the runtime is split
-    find_library(SolvaneRuntime_${name}_LIBRARY ${name}
+# What an earlier run found says nothing: the prefix may be another one now, or hold another runtime.
+foreach(name INCLUDE_DIR LIBRARY solvaparser_LIBRARY lwipc_LIBRARY)
+    unset(SolvaneRuntime_${name})
+    unset(SolvaneRuntime_${name} CACHE)
+endforeach()
+set(SolvaneRuntime_LIBRARIES "")
+
+if(IS_ABSOLUTE "${SOLVANE_RUNTIME}")
+    set(SolvaneRuntime_REASON "no include/solvart/Exception.h with lib/libsolvart.so or \
+lib/libsolvart++.so below SOLVANE_RUNTIME, which is ${SOLVANE_RUNTIME}")
+    find_path(SolvaneRuntime_INCLUDE_DIR solvart/Exception.h
+        HINTS "${SOLVANE_RUNTIME}" PATH_SUFFIXES include NO_DEFAULT_PATH)
+    find_library(SolvaneRuntime_LIBRARY NAMES libsolvart.so libsolvart++.so
         HINTS "${SOLVANE_RUNTIME}" PATH_SUFFIXES lib lib/${CMAKE_LIBRARY_ARCHITECTURE} lib64
         NO_DEFAULT_PATH)
-    mark_as_advanced(SolvaneRuntime_${name}_LIBRARY)
-endforeach()
+else()
+    set(SolvaneRuntime_REASON "SOLVANE_RUNTIME must be 'bundled' or the absolute path of a prefix, \
+not '${SOLVANE_RUNTIME}'")
+endif()
 
-include(FindPackageHandleStandardArgs)
-find_package_handle_standard_args(SolvaneRuntime
-    REQUIRED_VARS SolvaneRuntime_LIBRARY SolvaneRuntime_INCLUDE_DIR
-    REASON_FAILURE_MESSAGE "SOLVANE_RUNTIME must be a prefix that has include/solvart and lib/libsolvart.so")
-
-if(SolvaneRuntime_FOUND AND NOT TARGET Solvane::runtime)
-    add_library(Solvane::runtime UNKNOWN IMPORTED)
-    set_target_properties(Solvane::runtime PROPERTIES
-        IMPORTED_LOCATION "${SolvaneRuntime_LIBRARY}"
-        INTERFACE_INCLUDE_DIRECTORIES "${SolvaneRuntime_INCLUDE_DIR}"
-        INTERFACE_COMPILE_FEATURES cxx_std_17)
-    foreach(name solvaparser lwipc)
+if(SolvaneRuntime_LIBRARY)
+    set(SolvaneRuntime_LIBRARIES "${SolvaneRuntime_LIBRARY}")
+    get_filename_component(SolvaneRuntime_LIBRARY_DIR "${SolvaneRuntime_LIBRARY}" DIRECTORY)
+    foreach(name solvaparser lwipc) # only where the runtime is split
+        find_library(SolvaneRuntime_${name}_LIBRARY lib${name}.so
+            HINTS "${SolvaneRuntime_LIBRARY_DIR}" NO_DEFAULT_PATH)
         if(SolvaneRuntime_${name}_LIBRARY)
-            set_property(TARGET Solvane::runtime APPEND PROPERTY
-                INTERFACE_LINK_LIBRARIES "${SolvaneRuntime_${name}_LIBRARY}")
+            list(APPEND SolvaneRuntime_LIBRARIES "${SolvaneRuntime_${name}_LIBRARY}")
         endif()
     endforeach()
 endif()
-mark_as_advanced(SolvaneRuntime_INCLUDE_DIR SolvaneRuntime_LIBRARY)
+
+include(FindPackageHandleStandardArgs)
+find_package_handle_standard_args(SolvaneRuntime
+    REQUIRED_VARS SolvaneRuntime_LIBRARIES SolvaneRuntime_INCLUDE_DIR
+    REASON_FAILURE_MESSAGE "${SolvaneRuntime_REASON}")
+
+if(SolvaneRuntime_FOUND AND NOT TARGET Solvane::runtime)
+    add_library(Solvane::runtime INTERFACE IMPORTED)
+    set_target_properties(Solvane::runtime PROPERTIES
+        INTERFACE_INCLUDE_DIRECTORIES "${SolvaneRuntime_INCLUDE_DIR}"
+        INTERFACE_LINK_LIBRARIES "${SolvaneRuntime_LIBRARIES}"
+        INTERFACE_COMPILE_FEATURES cxx_std_17)
+endif()
+mark_as_advanced(SolvaneRuntime_INCLUDE_DIR SolvaneRuntime_LIBRARY SolvaneRuntime_solvaparser_LIBRARY
+    SolvaneRuntime_lwipc_LIBRARY)

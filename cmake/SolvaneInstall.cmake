@@ -1,9 +1,27 @@
 # Installation: libraries, headers, CMake package and pkg-config files, by components: 'runtime' for
 # the stand-in's library, 'library' for what programs run with, 'development' for what they are
-# built with. The tool's folder installs 'tool', cmake/packaging 'documentation'.
+# built with. The tool's folder installs 'tool', cmake/packaging 'documentation'. Apart from these,
+# 'runtime-development' is the stand-in whole and alone: a prefix for SOLVANE_RUNTIME.
 
 include(CMakePackageConfigHelpers)
 set(SOLVANE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/SolvaneLDAP")
+
+if(NOT SOLVANE_RUNTIME STREQUAL "bundled")
+    # Programs must not be compiled with the headers of a stand-in that an earlier installation left.
+    install(CODE "set(includedir \"${CMAKE_INSTALL_INCLUDEDIR}\")"
+        CODE "set(runtime \"${SolvaneRuntime_INCLUDE_DIR}/solvart\")"
+        CODE [[
+            set(there "${CMAKE_INSTALL_PREFIX}/${includedir}/solvart")
+            if("$ENV{DESTDIR}" STREQUAL "" AND EXISTS "${there}")
+                file(REAL_PATH "${there}" there)
+                file(REAL_PATH "${runtime}" runtime)
+                if(NOT there STREQUAL runtime)
+                    message(FATAL_ERROR "${there} has the headers of another runtime than "
+                        "${runtime}. Remove it, or install into another prefix.")
+                endif()
+            endif()]]
+        COMPONENT development)
+endif()
 
 install(TARGETS solvane_ldap solvane_lookup EXPORT SolvaneLDAPTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
@@ -16,14 +34,31 @@ if(SOLVANE_RUNTIME STREQUAL "bundled")
                 COMPONENT runtime NAMELINK_COMPONENT development)
     install(DIRECTORY "${PROJECT_SOURCE_DIR}/runtime/include/solvart"
         DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
-    set(SOLVANE_RUNTIME_CFLAGS "")
-    set(SOLVANE_RUNTIME_LIBS "-lsolvart")
+    install(TARGETS solvane_runtime
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} COMPONENT runtime-development EXCLUDE_FROM_ALL)
+    install(DIRECTORY "${PROJECT_SOURCE_DIR}/runtime/include/solvart"
+        DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT runtime-development EXCLUDE_FROM_ALL)
 else()
     install(FILES "${PROJECT_SOURCE_DIR}/cmake/FindSolvaneRuntime.cmake"
         DESTINATION ${SOLVANE_CMAKE_DIR} COMPONENT development)
-    set(SOLVANE_RUNTIME_CFLAGS "-I${SolvaneRuntime_INCLUDE_DIR}")
-    set(SOLVANE_RUNTIME_LIBS "${SolvaneRuntime_LIBRARY}")
 endif()
+
+# solvane_install_rpath(LIBDIR TARGET...): where installed targets find their libraries: in LIBDIR,
+# relative to themselves, and an outside runtime in its own folder unless that is one of the
+# system's. CMAKE_INSTALL_RPATH replaces both; CMAKE_SKIP_INSTALL_RPATH leaves both out, as Debian's
+# packages want it.
+function(solvane_install_rpath libdir)
+    if(DEFINED CMAKE_INSTALL_RPATH)
+        return() # the targets have taken it over
+    endif()
+    set(folders "${libdir}")
+    if(SolvaneRuntime_LIBRARY_DIR
+       AND NOT SolvaneRuntime_LIBRARY_DIR IN_LIST CMAKE_CXX_IMPLICIT_LINK_DIRECTORIES)
+        list(APPEND folders "${SolvaneRuntime_LIBRARY_DIR}")
+    endif()
+    set_target_properties(${ARGN} PROPERTIES INSTALL_RPATH "${folders}")
+endfunction()
+solvane_install_rpath("\$ORIGIN" solvane_ldap solvane_lookup)
 
 install(EXPORT SolvaneLDAPTargets NAMESPACE Solvane:: DESTINATION ${SOLVANE_CMAKE_DIR}
     COMPONENT development)
@@ -36,6 +71,18 @@ write_basic_package_version_file(
     COMPATIBILITY SameMajorVersion)
 # Relative, so that the file is right under whatever prefix it is installed or moved to.
 file(RELATIVE_PATH SOLVANE_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
+if(SOLVANE_RUNTIME STREQUAL "bundled")
+    set(SOLVANE_RUNTIME_INCLUDEDIR "\${includedir}")
+    set(SOLVANE_RUNTIME_LIBDIR "\${libdir}")
+    set(SOLVANE_RUNTIME_LIBS "-lsolvart")
+else()
+    # A blank would end the path.
+    string(REPLACE " " "\\ " SOLVANE_RUNTIME_INCLUDEDIR "${SolvaneRuntime_INCLUDE_DIR}")
+    string(REPLACE " " "\\ " SOLVANE_RUNTIME_LIBDIR "${SolvaneRuntime_LIBRARY_DIR}")
+    list(TRANSFORM SolvaneRuntime_LIBRARIES REPLACE "^.*/lib(.+)\\.so$" "-l\\1"
+        OUTPUT_VARIABLE SOLVANE_RUNTIME_LIBS)
+    list(JOIN SOLVANE_RUNTIME_LIBS " " SOLVANE_RUNTIME_LIBS)
+endif()
 foreach(name solvane-ldap solvane-lookup)
     configure_file("${PROJECT_SOURCE_DIR}/cmake/${name}.pc.in" "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)
 endforeach()

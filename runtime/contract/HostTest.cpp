@@ -2,6 +2,7 @@
 #include <solvart/Host.h>
 
 #include <solvart/Exception.h>
+#include <solvart/IPAddress.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
