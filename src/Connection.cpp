@@ -20,6 +20,7 @@
 #include <cerrno>
 #include <ctime>
 #include <mutex>
+#include <sstream>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -119,7 +120,9 @@ std::string LDAPConnection::Server::uriText() const
     }
     Host const resolved(host, false);
     if (!resolved.isNull() && resolved.address() != nullptr) {
-        return around(resolved.address()->asString());
+        std::ostringstream address;
+        address << *resolved.address();
+        return around(address.str());
     }
     std::string const message = "Invalid hostname: " + host;
     log(message);

@@ -4,8 +4,10 @@
 #include "FaultSite.h"
 
 #include <solvart/Host.h>
+#include <solvart/IPAddress.h>
 
 #include <algorithm>
+#include <sstream>
 
 namespace Solvane::Lookup {
 
@@ -26,7 +28,9 @@ std::string addressOf(std::string const& host)
     if (resolved.isNull()) {
         throw faultAt(at::hostUnknown, "the host '" + host + "' does not resolve");
     }
-    return resolved.address()->asString();
+    std::ostringstream address;
+    address << *resolved.address();
+    return address.str();
 }
 
 } // namespace
