@@ -105,9 +105,6 @@ def targets(measured):
     template = measured.values.time("template/(mail=$m)", cpu=True)
     printf = measured.values.time("snprintf/(mail=%s@%s)", cpu=True)
     users = measured.machine["users"]
-    heap, read = (pinned.note("big search", who, "heap", users)
-                  / pinned.note("big search", "wire", "bytes", users)
-                  for who in ("library", "library, read"))
     return [
         noLessThan("lookup on a kept connection, times raw calls' rate; one processor", 0.98,
                 pinned.faster("lookup", "library", "raw"), again),
@@ -115,14 +112,12 @@ def targets(measured):
                 pinned.faster("lookup", "pool", "raw"), again),
         noLessThan("64 sent, then awaited, times one at a time", 2.2,
                 free.faster("window", "library in batches", "library one at a time", 64)),
-        noLessThan(f"{users:,} entries by one search, stored, times a loop that stores nothing; "
-                "one processor", 1.0, pinned.faster("big search", "library", "raw"),
+        noLessThan(f"{users:,} entries by one search, stored and every value read, times a loop that "
+                "stores nothing; one processor", 0.85, pinned.faster("big search", "library", "raw"),
                 pinned.faster("big search", "raw again", "raw")),
-        noMoreThan(f"memory of a stored entry, times its bytes on the wire ({read:.1f} once it was read)", 5,
-                Exactly(heap)),
-        noMoreThan("checkout and return, 63 of 64 connections busy", 1.0,
+        noMoreThan("checkout and return, 63 of 64 connections busy", 1.5,
                measured.scaled("checkout, one idle/64", cpu=True), unit=" µs"),
-        noMoreThan("checkout and return, 511 of 512 connections busy", 4.0,
+        noMoreThan("checkout and return, 511 of 512 connections busy", 8.0,
                measured.scaled("checkout, one idle/512", cpu=True), unit=" µs"),
         noLessThan("64 threads, a checkout for each lookup, times the rate of kept connections", 0.97,
                 free.faster("threads", "pool", "library", 64)),
@@ -190,7 +185,7 @@ def contenderLines(measured):
             ("add", "library", "raw", "add, one at a time"),
             ("add", "library, 64 in flight", "raw, 64 in flight", "add, 64 in flight"),
             ("big search", "raw again", "raw", "one big search, raw calls: the noise"),
-            ("big search", "library", "raw", "one big search, stored; raw calls store nothing")):
+            ("big search", "library", "raw", "one big search, stored and read; raw calls store nothing")):
         cells = [name]
         for records in (measured.pinned, measured.free):
             cells += [records.faster(row, contender, against).text(),
@@ -364,7 +359,6 @@ def drawn(measured):
     yield "memory", plots.plot(
         "Memory of stored entries", "entries of a search", "bytes",
         [fitted("stored by the library", growth.notes("entries", "library", "heap")),
-         fitted("stored, then read", growth.notes("entries", "library, read", "heap")),
          ("on the wire", growth.notes("entries", "wire", "bytes"))])
     nanoseconds = lambda points: [(size, cost * 1e-9) for size, cost in points]
     yield "checkout", plots.plot(

@@ -3,13 +3,15 @@
 
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
 
-#include "EntryBuilder.h"
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
 #include <solvart/StringHelpers.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
 #include <utility>
 
 namespace Solvane {
@@ -49,6 +51,26 @@ std::string takeFront(std::string& text, std::string::size_type count)
     return front;
 }
 
+/// The lock of the caches of a body, which const operations fill in any thread. Bodies share a few:
+/// one in each would be as large as the texts of most. Held while one cache is looked at and filled,
+/// and no other lock with it.
+std::mutex& cacheLockOf(void const* body)
+{
+    struct alignas(64) Slot { // a cache line
+        std::mutex mutex;
+    };
+    constexpr std::size_t count = 61; // prime: bodies lie at even distances
+    static Slot slots[count];
+    return slots[reinterpret_cast<std::uintptr_t>(body) / alignof(std::max_align_t) % count].mutex;
+}
+
+using CacheLock = std::lock_guard<std::mutex>;
+
+// What the binary flag of a description says.
+constexpr unsigned int undecided = 0;
+constexpr unsigned int binary = 1;
+constexpr unsigned int notBinary = 2;
+
 } // namespace
 
 // Attribute description, handle
@@ -63,6 +85,8 @@ LDAPAttributeType::LDAPAttributeType(std::string const& text)
 
 LDAPAttributeType::LDAPAttributeType(LDAPAttributeType const& other) = default;
 LDAPAttributeType& LDAPAttributeType::operator=(LDAPAttributeType const& other) = default;
+LDAPAttributeType::LDAPAttributeType(LDAPAttributeType&& other) noexcept = default;
+LDAPAttributeType& LDAPAttributeType::operator=(LDAPAttributeType&& other) noexcept = default;
 LDAPAttributeType::~LDAPAttributeType() = default;
 
 bool LDAPAttributeType::isNull() const { return m_impl.isNull(); }
@@ -106,8 +130,8 @@ void LDAPAttributeTypeImpl::parse(std::string const& text)
     // that pass leading blanks rely on what comes of it.
     std::string::size_type const end = text.find(';');
     if (end == std::string::npos) {
-        m_text = rest;
-        m_type = rest;
+        m_textForm = rest;
+        m_type = std::move(rest);
         return;
     }
     m_type = rest.substr(0, end);
@@ -121,13 +145,14 @@ void LDAPAttributeTypeImpl::parse(std::string const& text)
 
 void LDAPAttributeTypeImpl::add(std::string const& option)
 {
-    m_text.clear();
+    m_textForm.clear();
     m_binary = undecided;
     m_options.push_back(trimmed(option));
 }
 
 bool LDAPAttributeTypeImpl::isBinary() const
 {
+    CacheLock const lock(cacheLockOf(this));
     if (m_binary == undecided) {
         bool const found =
             std::any_of(m_options.begin(), m_options.end(), [](std::string const& option) {
@@ -140,15 +165,15 @@ bool LDAPAttributeTypeImpl::isBinary() const
 
 std::string const& LDAPAttributeTypeImpl::asString() const
 {
-    if (!m_text.empty() || m_type.empty()) {
-        return m_text;
+    CacheLock const lock(cacheLockOf(this));
+    if (m_textForm.empty() && !m_type.empty()) {
+        std::string text = m_type;
+        for (std::string const& option : m_options) {
+            text.append(1, ';').append(option);
+        }
+        m_textForm = std::move(text);
     }
-    std::string text = m_type;
-    for (std::string const& option : m_options) {
-        text.append(1, ';').append(option);
-    }
-    m_text = std::move(text);
-    return m_text;
+    return m_textForm;
 }
 
 // Attribute, handle
@@ -166,6 +191,13 @@ LDAPAttribute::LDAPAttribute(LDAPAttributeType const& type, berval** values) : L
     m_impl.body()->value(values);
 }
 
+LDAPAttribute::LDAPAttribute(LDAPAttributeType&& type, berval** values)
+{
+    m_impl.create();
+    m_impl.body()->type(std::move(type));
+    m_impl.body()->value(values);
+}
+
 LDAPAttribute::LDAPAttribute(LDAPAttributeType const& type, Buffer const& value)
     : LDAPAttribute(type)
 {
@@ -174,6 +206,8 @@ LDAPAttribute::LDAPAttribute(LDAPAttributeType const& type, Buffer const& value)
 
 LDAPAttribute::LDAPAttribute(LDAPAttribute const& other) = default;
 LDAPAttribute& LDAPAttribute::operator=(LDAPAttribute const& other) = default;
+LDAPAttribute::LDAPAttribute(LDAPAttribute&& other) noexcept = default;
+LDAPAttribute& LDAPAttribute::operator=(LDAPAttribute&& other) noexcept = default;
 LDAPAttribute::~LDAPAttribute() = default;
 
 bool LDAPAttribute::isNull() const { return m_impl.isNull(); }
@@ -211,30 +245,29 @@ std::string const& LDAPAttribute::asString(char separator) const
 LDAPAttributeImpl::LDAPAttributeImpl() = default;
 
 LDAPAttributeImpl::LDAPAttributeImpl(LDAPAttributeImpl const& other)
-    : RefImpl(other), m_type(other.type()), m_values(other.m_values),
-      m_texts(other.m_texts ? std::make_unique<Texts>(*other.m_texts) : nullptr)
+    : RefImpl(other), m_type(other.m_type), m_values(other.m_values)
 {
+    CacheLock const lock(cacheLockOf(&other));
+    m_textValues = other.m_textValues;
+    m_textForm = other.m_textForm;
 }
 
 LDAPAttributeImpl& LDAPAttributeImpl::operator=(LDAPAttributeImpl const& other)
 {
     if (this != &other) {
-        type(other.type());
+        m_type = other.m_type;
         m_values = other.m_values;
-        if (m_texts || other.m_texts) {
-            texts() = other.m_texts ? *other.m_texts : Texts(); // in place: callers refer to them
-        }
+        CacheLock const lock(cacheLockOf(&other));
+        m_textValues = other.m_textValues;
+        m_textForm = other.m_textForm;
     }
     return *this;
 }
 
 LDAPAttributeImpl::~LDAPAttributeImpl() = default;
 
-void LDAPAttributeImpl::type(LDAPAttributeType const& type)
-{
-    m_type = type;
-    m_description.clear();
-}
+void LDAPAttributeImpl::type(LDAPAttributeType const& type) { m_type = type; }
+void LDAPAttributeImpl::type(LDAPAttributeType&& type) { m_type = std::move(type); }
 
 // The setters leave the cached texts alone: what value() has answered once, it goes on answering.
 
@@ -259,21 +292,20 @@ void LDAPAttributeImpl::value(berval** values)
 
 std::list<std::string> const& LDAPAttributeImpl::value() const
 {
-    std::list<std::string>& cached = texts().values;
-    if (cached.empty()) {
+    CacheLock const lock(cacheLockOf(this));
+    if (m_textValues.empty() && !m_values.empty()) {
         std::list<std::string> made; // a cache half built would be taken for a whole one
         for (Buffer const& bytes : m_values) {
             made.emplace_back(reinterpret_cast<char const*>(bytes.data()), bytes.length());
         }
-        cached.swap(made);
+        m_textValues.swap(made);
     }
-    return cached;
+    return m_textValues;
 }
 
 std::string const& LDAPAttributeImpl::asString(char separator) const
 {
-    std::string& joined = texts().joined;
-    joined.clear();
+    std::string joined;
     bool first = true;
     for (std::string const& text : value()) {
         if (!first) {
@@ -282,7 +314,11 @@ std::string const& LDAPAttributeImpl::asString(char separator) const
         joined.append(text);
         first = false;
     }
-    return joined;
+    CacheLock const lock(cacheLockOf(this));
+    if (m_textForm != joined) { // else another thread may be reading it
+        m_textForm = std::move(joined);
+    }
+    return m_textForm;
 }
 
 // Container, handle
@@ -303,6 +339,11 @@ LDAPAttributeContainer::~LDAPAttributeContainer() = default;
 bool LDAPAttributeContainer::isNull() const { return m_impl.isNull(); }
 
 void LDAPAttributeContainer::add(LDAPAttribute const& attribute) { m_impl.body()->add(attribute); }
+
+void LDAPAttributeContainer::add(LDAPAttribute&& attribute)
+{
+    m_impl.body()->add(std::move(attribute));
+}
 
 void LDAPAttributeContainer::add(std::list<LDAPAttribute> const& attributes)
 {
@@ -328,27 +369,17 @@ LDAPAttributeContainerImpl::~LDAPAttributeContainerImpl() = default;
 
 void LDAPAttributeContainerImpl::add(LDAPAttribute const& attribute)
 {
-    if (m_packed) {
-        unpack();
-    }
     m_attributes.push_back(attribute);
+}
+
+void LDAPAttributeContainerImpl::add(LDAPAttribute&& attribute)
+{
+    m_attributes.push_back(std::move(attribute));
 }
 
 void LDAPAttributeContainerImpl::add(std::list<LDAPAttribute> const& attributes)
 {
-    if (m_packed) {
-        unpack();
-    }
     m_attributes.insert(m_attributes.end(), attributes.begin(), attributes.end());
-}
-
-/// Makes the attributes of the block, or leaves all as it is where memory ends.
-void LDAPAttributeContainerImpl::unpack() const
-{
-    std::list<LDAPAttribute> made;
-    EntryBuilder::unpack(m_packed.get(), made);
-    m_attributes.swap(made);
-    m_packed.reset();
 }
 
 LDAPAttribute LDAPAttributeContainerImpl::find(LDAPAttributeType const& type) const

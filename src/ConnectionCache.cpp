@@ -32,34 +32,32 @@ constexpr TraceSite clearing              { traceUnit,  664, "clear",         Tr
 /// Gives the in-use marker of a connection taken for the caller back unless it was passed on.
 class MarkerGuard : public NonCopyable {
 public:
+    explicit MarkerGuard(Semaphore& marker) : m_marker(&marker) {}
     ~MarkerGuard()
     {
-        if (m_connection != nullptr) {
-            m_connection->cacheMarkAsAvailable();
+        if (m_marker != nullptr) {
+            m_marker->post();
         }
     }
-    void hold(LDAPConnection& connection) { m_connection = &connection; }
-    LDAPConnection const* held() const { return m_connection; }
-    void release() { m_connection = nullptr; }
+    void release() { m_marker = nullptr; }
 
 private:
-    LDAPConnection* m_connection = nullptr;
+    Semaphore* m_marker;
 };
 
 } // namespace
 
 /// What a lookup asks for.
 struct LDAPConnectionCache::Wanted {
-    Uri const& uri;
+    LDAPConnection::RefServer const& server;
     bool anonymous;
     std::string const& dn;
     std::string const& password;
 
-    /// Whether the connection serves, cheapest test first; if it does, it is taken for the caller.
-    /// One in use, as most are in a busy pool, is passed over without another look.
+    /// Whether the connection serves and is idle; if so, it is taken for the caller.
     bool takes(LDAPConnectionImpl& body) const
     {
-        return body.m_available.looksFree() && body.m_server->uri == uri &&
+        return (body.m_server == server || body.m_server->uri == server->uri) &&
                body.m_anonymous == anonymous &&
                (anonymous || (body.m_bindDn == dn && body.m_bindPassword == password)) &&
                body.m_available.trywait();
@@ -72,7 +70,7 @@ LDAPConnectionCache::~LDAPConnectionCache() = default;
 LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer const& server)
 {
     return wrappingAs(at::unboundWrapped, [&] {
-        LDAPConnection cached = takeCached({server->uri, true, std::string(), std::string()});
+        LDAPConnection cached = takeCached({server, true, std::string(), std::string()});
         return cached.isNull() ? openUnbound(server) : std::move(cached);
     });
 }
@@ -82,30 +80,26 @@ LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer cons
                                                   std::string const& password)
 {
     return wrappingAs(at::boundWrapped, [&] {
-        LDAPConnection cached = takeCached({server->uri, false, dn, password});
+        LDAPConnection cached = takeCached({server, false, dn, password});
         return cached.isNull() ? openBound(server, dn, password) : std::move(cached);
     });
 }
 
 /// The first idle and valid connection of the kind wanted, taken for the caller; else a null
-/// handle. A lookup with credentials removes what has expired, in the same walk: in a large pool the
-/// bodies are far apart in memory, and each is fetched once.
+/// handle. A lookup with credentials drops first what has expired.
 LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
 {
     std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
     // Not before the lock: an expiry would be as old as the wait for it.
     long const now = time(nullptr);
-    MarkerGuard taken;
+    if (!wanted.anonymous) {
+        removeExpired(now, removed);
+    }
     for (auto position = m_connections.begin(); position != m_connections.end();) {
         auto const current = position++;
         LDAPConnectionImpl& body = *current->m_impl.body();
-        if (!wanted.anonymous && body.hasExpired(now)) {
-            removed.splice(removed.end(), m_connections, current);
-            m_cacheSize.decrement();
-            continue;
-        }
-        if (taken.held() != nullptr || !wanted.takes(body)) {
+        if (!wanted.takes(body)) {
             continue;
         }
         if (!body.isValid()) {
@@ -116,23 +110,18 @@ LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
             }
             continue;
         }
-        taken.hold(*current);
-        if (wanted.anonymous) {
-            break; // nothing expires on this path
+        MarkerGuard marker(body.m_available);
+        LDAPConnection hit(*current); // may run out of memory: the marker must not be lost
+        body.extendExpiryTime(now);
+        m_cacheHits.increment();
+        if (!wanted.anonymous) {
+            SOLVANE_TRACE(at::useCached, "Use cached LDAP connection to %s",
+                          wanted.server->uri.asString().c_str());
         }
+        marker.release();
+        return hit;
     }
-    if (taken.held() == nullptr) {
-        return LDAPConnection();
-    }
-    LDAPConnection hit(*taken.held()); // allocates: the marker must not be lost
-    hit.m_impl.body()->extendExpiryTime(now);
-    m_cacheHits.increment();
-    if (!wanted.anonymous) {
-        SOLVANE_TRACE(at::useCached, "Use cached LDAP connection to %s",
-                      wanted.uri.asString().c_str());
-    }
-    taken.release();
-    return hit;
+    return LDAPConnection();
 }
 
 LDAPConnection LDAPConnectionCache::openUnbound(LDAPConnection::RefServer const& server)

@@ -2,12 +2,12 @@
 #include <solvane/ldap/LDAPResult.h>
 
 #include <solvane/ldap/LDAPConnection.h>
-#include <solvane/ldap/impl/LDAPAttributeImpl.h>
 #include <solvane/ldap/impl/LDAPResultImpl.h>
 
-#include "EntryBuilder.h"
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
+
+#include <utility>
 
 namespace Solvane {
 
@@ -76,6 +76,11 @@ LDAPSearchResultEntry::LDAPSearchResultEntry(std::string const& entryName) : m_e
 {
 }
 
+LDAPSearchResultEntry::LDAPSearchResultEntry(std::string&& entryName)
+    : m_entryName(std::move(entryName))
+{
+}
+
 LDAPSearchResultEntry::LDAPSearchResultEntry(std::string const& entryName,
                                              std::list<LDAPAttribute> const& attributes)
     : m_entryName(entryName), m_attributes(attributes)
@@ -89,6 +94,11 @@ LDAPSearchResultEntry::~LDAPSearchResultEntry() = default;
 void LDAPSearchResultEntry::appendAttribute(LDAPAttribute const& attribute)
 {
     m_attributes.add(attribute);
+}
+
+void LDAPSearchResultEntry::appendAttribute(LDAPAttribute&& attribute)
+{
+    m_attributes.add(std::move(attribute));
 }
 
 bool LDAPSearchResultEntry::operator==(LDAPSearchResultEntry const&) { return false; }
@@ -226,8 +236,7 @@ void LDAPResultImpl::parseListResultEntry(LDAPMessageBuffer& chain)
                 throw fault(at::notAnEntry);
             }
             if (static_cast<ber_tag_t>(type) == LDAP_RES_SEARCH_ENTRY) {
-                parseEntry(message);
-                message = ldap_next_message(m_context, message);
+                message = parseEntry(message);
             } else {
                 parseSearchReference(chain);
                 message = ldap_next_message(m_context, chain.get());
@@ -236,23 +245,29 @@ void LDAPResultImpl::parseListResultEntry(LDAPMessageBuffer& chain)
     });
 }
 
-void LDAPResultImpl::parseEntry(LDAPMessage* message)
+/// Appends the entry of a message, and steps to the message behind it. The position and the DN are
+/// given back after that step.
+LDAPMessage* LDAPResultImpl::parseEntry(LDAPMessage* message)
 {
     LDAPCharBuffer dn;
     *dn.address() = ldap_get_dn(m_context, message);
-    EntryBuilder entry(dn.get(), !m_searchResultEntries.empty());
+    // Built in the node in which it stays, and appended once it is whole.
+    std::list<LDAPSearchResultEntry> entry;
+    entry.emplace_back(dn.get() == nullptr ? std::string() : std::string(dn.get()));
 
-    LDAPBerElementBuffer position;
     LDAPCharBuffer name;
+    LDAPBerElementBuffer position;
     *name.address() = ldap_first_attribute(m_context, message, position.address());
     while (name.get() != nullptr) {
-        OpenLDAPOwner<berval*, releaseBerValues> values;
+        LDAPAttributeType type(name.get());
+        LDAPBerValBuffer values(",");
         *values.address() = ldap_get_values_len(m_context, message, name.get());
-        entry.append(name.get(), values.get());
+        entry.back().appendAttribute(LDAPAttribute(std::move(type), values.get()));
         name.free();
         *name.address() = ldap_next_attribute(m_context, message, position.get());
     }
-    entry.moveTo(m_searchResultEntries);
+    m_searchResultEntries.splice(m_searchResultEntries.end(), entry);
+    return ldap_next_message(m_context, message);
 }
 
 void LDAPResultImpl::parseSearchReference(LDAPMessageBuffer& chain)

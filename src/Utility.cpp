@@ -73,14 +73,8 @@ void appendEscaped(std::string& text, std::string const& value)
     }
 }
 
-/// False where trimming is known to change nothing; what is blank, the runtime decides.
-bool mayHaveBlanksRound(std::string const& text)
-{
-    auto const isPrinted = [](char character) { return character > ' ' && character < 0x7f; };
-    return !text.empty() && !(isPrinted(text.front()) && isPrinted(text.back()));
-}
-
-/// One expansion: the values, the template, and how far it has been read.
+/// One expansion: the values, the template, and how far it has been read. A value is escaped into its
+/// place in the result: most templates insert one, once, and strings between would double the time.
 class Expansion {
 public:
     Expansion(std::string const& query, std::string const& user, std::string const& domain,
@@ -88,12 +82,8 @@ public:
         : m_query(query), m_user(user), m_domain(domain), m_bValue(bValue), m_gValue(gValue),
           m_template(query), m_position(0), m_lastBegin(0), m_lastLength(0)
     {
-        if (mayHaveBlanksRound(query)) {
-            m_trimmed = query;
-            stringLeftTrim(m_trimmed);
-            stringRightTrim(m_trimmed);
-            m_template = m_trimmed;
-        }
+        stringLeftTrim(m_template);
+        stringRightTrim(m_template);
         m_result.reserve(m_template.size() + user.size() + domain.size());
     }
 
@@ -102,7 +92,7 @@ public:
         while (m_position < m_template.size()) {
             std::string::size_type const dollar = m_template.find('$', m_position);
             if (dollar == std::string::npos) {
-                m_result.append(m_template.substr(m_position));
+                m_result.append(m_template, m_position);
                 break;
             }
             if (dollar + 1 == m_template.size()) {
@@ -159,7 +149,7 @@ private:
 
     void copyLiteral(std::string::size_type from, std::string::size_type dollar)
     {
-        m_result.append(m_template.substr(from, dollar - from));
+        m_result.append(m_template, from, dollar - from);
     }
 
     /// What is appended from here on, up to `endExpansion`, is what a specifier inserts.
@@ -182,7 +172,7 @@ private:
     {
         beginExpansion(literal, dollar);
         appendEscaped(m_result, m_user);
-        m_result.append(1, '@');
+        m_result.push_back('@');
         appendEscaped(m_result, m_domain);
         endExpansion();
     }
@@ -224,10 +214,10 @@ private:
         }
         m_position = end + 1;
 
-        std::string_view text = m_template.substr(begin, end - begin);
+        std::string text = m_template.substr(begin, end - begin);
         bool const wantsFirst = text.size() > 1 && text.front() == '^';
         if (wantsFirst) {
-            text.remove_prefix(1);
+            text.erase(0, 1);
         }
         std::string last = m_result.substr(m_lastBegin, m_lastLength);
         std::string::size_type const found = wantsFirst ? last.find(text) : last.rfind(text);
@@ -255,8 +245,7 @@ private:
     std::string const& m_domain;
     std::string const& m_bValue;
     std::string const& m_gValue;
-    std::string m_trimmed;             // a copy of the template, where one is needed
-    std::string_view m_template;       // without the blanks round it
+    std::string m_template;            // without the blanks round it
     std::string::size_type m_position; // behind the last specifier
     std::string m_result;
     // Where in the result the last specifier that inserted a value has put it. Whole: what is cut

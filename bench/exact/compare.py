@@ -21,12 +21,7 @@ FIGURES = [
     ('entry: instructions, of those in C', 'entry.library instructions', 'entry.c instructions'),
     ('entry: instructions', 'entry.library instructions', None),
     ('entry: allocations', 'entry.library allocations', None),
-    ('entry, read: instructions, of those in C', 'entry-read.library instructions',
-     'entry.c instructions'),
-    ('entry, read: allocations', 'entry-read.library allocations', None),
     ('stored entry: memory, of its bytes on the wire', 'stored-entry.library memory', 'entry bytes'),
-    ('stored entry, read: memory, of its bytes on the wire', 'stored-entry-read.library memory',
-     'entry bytes'),
     ('checkout, alone: instructions', 'checkout-of-1.library instructions', None),
     ('checkout, 63 of 64 busy: instructions', 'checkout-of-64.library instructions', None),
     ('checkout, 511 of 512 busy: instructions', 'checkout-of-512.library instructions', None),
@@ -55,8 +50,9 @@ def read_counts(directory):
 def fault(number, row):
     if row['limit'] and number > float(row['limit']):
         return 'over its limit'
-    if row['last'] and number > float(row['last']) * TOLERANCE:
-        return f'{100 * (number / float(row["last"]) - 1):.1f} % worse'
+    last = float(row['last'] or 'inf')
+    if number > last * TOLERANCE:
+        return f'{100 * (number / last - 1):.1f} % worse' if last else 'no longer 0'
     return ''
 
 
@@ -68,11 +64,11 @@ def main():
     updates = sys.argv[1] == '--update'
     path, directory = map(pathlib.Path, sys.argv[-2:])
     counts = read_counts(directory)
-    known = {row['figure']: row for row in csv.DictReader(path.open())} if path.exists() else {}
+    known = {row['figure']: row for row in csv.DictReader(path.read_text().splitlines())} if path.exists() else {}
     rows, is_bad = [], False
     print(f'{"figure":54} {"now":>10} {"last":>10} {"limit":>8}')
     for name, count, divisor in FIGURES:
-        number = counts[count] / (counts[divisor] if divisor else 1)
+        number = round(counts[count] / (counts[divisor] if divisor else 1), 2)
         row = known.get(name, {'goal': '', 'limit': '', 'last': ''})
         said = fault(number, row)
         is_bad = is_bad or bool(said)

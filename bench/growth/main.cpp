@@ -134,9 +134,6 @@ void measure(Series const& series, std::size_t sizes, Rounds const& rounds)
         await(*stored);
         Rounds::note(series.name, "library", "heap", static_cast<double>(heapBytes() - before),
                      size);
-        require(readEntries(stored->result().searchResultEntries()) > 0, "entries");
-        Rounds::note(series.name, "library, read", "heap",
-                     static_cast<double>(heapBytes() - before), size);
     }
 }
 

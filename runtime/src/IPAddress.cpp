@@ -50,7 +50,7 @@ bool IPAddress::isValidIPAddress(std::string const& literal)
 
 std::ostream& operator<<(std::ostream& out, IPAddress const& address)
 {
-    return out << address.asString();
+    return out << address.m_text;
 }
 
 } // namespace Solvane

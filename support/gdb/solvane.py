@@ -77,10 +77,10 @@ def type_text(handle):
     return b";".join([bytes_of(body["m_type"]), *(bytes_of(option) for option in elements(body["m_options"]))])
 
 
-def attribute_name(body):
-    """Of an attribute whose description was not asked for yet, it is the text that the server sent."""
-    text = bytes_of(body["m_description"])
-    return text or type_text(body["m_type"])
+def tokens(semaphore):
+    """How many tokens a semaphore has: in the C library, the lower half of its first eight bytes."""
+    start = int(semaphore["m_semaphore"].address)
+    return int.from_bytes(gdb.selected_inferior().read_memory(start, 8), sys.byteorder) & 0xffffffff
 
 
 def server_uri(pointer):
@@ -119,7 +119,7 @@ class Attribute(Printer):
 
     def to_string(self):
         body = body_of(self.value)
-        return "null handle" if body is None else f"attribute {quoted(attribute_name(body))}"
+        return "null handle" if body is None else f"attribute {quoted(type_text(body['m_type']))}"
 
     def children(self):
         body = body_of(self.value)
@@ -131,47 +131,19 @@ class Attribute(Printer):
         return "array"
 
 
-class Packed:
-    """The attributes that a received entry keeps in one block until they are asked for."""
-
-    def __init__(self, owner):
-        # A unique_ptr is its pointer.
-        self.position = int.from_bytes(gdb.selected_inferior().read_memory(int(owner.address), 8), sys.byteorder)
-        self.is_there = self.position != 0
-
-    def taken(self, length):
-        start, self.position = self.position, self.position + length
-        return bytes(gdb.selected_inferior().read_memory(start, length)) if length else b""
-
-    def number(self):
-        return int.from_bytes(self.taken(4), sys.byteorder)
-
-    def attributes(self):
-        """Each attribute's description and values."""
-        for _ in range(self.number()):
-            length, values = self.number(), self.number()
-            yield self.taken(length), [self.taken(self.number()) for _ in range(values)]
-
-
 class AttributeContainer(Printer):
     def to_string(self):
         body = body_of(self.value)
         if body is None:
             return "null handle"
-        packed = Packed(body["m_packed"])
-        count = packed.number() if packed.is_there else int(body["m_attributes"]["_M_impl"]["_M_node"]["_M_size"])
-        return f"{count} attribute{'' if count == 1 else 's'}{', not asked for yet' if packed.is_there else ''}"
+        count = int(body["m_attributes"]["_M_impl"]["_M_node"]["_M_size"])
+        return f"{count} attribute{'' if count == 1 else 's'}"
 
     def children(self):
         body = body_of(self.value)
-        if body is None:
-            return
-        packed = Packed(body["m_packed"])
-        if packed.is_there:
-            for index, (description, values) in enumerate(packed.attributes()):
-                yield f"[{index}]", f"attribute {quoted(description)} = {', '.join(map(quoted, values))}"
-        for index, attribute in enumerate(elements(body["m_attributes"])):
-            yield f"[{index}]", attribute
+        if body is not None:
+            for index, attribute in enumerate(elements(body["m_attributes"])):
+                yield f"[{index}]", attribute
 
     def display_hint(self):
         return "array"
@@ -221,7 +193,7 @@ class Connection(Printer):
         parts = [f"connection to {server_uri(body['m_server'])}" + (f" as {quoted(dn)}" if dn else "")]
         if bool(body["m_sessionEnded"]):
             parts.append("session ended")
-        if int(body["m_available"]["m_tokens"]["_M_i"]) < 1:
+        if tokens(body["m_available"]) == 0:
             parts.append("in use")
         if int(body["m_openldapErrorCode"]):
             parts.append(f"error {int(body['m_openldapErrorCode'])}")

@@ -111,6 +111,19 @@ TEST(AContainer, SharesTheBodyOfAnAddedAttribute)
     EXPECT_THAT(container.attributes().front().value(), ElementsAre("a"));
 }
 
+TEST(AContainer, TakesOverAnAttributeThatIsMovedIn)
+{
+    LDAPAttributeContainer container;
+    LDAPAttribute mail = attribute("mail");
+    std::list<Buffer> const* const values = &mail.binaryValue();
+
+    container.add(std::move(mail));
+
+    EXPECT_TRUE(mail.isNull());
+    EXPECT_THAT(typesOf(container), ElementsAre("mail"));
+    EXPECT_EQ(&container.attributes().front().binaryValue(), values);
+}
+
 TEST(AContainer, HoldsAListInItsOrder)
 {
     std::list<LDAPAttribute> const list{attribute("c"), attribute("a"), attribute("b")};

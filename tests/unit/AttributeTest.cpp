@@ -174,6 +174,33 @@ TEST(AnAttribute, SharesItsValuesWithItsCopies)
     EXPECT_EQ(&first.binaryValue(), &third.binaryValue());
 }
 
+TEST(AnAttribute, ThatIsMovedFromIsNullAndLeavesItsBodyToTheOther)
+{
+    LDAPAttribute first(LDAPAttributeType("cn"), bufferOf("a"));
+    std::list<Buffer> const* const values = &first.binaryValue();
+
+    LDAPAttribute second(std::move(first));
+    LDAPAttribute third(LDAPAttributeType("sn"));
+    third = std::move(second);
+
+    EXPECT_TRUE(first.isNull());
+    EXPECT_TRUE(second.isNull());
+    EXPECT_EQ(&third.binaryValue(), values);
+}
+
+TEST(AnAttribute, TakesOverADescriptionThatIsMovedIn)
+{
+    BerValues values({"one", "two"});
+    LDAPAttributeType type("cn;lang-en");
+    std::list<std::string> const* const options = &type.options();
+
+    LDAPAttribute const attribute(std::move(type), values.array());
+
+    EXPECT_TRUE(type.isNull());
+    EXPECT_EQ(&attribute.type().options(), options);
+    EXPECT_THAT(bytesOf(attribute), ElementsAre("one", "two"));
+}
+
 TEST(SettingAnArrayOfValues, ReplacesAllValues)
 {
     BerValues values({"new"});
@@ -260,6 +287,18 @@ TEST(TheTextOfAnAttribute, IsMadeAnewAtEachCall)
     EXPECT_EQ(text, "a;b");
 }
 
+TEST(TheTextOfAnAttribute, IsLeftAloneByACallWithTheSameSeparator)
+{
+    LDAPAttribute attribute(LDAPAttributeType("cn"));
+    attribute.value("a value that no string keeps in itself");
+    attribute.value("b");
+    std::string const& text = attribute.asString(',');
+    char const* const characters = text.data();
+
+    EXPECT_EQ(&attribute.asString(','), &text);
+    EXPECT_EQ(text.data(), characters);
+}
+
 TEST(TheTextValues, OnceReadStayAsTheyAre)
 {
     LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
@@ -310,6 +349,41 @@ TEST(AnAttributeBody, HasValuesOfItsOwnWhenCopied)
     EXPECT_EQ(original.binaryValue().size(), 1U);
     EXPECT_EQ(copy.binaryValue().size(), 2U);
     EXPECT_EQ(copy.type().asString(), "cn");
+}
+
+TEST(AnAttributeBody, TakesTextsAlongWhenCopiedAndAssigned)
+{
+    LDAPAttributeImpl original;
+    original.value(std::string("a"));
+    original.value(std::string("b"));
+    LDAPAttributeImpl const& reader = original;
+    ASSERT_EQ(reader.asString(','), "a,b");
+    original.value(nullptr);
+
+    LDAPAttributeImpl const copy(original);
+    LDAPAttributeImpl assigned;
+    assigned = original;
+
+    EXPECT_THAT(copy.value(), ElementsAre("a", "b"));
+    EXPECT_EQ(copy.asString(';'), "a;b");
+    LDAPAttributeImpl const& assignedReader = assigned;
+    EXPECT_THAT(assignedReader.value(), ElementsAre("a", "b"));
+    EXPECT_EQ(reader.asString(','), "a,b");
+}
+
+TEST(AnAttributeBody, KeepsAllWhenAssignedToItself)
+{
+    LDAPAttributeImpl body;
+    body.type(LDAPAttributeType("cn"));
+    body.value(std::string("a"));
+    LDAPAttributeImpl const& itself = body;
+    ASSERT_THAT(itself.value(), ElementsAre("a"));
+
+    body = itself;
+
+    EXPECT_EQ(itself.type().asString(), "cn");
+    EXPECT_THAT(itself.value(), ElementsAre("a"));
+    EXPECT_EQ(itself.binaryValue().size(), 1U);
 }
 
 TEST(AnAttributeBody, HasANullDescriptionUntilItIsSet)

@@ -152,6 +152,20 @@ TEST(AnAttributeDescription, KeepsZeroBytes)
     EXPECT_EQ(type.asString(), text);
 }
 
+TEST(AnAttributeDescription, ThatIsMovedFromIsNullAndLeavesItsBodyToTheOther)
+{
+    LDAPAttributeType first("cn;a");
+    std::list<std::string> const* const options = &first.options();
+
+    LDAPAttributeType second(std::move(first));
+    LDAPAttributeType third("sn");
+    third = std::move(second);
+
+    EXPECT_TRUE(first.isNull());
+    EXPECT_TRUE(second.isNull());
+    EXPECT_EQ(&third.options(), options);
+}
+
 TEST(AddingAnOption, DropsBlanksRoundIt)
 {
     LDAPAttributeType type("cn");

@@ -1,6 +1,5 @@
 // What a lookup allocates, and what an allocation that fails leaves behind.
 #include "Allocations.h"
-#include "NoSpareMemory.h"
 #include "PoolTest.h"
 
 #include "Descriptor.h"
@@ -56,13 +55,11 @@ protected:
     unsigned int allocationsOfAHit()
     {
         RealCalls const unseen;
-        NoSpareMemory const nothingKept;
         return allocationsOf([&] { givenBack(bound(dn, password)); });
     }
     unsigned int allocationsOfAHitWithoutABind()
     {
         RealCalls const unseen;
-        NoSpareMemory const nothingKept;
         return allocationsOf([&] { givenBack(unbound()); });
     }
 
@@ -115,7 +112,6 @@ TEST_F(TheMemoryOfAPool, KeepsTheMarkerFreeWhicheverAllocationOfAReuseFails)
     RealCalls const unseen;
     unsigned int failures = 0;
     for (bool isDone = false; !isDone;) {
-        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             givenBack(bound(dn, password));
@@ -140,7 +136,6 @@ TEST_F(TheMemoryOfAPool, KeepsTheMarkerFreeWhicheverAllocationOfAReuseWithoutABi
     RealCalls const unseen;
     unsigned int failures = 0;
     for (bool isDone = false; !isDone;) {
-        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             givenBack(unbound());
@@ -179,7 +174,6 @@ TEST_F(TheMemoryOfAPool, IsAllGivenBackWhicheverAllocationOfAnOpeningFails)
     RealCalls const unseen;
     unsigned int failures = 0;
     for (;; ++failures) {
-        NoSpareMemory const nothingKept;
         FailingAllocation const failing(failures);
         try {
             unbound();

@@ -68,8 +68,8 @@ TEST_F(AnEntry, IsReadWithTheseCallsInThisOrder)
                             "ldap_value_free_len ['a' 'b']",
                             "ldap_get_values_len session message 'mail'", "ldap_memfree 'mail'",
                             "ldap_next_attribute session message position",
-                            "ldap_value_free_len ['a@b']", "ber_free position 0",
-                            "ldap_memfree 'cn=a'", "ldap_next_message session message"));
+                            "ldap_value_free_len ['a@b']", "ldap_next_message session message",
+                            "ber_free position 0", "ldap_memfree 'cn=a'"));
 }
 
 TEST_F(AnEntry, GivesEachObjectBackOnce)
@@ -188,7 +188,7 @@ TEST_F(AChain, IsJudgedByItsFirstMessageAndStepsFromEachEntryToTheNext)
     EXPECT_THAT(openldap.calls(), Contains("ldap_get_dn session first").Times(1));
     EXPECT_THAT(openldap.calls(), Contains("ldap_get_dn session second").Times(1));
     EXPECT_THAT(openldap.calls(), Contains("ldap_next_message session first").Times(1));
-    EXPECT_EQ(openldap.calls().back(), "ldap_next_message session second");
+    EXPECT_THAT(openldap.calls(), Contains("ldap_next_message session second").Times(1));
 }
 
 TEST_F(AChain, ThatIsEmptyIsLeftAloneWithoutACall)

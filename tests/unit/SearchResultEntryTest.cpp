@@ -49,6 +49,31 @@ TEST(AnEntry, AppendsAttributesOfOneTypeSideBySide)
     EXPECT_THAT(typesOf(entry), ElementsAre("cn", "mail", "cn"));
 }
 
+TEST(AnEntry, TakesOverANameAndAnAttributeThatAreMovedIn)
+{
+    std::string name = "cn=a name that no string keeps in itself";
+    char const* const characters = name.data();
+    LDAPAttribute cn = attribute("cn");
+
+    LDAPSearchResultEntry entry(std::move(name));
+    entry.appendAttribute(std::move(cn));
+
+    EXPECT_EQ(entry.entryName().data(), characters);
+    EXPECT_TRUE(cn.isNull());
+    EXPECT_THAT(typesOf(entry), ElementsAre("cn"));
+}
+
+TEST(AnEntry, SharesTheBodyOfAnAppendedAttribute)
+{
+    LDAPSearchResultEntry entry("cn=a");
+    LDAPAttribute cn = attribute("cn");
+
+    entry.appendAttribute(cn);
+    cn.value("a");
+
+    EXPECT_THAT(entry.attributes().attributes().front().value(), ElementsAre("a"));
+}
+
 TEST(AnEntry, EqualsNothing)
 {
     LDAPSearchResultEntry entry("cn=a");

@@ -18,8 +18,9 @@ namespace Solvane {
 /// An attribute description (RFC 4512 section 2.5): a type followed by options, each introduced by
 /// ";", as `userCertificate;binary`.
 ///
-/// Copies share one body: an option added through one is seen by all. Not for two threads at once,
-/// not even for reading, since texts are cached when they are first asked for.
+/// Copies share one body: an option added through one is seen by all. Any number of threads may call
+/// const operations at the same time, also on copies of one handle; `add` and assignment are not
+/// thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPAttributeType {
 public:
     /// A null handle; every operation but `isNull`, `==`, copying and assignment throws on it.
@@ -33,6 +34,10 @@ public:
     LDAPAttributeType(LDAPAttributeType const& other);
     /// Lets go of its body and shares that of `other`.
     LDAPAttributeType& operator=(LDAPAttributeType const& other);
+    /// Leaves `other` a null handle.
+    LDAPAttributeType(LDAPAttributeType&& other) noexcept;
+    /// Lets go of its body and leaves `other` a null handle.
+    LDAPAttributeType& operator=(LDAPAttributeType&& other) noexcept;
     virtual ~LDAPAttributeType();
 
     /// True for a handle without a body.
@@ -60,15 +65,14 @@ public:
     bool operator==(LDAPAttributeType const& other) const;
 
 private:
-    friend class LDAPAttributeImpl;
-
     BodyReference<LDAPAttributeTypeImpl> m_impl;
 };
 
 /// One attribute of an entry: a description and its values in order.
 ///
-/// Values are bytes. Copies share one body: a value added through one is seen by all. Not for two
-/// threads at once, not even for reading.
+/// Values are bytes. Copies share one body: a value added through one is seen by all. Any number of
+/// threads may call const operations at the same time, also on copies of one handle (`asString` with
+/// one separator); setters and assignment are not thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPAttribute {
 public:
     /// A null handle; every operation but `isNull`, copying and assignment throws on it.
@@ -77,12 +81,18 @@ public:
     LDAPAttribute(LDAPAttributeType const& type);
     /// An attribute with the values of a null-terminated array, which stays the caller's.
     LDAPAttribute(LDAPAttributeType const& type, berval** values);
+    /// The same, and leaves `type` a null handle.
+    LDAPAttribute(LDAPAttributeType&& type, berval** values);
     /// An attribute with one value.
     LDAPAttribute(LDAPAttributeType const& type, Buffer const& value);
     /// Shares the body.
     LDAPAttribute(LDAPAttribute const& other);
     /// Lets go of its body and shares that of `other`.
     LDAPAttribute& operator=(LDAPAttribute const& other);
+    /// Leaves `other` a null handle.
+    LDAPAttribute(LDAPAttribute&& other) noexcept;
+    /// Lets go of its body and leaves `other` a null handle.
+    LDAPAttribute& operator=(LDAPAttribute&& other) noexcept;
     virtual ~LDAPAttribute();
 
     /// True for a handle without a body.
@@ -107,20 +117,21 @@ public:
     /// @note Made at the first call and kept: values added later show in `binaryValue()` only.
     /// @throws LDAPException  code 1, type 0, Attribute.cpp:292: null handle
     std::list<std::string> const& value() const;
-    /// The values of `value()` joined by `separator`, as they are. Valid until the next call.
+    /// The values of `value()` joined by `separator`, as they are.
+    /// @return  valid until a call with another separator, through any copy of the handle: threads
+    ///          that call it at the same time must pass the same one
     /// @throws LDAPException  code 1, type 0, Attribute.cpp:301: null handle
     std::string const& asString(char separator) const;
 
 private:
-    friend class EntryBuilder;
-
     BodyReference<LDAPAttributeImpl> m_impl;
 };
 
 /// Attributes in the order in which they were added; nothing is merged, sorted or removed.
 ///
-/// Copies share one body: an attribute added through one is seen by all. Not for two threads at once,
-/// not even for reading: those that came from a server are made when they are first asked for.
+/// Copies share one body: an attribute added through one is seen by all. Any number of threads may
+/// call const operations at the same time, also on copies of one handle; `add` and assignment are not
+/// thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPAttributeContainer {
 public:
     /// An empty container; never a null handle.
@@ -138,6 +149,8 @@ public:
 
     /// Appends a handle; the attribute's body is shared. No check of any kind, null is taken too.
     void add(LDAPAttribute const& attribute);
+    /// The same, and leaves `attribute` a null handle.
+    void add(LDAPAttribute&& attribute);
     /// Appends each handle of a list.
     void add(std::list<LDAPAttribute> const& attributes);
     /// The handles in their order; valid as long as the container.
@@ -151,8 +164,6 @@ public:
     LDAPAttribute find(LDAPAttributeType const& type) const;
 
 private:
-    friend class EntryBuilder;
-
     BodyReference<LDAPAttributeContainerImpl> m_impl;
 };
 

@@ -16,12 +16,15 @@ class LDAPConnection;
 
 /// One entry that a search found: its DN and its attributes in the server's order.
 ///
-/// A value: a copy has its own DN; the attribute container is shared, as handles are. Not for two
-/// threads at once, not even for reading.
+/// A value: a copy has its own DN; the attribute container is shared, as handles are. Any number of
+/// threads may call const operations at the same time, also on copies; the others are not
+/// thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPSearchResultEntry {
 public:
     /// An entry without attributes.
     LDAPSearchResultEntry(std::string const& entryName);
+    /// The same, without a copy of the text.
+    LDAPSearchResultEntry(std::string&& entryName);
     /// An entry with these attributes, whose bodies are shared.
     LDAPSearchResultEntry(std::string const& entryName, std::list<LDAPAttribute> const& attributes);
     /// Copies the DN, shares the attributes.
@@ -36,13 +39,13 @@ public:
     LDAPAttributeContainer const& attributes() const { return m_attributes; }
     /// Appends one to the container, which copies of the entry share.
     void appendAttribute(LDAPAttribute const& attribute);
+    /// The same, and leaves `attribute` a null handle.
+    void appendAttribute(LDAPAttribute&& attribute);
 
     /// False for every argument, the entry itself included: compare DNs instead.
     bool operator==(LDAPSearchResultEntry const& other);
 
 private:
-    friend class EntryBuilder;
-
     std::string m_entryName;
     LDAPAttributeContainer m_attributes;
 };
@@ -51,8 +54,8 @@ private:
 ///
 /// Copies share one body. Entries accumulate; each final response overwrites type and code (RFC
 /// 4511 section 4.1.9). Every reading operation throws `LDAPException` (code 1, type 0) on a null
-/// handle, each with a line of its own. Not for two threads at once, not even for reading: its
-/// attributes make their texts when they are first asked for.
+/// handle, each with a line of its own. Any number of threads may call them at the same time, also on
+/// copies of one handle, while no request is awaited into the result; assignment is not thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPResult {
 public:
     /// A null handle: nothing has been answered yet.

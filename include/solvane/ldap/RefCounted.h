@@ -4,7 +4,6 @@
 #define SOLVANE_LDAP_REF_COUNTED_H
 
 #include <solvane/ldap/Export.h>
-#include <solvane/ldap/ObjectMemory.h>
 
 #include <solvart/Exception.h>
 
@@ -58,7 +57,7 @@ private:
 /// Bodies derive from it publicly and virtually, so that the count and the deleting destructor are
 /// found whatever the body's own layout. A new body counts 1, its creator's reference; so does a
 /// copy, whoever refers to the original. The count is for any thread; what a body holds is not.
-class SOLVANE_LDAP_EXPORT RefImpl : public ObjectMemory {
+class SOLVANE_LDAP_EXPORT RefImpl {
 public:
     RefImpl();
     /// A body with a count of its own, 1.
@@ -83,7 +82,7 @@ private:
 ///
 /// Never shared between handles: each handle has a `RefCounted` of its own, and all those of one
 /// body share the body.
-template <typename T> class SOLVANE_LDAP_EXPORT RefCounted : public ObjectMemory {
+template <typename T> class SOLVANE_LDAP_EXPORT RefCounted {
 public:
     /// A reference to a body, or to none.
     /// @param body    the body to refer to

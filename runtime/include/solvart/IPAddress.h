@@ -23,10 +23,9 @@ public:
     /// 4291).
     static bool isValidIPAddress(std::string const& literal);
 
-    /// The usual notation, IPv6 without brackets.
-    std::string const& asString() const { return m_text; }
-
 private:
+    SOLVART_EXPORT friend std::ostream& operator<<(std::ostream& out, IPAddress const& address);
+
     std::string m_text;
 };
 

@@ -10,12 +10,12 @@
 #include <solvart/Buffer.h>
 
 #include <list>
-#include <memory>
 #include <string>
 
 namespace Solvane {
 
-/// Body of an attribute description (RFC 4512 section 2.5). One thread at a time, also for reading.
+/// Body of an attribute description (RFC 4512 section 2.5). Any number of threads may call const
+/// operations at the same time; the others are not thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPAttributeTypeImpl : public virtual RefImpl, public NonCopyable {
 public:
     LDAPAttributeTypeImpl();
@@ -35,16 +35,16 @@ public:
     std::string const& asString() const;
 
 private:
-    enum Binary : unsigned int { undecided = 0, binary = 1, notBinary = 2 };
-
-    mutable Binary m_binary;    // cache of isBinary()
-    mutable std::string m_text; // cache of asString(); empty: not built yet
+    // Caches, which const operations fill under a lock.
+    mutable unsigned int m_binary;  // of isBinary(); 0: undecided, 1: binary, 2: not binary
+    mutable std::string m_textForm; // of asString(); empty: not built yet
     std::string m_type;
     std::list<std::string> m_options;
 };
 
-/// Body of an attribute. The one body that can be copied; a copy has values of its own. One thread
-/// at a time, also for reading.
+/// Body of an attribute. The one body that can be copied; a copy has values of its own. Any number of
+/// threads may call const operations and copy from it at the same time (`asString` with one
+/// separator); the others are not thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPAttributeImpl : public virtual RefImpl {
 public:
     LDAPAttributeImpl();
@@ -56,16 +56,10 @@ public:
 
     /// Another description, shared with the caller.
     void type(LDAPAttributeType const& type);
-    /// The description; of an attribute that came from a server, made when it is first asked for.
-    LDAPAttributeType const& type() const
-    {
-        if (!m_description.empty()) {
-            m_type.m_impl.adopt(std::make_unique<LDAPAttributeTypeImpl>());
-            m_type.m_impl.body()->parse(m_description);
-            m_description.clear();
-        }
-        return m_type;
-    }
+    /// The same, and leaves `type` a null handle.
+    void type(LDAPAttributeType&& type);
+    /// The description; a null handle until it is set.
+    LDAPAttributeType const& type() const { return m_type; }
     /// Appends one value, its bytes copied.
     void value(std::string const& text);
     /// Appends one value, its bytes copied.
@@ -76,34 +70,19 @@ public:
     std::list<std::string> const& value() const;
     /// Every value as bytes.
     std::list<Buffer> const& binaryValue() const { return m_values; }
-    /// The values of `value()` joined by `separator`; valid until the next call.
+    /// The values of `value()` joined by `separator`; valid until a call with another separator.
     std::string const& asString(char separator) const;
 
 private:
-    friend class EntryBuilder;
-
-    /// Made when first asked for: of a big answer, few attributes ever are.
-    struct Texts {
-        std::list<std::string> values; // cache of value(); empty: not built yet
-        std::string joined;            // what asString() returned last
-    };
-
-    Texts& texts() const
-    {
-        if (!m_texts) {
-            m_texts = std::make_unique<Texts>();
-        }
-        return *m_texts;
-    }
-
-    mutable LDAPAttributeType m_type;
-    mutable std::string m_description; // of a type that nobody has asked for yet, else empty
+    LDAPAttributeType m_type;
     std::list<Buffer> m_values;
-    mutable std::unique_ptr<Texts> m_texts;
+    // Filled by const operations, under a lock.
+    mutable std::list<std::string> m_textValues; // cache of value(); empty: not built yet
+    mutable std::string m_textForm;              // what asString() returned last
 };
 
-/// Body of an attribute container: handles in the order in which they were added. One thread at a
-/// time, also for reading: attributes that came from a server are made when they are first asked for.
+/// Body of an attribute container: handles in the order in which they were added. Any number of
+/// threads may call const operations at the same time; `add` is not thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPAttributeContainerImpl : public virtual RefImpl, public NonCopyable {
 public:
     LDAPAttributeContainerImpl();
@@ -111,29 +90,20 @@ public:
 
     /// Appends a handle.
     void add(LDAPAttribute const& attribute);
+    /// Appends a handle, and leaves `attribute` a null one.
+    void add(LDAPAttribute&& attribute);
     /// Appends each handle of a list.
     void add(std::list<LDAPAttribute> const& attributes);
     /// The handles in their order.
-    std::list<LDAPAttribute> const& attributes() const
-    {
-        if (m_packed) {
-            unpack();
-        }
-        return m_attributes;
-    }
+    std::list<LDAPAttribute> const& attributes() const { return m_attributes; }
     /// True when nothing was added yet.
-    bool empty() const { return !m_packed && m_attributes.empty(); }
+    bool empty() const { return m_attributes.empty(); }
     /// As `LDAPAttributeContainer::find`.
     /// @warning Looks at the first attribute only, until it matches.
     LDAPAttribute find(LDAPAttributeType const& type) const;
 
 private:
-    friend class EntryBuilder;
-
-    void unpack() const;
-
-    mutable std::list<LDAPAttribute> m_attributes; // empty while there is something packed
-    mutable std::unique_ptr<char[]> m_packed; // of an entry whose attributes nobody has asked for
+    std::list<LDAPAttribute> m_attributes;
 };
 
 } // namespace Solvane

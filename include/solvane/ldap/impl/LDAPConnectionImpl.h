@@ -10,7 +10,6 @@
 
 #include <solvart/Semaphore.h>
 
-#include <atomic>
 #include <memory>
 #include <string>
 
@@ -23,34 +22,6 @@ namespace Solvane {
 
 class LDAPMessageBuffer;
 class SessionGuard;
-
-/// The in-use marker: a semaphore of one token, which can be looked at without being taken.
-class InUseMarker : public Semaphore {
-public:
-    InUseMarker() : Semaphore(1), m_tokens(1) {}
-
-    /// Whether `trywait` is worth the trouble. What this thread took or gave back is seen.
-    bool looksFree() const { return m_tokens.load(std::memory_order_acquire) > 0; }
-    /// Takes the marker if nobody has it.
-    bool trywait()
-    {
-        bool const isTaken = Semaphore::trywait();
-        if (isTaken) {
-            m_tokens.fetch_sub(1);
-        }
-        return isTaken;
-    }
-    /// Gives it back.
-    void post()
-    {
-        Semaphore::post();
-        // Between the two it looks taken, as if it came back a moment later.
-        m_tokens.fetch_add(1);
-    }
-
-private:
-    std::atomic<int> m_tokens;
-};
 
 /// Body of a connection. Owns the session from `ldap_initialize` to `ldap_unbind_ext`.
 ///
@@ -105,7 +76,7 @@ public:
     std::string m_bindDn;                ///< of the last bind; what the pool compares
     std::string m_bindPassword;          ///< likewise; kept for as long as the connection
     bool m_anonymous;                    ///< meant for use without a bind
-    InUseMarker m_available;             ///< for any thread
+    Semaphore m_available{1};            ///< the in-use marker; thread-safe
     long m_expiry;                       ///< seconds since the epoch
     int m_openldapErrorCode;             ///< the last one recorded; 0: none
 

@@ -18,7 +18,8 @@ typedef struct ldap LDAP;
 
 namespace Solvane {
 
-/// Body of a result: everything that was answered to one request so far. One thread at a time.
+/// Body of a result: everything that was answered to one request so far. Any number of
+/// threads may call const operations at the same time; the others are not thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPResultImpl : public virtual RefImpl, public NonCopyable {
 public:
     /// An empty result.
@@ -66,7 +67,7 @@ public:
 private:
     void requireSession() const;
     void parseFinalResponse(LDAPMessageBuffer& message);
-    void parseEntry(LDAPMessage* message);
+    LDAPMessage* parseEntry(LDAPMessage* message);
     void refuseReferrals(LDAPValueBuffer const& referrals);
 
     int m_resultType;
