@@ -111,9 +111,9 @@ def machine():
             "compiler": firstLine("c++", "--version"), "date": time.strftime("%Y-%m-%d", time.gmtime()),
             "load": os.getloadavg()[0],
             "versions": {name: debianVersion(name) for name in (
-                "slapd", "libldap-2.5-0", "postfix-ldap", "ldap-utils", "python3-ldap",
+                "slapd", "libldap-dev", "postfix-ldap", "ldap-utils", "python3-ldap",
                 "libnet-ldap-perl", "golang-github-go-ldap-ldap-dev",
-                "libgnutls30", "libc6")}}
+                "libgnutls28-dev", "libc6")}}
 
 
 class Measurement:

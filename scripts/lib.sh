@@ -10,14 +10,16 @@ export PATH
 # Debian's packages, by what they are for.
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
     libgnutls28-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
+packages_demo=(ca-certificates)
 packages_directory=(slapd ldap-utils openssl python3 procps)
 packages_test=(libgtest-dev libgmock-dev locales gdb)
-packages_clang=(clang libclang-rt-14-dev)
+packages_clang=(clang libclang-rt-dev)
 packages_lint=(clang-format clang-tidy clang cppcheck shellcheck codespell similarity-tester git)
 packages_coverage=(gcovr)
 packages_consumer=(pkg-config)
 packages_package=(dpkg-dev file)
-packages_package_check=(lintian mmdebstrap)
+packages_package_check=(lintian)
+packages_debian=(mmdebstrap)
 packages_abi=(abigail-tools)
 packages_bench=(libbenchmark-dev postfix postfix-ldap python3-ldap libnet-ldap-perl perl)
 packages_389=(389-ds-base libnss3-tools)
@@ -43,7 +45,7 @@ missing_packages() {
 
 # install_packages PACKAGE...: installs what is missing, or says what to run where that needs root.
 install_packages() {
-    command -v dpkg-query >/dev/null || die "needs Debian 12 or a relative; here is no dpkg"
+    command -v dpkg-query >/dev/null || die "needs Debian 12 or 13, or a relative; here is no dpkg"
     local -a missing as_root=()
     mapfile -t missing < <(missing_packages "$@")
     ((${#missing[@]})) || return 0
@@ -96,6 +98,78 @@ configure() {
         cat "$top/build/$1/configure.log" >&2
         die "could not configure $1"
     }
+}
+
+# cannot REASON: ends the script with 77, which says that this machine cannot do what it is asked for.
+cannot() {
+    printf '%s: not here: %s\n' "${0##*/}" "$*" >&2
+    exit 77
+}
+
+# debian_release: the name of this machine's.
+debian_release() { (. /etc/os-release && printf '%s' "$VERSION_CODENAME"); }
+
+# debian_sources RELEASE: apt's lines for it, with the mirror that this machine has its own Debian from.
+debian_sources() {
+    local own
+    own=$(debian_release)
+    # shellcheck disable=SC2016  # apt's variables
+    apt-get indextargets --format 'deb $(REPO_URI) $(RELEASE) $(COMPONENT)' \
+        'Created-By: Packages' 'Origin: Debian' | sort -u |
+        sed -En "s/^(deb [^ ]+) $own(-[a-z]+)? /\\1 $1\\2 /p" | grep .
+}
+
+# debian_tar RELEASE: makes a minimal Debian (priority "required", and apt) with the settings for
+# fetching of this machine's apt, and sets debian_tar to the tar of it. It is kept in build/debians until
+# the mirror's lists have another date.
+debian_tar() {
+    local release=$1 folder=$top/build/debians work uri suite date
+    (($(id -u) == 0)) || cannot "only root can make a Debian"
+    unshare --mount --pid --fork true 2>/dev/null || cannot "this root may not mount anything"
+    install_packages "${packages_debian[@]}"
+    mkdir -p "$folder"
+    work=$(mktemp -d)
+    chmod 755 "$work" # for apt's own user
+    debian_sources "$release" >"$work/sources" ||
+        cannot "apt has no lists of a Debian mirror; apt-get update fetches them"
+    while read -r _ uri suite _; do
+        /usr/lib/apt/apt-helper download-file "${uri}dists/$suite/InRelease" "$work/$suite" \
+            >"$work/log" 2>&1 || cannot "apt's mirror has no $suite: $(tail -n 1 "$work/log")"
+    done <"$work/sources"
+    date=$(grep -hm 1 '^Date:' "$work/$release"* | cut -d' ' -f2- | date -uf - +%Y%m%dT%H%M%S | sort | tail -n 1)
+    debian_tar=$folder/$release-$date.tar
+    if [[ ! -f $debian_tar ]]; then
+        apt-config dump Acquire | grep -v '^Acquire::IndexTargets' >"$work/acquire"
+        TMPDIR=$work timeout 1200 mmdebstrap --mode=root --format=tar --variant=minbase \
+            --aptopt="$work/acquire" "$release" "$work/tar" "$work/sources" >"$folder/$release.log" 2>&1 || {
+            tail -n 20 "$folder/$release.log" >&2
+            die "could not make a minimal $release"
+        }
+        rm -f "$folder/$release"-*.tar
+        mv "$work/tar" "$debian_tar"
+    fi
+    rm -rf "$work"
+}
+
+# in_root ROOT COMMAND...: runs it with that folder as its root, two hours at most. What it starts or
+# mounts ends with it, and it ends with the script, for which leave_root is called on the way out.
+in_root() {
+    local root=$1
+    shift
+    # shellcheck disable=SC2016  # for the inner shell
+    timeout 7200 unshare --mount --pid --fork --kill-child sh -c '
+        root=$1; shift
+        mount --bind "$root" "$root" && # so that "/" is a mount of its own there
+            mount --rbind /dev "$root/dev" && mount -t proc proc "$root/proc" || exit
+        [ ! -d "$root/ccache" ] || mount --bind "$SOLVANE_CCACHE_DIR" "$root/ccache" || exit
+        exec chroot "$root" env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"' sh "$root" "$@" &
+    in_root_pid=$!
+    wait "$in_root_pid"
+}
+
+leave_root() {
+    [[ -z ${in_root_pid:-} ]] || kill "$in_root_pid" 2>/dev/null || :
+    wait
 }
 
 # build PRESET [TARGET...]: configures and builds in build/PRESET, one build of a preset at a time.

@@ -13,9 +13,11 @@
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
 #include <array>
-#include <cctype>
 #include <sstream>
+#include <string>
+#include <vector>
 
 namespace Solvane::Tool {
 
@@ -77,6 +79,52 @@ Failure usageFailure(CLI::App const& app, CLI::ParseError const& error)
     return Failure(Outcome::usage, text, help);
 }
 
+/// Whether the option of that name takes a value, in any command.
+bool takesValue(CLI::App const& app, std::string const& name)
+{
+    CLI::Option const* option = app.get_option_no_throw(name);
+    for (CLI::App const* const command : app.get_subcommands({})) {
+        option = option == nullptr ? command->get_option_no_throw(name) : option;
+    }
+    return option != nullptr && option->get_items_expected_min() > 0;
+}
+
+/// Whether the value of an option stands in the argument behind this one.
+bool awaitsValue(CLI::App const& app, std::string const& argument)
+{
+    if (argument.rfind("--", 0) == 0) {
+        return takesValue(app, argument); // no option has a name with "="
+    }
+    if (argument.rfind('-', 0) != 0) {
+        return false;
+    }
+    // Flags may stand before the first letter that takes a value; behind it stands the value.
+    auto const letter = std::find_if(argument.begin() + 1, argument.end(), [&](char each) {
+        return takesValue(app, std::string("-") + each);
+    });
+    return letter != argument.end() && letter + 1 == argument.end();
+}
+
+/// The arguments for the parser. It takes a long name of one letter for the short one, so --b and
+/// --g are declared as --b-value and --g-value; values, and all behind "--", stay as they are.
+std::vector<std::string> readableArguments(CLI::App const& app, int count, char** arguments)
+{
+    std::vector<std::string> read(arguments + std::min(count, 1), arguments + count);
+    bool isValue = false;
+    for (std::string& argument : read) {
+        if (!isValue && argument == "--") {
+            break;
+        }
+        std::string const name = argument.substr(0, argument.find('='));
+        if (!isValue && (name == "--b" || name == "--g")) {
+            argument.insert(name.size(), "-value");
+        }
+        isValue = !isValue && awaitsValue(app, argument);
+    }
+    std::reverse(read.begin(), read.end()); // as CLI11 wants them
+    return read;
+}
+
 /// Help and version end the parsing as exceptions.
 void answerQuestion(CLI::App const& app, CLI::Success const& question, Output& output)
 {
@@ -109,7 +157,7 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
         declared.footer(declared.get_footer() + "\n\n" + commonOptionsNote);
     }
     try {
-        app.parse(count, arguments);
+        app.parse(readableArguments(app, count, arguments));
     } catch (CLI::Success const& question) {
         answerQuestion(app, question, output);
         return exitStatusOf(Outcome::found);

@@ -24,7 +24,7 @@ constexpr char footer[] =
     "  $u $n $N    the local part: as it is, in lower case, in upper case\n"
     "  $m $a $A    the address: as it is, in lower case, in upper case\n"
     "  $d          the domain, '#' where there is none\n"
-    "  $b $g       the values of --b and --g; without one, the text before goes too\n"
+    "  $b $g       --b-value and --g-value; without one, the text before goes too\n"
     "  $c          nothing; drops the text before it\n"
     "  ${text}     takes the last 'text' out of what was inserted last (${^text} the\n"
     "              first); drops the text before it\n"

@@ -99,7 +99,7 @@ private:
         out += R"({"key":)";
         appendValue(out, record.key);
         out += R"(,"status":")";
-        out += statusOf(answer.outcome);
+        out += statusOf(record);
         out += R"(","filter":)";
         appendOptional(out, answer.filter);
         out += R"(,"server":)";

@@ -14,17 +14,16 @@ namespace Solvane::Tool {
 
 namespace {
 
-constexpr int constraintViolation = 19;
-
-/// With --single, several entries are no answer.
-void refuseSeveral(Lookup::Answer& answer)
+/// With --single, several entries are an error.
+void refuseSeveral(Record& record)
 {
-    if (answer.outcome != Lookup::Outcome::Found || answer.entries.size() < 2) {
-        return;
+    Lookup::Answer& answer = record.answer;
+    record.hasTooManyEntries =
+        answer.outcome == Lookup::Outcome::Found && answer.entries.size() > 1;
+    if (record.hasTooManyEntries) {
+        answer.text =
+            fmt::format("{} entries where one is wanted (--single)", answer.entries.size());
     }
-    answer.outcome = Lookup::Outcome::Misconfigured;
-    answer.code = constraintViolation; // one of the codes that speak of data, exit status 65
-    answer.text = fmt::format("{} entries where one is wanted (--single)", answer.entries.size());
 }
 
 } // namespace
@@ -54,7 +53,7 @@ Outcome LookupRun::over(KeyOptions& keys)
             record.key = key;
             record.answer = std::move(answer);
             if (m_isSingle) {
-                refuseSeveral(record.answer);
+                refuseSeveral(record);
             }
             take(record, progress);
             return true;
@@ -67,7 +66,7 @@ Outcome LookupRun::over(KeyOptions& keys)
 void LookupRun::take(Record const& record, Progress& progress)
 {
     count(record);
-    m_worst = worse(m_worst, outcomeOf(record.answer));
+    m_worst = worse(m_worst, outcomeOf(record));
     complain(record);
     m_writer->write(record, m_pending);
     constexpr std::size_t large = 65536;
@@ -80,19 +79,11 @@ void LookupRun::take(Record const& record, Progress& progress)
 void LookupRun::count(Record const& record)
 {
     ++m_counts.keys;
-    switch (record.answer.outcome) {
-    case Lookup::Outcome::Found:
-        ++m_counts.found;
-        break;
-    case Lookup::Outcome::NotFound:
-        ++m_counts.notFound;
-        break;
-    case Lookup::Outcome::Skipped:
-        ++m_counts.skipped;
-        break;
-    default:
-        ++m_counts.errors;
-    }
+    std::string_view const status = statusOf(record);
+    ++(status == "found"      ? m_counts.found
+       : status == "notfound" ? m_counts.notFound
+       : status == "skipped"  ? m_counts.skipped
+                              : m_counts.errors);
     if (m_countsTimes) {
         m_milliseconds.push_back(static_cast<float>(record.answer.milliseconds));
     }
@@ -102,8 +93,8 @@ void LookupRun::count(Record const& record)
 void LookupRun::complain(Record const& record)
 {
     Lookup::Answer const& answer = record.answer;
-    if (statusOf(answer.outcome) == std::string_view("error")) {
-        auto complaint = fmt::format("{}; {}", answer.text, remedyFor(answer));
+    if (statusOf(record) == std::string_view("error")) {
+        auto complaint = fmt::format("{}; {}", answer.text, remedyFor(record));
         if (complaint == m_complaint) {
             ++m_unspoken;
             return;
@@ -113,7 +104,7 @@ void LookupRun::complain(Record const& record)
         m_complaint = std::move(complaint);
     } else if (m_diagnostics.level() == Diagnostics::Level::verbose) {
         m_diagnostics.note(
-            fmt::format("{}: {} by {} in {:.1f} ms: {}{}", record.key, statusOf(answer.outcome),
+            fmt::format("{}: {} by {} in {:.1f} ms: {}{}", record.key, statusOf(record),
                         answer.server.empty() ? "nobody" : answer.server, answer.milliseconds,
                         answer.filter, answer.text.empty() ? "" : "; " + answer.text));
     }

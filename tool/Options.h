@@ -88,7 +88,7 @@ private:
     mutable std::unique_ptr<SettingsFile> m_file;
 };
 
-/// -t or -T, --b and --g.
+/// -t or -T, --b-value and --g-value.
 class TemplateOptions {
 public:
     void declareOn(CLI::App& app);

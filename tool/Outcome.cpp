@@ -54,6 +54,9 @@ constexpr char askAnother[] = "ask the server that holds the data (-H)";
 constexpr char askAdministrator[] = "ask the server's administrator";
 constexpr char checkTemplate[] = "check the template with 'solvane-ldap expand --lint'";
 constexpr char checkPassword[] = "check -D and the password";
+// DN and password are checked before they are sent: what is left is the list of authorities.
+constexpr char nameAuthorities[] =
+    "name the authority's file with --tls-ca or install the package ca-certificates";
 constexpr char useTls[] = "use ldaps:// in -H";
 constexpr char bindOtherwise[] = "bind with a DN and password (-D)";
 constexpr char mendAlias[] = "mend the alias or search with -a never";
@@ -65,6 +68,7 @@ constexpr Remedy searchRemedies[] = {
     { LDAP_SERVER_DOWN,               checkServer },
     { LDAP_TIMEOUT,                   "try again later or raise -o nettimeout or --deadline" },
     { certificateRefused,             "look at it with 'solvane-ldap check', then choose --tls-ca or the host's name in -H" },
+    { LDAP_PARAM_ERROR,               nameAuthorities },
     { LDAP_FILTER_ERROR,              checkTemplate },
     { LDAP_NO_SUCH_ATTRIBUTE,         checkTemplate },
     { LDAP_UNDEFINED_TYPE,            checkTemplate },

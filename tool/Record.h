@@ -1,6 +1,8 @@
-// What the tool reports of one key.
+// What the tool reports of one key, and the meaning of it.
 #ifndef SOLVANE_TOOL_RECORD_H
 #define SOLVANE_TOOL_RECORD_H
+
+#include "Outcome.h"
 
 #include <solvane/lookup/Answer.h>
 
@@ -12,10 +14,16 @@ namespace Solvane::Tool {
 struct Record {
     std::string key;
     Lookup::Answer answer;
+    /// With --single, an answer of several entries is an error. The server knows nothing of that:
+    /// the answer's outcome and code stay its own.
+    bool hasTooManyEntries = false;
 };
 
 /// "found", "notfound", "skipped" or "error".
-char const* statusOf(Lookup::Outcome outcome);
+char const* statusOf(Record const& record);
+Outcome outcomeOf(Record const& record);
+/// What the user can do about it; empty where nothing is wrong.
+char const* remedyFor(Record const& record);
 
 } // namespace Solvane::Tool
 

@@ -1,7 +1,6 @@
 // The choice of a writer, and what several of them write.
 #include "RecordWriter.h"
 
-#include "Outcome.h"
 #include "Text.h"
 
 #include <fmt/format.h>
@@ -23,29 +22,16 @@ constexpr std::array<std::pair<char const*, Make>, 5> writers = {{{"text", makeT
                                                                   {"json", makeJsonWriter},
                                                                   {"ldif", makeLdifWriter}}};
 
-void appendError(Lookup::Answer const& answer, std::string& out)
+void appendError(Record const& record, std::string& out)
 {
-    fmt::format_to(std::back_inserter(out), "error {}", exitStatusOf(outcomeOf(answer)));
-    if (!answer.entries.empty()) {
+    Lookup::Answer const& answer = record.answer;
+    fmt::format_to(std::back_inserter(out), "error {}", exitStatusOf(outcomeOf(record)));
+    if (!answer.entries.empty() && !record.hasTooManyEntries) {
         fmt::format_to(std::back_inserter(out), " after {} of its entries", answer.entries.size());
     }
 }
 
 } // namespace
-
-char const* statusOf(Lookup::Outcome outcome)
-{
-    switch (outcome) {
-    case Lookup::Outcome::Found:
-        return "found";
-    case Lookup::Outcome::NotFound:
-        return "notfound";
-    case Lookup::Outcome::Skipped:
-        return "skipped";
-    default:
-        return "error";
-    }
-}
 
 std::vector<std::string> const& recordFormats()
 {
@@ -73,18 +59,13 @@ void appendSummary(Record const& record, std::string& out)
     Lookup::Answer const& answer = record.answer;
     appendOneLine(out, record.key);
     out += ": ";
-    switch (answer.outcome) {
-    case Lookup::Outcome::Found:
+    std::string_view const status = statusOf(record);
+    if (status == "found") {
         fmt::format_to(std::back_inserter(out), "found {}", answer.entries.size());
-        break;
-    case Lookup::Outcome::NotFound:
-        out += "not found";
-        break;
-    case Lookup::Outcome::Skipped:
-        out += "skipped";
-        break;
-    default:
-        appendError(answer, out);
+    } else if (status == "error") {
+        appendError(record, out);
+    } else {
+        out += status == "notfound" ? "not found" : status;
     }
     if (!answer.text.empty()) {
         out += ": ";
@@ -94,7 +75,7 @@ void appendSummary(Record const& record, std::string& out)
 
 void appendValues(Record const& record, std::string& out)
 {
-    if (record.answer.outcome != Lookup::Outcome::Found) {
+    if (outcomeOf(record) != Outcome::found) {
         return;
     }
     char const* separator = "";

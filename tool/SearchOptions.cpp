@@ -16,8 +16,8 @@ void TemplateOptions::declareOn(CLI::App& app)
     addValue(app, "-T,--template-file", m_file, textIn, "FILE",
              "File that holds the template, on one line")
         ->excludes(text);
-    addValue(app, "--b", m_bValue, textIn, "VALUE", "What $b inserts");
-    addValue(app, "--g", m_gValue, textIn, "VALUE", "What $g inserts");
+    addValue(app, "--b-value", m_bValue, textIn, "VALUE", "What $b inserts; --b for short");
+    addValue(app, "--g-value", m_gValue, textIn, "VALUE", "What $g inserts; --g for short");
 }
 
 bool TemplateOptions::isGiven(SettingsFile const& file) const

@@ -12,6 +12,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,13 +69,29 @@ void Secret::ask(std::string const& dn)
         throw Failure(Outcome::configuration, "-W finds no terminal to ask for the password",
                       "use -y FILE or --password-fd N");
     }
-    {
-        EchoOff const silence(terminal.get());
-        writeTo(terminal.get(), fmt::format("Password for {}: ", oneLine(dn)));
-        readLine(terminal.get());
-        writeTo(terminal.get(), "\n");
+    std::string const prompt = fmt::format("Password for {}: ", oneLine(dn));
+    while (!askOnce(terminal.get(), prompt)) {
+        wipe(m_text);
     }
     finish("the password");
+}
+
+/// False when a signal interrupted it that did not end the process.
+bool Secret::askOnce(int terminal, std::string const& prompt)
+{
+    EchoOff const silence(terminal);
+    if (silence.waitFor(POLLOUT)) {
+        writeTo(terminal, prompt);
+    }
+    char byte = 0;
+    while (silence.waitFor(POLLIN) && !EchoOff::wasInterrupted() &&
+           readByte(terminal, "the password", byte) && byte != '\n') {
+        append(byte, "the password");
+    }
+    if (silence.waitFor(POLLOUT)) {
+        writeTo(terminal, "\n");
+    }
+    return !EchoOff::wasInterrupted();
 }
 
 void Secret::assign(std::string_view bytes, std::string const& source)
@@ -97,15 +114,7 @@ void Secret::readToEnd(int descriptor, std::string const& source)
     finish(source);
 }
 
-void Secret::readLine(int terminal)
-{
-    char byte = 0;
-    while (!EchoOff::wasInterrupted() && readByte(terminal, "the password", byte) && byte != '\n') {
-        append(byte, "the password");
-    }
-}
-
-/// False at the end, and when a signal asks to stop.
+/// False at the end.
 bool Secret::readByte(int descriptor, std::string const& source, char& byte)
 {
     for (;;) {
@@ -117,9 +126,6 @@ bool Secret::readByte(int descriptor, std::string const& source, char& byte)
             throw Failure(Outcome::configuration,
                           fmt::format("{} cannot be read: {}", source, strerror(errno)),
                           "name a source of the password that you can read");
-        }
-        if (EchoOff::wasInterrupted()) {
-            return false;
         }
     }
 }

@@ -25,7 +25,7 @@ public:
     /// Reads an open descriptor to its end.
     /// @throws Failure  "configuration"
     void readDescriptor(int descriptor);
-    /// Asks at the terminal, without echo.
+    /// Asks at the terminal, without echo; again after a signal that stopped the process meanwhile.
     /// @throws Failure  "configuration": there is no terminal, or what all sources refuse
     void ask(std::string const& dn);
 
@@ -41,7 +41,7 @@ public:
 
 private:
     void readToEnd(int descriptor, std::string const& source);
-    void readLine(int terminal);
+    bool askOnce(int terminal, std::string const& prompt);
     bool readByte(int descriptor, std::string const& source, char& byte);
     void append(char byte, std::string const& source);
     void finish(std::string const& source);

@@ -9,8 +9,8 @@
 
 namespace Solvane::Tool {
 
-/// Turns echo off for its life. A signal that would end or stop the process meanwhile is held back
-/// until echo is on again, and interrupts a read.
+/// Turns echo off for its life. A signal that would end or stop the process meanwhile interrupts
+/// `waitFor`, and takes effect once echo is on again.
 class EchoOff {
 public:
     explicit EchoOff(int terminal);
@@ -18,6 +18,10 @@ public:
     EchoOff(EchoOff const&) = delete;
     EchoOff& operator=(EchoOff const&) = delete;
 
+    /// Waits until the terminal is ready for `events` of poll(2), or a signal interrupts; after one,
+    /// only looks.
+    /// @return whether it is ready
+    bool waitFor(short events) const;
     static bool wasInterrupted();
 
 private:
@@ -26,6 +30,7 @@ private:
     int m_terminal;
     termios m_saved{};
     std::array<struct sigaction, signals.size()> m_actions{};
+    sigset_t m_mask{};
 };
 
 } // namespace Solvane::Tool

@@ -13,7 +13,7 @@ public:
 private:
     void append(Record const& record, std::string& out) const override
     {
-        std::string_view const status = statusOf(record.answer.outcome);
+        std::string_view const status = statusOf(record);
         appendOneLine(out, record.key); // leaves no tab in a column
         out += '\t';
         appendValues(record, out);

@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <csignal>
+#include <cstdlib>
 
 #include <sys/time.h>
 #include <unistd.h>
@@ -59,7 +60,12 @@ class ClockToolSite : public HealthySite {
 public:
     ClockToolSite(unsigned int port, long hours, std::string const& preload) : HealthySite(port)
     {
-        m_spoilt.toolPrefix = {"/usr/bin/env", "LD_PRELOAD=" + preload,
+        // LD_PRELOAD takes no path with a blank, so the library is found by its name.
+        auto const slash = preload.rfind('/');
+        char const* const others = std::getenv("LD_LIBRARY_PATH");
+        m_spoilt.toolPrefix = {"/usr/bin/env", "LD_PRELOAD=" + preload.substr(slash + 1),
+                               "LD_LIBRARY_PATH=" + preload.substr(0, slash) +
+                                   (others == nullptr ? std::string() : ":" + std::string(others)),
                                "SOLVANE_SPOILT_HOURS=" + std::to_string(hours),
                                "ASAN_OPTIONS=verify_asan_link_order=0"};
         m_spoilt.port = port;

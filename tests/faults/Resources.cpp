@@ -182,7 +182,8 @@ std::vector<std::string> openDescriptors()
         std::error_code gone; // the iterator's own descriptor
         auto const what = std::filesystem::read_symlink(entry.path(), gone);
         if (!gone && what.string().find("/proc/") != 0) {
-            all.push_back(entry.path().filename().string() + ' ' + what.string());
+            // Of a file its name: under another root, its path changes with the mount namespace.
+            all.push_back(entry.path().filename().string() + ' ' + what.filename().string());
         }
     }
     std::sort(all.begin(), all.end());

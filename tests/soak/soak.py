@@ -153,7 +153,7 @@ def packageVersion(name):
 
 def versions():
     return ", ".join(f"{title} {packageVersion(name)}" for title, name in
-                     (("slapd", "slapd"), ("libldap", "libldap-2.5-0"), ("HAProxy", "haproxy")))
+                     (("slapd", "slapd"), ("libldap", "libldap-dev"), ("HAProxy", "haproxy")))
 
 
 def run(options, folder):

@@ -120,6 +120,14 @@ TEST(Remedies, AreThereForWhateverIsWrong)
     }
 }
 
+TEST(Remedies, NameOptionAndPackageWhereAuthoritiesAreMissing)
+{
+    std::string const remedy = remedyFor(Lookup::Verdict{Kind::Misconfigured, -9, {}});
+
+    EXPECT_THAT(remedy, testing::HasSubstr("--tls-ca"));
+    EXPECT_THAT(remedy, testing::HasSubstr("the package ca-certificates"));
+}
+
 TEST(Remedies, AreNotThereForWhatIsRight)
 {
     for (Kind const kind : {Kind::Found, Kind::NotFound, Kind::Skipped}) {

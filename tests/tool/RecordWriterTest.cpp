@@ -66,6 +66,15 @@ Record incomplete()
     return record;
 }
 
+/// Several entries where one is wanted.
+Record tooMany()
+{
+    Record record = jdoe();
+    record.hasTooManyEntries = true;
+    record.answer.text = "2 entries where one is wanted";
+    return record;
+}
+
 TEST(TextWriter, ShowsABlockForEachKey)
 {
     EXPECT_EQ(written("text", jdoe()), "> # jdoe@corp.test: found 2\n"
@@ -88,6 +97,9 @@ TEST(TextWriter, ShowsTheClassOfAnError)
     EXPECT_THAT(written("text", incomplete()),
                 testing::StartsWith("> # jdoe@corp.test: error 75 after 2 of its entries: Size "
                                     "limit\\x09exceeded\ndn: cn=a\n"));
+    EXPECT_THAT(written("text", tooMany()),
+                testing::StartsWith("> # jdoe@corp.test: error 65: 2 entries where one is wanted\n"
+                                    "dn: cn=a\n"));
 }
 
 TEST(TextWriter, EncodesWhatIsNoLineOfText)
@@ -104,6 +116,7 @@ TEST(ValuesWriter, WritesValuesOnly)
               "> ,x\\x0Ay\n");
     EXPECT_EQ(written("values", without(Lookup::Outcome::NotFound, 0, "text")), "> \n");
     EXPECT_EQ(written("values", incomplete()), "> \n");
+    EXPECT_EQ(written("values", tooMany()), "> \n");
 }
 
 TEST(TsvWriter, WritesAColumnMoreForErrors)
@@ -112,6 +125,8 @@ TEST(TsvWriter, WritesAColumnMoreForErrors)
     EXPECT_EQ(written("tsv", without(Lookup::Outcome::NotFound)), "> nobody@x\t\tnotfound\n");
     EXPECT_EQ(written("tsv", without(Lookup::Outcome::Skipped)), "> nobody@x\t\tskipped\n");
     EXPECT_EQ(written("tsv", incomplete()), "> jdoe@corp.test\t\terror\tSize limit\\x09exceeded\n");
+    EXPECT_EQ(written("tsv", tooMany()),
+              "> jdoe@corp.test\t\terror\t2 entries where one is wanted\n");
 }
 
 TEST(TsvWriter, LeavesNoTabInAColumn)

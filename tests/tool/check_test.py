@@ -78,7 +78,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         self.assertEqual(result.status, 0, result.output)
         self.assertEqual(steps.names, SECURE_STEPS)
         self.assertEqual(set(steps.verdicts.values()), {"ok"})
-        self.assertRegex(steps.texts["TLS"], r"^TLS1\.\d, .+")
+        self.assertRegex(steps.texts["TLS"], r"^TLSv?1\.\d, .+")
         self.assertRegex(steps.texts["certificate"], r"^CN=localhost, for localhost, .*days left$")
 
     def testShowsTheLatenciesOfEachRepetition(self):
@@ -164,6 +164,8 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
 
         self.assertEqual(result.status, 78, result.output + result.errors)
         self.assertIn("/nonexistent/ca.pem", result.output + result.errors)
+        self.assertIn("name the authority's file with --tls-ca or install the package "
+                      "ca-certificates", steps.texts["chain"])
         self.assertNotEqual(steps.verdicts.get("bind"), "ok")
 
     def testFailsForAServerThatIsDownAndTriesTheNextOne(self):

@@ -84,13 +84,30 @@ class CommandLine(ToolTest):
                        ["-j", "1"], ["-j", "1024"], ["--window", "65536"], ["--single"], ["-c"],
                        ["--domains", "other.test, more.test"], ["--domains", "@" + with_file],
                        ["--forms", "full,noext,bare,domain"], ["--delimiter", "-"],
-                       ["--delimiter", ""], ["--b", ""], ["--g", "x"], ["--nouser", "67"]):
+                       ["--delimiter", ""], ["--b-value", ""], ["--g-value", "x"], ["--nouser", "67"]):
             with self.subTest(option=option):
                 # The domain is none that is served: no server is asked.
                 domains = [] if "--domains" in option else ["--domains", "other.test"]
                 result = run(*LOOKUP, "a@x.test", *domains, *option)
 
                 self.assertEqual(result.status, 67 if "--nouser" in option else 1, result.errors)
+
+    def testTakesValuesOfTheTemplateUnderTheirShortNames(self):
+        for arguments in (["--b", "1", "--g=2"], ["--b=1", "--g", "2"], ["--g", "2", "--b", "1"]):
+            with self.subTest(arguments=arguments):
+                result = run("expand", *arguments, "-t", "($b)($g)", "a")
+
+                self.assertEqual((result.status, result.lines), (0, ["(1)(2)"]), result.errors)
+
+    def testLeavesWhatOnlyLooksLikeAShortNameAsItIs(self):
+        for arguments, filters in ((["-t", "($b)", "--b", "--b", "a"], ["(--b)"]),
+                                   (["-t", "($b)", "--b=--g=1", "a"], ["(--g=1)"]),
+                                   (["-vt", "--b", "a"], ["--b"]),
+                                   (["-t($u)", "--", "--b", "--g=1"], ["(--b)", "(--g=1)"])):
+            with self.subTest(arguments=arguments):
+                result = run("expand", *arguments)
+
+                self.assertEqual((result.status, result.lines), (0, filters), result.errors)
 
     def testRefusesValuesOutOfTheirRange(self):
         for arguments, word in ((["-s", "all"], "base"), (["-a", "maybe"], "never"),

@@ -21,7 +21,7 @@ class Expand(ToolTest):
         self.assertEqual(result.lines, ["(\"a@b\")(x.test)"])
 
     def testInsertsTheOptionalValues(self):
-        result = run("expand", "-t", "(b=$b)(g=$g)", "--b", "1", "--g", "(2", "a@x")
+        result = run("expand", "-t", "(b=$b)(g=$g)", "--b-value", "1", "--g-value", "(2", "a@x")
 
         self.assertEqual(result.lines, ["(b=1)(g=\\282)"])
 

@@ -13,13 +13,15 @@ class Terminal:
     """A run whose terminal the test reads and types on.
 
     `output` is a descriptor that takes the place of standard output; `cleanup` is the test's
-    addCleanup.
+    addCleanup; where the terminal `isHeld`, it takes no output, as after Ctrl-S.
     """
 
-    def __init__(self, cleanup, *arguments, output=None):
+    def __init__(self, cleanup, *arguments, output=None, isHeld=False):
         self.shown = b""
         self.pid, self._terminal = pty.fork()
         if self.pid == 0:
+            if isHeld:
+                termios.tcflow(0, termios.TCOOFF)
             if output is not None:
                 os.dup2(output, 1)
             os.execv(TOOL, [TOOL, *arguments])
@@ -44,6 +46,8 @@ class Terminal:
         deadline = time.monotonic() + DEADLINE
         while self._readBefore(deadline):
             pass
+        if time.monotonic() >= deadline:
+            raise AssertionError(f"the run does not end; it shows {self.shown}")
         return self._wait()
 
     def _readBefore(self, deadline):

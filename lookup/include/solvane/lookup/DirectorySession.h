@@ -82,7 +82,8 @@ public:
     /// Text of the server's URI with the host as the user named it.
     std::string const& uri() const { return m_uri; }
 
-    /// The version of TLS that is spoken, as "TLS1.3"; empty before connect() and without TLS.
+    /// The version of TLS that is spoken, as OpenLDAP's TLS library writes it ("TLS1.3" of GnuTLS,
+    /// "TLSv1.3" of OpenSSL); empty before connect() and without TLS.
     std::string tlsVersion() const;
     /// The cipher, likewise.
     std::string tlsCipher() const;
