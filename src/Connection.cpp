@@ -370,7 +370,10 @@ bool LDAPConnectionImpl::isValid()
     }
     int pending = 0;
     socklen_t length = sizeof pending;
-    if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &pending, &length) == 0 && pending == EPIPE) {
+    bool const isBroken =
+        !m_guard->isOfThisProcess() ||
+        (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &pending, &length) == 0 && pending == EPIPE);
+    if (isBroken) {
         SOLVANE_TRACE(at::brokenPipe, "tid=%d BROKEN PIPE detected", gettid());
         return false;
     }

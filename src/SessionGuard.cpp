@@ -1,6 +1,8 @@
 // The callback and the socket layers of a guarded session.
 #include "SessionGuard.h"
 
+#include "Process.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <climits>
@@ -100,16 +102,19 @@ bool isPlain(LDAPURLDesc const* server)
 } // namespace
 
 Sockbuf_IO SessionGuard::s_socketLayer = {setUp,      nullptr,     controlSocket,
-                                          readSocket, writeSocket, nullptr};
+                                          readSocket, writeSocket, closeSocket};
 Sockbuf_IO SessionGuard::s_messageLayer = {setUp,       nullptr,      passOn,
                                            readMessage, writeMessage, nullptr};
 
 SessionGuard::SessionGuard(unsigned int networkTimeout, unsigned long maximumMessageBytes)
     : m_callback{connected, disconnected, this}, m_networkTimeout(timeoutOf(networkTimeout).tv_sec),
       m_maximumMessageBytes(maximumMessageBytes), m_isForBind(false), m_isBinding(false),
-      m_isShakingHands(false), m_bufferBegin(0), m_bufferEnd(0), m_bufferError(0)
+      m_process(currentProcess()), m_isShakingHands(false), m_bufferBegin(0), m_bufferEnd(0),
+      m_bufferError(0)
 {
 }
+
+bool SessionGuard::isOfThisProcess() const { return m_process == currentProcess(); }
 
 int SessionGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc* server, sockaddr*,
                             ldap_conncb* callback)
@@ -137,6 +142,7 @@ bool SessionGuard::install(Sockbuf* socket, bool isPlain)
 {
     // Without a network timeout, a handshake could never even begin.
     constexpr std::chrono::seconds shortestHandshake(1);
+    m_process = currentProcess();
     m_isShakingHands = !isPlain;
     m_handshakeDeadline = Clock::now() + std::max(m_networkTimeout, shortestHandshake);
     forgetBuffered();
@@ -168,13 +174,20 @@ int SessionGuard::setUp(Sockbuf_IO_Desc* layer, void* guard)
 
 int SessionGuard::controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument)
 {
-    bool const isReady = option == LBER_SB_OPT_DATA_READY && guardOf(layer).hasBuffered();
+    SessionGuard const& guard = guardOf(layer);
+    // A read of what is another process's fails at once, so nobody needs to wait for one.
+    bool const isReady =
+        option == LBER_SB_OPT_DATA_READY && (guard.hasBuffered() || !guard.isOfThisProcess());
     return isReady ? 1 : passOn(layer, option, argument);
 }
 
 ber_slen_t SessionGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {
     SessionGuard& guard = guardOf(layer);
+    if (!guard.isOfThisProcess()) {
+        errno = ECONNRESET;
+        return -1;
+    }
     return guard.m_buffer ? guard.readAhead(layer, static_cast<char*>(bytes), length)
                           : guard.receive(layer, bytes, length);
 }
@@ -248,6 +261,10 @@ ber_slen_t SessionGuard::receive(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t 
 ber_slen_t SessionGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {
     SessionGuard const& guard = guardOf(layer);
+    if (!guard.isOfThisProcess()) {
+        errno = ECONNRESET;
+        return -1;
+    }
     int const descriptor = descriptorOf(layer->sbiod_sb);
     std::optional<Clock::time_point> deadline;
     if (guard.m_isShakingHands) {
@@ -274,6 +291,16 @@ ber_slen_t SessionGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_le
             return -1;
         }
     }
+}
+
+/// OpenLDAP would shut the socket down before it closes the descriptor, which ends the connection for
+/// every process that has one. It leaves alone what has no number any more.
+int SessionGuard::closeSocket(Sockbuf_IO_Desc* layer)
+{
+    if (!guardOf(layer).isOfThisProcess()) {
+        closeConnection(layer->sbiod_sb);
+    }
+    return 0;
 }
 
 ber_slen_t SessionGuard::readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)

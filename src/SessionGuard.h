@@ -27,6 +27,9 @@ namespace Solvane {
 /// - Without TLS, what has come is read in one go and kept for the reads that follow: OpenLDAP reads
 ///   each message in three. The socket may then have nothing to read although the session has, so
 ///   who polls it asks `LBER_SB_OPT_DATA_READY` first, as OpenLDAP does.
+/// - A connection belongs to the process that made it. In a child that was forked since, nothing is
+///   read from it or written to it, as if the peer had gone, and to close it ends the child's
+///   descriptor only: no unbind, no goodbye of TLS, no shutdown of the socket that both share.
 ///
 /// Must outlive the session that it was installed on.
 class SessionGuard : public NonCopyable {
@@ -38,6 +41,8 @@ public:
     /// The value of the session's option LDAP_OPT_CONNECT_CB.
     ldap_conncb* callback() { return &m_callback; }
     void maximumMessageBytes(unsigned long bytes) { m_maximumMessageBytes = bytes; }
+    /// False in a child of the process that connected.
+    bool isOfThisProcess() const;
 
     /// The next message of a request, as `ldap_result` gives it, from the guarded session. When this
     /// says that none came in time, nothing is left that was read ahead: `ldap_result` looks at the
@@ -69,6 +74,7 @@ private:
     static int controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument);
     static ber_slen_t readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static int closeSocket(Sockbuf_IO_Desc* layer);
     // The layer above TLS: what passes it is LDAP, so the handshake is over.
     static ber_slen_t readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static ber_slen_t writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
@@ -91,6 +97,7 @@ private:
     ber_len_t m_maximumMessageBytes;
     bool m_isForBind;
     bool m_isBinding;
+    unsigned long m_process; // that connected, or is to
     // Of the current connection; a session without referral chasing has one at a time.
     bool m_isShakingHands;
     Clock::time_point m_handshakeDeadline;
