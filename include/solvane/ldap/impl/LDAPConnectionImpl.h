@@ -22,7 +22,7 @@ typedef struct ldap LDAP;
 namespace Solvane {
 
 class LDAPMessageBuffer;
-class SessionGuard;
+class SocketGuard;
 
 /// The in-use marker: a semaphore of one token, which can be looked at without being taken.
 class InUseMarker : public Semaphore {
@@ -110,10 +110,7 @@ public:
     int m_openldapErrorCode;             ///< the last one recorded; 0: none
 
 private:
-    // Those who await answers, by the guard.
-    friend class LDAPAddImpl;
-    friend class LDAPConnection;
-    friend class LDAPSearchImpl;
+    friend class LDAPConnection; // binds
 
     int sendSimpleBind();
     bool takeBindResponse(LDAPMessageBuffer& message);
@@ -123,7 +120,7 @@ private:
     void allowAnyCertificate();
 
     bool m_sessionEnded;
-    std::unique_ptr<SessionGuard> m_guard;
+    std::unique_ptr<SocketGuard> m_guard;
 };
 
 } // namespace Solvane
