@@ -8,7 +8,6 @@
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
-#include "SessionGuard.h"
 #include "ThrowSite.h"
 
 #include <memory>
@@ -106,15 +105,14 @@ bool LDAPAddImpl::wait(unsigned int timeout)
 
 bool LDAPAddImpl::collect(unsigned int timeoutSeconds)
 {
-    timeval const timeout = timeoutOf(timeoutSeconds);
+    timeval timeout = timeoutOf(timeoutSeconds);
     for (;;) {
         LDAPMessageBuffer message;
         if (m_connection.context() == nullptr || m_connection.impl()->session() == nullptr) {
             throw fault(at::waitNoSession, "m_context is null");
         }
-        LDAPConnectionImpl& connection = *m_connection.impl();
-        int const rc = connection.m_guard->awaitMessage(connection.session(), id(), timeout,
-                                                        message.address());
+        int const rc = ldap_result(m_connection.impl()->session(), id(), LDAP_MSG_ONE, &timeout,
+                                   message.address());
         if (rc == 0) {
             return true;
         }

@@ -6,7 +6,7 @@
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
-#include "SessionGuard.h"
+#include "SocketGuard.h"
 #include "ThrowSite.h"
 
 #include <solvart/Buffer.h>
@@ -222,15 +222,15 @@ void LDAPConnection::bind(std::string const& dn, std::string const& password, Bi
 bool LDAPConnection::bindWait(unsigned int timeoutSeconds)
 {
     LDAPConnectionImpl& body = bodyOf(m_impl, at::bindWaitNullHandle);
-    timeval const timeout = timeoutOf(timeoutSeconds);
+    timeval timeout = timeoutOf(timeoutSeconds);
     for (;;) {
         LDAPMessageBuffer message;
         if (body.session() == nullptr) {
             throw fault(at::bindWaitNoSession,
                         "m_context=0, bind probably failed, unbind was called, then wait()");
         }
-        int const rc = body.m_guard->awaitMessage(body.session(), body.m_bindMessageId, timeout,
-                                                  message.address());
+        int const rc = ldap_result(body.session(), body.m_bindMessageId, LDAP_MSG_ONE, &timeout,
+                                   message.address());
         int const error = errno;
         // A wait that runs out counts as a completed bind: a dead session shows itself in the
         // search that follows, and callers rely on getting the connection.
@@ -258,7 +258,8 @@ LDAPConnectionImpl::LDAPConnectionImpl(LDAPConnection::RefServer const& server, 
     : m_server(server), m_context(nullptr), m_bindMode(LDAPConnection::Synchronous),
       m_bindMessageId(0), m_anonymous(anonymous), m_expiry(time(nullptr) + lifeSeconds),
       m_openldapErrorCode(0), m_sessionEnded(false),
-      m_guard(new SessionGuard(server->networkTimeout, defaultMaximumMessageSize))
+      m_guard(new SocketGuard(std::chrono::seconds(timeoutOf(server->networkTimeout).tv_sec),
+                              defaultMaximumMessageSize))
 {
     initializeSession();
     try {
@@ -373,7 +374,10 @@ bool LDAPConnectionImpl::isValid()
     }
     int pending = 0;
     socklen_t length = sizeof pending;
-    if (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &pending, &length) == 0 && pending == EPIPE) {
+    bool const isBroken =
+        !m_guard->isUsable() ||
+        (getsockopt(descriptor, SOL_SOCKET, SO_ERROR, &pending, &length) == 0 && pending == EPIPE);
+    if (isBroken) {
         SOLVANE_TRACE(at::brokenPipe, "tid=%d BROKEN PIPE detected", gettid());
         return false;
     }
@@ -403,7 +407,7 @@ int LDAPConnectionImpl::sendSimpleBind()
     char const* const name = reinterpret_cast<char const*>(dn.data());
     LDAPBerValItemBuffer const credentials(m_bindPassword);
 
-    SessionGuard::BindScope const mayConnect(*m_guard);
+    SocketGuard::BindScope const mayConnect(*m_guard);
     if (m_bindMode == LDAPConnection::Synchronous) {
         return ldap_sasl_bind_s(m_context, name, LDAP_SASL_SIMPLE, credentials.get(), nullptr,
                                 nullptr, nullptr);

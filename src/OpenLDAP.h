@@ -12,7 +12,6 @@
 // Exported by libldap, declared in no installed header.
 extern "C" int ldap_pvt_tls_set_option(LDAP* session, int option, void* value);
 extern "C" int ldap_pvt_tls_init(int threads);
-extern "C" void ldap_mark_select_clear(LDAP* session, Sockbuf* socket);
 
 namespace Solvane {
 

@@ -9,7 +9,6 @@
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
-#include "SessionGuard.h"
 #include "ThrowSite.h"
 
 #include <cerrno>
@@ -207,14 +206,12 @@ bool LDAPSearchImpl::wait(unsigned int timeout)
 bool LDAPSearchImpl::collect(unsigned int timeoutSeconds)
 {
     LDAP* const context = static_cast<LDAP*>(m_connection.context());
-    timeval const timeout = timeoutOf(timeoutSeconds);
+    timeval timeout = timeoutOf(timeoutSeconds);
     for (;;) {
         LDAPMessageBuffer message;
-        LDAPConnectionImpl& connection = *m_connection.impl();
-        int const rc =
-            connection.session() == nullptr
-                ? LDAP_SERVER_DOWN
-                : connection.m_guard->awaitMessage(context, id(), timeout, message.address());
+        int const rc = m_connection.impl()->session() == nullptr
+                           ? LDAP_SERVER_DOWN
+                           : ldap_result(context, id(), LDAP_MSG_ONE, &timeout, message.address());
         int const error = errno;
         if (rc == 0) {
             return true;

@@ -492,7 +492,8 @@ void DirectorySession::abandon(int id)
 bool DirectorySession::isFresh() const
 {
     pollfd looked = {descriptor(), POLLIN | POLLRDHUP, 0};
-    return looked.fd != -1 && !hasBufferedInput(m_connection.impl()->session()) &&
+    return looked.fd != -1 && m_connection.impl()->isValid() &&
+           !hasBufferedInput(m_connection.impl()->session()) &&
            poll(&looked, 1, 0) == 0;
 }
 

@@ -3,9 +3,11 @@
 
 #include "Bulk.h"
 #include "FaultSite.h"
+#include "Process.h"
 
 #include <solvane/lookup/PlainText.h>
 
+#include <atomic>
 #include <utility>
 
 namespace Solvane {
@@ -102,9 +104,42 @@ LDAPLookup::Settings const& checked(LDAPLookup::Settings const& settings)
 
 } // namespace
 
-class LDAPLookup::Engine : public Lookup::Shared {
+/// What all threads of one process share. A forked child makes itself a state of its own: threads
+/// that it does not have may be in the midst of changing the one it was born with, wait for a session
+/// there, and hold some. So it closes the idle sessions and leaves the rest as it is, for good.
+class LDAPLookup::Engine : public NonCopyable {
 public:
-    using Shared::Shared;
+    explicit Engine(Settings const& settings) : m_state(new State(settings)) {}
+    ~Engine()
+    {
+        State* const state = m_state;
+        if (state->process == currentProcess()) {
+            delete state;
+        } else {
+            state->sessions.leaveToParent();
+        }
+    }
+
+    Lookup::Shared& shared()
+    {
+        State* inherited = m_state;
+        while (inherited->process != currentProcess()) {
+            auto own = std::make_unique<State>(inherited->settings);
+            if (m_state.compare_exchange_strong(inherited, own.get())) {
+                inherited->sessions.leaveToParent();
+                return *own.release();
+            }
+        }
+        return *inherited;
+    }
+
+private:
+    struct State : Lookup::Shared {
+        using Shared::Shared;
+        unsigned long const process = currentProcess();
+    };
+
+    std::atomic<State*> m_state;
 };
 
 LDAPLookup::LDAPLookup(Settings const& settings)
@@ -130,20 +165,21 @@ LDAPLookup::Answer LDAPLookup::find(std::string const& address)
         answer = std::move(found);
         return true;
     };
-    Lookup::Bulk(*m_engine, source, sink, 1, 1).run();
+    Lookup::Bulk(m_engine->shared(), source, sink, 1, 1).run();
     return answer;
 }
 
 void LDAPLookup::findAll(Source const& source, Sink const& sink)
 {
-    Lookup::Bulk(*m_engine, source, sink, m_engine->settings.connections, m_engine->settings.window)
-        .run();
+    Lookup::Shared& shared = m_engine->shared();
+    Lookup::Bulk(shared, source, sink, shared.settings.connections, shared.settings.window).run();
 }
 
 LDAPLookup::Statistics LDAPLookup::statistics() const
 {
-    return {m_engine->sessions.openedCount(), m_engine->reused, m_engine->sessions.staleCount(),
-            m_engine->repeated};
+    Lookup::Shared const& shared = m_engine->shared();
+    return {shared.sessions.openedCount(), shared.reused, shared.sessions.staleCount(),
+            shared.repeated};
 }
 
 } // namespace Solvane

@@ -389,6 +389,15 @@ void SessionPool::serverFailed(std::size_t server, Verdict const& why, Clock::du
     closeIdle(server);
 }
 
+void SessionPool::leaveToParent()
+{
+    Idle dropped; // let go after unlocking
+    std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
+    if (lock) {
+        dropped.swap(m_idle);
+    }
+}
+
 void SessionPool::closeIdle(std::size_t server)
 {
     Idle dropped; // let go after unlocking

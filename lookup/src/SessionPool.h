@@ -81,6 +81,10 @@ public:
     /// A search failed on a session. Passes the server over from now on, and closes its idle sessions.
     void serverFailed(std::size_t server, Verdict const& why, Clock::duration cost);
 
+    /// Closes the idle sessions of a pool that belongs to the parent of this process, whose servers
+    /// notice nothing. A pool that was being changed when the process forked is left as it is.
+    void leaveToParent();
+
     unsigned long openedCount() const { return m_opened; }
     unsigned long staleCount() const { return m_stale; }
 

@@ -1,23 +1,38 @@
 // A connection that the guard of its session let through: what its reads and writes wait for.
-#include "SessionGuardTest.h"
+#include "SocketGuardTest.h"
+
+#include "ForkedProcess.h"
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
+#include <cstring>
 #include <string>
 #include <vector>
+
+#include <fcntl.h>
 
 namespace SolvaneTest {
 namespace {
 
+using Solvane::SocketGuard;
 using testing::Each;
 using testing::Not;
 using testing::StartsWith;
 
 class AGuardWithoutNetworkTimeout : public AGuard {
 protected:
-    AGuardWithoutNetworkTimeout() : AGuard(0) {}
+    AGuardWithoutNetworkTimeout() : AGuard(std::chrono::seconds(0)) {}
 };
+
+/// What stands for TLS takes nothing, and says this.
+int g_tlsError = 0;
+
+ber_slen_t takeNothing(Sockbuf_IO_Desc*, void*, ber_len_t)
+{
+    errno = g_tlsError;
+    return 0;
+}
 
 /// A connection that was let through.
 class AGuardedHandshake : public AGuard {
@@ -126,13 +141,7 @@ TEST_F(AGuardedHandshake, Writes)
 
 TEST_F(AGuardedHandshake, FailsToWriteToAFullSocketAtTheDeadlineOfItsReads)
 {
-    openldap.poll = [](auto...) {
-        errno = ENOMEM; // full, without the wait
-        return -1;
-    };
-    while (connected.writeInHandshake(std::string(65536, 'x')) >= 0) {
-    }
-    openldap.poll = nullptr;
+    connected.fill();
     while (connected.readInHandshake() >= 0) {
     }
     openldap.forgetCalls();
@@ -142,14 +151,15 @@ TEST_F(AGuardedHandshake, FailsToWriteToAFullSocketAtTheDeadlineOfItsReads)
     EXPECT_THAT(openldap.calls(), Each(Not(StartsWith("poll"))));
 }
 
-TEST_F(AGuardedHandshake, IsOverOnceLdapIsRead)
+// One that is asked for over LDAP, or a new one on a connection that goes on.
+TEST_F(AGuardedHandshake, HasTimeOfItsOwnAfterAMessage)
 {
-    connected.read();
-    openldap.forgetCalls();
+    while (connected.readInHandshake() >= 0) {
+    }
 
-    EXPECT_EQ(connected.readInHandshake(), -1);
-    EXPECT_EQ(errno, EAGAIN);
-    EXPECT_EQ(openldap.calls().size(), 2U); // its descriptor and one read
+    connected.read();
+
+    expectAHandshakeOfOneSecond();
 }
 
 TEST_F(AGuardedConnection, FailsToReadFromAnEmptySocketAtOnce)
@@ -199,10 +209,6 @@ TEST_F(AGuardedConnection, MeetsAClosedPeerWithAnErrorAndNoSignal)
 
 TEST_F(AGuardedConnection, WritesAsSoonAsAFullSocketHasRoom)
 {
-    openldap.poll = [](auto...) {
-        errno = ENOMEM; // full, without the wait
-        return -1;
-    };
     connected.fill();
     openldap.poll = [&](pollfd* waited, nfds_t count, int) {
         connected.peerReads();
@@ -212,34 +218,257 @@ TEST_F(AGuardedConnection, WritesAsSoonAsAFullSocketHasRoom)
     EXPECT_EQ(connected.write("more"), 4);
 }
 
+// TLS takes a part of a record that was sent for one that it is to send later.
+TEST_F(AGuardedConnection, SendsTheRestOfWhatTheSocketTookAPartOf)
+{
+    openldap.send = [&](int descriptor, void const* bytes, size_t length, int flags) {
+        return send(descriptor, bytes, std::min(length, size_t{2}), flags);
+    };
+
+    EXPECT_EQ(connected.write("hello"), 5);
+    EXPECT_EQ(connected.peerReads(), "hello");
+}
+
+TEST_F(AGuardedConnection, HasTheNetworkTimeoutForEachPartThatIsSent)
+{
+    std::vector<int> waits;
+    openldap.send = [&](int descriptor, void const* bytes, size_t length, int flags) -> ssize_t {
+        bool const isReady = waits.size() % 2 == 1;
+        waits.push_back(0);
+        errno = EAGAIN;
+        return isReady ? send(descriptor, bytes, std::min(length, size_t{2}), flags) : -1;
+    };
+    std::vector<int> patience;
+    openldap.poll = [&](pollfd*, nfds_t, int milliseconds) {
+        patience.push_back(milliseconds);
+        return 1;
+    };
+
+    EXPECT_EQ(connected.write("hello"), 5);
+    EXPECT_EQ(patience.size(), 3U);
+    EXPECT_THAT(patience, Each(testing::AllOf(testing::Gt(900), testing::Le(1000))));
+}
+
 TEST_F(AGuardedConnection, FailsToWriteToAFullSocketWhenTheNetworkTimeoutIsOver)
 {
+    connected.fill();
     int longest = 0;
     openldap.poll = [&](pollfd* waited, nfds_t count, int milliseconds) {
         longest = std::max(longest, milliseconds);
         return poll(waited, count, milliseconds);
     };
 
-    EXPECT_EQ(connected.fill(), ETIMEDOUT);
+    EXPECT_EQ(connected.write("more"), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
     EXPECT_GT(longest, 0);
     EXPECT_LE(longest, 1000);
 }
 
-TEST_F(AGuardWithoutNetworkTimeout, FailsToWriteToAFullSocketAtOnce)
+/// A connection on which a write was given up.
+class AStalledConnection : public AGuardedConnection {
+protected:
+    AStalledConnection()
+    {
+        connected.fill();
+        openldap.poll = [](auto...) {
+            errno = ENOMEM; // instead of the wait
+            return -1;
+        };
+        connected.write("more");
+        openldap.poll = nullptr;
+        openldap.forgetCalls();
+    }
+};
+
+TEST_F(AStalledConnection, IsOver)
+{
+    EXPECT_FALSE(guard.isUsable());
+    EXPECT_TRUE(guard.hasBuffered()); // the next read fails, so nobody needs to wait for it
+}
+
+TEST_F(AStalledConnection, IsShutDownInBothDirections)
+{
+    while (!connected.peerReads().empty()) {
+    }
+
+    EXPECT_EQ(connected.writeAsPeer("late"), EPIPE);
+}
+
+TEST_F(AStalledConnection, IsNeverWrittenToAgain)
+{
+    EXPECT_EQ(connected.write("unbind"), -1);
+    EXPECT_EQ(connected.writeInHandshake("goodbye of TLS"), -1);
+    EXPECT_THAT(openldap.calls(), Each(Not(StartsWith("send"))));
+}
+
+TEST_F(AStalledConnection, IsNeverReadFromAgain)
+{
+    EXPECT_EQ(connected.read(), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+    EXPECT_EQ(connected.readInHandshake(), -1);
+    EXPECT_THAT(openldap.calls(), Each(Not(StartsWith("recv"))));
+}
+
+TEST_F(AStalledConnection, SaysTheSameErrorAgain)
+{
+    guard.end();
+
+    EXPECT_EQ(errno, ENOMEM);
+}
+
+TEST_F(AStalledConnection, IsFollowedByANewOneThatIsUsable)
+{
+    connected.reconnect();
+    connected.offerTo(guard.callback());
+
+    EXPECT_TRUE(guard.isUsable());
+    EXPECT_EQ(connected.write("hello"), 5);
+    EXPECT_EQ(connected.peerReads(), "hello");
+}
+
+/// What TLS says that took a part of a message, or none of it.
+class AConnectionWhoseTlsTakesNothing : public AGuardedConnection,
+                                        public testing::WithParamInterface<int> {};
+
+// Two of these mean to OpenLDAP that it may send the rest later, and that all is well.
+TEST_P(AConnectionWhoseTlsTakesNothing, IsOverWhateverItSays)
+{
+    static Sockbuf_IO tls = {nullptr, nullptr, nullptr, nullptr, takeNothing, nullptr};
+    ber_sockbuf_add_io(connected.socket(), &tls, LBER_SBIOD_LEVEL_TRANSPORT, nullptr);
+    g_tlsError = GetParam();
+
+    EXPECT_EQ(connected.write("hello"), -1);
+    EXPECT_NE(errno, 0);
+    EXPECT_NE(errno, EAGAIN);
+    EXPECT_NE(errno, ENOTCONN);
+    EXPECT_FALSE(guard.isUsable());
+}
+
+INSTANTIATE_TEST_SUITE_P(AndSays, AConnectionWhoseTlsTakesNothing,
+                         testing::Values(0, EAGAIN, ENOTCONN, ECONNRESET));
+
+// It may not be connected yet, and nothing of the message is under way.
+TEST_F(AGuardWithoutNetworkTimeout, LeavesTheFirstWriteToOpenLdap)
 {
     connected.offerTo(guard.callback());
+    connected.fill();
     openldap.poll = [](auto...) {
         ADD_FAILURE() << "it waits";
         return 1;
     };
 
-    EXPECT_EQ(connected.fill(), EAGAIN);
+    EXPECT_EQ(connected.write("hello"), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_TRUE(guard.isUsable());
+}
+
+TEST_F(AGuardWithoutNetworkTimeout, GivesEachLaterWriteOneSecond)
+{
+    connected.offerTo(guard.callback());
+    connected.write("hello");
+    connected.fill();
+    int longest = 0;
+    openldap.poll = [&](pollfd* waited, nfds_t count, int milliseconds) {
+        longest = std::max(longest, milliseconds);
+        return poll(waited, count, milliseconds);
+    };
+
+    EXPECT_EQ(connected.write("more"), -1);
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_FALSE(guard.isUsable());
+    EXPECT_GT(longest, 0);
+    EXPECT_LE(longest, 1000);
 }
 
 TEST_F(AGuardWithoutNetworkTimeout, GivesAHandshakeOneSecond)
 {
     connected.offerTo(guard.callback());
     expectAHandshakeOfOneSecond();
+}
+
+TEST_F(AGuardedConnection, CountsTheBytesThatHaveCome)
+{
+    auto const before = guard.heardAt();
+    connected.peerWrites("hello");
+
+    connected.read();
+    connected.read();
+
+    EXPECT_EQ(guard.bytesReceived(), 5U);
+    EXPECT_GT(guard.heardAt(), before);
+}
+
+TEST_F(AGuardedConnection, HasHeardNothingBeforeItWasConnected)
+{
+    auto const start = SocketGuard::Clock::now();
+    connected.reconnect();
+
+    connected.offerTo(guard.callback());
+
+    EXPECT_GE(guard.heardAt(), start);
+    EXPECT_EQ(guard.bytesReceived(), 0U);
+}
+
+/// The same connection, in a child of the process that made it.
+class AGuardedConnectionOfAParent : public AGuardedConnection {
+protected:
+    /// What the work returns, in a child.
+    static std::string inAChild(ForkedProcess::Work const& work)
+    {
+        return ForkedProcess(work).complaint();
+    }
+    /// The error of a read or write that fails.
+    static std::string failure(ber_slen_t count)
+    {
+        return count == -1 ? strerrorname_np(errno) : "it succeeds";
+    }
+};
+
+TEST_F(AGuardedConnectionOfAParent, IsNeitherReadNorWritten)
+{
+    connected.peerWrites("for the parent");
+
+    EXPECT_EQ(inAChild([&] { return failure(connected.read()); }), "ECONNRESET");
+    EXPECT_EQ(inAChild([&] { return failure(connected.readInHandshake()); }), "ECONNRESET");
+    EXPECT_EQ(inAChild([&] { return failure(connected.write("unbind")); }), "EPIPE");
+    EXPECT_EQ(inAChild([&] { return failure(connected.writeInHandshake("goodbye")); }), "EPIPE");
+    EXPECT_EQ(connected.read(), 14);
+    EXPECT_EQ(connected.write("hello"), 5);
+    EXPECT_EQ(connected.peerReads(), "hello");
+}
+
+TEST_F(AGuardedConnectionOfAParent, IsNotUsable)
+{
+    EXPECT_EQ(inAChild([&] { return guard.isUsable() ? "usable" : ""; }), "");
+    EXPECT_EQ(inAChild([&] { return guard.hasBuffered() ? "" : "would be waited for"; }), "");
+    EXPECT_TRUE(guard.isUsable());
+}
+
+TEST_F(AGuardedConnectionOfAParent, LivesOnWhereTheChildClosesIt)
+{
+    std::string const wrong = inAChild([&]() -> std::string {
+        int const descriptor = connected.descriptor();
+        guard.end();
+        connected.end();
+        return fcntl(descriptor, F_GETFD) == -1 ? "" : "it is open";
+    });
+
+    EXPECT_EQ(wrong, "");
+    EXPECT_EQ(connected.write("hello"), 5);
+    EXPECT_EQ(connected.peerReads(), "hello");
+    connected.peerWrites("hello");
+    EXPECT_EQ(connected.read(), 5);
+}
+
+TEST_F(AGuardedConnectionOfAParent, IsFollowedByOneOfTheChildsOwn)
+{
+    std::string const wrong = inAChild([&]() -> std::string {
+        connected.reconnect();
+        connected.offerTo(guard.callback());
+        return guard.isUsable() && connected.write("hello") == 5 ? "" : "not usable";
+    });
+
+    EXPECT_EQ(wrong, "");
 }
 
 } // namespace

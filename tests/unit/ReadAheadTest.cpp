@@ -1,5 +1,5 @@
-// What the guard of a session reads ahead on a connection without TLS.
-#include "SessionGuard.h"
+// What the guard of a session reads ahead where it is told to.
+#include "SocketGuard.h"
 
 #include "CallTest.h"
 
@@ -8,6 +8,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <optional>
 #include <utility>
 
 #include <poll.h>
@@ -17,9 +19,9 @@
 namespace SolvaneTest {
 namespace {
 
-using Solvane::SessionGuard;
+using Solvane::SocketGuard;
 
-/// A connection as OpenLDAP makes it for a URL of this scheme; its peer is the test.
+/// A connection whose peer is the test.
 class ReadAhead : public testing::Test {
 protected:
     ReadAhead() : m_socket(ber_sockbuf_alloc()) {}
@@ -30,20 +32,14 @@ protected:
         ber_sockbuf_free(m_socket);
     }
 
-    void connect(char const* scheme)
+    void connect(SocketGuard::Reads reads = SocketGuard::Reads::ahead)
     {
         RealCalls const unseen;
         hangUp();
-        std::array<int, 2> ends{};
-        checked(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), "socketpair");
-        m_own = ends[0];
-        m_peer = ends[1];
-        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, ends.data());
-        std::string text = scheme;
-        LDAPURLDesc server = {};
-        server.lud_scheme = text.data();
-        ASSERT_EQ(
-            m_guard.callback()->lc_add(nullptr, m_socket, &server, nullptr, m_guard.callback()), 0);
+        makeSocket();
+        guard.emplace(std::chrono::seconds(1), 1000, reads);
+        ASSERT_EQ(guard->callback()->lc_add(nullptr, m_socket, nullptr, nullptr, guard->callback()),
+                  0);
         ber_sockbuf_add_io(m_socket, &s_layer, LBER_SBIOD_LEVEL_APPLICATION + 5, &m_layer);
     }
     void peerWrites(std::string const& bytes) const
@@ -79,7 +75,28 @@ protected:
         return poll(&looked, 1, 0) > 0;
     }
 
+    /// Ends the connection and makes the next one, as OpenLDAP does for the same session.
+    void reconnect()
+    {
+        RealCalls const unseen;
+        guard->callback()->lc_del(nullptr, nullptr, guard->callback());
+        hangUp();
+        makeSocket();
+        ASSERT_EQ(guard->callback()->lc_add(nullptr, m_socket, nullptr, nullptr, guard->callback()),
+                  0);
+    }
+
+    std::optional<SocketGuard> guard;
+
 private:
+    void makeSocket()
+    {
+        std::array<int, 2> ends{};
+        checked(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), "socketpair");
+        m_own = ends[0];
+        m_peer = ends[1];
+        ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, ends.data());
+    }
     void hangUp()
     {
         if (m_peer >= 0) {
@@ -104,7 +121,6 @@ private:
     static Sockbuf_IO s_layer;
 
     FakeOpenLDAP m_openldap;
-    SessionGuard m_guard{1, 1000};
     Sockbuf* m_socket;
     Sockbuf_IO_Desc* m_layer = nullptr;
     int m_own = -1;
@@ -115,7 +131,7 @@ Sockbuf_IO ReadAhead::s_layer = {setUp, nullptr, control, nullptr, nullptr, null
 
 TEST_F(ReadAhead, KeepsForTheNextReadWhatHasComeAlready)
 {
-    connect("ldap");
+    connect();
     peerWrites("abcdef");
 
     EXPECT_EQ(read(2), "ab");
@@ -128,7 +144,7 @@ TEST_F(ReadAhead, KeepsForTheNextReadWhatHasComeAlready)
 // OpenLDAP asks it before it polls, and so must everybody: the socket has nothing to read any more.
 TEST_F(ReadAhead, SaysThatItHasSomething)
 {
-    connect("ldap");
+    connect();
     peerWrites("abc");
     bool const beforeAnyRead = isReady();
 
@@ -144,7 +160,7 @@ TEST_F(ReadAhead, SaysThatItHasSomething)
 // A message that is there whole is to be read whole.
 TEST_F(ReadAhead, GoesOnWithWhatTheSocketHas)
 {
-    connect("ldap");
+    connect();
     peerWrites("abc");
     read(1);
     peerWrites("defg");
@@ -156,7 +172,7 @@ TEST_F(ReadAhead, GoesOnWithWhatTheSocketHas)
 TEST_F(ReadAhead, LeavesALargeReadToTheSocket)
 {
     std::string const large(40000, 'x');
-    connect("ldap");
+    connect();
     peerWrites("ab" + large);
     read(1);
 
@@ -165,7 +181,7 @@ TEST_F(ReadAhead, LeavesALargeReadToTheSocket)
 
 TEST_F(ReadAhead, TellsOfAFailureAfterWhatCameBeforeIt)
 {
-    connect("ldap");
+    connect();
     hangUpAfter("abc");
     read(1);
 
@@ -176,20 +192,40 @@ TEST_F(ReadAhead, TellsOfAFailureAfterWhatCameBeforeIt)
 
 TEST_F(ReadAhead, ForgetsTheLastConnection)
 {
-    connect("ldap");
+    connect();
     peerWrites("of the last one");
     read(3);
 
-    connect("ldap");
+    reconnect();
     peerWrites("new");
 
     EXPECT_FALSE(isReady());
     EXPECT_EQ(read(3), "new");
 }
 
-TEST_F(ReadAhead, IsNotDoneBelowTls)
+// A connection that OpenLDAP has given up: it asks on and on, and would never look at its clock or
+// at the socket again.
+TEST_F(ReadAhead, StopsSayingSoToThoseWhoDoNotRead)
 {
-    connect("ldaps");
+    connect();
+    peerWrites("abc");
+    read(1);
+
+    int answers = 0;
+    while (isReady() && answers < 1000) {
+        ++answers;
+    }
+
+    EXPECT_GE(answers, 4); // OpenLDAP asks a few times for each read
+    EXPECT_LE(answers, 100);
+    EXPECT_FALSE(guard->hasBuffered());
+    EXPECT_EQ(read(1), "b");
+    EXPECT_TRUE(isReady());
+}
+
+TEST_F(ReadAhead, IsNotDoneUnlessWanted)
+{
+    connect(SocketGuard::Reads::asAsked);
     peerWrites("abcdef");
 
     EXPECT_EQ(read(2), "ab");

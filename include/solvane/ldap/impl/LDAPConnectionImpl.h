@@ -21,7 +21,7 @@ typedef struct ldap LDAP;
 namespace Solvane {
 
 class LDAPMessageBuffer;
-class SessionGuard;
+class SocketGuard;
 
 /// Body of a connection. Owns the session from `ldap_initialize` to `ldap_unbind_ext`.
 ///
@@ -81,10 +81,7 @@ public:
     int m_openldapErrorCode;             ///< the last one recorded; 0: none
 
 private:
-    // Those who await answers, by the guard.
-    friend class LDAPAddImpl;
-    friend class LDAPConnection;
-    friend class LDAPSearchImpl;
+    friend class LDAPConnection; // binds
 
     int sendSimpleBind();
     bool takeBindResponse(LDAPMessageBuffer& message);
@@ -94,7 +91,7 @@ private:
     void allowAnyCertificate();
 
     bool m_sessionEnded;
-    std::unique_ptr<SessionGuard> m_guard;
+    std::unique_ptr<SocketGuard> m_guard;
 };
 
 } // namespace Solvane

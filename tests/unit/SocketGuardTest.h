@@ -1,8 +1,8 @@
 // What the tests of a session's guard have in common: a connection, and a guard that it is offered to.
-#ifndef SOLVANE_TESTS_UNIT_SESSION_GUARD_TEST_H
-#define SOLVANE_TESTS_UNIT_SESSION_GUARD_TEST_H
+#ifndef SOLVANE_TESTS_UNIT_SOCKET_GUARD_TEST_H
+#define SOLVANE_TESTS_UNIT_SOCKET_GUARD_TEST_H
 
-#include "SessionGuard.h"
+#include "SocketGuard.h"
 
 #include "CallTest.h"
 
@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <string>
 #include <utility>
 
@@ -21,8 +22,8 @@ namespace SolvaneTest {
 
 /// The socket of a session, as OpenLDAP connects it: one end of a pair of sockets.
 ///
-/// Layers of its own stand where TLS would and above all others, so that a test can read and write
-/// as a handshake does and as LDAP does.
+/// Layers of its own stand below TLS and above all others, so that a test can read and write as a
+/// handshake does and as LDAP does.
 class Connected {
 public:
     Connected() : m_socket(ber_sockbuf_alloc()) { connect(); }
@@ -30,7 +31,7 @@ public:
     {
         RealCalls const unseen;
         hangUp();
-        ber_sockbuf_free(m_socket);
+        end();
     }
     Connected(Connected const&) = delete;
     Connected& operator=(Connected const&) = delete;
@@ -55,6 +56,26 @@ public:
         connect();
     }
 
+    /// Puts a layer between the two that says that it encrypts, and passes on what it is given.
+    void startTls()
+    {
+        RealCalls const unseen;
+        ber_sockbuf_add_io(m_socket, &s_tls, LBER_SBIOD_LEVEL_TRANSPORT, nullptr);
+    }
+    bool hasTls() const
+    {
+        RealCalls const unseen;
+        return ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_GET_SSL, nullptr) == 1;
+    }
+    /// Ends it as a session's end does.
+    void end()
+    {
+        RealCalls const unseen;
+        if (m_socket != nullptr) {
+            ber_sockbuf_free(std::exchange(m_socket, nullptr));
+        }
+    }
+
     ber_slen_t readInHandshake() { return readBelow(m_inHandshake); }
     ber_slen_t writeInHandshake(std::string const& bytes)
     {
@@ -75,21 +96,23 @@ public:
     {
         checked(::write(m_peer, bytes.data(), bytes.size()), "write");
     }
+    /// The error of a write of the peer's; 0: none.
+    int writeAsPeer(std::string const& bytes) const
+    {
+        return send(m_peer, bytes.data(), bytes.size(), MSG_NOSIGNAL) < 0 ? errno : 0;
+    }
     void closePeer()
     {
         if (m_peer >= 0) {
             close(std::exchange(m_peer, -1));
         }
     }
-    /// Writes until the socket takes no more. The error that ends it.
-    int fill()
+    /// Fills the socket, past the guard, until it takes no more.
+    void fill() const
     {
+        RealCalls const unseen;
         std::string const block(65536, 'x');
-        for (;;) {
-            errno = 0;
-            if (write(block) < 0) {
-                return errno;
-            }
+        while (send(descriptor(), block.data(), block.size(), MSG_DONTWAIT) > 0) {
         }
     }
     unsigned long maximumMessageSize() const
@@ -127,7 +150,7 @@ private:
     {
         closePeer();
         ber_socket_t none = -1;
-        if (descriptor() != none) {
+        if (m_socket != nullptr && descriptor() != none) {
             close(descriptor());
             ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, &none);
         }
@@ -165,7 +188,13 @@ private:
         return LBER_SBIOD_WRITE_NEXT(layer, bytes.data(), bytes.size());
     }
 
+    static int controlTls(Sockbuf_IO_Desc* layer, int option, void* argument)
+    {
+        return option == LBER_SB_OPT_GET_SSL ? 1 : control(layer, option, argument);
+    }
+
     static inline Sockbuf_IO s_layer = {setUp, nullptr, control, passRead, passWrite, nullptr};
+    static inline Sockbuf_IO s_tls = {nullptr, nullptr, controlTls, passRead, passWrite, nullptr};
 
     Sockbuf* m_socket;
     int m_peer = -1;
@@ -192,10 +221,13 @@ protected:
         EXPECT_LE(waits.front(), 1000);
     }
 
-    explicit AGuard(unsigned int networkTimeout = 1) : guard(networkTimeout, 1000) {}
+    explicit AGuard(std::chrono::seconds networkTimeout = std::chrono::seconds(1))
+        : guard(networkTimeout, 1000)
+    {
+    }
 
     FakeOpenLDAP openldap;
-    Solvane::SessionGuard guard;
+    Solvane::SocketGuard guard;
     Connected connected;
 };
 

@@ -1,5 +1,5 @@
 // The guard of a session: which connections it lets through, and how large it lets their messages be.
-#include "SessionGuardTest.h"
+#include "SocketGuardTest.h"
 
 #include <cerrno>
 #include <vector>
@@ -8,9 +8,19 @@ namespace SolvaneTest {
 namespace {
 
 using Solvane::LDAPConnection;
-using Solvane::SessionGuard;
+using Solvane::SocketGuard;
 using testing::ElementsAre;
 using testing::IsEmpty;
+
+/// What is left for OpenLDAP's own layers to close.
+int g_notedDescriptor = 0;
+
+int takeNote(Sockbuf_IO_Desc* layer)
+{
+    RealCalls const unseen;
+    ber_sockbuf_ctrl(layer->sbiod_sb, LBER_SB_OPT_GET_FD, &g_notedDescriptor);
+    return 0;
+}
 
 TEST_F(AGuard, LetsASessionConnectThatWasNeverBound)
 {
@@ -27,7 +37,7 @@ TEST_F(AGuard, LetsASessionConnectAgainThatWasNeverBound)
 
 TEST_F(AGuard, LetsASessionConnectWithinABind)
 {
-    SessionGuard::BindScope const bind(guard);
+    SocketGuard::BindScope const bind(guard);
 
     EXPECT_EQ(connected.offerTo(guard.callback()), 0);
 }
@@ -35,7 +45,7 @@ TEST_F(AGuard, LetsASessionConnectWithinABind)
 TEST_F(AGuard, RefusesASecondConnectionOfASessionThatWasGivenToABind)
 {
     {
-        SessionGuard::BindScope const bind(guard);
+        SocketGuard::BindScope const bind(guard);
         connected.offerTo(guard.callback());
     }
     Connected second;
@@ -46,7 +56,7 @@ TEST_F(AGuard, RefusesASecondConnectionOfASessionThatWasGivenToABind)
 TEST_F(AGuard, RefusesAConnectionAfterABindThatNeverConnected)
 {
     {
-        SessionGuard::BindScope const bind(guard);
+        SocketGuard::BindScope const bind(guard);
     }
 
     EXPECT_EQ(connected.offerTo(guard.callback()), -1);
@@ -55,11 +65,11 @@ TEST_F(AGuard, RefusesAConnectionAfterABindThatNeverConnected)
 TEST_F(AGuard, LetsANewBindConnectAgain)
 {
     {
-        SessionGuard::BindScope const bind(guard);
+        SocketGuard::BindScope const bind(guard);
         connected.offerTo(guard.callback());
     }
     Connected second;
-    SessionGuard::BindScope const again(guard);
+    SocketGuard::BindScope const again(guard);
 
     EXPECT_EQ(second.offerTo(guard.callback()), 0);
 }
@@ -68,7 +78,7 @@ TEST_F(AGuard, LetsANewBindConnectAgain)
 TEST_F(AGuard, ClosesAConnectionThatItRefusesAndTakesItsNumberAway)
 {
     {
-        SessionGuard::BindScope const bind(guard);
+        SocketGuard::BindScope const bind(guard);
     }
 
     connected.offerTo(guard.callback());
@@ -93,6 +103,17 @@ TEST_P(EachStepThatFails, RefusesTheConnectionAndClosesIt)
 
 INSTANTIATE_TEST_SUITE_P(Of, EachStepThatFails, testing::Values(1, 2, 3));
 
+TEST_P(EachStepThatFails, LeavesASessionOverADescriptorUnguarded)
+{
+    int step = 0;
+    openldap.ber_sockbuf_add_io = [&](Sockbuf* socket, Sockbuf_IO* io, int level, void* argument) {
+        return ++step == GetParam() ? -1 : ber_sockbuf_add_io(socket, io, level, argument);
+    };
+
+    EXPECT_FALSE(guard.install(connected.socket()));
+    EXPECT_NE(connected.descriptor(), -1);
+}
+
 TEST_F(AGuard, RefusesAConnectionWhoseMessagesItCannotBound)
 {
     openldap.ber_sockbuf_ctrl = [](Sockbuf* socket, int option, void* argument) {
@@ -104,15 +125,43 @@ TEST_F(AGuard, RefusesAConnectionWhoseMessagesItCannotBound)
     EXPECT_EQ(connected.descriptor(), -1);
 }
 
-TEST_F(AGuard, TakesTheLayersOfTheLastConnectionAway)
+TEST_F(AGuard, TakesTheTlsOfTheLastConnectionAway)
 {
     connected.offerTo(guard.callback());
+    connected.startTls();
     connected.reconnect();
 
     guard.callback()->lc_add(nullptr, connected.socket(), nullptr, nullptr, guard.callback());
 
-    EXPECT_FALSE(connected.has(ber_sockbuf_io_tcp));
-    EXPECT_FALSE(connected.has(Connected::layer()));
+    EXPECT_FALSE(connected.hasTls());
+}
+
+// A caller's own callback has put them there, perhaps a moment ago: it is called first.
+TEST_F(AGuard, LeavesTheLayersOfOthersWhereTheyAre)
+{
+    connected.offerTo(guard.callback());
+    connected.startTls();
+    connected.reconnect();
+
+    guard.callback()->lc_add(nullptr, connected.socket(), nullptr, nullptr, guard.callback());
+
+    EXPECT_TRUE(connected.has(Connected::layer()));
+}
+
+// OpenLDAP leaves a layer of its own for each, which would shut down and close what by then may be
+// another file's number.
+TEST_F(AGuard, ClosesTheDescriptorOnceHoweverOftenTheSessionConnected)
+{
+    connected.offerTo(guard.callback());
+    connected.reconnect();
+    connected.offerTo(guard.callback());
+    Sockbuf_IO note = {nullptr, nullptr, nullptr, nullptr, nullptr, takeNote};
+    ber_sockbuf_add_io(connected.socket(), &note, LBER_SBIOD_LEVEL_PROVIDER, nullptr);
+
+    connected.end();
+
+    EXPECT_EQ(g_notedDescriptor, -1);
+    EXPECT_EQ(connected.peerReads(), "");
 }
 
 TEST_F(AGuard, GuardsAConnectionThatWasMadeAgain)
@@ -125,6 +174,14 @@ TEST_F(AGuard, GuardsAConnectionThatWasMadeAgain)
     EXPECT_EQ(connected.readInHandshake(), 5);
     EXPECT_EQ(connected.read(), -1);
     EXPECT_EQ(errno, EAGAIN);
+}
+
+TEST_F(AGuard, RefusesEveryConnectionOfASessionOverADescriptor)
+{
+    guard.install(connected.socket());
+    Connected second;
+
+    EXPECT_EQ(second.offerTo(guard.callback()), -1);
 }
 
 TEST_F(AGuard, TakesAConnectionThatEndsFromWhatIsPolled)

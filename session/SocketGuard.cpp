@@ -1,0 +1,378 @@
+// The callback and the two layers of a guarded connection.
+#include "SocketGuard.h"
+
+#include "Process.h"
+#include "ReadAhead.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+// Exported by libldap, declared in no installed header.
+extern "C" void ldap_mark_select_clear(LDAP* session, Sockbuf* socket);
+
+namespace Solvane {
+
+namespace {
+
+/// Next to the socket, below whatever a caller's own callback puts there: from this level down, the
+/// layers are OpenLDAP's.
+constexpr int socketLevel = LBER_SBIOD_LEVEL_PROVIDER + 1;
+/// Above TLS, below what prints LDAP messages.
+constexpr int messageLevel = LBER_SBIOD_LEVEL_APPLICATION;
+
+SocketGuard& guardOf(Sockbuf_IO_Desc* layer)
+{
+    return *static_cast<SocketGuard*>(layer->sbiod_pvt);
+}
+
+int descriptorOf(Sockbuf* socket)
+{
+    ber_socket_t descriptor = -1;
+    ber_sockbuf_ctrl(socket, LBER_SB_OPT_GET_FD, &descriptor);
+    return descriptor;
+}
+
+enum class Ownership { own, shared };
+
+/// Closes a connection; one that is shared with a parent process goes on there. Takes the number away
+/// from OpenLDAP, which otherwise would shut it down and close it as well, once for each of its layers
+/// that earlier connections have left: by then it may be the number of another file.
+void closeConnection(Sockbuf* socket, Ownership ownership)
+{
+    int const descriptor = descriptorOf(socket);
+    if (descriptor < 0) {
+        return;
+    }
+    if (ownership == Ownership::own) {
+        shutdown(descriptor, SHUT_RDWR);
+    }
+    close(descriptor);
+    ber_socket_t none = -1;
+    ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_FD, &none);
+}
+
+int rememberLayer(Sockbuf_IO_Desc* layer, void* remembered)
+{
+    *static_cast<Sockbuf_IO_Desc**>(remembered) = layer;
+    return 0;
+}
+
+int passOn(Sockbuf_IO_Desc* layer, int option, void* argument)
+{
+    return LBER_SBIOD_CTRL_NEXT(layer, option, argument);
+}
+
+/// Whether this layer or one below it encrypts.
+bool hasTls(Sockbuf_IO_Desc* layer)
+{
+    void* state = nullptr;
+    return layer != nullptr &&
+           layer->sbiod_io->sbi_ctrl(layer, LBER_SB_OPT_GET_SSL, static_cast<void*>(&state)) == 1;
+}
+
+/// Takes away the TLS layer of a session's last connection, which OpenLDAP leaves on the socket of the
+/// next one: its first bytes would meet a TLS that is over. False without memory.
+bool removeDeadTls(Sockbuf* socket)
+{
+    static Sockbuf_IO probe = {rememberLayer, nullptr, passOn, nullptr, nullptr, nullptr};
+    Sockbuf_IO_Desc* layer = nullptr;
+    if (ber_sockbuf_add_io(socket, &probe, INT_MAX, static_cast<void*>(&layer)) != 0) {
+        return false;
+    }
+    while (hasTls(layer) && hasTls(layer->sbiod_next)) {
+        layer = layer->sbiod_next;
+    }
+    if (hasTls(layer)) {
+        ber_sockbuf_remove_io(socket, layer->sbiod_io, layer->sbiod_level);
+    }
+    ber_sockbuf_remove_io(socket, &probe, INT_MAX);
+    return true;
+}
+
+bool wouldBlock() { return errno == EAGAIN; } // EWOULDBLOCK is the same number on Linux
+
+/// Waits until the socket can be read or written. False, with errno set, when the time is over.
+bool isReadyBy(SocketGuard::Clock::time_point deadline, int descriptor, short events)
+{
+    for (;;) {
+        auto const left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - SocketGuard::Clock::now());
+        if (left.count() <= 0) {
+            errno = ETIMEDOUT;
+            return false;
+        }
+        pollfd waited = {descriptor, events, 0};
+        int const ready =
+            poll(&waited, 1, static_cast<int>(std::min<long long>(left.count(), INT_MAX)));
+        if (ready > 0) {
+            return true;
+        }
+        if (ready < 0 && errno != EINTR) {
+            return false;
+        }
+    }
+}
+
+} // namespace
+
+/// OpenLDAP reads or writes LDAP while it lives. What reaches the socket outside of one is a TLS
+/// handshake, or TLS's goodbye.
+class SocketGuard::MessageScope : public NonCopyable {
+public:
+    explicit MessageScope(SocketGuard& guard) : m_guard(guard)
+    {
+        m_guard.m_isInMessage = true;
+        m_guard.m_handshakeDeadline.reset();
+    }
+    ~MessageScope() { m_guard.m_isInMessage = false; }
+
+private:
+    SocketGuard& m_guard;
+};
+
+Sockbuf_IO SocketGuard::s_socketLayer = {setUp,      removeSocket, controlSocket,
+                                         readSocket, writeSocket,  closeSocket};
+Sockbuf_IO SocketGuard::s_messageLayer = {setUp,       nullptr,      passOn,
+                                          readMessage, writeMessage, nullptr};
+
+SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
+                         unsigned long maximumMessageBytes, Reads reads)
+    : m_callback{connected, disconnected, this}, m_networkTimeout(networkTimeout),
+      m_maximumMessageBytes(maximumMessageBytes), m_connectsItself(true), m_isBinding(false),
+      m_readAhead(reads == Reads::ahead ? std::make_unique<ReadAhead>() : nullptr),
+      m_socket(nullptr), m_process(currentProcess()), m_error(0), m_hasSent(false),
+      m_isInMessage(false), m_unheeded(0), m_bytesReceived(0)
+{
+}
+
+SocketGuard::~SocketGuard() = default;
+
+// Connections
+
+bool SocketGuard::install(Sockbuf* socket)
+{
+    m_connectsItself = false;
+    return takeOver(socket);
+}
+
+int SocketGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
+{
+    SocketGuard& guard = *static_cast<SocketGuard*>(callback->lc_arg);
+    bool const mayConnect = guard.m_connectsItself || guard.m_isBinding;
+    if (mayConnect && guard.takeOver(socket)) {
+        return 0;
+    }
+    // OpenLDAP would close it as well, but keep its number, and then take the session for connected.
+    closeConnection(socket, Ownership::own);
+    return -1;
+}
+
+/// OpenLDAP goes on polling the number of a connection that ended while nothing was outstanding: the
+/// session's next one would fail for it, or wait on somebody else's file.
+void SocketGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback)
+{
+    SocketGuard const& guard = *static_cast<SocketGuard*>(callback->lc_arg);
+    if (guard.m_readAhead) {
+        guard.m_readAhead->forget();
+    }
+    if (socket != nullptr) { // null when the session goes
+        ldap_mark_select_clear(session, socket);
+    }
+}
+
+bool SocketGuard::takeOver(Sockbuf* socket)
+{
+    ber_sockbuf_remove_io(socket, &s_messageLayer, messageLevel);
+    ber_sockbuf_remove_io(socket, &s_socketLayer, socketLevel);
+    m_socket = socket;
+    m_process = currentProcess();
+    m_error = 0;
+    m_hasSent = false;
+    m_unheeded = 0;
+    m_handshakeDeadline.reset();
+    m_heardAt = Clock::now();
+    m_bytesReceived = 0;
+    return removeDeadTls(socket) &&
+           ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_MAX_INCOMING, &m_maximumMessageBytes) == 1 &&
+           ber_sockbuf_add_io(socket, &s_socketLayer, socketLevel, this) == 0 &&
+           ber_sockbuf_add_io(socket, &s_messageLayer, messageLevel, this) == 0;
+}
+
+bool SocketGuard::isUsable() const { return m_error == 0 && m_process == currentProcess(); }
+
+void SocketGuard::end() { endWith(ECONNABORTED); }
+
+/// -1, with the errno that ended the connection first.
+ber_slen_t SocketGuard::endWith(int error)
+{
+    if (isUsable()) {
+        m_error = error;
+        if (m_socket != nullptr) {
+            shutdown(descriptorOf(m_socket), SHUT_RDWR);
+        }
+    }
+    errno = m_error;
+    return -1;
+}
+
+bool SocketGuard::hasBuffered() const
+{
+    return m_socket != nullptr && ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_DATA_READY, nullptr) > 0;
+}
+
+// The layer next to the socket
+
+int SocketGuard::setUp(Sockbuf_IO_Desc* layer, void* guard)
+{
+    layer->sbiod_pvt = guard;
+    return 0;
+}
+
+int SocketGuard::removeSocket(Sockbuf_IO_Desc* layer)
+{
+    guardOf(layer).m_socket = nullptr;
+    return 0;
+}
+
+int SocketGuard::controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument)
+{
+    return guardOf(layer).hasBytesFor(option) ? 1 : passOn(layer, option, argument);
+}
+
+/// OpenLDAP asks before it polls the socket, a few times for each read. Once it has given a connection
+/// up, it asks on and on and reads no more: a wait that was told "yes" for ever would spin until its
+/// time is over, and one without a time for ever.
+bool SocketGuard::hasBytesFor(int option)
+{
+    constexpr int enough = 16;
+    bool const hasBytes = !isUsable() || (m_readAhead && m_readAhead->hasBytes());
+    return option == LBER_SB_OPT_DATA_READY && hasBytes && ++m_unheeded <= enough;
+}
+
+ber_slen_t SocketGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+{
+    SocketGuard& guard = guardOf(layer);
+    if (!guard.isUsable()) {
+        errno = ECONNRESET;
+        return -1;
+    }
+    char* const place = static_cast<char*>(bytes);
+    if (!guard.m_readAhead) {
+        return guard.receive(place, length);
+    }
+    return guard.m_readAhead->read(
+        place, length, [&guard](char* to, ber_len_t size) { return guard.receive(to, size); });
+}
+
+ber_slen_t SocketGuard::receive(char* bytes, ber_len_t length)
+{
+    for (;;) {
+        ssize_t const count = recv(descriptorOf(m_socket), bytes, length, MSG_DONTWAIT);
+        if (count > 0) {
+            m_heardAt = Clock::now();
+            m_bytesReceived += static_cast<unsigned long long>(count);
+        }
+        if (count >= 0 || (errno != EINTR && !wouldBlock())) {
+            return count;
+        }
+        if (wouldBlock() && (m_isInMessage || !awaitSocket(POLLIN))) {
+            return -1;
+        }
+    }
+}
+
+ber_slen_t SocketGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+{
+    SocketGuard& guard = guardOf(layer);
+    if (!guard.isUsable()) {
+        errno = EPIPE;
+        return -1;
+    }
+    return guard.send(static_cast<char const*>(bytes), length);
+}
+
+/// Sends all of it, or ends the connection.
+ber_slen_t SocketGuard::send(char const* bytes, ber_len_t length)
+{
+    ber_len_t sent = 0;
+    while (sent < length) {
+        ssize_t const count = ::send(descriptorOf(m_socket), bytes + sent, length - sent,
+                                     MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (count >= 0) {
+            sent += static_cast<ber_len_t>(count);
+            m_hasSent = true;
+        } else if (wouldBlock()) {
+            if (m_isInMessage && mayBeConnecting()) {
+                return -1; // OpenLDAP sends it once the socket is connected
+            }
+            if (!awaitSocket(POLLOUT)) {
+                return endWith(errno);
+            }
+        } else if (errno != EINTR) {
+            return endWith(errno);
+        }
+    }
+    return static_cast<ber_slen_t>(sent);
+}
+
+/// A handshake has one deadline for all its reads and writes, a message one for each wait.
+bool SocketGuard::awaitSocket(short events)
+{
+    auto const deadline = Clock::now() + patience();
+    if (!m_isInMessage && !m_handshakeDeadline) {
+        m_handshakeDeadline = deadline;
+    }
+    return isReadyBy(m_handshakeDeadline.value_or(deadline), descriptorOf(m_socket), events);
+}
+
+std::chrono::milliseconds SocketGuard::patience() const
+{
+    // With 0, a handshake could never even begin.
+    return m_networkTimeout.count() == 0 ? std::chrono::seconds(1) : m_networkTimeout;
+}
+
+int SocketGuard::closeSocket(Sockbuf_IO_Desc* layer)
+{
+    bool const isOwn = guardOf(layer).m_process == currentProcess();
+    closeConnection(layer->sbiod_sb, isOwn ? Ownership::own : Ownership::shared);
+    return 0;
+}
+
+// The layer above TLS
+
+ber_slen_t SocketGuard::readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+{
+    SocketGuard& guard = guardOf(layer);
+    guard.m_unheeded = 0;
+    if (!guard.isUsable()) {
+        errno = ECONNRESET; // TLS may have decrypted bytes
+        return -1;
+    }
+    MessageScope const scope(guard);
+    return LBER_SBIOD_READ_NEXT(layer, bytes, length);
+}
+
+/// What TLS has not taken as a whole is over: whatever it says, nothing may follow.
+ber_slen_t SocketGuard::writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+{
+    SocketGuard& guard = guardOf(layer);
+    if (!guard.isUsable()) {
+        errno = EPIPE;
+        return -1;
+    }
+    MessageScope const scope(guard);
+    ber_slen_t const count = LBER_SBIOD_WRITE_NEXT(layer, bytes, length);
+    if (count > 0 || (wouldBlock() && guard.mayBeConnecting())) {
+        return count;
+    }
+    // To OpenLDAP, these two mean that it may send the rest later.
+    bool const soundsHarmless = errno == 0 || wouldBlock() || errno == ENOTCONN;
+    return guard.endWith(soundsHarmless ? ECONNABORTED : errno);
+}
+
+} // namespace Solvane

@@ -1,0 +1,151 @@
+// What keeps the connection of an OpenLDAP session from doing harm.
+#ifndef SOLVANE_SESSION_SOCKET_GUARD_H
+#define SOLVANE_SESSION_SOCKET_GUARD_H
+
+#include <solvane/ldap/Export.h>
+#include <solvane/ldap/RefCounted.h>
+
+#include <chrono>
+#include <memory>
+#include <optional>
+
+#include <ldap.h>
+
+namespace Solvane {
+
+class ReadAhead;
+
+/// Two layers on the socket of a session: one next to the socket, which reads and writes in OpenLDAP's
+/// place, and one above TLS, where LDAP messages pass.
+///
+/// - A session that was given to a bind connects only within a bind, and one over a descriptor of the
+///   caller's never: OpenLDAP would silently connect again, without the bind, and let its operations
+///   run anonymously.
+/// - Reads never block: a peer that sends half a message and stops leaves the waiting to `ldap_result`,
+///   which keeps its timeout.
+/// - The TLS handshake ends when the network timeout is over: against a silent peer, OpenLDAP 2.5
+///   spins for ever.
+/// - A write is done whole or ends the connection, at the latest when nothing was sent for the network
+///   timeout: both directions are shut down, and nothing is written any more, not even an unbind or a
+///   goodbye of TLS. Half a request may stand there, which the next bytes would complete. TLS must not
+///   be asked again either: OpenLDAP takes half a record for one that it will send later, and reports
+///   success; GnuTLS takes the next message for the rest of that record, and says that it sent more
+///   than it was given, whereupon OpenLDAP sends what lies behind the message in memory.
+/// - A write to a closed peer raises no SIGPIPE.
+/// - A message that is announced as larger than the bound ends the connection before it is stored.
+/// - A connection belongs to the process that made it. In a child that was forked since, nothing is
+///   read from it or written to it, as if the peer had gone, and to close it ends the child's
+///   descriptor only.
+/// - A session that connects again starts afresh: what is left of OpenLDAP's last TLS layer and of this
+///   guard's is taken away, and the old socket is no longer polled. Layers of others stay.
+///
+/// Must outlive the session. For one thread at a time, like the session. A network timeout of 0 counts
+/// as 1 second, but does not delay the first write, which OpenLDAP then does later.
+class SOLVANE_LDAP_EXPORT SocketGuard : public NonCopyable {
+public:
+    using Clock = std::chrono::steady_clock;
+
+    /// How much is read from the socket at a time.
+    enum class Reads {
+        asAsked, ///< what OpenLDAP asks for: a caller may poll the socket, as of any session
+        ahead,   ///< what has come: quicker, and a caller that polls asks hasBuffered() first
+    };
+
+    /// @param maximumMessageBytes  bound of an incoming message
+    SocketGuard(std::chrono::milliseconds networkTimeout, unsigned long maximumMessageBytes,
+                Reads reads = Reads::asAsked);
+    ~SocketGuard();
+
+    /// The value of the option LDAP_OPT_CONNECT_CB, for a session that connects by itself. Set on a
+    /// session over a descriptor of the caller's as well, it refuses all other connections.
+    ldap_conncb* callback() { return &m_callback; }
+    /// Guards a session that was made over a connected descriptor (`ldap_init_fd`), before TLS is
+    /// started. `socket` is the session's LDAP_OPT_SOCKBUF.
+    /// @return  false: no memory; the session is not guarded then, and must be let go
+    bool install(Sockbuf* socket);
+
+    /// From now on; a handshake that is under way keeps its deadline.
+    void networkTimeout(std::chrono::milliseconds timeout) { m_networkTimeout = timeout; }
+    /// From the next connection on.
+    void maximumMessageBytes(unsigned long bytes) { m_maximumMessageBytes = bytes; }
+
+    /// False where the connection was ended, and in a child of the process that connected.
+    bool isUsable() const;
+    /// Shuts both directions down; nothing is read or written any more.
+    void end();
+
+    /// When bytes last came from the peer; before any, when it was connected.
+    Clock::time_point heardAt() const { return m_heardAt; }
+    /// How many have come over this connection; with TLS, as they travel.
+    unsigned long long bytesReceived() const { return m_bytesReceived; }
+    /// Whether OpenLDAP can read without the socket: bytes that were read ahead or decrypted. Also
+    /// true where the connection is not usable, so that the next `ldap_result` fails at once. False
+    /// when OpenLDAP was told so again and again and has read nothing, as it does with a connection
+    /// that it has given up: a caller that polls the socket then is not kept from it.
+    bool hasBuffered() const;
+
+    /// While it lives, the session may connect; from then on it is bound, or was to be.
+    class BindScope : public NonCopyable {
+    public:
+        explicit BindScope(SocketGuard& guard) : m_guard(guard)
+        {
+            m_guard.m_connectsItself = false;
+            m_guard.m_isBinding = true;
+        }
+        ~BindScope() { m_guard.m_isBinding = false; }
+
+    private:
+        SocketGuard& m_guard;
+    };
+
+private:
+    class MessageScope;
+
+    static int connected(LDAP* session, Sockbuf* socket, LDAPURLDesc* server, sockaddr* address,
+                         ldap_conncb* callback);
+    static void disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback);
+
+    // The layer next to the socket.
+    static int removeSocket(Sockbuf_IO_Desc* layer);
+    static int controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument);
+    static ber_slen_t readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static int closeSocket(Sockbuf_IO_Desc* layer);
+    // The layer above TLS.
+    static ber_slen_t readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static ber_slen_t writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
+    static int setUp(Sockbuf_IO_Desc* layer, void* guard);
+
+    bool takeOver(Sockbuf* socket);
+    ber_slen_t receive(char* bytes, ber_len_t length);
+    ber_slen_t send(char const* bytes, ber_len_t length);
+    bool mayBeConnecting() const { return m_networkTimeout.count() == 0 && !m_hasSent; }
+    bool hasBytesFor(int option);
+    ber_slen_t endWith(int error);
+    bool awaitSocket(short events);
+    std::chrono::milliseconds patience() const;
+
+    static Sockbuf_IO s_socketLayer;
+    static Sockbuf_IO s_messageLayer;
+
+    ldap_conncb m_callback;
+    std::chrono::milliseconds m_networkTimeout;
+    ber_len_t m_maximumMessageBytes;
+    bool m_connectsItself; // outside of binds
+    bool m_isBinding;
+    std::unique_ptr<ReadAhead> m_readAhead; // null: reads as asked
+    // Of the current connection; a session without referral chasing has one at a time.
+    Sockbuf* m_socket;       // null without one
+    unsigned long m_process; // that connected, or is to
+    int m_error;             // errno that ended it; else 0
+    bool m_hasSent;          // anything
+    bool m_isInMessage;      // OpenLDAP reads or writes LDAP; else it is TLS that does
+    int m_unheeded;          // how often OpenLDAP was told of bytes since it last read
+    std::optional<Clock::time_point> m_handshakeDeadline; // once one has begun
+    Clock::time_point m_heardAt;
+    unsigned long long m_bytesReceived;
+};
+
+} // namespace Solvane
+
+#endif

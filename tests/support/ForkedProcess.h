@@ -1,0 +1,63 @@
+// Children that a test forks.
+#ifndef SOLVANE_TESTS_SUPPORT_FORKED_PROCESS_H
+#define SOLVANE_TESTS_SUPPORT_FORKED_PROCESS_H
+
+#include "Descriptor.h"
+
+#include <array>
+#include <functional>
+#include <string>
+
+#include <sys/types.h>
+
+namespace SolvaneTest {
+
+/// How often a test forks what must not fail once.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr int rounds = 15; // a fork takes long under a sanitizer
+#else
+constexpr int rounds = 100;
+#endif
+
+/// A gate that many processes wait at. Made before they are forked.
+class Gate {
+public:
+    Gate();
+
+    /// For the children: returns when the parent has opened it, or is gone.
+    void pass();
+    /// For the parent.
+    void open();
+
+private:
+    explicit Gate(std::array<int, 2> const& ends);
+
+    Descriptor m_exit;
+    Descriptor m_entrance;
+};
+
+/// A child of this process, which runs a piece of the test and leaves without the rest of it. It is
+/// ended where it takes too long, and at the latest with this object.
+class ForkedProcess {
+public:
+    /// What is wrong; empty: nothing.
+    using Work = std::function<std::string()>;
+
+    explicit ForkedProcess(Work const& work);
+    ForkedProcess(ForkedProcess const&) = delete;
+    ForkedProcess& operator=(ForkedProcess const&) = delete;
+    ~ForkedProcess();
+
+    /// Waits for the end: what the work returned or threw, or how else the child ended.
+    std::string complaint();
+
+private:
+    ForkedProcess(Work const& work, std::array<int, 2> const& ends);
+
+    Descriptor m_report; ///< the end that the parent reads
+    pid_t m_pid;         ///< -1 once it has ended
+};
+
+} // namespace SolvaneTest
+
+#endif
