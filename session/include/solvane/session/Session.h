@@ -9,7 +9,7 @@
 #include <solvane/session/Verdict.h>
 #include <solvane/session/Waits.h>
 
-#include <solvane/lookup/Export.h>
+#include <solvane/session/Export.h>
 
 #include <solvane/ldap/RefCounted.h>
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
@@ -20,6 +20,10 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+/// @cond of OpenLDAP
+typedef struct ldap LDAP;
+/// @endcond
 
 namespace Solvane::Lookup {
 
@@ -34,16 +38,16 @@ enum class Step {
 
 /// Where and how a session connects. A value.
 struct SessionOptions {
-    std::string host;                   ///< name or address, IPv6 without brackets
-    unsigned int port = 389;            ///< TCP port
-    bool secure = false;                ///< TLS from the first byte ("ldaps://")
-    unsigned int version = 3;           ///< of LDAP: 2 or 3
+    std::string host;                                ///< name or address, IPv6 without brackets
+    unsigned int port = 389;                         ///< TCP port
+    bool secure = false;                             ///< TLS from the first byte ("ldaps://")
+    unsigned int version = 3;                        ///< of LDAP: 2 or 3
     std::chrono::milliseconds networkTimeout{10000}; ///< for each step
     std::size_t messageBytes = 64UL * 1024 * 1024;   ///< of the largest message taken
-    std::vector<Address> addresses;     ///< known ones; empty: the name is resolved
+    std::vector<Address> addresses;                  ///< known ones; empty: the name is resolved
     std::vector<std::string> nameServers; ///< "address" or "address:port"; empty: the system's
-    std::shared_ptr<TlsContext> tls;    ///< required if `secure`; shared by all sessions of an engine
-    std::string bindDn;                 ///< empty: anonymous, no bind is sent
+    std::shared_ptr<TlsContext> tls; ///< required if `secure`; shared by all sessions of an engine
+    std::string bindDn;              ///< empty: anonymous, no bind is sent
     std::string const* password = nullptr; ///< borrowed; must outlive the bind step
 };
 
@@ -138,8 +142,8 @@ public:
     LDAP* handle() const;
 
 private:
-    class Opening;
-    std::unique_ptr<Opening> m_opening;
+    class Steps;
+    std::unique_ptr<Steps> m_steps;
 };
 
 } // namespace Solvane::Lookup

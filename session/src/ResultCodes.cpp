@@ -1,5 +1,7 @@
 // What result codes mean for a lookup.
-#include <solvane/lookup/Answer.h>
+#include <solvane/session/ResultCodes.h>
+
+#include <solvane/session/PlainText.h>
 
 #include "OpenLDAP.h"
 
@@ -75,6 +77,59 @@ Outcome outcomeOfSearch(int code)
 Outcome outcomeOfBind(int code)
 {
     return code == LDAP_NO_SUCH_OBJECT ? Outcome::Refused : outcomeOfSearch(code);
+}
+
+bool speaksOfServer(int code)
+{
+    switch (code) {
+    case LDAP_SERVER_DOWN:
+    case LDAP_DECODING_ERROR:
+    case LDAP_TIMEOUT:
+    case LDAP_CONNECT_ERROR: // here: its certificate
+    case LDAP_OPERATIONS_ERROR:
+    case LDAP_PROTOCOL_ERROR:
+    case LDAP_TIMELIMIT_EXCEEDED:
+    case LDAP_ADMINLIMIT_EXCEEDED:
+    case LDAP_NO_SUCH_OBJECT: // the base may not be replicated there
+    case LDAP_INSUFFICIENT_ACCESS:
+    case LDAP_BUSY:
+    case LDAP_UNAVAILABLE:
+    case LDAP_UNWILLING_TO_PERFORM:
+    case LDAP_OTHER:
+        return true;
+    default:
+        return false;
+    }
+}
+
+std::string wordsFor(int code, std::string const& serverText)
+{
+    std::string words = std::string(ldap_err2string(code)) + " (" + std::to_string(code) + ')';
+    if (!serverText.empty() && serverText != ldap_err2string(code)) {
+        words += ": " + oneLine(serverText);
+    }
+    return words;
+}
+
+char const* name(Outcome outcome)
+{
+    switch (outcome) {
+    case Outcome::Found:
+        return "found";
+    case Outcome::NotFound:
+        return "not found";
+    case Outcome::Skipped:
+        return "skipped";
+    case Outcome::BadKey:
+        return "bad key";
+    case Outcome::TryLater:
+        return "try later";
+    case Outcome::Refused:
+        return "refused";
+    case Outcome::Misconfigured:
+        return "misconfigured";
+    }
+    return "unknown";
 }
 
 } // namespace Solvane::Lookup
