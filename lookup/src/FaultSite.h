@@ -17,7 +17,6 @@ struct FaultSite {
 namespace at {
 // clang-format off
 constexpr FaultSite settingRefused { "LDAPLookup.cpp", 20, 2 };
-constexpr FaultSite hostUnknown    { "ServerList.cpp", 27, 4 };
 // clang-format on
 } // namespace at
 

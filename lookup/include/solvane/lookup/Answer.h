@@ -1,8 +1,9 @@
 /// @file
-/// What a lookup came to, and why.
+/// The answer to a key: outcome, entries, and why.
 #ifndef SOLVANE_LOOKUP_ANSWER_H
 #define SOLVANE_LOOKUP_ANSWER_H
 
+#include <solvane/session/Export.h>
 #include <solvane/session/ResultCodes.h>
 #include <solvane/session/Verdict.h>
 
@@ -10,22 +11,33 @@
 
 #include <list>
 #include <string>
+#include <vector>
 
 namespace Solvane::Lookup {
 
-/// The answer to one key. A value, but for its entries, which copies share; those are for one thread
-/// at a time, also for reading.
+/// The answer to one key. A value, except that copies share the entries. Any number of threads may
+/// read one.
 struct Answer {
-    Outcome outcome = Outcome::TryLater; ///< what the key came to
+    Outcome outcome = Outcome::TryLater; ///< the outcome of the key
     /// What was found; with `TryLater`, what came before a limit was hit. Handles: copies share.
     std::list<LDAPSearchResultEntry> entries;
     std::string filter; ///< of the last search, or of the one that could not be made; may be empty
     std::string server; ///< URI of the server that answered or failed last; empty: none was asked
     int code = 0;       ///< as in `Verdict`
-    std::string text;   ///< why, in one line; may hold a remark where the outcome is `NotFound`
+    std::string text;   ///< why, in one line; may hold a remark if the outcome is `NotFound`
     Identity identity = Identity::Anonymous; ///< of the connection that answered
-    bool wasRepeated = false;                ///< on a new connection, as the first one broke
-    double milliseconds = 0;                 ///< from the key's start to its answer
+    bool wasRepeated = false; ///< asked again: on a new connection, or of another server
+    double milliseconds = 0;  ///< from the key's start to its answer
+    /// The forms of the key that were asked for, in order; `filter` is that of the last one. Empty if
+    /// the key itself is its only form.
+    std::vector<std::string> forms;
+
+    /// The first value of the attribute `name` in the first entry that has one; empty without one.
+    /// @param name  a type with its options, case ignored
+    SOLVANE_LOOKUP_EXPORT std::string value(std::string const& name) const;
+    /// Every value of the attribute `name`, of all entries in order.
+    /// @param name  a type with its options, case ignored
+    SOLVANE_LOOKUP_EXPORT std::vector<std::string> values(std::string const& name) const;
 };
 
 } // namespace Solvane::Lookup
