@@ -260,17 +260,25 @@ void TlsContext::State::refuse(std::string const& what, std::string const& why)
     }
 }
 
+// Nobody waits for the lock: in a child that was forked while another thread held it, it is never
+// released. Without it there is a full handshake, and no harm.
+
 std::string TlsContext::State::recall(std::string const& server) const
 {
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
+    if (!lock) {
+        return std::string();
+    }
     auto const found = m_resumable.find(server);
     return found == m_resumable.end() ? std::string() : found->second;
 }
 
 void TlsContext::State::remember(std::string const& server, std::string data)
 {
-    std::lock_guard<std::mutex> const lock(m_mutex);
-    m_resumable[server].swap(data); // the old data goes after the lock
+    std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
+    if (lock) {
+        m_resumable[server].swap(data);
+    }
 }
 
 TlsContext::TlsContext(TlsPolicy const& policy) : m_state(std::make_unique<State>(policy)) {}

@@ -221,10 +221,12 @@ Flow TlsStream::receive(char* bytes, std::size_t room, std::size_t& count)
             rememberSession();
         }
         if (received > 0) {
+            m_hasReceived = true;
             count = static_cast<std::size_t>(received);
             return Flow::moved;
         }
         if (received == 0 || received == GNUTLS_E_PREMATURE_TERMINATION) {
+            failWith(Outcome::TryLater, LDAP_SERVER_DOWN, whyClosed());
             return Flow::ended;
         }
         if (received == GNUTLS_E_AGAIN) {
@@ -318,7 +320,7 @@ Flow TlsStream::fail(int error)
     }
     switch (error) {
     case GNUTLS_E_PREMATURE_TERMINATION:
-        return failWith(Outcome::TryLater, LDAP_SERVER_DOWN, "the server closed the connection");
+        return failWith(Outcome::TryLater, LDAP_SERVER_DOWN, whyClosed());
     case GNUTLS_E_PULL_ERROR:
     case GNUTLS_E_PUSH_ERROR:
         return failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
@@ -335,6 +337,16 @@ Flow TlsStream::fail(int error)
                    : failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
                               std::string("TLS failed: ") + gnutls_strerror(error));
     }
+}
+
+/// Some servers close the connection without a word if they want a client certificate; in TLS 1.3 only
+/// after their client has finished.
+std::string TlsStream::whyClosed() const
+{
+    bool const lacksCertificate = !m_hasReceived && m_context->policy().certificateFile.empty() &&
+                                  gnutls_certificate_client_get_request_status(m_session) > 0;
+    return std::string("the server closed the connection") +
+           (lacksCertificate ? "; it had asked for a client certificate, and none is set" : "");
 }
 
 std::string TlsStream::alertInWords() const

@@ -61,6 +61,7 @@ private:
     Flow fail(int error);
     Flow failWith(Outcome outcome, int code, std::string const& why);
     Flow refuse(std::string const& why);
+    std::string whyClosed() const;
     std::string alertInWords() const;
     bool isRefusedByAlert() const;
 
@@ -71,9 +72,10 @@ private:
     gnutls_session_t m_session = nullptr;
     Verdict m_fault;
     std::optional<Certificate> m_certificate;
-    int m_firstByte = -1;     // that came, which tells TLS from anything else; -1: none yet
-    bool m_isSecure = false;  // the handshake is done and the certificate accepted
-    bool m_isSending = false; // the last `send` was blocked
+    int m_firstByte = -1;       // that came, which tells TLS from anything else; -1: none yet
+    bool m_isSecure = false;    // the handshake is done and the certificate accepted
+    bool m_hasReceived = false; // any bytes after the handshake
+    bool m_isSending = false;   // the last `send` was blocked
     bool m_isRemembered = false;
 };
 
