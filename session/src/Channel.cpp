@@ -150,8 +150,8 @@ bool Channel::isFresh()
         return false;
     }
     pollfd looked = {m_socket.number(), POLLIN | POLLRDHUP, 0};
-    if (poll(&looked, 1, 0) == 0) {
-        return !m_tls || !m_tls->hasPending();
+    if (poll(&looked, 1, 0) == 0 && (!m_tls || !m_tls->hasPending())) {
+        return true;
     }
     return m_tls && fill() == Input::nothing && m_begin == m_end;
 }

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include <unistd.h>
 
@@ -263,21 +264,21 @@ void TlsContext::State::refuse(std::string const& what, std::string const& why)
 // Nobody waits for the lock: in a child that was forked while another thread held it, it is never
 // released. Without it there is a full handshake, and no harm.
 
-std::string TlsContext::State::recall(std::string const& server) const
+ResumableTls TlsContext::State::recall(std::string const& server) const
 {
     std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
     if (!lock) {
-        return std::string();
+        return ResumableTls();
     }
     auto const found = m_resumable.find(server);
-    return found == m_resumable.end() ? std::string() : found->second;
+    return found == m_resumable.end() ? ResumableTls() : found->second;
 }
 
-void TlsContext::State::remember(std::string const& server, std::string data)
+void TlsContext::State::remember(std::string const& server, ResumableTls session)
 {
     std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
     if (lock) {
-        m_resumable[server].swap(data);
+        std::swap(m_resumable[server], session);
     }
 }
 
