@@ -274,8 +274,9 @@ std::string faultInWords(unsigned int status, std::vector<Certificate> const& ch
         {GNUTLS_CERT_INSECURE_ALGORITHM,
          "its key or signature is too weak (RSA below 2048 bits, SHA-1)"},
         {GNUTLS_CERT_REVOKED, "revoked"},
-        {GNUTLS_CERT_REVOCATION_DATA_SUPERSEDED, "the revocation list is out of date"},
-        {GNUTLS_CERT_REVOCATION_DATA_ISSUED_IN_FUTURE, "the revocation list is from the future"},
+        {GNUTLS_CERT_REVOCATION_DATA_SUPERSEDED, "what tells of its revocation is out of date"},
+        {GNUTLS_CERT_REVOCATION_DATA_ISSUED_IN_FUTURE,
+         "what tells of its revocation is from the future"},
         {GNUTLS_CERT_PURPOSE_MISMATCH, "not meant for servers"},
     };
     std::string text;

@@ -50,24 +50,21 @@ void Channel::fail(Outcome outcome, int code, std::string const& why)
 
 Channel::Input Channel::fill()
 {
-    for (;;) {
-        if (!m_fault.isGood()) {
-            return Input::broken;
-        }
+    while (m_fault.isGood()) {
         if (findFront()) {
             return Input::message;
         }
-        if (!m_fault.isGood()) {
-            continue;
-        }
-        Flow const flow = read();
-        if (flow == Flow::blocked) {
+        Flow const flow = m_fault.isGood() ? read() : Flow::failed;
+        if (flow == Flow::blocked && m_writeFault.isGood()) {
             return Input::nothing;
         }
-        if (flow != Flow::moved) {
+        if (flow == Flow::ended || flow == Flow::failed) {
             failBy(flow);
+        } else if (flow == Flow::blocked) {
+            m_fault = m_writeFault;
         }
     }
+    return Input::broken;
 }
 
 /// Whether a whole message stands in front.
@@ -141,7 +138,7 @@ void Channel::drop()
 /// Whether `fill` has something to tell without reading: the socket may say no more about it.
 bool Channel::isReady() const
 {
-    return !m_fault.isGood() || m_front.state == MessageFrame::whole ||
+    return !m_fault.isGood() || !m_writeFault.isGood() || m_front.state == MessageFrame::whole ||
            (m_begin != m_end &&
             frameOf({m_input.get() + m_begin, m_end - m_begin}).state != MessageFrame::partial) ||
            (m_tls && m_tls->hasPending());
@@ -153,8 +150,8 @@ bool Channel::isFresh()
         return false;
     }
     pollfd looked = {m_socket.number(), POLLIN | POLLRDHUP, 0};
-    if (poll(&looked, 1, 0) == 0) {
-        return !m_tls || !m_tls->hasPending();
+    if (poll(&looked, 1, 0) == 0 && (!m_tls || !m_tls->hasPending())) {
+        return true;
     }
     return m_tls && fill() == Input::nothing && m_begin == m_end;
 }
@@ -163,7 +160,7 @@ bool Channel::isFresh()
 
 void Channel::flush()
 {
-    while (m_fault.isGood() && hasOutput()) {
+    while (isWhole() && hasOutput()) {
         std::size_t count = 0;
         char const* const bytes = m_output.data() + m_sent;
         std::size_t const length = m_output.size() - m_sent;
@@ -172,8 +169,8 @@ void Channel::flush()
         if (flow == Flow::moved) {
             m_sent += count;
             m_progress = Clock::now();
-        } else if (flow != Flow::blocked) {
-            failBy(flow);
+        } else if (flow == Flow::failed) {
+            m_writeFault = faultOf(flow);
         } else if (Clock::now() >= m_progress + m_patience) {
             fail(Outcome::TryLater, LDAP_TIMEOUT,
                  "the server has read nothing for " + inSeconds(m_patience));
@@ -224,16 +221,24 @@ void Channel::waits(Waits& waits) const
     }
 }
 
+/// What the connection ended by. After a write that failed, the server may still have told why.
 void Channel::failBy(Flow flow)
 {
-    if (m_tls && !m_tls->fault().isGood()) {
-        m_fault = m_tls->fault();
-        return;
+    m_fault = faultOf(flow);
+    if (!m_writeFault.isGood() && m_fault.outcome == m_writeFault.outcome) {
+        m_fault = m_writeFault;
     }
-    std::string const why = flow == Flow::ended  ? "the server closed the connection"
-                            : !m_socket.isOurs() ? "it belongs to another process"
-                                                 : std::strerror(m_socket.error());
-    fail(Outcome::TryLater, LDAP_SERVER_DOWN, why);
+}
+
+Verdict Channel::faultOf(Flow flow) const
+{
+    if (m_tls && !m_tls->fault().isGood()) {
+        return m_tls->fault();
+    }
+    return Verdict{Outcome::TryLater, LDAP_SERVER_DOWN,
+                   flow == Flow::ended ? "the server closed the connection"
+                   : m_socket.isOurs() ? std::strerror(m_socket.error())
+                                       : "it belongs to another process"};
 }
 
 // OpenLDAP's side

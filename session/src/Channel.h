@@ -67,12 +67,13 @@ public:
     // Both
 
     void waits(Waits& waits) const;
-    /// Good while the connection can be used; else why it cannot.
-    Verdict const& fault() const { return m_fault; }
+    /// Good while the connection can be used; else why it cannot. After a write that failed, there may
+    /// still be something to read.
+    Verdict const& fault() const { return m_fault.isGood() ? m_writeFault : m_fault; }
     /// Ends the use of the connection.
     void fail(Outcome outcome, int code, std::string const& why);
     /// Whether this process may write to it, and nothing failed.
-    bool isWhole() const { return m_fault.isGood() && m_socket.isOurs(); }
+    bool isWhole() const { return fault().isGood() && m_socket.isOurs(); }
     std::uint64_t receivedBytes() const { return m_received; }
 
 private:
@@ -87,6 +88,7 @@ private:
     void makeRoom();
     void append(char const* bytes, std::size_t length);
     void failBy(Flow flow);
+    Verdict faultOf(Flow flow) const;
 
     static Sockbuf_IO s_layer;
 
@@ -99,6 +101,7 @@ private:
     std::size_t m_messageBytes;
     std::chrono::milliseconds m_patience;
     Verdict m_fault;
+    Verdict m_writeFault; // of a connection that is still read
 
     std::unique_ptr<char, Free> m_input;
     std::size_t m_capacity = 0;

@@ -156,6 +156,7 @@ Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
                 continue; // broken, which the next round tells
             }
             id = front.id;
+            m_messageSize = front.length;
             if (!isIntermediate(front.operation)) {
                 m_awaited.erase(std::lower_bound(m_awaited.begin(), m_awaited.end(), front.id));
             }

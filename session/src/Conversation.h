@@ -38,6 +38,8 @@ public:
 
     /// The next message of a request, without waiting.
     Session::Received receive(LDAPMessageBuffer& message, int& id);
+    /// Bytes of the message that was given out last.
+    std::size_t messageSize() const { return m_messageSize; }
 
 private:
     void setOption(int option, int value);
@@ -52,6 +54,7 @@ private:
     std::vector<char*> m_attributes; // of the last search, as OpenLDAP takes them
     int m_deref = 0;                 // as set
     int m_timeLimit = 0;
+    std::size_t m_messageSize = 0;
 };
 
 } // namespace Solvane::Lookup

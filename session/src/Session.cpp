@@ -75,15 +75,15 @@ Verdict Session::send(SearchRequest const& request, std::string const& filter, i
                                 "sent");
     }
     Conversation* const conversation = m_steps->conversation();
-    if (conversation == nullptr || !conversation->channel().isWhole()) {
-        return m_steps->breakOff("search");
+    if (conversation == nullptr || !verdict().isGood() || !conversation->channel().isWhole()) {
+        return m_steps->broken("search"); // what was received before is still there
     }
     int const code = conversation->search(request, filter, id);
     if (code == LDAP_SUCCESS) {
         return Verdict();
     }
     if (code == LDAP_SERVER_DOWN) {
-        return m_steps->breakOff("search");
+        return m_steps->broken("search");
     }
     return m_steps->failure(outcomeOfSearch(code), code,
                             "the search cannot be sent: " + wordsFor(code, filter));
@@ -117,6 +117,12 @@ Session::Received Session::receive(LDAPMessageBuffer& message, int& id)
         m_steps->breakOff("search");
     }
     return received;
+}
+
+std::size_t Session::messageSize() const
+{
+    Conversation* const conversation = m_steps->conversation();
+    return conversation == nullptr ? 0 : conversation->messageSize();
 }
 
 Clock::time_point Session::heardAt() const

@@ -441,6 +441,9 @@ Verdict const& Session::Steps::breakOff(char const* during)
 
 Verdict Session::Steps::broken(char const* during) const
 {
+    if (!m_verdict.isGood()) {
+        return m_verdict;
+    }
     if (!m_conversation) {
         return failure(Outcome::TryLater, LDAP_SERVER_DOWN, "there is no connection");
     }

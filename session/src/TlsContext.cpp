@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <utility>
 
 #include <unistd.h>
 
@@ -260,17 +261,25 @@ void TlsContext::State::refuse(std::string const& what, std::string const& why)
     }
 }
 
-std::string TlsContext::State::recall(std::string const& server) const
+// Nobody waits for the lock: in a child that was forked while another thread held it, it is never
+// released. Without it there is a full handshake, and no harm.
+
+ResumableTls TlsContext::State::recall(std::string const& server) const
 {
-    std::lock_guard<std::mutex> const lock(m_mutex);
+    std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
+    if (!lock) {
+        return ResumableTls();
+    }
     auto const found = m_resumable.find(server);
-    return found == m_resumable.end() ? std::string() : found->second;
+    return found == m_resumable.end() ? ResumableTls() : found->second;
 }
 
-void TlsContext::State::remember(std::string const& server, std::string data)
+void TlsContext::State::remember(std::string const& server, ResumableTls session)
 {
-    std::lock_guard<std::mutex> const lock(m_mutex);
-    m_resumable[server].swap(data); // the old data goes after the lock
+    std::unique_lock<std::mutex> const lock(m_mutex, std::try_to_lock);
+    if (lock) {
+        std::swap(m_resumable[server], session);
+    }
 }
 
 TlsContext::TlsContext(TlsPolicy const& policy) : m_state(std::make_unique<State>(policy)) {}

@@ -6,20 +6,27 @@
 
 #include <gnutls/gnutls.h>
 
+#include <ctime>
 #include <map>
 #include <mutex>
 #include <string>
 
 namespace Solvane::Lookup {
 
+/// A TLS session that can be resumed, with a server whose certificate was accepted.
+struct ResumableTls {
+    std::string data;           ///< GnuTLS's; empty: there is none
+    std::time_t validUntil = 0; ///< when the first certificate of the server's chain expires
+};
+
 struct TlsContext::State : public NonCopyable {
     explicit State(TlsPolicy const& asked);
     ~State();
 
-    /// The data of the last session with this server that can be resumed; empty if there is none.
-    std::string recall(std::string const& server) const;
-    /// Keeps the data of a session whose certificate was accepted; empty data forgets it.
-    void remember(std::string const& server, std::string data);
+    /// The last session with this server that can be resumed.
+    ResumableTls recall(std::string const& server) const;
+    /// Keeps a session; one without data forgets it.
+    void remember(std::string const& server, ResumableTls session);
 
     TlsPolicy policy;
     Verdict verdict;
@@ -35,7 +42,7 @@ private:
     void refuse(std::string const& what, std::string const& why);
 
     mutable std::mutex m_mutex;
-    std::map<std::string, std::string> m_resumable; // guarded by m_mutex; by host and port
+    std::map<std::string, ResumableTls> m_resumable; // guarded by m_mutex; by host and port
 };
 
 } // namespace Solvane::Lookup

@@ -15,6 +15,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <iterator>
 #include <new>
 
@@ -25,6 +26,7 @@ namespace Solvane::Lookup {
 namespace {
 
 constexpr std::size_t longestRecord = 16384;
+constexpr std::size_t rawCapacity = 8192; // a server's part of a handshake, mostly
 
 std::string textOf(gnutls_datum_t const& bytes)
 {
@@ -72,10 +74,11 @@ std::string listOf(std::vector<std::string> const& names)
 TlsStream::TlsStream(std::shared_ptr<TlsContext> context, Socket& socket, std::string const& host,
                      unsigned int port)
     : m_context(std::move(context)), m_socket(socket), m_host(host),
-      m_server(host + ' ' + std::to_string(port))
+      m_server(host + ' ' + std::to_string(port)), m_raw(new char[rawCapacity])
 {
     TlsContext::State const& shared = *m_context->m_state;
-    if (gnutls_init(&m_session, GNUTLS_CLIENT | GNUTLS_NONBLOCK | GNUTLS_NO_SIGNAL) < 0) {
+    if (gnutls_init(&m_session, GNUTLS_CLIENT | GNUTLS_NONBLOCK | GNUTLS_NO_SIGNAL |
+                                    GNUTLS_KEY_SHARE_TOP) < 0) {
         throw std::bad_alloc();
     }
     gnutls_transport_set_ptr(m_session, this);
@@ -89,9 +92,10 @@ TlsStream::TlsStream(std::shared_ptr<TlsContext> context, Socket& socket, std::s
         check(gnutls_server_name_set(m_session, GNUTLS_NAME_DNS, host.data(),
                                      host.size() - (isAbsolute ? 1 : 0)));
     }
-    std::string const data = shared.recall(m_server);
-    if (!data.empty()) {
-        gnutls_session_set_data(m_session, data.data(), data.size());
+    ResumableTls const last = shared.recall(m_server);
+    if (!last.data.empty()) {
+        gnutls_session_set_data(m_session, last.data.data(), last.data.size());
+        m_validUntil = last.validUntil;
     }
 }
 
@@ -126,7 +130,7 @@ Flow TlsStream::handshake()
             return Flow::blocked;
         }
         if (gnutls_error_is_fatal(rc) != 0) {
-            m_context->m_state->remember(m_server, std::string()); // it may be what does not fit
+            m_context->m_state->remember(m_server, ResumableTls()); // it may be what does not fit
             return fail(rc);
         }
     }
@@ -150,7 +154,8 @@ std::vector<Certificate> TlsStream::chain() const
     return certificates;
 }
 
-/// Decides on the certificate, of a resumed session as well: it is kept with the session's data.
+/// Decides on the certificate. With a session that is resumed, the server proves that it is the one
+/// whose chain was verified, for the same name and by the same policy.
 Flow TlsStream::verify()
 {
     std::vector<Certificate> certificates;
@@ -167,18 +172,9 @@ Flow TlsStream::verify()
         if (certificates.empty()) {
             return refuse("the server has no certificate");
         }
-        std::string purpose = GNUTLS_KP_TLS_WWW_SERVER;
-        gnutls_typed_vdata_st wanted = {GNUTLS_DT_KEY_PURPOSE_OID,
-                                        reinterpret_cast<unsigned char*>(purpose.data()), 0};
-        unsigned int status = 0;
-        int const error = gnutls_certificate_verify_peers(m_session, &wanted, 1, &status);
-        if (error < 0) {
-            return refuse(std::string("the certificate cannot be verified: ") +
-                          gnutls_strerror(error));
-        }
-        if (status != 0) {
-            return refuse("the certificate is not accepted: " +
-                          oneLine(faultInWords(status, certificates)));
+        bool const isVerified = isResumed() && std::time(nullptr) <= m_validUntil;
+        if (!isVerified && verifyChain(certificates) != Flow::moved) {
+            return Flow::failed;
         }
     }
     if (extent == TlsVerify::full && !m_certificate->isFor(m_host)) {
@@ -188,6 +184,27 @@ Flow TlsStream::verify()
     }
     m_isSecure = true;
     rememberSession();
+    return Flow::moved;
+}
+
+Flow TlsStream::verifyChain(std::vector<Certificate> const& certificates)
+{
+    std::string purpose = GNUTLS_KP_TLS_WWW_SERVER;
+    gnutls_typed_vdata_st wanted = {GNUTLS_DT_KEY_PURPOSE_OID,
+                                    reinterpret_cast<unsigned char*>(purpose.data()), 0};
+    unsigned int status = 0;
+    int const error = gnutls_certificate_verify_peers(m_session, &wanted, 1, &status);
+    if (error < 0) {
+        return refuse(std::string("the certificate cannot be verified: ") + gnutls_strerror(error));
+    }
+    if (status != 0) {
+        return refuse("the certificate is not accepted: " +
+                      oneLine(faultInWords(status, certificates)));
+    }
+    m_validUntil = certificates.front().notAfter();
+    for (Certificate const& certificate : certificates) {
+        m_validUntil = std::min(m_validUntil, certificate.notAfter());
+    }
     return Flow::moved;
 }
 
@@ -205,7 +222,7 @@ void TlsStream::rememberSession()
     if (gnutls_session_get_data2(m_session, &data) >= 0) {
         std::string copy = textOf(data);
         gnutls_free(data.data);
-        m_context->m_state->remember(m_server, std::move(copy));
+        m_context->m_state->remember(m_server, ResumableTls{std::move(copy), m_validUntil});
     }
 }
 
@@ -221,10 +238,12 @@ Flow TlsStream::receive(char* bytes, std::size_t room, std::size_t& count)
             rememberSession();
         }
         if (received > 0) {
+            m_hasReceived = true;
             count = static_cast<std::size_t>(received);
             return Flow::moved;
         }
         if (received == 0 || received == GNUTLS_E_PREMATURE_TERMINATION) {
+            failWith(Outcome::TryLater, LDAP_SERVER_DOWN, whyClosed());
             return Flow::ended;
         }
         if (received == GNUTLS_E_AGAIN) {
@@ -273,11 +292,30 @@ ssize_t TlsStream::pull(gnutls_transport_ptr_t stream, void* bytes, size_t room)
 {
     TlsStream& self = *static_cast<TlsStream*>(stream);
     std::size_t count = 0;
-    Flow const flow = self.m_socket.receive(static_cast<char*>(bytes), room, count);
+    Flow const flow = self.readRaw(static_cast<char*>(bytes), room, count);
     if (self.m_firstByte == -1 && flow == Flow::moved) {
         self.m_firstByte = *static_cast<unsigned char const*>(bytes);
     }
     return self.transported(flow, count);
+}
+
+Flow TlsStream::readRaw(char* bytes, std::size_t room, std::size_t& count)
+{
+    if (m_rawBegin == m_rawEnd) {
+        if (room >= rawCapacity) {
+            return m_socket.receive(bytes, room, count);
+        }
+        Flow const flow = m_socket.receive(m_raw.get(), rawCapacity, count);
+        if (flow != Flow::moved) {
+            return flow;
+        }
+        m_rawBegin = 0;
+        m_rawEnd = count;
+    }
+    count = std::min(room, m_rawEnd - m_rawBegin);
+    std::memcpy(bytes, m_raw.get() + m_rawBegin, count);
+    m_rawBegin += count;
+    return Flow::moved;
 }
 
 ssize_t TlsStream::push(gnutls_transport_ptr_t stream, giovec_t const* pieces, int count)
@@ -318,7 +356,7 @@ Flow TlsStream::fail(int error)
     }
     switch (error) {
     case GNUTLS_E_PREMATURE_TERMINATION:
-        return failWith(Outcome::TryLater, LDAP_SERVER_DOWN, "the server closed the connection");
+        return failWith(Outcome::TryLater, LDAP_SERVER_DOWN, whyClosed());
     case GNUTLS_E_PULL_ERROR:
     case GNUTLS_E_PUSH_ERROR:
         return failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
@@ -335,6 +373,16 @@ Flow TlsStream::fail(int error)
                    : failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
                               std::string("TLS failed: ") + gnutls_strerror(error));
     }
+}
+
+/// Some servers close the connection without a word if they want a client certificate; in TLS 1.3 only
+/// after their client has finished.
+std::string TlsStream::whyClosed() const
+{
+    bool const lacksCertificate = !m_hasReceived && m_context->policy().certificateFile.empty() &&
+                                  gnutls_certificate_client_get_request_status(m_session) > 0;
+    return std::string("the server closed the connection") +
+           (lacksCertificate ? "; it had asked for a client certificate, and none is set" : "");
 }
 
 std::string TlsStream::alertInWords() const

@@ -9,6 +9,7 @@
 
 #include <gnutls/gnutls.h>
 
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -35,8 +36,11 @@ public:
     Flow receive(char* bytes, std::size_t room, std::size_t& count);
     /// The bytes of a call that was blocked must be given again, and more may follow them.
     Flow send(char const* bytes, std::size_t length, std::size_t& count);
-    /// Whether there are decrypted bytes that the socket tells nothing of.
-    bool hasPending() const { return gnutls_record_check_pending(m_session) > 0; }
+    /// Whether `receive` may find something that the socket tells nothing of.
+    bool hasPending() const
+    {
+        return m_rawBegin != m_rawEnd || gnutls_record_check_pending(m_session) > 0;
+    }
     /// Tells the peer that no more will come, if the socket takes it.
     void sayGoodbye();
 
@@ -53,14 +57,17 @@ private:
     static ssize_t push(gnutls_transport_ptr_t stream, giovec_t const* pieces, int count);
     static int pullTimeout(gnutls_transport_ptr_t stream, unsigned int milliseconds);
 
+    Flow readRaw(char* bytes, std::size_t room, std::size_t& count);
     ssize_t transported(Flow flow, std::size_t count);
     void check(int error);
     Flow verify();
+    Flow verifyChain(std::vector<Certificate> const& certificates);
     std::vector<Certificate> chain() const;
     void rememberSession();
     Flow fail(int error);
     Flow failWith(Outcome outcome, int code, std::string const& why);
     Flow refuse(std::string const& why);
+    std::string whyClosed() const;
     std::string alertInWords() const;
     bool isRefusedByAlert() const;
 
@@ -71,9 +78,14 @@ private:
     gnutls_session_t m_session = nullptr;
     Verdict m_fault;
     std::optional<Certificate> m_certificate;
-    int m_firstByte = -1;     // that came, which tells TLS from anything else; -1: none yet
-    bool m_isSecure = false;  // the handshake is done and the certificate accepted
-    bool m_isSending = false; // the last `send` was blocked
+    std::time_t m_validUntil = 0;  // of the chain that was verified, now or before
+    std::unique_ptr<char[]> m_raw; // read ahead, as GnuTLS reads each record in two
+    std::size_t m_rawBegin = 0;
+    std::size_t m_rawEnd = 0;
+    int m_firstByte = -1;       // that came, which tells TLS from anything else; -1: none yet
+    bool m_isSecure = false;    // the handshake is done and the certificate accepted
+    bool m_hasReceived = false; // any bytes after the handshake
+    bool m_isSending = false;   // the last `send` was blocked
     bool m_isRemembered = false;
 };
 

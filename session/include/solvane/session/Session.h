@@ -132,6 +132,9 @@ public:
     /// @param id       receives its message id
     Received receive(LDAPMessageBuffer& message, int& id);
 
+    /// Size in bytes of the message that `receive` gave last.
+    std::size_t messageSize() const;
+
     /// When the last byte came; a slow link is not silence.
     Clock::time_point heardAt() const;
     /// Bytes received in all, for bounds.
