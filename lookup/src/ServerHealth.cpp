@@ -27,8 +27,8 @@ constexpr Transition transitions[ServerHealth::states][ServerHealth::events] = {
         /* abandoned  */ { State::backingOff, Action::none            },
         /* connected  */ { State::backingOff, Action::none            },
         /* proved     */ { State::up,         Action::forget          },
-        /* failed     */ { State::backingOff, Action::note            },
-        /* fellSilent */ { State::backingOff, Action::note            },
+        /* failed     */ { State::backingOff, Action::join            },
+        /* fellSilent */ { State::backingOff, Action::join            },
     },
     { // on trial
         /* claimed    */ { State::onTrial,    Action::beginTrial      },
@@ -115,7 +115,11 @@ void ServerHealth::apply(Event event, Clock::time_point now, Failure const* fail
     m_state = next.next;
     switch (next.action) {
     case Action::none:
-    case Action::note:
+        break;
+    case Action::join:
+        if (now >= m_retryAt) {
+            beginBackOff(*failure, now);
+        }
         break;
     case Action::beginTrial:
         m_isRetry = now < m_retryAt && m_isRetryDue;

@@ -36,7 +36,8 @@ public:
         endTrialUnknown, ///< the next caller may try at once
         forget,          ///< the failures: the next one is a first one
         backOff,         ///< for the first time, or for twice as long as the last time
-        note,            ///< only the cause: callers that failed together are one failure
+        join,            ///< callers that failed together are one failure: a new one only if the
+                         ///< back-off has expired
         backOffSilent,   ///< like `backOff`; one caller may try anew at once
     };
     struct Transition {

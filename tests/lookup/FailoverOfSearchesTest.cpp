@@ -138,6 +138,23 @@ TEST_P(AServerThatFailsSearches, IsSkippedOnceAnotherAnsweredInItsPlace)
     EXPECT_EQ(failing.connectionCount(), 1U);
 }
 
+// Its back-off doubles although it accepts connections and binds each time.
+TEST_P(AServerThatFailsSearches, IsAskedMoreAndMoreSeldom)
+{
+    ScriptedServer failing(serving(GetParam().onSearch));
+    ScriptedServer healthy(serving(answerFound));
+    auto settings = settingsOf({&failing, &healthy});
+    settings.deadline = milliseconds(1000);
+    settings.backOff = milliseconds(1);
+    LDAPLookup lookup(settings);
+
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(lookup.find(addressOf(i)).outcome, Outcome::Found);
+    }
+
+    EXPECT_LE(countOf(SearchRequest, failing.received()), 20U); // 2^20 ms
+}
+
 INSTANTIATE_TEST_SUITE_P(EachWay, AServerThatFailsSearches, testing::ValuesIn(ways),
                          [](testing::TestParamInfo<Way> const& way) {
                              return std::string(way.param.name);

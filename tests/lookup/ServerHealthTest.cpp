@@ -38,8 +38,8 @@ Row const rows[] = {
     { "BackingOffAbandoned",  State::backingOff, Event::abandoned,  State::backingOff, Action::none            },
     { "BackingOffConnected",  State::backingOff, Event::connected,  State::backingOff, Action::none            },
     { "BackingOffProved",     State::backingOff, Event::proved,     State::up,         Action::forget          },
-    { "BackingOffFailed",     State::backingOff, Event::failed,     State::backingOff, Action::note            },
-    { "BackingOffFellSilent", State::backingOff, Event::fellSilent, State::backingOff, Action::note            },
+    { "BackingOffFailed",     State::backingOff, Event::failed,     State::backingOff, Action::join            },
+    { "BackingOffFellSilent", State::backingOff, Event::fellSilent, State::backingOff, Action::join            },
     { "OnTrialClaimed",       State::onTrial,    Event::claimed,    State::onTrial,    Action::beginTrial      },
     { "OnTrialAbandoned",     State::onTrial,    Event::abandoned,  State::backingOff, Action::endTrialUnknown },
     { "OnTrialConnected",     State::onTrial,    Event::connected,  State::onTrial,    Action::none            },
@@ -196,6 +196,18 @@ TEST_F(AServer, BacksOffLongerAndLongerWhileItConnectsAndFailsItsSearches)
     health.searchFailed(refused, slow, now);
     health.claim(in(seconds(1)));
     health.connected(in(seconds(1)));
+
+    health.searchFailed(refused, slow, in(seconds(1)));
+
+    EXPECT_EQ(health.retryAt(), in(seconds(3)));
+}
+
+// The caller on trial had returned its session when another server answered in its place.
+TEST_F(AServer, BacksOffLongerAlsoWhenTheTrialHadEndedBeforeItsSearchWasProvedToFail)
+{
+    health.searchFailed(refused, slow, now);
+    health.claim(in(seconds(1)));
+    health.abandon(in(seconds(1)));
 
     health.searchFailed(refused, slow, in(seconds(1)));
 
