@@ -26,7 +26,8 @@ endif()
 install(TARGETS solvane_ldap solvane_lookup EXPORT SolvaneLDAPTargets
     LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
             COMPONENT library NAMELINK_COMPONENT development)
-install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/solvane" "${PROJECT_SOURCE_DIR}/lookup/include/solvane"
+install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/solvane"
+    "${PROJECT_SOURCE_DIR}/session/include/solvane" "${PROJECT_SOURCE_DIR}/lookup/include/solvane"
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR} COMPONENT development)
 if(SOLVANE_RUNTIME STREQUAL "bundled")
     install(TARGETS solvane_runtime EXPORT SolvaneLDAPTargets

@@ -1,80 +1,56 @@
-// What result codes mean for a lookup.
+// Values by attribute name.
 #include <solvane/lookup/Answer.h>
 
-#include "OpenLDAP.h"
-
-#include <algorithm>
-#include <iterator>
+#include <solvane/ldap/LDAPAttribute.h>
 
 namespace Solvane::Lookup {
 
 namespace {
 
-struct Meaning {
-    int code;
-    Outcome outcome;
-};
+std::string textOf(Buffer const& bytes)
+{
+    return std::string(reinterpret_cast<char const*>(bytes.data()), bytes.length());
+}
 
-// clang-format off
-constexpr Meaning meanings[] = {
-    { LDAP_SUCCESS,                    Outcome::Found         },
-    // worth another try, be it on another server
-    { LDAP_SERVER_DOWN,                Outcome::TryLater      },
-    { LDAP_TIMEOUT,                    Outcome::TryLater      },
-    { LDAP_TIMELIMIT_EXCEEDED,         Outcome::TryLater      },
-    { LDAP_SIZELIMIT_EXCEEDED,         Outcome::TryLater      },
-    { LDAP_ADMINLIMIT_EXCEEDED,        Outcome::TryLater      },
-    { LDAP_BUSY,                       Outcome::TryLater      },
-    { LDAP_UNAVAILABLE,                Outcome::TryLater      },
-    { LDAP_OTHER,                      Outcome::TryLater      },
-    // the server will not, or not for this user
-    { LDAP_CONNECT_ERROR,              Outcome::Refused       }, // here: its certificate
-    { LDAP_AUTH_METHOD_NOT_SUPPORTED,  Outcome::Refused       },
-    { LDAP_STRONG_AUTH_REQUIRED,       Outcome::Refused       },
-    { LDAP_PARTIAL_RESULTS,            Outcome::Refused       }, // a referral of version 2
-    { LDAP_REFERRAL,                   Outcome::Refused       },
-    { LDAP_CONFIDENTIALITY_REQUIRED,   Outcome::Refused       },
-    { LDAP_INAPPROPRIATE_AUTH,         Outcome::Refused       },
-    { LDAP_INVALID_CREDENTIALS,        Outcome::Refused       },
-    { LDAP_INSUFFICIENT_ACCESS,        Outcome::Refused       },
-    { LDAP_UNWILLING_TO_PERFORM,       Outcome::Refused       },
-    // the question itself is wrong
-    { LDAP_FILTER_ERROR,               Outcome::Misconfigured },
-    { LDAP_PARAM_ERROR,                Outcome::Misconfigured },
-    { LDAP_PROTOCOL_ERROR,             Outcome::Misconfigured },
-    { LDAP_NO_SUCH_ATTRIBUTE,          Outcome::Misconfigured },
-    { LDAP_UNDEFINED_TYPE,             Outcome::Misconfigured },
-    { LDAP_INAPPROPRIATE_MATCHING,     Outcome::Misconfigured },
-    { LDAP_CONSTRAINT_VIOLATION,       Outcome::Misconfigured },
-    { LDAP_TYPE_OR_VALUE_EXISTS,       Outcome::Misconfigured },
-    { LDAP_INVALID_SYNTAX,             Outcome::Misconfigured },
-    { LDAP_NO_SUCH_OBJECT,             Outcome::Misconfigured }, // of the base
-    { LDAP_ALIAS_PROBLEM,              Outcome::Misconfigured },
-    { LDAP_INVALID_DN_SYNTAX,          Outcome::Misconfigured },
-    { LDAP_ALIAS_DEREF_PROBLEM,        Outcome::Misconfigured },
-    { LDAP_NAMING_VIOLATION,           Outcome::Misconfigured },
-    { LDAP_OBJECT_CLASS_VIOLATION,     Outcome::Misconfigured },
-    { LDAP_NOT_ALLOWED_ON_NONLEAF,     Outcome::Misconfigured },
-    { LDAP_NOT_ALLOWED_ON_RDN,         Outcome::Misconfigured },
-    { LDAP_NO_OBJECT_CLASS_MODS,       Outcome::Misconfigured },
-    { LDAP_AFFECTS_MULTIPLE_DSAS,      Outcome::Misconfigured },
-};
-// clang-format on
+/// Calls `take` for each value, until it returns false.
+template <typename Take>
+void forEachValue(Answer const& answer, std::string const& name, Take const& take)
+{
+    LDAPAttributeType const wanted(name);
+    for (LDAPSearchResultEntry const& entry : answer.entries) {
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            if (!(attribute.type() == wanted)) {
+                continue;
+            }
+            for (Buffer const& bytes : attribute.binaryValue()) {
+                if (!take(textOf(bytes))) {
+                    return;
+                }
+            }
+        }
+    }
+}
 
 } // namespace
 
-Outcome outcomeOfSearch(int code)
+std::string Answer::value(std::string const& name) const
 {
-    auto const* const known =
-        std::find_if(std::begin(meanings), std::end(meanings),
-                     [code](Meaning const& candidate) { return candidate.code == code; });
-    // What is not known to last is worth another try: it must not bounce mail.
-    return known != std::end(meanings) ? known->outcome : Outcome::TryLater;
+    std::string first;
+    forEachValue(*this, name, [&](std::string value) {
+        first = std::move(value);
+        return false;
+    });
+    return first;
 }
 
-Outcome outcomeOfBind(int code)
+std::vector<std::string> Answer::values(std::string const& name) const
 {
-    return code == LDAP_NO_SUCH_OBJECT ? Outcome::Refused : outcomeOfSearch(code);
+    std::vector<std::string> all;
+    forEachValue(*this, name, [&](std::string value) {
+        all.push_back(std::move(value));
+        return true;
+    });
+    return all;
 }
 
 } // namespace Solvane::Lookup

@@ -27,28 +27,6 @@ timeval timevalOf(milliseconds time)
     return timeval{count / 1000, count % 1000 * 1000};
 }
 
-std::string seconds(milliseconds time)
-{
-    auto const count = time.count();
-    std::string const whole = std::to_string(count / 1000);
-    return count % 1000 == 0 ? whole + " s"
-                             : whole + '.' + std::to_string(count % 1000 + 1000).substr(1) + " s";
-}
-
-bool hasNul(std::string const& text) { return text.find('\0') != std::string::npos; }
-
-bool isBlank(std::string const& text)
-{
-    return text.find_first_not_of(" \t\r\n") == std::string::npos;
-}
-
-void wipe(std::string& text)
-{
-    text.resize(text.capacity());
-    explicit_bzero(text.data(), text.size());
-    text.clear();
-}
-
 std::string uriOf(LDAPConnection::Server const& server, std::string const& host)
 {
     bool const isV6 = host.find(':') != std::string::npos;
@@ -56,19 +34,9 @@ std::string uriOf(LDAPConnection::Server const& server, std::string const& host)
            ':' + std::to_string(server.port);
 }
 
-/// OpenLDAP's words for a code, with the server's where it has some of its own.
-std::string wordsFor(int code, std::string const& serverText)
-{
-    std::string words = std::string(ldap_err2string(code)) + " (" + std::to_string(code) + ')';
-    if (!serverText.empty() && serverText != ldap_err2string(code)) {
-        words += ": " + oneLine(serverText);
-    }
-    return words;
-}
-
 std::string wordsFor(LDAPResult const& result)
 {
-    std::string words = wordsFor(result.resultCode(), result.errorMessage());
+    std::string words = Lookup::wordsFor(result.resultCode(), result.errorMessage());
     if (!result.matchedDN().empty()) {
         words += ", what exists is '" + oneLine(result.matchedDN()) + '\'';
     }
@@ -173,7 +141,8 @@ Verdict DirectorySession::open(bool verifies, Clock::time_point deadline)
     constexpr milliseconds resolution(5); // OpenLDAP drops fractions of a millisecond
     bool const isTimeOver = error == ETIMEDOUT || Clock::now() - start + resolution >= limit;
     return isTimeOver
-               ? failure(Outcome::TryLater, LDAP_TIMEOUT, "no connection within " + seconds(limit))
+               ? failure(Outcome::TryLater, LDAP_TIMEOUT,
+                         "no connection within " + inSeconds(limit))
                : failure(Outcome::TryLater, LDAP_SERVER_DOWN,
                          "cannot be reached: " + causeOf(m_connection.impl()->session(), error));
 }
@@ -338,7 +307,7 @@ Verdict DirectorySession::await(int id, milliseconds limit, char const* step,
         ldap_result(m_connection.impl()->session(), id, LDAP_MSG_ONE, &timeout, message.address());
     if (rc == 0) {
         return failure(Outcome::TryLater, LDAP_TIMEOUT,
-                       std::string("did not answer the ") + step + " within " + seconds(limit));
+                       std::string("did not answer the ") + step + " within " + inSeconds(limit));
     }
     return rc < 0 ? brokeOff(step) : Verdict();
 }

@@ -16,9 +16,7 @@ struct FaultSite {
 
 namespace at {
 // clang-format off
-constexpr FaultSite settingRefused { "LDAPLookup.cpp",  20, 2 };
-constexpr FaultSite noCertificate  { "Certificate.cpp", 35, 2 };
-constexpr FaultSite hostUnknown    { "ServerList.cpp",  27, 4 };
+constexpr FaultSite settingRefused { "LDAPLookup.cpp", 20, 2 };
 // clang-format on
 } // namespace at
 

@@ -1,62 +1,155 @@
-// Forms in a mail server's order.
+// Forms in a mail server's order, and internationalised domains.
 #include "KeyForms.h"
+
+#include <solvane/session/PlainText.h>
 
 #include <solvart/StringHelpers.h>
 
 #include <algorithm>
+#include <cstdlib>
+#include <memory>
+
+#include <idn2.h>
 
 namespace Solvane::Lookup {
 
-KeyForms::KeyForms(LDAPLookup::Settings const& settings)
-    : m_forms(settings.forms), m_delimiter(settings.extensionDelimiter)
+namespace {
+
+using Text = std::unique_ptr<char, decltype(&idn2_free)>;
+
+bool isAscii(std::string_view text)
+{
+    return std::all_of(text.begin(), text.end(),
+                       [](char byte) { return static_cast<unsigned char>(byte) < 0x80; });
+}
+
+/// Whether a label of the domain is in ASCII form (RFC 5890 section 2.3.1).
+bool hasAsciiForm(std::string const& domain)
+{
+    std::string const lower = copyStringToLower(domain);
+    return lower.compare(0, 4, "xn--") == 0 || lower.find(".xn--") != std::string::npos;
+}
+
+std::string toAscii(std::string const& domain)
+{
+    char* result = nullptr;
+    int const rc = idn2_to_ascii_8z(domain.c_str(), &result, IDN2_NFC_INPUT | IDN2_NONTRANSITIONAL);
+    Text const text(result, idn2_free);
+    return rc == IDN2_OK && text ? text.get() : std::string();
+}
+
+std::string toUnicode(std::string const& domain)
+{
+    char* result = nullptr;
+    int const rc = idn2_to_unicode_8z8z(domain.c_str(), &result, 0);
+    Text const text(result, idn2_free);
+    return rc == IDN2_OK && text ? text.get() : std::string();
+}
+
+void addOnce(std::vector<std::string>& texts, std::string text)
+{
+    if (!text.empty() && std::find(texts.begin(), texts.end(), text) == texts.end()) {
+        texts.push_back(std::move(text));
+    }
+}
+
+/// What stands behind the last "@"; empty without one.
+std::string_view domainOf(std::string_view key)
+{
+    auto const at = key.rfind('@');
+    return at == std::string_view::npos ? std::string_view() : key.substr(at + 1);
+}
+
+} // namespace
+
+std::string otherFormOf(std::string const& domain)
+{
+    std::string other;
+    if (!isAscii(domain)) {
+        other = toAscii(domain);
+    } else if (hasAsciiForm(domain)) {
+        other = toUnicode(domain);
+    }
+    return other == domain ? std::string() : other;
+}
+
+KeyForms::KeyForms(Settings const& settings)
+    : m_forms(settings.forms), m_delimiter(settings.extensionDelimiter),
+      m_isInternational(settings.asciiDomains), m_keyBytes(settings.keyBytes)
 {
     for (std::string const& domain : settings.domains) {
         m_domains.insert(copyStringToLower(domain));
+        if (m_isInternational) {
+            m_domains.insert(copyStringToLower(toAscii(domain)));
+        }
     }
+}
+
+std::string KeyForms::faultOf(std::string const& key) const
+{
+    if (key.empty()) {
+        return "the key is empty";
+    }
+    if (key.size() > m_keyBytes) {
+        return "the key has " + std::to_string(key.size()) + " bytes, more than the " +
+               std::to_string(m_keyBytes) + " that are allowed";
+    }
+    auto const fault = faultIn(key);
+    return fault ? "the key holds " + describe(*fault) : std::string();
 }
 
 bool KeyForms::isServed(std::string const& key) const
 {
-    return m_domains.empty() || m_domains.count(copyStringToLower(EmailAddress(key).domain())) != 0;
+    if (m_domains.empty()) {
+        return true;
+    }
+    std::string const domain = copyStringToLower(std::string(domainOf(key)));
+    if (m_domains.count(domain) != 0) {
+        return true;
+    }
+    return m_isInternational && !isAscii(domain) &&
+           m_domains.count(copyStringToLower(toAscii(domain))) != 0;
 }
 
-std::vector<EmailAddress> KeyForms::of(std::string const& key) const
+std::vector<std::string> KeyForms::of(std::string const& key) const
 {
-    EmailAddress const address(key);
-    if (m_forms.size() == 1 && m_forms.front() == LDAPLookup::Form::full) {
-        return {address};
+    std::string_view const domain = domainOf(key);
+    std::string const other = m_isInternational ? otherFormOf(std::string(domain)) : std::string();
+    if (other.empty() && m_forms.size() == 1 && m_forms.front() == Form::full) {
+        return {};
     }
-    std::string const local = address.local();
-    std::string const domain = address.domain();
+    bool const hasDomain = key.find('@') != std::string::npos;
+    std::string_view const local =
+        std::string_view(key).substr(0, key.size() - domain.size() - (hasDomain ? 1 : 0));
     std::vector<std::string> texts;
-    for (LDAPLookup::Form const form : m_forms) {
-        std::string const text = textOf(form, local, domain, key);
-        if (!text.empty() && std::find(texts.begin(), texts.end(), text) == texts.end()) {
-            texts.push_back(text);
+    for (Form const form : m_forms) {
+        addOnce(texts, textOf(form, local, domain, key));
+        if (!other.empty()) {
+            addOnce(texts, textOf(form, local, other, std::string(local) + '@' + other));
         }
     }
-    if (texts.empty()) {
-        texts.push_back(key); // as "@domain" where only bare users are asked for
+    if (texts.empty() || (texts.size() == 1 && texts.front() == key)) {
+        return {}; // as "@domain" if only bare users are asked for
     }
-    return {texts.begin(), texts.end()};
+    return texts;
 }
 
-/// Empty where the key has no such form.
-std::string KeyForms::textOf(LDAPLookup::Form form, std::string const& local,
-                             std::string const& domain, std::string const& key) const
+/// Empty if the key has no such form.
+std::string KeyForms::textOf(Form form, std::string_view local, std::string_view domain,
+                             std::string const& key) const
 {
     // A delimiter in front is part of the user's name.
     auto const delimiter = m_delimiter == '\0' ? std::string::npos : local.find(m_delimiter, 1);
-    std::string user = local.substr(0, delimiter);
+    std::string const user(local.substr(0, delimiter));
     switch (form) {
-    case LDAPLookup::Form::full:
+    case Form::full:
         break;
-    case LDAPLookup::Form::noext:
-        return domain.empty() ? user : user + '@' + domain;
-    case LDAPLookup::Form::bare:
+    case Form::noext:
+        return domain.empty() ? user : user + '@' + std::string(domain);
+    case Form::bare:
         return user;
-    case LDAPLookup::Form::domain:
-        return domain.empty() ? std::string() : '@' + domain;
+    case Form::domain:
+        return domain.empty() ? std::string() : '@' + std::string(domain);
     }
     return key;
 }

@@ -1,145 +1,146 @@
-// The public calls, and the check of the settings.
+// The public calls: fronts of the pipeline that block.
 #include <solvane/lookup/LDAPLookup.h>
 
-#include "Bulk.h"
-#include "FaultSite.h"
-#include "Process.h"
+#include "Pipeline.h"
+#include "Shared.h"
 
-#include <solvane/lookup/PlainText.h>
-
-#include <atomic>
 #include <utility>
+
+#include <poll.h>
 
 namespace Solvane {
 
 namespace {
 
-using Lookup::faultIn;
-
-[[noreturn]] void refuse(std::string const& text)
-{
-    throw Lookup::faultAt(Lookup::at::settingRefused, text);
-}
-
-void require(bool isRight, std::string const& text)
-{
-    if (!isRight) {
-        refuse(text);
-    }
-}
-
-void requirePlain(char const* what, std::string const& text)
-{
-    auto const fault = faultIn(text);
-    require(!fault, std::string(what) + " holds " + (fault ? describe(*fault) : std::string()));
-}
-
-void checkServers(LDAPLookup::Settings const& settings)
-{
-    require(!settings.servers.empty(), "there is no server");
-    for (LDAPLookup::Server const& server : settings.servers) {
-        require(!server.host.empty(), "a server has no host");
-        requirePlain("a server's host", server.host);
-        require(server.port >= 1 && server.port <= 65535,
-                "a server's port is " + std::to_string(server.port));
-    }
-}
-
-void checkCredentials(LDAPLookup::Settings const& settings)
-{
-    requirePlain("the bind DN", settings.bindDn);
-    require(settings.bindDn.empty() || !settings.password.empty(),
-            "the bind DN has no password: servers take an empty one as anonymous");
-    require(!settings.bindDn.empty() || settings.password.empty(),
-            "there is a password without a bind DN");
-    require(settings.password.find('\0') == std::string::npos,
-            "the password holds a NUL byte, which cannot be sent");
-}
-
-void checkSearch(LDAPLookup::Settings const& settings)
-{
-    requirePlain("the base", settings.base);
-    require(settings.scope >= LDAPSearch::ScopeBase && settings.scope <= LDAPSearch::ScopeSubtree,
-            "the scope is none");
-    require(settings.deref >= LDAPSearch::DerefNever && settings.deref <= LDAPSearch::DerefAlways,
-            "the alias mode is none");
-    for (std::string const& name : settings.attributes) {
-        require(!name.empty(), "an attribute has no name");
-        requirePlain("an attribute's name", name);
-    }
-    require(!settings.forms.empty(), "there is no form of address to look for");
-    using Lookup::QueryTemplate;
-    QueryTemplate const queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
-    for (QueryTemplate::Finding const& finding : queryTemplate.check()) {
-        require(finding.weight != QueryTemplate::Finding::Weight::error,
-                "the template is wrong at byte " + std::to_string(finding.position) + ": " +
-                    finding.text);
-    }
-}
-
-void checkLimits(LDAPLookup::Settings const& settings)
-{
-    // Moments are counted in nanoseconds; a time "without end" would lie before its beginning.
-    constexpr std::chrono::hours longest(365 * 24);
-    require(settings.networkTimeout >= 1, "the network timeout is no time");
-    require(std::chrono::seconds(settings.networkTimeout) <= longest,
-            "the network timeout is longer than a year");
-    require(settings.deadline.count() >= 1, "the deadline is no time");
-    require(settings.deadline <= longest, "the deadline is longer than a year");
-    require(settings.backOff.count() >= 0 && settings.longestBackOff >= settings.backOff,
-            "the longest back-off is shorter than the first");
-    require(settings.longestBackOff <= longest, "the longest back-off is longer than a year");
-    require(settings.connections >= 1, "no connection is allowed");
-    require(settings.window >= 1, "no search in flight is allowed");
-}
+using Lookup::Clock;
+using Lookup::Pipeline;
+using Lookup::Waits;
+using Supply = LDAPLookup::Supply;
 
 LDAPLookup::Settings const& checked(LDAPLookup::Settings const& settings)
 {
-    checkServers(settings);
-    checkCredentials(settings);
-    checkSearch(settings);
-    checkLimits(settings);
+    validate(settings);
     return settings;
 }
 
-} // namespace
-
-/// What all threads of one process share. A forked child makes itself a state of its own: threads
-/// that it does not have may be in the midst of changing the one it was born with, wait for a session
-/// there, and hold some. So it closes the idle sessions and leaves the rest as it is, for good.
-class LDAPLookup::Engine : public NonCopyable {
+/// Moves keys from a source through a pipeline to a sink.
+class Run {
 public:
-    explicit Engine(Settings const& settings) : m_state(new State(settings)) {}
-    ~Engine()
+    Run(Pipeline& pipeline, LDAPLookup::Source const& source, int descriptor,
+        LDAPLookup::Sink const& sink)
+        : m_pipeline(pipeline), m_source(source), m_descriptor(descriptor), m_sink(sink)
     {
-        State* const state = m_state;
-        if (state->process == currentProcess()) {
-            delete state;
-        } else {
-            state->sessions.leaveToParent();
-        }
     }
 
-    Lookup::Shared& shared()
+    void toTheEnd()
     {
-        State* inherited = m_state;
-        while (inherited->process != currentProcess()) {
-            auto own = std::make_unique<State>(inherited->settings);
-            if (m_state.compare_exchange_strong(inherited, own.get())) {
-                inherited->sessions.leaveToParent();
-                return *own.release();
+        while (m_isWanted && (m_isSupplied || !m_pipeline.isIdle())) {
+            supply();
+            m_pipeline.run();
+            emit();
+            if (!m_isWanted || (m_isSupplied && m_mayHaveKeys && m_pipeline.wantsKeys())) {
+                continue;
+            }
+            if (!m_pipeline.isIdle()) {
+                wait();
+            } else if (m_isSupplied) {
+                rest();
             }
         }
-        return *inherited;
     }
 
 private:
-    struct State : Lookup::Shared {
-        using Shared::Shared;
-        unsigned long const process = currentProcess();
-    };
+    void supply()
+    {
+        std::string key;
+        while (m_isSupplied && m_mayHaveKeys && m_pipeline.wantsKeys()) {
+            switch (ask(key, false)) {
+            case Supply::key:
+                m_pipeline.push(std::move(key));
+                key.clear();
+                break;
+            case Supply::nothing:
+                m_mayHaveKeys = false;
+                return;
+            case Supply::end:
+                m_isSupplied = false;
+                break;
+            }
+        }
+    }
 
-    std::atomic<State*> m_state;
+    Supply ask(std::string& key, bool mayWait)
+    {
+        auto const start = Clock::now();
+        Supply const supplied = m_source(key, mayWait);
+        m_pipeline.excuse(Clock::now() - start);
+        return supplied;
+    }
+
+    void emit()
+    {
+        while (m_isWanted && m_pipeline.hasAnswer()) {
+            auto const start = Clock::now();
+            Lookup::Task& task = m_pipeline.front();
+            m_isWanted = m_sink(task.key, std::move(task.answer));
+            m_pipeline.pop();
+            m_pipeline.excuse(Clock::now() - start);
+        }
+    }
+
+    void wait()
+    {
+        m_waits.clear();
+        m_pipeline.waits(m_waits);
+        bool const isHeard = m_descriptor != -1 && m_isSupplied && m_pipeline.wantsKeys();
+        if (isHeard) {
+            m_waits.add(m_descriptor, POLLIN);
+        }
+        m_waits.wait();
+        m_mayHaveKeys = m_mayHaveKeys || m_descriptor == -1 ||
+                        (isHeard && m_waits.descriptors().back().revents != 0);
+    }
+
+    /// Every answer is out, and the source has nothing: for as long as that takes, others may have the
+    /// sessions.
+    void rest()
+    {
+        m_pipeline.rest();
+        m_mayHaveKeys = true;
+        if (m_descriptor != -1) {
+            m_waits.clear();
+            m_waits.add(m_descriptor, POLLIN);
+            m_waits.wait();
+            return;
+        }
+        std::string key;
+        switch (ask(key, true)) {
+        case Supply::key:
+            m_pipeline.push(std::move(key));
+            break;
+        case Supply::nothing:
+            break;
+        case Supply::end:
+            m_isSupplied = false;
+            break;
+        }
+    }
+
+    Pipeline& m_pipeline;
+    LDAPLookup::Source const& m_source;
+    int const m_descriptor; ///< -1: the source waits by itself
+    LDAPLookup::Sink const& m_sink;
+    Waits m_waits;
+    bool m_isSupplied = true;  ///< the source has more
+    bool m_mayHaveKeys = true; ///< the source is worth asking
+    bool m_isWanted = true;    ///< the sink wants more
+};
+
+} // namespace
+
+class LDAPLookup::Engine : public Lookup::Shared {
+public:
+    using Shared::Shared;
 };
 
 LDAPLookup::LDAPLookup(Settings const& settings)
@@ -148,38 +149,36 @@ LDAPLookup::LDAPLookup(Settings const& settings)
 }
 
 LDAPLookup::~LDAPLookup() = default;
+LDAPLookup::LDAPLookup(LDAPLookup&& other) noexcept = default;
+LDAPLookup& LDAPLookup::operator=(LDAPLookup&& other) noexcept = default;
 
 LDAPLookup::Answer LDAPLookup::find(std::string const& address)
 {
-    Answer answer;
-    bool isGiven = false;
-    Source const source = [&](std::string& key, bool) {
-        if (isGiven) {
-            return Supply::end;
-        }
-        key = address;
-        isGiven = true;
-        return Supply::key;
-    };
-    Sink const sink = [&](std::string const&, Answer&& found) {
-        answer = std::move(found);
-        return true;
-    };
-    Lookup::Bulk(m_engine->shared(), source, sink, 1, 1).run();
-    return answer;
+    Pipeline pipeline(*m_engine, 1, 1);
+    pipeline.push(address);
+    pipeline.run(); // sends the search
+    Waits waits;
+    while (!pipeline.hasAnswer()) {
+        waits.clear();
+        pipeline.waits(waits);
+        waits.wait();
+        pipeline.run();
+    }
+    return std::move(pipeline.front().answer);
 }
 
-void LDAPLookup::findAll(Source const& source, Sink const& sink)
+void LDAPLookup::findAll(Source const& source, Sink const& sink) { findAll(source, -1, sink); }
+
+void LDAPLookup::findAll(Source const& source, int descriptor, Sink const& sink)
 {
-    Lookup::Shared& shared = m_engine->shared();
-    Lookup::Bulk(shared, source, sink, shared.settings.connections, shared.settings.window).run();
+    Pipeline pipeline(*m_engine, m_engine->settings.connections, m_engine->settings.window);
+    Run(pipeline, source, descriptor, sink).toTheEnd();
 }
 
 LDAPLookup::Statistics LDAPLookup::statistics() const
 {
-    Lookup::Shared const& shared = m_engine->shared();
-    return {shared.sessions.openedCount(), shared.reused, shared.sessions.staleCount(),
-            shared.repeated};
+    return {m_engine->pool.openedCount(), m_engine->reused, m_engine->pool.staleCount(),
+            m_engine->repeated};
 }
 
 } // namespace Solvane

@@ -47,11 +47,30 @@ LDAPLookup::Settings withoutABind(std::vector<unsigned int> const& ports)
 
 } // namespace
 
-TEST(ARepeatedSearchWithoutABind, GoesToTheNextServerWhereTheFirstTakesConnectionsAndDies)
+TEST(ARepeatedSearchWithoutABind, GoesToTheNextServerAtOnceFromAConnectionThatWasNew)
 {
     ScriptedServer dying(inTurn(serving(hangUp), die));
     ScriptedServer const live(serving(answerFound, std::string()));
     LDAPLookup lookup(withoutABind({dying.port(), live.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(live.port()));
+    EXPECT_TRUE(answer.wasRepeated);
+    EXPECT_EQ(dying.connectionCount(), 1U);
+}
+
+TEST(ARepeatedSearchWithoutABind, GoesToTheNextServerWhereTheFirstTakesConnectionsAndDies)
+{
+    std::atomic<int> searches{0};
+    OnSearch const second = [&](Peer& peer, std::string const& request) {
+        (++searches == 1 ? answerFound : hangUp)(peer, request);
+    };
+    ScriptedServer dying(inTurn(serving(second), die));
+    ScriptedServer const live(serving(answerFound, std::string()));
+    LDAPLookup lookup(withoutABind({dying.port(), live.port()}));
+    lookup.find(addressOf(1)); // the connection was idle then, and may have been lost unnoticed
 
     auto const answer = lookup.find(addressOf(1));
 

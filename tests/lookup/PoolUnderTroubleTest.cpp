@@ -225,6 +225,7 @@ protected:
         auto settings = settingsFor({m_server.port()});
         settings.connections = connections;
         settings.backOff = settings.longestBackOff = milliseconds(0);
+        settings.refusedHold = milliseconds(0);
         return settings;
     }
 

@@ -134,6 +134,70 @@ ScriptedServer::Peer::Peer(ScriptedServer& server, int socket) : m_server(server
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
+ScriptedServer::Peer::~Peer()
+{
+    if (m_tls && m_socket.number() >= 0) {
+        gnutls_bye(m_tls->get(), GNUTLS_SHUT_WR);
+    }
+}
+
+bool ScriptedServer::Peer::startTls(ServerTls const& tls, std::size_t cutAfter)
+{
+    m_tls = std::make_unique<ServerTlsSession>(tls, m_socket.number(), cutAfter);
+    for (;;) {
+        int const rc = gnutls_handshake(m_tls->get());
+        if (rc >= 0) {
+            return true;
+        }
+        if (gnutls_error_is_fatal(rc) != 0) {
+            m_tls->sendAlert(rc);
+            return false;
+        }
+        if (rc == GNUTLS_E_AGAIN && !awaitTls()) {
+            return false;
+        }
+    }
+}
+
+bool ScriptedServer::Peer::isTlsResumed() const
+{
+    return gnutls_session_is_resumed(m_tls->get()) != 0;
+}
+
+/// False when the server is to end.
+bool ScriptedServer::Peer::awaitTls()
+{
+    return awaitSocket(gnutls_record_get_direction(m_tls->get()) == 0 ? POLLIN : POLLOUT);
+}
+
+/// As recv(2) of a socket that does not block.
+ssize_t ScriptedServer::Peer::receiveSome(char* bytes, std::size_t room)
+{
+    if (!m_tls) {
+        return recv(m_socket.number(), bytes, room, 0);
+    }
+    ssize_t const received = gnutls_record_recv(m_tls->get(), bytes, room);
+    if (received >= 0) {
+        return received;
+    }
+    errno = gnutls_error_is_fatal(static_cast<int>(received)) != 0 ? EIO : EAGAIN;
+    return -1;
+}
+
+/// As send(2).
+ssize_t ScriptedServer::Peer::sendSome(char const* bytes, std::size_t length)
+{
+    if (!m_tls) {
+        return ::send(m_socket.number(), bytes, length, MSG_NOSIGNAL);
+    }
+    ssize_t const sent = gnutls_record_send(m_tls->get(), bytes, length);
+    if (sent >= 0) {
+        return sent;
+    }
+    errno = gnutls_error_is_fatal(static_cast<int>(sent)) != 0 ? EIO : EAGAIN;
+    return -1;
+}
+
 /// False when the server is to end.
 bool ScriptedServer::Peer::awaitSocket(short events)
 {
@@ -147,8 +211,9 @@ bool ScriptedServer::Peer::awaitSocket(short events)
 bool ScriptedServer::Peer::receiveMore()
 {
     std::array<char, 65536> bytes;
-    while (awaitSocket(POLLIN)) {
-        ssize_t const count = recv(m_socket.number(), bytes.data(), bytes.size(), 0);
+    bool const hasPending = m_tls && gnutls_record_check_pending(m_tls->get()) > 0;
+    while (hasPending || awaitSocket(POLLIN)) {
+        ssize_t const count = receiveSome(bytes.data(), bytes.size());
         if (count > 0) {
             m_pending.append(bytes.data(), static_cast<std::size_t>(count));
             return true;
@@ -189,8 +254,7 @@ void ScriptedServer::Peer::send(std::string const& bytes)
 {
     std::size_t sent = 0;
     while (sent < bytes.size() && awaitSocket(POLLOUT)) {
-        ssize_t const count =
-            ::send(m_socket.number(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        ssize_t const count = sendSome(bytes.data() + sent, bytes.size() - sent);
         if (count >= 0) {
             sent += static_cast<std::size_t>(count);
         } else if (errno != EAGAIN && errno != EINTR) {

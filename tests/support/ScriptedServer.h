@@ -3,6 +3,7 @@
 #define SOLVANE_TESTS_SUPPORT_SCRIPTED_SERVER_H
 
 #include "Descriptor.h"
+#include "ServerTls.h"
 
 #include <condition_variable>
 #include <functional>
@@ -71,6 +72,18 @@ private:
 /// One connection, as a script sees it.
 class ScriptedServer::Peer {
 public:
+    ~Peer();
+
+    /// Shakes hands; from then on everything goes through TLS.
+    /// @param cutAfter  bytes that leave; then the connection is shut down
+    /// @return false if the handshake failed
+    bool startTls(ServerTls const& tls,
+                  std::size_t cutAfter = std::numeric_limits<std::size_t>::max());
+    /// Whether the client resumed an earlier TLS session.
+    bool isTlsResumed() const;
+    /// Bytes that TLS has sent.
+    std::size_t tlsBytes() const { return m_tls->sentBytes(); }
+
     /// The next whole message; empty when the client or the test is gone.
     std::string receiveMessage();
     /// Receives a bind request and grants it.
@@ -92,11 +105,15 @@ private:
     Peer(ScriptedServer& server, int socket);
 
     bool awaitSocket(short events);
+    bool awaitTls();
     bool receiveMore();
+    ssize_t receiveSome(char* bytes, std::size_t room);
+    ssize_t sendSome(char const* bytes, std::size_t length);
 
     ScriptedServer& m_server;
     Descriptor m_socket;
-    std::string m_pending; ///< received, but not yet a whole message
+    std::unique_ptr<ServerTlsSession> m_tls; ///< none before startTls()
+    std::string m_pending;                   ///< received, but not yet a whole message
 };
 
 } // namespace SolvaneTest

@@ -16,9 +16,6 @@
 
 namespace Solvane::Lookup {
 
-/// Deadlines are moments of this clock, which nobody sets.
-using Clock = std::chrono::steady_clock;
-
 /// A connection on which each step says how it ended, instead of throwing. For one thread at a
 /// time. In the order connect, bind, confirmIdentity, then requests. It owns its connection, which
 /// others may share through `connection`.

@@ -3,7 +3,6 @@
 #ifndef SOLVANE_LOOKUP_EXPORT_H
 #define SOLVANE_LOOKUP_EXPORT_H
 
-/// Marks what the shared library offers to others; everything else stays hidden.
-#define SOLVANE_LOOKUP_EXPORT __attribute__((visibility("default")))
+#include <solvane/session/Export.h>
 
 #endif

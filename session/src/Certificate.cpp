@@ -1,11 +1,9 @@
 // X.509 certificates, read and judged with GnuTLS.
-#include <solvane/lookup/Certificate.h>
+#include <solvane/session/Certificate.h>
 
-#include "FaultSite.h"
-#include "OpenLDAP.h"
+#include "CertificateFaults.h"
 
-#include <solvane/ldap.h>
-#include <solvane/ldap/impl/OpenLDAPOwners.h>
+#include <solvane/ldap/LDAPException.h>
 
 #include <gnutls/gnutls.h>
 #include <gnutls/x509.h>
@@ -22,17 +20,14 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// Where distributions keep the authorities that they accept, as one PEM file.
-constexpr char const* systemBundles[] = {
-    "/etc/ssl/certs/ca-certificates.crt",
-    "/etc/pki/tls/certs/ca-bundle.crt",
-    "/etc/ssl/ca-bundle.pem",
-    "/etc/ssl/cert.pem",
-};
-
 LDAPException invalidCertificate(int error)
 {
-    return faultAt(at::noCertificate, std::string("not a certificate: ") + gnutls_strerror(error));
+    constexpr int code = 2;
+    constexpr unsigned int line = 35; // as reported; stays what it is when the source moves
+    constexpr int general = 0;
+    LDAPException fault("LDAPException", code, "Certificate.cpp", line, general);
+    fault.stringParameter(std::string("not a certificate: ") + gnutls_strerror(error));
+    return fault;
 }
 
 /// Bytes that GnuTLS allocated.
@@ -153,35 +148,23 @@ std::string distinguishedName(gnutls_x509_crt_t certificate, NameGetter getter)
     return getter(certificate, name.address(), 0) < 0 ? std::string() : name.text();
 }
 
-/// The faults that GnuTLS found, as a list.
-std::string inWords(unsigned int status, Certificate const& certificate)
+/// The first certificate of a chain that is not in its time at `now`; the chain's own if all are.
+Certificate const& outOfTime(std::vector<Certificate> const& chain, std::time_t now)
 {
-    struct Fault {
-        unsigned int flag;
-        std::string text;
-    };
-    bool const isSelfSigned = certificate.subject() == certificate.issuer();
-    Fault const faults[] = {
-        {GNUTLS_CERT_EXPIRED, "expired since " + day(certificate.notAfter())},
-        {GNUTLS_CERT_NOT_ACTIVATED, "not valid before " + day(certificate.notBefore())},
-        {GNUTLS_CERT_SIGNER_NOT_FOUND,
-         isSelfSigned ? "signed by itself"
-                      : "signed by an unknown authority: " + certificate.issuer()},
-        {GNUTLS_CERT_SIGNER_NOT_CA,
-         "signed by a certificate that is no authority's: " + certificate.issuer()},
-        {GNUTLS_CERT_SIGNATURE_FAILURE, "its signature is wrong"},
-        {GNUTLS_CERT_INSECURE_ALGORITHM, "signed with a method that is no longer safe"},
-        {GNUTLS_CERT_REVOKED, "revoked"},
-        {GNUTLS_CERT_PURPOSE_MISMATCH, "not meant for servers"},
-    };
-    std::string text;
-    for (Fault const& fault : faults) {
-        if ((status & fault.flag) != 0) {
-            text.append(text.empty() ? "" : ", ").append(fault.text);
-        }
-    }
-    bool const isUnexplained = status != 0 && text.empty();
-    return isUnexplained ? "not valid" : text;
+    auto const found =
+        std::find_if(chain.begin(), chain.end(), [now](Certificate const& certificate) {
+            return certificate.notAfter() < now || certificate.notBefore() > now;
+        });
+    return found == chain.end() ? chain.front() : *found;
+}
+
+/// Who signed the last certificate of a chain, if that is not known.
+std::string strangerOf(std::vector<Certificate> const& chain)
+{
+    Certificate const& last = chain.back();
+    bool const isSelfSigned = last.subject() == last.issuer();
+    return isSelfSigned && chain.size() == 1 ? "signed by itself"
+                                             : "signed by an unknown authority: " + last.issuer();
 }
 
 } // namespace
@@ -270,7 +253,40 @@ std::string Certificate::distrust(std::string const& caFile) const
     if (error < 0) {
         return std::string("it cannot be verified: ") + gnutls_strerror(error);
     }
-    return inWords(status, *this);
+    return faultInWords(status, {*this});
+}
+
+std::string faultInWords(unsigned int status, std::vector<Certificate> const& chain)
+{
+    struct Fault {
+        unsigned int flag;
+        std::string text;
+    };
+    Certificate const& wrong = outOfTime(chain, std::time(nullptr));
+    std::string const whose = &wrong == &chain.front() ? "" : " (" + wrong.subject() + ')';
+    Fault const faults[] = {
+        {GNUTLS_CERT_EXPIRED, "expired since " + day(wrong.notAfter()) + whose},
+        {GNUTLS_CERT_NOT_ACTIVATED, "not valid before " + day(wrong.notBefore()) + whose},
+        {GNUTLS_CERT_SIGNER_NOT_FOUND, strangerOf(chain)},
+        {GNUTLS_CERT_SIGNER_NOT_CA,
+         "signed by a certificate that is no authority's: " + chain.front().issuer()},
+        {GNUTLS_CERT_SIGNATURE_FAILURE, "its signature is wrong"},
+        {GNUTLS_CERT_INSECURE_ALGORITHM,
+         "its key or signature is too weak (RSA below 2048 bits, SHA-1)"},
+        {GNUTLS_CERT_REVOKED, "revoked"},
+        {GNUTLS_CERT_REVOCATION_DATA_SUPERSEDED, "what tells of its revocation is out of date"},
+        {GNUTLS_CERT_REVOCATION_DATA_ISSUED_IN_FUTURE,
+         "what tells of its revocation is from the future"},
+        {GNUTLS_CERT_PURPOSE_MISMATCH, "not meant for servers"},
+    };
+    std::string text;
+    for (Fault const& fault : faults) {
+        if ((status & fault.flag) != 0) {
+            text.append(text.empty() ? "" : ", ").append(fault.text);
+        }
+    }
+    bool const isUnexplained = status != 0 && text.empty();
+    return isUnexplained ? "not valid" : text;
 }
 
 std::string faultOfAuthorities(std::string const& caFile)
@@ -283,24 +299,6 @@ std::string faultOfAuthorities(std::string const& caFile)
         return std::string("holds no certificates that can be used: ") + gnutls_strerror(result);
     }
     return result == 0 ? "holds no certificates" : std::string();
-}
-
-std::string TlsPolicy::authorities() const
-{
-    if (!caFile.empty()) {
-        return caFile;
-    }
-    LDAPCharBuffer configured;
-    ldap_get_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, configured.address());
-    if (configured.get() != nullptr && *configured.get() != '\0') {
-        return configured.get();
-    }
-    for (char const* const bundle : systemBundles) {
-        if (access(bundle, R_OK) == 0) {
-            return bundle;
-        }
-    }
-    return std::string();
 }
 
 } // namespace Solvane::Lookup

@@ -1,7 +1,8 @@
-// The UTF-8 decoder and what is built on it.
-#include <solvane/lookup/PlainText.h>
+// The UTF-8 decoder and what is built on it; small texts.
+#include <solvane/session/PlainText.h>
 
 #include <algorithm>
+#include <cstring>
 
 namespace Solvane::Lookup {
 
@@ -146,6 +147,28 @@ std::string oneLine(std::string_view text)
         }
         text.remove_prefix(bytes.size());
     }
+}
+
+bool isBlank(std::string_view text)
+{
+    return text.find_first_not_of(" \t\r\n") == std::string_view::npos;
+}
+
+bool hasNul(std::string_view text) { return text.find('\0') != std::string_view::npos; }
+
+std::string inSeconds(std::chrono::milliseconds time)
+{
+    auto const count = time.count();
+    std::string const whole = std::to_string(count / 1000);
+    return count % 1000 == 0 ? whole + " s"
+                             : whole + '.' + std::to_string(count % 1000 + 1000).substr(1) + " s";
+}
+
+void wipe(std::string& secret)
+{
+    secret.resize(secret.capacity());
+    explicit_bzero(secret.data(), secret.size());
+    secret.clear();
 }
 
 } // namespace Solvane::Lookup

@@ -1,0 +1,48 @@
+// One bind at a time, and none for a while after a refusal.
+#include "Credentials.h"
+
+namespace Solvane::Lookup {
+
+Credentials::Turn Credentials::turn(Clock::time_point now) const
+{
+    if (m_isAccepted) {
+        return Turn::bind;
+    }
+    if (m_wasRefused && now < m_heldUntil) {
+        return Turn::refuse;
+    }
+    return m_isUnderWay ? Turn::wait : Turn::bind;
+}
+
+Verdict Credentials::refusal(Clock::time_point now) const
+{
+    auto const left = std::chrono::ceil<std::chrono::seconds>(m_heldUntil - now);
+    Verdict verdict = m_why;
+    verdict.text += "; not tried again for " + std::to_string(left.count()) + " s";
+    return verdict;
+}
+
+std::size_t Credentials::firstServer(std::size_t servers) const
+{
+    return m_isAccepted || !m_wasRefused ? 0 : (m_refusedBy + 1) % servers;
+}
+
+void Credentials::accepted()
+{
+    m_isAccepted = true;
+    m_isUnderWay = false;
+}
+
+void Credentials::refused(std::size_t server, Verdict const& why, Clock::time_point now)
+{
+    m_isUnderWay = false;
+    if (m_isAccepted) {
+        return;
+    }
+    m_wasRefused = true;
+    m_refusedBy = server;
+    m_heldUntil = now + m_hold;
+    m_why = why;
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,72 @@
+// What may be sent on a session, and when it counts as silent.
+#include "Lane.h"
+
+#include <algorithm>
+
+namespace Solvane::Lookup {
+
+bool Lane::suits(Task const& task) const
+{
+    if (isLeaving ||
+        std::any_of(task.failures.begin(), task.failures.end(),
+                    [&](Failure const& failure) { return failure.server == server->index; })) {
+        return false;
+    }
+    if (!task.answer.wasRepeated || !isOpen()) {
+        return true; // one that is being opened for a task that is repeated is asked who we are
+    }
+    // What broke one connection has broken its contemporaries too, as a rule; and a new one may be to
+    // a server that is about to go, until an answer came.
+    return lease->hasAnswered && (task.brokeOn != server || lease->openedAt >= task.brokeAt);
+}
+
+bool Lane::hasRoom(std::size_t window) const
+{
+    return tasks.size() < std::min(window, server->windowLimit.load(std::memory_order_relaxed));
+}
+
+Clock::time_point Lane::silentAt(Clock::duration limit) const
+{
+    return std::max(lease->session.heardAt(), tasks.front()->sentAt) + limit;
+}
+
+void Lane::add(Task& task)
+{
+    tasks.push_back(&task);
+    task.lane = this;
+}
+
+void Lane::remove(Task& task)
+{
+    tasks.erase(std::find(tasks.begin(), tasks.end(), &task));
+    task.lane = nullptr;
+}
+
+Task* Lane::find(int messageId) const
+{
+    auto const found = std::find_if(tasks.begin(), tasks.end(), [messageId](Task const* task) {
+        return task->messageId == messageId;
+    });
+    return found == tasks.end() ? nullptr : *found;
+}
+
+void Lane::waits(Waits& waits, Clock::duration silence) const
+{
+    if (!isOpen()) {
+        lease->session.waits(waits);
+    } else if (!tasks.empty()) {
+        lease->session.waits(waits);
+        waits.until(silentAt(silence));
+    }
+}
+
+void Lane::end()
+{
+    if (isOpen() && !hasAbandoned && tasks.empty()) {
+        lease.giveBack();
+    } else {
+        lease.close();
+    }
+}
+
+} // namespace Solvane::Lookup

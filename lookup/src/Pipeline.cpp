@@ -1,0 +1,306 @@
+// Messages of the servers become answers, and broken connections repeated searches.
+#include "Pipeline.h"
+
+#include <solvane/session/EntryReader.h>
+#include <solvane/session/PlainText.h>
+#include <solvane/session/ResultCodes.h>
+
+#include <algorithm>
+
+#include <ldap.h>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+/// A final response, as OpenLDAP hands it out.
+struct Result {
+    int code = LDAP_SUCCESS;
+    LDAPCharBuffer matched;
+    LDAPCharBuffer text;
+    LDAPValueBuffer referrals;
+
+    bool refers() const { return referrals.get() != nullptr && *referrals.get() != nullptr; }
+
+    /// The server's words about a search that it did not carry out.
+    std::string words() const
+    {
+        std::string words = wordsFor(code, text.get() == nullptr ? "" : text.get());
+        if (matched.get() != nullptr && *matched.get() != '\0') {
+            words += ", what exists is '" + oneLine(matched.get()) + '\'';
+        }
+        for (char** uri = referrals.get(); uri != nullptr && *uri != nullptr; ++uri) {
+            words += ", see " + oneLine(*uri);
+        }
+        return words;
+    }
+};
+
+/// False if it is damaged.
+bool parse(LDAP* session, LDAPMessage* message, Result& result)
+{
+    int const rc = ldap_parse_result(session, message, &result.code, result.matched.address(),
+                                     result.text.address(), result.referrals.address(), nullptr, 0);
+    if (result.code == LDAP_SUCCESS && rc == LDAP_SUCCESS && result.refers()) {
+        result.code = LDAP_REFERRAL; // a success that refers elsewhere is a referral all the same
+    }
+    return rc == LDAP_SUCCESS || result.code != LDAP_SUCCESS;
+}
+
+/// Of a message that holds an entry, in bytes.
+std::size_t sizeOf(LDAP* session, LDAPMessage* message)
+{
+    LDAPBerElementBuffer element;
+    berval dn = {0, nullptr};
+    ber_len_t size = 0;
+    if (ldap_get_dn_ber(session, message, element.address(), &dn) == LDAP_SUCCESS) {
+        ber_get_option(element.get(), LBER_OPT_BER_TOTAL_BYTES, &size);
+    }
+    return size;
+}
+
+} // namespace
+
+Shared::Shared(Settings const& given)
+    : settings(given), queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
+      forms(settings), request{settings.base,       settings.scope,      settings.deref,
+                               settings.attributes, settings.entryLimit, settings.timeLimit},
+      pool(settings)
+{
+}
+
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window)
+    : m_shared(shared), m_maximumLanes(lanes), m_window(window),
+      m_maximumTasks(std::size_t{8} * lanes * window)
+{
+}
+
+Pipeline::~Pipeline() { rest(); }
+
+void Pipeline::run()
+{
+    advanceLanes();
+    expire(Clock::now());
+    endLeavingLanes();
+    dispatch(); // what is to be repeated, too
+    leaveOneLaneToOthers();
+    for (auto lane = m_lanes.begin(); lane != m_lanes.end(); ++lane) {
+        if (lane->needsFlush) {
+            lane->needsFlush = false;
+            lane->lease->session.flush();
+        }
+    }
+}
+
+void Pipeline::advanceLanes()
+{
+    for (auto lane = m_lanes.begin(); lane != m_lanes.end();) {
+        Lane& current = *lane++;
+        if (!current.isOpen()) {
+            advance(current);
+        } else if (!current.tasks.empty() && !current.needsFlush) {
+            drain(current); // after a flush, an answer is worth a poll first
+        }
+    }
+}
+
+/// Takes what a lane has. The lane may be gone afterwards.
+void Pipeline::drain(Lane& lane)
+{
+    constexpr int atMost = 256; // messages: a flood must not hide that time passes
+    Session& session = lane.lease->session;
+    for (int count = 0; count < atMost && !lane.tasks.empty(); ++count) {
+        LDAPMessageBuffer message;
+        int id = 0;
+        Session::Received const received = session.receive(message, id);
+        if (received == Session::Received::nothing) {
+            break;
+        }
+        if (received == Session::Received::broken) {
+            leave(lane, Trouble::broken, session.verdict());
+            return;
+        }
+        lane.lease->hasAnswered = true;
+        if (id <= 0) { // as a server does before it closes
+            leave(lane, Trouble::broken,
+                  {Outcome::TryLater, LDAP_SERVER_DOWN,
+                   lane.server->uri + " announced that it closes the connection"});
+            return;
+        }
+        Task* const task = lane.find(id);
+        if (task == nullptr) {
+            continue; // the rest of an answer that was given up
+        }
+        std::size_t const lanes = m_lanes.size();
+        take(lane, *task, message);
+        if (m_lanes.size() != lanes) {
+            return; // the lane broke
+        }
+    }
+    store(lane.server->heardAt, session.heardAt());
+}
+
+void Pipeline::take(Lane& lane, Task& task, LDAPMessageBuffer& message)
+{
+    switch (static_cast<ber_tag_t>(ldap_msgtype(message.get()))) {
+    case LDAP_RES_SEARCH_ENTRY:
+        return takeEntry(lane, task, message);
+    case LDAP_RES_SEARCH_REFERENCE:
+        task.isReferred = true;
+        return;
+    case LDAP_RES_SEARCH_RESULT:
+        return takeResult(lane, task, message);
+    default:
+        leave(lane, Trouble::damaged,
+              {Outcome::TryLater, LDAP_DECODING_ERROR,
+               lane.server->uri + " answered the search with an invalid message"},
+              &task);
+    }
+}
+
+void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
+{
+    Settings const& settings = m_shared.settings;
+    std::list<LDAPSearchResultEntry>& entries = task.answer.entries;
+    task.bytes += sizeOf(lane.lease->session.handle(), message.get());
+    bool const isTooLarge = task.bytes > settings.answerBytes;
+    bool const isTooMany = settings.entryLimit != 0 && entries.size() >= settings.entryLimit;
+    if (isTooLarge || isTooMany) {
+        abandon(lane, task);
+        lane.isLeaving = lane.isLeaving || isTooLarge; // much more of it may come
+        finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
+               isTooMany ? task.answer.server + " sent more than " +
+                               std::to_string(settings.entryLimit) + " entries"
+                         : task.answer.server + ": the answer is larger than " +
+                               std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
+        return;
+    }
+    if (!readEntry(lane.lease->session.handle(), message.get(), entries)) {
+        leave(lane, Trouble::damaged,
+              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged entry"},
+              &task);
+    }
+}
+
+void Pipeline::takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message)
+{
+    Result result;
+    if (!parse(lane.lease->session.handle(), message.get(), result)) {
+        leave(lane, Trouble::damaged,
+              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged result"},
+              &task);
+        return;
+    }
+    lane.remove(task);
+    --m_inFlight;
+    if (result.code != LDAP_SUCCESS) {
+        refused(lane, task,
+                {outcomeOfSearch(result.code), result.code,
+                 task.answer.server + ": " + result.words()});
+        return;
+    }
+    m_shared.pool.answered(*lane.lease, lane.lease->session.heardAt());
+    proveFailures(task);
+    if (task.answer.entries.empty()) {
+        concludeEmpty(task);
+    } else {
+        finish(task, Outcome::Found, result.code, std::string());
+    }
+}
+
+/// A code that is about the server says nothing of the key: the next server is asked.
+void Pipeline::refused(Lane& lane, Task& task, Verdict const& why)
+{
+    if (m_shared.pool.serverCount() < 2 || !speaksOfServer(why.code)) {
+        finish(task, why.outcome, why.code, why.text);
+        return;
+    }
+    Failure failure = {lane.server->index, lane.server->uri,           why,  true,
+                       task.sentAt,        Clock::now() - task.sentAt, false};
+    if (why.code == LDAP_BUSY || why.code == LDAP_UNAVAILABLE) {
+        m_shared.pool.searchFailed(failure); // it says so itself
+    }
+    repeat(task, *lane.server, std::move(failure), true, false);
+}
+
+/// What failed elsewhere was the server's fault if this one could answer.
+void Pipeline::proveFailures(Task const& task)
+{
+    for (Failure const& failure : task.failures) {
+        if (failure.isOfSearch) {
+            m_shared.pool.searchFailed(failure);
+        }
+    }
+}
+
+void Pipeline::abandon(Lane& lane, Task& task)
+{
+    lane.lease->session.abandon(task.messageId);
+    lane.hasAbandoned = true;
+    lane.needsFlush = true;
+    lane.remove(task);
+    --m_inFlight;
+}
+
+/// Ends a lane whose connection is gone or not to be trusted; its searches are repeated. With several
+/// in flight, it is not known which of them broke it, or whether there were too many: they are sent
+/// again in a narrower window, until one that breaks a connection is alone on it.
+void Pipeline::leave(Lane& lane, Trouble trouble, Verdict const& why, Task const* guilty)
+{
+    std::vector<Task*> const tasks = std::move(lane.tasks);
+    ServerRecord const& server = *lane.server;
+    m_inFlight -= tasks.size();
+    if (trouble == Trouble::broken) {
+        m_shared.pool.lost(*lane.lease, tasks.size());
+    }
+    lane.lease.close();
+    m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
+    auto const now = Clock::now();
+    // From the last to the first: each is put before the others.
+    for (auto next = tasks.rbegin(); next != tasks.rend(); ++next) {
+        Task& task = **next;
+        bool const isAlone = trouble == Trouble::broken && tasks.size() == 1;
+        bool const isItsFault = isAlone || trouble == Trouble::silent || &task == guilty;
+        // An idle connection may have been lost before, without a word.
+        bool const isFree = isAlone && task.wasOnProven;
+        repeat(task, server,
+               {server.index, server.uri, why, true, task.sentAt, now - task.sentAt, false},
+               isItsFault, isFree);
+    }
+}
+
+/// Has a search sent again.
+/// @param isItsFault  it counts as asked there
+/// @param isFree      but once, it is repeated on the same server
+void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, bool isItsFault,
+                      bool isFree)
+{
+    auto const now = Clock::now();
+    task.lane = nullptr;
+    bool const isOnly = m_shared.pool.serverCount() == 1;
+    bool const isAskedAgain = !isItsFault || ((isFree || isOnly) && task.lostOn != &server);
+    if (!isAskedAgain && isOnly) {
+        finish(task, failure.why.outcome, failure.why.code, failure.why.text);
+        return;
+    }
+    if (now >= task.deadline) {
+        finish(task, failure.why.outcome, failure.why.code, failure.why.text);
+        return;
+    }
+    if (isItsFault) {
+        task.lostOn = &server;
+    }
+    if (!isAskedAgain) {
+        task.failures.push_back(std::move(failure));
+    }
+    ++m_shared.repeated;
+    task.answer.wasRepeated = true;
+    task.answer.entries.clear();
+    task.bytes = 0;
+    task.isReferred = false;
+    task.brokeOn = &server;
+    task.brokeAt = now;
+    m_waiting.push_front(&task);
+}
+
+} // namespace Solvane::Lookup

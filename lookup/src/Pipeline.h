@@ -1,0 +1,120 @@
+// Keys in, answers out, without blocking: what every kind of lookup is made of.
+#ifndef SOLVANE_LOOKUP_SRC_PIPELINE_H
+#define SOLVANE_LOOKUP_SRC_PIPELINE_H
+
+#include "Lane.h"
+#include "Shared.h"
+#include "Task.h"
+
+#include <solvane/session/Waits.h>
+
+#include <deque>
+#include <list>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+/// Looks up the keys that are pushed into it, and has their answers in the same order. A key becomes a
+/// task, a session a lane; a task waits for a lane, is in flight on it, and is done when it has its
+/// answer. Nothing here blocks: its owner calls `run`, then waits for what `waits` names, and so on.
+/// Not thread-safe; what pipelines share is.
+class Pipeline : public NonCopyable {
+public:
+    /// @param lanes   sessions at most
+    /// @param window  searches in flight on each
+    Pipeline(Shared& shared, std::size_t lanes, std::size_t window);
+    ~Pipeline();
+
+    // Keys in, answers out
+
+    /// False while more keys would only wait here.
+    bool wantsKeys() const;
+    /// Takes a key; its deadline begins.
+    void push(std::string key);
+    /// Whether keys are under way, or answers are here.
+    bool isIdle() const { return m_tasks.empty(); }
+    /// Whether the oldest key has its answer.
+    bool hasAnswer() const { return !m_tasks.empty() && m_tasks.front().isDone; }
+    /// That key with its answer, until `pop`.
+    Task& front() { return m_tasks.front(); }
+    void pop() { m_tasks.pop_front(); }
+
+    // Time
+
+    /// Does what can be done now.
+    void run();
+    /// Adds what `run` waits for.
+    void waits(Waits& waits) const;
+    /// Returns the sessions to the pool, for others to use.
+    void rest();
+    /// Does not count the time for which its owner was busy with something else.
+    void excuse(Clock::duration held);
+
+private:
+    using Lanes = std::list<Lane>;
+
+    /// Why the searches of a lane go elsewhere.
+    enum class Trouble {
+        broken,  ///< the connection ended
+        silent,  ///< nothing came for too long
+        damaged, ///< what came for one of them is invalid
+    };
+
+    // Keys: PipelineKeys.cpp
+    bool prepareFilter(Task& task);
+    void finish(Task& task, Outcome outcome, int code, std::string const& text);
+    void concludeEmpty(Task& task);
+    void conclude(Task& task, std::vector<Failure> const& others);
+    void expire(Clock::time_point now);
+    void expireTask(Task& task, Clock::time_point now);
+    void expireLane(Lane& lane, Clock::time_point now);
+    Clock::duration silence() const;
+
+    // Lanes: PipelineLanes.cpp
+    void dispatch();
+    Lane* laneFor(Task const& task) const;
+    bool isAwaited(Task const& task) const;
+    bool canBeServed(Task const& task) const;
+    bool makesRoom(Task const& task);
+    bool checkOut(Task& task);
+    void open(Pool::Lease lease, Task const& task);
+    void advance(Lane& lane);
+    void opened(Lane& lane);
+    void notOpened(Lane& lane);
+    void send(Task& task, Lane& lane);
+    void leaveOneLaneToOthers();
+    void endLeavingLanes();
+    void end(Lane& lane);
+
+    // Answers: Pipeline.cpp
+    void advanceLanes();
+    void drain(Lane& lane);
+    void take(Lane& lane, Task& task, LDAPMessageBuffer& message);
+    void takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message);
+    void takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message);
+    void refused(Lane& lane, Task& task, Verdict const& why);
+    void abandon(Lane& lane, Task& task);
+    void leave(Lane& lane, Trouble trouble, Verdict const& why, Task const* guilty = nullptr);
+    void repeat(Task& task, ServerRecord const& server, Failure failure, bool isItsFault,
+                bool isFree);
+    void proveFailures(Task const& task);
+
+    Shared& m_shared;
+    std::size_t const m_maximumLanes;
+    std::size_t const m_window;
+    std::size_t const m_maximumTasks; ///< with answers that wait for an earlier one's
+
+    std::deque<Task> m_tasks;    ///< in the order of the keys; addresses stay
+    std::deque<Task*> m_waiting; ///< for a lane
+    Lanes m_lanes;
+    std::size_t m_inFlight = 0;
+    Waiter m_waiter;
+    Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< at the pool, while it waits
+    Clock::time_point m_noNewLaneBefore;
+    bool m_isPoolFull = false; ///< when it was asked last
+};
+
+} // namespace Solvane::Lookup
+
+#endif

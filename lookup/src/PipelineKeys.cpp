@@ -1,0 +1,226 @@
+// Keys become tasks, tasks end: filters, conclusions, deadlines.
+#include "Pipeline.h"
+
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/session/PlainText.h>
+
+#include <solvart/EmailAddress.h>
+
+#include <algorithm>
+
+#include <ldap.h>
+
+namespace Solvane::Lookup {
+
+bool Pipeline::wantsKeys() const
+{
+    // A key whose time would pass while it waits for a lane is better left in the source.
+    return m_waiting.empty() && m_tasks.size() < m_maximumTasks &&
+           m_inFlight < m_maximumLanes * m_window;
+}
+
+void Pipeline::push(std::string key)
+{
+    m_tasks.emplace_back();
+    Task& task = m_tasks.back();
+    task.key = std::move(key);
+    task.start = Clock::now();
+    task.deadline = task.start + m_shared.settings.deadline;
+    std::string const fault = m_shared.forms.faultOf(task.key);
+    if (!fault.empty()) {
+        finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
+        return;
+    }
+    if (!m_shared.forms.isServed(task.key)) {
+        finish(task, Outcome::Skipped, LDAP_SUCCESS, "its domain is not served");
+        return;
+    }
+    task.forms = m_shared.forms.of(task.key);
+    if (prepareFilter(task)) {
+        m_waiting.push_back(&task);
+        dispatch();
+    }
+}
+
+/// False if there is none; the task is done then.
+bool Pipeline::prepareFilter(Task& task)
+{
+    std::string& filter = task.answer.filter;
+    std::string fault;
+    if (!task.forms.empty()) {
+        task.answer.forms.push_back(task.text());
+    }
+    try {
+        filter = m_shared.queryTemplate.expand(EmailAddress(task.text()));
+    } catch (LDAPException const& malformed) {
+        fault = malformed.stringParameter();
+    }
+    if (fault.empty() && isBlank(filter)) {
+        fault =
+            "the template makes nothing of the key, and an empty filter would match every entry";
+    } else if (fault.empty() && !isUtf8(filter)) {
+        fault = "the template cuts a character of the key in two";
+    }
+    if (!fault.empty()) {
+        finish(task, Outcome::Misconfigured, LDAP_FILTER_ERROR, fault);
+    }
+    return fault.empty();
+}
+
+void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& text)
+{
+    task.answer.outcome = outcome;
+    task.answer.code = code;
+    task.answer.text = text;
+    std::chrono::duration<double, std::milli> const taken = Clock::now() - task.start;
+    task.answer.milliseconds = taken.count();
+    task.isDone = true;
+}
+
+/// The next form of the key, or the conclusion that there is no such entry.
+void Pipeline::concludeEmpty(Task& task)
+{
+    bool const isReferred = task.isReferred;
+    if (isReferred && m_shared.settings.references == References::defer) {
+        finish(task, Outcome::TryLater, LDAP_SUCCESS,
+               task.answer.server +
+                   " refers to other servers for a part of the base, which were not "
+                   "asked; set a base that it holds as a whole, or "
+                   "\"references = ignore\"");
+        return;
+    }
+    if (task.form + 1 < task.forms.size()) {
+        ++task.form;
+        task.isReferred = false;
+        if (prepareFilter(task)) {
+            m_waiting.push_front(&task);
+        }
+        return;
+    }
+    std::string remark;
+    if (task.answer.identity == Identity::Unconfirmed) {
+        remark = task.answer.server + " cannot confirm as whom it answered";
+    }
+    if (isReferred) {
+        remark += remark.empty() ? task.answer.server : " and";
+        remark += " leaves a part of the base to servers that were not asked";
+    }
+    finish(task, Outcome::NotFound, LDAP_SUCCESS, remark);
+}
+
+/// No server answered: what those that were asked said, and what is known of the others.
+void Pipeline::conclude(Task& task, std::vector<Failure> const& others)
+{
+    std::vector<Failure> all = std::move(task.failures);
+    all.insert(all.end(), others.begin(), others.end());
+    Conclusion const conclusion = Lookup::conclude(all);
+    if (!conclusion.server.empty()) {
+        task.answer.server = conclusion.server;
+    }
+    Verdict const& verdict = conclusion.verdict;
+    finish(task, verdict.outcome, verdict.code, verdict.text);
+}
+
+// Time
+
+/// How long a server may be silent about a search. Another one is to have as much time.
+Clock::duration Pipeline::silence() const
+{
+    Clock::duration const deadline = m_shared.settings.deadline;
+    return std::min<Clock::duration>(std::chrono::seconds(m_shared.settings.networkTimeout),
+                                     m_shared.pool.serverCount() > 1 ? deadline / 2 : deadline);
+}
+
+void Pipeline::waits(Waits& waits) const
+{
+    // Deadlines come in the order of the keys.
+    for (Task const& task : m_tasks) {
+        if (!task.isDone) {
+            waits.until(task.deadline);
+            break;
+        }
+    }
+    for (Lane const& lane : m_lanes) {
+        lane.waits(waits, silence());
+    }
+    if (!m_waiting.empty()) {
+        waits.add(m_waiter.descriptor(), POLLIN);
+        waits.until(m_lookAgainAt);
+    }
+}
+
+/// What its owner takes of the time is not counted: a reader of its output may look at a page at a
+/// time, while answers have come and wait to be taken.
+void Pipeline::excuse(Clock::duration held)
+{
+    constexpr std::chrono::milliseconds noticeable(1);
+    if (held < noticeable) {
+        return;
+    }
+    for (Task& task : m_tasks) {
+        if (!task.isDone) {
+            task.start += held;
+            task.deadline += held;
+            task.sentAt += held;
+        }
+    }
+}
+
+void Pipeline::expire(Clock::time_point now)
+{
+    for (Task& task : m_tasks) {
+        if (now < task.deadline) {
+            break; // and so are those behind it
+        }
+        if (!task.isDone) {
+            expireTask(task, now);
+        }
+    }
+    for (auto lane = m_lanes.begin(); lane != m_lanes.end();) {
+        Lane& current = *lane++;
+        if (!current.tasks.empty() && now >= current.silentAt(silence())) {
+            expireLane(current, now);
+        }
+    }
+}
+
+void Pipeline::expireTask(Task& task, Clock::time_point now)
+{
+    std::string const limit = inSeconds(m_shared.settings.deadline);
+    if (task.lane == nullptr) {
+        m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
+        if (!task.failures.empty()) {
+            conclude(task, {});
+            return;
+        }
+        finish(task, Outcome::TryLater, LDAP_TIMEOUT,
+               (m_isPoolFull ? "no connection came free within the deadline of "
+                             : "no connection was opened within the deadline of ") +
+                   limit);
+        return;
+    }
+    Lane& lane = *task.lane;
+    // A key that had most of its time here, and heard nothing, has proved as much as a longer wait.
+    bool const isSilent =
+        lane.lease->session.heardAt() < task.sentAt && now - task.sentAt >= m_shared.pool.proof();
+    abandon(lane, task);
+    finish(task, Outcome::TryLater, LDAP_TIMEOUT,
+           lane.server->uri + " gave no complete answer within the deadline of " + limit);
+    if (isSilent) {
+        expireLane(lane, now);
+    }
+}
+
+void Pipeline::expireLane(Lane& lane, Clock::time_point now)
+{
+    auto const limit = silence();
+    Verdict const why = {
+        Outcome::TryLater, LDAP_TIMEOUT,
+        lane.server->uri + " did not answer the search within " +
+            inSeconds(std::chrono::duration_cast<std::chrono::milliseconds>(limit))};
+    (void)now;
+    m_shared.pool.fellSilent(*lane.server, why, limit);
+    leave(lane, Trouble::silent, why);
+}
+
+} // namespace Solvane::Lookup

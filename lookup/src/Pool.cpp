@@ -1,0 +1,577 @@
+// Which session a caller gets, and who waits.
+#include "Pool.h"
+
+#include "PoolsAtFork.h"
+
+#include <solvane/session/ResultCodes.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+/// How long a session may be idle: firewalls and servers close such connections without a word.
+constexpr std::chrono::seconds idleTime(300);
+
+constexpr int invalidCredentials = 49;
+constexpr int timedOut = -5;
+
+bool wasAsked(std::vector<Failure> const& failures, ServerRecord const& server)
+{
+    return std::any_of(failures.begin(), failures.end(),
+                       [&](Failure const& failure) { return failure.server == server.index; });
+}
+
+} // namespace
+
+// Lease
+
+Pool::Lease::Lease(Pool& pool, std::unique_ptr<PooledSession> session, unsigned long process)
+    : m_pool(&pool), m_session(std::move(session)), m_process(process)
+{
+}
+
+Pool::Lease::Lease(Lease&& other) noexcept
+    : m_pool(other.m_pool), m_session(std::move(other.m_session)), m_process(other.m_process)
+{
+}
+
+Pool::Lease& Pool::Lease::operator=(Lease&& other) noexcept
+{
+    if (this != &other) {
+        close();
+        m_pool = other.m_pool;
+        m_session = std::move(other.m_session);
+        m_process = other.m_process;
+    }
+    return *this;
+}
+
+Pool::Lease::~Lease() { close(); }
+
+void Pool::Lease::giveBack()
+{
+    if (m_session) {
+        m_pool->put(*this);
+    }
+}
+
+void Pool::Lease::close()
+{
+    if (m_session) {
+        m_pool->free(*this);
+    }
+}
+
+// Pool
+
+Pool::Pool(Settings const& settings)
+    : m_settings(settings), m_tls(std::make_shared<TlsContext>(settings.tls)),
+      m_credentials(!settings.bindDn.empty(), settings.refusedHold)
+{
+    ServerHealth::Limits const limits = {std::chrono::seconds(settings.networkTimeout),
+                                         settings.backOff, settings.longestBackOff};
+    for (Server const& server : settings.servers) {
+        m_records.emplace_back(m_records.size(), server,
+                               uriOf(server.secure, server.host, server.port), limits,
+                               settings.window);
+    }
+    PoolsAtFork::instance().add(*this);
+}
+
+Pool::~Pool() { PoolsAtFork::instance().remove(*this); }
+
+Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
+{
+    for (;;) {
+        Idle dropped; // let go after unlocking: that may write
+        Outlook outlook;
+        {
+            std::lock_guard<std::mutex> const lock(m_mutex);
+            afterFork(dropped);
+            decide(outlook, wish, waiter, dropped);
+        }
+        if (outlook.kind != Outlook::ready || isUsable(*outlook.lease)) {
+            return outlook;
+        }
+        ++m_stale;
+        std::unique_ptr<PooledSession> const stale = std::move(outlook.lease.m_session);
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        endTrial(*stale);
+        // Its room stays the caller's, whose turn it is.
+        --m_count;
+        ++m_called;
+        waiter.m_isRegistered = waiter.m_isCalled = true;
+        waiter.m_process = m_known;
+    }
+}
+
+bool Pool::isUsable(PooledSession const& session)
+{
+    return Clock::now() < session.expiresAt && session.session.isFresh();
+}
+
+/// The servers are gone through in order, up to three times. Asking a server that is up comes first;
+/// then one that fell silent on a connection, by one caller, whose outcome the others await; then
+/// those that fail at once, since that costs nothing and they may be back.
+void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& dropped)
+{
+    if (waiter.m_isRegistered && waiter.m_process == m_known) {
+        waiter.reset();
+    }
+    for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {
+        if (among == Among::prompt) {
+            outlook.until = std::min(trialEnd(wish), wish.deadline);
+            if (Clock::now() < outlook.until) {
+                return wait(outlook, waiter, wish.mayWait);
+            }
+            outlook.until = Clock::time_point::max();
+        }
+        for (std::size_t position = 0; position < m_records.size(); ++position) {
+            ServerRecord& server = inOrder(position);
+            if (!wasAsked(wish.failures, server) && admits(server, among, Clock::now()) &&
+                consider(outlook, server, wish, waiter, among, dropped)) {
+                return;
+            }
+        }
+    }
+    refuse(outlook, wish);
+    leaveQueue(waiter);
+}
+
+ServerRecord& Pool::inOrder(std::size_t position)
+{
+    std::size_t const first = m_credentials.firstServer(m_records.size());
+    return m_records[(first + position) % m_records.size()];
+}
+
+bool Pool::admits(ServerRecord const& server, Among among, Clock::time_point now)
+{
+    switch (among) {
+    case Among::eligible:
+        return server.health.isEligible(now);
+    case Among::silent:
+        return server.health.isRetryDue();
+    case Among::prompt:
+        return server.health.failsPromptly();
+    }
+    return false;
+}
+
+/// A session to this server, room for one, or the reason to wait for them. False if another server
+/// has to be looked at.
+bool Pool::consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Waiter& waiter,
+                    Among among, Idle& dropped)
+{
+    auto const idle = idleFor(server, wish);
+    auto const now = Clock::now();
+    if (idle == m_idle.end()) {
+        switch (m_credentials.turn(now)) {
+        case Credentials::Turn::bind:
+            break;
+        case Credentials::Turn::wait:
+            wait(outlook, waiter, wish.mayWait);
+            return true;
+        case Credentials::Turn::refuse:
+            outlook.kind = Outlook::refused;
+            outlook.failures.push_back(
+                {server.index, server.uri, m_credentials.refusal(now), false, now, {}, true});
+            leaveQueue(waiter);
+            return true;
+        }
+    }
+    bool const isItsTurn =
+        (waiter.m_isRegistered && waiter.m_isCalled && waiter.m_process == m_known) ||
+        available() > m_called;
+    if (!isItsTurn) {
+        outlook.isFull = true;
+        wait(outlook, waiter, wish.mayWait);
+        return true;
+    }
+    take(waiter);
+    if (idle == m_idle.end()) {
+        open(outlook, server, among, dropped);
+        return true;
+    }
+    std::unique_ptr<PooledSession> session = std::move(*idle);
+    m_idle.erase(idle);
+    session->isTrial = among != Among::prompt && server.health.claim(now);
+    outlook.kind = Outlook::ready;
+    outlook.lease = Lease(*this, std::move(session), m_known);
+    return true;
+}
+
+Pool::Idle::iterator Pool::idleFor(ServerRecord const& server, Wish const& wish)
+{
+    return std::find_if(m_idle.begin(), m_idle.end(), [&](auto const& idle) {
+        return &idle->server == &server && (!wish.needsAnswered || idle->hasAnswered) &&
+               (wish.brokeOn != &server || idle->openedAt >= wish.brokeAt);
+    });
+}
+
+/// Makes room, by closing the idle session that was used longest ago if need be.
+void Pool::open(Outlook& outlook, ServerRecord& server, Among among, Idle& dropped)
+{
+    if (m_count >= m_settings.connections) {
+        dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
+        --m_count;
+    }
+    auto session = std::make_unique<PooledSession>(optionsFor(server), server);
+    ++m_count;
+    session->isFirstBind = !m_credentials.areAccepted();
+    m_credentials.begin();
+    if (among != Among::prompt) {
+        session->isTrial = server.health.claim(Clock::now());
+    }
+    if (session->isTrial) {
+        publish(server);
+        announce(); // who waits for room need wait for the outcome only
+    }
+    outlook.kind = Outlook::open;
+    outlook.lease = Lease(*this, std::move(session), m_known);
+}
+
+SessionOptions Pool::optionsFor(ServerRecord const& server) const
+{
+    SessionOptions options;
+    options.host = server.settings.host;
+    options.port = server.settings.port;
+    options.secure = server.settings.secure;
+    options.version = server.settings.version == LDAPConnection::V2 ? 2 : 3;
+    options.networkTimeout = std::chrono::seconds(m_settings.networkTimeout);
+    options.messageBytes = m_settings.entryBytes;
+    options.addresses = server.addresses;
+    options.nameServers = m_settings.nameServers;
+    options.tls = m_tls;
+    options.bindDn = m_settings.bindDn;
+    options.password = &m_settings.password;
+    return options;
+}
+
+void Pool::refuse(Outlook& outlook, Wish const& wish)
+{
+    outlook.kind = Outlook::refused;
+    for (ServerRecord const& server : m_records) {
+        if (!wasAsked(wish.failures, server)) {
+            Verdict why = server.health.why();
+            if (why.isGood()) { // never failed, and on trial
+                why = {Outcome::TryLater, timedOut,
+                       server.uri + ": not asked, as another lookup is trying it"};
+            }
+            outlook.failures.push_back(
+                {server.index, server.uri, why, false, Clock::now(), {}, false});
+        }
+    }
+}
+
+Clock::time_point Pool::trialEnd(Wish const& wish) const
+{
+    auto latest = Clock::time_point::min();
+    for (ServerRecord const& server : m_records) {
+        if (!wasAsked(wish.failures, server)) {
+            latest = std::max(latest, server.health.trialEnd());
+        }
+    }
+    return latest;
+}
+
+// The queue. A session or room that comes free is reserved for the waiter that came first, which is
+// called; callers that come later do not overtake it.
+
+void Pool::wait(Outlook& outlook, Waiter& waiter, bool mayWait)
+{
+    outlook.kind = Outlook::wait;
+    bool const wantsRoom = outlook.isFull;
+    if (waiter.m_isRegistered && waiter.m_isCalled) {
+        leaveQueue(waiter); // what was reserved is of no use to it
+    }
+    if (!mayWait) {
+        return leaveQueue(waiter);
+    }
+    if (!waiter.m_isRegistered) {
+        waiter.open();
+        m_waiters.push_back(&waiter);
+        waiter.m_isRegistered = true;
+        waiter.m_isCalled = waiter.m_wantsRoom = false;
+        waiter.m_process = m_known;
+    }
+    m_waitingForRoom -= waiter.m_wantsRoom ? 1 : 0;
+    m_waitingForRoom += wantsRoom ? 1 : 0;
+    waiter.m_wantsRoom = wantsRoom;
+}
+
+/// What was reserved for the caller is used now, or it takes what nobody waits for.
+void Pool::take(Waiter& waiter)
+{
+    if (waiter.m_isRegistered && waiter.m_isCalled && waiter.m_process == m_known) {
+        --m_called;
+        waiter.m_isRegistered = waiter.m_isCalled = false;
+    } else {
+        leaveQueue(waiter);
+    }
+}
+
+void Pool::leaveQueue(Waiter& waiter)
+{
+    if (!waiter.m_isRegistered) {
+        return;
+    }
+    waiter.m_isRegistered = false;
+    if (waiter.m_process != m_known) {
+        return;
+    }
+    if (waiter.m_isCalled) {
+        waiter.m_isCalled = false;
+        --m_called;
+        callNext();
+        return;
+    }
+    m_waiters.remove(&waiter);
+    m_waitingForRoom -= waiter.m_wantsRoom ? 1 : 0;
+}
+
+void Pool::withdraw(Waiter& waiter)
+{
+    if (waiter.m_isRegistered) {
+        std::lock_guard<std::mutex> const lock(m_mutex);
+        leaveQueue(waiter);
+    }
+}
+
+void Pool::callNext()
+{
+    while (available() > m_called) {
+        auto const next = std::find_if(m_waiters.begin(), m_waiters.end(),
+                                       [](Waiter const* waiter) { return waiter->m_wantsRoom; });
+        if (next == m_waiters.end()) {
+            return;
+        }
+        Waiter& called = **next;
+        m_waiters.erase(next);
+        --m_waitingForRoom;
+        ++m_called;
+        called.m_isCalled = true;
+        called.wake();
+    }
+}
+
+/// Something changed that may end a wait: everybody looks again.
+void Pool::announce()
+{
+    for (Waiter const* waiter : m_waiters) {
+        waiter->wake();
+    }
+}
+
+/// In a child process the parent's sessions are of no use, its callers are not there, and what they
+/// occupied is free.
+void Pool::afterFork(Idle& dropped)
+{
+    if (m_known == m_process) {
+        return;
+    }
+    m_known = m_process;
+    dropped.splice(dropped.end(), m_idle);
+    m_count = m_called = 0;
+    m_waiters.clear();
+    m_waitingForRoom = 0;
+    m_credentials.leftOpen();
+}
+
+// What came of a session
+
+void Pool::opened(PooledSession& session)
+{
+    auto const now = Clock::now();
+    session.openedAt = now;
+    session.isOpen = true;
+    ++m_opened;
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    ServerRecord& server = session.server;
+    m_credentials.accepted();
+    session.isFirstBind = false;
+    server.addresses = session.session.addresses();
+    server.openedAt = now;
+    server.health.connected(now);
+    session.isTrial = session.isTrial && server.health.state() == ServerHealth::State::onTrial;
+    publish(server);
+    announce();
+}
+
+Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point begun, bool isLate)
+{
+    Idle dropped;
+    auto const now = Clock::now();
+    dropped.push_back(std::move(lease.m_session));
+    PooledSession& session = *dropped.front();
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    ServerRecord& server = session.server;
+    bool const isRefused = why.code == invalidCredentials;
+    bool const isCredentialsFault = isRefused && !m_credentials.areAccepted();
+    if (isRefused) {
+        m_credentials.refused(server.index, why, now);
+        session.isFirstBind = false;
+    }
+    bool const wasHeard = std::max(server.openedAt, load(server.heardAt)) >= begun;
+    Attempt result = Attempt::failed;
+    if (why.outcome == Outcome::TryLater && wasHeard) {
+        result = Attempt::another;
+    } else if (isLate && now - begun < proof()) {
+        result = Attempt::lacksTime;
+    }
+    if (result == Attempt::failed && !isCredentialsFault) {
+        session.isTrial = false;
+        server.addresses.clear();
+        if (isRefused) {
+            server.health.hold(why, m_credentials.hold(), now);
+        } else {
+            server.health.unreachable(why, now - begun, now);
+        }
+        publish(server);
+        closeIdle(server, dropped);
+    }
+    endTrial(session);
+    if (lease.m_process == m_process) {
+        freeRoom();
+    }
+    announce();
+    return result;
+}
+
+Clock::duration Pool::proof() const
+{
+    return std::min<Clock::duration>(std::chrono::seconds(m_settings.networkTimeout),
+                                     m_settings.deadline) /
+           2;
+}
+
+void Pool::searchFailed(Failure const& failure)
+{
+    Idle dropped;
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    ServerRecord& server = m_records[failure.server];
+    if (load(server.answeredAt) >= failure.sentAt) {
+        return; // it answers others
+    }
+    server.health.searchFailed(failure.why, failure.cost, Clock::now());
+    publish(server);
+    closeIdle(server, dropped);
+    announce();
+}
+
+void Pool::fellSilent(ServerRecord& server, Verdict const& why, Clock::duration cost)
+{
+    Idle dropped;
+    auto const now = Clock::now();
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    if (std::max(server.openedAt, load(server.heardAt)) >= now - cost / 2) {
+        return; // it answered others: it is the search that is slow
+    }
+    server.health.fellSilent(why, cost, now, load(server.answeredAt));
+    server.addresses.clear();
+    publish(server);
+    closeIdle(server, dropped);
+    announce();
+}
+
+void Pool::lost(PooledSession& session, std::size_t inFlight)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    session.server.window.lost(inFlight, session.hasAnsweredSearch);
+    publish(session.server);
+}
+
+void Pool::noteAnswer(PooledSession& session)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    ServerRecord& server = session.server;
+    server.window.answered(1);
+    session.isTrial = false;
+    bool const wasAwaited = server.health.awaitsAnswer();
+    if (wasAwaited) {
+        server.health.answered(Clock::now());
+    }
+    publish(server);
+    if (wasAwaited) {
+        announce();
+    }
+}
+
+void Pool::publish(ServerRecord& server)
+{
+    server.windowLimit.store(server.window.limit(), std::memory_order_relaxed);
+    server.isWindowNarrow.store(server.window.isNarrow(), std::memory_order_relaxed);
+    server.awaitsAnswer.store(server.health.awaitsAnswer(), std::memory_order_relaxed);
+}
+
+// Giving back. A lease of the parent process has no room here.
+
+void Pool::put(Lease& lease)
+{
+    std::unique_ptr<PooledSession> session = std::move(lease.m_session);
+    session->expiresAt = Clock::now() + idleTime;
+    Idle dropped;
+    Idle entry;
+    entry.push_back(std::move(session));
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    endTrial(*entry.front());
+    if (lease.m_process != m_process) {
+        return;
+    }
+    m_idle.splice(m_idle.begin(), entry);
+    if (Clock::now() >= m_idle.back()->expiresAt) {
+        dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
+        --m_count;
+    }
+    callNext();
+}
+
+void Pool::free(Lease& lease)
+{
+    std::unique_ptr<PooledSession> const session = std::move(lease.m_session);
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    endTrial(*session);
+    if (lease.m_process == m_process) {
+        freeRoom();
+    }
+}
+
+/// Leaves the trial to the next caller, and the first bind too, as this one learned nothing.
+void Pool::endTrial(PooledSession& session)
+{
+    bool const wasAny = session.isTrial || session.isFirstBind;
+    if (session.isTrial) {
+        session.isTrial = false;
+        session.server.health.abandon(Clock::now());
+        publish(session.server);
+    }
+    if (session.isFirstBind) {
+        session.isFirstBind = false;
+        m_credentials.leftOpen();
+    }
+    if (wasAny) {
+        announce();
+    }
+}
+
+void Pool::freeRoom()
+{
+    --m_count;
+    callNext();
+}
+
+void Pool::closeIdle(ServerRecord const& server, Idle& dropped)
+{
+    for (auto position = m_idle.begin(); position != m_idle.end();) {
+        auto const current = position++;
+        if (&(*current)->server == &server) {
+            dropped.splice(dropped.end(), m_idle, current);
+            --m_count;
+        }
+    }
+    callNext();
+}
+
+} // namespace Solvane::Lookup

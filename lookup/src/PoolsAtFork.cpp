@@ -1,0 +1,57 @@
+// Locks round a fork.
+#include "PoolsAtFork.h"
+
+#include "Pool.h"
+
+#include <pthread.h>
+
+namespace Solvane::Lookup {
+
+/// Never destroyed: the process may fork while its static objects go.
+PoolsAtFork& PoolsAtFork::instance()
+{
+    static auto* const registry = new PoolsAtFork;
+    return *registry;
+}
+
+PoolsAtFork::PoolsAtFork() { (void)pthread_atfork(lockAll, unlockAll, unlockAllInChild); }
+
+void PoolsAtFork::add(Pool& pool)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_pools.push_back(&pool);
+}
+
+void PoolsAtFork::remove(Pool& pool)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_pools.remove(&pool);
+}
+
+void PoolsAtFork::lockAll()
+{
+    PoolsAtFork& registry = instance();
+    registry.m_mutex.lock();
+    for (Pool* const pool : registry.m_pools) {
+        pool->m_mutex.lock();
+    }
+}
+
+void PoolsAtFork::unlockAll()
+{
+    PoolsAtFork& registry = instance();
+    for (Pool* const pool : registry.m_pools) {
+        pool->m_mutex.unlock();
+    }
+    registry.m_mutex.unlock();
+}
+
+void PoolsAtFork::unlockAllInChild()
+{
+    for (Pool* const pool : instance().m_pools) {
+        ++pool->m_process;
+    }
+    unlockAll();
+}
+
+} // namespace Solvane::Lookup

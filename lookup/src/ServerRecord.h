@@ -1,0 +1,58 @@
+// What all threads know of one server.
+#ifndef SOLVANE_LOOKUP_SRC_SERVER_RECORD_H
+#define SOLVANE_LOOKUP_SRC_SERVER_RECORD_H
+
+#include "ServerHealth.h"
+#include "Window.h"
+
+#include <solvane/lookup/Settings.h>
+
+#include <solvane/session/Address.h>
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+/// One server of the list. Its place in memory stays, so sessions refer to it.
+struct ServerRecord {
+    ServerRecord(std::size_t number, Server const& server, std::string uriText,
+                 ServerHealth::Limits const& limits, std::size_t longestWindow)
+        : index(number), settings(server), uri(std::move(uriText)), windowLimit(longestWindow),
+          health(limits), window(longestWindow)
+    {
+    }
+
+    std::size_t const index; ///< in order of preference
+    Server const settings;
+    std::string const uri; ///< with the host as the user named it
+
+    // Read and written without a lock, once for each answer.
+    std::atomic<Clock::rep> heardAt{Clock::time_point::min().time_since_epoch().count()};
+    std::atomic<Clock::rep> answeredAt{Clock::time_point::min().time_since_epoch().count()};
+    std::atomic<std::size_t> windowLimit;    ///< `window.limit()`
+    std::atomic<bool> awaitsAnswer{false};   ///< `health.awaitsAnswer()`
+    std::atomic<bool> isWindowNarrow{false}; ///< `window.isNarrow()`
+
+    // Guarded by the pool's mutex.
+    ServerHealth health;
+    Window window;
+    std::vector<Address> addresses; ///< of the host, once resolved; forgotten when it fails
+    Clock::time_point openedAt = Clock::time_point::min(); ///< the last session
+};
+
+/// A moment as an atomic holds it.
+inline void store(std::atomic<Clock::rep>& to, Clock::time_point moment)
+{
+    to.store(moment.time_since_epoch().count(), std::memory_order_relaxed);
+}
+
+inline Clock::time_point load(std::atomic<Clock::rep> const& from)
+{
+    return Clock::time_point(Clock::duration(from.load(std::memory_order_relaxed)));
+}
+
+} // namespace Solvane::Lookup
+
+#endif

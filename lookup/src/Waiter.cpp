@@ -1,0 +1,42 @@
+// An eventfd that is made when it is needed.
+#include "Waiter.h"
+
+#include <cerrno>
+#include <new>
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace Solvane::Lookup {
+
+Waiter::~Waiter()
+{
+    if (m_descriptor != -1) {
+        close(m_descriptor);
+    }
+}
+
+void Waiter::open()
+{
+    if (m_descriptor == -1) {
+        m_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+        // Without one, its owner looks again at its deadline.
+    }
+}
+
+void Waiter::wake() const
+{
+    if (m_descriptor != -1) {
+        (void)eventfd_write(m_descriptor, 1);
+    }
+}
+
+void Waiter::reset() const
+{
+    eventfd_t value = 0;
+    if (m_descriptor != -1) {
+        (void)eventfd_read(m_descriptor, &value);
+    }
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,290 @@
+// Buffers, framing, and the layer by which OpenLDAP reaches them.
+#include "Channel.h"
+
+#include <solvane/session/PlainText.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <new>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+constexpr std::size_t firstCapacity = 16384;
+constexpr std::size_t keptCapacity = 65536; // a larger buffer is given back once it is empty
+
+} // namespace
+
+Sockbuf_IO Channel::s_layer = {setUp, nullptr, control, readInput, writeOutput, nullptr};
+
+Channel::Channel(Descriptor socket, std::size_t messageBytes, std::chrono::milliseconds patience)
+    : m_socket(std::move(socket)), m_messageBytes(messageBytes), m_patience(patience)
+{
+}
+
+Channel::~Channel()
+{
+    if (m_holdsSecret) {
+        wipe(m_output);
+    }
+    if (m_tls && isWhole() && !hasOutput()) {
+        m_tls->sayGoodbye();
+    }
+}
+
+bool Channel::installOn(Sockbuf* sockbuf)
+{
+    return ber_sockbuf_add_io(sockbuf, &s_layer, LBER_SBIOD_LEVEL_PROVIDER, this) == 0;
+}
+
+void Channel::fail(Outcome outcome, int code, std::string const& why)
+{
+    if (m_fault.isGood()) {
+        m_fault = Verdict{outcome, code, why};
+    }
+}
+
+// Input
+
+Channel::Input Channel::fill()
+{
+    while (m_fault.isGood()) {
+        if (findFront()) {
+            return Input::message;
+        }
+        Flow const flow = m_fault.isGood() ? read() : Flow::failed;
+        if (flow == Flow::blocked && m_writeFault.isGood()) {
+            return Input::nothing;
+        }
+        if (flow == Flow::ended || flow == Flow::failed) {
+            failBy(flow);
+        } else if (flow == Flow::blocked) {
+            m_fault = m_writeFault;
+        }
+    }
+    return Input::broken;
+}
+
+/// Whether a whole message stands in front.
+bool Channel::findFront()
+{
+    if (m_front.state == MessageFrame::whole) {
+        return true;
+    }
+    m_front = frameOf({m_input.get() + m_begin, m_end - m_begin});
+    if (m_front.state == MessageFrame::invalid) {
+        fail(Outcome::TryLater, LDAP_DECODING_ERROR, "the server sent what is not LDAP");
+    } else if (m_front.length > m_messageBytes) {
+        fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+             "the server sent a message larger than " + std::to_string(m_messageBytes) + " bytes");
+    }
+    return m_front.state == MessageFrame::whole;
+}
+
+Flow Channel::read()
+{
+    makeRoom();
+    std::size_t count = 0;
+    char* const bytes = m_input.get() + m_end;
+    std::size_t const room = m_capacity - m_end;
+    Flow const flow =
+        m_tls ? m_tls->receive(bytes, room, count) : m_socket.receive(bytes, room, count);
+    m_end += count;
+    m_received += count;
+    return flow;
+}
+
+/// Moves what there is of a message to the front. A buffer that this does not help grows, as far as
+/// bytes have come and not as far as they are announced.
+void Channel::makeRoom()
+{
+    if (m_begin > 0) {
+        std::memmove(m_input.get(), m_input.get() + m_begin, m_end - m_begin);
+        m_end -= m_begin;
+        m_begin = 0;
+    }
+    if (m_end < m_capacity) {
+        return;
+    }
+    std::size_t const longest = std::max(m_front.length, keptCapacity);
+    std::size_t const capacity =
+        m_capacity == 0 ? firstCapacity : std::min(m_capacity * 2, longest);
+    void* const grown = std::realloc(m_input.get(), capacity);
+    if (grown == nullptr) {
+        throw std::bad_alloc();
+    }
+    static_cast<void>(m_input.release());
+    m_input.reset(static_cast<char*>(grown));
+    m_capacity = capacity;
+}
+
+void Channel::drop()
+{
+    m_begin += m_front.length;
+    m_deliverable = 0;
+    m_front = MessageFrame();
+    if (m_begin == m_end) {
+        m_begin = 0;
+        m_end = 0;
+        if (m_capacity > keptCapacity) {
+            m_input.reset();
+            m_capacity = 0;
+        }
+    }
+}
+
+/// Whether `fill` has something to tell without reading: the socket may say no more about it.
+bool Channel::isReady() const
+{
+    return !m_fault.isGood() || !m_writeFault.isGood() || m_front.state == MessageFrame::whole ||
+           (m_begin != m_end &&
+            frameOf({m_input.get() + m_begin, m_end - m_begin}).state != MessageFrame::partial) ||
+           (m_tls && m_tls->hasPending());
+}
+
+bool Channel::isFresh()
+{
+    if (!isWhole() || m_begin != m_end || hasOutput()) {
+        return false;
+    }
+    pollfd looked = {m_socket.number(), POLLIN | POLLRDHUP, 0};
+    if (poll(&looked, 1, 0) == 0 && (!m_tls || !m_tls->hasPending())) {
+        return true;
+    }
+    return m_tls && fill() == Input::nothing && m_begin == m_end;
+}
+
+// Output
+
+void Channel::flush()
+{
+    while (isWhole() && hasOutput()) {
+        std::size_t count = 0;
+        char const* const bytes = m_output.data() + m_sent;
+        std::size_t const length = m_output.size() - m_sent;
+        Flow const flow =
+            m_tls ? m_tls->send(bytes, length, count) : m_socket.send(bytes, length, count);
+        if (flow == Flow::moved) {
+            m_sent += count;
+            m_progress = Clock::now();
+        } else if (flow == Flow::failed) {
+            m_writeFault = faultOf(flow);
+        } else if (Clock::now() >= m_progress + m_patience) {
+            fail(Outcome::TryLater, LDAP_TIMEOUT,
+                 "the server has read nothing for " + inSeconds(m_patience));
+        } else {
+            return;
+        }
+    }
+    if (!hasOutput()) {
+        if (m_holdsSecret) {
+            wipe(m_output);
+            m_holdsSecret = false;
+        }
+        m_output.clear();
+        m_sent = 0;
+    }
+}
+
+void Channel::append(char const* bytes, std::size_t length)
+{
+    if (!hasOutput()) {
+        m_progress = Clock::now();
+    }
+    if (m_handlesSecret) {
+        // A string that grows leaves what it held behind.
+        std::string grown;
+        grown.reserve(m_output.size() + length);
+        grown.append(m_output);
+        if (m_holdsSecret) {
+            wipe(m_output);
+        }
+        m_output = std::move(grown);
+        m_holdsSecret = true;
+    }
+    m_output.append(bytes, length);
+}
+
+// Both
+
+void Channel::waits(Waits& waits) const
+{
+    if (isReady()) {
+        waits.until(Clock::time_point::min());
+        return;
+    }
+    waits.add(m_socket.number(), static_cast<short>(hasOutput() ? POLLIN | POLLOUT : POLLIN));
+    if (hasOutput()) {
+        waits.until(m_progress + m_patience);
+    }
+}
+
+/// What the connection ended by. After a write that failed, the server may still have told why.
+void Channel::failBy(Flow flow)
+{
+    m_fault = faultOf(flow);
+    if (!m_writeFault.isGood() && m_fault.outcome == m_writeFault.outcome) {
+        m_fault = m_writeFault;
+    }
+}
+
+Verdict Channel::faultOf(Flow flow) const
+{
+    if (m_tls && !m_tls->fault().isGood()) {
+        return m_tls->fault();
+    }
+    return Verdict{Outcome::TryLater, LDAP_SERVER_DOWN,
+                   flow == Flow::ended ? "the server closed the connection"
+                   : m_socket.isOurs() ? std::strerror(m_socket.error())
+                                       : "it belongs to another process"};
+}
+
+// OpenLDAP's side
+
+int Channel::setUp(Sockbuf_IO_Desc* layer, void* channel)
+{
+    layer->sbiod_pvt = channel;
+    return 0;
+}
+
+int Channel::control(Sockbuf_IO_Desc* layer, int option, void*)
+{
+    // The one question that is asked of the lowest layer; the socket is asked for nothing.
+    return option == LBER_SB_OPT_DATA_READY &&
+                   static_cast<Channel*>(layer->sbiod_pvt)->m_deliverable > 0
+               ? 1
+               : 0;
+}
+
+ber_slen_t Channel::readInput(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+{
+    Channel& channel = *static_cast<Channel*>(layer->sbiod_pvt);
+    std::size_t const count = std::min<std::size_t>(length, channel.m_deliverable);
+    if (count == 0) {
+        errno = EAGAIN;
+        return -1;
+    }
+    std::size_t const position = channel.m_begin + channel.m_front.length - channel.m_deliverable;
+    std::memcpy(bytes, channel.m_input.get() + position, count);
+    channel.m_deliverable -= count;
+    return static_cast<ber_slen_t>(count);
+}
+
+ber_slen_t Channel::writeOutput(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
+{
+    Channel& channel = *static_cast<Channel*>(layer->sbiod_pvt);
+    try {
+        channel.append(static_cast<char const*>(bytes), length);
+    } catch (std::bad_alloc const&) { // cannot pass through OpenLDAP
+        errno = ENOMEM;
+        return -1;
+    }
+    if (channel.m_handlesSecret) {
+        explicit_bzero(bytes, length); // OpenLDAP keeps it until the answer comes, and never wipes
+    }
+    return static_cast<ber_slen_t>(length);
+}
+
+} // namespace Solvane::Lookup

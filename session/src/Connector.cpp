@@ -1,0 +1,136 @@
+// Attempts to connect, side by side.
+#include "Connector.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <iterator>
+
+#include <netinet/tcp.h>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+constexpr std::chrono::milliseconds headStart(250); // RFC 8305 section 8
+
+/// The families in turn, beginning with that of the first; each family keeps its order.
+std::vector<Address> interleaved(std::vector<Address> const& addresses)
+{
+    std::vector<Address> first;
+    std::vector<Address> second;
+    for (Address const& address : addresses) {
+        (address.family() == addresses.front().family() ? first : second).push_back(address);
+    }
+    std::vector<Address> order;
+    for (std::size_t i = 0; i < std::max(first.size(), second.size()); ++i) {
+        if (i < first.size()) {
+            order.push_back(first[i]);
+        }
+        if (i < second.size()) {
+            order.push_back(second[i]);
+        }
+    }
+    return order;
+}
+
+/// What became of a connect under way: 0, or errno.
+int errorOf(int socket)
+{
+    int error = 0;
+    socklen_t size = sizeof error;
+    return getsockopt(socket, SOL_SOCKET, SO_ERROR, &error, &size) == 0 ? error : errno;
+}
+
+} // namespace
+
+Connector::Connector(std::vector<Address> const& addresses)
+    : m_order(interleaved(addresses)), m_nextMoment(Clock::now())
+{
+}
+
+void Connector::advance()
+{
+    look();
+    while (!isSettled() && m_next < m_order.size() &&
+           (m_attempts.empty() || m_nextMoment <= Clock::now())) {
+        startNext();
+    }
+}
+
+/// Takes the first attempt that has completed; drops those that have failed.
+void Connector::look()
+{
+    std::vector<pollfd> looked;
+    for (Attempt const& attempt : m_attempts) {
+        looked.push_back(pollfd{attempt.socket.number(), POLLOUT, 0});
+    }
+    if (looked.empty() || poll(looked.data(), looked.size(), 0) <= 0) {
+        return;
+    }
+    std::vector<Attempt> left;
+    for (std::size_t i = 0; i < looked.size() && !m_connected; ++i) {
+        if (looked[i].revents == 0) {
+            left.push_back(std::move(m_attempts[i]));
+        } else if (int const error = errorOf(looked[i].fd); error != 0) {
+            failed(m_attempts[i].address, error);
+        } else {
+            m_connected = m_attempts[i].address;
+            m_socket = std::move(m_attempts[i].socket);
+            left.clear();
+        }
+    }
+    m_attempts = std::move(left);
+}
+
+void Connector::startNext()
+{
+    Address const address = m_order[m_next++];
+    Descriptor socket(
+        ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+    if (socket.number() == -1) {
+        failed(address, errno);
+        return;
+    }
+    int const on = 1; // requests are gathered before they are written, so nothing waits for more
+    setsockopt(socket.number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    int const rc = connect(socket.number(), address.socketAddress(), address.size());
+    if (rc == -1 && errno != EINPROGRESS && errno != EINTR) {
+        failed(address, errno);
+        return;
+    }
+    // One that has completed at once is seen by the next look.
+    m_attempts.push_back(Attempt{std::move(socket), address});
+    m_nextMoment = Clock::now() + headStart;
+}
+
+void Connector::failed(Address const& address, int error)
+{
+    m_failures.append(m_failures.empty() ? "" : ", ")
+        .append(address.text() + ": " + std::strerror(error));
+    m_nextMoment = Clock::now();
+}
+
+void Connector::waits(Waits& waits) const
+{
+    if (isSettled()) {
+        return;
+    }
+    for (Attempt const& attempt : m_attempts) {
+        waits.add(attempt.socket.number(), POLLOUT);
+    }
+    if (m_next < m_order.size()) {
+        waits.until(m_nextMoment);
+    }
+}
+
+std::string Connector::failures() const
+{
+    std::string text = m_failures;
+    for (Attempt const& attempt : m_attempts) {
+        text.append(text.empty() ? "" : ", ").append(attempt.address.text() + ": no answer");
+    }
+    return text;
+}
+
+} // namespace Solvane::Lookup

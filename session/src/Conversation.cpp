@@ -1,0 +1,209 @@
+// Requests and messages by OpenLDAP's calls.
+#include "Conversation.h"
+
+#include <solvane/session/PlainText.h>
+#include <solvane/session/ResultCodes.h>
+
+#include <algorithm>
+#include <climits>
+#include <new>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+// Where OpenLDAP would connect by itself, if it ever had a reason: below a file there are no sockets.
+constexpr char const nowhere[] = "ldapi://%2Fdev%2Fnull%2F";
+
+struct FreeElement {
+    void operator()(BerElement* element) const { ber_free(element, 1); }
+};
+
+int limited(unsigned int number)
+{
+    return static_cast<int>(std::min<unsigned int>(number, INT_MAX));
+}
+
+} // namespace
+
+Conversation::Conversation(Descriptor socket, unsigned int version, std::size_t messageBytes,
+                           std::chrono::milliseconds patience)
+    : m_channel(std::move(socket), messageBytes, patience)
+{
+    // The descriptor is not closed with the session: there is no layer of OpenLDAP's that would.
+    int const code = ldap_init_fd(m_channel.socket().number(), LDAP_PROTO_EXT, nowhere, &m_handle);
+    if (code != LDAP_SUCCESS) {
+        m_handle = nullptr;
+        m_channel.fail(Outcome::TryLater, code,
+                       std::string("no session can be made: ") + ldap_err2string(code));
+        return;
+    }
+    Sockbuf* sockbuf = nullptr;
+    ldap_get_option(m_handle, LDAP_OPT_SOCKBUF, static_cast<void*>(&sockbuf));
+    if (!m_channel.installOn(sockbuf)) {
+        throw std::bad_alloc();
+    }
+    setOption(LDAP_OPT_PROTOCOL_VERSION, static_cast<int>(version));
+    setOption(LDAP_OPT_DEREF, m_deref);
+    setOption(LDAP_OPT_TIMELIMIT, m_timeLimit);
+    ldap_set_option(m_handle, LDAP_OPT_REFERRALS, LDAP_OPT_OFF);
+}
+
+Conversation::~Conversation()
+{
+    if (m_handle != nullptr) {
+        ldap_unbind_ext(m_handle, nullptr, nullptr); // into memory
+    }
+    if (m_channel.isWhole()) {
+        m_channel.flush();
+    }
+}
+
+void Conversation::setOption(int option, int value) { ldap_set_option(m_handle, option, &value); }
+
+// Requests
+
+int Conversation::bind(std::string const& dn, std::string const& password, int& id)
+{
+    berval const credentials = {password.size(), const_cast<char*>(password.data())};
+    m_channel.handlesSecret(true);
+    int const code = ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE,
+                                    const_cast<berval*>(&credentials), nullptr, nullptr, &id);
+    m_channel.handlesSecret(false);
+    return sent(code, id);
+}
+
+int Conversation::whoAmI(int& id)
+{
+    int const code = ldap_whoami(m_handle, nullptr, nullptr, &id);
+    return sent(code, id);
+}
+
+int Conversation::search(SearchRequest const& request, std::string const& filter, int& id)
+{
+    int const timeLimit = limited(request.timeLimit);
+    if (timeLimit != m_timeLimit) {
+        setOption(LDAP_OPT_TIMELIMIT, timeLimit);
+        m_timeLimit = timeLimit;
+    }
+    if (request.deref != m_deref) {
+        setOption(LDAP_OPT_DEREF, request.deref);
+        m_deref = request.deref;
+    }
+    m_attributes.clear();
+    for (std::string const& attribute : request.attributes) {
+        m_attributes.push_back(const_cast<char*>(attribute.c_str()));
+    }
+    m_attributes.push_back(nullptr);
+    char** const attributes = request.attributes.empty() ? nullptr : m_attributes.data();
+    int const code =
+        ldap_search_ext(m_handle, request.base.c_str(), request.scope, filter.c_str(), attributes,
+                        0, nullptr, nullptr, nullptr, limited(request.entryLimit), &id);
+    return sent(code, id);
+}
+
+int Conversation::askForLife(int& id)
+{
+    SearchRequest request;
+    request.scope = LDAP_SCOPE_BASE;
+    request.attributes = {LDAP_NO_ATTRS};
+    return search(request, "(objectClass=*)", id);
+}
+
+/// Notes what was sent. A request that OpenLDAP could not hand over is the end of the connection.
+int Conversation::sent(int code, int id)
+{
+    if (code == LDAP_SUCCESS) {
+        m_awaited.push_back(id);
+    } else if (code == LDAP_SERVER_DOWN) {
+        m_channel.fail(Outcome::TryLater, code, "the request cannot be written");
+    }
+    return code;
+}
+
+void Conversation::abandon(int id)
+{
+    auto const awaited = std::lower_bound(m_awaited.begin(), m_awaited.end(), id);
+    if (awaited == m_awaited.end() || *awaited != id) {
+        return;
+    }
+    m_awaited.erase(awaited);
+    ldap_abandon_ext(m_handle, id, nullptr, nullptr);
+}
+
+// Messages
+
+bool Conversation::isAwaited(int id) const
+{
+    return std::binary_search(m_awaited.begin(), m_awaited.end(), id);
+}
+
+Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
+{
+    constexpr int dropsAtOnce = 256; // a server that sends what nobody awaits must not hold us up
+    message.free();
+    for (int drops = 0; drops < dropsAtOnce; ++drops) {
+        Channel::Input const input = m_channel.fill();
+        if (input != Channel::Input::message) {
+            return input == Channel::Input::broken ? Session::Received::broken
+                                                   : Session::Received::nothing;
+        }
+        MessageFrame const front = m_channel.front();
+        if (front.id == 0) {
+            takeNotice();
+        } else if (isAwaited(front.id)) {
+            if (!parse(message)) {
+                continue; // broken, which the next round tells
+            }
+            id = front.id;
+            m_messageSize = front.length;
+            if (!isIntermediate(front.operation)) {
+                m_awaited.erase(std::lower_bound(m_awaited.begin(), m_awaited.end(), front.id));
+            }
+            return Session::Received::message;
+        }
+        m_channel.drop();
+    }
+    return Session::Received::nothing;
+}
+
+/// Has OpenLDAP parse the message in front. It has all of it, so it does not wait.
+bool Conversation::parse(LDAPMessageBuffer& message)
+{
+    m_channel.deliver();
+    timeval atOnce = {0, 0};
+    int const type = ldap_result(m_handle, LDAP_RES_ANY, LDAP_MSG_ONE, &atOnce, message.address());
+    m_channel.drop();
+    if (type <= 0) {
+        m_channel.fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+                       "the server sent an invalid message");
+    }
+    return type > 0;
+}
+
+/// What the server says unasked (RFC 4511 section 4.4): that it is about to close the connection, or
+/// something to be ignored. OpenLDAP would abort the process at some of them.
+void Conversation::takeNotice()
+{
+    std::string_view const bytes = m_channel.frontBytes();
+    berval content = {bytes.size(), const_cast<char*>(bytes.data())};
+    std::unique_ptr<BerElement, FreeElement> const owner(ber_init(&content)); // a copy
+    if (!owner) {
+        throw std::bad_alloc();
+    }
+    BerElement* const element = owner.get();
+    ber_int_t id = 0;
+    ber_int_t code = 0;
+    berval matched = {0, nullptr};
+    berval text = {0, nullptr};
+    berval name = {0, nullptr};
+    bool const isRead = ber_scanf(element, "{i{emm", &id, &code, &matched, &text) != LBER_ERROR &&
+                        ber_scanf(element, "m", &name) != LBER_ERROR && name.bv_val != nullptr;
+    if (isRead && std::string_view(name.bv_val, name.bv_len) == LDAP_NOTICE_OF_DISCONNECTION) {
+        m_channel.fail(Outcome::TryLater, LDAP_SERVER_DOWN,
+                       "the server ends the connection: " +
+                           wordsFor(code, std::string(text.bv_val, text.bv_len)));
+    }
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,57 @@
+// One pass over an entry.
+#include <solvane/session/EntryReader.h>
+
+#include <solvane/ldap/impl/OpenLDAPOwners.h>
+
+#include "OpenLDAP.h"
+
+#include <string>
+#include <utility>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+void releaseArray(berval* array) { ber_memfree(array); } // its values are the message's bytes
+
+/// The values of one attribute, without copies.
+class ValueArray : public OpenLDAPOwner<berval, releaseArray> {};
+
+std::string textOf(berval const& bytes)
+{
+    return bytes.bv_val == nullptr ? std::string() : std::string(bytes.bv_val, bytes.bv_len);
+}
+
+} // namespace
+
+bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEntry>& to)
+{
+    LDAPBerElementBuffer position;
+    berval dn = {0, nullptr};
+    if (ldap_get_dn_ber(session, message, position.address(), &dn) != LDAP_SUCCESS) {
+        return false;
+    }
+    std::list<LDAPSearchResultEntry> read;
+    read.emplace_back(textOf(dn));
+    for (;;) {
+        berval description = {0, nullptr};
+        ValueArray values;
+        if (ldap_get_attribute_ber(session, message, position.get(), &description,
+                                   values.address()) != LDAP_SUCCESS) {
+            return false;
+        }
+        if (description.bv_val == nullptr) {
+            break;
+        }
+        LDAPAttribute attribute{LDAPAttributeType(textOf(description))};
+        for (berval const* value = values.get(); value != nullptr && value->bv_val != nullptr;
+             ++value) {
+            attribute.value(Buffer(value->bv_val, static_cast<unsigned int>(value->bv_len), false));
+        }
+        read.back().appendAttribute(attribute);
+    }
+    to.splice(to.end(), read);
+    return true;
+}
+
+} // namespace Solvane::Lookup

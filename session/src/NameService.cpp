@@ -1,0 +1,117 @@
+// c-ares driven by the caller's waits.
+#include "NameService.h"
+
+#include <solvane/session/PlainText.h>
+
+#include <algorithm>
+#include <mutex>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+// A server that does not answer is asked again after this time, which doubles each round; the next one
+// is asked instead if there are several.
+constexpr int firstTimeoutMilliseconds = 2000;
+constexpr int rounds = 3;
+
+int initializeLibrary()
+{
+    static std::once_flag once;
+    static int result = ARES_SUCCESS;
+    std::call_once(once, [] { result = ares_library_init(ARES_LIB_INIT_ALL); });
+    return result;
+}
+
+} // namespace
+
+NameService::NameService(std::vector<std::string> const& servers)
+{
+    int error = initializeLibrary();
+    if (error == ARES_SUCCESS) {
+        ares_options options = {};
+        options.timeout = firstTimeoutMilliseconds;
+        options.tries = rounds;
+        options.sock_state_cb = socketChanged;
+        options.sock_state_cb_data = this;
+        error = ares_init_options(&m_channel, &options,
+                                  ARES_OPT_TIMEOUTMS | ARES_OPT_TRIES | ARES_OPT_SOCK_STATE_CB);
+    }
+    if (error != ARES_SUCCESS) {
+        m_channel = nullptr;
+        m_fault = std::string("the resolver cannot be set up: ") + ares_strerror(error);
+    } else if (!servers.empty()) {
+        setServers(servers);
+    }
+}
+
+NameService::~NameService()
+{
+    if (m_channel != nullptr) {
+        ares_destroy(m_channel);
+    }
+}
+
+void NameService::setServers(std::vector<std::string> const& servers)
+{
+    std::string list;
+    for (std::string const& server : servers) {
+        // An IPv6 address without brackets has no port behind it.
+        bool const isBareV6 = std::count(server.begin(), server.end(), ':') > 1 &&
+                              server.find('[') == std::string::npos;
+        list.append(list.empty() ? "" : ",").append(isBareV6 ? '[' + server + ']' : server);
+    }
+    int const error = ares_set_servers_ports_csv(m_channel, list.c_str());
+    if (error != ARES_SUCCESS) {
+        m_fault =
+            "the name servers '" + oneLine(list) + "' cannot be used: " + ares_strerror(error);
+    }
+}
+
+void NameService::socketChanged(void* service, ares_socket_t socket, int reads, int writes)
+{
+    std::vector<pollfd>& sockets = static_cast<NameService*>(service)->m_sockets;
+    sockets.erase(std::remove_if(sockets.begin(), sockets.end(),
+                                 [socket](pollfd const& known) { return known.fd == socket; }),
+                  sockets.end());
+    auto const events = static_cast<short>((reads != 0 ? POLLIN : 0) | (writes != 0 ? POLLOUT : 0));
+    if (events != 0) {
+        sockets.push_back(pollfd{socket, events, 0});
+    }
+}
+
+void NameService::advance()
+{
+    if (m_channel == nullptr) {
+        return;
+    }
+    std::vector<pollfd> looked = m_sockets; // processing changes the list
+    if (!looked.empty()) {
+        poll(looked.data(), looked.size(), 0);
+    }
+    for (pollfd const& socket : looked) {
+        constexpr short ended = POLLERR | POLLHUP;
+        if (socket.revents != 0) {
+            ares_process_fd(
+                m_channel, (socket.revents & (POLLIN | ended)) != 0 ? socket.fd : ARES_SOCKET_BAD,
+                (socket.revents & (POLLOUT | ended)) != 0 ? socket.fd : ARES_SOCKET_BAD);
+        }
+    }
+    ares_process_fd(m_channel, ARES_SOCKET_BAD, ARES_SOCKET_BAD); // what is due
+}
+
+void NameService::waits(Waits& waits) const
+{
+    for (pollfd const& socket : m_sockets) {
+        waits.add(socket.fd, socket.events);
+    }
+    timeval space = {};
+    timeval const* const left =
+        m_channel == nullptr ? nullptr : ares_timeout(m_channel, nullptr, &space);
+    if (left != nullptr) {
+        waits.until(Clock::now() + std::chrono::seconds(left->tv_sec) +
+                    std::chrono::microseconds(left->tv_usec));
+    }
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,44 @@
+// A c-ares channel and the sockets that it waits on.
+#ifndef SOLVANE_SESSION_SRC_NAME_SERVICE_H
+#define SOLVANE_SESSION_SRC_NAME_SERVICE_H
+
+#include <solvane/session/Waits.h>
+
+#include <solvane/ldap/RefCounted.h>
+
+#include <string>
+#include <vector>
+
+#define CARES_NO_DEPRECATED 1 // newer versions have other calls for the same; these work in all
+#include <ares.h>
+
+namespace Solvane::Lookup {
+
+/// Asks name servers without blocking and without a thread. What is asked through `channel` is answered
+/// from within `advance`, or from within the destructor.
+class NameService : public NonCopyable {
+public:
+    /// @param servers  "address" or "address:port"; empty: the system's (/etc/resolv.conf)
+    explicit NameService(std::vector<std::string> const& servers);
+    ~NameService();
+
+    /// Why it cannot be used, in words; empty if it can.
+    std::string const& fault() const { return m_fault; }
+    ares_channel channel() const { return m_channel; }
+
+    /// Reads and writes what can be, and repeats questions whose time is over.
+    void advance();
+    void waits(Waits& waits) const;
+
+private:
+    static void socketChanged(void* service, ares_socket_t socket, int reads, int writes);
+    void setServers(std::vector<std::string> const& servers);
+
+    ares_channel m_channel = nullptr;
+    std::string m_fault;
+    std::vector<pollfd> m_sockets;
+};
+
+} // namespace Solvane::Lookup
+
+#endif

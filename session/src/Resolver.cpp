@@ -1,0 +1,131 @@
+// Addresses of a name by c-ares.
+#include <solvane/session/Resolver.h>
+
+#include <solvane/session/PlainText.h>
+
+#include "NameService.h"
+#include "OpenLDAP.h"
+
+#include <new>
+#include <optional>
+
+namespace Solvane::Lookup {
+
+struct Resolver::State : public NonCopyable {
+    State(std::string const& hostName, unsigned int hostPort) : host(hostName), port(hostPort) {}
+
+    void begin(std::vector<std::string> const& nameServers);
+    void end(Outcome outcome, int code, std::string const& why);
+    static void answered(void* state, int status, int timeouts, ares_addrinfo* found);
+    void take(int status, ares_addrinfo const* found);
+
+    std::string host;
+    unsigned int port;
+    std::vector<Address> addresses;
+    Verdict verdict;
+    bool isSettled = false;
+    std::optional<NameService> service; // last: when it goes, it answers what is still open
+};
+
+void Resolver::State::begin(std::vector<std::string> const& nameServers)
+{
+    if (std::optional<Address> const address = Address::parse(host, port)) {
+        addresses.push_back(*address);
+        isSettled = true;
+        return;
+    }
+    if (host.find('%') != std::string::npos) {
+        end(Outcome::Misconfigured, LDAP_PARAM_ERROR, "addresses with a zone are not supported");
+        return;
+    }
+    if (host.empty() || hasNul(host)) {
+        end(Outcome::Misconfigured, LDAP_PARAM_ERROR, "not a host name");
+        return;
+    }
+    service.emplace(nameServers);
+    if (!service->fault().empty()) {
+        end(Outcome::Misconfigured, LDAP_PARAM_ERROR, service->fault());
+        return;
+    }
+    ares_addrinfo_hints hints = {};
+    hints.ai_family = AF_UNSPEC;
+    hints.ai_socktype = SOCK_STREAM;
+    hints.ai_flags = ARES_AI_NUMERICSERV;
+    ares_getaddrinfo(service->channel(), host.c_str(), std::to_string(port).c_str(), &hints,
+                     answered, this);
+}
+
+void Resolver::State::end(Outcome outcome, int code, std::string const& why)
+{
+    verdict = Verdict{outcome, code, "the name '" + oneLine(host) + "' does not resolve: " + why};
+    isSettled = true;
+}
+
+void Resolver::State::answered(void* state, int status, int, ares_addrinfo* found)
+{
+    auto* const self = static_cast<State*>(state);
+    try {
+        if (!self->isSettled) {
+            self->take(status, found);
+        }
+    } catch (std::bad_alloc const&) { // cannot pass through c-ares
+        self->addresses.clear();
+        self->verdict.outcome = Outcome::TryLater;
+        self->verdict.code = LDAP_SERVER_DOWN;
+        self->isSettled = true;
+    }
+    if (found != nullptr) {
+        ares_freeaddrinfo(found);
+    }
+}
+
+void Resolver::State::take(int status, ares_addrinfo const* found)
+{
+    ares_addrinfo_node const* node = found == nullptr ? nullptr : found->nodes;
+    for (; node != nullptr; node = node->ai_next) {
+        if (std::optional<Address> const address = Address::from(*node->ai_addr)) {
+            addresses.push_back(*address);
+        }
+    }
+    if (status == ARES_SUCCESS && !addresses.empty()) {
+        isSettled = true;
+        return;
+    }
+    addresses.clear();
+    bool const isSilent = status == ARES_ETIMEOUT;
+    end(Outcome::TryLater, isSilent ? LDAP_TIMEOUT : LDAP_SERVER_DOWN,
+        isSilent ? "no name server answers"
+                 : ares_strerror(status == ARES_SUCCESS ? ARES_ENODATA : status));
+}
+
+Resolver::Resolver(std::string const& host, unsigned int port,
+                   std::vector<std::string> const& nameServers)
+    : m_state(std::make_unique<State>(host, port))
+{
+    m_state->begin(nameServers);
+}
+
+Resolver::~Resolver()
+{
+    m_state->isSettled = true; // what is still open is not to be answered any more
+}
+
+void Resolver::advance()
+{
+    if (!m_state->isSettled && m_state->service) {
+        m_state->service->advance();
+    }
+}
+
+void Resolver::waits(Waits& waits) const
+{
+    if (!m_state->isSettled && m_state->service) {
+        m_state->service->waits(waits);
+    }
+}
+
+bool Resolver::isSettled() const { return m_state->isSettled; }
+Verdict const& Resolver::verdict() const { return m_state->verdict; }
+std::vector<Address> const& Resolver::addresses() const { return m_state->addresses; }
+
+} // namespace Solvane::Lookup

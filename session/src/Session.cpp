@@ -1,0 +1,154 @@
+// A session: its steps, and requests once it is open.
+#include <solvane/session/Session.h>
+
+#include <solvane/session/PlainText.h>
+#include <solvane/session/ResultCodes.h>
+
+#include "SessionSteps.h"
+
+namespace Solvane::Lookup {
+
+Session::Session(SessionOptions options) : m_steps(std::make_unique<Steps>(std::move(options))) {}
+Session::~Session() = default;
+
+// Opening
+
+void Session::begin(Step last, Clock::time_point deadline) { m_steps->begin(last, deadline); }
+void Session::advance() { m_steps->advance(); }
+void Session::waits(Waits& waits) const { m_steps->waits(waits); }
+bool Session::isSettled() const { return m_steps->isSettled(); }
+
+Verdict Session::reach(Step last, Clock::time_point deadline)
+{
+    Waits waits;
+    begin(last, deadline);
+    while (!isSettled()) {
+        waits.clear();
+        m_steps->waits(waits);
+        waits.wait();
+        advance();
+    }
+    return verdict();
+}
+
+Step Session::step() const { return m_steps->step(); }
+bool Session::isDone(Step step) const { return m_steps->isDone(step); }
+Verdict const& Session::verdict() const { return m_steps->verdict(); }
+
+// What was found on the way
+
+std::vector<Address> const& Session::addresses() const { return m_steps->addresses; }
+std::string Session::peer() const { return m_steps->peer; }
+std::string const& Session::uri() const { return m_steps->uri; }
+std::string Session::tlsVersion() const
+{
+    TlsStream const* const tls = m_steps->tls();
+    return tls == nullptr ? std::string() : tls->version();
+}
+std::string Session::tlsCipher() const
+{
+    TlsStream const* const tls = m_steps->tls();
+    return tls == nullptr ? std::string() : tls->cipher();
+}
+bool Session::isTlsResumed() const
+{
+    TlsStream const* const tls = m_steps->tls();
+    return tls != nullptr && tls->isResumed();
+}
+std::optional<Certificate> const& Session::certificate() const
+{
+    static std::optional<Certificate> const none;
+    TlsStream const* const tls = m_steps->tls();
+    return tls == nullptr ? none : tls->certificate();
+}
+Identity Session::identity() const { return m_steps->identity; }
+std::string const& Session::authorizationId() const { return m_steps->authorizationId; }
+
+// Requests
+
+Verdict Session::send(SearchRequest const& request, std::string const& filter, int& id)
+{
+    // OpenLDAP cuts both at a NUL, and a filter that is cut short finds other entries.
+    if (isBlank(filter) || hasNul(filter) || hasNul(request.base)) {
+        return m_steps->failure(Outcome::Misconfigured, LDAP_FILTER_ERROR,
+                                "an empty filter, and a filter or base with a NUL byte, cannot be "
+                                "sent");
+    }
+    Conversation* const conversation = m_steps->conversation();
+    if (conversation == nullptr || !verdict().isGood() || !conversation->channel().isWhole()) {
+        return m_steps->broken("search"); // what was received before is still there
+    }
+    int const code = conversation->search(request, filter, id);
+    if (code == LDAP_SUCCESS) {
+        return Verdict();
+    }
+    if (code == LDAP_SERVER_DOWN) {
+        return m_steps->broken("search");
+    }
+    return m_steps->failure(outcomeOfSearch(code), code,
+                            "the search cannot be sent: " + wordsFor(code, filter));
+}
+
+void Session::abandon(int id)
+{
+    Conversation* const conversation = m_steps->conversation();
+    if (conversation != nullptr && conversation->channel().isWhole()) {
+        conversation->abandon(id);
+    }
+}
+
+void Session::flush()
+{
+    if (Conversation* const conversation = m_steps->conversation()) {
+        conversation->channel().flush();
+    }
+}
+
+Session::Received Session::receive(LDAPMessageBuffer& message, int& id)
+{
+    Conversation* const conversation = m_steps->conversation();
+    if (conversation == nullptr || !verdict().isGood()) {
+        m_steps->breakOff("search");
+        return Received::broken;
+    }
+    conversation->channel().flush();
+    Received const received = conversation->receive(message, id);
+    if (received == Received::broken) {
+        m_steps->breakOff("search");
+    }
+    return received;
+}
+
+std::size_t Session::messageSize() const
+{
+    Conversation* const conversation = m_steps->conversation();
+    return conversation == nullptr ? 0 : conversation->messageSize();
+}
+
+Clock::time_point Session::heardAt() const
+{
+    Conversation* const conversation = m_steps->conversation();
+    return conversation == nullptr ? Clock::time_point()
+                                   : conversation->channel().socket().heardAt();
+}
+
+std::uint64_t Session::receivedBytes() const
+{
+    Conversation* const conversation = m_steps->conversation();
+    return conversation == nullptr ? 0 : conversation->channel().receivedBytes();
+}
+
+bool Session::isFresh() const
+{
+    Conversation* const conversation = m_steps->conversation();
+    return conversation != nullptr && verdict().isGood() && isSettled() &&
+           conversation->channel().isFresh();
+}
+
+LDAP* Session::handle() const
+{
+    Conversation* const conversation = m_steps->conversation();
+    return conversation == nullptr ? nullptr : conversation->handle();
+}
+
+} // namespace Solvane::Lookup

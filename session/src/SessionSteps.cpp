@@ -1,0 +1,458 @@
+// Resolve, connect, handshake, bind, identify.
+#include "SessionSteps.h"
+
+#include <solvane/session/PlainText.h>
+#include <solvane/session/ResultCodes.h>
+
+#include <algorithm>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int stepCount = static_cast<int>(Step::identify) + 1;
+
+/// A step in messages.
+char const* nameOf(Step step)
+{
+    switch (step) {
+    case Step::resolve:
+        return "name service";
+    case Step::connect:
+        return "connection";
+    case Step::handshake:
+        return "TLS handshake";
+    case Step::bind:
+        return "bind";
+    case Step::identify:
+        return "question who we are";
+    }
+    return "";
+}
+
+std::string textOf(LDAPCharBuffer const& text)
+{
+    return text.get() == nullptr ? std::string() : std::string(text.get());
+}
+
+/// The final part of an answer, as OpenLDAP parses it.
+struct Answer {
+    bool isParsed;
+    int code;
+    std::string words; ///< of the code, with all that the server says besides
+};
+
+Answer parsed(LDAP* session, LDAPMessage* message)
+{
+    int code = LDAP_SUCCESS;
+    LDAPCharBuffer matched;
+    LDAPCharBuffer text;
+    LDAPValueBuffer referrals;
+    int const rc = ldap_parse_result(session, message, &code, matched.address(), text.address(),
+                                     referrals.address(), nullptr, 0);
+    if (rc != LDAP_SUCCESS) {
+        return {false, 0, std::string()};
+    }
+    std::string words = wordsFor(code, textOf(text));
+    if (!textOf(matched).empty()) {
+        words += ", what exists is '" + oneLine(textOf(matched)) + '\'';
+    }
+    for (char** referral = referrals.get(); referral != nullptr && *referral != nullptr;
+         ++referral) {
+        words += ", see " + oneLine(*referral);
+    }
+    return {true, code, words};
+}
+
+bool isType(LDAPMessage* message, ber_tag_t type)
+{
+    return static_cast<ber_tag_t>(ldap_msgtype(message)) == type;
+}
+
+} // namespace
+
+Session::Steps::Steps(SessionOptions given)
+    : options(std::move(given)), uri(uriOf(options.secure, options.host, options.port))
+{
+}
+
+Session::Steps::~Steps() = default;
+
+void Session::Steps::begin(Step last, Clock::time_point deadline)
+{
+    m_target = std::max(m_target, static_cast<int>(last) + 1);
+    m_deadline = deadline;
+    m_isUnderWay = verdict().isGood() && m_done < m_target;
+    if (m_isUnderWay && m_isStarted) {
+        m_stepEnd = std::min(m_stepEnd, m_deadline);
+    }
+    advance();
+}
+
+void Session::Steps::advance()
+{
+    while (m_isUnderWay) {
+        auto const step = static_cast<Step>(m_done);
+        if (!m_isStarted && applies(step) && !start(step)) {
+            m_isUnderWay = false;
+            return;
+        }
+        Progress const progress = applies(step) ? goOn(step) : Progress::done;
+        if (progress == Progress::waiting && Clock::now() < m_stepEnd) {
+            return;
+        }
+        if (progress == Progress::waiting) {
+            failForTime(step);
+        }
+        if (progress != Progress::done) {
+            m_isUnderWay = false;
+            return;
+        }
+        m_isStarted = false;
+        ++m_done;
+        m_isUnderWay = m_done < m_target;
+    }
+}
+
+/// Whether there is anything to do in a step.
+bool Session::Steps::applies(Step step) const
+{
+    switch (step) {
+    case Step::resolve:
+        return options.addresses.empty();
+    case Step::handshake:
+        return options.secure;
+    case Step::bind:
+        return !options.bindDn.empty();
+    default:
+        return true;
+    }
+}
+
+/// Begins a step, unless there is no time left for it. False: it failed already.
+bool Session::Steps::start(Step step)
+{
+    auto const now = Clock::now();
+    auto const left = std::chrono::ceil<milliseconds>(m_deadline - now);
+    m_limit = std::min(left, options.networkTimeout);
+    if (m_limit.count() <= 0) {
+        fail(Outcome::TryLater, LDAP_TIMEOUT,
+             std::string("no time was left for the ") + nameOf(step));
+        return false;
+    }
+    m_stepEnd = std::min(m_deadline, now + options.networkTimeout);
+    m_isStarted = true;
+    switch (step) {
+    case Step::resolve:
+        m_resolver = std::make_unique<Resolver>(options.host, options.port, options.nameServers);
+        return true;
+    case Step::connect:
+        if (addresses.empty()) {
+            addresses = options.addresses;
+        }
+        m_connector = std::make_unique<Connector>(addresses);
+        addresses = m_connector->order();
+        return true;
+    case Step::handshake:
+        return startHandshake();
+    case Step::bind:
+        return startBind();
+    case Step::identify:
+        return startIdentify();
+    }
+    return false;
+}
+
+Session::Steps::Progress Session::Steps::goOn(Step step)
+{
+    switch (step) {
+    case Step::resolve:
+        return resolve();
+    case Step::connect:
+        return connect();
+    case Step::handshake:
+        return handshake();
+    case Step::bind:
+        return bind();
+    case Step::identify:
+        return identify();
+    }
+    return Progress::failed;
+}
+
+void Session::Steps::waits(Waits& waits) const
+{
+    if (m_isUnderWay) {
+        waits.until(m_stepEnd);
+        if (m_resolver) {
+            m_resolver->waits(waits);
+        } else if (m_connector) {
+            m_connector->waits(waits);
+        } else if (m_conversation && m_isStarted && m_done == static_cast<int>(Step::handshake)) {
+            Channel& channel = m_conversation->channel();
+            waits.add(channel.socket().number(), channel.tls()->events());
+        } else if (m_conversation) {
+            m_conversation->channel().waits(waits);
+        }
+    } else if (m_conversation && m_verdict.isGood()) {
+        m_conversation->channel().waits(waits);
+    }
+}
+
+Step Session::Steps::step() const
+{
+    bool const isAtNext = m_isUnderWay || (!m_verdict.isGood() && m_done < stepCount);
+    return static_cast<Step>(isAtNext ? m_done : std::max(m_done - 1, 0));
+}
+
+// Addresses and the connection
+
+Session::Steps::Progress Session::Steps::resolve()
+{
+    m_resolver->advance();
+    if (!m_resolver->isSettled()) {
+        return Progress::waiting;
+    }
+    Verdict const verdict = m_resolver->verdict();
+    addresses = m_resolver->addresses();
+    m_resolver.reset();
+    return verdict.isGood() ? Progress::done : failAs(verdict);
+}
+
+Session::Steps::Progress Session::Steps::connect()
+{
+    m_connector->advance();
+    if (!m_connector->isSettled()) {
+        return Progress::waiting;
+    }
+    std::unique_ptr<Connector> const connector = std::move(m_connector);
+    if (!connector->peer()) {
+        return fail(Outcome::TryLater, LDAP_SERVER_DOWN,
+                    "cannot be reached: " + connector->failures());
+    }
+    peer = connector->peer()->text();
+    m_conversation = std::make_unique<Conversation>(connector->takeSocket(), options.version,
+                                                    options.messageBytes, options.networkTimeout);
+    return m_conversation->fault().isGood() ? Progress::done : failAs(m_conversation->fault());
+}
+
+bool Session::Steps::startHandshake()
+{
+    if (!options.tls) {
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "there are no settings for TLS");
+        return false;
+    }
+    if (!options.tls->verdict().isGood()) {
+        failAs(options.tls->verdict());
+        return false;
+    }
+    Channel& channel = m_conversation->channel();
+    channel.secure(
+        std::make_unique<TlsStream>(options.tls, channel.socket(), options.host, options.port));
+    return true;
+}
+
+Session::Steps::Progress Session::Steps::handshake()
+{
+    TlsStream& tls = *m_conversation->channel().tls();
+    switch (tls.handshake()) {
+    case Flow::moved:
+        return Progress::done;
+    case Flow::blocked:
+        return Progress::waiting;
+    default:
+        return failAs(tls.fault());
+    }
+}
+
+// Bind
+
+bool Session::Steps::startBind()
+{
+    if (options.password == nullptr || options.password->empty()) {
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
+             "an empty password is not sent, as servers take it as anonymous");
+        return false;
+    }
+    if (hasNul(options.bindDn) || hasNul(*options.password)) {
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
+             "a bind DN or password with a NUL byte cannot be sent");
+        return false;
+    }
+    identity = Identity::Unconfirmed;
+    int const code = m_conversation->bind(options.bindDn, *options.password, m_id);
+    if (code != LDAP_SUCCESS) {
+        fail(outcomeOfBind(code), code, "the bind cannot be sent: " + wordsFor(code));
+        return false;
+    }
+    return true;
+}
+
+Session::Steps::Progress Session::Steps::bind()
+{
+    LDAPMessageBuffer answer;
+    Progress const progress = awaitAnswer(answer);
+    return progress == Progress::done ? takeBindResponse(answer) : progress;
+}
+
+/// Awaits the final answer to the request of the step.
+Session::Steps::Progress Session::Steps::awaitAnswer(LDAPMessageBuffer& answer)
+{
+    m_conversation->channel().flush();
+    for (;;) {
+        int id = 0;
+        switch (m_conversation->receive(answer, id)) {
+        case Received::message:
+            // Of a search for nothing but life, the entry is not the end.
+            if (id == m_id &&
+                !isIntermediate(static_cast<unsigned char>(ldap_msgtype(answer.get())))) {
+                return Progress::done;
+            }
+            break;
+        case Received::nothing:
+            return Progress::waiting;
+        case Received::broken:
+            breakOff(nameOf(static_cast<Step>(m_done)));
+            return Progress::failed;
+        }
+    }
+}
+
+Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)
+{
+    Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
+    if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed) {
+        return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "sent an invalid answer to the bind");
+    }
+    return response.code == LDAP_SUCCESS ? Progress::done
+                                         : fail(outcomeOfBind(response.code), response.code,
+                                                "the bind is refused: " + response.words);
+}
+
+// Who am I?
+
+bool Session::Steps::startIdentify()
+{
+    // Only an answer proves that the server is alive: the kernel accepts connections for a dead process.
+    constexpr unsigned int firstThatKnowsTheQuestion = 3;
+    int const code = options.version < firstThatKnowsTheQuestion ? m_conversation->askForLife(m_id)
+                                                                 : m_conversation->whoAmI(m_id);
+    if (code != LDAP_SUCCESS) {
+        fail(Outcome::TryLater, code, "cannot be asked who we are: " + wordsFor(code));
+        return false;
+    }
+    return true;
+}
+
+Session::Steps::Progress Session::Steps::identify()
+{
+    LDAPMessageBuffer answer;
+    Progress const progress = awaitAnswer(answer);
+    return progress == Progress::done ? takeIdentity(answer) : progress;
+}
+
+Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
+{
+    LDAP* const session = m_conversation->handle();
+    Lookup::Answer const response = parsed(session, answer.get());
+    bool const isQuestion = isType(answer.get(), LDAP_RES_EXTENDED);
+    if (!response.isParsed || (!isQuestion && !isType(answer.get(), LDAP_RES_SEARCH_RESULT))) {
+        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+                    "sent an invalid answer to the question who we are");
+    }
+    if (response.code == LDAP_BUSY || response.code == LDAP_UNAVAILABLE ||
+        response.code == LDAP_OTHER) {
+        return fail(Outcome::TryLater, response.code, "does not say who we are: " + response.words);
+    }
+    if (!isQuestion || response.code != LDAP_SUCCESS) {
+        return Progress::done; // it does not know the question, or does not answer it to us
+    }
+    OpenLDAPOwner<berval, releaseBerValue> name;
+    if (ldap_parse_whoami(session, answer.get(), name.address()) != LDAP_SUCCESS) {
+        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+                    "sent an invalid answer to the question who we are");
+    }
+    authorizationId = name.get() == nullptr || name.get()->bv_val == nullptr
+                          ? std::string()
+                          : std::string(name.get()->bv_val, name.get()->bv_len);
+    if (identity == Identity::Anonymous) {
+        return Progress::done;
+    }
+    if (authorizationId.empty() || authorizationId == "dn:") {
+        return fail(Outcome::Refused, LDAP_INAPPROPRIATE_AUTH,
+                    "took the bind and says that we are anonymous; what it then shows is not "
+                    "what the bind DN may see");
+    }
+    identity = Identity::Confirmed;
+    return Progress::done;
+}
+
+// Failures
+
+Verdict Session::Steps::failure(Outcome outcome, int code, std::string const& text) const
+{
+    return Verdict{outcome, code, uri + ": " + text};
+}
+
+Session::Steps::Progress Session::Steps::fail(Outcome outcome, int code, std::string const& text)
+{
+    m_verdict = failure(outcome, code, text);
+    return Progress::failed;
+}
+
+Session::Steps::Progress Session::Steps::failAs(Verdict const& verdict)
+{
+    return fail(verdict.outcome, verdict.code, verdict.text);
+}
+
+Session::Steps::Progress Session::Steps::failForTime(Step step)
+{
+    std::string const within = " within " + inSeconds(m_limit);
+    std::string text;
+    switch (step) {
+    case Step::resolve:
+        text = "the name service did not answer" + within;
+        break;
+    case Step::connect:
+        text = "no connection" + within + ": " + m_connector->failures();
+        break;
+    case Step::handshake:
+        text = "no connection" + within + ": the TLS handshake was not finished";
+        break;
+    default:
+        text = std::string("did not answer the ") + nameOf(step) + within;
+        break;
+    }
+    m_resolver.reset();
+    m_connector.reset();
+    return fail(Outcome::TryLater, LDAP_TIMEOUT, text);
+}
+
+Verdict const& Session::Steps::breakOff(char const* during)
+{
+    if (m_verdict.isGood()) {
+        m_verdict = broken(during);
+        m_isUnderWay = false;
+    }
+    return m_verdict;
+}
+
+Verdict Session::Steps::broken(char const* during) const
+{
+    if (!m_verdict.isGood()) {
+        return m_verdict;
+    }
+    if (!m_conversation) {
+        return failure(Outcome::TryLater, LDAP_SERVER_DOWN, "there is no connection");
+    }
+    Verdict const& fault = m_conversation->fault();
+    return fault.isGood()
+               ? failure(Outcome::TryLater, LDAP_SERVER_DOWN,
+                         "the connection belongs to another process")
+               : Verdict{fault.outcome, fault.code,
+                         uri + ": the connection broke during the " + during + ": " + fault.text};
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,96 @@
+// The steps by which a session is opened.
+#ifndef SOLVANE_SESSION_SRC_SESSION_STEPS_H
+#define SOLVANE_SESSION_SRC_SESSION_STEPS_H
+
+#include <solvane/session/Resolver.h>
+#include <solvane/session/Session.h>
+
+#include "Connector.h"
+#include "Conversation.h"
+
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+/// A row of steps, one after the other, each with its time limit. What a step leaves behind is what
+/// the next one works on: addresses, a socket, the conversation on it.
+class Session::Steps : public NonCopyable {
+public:
+    explicit Steps(SessionOptions options);
+    ~Steps();
+
+    void begin(Step last, Clock::time_point deadline);
+    void advance();
+    void waits(Waits& waits) const;
+
+    bool isSettled() const { return !m_isUnderWay; }
+    Step step() const;
+    bool isDone(Step step) const { return static_cast<int>(step) < m_done; }
+    /// Good while nothing failed.
+    Verdict const& verdict() const { return m_verdict; }
+    /// Keeps what broke the session; the first verdict stays.
+    Verdict const& breakOff(char const* during);
+    /// Null before the connect is done.
+    Conversation* conversation() const { return m_conversation.get(); }
+    /// Null without TLS.
+    TlsStream const* tls() const
+    {
+        return m_conversation ? m_conversation->channel().tls() : nullptr;
+    }
+    /// The verdict of a session that is not whole: what broke it, or that it is not connected.
+    Verdict broken(char const* during) const;
+
+    Verdict failure(Outcome outcome, int code, std::string const& text) const;
+
+    SessionOptions const options;
+    std::string const uri;
+    std::vector<Address> addresses;
+    std::string peer;
+    Identity identity = Identity::Anonymous;
+    std::string authorizationId;
+
+private:
+    /// What came of a call that goes on with a step.
+    enum class Progress { waiting, done, failed };
+
+    bool applies(Step step) const;
+    bool start(Step step);
+    Progress goOn(Step step);
+    Progress resolve();
+    Progress connect();
+    Progress handshake();
+    Progress bind();
+    Progress identify();
+    bool startResolve();
+    bool startHandshake();
+    bool startBind();
+    bool startIdentify();
+
+    Progress awaitAnswer(LDAPMessageBuffer& answer);
+    Progress takeBindResponse(LDAPMessageBuffer& answer);
+    Progress takeIdentity(LDAPMessageBuffer& answer);
+    Progress fail(Outcome outcome, int code, std::string const& text);
+    Progress failAs(Verdict const& verdict);
+    Progress failForTime(Step step);
+
+    int m_done = 0; // steps, or skipped as they do not apply
+    int m_target = 0;
+    bool m_isUnderWay = false;
+    bool m_isStarted = false; // the step that is next
+    Clock::time_point m_deadline;
+    std::chrono::milliseconds m_limit{0}; // of the step, and when it ends
+    Clock::time_point m_stepEnd;
+    Verdict m_verdict;
+
+    std::unique_ptr<Resolver> m_resolver;
+    std::unique_ptr<Connector> m_connector;
+    std::unique_ptr<Conversation> m_conversation;
+    int m_id = 0; // of the request of the step
+};
+
+} // namespace Solvane::Lookup
+
+#endif

@@ -1,0 +1,172 @@
+// SRV records by c-ares.
+#include <solvane/session/SrvQuery.h>
+
+#include <solvane/session/PlainText.h>
+
+#include "NameService.h"
+#include "OpenLDAP.h"
+
+#include <algorithm>
+#include <new>
+#include <optional>
+#include <random>
+
+#include <arpa/nameser.h>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+/// Takes one target out of a range, the one at which the sum of weights first reaches `limit`.
+std::size_t indexAt(std::vector<SrvTarget> const& targets, std::size_t begin, std::size_t end,
+                    std::uint32_t limit)
+{
+    std::uint32_t sum = 0;
+    for (std::size_t i = begin; i < end; ++i) {
+        sum += targets[i].weight;
+        if (sum >= limit) {
+            return i;
+        }
+    }
+    return begin;
+}
+
+/// Whether a domain says that it has no such service.
+bool isNone(SrvTarget const& target) { return target.host.empty() || target.host == "."; }
+
+} // namespace
+
+std::vector<SrvTarget> inOrderOfTrial(std::vector<SrvTarget> targets,
+                                      std::function<std::uint32_t(std::uint32_t)> const& random)
+{
+    // Those of weight 0 first in their priority, so that they have a small chance beside others.
+    std::stable_sort(targets.begin(), targets.end(), [](SrvTarget const& a, SrvTarget const& b) {
+        return a.priority != b.priority ? a.priority < b.priority : a.weight == 0 && b.weight != 0;
+    });
+    for (std::size_t begin = 0; begin < targets.size(); ++begin) {
+        std::size_t end = begin;
+        std::uint32_t sum = 0;
+        for (; end < targets.size() && targets[end].priority == targets[begin].priority; ++end) {
+            sum += targets[end].weight;
+        }
+        auto const first = targets.begin() + static_cast<std::ptrdiff_t>(begin);
+        auto const chosen = targets.begin() +
+                            static_cast<std::ptrdiff_t>(indexAt(targets, begin, end, random(sum)));
+        std::rotate(first, chosen, chosen + 1);
+    }
+    return targets;
+}
+
+struct SrvQuery::State : public NonCopyable {
+    State(std::string const& ofDomain, bool isSecure)
+        : domain(ofDomain), name((isSecure ? "_ldaps._tcp." : "_ldap._tcp.") + ofDomain)
+    {
+    }
+
+    void begin(std::vector<std::string> const& nameServers);
+    void end(Outcome outcome, int code, std::string const& why);
+    static void answered(void* state, int status, int timeouts, unsigned char* bytes, int length);
+    void take(int status, unsigned char const* bytes, int length);
+
+    std::string domain;
+    std::string name;
+    std::vector<SrvTarget> targets;
+    Verdict verdict;
+    bool isSettled = false;
+    std::optional<NameService> service; // last: when it goes, it answers what is still open
+};
+
+void SrvQuery::State::begin(std::vector<std::string> const& nameServers)
+{
+    if (domain.empty() || hasNul(domain)) {
+        end(Outcome::Misconfigured, LDAP_PARAM_ERROR, "not a domain");
+        return;
+    }
+    service.emplace(nameServers);
+    if (!service->fault().empty()) {
+        end(Outcome::Misconfigured, LDAP_PARAM_ERROR, service->fault());
+        return;
+    }
+    ares_query(service->channel(), name.c_str(), ns_c_in, ns_t_srv, answered, this);
+}
+
+void SrvQuery::State::end(Outcome outcome, int code, std::string const& why)
+{
+    verdict = Verdict{outcome, code,
+                      "the servers of '" + oneLine(domain) + "' (" + oneLine(name) +
+                          ") are not known: " + why};
+    isSettled = true;
+}
+
+void SrvQuery::State::answered(void* state, int status, int, unsigned char* bytes, int length)
+{
+    auto* const self = static_cast<State*>(state);
+    try {
+        if (!self->isSettled) {
+            self->take(status, bytes, length);
+        }
+    } catch (std::bad_alloc const&) { // cannot pass through c-ares
+        self->targets.clear();
+        self->verdict.outcome = Outcome::TryLater;
+        self->verdict.code = LDAP_SERVER_DOWN;
+        self->isSettled = true;
+    }
+}
+
+void SrvQuery::State::take(int status, unsigned char const* bytes, int length)
+{
+    ares_srv_reply* reply = nullptr;
+    int const error = status == ARES_SUCCESS ? ares_parse_srv_reply(bytes, length, &reply) : status;
+    std::unique_ptr<ares_srv_reply, void (*)(void*)> const owner(reply, ares_free_data);
+    for (ares_srv_reply const* record = reply; record != nullptr; record = record->next) {
+        targets.push_back(SrvTarget{record->host, record->port, record->priority, record->weight});
+    }
+    if (error == ARES_ETIMEOUT) {
+        end(Outcome::TryLater, LDAP_TIMEOUT, "no name server answers");
+        return;
+    }
+    targets.erase(std::remove_if(targets.begin(), targets.end(), isNone), targets.end());
+    if (error != ARES_SUCCESS || targets.empty()) {
+        targets.clear();
+        end(Outcome::TryLater, LDAP_SERVER_DOWN,
+            error == ARES_SUCCESS ? "the domain says that it has none" : ares_strerror(error));
+        return;
+    }
+    std::mt19937 generator{std::random_device()()};
+    targets = inOrderOfTrial(std::move(targets), [&generator](std::uint32_t highest) {
+        return std::uniform_int_distribution<std::uint32_t>(0, highest)(generator);
+    });
+    isSettled = true;
+}
+
+SrvQuery::SrvQuery(std::string const& domain, bool secure,
+                   std::vector<std::string> const& nameServers)
+    : m_state(std::make_unique<State>(domain, secure))
+{
+    m_state->begin(nameServers);
+}
+
+SrvQuery::~SrvQuery()
+{
+    m_state->isSettled = true; // what is still open is not to be answered any more
+}
+
+void SrvQuery::advance()
+{
+    if (!m_state->isSettled && m_state->service) {
+        m_state->service->advance();
+    }
+}
+
+void SrvQuery::waits(Waits& waits) const
+{
+    if (!m_state->isSettled && m_state->service) {
+        m_state->service->waits(waits);
+    }
+}
+
+bool SrvQuery::isSettled() const { return m_state->isSettled; }
+Verdict const& SrvQuery::verdict() const { return m_state->verdict; }
+std::vector<SrvTarget> const& SrvQuery::targets() const { return m_state->targets; }
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,330 @@
+// Searches that one server fails and another one answers, and what the key ends with if none does.
+#include "Eventually.h"
+#include "LdapMessages.h"
+#include "Lookups.h"
+#include "ScriptedServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+
+using namespace Solvane;
+using Lookup::Outcome;
+using std::chrono::milliseconds;
+using testing::HasSubstr;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+std::string uriOf(ScriptedServer const& server)
+{
+    return "ldap://127.0.0.1:" + std::to_string(server.port());
+}
+
+OnSearch answering(int code)
+{
+    return [code](Peer& peer, std::string const& request) {
+        peer.send(searchDone(messageIdOf(request), code));
+    };
+}
+
+void hangUp(Peer& peer, std::string const&) { peer.reset(); }
+void sayNothing(Peer& peer, std::string const&) { peer.receiveUntilClosed(); }
+
+void sendWrongTag(Peer& peer, std::string const& request)
+{
+    peer.send(ldapMessage(messageIdOf(request), berElement(0x6f, "")));
+}
+
+void sendDamagedEntry(Peer& peer, std::string const& request)
+{
+    std::string const name("\x04\x04"
+                           "cn=x");
+    std::string const longer("\x04\x7F"
+                             "cn=x");
+    std::string entry = searchEntry(messageIdOf(request), "cn=x", {});
+    entry.replace(entry.find(name), name.size(), longer);
+    peer.send(entry + searchDone(messageIdOf(request)));
+}
+
+/// A way for a server to fail searches behind a bind that it accepts.
+struct Way {
+    char const* name;
+    OnSearch onSearch;
+};
+
+Way const ways[] = {
+    {"Cuts", hangUp},
+    {"IsSilent", sayNothing},
+    {"SendsAWrongTag", sendWrongTag},
+    {"SendsADamagedEntry", sendDamagedEntry},
+    {"OperationsError", answering(1)},
+    {"ProtocolError", answering(2)},
+    {"TimeLimitExceeded", answering(3)},
+    {"AdminLimitExceeded", answering(11)},
+    {"NoSuchObject", answering(32)},
+    {"InsufficientAccess", answering(50)},
+    {"Busy", answering(51)},
+    {"Unavailable", answering(52)},
+    {"UnwillingToPerform", answering(53)},
+    {"Other", answering(80)},
+};
+
+LDAPLookup::Settings settingsOf(std::vector<ScriptedServer*> const& servers)
+{
+    std::vector<unsigned int> ports;
+    std::transform(servers.begin(), servers.end(), std::back_inserter(ports),
+                   [](ScriptedServer const* server) { return server->port(); });
+    auto settings = SolvaneTest::settingsFor(ports);
+    settings.networkTimeout = 1;
+    settings.backOff = settings.longestBackOff = std::chrono::hours(1);
+    return settings;
+}
+
+} // namespace
+
+class AServerThatFailsSearches : public testing::TestWithParam<Way> {};
+
+TEST_P(AServerThatFailsSearches, IsFollowedByTheNextForASingleKey)
+{
+    ScriptedServer failing(serving(GetParam().onSearch));
+    ScriptedServer healthy(serving(answerFound));
+    LDAPLookup lookup(settingsOf({&failing, &healthy}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, uriOf(healthy));
+    EXPECT_EQ(countOf(SearchRequest, failing.received()), 1U);
+    EXPECT_TRUE(answer.wasRepeated);
+}
+
+TEST_P(AServerThatFailsSearches, IsFollowedByTheNextForManyKeys)
+{
+    ScriptedServer failing(serving(GetParam().onSearch));
+    ScriptedServer healthy(serving(answerFound));
+    LDAPLookup lookup(settingsOf({&failing, &healthy}));
+    std::vector<std::string> keys;
+    for (int user = 0; user < 200; ++user) {
+        keys.push_back(addressOf(user));
+    }
+
+    auto const answers = answersTo(lookup, keys);
+
+    ASSERT_EQ(answers.size(), keys.size());
+    for (Answered const& each : answers) {
+        EXPECT_EQ(each.answer.outcome, Outcome::Found) << each.answer.text;
+        EXPECT_EQ(each.answer.server, uriOf(healthy));
+    }
+}
+
+TEST_P(AServerThatFailsSearches, IsSkippedOnceAnotherAnsweredInItsPlace)
+{
+    ScriptedServer failing(serving(GetParam().onSearch));
+    ScriptedServer healthy(serving(answerFound));
+    LDAPLookup lookup(settingsOf({&failing, &healthy}));
+
+    for (int user = 0; user < 5; ++user) {
+        EXPECT_EQ(lookup.find(addressOf(user)).outcome, Outcome::Found);
+    }
+
+    EXPECT_EQ(countOf(SearchRequest, failing.received()), 1U);
+    EXPECT_EQ(failing.connectionCount(), 1U);
+}
+
+// Its back-off doubles although it accepts connections and binds each time.
+TEST_P(AServerThatFailsSearches, IsAskedMoreAndMoreSeldom)
+{
+    ScriptedServer failing(serving(GetParam().onSearch));
+    ScriptedServer healthy(serving(answerFound));
+    auto settings = settingsOf({&failing, &healthy});
+    settings.deadline = milliseconds(1000);
+    settings.backOff = milliseconds(1);
+    LDAPLookup lookup(settings);
+
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(lookup.find(addressOf(i)).outcome, Outcome::Found);
+    }
+
+    EXPECT_LE(countOf(SearchRequest, failing.received()), 20U); // 2^20 ms
+}
+
+INSTANTIATE_TEST_SUITE_P(EachWay, AServerThatFailsSearches, testing::ValuesIn(ways),
+                         [](testing::TestParamInfo<Way> const& way) {
+                             return std::string(way.param.name);
+                         });
+
+TEST(AServerThatFailedSearches, IsUsedAgainWhenItAnswers)
+{
+    std::atomic<bool> isBack{false};
+    ScriptedServer first(serving([&](Peer& peer, std::string const& request) {
+        (isBack ? answerFound : answering(80))(peer, request);
+    }));
+    ScriptedServer second(serving(answerFound));
+    auto settings = settingsOf({&first, &second});
+    settings.backOff = settings.longestBackOff = milliseconds(1);
+    LDAPLookup lookup(settings);
+
+    auto const meanwhile = lookup.find(addressOf(1));
+    isBack = true;
+    bool const returned =
+        eventually([&] { return lookup.find(addressOf(1)).server == uriOf(first); });
+
+    EXPECT_EQ(meanwhile.server, uriOf(second));
+    EXPECT_TRUE(returned);
+}
+
+TEST(AKeyThatEveryServerFails, IsMisconfiguredIfNoneHasTheBase)
+{
+    ScriptedServer first(serving(answering(32)));
+    ScriptedServer second(serving(answering(32)));
+    LDAPLookup lookup(settingsOf({&first, &second}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Misconfigured);
+    EXPECT_EQ(answer.code, 32);
+    EXPECT_THAT(answer.text, HasSubstr(uriOf(first)));
+    EXPECT_THAT(answer.text, HasSubstr(uriOf(second)));
+}
+
+TEST(AKeyThatEveryServerFails, IsRefusedIfAllRefuse)
+{
+    ScriptedServer first(serving(answering(50)));
+    ScriptedServer second(serving(answering(50)));
+    LDAPLookup lookup(settingsOf({&first, &second}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Refused);
+    EXPECT_EQ(answer.code, 50);
+}
+
+TEST(AKeyThatEveryServerFails, IsToBeTriedLaterIfTheyDiffer)
+{
+    ScriptedServer first(serving(answering(32)));
+    ScriptedServer second(serving(answering(50)));
+    LDAPLookup lookup(settingsOf({&first, &second}));
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::TryLater);
+}
+
+TEST(AKeyThatEveryServerFails, IsToBeTriedLaterIfOneIsDown)
+{
+    ScriptedServer first(serving(answering(32)));
+    RefusingPort const down;
+    auto settings = settingsOf({&first});
+    settings.servers.push_back(settings.servers.front());
+    settings.servers.back().port = down.number();
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answer.code, -1);
+}
+
+// Nobody may take the servers out of use by an address that they do not like.
+TEST(AKeyThatEveryServerFails, DoesNotMakeThemCountAsFailed)
+{
+    OnSearch const picky = [](Peer& peer, std::string const& request) {
+        bool const isDisliked = request.find("poison") != std::string::npos;
+        (isDisliked ? answering(53) : answerFound)(peer, request);
+    };
+    ScriptedServer first(serving(picky));
+    ScriptedServer second(serving(picky));
+    LDAPLookup lookup(settingsOf({&first, &second}));
+
+    auto const poison = lookup.find("poison@corp.test");
+    auto const good = lookup.find(addressOf(1));
+
+    EXPECT_EQ(poison.outcome, Outcome::Refused);
+    EXPECT_EQ(good.outcome, Outcome::Found);
+    EXPECT_EQ(good.server, uriOf(first));
+}
+
+TEST(AnIdleConnectionThatWasLost, IsReplacedByOneToTheSameServer)
+{
+    std::atomic<int> searches{0};
+    ScriptedServer first(serving([&](Peer& peer, std::string const& request) {
+        (++searches == 2 ? hangUp : answerFound)(peer, request);
+    }));
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup lookup(settingsOf({&first, &second}));
+    lookup.find(addressOf(1));
+
+    auto const answer = lookup.find(addressOf(2));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found);
+    EXPECT_EQ(answer.server, uriOf(first));
+    EXPECT_TRUE(answer.wasRepeated);
+    EXPECT_EQ(second.connectionCount(), 0U);
+}
+
+// References
+
+namespace {
+
+void answerElsewhere(Peer& peer, std::string const& request)
+{
+    constexpr unsigned char searchReference = 0x73;
+    std::string const elsewhere = berElement(
+        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
+    int const id = messageIdOf(request);
+    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
+}
+
+} // namespace
+
+TEST(AnAnswerOfReferencesOnly, IsToBeTriedLater)
+{
+    ScriptedServer server(serving(answerElsewhere));
+    LDAPLookup lookup(settingsOf({&server}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_THAT(answer.text, HasSubstr("refers to other servers"));
+    EXPECT_THAT(answer.text, HasSubstr("references = ignore"));
+}
+
+// A form that may be found elsewhere must not be passed over for a less exact one.
+TEST(AnAnswerOfReferencesOnly, EndsTheFormsOfTheKey)
+{
+    ScriptedServer server(serving(answerElsewhere));
+    auto settings = settingsOf({&server});
+    settings.forms = {LDAPLookup::Form::full, LDAPLookup::Form::domain};
+    LDAPLookup lookup(settings);
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::TryLater);
+    EXPECT_EQ(countOf(SearchRequest, server.received()), 1U);
+}
+
+TEST(AnAnswerOfReferencesOnly, IsNotFoundIfThatIsSet)
+{
+    ScriptedServer server(serving(answerElsewhere));
+    auto settings = settingsOf({&server});
+    settings.references = LDAPLookup::References::ignore;
+    LDAPLookup lookup(settings);
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::NotFound);
+}
+
+TEST(AnAnswerOfReferencesOnly, DoesNotMatterBesideAnEntry)
+{
+    ScriptedServer server(serving([](Peer& peer, std::string const& request) {
+        peer.send(searchEntry(messageIdOf(request), "cn=x", {}));
+        answerElsewhere(peer, request);
+    }));
+    LDAPLookup lookup(settingsOf({&server}));
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
+} // namespace SolvaneTest

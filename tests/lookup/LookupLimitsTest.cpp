@@ -1,0 +1,221 @@
+// Bounds of answers and keys, and links that are slow but not silent.
+#include "Eventually.h"
+#include "LdapMessages.h"
+#include "Lookups.h"
+#include "ScriptedServer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+using namespace Solvane;
+using Lookup::Outcome;
+using std::chrono::milliseconds;
+using testing::Each;
+using testing::HasSubstr;
+using testing::SizeIs;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+constexpr std::size_t kilobyte = 1024;
+
+bool isFor(std::string const& text, std::string const& request)
+{
+    return request.find(text) != std::string::npos;
+}
+
+/// For "large": so many entries of so many bytes; for others one small entry.
+OnSearch sendingLarge(std::size_t entries, std::size_t bytes)
+{
+    return [=](Peer& peer, std::string const& request) {
+        if (!isFor("large", request)) {
+            return answerFound(peer, request);
+        }
+        int const id = messageIdOf(request);
+        std::string const entry = searchEntry(id, "cn=x", {{"cn", {std::string(bytes, 'v')}}});
+        for (std::size_t i = 0; i < entries; ++i) {
+            peer.send(entry);
+        }
+        peer.send(searchDone(id));
+    };
+}
+
+} // namespace
+
+TEST(AnAnswerBeyondItsBound, IsToBeTriedLaterAndSaysWhichSetting)
+{
+    ScriptedServer const server(serving(sendingLarge(40, 100 * kilobyte)));
+    auto settings = settingsFor({server.port()});
+    settings.answerBytes = 1000 * kilobyte;
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find("large@corp.test");
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answer.code, 4);
+    EXPECT_THAT(answer.text, HasSubstr("larger than 1024000 bytes (answer_bytes)"));
+    EXPECT_LE(answer.entries.size(), 10U);
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
+TEST(AnAnswerBeyondItsBound, LeavesTheOtherKeysAlone)
+{
+    ScriptedServer const server(serving(sendingLarge(40, 100 * kilobyte)));
+    auto settings = settingsFor({server.port()});
+    settings.answerBytes = 1000 * kilobyte;
+    settings.connections = 1;
+    LDAPLookup lookup(settings);
+    std::vector<std::string> keys(60, addressOf(1));
+    keys[20] = "large@corp.test";
+
+    auto const answers = answersTo(lookup, keys);
+
+    ASSERT_THAT(answers, SizeIs(60));
+    for (Answered const& each : answers) {
+        bool const isLarge = each.key == keys[20];
+        EXPECT_EQ(each.answer.outcome, isLarge ? Outcome::TryLater : Outcome::Found)
+            << each.answer.text;
+    }
+}
+
+TEST(AnAnswerWithinItsBound, IsWhole)
+{
+    ScriptedServer const server(serving(sendingLarge(9, 100 * kilobyte)));
+    auto settings = settingsFor({server.port()});
+    settings.answerBytes = 1000 * kilobyte;
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find("large@corp.test");
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_THAT(answer.entries, SizeIs(9));
+}
+
+TEST(AnEntryBeyondItsBound, IsToBeTriedLater)
+{
+    ScriptedServer const server(serving(sendingLarge(1, 2000 * kilobyte)));
+    auto settings = settingsFor({server.port()});
+    settings.entryBytes = 1000 * kilobyte;
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find("large@corp.test");
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_THAT(answer.text, HasSubstr("1024000 bytes"));
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
+// A value that takes longer to arrive than a server may be silent.
+TEST(ASlowLink, IsNotSilence)
+{
+    ScriptedServer const server(serving([](Peer& peer, std::string const& request) {
+        int const id = messageIdOf(request);
+        std::string const entry =
+            searchEntry(id, "cn=x", {{"cn", {std::string(40 * kilobyte, 'v')}}});
+        constexpr std::size_t part = 2 * kilobyte;
+        for (std::size_t sent = 0; sent < entry.size(); sent += part) {
+            peer.send(entry.substr(sent, part));
+            std::this_thread::sleep_for(milliseconds(100)); // the link itself
+        }
+        peer.send(searchDone(id));
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.networkTimeout = 1;
+    settings.deadline = std::chrono::seconds(60);
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_GE(answer.milliseconds, 1000);
+    EXPECT_FALSE(answer.wasRepeated);
+}
+
+TEST(AKeyBeyondItsBound, IsNeverSent)
+{
+    ScriptedServer server(serving(answerFound));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const answer = lookup.find(std::string(1001, 'x'));
+
+    EXPECT_EQ(answer.outcome, Outcome::BadKey);
+    EXPECT_THAT(answer.text, HasSubstr("1001 bytes"));
+    EXPECT_EQ(server.connectionCount(), 0U);
+}
+
+TEST(AKeyBeyondItsBound, LeavesTheOthersAlone)
+{
+    ScriptedServer const server(serving(answerFound));
+    LDAPLookup lookup(settingsFor({server.port()}));
+    std::vector<std::string> keys;
+    for (int i = 0; i < 300; ++i) {
+        keys.push_back(i % 30 == 0 ? std::string(300 * kilobyte, 'x') : addressOf(i));
+    }
+
+    auto const answers = answersTo(lookup, keys);
+
+    ASSERT_EQ(answers.size(), keys.size());
+    for (Answered const& each : answers) {
+        bool const isLong = each.key.size() > kilobyte;
+        EXPECT_EQ(each.answer.outcome, isLong ? Outcome::BadKey : Outcome::Found);
+    }
+    EXPECT_EQ(lookup.statistics().repeated, 0U);
+}
+
+TEST(ADeadlineOfAMillisecond, EndsEveryKey)
+{
+    ScriptedServer const silent([](Peer& peer) { peer.receiveUntilClosed(); });
+    auto settings = settingsFor({silent.port()});
+    settings.deadline = milliseconds(1);
+    LDAPLookup lookup(settings);
+
+    std::vector<Outcome> outcomes = {lookup.find(addressOf(1)).outcome};
+    for (Answered const& each : answersTo(lookup, std::vector<std::string>(100, addressOf(1)))) {
+        outcomes.push_back(each.answer.outcome);
+    }
+
+    EXPECT_THAT(outcomes, SizeIs(101));
+    EXPECT_THAT(outcomes, Each(Outcome::TryLater));
+}
+
+TEST(ALookup, CanBeMoved)
+{
+    ScriptedServer const server(serving(answerFound));
+    LDAPLookup first(settingsFor({server.port()}));
+    first.find(addressOf(1));
+
+    LDAPLookup second(std::move(first));
+    LDAPLookup third(settingsFor({server.port()}));
+    third = std::move(second);
+
+    EXPECT_EQ(third.find(addressOf(2)).outcome, Outcome::Found);
+    EXPECT_EQ(third.statistics().opened, 1U);
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(AnAnswer, HasItsValuesByName)
+{
+    ScriptedServer const server(serving([](Peer& peer, std::string const& request) {
+        int const id = messageIdOf(request);
+        peer.send(searchEntry(id, "cn=a", {{"cn", {"A"}}}) +
+                  searchEntry(id, "cn=b", {{"Mail", {"b@corp.test", "c@corp.test"}}}) +
+                  searchEntry(id, "cn=c", {{"mail", {"d@corp.test"}}}) + searchDone(id));
+    }));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.value("mail"), "b@corp.test");
+    EXPECT_THAT(answer.values("MAIL"),
+                testing::ElementsAre("b@corp.test", "c@corp.test", "d@corp.test"));
+    EXPECT_EQ(answer.value("sn"), "");
+    EXPECT_THAT(answer.values("sn"), testing::IsEmpty());
+}
+
+} // namespace SolvaneTest

@@ -1,0 +1,291 @@
+// TLS peers that are silent, break off or say odd things; and sessions that are resumed.
+#include "Authority.h"
+#include "Eventually.h"
+#include "LdapMessages.h"
+#include "ScriptedServer.h"
+#include "ServerTls.h"
+#include "Sessions.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ldap.h>
+
+#include <atomic>
+#include <memory>
+
+using namespace Solvane;
+using namespace Solvane::Lookup;
+using std::chrono::milliseconds;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+constexpr char tls12[] = "NORMAL:-VERS-ALL:+VERS-TLS1.2";
+constexpr char tls13[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3";
+
+/// Answers each request with a success of its kind.
+void answerAll(Peer& peer)
+{
+    for (std::string request = peer.receiveMessage(); !request.empty();
+         request = peer.receiveMessage()) {
+        peer.send(operationOf(request) == BindRequest ? bindResponse(messageIdOf(request))
+                                                      : searchDone(messageIdOf(request)));
+    }
+}
+
+class TlsPeer : public testing::Test {
+protected:
+    TlsPolicy good() const { return policy(TlsVerify::full, m_authority.file()); }
+
+    Authority m_authority;
+    ServerTls m_tls{m_authority.issue()};
+};
+
+} // namespace
+
+TEST_F(TlsPeer, ThatIsSilentEndsWithTheTimeout)
+{
+    ScriptedServer const server([](Peer& peer) { peer.ignore(); });
+    SessionOptions options = secureOptions(server.port(), good());
+    options.networkTimeout = milliseconds(300);
+    Session session(options);
+
+    Verdict const verdict = session.reach(Step::identify, soon());
+
+    EXPECT_THAT(shown(verdict),
+                AllOf(StartsWith("TryLater -5 ldaps://127.0.0.1:"),
+                      HasSubstr("no connection within 0.300 s: the TLS handshake")));
+    EXPECT_EQ(session.step(), Step::handshake);
+}
+
+TEST_F(TlsPeer, ThatSpeaksNoTlsIsTriedLater)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+        peer.receiveUntilClosed();
+    });
+    Session session(secureOptions(server.port(), good()));
+
+    Verdict const verdict = session.reach(Step::handshake, soon());
+
+    EXPECT_THAT(shown(verdict),
+                AllOf(StartsWith("TryLater -1 "), HasSubstr("the server does not speak TLS")));
+}
+
+TEST_F(TlsPeer, ThatSpeaksLdapInsteadIsTriedLater)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.send(noticeOfDisconnection());
+        peer.receiveUntilClosed();
+    });
+    Session session(secureOptions(server.port(), good()));
+
+    EXPECT_THAT(shown(session.reach(Step::handshake, soon())),
+                AllOf(StartsWith("TryLater -1 "), HasSubstr("the server does not speak TLS")));
+}
+
+TEST_F(TlsPeer, ThatDripsItsAnswersIsUnderstood)
+{
+    ScriptedServer const server([&](Peer& peer) {
+        peer.startTls(m_tls);
+        std::string const bind = peer.receiveMessage();
+        peer.drip(bindResponse(messageIdOf(bind))); // a record for each byte
+        peer.receiveUntilClosed();
+    });
+    SessionOptions options = secureOptions(server.port(), good());
+    options.bindDn = readerDn;
+    options.password = &readerPassword;
+    Session session(options);
+
+    EXPECT_EQ(shown(session.reach(Step::bind, soon())), "Found 0 ");
+}
+
+// More than a record, and several messages in one: nothing of it may stay behind in TLS while the
+// session waits for the socket.
+TEST_F(TlsPeer, ThatAnswersInRecordsThatDoNotEndWithMessagesLeavesNothingBehind)
+{
+    std::string const large(100000, 'x');
+    ScriptedServer const server([&](Peer& peer) {
+        peer.startTls(m_tls);
+        int const id = messageIdOf(peer.receiveMessage());
+        std::string answers;
+        for (int i = 0; i < 20; ++i) {
+            answers += searchEntry(id, "cn=small", {{"cn", {"small"}}});
+        }
+        answers += searchEntry(id, "cn=large", {{"jpegPhoto", {large}}});
+        peer.send(answers + searchDone(id));
+        peer.receiveUntilClosed();
+    });
+    Session session(secureOptions(server.port(), good()));
+    ASSERT_EQ(shown(session.reach(Step::handshake, soon())), "Found 0 ");
+    int id = 0;
+    session.send(peopleSearch(), "(cn=x)", id);
+
+    EXPECT_EQ(typesFor(session, id).size(), 22U);
+}
+
+TEST_F(TlsPeer, IsFreshAfterTheTicketsOfTheHandshake)
+{
+    ServerTls const tls(m_authority.issue(), tls13);
+    ScriptedServer server([&](Peer& peer) {
+        peer.startTls(tls);
+        peer.awaitCue();
+        peer.send(noticeOfDisconnection());
+        peer.receiveUntilClosed();
+    });
+    Session session(secureOptions(server.port(), good()));
+    ASSERT_EQ(shown(session.reach(Step::handshake, soon())), "Found 0 ");
+
+    // The tickets come when they come; the connection is fresh before, meanwhile and after.
+    bool const wasFresh = session.isFresh();
+    server.giveCue();
+
+    EXPECT_TRUE(wasFresh);
+    EXPECT_TRUE(eventually([&] { return !session.isFresh(); }));
+}
+
+TEST_F(TlsPeer, IsNotFreshOnceItSaidGoodbye)
+{
+    ScriptedServer server([&](Peer& peer) {
+        peer.startTls(m_tls);
+        peer.awaitCue();
+    });
+    Session session(secureOptions(server.port(), good()));
+    ASSERT_EQ(shown(session.reach(Step::handshake, soon())), "Found 0 ");
+
+    server.giveCue();
+
+    EXPECT_TRUE(eventually([&] { return !session.isFresh(); }));
+}
+
+class TlsPeerThatBreaksOff : public testing::TestWithParam<char const*> {};
+
+TEST_P(TlsPeerThatBreaksOff, AtAnyByteOfTheHandshakeIsTriedLater)
+{
+    Authority authority;
+    ServerTls const tls(authority.issue(), GetParam());
+    TlsPolicy const good = policy(TlsVerify::full, authority.file());
+    std::atomic<std::size_t> cutAfter{0};
+    std::atomic<std::size_t> whole{0};
+    ScriptedServer const server([&](Peer& peer) {
+        if (cutAfter == 0) {
+            peer.startTls(tls);
+            whole = peer.tlsBytes();
+            answerAll(peer);
+        } else {
+            peer.startTls(tls, cutAfter);
+        }
+    });
+    ASSERT_TRUE(Session(secureOptions(server.port(), good)).reach(Step::identify, soon()).isGood());
+    std::size_t completed = 0;
+
+    for (cutAfter = 1; cutAfter < whole; ++cutAfter) {
+        Session session(secureOptions(server.port(), good));
+        Verdict const verdict = session.reach(Step::identify, soon());
+        completed += session.isDone(Step::handshake) ? 1U : 0U;
+        ASSERT_THAT(shown(verdict), StartsWith("TryLater -1 ")) << cutAfter;
+    }
+
+    EXPECT_GT(whole, 500U);
+    EXPECT_LT(completed, whole / 2); // cut in the tickets that follow in TLS 1.3
+}
+
+INSTANTIATE_TEST_SUITE_P(InEachVersion, TlsPeerThatBreaksOff, testing::Values(tls12, tls13));
+
+// Resumption
+
+class ResumedTls : public testing::TestWithParam<char const*> {
+protected:
+    /// A session with the server, bound, with what came of its answers taken in.
+    std::unique_ptr<Session> opened(std::string const& host = "localhost")
+    {
+        SessionOptions options = secureOptions(m_server.port(), TlsPolicy(), host);
+        options.tls = m_context;
+        options.bindDn = readerDn;
+        options.password = &readerPassword;
+        auto session = std::make_unique<Session>(options);
+        session->reach(Step::bind, soon());
+        return session;
+    }
+
+    Authority m_authority;
+    ServerTls m_tls{m_authority.issue(), GetParam()};
+    std::atomic<int> m_resumed{0};
+    ScriptedServer m_server{[this](Peer& peer) {
+        if (peer.startTls(m_tls)) {
+            m_resumed += peer.isTlsResumed() ? 1 : 0;
+            answerAll(peer);
+        }
+    }};
+    std::shared_ptr<TlsContext> m_context =
+        std::make_shared<TlsContext>(policy(TlsVerify::full, m_authority.file()));
+};
+
+TEST_P(ResumedTls, IsTakenUpByTheNextSession)
+{
+    auto const first = opened();
+    auto const second = opened();
+
+    EXPECT_FALSE(first->isTlsResumed());
+    EXPECT_EQ(shown(second->verdict()), "Found 0 ");
+    EXPECT_TRUE(second->isTlsResumed());
+    EXPECT_EQ(m_resumed, 1);
+    ASSERT_TRUE(second->certificate());
+    EXPECT_EQ(second->certificate()->subject(), "CN=localhost");
+}
+
+TEST_P(ResumedTls, IsNotTakenUpForAnotherName)
+{
+    auto const first = opened();
+
+    auto const second = opened("elsewhere.example.test");
+
+    EXPECT_THAT(shown(second->verdict()),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not for 'elsewhere.example.test'")));
+    EXPECT_FALSE(second->isTlsResumed());
+}
+
+TEST_P(ResumedTls, IsNotTakenUpInAnotherContext)
+{
+    auto const first = opened();
+    m_context = std::make_shared<TlsContext>(policy(TlsVerify::full, m_authority.file()));
+
+    auto const second = opened();
+
+    EXPECT_EQ(shown(second->verdict()), "Found 0 ");
+    EXPECT_FALSE(second->isTlsResumed());
+}
+
+TEST_P(ResumedTls, IsTakenUpAgainAndAgain)
+{
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(shown(opened()->verdict()), "Found 0 ");
+    }
+
+    EXPECT_EQ(m_resumed, 4);
+}
+
+TEST_P(ResumedTls, OfACertificateThatWasRefusedIsNotKept)
+{
+    Authority const other;
+    m_context = std::make_shared<TlsContext>(policy(TlsVerify::full, other.file()));
+    auto const first = opened();
+
+    auto const second = opened();
+
+    EXPECT_EQ(first->verdict().outcome, Outcome::Refused);
+    EXPECT_EQ(second->verdict().outcome, Outcome::Refused);
+    EXPECT_EQ(m_resumed, 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(InEachVersion, ResumedTls, testing::Values(tls12, tls13));
+
+} // namespace SolvaneTest

@@ -1,0 +1,414 @@
+// TLS: certificates of every kind, versions, client certificates, and peers that do not finish.
+#include "Authority.h"
+#include "Eventually.h"
+#include "LdapMessages.h"
+#include "ScriptedServer.h"
+#include "ServerTls.h"
+#include "Sessions.h"
+#include "TemporaryDirectory.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <ldap.h>
+
+#include <atomic>
+#include <fstream>
+#include <memory>
+
+using namespace Solvane;
+using namespace Solvane::Lookup;
+using std::chrono::milliseconds;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+/// Shakes hands, and answers each request with a success of its kind.
+void serve(Peer& peer, ServerTls const& tls)
+{
+    if (!peer.startTls(tls)) {
+        return;
+    }
+    for (std::string request = peer.receiveMessage(); !request.empty();
+         request = peer.receiveMessage()) {
+        peer.send(operationOf(request) == BindRequest ? bindResponse(messageIdOf(request))
+                                                      : searchDone(messageIdOf(request)));
+    }
+}
+
+/// A server with TLS that answers everything.
+class TlsServer {
+public:
+    explicit TlsServer(TlsIdentity const& identity, std::string const& priority = "NORMAL",
+                       std::string const& clientAuthorities = std::string())
+        : m_tls(identity, priority, clientAuthorities)
+    {
+    }
+
+    unsigned int port() const { return m_server.port(); }
+    ScriptedServer& server() { return m_server; }
+
+private:
+    ServerTls m_tls;
+    ScriptedServer m_server{[this](Peer& peer) { serve(peer, m_tls); }};
+};
+
+/// An authority, and what a session says to certificates.
+class CertificateOfAServer : public testing::Test {
+protected:
+    Verdict verdictOn(TlsIdentity const& identity, TlsVerify verify = TlsVerify::full,
+                      std::string const& host = "localhost")
+    {
+        return verdictOn(identity, policy(verify, m_authority.file()), host);
+    }
+    Verdict verdictOn(TlsIdentity const& identity, TlsPolicy const& policy,
+                      std::string const& host = "localhost")
+    {
+        TlsServer const server(identity);
+        m_session = std::make_unique<Session>(secureOptions(server.port(), policy, host));
+        return m_session->reach(Step::handshake, soon());
+    }
+
+    Authority m_authority;
+    CertificateWish m_wish;
+    std::unique_ptr<Session> m_session;
+};
+
+} // namespace
+
+// Certificates
+
+TEST_F(CertificateOfAServer, IsAcceptedForItsNameAndItsAddress)
+{
+    TlsIdentity const good = m_authority.issue();
+
+    EXPECT_EQ(shown(verdictOn(good)), "Found 0 ");
+    EXPECT_EQ(m_session->tlsVersion(), "TLS1.3");
+    EXPECT_THAT(m_session->tlsCipher(), Not(IsEmpty()));
+    ASSERT_TRUE(m_session->certificate());
+    EXPECT_EQ(m_session->certificate()->subject(), "CN=localhost");
+    EXPECT_EQ(shown(verdictOn(good, TlsVerify::full, "127.0.0.1")), "Found 0 ");
+    EXPECT_EQ(shown(verdictOn(good, TlsVerify::full, "LocalHost.")), "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsAcceptedThroughAnAuthorityInBetween)
+{
+    CertificateWish between;
+    between.commonName = "Between";
+    between.isAuthority = true;
+
+    EXPECT_EQ(shown(verdictOn(m_authority.issueThrough(between, m_wish))), "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsRefusedForAnotherName)
+{
+    TlsIdentity const good = m_authority.issue();
+
+    Verdict const verdict = verdictOn(good, TlsVerify::full, "ldap.example.test");
+    bool const wasShown = m_session->certificate().has_value();
+
+    EXPECT_THAT(shown(verdict),
+                AllOf(StartsWith("Refused -11 ldaps://ldap.example.test:"),
+                      HasSubstr("not for 'ldap.example.test', but for localhost, 127.0.0.1")));
+    EXPECT_TRUE(wasShown);
+    EXPECT_EQ(m_session->step(), Step::handshake);
+    EXPECT_EQ(shown(verdictOn(good, TlsVerify::chain, "ldap.example.test")), "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsRefusedWithoutItsAuthority)
+{
+    Authority const other("Somebody else");
+
+    Verdict const verdict = verdictOn(m_authority.issue(), policy(TlsVerify::chain, other.file()));
+
+    EXPECT_THAT(shown(verdict), AllOf(StartsWith("Refused -11 "),
+                                      HasSubstr("not accepted: signed by an unknown authority: "
+                                                "CN=Test authority")));
+}
+
+TEST_F(CertificateOfAServer, IsRefusedIfItSignedItself)
+{
+    EXPECT_THAT(shown(verdictOn(m_authority.selfSigned(m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not accepted: signed by itself")));
+}
+
+TEST_F(CertificateOfAServer, IsRefusedOutOfItsTime)
+{
+    m_wish.notBefore = 1577836800;
+    m_wish.notAfter = 1609459200;
+    EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("expired since 2021-01-01")));
+
+    m_wish.notBefore = 4102444800;
+    m_wish.notAfter = 4133980800;
+    EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not valid before 2100-01-01")));
+}
+
+TEST_F(CertificateOfAServer, IsRefusedIfTheAuthorityInBetweenExpired)
+{
+    CertificateWish between;
+    between.commonName = "Between";
+    between.isAuthority = true;
+    between.notBefore = 1577836800;
+    between.notAfter = 1609459200;
+
+    EXPECT_THAT(
+        shown(verdictOn(m_authority.issueThrough(between, m_wish))),
+        AllOf(StartsWith("Refused -11 "), HasSubstr("expired since 2021-01-01 (CN=Between)")));
+}
+
+TEST_F(CertificateOfAServer, IsRefusedIfItIsForClients)
+{
+    m_wish.isForClients = true;
+
+    EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not meant for servers")));
+}
+
+TEST_F(CertificateOfAServer, IsRefusedIfItsKeyIsShort)
+{
+    m_wish.rsaBits = 1024;
+
+    EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("too weak")));
+    m_wish.rsaBits = 2048;
+    EXPECT_EQ(shown(verdictOn(m_authority.issue(m_wish))), "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsRefusedIfItIsSignedWithSha1)
+{
+    m_wish.isSignedWithSha1 = true;
+
+    EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("too weak")));
+}
+
+TEST_F(CertificateOfAServer, IsNotLookedAtWithoutVerification)
+{
+    m_wish.rsaBits = 1024;
+    m_wish.isForClients = true;
+
+    EXPECT_EQ(shown(verdictOn(m_authority.selfSigned(m_wish), TlsVerify::none, "elsewhere")),
+              "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsRefusedOnceItIsRevoked)
+{
+    TlsIdentity const revoked = m_authority.issue();
+    TlsIdentity const good = m_authority.issue();
+    TlsPolicy policy = SolvaneTest::policy(TlsVerify::full, m_authority.file());
+    policy.crlFile = m_authority.revocations({revoked});
+
+    EXPECT_THAT(shown(verdictOn(revoked, policy)),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not accepted: revoked")));
+    EXPECT_EQ(shown(verdictOn(good, policy)), "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsRefusedIfItWasRevokedOnAListThatIsOld)
+{
+    TlsIdentity const revoked = m_authority.issue();
+    TlsPolicy policy = SolvaneTest::policy(TlsVerify::full, m_authority.file());
+    policy.crlFile = m_authority.revocations({revoked}, -3600);
+
+    EXPECT_THAT(shown(verdictOn(revoked, policy)), StartsWith("Refused -11 "));
+    EXPECT_EQ(shown(verdictOn(m_authority.issue(), policy)), "Found 0 ");
+}
+
+TEST_F(CertificateOfAServer, IsAcceptedByAnAuthorityInAFolder)
+{
+    TlsPolicy policy;
+    policy.caFolder = std::filesystem::path(m_authority.file()).parent_path();
+
+    EXPECT_EQ(shown(verdictOn(m_authority.issue(), policy)), "Found 0 ");
+}
+
+// Files and settings
+
+TEST(TlsContextFor, MissingAuthoritiesIsMisconfigured)
+{
+    TlsContext const context(policy(TlsVerify::full, "/nonexistent/ca.pem"));
+
+    EXPECT_THAT(shown(context.verdict()),
+                AllOf(StartsWith("Misconfigured -9 "), HasSubstr("'/nonexistent/ca.pem'"),
+                      HasSubstr("No such file or directory")));
+}
+
+TEST(TlsContextFor, MissingAuthoritiesThatAreNotNeededIsGood)
+{
+    EXPECT_TRUE(TlsContext(policy(TlsVerify::none, "/nonexistent/ca.pem")).verdict().isGood());
+}
+
+TEST(TlsContextFor, UnusableFilesIsMisconfigured)
+{
+    TemporaryDirectory const folder;
+    Authority authority;
+    TlsIdentity const mine = authority.issue();
+    TlsIdentity const other = authority.issue();
+    std::string const empty = folder.path() / "empty.pem";
+    std::ofstream(empty) << "nothing of use\n";
+    std::string const emptyFolder = folder.path() / "folder";
+    std::filesystem::create_directory(emptyFolder);
+    auto const refusal = [&](auto const& change) {
+        TlsPolicy policy = SolvaneTest::policy(TlsVerify::full, authority.file());
+        change(policy);
+        return shown(TlsContext(policy).verdict());
+    };
+
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.caFile = empty; }),
+                AllOf(StartsWith("Misconfigured -9 the file of authorities '"),
+                      HasSubstr("empty.pem' holds no certificates")));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.caFolder = emptyFolder; }),
+                AllOf(StartsWith("Misconfigured -9 the folder of authorities '"),
+                      HasSubstr("folder' holds no certificates")));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.caFolder = "/nonexistent"; }),
+                HasSubstr("'/nonexistent' cannot be read: No such file"));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.crlFile = empty; }),
+                AllOf(StartsWith("Misconfigured -9 the file of revocation lists '"),
+                      HasSubstr("holds no revocation lists")));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.cipherSuite = "HIGH:!aNULL"; }),
+                AllOf(StartsWith("Misconfigured -9 the cipher suite 'HIGH:!aNULL' is not"),
+                      HasSubstr("GnuTLS")));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.certificateFile = mine.certificateFile; }),
+                StartsWith("Misconfigured -9 the client certificate has no key"));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.keyFile = mine.keyFile; }),
+                StartsWith("Misconfigured -9 the client certificate is missing"));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) {
+                    tls.certificateFile = mine.certificateFile;
+                    tls.keyFile = "/nonexistent/key";
+                }),
+                StartsWith("Misconfigured -9 the key file '/nonexistent/key' cannot be read"));
+    EXPECT_THAT(refusal([&](TlsPolicy& tls) {
+                    tls.certificateFile = mine.certificateFile;
+                    tls.keyFile = other.keyFile;
+                }),
+                AllOf(StartsWith("Misconfigured -9 the client certificate '"),
+                      HasSubstr("cannot be used")));
+    EXPECT_EQ(refusal([](TlsPolicy&) {}), "Found 0 ");
+}
+
+TEST(TlsContextFor, NothingSetTakesOpenLdapsConfiguration)
+{
+    Authority const authority;
+    std::string const file = authority.file();
+    std::string const suite = "SECURE192";
+    int const version = LDAP_OPT_X_TLS_PROTOCOL_TLS1_3;
+    int const none = 0;
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, file.c_str());
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CIPHER_SUITE, suite.c_str());
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_PROTOCOL_MIN, &version);
+
+    TlsContext const taken{TlsPolicy()};
+    TlsPolicy own;
+    own.caFile = "/own/ca.pem";
+    own.minimumVersion = TlsVersion::tls12;
+    TlsContext const kept(own);
+
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, nullptr);
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CIPHER_SUITE, nullptr);
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_PROTOCOL_MIN, &none);
+    EXPECT_EQ(taken.policy().caFile, file);
+    EXPECT_EQ(taken.policy().cipherSuite, suite);
+    EXPECT_EQ(taken.policy().minimumVersion, TlsVersion::tls13);
+    EXPECT_TRUE(taken.verdict().isGood()) << taken.verdict().text;
+    EXPECT_EQ(kept.policy().caFile, "/own/ca.pem");
+    EXPECT_EQ(kept.policy().minimumVersion, TlsVersion::tls12);
+}
+
+TEST(SessionWithUnusableFiles, IsMisconfiguredAndSendsNothing)
+{
+    ScriptedServer server([](Peer& peer) { peer.receiveUntilClosed(); });
+    Session session(secureOptions(server.port(), policy(TlsVerify::full, "/nonexistent/ca.pem")));
+
+    Verdict const verdict = session.reach(Step::identify, soon());
+
+    EXPECT_THAT(shown(verdict),
+                AllOf(StartsWith("Misconfigured -9 ldaps://"), HasSubstr("'/nonexistent/ca.pem'")));
+    EXPECT_EQ(session.step(), Step::handshake);
+    EXPECT_THAT(server.received(), IsEmpty());
+}
+
+// Versions and client certificates
+
+TEST(TlsServerWith, AnObsoleteVersionIsRefused)
+{
+    Authority authority;
+    TlsServer const server(authority.issue(), "NORMAL:-VERS-ALL:+VERS-TLS1.1:%COMPAT:+SHA1");
+    TlsPolicy lax = policy(TlsVerify::full, authority.file());
+    lax.minimumVersion = TlsVersion::tls11;
+    lax.cipherSuite = "NORMAL:+VERS-TLS1.1:+SHA1:+SIGN-ALL";
+
+    Session strict(secureOptions(server.port(), policy(TlsVerify::full, authority.file())));
+    Session other(secureOptions(server.port(), lax));
+    Verdict const refused = strict.reach(Step::handshake, soon());
+    Verdict const taken = other.reach(Step::handshake, soon());
+
+    EXPECT_THAT(shown(refused), AllOf(StartsWith("Refused -11 "), HasSubstr("TLS")));
+    EXPECT_EQ(shown(taken), "Found 0 ");
+    EXPECT_EQ(other.tlsVersion(), "TLS1.1");
+}
+
+TEST(TlsServerWith, ALowerVersionThanTheMinimumIsRefused)
+{
+    Authority authority;
+    TlsServer const server(authority.issue(), "NORMAL:-VERS-ALL:+VERS-TLS1.2");
+    TlsPolicy strict = policy(TlsVerify::full, authority.file());
+    strict.minimumVersion = TlsVersion::tls13;
+
+    Session refused(secureOptions(server.port(), strict));
+    Session taken(secureOptions(server.port(), policy(TlsVerify::full, authority.file())));
+
+    EXPECT_THAT(shown(refused.reach(Step::handshake, soon())), StartsWith("Refused -11 "));
+    EXPECT_EQ(shown(taken.reach(Step::bind, soon())), "Found 0 ");
+    EXPECT_EQ(taken.tlsVersion(), "TLS1.2");
+}
+
+class ServerThatDemandsACertificate : public testing::TestWithParam<char const*> {
+protected:
+    Verdict verdictWith(TlsPolicy const& policy)
+    {
+        SessionOptions options = secureOptions(m_server.port(), policy);
+        options.bindDn = readerDn;
+        options.password = &readerPassword;
+        Session session(options);
+        // In TLS 1.3 the server refuses after its client has finished.
+        return session.reach(Step::bind, soon());
+    }
+
+    Authority m_authority;
+    Authority m_clientAuthority{"Clients"};
+    TlsServer m_server{m_authority.issue(), GetParam(), m_clientAuthority.file()};
+    TlsPolicy m_policy = policy(TlsVerify::full, m_authority.file());
+};
+
+TEST_P(ServerThatDemandsACertificate, RefusesAClientWithoutOne)
+{
+    EXPECT_THAT(shown(verdictWith(m_policy)),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("the server refuses TLS: ")));
+}
+
+TEST_P(ServerThatDemandsACertificate, TakesOneOfItsAuthority)
+{
+    CertificateWish wish;
+    wish.isForClients = true;
+    TlsIdentity const mine = m_clientAuthority.issue(wish);
+    m_policy.certificateFile = mine.certificateFile;
+    m_policy.keyFile = mine.keyFile;
+
+    EXPECT_EQ(shown(verdictWith(m_policy)), "Found 0 ");
+}
+
+INSTANTIATE_TEST_SUITE_P(InEachVersion, ServerThatDemandsACertificate,
+                         testing::Values("NORMAL:-VERS-ALL:+VERS-TLS1.2",
+                                         "NORMAL:-VERS-ALL:+VERS-TLS1.3"));
+
+} // namespace SolvaneTest

@@ -1,0 +1,55 @@
+// What the tests of sessions have in common.
+#ifndef SOLVANE_TESTS_SESSION_SESSIONS_H
+#define SOLVANE_TESTS_SESSION_SESSIONS_H
+
+#include <solvane/session/Session.h>
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace SolvaneTest {
+
+constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
+constexpr char people[] = "ou=people,dc=corp,dc=test";
+
+/// The reader's password, as sessions borrow it.
+extern std::string const readerPassword;
+
+/// Deadlines: in so long, and late enough not to matter.
+Solvane::Lookup::Clock::time_point in(std::chrono::milliseconds time);
+Solvane::Lookup::Clock::time_point soon();
+
+/// Options of a session with 127.0.0.1, without a bind, with a network timeout of ten seconds.
+Solvane::Lookup::SessionOptions plainOptions(unsigned int port);
+/// The same with the reader's bind.
+Solvane::Lookup::SessionOptions boundOptions(unsigned int port);
+/// The same with TLS and no bind.
+Solvane::Lookup::SessionOptions secureOptions(unsigned int port,
+                                              Solvane::Lookup::TlsPolicy const& policy,
+                                              std::string const& host = "127.0.0.1");
+Solvane::Lookup::TlsPolicy policy(Solvane::Lookup::TlsVerify verify,
+                                  std::string const& caFile = std::string());
+
+/// A search among the people.
+Solvane::Lookup::SearchRequest peopleSearch();
+
+/// The verdict in one text: outcome, code, words.
+std::string shown(Solvane::Lookup::Verdict const& verdict);
+
+/// A message and its id; null if the connection broke, or none came in ten seconds.
+struct Message {
+    Solvane::LDAPMessageBuffer message;
+    int id = 0;
+    Solvane::Lookup::Session::Received received = Solvane::Lookup::Session::Received::nothing;
+};
+
+/// Waits for the next message.
+std::unique_ptr<Message> next(Solvane::Lookup::Session& session);
+/// The types of the messages that arrive for `id`, up to the final one.
+std::vector<int> typesFor(Solvane::Lookup::Session& session, int id);
+
+} // namespace SolvaneTest
+
+#endif
