@@ -4,7 +4,7 @@ find_path(Idn2_INCLUDE_DIR idn2.h)
 find_library(Idn2_LIBRARY idn2)
 
 if(Idn2_INCLUDE_DIR AND EXISTS "${Idn2_INCLUDE_DIR}/idn2.h")
-    file(STRINGS "${Idn2_INCLUDE_DIR}/idn2.h" Idn2_VERSION REGEX "^#define[ \t]+IDN2_VERSION[ \t]+\"")
+    file(STRINGS "${Idn2_INCLUDE_DIR}/idn2.h" Idn2_VERSION REGEX "^#[ \t]*define[ \t]+IDN2_VERSION[ \t]+\"")
     string(REGEX REPLACE ".*\"(.*)\".*" "\\1" Idn2_VERSION "${Idn2_VERSION}")
 endif()
 
