@@ -4,28 +4,27 @@
 #include "AddRun.h"
 #include "Failure.h"
 #include "LdifReader.h"
+#include "LdifText.h"
 #include "OpenLDAP.h"
-#include "OptionValues.h"
 #include "Options.h"
 #include "Progress.h"
 #include "Secret.h"
+#include "Sessions.h"
 #include "Text.h"
 
-#include <solvane/lookup/DirectorySession.h>
-
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
 #include <array>
 #include <chrono>
-#include <new>
 
 namespace Solvane::Tool {
 
 namespace {
 
 using Json = nlohmann::ordered_json;
-using Lookup::DirectorySession;
+using Lookup::Session;
 using Lookup::Verdict;
 
 constexpr char footer[] =
@@ -55,51 +54,33 @@ char const* nameOf(AddReport::Status status)
 
 // Servers
 
-std::unique_ptr<DirectorySession> sessionWith(LDAPLookup::Server const& server,
-                                              LDAPLookup::Settings const& settings)
-{
-    try {
-        LDAPConnection::RefServer const described(server.host, server.port, server.version,
-                                                  server.secure, settings.networkTimeout, false,
-                                                  false);
-        return std::make_unique<DirectorySession>(described, server.host, settings.tls);
-    } catch (LDAPException const&) {
-        return nullptr;
-    }
-}
-
-/// Connects and binds.
-Verdict open(DirectorySession& session, LDAPLookup::Settings const& settings,
-             Lookup::Clock::time_point deadline)
-{
-    Verdict verdict = session.connect(deadline);
-    if (!verdict.isGood() || settings.bindDn.empty()) {
-        return verdict;
-    }
-    verdict = session.bind(settings.bindDn, settings.password, deadline);
-    return verdict.isGood() ? session.confirmIdentity(deadline) : verdict;
-}
-
 /// The first server of the list that can be reached. One that refuses us ends the search: the next
 /// one would count the same wrong password once more.
-std::unique_ptr<DirectorySession> openFirst(LDAPLookup::Settings const& settings,
-                                            Diagnostics const& diagnostics)
+std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
+                                   std::shared_ptr<Lookup::TlsContext> const& tls,
+                                   Diagnostics const& diagnostics)
 {
     auto const deadline = Lookup::Clock::now() + settings.deadline;
+    auto const lastStep = settings.bindDn.empty() ? Lookup::Step::bind : Lookup::Step::identify;
     Verdict last;
-    for (LDAPLookup::Server const& server : settings.servers) {
-        auto session = sessionWith(server, settings);
-        last = session ? open(*session, settings, deadline)
-                       : Verdict{Lookup::Outcome::TryLater, LDAP_SERVER_DOWN,
-                                 fmt::format("the host '{}' does not resolve", server.host)};
-        if (last.isGood()) {
-            diagnostics.note(fmt::format("adding to {}", session->uri()));
-            return session;
+    for (LDAPLookup::Server const& listed : settings.servers) {
+        ServersFound const found = serversOf(listed, settings, deadline);
+        last = found.verdict;
+        if (!last.isGood()) {
+            diagnostics.note(last.text);
         }
-        if (last.outcome != Lookup::Outcome::TryLater) {
-            break;
+        for (LDAPLookup::Server const& server : found.servers) {
+            auto session = std::make_unique<Session>(sessionOptions(settings, server, tls));
+            last = session->reach(lastStep, deadline);
+            if (last.isGood()) {
+                diagnostics.note(fmt::format("adding to {}", session->uri()));
+                return session;
+            }
+            if (last.outcome != Lookup::Outcome::TryLater) {
+                throw Failure(outcomeOf(last), last.text, remedyFor(last), last.code);
+            }
+            diagnostics.note(last.text);
         }
-        diagnostics.note(last.text);
     }
     throw Failure(outcomeOf(last), last.text, remedyFor(last), last.code);
 }
@@ -216,20 +197,6 @@ void Reporter::printFigures()
 
 // What -n shows
 
-struct FreeLber {
-    void operator()(char* memory) const { ber_memfree(memory); }
-};
-
-void appendLdif(std::string& text, std::string const& name, std::string const& value)
-{
-    std::unique_ptr<char, FreeLber> const line(
-        ldif_put(LDIF_PUT_VALUE, name.c_str(), value.data(), value.size()));
-    if (!line) {
-        throw std::bad_alloc();
-    }
-    text += line.get();
-}
-
 /// The record that adds an entry, with `end` instead of its last newline.
 std::string recordOf(LdifEntry const& entry, char end)
 {
@@ -284,9 +251,7 @@ void AddCommand::declareOn(CLI::App& app)
         ->capture_default_str();
     app.add_flag("-c,--continue", m_goesOn, "Go on after a failure");
     app.add_flag("-n,--dry-run", m_onlyShows, "Show what would be sent, and ask no server");
-    addValue(app, "--window", m_window, numberBetween(1, widestWindow), "N",
-             "Entries sent ahead of their answers")
-        ->default_str("32");
+    m_settings.declareOn(app, *settingOfFile("window"), "Entries sent ahead of their answers");
     app.footer(footer);
 }
 
@@ -327,16 +292,19 @@ Outcome AddCommand::add(CommonOptions const& common, Output& output, Diagnostics
                       "give one of them another way, as in --password-fd 3 3<FILE");
     }
     Secret password;
-    LDAPLookup::Settings const settings = common.settings(password);
+    Draft draft = common.draft();
+    m_settings.applyTo(draft);
+    LDAPLookup::Settings const settings = common.settings(draft, password);
     AddRun::Limits limits;
-    limits.window = m_window.value_or(settings.window);
+    limits.window = settings.window;
     limits.silence = std::chrono::seconds(settings.networkTimeout);
     limits.answer = settings.deadline;
     limits.goesOn = m_goesOn;
 
     Reporter reporter(common, output, diagnostics);
+    auto const tls = std::make_shared<Lookup::TlsContext>(settings.tls);
     AddRun adds(
-        limits, [&] { return openFirst(settings, diagnostics); },
+        limits, [&] { return openFirst(settings, tls, diagnostics); },
         [&](AddReport const& report) { reporter.take(report); });
     Outcome worst = Outcome::found;
     forEachEntry(

@@ -3,8 +3,8 @@
 #define SOLVANE_TOOL_ADD_COMMAND_H
 
 #include "Command.h"
+#include "SettingOptions.h"
 
-#include <optional>
 #include <string>
 
 namespace Solvane::Tool {
@@ -21,7 +21,7 @@ private:
     Outcome show(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
 
     std::string m_file = "-";
-    std::optional<unsigned int> m_window;
+    SettingOptions m_settings;
     bool m_goesOn = false;
     bool m_onlyShows = false;
 };

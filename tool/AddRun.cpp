@@ -2,9 +2,9 @@
 #include "AddRun.h"
 
 #include "OpenLDAP.h"
-#include "Text.h"
+#include "Sessions.h"
 
-#include <solvane/ldap/impl.h>
+#include <solvane/ldap/impl/LDAPAdapters.h>
 
 #include <fmt/format.h>
 
@@ -15,9 +15,7 @@ namespace Solvane::Tool {
 
 namespace {
 
-using std::chrono::milliseconds;
-
-constexpr int addResponse = 6; // as LDAPResult counts kinds
+using Lookup::Session;
 
 void freeDn(LDAPDN dn) { ldap_dnfree(dn); }
 using Dn = std::unique_ptr<std::remove_pointer_t<LDAPDN>, void (*)(LDAPDN)>;
@@ -62,24 +60,20 @@ AddReport::Status statusOf(int code)
     }
 }
 
-/// OpenLDAP's words for a code, with the server's where it has some of its own.
-std::string wordsFor(LDAPResult const& result)
+/// OpenLDAP's words for a code, with the server's own if it has some; the code stands elsewhere.
+std::string wordsFor(ResultMessage const& result)
 {
-    int const code = result.resultCode();
-    if (code == LDAP_SUCCESS) {
+    if (result.code == LDAP_SUCCESS) {
         return {};
     }
-    std::string words = ldap_err2string(code);
-    if (!result.errorMessage().empty() && result.errorMessage() != words) {
-        words += ": " + oneLine(result.errorMessage());
+    std::string words = ldap_err2string(result.code);
+    if (!result.text.empty() && result.text != words) {
+        words += ": " + result.text;
     }
-    if (!result.matchedDN().empty()) {
-        words += fmt::format(", what exists is '{}'", oneLine(result.matchedDN()));
+    if (!result.matched.empty()) {
+        words += fmt::format(", what exists is '{}'", result.matched);
     }
-    for (std::string const& referral : result.referrals()) {
-        words += ", see " + oneLine(referral);
-    }
-    return words;
+    return words + pointersTo(result.referrals);
 }
 
 } // namespace
@@ -140,7 +134,7 @@ void AddRun::send(LdifEntry const& entry, std::string const& name)
 {
     auto const now = Clock::now();
     if (m_inFlight.empty()) {
-        m_lastHeard = now;
+        m_owedSince = now;
     }
     auto const pending = m_pending.insert(m_pending.end(), Pending());
     pending->report.line = entry.line;
@@ -149,21 +143,20 @@ void AddRun::send(LdifEntry const& entry, std::string const& name)
     pending->name = name;
     pending->expiry = now + m_limits.answer;
 
-    std::string dn = entry.dn;
-    LDAPAdd add(m_session->connection(), dn);
-    add.attributes(entry.attributes);
-    try {
-        add.send();
-        m_inFlight.emplace(add.id(), pending);
+    LDAPAttributeContainer const attributes(entry.attributes);
+    LDAPModAdapter const modifications(attributes, LDAP_MOD_ADD);
+    int id = 0;
+    int const rc = ldap_add_ext(m_session->handle(), entry.dn.c_str(), modifications.mods, nullptr,
+                                nullptr, &id);
+    if (rc == LDAP_SUCCESS) {
+        m_session->expect(id);
+        m_session->flush();
+        m_inFlight.emplace(id, pending);
         m_names.insert(name);
-    } catch (LDAPException const& fault) {
-        int code = LDAP_OTHER;
-        m_session->connection().impl()->getOption(LDAP_OPT_RESULT_CODE, &code);
-        if (code == LDAP_SERVER_DOWN) { // a part of it may have been sent
-            lose(code, "connection lost before the answer");
-        } else {
-            settle(*pending, code, "it cannot be sent: " + oneLine(fault.stringParameter()));
-        }
+    } else if (rc == LDAP_SERVER_DOWN) { // a part of it may have been sent
+        lose(rc, "connection lost before the answer");
+    } else {
+        settle(*pending, rc, std::string("it cannot be sent: ") + ldap_err2string(rc));
         reportFinished();
     }
 }
@@ -180,55 +173,55 @@ void AddRun::takeWhatCame()
 {
     LDAPMessageBuffer message;
     while (!m_inFlight.empty()) {
-        int const id = m_session->receive(message, milliseconds(0));
-        if (id == 0) {
+        int id = 0;
+        auto const received = m_session->receive(message, id);
+        if (received == Session::Received::nothing) {
             return;
         }
-        take(id, message);
+        take(received, id, message);
     }
 }
 
 void AddRun::awaitOne()
 {
-    Clock::time_point limit = m_lastHeard + m_limits.silence;
+    Patience patience = {m_owedSince, m_limits.silence, Clock::time_point::max()};
     for (auto const& [id, pending] : m_inFlight) {
-        limit = std::min(limit, pending->expiry);
+        patience.deadline = std::min(patience.deadline, pending->expiry);
     }
-    auto const left = std::chrono::ceil<milliseconds>(limit - Clock::now());
     LDAPMessageBuffer message;
-    int const id = m_session->receive(message, std::max(left, milliseconds(0)));
-    if (id == 0) {
-        lose(LDAP_TIMEOUT, "no answer in time");
-    } else {
-        take(id, message);
-    }
+    int id = 0;
+    auto const received = awaitMessage(*m_session, patience, message, id);
+    take(received, id, message);
 }
 
-void AddRun::take(int id, LDAPMessageBuffer& message)
+void AddRun::take(Session::Received received, int id, LDAPMessageBuffer const& message)
 {
-    if (id < 0) {
-        lose(LDAP_SERVER_DOWN, "connection lost before the answer");
+    if (received == Session::Received::nothing) {
+        lose(LDAP_TIMEOUT, "no answer in time");
         return;
     }
-    m_lastHeard = Clock::now();
+    if (received == Session::Received::broken) {
+        lose(m_session->verdict().code, "connection lost before the answer");
+        return;
+    }
     auto const found = m_inFlight.find(id);
     if (found == m_inFlight.end()) {
         return;
     }
-    LDAPResult result(m_session->connection());
-    try {
-        result.impl()->parseMessage(message);
-    } catch (Exception const&) {
-        // A referral, which leaves a code; or no LDAP, which leaves none.
+    ResultMessage result;
+    if (ldap_msgtype(message.get()) == LDAP_RES_ADD) {
+        result = resultIn(*m_session, message);
+    } else {
+        result.code = LDAP_DECODING_ERROR;
     }
-    if (result.resultType() != addResponse) {
-        lose(LDAP_DECODING_ERROR, "the server sent what is no answer");
+    if (result.code == LDAP_DECODING_ERROR) {
+        lose(result.code, "the server sent what is no answer");
         return;
     }
     Pending& pending = *found->second;
     m_names.erase(m_names.find(pending.name));
     m_inFlight.erase(found);
-    settle(pending, result.resultCode(), wordsFor(result));
+    settle(pending, result.code, wordsFor(result));
     reportFinished();
 }
 

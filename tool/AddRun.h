@@ -5,7 +5,7 @@
 #include "LdifReader.h"
 #include "Outcome.h"
 
-#include <solvane/lookup/DirectorySession.h>
+#include <solvane/session/Session.h>
 
 #include <chrono>
 #include <functional>
@@ -47,7 +47,7 @@ public:
         bool goesOn = false;                 ///< behind a failure
     };
     /// Opens a connection that is ready for adds, or throws a Failure.
-    using Connect = std::function<std::unique_ptr<Lookup::DirectorySession>()>;
+    using Connect = std::function<std::unique_ptr<Lookup::Session>()>;
     /// Takes the reports, in the order of the entries.
     using Sink = std::function<void(AddReport const&)>;
 
@@ -79,7 +79,7 @@ private:
     void send(LdifEntry const& entry, std::string const& name);
     void takeWhatCame();
     void awaitOne();
-    void take(int id, LDAPMessageBuffer& message);
+    void take(Lookup::Session::Received received, int id, LDAPMessageBuffer const& message);
     void lose(int code, std::string const& why);
     void settle(Pending& pending, int code, std::string const& text);
     void conclude(Pending& pending);
@@ -89,11 +89,11 @@ private:
     Limits m_limits;
     Connect m_connect;
     Sink m_sink;
-    std::unique_ptr<Lookup::DirectorySession> m_session;
+    std::unique_ptr<Lookup::Session> m_session;
     std::list<Pending> m_pending;                           ///< in the order of the entries
     std::map<int, std::list<Pending>::iterator> m_inFlight; ///< by message id
     std::multiset<std::string> m_names;                     ///< of those in flight
-    Clock::time_point m_lastHeard;
+    Clock::time_point m_owedSince; ///< the server has something to answer since then
     Outcome m_worst = Outcome::found;
 };
 

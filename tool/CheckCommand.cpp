@@ -5,6 +5,9 @@
 #include "Failure.h"
 #include "Secret.h"
 #include "ServerCheck.h"
+#include "Sessions.h"
+#include "Template.h"
+#include "Text.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -19,7 +22,8 @@ constexpr char footer[] =
     "Each step is a line: ok, warning, FAILED, or '-' where it was not tried; its time; and\n"
     "what was found, or the cause and the remedy. Steps: settings and template, then on\n"
     "each server resolution, TCP, TLS (version, certificate, name, chain), bind, who am I,\n"
-    "root DSE, base, a lookup of the key, a second one on the same connection, latencies.\n\n"
+    "root DSE, base, references below it, a lookup of the key, a second one on the same\n"
+    "connection, latencies. A domain has the step SRV before those of its servers.\n\n"
     "Exit status, the worst of all steps:\n"
     "   0  all passed, with or without warnings\n"
     "   1  nobody has the key of --probe\n"
@@ -64,12 +68,39 @@ bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& repo
     return isUsable;
 }
 
+/// The servers behind one of the list. A domain is a step of its own; without servers, it counts as
+/// one that does not work.
+std::vector<LDAPLookup::Server> resolved(LDAPLookup::Server const& listed,
+                                         LDAPLookup::Settings const& settings, CheckReport& report)
+{
+    Stopwatch const watch;
+    auto const deadline = Lookup::Clock::now() + settings.deadline;
+    ServersFound found = serversOf(listed, settings, deadline);
+    if (listed.srvDomain.empty()) {
+        return std::move(found.servers);
+    }
+    if (!found.verdict.isGood()) {
+        report.beginServer(listed.srvDomain);
+        report.failed("SRV", outcomeOf(found.verdict), found.verdict.text,
+                      "check the domain in -H and the name service", watch.milliseconds());
+        report.endServer();
+        return {};
+    }
+    std::string text;
+    for (LDAPLookup::Server const& server : found.servers) {
+        text += fmt::format("{} {} port {}", text.empty() ? listed.srvDomain + ":" : ",",
+                            server.host, server.port);
+    }
+    report.passed("SRV", text, watch.milliseconds());
+    return std::move(found.servers);
+}
+
 } // namespace
 
 void CheckCommand::declareOn(CLI::App& app)
 {
-    m_search.declareOn(app);
-    m_template.declareOn(app);
+    m_settings.declareOn(app, Setting::Group::search);
+    m_settings.declareOn(app, Setting::Group::queryTemplate);
     app.add_option("--probe", m_probe, "Look this address up, on each server")->type_name("KEY");
     app.add_option("--repeat", m_repeat, "Look it up N times more, and show how long that took")
         ->type_name("N")
@@ -108,26 +139,26 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
     }
     Stopwatch const watch;
     Secret password;
-    LDAPLookup::Settings settings = common.settings(password);
-    m_search.applyTo(settings, common.file());
+    Draft draft = common.draft();
+    m_settings.applyTo(draft);
+    LDAPLookup::Settings settings = common.settings(draft, password);
     report.passed("settings", described(settings), watch.milliseconds());
 
     Probe probe = {m_probe, m_repeat, std::string()};
-    bool const hasTemplate = m_template.isGiven(common.file());
-    if (!hasTemplate) {
+    if (!hasTemplate(draft)) {
         report.skipped("template", "none is given (-t)");
-    } else {
-        m_template.applyTo(settings, common.file());
-        bool const isUsable = checkTemplate(m_template.queryTemplate(common.file()), report);
-        probe.obstacle = isUsable ? "" : "'template' did not pass";
+    } else if (!checkTemplate(templateOf(draft), report)) {
+        probe.obstacle = "'template' did not pass";
     }
     if (m_probe.empty()) {
         probe.obstacle = "no address is given (--probe)";
-    } else if (!hasTemplate || settings.base.empty()) {
+    } else if (!hasTemplate(draft) || settings.base.empty()) {
         probe.obstacle = "a lookup needs a base (-b) and a template (-t)";
     }
-    for (LDAPLookup::Server const& server : settings.servers) {
-        ServerCheck(settings, server, probe, report).run();
+    for (LDAPLookup::Server const& listed : settings.servers) {
+        for (LDAPLookup::Server const& server : resolved(listed, settings, report)) {
+            ServerCheck(settings, server, probe, report).run();
+        }
     }
     wipe(settings.password);
 }

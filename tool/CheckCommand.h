@@ -25,8 +25,7 @@ public:
 private:
     void check(CommonOptions const& common, CheckReport& report);
 
-    SearchOptions m_search{SearchOptions::Base::optional};
-    TemplateOptions m_template;
+    SettingOptions m_settings;
     std::string m_probe; ///< key to look up; empty: none
     unsigned int m_repeat = 0;
     bool m_isForNagios = false;

@@ -25,15 +25,6 @@ constexpr unsigned int everyLevel = 0xFFFF;
     throw Failure(Outcome::usage, cause, remedy);
 }
 
-unsigned int networkTimeoutIn(std::string const& text)
-{
-    constexpr std::string_view name = "nettimeout=";
-    if (text.compare(0, name.size(), name) != 0) {
-        refuse(fmt::format("'{}' is not offered", text), "-o takes nettimeout=SECONDS");
-    }
-    return numberIn(text.substr(name.size()), 1, longestSeconds);
-}
-
 int descriptorIn(std::string const& text)
 {
     try {
@@ -57,61 +48,21 @@ std::string complaintAboutStats(std::string const& text)
     return text == "true" || text == "json" ? "" : oneLine(text) + " is no form of the figures";
 }
 
-std::string bindDnIn(std::string const& text)
-{
-    if (text.empty()) {
-        refuse("it names no DN", "leave -D out to ask anonymously");
-    }
-    return dnIn(text);
-}
-
 } // namespace
 
 void CommonOptions::declareOn(CLI::App& app)
 {
     addValue(app, "-C,--config", m_settingsPath, textIn, "FILE",
              "Settings, see solvane-ldap.conf(5); options override them");
-    declareServersOn(app);
+    m_settings.declareOn(app, Setting::Group::server);
     declareIdentityOn(app);
     declareDiagnosticsOn(app);
     declareOutputOn(app);
 }
 
-void CommonOptions::declareServersOn(CLI::App& app)
-{
-    // Read one by one: a list would also take the arguments behind it.
-    app.add_option_function<std::vector<std::string>>(
-           "-H,--uri", [this](std::vector<std::string> const& texts) { readServers(texts); },
-           "A server, ldap[s]://host[:port]; given again: who is asked when it fails")
-        ->expected(1)
-        ->take_all()
-        ->allow_extra_args(false)
-        ->type_name("URI");
-    addValue(app, "-P,--protocol", m_version, protocolIn, "2|3", "LDAP protocol version")
-        ->default_str("3");
-    addValue(app, "-o", m_networkTimeout, networkTimeoutIn, "nettimeout=S",
-             "Seconds to connect, and to wait for each answer")
-        ->default_str("10");
-    addValue(app, "--deadline", m_deadline, numberBetween(1, longestSeconds), "S",
-             "Seconds for one key as a whole")
-        ->default_str("15");
-    addValue(app, "--tls-ca", m_caFile, textIn, "FILE",
-             "PEM file of the authorities that may sign a server's certificate");
-    addValue(app, "--tls-verify", m_tlsVerify, tlsVerifyIn, "none|chain|full",
-             "How far the certificate behind ldaps:// is checked; full: also the host's name")
-        ->default_str("full");
-}
-
-void CommonOptions::readServers(std::vector<std::string> const& texts)
-{
-    for (std::string const& text : texts) {
-        explainedBy("-H", Outcome::usage, [&] { m_servers.emplace_back(text); });
-    }
-}
-
 void CommonOptions::declareIdentityOn(CLI::App& app)
 {
-    addValue(app, "-D,--bind-dn", m_bindDn, bindDnIn, "DN", "Bind as this DN; else anonymously");
+    m_settings.declareOn(app, Setting::Group::identity);
     auto* const prompt =
         app.add_flag("-W,--ask-password", m_asksPassword, "Ask for the password at the terminal");
     auto* const file = addValue(app, "-y,--password-file", m_passwordFile, textIn, "FILE",
@@ -161,48 +112,28 @@ SettingsFile const& CommonOptions::file() const
     return *m_file;
 }
 
-LDAPLookup::Settings CommonOptions::settings(Secret& password) const
+Draft CommonOptions::draft() const
 {
-    LDAPLookup::Settings settings = file().settings();
-    applyServers(settings);
-    settings.networkTimeout = m_networkTimeout.value_or(settings.networkTimeout);
-    if (m_deadline) {
-        settings.deadline = std::chrono::seconds(*m_deadline);
-    }
-    settings.tls.verify = m_tlsVerify.value_or(settings.tls.verify);
-    settings.tls.caFile = m_caFile.value_or(settings.tls.caFile);
-    applyIdentity(settings, password);
-    return settings;
+    Draft draft = file().draft();
+    m_settings.applyTo(draft);
+    return draft;
 }
 
-void CommonOptions::applyServers(LDAPLookup::Settings& settings) const
+LDAPLookup::Settings CommonOptions::settings(Draft const& draft, Secret& password) const
 {
-    if (!m_servers.empty()) {
-        settings.servers.clear();
-        for (ServerUri const& uri : m_servers) {
-            settings.servers.push_back({uri.host, uri.port, uri.isSecure, file().version()});
-        }
-    }
+    LDAPLookup::Settings settings = draft.lookup;
+    settings.servers = draft.serverList();
     if (settings.servers.empty()) {
         refuse("there is no server", "name one with -H URI, or server_host in the file of -C");
     }
-    for (LDAPLookup::Server& server : settings.servers) {
-        server.version = m_version.value_or(server.version);
+    if (!settings.bindDn.empty()) {
+        readPassword(password, settings.bindDn);
+        settings.password = password.text();
+    } else if (namesPassword()) {
+        refuse("there is a password but nobody to bind as",
+               "add -D DN, or bind_dn in the file of -C");
     }
-}
-
-void CommonOptions::applyIdentity(LDAPLookup::Settings& settings, Secret& password) const
-{
-    settings.bindDn = m_bindDn.value_or(settings.bindDn);
-    if (settings.bindDn.empty()) {
-        if (namesPassword()) {
-            refuse("there is a password but nobody to bind as", "add -D DN, or bind_dn in the file "
-                                                                "of -C");
-        }
-        return;
-    }
-    readPassword(password, settings.bindDn);
-    settings.password = password.text();
+    return settings;
 }
 
 void CommonOptions::readPassword(Secret& password, std::string const& dn) const
@@ -217,8 +148,9 @@ void CommonOptions::readPassword(Secret& password, std::string const& dn) const
         return password.readDescriptor(*m_passwordDescriptor);
     }
     // The password of the file goes with its DN, and to nobody else.
-    if (m_bindDn || file().password().isEmpty()) {
-        refuse(fmt::format("{} needs a password", m_bindDn ? "-D" : "bind_dn"),
+    bool const hasOtherDn = m_settings.has("bind_dn");
+    if (hasOtherDn || file().password().isEmpty()) {
+        refuse(fmt::format("{} needs a password", hasOtherDn ? "-D" : "bind_dn"),
                "add -W, -y FILE or --password-fd N");
     }
     password.assign(file().password().text(), "the password");
@@ -261,6 +193,14 @@ void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics) const
     }
     ber_set_option(nullptr, LBER_OPT_DEBUG_LEVEL, &level);
     ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level);
+}
+
+void requireBase(Draft const& draft)
+{
+    if (!draft.has("search_base")) {
+        refuse("there is no base to search",
+               "give one with -b BASE, or search_base in the file of -C");
+    }
 }
 
 } // namespace Solvane::Tool

@@ -2,6 +2,7 @@
 #include "ExpandCommand.h"
 
 #include "Failure.h"
+#include "Template.h"
 #include "Text.h"
 
 #include <solvane/ldap.h>
@@ -86,19 +87,6 @@ void requireAddress(std::string const& key)
         refuse(fmt::format("the address '{}' holds {}", oneLine(key), describe(*fault)),
                "correct the address");
     }
-}
-
-/// Of the template's errors the first: the library's own words leave open what to do.
-Failure failureOf(QueryTemplate const& queryTemplate)
-{
-    auto const findings = queryTemplate.check();
-    auto const first = std::find_if(findings.begin(), findings.end(), [](auto const& finding) {
-        return finding.weight == Weight::error;
-    });
-    return Failure(Outcome::badInput,
-                   fmt::format("the template '{}' is wrong at byte {}: {}",
-                               oneLine(queryTemplate.text()), first->position, first->text),
-                   "see all that is wrong with --lint");
 }
 
 /// @throws Failure  "badInput": the filter is empty or no line of text, and so would find
@@ -188,7 +176,7 @@ private:
 
 void ExpandCommand::declareOn(CLI::App& app)
 {
-    m_template.declareOn(app);
+    m_settings.declareOn(app, Setting::Group::queryTemplate);
     m_keys.declareOn(app);
     app.add_flag("--explain", m_explains, "Say before each filter what every specifier did");
     app.add_flag("--lint", m_lints,
@@ -202,7 +190,9 @@ int ExpandCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     if (expands) {
         m_keys.check();
     }
-    QueryTemplate const queryTemplate = m_template.queryTemplate(common.file());
+    Draft draft = common.file().draft();
+    m_settings.applyTo(draft);
+    QueryTemplate const queryTemplate = templateOf(draft);
     Outcome worst = Outcome::found;
     if (m_lints) {
         worst = lint(queryTemplate, common.recordEnd(), output);
@@ -232,7 +222,8 @@ Outcome ExpandCommand::expandKeys(QueryTemplate const& queryTemplate, char recor
         }
     } catch (LDAPException const&) { // a malformed template ends the run, a wrong address does not
         filters.giveOut();
-        throw failureOf(queryTemplate);
+        requireSound(queryTemplate);
+        throw;
     } catch (Failure const&) {
         filters.giveOut();
         throw;

@@ -6,6 +6,8 @@
 #include "Command.h"
 #include "Options.h"
 
+#include <solvane/lookup/QueryTemplate.h>
+
 namespace Solvane::Tool {
 
 class ExpandCommand final : public Command {
@@ -25,7 +27,7 @@ private:
                        Diagnostics& diagnostics);
     bool nextKey(std::string& key, Filters& filters);
 
-    TemplateOptions m_template;
+    SettingOptions m_settings;
     KeyOptions m_keys;
     bool m_explains = false;
     bool m_lints = false;

@@ -26,14 +26,6 @@ int openForReading(std::string const& path)
     return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
 }
 
-bool isRegular(int descriptor, off_t& size)
-{
-    struct stat status = {};
-    bool const isKnown = fstat(descriptor, &status) == 0;
-    size = status.st_size;
-    return isKnown && S_ISREG(status.st_mode);
-}
-
 } // namespace
 
 Descriptor::~Descriptor()
@@ -164,11 +156,16 @@ void LineReader::read()
     }
 }
 
+bool LineReader::isRegular() const
+{
+    struct stat status = {};
+    return fstat(m_descriptor, &status) == 0 && S_ISREG(status.st_mode);
+}
+
 std::optional<unsigned long> LineReader::count() const
 {
-    off_t size = 0;
     off_t position = lseek(m_descriptor, 0, SEEK_CUR);
-    if (position < 0 || !isRegular(m_descriptor, size)) {
+    if (position < 0 || !isRegular()) {
         return std::nullopt;
     }
     std::vector<char> part(bufferSize);

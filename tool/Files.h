@@ -56,6 +56,9 @@ public:
     /// @throws Failure  "configuration": the file cannot be read
     LDAPLookup::Supply next(std::string& line, bool mayWait);
 
+    int descriptor() const { return m_descriptor; }
+    /// Whether it is a regular file, which never has to be waited for.
+    bool isRegular() const;
     /// How many lines are ahead before the first one is read; none but in a regular file.
     std::optional<unsigned long> count() const;
 

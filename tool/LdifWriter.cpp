@@ -1,17 +1,11 @@
 // Records for directories to load.
-#include "OpenLDAP.h"
+#include "LdifText.h"
 #include "RecordWriter.h"
 #include "Text.h"
-
-#include <new>
 
 namespace Solvane::Tool {
 
 namespace {
-
-struct FreeLber {
-    void operator()(char* memory) const { ber_memfree(memory); }
-};
 
 class LdifWriter final : public RecordWriter {
 public:
@@ -26,28 +20,17 @@ private:
         appendSummary(record, out);
         out += '\n';
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-            appendLine("dn", entry.entryName(), LDIF_PUT_VALUE, out);
+            appendLdif(out, "dn", entry.entryName());
             for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
                 LDAPAttributeType const& type = attribute.type();
                 std::string const name = oneLine(type.asString());
                 for (Buffer const& value : attribute.binaryValue()) {
-                    appendLine(name, bytesOf(value),
-                               type.isBinary() ? LDIF_PUT_BINARY : LDIF_PUT_VALUE, out);
+                    appendLdif(out, name, bytesOf(value),
+                               type.isBinary() ? LdifForm::base64 : LdifForm::asFits);
                 }
             }
             out += '\n';
         }
-    }
-
-    static void appendLine(std::string const& name, std::string_view value, int kind,
-                           std::string& out)
-    {
-        std::unique_ptr<char, FreeLber> const made(
-            ldif_put(kind, name.c_str(), value.data(), value.size()));
-        if (!made) {
-            throw std::bad_alloc();
-        }
-        out += made.get();
     }
 };
 

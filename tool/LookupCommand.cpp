@@ -3,6 +3,8 @@
 
 #include "Failure.h"
 #include "LookupRun.h"
+#include "OptionValues.h"
+#include "Template.h"
 
 #include <solvane/ldap/LDAPException.h>
 
@@ -31,24 +33,8 @@ constexpr char footer[] =
     "  78  base missing, or a setting, file or password that cannot be used\n"
     "In the order of their weight: 64, 78, 77, 75, 69, 65, 1, 0.";
 
-/// An error of the template ends the run before anybody is asked.
-void requireSoundTemplate(LDAPLookup::Settings const& settings)
-{
-    using Lookup::QueryTemplate;
-    QueryTemplate const queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
-    for (QueryTemplate::Finding const& finding : queryTemplate.check()) {
-        if (finding.weight == QueryTemplate::Finding::Weight::error) {
-            throw Failure(
-                Outcome::badInput,
-                fmt::format("the template is wrong at byte {}: {}", finding.position, finding.text),
-                "see 'solvane-ldap expand --lint'");
-        }
-    }
-}
-
 std::unique_ptr<LDAPLookup> makeLookup(LDAPLookup::Settings const& settings)
 {
-    requireSoundTemplate(settings);
     try {
         return std::make_unique<LDAPLookup>(settings);
     } catch (LDAPException const& fault) {
@@ -60,19 +46,25 @@ std::unique_ptr<LDAPLookup> makeLookup(LDAPLookup::Settings const& settings)
 
 void LookupCommand::declareOn(CLI::App& app)
 {
-    m_search.declareOn(app);
-    m_template.declareOn(app);
-    m_bulk.declareOn(app);
+    m_settings.declareOn(app, Setting::Group::search);
+    m_settings.declareOn(app, Setting::Group::queryTemplate);
+    m_settings.declareOn(app, Setting::Group::bulk);
+    app.add_flag("--single", m_isSingle, "More than one entry for an address is an error");
+    addValue(app, "--nouser", m_noUser, numberBetween(1, 125), "STATUS",
+             "Exit status instead of 1, as 67 for mail servers");
+    app.add_flag("-c,--continue", m_goesOn, "Go on after an error; always done");
     m_keys.declareOn(app);
     app.footer(footer);
 }
 
 LDAPLookup::Settings LookupCommand::settings(CommonOptions const& common, Secret& password) const
 {
-    LDAPLookup::Settings settings = common.settings(password);
-    m_search.applyTo(settings, common.file());
-    m_template.applyTo(settings, common.file());
-    m_bulk.applyTo(settings, common.file());
+    Draft draft = common.draft();
+    m_settings.applyTo(draft);
+    requireBase(draft);
+    auto const queryTemplate = templateOf(draft);
+    LDAPLookup::Settings settings = common.settings(draft, password);
+    requireSound(queryTemplate);
     return settings;
 }
 
@@ -86,10 +78,13 @@ int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     m_keys.separator(common.recordEnd());
     Secret password;
     auto const lookup = makeLookup(settings(common, password));
-    LookupRun run(*lookup, common, m_bulk.single(), output, diagnostics);
+    LookupRun run(*lookup, common, m_isSingle, output, diagnostics);
     Outcome const worst = run.over(m_keys);
     run.printStatistics(common.stats());
-    return worst == Outcome::notFound ? m_bulk.exitStatusOfNotFound() : exitStatusOf(worst);
+    if (worst == Outcome::notFound && m_noUser) {
+        return static_cast<int>(*m_noUser);
+    }
+    return exitStatusOf(worst);
 }
 
 } // namespace Solvane::Tool

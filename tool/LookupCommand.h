@@ -20,10 +20,11 @@ public:
 private:
     LDAPLookup::Settings settings(CommonOptions const& common, Secret& password) const;
 
-    SearchOptions m_search;
-    TemplateOptions m_template;
-    BulkOptions m_bulk;
+    SettingOptions m_settings;
     KeyOptions m_keys;
+    std::optional<unsigned int> m_noUser; ///< exit status instead of "not found"
+    bool m_isSingle = false;              ///< more than one entry for a key is an error
+    bool m_goesOn = false;                ///< asked for, and done anyway
 };
 
 } // namespace Solvane::Tool

@@ -42,22 +42,26 @@ Outcome LookupRun::over(KeyOptions& keys)
     Progress progress(m_diagnostics, keys.total());
     m_pending = m_writer->opening();
     Record record;
-    m_lookup.findAll(
-        [&](std::string& key, bool mayWait) {
-            flush(); // what was answered is seen before anything else is waited for
-            auto const supplied = keys.next(key, mayWait);
-            m_hasMoreKeys = supplied != LDAPLookup::Supply::end;
-            return supplied;
-        },
-        [&](std::string const& key, Lookup::Answer&& answer) {
-            record.key = key;
-            record.answer = std::move(answer);
-            if (m_isSingle) {
-                refuseSeveral(record);
-            }
-            take(record, progress);
-            return true;
-        });
+    auto const source = [&](std::string& key, bool mayWait) {
+        flush(); // answers are seen before anything else is awaited
+        auto const supplied = keys.next(key, mayWait);
+        m_hasMoreKeys = supplied == LDAPLookup::Supply::key;
+        return supplied;
+    };
+    auto const sink = [&](std::string const& key, Lookup::Answer&& answer) {
+        record.key = key;
+        record.answer = std::move(answer);
+        if (m_isSingle) {
+            refuseSeveral(record);
+        }
+        take(record, progress);
+        return true;
+    };
+    if (int const descriptor = keys.descriptor(); descriptor >= 0) {
+        m_lookup.findAll(source, descriptor, sink);
+    } else {
+        m_lookup.findAll(source, sink);
+    }
     flush();
     endComplaint();
     return m_worst;

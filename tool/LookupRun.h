@@ -54,8 +54,8 @@ private:
     Output& m_output;
     Diagnostics& m_diagnostics;
     std::unique_ptr<RecordWriter> m_writer;
-    std::string m_pending; ///< records that are not written yet
-    bool m_hasMoreKeys = true;
+    std::string m_pending;     ///< records that are not written yet
+    bool m_hasMoreKeys = true; ///< at once: their answers may be written together
     Outcome m_worst = Outcome::found;
     Counts m_counts;
     std::string m_complaint;                   ///< made last

@@ -11,15 +11,6 @@
 
 namespace Solvane::Tool {
 
-/// Any text, as it is.
-inline std::string textIn(std::string const& text) { return text; }
-
-/// A number between limits, as a function of its text.
-inline auto numberBetween(unsigned int least, unsigned int greatest)
-{
-    return [=](std::string const& text) { return numberIn(text, least, greatest); };
-}
-
 /// Declares an option that sets `value` to what `read` makes of its text.
 /// @param names  as CLI11 takes them; complaints show the first
 /// @param shape  what stands for the value in the help

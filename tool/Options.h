@@ -1,21 +1,19 @@
-// Groups of options that several subcommands share. Each value is checked when the command line is
-// read; a wrong one is a Failure "usage".
+// Groups of options that several subcommands share, apart from those of the settings' table. Each
+// value is checked when the command line is read; a wrong one is a Failure "usage".
 #ifndef SOLVANE_TOOL_OPTIONS_H
 #define SOLVANE_TOOL_OPTIONS_H
 
 #include "Console.h"
 #include "Files.h"
 #include "Secret.h"
-#include "ServerUri.h"
+#include "SettingOptions.h"
 #include "SettingsFile.h"
 
 #include <solvane/lookup/LDAPLookup.h>
-#include <solvane/lookup/QueryTemplate.h>
 
 #include <memory>
 #include <optional>
 #include <string>
-#include <vector>
 
 namespace CLI {
 class App;
@@ -39,11 +37,14 @@ public:
     /// @throws Failure  "configuration"
     SettingsFile const& file() const;
 
-    /// Servers, times, identity and TLS: the file's, overridden by the options. All else is as the
-    /// file has it, else as by default. Reads the password into `password` besides.
-    /// @throws Failure  "usage": no server, or a DN without a password; "configuration": a file or
-    ///                  password that cannot be used
-    LDAPLookup::Settings settings(Secret& password) const;
+    /// What the file says, overridden by the options of every subcommand.
+    /// @throws Failure  "configuration": the file cannot be used
+    Draft draft() const;
+    /// The engine's settings: the draft, its servers and the password of its DN.
+    /// @param password  receives it, read where the options or the file say
+    /// @throws Failure  "usage": no server, or a DN without a password; "configuration": a password
+    ///                  that cannot be read
+    LDAPLookup::Settings settings(Draft const& draft, Secret& password) const;
 
     Diagnostics::Level level() const;
     Stats stats() const;
@@ -58,24 +59,14 @@ public:
     void debugOpenLDAP(Diagnostics const& diagnostics) const;
 
 private:
-    void declareServersOn(CLI::App& app);
     void declareIdentityOn(CLI::App& app);
     void declareDiagnosticsOn(CLI::App& app);
     void declareOutputOn(CLI::App& app);
-    void readServers(std::vector<std::string> const& texts);
-    void applyServers(LDAPLookup::Settings& settings) const;
-    void applyIdentity(LDAPLookup::Settings& settings, Secret& password) const;
     void readPassword(Secret& password, std::string const& dn) const;
     bool namesPassword() const;
 
     std::optional<std::string> m_settingsPath;
-    std::vector<ServerUri> m_servers;
-    std::optional<LDAPConnection::Protocol> m_version;
-    std::optional<unsigned int> m_networkTimeout; ///< seconds
-    std::optional<unsigned int> m_deadline;       ///< seconds
-    std::optional<std::string> m_caFile;
-    std::optional<Lookup::TlsVerify> m_tlsVerify;
-    std::optional<std::string> m_bindDn;
+    SettingOptions m_settings;
     std::optional<std::string> m_passwordFile;
     std::optional<int> m_passwordDescriptor;
     bool m_asksPassword = false;
@@ -88,73 +79,8 @@ private:
     mutable std::unique_ptr<SettingsFile> m_file;
 };
 
-/// -t or -T, --b-value and --g-value.
-class TemplateOptions {
-public:
-    void declareOn(CLI::App& app);
-    /// Whether there is a template, here or in the file.
-    bool isGiven(SettingsFile const& file) const;
-    /// The template, unchecked.
-    /// @throws Failure  "usage" none, "configuration" the file
-    Lookup::QueryTemplate queryTemplate(SettingsFile const& file) const;
-    /// Sets template and values in what `CommonOptions::settings` made.
-    /// @throws Failure  as `queryTemplate`
-    void applyTo(LDAPLookup::Settings& settings, SettingsFile const& file) const;
-
-private:
-    std::optional<std::string> m_text;
-    std::optional<std::string> m_file;
-    std::optional<std::string> m_bValue;
-    std::optional<std::string> m_gValue;
-};
-
-/// -b, -s, -a, --attrs, -z and -l.
-class SearchOptions {
-public:
-    /// Whether there must be a base, here or in the file.
-    enum class Base { required, optional };
-
-    explicit SearchOptions(Base base = Base::required) : m_baseIs(base) {}
-
-    void declareOn(CLI::App& app);
-    /// Whether there is a base, here or in the file.
-    bool hasBase(SettingsFile const& file) const;
-    /// Sets what is given in what `CommonOptions::settings` made.
-    /// @throws Failure  "usage": no base
-    void applyTo(LDAPLookup::Settings& settings, SettingsFile const& file) const;
-
-private:
-    Base m_baseIs;
-    std::optional<std::string> m_base;
-    std::optional<LDAPSearch::Scope> m_scope;
-    std::optional<LDAPSearch::Deref> m_dereference;
-    std::optional<std::vector<std::string>> m_attributes;
-    std::optional<unsigned int> m_entryLimit;
-    std::optional<unsigned int> m_timeLimit; ///< seconds
-};
-
-/// How many keys at a time, and what is made of each: -j, --window, --single, --domains, --forms,
-/// --delimiter, --nouser; -c, which changes nothing.
-class BulkOptions {
-public:
-    void declareOn(CLI::App& app);
-    /// Sets what is given in what `CommonOptions::settings` made.
-    void applyTo(LDAPLookup::Settings& settings, SettingsFile const& file) const;
-    /// Whether more than one entry for a key is an error.
-    bool single() const { return m_isSingle; }
-    /// Exit status where the worst outcome is "not found".
-    int exitStatusOfNotFound() const;
-
-private:
-    std::optional<unsigned int> m_connections;
-    std::optional<unsigned int> m_window;
-    std::optional<std::vector<std::string>> m_domains;
-    std::optional<std::vector<LDAPLookup::Form>> m_forms;
-    std::optional<char> m_delimiter;
-    std::optional<unsigned int> m_noUser;
-    bool m_isSingle = false;
-    bool m_goesOn = false; ///< asked for, and done anyway
-};
+/// @throws Failure  "usage": the settings have no base to search
+void requireBase(Draft const& draft);
 
 /// The keys: arguments, or the lines of a file.
 class KeyOptions {
@@ -170,6 +96,10 @@ public:
     /// Gives the next key; a line's end is no part of it. Never waits unless `mayWait`.
     /// @throws Failure  "configuration": the file cannot be read
     LDAPLookup::Supply next(std::string& key, bool mayWait);
+    /// What `next` reads without waiting, if the keys come from a pipe, a socket or a terminal; else
+    /// -1.
+    /// @throws Failure  "configuration": the file cannot be opened
+    int descriptor();
     /// How many keys there are, where that can be known beforehand: arguments, or a regular file.
     /// Before the first key.
     std::optional<unsigned long> total();

@@ -28,13 +28,6 @@ void writeTo(int terminal, std::string const& text)
 
 } // namespace
 
-void wipe(std::string& text)
-{
-    text.resize(text.capacity());
-    explicit_bzero(text.data(), text.size());
-    text.clear();
-}
-
 Secret::Secret() { m_text.reserve(longest); }
 
 Secret::~Secret() { wipe(m_text); }

@@ -7,9 +7,6 @@
 
 namespace Solvane::Tool {
 
-/// Overwrites the bytes of a string, and leaves it empty.
-void wipe(std::string& text);
-
 /// A password, overwritten at its end. Never copied, never shown.
 class Secret {
 public:

@@ -1,101 +1,41 @@
 // From a host's name to an answer, step by step.
 #include "ServerCheck.h"
 
-#include "Files.h"
 #include "Histogram.h"
 #include "OpenLDAP.h"
-#include "Secret.h"
 #include "Text.h"
 
-#include <solvane/ldap/impl.h>
+#include <solvane/ldap/LDAPException.h>
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
-
-#include <netdb.h>
-#include <poll.h>
-#include <sys/socket.h>
+#include <deque>
 
 namespace Solvane::Tool {
 
+using Lookup::Address;
 using Lookup::Clock;
-using Lookup::DirectorySession;
+using Lookup::Session;
+using Lookup::TlsContext;
 using Lookup::TlsVerify;
 using Lookup::Verdict;
-using std::chrono::milliseconds;
 
 namespace {
 
 constexpr long secondsOfADay = 86400;
 constexpr long daysOfWarning = 14;
-
-std::string uriOf(LDAPLookup::Server const& server)
-{
-    bool const isV6 = server.host.find(':') != std::string::npos;
-    return fmt::format("{}://{}{}{}:{}", server.secure ? "ldaps" : "ldap", isV6 ? "[" : "",
-                       server.host, isV6 ? "]" : "", server.port);
-}
-
-template <typename Texts> std::string joined(Texts const& texts)
-{
-    std::string all;
-    for (std::string const& text : texts) {
-        all += (all.empty() ? "" : ", ") + text;
-    }
-    return all;
-}
-
-/// The address in the URI that OpenLDAP is given.
-std::string addressIn(std::string const& uri)
-{
-    auto const begin = uri.find('[') + 1;
-    return uri.substr(begin, uri.find(']') - begin);
-}
-
-/// Opens a TCP connection and closes it.
-/// @return 0, or why it failed, as errno has it
-int tryConnect(std::string const& address, unsigned int port, milliseconds limit)
-{
-    addrinfo hints = {};
-    hints.ai_flags = AI_NUMERICHOST | AI_NUMERICSERV;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(address.c_str(), std::to_string(port).c_str(), &hints, &found) != 0) {
-        return EADDRNOTAVAIL;
-    }
-    std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> const owner(found, freeaddrinfo);
-    Descriptor const socket(
-        ::socket(found->ai_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
-    if (!socket.isOpen()) {
-        return errno;
-    }
-    if (connect(socket.get(), found->ai_addr, found->ai_addrlen) == 0) {
-        return 0;
-    }
-    if (errno != EINPROGRESS) {
-        return errno;
-    }
-    pollfd waited = {socket.get(), POLLOUT, 0};
-    if (poll(&waited, 1, static_cast<int>(limit.count())) <= 0) {
-        return ETIMEDOUT;
-    }
-    int error = 0;
-    socklen_t length = sizeof error;
-    getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &length);
-    return error;
-}
+constexpr char noAttributes[] = "1.1";  // RFC 4511 section 4.5.1.8
+constexpr int certificateRefused = -11; // as Lookup::Verdict tells it
 
 std::string shown(LDAPSearchResultEntry const& entry)
 {
     std::string text;
     for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
         text += fmt::format("{}{}: {}", text.empty() ? "" : "; ", attribute.type().asString(),
-                            joined(attribute.value()));
+                            joined(attribute.value(), ", "));
     }
     return text;
 }
@@ -108,17 +48,22 @@ struct ServerCheck::Step {
     bool isForTls;
 };
 
-/// How a search ended, and what it found.
-struct ServerCheck::SearchEnd {
-    Verdict verdict;
-    LDAPResult result;
-};
-
 ServerCheck::ServerCheck(LDAPLookup::Settings const& settings, LDAPLookup::Server const& server,
                          Probe const& probe, CheckReport& report)
-    : m_settings(settings), m_server(server), m_probe(probe), m_report(report), m_uri(uriOf(server))
+    : m_settings(settings), m_server(server), m_probe(probe), m_report(report),
+      m_uri(Lookup::uriOf(server.secure, server.host, server.port))
 {
     m_settings.servers = {server};
+    if (server.secure) {
+        m_tls = std::make_shared<TlsContext>(settings.tls);
+    }
+    auto tls = m_tls;
+    if (m_tls && !m_tls->verdict().isGood()) { // the certificate can be shown nevertheless
+        Lookup::TlsPolicy lenient;
+        lenient.verify = TlsVerify::none;
+        tls = std::make_shared<TlsContext>(lenient);
+    }
+    m_session = std::make_unique<Session>(sessionOptions(m_settings, server, tls));
 }
 
 ServerCheck::~ServerCheck() { wipe(m_settings.password); }
@@ -137,6 +82,7 @@ void ServerCheck::run()
         { "who am I",    &ServerCheck::askIdentity,      false },
         { "root DSE",    &ServerCheck::readRootDse,      false },
         { "base",        &ServerCheck::findBase,         false },
+        { "references",  &ServerCheck::findReferences,   false },
         { "probe",       &ServerCheck::probe,            false },
         { "pool",        &ServerCheck::probeAgain,       false },
         { "latency",     &ServerCheck::measure,          false },
@@ -163,65 +109,91 @@ void ServerCheck::run()
 bool ServerCheck::resolve()
 {
     Stopwatch const watch;
-    try {
-        m_description =
-            LDAPConnection::RefServer(m_server.host, m_server.port, m_server.version,
-                                      m_server.secure, m_settings.networkTimeout, false, false);
-    } catch (LDAPException const&) {
-        m_report.failed(m_step, Outcome::tryLater,
-                        fmt::format("the host '{}' does not resolve", m_server.host),
+    Verdict const verdict = m_session->reach(Lookup::Step::resolve, deadline());
+    if (!verdict.isGood()) {
+        m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
                         "check the name in -H and the name service", watch.milliseconds());
         return false;
     }
-    m_report.passed(m_step, addressIn(m_description->uri.asString()), watch.milliseconds());
+    std::vector<std::string> found;
+    for (Address const& address : m_session->addresses()) {
+        found.push_back(address.host());
+    }
+    m_report.passed(m_step, joined(found, ", "), watch.milliseconds());
     return true;
 }
 
 bool ServerCheck::reach()
 {
     Stopwatch const watch;
-    std::string const address = addressIn(m_description->uri.asString());
-    int const error =
-        tryConnect(address, m_server.port,
-                   std::min<milliseconds>(std::chrono::seconds(m_settings.networkTimeout),
-                                          m_settings.deadline));
-    if (error != 0) {
-        m_report.failed(
-            m_step, Outcome::tryLater,
-            fmt::format("no connection to {} port {}: {}", address, m_server.port, strerror(error)),
-            "check that the server runs, the port, and what filters stand between",
-            watch.milliseconds());
+    Verdict const verdict = m_session->reach(Lookup::Step::connect, deadline());
+    if (!verdict.isGood()) {
+        m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
+                        "check that the server runs, the port, and what filters stand between",
+                        watch.milliseconds());
         return false;
     }
-    m_report.passed(m_step, fmt::format("{} port {}", address, m_server.port),
-                    watch.milliseconds());
+    m_report.passed(m_step, m_session->peer(), watch.milliseconds());
+    showOtherAddresses();
     return true;
+}
+
+/// Tries the host's other addresses too, all at a time: one that is dead delays each connection.
+void ServerCheck::showOtherAddresses()
+{
+    std::deque<Session> others;
+    for (Address const& address : m_session->addresses()) {
+        if (address.text() != m_session->peer()) {
+            Lookup::SessionOptions alone = sessionOptions(m_settings, m_server, m_tls);
+            alone.addresses = {address};
+            others.emplace_back(std::move(alone)).begin(Lookup::Step::connect, deadline());
+        }
+    }
+    auto const isUnderWay = [](Session const& each) { return !each.isSettled(); };
+    while (std::any_of(others.begin(), others.end(), isUnderWay)) {
+        Lookup::Waits waits;
+        for (Session const& each : others) {
+            each.waits(waits);
+        }
+        waits.wait();
+        for (Session& each : others) {
+            each.advance();
+        }
+    }
+    for (Session const& each : others) {
+        m_report.detail(each.verdict().isGood() ? "also " + each.peer()
+                                                : withoutUri(each.verdict().text));
+    }
 }
 
 // TLS
 
-/// With a session that takes any certificate, so that a bad one can be described.
+/// A certificate that is refused is judged by the steps that follow.
 bool ServerCheck::shakeHands()
 {
     Stopwatch const watch;
-    auto const accepting = session(TlsVerify::none);
-    Verdict const verdict = accepting->connect(deadline());
-    m_certificate = accepting->certificate();
-    return take(verdict, accepting->tlsVersion() + ", " + accepting->tlsCipher(), watch);
+    m_handshake = m_session->reach(Lookup::Step::handshake, deadline());
+    std::string const spoken = m_session->tlsVersion() + ", " + m_session->tlsCipher();
+    if (m_handshake.code == certificateRefused && m_session->certificate()) {
+        m_report.passed(m_step, spoken, watch.milliseconds());
+        return true;
+    }
+    return take(m_handshake, spoken, watch);
 }
 
 bool ServerCheck::judgeCertificate()
 {
-    if (!m_certificate) {
+    auto const& certificate = m_session->certificate();
+    if (!certificate) {
         m_report.warned(m_step, "the server shows none that can be read");
         return true;
     }
-    long const seconds = m_certificate->notAfter() - std::time(nullptr);
+    long const seconds = certificate->notAfter() - std::time(nullptr);
     long const days = std::abs(seconds) / secondsOfADay;
-    std::string const text =
-        fmt::format("{}, for {}, {}", m_certificate->subject(),
-                    m_certificate->names().empty() ? "no names" : joined(m_certificate->names()),
-                    fmt::format(seconds < 0 ? "ended {} days ago" : "{} days left", days));
+    auto const names = certificate->names();
+    std::string const text = fmt::format(
+        "{}, for {}, {}", certificate->subject(), names.empty() ? "no names" : joined(names, ", "),
+        fmt::format(seconds < 0 ? "ended {} days ago" : "{} days left", days));
     if (seconds < daysOfWarning * secondsOfADay) {
         m_report.warned(m_step, text);
     } else {
@@ -233,7 +205,8 @@ bool ServerCheck::judgeCertificate()
 bool ServerCheck::judgeName()
 {
     Stopwatch const watch;
-    bool const isFor = m_certificate && m_certificate->isFor(m_server.host);
+    auto const& certificate = m_session->certificate();
+    bool const isFor = certificate && certificate->isFor(m_server.host);
     judge(isFor, m_settings.tls.verify == TlsVerify::full,
           isFor ? fmt::format("the certificate is for '{}'", m_server.host)
                 : fmt::format("the certificate is not for '{}'", m_server.host),
@@ -244,17 +217,36 @@ bool ServerCheck::judgeName()
 bool ServerCheck::judgeChain()
 {
     Stopwatch const watch;
-    Verdict const verdict = session(TlsVerify::chain)->connect(deadline());
+    Verdict const verdict = chainVerdict();
     bool const isDemanded = m_settings.tls.verify != TlsVerify::none;
     bool const isAboutTrust = verdict.isGood() || verdict.outcome == Lookup::Outcome::Refused;
     if (isDemanded && !isAboutTrust) {
         return take(verdict, "", watch);
     }
     judge(verdict.isGood(), isDemanded,
-          verdict.isGood() ? "accepted with " + m_settings.tls.authorities()
+          verdict.isGood() ? "accepted with " + m_tls->policy().authorities()
                            : withoutUri(verdict.text),
           "name the authority's file with --tls-ca, or have the certificate renewed", watch);
     return m_isTrusted;
+}
+
+/// What the session found, if it looked at the chain and at nothing else; else asked with a second
+/// one.
+Verdict ServerCheck::chainVerdict() const
+{
+    if (!m_tls->verdict().isGood()) {
+        return m_tls->verdict();
+    }
+    TlsVerify const demanded = m_settings.tls.verify;
+    if (demanded == TlsVerify::chain || (demanded == TlsVerify::full && m_handshake.isGood())) {
+        return m_handshake;
+    }
+    Lookup::TlsPolicy policy = m_settings.tls;
+    policy.verify = TlsVerify::chain;
+    Lookup::SessionOptions options =
+        sessionOptions(m_settings, m_server, std::make_shared<TlsContext>(policy));
+    options.addresses = m_session->addresses();
+    return Session(std::move(options)).reach(Lookup::Step::handshake, deadline());
 }
 
 /// Reports a finding about trust: a failure where the settings demand that trust.
@@ -276,12 +268,10 @@ void ServerCheck::judge(bool isGood, bool isDemanded, std::string const& text,
 bool ServerCheck::bind()
 {
     Stopwatch const watch;
-    m_session = session(m_settings.tls.verify);
-    Verdict verdict = m_session->connect(deadline());
-    if (!verdict.isGood() || m_settings.bindDn.empty()) {
+    Verdict const verdict = m_session->reach(Lookup::Step::bind, deadline());
+    if (m_settings.bindDn.empty()) {
         return take(verdict, "anonymous", watch);
     }
-    verdict = m_session->bind(m_settings.bindDn, m_settings.password, deadline());
     return take(verdict,
                 fmt::format("as {}{}", m_settings.bindDn,
                             m_server.secure ? "" : "; the password crosses the network as it is"),
@@ -295,7 +285,7 @@ bool ServerCheck::askIdentity()
         return true;
     }
     Stopwatch const watch;
-    Verdict const verdict = m_session->confirmIdentity(deadline());
+    Verdict const verdict = m_session->reach(Lookup::Step::identify, deadline());
     if (verdict.isGood() && m_session->identity() == Lookup::Identity::Unconfirmed) {
         m_report.warned(m_step, "the server does not say: 'not found' rests on the bind alone",
                         watch.milliseconds());
@@ -309,20 +299,15 @@ bool ServerCheck::askIdentity()
 bool ServerCheck::readRootDse()
 {
     Stopwatch const watch;
-    SearchEnd const end =
-        search(std::string(),
-               {LDAPAttributeType("vendorName"), LDAPAttributeType("vendorVersion"),
-                LDAPAttributeType("namingContexts"), LDAPAttributeType("supportedLDAPVersion")});
-    bool const isThere = end.verdict.isGood() && !end.result.searchResultEntries().empty();
+    SearchEnd const end = search(
+        std::string(), {"vendorName", "vendorVersion", "namingContexts", "supportedLDAPVersion"});
     if (end.verdict.outcome == Lookup::Outcome::TryLater) {
         return take(end.verdict, "", watch);
     }
-    if (isThere) {
-        m_report.passed(m_step, shown(end.result.searchResultEntries().front()),
-                        watch.milliseconds());
-    } else { // hidden from us, which is no harm
-        m_report.passed(m_step, "the server does not show it", watch.milliseconds());
-    }
+    bool const isThere = end.verdict.isGood() && !end.entries.empty();
+    // Hidden from us is no harm.
+    m_report.passed(m_step, isThere ? shown(end.entries.front()) : "the server does not show it",
+                    watch.milliseconds());
     return true;
 }
 
@@ -333,8 +318,8 @@ bool ServerCheck::findBase()
         return true;
     }
     Stopwatch const watch;
-    SearchEnd const end = search(m_settings.base, {LDAPAttributeType("1.1")});
-    if (end.verdict.isGood() && end.result.searchResultEntries().empty()) {
+    SearchEnd const end = search(m_settings.base, {noAttributes});
+    if (end.verdict.isGood() && end.entries.empty()) {
         m_report.warned(
             m_step, fmt::format("{} is not shown to us; what is below it may be", m_settings.base),
             watch.milliseconds());
@@ -343,52 +328,47 @@ bool ServerCheck::findBase()
     return take(end.verdict, m_settings.base, watch);
 }
 
-/// Reads one entry.
-ServerCheck::SearchEnd ServerCheck::search(std::string const& base,
-                                           std::list<LDAPAttributeType> const& attributes)
+/// Whether parts of the tree are elsewhere: a server sends references to them with any answer, and an
+/// answer of references alone does not tell that an address is unknown.
+bool ServerCheck::findReferences()
 {
-    LDAPSearch::Parameter parameter(base);
-    parameter.filter = "(objectClass=*)";
-    parameter.scope = LDAPSearch::ScopeBase;
-    parameter.attributes = attributes;
-
-    SearchEnd end;
-    int id = 0;
-    end.verdict = m_session->send(parameter, id);
-    if (end.verdict.isGood()) {
-        end.result = LDAPResult(m_session->connection());
-        end.verdict = collect(end.result);
+    if (m_settings.base.empty()) {
+        m_report.skipped(m_step, "none is given (-b)");
+        return true;
     }
-    return end;
+    Stopwatch const watch;
+    Lookup::SearchRequest request;
+    request.base = m_settings.base;
+    request.scope = m_settings.scope;
+    request.attributes = {noAttributes};
+    SearchEnd const end =
+        searchOn(*m_session, request, "(objectClass=referral)", silence(), deadline());
+    std::string const found = end.references.empty()
+                                  ? std::string("none below the base")
+                                  : fmt::format("{} below the base, as {}", end.references.size(),
+                                                end.references.front());
+    if (!end.verdict.isGood()) {
+        m_report.warned(m_step, "the search failed: " + withoutUri(end.verdict.text),
+                        watch.milliseconds());
+    } else if (end.references.empty() || m_settings.references == Lookup::References::ignore) {
+        m_report.passed(m_step, found, watch.milliseconds());
+    } else {
+        m_report.warned(m_step,
+                        found + ": an address that is not found here may be there, and is 'try "
+                                "later'; set references = ignore if it is not",
+                        watch.milliseconds());
+    }
+    return m_session->verdict().isGood();
 }
 
-/// Receives the answer to the one search under way.
-Verdict ServerCheck::collect(LDAPResult& result)
+/// Reads one entry.
+SearchEnd ServerCheck::search(std::string const& base, std::vector<std::string> const& attributes)
 {
-    constexpr int searchResult = 4;
-    auto const last = deadline();
-    LDAPMessageBuffer message;
-    while (result.resultType() != searchResult) {
-        auto const left = std::chrono::ceil<milliseconds>(last - Clock::now());
-        int const received = m_session->receive(message, std::max(left, milliseconds(0)));
-        if (received <= 0) {
-            bool const isSilent = received == 0;
-            return Verdict{Lookup::Outcome::TryLater, isSilent ? LDAP_TIMEOUT : LDAP_SERVER_DOWN,
-                           isSilent ? "no answer in time" : "the connection broke"};
-        }
-        try {
-            result.impl()->parseMessage(message);
-        } catch (LDAPException const& fault) { // also of a referral, with its code
-            if (result.resultCode() == LDAP_SUCCESS) {
-                return Verdict{Lookup::Outcome::TryLater, LDAP_DECODING_ERROR,
-                               "the answer cannot be read: " + fault.stringParameter()};
-            }
-        }
-    }
-    int const code = result.resultCode();
-    return Verdict{Lookup::outcomeOfSearch(code), code,
-                   code == LDAP_SUCCESS ? std::string()
-                                        : fmt::format("{} ({})", result.errorMessage(), code)};
+    Lookup::SearchRequest request;
+    request.base = base;
+    request.scope = LDAP_SCOPE_BASE;
+    request.attributes = attributes;
+    return searchOn(*m_session, request, "(objectClass=*)", silence(), deadline());
 }
 
 // Lookups
@@ -491,18 +471,16 @@ bool ServerCheck::take(Verdict const& verdict, std::string const& text, Stopwatc
     return verdict.isGood();
 }
 
-std::unique_ptr<DirectorySession> ServerCheck::session(TlsVerify verify) const
-{
-    Lookup::TlsPolicy tls = m_settings.tls;
-    tls.verify = verify;
-    return std::make_unique<DirectorySession>(m_description, m_server.host, tls);
-}
-
 /// The report names the server already.
 std::string ServerCheck::withoutUri(std::string const& text) const
 {
     std::string const prefix = m_uri + ": ";
     return text.rfind(prefix, 0) == 0 ? text.substr(prefix.size()) : text;
+}
+
+std::chrono::milliseconds ServerCheck::silence() const
+{
+    return std::chrono::seconds(m_settings.networkTimeout);
 }
 
 Clock::time_point ServerCheck::deadline() const { return Clock::now() + m_settings.deadline; }

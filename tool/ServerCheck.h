@@ -3,14 +3,14 @@
 #define SOLVANE_TOOL_SERVER_CHECK_H
 
 #include "CheckReport.h"
+#include "Sessions.h"
 
-#include <solvane/lookup/DirectorySession.h>
 #include <solvane/lookup/LDAPLookup.h>
 
-#include <list>
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Solvane::Tool {
 
@@ -21,6 +21,9 @@ struct Probe {
     std::string obstacle;    ///< why nothing can be looked up; empty: it can
 };
 
+/// Takes one session as far as it goes, step by step. Further ones are opened to look at what the
+/// first does not tell: the host's other addresses, and the chain of a certificate that is refused
+/// for its name.
 class ServerCheck {
 public:
     /// @param settings  of the lookups; the servers in it are left aside for `server`
@@ -35,7 +38,6 @@ public:
 
 private:
     struct Step;
-    struct SearchEnd;
 
     // The steps. False: those behind it cannot be taken.
     bool resolve();
@@ -48,6 +50,7 @@ private:
     bool askIdentity();
     bool readRootDse();
     bool findBase();
+    bool findReferences();
     bool probe();
     bool probeAgain();
     bool measure();
@@ -57,10 +60,11 @@ private:
     void judge(bool isGood, bool isDemanded, std::string const& text, std::string const& remedy,
                Stopwatch const& watch);
     bool requireKey();
-    std::unique_ptr<Lookup::DirectorySession> session(Lookup::TlsVerify verify) const;
-    SearchEnd search(std::string const& base, std::list<LDAPAttributeType> const& attributes);
-    Lookup::Verdict collect(LDAPResult& result);
+    void showOtherAddresses();
+    Lookup::Verdict chainVerdict() const;
+    SearchEnd search(std::string const& base, std::vector<std::string> const& attributes);
     std::string withoutUri(std::string const& text) const;
+    std::chrono::milliseconds silence() const;
     Lookup::Clock::time_point deadline() const;
 
     LDAPLookup::Settings m_settings; ///< with the one server
@@ -68,11 +72,11 @@ private:
     Probe const& m_probe;
     CheckReport& m_report;
     std::string m_uri;
-    char const* m_step = ""; ///< name of the one that is taken
-    LDAPConnection::RefServer m_description;
-    std::optional<Lookup::Certificate> m_certificate;
+    char const* m_step = "";                   ///< name of the one that is taken
+    std::shared_ptr<Lookup::TlsContext> m_tls; ///< null without TLS
+    std::unique_ptr<Lookup::Session> m_session;
+    Lookup::Verdict m_handshake;
     bool m_isTrusted = true; ///< as far as the settings demand it
-    std::unique_ptr<Lookup::DirectorySession> m_session;
     std::unique_ptr<LDAPLookup> m_lookup;
 };
 

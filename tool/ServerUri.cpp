@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <memory>
 #include <string_view>
+#include <type_traits>
 
 namespace Solvane::Tool {
 
@@ -69,6 +70,59 @@ unsigned int portOf(std::string_view authority, bool isSecure)
     return static_cast<unsigned int>(port);
 }
 
+/// The domain of a DN that consists of "dc" parts alone, as "example.com"; else empty.
+std::string domainOf(char const* dn)
+{
+    LDAPDN parsed = nullptr;
+    if (isEmpty(dn) || ldap_str2dn(dn, &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) {
+        return {};
+    }
+    std::unique_ptr<std::remove_pointer_t<LDAPDN>, void (*)(LDAPDN)> const owner(parsed,
+                                                                                 ldap_dnfree);
+    std::string domain;
+    for (LDAPDN part = parsed; part != nullptr && *part != nullptr; ++part) {
+        LDAPAVA const& first = ***part;
+        std::string_view const name(first.la_attr.bv_val, first.la_attr.bv_len);
+        bool const isPart = name.size() == 2 && (name[0] | 0x20) == 'd' &&
+                            (name[1] | 0x20) == 'c' && (*part)[1] == nullptr &&
+                            first.la_value.bv_len != 0;
+        if (!isPart) {
+            return {};
+        }
+        domain += domain.empty() ? "" : ".";
+        domain.append(first.la_value.bv_val, first.la_value.bv_len);
+    }
+    return domain;
+}
+
+/// Splits "ldap+srv:" and "ldaps+srv:" off a URI. False for another scheme.
+bool namesDomain(std::string const& text, bool& isSecure, std::string& rest)
+{
+    std::string scheme = text.substr(0, text.find(':'));
+    std::transform(scheme.begin(), scheme.end(), scheme.begin(), [](char letter) {
+        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+    });
+    isSecure = scheme == "ldaps+srv";
+    if (!isSecure && scheme != "ldap+srv") {
+        return false;
+    }
+    rest = text.substr(std::min(text.size(), scheme.size() + 1));
+    return true;
+}
+
+std::string srvDomainOf(std::string const& text, std::string const& rest)
+{
+    constexpr char remedy[] = "write ldap+srv:///dc=example,dc=com";
+    if (rest.rfind("///", 0) != 0 || rest.find('?') != std::string::npos) {
+        refuse(fmt::format("'{}' names no domain alone", text), remedy);
+    }
+    std::string const domain = domainOf(parse("ldap:" + rest)->lud_dn);
+    if (domain.empty() || faultIn(domain) || domain.find_first_of(" /") != std::string::npos) {
+        refuse(fmt::format("'{}' names no domain", text), remedy);
+    }
+    return domain;
+}
+
 } // namespace
 
 ServerUri ServerUri::fromHost(std::string const& text, unsigned int port)
@@ -88,7 +142,7 @@ ServerUri ServerUri::fromHost(std::string const& text, unsigned int port)
     return uri;
 }
 
-ServerUri::ServerUri(std::string const& text) : port(0), isSecure(false)
+ServerUri::ServerUri(std::string const& text)
 {
     // Looked for first, so that no message shows what stands before it.
     if (text.find('@') != std::string::npos) {
@@ -96,6 +150,10 @@ ServerUri::ServerUri(std::string const& text) : port(0), isSecure(false)
     }
     if (faultIn(text)) {
         refuse("the URI is no plain text", "write ldap://host or ldaps://host");
+    }
+    if (std::string rest; namesDomain(text, isSecure, rest)) {
+        srvDomain = srvDomainOf(text, rest);
+        return;
     }
     Url const url = parse(text);
     std::string_view const scheme = url->lud_scheme;

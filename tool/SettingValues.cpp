@@ -4,10 +4,13 @@
 #include "Files.h"
 #include "Text.h"
 
+#include <solvane/session/Address.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 #include <sstream>
 #include <utility>
 
@@ -42,6 +45,10 @@ constexpr Word<Lookup::TlsVerify> tlsVerifications[] = {
     { "chain", Lookup::TlsVerify::chain },
     { "full",  Lookup::TlsVerify::full },
 };
+constexpr Word<Lookup::References> references[] = {
+    { "defer",  Lookup::References::defer },
+    { "ignore", Lookup::References::ignore },
+};
 constexpr Word<LDAPLookup::Form> forms[] = {
     { "full",   LDAPLookup::Form::full },
     { "noext",  LDAPLookup::Form::noext },
@@ -70,6 +77,14 @@ Value valueOf(std::string const& text, Word<Value> const (&words)[count])
     refuse(fmt::format("'{}' is not offered", oneLine(text)), "choose one of " + names);
 }
 
+template <typename Value, std::size_t count>
+std::string wordFor(Value value, Word<Value> const (&words)[count])
+{
+    auto const* const found = std::find_if(std::begin(words), std::end(words),
+                                           [&](auto const& word) { return word.second == value; });
+    return found == std::end(words) ? std::string() : found->first;
+}
+
 bool isPrintable(char character) { return character > ' ' && character <= '~'; }
 
 /// The characters of attribute descriptions (RFC 4512 section 2.5), and of `*`, `+` and `@class`.
@@ -81,6 +96,25 @@ bool isAttributeSelector(std::string const& text)
                (character >= '0' && character <= '9') ||
                others.find(character) != std::string_view::npos;
     });
+}
+
+/// An address, or one with a port behind it.
+bool isNameServer(std::string const& text)
+{
+    constexpr unsigned int port = 53;
+    if (Lookup::Address::parse(text, port)) {
+        return true;
+    }
+    auto const colon = text.rfind(':');
+    std::string host = text.substr(0, colon);
+    bool const isBracketed = host.size() > 1 && host.front() == '[' && host.back() == ']';
+    host = isBracketed ? host.substr(1, host.size() - 2) : host;
+    auto const address = Lookup::Address::parse(host, port);
+    if (colon == std::string::npos || !address || isBracketed != (address->family() == AF_INET6)) {
+        return false;
+    }
+    numberIn(text.substr(colon + 1), 1, 65535); // refuses it in its own words
+    return true;
 }
 
 /// The domains of a file: words on its lines, up to a '#'.
@@ -110,6 +144,28 @@ unsigned int numberIn(std::string const& text, unsigned int least, unsigned int 
     return number;
 }
 
+std::chrono::seconds durationIn(std::string const& text)
+{
+    return std::chrono::seconds(numberIn(text, 1, longestSeconds));
+}
+
+bool booleanIn(std::string const& text)
+{
+    if (text != "yes" && text != "no") {
+        refuse(fmt::format("'{}' is neither yes nor no", oneLine(text)), "choose one of them");
+    }
+    return text == "yes";
+}
+
+unsigned int networkTimeoutIn(std::string const& text)
+{
+    constexpr std::string_view name = "nettimeout=";
+    if (text.compare(0, name.size(), name) != 0) {
+        refuse(fmt::format("'{}' is not offered", text), "-o takes nettimeout=SECONDS");
+    }
+    return numberIn(text.substr(name.size()), 1, longestSeconds);
+}
+
 LDAPConnection::Protocol protocolIn(std::string const& text) { return valueOf(text, protocols); }
 
 LDAPSearch::Scope scopeIn(std::string const& text) { return valueOf(text, scopes); }
@@ -117,6 +173,28 @@ LDAPSearch::Scope scopeIn(std::string const& text) { return valueOf(text, scopes
 LDAPSearch::Deref dereferenceIn(std::string const& text) { return valueOf(text, dereferences); }
 
 Lookup::TlsVerify tlsVerifyIn(std::string const& text) { return valueOf(text, tlsVerifications); }
+
+Lookup::References referencesIn(std::string const& text) { return valueOf(text, references); }
+
+std::chrono::seconds holdIn(std::string const& text)
+{
+    return std::chrono::seconds(numberIn(text, 0, longestSeconds));
+}
+
+std::vector<std::string> nameServersIn(std::string const& text)
+{
+    std::vector<std::string> servers = wordsIn(text);
+    for (std::string const& server : servers) {
+        if (!isNameServer(server)) {
+            refuse(fmt::format("'{}' is not the address of a name server", oneLine(server)),
+                   "write 192.0.2.1, 192.0.2.1:53, 2001:db8::1 or [2001:db8::1]:53");
+        }
+    }
+    if (servers.empty()) {
+        refuse("no name server is named", "list addresses as in 192.0.2.1,192.0.2.2");
+    }
+    return servers;
+}
 
 std::vector<LDAPLookup::Form> formsIn(std::string const& text)
 {
@@ -182,6 +260,81 @@ std::string dnIn(std::string const& text)
                "write it on one line of UTF-8 text");
     }
     return text;
+}
+
+std::string bindDnIn(std::string const& text)
+{
+    if (text.empty()) {
+        refuse("it names no DN", "leave -D out to ask anonymously");
+    }
+    return dnIn(text);
+}
+
+std::string ourTemplate(std::string const& text)
+{
+    constexpr std::string_view theirs = "suSUdD123456789%";
+    for (auto at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1)) {
+        if (at + 1 < text.size() && theirs.find(text[at + 1]) != std::string_view::npos) {
+            refuse(fmt::format("'{}' is not replaced here", text.substr(at, 2)),
+                   "write $m for the address (%s), $u for its local part (%u), $d for its domain "
+                   "(%d), \\25 for a '%'");
+        }
+    }
+    return text;
+}
+
+// Texts
+
+std::string textOf(bool value) { return value ? "yes" : "no"; }
+
+std::string textOf(char value) { return value == '\0' ? std::string() : std::string(1, value); }
+
+std::string textOf(unsigned int value) { return std::to_string(value); }
+
+std::string textOf(std::size_t value) { return std::to_string(value); }
+
+std::string textOf(std::chrono::milliseconds value)
+{
+    return fmt::format("{}", static_cast<double>(value.count()) / 1000);
+}
+
+std::string textOf(LDAPConnection::Protocol value) { return wordFor(value, protocols); }
+
+std::string textOf(LDAPSearch::Scope value) { return wordFor(value, scopes); }
+
+std::string textOf(LDAPSearch::Deref value) { return wordFor(value, dereferences); }
+
+std::string textOf(Lookup::TlsVerify value) { return wordFor(value, tlsVerifications); }
+
+std::string textOf(Lookup::References value) { return wordFor(value, references); }
+
+std::string textOf(std::vector<LDAPLookup::Form> const& value)
+{
+    std::vector<std::string> words;
+    words.reserve(value.size());
+    for (LDAPLookup::Form const form : value) {
+        words.push_back(wordFor(form, forms));
+    }
+    return textOf(words);
+}
+
+std::string textOf(std::vector<std::string> const& value) { return joined(value, ","); }
+
+std::string const& textOf(std::string const& value) { return value; }
+
+std::vector<std::string> serversIn(std::string const& text)
+{
+    std::vector<std::string> servers;
+    for (std::string const& word : wordsIn(text)) {
+        // No host has an equals sign: what has one goes on with the DN of the URI before it.
+        bool const continues = !servers.empty() && word.find('=') < word.find_first_of(":/[");
+        if (continues && servers.back().find("+srv:") != std::string::npos) {
+            servers.back() += ',' + word;
+        } else {
+            servers.push_back(word);
+        }
+    }
+    return servers;
 }
 
 std::vector<std::string> wordsIn(std::string_view text)

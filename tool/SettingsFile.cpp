@@ -1,9 +1,8 @@
-// Reading the lines of a settings file, and the table of its names.
+// Reading the lines of a settings file.
 #include "SettingsFile.h"
 
 #include "Failure.h"
 #include "Files.h"
-#include "ServerUri.h"
 #include "SettingValues.h"
 #include "Text.h"
 
@@ -11,8 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
-#include <iterator>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -30,30 +27,6 @@ std::string_view trimmed(std::string_view text)
     return begin == std::string_view::npos
                ? std::string_view()
                : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
-}
-
-bool booleanIn(std::string const& value)
-{
-    if (value != "yes" && value != "no") {
-        throw Failure(Outcome::usage, fmt::format("'{}' is neither yes nor no", oneLine(value)),
-                      "choose one of them");
-    }
-    return value == "yes";
-}
-
-/// Refuses the specifiers of Postfix's filters, which would be searched for as they are.
-std::string ourTemplate(std::string const& value)
-{
-    constexpr std::string_view theirs = "suSUdD123456789%";
-    for (auto at = value.find('%'); at != std::string::npos; at = value.find('%', at + 1)) {
-        if (at + 1 < value.size() && theirs.find(value[at + 1]) != std::string_view::npos) {
-            throw Failure(Outcome::usage,
-                          fmt::format("'{}' is not replaced here", value.substr(at, 2)),
-                          "write $m for the address (%s), $u for its local part (%u), $d for its "
-                          "domain (%d), \\25 for a '%'");
-        }
-    }
-    return value;
 }
 
 /// The file's text, overwritten at its end: it may hold a password.
@@ -116,88 +89,21 @@ public:
     void parse();
 
 private:
-    using Settings = LDAPLookup::Settings;
-    struct Name {
-        char const* text;
-        void (*apply)(SettingsParser& parser, Settings& settings, std::string const& value);
-    };
-    static Name const names[];
-
     [[noreturn]] void refuse(std::string const& cause, std::string const& remedy) const;
     void takeLine(std::string_view line);
     void begin(std::string_view line);
     void finishSetting();
     void requirePrivacy() const;
     std::string place() const { return fmt::format("{}:{}", m_file.m_path, m_begin); }
-    void makeServers();
+    void store();
 
     SettingsFile& m_file;
     FileText m_source;
     unsigned long m_line = 0;
     unsigned long m_begin = 0; ///< line on which the current setting begins
-    Name const* m_name = nullptr;
+    Setting const* m_setting = nullptr;
     std::string m_value;
-    std::vector<std::string> m_hosts;
-    unsigned int m_port = 389;
-    bool m_binds = true;
 };
-
-// clang-format off
-SettingsParser::Name const SettingsParser::names[] = {
-    { "server_host", [](SettingsParser& parser, Settings&, std::string const& value) {
-        parser.m_hosts = wordsIn(value);
-        for (std::string const& host : parser.m_hosts) {
-            ServerUri::fromHost(host, parser.m_port); // refuses it on its line
-        } } },
-    { "server_port", [](SettingsParser& parser, Settings&, std::string const& value) {
-        parser.m_port = numberIn(value, 1, 65535); } },
-    { "version", [](SettingsParser& parser, Settings&, std::string const& value) {
-        parser.m_file.m_version = protocolIn(value); } },
-    { "timeout", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.networkTimeout = numberIn(value, 1, longestSeconds); } },
-    { "deadline", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.deadline = std::chrono::seconds(numberIn(value, 1, longestSeconds)); } },
-    { "bind", [](SettingsParser& parser, Settings&, std::string const& value) {
-        parser.m_binds = booleanIn(value); } },
-    { "bind_dn", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.bindDn = dnIn(value); } },
-    { "bind_pw", [](SettingsParser& parser, Settings&, std::string const& value) {
-        parser.requirePrivacy();
-        parser.m_file.m_password.assign(value, "the password"); } },
-    { "tls_verify", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.tls.verify = tlsVerifyIn(value); } },
-    { "tls_ca_cert_file", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.tls.caFile = value; } },
-    { "search_base", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.base = dnIn(value); } },
-    { "scope", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.scope = scopeIn(value); } },
-    { "dereference", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.deref = dereferenceIn(value); } },
-    { "result_attribute", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.attributes = attributesIn(value); } },
-    { "size_limit", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.entryLimit = numberIn(value, 0, largestLimit); } },
-    { "time_limit", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.timeLimit = numberIn(value, 0, largestLimit); } },
-    { "query_filter", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.queryTemplate = ourTemplate(value); } },
-    { "b_value", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.bValue = value; } },
-    { "g_value", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.gValue = value; } },
-    { "domain", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.domains = domainsIn(value); } },
-    { "forms", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.forms = formsIn(value); } },
-    { "delimiter", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.extensionDelimiter = delimiterIn(value); } },
-    { "connections", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.connections = numberIn(value, 1, mostConnections); } },
-    { "window", [](SettingsParser&, Settings& settings, std::string const& value) {
-        settings.window = numberIn(value, 1, widestWindow); } },
-};
-// clang-format on
 
 void SettingsParser::parse()
 {
@@ -209,9 +115,8 @@ void SettingsParser::parse()
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     finishSetting();
-    makeServers();
-    if (!m_binds) {
-        m_file.m_settings.bindDn.clear();
+    if (!m_file.m_draft.binds) {
+        m_file.m_draft.lookup.bindDn.clear();
     }
 }
 
@@ -224,7 +129,7 @@ void SettingsParser::takeLine(std::string_view line)
     if (blanks.find(line.front()) == std::string_view::npos) {
         finishSetting();
         begin(text);
-    } else if (m_name != nullptr) {
+    } else if (m_setting != nullptr) {
         m_value += m_value.empty() ? "" : " ";
         m_value += text;
     } else {
@@ -241,31 +146,39 @@ void SettingsParser::begin(std::string_view line)
         refuse("the line has no '='", "write name = value");
     }
     std::string_view const name = trimmed(line.substr(0, equals));
-    m_name = std::find_if(std::begin(names), std::end(names),
-                          [&](Name const& known) { return name == known.text; });
-    if (m_name == std::end(names)) {
+    m_setting = settingOfFile(name);
+    if (m_setting == nullptr) {
         refuse(fmt::format("there is no setting '{}'", oneLine(name)),
                "solvane-ldap.conf(5) lists the names");
     }
-    if (!m_file.m_names.insert(m_name->text).second) {
-        refuse(fmt::format("{} is set twice", m_name->text), "leave one of the lines out");
+    if (!m_file.m_draft.given.insert(m_setting->name).second) {
+        refuse(fmt::format("{} is set twice", m_setting->name), "leave one of the lines out");
     }
     m_value = trimmed(line.substr(equals + 1));
 }
 
 void SettingsParser::finishSetting()
 {
-    if (m_name == nullptr) {
+    if (m_setting == nullptr) {
         return;
     }
-    bool const isSecret = m_name->text == std::string_view("bind_pw");
-    if (!isSecret && faultIn(m_value)) {
-        refuse(fmt::format("{}: {}", m_name->text, describe(*faultIn(m_value))),
-               "write the value in UTF-8 without control characters");
+    explainedBy(fmt::format("{}: {}", place(), m_setting->name), Outcome::configuration,
+                [&] { store(); });
+    m_setting = nullptr;
+}
+
+void SettingsParser::store()
+{
+    if (m_setting->name == passwordName) {
+        requirePrivacy();
+        m_file.m_password.assign(m_value, "the password");
+        return;
     }
-    explainedBy(fmt::format("{}: {}", place(), m_name->text), Outcome::configuration,
-                [&] { m_name->apply(*this, m_file.m_settings, m_value); });
-    m_name = nullptr;
+    if (auto const fault = faultIn(m_value)) {
+        throw Failure(Outcome::usage, describe(*fault),
+                      "write the value in UTF-8 without control characters");
+    }
+    m_setting->value.fromFile(m_value)(m_file.m_draft);
 }
 
 void SettingsParser::requirePrivacy() const
@@ -274,15 +187,6 @@ void SettingsParser::requirePrivacy() const
         throw Failure(Outcome::configuration,
                       fmt::format("the file can be read by others (mode {:03o})", m_source.mode()),
                       "chmod 600 it, and change the password if others had access");
-    }
-}
-
-/// Made last: port and version may stand behind the hosts.
-void SettingsParser::makeServers()
-{
-    for (std::string const& host : m_hosts) {
-        ServerUri const uri = ServerUri::fromHost(host, m_port);
-        m_file.m_settings.servers.push_back({uri.host, uri.port, uri.isSecure, m_file.m_version});
     }
 }
 

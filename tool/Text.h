@@ -2,7 +2,7 @@
 #ifndef SOLVANE_TOOL_TEXT_H
 #define SOLVANE_TOOL_TEXT_H
 
-#include <solvane/lookup/PlainText.h>
+#include <solvane/session/PlainText.h>
 
 #include <string>
 #include <string_view>
@@ -14,6 +14,17 @@ using Lookup::faultIn;
 using Lookup::isUtf8;
 using Lookup::oneLine;
 using Lookup::TextFault;
+using Lookup::wipe;
+
+/// The texts in a row.
+template <typename Texts> std::string joined(Texts const& texts, char const* separator)
+{
+    std::string all;
+    for (std::string const& text : texts) {
+        all += (all.empty() ? "" : separator) + text;
+    }
+    return all;
+}
 
 /// Appends `oneLine(text)`; without a copy where the text is a plain line.
 void appendOneLine(std::string& out, std::string_view text);

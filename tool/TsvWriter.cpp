@@ -19,7 +19,8 @@ private:
         appendValues(record, out);
         out += '\t';
         out += status;
-        if (status == "error") {
+        bool const hasRemark = status == "notfound" && !record.answer.text.empty();
+        if (status == "error" || hasRemark) {
             out += '\t';
             appendOneLine(out, record.answer.text);
         }

@@ -117,7 +117,8 @@ void Pipeline::drain(Lane& lane)
             break;
         }
         if (received == Session::Received::broken) {
-            leave(lane, Trouble::broken, session.verdict());
+            Verdict const why = session.verdict(); // the session goes with its lane
+            leave(lane, Trouble::broken, why);
             return;
         }
         lane.lease->hasAnswered = true;

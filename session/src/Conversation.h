@@ -35,6 +35,8 @@ public:
     /// Asks for the root DSE without attributes: a question that every server answers in some way.
     int askForLife(int& id);
     void abandon(int id);
+    /// Awaits the answer to a request that was made elsewhere.
+    void expect(int id) { m_awaited.push_back(id); }
 
     /// The next message of a request, without waiting.
     Session::Received receive(LDAPMessageBuffer& message, int& id);

@@ -89,6 +89,13 @@ Verdict Session::send(SearchRequest const& request, std::string const& filter, i
                             "the search cannot be sent: " + wordsFor(code, filter));
 }
 
+void Session::expect(int id)
+{
+    if (Conversation* const conversation = m_steps->conversation()) {
+        conversation->expect(id);
+    }
+}
+
 void Session::abandon(int id)
 {
     Conversation* const conversation = m_steps->conversation();

@@ -42,6 +42,7 @@ struct Answer {
     bool isParsed;
     int code;
     std::string words; ///< of the code, with all that the server says besides
+    bool isReferral = false;
 };
 
 Answer parsed(LDAP* session, LDAPMessage* message)
@@ -53,7 +54,7 @@ Answer parsed(LDAP* session, LDAPMessage* message)
     int const rc = ldap_parse_result(session, message, &code, matched.address(), text.address(),
                                      referrals.address(), nullptr, 0);
     if (rc != LDAP_SUCCESS) {
-        return {false, 0, std::string()};
+        return {false, 0, std::string(), false};
     }
     std::string words = wordsFor(code, textOf(text));
     if (!textOf(matched).empty()) {
@@ -63,7 +64,7 @@ Answer parsed(LDAP* session, LDAPMessage* message)
          ++referral) {
         words += ", see " + oneLine(*referral);
     }
-    return {true, code, words};
+    return {true, code, words, referrals.get() != nullptr && *referrals.get() != nullptr};
 }
 
 bool isType(LDAPMessage* message, ber_tag_t type)
@@ -317,7 +318,9 @@ Session::Steps::Progress Session::Steps::awaitAnswer(LDAPMessageBuffer& answer)
 Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)
 {
     Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
-    if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed) {
+    // A success that refers elsewhere is none (RFC 4511 section 4.1.10).
+    bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
+    if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "sent an invalid answer to the bind");
     }
     return response.code == LDAP_SUCCESS ? Progress::done

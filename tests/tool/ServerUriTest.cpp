@@ -1,6 +1,9 @@
 // What a server's URI is read as; refusals are tried on the tool itself.
 #include "ServerUri.h"
 
+#include "Failure.h"
+#include "SettingValues.h"
+
 #include <gmock/gmock.h>
 
 #include <string>
@@ -62,6 +65,38 @@ TEST(AServersHost, MayBeAUri)
 {
     EXPECT_EQ(partsOfHost("ldap://h"), std::tuple("h", 389U, false));
     EXPECT_EQ(partsOfHost("ldaps://h"), std::tuple("h", 636U, true));
+}
+
+auto domainOf(std::string const& text)
+{
+    ServerUri const uri(text);
+    return std::tuple(uri.host, uri.srvDomain, uri.isSecure);
+}
+
+TEST(AServerUri, MayNameADomain)
+{
+    EXPECT_EQ(domainOf("ldap+srv:///dc=example,dc=com"), std::tuple("", "example.com", false));
+    EXPECT_EQ(domainOf("ldaps+srv:///dc=example,dc=com"), std::tuple("", "example.com", true));
+    EXPECT_EQ(domainOf("LDAP+SRV:///DC=example,%20dc=co,dc=uk"),
+              std::tuple("", "example.co.uk", false));
+    EXPECT_EQ(ServerUri("ldap://h").srvDomain, "");
+}
+
+TEST(AServerUri, NamesADomainByItsPartsAlone)
+{
+    for (char const* const text :
+         {"ldap+srv:", "ldap+srv://", "ldap+srv:///", "ldap+srv://h/dc=x",
+          "ldap+srv:///example.com", "ldap+srv:///ou=x,dc=example,dc=com", "ldap+srv:///dc=x+dc=y",
+          "ldap+srv:///dc=", "ldap+srv:///dc=x?cn", "ldap+srv:///dc=x%0Ay"}) {
+        EXPECT_THROW(ServerUri{text}, Failure) << text;
+    }
+}
+
+TEST(AListOfServers, KeepsTheCommasOfADomain)
+{
+    EXPECT_THAT(
+        serversIn("a, ldap+srv:///dc=x,dc=y b ldaps+srv:///dc=z,ldap://c:1"),
+        testing::ElementsAre("a", "ldap+srv:///dc=x,dc=y", "b", "ldaps+srv:///dc=z", "ldap://c:1"));
 }
 
 } // namespace

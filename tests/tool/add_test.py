@@ -8,6 +8,7 @@ import subprocess
 import time
 import unittest
 
+from names import NameServer, service
 from servers import ADD, ScriptedDirectory, hangingUpAfter, silent
 from support import (DEADLINE, READER, TOOL, DirectoryTest, ToolTest, freePort, message, outcome,
                      run)
@@ -249,6 +250,17 @@ class AddToADirectory(DirectoryTest):
                      "-y", self.password, stdin=unit("next").encode())
 
         self.assertEqual((result.status, result.lines), (0, [f"added ou=next,{NEW}"]),
+                         result.errors)
+
+    def testAsksTheServersOfADomain(self):
+        names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"]}, services={
+            "_ldap._tcp.corp.test": [service(20, 0, int(self.server["LDAP_PORT"]), "ldap.corp.test"),
+                                     service(10, 0, freePort(), "ldap.corp.test")]})
+
+        result = run("add", "-H", "ldap+srv:///dc=corp,dc=test", "--name-servers", names.address,
+                     "-D", READER, "-y", self.password, stdin=unit("domain").encode())
+
+        self.assertEqual((result.status, result.lines), (0, [f"added ou=domain,{NEW}"]),
                          result.errors)
 
     def testAddsNothingWithoutRights(self):

@@ -4,15 +4,16 @@ import os
 import re
 import unittest
 
+from names import NameServer, service
 from servers import ScriptedDirectory, giving
 from support import PEOPLE, READER, READER_PASSWORD, DirectoryTest, ToolTest
-from support import bound, entry, freePort, message, outcome, run, searched
+from support import bound, entry, freePort, message, outcome, run, searched, tlv
 
 PLAIN_STEPS = ["settings", "template", "resolution", "TCP", "bind", "who am I", "root DSE", "base",
-               "probe", "pool", "latency"]
+               "references", "probe", "pool", "latency"]
 SECURE_STEPS = (PLAIN_STEPS[:4] + ["TLS", "certificate", "name", "chain"] + PLAIN_STEPS[4:])
-STEP = re.compile(r"  (ok|warning|FAILED|-) +(settings|template|resolution|TCP|TLS|certificate|name"
-                  r"|chain|bind|who am I|root DSE|base|probe|pool|latency) +([0-9.]+ ms)?  (.*)")
+STEP = re.compile(r"  (ok|warning|FAILED|-) +(settings|template|SRV|resolution|TCP|TLS|certificate|name"
+                  r"|chain|bind|who am I|root DSE|base|references|probe|pool|latency) +([0-9.]+ ms)?  (.*)")
 
 
 class Steps:
@@ -93,7 +94,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         result, steps = self.asReader(self.uri)
 
         self.assertEqual(result.status, 0)
-        for name in ("template", "base", "probe", "pool", "latency"):
+        for name in ("template", "base", "references", "probe", "pool", "latency"):
             self.assertEqual(steps.verdicts[name], "-")
 
     def testTriesNoLookupWithoutABase(self):
@@ -289,6 +290,11 @@ def identity(number, code, value=None):
     return message(number, operation)
 
 
+def reference(number, *uris):
+    """A search continuation (RFC 4511 section 4.5.3)."""
+    return message(number, tlv(0x73, *[tlv(0x04, uri) for uri in uris]))
+
+
 class CheckOnAScriptedDirectory(CheckTest):
 
     def answered(self, *answers, arguments=()):
@@ -319,7 +325,7 @@ class CheckOnAScriptedDirectory(CheckTest):
 
     def testWarnsWhereNobodySaysWhoWeAre(self):
         result, steps = self.answered(bound(), identity(2, 2), searched(3), searched(4),
-                                      arguments=["-b", "dc=x"])
+                                      searched(5), arguments=["-b", "dc=x"])
 
         self.assertEqual(result.status, 0, result.output)
         self.assertEqual(steps.verdicts["who am I"], "warning")
@@ -343,6 +349,116 @@ class CheckOnAScriptedDirectory(CheckTest):
 
         self.assertEqual(result.status, 69, result.output)
         self.assertIn("ask the server that holds the data", steps.texts["base"])
+
+    def testSaysWhereTheBaseRefersTo(self):
+        referral = searched(4, 10, referrals=[b"ldap://elsewhere/"])
+
+        _, steps = self.answered(bound(), identity(2, 0, b"dn:cn=x"), searched(3), referral,
+                                 arguments=["-b", "dc=x"])
+
+        self.assertIn("see ldap://elsewhere/", steps.texts["base"])
+        self.assertEqual(steps.texts["references"], "not tried: 'base' did not pass")
+
+    def testWarnsOfReferencesBelowTheBase(self):
+        below = reference(5, b"ldap://a.test/ou=x,dc=x") + reference(5, b"ldap://b.test/ou=y,dc=x")
+
+        result, steps = self.answered(bound(), identity(2, 0, b"dn:cn=x"), searched(3),
+                                      entry(4, b"dc=x") + searched(4), below + searched(5),
+                                      arguments=["-b", "dc=x"])
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.verdicts["references"], "warning")
+        self.assertIn("2 below the base, as ldap://a.test/ou=x,dc=x", steps.texts["references"])
+        self.assertIn("try later", steps.texts["references"])
+
+    def testTakesReferencesThatAreIgnored(self):
+        result, steps = self.answered(bound(), identity(2, 0, b"dn:cn=x"), searched(3),
+                                      entry(4, b"dc=x") + searched(4),
+                                      reference(5, b"ldap://a.test/ou=x,dc=x") + searched(5),
+                                      arguments=["-b", "dc=x", "--references", "ignore"])
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.verdicts["references"], "ok")
+        self.assertIn("1 below the base", steps.texts["references"])
+
+    def testHoldsTheNetworkTimeoutAtEachStep(self):
+        """With a deadline that no test would live to see."""
+        answers = [bound(), identity(2, 0, b"dn:cn=x"), searched(3), entry(4, b"dc=x") + searched(4)]
+        for count, step in ((0, "bind"), (1, "who am I"), (2, "root DSE"), (3, "base"),
+                            (4, "references")):
+            with self.subTest(step=step):
+                result, steps = self.answered(*answers[:count],
+                                              arguments=["--deadline", "100000", "-b", "dc=x"])
+
+                self.assertEqual(result.status, 0 if step == "references" else 75, result.output)
+                self.assertEqual(steps.verdicts[step],
+                                 "warning" if step == "references" else "FAILED")
+                self.assertRegex(steps.texts[step], "no answer in time|did not answer")
+
+    def testFailsForAnAnswerThatIsNoLdap(self):
+        result, steps = self.answered(bound(), identity(2, 0, b"dn:cn=x"), b"HTTP/1.0 200 OK\r\n")
+
+        self.assertEqual(result.status, 75, result.output)
+        self.assertEqual(steps.verdicts["root DSE"], "FAILED")
+
+
+class CheckOnAHostWithSeveralAddresses(DirectoryTest, CheckTest):
+    slapdOptions = ["--users", "1"]
+
+    def checkByName(self, *addresses):
+        names = NameServer(self, hosts={"ldap.corp.test": addresses})
+        port = self.server["LDAP_PORT"]
+        return self.asReader(f"ldap://ldap.corp.test:{port}", "--name-servers", names.address,
+                             "-o", "nettimeout=5")
+
+    def testShowsThemAll(self):
+        result, steps = self.checkByName("127.0.0.1", "127.0.0.2", "127.0.0.3")
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(set(steps.texts["resolution"].split(", ")),
+                         {"127.0.0.1", "127.0.0.2", "127.0.0.3"})
+        self.assertEqual(steps.verdicts["TCP"], "ok")
+        self.assertEqual(steps.texts["TCP"], f"127.0.0.1 port {self.server['LDAP_PORT']}")
+        for dead in ("127.0.0.2", "127.0.0.3"):
+            self.assertRegex(result.output, rf"\n {{36}}.*{dead} port \d+.*[Rr]efused")
+
+    def testSaysWhyEachFails(self):
+        result, steps = self.checkByName("127.0.0.2", "127.0.0.3")
+
+        self.assertEqual(result.status, 75, result.output)
+        self.assertEqual(steps.verdicts["TCP"], "FAILED")
+        self.assertIn("127.0.0.2", steps.texts["TCP"])
+        self.assertIn("127.0.0.3", steps.texts["TCP"])
+
+    def checkDomain(self, services, *arguments):
+        names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"]}, services=services)
+        return self.asReader("ldap+srv:///dc=corp,dc=test", "--name-servers", names.address,
+                             "-o", "nettimeout=5", *arguments)
+
+    def testShowsTheServersOfADomain(self):
+        port = int(self.server["LDAP_PORT"])
+
+        result, steps = self.checkDomain({"_ldap._tcp.corp.test": [
+            service(20, 0, freePort(), "ldap.corp.test"), service(10, 0, port, "ldap.corp.test")]})
+
+        self.assertEqual(result.status, 75, result.output)
+        self.assertIn(f"corp.test: ldap.corp.test port {port}, ldap.corp.test port ",
+                      steps.texts["SRV"])
+        self.assertIn(f"\nldap://ldap.corp.test:{port}\n", result.output)
+        self.assertEqual(result.output.count("ok       resolution"), 2)
+        self.assertEqual(result.output.count("ok       bind"), 1)
+
+    def testFailsForADomainWithoutServers(self):
+        result, steps = self.checkDomain({})
+
+        self.assertEqual(result.status, 75, result.output)
+        self.assertEqual(steps.verdicts["SRV"], "FAILED")
+        self.assertIn("check the domain in -H", steps.texts["SRV"])
+
+    def testWarnsAMonitorOfADomainWithoutServersWhileAnotherServerWorks(self):
+        result, _ = self.checkDomain({}, "-H", self.uri, "--nagios")
+
+        self.assertLine(result, 1, "1 of 2 servers work", "corp.test: SRV")
 
 
 if __name__ == "__main__":

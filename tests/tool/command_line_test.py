@@ -59,7 +59,9 @@ class CommandLine(ToolTest):
                        ["-y", "none"], ["--password-fd", "9"], ["-P", "2"], ["-P", "3"],
                        ["-o", "nettimeout=2147483"], ["--deadline", "1"], ["--tls-ca", "none"],
                        ["--tls-verify", "none"], ["--tls-verify", "chain"],
-                       ["--tls-verify", "full"],
+                       ["--tls-verify", "full"], ["-H", "ldap+srv:///dc=corp,dc=test"],
+                       ["--name-servers", "192.0.2.1,[2001:db8::1]:53"], ["--refused-hold", "0"],
+                       ["--entry-bytes", "1024"],
                        ["-v"], ["-d", "0"], ["--stats"], ["--stats=json"], ["--format", "values"],
                        ["--format=tsv"]):
             with self.subTest(option=option):
@@ -84,7 +86,9 @@ class CommandLine(ToolTest):
                        ["-j", "1"], ["-j", "1024"], ["--window", "65536"], ["--single"], ["-c"],
                        ["--domains", "other.test, more.test"], ["--domains", "@" + with_file],
                        ["--forms", "full,noext,bare,domain"], ["--delimiter", "-"],
-                       ["--delimiter", ""], ["--b-value", ""], ["--g-value", "x"], ["--nouser", "67"]):
+                       ["--delimiter", ""], ["--references", "defer"], ["--ascii-domains", "no"],
+                       ["--key-bytes", "8"], ["--answer-bytes", "1024"],
+                       ["--b-value", ""], ["--g-value", "x"], ["--nouser", "67"]):
             with self.subTest(option=option):
                 # The domain is none that is served: no server is asked.
                 domains = [] if "--domains" in option else ["--domains", "other.test"]
@@ -129,6 +133,13 @@ class CommandLine(ToolTest):
                                 (["--forms", "half"], "noext"), (["--forms", ""], "no form"),
                                 (["--delimiter", "ab"], "one ASCII"),
                                 (["--delimiter", "@"], "one ASCII"),
+                                (["--references", "follow"], "ignore"),
+                                (["--ascii-domains", "maybe"], "yes nor no"),
+                                (["--key-bytes", "0"], "from 1"),
+                                (["--answer-bytes", "1"], "from 1024"),
+                                (["--entry-bytes", "x"], "from 1024"),
+                                (["--refused-hold", "-1"], "from 0"),
+                                (["--name-servers", "ns.test"], "192.0.2.1"),
                                 (["--nouser", "0"], "from 1"), (["--nouser", "126"], "from 1"),
                                 (["-z", "1", "-z", "2"], "--size-limit"), (["-C"], "--config")):
             with self.subTest(arguments=arguments):

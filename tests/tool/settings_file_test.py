@@ -78,7 +78,13 @@ class Grammar(ToolTest):
                               ("domain = a@b", "no domain"), ("forms = full,half", "noext"),
                               ("delimiter = ab", "one ASCII"), ("connections = 0", "from 1"),
                               ("window = 0", "from 1"), ("query_filter = (mail=%s)", "$m"),
-                              ("query_filter = (mail=%u@%d)", "$u"), ("bind_pw =", "empty")):
+                              ("query_filter = (mail=%u@%d)", "$u"), ("bind_pw =", "empty"),
+                              ("server_host = ldap+srv:///x", "dc=example"),
+                              ("name_servers = ns.test", "192.0.2.1"),
+                              ("refused_hold = -1", "from 0"), ("entry_bytes = 1", "from 1024"),
+                              ("answer_bytes = 1", "from 1024"), ("key_bytes = 0", "from 1"),
+                              ("references = follow", "defer, ignore"),
+                              ("ascii_domains = maybe", "yes nor no")):
             with self.subTest(setting=setting):
                 self.assertRefused("# c\n" + setting + "\n", 2, setting.split()[0], word)
 
@@ -89,7 +95,10 @@ class Grammar(ToolTest):
                 b"tls_verify = chain\ntls_ca_cert_file = /none\nsearch_base = dc=x\nscope = one\n"
                 b"dereference = 2\nresult_attribute = cn, mail\nsize_limit = 0\ntime_limit = 3\n"
                 b"query_filter = $u\nb_value = b\ng_value = g\ndomain = @" + domains + b"\n"
-                b"forms = full, noext\ndelimiter = -\nconnections = 2\nwindow = 3\n")
+                b"forms = full, noext\ndelimiter = -\nconnections = 2\nwindow = 3\n"
+                b"name_servers = 192.0.2.1, [2001:db8::1]:53\nrefused_hold = 0\n"
+                b"entry_bytes = 1024\nanswer_bytes = 2147483647\nkey_bytes = 1\n"
+                b"references = ignore\nascii_domains = no\n")
 
         result = self.expand(text.decode())
 

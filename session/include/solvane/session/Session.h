@@ -116,6 +116,10 @@ public:
     /// @param filter  RFC 4515; an empty or invalid one is -7 `Misconfigured`, with nothing sent
     /// @param id      receives the message id
     Verdict send(SearchRequest const& request, std::string const& filter, int& id);
+    /// Has `receive` take the answers to a request that the caller sent by `handle`; those of other
+    /// requests are dropped.
+    /// @param id  its message id, greater than all before it
+    void expect(int id);
     /// Tells the server to stop; what still arrives of that request is dropped.
     void abandon(int id);
     /// Writes what is to be written as far as the socket takes it.

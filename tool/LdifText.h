@@ -1,0 +1,22 @@
+// Lines of LDIF (RFC 2849).
+#ifndef SOLVANE_TOOL_LDIF_TEXT_H
+#define SOLVANE_TOOL_LDIF_TEXT_H
+
+#include <string>
+#include <string_view>
+
+namespace Solvane::Tool {
+
+/// How a value is written.
+enum class LdifForm {
+    asFits, ///< as it is, unless it needs base64
+    base64,
+};
+
+/// Appends a line, folded as needed, with its end.
+void appendLdif(std::string& out, std::string const& name, std::string_view value,
+                LdifForm form = LdifForm::asFits);
+
+} // namespace Solvane::Tool
+
+#endif

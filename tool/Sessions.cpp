@@ -1,0 +1,204 @@
+// What a session is told, and the messages of one answer.
+#include "Sessions.h"
+
+#include "OpenLDAP.h"
+#include "Text.h"
+
+#include <solvane/session/EntryReader.h>
+#include <solvane/session/ResultCodes.h>
+#include <solvane/session/SrvQuery.h>
+
+#include <fmt/format.h>
+
+#include <algorithm>
+
+namespace Solvane::Tool {
+
+using Lookup::Clock;
+using Lookup::Session;
+using Lookup::Verdict;
+using std::chrono::milliseconds;
+
+namespace {
+
+void append(LDAPValueBuffer const& texts, std::vector<std::string>& to)
+{
+    for (char** text = texts.get(); text != nullptr && *text != nullptr; ++text) {
+        to.emplace_back(*text);
+    }
+}
+
+std::string lineOf(LDAPCharBuffer const& text)
+{
+    return text.get() == nullptr ? std::string() : oneLine(text.get());
+}
+
+constexpr char damaged[] = "the answer cannot be read";
+
+bool takeReference(Session const& session, LDAPMessageBuffer const& message, SearchEnd& end)
+{
+    LDAPValueBuffer uris;
+    int const rc =
+        ldap_parse_reference(session.handle(), message.get(), uris.address(), nullptr, 0);
+    append(uris, end.references);
+    return rc == LDAP_SUCCESS;
+}
+
+Verdict verdictOf(ResultMessage const& result, std::vector<std::string>& references)
+{
+    references.insert(references.end(), result.referrals.begin(), result.referrals.end());
+    if (result.code == LDAP_SUCCESS) {
+        return {};
+    }
+    return {Lookup::outcomeOfSearch(result.code), result.code,
+            Lookup::wordsFor(result.code, result.text) + pointersTo(result.referrals)};
+}
+
+/// Takes one message of the answer. True: the answer has ended.
+bool takeMessage(Session const& session, LDAPMessageBuffer const& message, SearchEnd& end)
+{
+    bool isWhole = true;
+    switch (ldap_msgtype(message.get())) {
+    case LDAP_RES_SEARCH_ENTRY:
+        isWhole = Lookup::readEntry(session.handle(), message.get(), end.entries);
+        break;
+    case LDAP_RES_SEARCH_REFERENCE:
+        isWhole = takeReference(session, message, end);
+        break;
+    case LDAP_RES_SEARCH_RESULT:
+        end.verdict = verdictOf(resultIn(session, message), end.references);
+        return true;
+    default: // what a server may send beside an answer
+        break;
+    }
+    if (!isWhole) {
+        end.verdict = {Lookup::Outcome::TryLater, LDAP_DECODING_ERROR, damaged};
+    }
+    return !isWhole;
+}
+
+} // namespace
+
+ServersFound serversOf(LDAPLookup::Server const& server, LDAPLookup::Settings const& settings,
+                       Clock::time_point deadline)
+{
+    if (server.srvDomain.empty()) {
+        return {Verdict(), {server}};
+    }
+    auto const limit =
+        std::min(deadline, Clock::now() + std::chrono::seconds(settings.networkTimeout));
+    Lookup::SrvQuery query(server.srvDomain, server.secure, settings.nameServers);
+    for (query.advance(); !query.isSettled(); query.advance()) {
+        if (Clock::now() >= limit) {
+            return {Verdict{Lookup::Outcome::TryLater, LDAP_TIMEOUT,
+                            fmt::format("no name server told the servers of '{}' in time",
+                                        server.srvDomain)},
+                    {}};
+        }
+        Lookup::Waits waits;
+        query.waits(waits);
+        waits.until(limit);
+        waits.wait();
+    }
+    ServersFound found = {query.verdict(), {}};
+    for (Lookup::SrvTarget const& target : query.targets()) {
+        LDAPLookup::Server one = server;
+        one.srvDomain.clear();
+        one.host = target.host;
+        one.port = target.port;
+        found.servers.push_back(one);
+    }
+    return found;
+}
+
+Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
+                                      LDAPLookup::Server const& server,
+                                      std::shared_ptr<Lookup::TlsContext> tls)
+{
+    Lookup::SessionOptions options;
+    options.host = server.host;
+    options.port = server.port;
+    options.secure = server.secure;
+    options.version = server.version;
+    options.nameServers = settings.nameServers;
+    options.networkTimeout = std::chrono::seconds(settings.networkTimeout);
+    options.tls = std::move(tls);
+    options.bindDn = settings.bindDn;
+    options.password = &settings.password;
+    return options;
+}
+
+Session::Received awaitMessage(Session& session, Patience const& patience,
+                               LDAPMessageBuffer& message, int& id)
+{
+    for (;;) {
+        auto const received = session.receive(message, id);
+        if (received != Session::Received::nothing) {
+            return received;
+        }
+        // A byte of a message that is not whole yet counts: a slow link is not silence.
+        auto const limit = std::min(std::max(patience.since, session.heardAt()) + patience.silence,
+                                    patience.deadline);
+        if (Clock::now() >= limit) {
+            return received;
+        }
+        Lookup::Waits waits;
+        session.waits(waits);
+        waits.until(limit);
+        waits.wait();
+    }
+}
+
+ResultMessage resultIn(Session const& session, LDAPMessageBuffer const& message)
+{
+    LDAPCharBuffer matched;
+    LDAPCharBuffer text;
+    LDAPValueBuffer referrals;
+    ResultMessage result;
+    int const rc =
+        ldap_parse_result(session.handle(), message.get(), &result.code, matched.address(),
+                          text.address(), referrals.address(), nullptr, 0);
+    if (rc != LDAP_SUCCESS) {
+        result.code = LDAP_DECODING_ERROR;
+        return result;
+    }
+    result.text = lineOf(text);
+    result.matched = lineOf(matched);
+    append(referrals, result.referrals);
+    return result;
+}
+
+std::string pointersTo(std::vector<std::string> const& uris)
+{
+    std::string text;
+    for (std::string const& uri : uris) {
+        text += ", see " + oneLine(uri);
+    }
+    return text;
+}
+
+SearchEnd searchOn(Session& session, Lookup::SearchRequest const& request,
+                   std::string const& filter, milliseconds silence, Clock::time_point deadline)
+{
+    SearchEnd end;
+    int wanted = 0;
+    end.verdict = session.send(request, filter, wanted);
+    Patience const patience = {Clock::now(), silence, deadline};
+    for (bool hasEnded = !end.verdict.isGood(); !hasEnded;) {
+        LDAPMessageBuffer message;
+        int id = 0;
+        auto const received = awaitMessage(session, patience, message, id);
+        if (received == Session::Received::message) {
+            hasEnded = id == wanted && takeMessage(session, message, end);
+        } else {
+            hasEnded = true;
+            end.verdict =
+                received == Session::Received::broken
+                    ? session.verdict()
+                    : Verdict{Lookup::Outcome::TryLater, LDAP_TIMEOUT, "no answer in time"};
+        }
+    }
+    return end;
+}
+
+} // namespace Solvane::Tool

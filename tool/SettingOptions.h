@@ -1,0 +1,46 @@
+// The options of the settings' table, on the program or on a subcommand.
+#ifndef SOLVANE_TOOL_SETTING_OPTIONS_H
+#define SOLVANE_TOOL_SETTING_OPTIONS_H
+
+#include "SettingsTable.h"
+
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace CLI {
+class App;
+} // namespace CLI
+
+namespace Solvane::Tool {
+
+/// What the command line says about settings. Texts are checked when the command line is read; a
+/// wrong one is a Failure "usage" that names the option.
+class SettingOptions {
+public:
+    SettingOptions() = default;
+    SettingOptions(SettingOptions const&) = delete; // the options hold its address
+    SettingOptions& operator=(SettingOptions const&) = delete;
+
+    /// Declares the options of a group, in the table's order.
+    void declareOn(CLI::App& app, Setting::Group group);
+    /// Declares one option.
+    /// @param help  instead of the table's
+    void declareOn(CLI::App& app, Setting const& setting, char const* help);
+
+    /// Whether the command line sets it.
+    bool has(std::string_view name) const;
+    /// Sets what the command line says.
+    /// @throws Failure  "configuration": the template's file
+    void applyTo(Draft& draft) const;
+
+private:
+    void take(Setting const& setting, std::string const& text);
+
+    std::vector<std::pair<Setting const*, Setting::Assignment>> m_given;
+};
+
+} // namespace Solvane::Tool
+
+#endif
