@@ -79,6 +79,9 @@ Pipeline::~Pipeline() { rest(); }
 
 void Pipeline::run()
 {
+    if (m_query) {
+        advanceQuery();
+    }
     advanceLanes();
     expire(Clock::now());
     endLeavingLanes();

@@ -10,6 +10,7 @@
 
 #include <deque>
 #include <list>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -54,6 +55,19 @@ public:
 private:
     using Lanes = std::list<Lane>;
 
+    /// A question for the servers of a domain, while others go on.
+    struct Query {
+        Query(ServerDomain& asked, Clock::time_point end,
+              std::vector<std::string> const& nameServers)
+            : domain(asked), until(end), service(asked.name, asked.settings.secure, nameServers)
+        {
+        }
+
+        ServerDomain& domain;
+        Clock::time_point until;
+        SrvQuery service;
+    };
+
     /// Why the searches of a lane go elsewhere.
     enum class Trouble {
         broken,  ///< the connection ended
@@ -78,7 +92,11 @@ private:
     bool canBeServed(Task const& task) const;
     bool makesRoom(Task const& task);
     bool checkOut(Task& task);
+    void resolve(ServerDomain& domain, Task const& task);
+    void advanceQuery();
+    void endQuery(Verdict const& verdict, std::vector<SrvTarget> const& targets);
     void open(Pool::Lease lease, Task const& task);
+    Clock::time_point shareOf(Task const& task) const;
     void advance(Lane& lane);
     void opened(Lane& lane);
     void notOpened(Lane& lane);
@@ -108,6 +126,7 @@ private:
     std::deque<Task> m_tasks;    ///< in the order of the keys; addresses stay
     std::deque<Task*> m_waiting; ///< for a lane
     Lanes m_lanes;
+    std::unique_ptr<Query> m_query;
     std::size_t m_inFlight = 0;
     Waiter m_waiter;
     Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< at the pool, while it waits

@@ -143,6 +143,10 @@ void Pipeline::waits(Waits& waits) const
     for (Lane const& lane : m_lanes) {
         lane.waits(waits, silence());
     }
+    if (m_query) {
+        m_query->service.waits(waits);
+        waits.until(m_query->until);
+    }
     if (!m_waiting.empty()) {
         waits.add(m_waiter.descriptor(), POLLIN);
         waits.until(m_lookAgainAt);

@@ -14,8 +14,8 @@ void Pipeline::dispatch()
         if (Lane* const lane = laneFor(task)) {
             m_waiting.pop_front();
             send(task, *lane);
-        } else if (isAwaited(task) || !makesRoom(task) || !checkOut(task)) {
-            return; // for a session that is being opened, or an answer, or the pool
+        } else if (m_query || isAwaited(task) || !makesRoom(task) || !checkOut(task)) {
+            return; // for servers' names, for a session that is being opened, an answer, the pool
         }
     }
     m_lookAgainAt = Clock::time_point::max();
@@ -80,6 +80,9 @@ bool Pipeline::checkOut(Task& task)
     case Pool::Outlook::open:
         open(std::move(outlook.lease), task);
         return true;
+    case Pool::Outlook::resolve:
+        resolve(*outlook.domain, task);
+        return true;
     case Pool::Outlook::wait:
         return false;
     case Pool::Outlook::refused:
@@ -95,16 +98,47 @@ bool Pipeline::checkOut(Task& task)
     return true;
 }
 
+/// Has the servers of a domain looked up. Other pipelines use those that it named before meanwhile.
+void Pipeline::resolve(ServerDomain& domain, Task const& task)
+{
+    m_query = std::make_unique<Query>(domain, shareOf(task), m_shared.settings.nameServers);
+    advanceQuery();
+}
+
+void Pipeline::advanceQuery()
+{
+    SrvQuery& service = m_query->service;
+    service.advance();
+    if (service.isSettled()) {
+        endQuery(service.verdict(), service.targets());
+    } else if (Clock::now() >= m_query->until) {
+        endQuery({Outcome::TryLater, LDAP_TIMEOUT,
+                  m_query->domain.uri + ": no answer of a name server in time"},
+                 {});
+    }
+}
+
+void Pipeline::endQuery(Verdict const& verdict, std::vector<SrvTarget> const& targets)
+{
+    m_shared.pool.resolved(m_query->domain, verdict, targets);
+    m_query.reset();
+}
+
 /// Of what is left of a key's time, a server gets half if there are others to ask.
-void Pipeline::open(Pool::Lease lease, Task const& task)
+Clock::time_point Pipeline::shareOf(Task const& task) const
 {
     auto const now = Clock::now();
     bool const isLast = task.failures.size() + 1 >= m_shared.pool.serverCount();
+    return isLast ? task.deadline : now + (task.deadline - now) / 2;
+}
+
+void Pipeline::open(Pool::Lease lease, Task const& task)
+{
     bool const asksWhoWeAre = !m_shared.settings.bindDn.empty() || task.answer.wasRepeated;
     m_lanes.emplace_back(std::move(lease));
     Lane& lane = m_lanes.back();
-    lane.begunAt = now;
-    lane.openBy = isLast ? task.deadline : now + (task.deadline - now) / 2;
+    lane.begunAt = Clock::now();
+    lane.openBy = shareOf(task);
     lane.lease->session.begin(asksWhoWeAre ? Step::identify : Step::bind, lane.openBy);
     advance(lane);
 }
@@ -219,6 +253,10 @@ void Pipeline::rest()
         lane.end();
     }
     m_lanes.clear();
+    if (m_query) {
+        m_shared.pool.giveUp(m_query->domain);
+        m_query.reset();
+    }
     m_shared.pool.withdraw(m_waiter);
 }
 

@@ -68,16 +68,9 @@ void Pool::Lease::close()
 // Pool
 
 Pool::Pool(Settings const& settings)
-    : m_settings(settings), m_tls(std::make_shared<TlsContext>(settings.tls)),
+    : m_settings(settings), m_tls(std::make_shared<TlsContext>(settings.tls)), m_servers(settings),
       m_credentials(!settings.bindDn.empty(), settings.refusedHold)
 {
-    ServerHealth::Limits const limits = {std::chrono::seconds(settings.networkTimeout),
-                                         settings.backOff, settings.longestBackOff};
-    for (Server const& server : settings.servers) {
-        m_records.emplace_back(m_records.size(), server,
-                               uriOf(server.secure, server.host, server.port), limits,
-                               settings.window);
-    }
     PoolsAtFork::instance().add(*this);
 }
 
@@ -121,6 +114,11 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
     if (waiter.m_isRegistered && waiter.m_process == m_known) {
         waiter.reset();
     }
+    outlook.domain = m_servers.claimDomain(Clock::now());
+    if (outlook.domain != nullptr) {
+        outlook.kind = Outlook::resolve;
+        return;
+    }
     for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {
         if (among == Among::prompt) {
             outlook.until = std::min(trialEnd(wish), wish.deadline);
@@ -129,7 +127,7 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
             }
             outlook.until = Clock::time_point::max();
         }
-        for (std::size_t position = 0; position < m_records.size(); ++position) {
+        for (std::size_t position = 0; position < m_servers.inOrder().size(); ++position) {
             ServerRecord& server = inOrder(position);
             if (!wasAsked(wish.failures, server) && admits(server, among, Clock::now()) &&
                 consider(outlook, server, wish, waiter, among, dropped)) {
@@ -137,14 +135,18 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
             }
         }
     }
+    if (m_servers.isResolving()) { // by another caller, or on behalf of another of this one's keys
+        outlook.until = wish.deadline;
+        return wait(outlook, waiter, wish.mayWait);
+    }
     refuse(outlook, wish);
     leaveQueue(waiter);
 }
 
-ServerRecord& Pool::inOrder(std::size_t position)
+ServerRecord& Pool::inOrder(std::size_t position) const
 {
-    std::size_t const first = m_credentials.firstServer(m_records.size());
-    return m_records[(first + position) % m_records.size()];
+    auto const& servers = m_servers.inOrder();
+    return *servers[(m_credentials.firstServer(servers.size()) + position) % servers.size()];
 }
 
 bool Pool::admits(ServerRecord const& server, Among among, Clock::time_point now)
@@ -253,7 +255,9 @@ SessionOptions Pool::optionsFor(ServerRecord const& server) const
 void Pool::refuse(Outlook& outlook, Wish const& wish)
 {
     outlook.kind = Outlook::refused;
-    for (ServerRecord const& server : m_records) {
+    m_servers.addFailures(outlook.failures);
+    for (ServerRecord const* const listed : m_servers.inOrder()) {
+        ServerRecord const& server = *listed;
         if (!wasAsked(wish.failures, server)) {
             Verdict why = server.health.why();
             if (why.isGood()) { // never failed, and on trial
@@ -269,9 +273,9 @@ void Pool::refuse(Outlook& outlook, Wish const& wish)
 Clock::time_point Pool::trialEnd(Wish const& wish) const
 {
     auto latest = Clock::time_point::min();
-    for (ServerRecord const& server : m_records) {
-        if (!wasAsked(wish.failures, server)) {
-            latest = std::max(latest, server.health.trialEnd());
+    for (ServerRecord const* const server : m_servers.inOrder()) {
+        if (!wasAsked(wish.failures, *server)) {
+            latest = std::max(latest, server->health.trialEnd());
         }
     }
     return latest;
@@ -380,6 +384,23 @@ void Pool::afterFork(Idle& dropped)
     m_credentials.leftOpen();
 }
 
+// What came of a domain
+
+void Pool::resolved(ServerDomain& domain, Verdict const& verdict,
+                    std::vector<SrvTarget> const& targets)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_servers.resolved(domain, verdict, targets, Clock::now());
+    announce();
+}
+
+void Pool::giveUp(ServerDomain& domain)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_servers.giveUp(domain);
+    announce();
+}
+
 // What came of a session
 
 void Pool::opened(PooledSession& session)
@@ -424,6 +445,7 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     if (result == Attempt::failed && !isCredentialsFault) {
         session.isTrial = false;
         server.addresses.clear();
+        m_servers.failed(server, now);
         if (isRefused) {
             server.health.hold(why, m_credentials.hold(), now);
         } else {
@@ -451,7 +473,7 @@ void Pool::searchFailed(Failure const& failure)
 {
     Idle dropped;
     std::lock_guard<std::mutex> const lock(m_mutex);
-    ServerRecord& server = m_records[failure.server];
+    ServerRecord& server = m_servers.record(failure.server);
     if (load(server.answeredAt) >= failure.sentAt) {
         return; // it answers others
     }

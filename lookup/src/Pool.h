@@ -4,7 +4,7 @@
 
 #include "Credentials.h"
 #include "Failover.h"
-#include "ServerRecord.h"
+#include "ServerList.h"
 #include "Waiter.h"
 
 #include <solvane/lookup/Settings.h>
@@ -12,7 +12,6 @@
 #include <solvane/session/Session.h>
 
 #include <atomic>
-#include <deque>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -87,10 +86,12 @@ public:
         enum Kind {
             ready,   ///< a session: `lease`
             open,    ///< room for one: the caller opens `lease` and reports to `opened` or `failed`
+            resolve, ///< the caller asks for the servers of `domain` and reports to `resolved`
             wait,    ///< until the waiter's descriptor is readable or `until` has come
             refused, ///< `failures` tell why no server can be asked
         } kind = wait;
         Lease lease;
+        ServerDomain* domain = nullptr;
         Clock::time_point until = Clock::time_point::max();
         bool isFull = false; ///< all sessions are in use
         std::vector<Failure> failures;
@@ -100,6 +101,13 @@ public:
     void withdraw(Waiter& waiter);
     /// Whether others wait for a session, so that one in long use should be given back.
     bool isWaitedFor() const { return m_waitingForRoom.load(std::memory_order_relaxed) != 0; }
+
+    // What came of a domain
+
+    void resolved(ServerDomain& domain, Verdict const& verdict,
+                  std::vector<SrvTarget> const& targets);
+    /// The caller did not wait for the answer.
+    void giveUp(ServerDomain& domain);
 
     // What came of a session
 
@@ -130,7 +138,8 @@ public:
     /// Its connection ended with searches in flight.
     void lost(PooledSession& session, std::size_t inFlight);
 
-    std::size_t serverCount() const { return m_records.size(); }
+    /// How many servers there are; domains that have not been resolved count as one each.
+    std::size_t serverCount() const { return m_servers.size(); }
     /// What a caller must have waited at least, if it ran out of time, to prove a failure.
     Clock::duration proof() const;
 
@@ -153,7 +162,7 @@ private:
     void refuse(Outlook& outlook, Wish const& wish);
     void wait(Outlook& outlook, Waiter& waiter, bool mayWait);
     Clock::time_point trialEnd(Wish const& wish) const;
-    ServerRecord& inOrder(std::size_t position);
+    ServerRecord& inOrder(std::size_t position) const;
     Idle::iterator idleFor(ServerRecord const& server, Wish const& wish);
     SessionOptions optionsFor(ServerRecord const& server) const;
     static bool isUsable(PooledSession const& session);
@@ -175,12 +184,12 @@ private:
 
     Settings const& m_settings;
     std::shared_ptr<TlsContext> const m_tls;
-    std::deque<ServerRecord> m_records;
     std::atomic<unsigned long> m_opened{0};
     std::atomic<unsigned long> m_stale{0};
     std::atomic<std::size_t> m_waitingForRoom{0}; ///< changed under m_mutex
 
-    std::mutex m_mutex; // guards what is below, and the records' guarded members
+    std::mutex m_mutex;   // guards what is below, and the records' guarded members
+    ServerList m_servers; // but for its size
     Credentials m_credentials;
     Idle m_idle;                  ///< used last in front
     std::size_t m_count = 0;      ///< idle, in use and being opened

@@ -1,11 +1,13 @@
 // Names: of servers, which may not resolve, and of internationalised domains.
 #include "LdapMessages.h"
 #include "Lookups.h"
+#include "NameServer.h"
 #include "ScriptedServer.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 
 #include <arpa/inet.h>
@@ -116,6 +118,92 @@ TEST(ANameWithSeveralAddresses, IsConnectedToTheOneThatListens)
 
     EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
     EXPECT_EQ(answer.server, "ldap://localhost:" + std::to_string(server.port()));
+}
+
+class ADomainThatNamesItsServers : public testing::Test {
+protected:
+    ADomainThatNamesItsServers()
+    {
+        names.add("one.example.test", {"127.0.0.1"});
+        names.add("two.example.test", {"127.0.0.1"});
+        settings = settingsFor({389});
+        settings.servers.front().host.clear();
+        settings.servers.front().srvDomain = "example.test";
+        settings.nameServers = {names.address()};
+    }
+
+    void addServer(std::string const& host, unsigned int priority, unsigned int port)
+    {
+        names.addService("_ldap._tcp.example.test", priority, 1, port, host + ".example.test");
+    }
+
+    NameServer names;
+    ScriptedServer first{serving(answerFound)};
+    ScriptedServer second{serving(answerFound)};
+    LDAPLookup::Settings settings;
+};
+
+TEST_F(ADomainThatNamesItsServers, IsAskedForThemInTheirOrder)
+{
+    addServer("two", 20, second.port());
+    addServer("one", 10, first.port());
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://one.example.test:" + std::to_string(first.port()));
+    EXPECT_EQ(second.connectionCount(), 0U);
+}
+
+TEST_F(ADomainThatNamesItsServers, FailsOverToTheNextOfThem)
+{
+    RefusingPort const down;
+    addServer("one", 10, down.number());
+    addServer("two", 20, second.port());
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://two.example.test:" + std::to_string(second.port()));
+}
+
+TEST_F(ADomainThatNamesItsServers, IsResolvedOnceForManyKeys)
+{
+    addServer("one", 10, first.port());
+    LDAPLookup lookup(settings);
+
+    auto const answers = answersTo(lookup, std::vector<std::string>(300, addressOf(1)));
+
+    for (Answered const& each : answers) {
+        EXPECT_EQ(each.answer.outcome, Outcome::Found) << each.answer.text;
+    }
+    auto const asked = names.asked();
+    EXPECT_EQ(std::count(asked.begin(), asked.end(), "_ldap._tcp.example.test"), 1);
+}
+
+TEST_F(ADomainThatNamesItsServers, IsToBeTriedLaterIfItNamesNone)
+{
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::TryLater);
+    EXPECT_THAT(answer.text, testing::HasSubstr("example.test"));
+}
+
+TEST_F(ADomainThatNamesItsServers, IsFollowedByTheNextServerIfItDoesNotResolve)
+{
+    names.fallSilent();
+    settings.servers.push_back(settingsFor({second.port()}).servers.front());
+    settings.deadline = std::chrono::milliseconds(1000);
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(second.port()));
 }
 
 TEST(AnInternationalisedDomain, IsFoundInItsAsciiForm)

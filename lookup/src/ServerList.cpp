@@ -1,0 +1,136 @@
+// A list that grows with what domains name.
+#include "ServerList.h"
+
+#include <algorithm>
+#include <limits>
+
+namespace Solvane::Lookup {
+
+namespace {
+
+constexpr std::chrono::minutes lifetime(5);
+constexpr std::chrono::seconds afterAFailure(1); ///< at most once in so long
+
+} // namespace
+
+ServerList::ServerList(Settings const& settings)
+    : m_limits{std::chrono::seconds(settings.networkTimeout), settings.backOff,
+               settings.longestBackOff},
+      m_window(settings.window)
+{
+    for (Server const& server : settings.servers) {
+        if (server.srvDomain.empty()) {
+            m_entries.push_back({&recordOf(server), nullptr});
+            continue;
+        }
+        m_domains.emplace_back();
+        ServerDomain& domain = m_domains.back();
+        domain.name = server.srvDomain;
+        domain.settings = server;
+        domain.settings.srvDomain.clear();
+        domain.uri = (server.secure ? "_ldaps._tcp." : "_ldap._tcp.") + server.srvDomain;
+        m_entries.push_back({nullptr, &domain});
+    }
+    putInOrder();
+}
+
+/// The one with this host and port, made if it is new.
+ServerRecord& ServerList::recordOf(Server const& server)
+{
+    std::string uri = uriOf(server.secure, server.host, server.port);
+    auto const known =
+        std::find_if(m_records.begin(), m_records.end(), [&](ServerRecord const& record) {
+            return record.uri == uri && record.settings.version == server.version;
+        });
+    if (known != m_records.end()) {
+        return *known;
+    }
+    return m_records.emplace_back(m_records.size(), server, std::move(uri), m_limits, m_window);
+}
+
+void ServerList::putInOrder()
+{
+    m_order.clear();
+    std::size_t unresolved = 0;
+    for (Entry const& entry : m_entries) {
+        if (entry.server != nullptr) {
+            m_order.push_back(entry.server);
+            continue;
+        }
+        unresolved += entry.domain->servers.empty() ? 1U : 0U;
+        for (ServerRecord* const server : entry.domain->servers) {
+            if (std::find(m_order.begin(), m_order.end(), server) == m_order.end()) {
+                m_order.push_back(server);
+            }
+        }
+    }
+    m_size.store(m_order.size() + unresolved, std::memory_order_relaxed);
+}
+
+ServerDomain* ServerList::claimDomain(Clock::time_point now)
+{
+    for (ServerDomain& domain : m_domains) {
+        if (!domain.isUnderWay && now >= domain.dueAt) {
+            domain.isUnderWay = true;
+            return &domain;
+        }
+    }
+    return nullptr;
+}
+
+bool ServerList::isResolving() const
+{
+    return std::any_of(m_domains.begin(), m_domains.end(),
+                       [](ServerDomain const& domain) { return domain.isUnderWay; });
+}
+
+void ServerList::resolved(ServerDomain& domain, Verdict const& verdict,
+                          std::vector<SrvTarget> const& targets, Clock::time_point now)
+{
+    domain.isUnderWay = false;
+    domain.why = verdict;
+    if (!verdict.isGood()) {
+        domain.backOff =
+            std::min(std::max(domain.backOff * 2, m_limits.backOff), m_limits.longestBackOff);
+        domain.dueAt = now + domain.backOff;
+        return;
+    }
+    domain.backOff = Clock::duration(0);
+    domain.dueAt = now + lifetime;
+    domain.servers.clear();
+    for (SrvTarget const& target : targets) {
+        Server server = domain.settings;
+        server.host = target.host;
+        server.port = target.port;
+        domain.servers.push_back(&recordOf(server));
+    }
+    putInOrder();
+}
+
+void ServerList::failed(ServerRecord const& server, Clock::time_point now)
+{
+    for (ServerDomain& domain : m_domains) {
+        bool const isItsServer = std::find(domain.servers.begin(), domain.servers.end(), &server) !=
+                                 domain.servers.end();
+        if (isItsServer) {
+            domain.dueAt = std::min(domain.dueAt, now + afterAFailure);
+        }
+    }
+}
+
+void ServerList::addFailures(std::vector<Failure>& failures) const
+{
+    for (ServerDomain const& domain : m_domains) {
+        if (domain.servers.empty()) {
+            Failure failure;
+            failure.server = std::numeric_limits<std::size_t>::max();
+            failure.uri = domain.uri;
+            failure.why = domain.why.isGood()
+                              ? Verdict{Outcome::TryLater, -1, domain.uri + ": not resolved"}
+                              : domain.why;
+            failures.push_back(std::move(failure));
+        }
+    }
+}
+
+} // namespace Solvane::Lookup

@@ -1,0 +1,77 @@
+// The servers in order of preference: named in the settings, or by the SRV records of a domain.
+#ifndef SOLVANE_LOOKUP_SRC_SERVER_LIST_H
+#define SOLVANE_LOOKUP_SRC_SERVER_LIST_H
+
+#include "Failover.h"
+#include "ServerRecord.h"
+
+#include <solvane/lookup/Settings.h>
+
+#include <solvane/session/SrvQuery.h>
+
+#include <atomic>
+#include <deque>
+#include <string>
+#include <vector>
+
+namespace Solvane::Lookup {
+
+/// A domain of the settings, whose servers are asked for at its first use, every five minutes, and
+/// after one of them failed. The servers that it named last stay while it cannot be resolved.
+struct ServerDomain {
+    std::string name;
+    Server settings;
+    std::string uri; ///< for texts, as "_ldap._tcp.example.com"
+    bool isUnderWay = false;
+    Clock::time_point dueAt = Clock::time_point::min();
+    Clock::duration backOff{0}; ///< while it cannot be resolved
+    Verdict why;                ///< of the last failure
+    std::vector<ServerRecord*> servers;
+};
+
+/// Not synchronised, except for `size`: the pool guards it. Servers are added and never removed, so that
+/// sessions and failures may refer to them.
+class ServerList {
+public:
+    explicit ServerList(Settings const& settings);
+
+    /// How many are in the list now; a domain that has not been resolved counts as one. Thread-safe.
+    std::size_t size() const { return m_size.load(std::memory_order_relaxed); }
+
+    std::vector<ServerRecord*> const& inOrder() const { return m_order; }
+    ServerRecord& record(std::size_t index) { return m_records[index]; }
+
+    /// The domain whose servers should be asked for now, which is then under way; null without one.
+    ServerDomain* claimDomain(Clock::time_point now);
+    /// Whether another caller is asking for the servers of a domain.
+    bool isResolving() const;
+    void resolved(ServerDomain& domain, Verdict const& verdict,
+                  std::vector<SrvTarget> const& targets, Clock::time_point now);
+    /// The caller did not wait for the answer.
+    void giveUp(ServerDomain& domain) { domain.isUnderWay = false; }
+    /// A server failed: its domain may name others now.
+    void failed(ServerRecord const& server, Clock::time_point now);
+    /// What is to be said of domains that name no server.
+    void addFailures(std::vector<Failure>& failures) const;
+
+private:
+    ServerRecord& recordOf(Server const& server);
+    void putInOrder();
+
+    ServerHealth::Limits m_limits;
+    std::size_t m_window;
+    std::deque<ServerRecord> m_records;
+    std::deque<ServerDomain> m_domains;
+    /// The list as it was set: either of the two.
+    struct Entry {
+        ServerRecord* server;
+        ServerDomain* domain;
+    };
+    std::vector<Entry> m_entries;
+    std::vector<ServerRecord*> m_order;
+    std::atomic<std::size_t> m_size{0};
+};
+
+} // namespace Solvane::Lookup
+
+#endif
