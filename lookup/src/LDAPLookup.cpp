@@ -2,8 +2,8 @@
 #include <solvane/lookup/LDAPLookup.h>
 
 #include "Bulk.h"
+#include "CurrentProcess.h"
 #include "FaultSite.h"
-#include "Process.h"
 
 #include <solvane/lookup/PlainText.h>
 
