@@ -177,6 +177,13 @@ std::string ScriptedServer::Peer::receiveMessage()
     }
 }
 
+std::string ScriptedServer::Peer::receiveRest()
+{
+    while (receiveMore()) {
+    }
+    return std::exchange(m_pending, std::string());
+}
+
 void ScriptedServer::Peer::grantBind()
 {
     std::string const request = receiveMessage();

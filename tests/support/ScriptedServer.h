@@ -73,6 +73,8 @@ class ScriptedServer::Peer {
 public:
     /// The next whole message; empty when the client or the test is gone.
     std::string receiveMessage();
+    /// All bytes up to the end of the connection, or of the test.
+    std::string receiveRest();
     /// Receives a bind request and grants it.
     void grantBind();
     void send(std::string const& bytes);
