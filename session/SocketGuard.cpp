@@ -1,7 +1,7 @@
 // The callback and the two layers of a guarded connection.
 #include "SocketGuard.h"
 
-#include "Process.h"
+#include "CurrentProcess.h"
 #include "ReadAhead.h"
 
 #include <algorithm>
@@ -127,6 +127,7 @@ public:
     explicit MessageScope(SocketGuard& guard) : m_guard(guard)
     {
         m_guard.m_isInMessage = true;
+        m_guard.m_emptyReads = 0;
         m_guard.m_handshakeDeadline.reset();
     }
     ~MessageScope() { m_guard.m_isInMessage = false; }
@@ -137,7 +138,7 @@ private:
 
 Sockbuf_IO SocketGuard::s_socketLayer = {setUp,      removeSocket, controlSocket,
                                          readSocket, writeSocket,  closeSocket};
-Sockbuf_IO SocketGuard::s_messageLayer = {setUp,       nullptr,      passOn,
+Sockbuf_IO SocketGuard::s_messageLayer = {setUp,       nullptr,      controlMessage,
                                           readMessage, writeMessage, nullptr};
 
 SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
@@ -146,7 +147,7 @@ SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
       m_maximumMessageBytes(maximumMessageBytes), m_connectsItself(true), m_isBinding(false),
       m_readAhead(reads == Reads::ahead ? std::make_unique<ReadAhead>() : nullptr),
       m_socket(nullptr), m_process(currentProcess()), m_error(0), m_hasSent(false),
-      m_isInMessage(false), m_unheeded(0), m_bytesReceived(0)
+      m_isInMessage(false), m_emptyReads(0), m_unheeded(0), m_bytesReceived(0)
 {
 }
 
@@ -241,17 +242,11 @@ int SocketGuard::removeSocket(Sockbuf_IO_Desc* layer)
 
 int SocketGuard::controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument)
 {
-    return guardOf(layer).hasBytesFor(option) ? 1 : passOn(layer, option, argument);
-}
-
-/// OpenLDAP asks before it polls the socket, a few times for each read. Once it has given a connection
-/// up, it asks on and on and reads no more: a wait that was told "yes" for ever would spin until its
-/// time is over, and one without a time for ever.
-bool SocketGuard::hasBytesFor(int option)
-{
-    constexpr int enough = 16;
-    bool const hasBytes = !isUsable() || (m_readAhead && m_readAhead->hasBytes());
-    return option == LBER_SB_OPT_DATA_READY && hasBytes && ++m_unheeded <= enough;
+    SocketGuard const& guard = guardOf(layer);
+    bool const hasBytes = guard.m_readAhead && guard.m_readAhead->hasBytes();
+    // A read that fails at once needs no waiting for either.
+    bool const isReady = option == LBER_SB_OPT_DATA_READY && (hasBytes || !guard.isUsable());
+    return isReady ? 1 : passOn(layer, option, argument);
 }
 
 ber_slen_t SocketGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
@@ -280,10 +275,29 @@ ber_slen_t SocketGuard::receive(char* bytes, ber_len_t length)
         if (count >= 0 || (errno != EINTR && !wouldBlock())) {
             return count;
         }
-        if (wouldBlock() && (m_isInMessage || !awaitSocket(POLLIN))) {
+        if (wouldBlock() && !mayReadAgain()) {
             return -1;
         }
     }
+}
+
+/// Whether there is something after all, for a handshake, that was worth the wait. OpenLDAP awaits a
+/// message by itself, but not a handshake that the peer asks for later: it asks TLS again at once, and
+/// for ever where the peer then says nothing.
+bool SocketGuard::mayReadAgain()
+{
+    constexpr int enough = 8;
+    if (!m_isInMessage) {
+        return awaitSocket(POLLIN);
+    }
+    if (++m_emptyReads <= enough) {
+        return false;
+    }
+    bool const isReady = awaitSocket(POLLIN);
+    if (!isReady) {
+        endWith(errno);
+    }
+    return isReady;
 }
 
 ber_slen_t SocketGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
@@ -320,14 +334,15 @@ ber_slen_t SocketGuard::send(char const* bytes, ber_len_t length)
     return static_cast<ber_slen_t>(sent);
 }
 
-/// A handshake has one deadline for all its reads and writes, a message one for each wait.
+/// A handshake has one deadline for all its reads and writes, a request one for each wait.
 bool SocketGuard::awaitSocket(short events)
 {
     auto const deadline = Clock::now() + patience();
-    if (!m_isInMessage && !m_handshakeDeadline) {
+    bool const isRequest = m_isInMessage && events == POLLOUT;
+    if (!isRequest && !m_handshakeDeadline) {
         m_handshakeDeadline = deadline;
     }
-    return isReadyBy(m_handshakeDeadline.value_or(deadline), descriptorOf(m_socket), events);
+    return isReadyBy(isRequest ? deadline : *m_handshakeDeadline, descriptorOf(m_socket), events);
 }
 
 std::chrono::milliseconds SocketGuard::patience() const
@@ -344,6 +359,19 @@ int SocketGuard::closeSocket(Sockbuf_IO_Desc* layer)
 }
 
 // The layer above TLS
+
+/// OpenLDAP asks whether there are bytes before it polls the socket, a few times for each read. Once
+/// it has given a connection up, it asks on and on and reads no more: told "yes" for ever, a wait would
+/// spin until its time is over, and one without a time for ever.
+int SocketGuard::controlMessage(Sockbuf_IO_Desc* layer, int option, void* argument)
+{
+    constexpr int enough = 16;
+    int const answer = passOn(layer, option, argument);
+    if (option != LBER_SB_OPT_DATA_READY || answer <= 0) {
+        return answer;
+    }
+    return ++guardOf(layer).m_unheeded <= enough ? answer : 0;
+}
 
 ber_slen_t SocketGuard::readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {

@@ -23,8 +23,8 @@ class ReadAhead;
 ///   run anonymously.
 /// - Reads never block: a peer that sends half a message and stops leaves the waiting to `ldap_result`,
 ///   which keeps its timeout.
-/// - The TLS handshake ends when the network timeout is over: against a silent peer, OpenLDAP 2.5
-///   spins for ever.
+/// - A TLS handshake ends when the network timeout is over, also one that the peer asks for later:
+///   against a silent peer, OpenLDAP 2.5 spins for ever.
 /// - A write is done whole or ends the connection, at the latest when nothing was sent for the network
 ///   timeout: both directions are shut down, and nothing is written any more, not even an unbind or a
 ///   goodbye of TLS. Half a request may stand there, which the next bytes would complete. TLS must not
@@ -60,7 +60,8 @@ public:
     /// session over a descriptor of the caller's as well, it refuses all other connections.
     ldap_conncb* callback() { return &m_callback; }
     /// Guards a session that was made over a connected descriptor (`ldap_init_fd`), before TLS is
-    /// started. `socket` is the session's LDAP_OPT_SOCKBUF.
+    /// started (`ldap_install_tls`). `socket` is the session's LDAP_OPT_SOCKBUF. The descriptor may
+    /// block or not; SO_KEEPALIVE and TCP_NODELAY, which OpenLDAP sets on its own, are the caller's.
     /// @return  false: no memory; the session is not guarded then, and must be let go
     bool install(Sockbuf* socket);
 
@@ -112,15 +113,16 @@ private:
     static ber_slen_t writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static int closeSocket(Sockbuf_IO_Desc* layer);
     // The layer above TLS.
+    static int controlMessage(Sockbuf_IO_Desc* layer, int option, void* argument);
     static ber_slen_t readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static ber_slen_t writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length);
     static int setUp(Sockbuf_IO_Desc* layer, void* guard);
 
     bool takeOver(Sockbuf* socket);
     ber_slen_t receive(char* bytes, ber_len_t length);
+    bool mayReadAgain();
     ber_slen_t send(char const* bytes, ber_len_t length);
     bool mayBeConnecting() const { return m_networkTimeout.count() == 0 && !m_hasSent; }
-    bool hasBytesFor(int option);
     ber_slen_t endWith(int error);
     bool awaitSocket(short events);
     std::chrono::milliseconds patience() const;
@@ -140,6 +142,7 @@ private:
     int m_error;             // errno that ended it; else 0
     bool m_hasSent;          // anything
     bool m_isInMessage;      // OpenLDAP reads or writes LDAP; else it is TLS that does
+    int m_emptyReads;        // how often it asked in vain for bytes of this message
     int m_unheeded;          // how often OpenLDAP was told of bytes since it last read
     std::optional<Clock::time_point> m_handshakeDeadline; // once one has begun
     Clock::time_point m_heardAt;

@@ -11,6 +11,8 @@
 
 #include <ctime>
 
+#include <ldap.h>
+
 using namespace Solvane;
 using testing::AnyOf;
 using testing::ElementsAre;
@@ -106,6 +108,26 @@ TEST(SilentPeer, EndsTheTlsHandshakeWithTheNetworkTimeout)
     EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
     EXPECT_EQ(connection.openldapErrorCode(), -1);
     EXPECT_LT(processorTime() - before, 300); // a second of waiting, not of spinning
+}
+
+// With StartTLS, which a caller asks for on the session itself.
+TEST(SilentPeer, EndsATlsHandshakeOnAConnectionInUseWithTheNetworkTimeout)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.grantBind();
+        int const id = messageIdOf(peer.receiveMessage());
+        peer.send(
+            ldapMessage(id, berElement(0x78, berElement(0x0a, std::string(1, '\0')) +
+                                                 berElement(0x04, "") + berElement(0x04, ""))));
+        peer.ignore();
+    });
+    LDAPConnection connection = boundTo(plainServer(server.port(), 1));
+    long const before = processorTime();
+
+    int const rc = ldap_start_tls_s(static_cast<LDAP*>(connection.context()), nullptr, nullptr);
+
+    EXPECT_NE(rc, LDAP_SUCCESS);
+    EXPECT_LT(processorTime() - before, 300);
 }
 
 TEST(SilentPeer, LetsTheWaitForASearchRunOut)

@@ -8,6 +8,8 @@
 
 #include <future>
 
+#include <ldap.h>
+
 using namespace Solvane;
 using testing::Each;
 using testing::ElementsAre;
@@ -46,6 +48,23 @@ TEST_F(SecureConnection, CarriesAValueOfOneMegabyte)
 
     LDAPResult const result = answerTo(connection, lookupOf("uid=bigphoto,ou=big,dc=corp,dc=test"));
 
+    EXPECT_THAT(valuesIn(result, "jpegPhoto"), ElementsAre(testing::SizeIs(1048576)));
+}
+
+TEST_F(SecureConnection, MayBeginWithoutTls)
+{
+    LDAPConnection connection = boundTo(plainServer(slapd().port()));
+    auto* const session = static_cast<LDAP*>(connection.context());
+    int const policy = LDAP_OPT_X_TLS_ALLOW;
+    int const forServer = 0;
+    ldap_set_option(session, LDAP_OPT_X_TLS_REQUIRE_CERT, &policy);
+    ldap_set_option(session, LDAP_OPT_X_TLS_NEWCTX, &forServer);
+
+    int const rc = ldap_start_tls_s(session, nullptr, nullptr);
+    LDAPResult const result = answerTo(connection, lookupOf("uid=bigphoto,ou=big,dc=corp,dc=test"));
+
+    EXPECT_EQ(rc, LDAP_SUCCESS);
+    EXPECT_EQ(ldap_tls_inplace(session), 1);
     EXPECT_THAT(valuesIn(result, "jpegPhoto"), ElementsAre(testing::SizeIs(1048576)));
 }
 

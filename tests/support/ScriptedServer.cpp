@@ -249,6 +249,13 @@ std::string ScriptedServer::Peer::receiveMessage()
     }
 }
 
+std::string ScriptedServer::Peer::receiveRest()
+{
+    while (receiveMore()) {
+    }
+    return std::exchange(m_pending, std::string());
+}
+
 void ScriptedServer::Peer::discardSome()
 {
     std::array<char, 4096> bytes;

@@ -92,6 +92,8 @@ public:
     std::string receiveMessage();
     /// Waits for bytes, and leaves nothing of them in memory. Not with TLS.
     void discardSome();
+    /// All bytes up to the end of the connection, or of the test.
+    std::string receiveRest();
     /// Receives a bind request and grants it.
     void grantBind();
     void send(std::string const& bytes);

@@ -283,6 +283,21 @@ TEST_F(FailingToOpenAConnection, GivesNothingBackBeforeTheSessionIsMade)
     EXPECT_THAT(openldap.calls(), ElementsAre("time", "ldap_initialize ldap://[127.0.0.1]:389/"));
 }
 
+// OpenLDAP would end the process where it is handed a null session.
+TEST_F(FailingToOpenAConnection, ReportsTheFirstOptionWhereThereIsNoSessionInSpiteOfASuccess)
+{
+    openldap.ldap_initialize = [](LDAP** session, char const*) {
+        *session = nullptr;
+        return LDAP_SUCCESS;
+    };
+
+    auto const thrown = thrownBy([] { open(newServer()); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 519, 4, 2));
+    EXPECT_EQ(thrown.stringParameter(), "Can't contact LDAP server");
+    EXPECT_THAT(openldap.calls(), ElementsAre("time", "ldap_initialize ldap://[127.0.0.1]:389/"));
+}
+
 TEST_F(FailingToOpenAConnection, TracesThatTheSessionCannotBeMadeWhenTheMaskAsksForErrors)
 {
     openldap.ldap_initialize = [](auto...) { return LDAP_PARAM_ERROR; };

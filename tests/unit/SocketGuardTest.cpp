@@ -136,6 +136,21 @@ TEST_F(AGuard, TakesTheTlsOfTheLastConnectionAway)
     EXPECT_FALSE(connected.hasTls());
 }
 
+TEST_F(AGuard, TakesItsOwnLayersOfTheLastConnectionAway)
+{
+    connected.offerTo(guard.callback());
+    int const above = connected.layersAt(LBER_SBIOD_LEVEL_APPLICATION);
+    int const below = connected.layersAt(LBER_SBIOD_LEVEL_PROVIDER + 1);
+    connected.reconnect();
+
+    connected.offerTo(guard.callback());
+
+    EXPECT_EQ(above, 1);
+    EXPECT_EQ(below, 1);
+    EXPECT_EQ(connected.layersAt(LBER_SBIOD_LEVEL_APPLICATION), 1);
+    EXPECT_EQ(connected.layersAt(LBER_SBIOD_LEVEL_PROVIDER + 1), 1);
+}
+
 // A caller's own callback has put them there, perhaps a moment ago: it is called first.
 TEST_F(AGuard, LeavesTheLayersOfOthersWhereTheyAre)
 {

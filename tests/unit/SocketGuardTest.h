@@ -16,6 +16,7 @@
 #include <utility>
 
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <unistd.h>
 
 namespace SolvaneTest {
@@ -86,6 +87,8 @@ public:
 
     /// The bytes of the last read.
     std::string const& bytes() const { return m_bytes; }
+    /// Up to 64 bytes; empty: the end.
+    /// @throws std::system_error  neither in ten seconds
     std::string peerReads() const
     {
         std::array<char, 64> bytes{};
@@ -94,7 +97,7 @@ public:
     }
     void peerWrites(std::string const& bytes) const
     {
-        checked(::write(m_peer, bytes.data(), bytes.size()), "write");
+        checked(send(m_peer, bytes.data(), bytes.size(), MSG_NOSIGNAL), "send");
     }
     /// The error of a write of the peer's; 0: none.
     int writeAsPeer(std::string const& bytes) const
@@ -124,6 +127,15 @@ public:
     }
     Sockbuf* socket() const { return m_socket; }
     static Sockbuf_IO& layer() { return s_layer; }
+    /// How many layers stand at this level, below LDAP.
+    int layersAt(int level) const
+    {
+        int count = 0;
+        for (auto const* layer = m_inLdap; layer != nullptr; layer = layer->sbiod_next) {
+            count += layer->sbiod_level == level ? 1 : 0;
+        }
+        return count;
+    }
     int descriptor() const
     {
         RealCalls const unseen;
@@ -144,6 +156,8 @@ private:
         std::array<int, 2> ends{};
         checked(socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()), "socketpair");
         m_peer = ends[1];
+        timeval const patience = {10, 0};
+        setsockopt(m_peer, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
         ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_SET_FD, ends.data());
     }
     void hangUp()
@@ -205,8 +219,10 @@ private:
 
 class AGuard : public testing::Test {
 protected:
-    /// The peer says nothing: a read waits for a second at most, and fails.
-    void expectAHandshakeOfOneSecond()
+    static constexpr std::chrono::milliseconds shortTime{200};
+
+    /// The peer says nothing: a read waits for this time at most, and fails.
+    void expectAHandshakeOf(std::chrono::milliseconds time)
     {
         std::vector<int> waits;
         openldap.poll = [&](pollfd* waited, nfds_t count, int milliseconds) {
@@ -218,10 +234,10 @@ protected:
         EXPECT_EQ(errno, ETIMEDOUT);
         ASSERT_FALSE(waits.empty());
         EXPECT_GT(waits.front(), 0);
-        EXPECT_LE(waits.front(), 1000);
+        EXPECT_LE(waits.front(), time.count());
     }
 
-    explicit AGuard(std::chrono::seconds networkTimeout = std::chrono::seconds(1))
+    explicit AGuard(std::chrono::milliseconds networkTimeout = shortTime)
         : guard(networkTimeout, 1000)
     {
     }

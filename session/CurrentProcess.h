@@ -1,6 +1,6 @@
 // Tells a process from the children that it forks.
-#ifndef SOLVANE_SESSION_PROCESS_H
-#define SOLVANE_SESSION_PROCESS_H
+#ifndef SOLVANE_SESSION_CURRENT_PROCESS_H
+#define SOLVANE_SESSION_CURRENT_PROCESS_H
 
 #include <solvane/ldap/Export.h>
 

@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <vector>
 
 #include <ldap.h>
 
@@ -88,5 +89,40 @@ TEST_P(TwoSearchesInFlight, EndForACallerThatPollsTheSocket)
 
 INSTANTIATE_TEST_SUITE_P(WithAnswers, TwoSearchesInFlight,
                          testing::Values(inOrder, reversed, behindManyEntries));
+
+/// Three messages that arrive in one piece, for a caller that uses the session itself.
+TEST(ACallerThatPollsTheSocket, GetsAMessageForEachReadiness)
+{
+    ScriptedServer const server([](ScriptedServer::Peer& peer) {
+        peer.grantBind();
+        int const id = messageIdOf(peer.receiveMessage());
+        peer.send(searchEntry(id, "cn=x", {}) + answerTo(id));
+        peer.receiveUntilClosed();
+    });
+    LDAPConnection connection(LDAPConnection::RefServer("127.0.0.1", server.port(),
+                                                        LDAPConnection::V3, false, 5, false, false),
+                              false);
+    connection.bind("cn=reader", "secret", LDAPConnection::Asynchronous);
+    connection.bindWait(5);
+    LDAPSearch::Parameter query("dc=corp,dc=test");
+    query.filter = "(cn=x)";
+    LDAPSearch search(connection, query);
+    search.send();
+    auto* const session = static_cast<LDAP*>(connection.context());
+    int descriptor = -1;
+    ldap_get_option(session, LDAP_OPT_DESC, &descriptor);
+
+    std::vector<int> received;
+    pollfd waited{descriptor, POLLIN, 0};
+    while (received.size() < 3 && poll(&waited, 1, 5000) == 1) {
+        timeval none = {0, 0};
+        LDAPMessageBuffer message;
+        received.push_back(
+            ldap_result(session, LDAP_RES_ANY, LDAP_MSG_ONE, &none, message.address()));
+    }
+
+    EXPECT_THAT(received, testing::ElementsAre(LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_ENTRY,
+                                               LDAP_RES_SEARCH_RESULT));
+}
 
 } // namespace SolvaneTest

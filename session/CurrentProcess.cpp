@@ -1,5 +1,5 @@
 // Counts forks.
-#include "Process.h"
+#include "CurrentProcess.h"
 
 #include <atomic>
 #include <new>
