@@ -16,7 +16,7 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
     SolvaneTest::InputFile const file(data, size);
     try {
         Tool::SettingsFile const settings(file.path());
-        require(settings.settings().password.empty(), "the password stays apart");
+        require(settings.draft().lookup.password.empty(), "the password stays apart");
     } catch (Tool::Failure const& failure) {
         require(failure.outcome() == Tool::Outcome::configuration, "a fault is a wrong setting");
         require(!failure.remedy().empty(), "a fault names its remedy");
