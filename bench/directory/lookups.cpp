@@ -229,6 +229,7 @@ void windows(Options const& options, Rounds const& rounds)
     RawLookups raw(options);
     KeptLookups kept(options);
     LDAPLookup engine(engineSettings(options, 4));
+    LDAPLookup narrow(engineSettings(options, 1)); // a window of 32
     Addresses addresses(options.users);
     for (unsigned long const window : {1UL, 2UL, 4UL, 8UL, 16UL, 32UL, 64UL, 128UL}) {
         std::vector<Contender> contenders = {
@@ -241,6 +242,10 @@ void windows(Options const& options, Rounds const& rounds)
                                   [&](unsigned long count) { kept.runInBatches(count, window); }});
             contenders.push_back(
                 {"engine, all", [&](unsigned long count) { findAll(engine, addresses, count); }});
+        }
+        if (window == 32) {
+            contenders.push_back({"engine, one connection",
+                                  [&](unsigned long count) { findAll(narrow, addresses, count); }});
         }
         constexpr unsigned long fillings = 10;
         rounds.compare("window", contenders, window, window * fillings);

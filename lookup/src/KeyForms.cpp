@@ -114,7 +114,9 @@ bool KeyForms::isServed(std::string const& key) const
 std::vector<std::string> KeyForms::of(std::string const& key) const
 {
     std::string_view const domain = domainOf(key);
-    std::string const other = m_isInternational ? otherFormOf(std::string(domain)) : std::string();
+    bool const mayHaveOther = m_isInternational && // mostly not
+                              (!isAscii(domain) || domain.find("--") != std::string_view::npos);
+    std::string const other = mayHaveOther ? otherFormOf(std::string(domain)) : std::string();
     if (other.empty() && m_forms.size() == 1 && m_forms.front() == Form::full) {
         return {};
     }

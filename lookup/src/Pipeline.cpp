@@ -47,18 +47,6 @@ bool parse(LDAP* session, LDAPMessage* message, Result& result)
     return rc == LDAP_SUCCESS || result.code != LDAP_SUCCESS;
 }
 
-/// Of a message that holds an entry, in bytes.
-std::size_t sizeOf(LDAP* session, LDAPMessage* message)
-{
-    LDAPBerElementBuffer element;
-    berval dn = {0, nullptr};
-    ber_len_t size = 0;
-    if (ldap_get_dn_ber(session, message, element.address(), &dn) == LDAP_SUCCESS) {
-        ber_get_option(element.get(), LBER_OPT_BER_TOTAL_BYTES, &size);
-    }
-    return size;
-}
-
 } // namespace
 
 Shared::Shared(Settings const& given)
@@ -166,10 +154,18 @@ void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
 {
     Settings const& settings = m_shared.settings;
     std::list<LDAPSearchResultEntry>& entries = task.answer.entries;
-    task.bytes += sizeOf(lane.lease->session.handle(), message.get());
+    std::size_t bytes = 0;
+    if (!readEntry(lane.lease->session.handle(), message.get(), entries, &bytes)) {
+        leave(lane, Trouble::damaged,
+              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged entry"},
+              &task);
+        return;
+    }
+    task.bytes += bytes;
+    bool const isTooMany = settings.entryLimit != 0 && entries.size() > settings.entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
-    bool const isTooMany = settings.entryLimit != 0 && entries.size() >= settings.entryLimit;
-    if (isTooLarge || isTooMany) {
+    if (isTooMany || isTooLarge) {
+        entries.pop_back(); // the one beyond
         abandon(lane, task);
         lane.isLeaving = lane.isLeaving || isTooLarge; // much more of it may come
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
@@ -177,12 +173,6 @@ void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
                                std::to_string(settings.entryLimit) + " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
-        return;
-    }
-    if (!readEntry(lane.lease->session.handle(), message.get(), entries)) {
-        leave(lane, Trouble::damaged,
-              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged entry"},
-              &task);
     }
 }
 
@@ -304,7 +294,7 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     task.isReferred = false;
     task.brokeOn = &server;
     task.brokeAt = now;
-    m_waiting.push_front(&task);
+    m_waiting.push_back(&task);
 }
 
 } // namespace Solvane::Lookup

@@ -8,7 +8,6 @@
 
 #include <solvane/session/Waits.h>
 
-#include <deque>
 #include <list>
 #include <memory>
 #include <string>
@@ -123,8 +122,8 @@ private:
     std::size_t const m_window;
     std::size_t const m_maximumTasks; ///< with answers that wait for an earlier one's
 
-    std::deque<Task> m_tasks;    ///< in the order of the keys; addresses stay
-    std::deque<Task*> m_waiting; ///< for a lane
+    std::list<Task> m_tasks;      ///< in the order of the keys; addresses stay
+    std::vector<Task*> m_waiting; ///< for a lane; the next one at the end
     Lanes m_lanes;
     std::unique_ptr<Query> m_query;
     std::size_t m_inFlight = 0;

@@ -37,7 +37,7 @@ void Pipeline::push(std::string key)
     }
     task.forms = m_shared.forms.of(task.key);
     if (prepareFilter(task)) {
-        m_waiting.push_back(&task);
+        m_waiting.insert(m_waiting.begin(), &task);
         dispatch();
     }
 }
@@ -93,7 +93,7 @@ void Pipeline::concludeEmpty(Task& task)
         ++task.form;
         task.isReferred = false;
         if (prepareFilter(task)) {
-            m_waiting.push_front(&task);
+            m_waiting.push_back(&task);
         }
         return;
     }

@@ -10,9 +10,9 @@ namespace Solvane::Lookup {
 void Pipeline::dispatch()
 {
     while (!m_waiting.empty()) {
-        Task& task = *m_waiting.front();
+        Task& task = *m_waiting.back();
         if (Lane* const lane = laneFor(task)) {
-            m_waiting.pop_front();
+            m_waiting.pop_back();
             send(task, *lane);
         } else if (m_query || isAwaited(task) || !makesRoom(task) || !checkOut(task)) {
             return; // for servers' names, for a session that is being opened, an answer, the pool
@@ -93,7 +93,7 @@ bool Pipeline::checkOut(Task& task)
         m_noNewLaneBefore = Clock::now() + m_shared.settings.backOff;
         return false;
     }
-    m_waiting.pop_front();
+    m_waiting.pop_back();
     conclude(task, outlook.failures);
     return true;
 }

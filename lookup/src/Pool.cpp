@@ -86,7 +86,8 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
             afterFork(dropped);
             decide(outlook, wish, waiter, dropped);
         }
-        if (outlook.kind != Outlook::ready || isUsable(*outlook.lease)) {
+        if (outlook.kind != Outlook::ready ||
+            (!outlook.lease->hasExpired && outlook.lease->session.isFresh())) {
             return outlook;
         }
         ++m_stale;
@@ -101,11 +102,6 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
     }
 }
 
-bool Pool::isUsable(PooledSession const& session)
-{
-    return Clock::now() < session.expiresAt && session.session.isFresh();
-}
-
 /// The servers are gone through in order, up to three times. Asking a server that is up comes first;
 /// then one that fell silent on a connection, by one caller, whose outcome the others await; then
 /// those that fail at once, since that costs nothing and they may be back.
@@ -114,7 +110,8 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
     if (waiter.m_isRegistered && waiter.m_process == m_known) {
         waiter.reset();
     }
-    outlook.domain = m_servers.claimDomain(Clock::now());
+    auto const now = Clock::now();
+    outlook.domain = m_servers.claimDomain(now);
     if (outlook.domain != nullptr) {
         outlook.kind = Outlook::resolve;
         return;
@@ -122,15 +119,15 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
     for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {
         if (among == Among::prompt) {
             outlook.until = std::min(trialEnd(wish), wish.deadline);
-            if (Clock::now() < outlook.until) {
+            if (now < outlook.until) {
                 return wait(outlook, waiter, wish.mayWait);
             }
             outlook.until = Clock::time_point::max();
         }
         for (std::size_t position = 0; position < m_servers.inOrder().size(); ++position) {
             ServerRecord& server = inOrder(position);
-            if (!wasAsked(wish.failures, server) && admits(server, among, Clock::now()) &&
-                consider(outlook, server, wish, waiter, among, dropped)) {
+            if (!wasAsked(wish.failures, server) && admits(server, among, now) &&
+                consider(outlook, server, wish, waiter, among, now, dropped)) {
                 return;
             }
         }
@@ -165,10 +162,9 @@ bool Pool::admits(ServerRecord const& server, Among among, Clock::time_point now
 /// A session to this server, room for one, or the reason to wait for them. False if another server
 /// has to be looked at.
 bool Pool::consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Waiter& waiter,
-                    Among among, Idle& dropped)
+                    Among among, Clock::time_point now, Idle& dropped)
 {
     auto const idle = idleFor(server, wish);
-    auto const now = Clock::now();
     if (idle == m_idle.end()) {
         switch (m_credentials.turn(now)) {
         case Credentials::Turn::bind:
@@ -199,6 +195,7 @@ bool Pool::consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Wa
     }
     std::unique_ptr<PooledSession> session = std::move(*idle);
     m_idle.erase(idle);
+    session->hasExpired = now >= session->expiresAt;
     session->isTrial = among != Among::prompt && server.health.claim(now);
     outlook.kind = Outlook::ready;
     outlook.lease = Lease(*this, std::move(session), m_known);
@@ -533,7 +530,8 @@ void Pool::publish(ServerRecord& server)
 void Pool::put(Lease& lease)
 {
     std::unique_ptr<PooledSession> session = std::move(lease.m_session);
-    session->expiresAt = Clock::now() + idleTime;
+    auto const now = Clock::now();
+    session->expiresAt = now + idleTime;
     Idle dropped;
     Idle entry;
     entry.push_back(std::move(session));
@@ -543,7 +541,7 @@ void Pool::put(Lease& lease)
         return;
     }
     m_idle.splice(m_idle.begin(), entry);
-    if (Clock::now() >= m_idle.back()->expiresAt) {
+    if (now >= m_idle.back()->expiresAt) {
         dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
         --m_count;
     }

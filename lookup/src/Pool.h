@@ -30,7 +30,8 @@ struct PooledSession {
     Session session;
     ServerRecord& server;
     Clock::time_point openedAt;
-    Clock::time_point expiresAt;
+    Clock::time_point expiresAt; ///< while it is idle
+    bool hasExpired = false;
     bool isOpen = false;
     bool hasAnswered = false;       ///< to anything: the server is alive, not only its kernel
     bool hasAnsweredSearch = false; ///< with a result
@@ -156,7 +157,7 @@ private:
 
     void decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& dropped);
     bool consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Waiter& waiter,
-                  Among among, Idle& dropped);
+                  Among among, Clock::time_point now, Idle& dropped);
     static bool admits(ServerRecord const& server, Among among, Clock::time_point now);
     void open(Outlook& outlook, ServerRecord& server, Among among, Idle& dropped);
     void refuse(Outlook& outlook, Wish const& wish);
@@ -165,7 +166,6 @@ private:
     ServerRecord& inOrder(std::size_t position) const;
     Idle::iterator idleFor(ServerRecord const& server, Wish const& wish);
     SessionOptions optionsFor(ServerRecord const& server) const;
-    static bool isUsable(PooledSession const& session);
 
     std::size_t available() const { return m_idle.size() + m_settings.connections - m_count; }
     void take(Waiter& waiter);

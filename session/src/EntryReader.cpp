@@ -34,12 +34,18 @@ void pointAt(ValueArray const& values, std::vector<berval*>& pointers)
 
 } // namespace
 
-bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEntry>& to)
+bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEntry>& to,
+               std::size_t* bytes)
 {
     LDAPBerElementBuffer position;
     berval dn = {0, nullptr};
     if (ldap_get_dn_ber(session, message, position.address(), &dn) != LDAP_SUCCESS) {
         return false;
+    }
+    if (bytes != nullptr) {
+        ber_len_t size = 0;
+        ber_get_option(position.get(), LBER_OPT_BER_TOTAL_BYTES, &size);
+        *bytes = size;
     }
     std::list<LDAPSearchResultEntry> read; // built in the node in which it stays
     read.emplace_back(textOf(dn));

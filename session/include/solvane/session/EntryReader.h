@@ -7,6 +7,7 @@
 
 #include <solvane/ldap/LDAPResult.h>
 
+#include <cstddef>
 #include <list>
 
 /// @cond of OpenLDAP
@@ -22,9 +23,11 @@ namespace Solvane::Lookup {
 /// @param session  that received the message
 /// @param message  of type search entry (0x64); stays the caller's
 /// @param to       receives the entry
+/// @param bytes    if not null, receives the size of the message, also of a damaged one
 /// @return true; false if the message is damaged, and then `to` is as it was
 SOLVANE_LOOKUP_EXPORT bool readEntry(LDAP* session, LDAPMessage* message,
-                                     std::list<LDAPSearchResultEntry>& to);
+                                     std::list<LDAPSearchResultEntry>& to,
+                                     std::size_t* bytes = nullptr);
 
 } // namespace Solvane::Lookup
 
