@@ -43,17 +43,8 @@ std::string trimmed(std::string text)
     return text;
 }
 
-/// The first `count` characters of `text`, removed from it; as many as there are.
-std::string takeFront(std::string& text, std::string::size_type count)
-{
-    std::string front = text.substr(0, count);
-    text.erase(0, count);
-    return front;
-}
-
-/// The lock of the caches of a body, which const operations fill in any thread. Bodies share a few:
-/// one in each would be as large as the texts of most. Held while one cache is looked at and filled,
-/// and no other lock with it.
+/// The mutex that guards what the const operations of a body make and keep. Bodies share a few, so
+/// that none carries one. Held while a text is looked for and made; nothing else is locked meanwhile.
 std::mutex& cacheLockOf(void const* body)
 {
     struct alignas(64) Slot { // a cache line
@@ -135,11 +126,11 @@ void LDAPAttributeTypeImpl::parse(std::string const& text)
         return;
     }
     m_type = rest.substr(0, end);
-    takeFront(rest, end + 1);
+    rest.erase(0, end + 1);
     while (!rest.empty()) {
         std::string::size_type const next = std::min(rest.find(';'), rest.size());
         add(rest.substr(0, next));
-        takeFront(rest, next + 1);
+        rest.erase(0, next + 1);
     }
 }
 

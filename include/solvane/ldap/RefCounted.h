@@ -56,7 +56,7 @@ private:
 ///
 /// Bodies derive from it publicly and virtually, so that the count and the deleting destructor are
 /// found whatever the body's own layout. A new body counts 1, its creator's reference; so does a
-/// copy, whoever refers to the original. The count is for any thread; what a body holds is not.
+/// copy, whoever refers to the original. The count is thread-safe; what a body holds need not be.
 class SOLVANE_LDAP_EXPORT RefImpl {
 public:
     RefImpl();
@@ -160,8 +160,8 @@ template <typename T> void RefCountedImplCopy(RefCounted<T>*& target, RefCounted
 
 /// The one field of a handle: an owned `RefCounted`, or null in a null handle.
 ///
-/// Copies share the body. Several threads may hold one each on the same body; one object is for one
-/// thread at a time.
+/// Copies share the body. Several threads may hold one each on the same body, and copy from one;
+/// assigning to one is not thread-safe.
 template <typename T> class BodyReference {
 public:
     BodyReference() = default;
