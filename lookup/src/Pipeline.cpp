@@ -167,7 +167,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond
         abandon(lane, task);
-        lane.isLeaving = lane.isLeaving || isTooLarge; // much more of it may come
+        lane.isLeaving = true; // much more of it may come, whatever it was asked for
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                isTooMany ? task.answer.server + " sent more than " +
                                std::to_string(settings.entryLimit) + " entries"

@@ -339,8 +339,9 @@ private:
         settings.attributes = {"cn", "mail"};
         settings.connections = 2;
         settings.tls.verify = Lookup::TlsVerify::none; // the handshake is what is disturbed here
-        // No server is passed over: each lookup is to meet the fault itself.
+        // No server is skipped: each lookup is to meet the fault itself.
         settings.backOff = settings.longestBackOff = std::chrono::milliseconds(0);
+        settings.refusedHold = std::chrono::milliseconds(0);
         return settings;
     }
 

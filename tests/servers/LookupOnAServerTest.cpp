@@ -196,8 +196,8 @@ TEST_F(LookupOnAServer, FromTheTopFindsThePersonAndSaysWhatWasNotAsked)
     auto const notFound = answerTo("nobody@corp.test", top);
 
     EXPECT_EQ(found.outcome, Outcome::Found) << found.text;
-    EXPECT_EQ(notFound.outcome, Outcome::NotFound);
-    EXPECT_THAT(notFound.text, HasSubstr("leaves a part of the base to servers"));
+    EXPECT_EQ(notFound.outcome, Outcome::TryLater);
+    EXPECT_THAT(notFound.text, HasSubstr("refers to other servers for a part of the base"));
 }
 
 TEST_F(LookupOnAServer, BelowAReferralEntryIsNoPlainNotFound)
