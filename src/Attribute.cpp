@@ -195,11 +195,11 @@ LDAPAttribute::LDAPAttribute(LDAPAttributeType const& type, Buffer const& value)
     m_impl.body()->value(value);
 }
 
-LDAPAttribute::LDAPAttribute(LDAPAttribute const& other) = default;
-LDAPAttribute& LDAPAttribute::operator=(LDAPAttribute const& other) = default;
-LDAPAttribute::LDAPAttribute(LDAPAttribute&& other) noexcept = default;
-LDAPAttribute& LDAPAttribute::operator=(LDAPAttribute&& other) noexcept = default;
 LDAPAttribute::~LDAPAttribute() = default;
+LDAPAttribute::LDAPAttribute(LDAPAttribute const& other) = default;
+LDAPAttribute::LDAPAttribute(LDAPAttribute&& other) noexcept = default;
+LDAPAttribute& LDAPAttribute::operator=(LDAPAttribute const& other) = default;
+LDAPAttribute& LDAPAttribute::operator=(LDAPAttribute&& other) noexcept = default;
 
 bool LDAPAttribute::isNull() const { return m_impl.isNull(); }
 

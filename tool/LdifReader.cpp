@@ -22,15 +22,8 @@ bool isSame(std::string const& left, char const* right)
 /// An attribute description (RFC 4512 section 2.5) by its characters.
 bool isDescription(std::string const& text)
 {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char character) {
-        constexpr std::string_view others = "-.;_";
-        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-               (character >= '0' && character <= '9') ||
-               others.find(character) != std::string_view::npos;
-    });
+    return !text.empty() && isAlphanumeric(text, "-.;_");
 }
-
-bool hasNul(std::string const& text) { return text.find('\0') != std::string::npos; }
 
 /// Whether text is base64 (RFC 4648 section 4), blanks round it aside.
 bool isBase64(std::string_view text)

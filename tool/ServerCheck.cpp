@@ -146,7 +146,8 @@ void ServerCheck::showOtherAddresses()
         if (address.text() != m_session->peer()) {
             Lookup::SessionOptions alone = sessionOptions(m_settings, m_server, m_tls);
             alone.addresses = {address};
-            others.emplace_back(std::move(alone)).begin(Lookup::Step::connect, deadline());
+            others.emplace_back(std::move(alone));
+            others.back().begin(Lookup::Step::connect, deadline());
         }
     }
     auto const isUnderWay = [](Session const& each) { return !each.isSettled(); };

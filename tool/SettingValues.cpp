@@ -88,15 +88,7 @@ std::string wordFor(Value value, Word<Value> const (&words)[count])
 bool isPrintable(char character) { return character > ' ' && character <= '~'; }
 
 /// The characters of attribute descriptions (RFC 4512 section 2.5), and of `*`, `+` and `@class`.
-bool isAttributeSelector(std::string const& text)
-{
-    return std::all_of(text.begin(), text.end(), [](char character) {
-        constexpr std::string_view others = "-.;*+@_";
-        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-               (character >= '0' && character <= '9') ||
-               others.find(character) != std::string_view::npos;
-    });
-}
+bool isAttributeSelector(std::string const& text) { return isAlphanumeric(text, "-.;*+@_"); }
 
 /// An address, or one with a port behind it.
 bool isNameServer(std::string const& text)
@@ -115,6 +107,28 @@ bool isNameServer(std::string const& text)
     }
     numberIn(text.substr(colon + 1), 1, 65535); // refuses it in its own words
     return true;
+}
+
+bool isDomain(std::string const& text)
+{
+    return !faultIn(text) && text.find('@') == std::string::npos;
+}
+
+/// The words, if there are any and `isOne` accepts each.
+/// @param kind  what one of them is called
+std::vector<std::string> checked(std::vector<std::string> words,
+                                 bool (*isOne)(std::string const& word), char const* kind,
+                                 char const* remedy)
+{
+    for (std::string const& word : words) {
+        if (!isOne(word)) {
+            refuse(fmt::format("'{}' is no {}", oneLine(word), kind), remedy);
+        }
+    }
+    if (words.empty()) {
+        refuse(fmt::format("no {} is named", kind), remedy);
+    }
+    return words;
 }
 
 /// The domains of a file: words on its lines, up to a '#'.
@@ -183,17 +197,8 @@ std::chrono::seconds holdIn(std::string const& text)
 
 std::vector<std::string> nameServersIn(std::string const& text)
 {
-    std::vector<std::string> servers = wordsIn(text);
-    for (std::string const& server : servers) {
-        if (!isNameServer(server)) {
-            refuse(fmt::format("'{}' is not the address of a name server", oneLine(server)),
+    return checked(wordsIn(text), isNameServer, "address of a name server",
                    "write 192.0.2.1, 192.0.2.1:53, 2001:db8::1 or [2001:db8::1]:53");
-        }
-    }
-    if (servers.empty()) {
-        refuse("no name server is named", "list addresses as in 192.0.2.1,192.0.2.2");
-    }
-    return servers;
 }
 
 std::vector<LDAPLookup::Form> formsIn(std::string const& text)
@@ -222,35 +227,17 @@ char delimiterIn(std::string const& text)
 
 std::vector<std::string> attributesIn(std::string const& text)
 {
-    std::vector<std::string> names = wordsIn(text);
-    for (std::string const& name : names) {
-        if (!isAttributeSelector(name)) {
-            refuse(fmt::format("'{}' is no attribute", oneLine(name)),
+    return checked(wordsIn(text), isAttributeSelector, "attribute",
                    "separate names by commas, as in cn,mail");
-        }
-    }
-    if (names.empty()) {
-        refuse("no attribute is named", "separate names by commas, as in cn,mail");
-    }
-    return names;
 }
 
 std::vector<std::string> domainsIn(std::string const& text)
 {
     bool const isMarked = !text.empty() && text.front() == '@';
     bool const isFile = isMarked || (!text.empty() && text.front() == '/');
-    std::vector<std::string> domains =
-        isFile ? domainsOf(text.substr(isMarked ? 1 : 0)) : wordsIn(text);
-    for (std::string const& domain : domains) {
-        if (faultIn(domain) || domain.find('@') != std::string::npos) {
-            refuse(fmt::format("'{}' is no domain", oneLine(domain)),
-                   "list domains as in example.com,example.org");
-        }
-    }
-    if (domains.empty()) { // an empty list would mean that all are served
-        refuse("no domain is named", "list domains as in example.com,example.org");
-    }
-    return domains;
+    // An empty list would mean that all are served.
+    return checked(isFile ? domainsOf(text.substr(isMarked ? 1 : 0)) : wordsIn(text), isDomain,
+                   "domain", "list domains as in example.com,example.org");
 }
 
 std::string dnIn(std::string const& text)

@@ -1,7 +1,18 @@
 // Text appended to what is written.
 #include "Text.h"
 
+#include <algorithm>
+
 namespace Solvane::Tool {
+
+bool isAlphanumeric(std::string_view text, std::string_view others)
+{
+    return std::all_of(text.begin(), text.end(), [others](char character) {
+        return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+               (character >= '0' && character <= '9') ||
+               others.find(character) != std::string_view::npos;
+    });
+}
 
 void appendOneLine(std::string& out, std::string_view text)
 {

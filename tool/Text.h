@@ -11,10 +11,14 @@ namespace Solvane::Tool {
 
 using Lookup::describe;
 using Lookup::faultIn;
+using Lookup::hasNul;
 using Lookup::isUtf8;
 using Lookup::oneLine;
 using Lookup::TextFault;
 using Lookup::wipe;
+
+/// Whether there are only ASCII letters, ASCII digits and characters of `others`.
+bool isAlphanumeric(std::string_view text, std::string_view others);
 
 /// The texts in a row.
 template <typename Texts> std::string joined(Texts const& texts, char const* separator)

@@ -462,8 +462,7 @@ bool DirectorySession::isFresh() const
 {
     pollfd looked = {descriptor(), POLLIN | POLLRDHUP, 0};
     return looked.fd != -1 && m_connection.impl()->isValid() &&
-           !hasBufferedInput(m_connection.impl()->session()) &&
-           poll(&looked, 1, 0) == 0;
+           !hasBufferedInput(m_connection.impl()->session()) && poll(&looked, 1, 0) == 0;
 }
 
 int DirectorySession::descriptor() const

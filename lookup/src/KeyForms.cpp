@@ -142,7 +142,7 @@ std::string KeyForms::textOf(Form form, std::string_view local, std::string_view
 {
     // A delimiter in front is part of the user's name.
     auto const delimiter = m_delimiter == '\0' ? std::string::npos : local.find(m_delimiter, 1);
-    std::string const user(local.substr(0, delimiter));
+    std::string user(local.substr(0, delimiter));
     switch (form) {
     case Form::full:
         break;

@@ -166,8 +166,8 @@ void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond
-        abandon(lane, task);
-        lane.isLeaving = true; // much more of it may come, whatever it was asked for
+        lane.remove(task);
+        --m_inFlight;
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                isTooMany ? task.answer.server + " sent more than " +
                                std::to_string(settings.entryLimit) + " entries"
@@ -183,6 +183,8 @@ void Pipeline::takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message)
         leave(lane, Trouble::damaged,
               {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged result"},
               &task);
+        // Much more of it may come, whatever it was asked for, before the answers of the others.
+        leave(lane, Trouble::damaged, {Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, std::string()});
         return;
     }
     lane.remove(task);
@@ -239,9 +241,10 @@ void Pipeline::abandon(Lane& lane, Task& task)
 /// Ends a lane whose connection is gone or not to be trusted; its searches are repeated. With several
 /// in flight, it is not known which of them broke it, or whether there were too many: they are sent
 /// again in a narrower window, until one that breaks a connection is alone on it.
-void Pipeline::leave(Lane& lane, Trouble trouble, Verdict const& why, Task const* guilty)
+void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilty)
 {
-    std::vector<Task*> const tasks = std::move(lane.tasks);
+    std::vector<Task*> tasks;
+    tasks.swap(lane.tasks);
     ServerRecord const& server = *lane.server;
     m_inFlight -= tasks.size();
     if (trouble == Trouble::broken) {

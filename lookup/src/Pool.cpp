@@ -61,7 +61,7 @@ void Pool::Lease::giveBack()
 void Pool::Lease::close()
 {
     if (m_session) {
-        m_pool->free(*this);
+        m_pool->letGo(*this);
     }
 }
 
@@ -548,7 +548,7 @@ void Pool::put(Lease& lease)
     callNext();
 }
 
-void Pool::free(Lease& lease)
+void Pool::letGo(Lease& lease)
 {
     std::unique_ptr<PooledSession> const session = std::move(lease.m_session);
     std::lock_guard<std::mutex> const lock(m_mutex);

@@ -175,7 +175,7 @@ private:
     void afterFork(Idle& dropped);
 
     void put(Lease& lease);
-    void free(Lease& lease);
+    void letGo(Lease& lease);
     void endTrial(PooledSession& session);
     void freeRoom();
     void closeIdle(ServerRecord const& server, Idle& dropped);

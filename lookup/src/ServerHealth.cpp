@@ -63,21 +63,21 @@ Clock::time_point ServerHealth::trialEnd() const
 
 bool ServerHealth::claim(Clock::time_point now)
 {
-    apply(Event::claimed, now);
+    apply(Event::claimed, now, Failure());
     return m_state == State::onTrial;
 }
 
-void ServerHealth::abandon(Clock::time_point now) { apply(Event::abandoned, now); }
+void ServerHealth::abandon(Clock::time_point now) { apply(Event::abandoned, now, Failure()); }
 
 void ServerHealth::connected(Clock::time_point now)
 {
-    apply(m_mustAnswer ? Event::connected : Event::proved, now);
+    apply(m_mustAnswer ? Event::connected : Event::proved, now, Failure());
 }
 
 void ServerHealth::answered(Clock::time_point now)
 {
     m_mustAnswer = false;
-    apply(Event::proved, now);
+    apply(Event::proved, now, Failure());
 }
 
 void ServerHealth::unreachable(Verdict const& why, Clock::duration cost, Clock::time_point now)
@@ -105,11 +105,11 @@ void ServerHealth::fellSilent(Verdict const& why, Clock::duration cost, Clock::t
 
 void ServerHealth::fail(Event event, Failure const& failure, Clock::time_point now)
 {
-    apply(event, now, &failure);
+    apply(event, now, failure);
     m_why = *failure.why;
 }
 
-void ServerHealth::apply(Event event, Clock::time_point now, Failure const* failure)
+void ServerHealth::apply(Event event, Clock::time_point now, Failure const& failure)
 {
     Transition const next = transition(m_state, event);
     m_state = next.next;
@@ -118,7 +118,7 @@ void ServerHealth::apply(Event event, Clock::time_point now, Failure const* fail
         break;
     case Action::join:
         if (now >= m_retryAt) {
-            beginBackOff(*failure, now);
+            beginBackOff(failure, now);
         }
         break;
     case Action::beginTrial:
@@ -140,13 +140,13 @@ void ServerHealth::apply(Event event, Clock::time_point now, Failure const* fail
         m_failsPromptly = false;
         break;
     case Action::backOff:
-        beginBackOff(*failure, now);
+        beginBackOff(failure, now);
         break;
     case Action::backOffSilent:
-        beginBackOff(*failure, now);
+        beginBackOff(failure, now);
         // One that answered no search since its last trial of this kind accepts connections and
         // nothing else: that costs a network timeout each time, and has to wait.
-        m_isRetryDue = failure->heardAt > m_retriedAt;
+        m_isRetryDue = failure.heardAt > m_retriedAt;
         break;
     }
 }

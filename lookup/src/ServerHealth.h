@@ -102,12 +102,12 @@ public:
 
 private:
     struct Failure {
-        Verdict const* why;
-        Clock::duration cost;
-        Clock::duration atLeast;   ///< of the back-off
-        Clock::time_point heardAt; ///< when a search was answered last
+        Verdict const* why = nullptr; ///< null: the event is not a failure
+        Clock::duration cost{0};
+        Clock::duration atLeast{0}; ///< of the back-off
+        Clock::time_point heardAt;  ///< when a search was answered last
     };
-    void apply(Event event, Clock::time_point now, Failure const* failure = nullptr);
+    void apply(Event event, Clock::time_point now, Failure const& failure);
     void fail(Event event, Failure const& failure, Clock::time_point now);
     void beginBackOff(Failure const& failure, Clock::time_point now);
 

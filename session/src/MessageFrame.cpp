@@ -73,11 +73,10 @@ MessageFrame frameOf(std::string_view bytes)
         return frame;
     }
     frame.length = header.size + header.content;
-    if (header.content == 0) {
-        frame.state = MessageFrame::invalid;
-    } else if (bytes.size() < frame.length) {
+    if (header.content != 0 && bytes.size() < frame.length) {
         frame.state = MessageFrame::partial;
-    } else if (!readContent(bytes.substr(header.size, header.content), frame)) {
+    } else if (header.content == 0 ||
+               !readContent(bytes.substr(header.size, header.content), frame)) {
         frame.state = MessageFrame::invalid;
     }
     return frame;

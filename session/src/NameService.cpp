@@ -114,4 +114,18 @@ void NameService::waits(Waits& waits) const
     }
 }
 
+void NameQuestion::advance()
+{
+    if (!isSettled && service) {
+        service->advance();
+    }
+}
+
+void NameQuestion::waits(Waits& waits) const
+{
+    if (!isSettled && service) {
+        service->waits(waits);
+    }
+}
+
 } // namespace Solvane::Lookup

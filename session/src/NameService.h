@@ -6,6 +6,7 @@
 
 #include <solvane/ldap/RefCounted.h>
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -37,6 +38,19 @@ private:
     ares_channel m_channel = nullptr;
     std::string m_fault;
     std::vector<pollfd> m_sockets;
+};
+
+/// One question to a name service.
+struct NameQuestion : public NonCopyable {
+    /// What is still open is answered when the service goes, and must not be taken any more.
+    ~NameQuestion() { isSettled = true; }
+
+    void advance();
+    void waits(Waits& waits) const;
+
+    Verdict verdict;
+    bool isSettled = false;
+    std::optional<NameService> service; ///< none before the question is asked
 };
 
 } // namespace Solvane::Lookup

@@ -11,7 +11,7 @@
 
 namespace Solvane::Lookup {
 
-struct Resolver::State : public NonCopyable {
+struct Resolver::State : public NameQuestion {
     State(std::string const& hostName, unsigned int hostPort) : host(hostName), port(hostPort) {}
 
     void begin(std::vector<std::string> const& nameServers);
@@ -22,9 +22,6 @@ struct Resolver::State : public NonCopyable {
     std::string host;
     unsigned int port;
     std::vector<Address> addresses;
-    Verdict verdict;
-    bool isSettled = false;
-    std::optional<NameService> service; // last: when it goes, it answers what is still open
 };
 
 void Resolver::State::begin(std::vector<std::string> const& nameServers)
@@ -105,25 +102,10 @@ Resolver::Resolver(std::string const& host, unsigned int port,
     m_state->begin(nameServers);
 }
 
-Resolver::~Resolver()
-{
-    m_state->isSettled = true; // what is still open is not to be answered any more
-}
+Resolver::~Resolver() = default;
 
-void Resolver::advance()
-{
-    if (!m_state->isSettled && m_state->service) {
-        m_state->service->advance();
-    }
-}
-
-void Resolver::waits(Waits& waits) const
-{
-    if (!m_state->isSettled && m_state->service) {
-        m_state->service->waits(waits);
-    }
-}
-
+void Resolver::advance() { m_state->advance(); }
+void Resolver::waits(Waits& waits) const { m_state->waits(waits); }
 bool Resolver::isSettled() const { return m_state->isSettled; }
 Verdict const& Resolver::verdict() const { return m_state->verdict; }
 std::vector<Address> const& Resolver::addresses() const { return m_state->addresses; }

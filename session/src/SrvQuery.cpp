@@ -57,7 +57,7 @@ std::vector<SrvTarget> inOrderOfTrial(std::vector<SrvTarget> targets,
     return targets;
 }
 
-struct SrvQuery::State : public NonCopyable {
+struct SrvQuery::State : public NameQuestion {
     State(std::string const& ofDomain, bool isSecure)
         : domain(ofDomain), name((isSecure ? "_ldaps._tcp." : "_ldap._tcp.") + ofDomain)
     {
@@ -71,9 +71,6 @@ struct SrvQuery::State : public NonCopyable {
     std::string domain;
     std::string name;
     std::vector<SrvTarget> targets;
-    Verdict verdict;
-    bool isSettled = false;
-    std::optional<NameService> service; // last: when it goes, it answers what is still open
 };
 
 void SrvQuery::State::begin(std::vector<std::string> const& nameServers)
@@ -146,27 +143,12 @@ SrvQuery::SrvQuery(std::string const& domain, bool secure,
     m_state->begin(nameServers);
 }
 
-SrvQuery::~SrvQuery()
-{
-    m_state->isSettled = true; // what is still open is not to be answered any more
-}
+SrvQuery::~SrvQuery() = default;
 
-void SrvQuery::advance()
-{
-    if (!m_state->isSettled && m_state->service) {
-        m_state->service->advance();
-    }
-}
-
-void SrvQuery::waits(Waits& waits) const
-{
-    if (!m_state->isSettled && m_state->service) {
-        m_state->service->waits(waits);
-    }
-}
-
-bool SrvQuery::isSettled() const { return m_state->isSettled; }
-Verdict const& SrvQuery::verdict() const { return m_state->verdict; }
 std::vector<SrvTarget> const& SrvQuery::targets() const { return m_state->targets; }
+Verdict const& SrvQuery::verdict() const { return m_state->verdict; }
+bool SrvQuery::isSettled() const { return m_state->isSettled; }
+void SrvQuery::waits(Waits& waits) const { m_state->waits(waits); }
+void SrvQuery::advance() { m_state->advance(); }
 
 } // namespace Solvane::Lookup

@@ -98,7 +98,7 @@ std::string unreadable(std::string const& file)
 template <typename Read>
 std::string faultOf(std::string const& file, std::string const& content, Read const& read)
 {
-    std::string const fault = unreadable(file);
+    std::string fault = unreadable(file);
     if (!fault.empty()) {
         return fault;
     }
