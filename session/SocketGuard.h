@@ -39,7 +39,7 @@ class ReadAhead;
 /// - A session that connects again starts afresh: what is left of OpenLDAP's last TLS layer and of this
 ///   guard's is taken away, and the old socket is no longer polled. Layers of others stay.
 ///
-/// Must outlive the session. For one thread at a time, like the session. A network timeout of 0 counts
+/// Must outlive the session. Not thread-safe, like the session. A network timeout of 0 counts
 /// as 1 second, but does not delay the first write, which OpenLDAP then does later.
 class SOLVANE_LDAP_EXPORT SocketGuard : public NonCopyable {
 public:

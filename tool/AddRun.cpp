@@ -215,7 +215,7 @@ void AddRun::take(Session::Received received, int id, LDAPMessageBuffer const& m
         result.code = LDAP_DECODING_ERROR;
     }
     if (result.code == LDAP_DECODING_ERROR) {
-        lose(result.code, "the server sent what is no answer");
+        lose(result.code, "the server sent an invalid response");
         return;
     }
     Pending& pending = *found->second;

@@ -294,7 +294,7 @@ TEST(AnAnswerOfReferencesOnly, IsToBeTriedLater)
     EXPECT_THAT(answer.text, HasSubstr("references = ignore"));
 }
 
-// A form that may be found elsewhere must not be passed over for a less exact one.
+// A form that may be found elsewhere must not be skipped for a less exact one.
 TEST(AnAnswerOfReferencesOnly, EndsTheFormsOfTheKey)
 {
     ScriptedServer server(serving(answerElsewhere));

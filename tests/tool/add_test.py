@@ -309,7 +309,7 @@ class AddToAPeer(ToolTest):
         result = self.add(hangingUpAfter(message(1, outcome(0x65, 0))), unit("a"))
 
         self.assertEqual(result.lines,
-                         [f"unknown ou=a,{NEW}: the server sent what is no answer"])
+                         [f"unknown ou=a,{NEW}: the server sent an invalid response"])
 
     def testReportsAReferral(self):
         result = self.add(hangingUpAfter(added(1, 10, referrals=[b"ldap://other/"])), unit("a"))
