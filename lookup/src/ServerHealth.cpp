@@ -82,31 +82,31 @@ void ServerHealth::answered(Clock::time_point now)
 
 void ServerHealth::unreachable(Verdict const& why, Clock::duration cost, Clock::time_point now)
 {
-    fail(Event::failed, {&why, cost, Clock::duration(0), now}, now);
+    fail(Event::failed, {why, cost, Clock::duration(0), now}, now);
 }
 
 void ServerHealth::hold(Verdict const& why, Clock::duration time, Clock::time_point now)
 {
-    fail(Event::failed, {&why, Clock::duration::max(), time, now}, now);
+    fail(Event::failed, {why, Clock::duration::max(), time, now}, now);
 }
 
 void ServerHealth::searchFailed(Verdict const& why, Clock::duration cost, Clock::time_point now)
 {
     m_mustAnswer = true;
-    fail(Event::failed, {&why, cost, Clock::duration(0), now}, now);
+    fail(Event::failed, {why, cost, Clock::duration(0), now}, now);
 }
 
 void ServerHealth::fellSilent(Verdict const& why, Clock::duration cost, Clock::time_point now,
                               Clock::time_point heardAt)
 {
-    fail(Event::fellSilent, {&why, cost, Clock::duration(0), heardAt}, now);
+    fail(Event::fellSilent, {why, cost, Clock::duration(0), heardAt}, now);
     m_failsPromptly = false; // however short the deadline was
 }
 
 void ServerHealth::fail(Event event, Failure const& failure, Clock::time_point now)
 {
     apply(event, now, failure);
-    m_why = *failure.why;
+    m_why = failure.why;
 }
 
 void ServerHealth::apply(Event event, Clock::time_point now, Failure const& failure)
@@ -157,7 +157,7 @@ void ServerHealth::beginBackOff(Failure const& failure, Clock::time_point now)
     m_failedAt = now;
     m_isRetryDue = false;
     // What a server answered is not asked again at once: too many wrong passwords lock an account.
-    m_failsPromptly = failure.cost < prompt && failure.why->outcome == Outcome::TryLater;
+    m_failsPromptly = failure.cost < prompt && failure.why.outcome == Outcome::TryLater;
     m_backOff = std::min(std::max(m_backOff * 2, m_limits.backOff), m_limits.longestBackOff);
     m_retryAt = now + std::max(m_backOff, failure.atLeast);
 }

@@ -102,7 +102,7 @@ public:
 
 private:
     struct Failure {
-        Verdict const* why = nullptr; ///< null: the event is not a failure
+        Verdict why; ///< good if the event is not a failure
         Clock::duration cost{0};
         Clock::duration atLeast{0}; ///< of the back-off
         Clock::time_point heardAt;  ///< when a search was answered last
