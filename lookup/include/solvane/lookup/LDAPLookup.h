@@ -67,6 +67,7 @@ public:
     /// @param source      never asked to wait; after `nothing` it is asked again when `descriptor` is
     ///                    readable or closed, so it must return whole keys that it has read before
     /// @param descriptor  stays the caller's
+    /// @param sink        takes each answer, in the order of the keys
     void findAll(Source const& source, int descriptor, Sink const& sink);
 
     /// Counted since the object was made.

@@ -34,6 +34,7 @@ public:
 
     /// The same family, address and port.
     bool operator==(Address const& other) const;
+    /// Another family, address or port.
     bool operator!=(Address const& other) const { return !(*this == other); }
 
 private:

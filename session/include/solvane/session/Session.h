@@ -53,7 +53,7 @@ struct SessionOptions {
 
 /// A search, prepared once for many filters. Borrowed strings must outlive the call of `send`.
 struct SearchRequest {
-    std::string base;
+    std::string base;                    ///< DN at which the search starts
     int scope = 2;                       ///< LDAP_SCOPE_...
     int deref = 0;                       ///< LDAP_DEREF_...
     std::vector<std::string> attributes; ///< empty asks for all user attributes
@@ -67,6 +67,7 @@ struct SearchRequest {
 /// and letting go of it sends nothing.
 class SOLVANE_LOOKUP_EXPORT Session : public NonCopyable {
 public:
+    /// Nothing is opened yet.
     explicit Session(SessionOptions options);
     /// Sends an unbind if the connection is whole, and closes it. Never blocks.
     ~Session();
@@ -105,14 +106,15 @@ public:
     std::string const& uri() const;                ///< with the host as the user named it
     std::string tlsVersion() const;                ///< as "TLS1.3"; empty without TLS
     std::string tlsCipher() const;                 ///< likewise
-    bool isTlsResumed() const;
+    bool isTlsResumed() const;                     ///< false without TLS
     std::optional<Certificate> const& certificate() const; ///< also if it was refused
-    Identity identity() const;
+    Identity identity() const;                             ///< as whom answers are given
     std::string const& authorizationId() const; ///< as the server told it: "dn:cn=reader,..."
 
     // Requests, on an open session
 
     /// Puts a search into the output; `flush` (or `receive`) writes it.
+    /// @param request  base, scope, attributes and limits
     /// @param filter  RFC 4515; an empty or invalid one is -7 `Misconfigured`, with nothing sent
     /// @param id      receives the message id
     Verdict send(SearchRequest const& request, std::string const& filter, int& id);

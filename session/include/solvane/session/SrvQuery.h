@@ -27,7 +27,8 @@ struct SrvTarget {
 
 /// The order in which targets are to be tried: by priority; among those of one, at random, each with a
 /// chance that is in proportion to its weight (RFC 2782).
-/// @param random  gives a number from 0 to its argument, both included
+/// @param targets  in any order
+/// @param random   returns a number from 0 to its argument, both included
 SOLVANE_LOOKUP_EXPORT std::vector<SrvTarget>
 inOrderOfTrial(std::vector<SrvTarget> targets,
                std::function<std::uint32_t(std::uint32_t)> const& random);
