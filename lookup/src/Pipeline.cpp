@@ -238,7 +238,7 @@ void Pipeline::abandon(Lane& lane, Task& task)
 /// Ends a lane whose connection is gone or not to be trusted; its searches are repeated. With several
 /// in flight, it is not known which of them broke it, or whether there were too many: they are sent
 /// again in a narrower window, until one that breaks a connection is alone on it.
-void Pipeline::leave(Lane& lane, Trouble trouble, Verdict const& why, Task const* guilty)
+void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilty)
 {
     std::vector<Task*> const tasks = std::move(lane.tasks);
     ServerRecord const& server = *lane.server;

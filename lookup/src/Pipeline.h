@@ -112,7 +112,8 @@ private:
     void takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message);
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
-    void leave(Lane& lane, Trouble trouble, Verdict const& why, Task const* guilty = nullptr);
+    /// @param why  a copy, as the session that said it goes
+    void leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilty = nullptr);
     void repeat(Task& task, ServerRecord const& server, Failure failure, bool isItsFault,
                 bool isFree);
     void proveFailures(Task const& task);

@@ -211,6 +211,7 @@ TEST(AnAnswer, HasItsValuesByName)
 
     auto const answer = lookup.find(addressOf(1));
 
+    EXPECT_EQ(answer.entries.front().dn(), "cn=a");
     EXPECT_EQ(answer.value("mail"), "b@corp.test");
     EXPECT_THAT(answer.values("MAIL"),
                 testing::ElementsAre("b@corp.test", "c@corp.test", "d@corp.test"));

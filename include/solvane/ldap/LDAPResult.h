@@ -32,6 +32,8 @@ public:
 
     /// The DN as the server sent it; empty for an entry without one.
     std::string const& entryName() const { return m_entryName; }
+    /// The same by its short name.
+    std::string const& dn() const { return m_entryName; }
     /// The attributes in the server's order.
     LDAPAttributeContainer const& attributes() const { return m_attributes; }
     /// Appends one to the container, which copies of the entry share.
