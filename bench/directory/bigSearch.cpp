@@ -3,6 +3,9 @@
 
 #include "RawSession.h"
 
+#include <solvane/session/EntryReader.h>
+#include <solvane/session/Session.h>
+
 #include <memory>
 
 namespace SolvaneBench {
@@ -21,6 +24,47 @@ std::unique_ptr<LDAPSearch> sentBy(LDAPConnection& connection)
     auto search = std::make_unique<LDAPSearch>(connection, parameter);
     search->send();
     return search;
+}
+
+/// A session of the engine's, bound.
+std::unique_ptr<Solvane::Lookup::Session> engineSession(Options const& options)
+{
+    static std::string const password = reader().password;
+    Solvane::Lookup::SessionOptions settings;
+    settings.host = options.host;
+    settings.port = options.port;
+    settings.bindDn = reader().dn;
+    settings.password = &password;
+    auto session = std::make_unique<Solvane::Lookup::Session>(settings);
+    auto const soon = Solvane::Lookup::Clock::now() + std::chrono::seconds(10);
+    require(session->reach(Solvane::Lookup::Step::bind, soon).isGood(), "the engine's bind");
+    return session;
+}
+
+/// All that the engine's session finds, as its lookups read it.
+std::list<Solvane::LDAPSearchResultEntry> foundBy(Solvane::Lookup::Session& session)
+{
+    using Solvane::Lookup::Session;
+    Solvane::Lookup::SearchRequest request;
+    request.base = people();
+    int id = 0;
+    require(session.send(request, everybody, id).isGood(), "the engine's search");
+    std::list<Solvane::LDAPSearchResultEntry> entries;
+    Solvane::LDAPMessageBuffer message;
+    Solvane::Lookup::Waits waits;
+    for (;;) {
+        Session::Received const received = session.receive(message, id);
+        require(received != Session::Received::broken, "the engine's connection");
+        if (received == Session::Received::nothing) {
+            waits.clear();
+            session.waits(waits);
+            waits.wait();
+        } else if (ldap_msgtype(message.get()) != LDAP_RES_SEARCH_ENTRY) {
+            return entries;
+        } else {
+            require(Solvane::Lookup::readEntry(session.handle(), message.get(), entries), "entry");
+        }
+    }
 }
 
 /// What a search that stores everything takes of the heap, and how much came over the network.
@@ -54,6 +98,11 @@ void bigSearch(Options const& options, Rounds const& rounds)
     RawSession const raw(options.uri(), reader());
     RawSession const again(options.uri(), reader());
     LDAPConnection connection = openBound(serverAt(options.host, options.port), reader());
+    std::unique_ptr<Solvane::Lookup::Session> const engine = engineSession(options);
+    auto const keep = [&] {
+        auto const entries = foundBy(*engine);
+        require(entries.size() == options.users && readEntries(entries) > 0, "entries");
+    };
     auto const discard = [&](RawSession const& session) {
         int const id = raw_send_search(session.get(), people().c_str(), everybody, nullptr);
         require(raw_read_entries(session.get(), id) == options.users, "entries");
@@ -69,7 +118,8 @@ void bigSearch(Options const& options, Rounds const& rounds)
     rounds.compare("big search",
                    {{"raw", times([&] { discard(raw); })},
                     {"raw again", times([&] { discard(again); })},
-                    {"library", times([&] { awaitAndRead(*sentBy(connection), options.users); })}},
+                    {"library", times([&] { awaitAndRead(*sentBy(connection), options.users); })},
+                    {"engine", times(keep)}},
                    options.users);
 }
 

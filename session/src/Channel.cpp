@@ -50,21 +50,21 @@ void Channel::fail(Outcome outcome, int code, std::string const& why)
 
 Channel::Input Channel::fill()
 {
-    while (m_fault.isGood()) {
-        if (findFront()) {
-            return Input::message;
+    for (;;) {
+        bool const hasMessage = m_fault.isGood() && findFront();
+        if (hasMessage || !m_fault.isGood()) {
+            return hasMessage ? Input::message : Input::broken;
         }
-        Flow const flow = m_fault.isGood() ? read() : Flow::failed;
+        Flow const flow = read();
         if (flow == Flow::blocked && m_writeFault.isGood()) {
             return Input::nothing;
         }
-        if (flow == Flow::ended || flow == Flow::failed) {
-            failBy(flow);
-        } else if (flow == Flow::blocked) {
+        if (flow == Flow::blocked) {
             m_fault = m_writeFault;
+        } else if (flow != Flow::moved) {
+            failBy(flow);
         }
     }
-    return Input::broken;
 }
 
 /// Whether a whole message stands in front.
@@ -80,7 +80,7 @@ bool Channel::findFront()
         fail(Outcome::TryLater, LDAP_DECODING_ERROR,
              "the server sent a message larger than " + std::to_string(m_messageBytes) + " bytes");
     }
-    return m_front.state == MessageFrame::whole;
+    return m_fault.isGood() && m_front.state == MessageFrame::whole;
 }
 
 Flow Channel::read()
@@ -215,7 +215,8 @@ void Channel::waits(Waits& waits) const
         waits.until(Clock::time_point::min());
         return;
     }
-    waits.add(m_socket.number(), static_cast<short>(hasOutput() ? POLLIN | POLLOUT : POLLIN));
+    bool const writes = hasOutput() || (m_tls && m_tls->awaitsWriting());
+    waits.add(m_socket.number(), static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN));
     if (hasOutput()) {
         waits.until(m_progress + m_patience);
     }

@@ -6,7 +6,7 @@
 #include "OpenLDAP.h"
 
 #include <string>
-#include <utility>
+#include <vector>
 
 namespace Solvane::Lookup {
 
@@ -20,6 +20,16 @@ class ValueArray : public OpenLDAPOwner<berval, releaseArray> {};
 std::string textOf(berval const& bytes)
 {
     return bytes.bv_val == nullptr ? std::string() : std::string(bytes.bv_val, bytes.bv_len);
+}
+
+/// Points at each value, as attributes take them.
+void pointAt(ValueArray const& values, std::vector<berval*>& pointers)
+{
+    pointers.clear();
+    for (berval* value = values.get(); value != nullptr && value->bv_val != nullptr; ++value) {
+        pointers.push_back(value);
+    }
+    pointers.push_back(nullptr);
 }
 
 } // namespace
@@ -37,8 +47,9 @@ bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEn
         ber_get_option(position.get(), LBER_OPT_BER_TOTAL_BYTES, &size);
         *bytes = size;
     }
-    std::list<LDAPSearchResultEntry> read;
+    std::list<LDAPSearchResultEntry> read; // built in the node in which it stays
     read.emplace_back(textOf(dn));
+    std::vector<berval*> pointers;
     for (;;) {
         berval description = {0, nullptr};
         ValueArray values;
@@ -49,12 +60,9 @@ bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEn
         if (description.bv_val == nullptr) {
             break;
         }
-        LDAPAttribute attribute{LDAPAttributeType(textOf(description))};
-        for (berval const* value = values.get(); value != nullptr && value->bv_val != nullptr;
-             ++value) {
-            attribute.value(Buffer(value->bv_val, static_cast<unsigned int>(value->bv_len), false));
-        }
-        read.back().appendAttribute(attribute);
+        pointAt(values, pointers);
+        read.back().appendAttribute(
+            LDAPAttribute(LDAPAttributeType(textOf(description)), pointers.data()));
     }
     to.splice(to.end(), read);
     return true;

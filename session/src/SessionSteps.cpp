@@ -85,9 +85,6 @@ void Session::Steps::begin(Step last, Clock::time_point deadline)
     m_target = std::max(m_target, static_cast<int>(last) + 1);
     m_deadline = deadline;
     m_isUnderWay = verdict().isGood() && m_done < m_target;
-    if (m_isUnderWay && m_isStarted) {
-        m_stepEnd = std::min(m_stepEnd, m_deadline);
-    }
     advance();
 }
 
@@ -100,7 +97,7 @@ void Session::Steps::advance()
             return;
         }
         Progress const progress = applies(step) ? goOn(step) : Progress::done;
-        if (progress == Progress::waiting && Clock::now() < m_stepEnd) {
+        if (progress == Progress::waiting && Clock::now() < stepEnd()) {
             return;
         }
         if (progress == Progress::waiting) {
@@ -134,15 +131,12 @@ bool Session::Steps::applies(Step step) const
 /// Begins a step, unless there is no time left for it. False: it failed already.
 bool Session::Steps::start(Step step)
 {
-    auto const now = Clock::now();
-    auto const left = std::chrono::ceil<milliseconds>(m_deadline - now);
-    m_limit = std::min(left, options.networkTimeout);
-    if (m_limit.count() <= 0) {
+    m_stepStart = Clock::now();
+    if (m_stepStart >= stepEnd()) {
         fail(Outcome::TryLater, LDAP_TIMEOUT,
              std::string("no time was left for the ") + nameOf(step));
         return false;
     }
-    m_stepEnd = std::min(m_deadline, now + options.networkTimeout);
     m_isStarted = true;
     switch (step) {
     case Step::resolve:
@@ -185,7 +179,7 @@ Session::Steps::Progress Session::Steps::goOn(Step step)
 void Session::Steps::waits(Waits& waits) const
 {
     if (m_isUnderWay) {
-        waits.until(m_stepEnd);
+        waits.until(stepEnd());
         if (m_resolver) {
             m_resolver->waits(waits);
         } else if (m_connector) {
@@ -409,7 +403,8 @@ Session::Steps::Progress Session::Steps::failAs(Verdict const& verdict)
 
 Session::Steps::Progress Session::Steps::failForTime(Step step)
 {
-    std::string const within = " within " + inSeconds(m_limit);
+    std::string const within =
+        " within " + inSeconds(std::chrono::ceil<milliseconds>(stepEnd() - m_stepStart));
     std::string text;
     switch (step) {
     case Step::resolve:

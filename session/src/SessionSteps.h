@@ -8,6 +8,7 @@
 #include "Connector.h"
 #include "Conversation.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -57,6 +58,10 @@ private:
     enum class Progress { waiting, done, failed };
 
     bool applies(Step step) const;
+    Clock::time_point stepEnd() const
+    {
+        return std::min(m_deadline, m_stepStart + options.networkTimeout);
+    }
     bool start(Step step);
     Progress goOn(Step step);
     Progress resolve();
@@ -81,8 +86,7 @@ private:
     bool m_isUnderWay = false;
     bool m_isStarted = false; // the step that is next
     Clock::time_point m_deadline;
-    std::chrono::milliseconds m_limit{0}; // of the step, and when it ends
-    Clock::time_point m_stepEnd;
+    Clock::time_point m_stepStart;
     Verdict m_verdict;
 
     std::unique_ptr<Resolver> m_resolver;

@@ -231,6 +231,8 @@ void TlsStream::rememberSession()
 Flow TlsStream::receive(char* bytes, std::size_t room, std::size_t& count)
 {
     count = 0;
+    m_isBlocked = false;
+    m_wasBlocked = false;
     constexpr int oddRecordsAtOnce = 16;
     for (int i = 0; i < oddRecordsAtOnce; ++i) {
         ssize_t const received = gnutls_record_recv(m_session, bytes, room);
@@ -246,7 +248,9 @@ Flow TlsStream::receive(char* bytes, std::size_t room, std::size_t& count)
             failWith(Outcome::TryLater, LDAP_SERVER_DOWN, whyClosed());
             return Flow::ended;
         }
-        if (received == GNUTLS_E_AGAIN) {
+        // GnuTLS also asks to be called again after a message of its own, as a ticket.
+        if (received == GNUTLS_E_AGAIN && m_wasBlocked) {
+            m_isBlocked = true;
             return Flow::blocked;
         }
         if (received == GNUTLS_E_REHANDSHAKE) {
@@ -332,6 +336,7 @@ ssize_t TlsStream::transported(Flow flow, std::size_t count)
     if (flow == Flow::moved || flow == Flow::ended) {
         return static_cast<ssize_t>(count);
     }
+    m_wasBlocked = flow == Flow::blocked;
     gnutls_transport_set_errno(m_session, flow == Flow::blocked ? EAGAIN : m_socket.error());
     return -1;
 }

@@ -15,6 +15,8 @@
 #include <string>
 #include <vector>
 
+#include <poll.h>
+
 namespace Solvane::Lookup {
 
 /// One TLS session, as a client.
@@ -39,8 +41,11 @@ public:
     /// Whether `receive` may find something that the socket tells nothing of.
     bool hasPending() const
     {
-        return m_rawBegin != m_rawEnd || gnutls_record_check_pending(m_session) > 0;
+        return !m_isBlocked &&
+               (m_rawBegin != m_rawEnd || gnutls_record_check_pending(m_session) > 0);
     }
+    /// Whether `receive` was blocked by something that TLS has to write first.
+    bool awaitsWriting() const { return m_isBlocked && events() == POLLOUT; }
     /// Tells the peer that no more will come, if the socket takes it.
     void sayGoodbye();
 
@@ -85,6 +90,8 @@ private:
     int m_firstByte = -1;       // that came, which tells TLS from anything else; -1: none yet
     bool m_isSecure = false;    // the handshake is done and the certificate accepted
     bool m_hasReceived = false; // any bytes after the handshake
+    bool m_wasBlocked = false;  // the socket, since this was set to false
+    bool m_isBlocked = false;   // the last `receive`, by the socket
     bool m_isSending = false;   // the last `send` was blocked
     bool m_isRemembered = false;
 };

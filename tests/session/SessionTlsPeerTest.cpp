@@ -132,6 +132,28 @@ TEST_F(TlsPeer, ThatAnswersInRecordsThatDoNotEndWithMessagesLeavesNothingBehind)
     EXPECT_EQ(typesFor(session, id).size(), 22U);
 }
 
+// After each ticket GnuTLS stops, with the answer behind it read from the socket already.
+TEST_F(TlsPeer, ThatSendsTicketsBeforeItsAnswerIsUnderstood)
+{
+    ServerTls const tls(m_authority.issue(), tls13);
+    ScriptedServer server([&](Peer& peer) {
+        peer.startTls(tls);
+        std::string const bind = peer.receiveMessage();
+        peer.sendTickets(3);
+        peer.send(bindResponse(messageIdOf(bind)));
+        peer.receiveMessage();
+    });
+    SessionOptions options = secureOptions(server.port(), good());
+    options.bindDn = readerDn;
+    options.password = &readerPassword;
+    Session session(options);
+    ASSERT_EQ(shown(session.reach(Step::handshake, soon())), "Found 0 ");
+    session.begin(Step::bind, soon());
+    ASSERT_TRUE(eventually([&] { return server.received().size() == 1; }));
+
+    EXPECT_EQ(shown(session.reach(Step::bind, soon())), "Found 0 ");
+}
+
 TEST_F(TlsPeer, IsFreshAfterTheTicketsOfTheHandshake)
 {
     ServerTls const tls(m_authority.issue(), tls13);

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstring>
 #include <utility>
 
 #include <netinet/in.h>
@@ -164,6 +165,11 @@ bool ScriptedServer::Peer::isTlsResumed() const
     return gnutls_session_is_resumed(m_tls->get()) != 0;
 }
 
+void ScriptedServer::Peer::sendTickets(unsigned int count)
+{
+    gnutls_session_ticket_send(m_tls->get(), count, 0);
+}
+
 /// False when the server is to end.
 bool ScriptedServer::Peer::awaitTls()
 {
@@ -177,6 +183,7 @@ ssize_t ScriptedServer::Peer::receiveSome(char* bytes, std::size_t room)
         return recv(m_socket.number(), bytes, room, 0);
     }
     ssize_t const received = gnutls_record_recv(m_tls->get(), bytes, room);
+    m_hasHeardGoodbye = received == 0;
     if (received >= 0) {
         return received;
     }
@@ -239,6 +246,15 @@ std::string ScriptedServer::Peer::receiveMessage()
         if (!receiveMore()) {
             return std::string();
         }
+    }
+}
+
+void ScriptedServer::Peer::discardSome()
+{
+    std::array<char, 4096> bytes;
+    if (awaitSocket(POLLIN)) {
+        static_cast<void>(recv(m_socket.number(), bytes.data(), bytes.size(), 0));
+        explicit_bzero(bytes.data(), bytes.size());
     }
 }
 

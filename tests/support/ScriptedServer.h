@@ -81,11 +81,17 @@ public:
                   std::size_t cutAfter = std::numeric_limits<std::size_t>::max());
     /// Whether the client resumed an earlier TLS session.
     bool isTlsResumed() const;
+    /// Sends tickets of TLS 1.3 besides those of the handshake.
+    void sendTickets(unsigned int count);
+    /// Whether TLS was ended as it should be, after the client has closed the connection.
+    bool hasHeardGoodbye() const { return m_hasHeardGoodbye; }
     /// Bytes that TLS has sent.
     std::size_t tlsBytes() const { return m_tls->sentBytes(); }
 
     /// The next whole message; empty when the client or the test is gone.
     std::string receiveMessage();
+    /// Waits for bytes, and leaves nothing of them in memory. Not with TLS.
+    void discardSome();
     /// Receives a bind request and grants it.
     void grantBind();
     void send(std::string const& bytes);
@@ -113,7 +119,8 @@ private:
     ScriptedServer& m_server;
     Descriptor m_socket;
     std::unique_ptr<ServerTlsSession> m_tls; ///< none before startTls()
-    std::string m_pending;                   ///< received, but not yet a whole message
+    bool m_hasHeardGoodbye = false;
+    std::string m_pending; ///< received, but not yet a whole message
 };
 
 } // namespace SolvaneTest

@@ -21,7 +21,8 @@ namespace Solvane::Lookup {
 /// the time grows with its size alone, and every attribute has the values that stand with it.
 ///
 /// @param session  that received the message
-/// @param message  of type search entry (0x64); stays the caller's
+/// @param message  of type search entry (0x64); stays the caller's, but is changed by reading and is not
+///                 to be read again
 /// @param to       receives the entry
 /// @param bytes    if not null, receives the size of the message, also of a damaged one
 /// @return true; false if the message is damaged, and then `to` is as it was

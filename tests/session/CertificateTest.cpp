@@ -2,7 +2,7 @@
 #include "Process.h"
 #include "TemporaryDirectory.h"
 
-#include <solvane/lookup/Certificate.h>
+#include <solvane/session/Certificate.h>
 
 #include <solvane/ldap.h>
 

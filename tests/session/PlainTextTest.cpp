@@ -1,5 +1,5 @@
 // What passes as text, and how bytes that do not are shown.
-#include <solvane/lookup/PlainText.h>
+#include <solvane/session/PlainText.h>
 
 #include <gmock/gmock.h>
 
@@ -70,6 +70,38 @@ TEST(OneLine, ShowsEveryByteOfWhatIsNoPlainText)
 {
     EXPECT_EQ(oneLine("a\n\xC3\xBC\xFF\xC2\x85\xE2\x82"s),
               "a\\x0A\xC3\xBC\\xFF\\xC2\\x85\\xE2\\x82");
+}
+
+TEST(SmallTexts, TellBlanksAndNulBytes)
+{
+    EXPECT_TRUE(isBlank(""));
+    EXPECT_TRUE(isBlank(" \t\r\n"));
+    EXPECT_FALSE(isBlank(" a "));
+    EXPECT_TRUE(hasNul("a\0b"s));
+    EXPECT_FALSE(hasNul("ab"));
+}
+
+TEST(SmallTexts, GiveTimesInSeconds)
+{
+    using std::chrono::milliseconds;
+
+    EXPECT_EQ(inSeconds(milliseconds(0)), "0 s");
+    EXPECT_EQ(inSeconds(milliseconds(2000)), "2 s");
+    EXPECT_EQ(inSeconds(milliseconds(1050)), "1.050 s");
+    EXPECT_EQ(inSeconds(milliseconds(7)), "0.007 s");
+}
+
+TEST(SmallTexts, WipeASecretInItsPlace)
+{
+    std::string secret = "a secret that is longer than what a string keeps in itself";
+    char const* const place = secret.data();
+    std::size_t const length = secret.size();
+
+    wipe(secret);
+
+    EXPECT_TRUE(secret.empty());
+    ASSERT_EQ(secret.data(), place);
+    EXPECT_EQ(std::string(place, length), std::string(length, '\0'));
 }
 
 } // namespace
