@@ -463,7 +463,7 @@ Clock::duration Pool::proof() const
 {
     return std::min<Clock::duration>(std::chrono::seconds(m_settings.networkTimeout),
                                      m_settings.deadline) /
-           2;
+           3;
 }
 
 void Pool::searchFailed(Failure const& failure)

@@ -141,7 +141,8 @@ public:
 
     /// How many servers there are; domains that have not been resolved count as one each.
     std::size_t serverCount() const { return m_servers.size(); }
-    /// What a caller must have waited at least, if it ran out of time, to prove a failure.
+    /// What a caller must have waited at least, if it ran out of time, to prove a failure. The first of
+    /// several servers gets half of a key's time.
     Clock::duration proof() const;
 
     unsigned long openedCount() const { return m_opened; }

@@ -154,8 +154,8 @@ TEST(LookupOnADeadServer, GoesOnToTheNextAlsoWhereNoKeyHasTimeForTheNetworkTimeo
     ScriptedServer silent([](Peer& peer) { peer.receiveUntilClosed(); });
     ScriptedServer const live(serving(answerFound));
     auto settings = settingsFor({silent.port(), live.port()});
-    settings.networkTimeout = 10;
-    settings.deadline = milliseconds(300);
+    settings.networkTimeout = 30;
+    settings.deadline = milliseconds(3000); // with half of it for the second server
     settings.backOff = settings.longestBackOff = std::chrono::hours(1);
     LDAPLookup lookup(settings);
 
