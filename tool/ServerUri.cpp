@@ -116,7 +116,7 @@ std::string srvDomainOf(std::string const& text, std::string const& rest)
     if (rest.rfind("///", 0) != 0 || rest.find('?') != std::string::npos) {
         refuse(fmt::format("'{}' names no domain alone", text), remedy);
     }
-    std::string const domain = domainOf(parse("ldap:" + rest)->lud_dn);
+    std::string domain = domainOf(parse("ldap:" + rest)->lud_dn);
     if (domain.empty() || faultIn(domain) || domain.find_first_of(" /") != std::string::npos) {
         refuse(fmt::format("'{}' names no domain", text), remedy);
     }

@@ -97,6 +97,7 @@ Setting::Value password()
 }
 
 // clang-format off
+// NOLINTNEXTLINE(readability-function-size): the table is data
 std::vector<Setting> makeTable()
 {
     auto const seconds = numberBetween(1, longestSeconds);
