@@ -48,6 +48,25 @@ TEST_F(TheMemoryOfAnEntry, RunsOutWithoutLeavingAHalfOfIt)
     EXPECT_EQ(result.searchResultEntries().front().attributes().attributes().size(), 2U);
 }
 
+/// Memory of a dropped entry that the library kept for the next one would hide a use of what was freed
+/// from valgrind and from AddressSanitizer.
+TEST_F(TheMemoryOfAnEntry, IsAllocatedAnewForEachEntry)
+{
+    LDAPMessageBuffer chain;
+    *chain.address() = messages.entry("cn=a", {{"cn", {"a", "b"}}, {"sn", {"c"}}});
+    RealCalls const unseen;
+    auto const readAndDrop = [&] {
+        LDAPResultImpl result(messages.session());
+        result.parseListResultEntry(chain);
+    };
+
+    readAndDrop();
+
+    constexpr unsigned int bodies = 6; // the entry, its container, two attributes, two types
+    constexpr unsigned int values = 3;
+    EXPECT_GE(allocationsOf(readAndDrop), bodies + values);
+}
+
 TEST(TheMemoryOfTexts, RunsOutWithoutLeavingSomeOfTheValues)
 {
     LDAPAttribute attribute(LDAPAttributeType("cn"));
