@@ -254,6 +254,22 @@ TEST(IdentityOnAPeer, ThatAnswersWithSomethingElseIsTriedLater)
     EXPECT_THAT(shown(session.reach(Step::identify, soon())), StartsWith("TryLater -4 "));
 }
 
+TEST(IdentityOnAPeer, ThatHangsUpIsTriedLater)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.grantBind();
+        peer.receiveMessage();
+    });
+    Session session(boundOptions(server.port()));
+
+    Verdict const verdict = session.reach(Step::identify, soon());
+
+    EXPECT_THAT(shown(verdict),
+                AllOf(StartsWith("TryLater -1 "), HasSubstr("the connection broke during the")));
+    EXPECT_EQ(session.step(), Step::identify);
+    EXPECT_EQ(session.identity(), Identity::Unconfirmed);
+}
+
 // Texts
 
 TEST(TextOfAServer, StaysOnItsLine)

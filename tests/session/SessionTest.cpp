@@ -302,6 +302,56 @@ TEST_F(SessionOnSlapd, BreaksIfTheServerStartedAgainAndNeverConnectsAnew)
     EXPECT_EQ(shown(session->verdict()), shown(second));
 }
 
+TEST_F(SessionOnSlapd, NeverConnectsAnewIfItIsAnonymous)
+{
+    session = sessionAs("", nullptr);
+    open(Step::connect);
+    slapd().kill();
+    slapd().restart();
+    int id = 0;
+    session->send(request, "(uid=user0000001)", id);
+
+    auto const received = next(*session)->received;
+    Verdict const second = session->send(request, "(uid=user0000001)", id);
+
+    EXPECT_EQ(received, Session::Received::broken);
+    EXPECT_THAT(shown(second), StartsWith("TryLater -1 "));
+    EXPECT_EQ(slapd().connectionCount(), 0);
+}
+
+// TLS
+
+TEST_F(SessionOnSlapd, BindsAndSearchesOverTls)
+{
+    SessionOptions options =
+        secureOptions(slapd().tlsPort(), policy(TlsVerify::full, slapd().caFile()));
+    options.bindDn = readerDn;
+    options.password = &readerPassword;
+    session = std::make_unique<Session>(options);
+    open(Step::identify);
+
+    EXPECT_THAT(typesFor(*session, send("(uid=user0000001)")),
+                ElementsAre(LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_RESULT));
+    EXPECT_EQ(session->identity(), Identity::Confirmed);
+    EXPECT_TRUE(session->isFresh());
+}
+
+TEST_F(SessionOnSlapd, JudgesTheCertificateByItsOwnContextAlone)
+{
+    TlsPolicy const right = policy(TlsVerify::full, slapd().caFile());
+    TlsPolicy const wrong = policy(TlsVerify::full, slapd().caFile().parent_path() / "bad.pem");
+    TlsPolicy const none = policy(TlsVerify::none);
+    std::vector<Outcome> outcomes;
+
+    for (TlsPolicy const& tls : {right, wrong, none, right, none, wrong}) {
+        Session secure(secureOptions(slapd().tlsPort(), tls));
+        outcomes.push_back(secure.reach(Step::handshake, soon()).outcome);
+    }
+
+    EXPECT_THAT(outcomes, ElementsAre(Outcome::Found, Outcome::Refused, Outcome::Found,
+                                      Outcome::Found, Outcome::Found, Outcome::Refused));
+}
+
 TEST(SessionInVersion2, ProvesByARootDseThatTheServerIsAlive)
 {
     if (!Slapd::isInstalled()) {

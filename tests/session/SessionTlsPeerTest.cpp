@@ -13,6 +13,8 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
+#include <vector>
 
 using namespace Solvane;
 using namespace Solvane::Lookup;
@@ -51,6 +53,18 @@ protected:
 
 } // namespace
 
+TEST_F(TlsPeer, ThatIsNotThereIsTriedLater)
+{
+    RefusingPort const port;
+    Session session(secureOptions(port.number(), good()));
+
+    Verdict const verdict = session.reach(Step::handshake, soon());
+
+    EXPECT_THAT(shown(verdict), AllOf(StartsWith("TryLater -1 ldaps://127.0.0.1:"),
+                                      HasSubstr("Connection refused")));
+    EXPECT_EQ(session.step(), Step::connect);
+}
+
 TEST_F(TlsPeer, ThatIsSilentEndsWithTheTimeout)
 {
     ScriptedServer const server([](Peer& peer) { peer.ignore(); });
@@ -64,6 +78,17 @@ TEST_F(TlsPeer, ThatIsSilentEndsWithTheTimeout)
                 AllOf(StartsWith("TryLater -5 ldaps://127.0.0.1:"),
                       HasSubstr("no connection within 0.300 s: the TLS handshake")));
     EXPECT_EQ(session.step(), Step::handshake);
+}
+
+TEST_F(TlsPeer, ThatIsSilentEndsWithTheDeadline)
+{
+    ScriptedServer const server([](Peer& peer) { peer.ignore(); });
+    Session session(secureOptions(server.port(), policy(TlsVerify::none)));
+
+    Verdict const verdict = session.reach(Step::identify, in(milliseconds(300)));
+
+    EXPECT_THAT(shown(verdict), AllOf(StartsWith("TryLater -5 "), HasSubstr("no connection")));
+    EXPECT_LT(session.step(), Step::bind); // ended long before the network timeout of ten seconds
 }
 
 TEST_F(TlsPeer, ThatSpeaksNoTlsIsTriedLater)
@@ -306,6 +331,25 @@ TEST_P(ResumedTls, OfACertificateThatWasRefusedIsNotKept)
     EXPECT_EQ(first->verdict().outcome, Outcome::Refused);
     EXPECT_EQ(second->verdict().outcome, Outcome::Refused);
     EXPECT_EQ(m_resumed, 0);
+}
+
+TEST_P(ResumedTls, IsSharedByThreads)
+{
+    std::vector<std::thread> threads;
+    std::atomic<int> good{0};
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            for (int j = 0; j < 5; ++j) {
+                good += opened()->verdict().isGood() ? 1 : 0;
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(good, 40);
+    EXPECT_GT(m_resumed, 0);
 }
 
 INSTANTIATE_TEST_SUITE_P(InEachVersion, ResumedTls, testing::Values(tls12, tls13));
