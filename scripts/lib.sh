@@ -9,7 +9,7 @@ export PATH
 
 # Debian's packages, by what they are for.
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
-    libgnutls28-dev libc-ares-dev libidn2-dev libcli11-dev libfmt-dev nlohmann-json3-dev)
+    libgnutls28-dev libc-ares-dev libidn2-dev libcli11-dev libfmt-dev rapidjson-dev)
 packages_demo=(ca-certificates)
 packages_directory=(slapd ldap-utils openssl python3 procps)
 packages_test=(libgtest-dev libgmock-dev locales gdb)

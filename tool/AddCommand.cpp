@@ -3,6 +3,7 @@
 
 #include "AddRun.h"
 #include "Failure.h"
+#include "Json.h"
 #include "LdifReader.h"
 #include "LdifText.h"
 #include "OpenLDAP.h"
@@ -14,7 +15,6 @@
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <array>
 #include <chrono>
@@ -23,7 +23,6 @@ namespace Solvane::Tool {
 
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Lookup::Session;
 using Lookup::Verdict;
 
@@ -87,16 +86,6 @@ std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
 
 // Reports
 
-Json jsonOf(std::string const& bytes)
-{
-    if (isUtf8(bytes)) {
-        return bytes;
-    }
-    std::string encoded;
-    appendBase64(encoded, bytes);
-    return Json{{"base64", encoded}};
-}
-
 std::string textOf(AddReport const& report)
 {
     std::string const dn = oneLine(report.dn);
@@ -114,14 +103,17 @@ std::string textOf(AddReport const& report)
 
 std::string jsonTextOf(AddReport const& report)
 {
-    Json json;
-    json["dn"] = jsonOf(report.dn);
-    json["status"] = nameOf(report.status);
-    json["line"] = report.line;
-    json["code"] = report.code;
-    json["text"] = report.text;
-    json["server"] = report.server;
-    return json.dump();
+    std::string text;
+    Json json(text);
+    json->StartObject();
+    json.key("dn").value(report.dn);
+    json.key("status").string(nameOf(report.status));
+    json.key("line")->Uint64(report.line);
+    json.key("code")->Int(report.code);
+    json.key("text").string(report.text);
+    json.key("server").string(report.server);
+    json->EndObject();
+    return text;
 }
 
 /// Prints reports, and counts them.
@@ -182,12 +174,15 @@ void Reporter::printFigures()
     std::chrono::duration<double, std::milli> const taken =
         std::chrono::steady_clock::now() - m_start;
     if (m_common.stats() == Stats::json) {
-        Json json;
+        std::string text;
+        Json json(text);
+        json->StartObject();
         for (std::size_t i = 0; i < statusNames.size(); ++i) {
-            json[statusNames[i]] = m_counts[i];
+            json.key(statusNames[i])->Uint64(m_counts[i]);
         }
-        json["ms"] = taken.count();
-        m_diagnostics.plain(json.dump());
+        json.key("ms")->Double(taken.count());
+        json->EndObject();
+        m_diagnostics.plain(text);
     } else if (m_common.stats() == Stats::text) {
         m_diagnostics.plain(fmt::format("{} added, {} exist, {} refused, {} unknown in {:.0f} ms",
                                         m_counts[0], m_counts[1], m_counts[2], m_counts[3],
@@ -213,14 +208,22 @@ std::string recordOf(LdifEntry const& entry, char end)
 
 std::string jsonRecordOf(LdifEntry const& entry, char end)
 {
-    Json attributes = Json::object();
+    std::string text;
+    Json json(text);
+    json->StartObject();
+    json.key("dn").value(entry.dn);
+    json.key("line")->Uint64(entry.line);
+    json.key("attrs")->StartObject();
     for (LDAPAttribute const& attribute : entry.attributes) {
-        Json& values = attributes[attribute.type().asString()] = Json::array();
+        json.key(attribute.type().asString())->StartArray();
         for (std::string const& value : attribute.value()) {
-            values.push_back(jsonOf(value));
+            json.value(value);
         }
+        json->EndArray();
     }
-    return Json{{"dn", jsonOf(entry.dn)}, {"line", entry.line}, {"attrs", attributes}}.dump() + end;
+    json->EndObject();
+    json->EndObject();
+    return text + end;
 }
 
 /// Goes through the records; `use` takes each entry and says whether more are wanted, `refuse` each

@@ -1,76 +1,17 @@
-// Records for programs to read. Written straight into the text: a tree of values made for each
-// record first would cost more than its lookup.
+// Records for programs to read.
+#include "Json.h"
 #include "RecordWriter.h"
 #include "Text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <iterator>
 #include <list>
 #include <vector>
 
 namespace Solvane::Tool {
 
 namespace {
-
-bool mustBeEscaped(char character)
-{
-    return character == '"' || character == '\\' || static_cast<unsigned char>(character) < 0x20;
-}
-
-void appendEscape(std::string& out, char character)
-{
-    if (character == '"' || character == '\\') {
-        out += '\\';
-        out += character;
-    } else {
-        fmt::format_to(std::back_inserter(out), "\\u{:04x}", static_cast<unsigned char>(character));
-    }
-}
-
-/// @param text  UTF-8
-void appendString(std::string& out, std::string_view text)
-{
-    out += '"';
-    for (auto const* read = text.begin();; ++read) {
-        auto const* const special = std::find_if(read, text.end(), mustBeEscaped);
-        out.append(read, special);
-        if (special == text.end()) {
-            break;
-        }
-        appendEscape(out, *special);
-        read = special;
-    }
-    out += '"';
-}
-
-void appendBytes(std::string& out, std::string_view bytes)
-{
-    out += R"({"base64":")";
-    appendBase64(out, bytes);
-    out += "\"}";
-}
-
-/// A string, or an object with the bytes in base64 where they are no UTF-8.
-void appendValue(std::string& out, std::string_view bytes)
-{
-    if (isUtf8(bytes)) {
-        appendString(out, bytes);
-    } else {
-        appendBytes(out, bytes);
-    }
-}
-
-/// The same, null where there is nothing.
-void appendOptional(std::string& out, std::string_view bytes)
-{
-    if (bytes.empty()) {
-        out += "null";
-    } else {
-        appendValue(out, bytes);
-    }
-}
 
 /// An attribute with its name at hand.
 struct Named {
@@ -96,71 +37,63 @@ private:
     void append(Record const& record, std::string& out) const override
     {
         Lookup::Answer const& answer = record.answer;
-        out += R"({"key":)";
-        appendValue(out, record.key);
-        out += R"(,"status":")";
-        out += statusOf(record);
-        out += R"(","filter":)";
-        appendOptional(out, answer.filter);
-        out += R"(,"server":)";
-        appendOptional(out, answer.server);
-        out += R"(,"entries":[)";
-        char const* separator = "";
+        Json json(out);
+        json->StartObject();
+        json.key("key").value(record.key);
+        json.key("status").string(statusOf(record));
+        json.key("filter").optional(answer.filter);
+        json.key("server").optional(answer.server);
+        json.key("entries")->StartArray();
         for (LDAPSearchResultEntry const& entry : answer.entries) {
-            out += separator;
-            appendEntry(entry, out);
-            separator = ",";
+            appendEntry(entry, json);
         }
-        fmt::format_to(std::back_inserter(out), R"(],"code":{},"text":)", answer.code);
-        appendString(out, oneLine(answer.text));
-        fmt::format_to(std::back_inserter(out), R"(,"ms":{:.3f},"retried":{})", answer.milliseconds,
-                       answer.wasRepeated);
+        json->EndArray();
+        json.key("code")->Int(answer.code);
+        json.key("text").string(oneLine(answer.text));
+        std::string const milliseconds = fmt::format("{:.3f}", answer.milliseconds);
+        json.key("ms")->RawValue(milliseconds.data(), milliseconds.size(), rapidjson::kNumberType);
+        json.key("retried")->Bool(answer.wasRepeated);
         if (answer.identity == Lookup::Identity::Unconfirmed) {
-            out += R"(,"identity":"unconfirmed")";
+            json.key("identity").string("unconfirmed");
         }
-        out += "}\n";
+        json->EndObject();
+        out += '\n';
     }
 
-    static void appendEntry(LDAPSearchResultEntry const& entry, std::string& out)
+    static void appendEntry(LDAPSearchResultEntry const& entry, Json& json)
     {
-        out += R"({"dn":)";
-        appendValue(out, entry.entryName());
-        out += R"(,"attrs":{)";
-        char const* separator = "";
+        json->StartObject();
+        json.key("dn").value(entry.entryName());
+        json.key("attrs")->StartObject();
         auto const named = namedOf(entry.attributes().attributes());
         for (auto current = named.begin(); current != named.end(); ++current) {
             bool const isRepeated = std::any_of(named.begin(), current, [&](Named const& earlier) {
                 return earlier.name == current->name;
             });
             if (!isRepeated) { // else its values stand with the first one's
-                out += separator;
-                appendAttribute(current, named.end(), out);
-                separator = ",";
+                appendAttribute(current, named.end(), json);
             }
         }
-        out += "}}";
+        json->EndObject();
+        json->EndObject();
     }
 
     /// One name for the values of every attribute in [first, end) that is called as the first.
     static void appendAttribute(std::vector<Named>::const_iterator first,
-                                std::vector<Named>::const_iterator end, std::string& out)
+                                std::vector<Named>::const_iterator end, Json& json)
     {
         // One that is declared binary has one form of value, whatever its bytes happen to be.
-        auto* const appendOne = first->attribute->type().isBinary() ? appendBytes : appendValue;
-        appendString(out, oneLine(first->name));
-        out += ":[";
-        char const* separator = "";
+        auto const appendOne = first->attribute->type().isBinary() ? &Json::bytes : &Json::value;
+        json.key(oneLine(first->name))->StartArray();
         std::for_each(first, end, [&](Named const& same) {
             if (same.name != first->name) {
                 return;
             }
             for (Buffer const& value : same.attribute->binaryValue()) {
-                out += separator;
-                appendOne(out, bytesOf(value));
-                separator = ",";
+                (json.*appendOne)(bytesOf(value));
             }
         });
-        out += ']';
+        json->EndArray();
     }
 };
 

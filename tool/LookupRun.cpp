@@ -2,10 +2,10 @@
 #include "LookupRun.h"
 
 #include "Failure.h"
+#include "Json.h"
 #include "Text.h"
 
 #include <fmt/format.h>
-#include <nlohmann/json.hpp>
 
 #include <algorithm>
 #include <cmath>
@@ -154,20 +154,24 @@ void LookupRun::printStatistics(Stats form) const
     double const p50 = percentile(0.5);
     double const p99 = percentile(0.99);
     if (form == Stats::json) {
-        nlohmann::ordered_json const json = {{"keys", m_counts.keys},
-                                             {"found", m_counts.found},
-                                             {"notfound", m_counts.notFound},
-                                             {"skipped", m_counts.skipped},
-                                             {"errors", m_counts.errors},
-                                             {"repeats", pool.repeated},
-                                             {"pool_hits", pool.reused},
-                                             {"pool_misses", pool.opened},
-                                             {"stale", pool.stale},
-                                             {"p50_ms", p50},
-                                             {"p99_ms", p99},
-                                             {"seconds", taken.count()},
-                                             {"keys_per_second", rate}};
-        m_diagnostics.plain(json.dump());
+        std::string text;
+        Json json(text);
+        json->StartObject();
+        json.key("keys")->Uint64(m_counts.keys);
+        json.key("found")->Uint64(m_counts.found);
+        json.key("notfound")->Uint64(m_counts.notFound);
+        json.key("skipped")->Uint64(m_counts.skipped);
+        json.key("errors")->Uint64(m_counts.errors);
+        json.key("repeats")->Uint64(pool.repeated);
+        json.key("pool_hits")->Uint64(pool.reused);
+        json.key("pool_misses")->Uint64(pool.opened);
+        json.key("stale")->Uint64(pool.stale);
+        json.key("p50_ms")->Double(p50);
+        json.key("p99_ms")->Double(p99);
+        json.key("seconds")->Double(taken.count());
+        json.key("keys_per_second")->Double(rate);
+        json->EndObject();
+        m_diagnostics.plain(text);
         return;
     }
     m_diagnostics.plain(fmt::format("keys {}: found {}, not found {}, skipped {}, errors {}",

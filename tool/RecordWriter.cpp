@@ -1,6 +1,7 @@
-// The choice of a writer, and what several of them write.
+// The forms in which records are written, except JSON, and the choice of one.
 #include "RecordWriter.h"
 
+#include "LdifText.h"
 #include "Text.h"
 
 #include <fmt/format.h>
@@ -14,14 +15,6 @@ namespace Solvane::Tool {
 
 namespace {
 
-using Make = std::unique_ptr<RecordWriter> (*)(char recordEnd);
-
-constexpr std::array<std::pair<char const*, Make>, 5> writers = {{{"text", makeTextWriter},
-                                                                  {"values", makeValuesWriter},
-                                                                  {"tsv", makeTsvWriter},
-                                                                  {"json", makeJsonWriter},
-                                                                  {"ldif", makeLdifWriter}}};
-
 void appendError(Record const& record, std::string& out)
 {
     Lookup::Answer const& answer = record.answer;
@@ -30,6 +23,160 @@ void appendError(Record const& record, std::string& out)
         fmt::format_to(std::back_inserter(out), " after {} of its entries", answer.entries.size());
     }
 }
+
+/// Appends the key's line: what became of it, in words.
+void appendSummary(Record const& record, std::string& out)
+{
+    Lookup::Answer const& answer = record.answer;
+    appendOneLine(out, record.key);
+    out += ": ";
+    std::string_view const status = statusOf(record);
+    if (status == "found") {
+        fmt::format_to(std::back_inserter(out), "found {}", answer.entries.size());
+    } else if (status == "error") {
+        appendError(record, out);
+    } else {
+        out += status == "notfound" ? "not found" : status;
+    }
+    if (!answer.text.empty()) {
+        out += ": ";
+        appendOneLine(out, answer.text);
+    }
+}
+
+/// Appends every value of what was found, on one line, separated by commas. Nothing for an error:
+/// values that came before it are not all of them.
+void appendValues(Record const& record, std::string& out)
+{
+    if (outcomeOf(record) != Outcome::found) {
+        return;
+    }
+    char const* separator = "";
+    for (LDAPSearchResultEntry const& entry : record.answer.entries) {
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            for (Buffer const& value : attribute.binaryValue()) {
+                out += separator;
+                appendOneLine(out, bytesOf(value));
+                separator = ",";
+            }
+        }
+    }
+}
+
+/// Blocks of lines, for people.
+class TextWriter final : public RecordWriter {
+public:
+    using RecordWriter::RecordWriter;
+
+private:
+    void append(Record const& record, std::string& out) const override
+    {
+        out += "# ";
+        appendSummary(record, out);
+        out += '\n';
+        for (LDAPSearchResultEntry const& entry : record.answer.entries) {
+            appendLine("dn", entry.entryName(), out);
+            for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+                std::string const& name = attribute.type().asString();
+                for (Buffer const& value : attribute.binaryValue()) {
+                    appendLine(name, bytesOf(value), out);
+                }
+            }
+            out += '\n';
+        }
+    }
+
+    /// As LDIF writes it, except that UTF-8 stays readable.
+    static void appendLine(std::string_view name, std::string_view value, std::string& out)
+    {
+        appendOneLine(out, name);
+        if (faultIn(value)) {
+            out += ":: ";
+            appendBase64(out, value);
+        } else {
+            out += ": ";
+            out += value;
+        }
+        out += '\n';
+    }
+};
+
+/// What was asked for, and nothing else.
+class ValuesWriter final : public RecordWriter {
+public:
+    using RecordWriter::RecordWriter;
+
+private:
+    void append(Record const& record, std::string& out) const override
+    {
+        appendValues(record, out);
+        out += '\n';
+    }
+};
+
+/// Lines of a table. The second column is what "postmap -q" would print.
+class TsvWriter final : public RecordWriter {
+public:
+    using RecordWriter::RecordWriter;
+
+private:
+    void append(Record const& record, std::string& out) const override
+    {
+        std::string_view const status = statusOf(record);
+        appendOneLine(out, record.key); // leaves no tab in a column
+        out += '\t';
+        appendValues(record, out);
+        out += '\t';
+        out += status;
+        bool const hasRemark = status == "notfound" && !record.answer.text.empty();
+        if (status == "error" || hasRemark) {
+            out += '\t';
+            appendOneLine(out, record.answer.text);
+        }
+        out += '\n';
+    }
+};
+
+/// What a directory can load.
+class LdifWriter final : public RecordWriter {
+public:
+    using RecordWriter::RecordWriter;
+
+    std::string opening() const override { return "version: 1\n\n"; }
+
+private:
+    void append(Record const& record, std::string& out) const override
+    {
+        out += "# ";
+        appendSummary(record, out);
+        out += '\n';
+        for (LDAPSearchResultEntry const& entry : record.answer.entries) {
+            appendLdif(out, "dn", entry.entryName());
+            for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+                LDAPAttributeType const& type = attribute.type();
+                std::string const name = oneLine(type.asString());
+                for (Buffer const& value : attribute.binaryValue()) {
+                    appendLdif(out, name, bytesOf(value),
+                               type.isBinary() ? LdifForm::base64 : LdifForm::asFits);
+                }
+            }
+            out += '\n';
+        }
+    }
+};
+
+template <typename Writer> std::unique_ptr<RecordWriter> make(char recordEnd)
+{
+    return std::make_unique<Writer>(recordEnd);
+}
+
+using Make = std::unique_ptr<RecordWriter> (*)(char recordEnd);
+
+constexpr std::array<std::pair<char const*, Make>, 5> writers = {{{"text", make<TextWriter>},
+                                                                  {"values", make<ValuesWriter>},
+                                                                  {"tsv", make<TsvWriter>},
+                                                                  {"json", makeJsonWriter},
+                                                                  {"ldif", make<LdifWriter>}}};
 
 } // namespace
 
@@ -52,42 +199,6 @@ std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char r
         std::find_if(writers.begin(), writers.end(),
                      [&](auto const& candidate) { return candidate.first == format; });
     return chosen->second(recordEnd);
-}
-
-void appendSummary(Record const& record, std::string& out)
-{
-    Lookup::Answer const& answer = record.answer;
-    appendOneLine(out, record.key);
-    out += ": ";
-    std::string_view const status = statusOf(record);
-    if (status == "found") {
-        fmt::format_to(std::back_inserter(out), "found {}", answer.entries.size());
-    } else if (status == "error") {
-        appendError(record, out);
-    } else {
-        out += status == "notfound" ? "not found" : status;
-    }
-    if (!answer.text.empty()) {
-        out += ": ";
-        appendOneLine(out, answer.text);
-    }
-}
-
-void appendValues(Record const& record, std::string& out)
-{
-    if (outcomeOf(record) != Outcome::found) {
-        return;
-    }
-    char const* separator = "";
-    for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-            for (Buffer const& value : attribute.binaryValue()) {
-                out += separator;
-                appendOneLine(out, bytesOf(value));
-                separator = ",";
-            }
-        }
-    }
 }
 
 } // namespace Solvane::Tool

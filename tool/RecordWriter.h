@@ -40,28 +40,16 @@ private:
 
 /// The names that `makeRecordWriter` takes.
 std::vector<std::string> const& recordFormats();
-/// @param format     one of `recordFormats`
+/// @param format     one of `recordFormats`: "text" for people, blocks of `attribute: value` lines under
+///                   a line for the key; "values" for scripts, a line of the values alone, empty if
+///                   nothing was found; "tsv" for tables, key, values, status and, of an error, its
+///                   text, separated by tabs; "json" for programs, one object a line (RFC 8259); "ldif" for
+///                   directories, content records (RFC 2849) with a comment line for each key
 /// @param recordEnd  newline or NUL
 std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char recordEnd);
-
-/// For people: blocks of `attribute: value` lines under a line for the key.
-std::unique_ptr<RecordWriter> makeTextWriter(char recordEnd);
-/// For scripts: a line of the values alone, empty where nothing was found.
-std::unique_ptr<RecordWriter> makeValuesWriter(char recordEnd);
-/// For tables: key, values, status and, of an error, its text, parted by tabs.
-std::unique_ptr<RecordWriter> makeTsvWriter(char recordEnd);
-/// For programs: one JSON object (RFC 8259) a line.
+/// The one of "json".
 std::unique_ptr<RecordWriter> makeJsonWriter(char recordEnd);
-/// For directories: LDIF content records (RFC 2849); a comment line for each key.
-std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd);
 
-// What several of them write.
-
-/// Appends the key's line: what became of it, in words.
-void appendSummary(Record const& record, std::string& out);
-/// Appends every value of what was found, on one line, parted by commas. Nothing for an error:
-/// values that came before it are not all of them.
-void appendValues(Record const& record, std::string& out);
 /// The bytes of a value, without a copy.
 inline std::string_view bytesOf(Buffer const& value)
 {

@@ -12,11 +12,17 @@
 #include "FaultyServer.h"
 #include "Resources.h"
 
+#include <solvane/session/PlainText.h>
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
 #include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
-#include <sstream>
+#include <map>
 #include <stdexcept>
 
 #include <csignal>
@@ -106,43 +112,68 @@ private:
 
 // Output
 
-std::string quoted(std::string const& text)
-{
-    std::ostringstream json;
-    json << '"';
-    for (char const each : text) {
-        auto const byte = static_cast<unsigned char>(each);
-        if (each == '"' || each == '\\') {
-            json << '\\' << each;
-        } else if (byte < 0x20 || byte > 0x7e) {
-            constexpr char digits[] = "0123456789abcdef";
-            json << "\\u00" << digits[byte >> 4] << digits[byte & 15];
-        } else {
-            json << each;
-        }
+/// A line of JSON, of texts and numbers by name.
+class Line {
+public:
+    Line() : m_json(m_text) { m_json.StartObject(); }
+
+    Line& add(char const* name, std::string const& text)
+    {
+        m_json.Key(name);
+        std::string const utf8 =
+            Solvane::Lookup::isUtf8(text) ? text : Solvane::Lookup::oneLine(text);
+        m_json.String(utf8.c_str());
+        return *this;
     }
-    json << '"';
-    return json.str();
-}
+    Line& add(char const* name, std::uint64_t number)
+    {
+        m_json.Key(name);
+        m_json.Uint64(number);
+        return *this;
+    }
+    template <typename Number>
+    Line& add(char const* name, std::map<std::string, Number> const& numbers)
+    {
+        m_json.Key(name);
+        m_json.StartObject();
+        for (auto const& [each, number] : numbers) {
+            add(each.c_str(), std::uint64_t{number});
+        }
+        m_json.EndObject();
+        return *this;
+    }
+    void print()
+    {
+        m_json.EndObject();
+        std::cout << m_text.GetString() << std::endl;
+    }
+
+private:
+    rapidjson::StringBuffer m_text;
+    rapidjson::Writer<rapidjson::StringBuffer> m_json;
+};
 
 void print(Fault const& fault, Column column, CellReport const& report)
 {
     unsigned int limited = 0;
-    std::string limits;
-    for (auto const& [what, count] : report.limits) {
-        limited += count;
-        limits += (limits.empty() ? "" : ",") + quoted(what) + ":" + std::to_string(count);
+    for (auto const& limit : report.limits) {
+        limited += limit.second;
     }
     std::string text;
     for (std::string const& failure : report.failures) {
         text += (text.empty() ? "" : "\n") + failure;
     }
-    std::cout << "{\"fault\":" << quoted(fault.name) << ",\"operation\":" << quoted(nameOf(column))
-              << ",\"cases\":" << report.tried << ",\"passed\":" << report.passed
-              << ",\"limited\":" << limited << ",\"limits\":{" << limits
-              << "},\"failed\":" << report.failures.size()
-              << ",\"milliseconds\":" << report.milliseconds << ",\"text\":" << quoted(text) << "}"
-              << std::endl;
+    Line()
+        .add("fault", fault.name)
+        .add("operation", nameOf(column))
+        .add("cases", report.tried)
+        .add("passed", report.passed)
+        .add("limited", limited)
+        .add("limits", report.limits)
+        .add("failed", report.failures.size())
+        .add("milliseconds", static_cast<std::uint64_t>(report.milliseconds))
+        .add("text", text)
+        .print();
     std::cerr << fault.name << " / " << nameOf(column) << ": " << report.passed << " of "
               << report.tried << " passed, " << limited << " known limits, " << report.milliseconds
               << " ms\n";
@@ -153,15 +184,21 @@ void print(Fault const& fault, Column column, CellReport const& report)
 
 void printNotApplicable(Fault const& fault, Column column, std::string const& why)
 {
-    std::cout << "{\"fault\":" << quoted(fault.name) << ",\"operation\":" << quoted(nameOf(column))
-              << ",\"notApplicable\":" << quoted(why) << "}" << std::endl;
+    Line()
+        .add("fault", fault.name)
+        .add("operation", nameOf(column))
+        .add("notApplicable", why)
+        .print();
 }
 
 void printList(std::vector<Fault> const& faults)
 {
     for (Fault const& fault : faults) {
-        std::cout << "{\"fault\":" << quoted(fault.name) << ",\"meaning\":" << quoted(fault.meaning)
-                  << ",\"limit\":" << quoted(fault.limit) << "}\n";
+        Line()
+            .add("fault", fault.name)
+            .add("meaning", fault.meaning)
+            .add("limit", fault.limit)
+            .print();
     }
 }
 

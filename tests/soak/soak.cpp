@@ -7,7 +7,8 @@
 #include "Load.h"
 
 #include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,7 +17,7 @@
 #include <iostream>
 
 using namespace SolvaneTest;
-using nlohmann::json;
+using Json = rapidjson::Writer<rapidjson::StringBuffer>;
 
 namespace {
 
@@ -105,75 +106,118 @@ double secondsOf(Clock::time_point moment)
     return std::chrono::duration<double>(moment.time_since_epoch()).count();
 }
 
-json describe(std::vector<Span> const& spans)
+void write(Json& json, double number) { json.Double(number); }
+
+void write(Json& json, std::uint64_t number) { json.Uint64(number); }
+
+void write(Json& json, std::string const& text) { json.String(text.c_str()); }
+
+void write(Json& json, Clock::time_point moment) { json.Double(secondsOf(moment)); }
+
+void write(Json& json, Span const& span)
 {
-    json list = json::array();
-    for (Span const& span : spans) {
-        list.push_back({secondsOf(span.from), secondsOf(span.to)});
-    }
-    return list;
+    json.StartArray();
+    write(json, span.from);
+    write(json, span.to);
+    json.EndArray();
 }
 
-json describe(std::vector<Clock::time_point> const& moments)
+void write(Json& json, Latencies::Range const& range)
 {
-    json list = json::array();
-    for (Clock::time_point const moment : moments) {
-        list.push_back(secondsOf(moment));
-    }
-    return list;
+    json.StartArray();
+    write(json, range.milliseconds);
+    write(json, range.count);
+    json.EndArray();
 }
 
-json describe(Latencies const& latencies)
+template <typename Value> void write(Json& json, std::vector<Value> const& values)
 {
-    json description;
+    json.StartArray();
+    for (Value const& value : values) {
+        write(json, value);
+    }
+    json.EndArray();
+}
+
+template <typename Value> void write(Json& json, std::map<std::string, Value> const& values)
+{
+    json.StartObject();
+    for (auto const& [name, value] : values) {
+        json.Key(name.c_str());
+        write(json, value);
+    }
+    json.EndObject();
+}
+
+void write(Json& json, Latencies const& latencies);
+
+template <typename Value> void write(Json& json, char const* name, Value const& value)
+{
+    json.Key(name);
+    write(json, value);
+}
+
+void write(Json& json, Latencies const& latencies)
+{
+    json.StartObject();
     if (latencies.count() != 0) {
-        description = {{"p50", latencies.milliseconds(0.5)},
-                       {"p99", latencies.milliseconds(0.99)},
-                       {"p99.9", latencies.milliseconds(0.999)},
-                       {"max", latencies.milliseconds(1)}};
+        std::pair<char const*, double> const shares[] = {
+            {"p50", 0.5}, {"p99", 0.99}, {"p99.9", 0.999}, {"max", 1}};
+        for (auto const& [name, share] : shares) {
+            write(json, name, latencies.milliseconds(share));
+        }
     }
-    description["ranges"] = json::array();
-    for (Latencies::Range const& range : latencies.ranges()) {
-        description["ranges"].push_back({range.milliseconds, range.count});
-    }
-    return description;
+    write(json, "ranges", latencies.ranges());
+    json.EndObject();
 }
 
-json describe(WayReport const& way)
+void write(Json& json, WayReport const& way)
 {
-    return {{"name", way.name},
-            {"threads", way.threads},
-            {"lookups", way.latencies.count()},
-            {"found", way.found},
-            {"notFound", way.notFound},
-            {"wrong", way.wrong},
-            {"wrongAnswers", way.wrongAnswers},
-            {"errors", way.errors},
-            {"errorTexts", way.errorTexts},
-            {"errorTimes", describe(way.errorTimes)},
-            {"milliseconds", describe(way.latencies)},
-            {"stretches", describe(way.stretches)},
-            {"outages", describe(way.outages)},
-            {"statistics", way.statistics}};
+    json.StartObject();
+    write(json, "name", way.name);
+    write(json, "threads", std::uint64_t{way.threads});
+    write(json, "lookups", way.latencies.count());
+    write(json, "found", way.found);
+    write(json, "notFound", way.notFound);
+    write(json, "wrong", way.wrong);
+    write(json, "wrongAnswers", way.wrongAnswers);
+    write(json, "errors", way.errors);
+    write(json, "errorTexts", way.errorTexts);
+    write(json, "errorTimes", way.errorTimes);
+    write(json, "milliseconds", way.latencies);
+    write(json, "stretches", way.stretches);
+    write(json, "outages", way.outages);
+    write(json, "statistics", way.statistics);
+    json.EndObject();
 }
 
-json soak(Options const& options)
+std::string soak(Options const& options)
 {
-    std::size_t const before = openDescriptors();
+    std::uint64_t const before = openDescriptors();
     LoadReport report;
     {
         std::vector<Party> const parties = partiesFor(options);
         std::cerr << "load begins" << std::endl;
         report = putLoadOn(parties, options.load);
     }
-    json ways = json::array();
+    rapidjson::StringBuffer text;
+    Json json(text);
+    json.StartObject();
+    write(json, "start", report.time.from);
+    write(json, "end", report.time.to);
+    json.Key("descriptors");
+    json.StartObject();
+    write(json, "before", before);
+    write(json, "after", std::uint64_t{openDescriptors()});
+    json.EndObject();
+    json.Key("ways");
+    json.StartArray();
     for (WayReport const& way : report.ways) {
-        ways.push_back(describe(way));
+        write(json, way);
     }
-    return {{"start", secondsOf(report.time.from)},
-            {"end", secondsOf(report.time.to)},
-            {"descriptors", {{"before", before}, {"after", openDescriptors()}}},
-            {"ways", ways}};
+    json.EndArray();
+    json.EndObject();
+    return text.GetString();
 }
 
 } // namespace
@@ -183,7 +227,7 @@ int main(int count, char** arguments)
     CLI::App program("Puts a load of lookups on directory servers.");
     try {
         Options const options = optionsFrom(program, count, arguments);
-        std::cout << soak(options).dump() << std::endl;
+        std::cout << soak(options) << std::endl;
         return 0;
     } catch (CLI::ParseError const& fault) {
         return program.exit(fault) == 0 ? 0 : 2;

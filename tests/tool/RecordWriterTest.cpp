@@ -174,7 +174,7 @@ TEST(JsonWriter, EscapesAndWrapsBytes)
         written("json", found({{"\xFF",
                                 {attribute("cn", {"a\"\\\n\0z"s, "\xC0"}), attribute("x\ny", {}),
                                  attribute("c;binary", {"Many", ""})}}})),
-        testing::HasSubstr(R"([{"dn":{"base64":"/w=="},"attrs":{"cn":["a\"\\\u000a\u0000z",)"
+        testing::HasSubstr(R"([{"dn":{"base64":"/w=="},"attrs":{"cn":["a\"\\\n\u0000z",)"
                            R"({"base64":"wA=="}],"x\\x0Ay":[],)"
                            R"("c;binary":[{"base64":"TWFueQ=="},{"base64":""}]}}])"));
 }
