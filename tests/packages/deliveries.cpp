@@ -32,8 +32,8 @@ int rightFates(LDAPLookup& lookup)
     int right = 0;
     for (int number = 1; number <= usersPerThread; ++number) {
         std::string const digits = std::to_string(10000000 + number).substr(1);
-        right += fateOf(lookup, "user" + digits + "@corp.test") == std::string("deliver");
-        right += fateOf(lookup, "nobody" + digits + "@corp.test") == std::string("reject");
+        right += actionFor(lookup, "user" + digits + "@corp.test") == std::string("deliver");
+        right += actionFor(lookup, "nobody" + digits + "@corp.test") == std::string("reject");
     }
     return right;
 }
