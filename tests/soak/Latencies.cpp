@@ -33,17 +33,6 @@ double Latencies::milliseconds(double share) const
     return endOf(index);
 }
 
-std::vector<Latencies::Range> Latencies::ranges() const
-{
-    std::vector<Range> used;
-    for (std::size_t index = 0; index != size; ++index) {
-        if (m_counts[index] != 0) {
-            used.push_back({endOf(index), m_counts[index]});
-        }
-    }
-    return used;
-}
-
 std::size_t Latencies::indexOf(std::uint64_t microseconds)
 {
     if (microseconds < 64) {

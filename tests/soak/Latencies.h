@@ -5,7 +5,6 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <vector>
 
 namespace SolvaneTest {
 
@@ -19,13 +18,6 @@ public:
     std::uint64_t count() const { return m_count; }
     /// The end of the range in which `share` (0 to 1) of all times are done. Not of no times at all.
     double milliseconds(double share) const;
-
-    struct Range {
-        double milliseconds; ///< its end
-        std::uint64_t count;
-    };
-    /// Those that are not empty, in ascending order.
-    std::vector<Range> ranges() const;
 
 private:
     static constexpr unsigned int subBits = 5;

@@ -105,7 +105,6 @@ struct Common {
     Party const& party;
     LoadSettings const& settings;
     Tides const& tides;
-    Clock::time_point countedFrom;
     Clock::time_point end;
     SuccessTimes& successes;
 };
@@ -187,9 +186,7 @@ private:
         m_outages.asked(start);
         LDAPLookup::Answer const answer = m_common.party.way->lookUp(question.address);
         auto const end = Clock::now();
-        if (start >= m_common.countedFrom) {
-            m_latencies.add(end - start);
-        }
+        m_latencies.add(end - start);
         if (judge(question, answer, end)) {
             m_outages.answered(end);
             m_common.successes.add(end);
@@ -255,9 +252,8 @@ class Crew {
 public:
     Crew(Party const& party, LoadSettings const& settings, Tides const& tides, Span const& time,
          unsigned int threads, std::uint64_t seed)
-        : m_successes(time.from, settings.length), m_common{party,   settings,
-                                                            tides,   time.from + settings.warmUp,
-                                                            time.to, m_successes}
+        : m_successes(time.from, settings.length), m_common{party, settings, tides, time.to,
+                                                            m_successes}
     {
         for (unsigned int number = 0; number != threads; ++number) {
             m_workers.push_back(std::make_unique<Worker>(m_common, number, seed + number));

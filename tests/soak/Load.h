@@ -21,7 +21,6 @@ struct LoadSettings {
     unsigned int threads = 64;       ///< of all ways together
     double rate = 2000;              ///< lookups a second that the threads try to make, in a flood
     std::chrono::seconds length{60}; ///< of the load
-    std::chrono::seconds warmUp{0};  ///< of its beginning; latencies count from then on
     Clock::duration tide{};          ///< from flood to flood
     unsigned int users = 1000;       ///< that exist: user0000001@corp.test and on
     std::string base;                ///< where they are

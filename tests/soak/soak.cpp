@@ -24,35 +24,29 @@ namespace {
 struct Options {
     LoadSettings load;
     unsigned int seconds = 60;
-    unsigned int warmUpSeconds = 0;
     double tideSeconds = 20;
     std::string bindDn;
     unsigned int balancer = 0;           ///< port
     std::vector<unsigned int> providers; ///< ports
     unsigned int connections = 8;        ///< of each engine
-    std::vector<std::string> ways;       ///< that are used; empty: all
 };
 
 Options optionsFrom(CLI::App& program, int count, char** arguments)
 {
     Options options;
     program.add_option("--seconds", options.seconds)->check(CLI::PositiveNumber);
-    program.add_option("--warm-up", options.warmUpSeconds);
     program.add_option("--threads", options.load.threads)->check(CLI::Range(1, 1000));
     program.add_option("--rate", options.load.rate)->check(CLI::PositiveNumber);
     program.add_option("--tide", options.tideSeconds)->check(CLI::PositiveNumber);
     program.add_option("--users", options.load.users)->check(CLI::PositiveNumber);
     program.add_option("--seed", options.load.seed);
     program.add_option("--connections", options.connections)->check(CLI::PositiveNumber);
-    program.add_option("--way", options.ways)
-        ->check(CLI::IsMember({"engine-balancer", "engine-list", "pool-balancer"}));
     program.add_option("--bind-dn", options.bindDn)->required();
     program.add_option("--base", options.load.base)->required();
     program.add_option("--balancer", options.balancer)->required();
     program.add_option("--provider", options.providers)->required();
     program.parse(count, arguments);
     options.load.length = std::chrono::seconds(options.seconds);
-    options.load.warmUp = std::chrono::seconds(options.warmUpSeconds);
     options.load.tide = std::chrono::duration_cast<Clock::duration>(
         std::chrono::duration<double>(options.tideSeconds));
     return options;
@@ -87,11 +81,6 @@ std::vector<Party> partiesFor(Options const& options)
     parties.push_back(
         {"engine-list", std::make_unique<EngineWay>(settingsFor(options, options.providers))});
     parties.push_back({"pool-balancer", std::make_unique<PoolWay>(balanced)});
-    auto const isLeftOut = [&](Party const& party) {
-        return !options.ways.empty() && std::find(options.ways.begin(), options.ways.end(),
-                                                  party.name) == options.ways.end();
-    };
-    parties.erase(std::remove_if(parties.begin(), parties.end(), isLeftOut), parties.end());
     return parties;
 }
 
@@ -119,14 +108,6 @@ void write(Json& json, Span const& span)
     json.StartArray();
     write(json, span.from);
     write(json, span.to);
-    json.EndArray();
-}
-
-void write(Json& json, Latencies::Range const& range)
-{
-    json.StartArray();
-    write(json, range.milliseconds);
-    write(json, range.count);
     json.EndArray();
 }
 
@@ -167,7 +148,6 @@ void write(Json& json, Latencies const& latencies)
             write(json, name, latencies.milliseconds(share));
         }
     }
-    write(json, "ranges", latencies.ranges());
     json.EndObject();
 }
 
