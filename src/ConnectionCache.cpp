@@ -57,7 +57,7 @@ struct LDAPConnectionCache::Wanted {
     /// Whether the connection serves and is idle; if so, it is taken for the caller.
     bool takes(LDAPConnectionImpl& body) const
     {
-        return (body.m_server == server || body.m_server->uri == server->uri) &&
+        return body.m_server->uri == server->uri &&
                body.m_anonymous == anonymous &&
                (anonymous || (body.m_bindDn == dn && body.m_bindPassword == password)) &&
                body.m_available.trywait();

@@ -2,6 +2,7 @@
 #include <solvane/ldap/LDAPResult.h>
 
 #include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
 #include <solvane/ldap/impl/LDAPResultImpl.h>
 
 #include "OpenLDAP.h"
@@ -109,7 +110,11 @@ LDAPResult::LDAPResult() = default;
 
 LDAPResult::LDAPResult(void* context) { m_impl.adopt(std::make_unique<LDAPResultImpl>(context)); }
 
-LDAPResult::LDAPResult(LDAPConnection const& connection) : LDAPResult(connection.context()) {}
+LDAPResult::LDAPResult(LDAPConnection const& connection)
+{
+    connection.context(); // for a null handle
+    m_impl.adopt(std::make_unique<LDAPResultImpl>(connection.impl()->session()));
+}
 
 LDAPResult::LDAPResult(LDAPResult const& other) = default;
 LDAPResult& LDAPResult::operator=(LDAPResult const& other) = default;

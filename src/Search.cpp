@@ -223,7 +223,7 @@ bool LDAPSearchImpl::collect(unsigned int timeoutSeconds)
             throw fault(at::waitFailed, ldap_err2string(rc));
         }
         if (m_result.isNull()) {
-            m_result.m_impl.adopt(std::make_unique<LDAPResultImpl>(context));
+            m_result = LDAPResult(m_connection);
         }
         m_result.impl()->parseMessage(message);
         if (static_cast<ber_tag_t>(rc) == LDAP_RES_SEARCH_RESULT) {

@@ -344,4 +344,20 @@ TEST(AnExceptionBehindItsCause, DoesNotGoRoundInCircles)
     EXPECT_EQ(Detailed::living, 0);
 }
 
+TEST(AnExceptionAssignedFromOneThatItCaused, DoesNotGoRoundInCircles)
+{
+    std::string text;
+    try {
+        throw Detailed(42);
+    } catch (Exception& caught) {
+        Exception outer("Outer", 1, "Outer.cpp", 1);
+        outer.cause(caught);
+        caught = outer;
+        text = caught.asString();
+    }
+
+    EXPECT_THAT(text, HasSubstr("Outer"));
+    EXPECT_EQ(Detailed::living, 0);
+}
+
 } // namespace

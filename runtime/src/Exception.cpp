@@ -60,7 +60,18 @@ Exception::Exception(std::string const& name, int code, char const* fileName,
 }
 
 Exception::Exception(Exception const& other) = default;
-Exception& Exception::operator=(Exception const& other) = default;
+Exception& Exception::operator=(Exception const& other)
+{
+    bool const wouldCauseItself = this != &other && leadsTo(other, *this);
+    m_name = other.m_name;
+    m_code = other.m_code;
+    m_fileName = other.m_fileName;
+    m_lineNumber = other.m_lineNumber;
+    m_stringParameter = other.m_stringParameter;
+    m_intParameter = other.m_intParameter;
+    m_cause = wouldCauseItself ? nullptr : other.m_cause;
+    return *this;
+}
 Exception::~Exception() = default;
 
 std::string const& Exception::stringParameter() const { return m_stringParameter; }

@@ -11,6 +11,8 @@ using Solvane::LDAPResultImpl;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
 
 class AResult : public CallTest {
 protected:
@@ -428,6 +430,18 @@ TEST_F(AResultHandle, OfAConnectionParsesWithItsSession)
     result.impl()->parseMessage(message);
 
     EXPECT_THAT(openldap.calls(), Contains("ldap_parse_result session message null 0"));
+}
+
+TEST_F(AResultHandle, OfAnUnboundConnectionHasNoSession)
+{
+    connection.unbind();
+    LDAPResult const result{connection};
+    LDAPMessageBuffer message;
+    *message.address() = messages.response(LDAP_RES_BIND, LDAP_SUCCESS);
+
+    EXPECT_THAT(thrownBy([&] { result.impl()->parseMessage(message); }),
+                IsFault("Result.cpp", 577, 1, 6));
+    EXPECT_THAT(openldap.calls(), Not(Contains(StartsWith("ldap_parse_result"))));
 }
 
 TEST_F(AResultHandle, OfANullConnectionIsRefused)

@@ -131,7 +131,8 @@ public:
     ///                        throws
     virtual bool bindWait(unsigned int timeoutSeconds);
 
-    /// Ends the session (RFC 4511 section 4.3); every later operation fails as on a dead server.
+    /// Ends the session (RFC 4511 section 4.3). OpenLDAP is not called with it any more: a later bind
+    /// throws lines 208 and 278, a later send or wait fails as on a dead server.
     /// @return OpenLDAP's result code; 0 where the session had ended before
     /// @throws LDAPException  code 1, type 0, Connection.cpp:341: null handle
     virtual int unbind();

@@ -102,8 +102,6 @@ public:
     std::list<std::string> const& searchReferrals() const;
 
 private:
-    friend class LDAPSearchImpl;
-
     BodyReference<LDAPResultImpl> m_impl;
 };
 

@@ -24,7 +24,7 @@ public:
     Exception(std::string const& name, int code, char const* fileName, unsigned int lineNumber);
     /// Shares the cause; all else is copied.
     Exception(Exception const& other);
-    /// Shares the cause of `other`; all else is copied.
+    /// Shares the cause of `other`, unless that would lead back to this exception; all else is copied.
     Exception& operator=(Exception const& other);
     virtual ~Exception();
 

@@ -26,7 +26,7 @@ public:
     ///                        throws
     void send() override;
     /// Collects the answer.
-    /// @throws LDAPException  code 4, type 3, Add.cpp:137: whatever failed, as the cause:
+    /// @throws LDAPException  code 4, type 3, Add.cpp:137: any `Exception`, as the cause:
     ///                        code 4, type 3, Add.cpp:106: the connection was unbound;
     ///                        code 4, type 3, Add.cpp:124: the wait failed; or what
     ///                        `LDAPResultImpl::parseMessage` throws

@@ -39,7 +39,8 @@ public:
     LDAPConnection& connection() { return m_connection; }
     /// Shares the connection that the request is to be sent on.
     void connection(LDAPConnection& connection) { m_connection = connection; }
-    /// Makes `send()` and `wait()` of this body exclude each other between threads.
+    /// Makes the mutex that a search's `send` and `wait`, and an add's `send`, hold. A body of your own
+    /// locks `m_mutex` itself.
     /// @note The mutex is never released: who else may still hold it cannot be known.
     void shared();
 

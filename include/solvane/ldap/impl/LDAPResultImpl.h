@@ -23,7 +23,7 @@ namespace Solvane {
 class SOLVANE_LDAP_EXPORT LDAPResultImpl : public virtual RefImpl, public NonCopyable {
 public:
     /// An empty result.
-    /// @param context  the session (`LDAP*`) of the messages; not owned
+    /// @param context  the session (`LDAP*`) of the messages; not owned, and must outlive parsing
     LDAPResultImpl(void* context);
     ~LDAPResultImpl() override;
 
@@ -38,8 +38,8 @@ public:
     /// @note For chains of one message, as LDAP_MSG_ONE gives them: the first one's kind is taken
     ///       for all, and a longer chain with a reference at its head is read for ever.
     /// @throws LDAPException  code 4, type 6, Result.cpp:420: another kind of message;
-    ///                        code 4, type 6, Result.cpp:479: anything that is no `LDAPException`
-    ///                        yet, as the cause; what `parseSearchReference` throws
+    ///                        code 4, type 6, Result.cpp:479: any other `Exception`, as
+    ///                        the cause; what `parseSearchReference` throws
     void parseListResultEntry(LDAPMessageBuffer& chain);
     /// Checks the reference at the head of the chain; its URIs are dropped. An empty owner has none.
     /// @throws LDAPException  code 4, type 5, Result.cpp:646: it cannot be parsed;

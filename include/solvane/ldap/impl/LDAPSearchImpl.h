@@ -18,14 +18,14 @@ public:
     /// Sends the search.
     /// @throws LDAPException  code 1, type 0, Search.cpp:249: null connection;
     ///                        code 4, type 4, Search.cpp:270: OpenLDAP refuses, and the code is
-    ///                        recorded on the connection; code 4, type 4, Search.cpp:289: anything
-    ///                        that is no `LDAPException` yet, as the cause; what `LDAPSearchAdapter`
+    ///                        recorded on the connection; code 4, type 4, Search.cpp:289: any
+    ///                        other `Exception`, as the cause; what `LDAPSearchAdapter`
     ///                        throws
     void send() override;
     /// Collects entries until the search is done.
     /// @throws LDAPException  code 4, type 4, Search.cpp:332: the wait failed, and the code is
-    ///                        recorded on the connection; code 4, type 4, Search.cpp:349: anything
-    ///                        that is no `LDAPException` yet, as the cause; what
+    ///                        recorded on the connection; code 4, type 4, Search.cpp:349: any
+    ///                        other `Exception`, as the cause; what
     ///                        `LDAPResultImpl::parseMessage` throws
     bool wait(unsigned int timeout) override;
     /// A null handle before the first message.

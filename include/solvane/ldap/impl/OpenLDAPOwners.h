@@ -81,6 +81,7 @@ public:
     /// Holds nothing yet.
     /// @param separator  what `asBuffer` puts between values; may be empty
     LDAPBerValBuffer(std::string separator);
+    ~LDAPBerValBuffer() { free(); } // before the separator goes
 
     /// Appends all values and one zero byte to `out`; nothing where no array is held. The
     /// separator, up to its first zero byte, comes before each value that finds `out` not empty.
