@@ -173,6 +173,8 @@ void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
                                std::to_string(settings.entryLimit) + " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
+        // Much more of it may come, whatever it was asked for, before the answers of the others.
+        leave(lane, Trouble::damaged, {Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, std::string()});
     }
 }
 
@@ -183,8 +185,6 @@ void Pipeline::takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message)
         leave(lane, Trouble::damaged,
               {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged result"},
               &task);
-        // Much more of it may come, whatever it was asked for, before the answers of the others.
-        leave(lane, Trouble::damaged, {Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, std::string()});
         return;
     }
     lane.remove(task);

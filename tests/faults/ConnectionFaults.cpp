@@ -2,15 +2,9 @@
 #include "Expectations.h"
 #include "Sites.h"
 
+#include "HangingPort.h"
 #include "ScriptedServer.h"
 #include "Slapd.h"
-
-#include <array>
-#include <stdexcept>
-
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
 
 namespace SolvaneTest {
 
@@ -49,43 +43,11 @@ public:
     }
 };
 
-/// A listening socket whose queue is full: the kernel drops what asks for a connection.
-class FullQueue {
+class BlackHoleSite : private HangingPort, public PortSite {
 public:
-    FullQueue() : m_listener(newSocket(0))
+    explicit BlackHoleSite(unsigned int healthyPort) : PortSite(HangingPort::number(), healthyPort)
     {
-        checked(bind(m_listener.number(), generic(), sizeof m_address), "bind");
-        checked(listen(m_listener.number(), 0), "listen");
-        socklen_t length = sizeof m_address;
-        checked(getsockname(m_listener.number(), generic(), &length), "getsockname");
-        for (Descriptor& filler : m_fillers) {
-            (void)connect(filler.number(), generic(), sizeof m_address);
-        }
-        pollfd last = {m_fillers.back().number(), POLLOUT, 0};
-        constexpr int enough = 50;
-        if (poll(&last, 1, enough) != 0) {
-            throw std::runtime_error("the queue of connections is not full");
-        }
     }
-    unsigned int port() const { return ntohs(m_address.sin_port); }
-
-private:
-    static int newSocket(int flags)
-    {
-        return checked(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | flags, 0), "socket");
-    }
-    sockaddr* generic() { return reinterpret_cast<sockaddr*>(&m_address); }
-
-    sockaddr_in m_address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
-    Descriptor m_listener;
-    std::array<Descriptor, 3> m_fillers = {Descriptor(newSocket(SOCK_NONBLOCK)),
-                                           Descriptor(newSocket(SOCK_NONBLOCK)),
-                                           Descriptor(newSocket(SOCK_NONBLOCK))};
-};
-
-class BlackHoleSite : private FullQueue, public PortSite {
-public:
-    explicit BlackHoleSite(unsigned int healthyPort) : PortSite(FullQueue::port(), healthyPort) {}
 };
 
 Fault refused()

@@ -81,6 +81,7 @@ std::string always(Column);
 
 // The rows, by where the fault lies.
 std::vector<Fault> connectionFaults();
+std::vector<Fault> serverFaults();
 std::vector<Fault> byteFaults();
 std::vector<Fault> messageFaults();
 std::vector<Fault> hostFaults();

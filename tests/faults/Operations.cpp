@@ -299,7 +299,8 @@ class Engine : public Action {
 public:
     Came run(Target const& target) override
     {
-        auto const where = std::make_tuple(target.port, target.isSecure, target.patience);
+        auto const where = std::make_tuple(target.host, target.port, target.isSecure,
+                                           target.patience, target.otherPorts, target.deadline);
         Came came = {SolvaneTest::wordFor([&] {
             if (!m_lookup || m_where != where) {
                 m_lookup.reset();
@@ -325,13 +326,21 @@ private:
     static LDAPLookup::Settings settingsFor(Target const& target)
     {
         LDAPLookup::Server server;
-        server.host = "127.0.0.1";
+        server.host = target.host;
         server.port = target.port;
         server.secure = target.isSecure;
         LDAPLookup::Settings settings;
         settings.servers.push_back(server);
+        server.host = "127.0.0.1";
+        for (unsigned int const port : target.otherPorts) {
+            server.port = port;
+            settings.servers.push_back(server);
+        }
+        settings.nameServers = target.nameServers;
         settings.networkTimeout = target.patience;
-        settings.deadline = std::chrono::milliseconds(1500 * target.patience);
+        settings.deadline = target.deadline.count() != 0
+                                ? target.deadline
+                                : std::chrono::milliseconds(1500 * target.patience);
         settings.bindDn = readerDn;
         settings.password = readerPassword;
         settings.base = people;
@@ -380,7 +389,10 @@ private:
     }
 
     std::unique_ptr<LDAPLookup> m_lookup;
-    std::tuple<unsigned int, bool, unsigned int> m_where; ///< whom m_lookup asks, and how patiently
+    /// Whom m_lookup asks, and how patiently.
+    std::tuple<std::string, unsigned int, bool, unsigned int, std::vector<unsigned int>,
+               std::chrono::milliseconds>
+        m_where;
 };
 
 class Tool : public Action {
@@ -396,18 +408,30 @@ public:
     {
         std::vector<std::string> command = target.toolPrefix;
         std::string const patience = std::to_string(target.patience);
-        std::string const uri = std::string(target.isSecure ? "ldaps" : "ldap") +
-                                "://127.0.0.1:" + std::to_string(target.port);
-        std::string const deadline = std::to_string(target.patience + 1);
+        std::string const scheme = target.isSecure ? "ldaps://" : "ldap://";
+        bool const hasDeadline = target.deadline.count() != 0;
+        std::string const deadline =
+            std::to_string(hasDeadline ? target.deadline.count() / 1000 : target.patience + 1);
         command.push_back(m_path);
         command.insert(command.end(), target.toolOptions.begin(), target.toolOptions.end());
         command.insert(command.end(),
-                       {"-H",         uri,        "-o",           "nettimeout=" + patience,
-                        "--deadline", deadline,   "--tls-verify", "none",
-                        "-D",         readerDn,   "-y",           m_password.string(),
-                        "--format",   "tsv",      "lookup",       "-b",
-                        people,       "-t",       "(mail=$m)",    "--attrs",
-                        "cn,mail",    userAddress});
+                       {"-H", scheme + target.host + ':' + std::to_string(target.port)});
+        for (unsigned int const port : target.otherPorts) {
+            command.insert(command.end(), {"-H", scheme + "127.0.0.1:" + std::to_string(port)});
+        }
+        for (std::string const& nameServer : target.nameServers) {
+            command.insert(command.end(), {"--name-servers", nameServer});
+        }
+        command.insert(command.end(), {"-o",           "nettimeout=" + patience,
+                                       "--deadline",   deadline,
+                                       "--tls-verify", "none",
+                                       "-D",           readerDn,
+                                       "-y",           m_password.string(),
+                                       "--format",     "tsv",
+                                       "lookup",       "-b",
+                                       people,         "-t",
+                                       "(mail=$m)",    "--attrs",
+                                       "cn,mail",      userAddress});
         Outcome const ended = SolvaneTest::run(command);
         return {wordFor(ended)};
     }

@@ -4,6 +4,7 @@
 
 #include "Exchange.h"
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <string>
@@ -17,6 +18,11 @@ struct Target {
     bool isSecure = false;
     /// Seconds for the network and for each answer.
     unsigned int patience = 10;
+    // For the engine and the tool alone.
+    std::string host = "127.0.0.1";
+    std::vector<std::string> nameServers = {}; ///< empty: the system's
+    std::vector<unsigned int> otherPorts = {}; ///< of 127.0.0.1: servers behind the first one
+    std::chrono::milliseconds deadline{0};     ///< for a key; 0: somewhat more than `patience`
     /// Called between the bind and what follows it, where the operation has such a moment.
     std::function<void()> afterBind = [] {};
     /// A program that starts the tool, and options of the tool's own.

@@ -84,6 +84,56 @@ TEST(AnAnswerBeyondItsBound, LeavesTheOtherKeysAlone)
     }
 }
 
+// Whatever it was asked for behind that answer, the rest of the answer would come first.
+TEST(AnAnswerBeyondItsBound, LosesTheConnectionAndTheKeysBehindItAreSentAgain)
+{
+    ScriptedServer const server(serving([](Peer& peer, std::string const& request) {
+        if (!isFor("large", request)) {
+            return answerFound(peer, request);
+        }
+        int const id = messageIdOf(request);
+        for (int i = 0; i < 20; ++i) {
+            peer.send(searchEntry(id, "cn=x", {{"cn", {"x"}}}));
+        }
+        peer.ignore(); // it goes on for ever, as far as anybody can tell
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.entryLimit = 10;
+    settings.connections = 1;
+    settings.deadline = std::chrono::seconds(5);
+    LDAPLookup lookup(settings);
+
+    auto const answers = answersTo(lookup, {"large@corp.test", addressOf(1), addressOf(2)});
+
+    ASSERT_THAT(answers, SizeIs(3));
+    EXPECT_EQ(answers[0].answer.code, 4) << answers[0].answer.text;
+    EXPECT_EQ(answers[1].answer.outcome, Outcome::Found) << answers[1].answer.text;
+    EXPECT_EQ(answers[2].answer.outcome, Outcome::Found) << answers[2].answer.text;
+    EXPECT_EQ(server.connectionCount(), 2U);
+}
+
+TEST(AResultThatIsDamaged, LeavesTheOtherKeysAlone)
+{
+    ScriptedServer const server(serving([](Peer& peer, std::string const& request) {
+        if (!isFor("odd", request)) {
+            return answerFound(peer, request);
+        }
+        constexpr unsigned char searchResultDone = 0x65;
+        peer.send(ldapMessage(messageIdOf(request), berElement(searchResultDone, "\x0a\x01")));
+    }));
+    auto settings = settingsFor({server.port()});
+    settings.connections = 1;
+    LDAPLookup lookup(settings);
+
+    auto const answers = answersTo(lookup, {addressOf(1), "odd@corp.test", addressOf(2)});
+
+    ASSERT_THAT(answers, SizeIs(3));
+    EXPECT_EQ(answers[0].answer.outcome, Outcome::Found) << answers[0].answer.text;
+    EXPECT_EQ(answers[1].answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answers[1].answer.code, -4) << answers[1].answer.text;
+    EXPECT_EQ(answers[2].answer.outcome, Outcome::Found) << answers[2].answer.text;
+}
+
 TEST(AnAnswerWithinItsBound, IsWhole)
 {
     ScriptedServer const server(serving(sendingLarge(9, 100 * kilobyte)));

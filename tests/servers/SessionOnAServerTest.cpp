@@ -1,10 +1,13 @@
 // The engine's sessions: TLS, identity, limits, references, staleness.
-#include "Directory.h"
 #include "Eventually.h"
 #include "TestedServer.h"
 
+#include <solvane/session/Session.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <ldap.h>
 
 using namespace Solvane;
 using namespace Solvane::Lookup;
@@ -25,25 +28,41 @@ struct Counted {
     int code = -1; ///< -1: no answer in time
 };
 
-Counted answerOn(DirectorySession& session, LDAPSearch::Parameter const& parameter)
+/// The next message of a session. False if it broke, or none came in ten seconds.
+bool receiveNext(Session& session, LDAPMessageBuffer& message)
+{
+    auto const deadline = Clock::now() + std::chrono::seconds(10);
+    int id = 0;
+    Waits waits;
+    for (;;) {
+        auto const received = session.receive(message, id);
+        if (received != Session::Received::nothing || Clock::now() > deadline) {
+            return received == Session::Received::message;
+        }
+        waits.clear();
+        session.waits(waits);
+        waits.until(deadline);
+        waits.wait();
+    }
+}
+
+Counted answerOn(Session& session, SearchRequest const& request, std::string const& filter)
 {
     int id = 0;
-    session.send(parameter, id);
+    session.send(request, filter, id);
     Counted counted;
-    LDAPResult result(session.connection());
     LDAPMessageBuffer message;
-    while (session.receive(message, std::chrono::seconds(10)) == id) {
-        result.impl()->parseMessage(message);
-        message.free();
-        switch (result.resultType()) {
-        case 2:
+    while (receiveNext(session, message)) {
+        switch (ldap_msgtype(message.get())) {
+        case LDAP_RES_SEARCH_ENTRY:
             ++counted.entries;
             break;
-        case 3:
+        case LDAP_RES_SEARCH_REFERENCE:
             ++counted.references;
             break;
         default:
-            counted.code = result.resultCode();
+            ldap_parse_result(session.handle(), message.get(), &counted.code, nullptr, nullptr,
+                              nullptr, nullptr, 0);
             return counted;
         }
     }
@@ -61,49 +80,53 @@ protected:
         tls.caFile = caFile;
         return tls;
     }
-    static DirectorySession secureSession(TlsPolicy const& tls,
-                                          std::string const& host = server().host())
+    /// Options of a session as the reader, by TLS if `isSecure`.
+    static SessionOptions options(bool isSecure, TlsPolicy const& tls)
     {
-        return DirectorySession(server().secureDescription(), host, tls);
+        SessionOptions options;
+        options.host = server().host();
+        options.port =
+            static_cast<unsigned int>(server().number(isSecure ? "LDAPS_PORT" : "LDAP_PORT"));
+        options.secure = isSecure;
+        options.tls = std::make_shared<TlsContext>(tls);
+        options.bindDn = server()["READER_DN"];
+        options.password = &server()["READER_PW"];
+        return options;
     }
-    /// Where it is known what the certificate is for, a session that may bind.
-    static DirectorySession newSession()
+    static SessionOptions secureOptions(TlsPolicy const& tls) { return options(true, tls); }
+    /// The same by TLS if the server needs it, so that one may bind.
+    static SessionOptions options()
     {
-        return DirectorySession(server().description(), server().host(), policy(TlsVerify::full));
+        return options(server().needsTls(), policy(TlsVerify::full));
     }
-    static Verdict bind(DirectorySession& session, std::string const& password)
+    /// A search for one person.
+    static Counted personBelow(std::string const& base, Session& session)
     {
-        Verdict const connected = session.connect(soon());
-        return connected.isGood() ? session.bind(server()["READER_DN"], password, soon())
-                                  : connected;
-    }
-    static Verdict bind(DirectorySession& session) { return bind(session, server()["READER_PW"]); }
-    static LDAPSearch::Parameter onePerson()
-    {
-        return searchFor(server()["PEOPLE"], "(mail=user0000001@corp.test)");
+        SearchRequest request;
+        request.base = base;
+        return answerOn(session, request, "(mail=user0000001@corp.test)");
     }
 };
 
 TEST_F(SessionOnAServer, VerifiesChainAndName)
 {
     for (TlsVerify const verify : {TlsVerify::none, TlsVerify::chain, TlsVerify::full}) {
-        DirectorySession session = secureSession(policy(verify));
+        Session session(secureOptions(policy(verify)));
 
-        Verdict const verdict = bind(session);
+        Verdict const verdict = session.reach(Step::bind, soon());
 
         EXPECT_EQ(verdict.text, "");
-        EXPECT_EQ(answerOn(session, onePerson()).entries, 1);
-        EXPECT_THAT(session.tlsVersion(), MatchesRegex("TLSv?1\\.[23]"));
+        EXPECT_EQ(personBelow(server()["PEOPLE"], session).entries, 1);
+        EXPECT_THAT(session.tlsVersion(), MatchesRegex("TLS1\\.[23]"));
         measured("tls", session.tlsVersion() + ", " + session.tlsCipher());
     }
 }
 
 TEST_F(SessionOnAServer, RefusesTheCertificateOfAnotherAuthority)
 {
-    DirectorySession session =
-        secureSession(policy(TlsVerify::chain, TestedServer::second()["CA_FILE"]));
+    Session session(secureOptions(policy(TlsVerify::chain, TestedServer::second()["CA_FILE"])));
 
-    Verdict const verdict = session.connect(soon());
+    Verdict const verdict = session.reach(Step::handshake, soon());
 
     EXPECT_EQ(verdict.outcome, Outcome::Refused);
     EXPECT_EQ(verdict.code, -11);
@@ -112,9 +135,12 @@ TEST_F(SessionOnAServer, RefusesTheCertificateOfAnotherAuthority)
 
 TEST_F(SessionOnAServer, RefusesTheCertificateForAnotherHost)
 {
-    DirectorySession session = secureSession(policy(TlsVerify::full), "ldap.example.test");
+    SessionOptions other = secureOptions(policy(TlsVerify::full));
+    other.addresses = {Address::parse(other.host, other.port).value()};
+    other.host = "ldap.example.test";
+    Session session(other);
 
-    Verdict const verdict = session.connect(soon());
+    Verdict const verdict = session.reach(Step::handshake, soon());
 
     EXPECT_EQ(verdict.outcome, Outcome::Refused);
     EXPECT_EQ(verdict.code, -11);
@@ -123,9 +149,12 @@ TEST_F(SessionOnAServer, RefusesTheCertificateForAnotherHost)
 
 TEST_F(SessionOnAServer, KeepsCodeAndTextOfARefusedBind)
 {
-    DirectorySession session = newSession();
+    std::string const wrong = "guess";
+    SessionOptions guessing = options();
+    guessing.password = &wrong;
+    Session session(guessing);
 
-    Verdict const verdict = bind(session, "guess");
+    Verdict const verdict = session.reach(Step::bind, soon());
 
     measured("wrong_password", verdict.code);
     measured("wrong_password_text", verdict.text.substr(verdict.text.find("(49)") + 4));
@@ -137,10 +166,9 @@ TEST_F(SessionOnAServer, KeepsCodeAndTextOfARefusedBind)
 
 TEST_F(SessionOnAServer, LearnsWhoItIsWhereTheServerSays)
 {
-    DirectorySession session = newSession();
-    bind(session);
+    Session session(options());
 
-    Verdict const verdict = session.confirmIdentity(soon());
+    Verdict const verdict = session.reach(Step::identify, soon());
 
     bool const isConfirmed = session.identity() == Identity::Confirmed;
     measured("who_am_i", isConfirmed ? session.authorizationId() : "");
@@ -155,11 +183,12 @@ TEST_F(SessionOnAServer, LearnsWhoItIsWhereTheServerSays)
 
 TEST_F(SessionOnAServer, StaysUnconfirmedInProtocolVersionTwo)
 {
-    DirectorySession session(server().description(LDAPConnection::V2), server().host(),
-                             policy(TlsVerify::full));
-    ASSERT_EQ(bind(session).code, server().number("VERSION_2"));
+    SessionOptions versionTwo = options();
+    versionTwo.version = 2;
+    Session session(versionTwo);
+    ASSERT_EQ(session.reach(Step::bind, soon()).code, server().number("VERSION_2"));
 
-    Verdict const verdict = session.confirmIdentity(soon());
+    Verdict const verdict = session.reach(Step::identify, soon());
 
     EXPECT_TRUE(verdict.isGood()) << verdict.text;
     EXPECT_EQ(session.identity(), Identity::Unconfirmed);
@@ -167,11 +196,13 @@ TEST_F(SessionOnAServer, StaysUnconfirmedInProtocolVersionTwo)
 
 TEST_F(SessionOnAServer, GetsNoMoreEntriesThanItsLimitWhereTheServerKeepsIt)
 {
-    DirectorySession session = newSession();
-    bind(session);
-    session.limits(5, 0);
+    Session session(options());
+    session.reach(Step::bind, soon());
+    SearchRequest request;
+    request.base = server()["ESCAPES"];
+    request.entryLimit = 5;
 
-    Counted const counted = answerOn(session, searchFor(server()["ESCAPES"], "(objectClass=*)"));
+    Counted const counted = answerOn(session, request, "(objectClass=*)");
 
     measured("client_limit", counted.code);
     measured("client_limit_entries", counted.entries);
@@ -181,13 +212,11 @@ TEST_F(SessionOnAServer, GetsNoMoreEntriesThanItsLimitWhereTheServerKeepsIt)
 
 TEST_F(SessionOnAServer, GetsReferencesFromTheTopOnly)
 {
-    DirectorySession session = newSession();
-    bind(session);
-    auto top = onePerson();
-    top.baseDN = server()["BASE_DN"];
+    Session session(options());
+    session.reach(Step::bind, soon());
 
-    Counted const fromTheTop = answerOn(session, top);
-    Counted const fromThePeople = answerOn(session, onePerson());
+    Counted const fromTheTop = personBelow(server()["BASE_DN"], session);
+    Counted const fromThePeople = personBelow(server()["PEOPLE"], session);
 
     measured("references_from_the_top", fromTheTop.references);
     EXPECT_EQ(fromTheTop.code, 0);
@@ -199,8 +228,8 @@ TEST_F(SessionOnAServer, GetsReferencesFromTheTopOnly)
 
 TEST_F(SessionOnAServer, IsStaleAfterTheServerStartedAgain)
 {
-    DirectorySession session = newSession();
-    bind(session);
+    Session session(options());
+    session.reach(Step::bind, soon());
     bool const wasFresh = session.isFresh();
 
     server().kill();

@@ -134,11 +134,6 @@ LDAPConnection::RefServer TestedServer::plainDescription() const
     return description(LDAPConnection::V3, false);
 }
 
-LDAPConnection::RefServer TestedServer::secureDescription(LDAPConnection::Protocol version) const
-{
-    return description(version, true);
-}
-
 LDAPConnection TestedServer::bound() const
 {
     LDAPConnection connection(description(), false);

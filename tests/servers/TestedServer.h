@@ -3,7 +3,6 @@
 #define SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
 
 #include <solvane/ldap.h>
-#include <solvane/lookup/DirectorySession.h>
 #include <solvane/lookup/LDAPLookup.h>
 
 #include <gtest/gtest.h>
@@ -44,8 +43,6 @@ public:
     Solvane::LDAPConnection::RefServer
     description(Solvane::LDAPConnection::Protocol version = Solvane::LDAPConnection::V3) const;
     Solvane::LDAPConnection::RefServer plainDescription() const;
-    Solvane::LDAPConnection::RefServer secureDescription(
-        Solvane::LDAPConnection::Protocol version = Solvane::LDAPConnection::V3) const;
     /// A new connection, bound as the reader.
     Solvane::LDAPConnection bound() const;
 

@@ -6,6 +6,8 @@ BEGIN, END = "<!-- soak -->", "<!-- /soak -->"
 WAYS = {
     "engine-balancer": "engine, balancer",
     "engine-list": "engine, list of both servers",
+    "engine-name": "engine, name with a dead address",
+    "engine-spoiled": "engine, list with a spoiling server",
     "pool-balancer": "pool, balancer",
 }
 KINDS = {
@@ -18,13 +20,15 @@ KINDS = {
 
 ABOUT = f"""\
 `scripts/soak` runs lookups in many threads while it kills, pauses and restarts two replicated servers at
-random, and the balancer closes idle connections. A third of the threads uses the engine through the
-balancer, a third the engine with both servers in its list, a third the pool through the balancer. Four of
-five lookups are for an existing user, and the answer must be that user. The fifth is for an address that
-does not exist. The run fails on a wrong answer, a leaked descriptor, growing memory, or more than
+random, and the balancer closes idle connections. Each of these is used by a fifth of the threads: the
+engine through the balancer; the engine with both servers in its list; the engine with the balancer under
+a name of two addresses, one of which refuses connections; the engine with three servers in its list, of
+which the first takes every bind and spoils every search; the pool through the balancer. Four of five
+lookups are for an existing user, and the answer must be that user. The fifth is for an address that does
+not exist. The run fails on a wrong answer, a leaked descriptor, growing memory, or more than
 {judgement.LONGEST_STRETCH:.0f} s without any answer while a server is up. The settings are harsher than
 [the guide](guide/replicas.md#the-library) recommends: a network timeout of 1 s, a deadline of 5 s, and
-only the balancer as the server of the first and the last third.
+without a list only the balancer as the server.
 """
 
 

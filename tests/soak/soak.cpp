@@ -5,6 +5,7 @@
 // on standard error when the load begins. Exit status: 0 the load was put on, whatever came of it; 2 it
 // was not. soak.py starts the servers, makes them fail meanwhile, and judges.
 #include "Load.h"
+#include "Surroundings.h"
 
 #include <CLI/CLI.hpp>
 #include <rapidjson/stringbuffer.h>
@@ -41,6 +42,9 @@ Options optionsFrom(CLI::App& program, int count, char** arguments)
     program.add_option("--users", options.load.users)->check(CLI::PositiveNumber);
     program.add_option("--seed", options.load.seed);
     program.add_option("--connections", options.connections)->check(CLI::PositiveNumber);
+    program.add_option("--way", options.ways)
+        ->check(CLI::IsMember(
+            {"engine-balancer", "engine-list", "engine-name", "engine-spoiled", "pool-balancer"}));
     program.add_option("--bind-dn", options.bindDn)->required();
     program.add_option("--base", options.load.base)->required();
     program.add_option("--balancer", options.balancer)->required();
@@ -73,15 +77,46 @@ Solvane::LDAPLookup::Settings settingsFor(Options const& options,
     return settings;
 }
 
-std::vector<Party> partiesFor(Options const& options)
-{
-    auto const balanced = settingsFor(options, {options.balancer});
+/// The ways that are used, and what they have around them.
+struct Load {
+    std::unique_ptr<HalfDeadName> name;
+    std::unique_ptr<SpoilingServer> spoiling;
     std::vector<Party> parties;
-    parties.push_back({"engine-balancer", std::make_unique<EngineWay>(balanced)});
-    parties.push_back(
-        {"engine-list", std::make_unique<EngineWay>(settingsFor(options, options.providers))});
-    parties.push_back({"pool-balancer", std::make_unique<PoolWay>(balanced)});
-    return parties;
+};
+
+Load loadFor(Options const& options)
+{
+    auto const isUsed = [&](char const* way) {
+        return options.ways.empty() ||
+               std::find(options.ways.begin(), options.ways.end(), way) != options.ways.end();
+    };
+    Load load;
+    auto const balanced = settingsFor(options, {options.balancer});
+    if (isUsed("engine-balancer")) {
+        load.parties.push_back({"engine-balancer", std::make_unique<EngineWay>(balanced)});
+    }
+    if (isUsed("engine-list")) {
+        load.parties.push_back(
+            {"engine-list", std::make_unique<EngineWay>(settingsFor(options, options.providers))});
+    }
+    if (isUsed("engine-name")) {
+        load.name = std::make_unique<HalfDeadName>();
+        auto named = balanced;
+        named.servers.front().host = HalfDeadName::name;
+        named.nameServers = {load.name->nameServer()};
+        load.parties.push_back({"engine-name", std::make_unique<EngineWay>(named)});
+    }
+    if (isUsed("engine-spoiled")) {
+        load.spoiling = std::make_unique<SpoilingServer>();
+        std::vector<unsigned int> ports = options.providers;
+        ports.insert(ports.begin(), load.spoiling->port());
+        load.parties.push_back(
+            {"engine-spoiled", std::make_unique<EngineWay>(settingsFor(options, ports))});
+    }
+    if (isUsed("pool-balancer")) {
+        load.parties.push_back({"pool-balancer", std::make_unique<PoolWay>(balanced)});
+    }
+    return load;
 }
 
 std::size_t openDescriptors()
@@ -176,9 +211,9 @@ std::string soak(Options const& options)
     std::uint64_t const before = openDescriptors();
     LoadReport report;
     {
-        std::vector<Party> const parties = partiesFor(options);
+        Load const load = loadFor(options);
         std::cerr << "load begins" << std::endl;
-        report = putLoadOn(parties, options.load);
+        report = putLoadOn(load.parties, options.load);
     }
     rapidjson::StringBuffer text;
     Json json(text);

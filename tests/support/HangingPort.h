@@ -4,23 +4,28 @@
 
 #include "Descriptor.h"
 
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <cstdint>
 #include <memory>
 #include <vector>
 
 namespace SolvaneTest {
 
-/// Listens on a free port of 127.0.0.1 with a queue that is full: the kernel drops what else comes.
+/// Listens with a queue that is full: the kernel drops what else comes.
 class HangingPort {
 public:
-    HangingPort() : m_listener(newSocket(0)), m_number(0)
+    /// @param port  0: a free one
+    explicit HangingPort(char const* host = "127.0.0.1", unsigned int port = 0)
+        : m_listener(newSocket(0)), m_number(0)
     {
         sockaddr_in address = {};
         address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address.sin_port = htons(static_cast<std::uint16_t>(port));
+        checked(inet_pton(AF_INET, host, &address.sin_addr), "inet_pton");
         socklen_t length = sizeof address;
         auto* const any = reinterpret_cast<sockaddr*>(&address);
         checked(bind(m_listener.number(), any, length), "bind");

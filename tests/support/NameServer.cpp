@@ -116,6 +116,13 @@ void NameServer::fail(unsigned int code)
     m_code = code;
 }
 
+void NameServer::recover()
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_isSilent = false;
+    m_code = 0;
+}
+
 std::vector<std::string> NameServer::asked() const
 {
     std::lock_guard<std::mutex> const lock(m_mutex);

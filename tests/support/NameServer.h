@@ -33,6 +33,8 @@ public:
     void fallSilent();
     /// Answers every question with this code (RFC 1035 section 4.1.1), as 2 for a server failure.
     void fail(unsigned int code);
+    /// Answers again as it should.
+    void recover();
 
     /// The names that were asked for, each question one.
     std::vector<std::string> asked() const;
