@@ -1,4 +1,4 @@
-// Requests turned into OpenLDAP's arguments. Part of unit "Attribute".
+// The arguments of OpenLDAP's functions. Part of unit "Attribute".
 #include <solvane/ldap/impl/LDAPAdapters.h>
 
 #include <solvane/ldap/impl/LDAPAddImpl.h>
@@ -23,7 +23,7 @@ constexpr ThrowSite toDeref   { unit,  605, Fault::invalidInput, Stage::general 
 } // namespace at
 // clang-format on
 
-/// `number` if OpenLDAP knows it, from 0 to `last`.
+/// Returns `number` if it is between 0 and `last`, the numbers that OpenLDAP defines.
 int checked(int number, int last, ThrowSite const& site)
 {
     if (number < 0 || number > last) {
@@ -32,8 +32,8 @@ int checked(int number, int last, ThrowSite const& site)
     return number;
 }
 
-/// The texts of attribute types as OpenLDAP takes them, null for none. Empty texts are left out,
-/// and the slots at the end are null instead.
+/// The texts of attribute types as a null-terminated array; null if there are none. Empty texts are
+/// skipped, which leaves more null slots at the end.
 std::unique_ptr<char* []> attributeTexts(std::list<LDAPAttributeType> const& attributes) {
     if (attributes.empty()) {
         return nullptr;
@@ -43,7 +43,7 @@ std::unique_ptr<char* []> attributeTexts(std::list<LDAPAttributeType> const& att
     for (LDAPAttributeType const& attribute : attributes) {
         std::string const& text = attribute.asString();
         if (!text.empty()) {
-            texts[next++] = const_cast<char*>(text.c_str()); // OpenLDAP reads only
+            texts[next++] = const_cast<char*>(text.c_str()); // OpenLDAP only reads them
         }
     }
     return texts;
@@ -91,14 +91,14 @@ LDAPSearch::Deref LDAPSearchAdapter::toDeref(int deref)
     return static_cast<LDAPSearch::Deref>(checked(deref, LDAP_DEREF_ALWAYS, at::toDeref));
 }
 
-// Modifications. OpenLDAP takes pointers to what it only reads as if it might write.
+// Modifications. OpenLDAP's interface lacks const for what it only reads.
 
 namespace {
 
-/// A null-terminated array of `count` entries, all of them null yet.
+/// A null-terminated array of `count` entries, all null.
 template <typename T> T** newArray(std::uint64_t count) { return new T*[count + 1](); }
 
-/// Deletes the entries of an array, up to `count` or to the first null one.
+/// Deletes the entries of an array, up to `count` or the first null entry.
 template <typename T> void deleteEntries(T** entries, std::uint64_t count)
 {
     for (std::uint64_t i = 0; i != count && entries[i] != nullptr; ++i) {

@@ -1,4 +1,4 @@
-// The add request: creation of one entry.
+// The add request.
 #include <solvane/ldap/LDAPRequest.h>
 
 #include <solvane/ldap/impl/LDAPAdapters.h>
@@ -31,7 +31,8 @@ constexpr ThrowSite waitWrapped       { unit,  137, Fault::failed,     Stage::bi
 } // namespace at
 // clang-format on
 
-/// The body of an add's handle. Another request's, assigned through the base class, is a bad_cast.
+/// The body of an add's handle. Throws std::bad_cast for the body of another request, which can be
+/// assigned through the base class.
 LDAPAddImpl& addOf(BodyReference<LDAPRequestImpl> const& handle, ThrowSite const& site)
 {
     return dynamic_cast<LDAPAddImpl&>(bodyOf(handle, site));
@@ -99,7 +100,7 @@ void LDAPAddImpl::send()
 
 bool LDAPAddImpl::wait(unsigned int timeout)
 {
-    // Callers see one place for whatever goes wrong here; the cause says what it was.
+    // Callers see one place for every failure; the cause says which it was.
     return wrappingAs(at::waitWrapped, [&] { return collect(timeout); });
 }
 

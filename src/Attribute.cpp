@@ -43,21 +43,21 @@ std::string trimmed(std::string text)
     return text;
 }
 
-/// The mutex that guards what the const operations of a body make and keep. Bodies share a few, so
-/// that none carries one. Held while a text is looked for and made; nothing else is locked meanwhile.
+/// The mutex that guards the caches of a body's const operations. Bodies share a few mutexes, which
+/// saves memory in each. No other lock is taken while one is held.
 std::mutex& cacheLockOf(void const* body)
 {
     struct alignas(64) Slot { // a cache line
         std::mutex mutex;
     };
-    constexpr std::size_t count = 61; // prime: bodies lie at even distances
+    constexpr std::size_t count = 61; // prime: body addresses are multiples of a power of two
     static Slot slots[count];
     return slots[reinterpret_cast<std::uintptr_t>(body) / alignof(std::max_align_t) % count].mutex;
 }
 
 using CacheLock = std::lock_guard<std::mutex>;
 
-// What the binary flag of a description says.
+// Values of the binary flag of a description.
 constexpr unsigned int undecided = 0;
 constexpr unsigned int binary = 1;
 constexpr unsigned int notBinary = 2;
@@ -117,8 +117,8 @@ LDAPAttributeTypeImpl::~LDAPAttributeTypeImpl() = default;
 void LDAPAttributeTypeImpl::parse(std::string const& text)
 {
     std::string rest = trimmed(text);
-    // The position counts from the untrimmed text's start, the cut from the trimmed one's: callers
-    // that pass leading blanks rely on what comes of it.
+    // The position is in the untrimmed text, but the trimmed text is split there. Callers that pass
+    // leading blanks rely on the result.
     std::string::size_type const end = text.find(';');
     if (end == std::string::npos) {
         m_textForm = rest;
@@ -260,7 +260,7 @@ LDAPAttributeImpl::~LDAPAttributeImpl() = default;
 void LDAPAttributeImpl::type(LDAPAttributeType const& type) { m_type = type; }
 void LDAPAttributeImpl::type(LDAPAttributeType&& type) { m_type = std::move(type); }
 
-// The setters leave the cached texts alone: what value() has answered once, it goes on answering.
+// The setters do not change the cached texts: value() always returns its first result.
 
 void LDAPAttributeImpl::value(std::string const& text)
 {
@@ -285,7 +285,7 @@ std::list<std::string> const& LDAPAttributeImpl::value() const
 {
     CacheLock const lock(cacheLockOf(this));
     if (m_textValues.empty() && !m_values.empty()) {
-        std::list<std::string> made; // a cache half built would be taken for a whole one
+        std::list<std::string> made; // an incomplete cache would look complete
         for (Buffer const& bytes : m_values) {
             made.emplace_back(reinterpret_cast<char const*>(bytes.data()), bytes.length());
         }
@@ -306,7 +306,7 @@ std::string const& LDAPAttributeImpl::asString(char separator) const
         first = false;
     }
     CacheLock const lock(cacheLockOf(this));
-    if (m_textForm != joined) { // else another thread may be reading it
+    if (m_textForm != joined) { // unchanged text stays: another thread may read it
         m_textForm = std::move(joined);
     }
     return m_textForm;
@@ -379,7 +379,7 @@ LDAPAttribute LDAPAttributeContainerImpl::find(LDAPAttributeType const& type) co
         return LDAPAttribute();
     }
     LDAPAttribute const& first = attributes().front();
-    // Volatile: without an observable step in it, the compiler may take the loop as one that ends.
+    // Volatile, because the compiler may assume that a loop without side effects ends.
     bool volatile searching = true;
     while (searching) {
         searching = !(type == first.type());

@@ -66,11 +66,11 @@ constexpr TraceSite brokenPipe             { traceUnit,  477, "isValid",        
 } // namespace at
 // clang-format on
 
-/// OpenLDAP copies the process-wide TLS policy into each new session without a lock of its own.
+/// Guards OpenLDAP's process-wide TLS policy, which it copies into each new session without a lock.
 std::mutex g_processDefaults;
 
-/// Has OpenLDAP set TLS up while no other thread does: by itself it does so at the first handshake,
-/// without a lock. Called with g_processDefaults held.
+/// Initialises OpenLDAP's TLS library. OpenLDAP itself does it at the first handshake, without a lock.
+/// Called with g_processDefaults held.
 void initializeTls()
 {
     static bool isInitialized = false;
@@ -79,7 +79,7 @@ void initializeTls()
     }
 }
 
-/// A message for the operator: number 6 of the catalogue is plain text.
+/// Writes a message for the operator; number 6 of the catalogue is plain text.
 void log(std::string const& text)
 {
     Logger::instance(false).log(0x30000, 0, "%d\x01%s", 6, text.c_str());
@@ -108,8 +108,8 @@ LDAPConnection::Server::Server(std::string const& host, unsigned int port, Proto
 
 LDAPConnection::Server::~Server() = default;
 
-/// The URI with the address in brackets, also an IPv4 one. Not the name: OpenLDAP would resolve it
-/// again for each connect.
+/// The URI with the address in brackets, even an IPv4 address. With the name, OpenLDAP would resolve
+/// it again at each connect.
 std::string LDAPConnection::Server::uriText() const
 {
     auto const around = [this](std::string const& address) {
@@ -232,8 +232,8 @@ bool LDAPConnection::bindWait(unsigned int timeoutSeconds)
         int const rc = ldap_result(body.session(), body.m_bindMessageId, LDAP_MSG_ONE, &timeout,
                                    message.address());
         int const error = errno;
-        // A wait that runs out counts as a completed bind: a dead session shows itself in the
-        // search that follows, and callers rely on getting the connection.
+        // A wait that runs out counts as bound: the next search fails on a dead session, and callers
+        // rely on getting the connection.
         if (rc == 0) {
             return true;
         }
@@ -265,7 +265,7 @@ LDAPConnectionImpl::LDAPConnectionImpl(LDAPConnection::RefServer const& server, 
     try {
         setSessionOptions();
     } catch (...) {
-        LDAPConnectionImpl::unbind(); // no destructor runs for a body that was never finished
+        LDAPConnectionImpl::unbind(); // the destructor does not run if the constructor throws
         throw;
     }
 }
@@ -285,8 +285,8 @@ void LDAPConnectionImpl::initializeSession()
                   static_cast<int>(m_server->networkTimeout));
     std::lock_guard<std::mutex> const lock(g_processDefaults);
     if (m_server->secure) {
-        // The session's own host name check is copied from the defaults right here; set later, the
-        // policy would not reach the first secure session of a process.
+        // ldap_initialize copies the defaults into the session, including the host name check. If
+        // the policy were set later, the first secure session of the process would not get it.
         int policy = LDAP_OPT_X_TLS_ALLOW;
         ldap_set_option(nullptr, LDAP_OPT_X_TLS_REQUIRE_CERT, &policy);
         initializeTls();
@@ -313,7 +313,7 @@ void LDAPConnectionImpl::setSessionOptions()
     setOption(LDAP_OPT_CONNECT_CB, m_guard->callback());
 }
 
-/// Asks for the server's certificate and takes a bad or missing one, for the whole process.
+/// Requests the server's certificate and accepts an invalid or missing one, process-wide.
 void LDAPConnectionImpl::allowAnyCertificate()
 {
     std::lock_guard<std::mutex> const lock(g_processDefaults);
@@ -328,7 +328,7 @@ void LDAPConnectionImpl::allowAnyCertificate()
 
 int LDAPConnectionImpl::unbind()
 {
-    // OpenLDAP frees the session: it must never see the pointer again.
+    // OpenLDAP frees the session: the pointer must not be passed to it again.
     if (session() == nullptr) {
         return 0;
     }
@@ -394,7 +394,7 @@ void LDAPConnectionImpl::maximumMessageSize(unsigned long bytes)
     m_guard->maximumMessageBytes(bytes);
 }
 
-/// Hands the bind to OpenLDAP as m_bindMode says. The result is OpenLDAP's.
+/// Sends the bind in the mode m_bindMode. Returns OpenLDAP's result code.
 int LDAPConnectionImpl::sendSimpleBind()
 {
     Buffer dn;
@@ -419,7 +419,7 @@ int LDAPConnectionImpl::sendSimpleBind()
     return rc;
 }
 
-/// Reads a message into the bind result. True when it says that the bind succeeded.
+/// Decodes a message into the bind result. Returns whether the bind succeeded.
 bool LDAPConnectionImpl::takeBindResponse(LDAPMessageBuffer& message)
 {
     if (m_bindResult.isNull()) {

@@ -1,4 +1,10 @@
-// The pool of bound connections. Part of unit "Connection".
+// The connection pool. Part of unit "Connection".
+//
+// A connection is in the list from the time it is opened until it expires or is found invalid; its
+// in-use marker, a semaphore of one token, says whether it is checked out. Under the lock, a checkout
+// only walks the list: it takes the marker of the first match that is idle and valid. Connecting and
+// binding happen without the lock, and so does destroying dropped connections, because the last
+// handle sends an unbind.
 #include <solvane/ldap/LDAPConnection.h>
 
 #include <solvane/ldap/impl/LDAPConnectionImpl.h>
@@ -29,7 +35,7 @@ constexpr TraceSite clearing              { traceUnit,  664, "clear",         Tr
 } // namespace at
 // clang-format on
 
-/// Gives the in-use marker of a connection taken for the caller back unless it was passed on.
+/// Releases the in-use marker of a connection, unless the connection reaches the caller.
 class MarkerGuard : public NonCopyable {
 public:
     explicit MarkerGuard(Semaphore& marker) : m_marker(&marker) {}
@@ -47,14 +53,14 @@ private:
 
 } // namespace
 
-/// What a lookup asks for.
+/// What a checkout asks for.
 struct LDAPConnectionCache::Wanted {
     LDAPConnection::RefServer const& server;
     bool anonymous;
     std::string const& dn;
     std::string const& password;
 
-    /// Whether the connection serves and is idle; if so, it is taken for the caller.
+    /// Whether the connection matches and is idle; if so, marks it as in use.
     bool takes(LDAPConnectionImpl& body) const
     {
         return body.m_server->uri == server->uri &&
@@ -85,13 +91,13 @@ LDAPConnection LDAPConnectionCache::getConnection(LDAPConnection::RefServer cons
     });
 }
 
-/// The first idle and valid connection of the kind wanted, taken for the caller; else a null
-/// handle. A lookup with credentials drops first what has expired.
+/// Checks out the first match that is idle and valid; returns a null handle if there is none. With
+/// credentials, it first drops expired connections.
 LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
 {
-    std::list<LDAPConnection> removed; // let go after unlocking: the last handle writes an unbind
+    std::list<LDAPConnection> removed; // destroyed after unlocking: sends an unbind
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
-    // Not before the lock: an expiry would be as old as the wait for it.
+    // Read under the lock, because waiting for the lock may take long.
     long const now = time(nullptr);
     if (!wanted.anonymous) {
         removeExpired(now, removed);
@@ -111,7 +117,7 @@ LDAPConnection LDAPConnectionCache::takeCached(Wanted const& wanted)
             continue;
         }
         MarkerGuard marker(body.m_available);
-        LDAPConnection hit(*current); // may run out of memory: the marker must not be lost
+        LDAPConnection hit(*current); // may throw std::bad_alloc: the marker must not be lost
         body.extendExpiryTime(now);
         m_cacheHits.increment();
         if (!wanted.anonymous) {
@@ -142,7 +148,7 @@ LDAPConnection LDAPConnectionCache::openBound(LDAPConnection::RefServer const& s
     if (!connection.bindWait(server->networkTimeout)) {
         return LDAPConnection();
     }
-    // Another thread may have opened one like it meanwhile: both are kept, neither has waited.
+    // Another thread may have opened a connection to the same server; the pool keeps both.
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
     m_connections.push_back(connection);
     m_cacheSize.increment();
@@ -160,7 +166,7 @@ void LDAPConnectionCache::connections(std::list<LDAPConnection::RefServer>& serv
 
 void LDAPConnectionCache::clear()
 {
-    std::list<LDAPConnection> removed; // let go after unlocking
+    std::list<LDAPConnection> removed; // destroyed after unlocking
     boost::unique_lock<boost::shared_mutex> const lock(m_lock);
     SOLVANE_TRACE(at::clearing, "tid=%d: Clear the cache", gettid());
     removed.swap(m_connections);

@@ -32,7 +32,7 @@ int DebugLogOpenLDAP::switchOn(int berLevel, int ldapLevel)
 {
     if (m_file == nullptr) {
         m_file = fopen(logPath, "w");
-        // Passed on as it is: without a file, liblber keeps to its default stream.
+        // May be null: without a file, liblber uses its default stream.
         ber_set_option(nullptr, LBER_OPT_LOG_PRINT_FILE, m_file);
     }
     return setLevels(berLevel, ldapLevel);
@@ -44,7 +44,7 @@ int DebugLogOpenLDAP::switchOff(int berLevel, int ldapLevel)
     if (m_file == nullptr) {
         return rc;
     }
-    // Sessions made while debugging was on keep their level: they must not print to a closed file.
+    // Sessions created while debugging was on keep their level and must not print to a closed file.
     ber_set_option(nullptr, LBER_OPT_LOG_PRINT_FILE, stderr);
     int const closed = fclose(m_file);
     m_file = nullptr;

@@ -1,4 +1,4 @@
-// Release calls and conversions of the owners of OpenLDAP memory.
+// Owners of OpenLDAP memory: freeing and conversions.
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
@@ -23,7 +23,7 @@ template <typename T> T* allocated(std::size_t bytes)
     return static_cast<T*>(memory);
 }
 
-/// A value of length 0 without bytes. The system's allocator is OpenLDAP's, so ber_bvfree fits.
+/// A value of length 0 without bytes. OpenLDAP uses the system's allocator, so ber_bvfree can free it.
 berval* emptyValue()
 {
     berval* const value = allocated<berval>(sizeof(berval));
@@ -32,8 +32,7 @@ berval* emptyValue()
     return value;
 }
 
-/// A value that adopts a copy of the text; its length is that of the text up to its first zero
-/// byte.
+/// A value that owns a copy of the text up to its first zero byte.
 berval* valueOf(std::string const& text)
 {
     char* const copy = allocated<char>(text.size() + 1);
@@ -44,7 +43,7 @@ berval* valueOf(std::string const& text)
         std::free(copy);
         throw std::bad_alloc();
     }
-    return value; // NOLINT(clang-analyzer-unix.Malloc): it has adopted the copy
+    return value; // NOLINT(clang-analyzer-unix.Malloc): it owns the copy
 }
 
 } // namespace

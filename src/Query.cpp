@@ -1,4 +1,4 @@
-// The query driver: one lookup as a state machine.
+// Queries: one lookup as a state machine.
 #include <solvane/ldap/LDAPQuery.h>
 
 #include <algorithm>
@@ -9,7 +9,7 @@ namespace Solvane {
 
 namespace {
 
-/// What a query allows beyond its caller's timeout, in seconds.
+/// Seconds that a query adds to the caller's timeout.
 constexpr unsigned int grace = 2;
 
 /// The time left until the deadline as a timeout; both in seconds.

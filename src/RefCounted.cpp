@@ -1,4 +1,4 @@
-// Reference counting: the body base, and the instances for the library's bodies.
+// Reference counting: the base of bodies, and the template instances for the library's bodies.
 #include <solvane/ldap/RefCounted.h>
 
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
@@ -13,7 +13,7 @@ Counter::~Counter() = default;
 
 RefImpl::RefImpl() : m_count(1) {}
 RefImpl::RefImpl(RefImpl const&) : m_count(1) {}
-// The references are to the body, not to what it holds: an assignment leaves them.
+// References are to the body, not to its contents: assignment does not change the count.
 // NOLINTNEXTLINE(bugprone-unhandled-self-assignment)
 RefImpl& RefImpl::operator=(RefImpl const&) { return *this; }
 RefImpl::~RefImpl() = default;

@@ -1,4 +1,4 @@
-// Results: what the server's messages say, read into one object.
+// Results: decoding of the server's messages.
 #include <solvane/ldap/LDAPResult.h>
 
 #include <solvane/ldap/LDAPConnection.h>
@@ -34,7 +34,7 @@ constexpr ThrowSite unreadableReference { unit,  646, Fault::failed,       Stage
 } // namespace at
 // clang-format on
 
-/// What `resultType` stores for an OpenLDAP message type.
+/// The value of `resultType` for an OpenLDAP message type.
 int resultTypeOf(int messageType)
 {
     switch (static_cast<ber_tag_t>(messageType)) {
@@ -178,7 +178,7 @@ void LDAPResultImpl::parseMessage(LDAPMessageBuffer& message)
     });
 }
 
-/// OpenLDAP ends the process when it is handed no session.
+/// Throws without a session, because OpenLDAP would abort the process.
 void LDAPResultImpl::requireSession() const
 {
     if (m_context == nullptr) {
@@ -235,7 +235,7 @@ void LDAPResultImpl::parseListResultEntry(LDAPMessageBuffer& chain)
         }
         LDAPMessage* message = ldap_first_message(m_context, chain.get());
         while (message != nullptr) {
-            // The type is the first message's: chains of one are all that a search ever passes.
+            // The type of the first message is assumed for all; searches pass one message at a time.
             int const type = ldap_msgtype(chain.get());
             if (!isListed(type)) {
                 throw fault(at::notAnEntry);
@@ -250,13 +250,12 @@ void LDAPResultImpl::parseListResultEntry(LDAPMessageBuffer& chain)
     });
 }
 
-/// Appends the entry of a message, and steps to the message behind it. The position and the DN are
-/// given back after that step.
+/// Appends the entry of a message and returns the next message.
 LDAPMessage* LDAPResultImpl::parseEntry(LDAPMessage* message)
 {
     LDAPCharBuffer dn;
     *dn.address() = ldap_get_dn(m_context, message);
-    // Built in the node in which it stays, and appended once it is whole.
+    // Built in its final list node, and appended when it is complete.
     std::list<LDAPSearchResultEntry> entry;
     entry.emplace_back(dn.get() == nullptr ? std::string() : std::string(dn.get()));
 
@@ -287,7 +286,7 @@ void LDAPResultImpl::parseSearchReference(LDAPMessageBuffer& chain)
     if (rc != LDAP_SUCCESS) {
         throw fault(at::unreadableReference, ldap_err2string(rc));
     }
-    // Not followed and not kept: callers see the entries of the server they asked.
+    // References are neither followed nor kept: callers get the entries of the server they asked.
 }
 
 } // namespace Solvane

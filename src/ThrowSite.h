@@ -1,6 +1,6 @@
-// How the library reports: the places that throw and trace, as data, and the throw protocol.
+// The throw protocol: the places that throw and trace, as data.
 //
-// Each unit opens with a table of its sites; the code names rows and never a number.
+// Each unit begins with a table of its sites; the code refers to rows, never to numbers.
 #ifndef SOLVANE_LDAP_SRC_THROW_SITE_H
 #define SOLVANE_LDAP_SRC_THROW_SITE_H
 
@@ -16,15 +16,15 @@
 
 namespace Solvane {
 
-/// What kind of fault it is: an exception's code.
+/// The kind of fault: an exception's code.
 enum class Fault : int {
     nullHandle = 1,
-    refused = 1, ///< OpenLDAP does not take the request, or cannot read the response
+    refused = 1, ///< OpenLDAP refuses the request, or cannot parse the response
     invalidInput = 2,
     failed = 4
 };
 
-/// The stage of the LDAP work: an exception's type.
+/// The stage of the LDAP operation: an exception's type.
 enum class Stage : int {
     general = 0,
     unreachable = 1,
@@ -46,9 +46,9 @@ struct ThrowSite {
     constexpr ThrowSite as(Stage other) const { return ThrowSite{unit, line, fault, other}; }
 };
 
-/// The bits of the debug mask that switch a trace on; all of them must be set.
+/// The bits of the debug mask that enable a trace; all of them must be set.
 enum class Trace : unsigned int {
-    error = 0x80001,     ///< these begin with the thread's id
+    error = 0x80001,     ///< lines begin with the thread id
     connection = 0x80008 ///< connections opened, reused and expired; refused binds
 };
 
@@ -66,7 +66,7 @@ struct TraceSite {
     }
 };
 
-/// Writes a debug line; the arguments are not evaluated when the mask does not ask for it.
+/// Writes a debug line if the mask enables it; otherwise the arguments are not evaluated.
 #define SOLVANE_TRACE(site, ...)                                                                   \
     do {                                                                                           \
         if ((site).isWanted()) {                                                                   \
@@ -85,7 +85,7 @@ LDAPException fault(ThrowSite const& site, Exception const& caught);
 /// The detail text "Error: '...' during <work><uri>" of a failed OpenLDAP call.
 std::string openldapError(int rc, char const* work, std::string const& uri);
 
-/// The body of a handle, or the exception that a null handle gets.
+/// Returns the body of a handle; throws the site's exception for a null handle.
 template <typename T> T& bodyOf(BodyReference<T> const& handle, ThrowSite const& site)
 {
     if (handle.isNull()) {
@@ -94,7 +94,7 @@ template <typename T> T& bodyOf(BodyReference<T> const& handle, ThrowSite const&
     return *handle.body();
 }
 
-/// Runs `work`. An LDAPException passes; any other Exception becomes the cause of the site's.
+/// Runs `work`. An LDAPException passes through; any other Exception becomes the cause of the site's.
 template <typename Work> auto reportingAs(ThrowSite const& site, Work&& work)
 {
     try {
@@ -106,7 +106,7 @@ template <typename Work> auto reportingAs(ThrowSite const& site, Work&& work)
     }
 }
 
-/// Runs `work`. Every Exception, an LDAPException too, becomes the cause of the site's.
+/// Runs `work`. Every Exception, including LDAPException, becomes the cause of the site's.
 template <typename Work> auto wrappingAs(ThrowSite const& site, Work&& work)
 {
     try {

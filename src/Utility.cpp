@@ -73,8 +73,8 @@ void appendEscaped(std::string& text, std::string const& value)
     }
 }
 
-/// One expansion: the values, the template, and how far it has been read. A value is escaped into its
-/// place in the result: most templates insert one, once, and strings between would double the time.
+/// One expansion: the values, the template, and the position in it. Values are escaped directly into
+/// the result; most templates insert one value once, and a temporary string would double the time.
 class Expansion {
 public:
     Expansion(std::string const& query, std::string const& user, std::string const& domain,
@@ -152,7 +152,7 @@ private:
         m_result.append(m_template, from, dollar - from);
     }
 
-    /// What is appended from here on, up to `endExpansion`, is what a specifier inserts.
+    /// Marks the start of the text that a specifier inserts; `endExpansion` marks its end.
     void beginExpansion(std::string::size_type literal, std::string::size_type dollar)
     {
         copyLiteral(literal, dollar);
@@ -185,7 +185,7 @@ private:
         endExpansion();
     }
 
-    /// An empty domain becomes "#", which no domain is, instead of matching the empty value.
+    /// An empty domain becomes "#", which matches no domain, instead of an empty value.
     void insertDomain(std::string::size_type literal, std::string::size_type dollar)
     {
         if (!m_domain.empty()) {
@@ -195,7 +195,7 @@ private:
         m_result.append(1, '#');
     }
 
-    /// Text that only accompanies an absent value goes with it.
+    /// Inserts the value; if it is empty, deletes the text before the specifier.
     void insertOptional(std::string::size_type literal, std::string::size_type dollar,
                         std::string const& value)
     {
@@ -231,8 +231,8 @@ private:
         endExpansion();
     }
 
-    /// Drops the last characters of the result, whatever they are: after a "#" or a literal before
-    /// `$c` they are not the last expansion. Lengths are 32-bit here.
+    /// Deletes the last characters of the result, even if they are not the last expansion, as after a
+    /// "#" or a literal before `$c`. Lengths have 32 bits.
     void cutResultBy(std::string::size_type length)
     {
         std::int32_t const kept = static_cast<std::int32_t>(
@@ -245,11 +245,11 @@ private:
     std::string const& m_domain;
     std::string const& m_bValue;
     std::string const& m_gValue;
-    std::string m_template;            // without the blanks round it
-    std::string::size_type m_position; // behind the last specifier
+    std::string m_template;            // without surrounding blanks
+    std::string::size_type m_position; // after the last specifier
     std::string m_result;
-    // Where in the result the last specifier that inserted a value has put it. Whole: what is cut
-    // off the end of the result is as long, and never longer than what stands from there on.
+    // Position in the result, and length, of the value inserted last. What is cut off the end of the
+    // result has this length, and is never longer than what follows the position.
     std::string::size_type m_lastBegin;
     std::string::size_type m_lastLength;
 };

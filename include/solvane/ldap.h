@@ -2,7 +2,7 @@
 /// The whole public interface of the library.
 ///
 /// @namespace Solvane
-/// The object interface, `LDAPLookup` on top of it, and the runtime below.
+/// The object interface, `LDAPLookup` above it, and the runtime below.
 #ifndef SOLVANE_LDAP_H
 #define SOLVANE_LDAP_H
 
@@ -16,7 +16,7 @@
 #include <solvane/ldap/LDAPUtil.h>
 #include <solvane/ldap/RefCounted.h>
 
-// What of the runtime the interface above names.
+// The parts of the runtime that the interface uses.
 #include <solvart/Buffer.h>
 #include <solvart/EmailAddress.h>
 #include <solvart/Exception.h>

@@ -1,4 +1,4 @@
-// A run of bytes, held in a string for its inline storage.
+// A byte buffer, based on std::string for its inline storage.
 #include <solvart/Buffer.h>
 
 #include <limits>
@@ -18,7 +18,7 @@ void Buffer::append(unsigned char const* bytes, unsigned int length)
     if (length > std::numeric_limits<unsigned int>::max() - this->length()) {
         throw std::length_error("Buffer: more bytes than a 32-bit length can count");
     }
-    if (length != 0) { // nothing may come as a null pointer
+    if (length != 0) { // a null pointer is permitted for no bytes
         m_bytes.append(reinterpret_cast<char const*>(bytes), length);
     }
 }

@@ -1,4 +1,4 @@
-// Debug output and the mask that switches it.
+// Debug output and its mask.
 #include <solvart/Debug.h>
 
 #include "Line.h"
@@ -10,12 +10,12 @@
 
 namespace {
 
-// 0 for text that is not wholly a number of the mask's width.
+// Returns 0 for text that is not a 32-bit number.
 unsigned int maskFromEnvironment()
 {
     char const* const text = std::getenv("SOLVANE_DEBUG_MASK");
     if (text == nullptr || std::isdigit(static_cast<unsigned char>(*text)) == 0) {
-        return 0; // strtoul would take blanks and a sign
+        return 0; // strtoul accepts blanks and a sign
     }
     char* end = nullptr;
     errno = 0;

@@ -1,4 +1,4 @@
-// The product's exception and the chain of causes behind it.
+// The product's exception and its chain of causes.
 #include <solvart/Exception.h>
 
 #include "Line.h"
@@ -10,7 +10,7 @@ namespace Solvane {
 
 namespace {
 
-/// Whether the exception that `current` points to is `caught` itself.
+/// Whether `current` points to `caught` itself.
 bool isObjectOf(std::exception_ptr const& current, Exception const& caught)
 {
     if (current == nullptr) {
@@ -25,7 +25,7 @@ bool isObjectOf(std::exception_ptr const& current, Exception const& caught)
     }
 }
 
-/// Whether `sought` is `first` or one of the causes behind it.
+/// Whether `sought` is `first` or one of its causes.
 bool leadsTo(Exception const& first, Exception const& sought)
 {
     Exception const* each = &first;
@@ -92,14 +92,14 @@ void Exception::cause(Exception const& caught)
     std::exception_ptr const current = std::current_exception();
     bool const isBehindCaught = leadsTo(caught, *this);
     if (!isBehindCaught && isObjectOf(current, caught)) {
-        // The pointer owns the exception that is being handled and shows the part that is ours.
+        // The pointer shares ownership of the exception that is being handled.
         auto const owner = std::make_shared<std::exception_ptr>(current);
         m_cause = std::shared_ptr<Exception const>(owner, &caught);
         return;
     }
     auto const copy = std::make_shared<Exception>(caught);
     if (isBehindCaught && &caught != this) {
-        copy->m_cause.reset(); // a chain that came back to this exception would own itself
+        copy->m_cause.reset(); // a chain that leads back to this exception would own itself
     }
     m_cause = copy;
 }

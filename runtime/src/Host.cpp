@@ -19,7 +19,7 @@ using AddressList = std::unique_ptr<addrinfo, decltype(&::freeaddrinfo)>;
 int resolve(std::string const& name, AddressList& addresses)
 {
     if (name.empty() || name.find('\0') != std::string::npos) {
-        return EAI_NONAME; // the resolver would take its beginning for the name
+        return EAI_NONAME; // the resolver would use only the part before the zero byte
     }
     addrinfo hints = {};
     hints.ai_family = AF_UNSPEC;

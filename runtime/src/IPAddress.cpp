@@ -43,7 +43,7 @@ IPAddress::IPAddress(sockaddr const& address)
 
 bool IPAddress::isValidIPAddress(std::string const& literal)
 {
-    // inet_pton would judge only what stands before a zero byte.
+    // inet_pton reads only the part before a zero byte.
     return literal.find('\0') == std::string::npos &&
            (isLiteral(AF_INET, literal) || isLiteral(AF_INET6, literal));
 }

@@ -1,4 +1,4 @@
-// Lines of text for people: control characters made visible, written in one piece.
+// Log lines: control characters are escaped, and each line is written with one system call.
 #ifndef SOLVART_SRC_LINE_H
 #define SOLVART_SRC_LINE_H
 
@@ -14,7 +14,7 @@
 
 namespace Solvane {
 
-/// Appends `text` with its control characters escaped, so that it cannot end the line early.
+/// Appends `text` with control characters escaped, so that it stays one line.
 inline void appendEscaped(std::string& line, std::string const& text)
 {
     for (char const c : text) {
@@ -36,7 +36,7 @@ inline void appendEscaped(std::string& line, std::string const& text)
     }
 }
 
-/// The text that `format` makes of `arguments`; the bare format where it cannot be printed.
+/// Formats `arguments`; returns the format itself if that fails.
 __attribute__((format(printf, 1, 0))) inline std::string formatted(char const* format,
                                                                    va_list arguments)
 {
@@ -50,7 +50,7 @@ __attribute__((format(printf, 1, 0))) inline std::string formatted(char const* f
 }
 
 /// Writes `line` and a newline to standard error with one system call, so that lines of several
-/// threads do not mix. What cannot be written is dropped: there is nowhere to report it.
+/// threads do not mix. Ignores write errors, because there is no place to report them.
 inline void writeLine(std::string& line)
 {
     line += '\n';
@@ -58,15 +58,15 @@ inline void writeLine(std::string& line)
     while (written < line.size()) {
         ssize_t const rc = ::write(STDERR_FILENO, line.data() + written, line.size() - written);
         if (rc >= 0) {
-            written += static_cast<std::size_t>(rc); // a signal may cut a long write short
+            written += static_cast<std::size_t>(rc); // a signal may interrupt a long write
         } else if (errno != EINTR) {
             return;
         }
     }
 }
 
-/// Writes the line that `compose` makes of the formatted text. Leaves `errno` as it was and never
-/// throws: reporting must not disturb what is reported.
+/// Writes the line that `compose` returns for the formatted text. Preserves `errno` and never throws,
+/// so that logging does not affect the caller.
 template <typename Compose>
 __attribute__((format(printf, 1, 0))) void reportLine(char const* format, va_list arguments,
                                                       Compose const& compose) noexcept

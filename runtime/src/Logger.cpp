@@ -1,4 +1,4 @@
-// The process's log, on standard error.
+// The operator's log, on standard error.
 #include <solvart/Logger.h>
 
 #include "Line.h"
@@ -13,10 +13,10 @@ namespace {
 
 char const partSeparator = '\x01';
 
-/// The parts of a message behind its catalogue number, parted by blanks.
+/// The parts of a message after its catalogue number, separated by blanks.
 std::string readable(std::string message)
 {
-    message.erase(0, message.find(partSeparator) + 1); // nothing where there are no parts
+    message.erase(0, message.find(partSeparator) + 1); // removes nothing if there is no separator
     std::replace(message.begin(), message.end(), partSeparator, ' ');
     return message;
 }

@@ -1,4 +1,4 @@
-// Mutual exclusion over the standard library's mutex.
+// A mutex, based on the standard library's.
 #include <solvart/Mutex.h>
 
 namespace Solvane {

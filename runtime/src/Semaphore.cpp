@@ -1,4 +1,4 @@
-// A counting semaphore over POSIX's unnamed one.
+// A counting semaphore, based on POSIX's unnamed semaphore.
 #include <solvart/Semaphore.h>
 
 #include <solvart/Exception.h>
@@ -32,7 +32,7 @@ bool Semaphore::trywait()
 void Semaphore::post()
 {
     [[maybe_unused]] int const rc = ::sem_post(&m_semaphore);
-    assert(rc == 0); // more tokens given back than a semaphore counts
+    assert(rc == 0); // fails if the count exceeds SEM_VALUE_MAX
 }
 
 } // namespace Solvane

@@ -1,4 +1,4 @@
-// Trimming, lower-casing and comparing, the same in every locale.
+// Trimming, case conversion and comparing, independent of the locale.
 #include <solvart/StringHelpers.h>
 
 #include <algorithm>
@@ -26,7 +26,7 @@ int compareNoCase(std::string_view left, std::string_view right)
     return left.size() == right.size() ? 0 : left.size() < right.size() ? -1 : 1;
 }
 
-/// The beginning of `text` that counts in a comparison of `length` bytes.
+/// The part of `text` that a comparison of `length` bytes uses.
 std::string_view compared(std::string_view text, unsigned int length)
 {
     return length == 0 ? text : text.substr(0, length);
@@ -57,7 +57,7 @@ int stringCompareNoCase(std::string const& left, std::string const& right, unsig
 
 int stringCompareNoCase(char const* left, std::string const& right, unsigned int length)
 {
-    // As with strncmp, `left` need not end within the bytes to compare.
+    // As with strncmp, `left` need not be null-terminated within the bytes to compare.
     std::size_t const leftLength = length == 0 ? std::strlen(left) : ::strnlen(left, length);
     return compareNoCase(std::string_view(left, leftLength), compared(right, length));
 }

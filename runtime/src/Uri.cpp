@@ -1,4 +1,4 @@
-// A URI as a value.
+// A URI.
 #include <solvart/Uri.h>
 
 namespace Solvane {

@@ -1,4 +1,4 @@
-// From the process's character set to UTF-8.
+// Conversion from the process's character set to UTF-8.
 #include <solvart/StringHelpers.h>
 
 #include <solvart/Buffer.h>
@@ -29,8 +29,8 @@ void appendLatin1(std::string& out, char c)
     }
 }
 
-/// What may follow a first byte (RFC 3629 section 4): how many bytes the sequence has, and the
-/// bounds of its second byte, which keep out overlong forms, surrogates and what is above U+10FFFF.
+/// Sequences by their first byte (RFC 3629 section 4): the number of bytes, and the range of the second
+/// byte, which excludes overlong forms, surrogates and code points above U+10FFFF.
 struct SequenceForm {
     unsigned char first;
     unsigned char last;
@@ -59,7 +59,7 @@ bool isWithin(char c, unsigned char low, unsigned char high)
     return byte >= low && byte <= high;
 }
 
-/// The length of the UTF-8 sequence at the beginning of `text`; 0 when there is none.
+/// The length of the UTF-8 sequence at the start of `text`; 0 if it is invalid.
 std::size_t sequenceLength(std::string_view text)
 {
     for (SequenceForm const& form : sequenceForms) {
@@ -76,7 +76,7 @@ std::size_t sequenceLength(std::string_view text)
     return 0;
 }
 
-/// UTF-8 stays, every other byte is taken as ISO 8859-1.
+/// Keeps UTF-8 and converts every other byte from ISO 8859-1.
 std::string repaired(std::string_view text)
 {
     std::string out;
@@ -94,7 +94,7 @@ std::string repaired(std::string_view text)
     return out;
 }
 
-/// A conversion to UTF-8, closed at the end of its scope.
+/// Owns an iconv conversion to UTF-8.
 class Conversion {
 public:
     explicit Conversion(char const* charset) : m_handle(::iconv_open("UTF-8", charset)) {}
@@ -128,7 +128,8 @@ public:
     }
 
 private:
-    /// Converts as much as fits the scratch space; false where `in` begins no known character.
+    /// Converts as much as fits into the scratch space; returns false if `in` begins with an undefined
+    /// character.
     bool step(char** in, std::size_t* inLeft, std::string& out)
     {
         char* end = m_scratch.data();
@@ -139,7 +140,7 @@ private:
         return !isRefused;
     }
 
-    /// Brings out a character that the conversion holds back in case a combining one follows.
+    /// Flushes a character that iconv buffers in case a combining character follows.
     void finish(std::string& out) { step(nullptr, nullptr, out); }
 
     iconv_t m_handle;

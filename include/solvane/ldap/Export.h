@@ -3,7 +3,7 @@
 #ifndef SOLVANE_LDAP_EXPORT_H
 #define SOLVANE_LDAP_EXPORT_H
 
-/// Marks what the shared library offers to others; everything else stays hidden.
+/// Marks what the shared library exports.
 #define SOLVANE_LDAP_EXPORT __attribute__((visibility("default")))
 
 #endif

@@ -1,5 +1,5 @@
 /// @file
-/// Server descriptions, connections, and the pool that threads share.
+/// Server descriptions, connections, and the connection pool.
 #ifndef SOLVANE_LDAP_CONNECTION_H
 #define SOLVANE_LDAP_CONNECTION_H
 
@@ -19,59 +19,59 @@ namespace Solvane {
 
 /// A session with one directory server.
 ///
-/// Copies share one body and so one session; it ends when the last handle goes. Not synchronised:
-/// one thread uses a connection at a time, with all its copies. Every operation but construction,
-/// copying, assignment, the static ones, `isNull` and `impl` throws `LDAPException` (code 1, type 0)
-/// on a null handle, each with a line of its own.
+/// Copies share one body and so one session, which ends when the last copy is destroyed. Not
+/// thread-safe, and neither are copies of one connection. On a null handle, every operation throws
+/// `LDAPException` (code 1, type 0), each with its own line, except construction, copying,
+/// assignment, static operations, `isNull` and `impl`.
 class SOLVANE_LDAP_EXPORT LDAPConnection {
 public:
-    /// Protocol version, the number that travels in a bind (RFC 4511 section 4.2).
+    /// Protocol version, the number sent in a bind (RFC 4511 section 4.2).
     enum Protocol : int { V2 = 2, V3 = 3 };
 
-    /// Whether a bind is answered before `bind` returns. Any number but 0 means that it is not.
+    /// Whether `bind` waits for the response. Any number except 0 means that it does not.
     enum BindMode : int { Synchronous = 0, Asynchronous = 1 };
 
-    /// One server: where it is and how to talk to it. The host is resolved when it is made.
+    /// One server: where it is and how to connect to it. The constructor resolves the host.
     ///
-    /// A value: copies are apart. Any number of threads may read it; nothing in here changes it.
+    /// A value: copies are independent. Thread-safe for reading.
     class SOLVANE_LDAP_EXPORT Server {
     public:
-        /// Resolves the host, which may wait for the resolver.
-        /// @param host            name or address; kept without surrounding blanks, in lower case
+        /// Resolves the host, which may block in the resolver.
+        /// @param host            name or address; trimmed and converted to lower case
         /// @param port            TCP port
-        /// @param protocol        protocol version, passed on unchecked
+        /// @param protocol        protocol version, not validated
         /// @param secure          true: TLS from the first byte ("ldaps://")
-        /// @param networkTimeout  seconds for opening the TCP connection, for the TLS handshake, for a
-        ///                        write that makes no progress, and for the bind of a pooled connection
-        /// @param firstFlag       stored; no operation of this library reads it
-        /// @param secondFlag      stored; no operation of this library reads it
+        /// @param networkTimeout  seconds for the TCP connect, for the TLS handshake, for a write that
+        ///                        makes no progress, and for the bind of a pooled connection
+        /// @param firstFlag       stored, but not used by the library
+        /// @param secondFlag      stored, but not used by the library
         /// @throws LDAPException  code 4, type 0, Connection.cpp:63, with the failure as its cause:
-        ///                        code 4, type 0, Connection.cpp:51 where the host does not resolve;
+        ///                        code 4, type 0, Connection.cpp:51: the host does not resolve;
         ///                        both are written to the log
         Server(std::string const& host, unsigned int port, Protocol protocol, bool secure,
                unsigned int networkTimeout, bool firstFlag, bool secondFlag);
         virtual ~Server();
 
-        std::string host;            ///< trimmed and in lower case; a change does not reach `uri`
-        unsigned int port;           ///< TCP port, unchecked
-        Protocol protocol;           ///< what a session is told to speak
+        std::string host;            ///< trimmed, in lower case; changing it does not change `uri`
+        unsigned int port;           ///< TCP port, not validated
+        Protocol protocol;           ///< LDAP version of sessions
         bool secure;                 ///< true: TLS from the first byte
         unsigned int networkTimeout; ///< seconds
-        bool firstFlag;              ///< the caller's own
-        bool secondFlag;             ///< the caller's own
-        Uri uri; ///< scheme, address in brackets and port; what OpenLDAP is given
+        bool firstFlag;              ///< for the caller's use
+        bool secondFlag;             ///< for the caller's use
+        Uri uri; ///< scheme, address in brackets and port, as passed to OpenLDAP
 
     private:
         std::string uriText() const;
     };
 
-    /// A server description shared between its users, by a count that threads may share; the last
-    /// one destroys it. Dereferencing an empty one ends the process.
+    /// A shared pointer to a server description, with a thread-safe reference count. Dereferencing an
+    /// empty one aborts the process.
     class SOLVANE_LDAP_EXPORT RefServer : public boost::shared_ptr<Server> {
     public:
-        /// Holds no description.
+        /// An empty pointer.
         RefServer();
-        /// Takes ownership of `server`, also when the shared count cannot be allocated.
+        /// Takes ownership of `server`, even if the reference count cannot be allocated.
         RefServer(Server* server);
         /// A new description; arguments and exceptions are those of `Server`'s constructor.
         RefServer(std::string const& host, unsigned int port, Protocol protocol, bool secure,
@@ -85,47 +85,47 @@ public:
 
     /// A null handle.
     LDAPConnection();
-    /// Prepares a session: options and, for a secure server, TLS policy. No network traffic yet;
-    /// the first operation connects.
+    /// Prepares a session: options and, for a secure server, the TLS policy. Sends nothing; the first
+    /// operation connects.
     /// @param server     shared with the connection
     /// @param anonymous  whether the connection is meant for use without a bind
-    /// @throws LDAPException  code 4, type 1, Connection.cpp:403: OpenLDAP makes no session;
-    ///                        code 4, type 1, Connection.cpp:433: TLS could not be set up;
-    ///                        code 4, type 2, Connection.cpp:519: an option was refused
+    /// @throws LDAPException  code 4, type 1, Connection.cpp:403: OpenLDAP cannot create a session;
+    ///                        code 4, type 1, Connection.cpp:433: the TLS policy cannot be set;
+    ///                        code 4, type 2, Connection.cpp:519: OpenLDAP rejects an option
     LDAPConnection(RefServer const& server, bool anonymous);
     /// Shares the body, and so the session.
     LDAPConnection(LDAPConnection const& other);
-    /// Lets go of its body and shares that of `other`.
+    /// Releases its body and shares that of `other`.
     LDAPConnection& operator=(LDAPConnection const& other);
-    /// Leaves `other` a null handle.
+    /// Takes the body of `other` and leaves it a null handle.
     LDAPConnection(LDAPConnection&& other) noexcept;
-    /// Lets go of its body and leaves `other` a null handle.
+    /// Releases its body, takes that of `other`, and leaves `other` a null handle.
     LDAPConnection& operator=(LDAPConnection&& other) noexcept;
-    /// Lets go of the body; the last handle ends the session, as `unbind` does.
+    /// Releases the body; the last handle ends the session like `unbind`.
     virtual ~LDAPConnection();
 
     /// Authenticates with a simple bind (RFC 4511 section 4.2).
     ///
-    /// Connects first where there is no connection yet; `networkTimeout` bounds that, the TLS
-    /// handshake included. An asynchronous bind is completed by `bindWait`.
+    /// Connects if there is no connection yet; `networkTimeout` limits the connect and the TLS
+    /// handshake. `bindWait` completes an asynchronous bind.
     /// @param dn        converted to UTF-8 for protocol version 3; may be empty
     /// @param password  sent up to its first zero byte
-    /// @param mode      `Synchronous` waits for the answer, for as long as it takes
+    /// @param mode      `Synchronous` waits for the response without a time limit
     /// @throws LDAPException  code 1, type 0, Connection.cpp:201: null handle;
     ///                        code 4, type 3, Connection.cpp:208: the connection was unbound;
     ///                        code 4, type 3, Connection.cpp:241: refused;
-    ///                        code 4, type 1, Connection.cpp:241: the server cannot be reached. What
-    ///                        OpenLDAP said is then in `openldapErrorCode` too
+    ///                        code 4, type 1, Connection.cpp:241: the server is unreachable;
+    ///                        `openldapErrorCode` then has OpenLDAP's code
     virtual void bind(std::string const& dn, std::string const& password, BindMode mode);
 
     /// Completes a bind started with `Asynchronous`.
     ///
     /// @param timeoutSeconds  whole seconds for *each* message awaited; 0 polls once
-    /// @return true when the bind is done or the time ran out, false when the server refused it
-    ///         with a code other than 49; the response is kept in the body's `m_bindResult`
+    /// @return true if the bind succeeded **or the time ran out**, false if the server refused it
+    ///         with a code other than 49; the body's `m_bindResult` has the response
     /// @throws LDAPException  code 1, type 0, Connection.cpp:258: null handle;
     ///                        code 4, type 3, Connection.cpp:278: the connection was unbound;
-    ///                        code 4, type 3, Connection.cpp:297: credentials refused (49);
+    ///                        code 4, type 3, Connection.cpp:297: invalid credentials (49);
     ///                        code 4, type 3, Connection.cpp:315: the wait failed, and
     ///                        `openldapErrorCode` has the code; what `LDAPResultImpl::parseMessage`
     ///                        throws
@@ -133,33 +133,34 @@ public:
 
     /// Ends the session (RFC 4511 section 4.3). OpenLDAP is not called with it any more: a later bind
     /// throws lines 208 and 278, a later send or wait fails as on a dead server.
-    /// @return OpenLDAP's result code; 0 where the session had ended before
+    /// @return OpenLDAP's result code; 0 if the session ended before
     /// @throws LDAPException  code 1, type 0, Connection.cpp:341: null handle
     virtual int unbind();
 
     /// True for a handle without a body.
     bool isNull() const;
-    /// The OpenLDAP session (an `LDAP*`), which stays the connection's; after `unbind` it leads to
-    /// freed memory.
+    /// The OpenLDAP session (an `LDAP*`), owned by the connection; dangling after `unbind`.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:129: null handle
     void* context() const;
     /// The description of the server, shared with the connection.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:140: null handle
     RefServer const& server() const;
-    /// The last OpenLDAP error recorded on the connection; other than 0, the pool drops it.
+    /// The last OpenLDAP error recorded on the connection. If it is not 0, the pool drops the
+    /// connection at the next checkout.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:190: null handle
     int openldapErrorCode() const;
-    /// Records an error, or with 0 that there is none.
+    /// Records an error; 0 clears it.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:178: null handle
     void openldapErrorCode(int code);
     /// Message id of the last asynchronous bind.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:351: null handle
     int id() const;
 
-    /// Takes the in-use marker without waiting. False when somebody else has it. For any thread.
+    /// Takes the in-use marker without blocking. Returns false if it is taken. Thread-safe.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:154: null handle
     bool cacheMarkAsUsed();
-    /// Gives the in-use marker back: once for each time it was taken. For any thread.
+    /// Releases the in-use marker, which returns a pooled connection. Call it exactly once for each
+    /// checkout. Thread-safe.
     /// @throws LDAPException  code 1, type 0, Connection.cpp:166: null handle
     void cacheMarkAsAvailable();
 
@@ -172,50 +173,50 @@ private:
     BodyReference<LDAPConnectionImpl> m_impl;
 };
 
-/// A pool of open connections that all threads of a process share.
+/// A pool of open connections.
 ///
-/// A lookup hands out an idle, valid connection to the same server for the same credentials, marked
-/// as in use, and opens one where there is none. A user that is done calls `cacheMarkAsAvailable`
-/// on its handle; the connection stays in the pool for 300 seconds past its last use. The pool
-/// never waits for a connection in use and does no network work under its lock. Any number of threads
-/// may call it at once, but for its destructor and `checkForExpiredConnections`.
+/// A checkout returns an idle, valid connection to the same server with the same credentials and
+/// marks it as in use; it opens one if there is none. It never waits for a connection in use.
+/// `cacheMarkAsAvailable` returns a connection, which expires 300 seconds after its last checkout.
+/// Thread-safe, except for the destructor and `checkForExpiredConnections`. The lock is not held
+/// during network work.
 class SOLVANE_LDAP_EXPORT LDAPConnectionCache : public NonCopyable {
 public:
     /// An empty pool.
-    /// @throws boost::thread_resource_error  no lock can be made
+    /// @throws boost::thread_resource_error  the lock cannot be created
     LDAPConnectionCache();
-    /// Lets go of the pool's connections; those in use live on with their users.
+    /// Releases the pooled connections; those in use stay usable.
     virtual ~LDAPConnectionCache();
 
-    /// A connection for use without a bind. It may be one that was never connected yet.
-    /// @throws LDAPException  code 4, type 0, Connection.cpp:650: no connection can be made; the
+    /// Checks out a connection without a bind, which may not be connected yet.
+    /// @throws LDAPException  code 4, type 0, Connection.cpp:650: no connection can be created; the
     ///                        failure is the cause
-    /// @warning Do not bind it: it would go back to the pool bound, to the next caller without one.
+    /// @warning Do not bind it: the next caller that asks for an unbound connection would get it.
     LDAPConnection getConnection(LDAPConnection::RefServer const& server);
 
-    /// A connection bound as `dn`. A new one waits for its bind's answer up to the server's network
-    /// timeout; one whose answer has not come by then counts as bound.
-    /// @return a null handle when the server refused the bind with another code than 49
+    /// Checks out a connection bound as `dn`. For a new one, waits for the bind response at most the
+    /// server's network timeout; without a response, the connection counts as bound.
+    /// @return a null handle if the server refused the bind with a code other than 49
     /// @throws LDAPException  code 4, type 0, Connection.cpp:602: the connection or the bind failed,
-    ///                        credentials refused (49) included; the failure is the cause
-    /// @warning Do not bind it again: other threads compare its credentials meanwhile.
+    ///                        including invalid credentials (49); the failure is the cause
+    /// @warning Do not bind it again: other threads may be comparing its credentials.
     LDAPConnection getConnection(LDAPConnection::RefServer const& server, std::string const& dn,
                                  std::string const& password);
 
-    /// Appends the server of every pooled connection, as often as there are connections to it.
+    /// Appends the server of each pooled connection.
     void connections(std::list<LDAPConnection::RefServer>& servers) const;
 
-    /// Empties the pool. Connections in use stay usable, but do not come back.
+    /// Empties the pool. Connections in use stay usable, but are no longer pooled.
     void clear();
 
-    /// Drops every connection that expired before `now` (seconds since the epoch), in use or not.
-    /// @note Takes no lock: for use where no other thread has the pool.
+    /// Drops every connection that expired before `now` (seconds since the epoch), idle or in use.
+    /// @note Takes no lock: no other thread may use the pool at the same time.
     void checkForExpiredConnections(long now);
 
-    /// How often a connection was reused; never reset.
+    /// Number of checkouts that reused a connection; never reset.
     Counter const& cacheHits() const { return m_cacheHits; }
-    /// Connections added, less those that expired; 0 after `clear`. Connections dropped as invalid
-    /// still count, so it may exceed the number of pooled ones.
+    /// Connections added minus connections expired; 0 after `clear`. Connections dropped as invalid
+    /// still count, so it may exceed the number of pooled connections.
     Counter const& cacheSize() const { return m_cacheSize; }
 
 private:

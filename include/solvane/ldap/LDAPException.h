@@ -1,5 +1,5 @@
 /// @file
-/// The one exception that the library throws.
+/// The exception of the library.
 #ifndef SOLVANE_LDAP_EXCEPTION_H
 #define SOLVANE_LDAP_EXCEPTION_H
 
@@ -9,35 +9,37 @@
 
 namespace Solvane {
 
-/// A failure of the LDAP work.
+/// A failure of an LDAP operation.
 ///
-/// `code()` says what kind of fault it is: 1 a null handle was used, or OpenLDAP refused a request
-/// outright; 2 invalid input; 4 a failure of the server, the network or OpenLDAP, or of something
-/// below that is attached as the cause. `getType()` says at which stage it happened: 0 general,
-/// 1 server unreachable, 2 an OpenLDAP option, 3 bind (and awaiting an add), 4 search, 5 referral,
-/// 6 parsing a result, 7 sending an add. `fileName()` and `lineNumber()` name the reporting place,
-/// fixed for each: a number that does not move with the source.
+/// `code()` is the kind of fault: 1 a null handle was used, or OpenLDAP refused a request or cannot
+/// parse a response; 2 invalid input; 4 the server, the network or OpenLDAP failed, or another
+/// exception is the cause. `getType()` is the stage: 0 general, 1 connecting (server unreachable), 2
+/// an OpenLDAP option, 3 bind, and waiting for an add, 4 search, 5 referral, 6 decoding a response,
+/// 7 sending an add. `fileName()` and `lineNumber()` identify the place that reported it; they are
+/// constants and do not change with the source.
 ///
-/// Thrown by value and caught by reference. Reading it is for any thread.
+/// `Exception` has no base class: `catch (std::exception const&)` does not catch it. Thread-safe for
+/// reading.
 class SOLVANE_LDAP_EXPORT LDAPException : public Exception {
 public:
-    /// A failure at a place of the library's. Programs have no need to make one.
-    /// @param name        "LDAPException" for all that the library throws
+    /// Creates an exception. Request classes of your own throw it too, so that the handlers of their
+    /// callers catch it.
+    /// @param name        "LDAPException" in the library
     /// @param code        kind of fault, see above
-    /// @param fileName    reporting source unit; null stands for none
-    /// @param lineNumber  reporting line
-    /// @param type        stage of the work, see above
+    /// @param fileName    source unit that reports it; null for none
+    /// @param lineNumber  line that reports it
+    /// @param type        stage, see above
     LDAPException(std::string const& name, int code, char const* fileName, unsigned int lineNumber,
                   int type);
-    /// Shares the cause; all else is copied.
+    /// Shares the cause and copies everything else.
     LDAPException(LDAPException const& other);
-    /// Shares the cause of `other`; all else is copied.
+    /// Shares the cause of `other` and copies everything else.
     LDAPException& operator=(LDAPException const& other);
     ~LDAPException() override;
 
-    /// The stage of the LDAP work that failed.
+    /// The stage of the LDAP operation that failed.
     virtual int getType() const;
-    /// Another stage; code and place stay.
+    /// Sets the stage; code and place do not change.
     virtual void setType(int type);
 
 private:

@@ -1,5 +1,5 @@
 /// @file
-/// A bind and a search that their owner steps through under a deadline.
+/// A bind and a search as a state machine with a deadline.
 #ifndef SOLVANE_LDAP_QUERY_H
 #define SOLVANE_LDAP_QUERY_H
 
@@ -17,94 +17,95 @@ namespace Solvane {
 
 /// One directory lookup as a state machine: an optional bind, then one search, then its result.
 ///
-/// A derived class supplies the search in `searchParameter`. `start` goes as far as it can; from
-/// then on the owner calls `searchResponseHandler` until the state says that it is over. One thread
-/// at a time. The destructor gives the connection's in-use marker back, where that is asked for.
+/// A derived class creates the search in `searchParameter`. `start` runs the whole query; to run
+/// several queries concurrently, call the steps yourself. If requested, the destructor returns the
+/// connection to the pool. Not thread-safe.
 class SOLVANE_LDAP_EXPORT _LDAPQuery : public NonCopyable { // NOLINT(bugprone-reserved-identifier)
 public:
-    /// Where a query stands; the guide has the ways between the states.
+    /// The states; the guide has a diagram of their transitions.
     enum State : int {
-        QueryBindNeeded = 0, ///< a bind was asked for; nothing has been sent
-        QueryBinding = 1,    ///< the bind was sent
-        QueryReady = 3,      ///< bound, or no bind needed; the search has not been sent
-        QuerySearching = 4,  ///< the search was sent
-        QueryDone = 5,       ///< the result is complete, or there was nothing to search
-        QueryFailed = 6,     ///< the bind was refused, or the time is over
+        QueryBindNeeded = 0, ///< the query has to bind first; nothing is sent
+        QueryBinding = 1,    ///< the bind is sent
+        QueryReady = 3,      ///< bound, or no bind needed; the search is not sent
+        QuerySearching = 4,  ///< the search is sent
+        QueryDone = 5,       ///< the result is complete, or there is no search
+        QueryFailed = 6,     ///< the server refused the bind, or the deadline passed
         QueryError = 7       ///< `start` caught an exception
     };
 
-    /// A query on a given connection, which stays its giver's to mark as available.
+    /// A query on a given connection, which the caller returns to the pool.
     /// @param connection shared with the query
-    /// @param startTime  seconds since the epoch, from which the deadline counts
-    /// @param timeout    seconds; the bind wait and the deadline allow 2 more
+    /// @param startTime  seconds since the epoch; start of the deadline
+    /// @param timeout    seconds; the bind wait and the deadline are 2 seconds longer
     /// @param bindFirst  true: bind with `bindParameters` before the search
     _LDAPQuery(LDAPConnection& connection, long startTime, unsigned int timeout, bool bindFirst);
-    /// A query for which a derived class takes a bound connection from the pool, to be given back.
+    /// A query for which a derived class checks a bound connection out of the pool; the destructor
+    /// returns it.
     _LDAPQuery(long startTime, unsigned int timeout);
-    /// The same with a deadline of 0, to be set by `deadline`.
+    /// The same with a deadline of 0; set one with `deadline`.
     _LDAPQuery();
-    /// Gives the connection's in-use marker back, where that is asked for.
+    /// Returns the connection to the pool if `returnConnectionToCache` is set.
     virtual ~_LDAPQuery();
 
-    /// Binds where needed, sends the search and waits for its result up to the deadline. Catches
-    /// every `Exception`: the state is `QueryError` then.
+    /// Binds if needed, sends the search and waits for its result, up to the deadline. Catches every
+    /// `Exception` and sets the state to `QueryError`.
     virtual void start();
-    /// Sends the bind and waits for its answer.
+    /// Sends the bind and waits for the response.
     /// @throws LDAPException  as `LDAPConnection::bind` and `LDAPConnection::bindWait`
     virtual void bind();
-    /// Prepares the search and sends it.
+    /// Calls `searchParameter` and sends the search.
     /// @throws LDAPException  as `searchParameter` and `LDAPRequest::send` of a search
     virtual void submitSearch();
-    /// Waits for the search's result up to the deadline. Past the deadline, the query has failed,
-    /// whatever its state was.
+    /// Waits for the result of the search, up to the deadline. After the deadline, it sets every state
+    /// to `QueryFailed`.
     /// @throws LDAPException  as `LDAPRequest::wait` of a search
     virtual void searchResponseHandler();
-    /// Waits for the bind's answer. A wait that runs out counts as bound.
+    /// Waits for the bind response. Without a response in time, the query counts as bound.
     /// @throws LDAPException  as `LDAPConnection::bindWait`
     virtual void bindResponseHandler();
-    /// Makes `m_search`; called when the query is ready. May change the state to stop the query, or
-    /// leave `m_search` null: the query is done then, without a search.
+    /// Creates `m_search`; called when the query is ready. May set the state to stop the query. If it
+    /// leaves `m_search` null, the query is done without a search.
     virtual void searchParameter();
 
-    /// The DN and password of `bind`.
+    /// Sets the DN and password of `bind`.
     void bindParameters(std::string const& dn, std::string const& password);
 
-    /// The search's result.
+    /// The result of the search.
     /// @throws LDAPException  code 1, type 0, Search.cpp:81: there is no search
     LDAPResult const& result() const;
     /// One of `State`.
     int state() const { return m_state; }
-    /// Sets when the query ends, in seconds since the epoch.
+    /// Sets the deadline, in seconds since the epoch.
     void deadline(long seconds) { m_deadline = seconds; }
-    /// Whether the destructor gives the connection's in-use marker back.
+    /// Sets whether the destructor returns the connection to the pool.
     void returnConnectionToCache(bool wanted) { m_returnConnectionToCache = wanted; }
-    /// True when the destructor will give the connection's in-use marker back.
+    /// Whether the destructor returns the connection to the pool.
     bool returnConnectionToCache() const { return m_returnConnectionToCache; }
 
 protected:
     long m_startTime;                     ///< seconds since the epoch
     int m_state;                          ///< one of `State`
-    std::string m_errorMessage;           ///< of the exception that `start` caught last
-    unsigned int m_timeout;               ///< seconds, the 2 more included
+    std::string m_errorMessage;           ///< text of the last exception that `start` caught
+    unsigned int m_timeout;               ///< seconds, including the 2 added
     long m_deadline;                      ///< seconds since the epoch
     std::string m_bindDn;                 ///< of `bindParameters`
     std::string m_bindPassword;           ///< of `bindParameters`
-    LDAPConnection m_connection;          ///< null until a derived class takes one from the pool
-    bool m_returnConnectionToCache;       ///< as the function of this name says
-    LDAPSearch::RefParameter m_parameter; ///< for derived classes to fill
-    LDAPSearch m_search;                  ///< for derived classes to make
+    LDAPConnection m_connection;          ///< null until a derived class checks one out
+    bool m_returnConnectionToCache;       ///< see the function of this name
+    LDAPSearch::RefParameter m_parameter; ///< for derived classes to fill in
+    LDAPSearch m_search;                  ///< for derived classes to create
 };
 
-/// A query shared between its users; the last one ends it.
+/// A shared pointer to a query; the last one destroys it.
 class SOLVANE_LDAP_EXPORT RefLDAPQuery : public boost::shared_ptr<_LDAPQuery> {
 public:
-    /// Holds no query.
+    /// An empty pointer.
     RefLDAPQuery();
-    /// Takes ownership of `query`, also when the shared count cannot be allocated.
+    /// Takes ownership of `query`, even if the reference count cannot be allocated.
     RefLDAPQuery(_LDAPQuery* query);
     /// Shares the query.
     RefLDAPQuery(RefLDAPQuery const& other);
-    /// Lets go of its query and shares that of `other`.
+    /// Releases its query and shares that of `other`.
     RefLDAPQuery& operator=(RefLDAPQuery const& other);
     virtual ~RefLDAPQuery();
 };

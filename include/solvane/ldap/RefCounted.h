@@ -1,5 +1,5 @@
 /// @file
-/// Handle-body reference counting: every public object is a light handle onto a shared body.
+/// Reference counting: every public object is a handle to a shared body.
 #ifndef SOLVANE_LDAP_REF_COUNTED_H
 #define SOLVANE_LDAP_REF_COUNTED_H
 
@@ -22,7 +22,7 @@ class SOLVANE_LDAP_EXPORT LDAPConnectionImpl;
 class SOLVANE_LDAP_EXPORT LDAPRequestImpl;
 class SOLVANE_LDAP_EXPORT LDAPResultImpl;
 
-/// Base of everything that must not be copied: one owner, by one name.
+/// Base of classes that cannot be copied.
 class NonCopyable {
 public:
     NonCopyable(NonCopyable const&) = delete;
@@ -33,64 +33,63 @@ protected:
     ~NonCopyable() = default;
 };
 
-/// An integer that its owner changes atomically, from any thread; starts at 0.
+/// An atomic integer that starts at 0. Thread-safe.
 class SOLVANE_LDAP_EXPORT Counter {
 public:
     Counter();
     virtual ~Counter();
 
-    /// The number now.
+    /// The current value.
     int value() const { return m_value.load(); }
     /// Adds 1.
     void increment() { ++m_value; }
-    /// Takes 1 away.
+    /// Subtracts 1.
     void decrement() { --m_value; }
-    /// Starts at 0 again.
+    /// Sets the value to 0.
     void reset() { m_value.store(0); }
 
 private:
     std::atomic<int> m_value;
 };
 
-/// Base of every body: holds the number of references to it.
+/// Base of every body: the reference count.
 ///
 /// Bodies derive from it publicly and virtually, so that the count and the deleting destructor are
-/// found whatever the body's own layout. A new body counts 1, its creator's reference; so does a
-/// copy, whoever refers to the original. The count is thread-safe; what a body holds need not be.
+/// accessible whatever the layout of the body. The count of a new body starts at 1, the reference of
+/// the code that created it; so does that of a copy. Counting is thread-safe; the body is not.
 class SOLVANE_LDAP_EXPORT RefImpl {
 public:
     RefImpl();
-    /// A body with a count of its own, 1.
+    /// A body with its own count of 1.
     RefImpl(RefImpl const& other);
-    /// Leaves the count alone: the references are to the body, not to what it holds.
+    /// Does not change the count: references are to the body, not to its contents.
     RefImpl& operator=(RefImpl const& other);
     virtual ~RefImpl();
 
-    /// Takes one more reference.
+    /// Adds a reference.
     void addReference() { m_count.fetch_add(1); }
-    /// Gives one reference back. True when it was the last, and the body is to be destroyed.
+    /// Removes a reference. Returns true if it was the last one; the caller then destroys the body.
     bool dropReference() { return m_count.fetch_sub(1) == 1; }
 
 private:
     std::atomic<std::int32_t> m_count;
 };
 
-/// Throws what a `RefCounted` throws when there is no body: an `Exception` of code 4.
+/// Throws the `Exception` (code 4) of a `RefCounted` without a body.
 [[noreturn]] SOLVANE_LDAP_EXPORT void throwNoBody();
 
 /// One counted reference to a body, or none.
 ///
-/// Never shared between handles: each handle has a `RefCounted` of its own, and all those of one
-/// body share the body.
+/// Each handle owns a `RefCounted`; the `RefCounted`s of several handles share the body.
 template <typename T> class SOLVANE_LDAP_EXPORT RefCounted {
 public:
-    /// A reference to a body, or to none.
-    /// @param body    the body to refer to
-    /// @param addRef  true: take a new reference; false: adopt the caller's, or none if null
-    /// @throws Exception  code 4; a reference to no body was asked for
+    /// A reference to a body.
+    /// @param body    the body; may be null if `addRef` is false
+    /// @param addRef  true: add a reference; false: adopt the caller's reference
+    /// @throws Exception  code 4: `addRef` is true and `body` is null
     RefCounted(T* body, bool addRef);
 
-    /// Refers to a new, default-constructed body. For the bodies that have a default constructor.
+    /// Refers to a new, default-constructed body. Only for bodies with a default constructor.
     template <typename Body = T,
               typename = std::enable_if_t<std::is_same<Body, LDAPAttributeImpl>::value ||
                                           std::is_same<Body, LDAPAttributeContainerImpl>::value>>
@@ -101,10 +100,10 @@ public:
     RefCounted(RefCounted const&) = delete;
     RefCounted& operator=(RefCounted const&) = delete;
 
-    /// Gives the reference back; the last one destroys the body.
+    /// Removes the reference; the last one destroys the body.
     virtual ~RefCounted();
 
-    /// True when both refer to one body: identity, not equal content.
+    /// Whether both refer to the same body. Compares identity, not contents.
     virtual bool operator==(RefCounted<T> const& other) const;
 
     /// The body, or null.
@@ -114,8 +113,8 @@ private:
     T* m_body;
 };
 
-// Defined outside the class, so that the instances below are made in the library alone, where the
-// bodies are complete.
+// Defined outside the class, so that the templates are instantiated only in the library, where the
+// bodies are complete types.
 template <typename T> RefCounted<T>::RefCounted(T* body, bool addRef) : m_body(body)
 {
     if (!addRef) {
@@ -139,10 +138,10 @@ template <typename T> bool RefCounted<T>::operator==(RefCounted<T> const& other)
     return m_body == other.m_body;
 }
 
-/// The step with which a handle takes over what another refers to.
+/// Assigns one handle's reference to another.
 ///
-/// Releases `target`'s reference and leaves `target` with a `RefCounted` of its own onto `source`'s
-/// body, or null where `source` is null. Nothing happens where the two are the same.
+/// Releases the reference of `target` and gives it a new `RefCounted` to the body of `source`, or null
+/// if `source` is null. Does nothing if they are the same.
 /// @param target  owned by the handle that is assigned to
 /// @param source  owned by the handle that is assigned from
 template <typename T> void RefCountedImplCopy(RefCounted<T>*& target, RefCounted<T> const* source)
@@ -158,10 +157,10 @@ template <typename T> void RefCountedImplCopy(RefCounted<T>*& target, RefCounted
     }
 }
 
-/// The one field of a handle: an owned `RefCounted`, or null in a null handle.
+/// The only member of a handle: an owned `RefCounted`, or null in a null handle.
 ///
-/// Copies share the body. Several threads may hold one each on the same body, and copy from one;
-/// assigning to one is not thread-safe.
+/// Copies share the body. Different copies may be used in different threads, and copying is
+/// thread-safe; assigning to one object is not.
 template <typename T> class BodyReference {
 public:
     BodyReference() = default;
@@ -172,20 +171,21 @@ public:
             RefCountedImplCopy<T>(m_counted, other.m_counted);
         }
     }
-    /// Lets go of its own body and shares that of `other`.
+    /// Releases its body and shares that of `other`.
     BodyReference& operator=(BodyReference const& other) // cppcheck-suppress operatorEqVarError
     {
         if (this != &other) {
-            RefCountedImplCopy<T>(m_counted, other.m_counted); // assigns it, unseen by cppcheck
+            RefCountedImplCopy<T>(m_counted,
+                                  other.m_counted); // assigns it; cppcheck does not see it
         }
         return *this;
     }
-    /// Takes over the reference; `other` is null then.
+    /// Takes the reference of `other` and leaves it null.
     BodyReference(BodyReference&& other) noexcept : m_counted(other.m_counted)
     {
         other.m_counted = nullptr;
     }
-    /// Lets go of its own body and takes over the reference; `other` is null then.
+    /// Releases its body, takes the reference of `other` and leaves it null.
     BodyReference& operator=(BodyReference&& other) noexcept
     {
         BodyReference taken(std::move(other));
@@ -198,7 +198,7 @@ public:
         m_counted = nullptr;
     }
 
-    /// Wraps a new body, whose count of 1 becomes this handle's reference.
+    /// Refers to a new body and adopts its count of 1.
     void adopt(std::unique_ptr<T> body)
     {
         RefCounted<T>* const counted = new RefCounted<T>(body.get(), false);
@@ -214,7 +214,7 @@ public:
         m_counted = counted;
     }
 
-    /// True when there is no `RefCounted`; one that holds a null body is something else.
+    /// Whether there is no `RefCounted`. One with a null body is not null.
     bool isNull() const { return m_counted == nullptr; }
     /// The body, or null.
     T* body() const { return m_counted == nullptr ? nullptr : m_counted->body(); }

@@ -1,5 +1,5 @@
 /// @file
-/// Bodies, adapters and owners of OpenLDAP memory, for those who derive requests of their own.
+/// Bodies, adapters and owners of OpenLDAP memory, for request classes of your own.
 #ifndef SOLVANE_LDAP_IMPL_H
 #define SOLVANE_LDAP_IMPL_H
 

@@ -1,5 +1,5 @@
 /// @file
-/// A run of bytes that owns its memory.
+/// A byte buffer.
 #ifndef SOLVART_BUFFER_H
 #define SOLVART_BUFFER_H
 
@@ -9,41 +9,41 @@
 
 namespace Solvane {
 
-/// Bytes with a 32-bit length. Always owns a copy; copying a buffer copies the bytes. Any number of
-/// threads may read one, or one may change it.
+/// Bytes with a 32-bit length. Always owns a copy; copying a buffer copies the bytes. Thread-safe for
+/// reading.
 class SOLVART_EXPORT Buffer {
 public:
     explicit Buffer();
     /// Copies bytes.
-    /// @param bytes     where they are; may be null when `length` is 0
-    /// @param length    how many there are
-    /// @param mayShare  leave to keep pointing at the caller's bytes; this runtime always copies
+    /// @param bytes     the bytes; may be null if `length` is 0
+    /// @param length    number of bytes
+    /// @param mayShare  true permits the buffer to borrow the caller's bytes; this runtime always copies
     explicit Buffer(void const* bytes, unsigned int length, bool mayShare);
-    /// A copy has bytes of its own.
+    /// Copies the bytes of the other buffer.
     Buffer(Buffer const& other) = default;
-    /// Takes over the bytes.
+    /// Moves the bytes.
     Buffer(Buffer&& other) noexcept = default;
     /// Copies the bytes.
     Buffer& operator=(Buffer const& other) = default;
-    /// Takes over the bytes.
+    /// Moves the bytes.
     Buffer& operator=(Buffer&& other) noexcept = default;
     ~Buffer() = default;
 
-    /// Adds bytes at the end.
-    /// @throws std::length_error  the length would not fit 32 bits; the buffer is unchanged
+    /// Appends bytes.
+    /// @throws std::length_error  the length would exceed 32 bits; the buffer is unchanged
     void append(unsigned char const* bytes, unsigned int length);
-    /// Adds one byte at the end; throws likewise.
+    /// Appends one byte; throws likewise.
     void append(unsigned char byte);
 
-    /// The first byte; never null, also when the buffer is empty.
+    /// The first byte; never null, even if the buffer is empty.
     unsigned char* data();
     /// The first byte, likewise.
     unsigned char const* data() const;
-    /// How many bytes there are.
+    /// Number of bytes.
     unsigned int length() const;
 
 private:
-    std::string m_bytes; // keeps short values inline, and its data() is never null
+    std::string m_bytes; // stores short values inline; data() is never null
 };
 
 } // namespace Solvane

@@ -1,26 +1,26 @@
 /// @file
-/// Debug output, switched by one mask for the whole process.
+/// Debug output, enabled by a process-wide mask.
 #ifndef SOLVART_DEBUG_H
 #define SOLVART_DEBUG_H
 
 #include <solvart/Export.h>
 
-/// Which debug lines are wanted; a line is written when all bits of its level are set. Starts at
-/// the value of the environment variable SOLVANE_DEBUG_MASK (C notation, as 0x80008), and at 0
-/// where that is not set or no number of 32 bits. Assign it before other threads run.
+/// The debug mask. A line is written if all bits of its level are set. Its initial value is that of the
+/// environment variable SOLVANE_DEBUG_MASK (C notation, such as 0x80008), or 0 if the variable is not
+/// set or not a 32-bit number. Assign it before other threads run.
 extern SOLVART_EXPORT unsigned int basepp_dbg_mask_;
 
 namespace basepp {
 namespace dbg {
 
-/// Writes one line, `file:line function: text`, to standard error; the caller tests the mask.
+/// Writes one line, `file:line function: text`, to standard error; the caller checks the mask.
 ///
-/// The line goes out in one system call, its control characters escaped. Never throws and keeps
+/// Writes the line with one system call, with control characters escaped. Never throws; preserves
 /// `errno`.
 ///
-/// @param file      source unit; null stands for none
+/// @param file      source unit; null for none
 /// @param line      source line
-/// @param function  operation; null stands for none
+/// @param function  operation; null for none
 /// @param flags     0
 /// @param format    printf's notation
 SOLVART_EXPORT void debug(char const* file, int line, char const* function, int flags,

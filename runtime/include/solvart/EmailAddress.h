@@ -1,5 +1,5 @@
 /// @file
-/// An e-mail address in its two parts.
+/// An e-mail address.
 #ifndef SOLVART_EMAIL_ADDRESS_H
 #define SOLVART_EMAIL_ADDRESS_H
 
@@ -9,16 +9,16 @@
 
 namespace Solvane {
 
-/// An address split at its last "@". Text without "@" is a local part with an empty domain. A value:
-/// copies are apart, and reading is for any thread.
+/// An address, split at its last "@". Text without "@" is a local part with an empty domain. A value,
+/// thread-safe for reading.
 class SOLVART_EXPORT EmailAddress {
 public:
-    /// Takes any text.
+    /// Accepts any text.
     explicit EmailAddress(std::string const& text);
 
-    /// What stands before the last "@".
+    /// The part before the last "@".
     std::string local() const { return m_local; }
-    /// What stands behind it; empty where there is none.
+    /// The part after the last "@"; empty if there is none.
     std::string domain() const { return m_domain; }
 
 private:

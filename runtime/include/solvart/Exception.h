@@ -1,5 +1,5 @@
 /// @file
-/// The base of every failure that the product's libraries report by throwing.
+/// The base class of the exceptions of the product's libraries.
 #ifndef SOLVART_EXCEPTION_H
 #define SOLVART_EXCEPTION_H
 
@@ -10,62 +10,60 @@
 
 namespace Solvane {
 
-/// A failure: a name, a code, the place that reported it and, where there is one, its cause.
+/// An exception: a name, a code, the place that reported it and, if there is one, its cause.
 ///
-/// Thrown by value and caught by reference. A copy shares the cause, which may be read from any
-/// thread and is not to be changed any more.
+/// A copy shares the cause, which is thread-safe for reading and must not be changed.
 class SOLVART_EXPORT Exception {
 public:
-    /// A failure without detail and without cause.
-    /// @param name        what kind of failure this is
-    /// @param code        meaning fixed by whoever throws
-    /// @param fileName    the reporting source file; null stands for none
-    /// @param lineNumber  the reporting line; 0 stands for none
+    /// An exception without details and without a cause.
+    /// @param name        the kind of failure
+    /// @param code        its meaning is defined by the code that throws
+    /// @param fileName    the source file that reports it; null for none
+    /// @param lineNumber  the line that reports it; 0 for none
     Exception(std::string const& name, int code, char const* fileName, unsigned int lineNumber);
-    /// Shares the cause; all else is copied.
+    /// Shares the cause and copies everything else.
     Exception(Exception const& other);
-    /// Shares the cause of `other`, unless that would lead back to this exception; all else is copied.
+    /// Shares the cause of `other`, unless that would lead back to this exception; copies the rest.
     Exception& operator=(Exception const& other);
     virtual ~Exception();
 
-    /// Detail text, empty where none was set.
+    /// Detail text; empty if it is not set.
     virtual std::string const& stringParameter() const;
     /// Sets the detail text.
     virtual void stringParameter(std::string const& text);
-    /// Detail number, 0 where none was set.
+    /// Detail number; 0 if it is not set.
     virtual int intParameter() const;
     /// Sets the detail number.
     virtual void intParameter(int value);
-    /// The reporting source file, empty where none was given.
+    /// The source file that reported it; empty if there is none.
     virtual std::string const& fileName() const;
-    /// Sets the reporting source file.
+    /// Sets the source file that reports it.
     virtual void fileName(std::string const& name);
-    /// Sets the reporting source file; null stands for none.
+    /// Sets the source file that reports it; null for none.
     virtual void fileName(char const* name);
-    /// The reporting line, 0 where none was given.
+    /// The line that reported it; 0 if there is none.
     virtual unsigned int lineNumber() const;
-    /// Sets the reporting line.
+    /// Sets the line that reports it.
     virtual void lineNumber(unsigned int line);
 
-    /// Attaches the failure that led to this one.
+    /// Attaches the exception that led to this one.
     ///
-    /// Called with the exception that the innermost handler caught, it keeps that very object, so
-    /// its dynamic type and what a derived class adds stay readable; any other object is copied as
-    /// `Exception`. No exception becomes a cause of itself: it, too, is copied, and causes that
-    /// would lead back to it are left out.
+    /// If `caught` is the exception that the innermost handler caught, that object is kept, with its
+    /// dynamic type; any other object is copied as `Exception`. An exception cannot be its own cause:
+    /// it is copied, without the causes that lead back to it.
     virtual void cause(Exception const& caught);
-    /// The attached cause. Calling it without one is a programming error and ends the process.
+    /// The cause. Aborts the process if there is none.
     virtual Exception const& cause() const;
-    /// True when there is a cause to be read.
+    /// Whether there is a cause.
     virtual bool hasCause() const;
 
-    /// What kind of failure this is.
+    /// The kind of failure.
     std::string const& name() const { return m_name; }
-    /// Its number; whoever throws says what it means.
+    /// The code; its meaning is defined by the code that throws.
     int code() const { return m_code; }
 
     /// One line: name, code, file and line, detail text, then the causes, outermost first. Control
-    /// characters are escaped (a newline as "\n"); what was not given is left out.
+    /// characters are escaped (a newline as "\n"); missing parts are left out.
     std::string asString() const;
 
 private:

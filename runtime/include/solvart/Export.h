@@ -3,7 +3,7 @@
 #ifndef SOLVART_EXPORT_H
 #define SOLVART_EXPORT_H
 
-/// Marks what the runtime offers to others; everything else stays hidden.
+/// Marks what the runtime exports.
 #define SOLVART_EXPORT __attribute__((visibility("default")))
 
 #endif

@@ -1,5 +1,5 @@
 /// @file
-/// A host name with the address it resolves to.
+/// A host name and its address.
 #ifndef SOLVART_HOST_H
 #define SOLVART_HOST_H
 
@@ -11,20 +11,20 @@
 
 namespace Solvane {
 
-/// A host, resolved when it is made. A name with several addresses gives the one that the system's
-/// resolver puts first (RFC 6724).
+/// A host, which the constructor resolves. If a name has several addresses, the host has the one that
+/// the system's resolver returns first (RFC 6724).
 class SOLVART_EXPORT Host {
 public:
-    /// Waits for the resolver.
+    /// Resolves the name; blocks in the resolver.
     ///
     /// @param name         host name or address literal; empty text and text with a zero byte do
     ///                     not resolve
-    /// @param mustResolve  true: throw where the name does not resolve; false: make a null host
-    /// @throws Exception       the name does not resolve, asked for with `mustResolve`
+    /// @param mustResolve  true: throw if the name does not resolve; false: create a null host
+    /// @throws Exception       the name does not resolve, and `mustResolve` is true
     /// @throws std::bad_alloc  the resolver ran out of memory
     Host(std::string const& name, bool mustResolve);
 
-    /// True when the name did not resolve.
+    /// Whether the name did not resolve.
     bool isNull() const { return !m_address.has_value(); }
     /// The address, owned by the host; null for a null host.
     IPAddress const* address() const { return m_address ? &*m_address : nullptr; }

@@ -12,14 +12,14 @@ struct sockaddr;
 
 namespace Solvane {
 
-/// One address, without port. Printed in its usual notation, IPv6 without brackets.
+/// An address without a port, printed in the usual notation, IPv6 without brackets.
 class SOLVART_EXPORT IPAddress {
 public:
-    /// The address that the system's functions gave.
-    /// @throws Exception  `address` is of another family than IPv4 and IPv6
+    /// An address from the system's functions.
+    /// @throws Exception  the family of `address` is neither IPv4 nor IPv6
     explicit IPAddress(sockaddr const& address);
 
-    /// True for an IPv4 address in dotted-quad form and for an IPv6 address without zone (RFC
+    /// Whether the text is an IPv4 address in dotted-quad form or an IPv6 address without zone (RFC
     /// 4291).
     static bool isValidIPAddress(std::string const& literal);
 

@@ -1,5 +1,5 @@
 /// @file
-/// The process's log.
+/// The operator's log.
 #ifndef SOLVART_LOGGER_H
 #define SOLVART_LOGGER_H
 
@@ -7,22 +7,20 @@
 
 namespace Solvane {
 
-/// Where messages for the operator go. The stand-in writes each as one line to standard error.
+/// Writes messages for the operator. The stand-in writes each as a line to standard error.
 class SOLVART_EXPORT Logger {
 public:
     /// The process's logger.
     ///
-    /// @param reopen  true: begin a new log where the runtime keeps one in a file; the stand-in
-    ///                has none
+    /// @param reopen  true: reopen the log, if the runtime writes a file; the stand-in does not
     static Logger& instance(bool reopen);
 
-    /// Writes one message. Never throws and keeps `errno`; several threads may call it at once.
+    /// Writes one message. Never throws; preserves `errno`. Thread-safe.
     ///
-    /// @param category  bits that route the message; the stand-in sends all to one place
+    /// @param category  bits that route the message; ignored by the stand-in
     /// @param flags     0
-    /// @param format    printf's notation; the parts of a message are parted by the byte 0x01, and
-    ///                  the first is the number of the message's text in the catalogue, which the
-    ///                  stand-in leaves out
+    /// @param format    printf's notation; the parts of a message are separated by the byte 0x01;
+    ///                  the first is a number of the message catalogue, which the stand-in omits
     void log(unsigned int category, int flags, char const* format, ...)
         __attribute__((format(printf, 4, 5)));
 

@@ -1,5 +1,5 @@
 /// @file
-/// Mutual exclusion and the scoped lock over it.
+/// A mutex and a scoped lock.
 #ifndef SOLVART_MUTEX_H
 #define SOLVART_MUTEX_H
 
@@ -9,7 +9,7 @@
 
 namespace Solvane {
 
-/// A lock that one thread holds at a time. Not recursive.
+/// A mutex. Not recursive.
 class SOLVART_EXPORT Mutex {
 public:
     Mutex() = default;
@@ -17,16 +17,16 @@ public:
     Mutex(Mutex const&) = delete;
     Mutex& operator=(Mutex const&) = delete;
 
-    /// Waits until it is free, and holds it.
+    /// Locks the mutex; blocks until it is free.
     void lock();
-    /// Lets go of it; by the thread that holds it.
+    /// Unlocks the mutex. Only the thread that holds it may call this.
     void unlock();
 
 private:
     std::mutex m_mutex;
 };
 
-/// Holds a mutex from construction to destruction; given null, it locks nothing.
+/// Holds a mutex from construction to destruction; does nothing for null.
 class SOLVART_EXPORT Synchronized {
 public:
     /// Locks `mutex`, which must outlive this object.

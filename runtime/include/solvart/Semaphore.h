@@ -9,20 +9,19 @@
 
 namespace Solvane {
 
-/// A count of tokens that threads take and give back without ever waiting.
+/// A counting semaphore whose operations never block. Thread-safe.
 class SOLVART_EXPORT Semaphore {
 public:
     /// Starts with `count` tokens.
-    /// @throws Exception  the system cannot make a semaphore of this count
+    /// @throws Exception  the system cannot create a semaphore with this count
     explicit Semaphore(unsigned int count);
     ~Semaphore();
     Semaphore(Semaphore const&) = delete;
     Semaphore& operator=(Semaphore const&) = delete;
 
-    /// Takes a token if there is one; never blocks. True when a token was taken.
+    /// Takes a token if there is one; never blocks. Returns whether it took one.
     bool trywait();
-    /// Gives a token back. More tokens than the system counts are a programming error and end the
-    /// process.
+    /// Returns a token. Aborts the process if the count exceeds the system's maximum.
     void post();
 
 private:

@@ -1,6 +1,5 @@
 /// @file
-/// Small operations on byte strings. Blanks are the C locale's white space, case is ASCII's,
-/// whatever locale the process has chosen.
+/// String functions. They use the white space of the C locale and ASCII case, in every locale.
 #ifndef SOLVART_STRING_HELPERS_H
 #define SOLVART_STRING_HELPERS_H
 
@@ -12,38 +11,38 @@ namespace Solvane {
 
 class Buffer;
 
-/// Replacements for characters that a character set lacks. The stand-in has none: UTF-8 holds all.
+/// Replacements for characters that a character set lacks. Not used by the stand-in.
 class SVLStaticCharSetFallbacks;
 
 /// Removes leading blanks in place.
 SOLVART_EXPORT void stringLeftTrim(std::string& text);
 /// Removes trailing blanks in place.
 SOLVART_EXPORT void stringRightTrim(std::string& text);
-/// Lower-cases in place.
+/// Converts to lower case in place.
 SOLVART_EXPORT void stringToLowerNoCopy(std::string& text);
-/// Returns a lower-cased copy.
+/// Returns a copy in lower case.
 SOLVART_EXPORT std::string copyStringToLower(std::string const& text);
 
-/// Compares without regard to case, byte by byte as unsigned numbers.
+/// Compares bytes, ignoring case.
 /// @param left    one text
 /// @param right   the other
-/// @param length  how many bytes to compare at the most; 0 compares the whole strings
-/// @return negative, 0 or positive as `left` sorts before, with or after `right`
+/// @param length  maximum number of bytes to compare; 0 compares the whole strings
+/// @return negative, 0 or positive if `left` sorts before, equal to or after `right`
 SOLVART_EXPORT int stringCompareNoCase(std::string const& left, std::string const& right,
                                        unsigned int length);
-/// The same of a null-terminated text.
+/// The same for a null-terminated text.
 SOLVART_EXPORT int stringCompareNoCase(char const* left, std::string const& right,
                                        unsigned int length);
 
 /// Appends `text` to `out`, converted from the process's character set (`LC_CTYPE`) to UTF-8.
 ///
-/// What is valid UTF-8 (RFC 3629) stays as it is in a UTF-8 and in an ASCII ("C") process. A byte
-/// that the character set does not define is taken as ISO 8859-1, so no text is refused or lost.
+/// Valid UTF-8 (RFC 3629) is unchanged if the process uses UTF-8 or ASCII ("C"). A byte that the
+/// character set does not define is converted from ISO 8859-1, so every text can be converted.
 ///
 /// @param text       bytes in the process's character set
-/// @param out        receives the UTF-8 behind what it holds already
-/// @param fallbacks  unused here; may be null
-/// @throws std::length_error  `out` would not fit 32 bits; it is unchanged
+/// @param out        the UTF-8 text is appended to it
+/// @param fallbacks  not used by the stand-in; may be null
+/// @throws std::length_error  the length of `out` would exceed 32 bits; it is unchanged
 SOLVART_EXPORT void stringToUtf8(std::string const& text, Buffer& out,
                                  SVLStaticCharSetFallbacks const* fallbacks);
 

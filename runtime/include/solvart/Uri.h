@@ -1,5 +1,5 @@
 /// @file
-/// A URI as a value.
+/// A URI.
 #ifndef SOLVART_URI_H
 #define SOLVART_URI_H
 
@@ -9,19 +9,19 @@
 
 namespace Solvane {
 
-/// A URI, kept and compared as its text. A value: copies are apart, and reading is for any thread.
+/// A URI, stored and compared as text. A value, thread-safe for reading.
 class SOLVART_EXPORT Uri {
 public:
-    /// Empty text.
+    /// An empty text.
     Uri();
-    /// Takes any text.
+    /// Accepts any text.
     explicit Uri(std::string const& text);
 
-    /// The text as it was given.
+    /// The text, unchanged.
     std::string asString() const;
-    /// True for the same text.
+    /// Whether the texts are equal.
     bool operator==(Uri const& other) const;
-    /// True for different texts.
+    /// Whether the texts differ.
     bool operator!=(Uri const& other) const { return !(*this == other); }
 
 private:

@@ -16,33 +16,33 @@ namespace Solvane {
 /// Body of an add (RFC 4511 section 4.7): the DN, the attributes and the result.
 class SOLVANE_LDAP_EXPORT LDAPAddImpl : public LDAPRequestImpl {
 public:
-    /// The creation of the entry `dn`, which is copied.
+    /// Adds the entry `dn`, which is copied.
     LDAPAddImpl(std::string& dn);
     ~LDAPAddImpl() override;
 
     /// Sends the entry.
     /// @throws LDAPException  code 1, type 0, Add.cpp:74: null connection;
-    ///                        code 1, type 7, Add.cpp:83: OpenLDAP refuses; what `LDAPAddAdapter`
+    ///                        code 1, type 7, Add.cpp:83: OpenLDAP refuses to send; what `LDAPAddAdapter`
     ///                        throws
     void send() override;
-    /// Collects the answer.
-    /// @throws LDAPException  code 4, type 3, Add.cpp:137: any `Exception`, as the cause:
+    /// Collects the response.
+    /// @throws LDAPException  code 4, type 3, Add.cpp:137, with any `Exception` as its cause:
     ///                        code 4, type 3, Add.cpp:106: the connection was unbound;
     ///                        code 4, type 3, Add.cpp:124: the wait failed; or what
     ///                        `LDAPResultImpl::parseMessage` throws
     bool wait(unsigned int timeout) override;
-    /// A null handle before the answer.
+    /// A null handle before the response.
     LDAPResult const& result() const override;
-    /// Does nothing: the add stays under way, and its answer still arrives.
+    /// Does nothing: the add stays in flight, and its response still arrives.
     void cancel() override;
 
-    /// The DN, which may be changed until it is sent.
+    /// The DN; you may change it until `send`.
     std::string& name() { return m_name; }
-    /// Appends attributes to those that are sent.
+    /// Appends attributes.
     void attributes(std::list<LDAPAttribute> const& attributes) { m_attributes.add(attributes); }
-    /// Shares `container`: what is added to it until it is sent, is sent.
+    /// Replaces the attributes by those of `container`, which is shared.
     void attributes(LDAPAttributeContainer const& container) { m_attributes = container; }
-    /// What would be sent now.
+    /// The attributes to be sent.
     LDAPAttributeContainer const& attributes() const { return m_attributes; }
 
 private:

@@ -14,59 +14,58 @@
 
 namespace Solvane {
 
-/// Body of an attribute description (RFC 4512 section 2.5). Any number of threads may call const
-/// operations at the same time; the others are not thread-safe.
+/// Body of an attribute description (RFC 4512 section 2.5). Const operations are thread-safe; the
+/// others are not.
 class SOLVANE_LDAP_EXPORT LDAPAttributeTypeImpl : public virtual RefImpl, public NonCopyable {
 public:
     LDAPAttributeTypeImpl();
     ~LDAPAttributeTypeImpl() override;
 
-    /// Takes a description apart. For a body that is still empty.
+    /// Parses a description. The body must be empty.
     void parse(std::string const& text);
-    /// Appends an option, blanks round it dropped.
+    /// Appends an option without surrounding blanks.
     void add(std::string const& option);
     /// The type without options.
     std::string const& type() const { return m_type; }
-    /// The options in their order.
+    /// The options, in order.
     std::list<std::string> const& options() const { return m_options; }
-    /// True when an option is "binary" in any case.
+    /// Whether an option is "binary", in any case.
     bool isBinary() const;
     /// The whole description; valid until the next change.
     std::string const& asString() const;
 
 private:
-    // Caches, which const operations fill under a lock.
-    mutable unsigned int m_binary;  // of isBinary(); 0: undecided, 1: binary, 2: not binary
+    // Caches that const operations fill under a lock.
+    mutable unsigned int m_binary;  // of isBinary(); 0: unknown, 1: binary, 2: not binary
     mutable std::string m_textForm; // of asString(); empty: not built yet
     std::string m_type;
     std::list<std::string> m_options;
 };
 
-/// Body of an attribute. The one body that can be copied; a copy has values of its own. Any number of
-/// threads may call const operations and copy from it at the same time (`asString` with one
-/// separator); the others are not thread-safe.
+/// Body of an attribute, the only body that can be copied; a copy has its own values. Const operations
+/// and copying are thread-safe (`asString`: with the same separator); the others are not.
 class SOLVANE_LDAP_EXPORT LDAPAttributeImpl : public virtual RefImpl {
 public:
     LDAPAttributeImpl();
-    /// Copies the values, shares the description.
+    /// Copies the values and shares the description.
     LDAPAttributeImpl(LDAPAttributeImpl const& other);
-    /// Copies the values, shares the description of `other`.
+    /// Copies the values of `other` and shares its description.
     LDAPAttributeImpl& operator=(LDAPAttributeImpl const& other);
     ~LDAPAttributeImpl() override;
 
-    /// Another description, shared with the caller.
+    /// Sets the description, shared with the caller.
     void type(LDAPAttributeType const& type);
     /// The same, and leaves `type` a null handle.
     void type(LDAPAttributeType&& type);
     /// The description; a null handle until it is set.
     LDAPAttributeType const& type() const { return m_type; }
-    /// Appends one value, its bytes copied.
+    /// Appends one value; copies its bytes.
     void value(std::string const& text);
-    /// Appends one value, its bytes copied.
+    /// Appends one value; copies its bytes.
     void value(Buffer const& bytes);
     /// Replaces all values by copies of a null-terminated array, which may be null.
     void value(berval** values);
-    /// Every value as a string; made once and kept.
+    /// Every value as a string; cached by the first call.
     std::list<std::string> const& value() const;
     /// Every value as bytes.
     std::list<Buffer> const& binaryValue() const { return m_values; }
@@ -76,13 +75,13 @@ public:
 private:
     LDAPAttributeType m_type;
     std::list<Buffer> m_values;
-    // Filled by const operations, under a lock.
+    // Caches that const operations fill under a lock.
     mutable std::list<std::string> m_textValues; // cache of value(); empty: not built yet
     mutable std::string m_textForm;              // what asString() returned last
 };
 
-/// Body of an attribute container: handles in the order in which they were added. Any number of
-/// threads may call const operations at the same time; `add` is not thread-safe.
+/// Body of an attribute container: handles in the order in which they were added. Const operations are
+/// thread-safe; `add` is not.
 class SOLVANE_LDAP_EXPORT LDAPAttributeContainerImpl : public virtual RefImpl, public NonCopyable {
 public:
     LDAPAttributeContainerImpl();
@@ -90,16 +89,16 @@ public:
 
     /// Appends a handle.
     void add(LDAPAttribute const& attribute);
-    /// Appends a handle, and leaves `attribute` a null one.
+    /// Appends a handle and leaves `attribute` a null handle.
     void add(LDAPAttribute&& attribute);
     /// Appends each handle of a list.
     void add(std::list<LDAPAttribute> const& attributes);
-    /// The handles in their order.
+    /// The handles, in order.
     std::list<LDAPAttribute> const& attributes() const { return m_attributes; }
-    /// True when nothing was added yet.
+    /// True if there are no attributes.
     bool empty() const { return m_attributes.empty(); }
     /// As `LDAPAttributeContainer::find`.
-    /// @warning Looks at the first attribute only, until it matches.
+    /// @warning Never returns if the first attribute does not match.
     LDAPAttribute find(LDAPAttributeType const& type) const;
 
 private:

@@ -1,5 +1,5 @@
 /// @file
-/// Body of a request: what a request class of one's own derives from.
+/// Body of a request: the base class for request classes of your own.
 #ifndef SOLVANE_LDAP_REQUEST_IMPL_H
 #define SOLVANE_LDAP_REQUEST_IMPL_H
 
@@ -14,7 +14,7 @@ namespace Solvane {
 
 /// Body of a request: the connection it is sent on and its message id.
 ///
-/// One thread at a time, `shared` apart. A derived body owns what its request is made of, and its
+/// Not thread-safe, except with `shared`. A derived body owns the contents of the request and its
 /// result.
 class SOLVANE_LDAP_EXPORT LDAPRequestImpl : public virtual RefImpl, public NonCopyable {
 public:
@@ -23,25 +23,25 @@ public:
 
     /// Sends the request and stores its message id.
     virtual void send() = 0;
-    /// Collects answers into the result.
-    /// @return false when the final answer has arrived, true when `timeout` seconds ran out first
+    /// Collects responses into the result.
+    /// @return false if the final response has arrived, true if no message arrived for `timeout` seconds
     virtual bool wait(unsigned int timeout) = 0;
-    /// What has been answered; a null handle before the first message.
+    /// The result so far; a null handle before the first message.
     virtual LDAPResult const& result() const = 0;
-    /// Gives the request up, or does nothing.
+    /// Abandons the request, or does nothing.
     virtual void cancel() = 0;
 
     /// The OpenLDAP message id; 0 before the first `send`.
     int id() const { return m_id; }
-    /// For `send` to store the message id.
+    /// Stores the message id; called by `send`.
     void id(int messageId) { m_id = messageId; }
     /// The connection that the request is sent on; null until one is set.
     LDAPConnection& connection() { return m_connection; }
-    /// Shares the connection that the request is to be sent on.
+    /// Sets the connection that the request is sent on; shared.
     void connection(LDAPConnection& connection) { m_connection = connection; }
     /// Makes the mutex that a search's `send` and `wait`, and an add's `send`, hold. A body of your own
     /// locks `m_mutex` itself.
-    /// @note The mutex is never released: who else may still hold it cannot be known.
+    /// @note The mutex is never freed, because another thread may still hold it.
     void shared();
 
 protected:

@@ -1,5 +1,5 @@
 /// @file
-/// Body of a result: the parser of the server's messages.
+/// Body of a result, which decodes the server's messages.
 #ifndef SOLVANE_LDAP_RESULT_IMPL_H
 #define SOLVANE_LDAP_RESULT_IMPL_H
 
@@ -18,45 +18,45 @@ typedef struct ldap LDAP;
 
 namespace Solvane {
 
-/// Body of a result: everything that was answered to one request so far. Any number of
-/// threads may call const operations at the same time; the others are not thread-safe.
+/// Body of a result: the responses to one request so far. Const operations are thread-safe; the others
+/// are not.
 class SOLVANE_LDAP_EXPORT LDAPResultImpl : public virtual RefImpl, public NonCopyable {
 public:
     /// An empty result.
-    /// @param context  the session (`LDAP*`) of the messages; not owned, and must outlive parsing
+    /// @param context  the session (`LDAP*`) of the messages; borrowed, must outlive parsing
     LDAPResultImpl(void* context);
     ~LDAPResultImpl() override;
 
-    /// Reads one message into the result; an empty owner changes nothing.
-    /// @throws LDAPException  code 2, type 6, Result.cpp:541: a kind of message that is not known;
+    /// Decodes one message into the result. Does nothing for an empty owner.
+    /// @throws LDAPException  code 2, type 6, Result.cpp:541: unknown message type;
     ///                        code 1, type 6, Result.cpp:577: a response that OpenLDAP cannot
     ///                        parse, or no session; code 4, type 5, Result.cpp:624: a referral
-    ///                        (stored before); code 4, type 6, Result.cpp:633: anything that is no
-    ///                        `LDAPException` yet, as the cause; what `parseListResultEntry` throws
+    ///                        (stored first); code 4, type 6, Result.cpp:633: any other
+    ///                        `Exception`, as the cause; what `parseListResultEntry` throws
     void parseMessage(LDAPMessageBuffer& message);
-    /// Reads a chain of search entries and references. Entries are appended whole or not at all.
-    /// @note For chains of one message, as LDAP_MSG_ONE gives them: the first one's kind is taken
-    ///       for all, and a longer chain with a reference at its head is read for ever.
-    /// @throws LDAPException  code 4, type 6, Result.cpp:420: another kind of message;
-    ///                        code 4, type 6, Result.cpp:479: any other `Exception`, as
-    ///                        the cause; what `parseSearchReference` throws
+    /// Decodes a chain of search entries and references. Appends complete entries only.
+    /// @note For chains of one message, as LDAP_MSG_ONE returns them: the type of the first message is
+    ///       assumed for all, and a longer chain that begins with a reference never ends.
+    /// @throws LDAPException  code 4, type 6, Result.cpp:420: another message type;
+    ///                        code 4, type 6, Result.cpp:479: any other `Exception`, as the cause; what `parseSearchReference` throws
     void parseListResultEntry(LDAPMessageBuffer& chain);
-    /// Checks the reference at the head of the chain; its URIs are dropped. An empty owner has none.
-    /// @throws LDAPException  code 4, type 5, Result.cpp:646: it cannot be parsed;
+    /// Parses the reference at the start of the chain and drops its URIs. Does nothing for an empty
+    /// owner.
+    /// @throws LDAPException  code 4, type 5, Result.cpp:646: the reference cannot be parsed;
     ///                        code 1, type 6, Result.cpp:577: no session
     void parseSearchReference(LDAPMessageBuffer& chain);
 
-    /// Kind of the last response parsed, as `LDAPResult::resultType`.
+    /// Type of the last message, as `LDAPResult::resultType`.
     int resultType() const { return m_resultType; }
     /// LDAP result code of the final response (RFC 4511 appendix A).
     int resultCode() const { return m_resultCode; }
     /// The part of the DN that exists.
     std::string const& matchedDN() const { return m_matchedDN; }
-    /// The server's diagnostic text, else OpenLDAP's for a code other than 0.
+    /// The server's diagnostic message, or OpenLDAP's text if the code is not 0 and there is none.
     std::string const& errorMessage() const { return m_errorMessage; }
-    /// URIs of a final response that referred elsewhere.
+    /// URIs of a referral in the final response.
     std::list<std::string> const& referrals() const { return m_referrals; }
-    /// Entries in the order of their arrival.
+    /// Entries in the order of arrival.
     std::list<LDAPSearchResultEntry> const& searchResultEntries() const
     {
         return m_searchResultEntries;

@@ -1,8 +1,8 @@
 /// @file
-/// Scope guards for memory that OpenLDAP hands out and wants back.
+/// Owners of memory that OpenLDAP allocates.
 ///
-/// Each holds one pointer. A caller passes its address to the OpenLDAP call that fills it; the
-/// owner gives the object back when it goes, on every path. Not copyable; `free()` is idempotent.
+/// Each owns one pointer. Pass its address to the OpenLDAP function that sets it; the destructor frees
+/// the object. Not copyable; `free()` is idempotent.
 #ifndef SOLVANE_LDAP_OPENLDAP_OWNERS_H
 #define SOLVANE_LDAP_OPENLDAP_OWNERS_H
 
@@ -32,7 +32,7 @@ SOLVANE_LDAP_EXPORT void releaseBerValues(berval** values);
 SOLVANE_LDAP_EXPORT void releaseBerValue(berval* value);
 /// @endcond
 
-/// What all owners share: a pointer, null when there is nothing to give back.
+/// Base of the owners: a pointer, which may be null.
 template <typename T, void (*release)(T*)> class OpenLDAPOwner {
 public:
     OpenLDAPOwner() = default;
@@ -40,7 +40,7 @@ public:
     OpenLDAPOwner& operator=(OpenLDAPOwner const&) = delete;
     ~OpenLDAPOwner() { free(); }
 
-    /// Gives the object back now; the owner may be filled again.
+    /// Frees the object. The owner can then be used again.
     void free()
     {
         if (m_pointer != nullptr) {
@@ -49,52 +49,53 @@ public:
         }
     }
 
-    /// What is held; it stays the owner's.
+    /// The object, which the owner keeps.
     T* get() const { return m_pointer; }
-    /// Where the OpenLDAP call is to write. Free the owner first if it holds something.
+    /// The address to pass to OpenLDAP. Call `free` first if the owner is not empty.
     T** address() { return &m_pointer; }
 
 private:
     T* m_pointer = nullptr;
 };
 
-/// A chain of result messages, given back with `ldap_msgfree`.
+/// A chain of result messages, freed with `ldap_msgfree`.
 class LDAPMessageBuffer : public OpenLDAPOwner<LDAPMessage, releaseMessages> {};
 
-/// A string of OpenLDAP's, given back with `ldap_memfree`.
+/// A string from OpenLDAP, freed with `ldap_memfree`.
 class LDAPCharBuffer : public OpenLDAPOwner<char, releaseChars> {};
 
-/// An array of strings, given back with `ldap_value_free`.
+/// An array of strings, freed with `ldap_value_free`.
 class SOLVANE_LDAP_EXPORT LDAPValueBuffer : public OpenLDAPOwner<char*, releaseValues> {
 public:
-    /// Appends each string, up to its first zero byte, to `out`; the array stays owned.
+    /// Appends each string, up to its first zero byte, to `out`; keeps the array.
     void asList(std::list<std::string>& out) const;
 };
 
-/// The position in an entry's attributes, given back with `ber_free` and 0, as the bytes belong to
-/// the message.
+/// A position among an entry's attributes, freed with `ber_free` and 0, because the message owns the
+/// bytes.
 class LDAPBerElementBuffer : public OpenLDAPOwner<BerElement, releaseElement> {};
 
-/// An array of values, given back with `ldap_value_free_len`.
+/// An array of values, freed with `ldap_value_free_len`.
 class SOLVANE_LDAP_EXPORT LDAPBerValBuffer : public OpenLDAPOwner<berval*, releaseBerValues> {
 public:
-    /// Holds nothing yet.
+    /// An empty owner.
     /// @param separator  what `asBuffer` puts between values; may be empty
     LDAPBerValBuffer(std::string separator);
     ~LDAPBerValBuffer() { free(); } // before the separator goes
 
-    /// Appends all values and one zero byte to `out`; nothing where no array is held. The
-    /// separator, up to its first zero byte, comes before each value that finds `out` not empty.
+    /// Appends all values and one zero byte to `out`; nothing if the owner is empty. Inserts the
+    /// separator, up to its first zero byte, before each value unless `out` is empty.
     void asBuffer(Buffer& out) const;
 
 private:
     std::string m_separator;
 };
 
-/// One value made from a string, given back with `ber_bvfree`.
+/// One value made from a string, freed with `ber_bvfree`.
 class SOLVANE_LDAP_EXPORT LDAPBerValItemBuffer : public OpenLDAPOwner<berval, releaseBerValue> {
 public:
-    /// Holds `value` up to its first zero byte; an empty string gives length 0 and a null pointer.
+    /// Owns a copy of `value` up to its first zero byte; for an empty string, length 0 and a null
+    /// pointer.
     /// @throws std::bad_alloc  no memory
     LDAPBerValItemBuffer(std::string value);
 };
