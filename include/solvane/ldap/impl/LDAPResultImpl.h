@@ -38,7 +38,8 @@ public:
     /// @note For chains of one message, as LDAP_MSG_ONE returns them: the type of the first message is
     ///       assumed for all, and a longer chain that begins with a reference never ends.
     /// @throws LDAPException  code 4, type 6, Result.cpp:420: another message type;
-    ///                        code 4, type 6, Result.cpp:479: any other `Exception`, as the cause; what `parseSearchReference` throws
+    ///                        code 4, type 6, Result.cpp:479: any other `Exception`, as
+    ///                        the cause; what `parseSearchReference` throws
     void parseListResultEntry(LDAPMessageBuffer& chain);
     /// Parses the reference at the start of the chain and drops its URIs. Does nothing for an empty
     /// owner.

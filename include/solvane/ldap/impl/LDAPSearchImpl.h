@@ -19,14 +19,13 @@ public:
     /// @throws LDAPException  code 1, type 0, Search.cpp:249: null connection;
     ///                        code 4, type 4, Search.cpp:270: OpenLDAP refuses to send, and its code
     ///                        is recorded on the connection; code 4, type 4, Search.cpp:289: any
-    ///                        other `Exception`, as the cause; what
-    ///                        `LDAPSearchAdapter` throws
+    ///                        other `Exception`, as the cause; what `LDAPSearchAdapter` throws
     void send() override;
     /// Collects entries until the final response.
     /// @throws LDAPException  code 4, type 4, Search.cpp:332: the wait failed, and OpenLDAP's code is
     ///                        recorded on the connection; code 4, type 4, Search.cpp:349: any other
-    ///                        `Exception`, as the cause; what
-    ///                        `LDAPResultImpl::parseMessage` throws
+    ///                        `Exception`, as the cause; what `LDAPResultImpl::parseMessage`
+    ///                        throws
     bool wait(unsigned int timeout) override;
     /// A null handle before the first message.
     LDAPResult const& result() const override;
