@@ -50,19 +50,19 @@ std::list<Solvane::LDAPSearchResultEntry> foundBy(Solvane::Lookup::Session& sess
     int id = 0;
     require(session.send(request, everybody, id).isGood(), "the engine's search");
     std::list<Solvane::LDAPSearchResultEntry> entries;
-    Solvane::LDAPMessageBuffer message;
+    Session::Message message;
     Solvane::Lookup::Waits waits;
     for (;;) {
-        Session::Received const received = session.receive(message, id);
+        Session::Received const received = session.receive(message);
         require(received != Session::Received::broken, "the engine's connection");
         if (received == Session::Received::nothing) {
             waits.clear();
             session.waits(waits);
             waits.wait();
-        } else if (ldap_msgtype(message.get()) != LDAP_RES_SEARCH_ENTRY) {
+        } else if (message.type != LDAP_RES_SEARCH_ENTRY) {
             return entries;
         } else {
-            require(Solvane::Lookup::readEntry(session.handle(), message.get(), entries), "entry");
+            require(Solvane::Lookup::readEntry(message.content, entries), "entry");
         }
     }
 }

@@ -37,10 +37,14 @@ struct Result {
 };
 
 /// False if it is damaged.
-bool parse(LDAP* session, LDAPMessage* message, Result& result)
+bool parse(LDAP* session, Session::Message const& message, Result& result)
 {
-    int const rc = ldap_parse_result(session, message, &result.code, result.matched.address(),
-                                     result.text.address(), result.referrals.address(), nullptr, 0);
+    if (message.isSuccess) {
+        return true; // what OpenLDAP would make texts of is empty
+    }
+    int const rc =
+        ldap_parse_result(session, message.parsed.get(), &result.code, result.matched.address(),
+                          result.text.address(), result.referrals.address(), nullptr, 0);
     if (result.code == LDAP_SUCCESS && rc == LDAP_SUCCESS && result.refers()) {
         result.code = LDAP_REFERRAL; // a success that refers elsewhere is a referral all the same
     }
@@ -100,10 +104,9 @@ void Pipeline::drain(Lane& lane)
 {
     constexpr int atMost = 256; // messages: a flood must not hide that time passes
     Session& session = lane.lease->session;
+    Session::Message message;
     for (int count = 0; count < atMost && !lane.tasks.empty(); ++count) {
-        LDAPMessageBuffer message;
-        int id = 0;
-        Session::Received const received = session.receive(message, id);
+        Session::Received const received = session.receive(message);
         if (received == Session::Received::nothing) {
             break;
         }
@@ -113,13 +116,13 @@ void Pipeline::drain(Lane& lane)
             return;
         }
         lane.lease->hasAnswered = true;
-        if (id <= 0) { // as a server does before it closes
+        if (message.id <= 0) { // as a server does before it closes
             leave(lane, Trouble::broken,
                   {Outcome::TryLater, LDAP_SERVER_DOWN,
                    lane.server->uri + " announced that it closes the connection"});
             return;
         }
-        Task* const task = lane.find(id);
+        Task* const task = lane.find(message.id);
         if (task == nullptr) {
             continue; // the rest of an answer that was given up
         }
@@ -132,9 +135,9 @@ void Pipeline::drain(Lane& lane)
     store(lane.server->heardAt, session.heardAt());
 }
 
-void Pipeline::take(Lane& lane, Task& task, LDAPMessageBuffer& message)
+void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
 {
-    switch (static_cast<ber_tag_t>(ldap_msgtype(message.get()))) {
+    switch (message.type) {
     case LDAP_RES_SEARCH_ENTRY:
         return takeEntry(lane, task, message);
     case LDAP_RES_SEARCH_REFERENCE:
@@ -150,18 +153,17 @@ void Pipeline::take(Lane& lane, Task& task, LDAPMessageBuffer& message)
     }
 }
 
-void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
+void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message)
 {
     Settings const& settings = m_shared.settings;
     std::list<LDAPSearchResultEntry>& entries = task.answer.entries;
-    std::size_t bytes = 0;
-    if (!readEntry(lane.lease->session.handle(), message.get(), entries, &bytes)) {
+    if (!readEntry(message.content, entries)) {
         leave(lane, Trouble::damaged,
               {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged entry"},
               &task);
         return;
     }
-    task.bytes += bytes;
+    task.bytes += lane.lease->session.messageSize();
     bool const isTooMany = settings.entryLimit != 0 && entries.size() > settings.entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
@@ -178,10 +180,10 @@ void Pipeline::takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message)
     }
 }
 
-void Pipeline::takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message)
+void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& message)
 {
     Result result;
-    if (!parse(lane.lease->session.handle(), message.get(), result)) {
+    if (!parse(lane.lease->session.handle(), message, result)) {
         leave(lane, Trouble::damaged,
               {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged result"},
               &task);

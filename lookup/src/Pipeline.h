@@ -107,9 +107,9 @@ private:
     // Answers: Pipeline.cpp
     void advanceLanes();
     void drain(Lane& lane);
-    void take(Lane& lane, Task& task, LDAPMessageBuffer& message);
-    void takeEntry(Lane& lane, Task& task, LDAPMessageBuffer& message);
-    void takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message);
+    void take(Lane& lane, Task& task, Session::Message const& message);
+    void takeEntry(Lane& lane, Task& task, Session::Message const& message);
+    void takeResult(Lane& lane, Task& task, Session::Message const& message);
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
     /// @param why  a copy, as the session that said it goes

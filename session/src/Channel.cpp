@@ -120,11 +120,16 @@ void Channel::makeRoom()
     m_capacity = capacity;
 }
 
-void Channel::drop()
+void Channel::take()
 {
     m_begin += m_front.length;
     m_deliverable = 0;
     m_front = MessageFrame();
+}
+
+void Channel::drop()
+{
+    take();
     if (m_begin == m_end) {
         m_begin = 0;
         m_end = 0;

@@ -52,6 +52,8 @@ public:
     void deliver() { m_deliverable = m_front.length; }
     /// Takes the message in front away, read or not.
     void drop();
+    /// The same; its bytes stay where they are until the next `fill`.
+    void take();
     /// Whether an idle connection is as it was left: nothing has come, and nothing is to be sent. What
     /// TLS says to itself does not count, as the tickets that follow a handshake.
     bool isFresh();

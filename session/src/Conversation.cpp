@@ -1,6 +1,8 @@
 // Requests and messages by OpenLDAP's calls.
 #include "Conversation.h"
 
+#include "BerReader.h"
+
 #include <solvane/session/PlainText.h>
 #include <solvane/session/ResultCodes.h>
 
@@ -18,6 +20,14 @@ constexpr char const nowhere[] = "ldapi://%2Fdev%2Fnull%2F";
 struct FreeElement {
     void operator()(BerElement* element) const { ber_free(element, 1); }
 };
+
+/// Whether an operation is a search result with code 0, no matched DN, no text and nothing behind
+/// (RFC 4511 section 4.1.9), as nearly all of them are.
+bool isPlainSuccess(std::string_view operation)
+{
+    constexpr char plain[] = "\x65\x07\x0A\x01\x00\x04\x00\x04\x00";
+    return operation == std::string_view(plain, sizeof plain - 1);
+}
 
 int limited(unsigned int number)
 {
@@ -138,10 +148,11 @@ bool Conversation::isAwaited(int id) const
     return std::binary_search(m_awaited.begin(), m_awaited.end(), id);
 }
 
-Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
+Session::Received Conversation::receive(Session::Message& message, bool parsesEntries)
 {
     constexpr int dropsAtOnce = 256; // a server that sends what nobody awaits must not hold us up
-    message.free();
+    message.parsed.free();
+    message.content = {};
     for (int drops = 0; drops < dropsAtOnce; ++drops) {
         Channel::Input const input = m_channel.fill();
         if (input != Channel::Input::message) {
@@ -152,10 +163,13 @@ Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
         if (front.id == 0) {
             takeNotice();
         } else if (isAwaited(front.id)) {
-            if (!parse(message)) {
+            message.id = front.id;
+            message.type = front.operation;
+            message.isSuccess = isPlainSuccess(m_channel.frontBytes().substr(front.operationAt));
+            bool const isLeft = front.operation == LDAP_RES_SEARCH_ENTRY && !parsesEntries;
+            if (!(isLeft ? takeEntry(front, message) : parse(message.parsed))) {
                 continue; // broken, which the next round tells
             }
-            id = front.id;
             m_messageSize = front.length;
             if (!isIntermediate(front.operation)) {
                 m_awaited.erase(std::lower_bound(m_awaited.begin(), m_awaited.end(), front.id));
@@ -167,6 +181,16 @@ Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
     return Session::Received::nothing;
 }
 
+/// Leaves the entry in front to the caller. OpenLDAP need not see it: it forgets a request when it has
+/// the final response.
+bool Conversation::takeEntry(MessageFrame const& frame, Session::Message& message)
+{
+    BerReader reader(m_channel.frontBytes().substr(frame.operationAt));
+    bool const isValid = reader.take(message.content);
+    m_channel.take();
+    return isValid || failInvalid();
+}
+
 /// Has OpenLDAP parse the message in front. It has all of it, so it does not wait.
 bool Conversation::parse(LDAPMessageBuffer& message)
 {
@@ -174,11 +198,13 @@ bool Conversation::parse(LDAPMessageBuffer& message)
     timeval atOnce = {0, 0};
     int const type = ldap_result(m_handle, LDAP_RES_ANY, LDAP_MSG_ONE, &atOnce, message.address());
     m_channel.drop();
-    if (type <= 0) {
-        m_channel.fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                       "the server sent an invalid message");
-    }
-    return type > 0;
+    return type > 0 || failInvalid();
+}
+
+bool Conversation::failInvalid()
+{
+    m_channel.fail(Outcome::TryLater, LDAP_DECODING_ERROR, "the server sent an invalid message");
+    return false;
 }
 
 /// What the server says unasked (RFC 4511 section 4.4): that it is about to close the connection, or

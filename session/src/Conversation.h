@@ -39,7 +39,8 @@ public:
     void expect(int id) { m_awaited.push_back(id); }
 
     /// The next message of a request, without waiting.
-    Session::Received receive(LDAPMessageBuffer& message, int& id);
+    /// @param parsesEntries  OpenLDAP parses entries too, and none is left in the buffer
+    Session::Received receive(Session::Message& message, bool parsesEntries);
     /// Bytes of the message that was given out last.
     std::size_t messageSize() const { return m_messageSize; }
 
@@ -48,7 +49,9 @@ private:
     int sent(int code, int id);
     bool isAwaited(int id) const;
     void takeNotice();
+    bool takeEntry(MessageFrame const& frame, Session::Message& message);
     bool parse(LDAPMessageBuffer& message);
+    bool failInvalid();
 
     Channel m_channel;
     LDAP* m_handle = nullptr;

@@ -3,6 +3,7 @@
 
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
+#include "BerReader.h"
 #include "OpenLDAP.h"
 
 #include <string>
@@ -12,60 +13,86 @@ namespace Solvane::Lookup {
 
 namespace {
 
-void releaseArray(berval* array) { ber_memfree(array); } // its values are the message's bytes
-
-/// The values of one attribute, without copies.
-class ValueArray : public OpenLDAPOwner<berval, releaseArray> {};
-
-std::string textOf(berval const& bytes)
-{
-    return bytes.bv_val == nullptr ? std::string() : std::string(bytes.bv_val, bytes.bv_len);
-}
-
-/// Points at each value, as attributes take them.
-void pointAt(ValueArray const& values, std::vector<berval*>& pointers)
-{
-    pointers.clear();
-    for (berval* value = values.get(); value != nullptr && value->bv_val != nullptr; ++value) {
-        pointers.push_back(value);
+/// The values of one attribute, as attributes take them. Kept from attribute to attribute for its memory.
+class Values {
+public:
+    /// Takes the set of values that comes next. False if it is damaged.
+    bool takeFrom(BerReader& reader)
+    {
+        std::string_view set;
+        if (!reader.take(set)) {
+            return false;
+        }
+        m_values.clear();
+        std::string_view value;
+        for (BerReader inside(set); !inside.isAtEnd();) {
+            if (!inside.take(value)) {
+                return false;
+            }
+            m_values.push_back({value.size(), const_cast<char*>(value.data())});
+        }
+        return true;
     }
-    pointers.push_back(nullptr);
+
+    /// Ends with a null pointer.
+    berval** pointers()
+    {
+        m_pointers.clear();
+        m_pointers.reserve(m_values.size() + 1);
+        for (berval& value : m_values) {
+            m_pointers.push_back(&value);
+        }
+        m_pointers.push_back(nullptr);
+        return m_pointers.data();
+    }
+
+private:
+    std::vector<berval> m_values;
+    std::vector<berval*> m_pointers;
+};
+
+/// @param attributes  one after the other
+bool append(std::string_view dn, std::string_view attributes, std::list<LDAPSearchResultEntry>& to)
+{
+    std::list<LDAPSearchResultEntry> read; // built in the node in which it stays
+    LDAPSearchResultEntry& entry = read.emplace_back(std::string(dn));
+    Values values;
+    for (BerReader reader(attributes); !reader.isAtEnd();) {
+        std::string_view description;
+        if (!reader.enter() || !reader.take(description) || !values.takeFrom(reader)) {
+            return false;
+        }
+        entry.appendAttribute(
+            LDAPAttribute(LDAPAttributeType(std::string(description)), values.pointers()));
+    }
+    to.splice(to.end(), read);
+    return true;
 }
 
 } // namespace
 
-bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEntry>& to,
-               std::size_t* bytes)
+bool readEntry(std::string_view content, std::list<LDAPSearchResultEntry>& to)
+{
+    BerReader reader(content);
+    std::string_view dn;
+    std::string_view attributes;
+    return reader.take(dn) && reader.take(attributes) && append(dn, attributes, to);
+}
+
+bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEntry>& to)
 {
     LDAPBerElementBuffer position;
     berval dn = {0, nullptr};
     if (ldap_get_dn_ber(session, message, position.address(), &dn) != LDAP_SUCCESS) {
         return false;
     }
-    if (bytes != nullptr) {
-        ber_len_t size = 0;
-        ber_get_option(position.get(), LBER_OPT_BER_TOTAL_BYTES, &size);
-        *bytes = size;
+    ber_len_t length = 0;
+    berval first = {0, nullptr};
+    ber_get_option(position.get(), LBER_OPT_BER_REMAINING_BYTES, &length);
+    if (length != 0 && ber_skip_raw(position.get(), &first) == LBER_DEFAULT) {
+        return false;
     }
-    std::list<LDAPSearchResultEntry> read; // built in the node in which it stays
-    read.emplace_back(textOf(dn));
-    std::vector<berval*> pointers;
-    for (;;) {
-        berval description = {0, nullptr};
-        ValueArray values;
-        if (ldap_get_attribute_ber(session, message, position.get(), &description,
-                                   values.address()) != LDAP_SUCCESS) {
-            return false;
-        }
-        if (description.bv_val == nullptr) {
-            break;
-        }
-        pointAt(values, pointers);
-        read.back().appendAttribute(
-            LDAPAttribute(LDAPAttributeType(textOf(description)), pointers.data()));
-    }
-    to.splice(to.end(), read);
-    return true;
+    return append({dn.bv_val, dn.bv_len}, {first.bv_val, length}, to);
 }
 
 } // namespace Solvane::Lookup

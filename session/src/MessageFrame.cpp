@@ -59,6 +59,7 @@ bool readContent(std::string_view content, MessageFrame& frame)
         frame.id = frame.id << 8 | static_cast<unsigned char>(byte);
     }
     frame.operation = static_cast<unsigned char>(content[header.size + header.content]);
+    frame.operationAt = frame.length - content.size() + header.size + header.content;
     return true;
 }
 

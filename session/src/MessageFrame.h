@@ -21,6 +21,7 @@ struct MessageFrame {
     std::size_t length = 0;      ///< of the whole message in bytes; 0 until that can be told
     int id = 0;                  ///< once it is whole
     unsigned char operation = 0; ///< the tag of what it holds, once it is whole
+    std::size_t operationAt = 0; ///< where that tag stands
 };
 
 /// The frame of the message that `bytes` begins with.

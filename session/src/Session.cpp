@@ -6,6 +6,8 @@
 
 #include "SessionSteps.h"
 
+#include <utility>
+
 namespace Solvane::Lookup {
 
 Session::Session(SessionOptions options) : m_steps(std::make_unique<Steps>(std::move(options))) {}
@@ -113,18 +115,17 @@ void Session::flush()
 
 Session::Received Session::receive(LDAPMessageBuffer& message, int& id)
 {
-    Conversation* const conversation = m_steps->conversation();
-    if (conversation == nullptr || !verdict().isGood()) {
-        m_steps->breakOff("search");
-        return Received::broken;
-    }
-    conversation->channel().flush();
-    Received const received = conversation->receive(message, id);
-    if (received == Received::broken) {
-        m_steps->breakOff("search");
+    Message next;
+    Received const received = m_steps->receive(next, true);
+    message.free();
+    if (received == Received::message) {
+        std::swap(*message.address(), *next.parsed.address());
+        id = next.id;
     }
     return received;
 }
+
+Session::Received Session::receive(Message& message) { return m_steps->receive(message, false); }
 
 std::size_t Session::messageSize() const
 {

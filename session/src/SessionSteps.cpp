@@ -287,22 +287,20 @@ bool Session::Steps::startBind()
 
 Session::Steps::Progress Session::Steps::bind()
 {
-    LDAPMessageBuffer answer;
+    Message answer;
     Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeBindResponse(answer) : progress;
+    return progress == Progress::done ? takeBindResponse(answer.parsed) : progress;
 }
 
 /// Awaits the final answer to the request of the step.
-Session::Steps::Progress Session::Steps::awaitAnswer(LDAPMessageBuffer& answer)
+Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
 {
     m_conversation->channel().flush();
     for (;;) {
-        int id = 0;
-        switch (m_conversation->receive(answer, id)) {
+        switch (m_conversation->receive(answer, true)) {
         case Received::message:
             // Of a search for nothing but life, the entry is not the end.
-            if (id == m_id &&
-                !isIntermediate(static_cast<unsigned char>(ldap_msgtype(answer.get())))) {
+            if (answer.id == m_id && !isIntermediate(answer.type)) {
                 return Progress::done;
             }
             break;
@@ -345,9 +343,9 @@ bool Session::Steps::startIdentify()
 
 Session::Steps::Progress Session::Steps::identify()
 {
-    LDAPMessageBuffer answer;
+    Message answer;
     Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeIdentity(answer) : progress;
+    return progress == Progress::done ? takeIdentity(answer.parsed) : progress;
 }
 
 Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
@@ -384,6 +382,22 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
     }
     identity = Identity::Confirmed;
     return Progress::done;
+}
+
+// Requests
+
+Session::Received Session::Steps::receive(Message& message, bool parsesEntries)
+{
+    if (!m_conversation || !m_verdict.isGood()) {
+        breakOff("search");
+        return Received::broken;
+    }
+    m_conversation->channel().flush();
+    Received const received = m_conversation->receive(message, parsesEntries);
+    if (received == Received::broken) {
+        breakOff("search");
+    }
+    return received;
 }
 
 // Failures

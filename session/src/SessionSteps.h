@@ -32,6 +32,9 @@ public:
     bool isDone(Step step) const { return static_cast<int>(step) < m_done; }
     /// Good while nothing failed.
     Verdict const& verdict() const { return m_verdict; }
+    /// As `Session::receive`.
+    /// @param parsesEntries  OpenLDAP parses entries too
+    Received receive(Message& message, bool parsesEntries);
     /// Keeps what broke the session; the first verdict stays.
     Verdict const& breakOff(char const* during);
     /// Null before the connect is done.
@@ -74,7 +77,7 @@ private:
     bool startBind();
     bool startIdentify();
 
-    Progress awaitAnswer(LDAPMessageBuffer& answer);
+    Progress awaitAnswer(Message& answer);
     Progress takeBindResponse(LDAPMessageBuffer& answer);
     Progress takeIdentity(LDAPMessageBuffer& answer);
     Progress fail(Outcome outcome, int code, std::string const& text);

@@ -135,11 +135,12 @@ Entry ordinary(Session const& session)
 }
 
 /// The entry by the reader.
-Entry read(Session const& session)
+/// @param isRead    whether it read one
+/// @param entries  what it read
+Entry read(bool isRead, std::list<LDAPSearchResultEntry> const& entries)
 {
     Entry entry;
-    std::list<LDAPSearchResultEntry> entries;
-    entry.isWhole = Lookup::readEntry(session.get(), session.message(), entries);
+    entry.isWhole = isRead;
     require(entries.size() == (entry.isWhole ? 1U : 0U), "nothing is appended if it is damaged");
     if (!entry.isWhole) {
         return entry;
@@ -153,6 +154,20 @@ Entry read(Session const& session)
         entry.attributes.emplace_back(attribute.type().asString(), std::move(values));
     }
     return entry;
+}
+
+Entry read(Session const& session)
+{
+    std::list<LDAPSearchResultEntry> entries;
+    bool const isRead = Lookup::readEntry(session.get(), session.message(), entries);
+    return read(isRead, entries);
+}
+
+Entry read(std::string const& content)
+{
+    std::list<LDAPSearchResultEntry> entries;
+    bool const isRead = Lookup::readEntry(content, entries);
+    return read(isRead, entries);
 }
 
 bool hasNul(std::string const& text) { return text.find('\0') != std::string::npos; }
@@ -187,6 +202,10 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
     std::string const message = messageWith(content);
     Entry const first = read(Session(message));
     Entry const expected = ordinary(Session(message));
+    Entry const left = read(content);
+    require(left.isWhole == first.isWhole && left.dn == first.dn &&
+                left.attributes == first.attributes,
+            "the entry is the same without OpenLDAP's message");
     if (first.isWhole && isPlain(first)) {
         require(expected.isWhole, "OpenLDAP reads what the reader reads");
         require(first.dn == expected.dn, "the name is the same");

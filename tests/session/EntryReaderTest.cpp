@@ -64,30 +64,53 @@ Content ordinaryContentOf(LDAP* session, LDAPMessage* message)
     return content;
 }
 
-/// A session whose server answers one search with these entries, each given without its message.
+/// A session whose server answers each of two searches with this entry.
 class AnsweredWith {
 public:
     explicit AnsweredWith(std::function<std::string(int)> const& answer)
         : m_server([answer](Peer& peer) {
+              peer.send(answer(messageIdOf(peer.receiveMessage())));
               peer.send(answer(messageIdOf(peer.receiveMessage())));
               peer.receiveUntilClosed();
           }),
           session(plainOptions(m_server.port()))
     {
         session.reach(Step::connect, soon());
-        int id = 0;
-        session.send(peopleSearch(), "(cn=x)", id);
-        message = next(session);
     }
 
-    bool read() { return readEntry(session.handle(), message->message.get(), entries); }
+    /// Reads it from the session's buffer; from a message of OpenLDAP's it is the same.
+    bool read()
+    {
+        std::list<LDAPSearchResultEntry> parsed = entries;
+        search();
+        auto const message = next(session);
+        bool const isParsed = readEntry(session.handle(), message->message.get(), parsed);
+
+        search();
+        Session::Message left;
+        EXPECT_EQ(next(session, left), Session::Received::message);
+        bool const isRead = readEntry(left.content, entries);
+
+        EXPECT_EQ(isParsed, isRead);
+        EXPECT_EQ(parsed.size(), entries.size());
+        if (isParsed && isRead) {
+            EXPECT_EQ(parsed.back().entryName(), entries.back().entryName());
+            EXPECT_EQ(contentOf(parsed.back()), contentOf(entries.back()));
+        }
+        return isRead;
+    }
 
 private:
+    void search()
+    {
+        int id = 0;
+        session.send(peopleSearch(), "(cn=x)", id);
+    }
+
     ScriptedServer m_server;
 
 public:
     Session session;
-    std::unique_ptr<Message> message;
     std::list<LDAPSearchResultEntry> entries;
 };
 
@@ -171,6 +194,23 @@ TEST(EntryOfAPeer, GivesARepeatedAttributeItsOwnValues)
                             Pair("CN", ElementsAre("second"))));
 }
 
+// OpenLDAP reads them, whatever their tags.
+TEST(EntryOfAPeer, MayHaveLongHeaders)
+{
+    std::string const name("\x1f\x81\x81\x81\x81\x81\x81\x01\x04" // a tag of eight bytes
+                           "cn=x",
+                           13);
+    std::string const attributes =
+        berElement(0x30, "\x04\x81\x02"
+                         "cn" +
+                             berElement(0x31, std::string("\x04\x88\0\0\0\0\0\0\0\x01x", 11)));
+    AnsweredWith answered(entryOf(name + berElement(0x30, attributes)));
+
+    ASSERT_TRUE(answered.read());
+    EXPECT_EQ(answered.entries.front().entryName(), "cn=x");
+    EXPECT_THAT(contentOf(answered.entries.front()), ElementsAre(Pair("cn", ElementsAre("x"))));
+}
+
 TEST(EntryOfAPeer, MayHaveNothing)
 {
     AnsweredWith answered([](int id) { return searchEntry(id, "", {}); });
@@ -206,6 +246,11 @@ TEST(EntryOfAPeer, ThatIsDamagedIsNotRead)
         dn + berElement(0x30, attribute + "\x30"), // a second one without a length
         dn + berElement(0x30, berElement(0x30, berElement(0x04, "cn") +
                                                    berElement(0x31, "\x04\x05x"))), // half a value
+        std::string("\x04\x80\x00\x00", 4) + berElement(0x30, ""), // a name of indefinite length
+        "\x04\x89\x01\x01\x01\x01\x01\x01\x01\x01\x01x" + berElement(0x30, ""), // of nine bytes
+        "\x1f\xff",                              // a tag without an end
+        "\x1f\xff\xff\xff\xff\xff\xff\xff\x01" + // and one of nine bytes
+            std::string("\x00", 1) + berElement(0x30, ""),
     };
     for (std::string const& content : damaged) {
         AnsweredWith answered(entryOf(content));

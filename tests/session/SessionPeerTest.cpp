@@ -4,6 +4,8 @@
 #include "ScriptedServer.h"
 #include "Sessions.h"
 
+#include <solvane/session/EntryReader.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -391,6 +393,79 @@ TEST(AnswerOfAPeer, ThatIsLargeIsWhole)
 
     EXPECT_THAT(typesFor(*granted.session, id),
                 ElementsAre(LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_RESULT));
+}
+
+// A large buffer goes once it is empty; the entry stays until the next call.
+TEST(AnswerOfAPeer, IsLeftInTheBufferWhateverItsSize)
+{
+    std::string const photo(5000000, 'x');
+    GrantedSession granted(answering([&](int id) {
+        return searchEntry(id, "cn=first", {{"jpegPhoto", {photo}}}) +
+               searchEntry(id, "cn=second", {}) + searchDone(id);
+    }));
+    int const id = granted.search();
+    std::list<LDAPSearchResultEntry> entries;
+    Session::Message message;
+
+    for (int i = 0; i != 2; ++i) {
+        ASSERT_EQ(next(*granted.session, message), Received::message);
+        EXPECT_EQ(message.id, id);
+        EXPECT_EQ(message.type, LDAP_RES_SEARCH_ENTRY);
+        EXPECT_EQ(message.parsed.get(), nullptr);
+        ASSERT_TRUE(readEntry(message.content, entries));
+    }
+    ASSERT_EQ(next(*granted.session, message), Received::message);
+
+    EXPECT_EQ(entries.front().entryName(), "cn=first");
+    EXPECT_EQ(entries.front().attributes().attributes().front().binaryValue().front().length(),
+              photo.size());
+    EXPECT_EQ(entries.back().entryName(), "cn=second");
+    EXPECT_EQ(message.type, LDAP_RES_SEARCH_RESULT);
+    EXPECT_NE(message.parsed.get(), nullptr);
+    EXPECT_TRUE(message.content.empty());
+    EXPECT_TRUE(granted.session->isFresh());
+}
+
+TEST(AnswerOfAPeer, IsASuccessOnlyIfItSaysNothingElse)
+{
+    std::string const success("\x0a\x01\x00\x04\x00\x04\x00", 7);
+    std::vector<std::string> const others = {
+        std::string("\x0a\x01\x03\x04\x00\x04\x00", 7),           // another code
+        std::string("\x0a\x01\x00\x04\x01x\x04\x00", 8),          // a matched DN
+        std::string("\x0a\x01\x00\x04\x00\x04\x01x", 8),          // a text
+        success + berElement(0xa3, berElement(0x04, "ldap://x")), // a referral
+    };
+    GrantedSession granted([&](Peer& peer) {
+        peer.send(ldapMessage(messageIdOf(peer.receiveMessage()), berElement(0x65, success)));
+        for (std::string const& other : others) {
+            peer.send(ldapMessage(messageIdOf(peer.receiveMessage()), berElement(0x65, other)));
+        }
+        peer.receiveUntilClosed();
+    });
+    Session::Message message;
+
+    granted.search();
+    ASSERT_EQ(next(*granted.session, message), Received::message);
+    EXPECT_TRUE(message.isSuccess);
+    for (std::string const& other : others) {
+        granted.search();
+        ASSERT_EQ(next(*granted.session, message), Received::message);
+        EXPECT_FALSE(message.isSuccess) << testing::PrintToString(other);
+    }
+}
+
+TEST(AnswerOfAPeer, WhoseEntryIsLongerThanItsMessageBreaksTheSession)
+{
+    for (bool const isLeft : {false, true}) {
+        GrantedSession granted(answering([](int id) { return ldapMessage(id, "\x64\x05"); }));
+        granted.search();
+        Session::Message message;
+
+        EXPECT_EQ(isLeft ? next(*granted.session, message) : next(*granted.session)->received,
+                  Received::broken);
+        EXPECT_THAT(shown(granted.session->verdict()),
+                    AllOf(StartsWith("TryLater -4 "), HasSubstr("an invalid message")));
+    }
 }
 
 TEST(AnswerOfAPeer, ThatIsLargerThanTheBoundBreaksTheSession)

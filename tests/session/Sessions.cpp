@@ -65,21 +65,38 @@ std::string shown(Verdict const& verdict)
            std::to_string(verdict.code) + ' ' + verdict.text;
 }
 
-std::unique_ptr<Message> next(Session& session)
+namespace {
+
+/// Calls `receive` until it has something, for ten seconds at most.
+template <typename Receive> Session::Received awaited(Session& session, Receive const& receive)
 {
-    auto message = std::make_unique<Message>();
     auto const deadline = in(std::chrono::seconds(10));
     Waits waits;
     for (;;) {
-        message->received = session.receive(message->message, message->id);
-        if (message->received != Session::Received::nothing || Clock::now() > deadline) {
-            return message;
+        Session::Received const received = receive();
+        if (received != Session::Received::nothing || Clock::now() > deadline) {
+            return received;
         }
         waits.clear();
         session.waits(waits);
         waits.until(deadline);
         waits.wait();
     }
+}
+
+} // namespace
+
+std::unique_ptr<Message> next(Session& session)
+{
+    auto message = std::make_unique<Message>();
+    message->received =
+        awaited(session, [&] { return session.receive(message->message, message->id); });
+    return message;
+}
+
+Session::Received next(Session& session, Session::Message& message)
+{
+    return awaited(session, [&] { return session.receive(message); });
 }
 
 std::vector<int> typesFor(Session& session, int id)

@@ -47,6 +47,9 @@ struct Message {
 
 /// Waits for the next message.
 std::unique_ptr<Message> next(Solvane::Lookup::Session& session);
+/// The same; entries are left in the session's buffer.
+Solvane::Lookup::Session::Received next(Solvane::Lookup::Session& session,
+                                        Solvane::Lookup::Session::Message& message);
 /// The types of the messages that arrive for `id`, up to the final one.
 std::vector<int> typesFor(Solvane::Lookup::Session& session, int id);
 

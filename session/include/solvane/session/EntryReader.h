@@ -7,8 +7,8 @@
 
 #include <solvane/ldap/LDAPResult.h>
 
-#include <cstddef>
 #include <list>
+#include <string_view>
 
 /// @cond of OpenLDAP
 typedef struct ldap LDAP;
@@ -20,15 +20,22 @@ namespace Solvane::Lookup {
 /// Appends the entry of a search result entry to a list. Reads the message once from front to end, so
 /// the time grows with its size alone, and every attribute has the values that stand with it.
 ///
+/// @param content  of the operation: name and attributes (RFC 4511 section 4.5.2), as
+///                 `Session::Message` has it
+/// @param to       receives the entry
+/// @return true; false if the entry is damaged, and then `to` is as it was
+SOLVANE_LOOKUP_EXPORT bool readEntry(std::string_view content,
+                                     std::list<LDAPSearchResultEntry>& to);
+
+/// The same of a message that OpenLDAP parsed.
+///
 /// @param session  that received the message
 /// @param message  of type search entry (0x64); stays the caller's, but is changed by reading and is not
 ///                 to be read again
 /// @param to       receives the entry
-/// @param bytes    if not null, receives the size of the message, also of a damaged one
-/// @return true; false if the message is damaged, and then `to` is as it was
+/// @return true; false if the entry is damaged, and then `to` is as it was
 SOLVANE_LOOKUP_EXPORT bool readEntry(LDAP* session, LDAPMessage* message,
-                                     std::list<LDAPSearchResultEntry>& to,
-                                     std::size_t* bytes = nullptr);
+                                     std::list<LDAPSearchResultEntry>& to);
 
 } // namespace Solvane::Lookup
 

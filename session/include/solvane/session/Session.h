@@ -19,6 +19,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 /// @cond of OpenLDAP
@@ -137,6 +138,17 @@ public:
     /// @param message  receives it and owns it
     /// @param id       receives its message id
     Received receive(LDAPMessageBuffer& message, int& id);
+
+    /// A message as it came.
+    struct Message {
+        int id = 0;               ///< of the request
+        unsigned char type = 0;   ///< the tag of its operation: LDAP_RES_...
+        std::string_view content; ///< of an entry, for `readEntry`; valid until the next call
+        LDAPMessageBuffer parsed; ///< by OpenLDAP, if it is no entry
+        bool isSuccess = false;   ///< a final response with code 0 that says nothing else
+    };
+    /// The same; entries are left in the session's buffer.
+    Received receive(Message& message);
 
     /// Size in bytes of the message that `receive` gave last.
     std::size_t messageSize() const;

@@ -1,0 +1,82 @@
+// BER elements one after the other, as OpenLDAP takes them.
+#ifndef SOLVANE_SESSION_SRC_BER_READER_H
+#define SOLVANE_SESSION_SRC_BER_READER_H
+
+#include <cstddef>
+#include <string_view>
+
+namespace Solvane::Lookup {
+
+/// Takes elements off the front of some bytes, which are borrowed. Reads what OpenLDAP's ber_scanf
+/// reads: elements of definite length, whatever their tags.
+class BerReader {
+public:
+    explicit BerReader(std::string_view bytes) : m_rest(bytes) {}
+
+    bool isAtEnd() const { return m_rest.empty(); }
+
+    /// Takes the next element. False if it is not whole; the reader is of no more use then.
+    bool take(std::string_view& content)
+    {
+        std::size_t length = 0;
+        if (!takeHeader(length)) {
+            return false;
+        }
+        content = m_rest.substr(0, length);
+        m_rest.remove_prefix(length);
+        return true;
+    }
+
+    /// Goes into the next element: what it holds comes next. False if it is not whole.
+    bool enter()
+    {
+        std::size_t length = 0;
+        return takeHeader(length);
+    }
+
+private:
+    bool takeHeader(std::size_t& length)
+    {
+        constexpr std::size_t longest = 8; // bytes of a tag, and of a length
+        std::size_t position = 1;
+        if (m_rest.empty()) {
+            return false;
+        }
+        if ((byteAt(0) & 0x1F) == 0x1F) { // the tag goes on, as long as its bytes say so
+            while (position < longest && position < m_rest.size() &&
+                   (byteAt(position) & 0x80) != 0) {
+                ++position;
+            }
+            if (position++ == longest) {
+                return false;
+            }
+        }
+        if (position >= m_rest.size()) {
+            return false;
+        }
+        length = byteAt(position++);
+        if (length >= 0x80) {
+            std::size_t const count = length & 0x7F;
+            if (count == 0 || count > longest || m_rest.size() - position < count) {
+                return false;
+            }
+            length = 0;
+            for (std::size_t const end = position + count; position != end; ++position) {
+                length = length << 8 | byteAt(position);
+            }
+        }
+        m_rest.remove_prefix(position);
+        return length <= m_rest.size();
+    }
+
+    std::size_t byteAt(std::size_t position) const
+    {
+        return static_cast<unsigned char>(m_rest[position]);
+    }
+
+    std::string_view m_rest;
+};
+
+} // namespace Solvane::Lookup
+
+#endif
