@@ -11,7 +11,7 @@ Credentials::Turn Credentials::turn(Clock::time_point now) const
     if (m_wasRefused && now < m_heldUntil) {
         return Turn::refuse;
     }
-    return m_isUnderWay ? Turn::wait : Turn::bind;
+    return now < m_claimedUntil ? Turn::wait : Turn::bind;
 }
 
 Verdict Credentials::refusal(Clock::time_point now) const
@@ -30,12 +30,12 @@ std::size_t Credentials::firstServer(std::size_t servers) const
 void Credentials::accepted()
 {
     m_isAccepted = true;
-    m_isUnderWay = false;
+    leftOpen();
 }
 
 void Credentials::refused(std::size_t server, Verdict const& why, Clock::time_point now)
 {
-    m_isUnderWay = false;
+    leftOpen();
     if (m_isAccepted) {
         return;
     }

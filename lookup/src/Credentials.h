@@ -34,19 +34,28 @@ public:
     /// The server to begin with: after a refusal, the one behind the server that refused.
     std::size_t firstServer(std::size_t servers) const;
 
-    /// A caller is going to bind, where its turn is `bind`.
-    void begin() { m_isUnderWay = !m_isAccepted; }
+    /// A caller is going to bind, if its turn is `bind`. Others wait for it until `until`: it may be held
+    /// up by something else.
+    void begin(Clock::time_point until)
+    {
+        if (!m_isAccepted) {
+            m_claimedUntil = until;
+        }
+    }
+    /// When the next caller's turn comes at the latest.
+    Clock::time_point claimedUntil() const { return m_claimedUntil; }
     /// A server accepted them.
     void accepted();
     /// A server refused them with code 49.
+    /// @param server  its place in the list
     void refused(std::size_t server, Verdict const& why, Clock::time_point now);
     /// The bind was not sent, or not answered.
-    void leftOpen() { m_isUnderWay = false; }
+    void leftOpen() { m_claimedUntil = Clock::time_point::min(); }
 
 private:
     bool m_isAccepted;
     Clock::duration m_hold;
-    bool m_isUnderWay = false;
+    Clock::time_point m_claimedUntil = Clock::time_point::min();
     bool m_wasRefused = false;
     std::size_t m_refusedBy = 0;
     Clock::time_point m_heldUntil;

@@ -23,6 +23,7 @@ struct Lane {
     bool needsFlush = false;   ///< searches were sent since the last flush
     bool hasAbandoned = false; ///< a search; the rest of its answer may still come
     bool isLeaving = false;    ///< gets no more searches
+    bool wasHeldUp = false;    ///< while opening, by what its owner did meanwhile
 
     bool isOpen() const { return lease->isOpen; }
     /// Whether the task may be asked here at all.

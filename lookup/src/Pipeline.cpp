@@ -48,7 +48,7 @@ bool parse(LDAP* session, Session::Message const& message, Result& result)
     if (result.code == LDAP_SUCCESS && rc == LDAP_SUCCESS && result.refers()) {
         result.code = LDAP_REFERRAL; // a success that refers elsewhere is a referral all the same
     }
-    return rc == LDAP_SUCCESS || result.code != LDAP_SUCCESS;
+    return rc == LDAP_SUCCESS;
 }
 
 } // namespace
@@ -115,6 +115,7 @@ void Pipeline::drain(Lane& lane)
             leave(lane, Trouble::broken, why);
             return;
         }
+        storeLatest(lane.server->heardAt, session.heardAt());
         lane.lease->hasAnswered = true;
         if (message.id <= 0) { // as a server does before it closes
             leave(lane, Trouble::broken,
@@ -132,7 +133,6 @@ void Pipeline::drain(Lane& lane)
             return; // the lane broke
         }
     }
-    store(lane.server->heardAt, session.heardAt());
 }
 
 void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
@@ -163,7 +163,9 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
               &task);
         return;
     }
-    task.bytes += lane.lease->session.messageSize();
+    std::size_t const size = lane.lease->session.messageSize();
+    task.bytes += size;
+    m_heldBytes += size;
     bool const isTooMany = settings.entryLimit != 0 && entries.size() > settings.entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
@@ -284,7 +286,8 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
         return;
     }
     if (now >= task.deadline) {
-        finish(task, failure.why.outcome, failure.why.code, failure.why.text);
+        task.failures.push_back(std::move(failure));
+        concludeLate(task);
         return;
     }
     if (isItsFault) {
@@ -296,6 +299,7 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     ++m_shared.repeated;
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
+    m_heldBytes -= task.bytes;
     task.bytes = 0;
     task.isReferred = false;
     task.brokeOn = &server;

@@ -32,13 +32,17 @@ public:
     bool wantsKeys() const;
     /// Takes a key; its deadline begins.
     void push(std::string key);
-    /// Whether keys are under way, or answers are here.
+    /// Whether no key is under way and no answer is here.
     bool isIdle() const { return m_tasks.empty(); }
     /// Whether the oldest key has its answer.
     bool hasAnswer() const { return !m_tasks.empty() && m_tasks.front().isDone; }
     /// That key with its answer, until `pop`.
     Task& front() { return m_tasks.front(); }
-    void pop() { m_tasks.pop_front(); }
+    void pop()
+    {
+        m_heldBytes -= m_tasks.front().bytes;
+        m_tasks.pop_front();
+    }
 
     // Time
 
@@ -56,15 +60,10 @@ private:
 
     /// A question for the servers of a domain, while others go on.
     struct Query {
-        Query(ServerDomain& asked, Clock::time_point end,
-              std::vector<std::string> const& nameServers)
-            : domain(asked), until(end), service(asked.name, asked.settings.secure, nameServers)
-        {
-        }
-
         ServerDomain& domain;
+        bool isRefresh; ///< its servers are in use meanwhile
         Clock::time_point until;
-        SrvQuery service;
+        std::unique_ptr<SrvQuery> service;
     };
 
     /// Why the searches of a lane go elsewhere.
@@ -79,9 +78,10 @@ private:
     void finish(Task& task, Outcome outcome, int code, std::string const& text);
     void concludeEmpty(Task& task);
     void conclude(Task& task, std::vector<Failure> const& others);
+    void concludeLate(Task& task);
     void expire(Clock::time_point now);
     void expireTask(Task& task, Clock::time_point now);
-    void expireLane(Lane& lane, Clock::time_point now);
+    void expireLane(Lane& lane);
     Clock::duration silence() const;
 
     // Lanes: PipelineLanes.cpp
@@ -89,9 +89,11 @@ private:
     Lane* laneFor(Task const& task) const;
     bool isAwaited(Task const& task) const;
     bool canBeServed(Task const& task) const;
+    bool mustWait(Task const& task, std::vector<Task const*> const& told);
     bool makesRoom(Task const& task);
+    bool endUselessLane();
     bool checkOut(Task& task);
-    void resolve(ServerDomain& domain, Task const& task);
+    void resolve(Pool::Outlook outlook, Task const& task);
     void advanceQuery();
     void endQuery(Verdict const& verdict, std::vector<SrvTarget> const& targets);
     void open(Pool::Lease lease, Task const& task);
@@ -128,6 +130,7 @@ private:
     Lanes m_lanes;
     std::unique_ptr<Query> m_query;
     std::size_t m_inFlight = 0;
+    std::size_t m_heldBytes = 0; ///< of entries, received and not taken by the owner yet
     Waiter m_waiter;
     Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< at the pool, while it waits
     Clock::time_point m_noNewLaneBefore;

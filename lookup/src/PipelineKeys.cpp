@@ -14,9 +14,12 @@ namespace Solvane::Lookup {
 
 bool Pipeline::wantsKeys() const
 {
-    // A key whose time would pass while it waits for a lane is better left in the source.
-    return m_waiting.empty() && m_tasks.size() < m_maximumTasks &&
-           m_inFlight < m_maximumLanes * m_window;
+    // A key whose time would pass while it waits for a lane is better left in the source. One that waits
+    // for another server, as it failed on the first, does not hold up those that need not.
+    return std::none_of(m_waiting.begin(), m_waiting.end(),
+                        [](Task const* task) { return task->isFresh(); }) &&
+           m_tasks.size() < m_maximumTasks && m_inFlight < m_maximumLanes * m_window &&
+           m_heldBytes <= m_shared.settings.answerBytes;
 }
 
 void Pipeline::push(std::string key)
@@ -121,6 +124,21 @@ void Pipeline::conclude(Task& task, std::vector<Failure> const& others)
     finish(task, verdict.outcome, verdict.code, verdict.text);
 }
 
+/// Concludes a key whose time is over. A server that was not asked might have known it: then it is to be
+/// tried later, whatever the others said.
+void Pipeline::concludeLate(Task& task)
+{
+    std::vector<Failure> unasked;
+    if (task.failures.size() < m_shared.pool.serverCount()) {
+        Failure failure;
+        failure.why = {Outcome::TryLater, LDAP_TIMEOUT,
+                       "no other server was asked within the deadline of " +
+                           inSeconds(m_shared.settings.deadline)};
+        unasked.push_back(std::move(failure));
+    }
+    conclude(task, unasked);
+}
+
 // Time
 
 /// How long a server may be silent about a search. Another one is to have as much time.
@@ -144,11 +162,18 @@ void Pipeline::waits(Waits& waits) const
         lane.waits(waits, silence());
     }
     if (m_query) {
-        m_query->service.waits(waits);
+        m_query->service->waits(waits);
         waits.until(m_query->until);
     }
+    if (m_waiter.isQueued()) {
+        constexpr std::chrono::milliseconds blindly(50); // without a descriptor, nobody wakes it
+        if (m_waiter.descriptor() == -1) {
+            waits.until(Clock::now() + blindly);
+        } else {
+            waits.add(m_waiter.descriptor(), POLLIN);
+        }
+    }
     if (!m_waiting.empty()) {
-        waits.add(m_waiter.descriptor(), POLLIN);
         waits.until(m_lookAgainAt);
     }
 }
@@ -168,6 +193,12 @@ void Pipeline::excuse(Clock::duration held)
             task.sentAt += held;
         }
     }
+    for (Lane& lane : m_lanes) {
+        if (!lane.isOpen()) { // its deadline stays; that it passed proves nothing
+            lane.begunAt += held;
+            lane.wasHeldUp = true;
+        }
+    }
 }
 
 void Pipeline::expire(Clock::time_point now)
@@ -183,7 +214,7 @@ void Pipeline::expire(Clock::time_point now)
     for (auto lane = m_lanes.begin(); lane != m_lanes.end();) {
         Lane& current = *lane++;
         if (!current.tasks.empty() && now >= current.silentAt(silence())) {
-            expireLane(current, now);
+            expireLane(current);
         }
     }
 }
@@ -194,7 +225,7 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
     if (task.lane == nullptr) {
         m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
         if (!task.failures.empty()) {
-            conclude(task, {});
+            concludeLate(task);
             return;
         }
         finish(task, Outcome::TryLater, LDAP_TIMEOUT,
@@ -211,18 +242,17 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
     finish(task, Outcome::TryLater, LDAP_TIMEOUT,
            lane.server->uri + " gave no complete answer within the deadline of " + limit);
     if (isSilent) {
-        expireLane(lane, now);
+        expireLane(lane);
     }
 }
 
-void Pipeline::expireLane(Lane& lane, Clock::time_point now)
+void Pipeline::expireLane(Lane& lane)
 {
     auto const limit = silence();
     Verdict const why = {
         Outcome::TryLater, LDAP_TIMEOUT,
         lane.server->uri + " did not answer the search within " +
             inSeconds(std::chrono::duration_cast<std::chrono::milliseconds>(limit))};
-    (void)now;
     m_shared.pool.fellSilent(*lane.server, why, limit);
     leave(lane, Trouble::silent, why);
 }

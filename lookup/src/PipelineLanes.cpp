@@ -7,19 +7,44 @@
 
 namespace Solvane::Lookup {
 
+/// Goes through all tasks that wait: one that has to wait for a session does not hold up those that need
+/// not. The pool is asked once for those that it treats alike. After each change it begins anew, as those
+/// that were passed may go on now.
 void Pipeline::dispatch()
 {
-    while (!m_waiting.empty()) {
-        Task& task = *m_waiting.back();
+    m_lookAgainAt = Clock::time_point::max();
+    std::vector<Task const*> told; // to wait
+    for (std::size_t place = m_waiting.size(); place > 0;) {
+        Task& task = *m_waiting[--place];
+        bool hasChanged = false;
         if (Lane* const lane = laneFor(task)) {
-            m_waiting.pop_back();
+            m_waiting.erase(m_waiting.begin() + static_cast<std::ptrdiff_t>(place));
             send(task, *lane);
-        } else if (m_query || isAwaited(task) || !makesRoom(task) || !checkOut(task)) {
-            return; // for servers' names, for a session that is being opened, an answer, the pool
+            hasChanged = true;
+        } else if (!mustWait(task, told)) {
+            hasChanged = checkOut(task);
+            if (!hasChanged) {
+                told.push_back(&task);
+            }
+        }
+        if (hasChanged) {
+            place = m_waiting.size();
+            told.clear();
         }
     }
-    m_lookAgainAt = Clock::time_point::max();
-    m_shared.pool.withdraw(m_waiter);
+    if (told.empty()) {
+        m_shared.pool.withdraw(m_waiter);
+    }
+}
+
+/// Whether it is not worth asking the pool: for a task like one that was told to wait, while a session is
+/// being opened or a domain resolved for it, or without room for one more lane.
+bool Pipeline::mustWait(Task const& task, std::vector<Task const*> const& told)
+{
+    bool const isTold = std::any_of(told.begin(), told.end(),
+                                    [&](Task const* other) { return other->isLike(task); });
+    bool const isResolving = m_query && !m_query->isRefresh;
+    return isTold || isResolving || isAwaited(task) || !makesRoom(task);
 }
 
 /// The lane with the fewest searches that has room for one more; null without one.
@@ -53,25 +78,36 @@ bool Pipeline::canBeServed(Task const& task) const
 bool Pipeline::makesRoom(Task const& task)
 {
     if (m_lanes.size() >= m_maximumLanes && !canBeServed(task)) {
-        auto const useless = std::find_if(m_lanes.begin(), m_lanes.end(), [](Lane const& lane) {
-            return lane.isOpen() && lane.tasks.empty();
-        });
-        if (useless != m_lanes.end()) {
-            end(*useless);
-        }
+        endUselessLane();
     }
     return m_lanes.size() < m_maximumLanes &&
            (Clock::now() >= m_noNewLaneBefore || !canBeServed(task));
 }
 
-/// Asks the pool for the first of the waiting tasks. False if it has to wait.
+/// Returns an idle session that no waiting task can be asked on. Two runs that each kept one would wait
+/// for the other's.
+bool Pipeline::endUselessLane()
+{
+    auto const useless = std::find_if(m_lanes.begin(), m_lanes.end(), [&](Lane const& lane) {
+        return lane.isOpen() && lane.tasks.empty() &&
+               std::none_of(m_waiting.begin(), m_waiting.end(),
+                            [&](Task const* task) { return lane.suits(*task); });
+    });
+    if (useless == m_lanes.end()) {
+        return false;
+    }
+    end(*useless);
+    return true;
+}
+
+/// Asks the pool for a waiting task. False if it has to wait.
 bool Pipeline::checkOut(Task& task)
 {
     bool const hasLane = canBeServed(task);
-    Pool::Wish const wish = {task.deadline, task.failures,           task.brokeOn,
-                             task.brokeAt,  task.answer.wasRepeated, !hasLane};
+    Pool::Wish const wish = {task.deadline,     task.failures,           task.brokeOn,
+                             task.brokeAt,      task.answer.wasRepeated, !hasLane,
+                             m_query == nullptr};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
-    m_lookAgainAt = outlook.until;
     m_isPoolFull = outlook.isFull;
     switch (outlook.kind) {
     case Pool::Outlook::ready:
@@ -81,10 +117,11 @@ bool Pipeline::checkOut(Task& task)
         open(std::move(outlook.lease), task);
         return true;
     case Pool::Outlook::resolve:
-        resolve(*outlook.domain, task);
+        resolve(std::move(outlook), task);
         return true;
     case Pool::Outlook::wait:
-        return false;
+        m_lookAgainAt = std::min(m_lookAgainAt, outlook.until);
+        return outlook.isFull && !hasLane && endUselessLane();
     case Pool::Outlook::refused:
         break;
     }
@@ -93,21 +130,30 @@ bool Pipeline::checkOut(Task& task)
         m_noNewLaneBefore = Clock::now() + m_shared.settings.backOff;
         return false;
     }
-    m_waiting.pop_back();
+    m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
     conclude(task, outlook.failures);
     return true;
 }
 
-/// Has the servers of a domain looked up. Other pipelines use those that it named before meanwhile.
-void Pipeline::resolve(ServerDomain& domain, Task const& task)
+/// Has the servers of a domain looked up. A question that another run left unanswered goes on.
+void Pipeline::resolve(Pool::Outlook outlook, Task const& task)
 {
-    m_query = std::make_unique<Query>(domain, shareOf(task), m_shared.settings.nameServers);
+    auto until = outlook.until;
+    if (!outlook.query) {
+        outlook.query = std::make_unique<SrvQuery>(
+            outlook.domain->name, outlook.domain->settings.secure, m_shared.settings.nameServers);
+        until = outlook.isRefresh
+                    ? Clock::now() + std::chrono::seconds(m_shared.settings.networkTimeout)
+                    : shareOf(task);
+    }
+    m_query = std::make_unique<Query>(
+        Query{*outlook.domain, outlook.isRefresh, until, std::move(outlook.query)});
     advanceQuery();
 }
 
 void Pipeline::advanceQuery()
 {
-    SrvQuery& service = m_query->service;
+    SrvQuery& service = *m_query->service;
     service.advance();
     if (service.isSettled()) {
         endQuery(service.verdict(), service.targets());
@@ -170,6 +216,7 @@ void Pipeline::notOpened(Lane& lane)
     ServerRecord const& server = *lane.server;
     Verdict const why = lane.lease->session.verdict();
     auto const begun = lane.begunAt;
+    bool const wasHeldUp = lane.wasHeldUp;
     auto const now = Clock::now();
     std::vector<Task*> awaiting;
     std::copy_if(m_waiting.begin(), m_waiting.end(), std::back_inserter(awaiting),
@@ -181,8 +228,8 @@ void Pipeline::notOpened(Lane& lane)
         if (canBeServed(*task)) {
             continue;
         }
-        if (attempt == Pool::Attempt::another && !task->hasReopened) {
-            task->hasReopened = true; // the next of the servers at that address
+        if ((attempt == Pool::Attempt::another || wasHeldUp) && !task->hasReopened) {
+            task->hasReopened = true; // the next of the servers at that address, or without a pause
             continue;
         }
         Failure failure = {
@@ -219,7 +266,11 @@ void Pipeline::send(Task& task, Lane& lane)
 /// A run may take as long as it likes, so it takes turns with callers that wait.
 void Pipeline::leaveOneLaneToOthers()
 {
-    if (m_lanes.empty() || !m_waiting.empty() || !m_shared.pool.isWaitedFor()) {
+    if (m_lanes.empty() || !m_shared.pool.isWaitedFor()) {
+        return;
+    }
+    if (!m_waiting.empty()) {
+        endUselessLane();
         return;
     }
     auto const soonest =
@@ -254,7 +305,7 @@ void Pipeline::rest()
     }
     m_lanes.clear();
     if (m_query) {
-        m_shared.pool.giveUp(m_query->domain);
+        m_shared.pool.park(m_query->domain, std::move(m_query->service), m_query->until);
         m_query.reset();
     }
     m_shared.pool.withdraw(m_waiter);

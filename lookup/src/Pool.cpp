@@ -18,6 +18,14 @@ constexpr std::chrono::seconds idleTime(300);
 constexpr int invalidCredentials = 49;
 constexpr int timedOut = -5;
 
+/// Files are not read for servers that do not need them.
+std::shared_ptr<TlsContext> contextFor(Settings const& settings)
+{
+    bool const isSecure = std::any_of(settings.servers.begin(), settings.servers.end(),
+                                      [](Server const& server) { return server.secure; });
+    return isSecure ? std::make_shared<TlsContext>(settings.tls) : nullptr;
+}
+
 bool wasAsked(std::vector<Failure> const& failures, ServerRecord const& server)
 {
     return std::any_of(failures.begin(), failures.end(),
@@ -68,7 +76,7 @@ void Pool::Lease::close()
 // Pool
 
 Pool::Pool(Settings const& settings)
-    : m_settings(settings), m_tls(std::make_shared<TlsContext>(settings.tls)), m_servers(settings),
+    : m_settings(settings), m_tls(contextFor(settings)), m_servers(settings),
       m_credentials(!settings.bindDn.empty(), settings.refusedHold)
 {
     PoolsAtFork::instance().add(*this);
@@ -107,13 +115,21 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
 /// those that fail at once, since that costs nothing and they may be back.
 void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& dropped)
 {
-    if (waiter.m_isRegistered && waiter.m_process == m_known) {
+    if (waiter.m_process != m_known) { // its descriptor is the parent's too
+        waiter.shut();
+        waiter.m_isRegistered = waiter.m_isCalled = waiter.m_wantsRoom = false;
+        waiter.m_process = m_known;
+    }
+    if (waiter.m_isRegistered) {
         waiter.reset();
     }
     auto const now = Clock::now();
-    outlook.domain = m_servers.claimDomain(now);
+    outlook.domain = wish.mayResolve ? m_servers.claimDomain(now, now + claimTime()) : nullptr;
     if (outlook.domain != nullptr) {
         outlook.kind = Outlook::resolve;
+        outlook.isRefresh = !outlook.domain->servers.empty();
+        outlook.query = std::move(outlook.domain->parked);
+        outlook.until = outlook.domain->parkedUntil;
         return;
     }
     for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {
@@ -132,8 +148,9 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
             }
         }
     }
-    if (m_servers.isResolving()) { // by another caller, or on behalf of another of this one's keys
-        outlook.until = wish.deadline;
+    auto const resolvedBy = m_servers.resolvingUntil(now);
+    if (resolvedBy > now) { // by another caller, or on behalf of another of this one's keys
+        outlook.until = std::min(resolvedBy, wish.deadline);
         return wait(outlook, waiter, wish.mayWait);
     }
     refuse(outlook, wish);
@@ -170,6 +187,7 @@ bool Pool::consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Wa
         case Credentials::Turn::bind:
             break;
         case Credentials::Turn::wait:
+            outlook.until = std::min(m_credentials.claimedUntil(), wish.deadline);
             wait(outlook, waiter, wish.mayWait);
             return true;
         case Credentials::Turn::refuse:
@@ -220,7 +238,7 @@ void Pool::open(Outlook& outlook, ServerRecord& server, Among among, Idle& dropp
     auto session = std::make_unique<PooledSession>(optionsFor(server), server);
     ++m_count;
     session->isFirstBind = !m_credentials.areAccepted();
-    m_credentials.begin();
+    m_credentials.begin(Clock::now() + claimTime());
     if (among != Among::prompt) {
         session->isTrial = server.health.claim(Clock::now());
     }
@@ -338,6 +356,7 @@ void Pool::withdraw(Waiter& waiter)
     if (waiter.m_isRegistered) {
         std::lock_guard<std::mutex> const lock(m_mutex);
         leaveQueue(waiter);
+        waiter.reset();
     }
 }
 
@@ -379,6 +398,7 @@ void Pool::afterFork(Idle& dropped)
     m_waiters.clear();
     m_waitingForRoom = 0;
     m_credentials.leftOpen();
+    m_servers.afterFork();
 }
 
 // What came of a domain
@@ -391,10 +411,14 @@ void Pool::resolved(ServerDomain& domain, Verdict const& verdict,
     announce();
 }
 
-void Pool::giveUp(ServerDomain& domain)
+void Pool::park(ServerDomain& domain, std::unique_ptr<SrvQuery> query, Clock::time_point until)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);
-    m_servers.giveUp(domain);
+    if (m_known == m_process) { // in a child, it is the parent's socket
+        domain.parked = std::move(query);
+        domain.parkedUntil = until;
+    }
+    domain.claimedUntil = Clock::time_point::min();
     announce();
 }
 
@@ -429,7 +453,9 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     bool const isRefused = why.code == invalidCredentials;
     bool const isCredentialsFault = isRefused && !m_credentials.areAccepted();
     if (isRefused) {
-        m_credentials.refused(server.index, why, now);
+        auto const& order = m_servers.inOrder();
+        auto const position = std::find(order.begin(), order.end(), &server) - order.begin();
+        m_credentials.refused(static_cast<std::size_t>(position), why, now);
         session.isFirstBind = false;
     }
     bool const wasHeard = std::max(server.openedAt, load(server.heardAt)) >= begun;
@@ -457,6 +483,14 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     }
     announce();
     return result;
+}
+
+/// How long others wait for what one caller does on behalf of all: it may be held up elsewhere.
+Clock::duration Pool::claimTime() const
+{
+    return std::min<Clock::duration>(std::chrono::seconds(m_settings.networkTimeout),
+                                     m_settings.deadline) /
+           2;
 }
 
 Clock::duration Pool::proof() const

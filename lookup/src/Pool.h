@@ -80,6 +80,7 @@ public:
         Clock::time_point brokeAt;
         bool needsAnswered = false; ///< only a session on which something was answered
         bool mayWait = true;        ///< in the queue, if there is none
+        bool mayResolve = true;     ///< asks for the servers of a domain, if that is due
     };
 
     /// What a caller gets.
@@ -93,6 +94,8 @@ public:
         } kind = wait;
         Lease lease;
         ServerDomain* domain = nullptr;
+        bool isRefresh = false;          ///< it has servers already
+        std::unique_ptr<SrvQuery> query; ///< that was asked already, until `until`
         Clock::time_point until = Clock::time_point::max();
         bool isFull = false; ///< all sessions are in use
         std::vector<Failure> failures;
@@ -107,8 +110,8 @@ public:
 
     void resolved(ServerDomain& domain, Verdict const& verdict,
                   std::vector<SrvTarget> const& targets);
-    /// The caller did not wait for the answer.
-    void giveUp(ServerDomain& domain);
+    /// The caller does not wait for the answer. Who asks next goes on with the question.
+    void park(ServerDomain& domain, std::unique_ptr<SrvQuery> query, Clock::time_point until);
 
     // What came of a session
 
@@ -125,7 +128,7 @@ public:
     /// An answer came; to be called for each search that is answered with a result.
     void answered(PooledSession& session, Clock::time_point now)
     {
-        store(session.server.answeredAt, now);
+        storeLatest(session.server.answeredAt, now);
         session.hasAnsweredSearch = true;
         if (session.server.awaitsAnswer.load(std::memory_order_relaxed) ||
             session.server.isWindowNarrow.load(std::memory_order_relaxed)) {
@@ -164,6 +167,7 @@ private:
     void refuse(Outlook& outlook, Wish const& wish);
     void wait(Outlook& outlook, Waiter& waiter, bool mayWait);
     Clock::time_point trialEnd(Wish const& wish) const;
+    Clock::duration claimTime() const;
     ServerRecord& inOrder(std::size_t position) const;
     Idle::iterator idleFor(ServerRecord const& server, Wish const& wish);
     SessionOptions optionsFor(ServerRecord const& server) const;

@@ -53,12 +53,12 @@ void ServerList::putInOrder()
     m_order.clear();
     std::size_t unresolved = 0;
     for (Entry const& entry : m_entries) {
-        if (entry.server != nullptr) {
-            m_order.push_back(entry.server);
-            continue;
+        std::vector<ServerRecord*> named = {entry.server};
+        if (entry.domain != nullptr) {
+            named = entry.domain->servers;
+            unresolved += named.empty() ? 1U : 0U;
         }
-        unresolved += entry.domain->servers.empty() ? 1U : 0U;
-        for (ServerRecord* const server : entry.domain->servers) {
+        for (ServerRecord* const server : named) { // each once
             if (std::find(m_order.begin(), m_order.end(), server) == m_order.end()) {
                 m_order.push_back(server);
             }
@@ -67,32 +67,45 @@ void ServerList::putInOrder()
     m_size.store(m_order.size() + unresolved, std::memory_order_relaxed);
 }
 
-ServerDomain* ServerList::claimDomain(Clock::time_point now)
+ServerDomain* ServerList::claimDomain(Clock::time_point now, Clock::time_point until)
 {
     for (ServerDomain& domain : m_domains) {
-        if (!domain.isUnderWay && now >= domain.dueAt) {
-            domain.isUnderWay = true;
+        if (now >= domain.claimedUntil && now >= domain.dueAt) {
+            domain.claimedUntil = until;
             return &domain;
         }
     }
     return nullptr;
 }
 
-bool ServerList::isResolving() const
+Clock::time_point ServerList::resolvingUntil(Clock::time_point now) const
 {
-    return std::any_of(m_domains.begin(), m_domains.end(),
-                       [](ServerDomain const& domain) { return domain.isUnderWay; });
+    auto until = now;
+    for (ServerDomain const& domain : m_domains) {
+        if (domain.servers.empty()) {
+            until = std::max(until, domain.claimedUntil);
+        }
+    }
+    return until;
+}
+
+void ServerList::afterFork()
+{
+    for (ServerDomain& domain : m_domains) {
+        domain.claimedUntil = Clock::time_point::min();
+        domain.parked.reset();
+    }
 }
 
 void ServerList::resolved(ServerDomain& domain, Verdict const& verdict,
                           std::vector<SrvTarget> const& targets, Clock::time_point now)
 {
-    domain.isUnderWay = false;
+    domain.claimedUntil = Clock::time_point::min();
     domain.why = verdict;
     if (!verdict.isGood()) {
         domain.backOff =
             std::min(std::max(domain.backOff * 2, m_limits.backOff), m_limits.longestBackOff);
-        domain.dueAt = now + domain.backOff;
+        domain.dueAt = now + std::max<Clock::duration>(domain.backOff, afterAFailure);
         return;
     }
     domain.backOff = Clock::duration(0);

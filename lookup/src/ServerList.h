@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,9 @@ struct ServerDomain {
     std::string name;
     Server settings;
     std::string uri; ///< for texts, as "_ldap._tcp.example.com"
-    bool isUnderWay = false;
+    Clock::time_point claimedUntil = Clock::time_point::min(); ///< a caller asks for them
+    std::unique_ptr<SrvQuery> parked; ///< a question that its caller did not wait for
+    Clock::time_point parkedUntil;
     Clock::time_point dueAt = Clock::time_point::min();
     Clock::duration backOff{0}; ///< while it cannot be resolved
     Verdict why;                ///< of the last failure
@@ -42,13 +45,13 @@ public:
     ServerRecord& record(std::size_t index) { return m_records[index]; }
 
     /// The domain whose servers should be asked for now, which is then under way; null without one.
-    ServerDomain* claimDomain(Clock::time_point now);
-    /// Whether another caller is asking for the servers of a domain.
-    bool isResolving() const;
+    ServerDomain* claimDomain(Clock::time_point now, Clock::time_point until);
+    /// Until when a caller asks for the servers of a domain that has named none so far.
+    Clock::time_point resolvingUntil(Clock::time_point now) const;
     void resolved(ServerDomain& domain, Verdict const& verdict,
                   std::vector<SrvTarget> const& targets, Clock::time_point now);
-    /// The caller did not wait for the answer.
-    void giveUp(ServerDomain& domain) { domain.isUnderWay = false; }
+    /// What the parent process asked is not answered here.
+    void afterFork();
     /// A server failed: its domain may name others now.
     void failed(ServerRecord const& server, Clock::time_point now);
     /// What is to be said of domains that name no server.

@@ -42,10 +42,13 @@ struct ServerRecord {
     Clock::time_point openedAt = Clock::time_point::min(); ///< the last session
 };
 
-/// A moment as an atomic holds it.
-inline void store(std::atomic<Clock::rep>& to, Clock::time_point moment)
+/// Takes a moment unless a later one is there: threads come in any order.
+inline void storeLatest(std::atomic<Clock::rep>& to, Clock::time_point moment)
 {
-    to.store(moment.time_since_epoch().count(), std::memory_order_relaxed);
+    Clock::rep const latest = moment.time_since_epoch().count();
+    Clock::rep known = to.load(std::memory_order_relaxed);
+    while (known < latest && !to.compare_exchange_weak(known, latest, std::memory_order_relaxed)) {
+    }
 }
 
 inline Clock::time_point load(std::atomic<Clock::rep> const& from)

@@ -7,6 +7,7 @@
 
 #include <solvane/lookup/Answer.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -40,6 +41,17 @@ struct Task {
         nullptr;              ///< it was repeated there once, and would be its own fault
     bool hasReopened = false; ///< a session to one of several servers at an address was tried anew
 
+    /// Whether nothing was tried for it yet.
+    bool isFresh() const { return failures.empty() && brokeOn == nullptr; }
+    /// Whether the pool treats both alike.
+    bool isLike(Task const& other) const
+    {
+        return brokeOn == other.brokeOn &&
+               std::equal(failures.begin(), failures.end(), other.failures.begin(),
+                          other.failures.end(), [](Failure const& one, Failure const& another) {
+                              return one.server == another.server;
+                          });
+    }
     std::string const& text() const { return forms.empty() ? key : forms[form]; }
 };
 

@@ -9,18 +9,20 @@
 
 namespace Solvane::Lookup {
 
-Waiter::~Waiter()
-{
-    if (m_descriptor != -1) {
-        close(m_descriptor);
-    }
-}
+Waiter::~Waiter() { shut(); }
 
 void Waiter::open()
 {
     if (m_descriptor == -1) {
         m_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        // Without one, its owner looks again at its deadline.
+    }
+}
+
+void Waiter::shut()
+{
+    if (m_descriptor != -1) {
+        close(m_descriptor);
+        m_descriptor = -1;
     }
 }
 

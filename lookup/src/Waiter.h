@@ -13,13 +13,16 @@ public:
     Waiter() = default;
     ~Waiter();
 
-    /// To poll; -1 before the first wait.
+    /// Whether it is in the pool's queue, to be woken.
+    bool isQueued() const { return m_isRegistered; }
+    /// To poll; -1 before the first wait, or if the process has no descriptor left.
     int descriptor() const { return m_descriptor; }
 
 private:
     friend class Pool;
 
     void open();
+    void shut();
     void wake() const;
     void reset() const;
 

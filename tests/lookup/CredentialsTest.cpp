@@ -21,7 +21,7 @@ protected:
 TEST_F(NewCredentials, AreTriedByOneCallerAtATime)
 {
     EXPECT_EQ(credentials.turn(now), Turn::bind);
-    credentials.begin();
+    credentials.begin(now + seconds(5));
     EXPECT_EQ(credentials.turn(now), Turn::wait);
     credentials.leftOpen();
     EXPECT_EQ(credentials.turn(now), Turn::bind);
@@ -29,17 +29,17 @@ TEST_F(NewCredentials, AreTriedByOneCallerAtATime)
 
 TEST_F(NewCredentials, AreUsedByAllOnceTheyWereAccepted)
 {
-    credentials.begin();
+    credentials.begin(now + seconds(5));
     credentials.accepted();
 
-    credentials.begin();
+    credentials.begin(now + seconds(5));
 
     EXPECT_EQ(credentials.turn(now), Turn::bind);
 }
 
 TEST_F(NewCredentials, AreNotSentForAWhileAfterARefusal)
 {
-    credentials.begin();
+    credentials.begin(now + seconds(5));
     credentials.refused(0, wrong, now);
 
     EXPECT_EQ(credentials.turn(now), Turn::refuse);
@@ -73,7 +73,7 @@ TEST(NoCredentials, AreNeverWaitedFor)
 {
     Credentials anonymous(false, seconds(60));
 
-    anonymous.begin();
+    anonymous.begin(Clock::now() + seconds(5));
 
     EXPECT_EQ(anonymous.turn(Clock::now()), Credentials::Turn::bind);
 }

@@ -86,6 +86,12 @@ std::size_t ScriptedServer::connectionCount() const
     return m_players.size();
 }
 
+std::size_t ScriptedServer::receivedCount() const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return m_received.size();
+}
+
 std::vector<std::string> ScriptedServer::received() const
 {
     std::lock_guard<std::mutex> const lock(m_mutex);

@@ -45,6 +45,8 @@ public:
     std::size_t connectionCount() const;
     /// Every whole message that a script has received, in order of arrival.
     std::vector<std::string> received() const;
+    /// How many these are.
+    std::size_t receivedCount() const;
 
     /// Lets scripts that are in `Peer::awaitCue` go on.
     void giveCue();
