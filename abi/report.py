@@ -42,9 +42,6 @@ themselves as visible. So the linker has a list, too: `cmake/exports.map.in` let
 information of foreign classes stays inside as well; exceptions of theirs are caught all the same,
 since libstdc++ compares types by their names.
 
-`SocketGuard` and `currentProcess` are exported for `libsolvane-lookup`. No header that is installed
-has them, and they may change with every version: the two libraries are installed together.
-
 The symbols of `libsolvane-ldap` and `libsolvane-lookup` have a version of the linker's, which ends
 with the major version: two majors can be in one process, say through two modules of a server, and
 each finds its own symbols. Minor versions add to it; which one brought a symbol is in

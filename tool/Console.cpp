@@ -3,7 +3,7 @@
 
 #include "Failure.h"
 
-#include <solvane/lookup/PlainText.h>
+#include <solvane/session/PlainText.h>
 
 #include <fmt/format.h>
 

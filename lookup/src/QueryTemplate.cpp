@@ -2,9 +2,7 @@
 // wrong with a template, by reading it and by making filters for addresses of several kinds.
 #include <solvane/lookup/QueryTemplate.h>
 
-#include <solvane/lookup/PlainText.h>
-
-#include "OpenLDAP.h"
+#include <solvane/session/PlainText.h>
 
 #include <solvane/ldap.h>
 #include <solvart/StringHelpers.h>
@@ -14,6 +12,8 @@
 #include <memory>
 #include <new>
 #include <string_view>
+
+#include <lber.h>
 
 // OpenLDAP's parser of search filters: exported, and declared in no installed header. The one that
 // is declared, ldap_put_vrFilter, takes another grammar (RFC 3876).

@@ -8,7 +8,7 @@
 namespace Solvane::Lookup {
 
 Socket::Socket(Descriptor descriptor)
-    : m_descriptor(std::move(descriptor)), m_owner(Forks::count()), m_heardAt(Clock::now())
+    : m_descriptor(std::move(descriptor)), m_owner(currentProcess()), m_heardAt(Clock::now())
 {
 }
 

@@ -4,8 +4,8 @@
 
 #include <solvane/session/Verdict.h>
 
+#include "CurrentProcess.h"
 #include "Descriptor.h"
-#include "Forks.h"
 
 #include <cstddef>
 
@@ -35,7 +35,7 @@ public:
     Flow send(iovec const* pieces, std::size_t pieceCount, std::size_t& count);
 
     int number() const { return m_descriptor.number(); }
-    bool isOurs() const { return Forks::count() == m_owner; }
+    bool isOurs() const { return currentProcess() == m_owner; }
     /// errno of the failure.
     int error() const { return m_error; }
     /// When the last byte came; at first, when it was made.
@@ -45,7 +45,7 @@ private:
     Flow failed(int error);
 
     Descriptor m_descriptor;
-    unsigned long m_owner; ///< count of forks when it was made
+    unsigned long m_owner; ///< the process that made it
     int m_error = 0;
     Clock::time_point m_heardAt;
 };

@@ -9,7 +9,7 @@ execute_process(COMMAND "${NM}" --dynamic --defined-only "${LIBRARY}"
     OUTPUT_VARIABLE listing COMMAND_ERROR_IS_FATAL ANY)
 string(REPLACE "\n" ";" listing "${listing}")
 
-set(private "9ThrowSite|9TraceSite|_ZN7Solvane(13openldapError|5fault)E|_GLOBAL__N_")
+set(private "9ThrowSite|9TraceSite|11SocketGuard|14currentProcess|_ZN7Solvane(13openldapError|5fault)E|_GLOBAL__N_")
 set(count 0)
 set(strays "")
 foreach(line IN LISTS listing)

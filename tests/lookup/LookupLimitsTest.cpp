@@ -118,8 +118,10 @@ TEST(AResultThatIsDamaged, LeavesTheOtherKeysAlone)
         if (!isFor("odd", request)) {
             return answerFound(peer, request);
         }
+        // A referral that is longer than the list that holds it; OpenLDAP hands the message over.
         constexpr unsigned char searchResultDone = 0x65;
-        peer.send(ldapMessage(messageIdOf(request), berElement(searchResultDone, "\x0a\x01")));
+        std::string const referral("\x0a\x01\x0a\x04\x00\x04\x00\xa3\x03\x04\x05x", 12);
+        peer.send(ldapMessage(messageIdOf(request), berElement(searchResultDone, referral)));
     }));
     auto settings = settingsFor({server.port()});
     settings.connections = 1;

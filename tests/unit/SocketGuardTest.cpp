@@ -103,17 +103,6 @@ TEST_P(EachStepThatFails, RefusesTheConnectionAndClosesIt)
 
 INSTANTIATE_TEST_SUITE_P(Of, EachStepThatFails, testing::Values(1, 2, 3));
 
-TEST_P(EachStepThatFails, LeavesASessionOverADescriptorUnguarded)
-{
-    int step = 0;
-    openldap.ber_sockbuf_add_io = [&](Sockbuf* socket, Sockbuf_IO* io, int level, void* argument) {
-        return ++step == GetParam() ? -1 : ber_sockbuf_add_io(socket, io, level, argument);
-    };
-
-    EXPECT_FALSE(guard.install(connected.socket()));
-    EXPECT_NE(connected.descriptor(), -1);
-}
-
 TEST_F(AGuard, RefusesAConnectionWhoseMessagesItCannotBound)
 {
     openldap.ber_sockbuf_ctrl = [](Sockbuf* socket, int option, void* argument) {
@@ -189,14 +178,6 @@ TEST_F(AGuard, GuardsAConnectionThatWasMadeAgain)
     EXPECT_EQ(connected.readInHandshake(), 5);
     EXPECT_EQ(connected.read(), -1);
     EXPECT_EQ(errno, EAGAIN);
-}
-
-TEST_F(AGuard, RefusesEveryConnectionOfASessionOverADescriptor)
-{
-    guard.install(connected.socket());
-    Connected second;
-
-    EXPECT_EQ(second.offerTo(guard.callback()), -1);
 }
 
 TEST_F(AGuard, TakesAConnectionThatEndsFromWhatIsPolled)

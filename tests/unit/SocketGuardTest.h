@@ -127,6 +127,12 @@ public:
     }
     Sockbuf* socket() const { return m_socket; }
     static Sockbuf_IO& layer() { return s_layer; }
+    /// Whether OpenLDAP reads before it polls.
+    bool isReady() const
+    {
+        RealCalls const unseen;
+        return ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_DATA_READY, nullptr) > 0;
+    }
     /// How many layers stand at this level, below LDAP.
     int layersAt(int level) const
     {

@@ -7,10 +7,9 @@
 #define SOLVANE_LOOKUP_H
 
 #include <solvane/lookup/Answer.h>
-#include <solvane/lookup/Certificate.h>
-#include <solvane/lookup/DirectorySession.h>
 #include <solvane/lookup/LDAPLookup.h>
-#include <solvane/lookup/PlainText.h>
 #include <solvane/lookup/QueryTemplate.h>
+#include <solvane/session/Certificate.h>
+#include <solvane/session/PlainText.h>
 
 #endif

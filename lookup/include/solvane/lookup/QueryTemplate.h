@@ -3,7 +3,7 @@
 #ifndef SOLVANE_LOOKUP_QUERY_TEMPLATE_H
 #define SOLVANE_LOOKUP_QUERY_TEMPLATE_H
 
-#include <solvane/lookup/Export.h>
+#include <solvane/session/Export.h>
 
 #include <solvart/EmailAddress.h>
 

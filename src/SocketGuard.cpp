@@ -2,7 +2,6 @@
 #include "SocketGuard.h"
 
 #include "CurrentProcess.h"
-#include "ReadAhead.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -142,24 +141,15 @@ Sockbuf_IO SocketGuard::s_messageLayer = {setUp,       nullptr,      controlMess
                                           readMessage, writeMessage, nullptr};
 
 SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
-                         unsigned long maximumMessageBytes, Reads reads)
+                         unsigned long maximumMessageBytes)
     : m_callback{connected, disconnected, this}, m_networkTimeout(networkTimeout),
       m_maximumMessageBytes(maximumMessageBytes), m_connectsItself(true), m_isBinding(false),
-      m_readAhead(reads == Reads::ahead ? std::make_unique<ReadAhead>() : nullptr),
       m_socket(nullptr), m_process(currentProcess()), m_error(0), m_hasSent(false),
-      m_isInMessage(false), m_emptyReads(0), m_unheeded(0), m_bytesReceived(0)
+      m_isInMessage(false), m_emptyReads(0), m_unheeded(0)
 {
 }
-
-SocketGuard::~SocketGuard() = default;
 
 // Connections
-
-bool SocketGuard::install(Sockbuf* socket)
-{
-    m_connectsItself = false;
-    return takeOver(socket);
-}
 
 int SocketGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
 {
@@ -175,12 +165,8 @@ int SocketGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap
 
 /// OpenLDAP goes on polling the number of a connection that ended while nothing was outstanding: the
 /// session's next one would fail for it, or wait on somebody else's file.
-void SocketGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb* callback)
+void SocketGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb*)
 {
-    SocketGuard const& guard = *static_cast<SocketGuard*>(callback->lc_arg);
-    if (guard.m_readAhead) {
-        guard.m_readAhead->forget();
-    }
     if (socket != nullptr) { // null when the session goes
         ldap_mark_select_clear(session, socket);
     }
@@ -196,8 +182,6 @@ bool SocketGuard::takeOver(Sockbuf* socket)
     m_hasSent = false;
     m_unheeded = 0;
     m_handshakeDeadline.reset();
-    m_heardAt = Clock::now();
-    m_bytesReceived = 0;
     return removeDeadTls(socket) &&
            ber_sockbuf_ctrl(socket, LBER_SB_OPT_SET_MAX_INCOMING, &m_maximumMessageBytes) == 1 &&
            ber_sockbuf_add_io(socket, &s_socketLayer, socketLevel, this) == 0 &&
@@ -205,8 +189,6 @@ bool SocketGuard::takeOver(Sockbuf* socket)
 }
 
 bool SocketGuard::isUsable() const { return m_error == 0 && m_process == currentProcess(); }
-
-void SocketGuard::end() { endWith(ECONNABORTED); }
 
 /// -1, with the errno that ended the connection first.
 ber_slen_t SocketGuard::endWith(int error)
@@ -219,11 +201,6 @@ ber_slen_t SocketGuard::endWith(int error)
     }
     errno = m_error;
     return -1;
-}
-
-bool SocketGuard::hasBuffered() const
-{
-    return m_socket != nullptr && ber_sockbuf_ctrl(m_socket, LBER_SB_OPT_DATA_READY, nullptr) > 0;
 }
 
 // The layer next to the socket
@@ -242,10 +219,8 @@ int SocketGuard::removeSocket(Sockbuf_IO_Desc* layer)
 
 int SocketGuard::controlSocket(Sockbuf_IO_Desc* layer, int option, void* argument)
 {
-    SocketGuard const& guard = guardOf(layer);
-    bool const hasBytes = guard.m_readAhead && guard.m_readAhead->hasBytes();
-    // A read that fails at once needs no waiting for either.
-    bool const isReady = option == LBER_SB_OPT_DATA_READY && (hasBytes || !guard.isUsable());
+    // A read that fails at once needs no waiting for.
+    bool const isReady = option == LBER_SB_OPT_DATA_READY && !guardOf(layer).isUsable();
     return isReady ? 1 : passOn(layer, option, argument);
 }
 
@@ -256,22 +231,13 @@ ber_slen_t SocketGuard::readSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len_
         errno = ECONNRESET;
         return -1;
     }
-    char* const place = static_cast<char*>(bytes);
-    if (!guard.m_readAhead) {
-        return guard.receive(place, length);
-    }
-    return guard.m_readAhead->read(
-        place, length, [&guard](char* to, ber_len_t size) { return guard.receive(to, size); });
+    return guard.receive(static_cast<char*>(bytes), length);
 }
 
 ber_slen_t SocketGuard::receive(char* bytes, ber_len_t length)
 {
     for (;;) {
         ssize_t const count = recv(descriptorOf(m_socket), bytes, length, MSG_DONTWAIT);
-        if (count > 0) {
-            m_heardAt = Clock::now();
-            m_bytesReceived += static_cast<unsigned long long>(count);
-        }
         if (count >= 0 || (errno != EINTR && !wouldBlock())) {
             return count;
         }

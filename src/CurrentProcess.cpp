@@ -1,4 +1,4 @@
-// Counts forks.
+// Counts forks. Compiled into both libraries, each of which counts for itself.
 #include "CurrentProcess.h"
 
 #include <atomic>

@@ -1,26 +1,21 @@
 // What keeps the connection of an OpenLDAP session from doing harm.
-#ifndef SOLVANE_SESSION_SOCKET_GUARD_H
-#define SOLVANE_SESSION_SOCKET_GUARD_H
+#ifndef SOLVANE_LDAP_SRC_SOCKET_GUARD_H
+#define SOLVANE_LDAP_SRC_SOCKET_GUARD_H
 
-#include <solvane/ldap/Export.h>
 #include <solvane/ldap/RefCounted.h>
 
 #include <chrono>
-#include <memory>
 #include <optional>
 
 #include <ldap.h>
 
 namespace Solvane {
 
-class ReadAhead;
-
 /// Two layers on the socket of a session: one next to the socket, which reads and writes in OpenLDAP's
 /// place, and one above TLS, where LDAP messages pass.
 ///
-/// - A session that was given to a bind connects only within a bind, and one over a descriptor of the
-///   caller's never: OpenLDAP would silently connect again, without the bind, and let its operations
-///   run anonymously.
+/// - A session that was given to a bind connects only within a bind: OpenLDAP would silently
+///   connect again, without the bind, and let its operations run anonymously.
 /// - Reads never block: a peer that sends half a message and stops leaves the waiting to `ldap_result`,
 ///   which keeps its timeout.
 /// - A TLS handshake ends when the network timeout is over, also one that the peer asks for later:
@@ -41,49 +36,20 @@ class ReadAhead;
 ///
 /// Must outlive the session. Not thread-safe, like the session. A network timeout of 0 counts
 /// as 1 second, but does not delay the first write, which OpenLDAP then does later.
-class SOLVANE_LDAP_EXPORT SocketGuard : public NonCopyable {
+class SocketGuard : public NonCopyable {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// How much is read from the socket at a time.
-    enum class Reads {
-        asAsked, ///< what OpenLDAP asks for: a caller may poll the socket, as of any session
-        ahead,   ///< what has come: quicker, and a caller that polls asks hasBuffered() first
-    };
-
     /// @param maximumMessageBytes  bound of an incoming message
-    SocketGuard(std::chrono::milliseconds networkTimeout, unsigned long maximumMessageBytes,
-                Reads reads = Reads::asAsked);
-    ~SocketGuard();
+    SocketGuard(std::chrono::milliseconds networkTimeout, unsigned long maximumMessageBytes);
 
-    /// The value of the option LDAP_OPT_CONNECT_CB, for a session that connects by itself. Set on a
-    /// session over a descriptor of the caller's as well, it refuses all other connections.
+    /// The value of the option LDAP_OPT_CONNECT_CB.
     ldap_conncb* callback() { return &m_callback; }
-    /// Guards a session that was made over a connected descriptor (`ldap_init_fd`), before TLS is
-    /// started (`ldap_install_tls`). `socket` is the session's LDAP_OPT_SOCKBUF. The descriptor may
-    /// block or not; SO_KEEPALIVE and TCP_NODELAY, which OpenLDAP sets on its own, are the caller's.
-    /// @return  false: no memory; the session is not guarded then, and must be let go
-    bool install(Sockbuf* socket);
-
-    /// From now on; a handshake that is under way keeps its deadline.
-    void networkTimeout(std::chrono::milliseconds timeout) { m_networkTimeout = timeout; }
     /// From the next connection on.
     void maximumMessageBytes(unsigned long bytes) { m_maximumMessageBytes = bytes; }
 
     /// False where the connection was ended, and in a child of the process that connected.
     bool isUsable() const;
-    /// Shuts both directions down; nothing is read or written any more.
-    void end();
-
-    /// When bytes last came from the peer; before any, when it was connected.
-    Clock::time_point heardAt() const { return m_heardAt; }
-    /// How many have come over this connection; with TLS, as they travel.
-    unsigned long long bytesReceived() const { return m_bytesReceived; }
-    /// Whether OpenLDAP can read without the socket: bytes that were read ahead or decrypted. Also
-    /// true where the connection is not usable, so that the next `ldap_result` fails at once. False
-    /// when OpenLDAP was told so again and again and has read nothing, as it does with a connection
-    /// that it has given up: a caller that polls the socket then is not kept from it.
-    bool hasBuffered() const;
 
     /// While it lives, the session may connect; from then on it is bound, or was to be.
     class BindScope : public NonCopyable {
@@ -135,7 +101,6 @@ private:
     ber_len_t m_maximumMessageBytes;
     bool m_connectsItself; // outside of binds
     bool m_isBinding;
-    std::unique_ptr<ReadAhead> m_readAhead; // null: reads as asked
     // Of the current connection; a session without referral chasing has one at a time.
     Sockbuf* m_socket;       // null without one
     unsigned long m_process; // that connected, or is to
@@ -145,8 +110,6 @@ private:
     int m_emptyReads;        // how often it asked in vain for bytes of this message
     int m_unheeded;          // how often OpenLDAP was told of bytes since it last read
     std::optional<Clock::time_point> m_handshakeDeadline; // once one has begun
-    Clock::time_point m_heardAt;
-    unsigned long long m_bytesReceived;
 };
 
 } // namespace Solvane
