@@ -60,16 +60,15 @@ bool Pipeline::makesRoom(Task const& task)
             end(*useless);
         }
     }
-    return m_lanes.size() < m_maximumLanes &&
-           (Clock::now() >= m_noNewLaneBefore || !canBeServed(task));
+    return m_lanes.size() < m_maximumLanes && (m_now >= m_noNewLaneBefore || !canBeServed(task));
 }
 
 /// Asks the pool for the first of the waiting tasks. False if it has to wait.
 bool Pipeline::checkOut(Task& task)
 {
     bool const hasLane = canBeServed(task);
-    Pool::Wish const wish = {task.deadline, task.failures,           task.brokeOn,
-                             task.brokeAt,  task.answer.wasRepeated, !hasLane};
+    Pool::Wish const wish = {m_now,        task.deadline,           task.failures, task.brokeOn,
+                             task.brokeAt, task.answer.wasRepeated, !hasLane};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_lookAgainAt = outlook.until;
     m_isPoolFull = outlook.isFull;
@@ -206,7 +205,7 @@ void Pipeline::send(Task& task, Lane& lane)
         ++m_shared.reused;
     }
     pooled.wasUsed = true;
-    task.sentAt = Clock::now();
+    task.sentAt = m_now;
     task.wasOnProven = pooled.hasAnsweredSearch;
     lane.add(task);
     lane.needsFlush = true;
