@@ -43,6 +43,14 @@ std::string trimmed(std::string text)
     return text;
 }
 
+/// Whether a description has nothing to trim and no options, as most.
+bool isPlain(std::string const& text)
+{
+    auto const isVisible = [](char byte) { return byte > ' ' && byte < '\x7F'; };
+    return !text.empty() && isVisible(text.front()) && isVisible(text.back()) &&
+           text.find(';') == std::string::npos;
+}
+
 /// The mutex that guards what the const operations of a body make and keep. Bodies share a few, so
 /// that none carries one. Held while a text is looked for and made; nothing else is locked meanwhile.
 std::mutex& cacheLockOf(void const* body)
@@ -116,6 +124,11 @@ LDAPAttributeTypeImpl::~LDAPAttributeTypeImpl() = default;
 
 void LDAPAttributeTypeImpl::parse(std::string const& text)
 {
+    if (isPlain(text)) {
+        m_textForm = text;
+        m_type = text;
+        return;
+    }
     std::string rest = trimmed(text);
     // The position counts from the untrimmed text's start, the cut from the trimmed one's: callers
     // that pass leading blanks rely on what comes of it.
