@@ -46,15 +46,25 @@ std::string answer(int messageId, std::string const& base)
     return entries + SolvaneTest::searchDone(messageId);
 }
 
+/// "Who am I?" is not known here.
+std::string refusal(int messageId)
+{
+    return SolvaneTest::ldapMessage(
+        messageId, SolvaneTest::berElement(0x78, std::string("\x0a\x01\x02\x04\x00\x04\x00", 7)));
+}
+
 void serve(SolvaneTest::ScriptedServer::Peer& peer)
 {
+    constexpr unsigned char extendedRequest = 0x77;
     peer.grantBind();
     for (;;) {
         std::string const request = peer.receiveMessage();
         if (request.empty()) {
             return;
         }
-        if (SolvaneTest::operationOf(request) == SolvaneTest::SearchRequest) {
+        if (SolvaneTest::operationOf(request) == extendedRequest) {
+            peer.send(refusal(SolvaneTest::messageIdOf(request)));
+        } else if (SolvaneTest::operationOf(request) == SolvaneTest::SearchRequest) {
             bool const isOne = request.find(Directory::onePerson) != std::string::npos;
             peer.send(answer(SolvaneTest::messageIdOf(request),
                              isOne ? Directory::onePerson : Directory::manyPersons));

@@ -6,7 +6,11 @@
 
 #include <solvane/ldap.h>
 #include <solvane/ldap/impl/LDAPConnectionImpl.h>
+#include <solvane/lookup.h>
+#include <solvane/session/EntryReader.h>
+#include <solvane/session/Session.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -300,6 +304,74 @@ void readEntries(Directory const& directory)
     });
 }
 
+// With the engine
+
+using Solvane::LDAPLookup;
+using Solvane::LDAPSearchResultEntry;
+
+unsigned int valuesOf(std::list<LDAPSearchResultEntry> const& entries)
+{
+    unsigned int values = 0;
+    for (LDAPSearchResultEntry const& entry : entries) {
+        for (auto const& attribute : entry.attributes().attributes()) {
+            values += readBytes(attribute);
+        }
+    }
+    return values;
+}
+
+/// A call that sends, waits and reads: the wait is a poll, whenever the answer comes.
+void find(Directory const& directory)
+{
+    LDAPLookup::Settings settings;
+    settings.servers = {{"127.0.0.1", directory.port(), false, LDAPConnection::V3}};
+    settings.bindDn = bindDn;
+    settings.password = password;
+    settings.base = Directory::onePerson;
+    settings.queryTemplate = "(mail=$m)";
+    settings.attributes = {"mail"};
+    LDAPLookup engine(settings);
+    std::string const address = "user0000007@corp.test";
+    count("find.library", 1, [&] {
+        Counted const counted;
+        LDAPLookup::Answer const answer = engine.find(address);
+        require(answer.outcome == LDAPLookup::Outcome::Found && valuesOf(answer.entries) == 1);
+    });
+}
+
+/// As `readEntries`, by the engine's session and reader.
+void readEntriesOfASession(Directory const& directory)
+{
+    namespace Engine = Solvane::Lookup;
+    Engine::SessionOptions options;
+    options.host = "127.0.0.1";
+    options.port = directory.port();
+    options.bindDn = bindDn;
+    std::string const secret = password;
+    options.password = &secret;
+    Engine::Session session(options);
+    require(
+        session
+            .reach(Engine::Step::bind, Engine::Clock::now() + std::chrono::seconds(timeoutSeconds))
+            .isGood());
+    Engine::SearchRequest request;
+    request.base = Directory::manyPersons;
+    count("entry-by-engine.library", Directory::personCount, [&] {
+        int id = 0;
+        require(session.send(request, filter, id).isGood());
+        session.flush();
+        Directory::awaitAnswer(descriptorOf(session.handle()), Directory::manyPersons);
+        Counted const counted;
+        std::list<LDAPSearchResultEntry> entries;
+        Engine::Session::Message message;
+        while (session.receive(message) == Engine::Session::Received::message &&
+               message.type == LDAP_RES_SEARCH_ENTRY) {
+            require(Engine::readEntry(message.content, entries));
+        }
+        require(message.isSuccess && valuesOf(entries) == Directory::personCount * 6);
+    });
+}
+
 void checkOut(Directory const& directory, unsigned int size)
 {
     LDAPConnectionCache pool;
@@ -341,6 +413,8 @@ void runAll()
     lookUp(directory, "lookup-of-texts.library", readTexts);
     readEntriesInC(directory);
     readEntries(directory);
+    find(directory);
+    readEntriesOfASession(directory);
     for (unsigned int const size : {1U, 64U, 512U}) {
         checkOut(directory, size);
     }

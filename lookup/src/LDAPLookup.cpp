@@ -156,7 +156,7 @@ LDAPLookup::Answer LDAPLookup::find(std::string const& address)
 {
     Pipeline pipeline(*m_engine, 1, 1);
     pipeline.push(address);
-    pipeline.run(); // sends the search
+    pipeline.flush(); // sends the search
     Waits waits;
     while (!pipeline.hasAnswer()) {
         waits.clear();

@@ -71,14 +71,20 @@ Pipeline::~Pipeline() { rest(); }
 
 void Pipeline::run()
 {
+    m_now = Clock::now();
     if (m_query) {
         advanceQuery();
     }
     advanceLanes();
-    expire(Clock::now());
+    expire(m_now);
     endLeavingLanes();
     dispatch(); // what is to be repeated, too
     leaveOneLaneToOthers();
+    flush();
+}
+
+void Pipeline::flush()
+{
     for (auto lane = m_lanes.begin(); lane != m_lanes.end(); ++lane) {
         if (lane->needsFlush) {
             lane->needsFlush = false;

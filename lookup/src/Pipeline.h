@@ -48,6 +48,8 @@ public:
 
     /// Does what can be done now.
     void run();
+    /// Writes what is to be written; `run` does that too.
+    void flush();
     /// Adds what `run` waits for.
     void waits(Waits& waits) const;
     /// Returns the sessions to the pool, for others to use.
@@ -134,6 +136,7 @@ private:
     Waiter m_waiter;
     Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< at the pool, while it waits
     Clock::time_point m_noNewLaneBefore;
+    Clock::time_point m_now;   ///< when `push` or `run` began: to look at the clock is not free
     bool m_isPoolFull = false; ///< when it was asked last
 };
 

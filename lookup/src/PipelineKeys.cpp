@@ -27,7 +27,7 @@ void Pipeline::push(std::string key)
     m_tasks.emplace_back();
     Task& task = m_tasks.back();
     task.key = std::move(key);
-    task.start = Clock::now();
+    task.start = m_now = Clock::now();
     task.deadline = task.start + m_shared.settings.deadline;
     std::string const fault = m_shared.forms.faultOf(task.key);
     if (!fault.empty()) {
@@ -75,7 +75,7 @@ void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& 
     task.answer.outcome = outcome;
     task.answer.code = code;
     task.answer.text = text;
-    std::chrono::duration<double, std::milli> const taken = Clock::now() - task.start;
+    std::chrono::duration<double, std::milli> const taken = m_now - task.start;
     task.answer.milliseconds = taken.count();
     task.isDone = true;
 }

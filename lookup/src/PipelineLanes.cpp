@@ -80,8 +80,7 @@ bool Pipeline::makesRoom(Task const& task)
     if (m_lanes.size() >= m_maximumLanes && !canBeServed(task)) {
         endUselessLane();
     }
-    return m_lanes.size() < m_maximumLanes &&
-           (Clock::now() >= m_noNewLaneBefore || !canBeServed(task));
+    return m_lanes.size() < m_maximumLanes && (m_now >= m_noNewLaneBefore || !canBeServed(task));
 }
 
 /// Returns an idle session that no waiting task can be asked on. Two runs that each kept one would wait
@@ -104,9 +103,9 @@ bool Pipeline::endUselessLane()
 bool Pipeline::checkOut(Task& task)
 {
     bool const hasLane = canBeServed(task);
-    Pool::Wish const wish = {task.deadline,     task.failures,           task.brokeOn,
-                             task.brokeAt,      task.answer.wasRepeated, !hasLane,
-                             m_query == nullptr};
+    Pool::Wish const wish = {m_now,        task.deadline,     task.failures,
+                             task.brokeOn, task.brokeAt,      task.answer.wasRepeated,
+                             !hasLane,     m_query == nullptr};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_isPoolFull = outlook.isFull;
     switch (outlook.kind) {
@@ -253,7 +252,7 @@ void Pipeline::send(Task& task, Lane& lane)
         ++m_shared.reused;
     }
     pooled.wasUsed = true;
-    task.sentAt = Clock::now();
+    task.sentAt = m_now;
     task.wasOnProven = pooled.hasAnsweredSearch;
     lane.add(task);
     lane.needsFlush = true;

@@ -123,7 +123,7 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
     if (waiter.m_isRegistered) {
         waiter.reset();
     }
-    auto const now = Clock::now();
+    auto const now = wish.now;
     outlook.domain = wish.mayResolve ? m_servers.claimDomain(now, now + claimTime()) : nullptr;
     if (outlook.domain != nullptr) {
         outlook.kind = Outlook::resolve;
@@ -564,8 +564,8 @@ void Pool::publish(ServerRecord& server)
 void Pool::put(Lease& lease)
 {
     std::unique_ptr<PooledSession> session = std::move(lease.m_session);
-    auto const now = Clock::now();
-    session->expiresAt = now + idleTime;
+    auto const heardAt = session->session.heardAt(); // nearly now
+    session->expiresAt = heardAt + idleTime;
     Idle dropped;
     Idle entry;
     entry.push_back(std::move(session));
@@ -575,7 +575,7 @@ void Pool::put(Lease& lease)
         return;
     }
     m_idle.splice(m_idle.begin(), entry);
-    if (now >= m_idle.back()->expiresAt) {
+    if (heardAt >= m_idle.back()->expiresAt) {
         dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
         --m_count;
     }

@@ -74,6 +74,7 @@ public:
 
     /// What a key needs.
     struct Wish {
+        Clock::time_point now;
         Clock::time_point deadline;
         std::vector<Failure> const& failures;  ///< servers that are not asked again
         ServerRecord const* brokeOn = nullptr; ///< a session to it has to be younger than `brokeAt`

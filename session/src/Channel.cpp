@@ -173,10 +173,13 @@ void Channel::flush()
             m_tls ? m_tls->send(bytes, length, count) : m_socket.send(bytes, length, count);
         if (flow == Flow::moved) {
             m_sent += count;
-            m_progress = Clock::now();
+            m_blockedAt.reset();
         } else if (flow == Flow::failed) {
             m_writeFault = faultOf(flow);
-        } else if (Clock::now() >= m_progress + m_patience) {
+        } else if (!m_blockedAt) {
+            m_blockedAt = Clock::now();
+            return;
+        } else if (Clock::now() >= *m_blockedAt + m_patience) {
             fail(Outcome::TryLater, LDAP_TIMEOUT,
                  "the server has read nothing for " + inSeconds(m_patience));
         } else {
@@ -195,9 +198,6 @@ void Channel::flush()
 
 void Channel::append(char const* bytes, std::size_t length)
 {
-    if (!hasOutput()) {
-        m_progress = Clock::now();
-    }
     if (m_handlesSecret) {
         // A string that grows leaves what it held behind.
         std::string grown;
@@ -222,8 +222,8 @@ void Channel::waits(Waits& waits) const
     }
     bool const writes = hasOutput() || (m_tls && m_tls->awaitsWriting());
     waits.add(m_socket.number(), static_cast<short>(writes ? POLLIN | POLLOUT : POLLIN));
-    if (hasOutput()) {
-        waits.until(m_progress + m_patience);
+    if (m_blockedAt) {
+        waits.until(*m_blockedAt + m_patience);
     }
 }
 

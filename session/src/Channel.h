@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -116,8 +117,8 @@ private:
     std::string m_output;
     std::size_t m_sent = 0; // of the output
     bool m_handlesSecret = false;
-    bool m_holdsSecret = false;   // in the output
-    Clock::time_point m_progress; // of writing, while there is output
+    bool m_holdsSecret = false;                   // in the output
+    std::optional<Clock::time_point> m_blockedAt; // when the socket took nothing of the output
 };
 
 } // namespace Solvane::Lookup

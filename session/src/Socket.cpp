@@ -35,8 +35,15 @@ Flow Socket::receive(char* bytes, std::size_t room, std::size_t& count)
 
 Flow Socket::send(char const* bytes, std::size_t length, std::size_t& count)
 {
-    iovec const piece = {const_cast<char*>(bytes), length};
-    return send(&piece, 1, count);
+    count = 0;
+    if (!isOurs()) {
+        return failed(EPERM);
+    }
+    ssize_t sent = -1;
+    do {
+        sent = ::send(number(), bytes, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+    } while (sent == -1 && errno == EINTR);
+    return moved(sent, count);
 }
 
 Flow Socket::send(iovec const* pieces, std::size_t pieceCount, std::size_t& count)
@@ -52,6 +59,11 @@ Flow Socket::send(iovec const* pieces, std::size_t pieceCount, std::size_t& coun
     do {
         sent = sendmsg(number(), &message, MSG_DONTWAIT | MSG_NOSIGNAL);
     } while (sent == -1 && errno == EINTR);
+    return moved(sent, count);
+}
+
+Flow Socket::moved(ssize_t sent, std::size_t& count)
+{
     if (sent >= 0) {
         count = static_cast<std::size_t>(sent);
         return Flow::moved;

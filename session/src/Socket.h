@@ -42,6 +42,7 @@ public:
     Clock::time_point heardAt() const { return m_heardAt; }
 
 private:
+    Flow moved(ssize_t sent, std::size_t& count);
     Flow failed(int error);
 
     Descriptor m_descriptor;

@@ -209,7 +209,9 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
     if (first.isWhole && isPlain(first)) {
         require(expected.isWhole, "OpenLDAP reads what the reader reads");
         require(first.dn == expected.dn, "the name is the same");
-        require(first.attributes == expected.attributes, "the attributes are the same");
+        require(first.attributes == expected.attributes ||
+                    !isPlain(expected), // trimmed by the type
+                "the attributes are the same");
     }
     if (expected.isWhole && isPlain(expected) && !hasNul(content)) {
         require(first.isWhole, "the reader reads what OpenLDAP reads");
