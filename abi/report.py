@@ -14,40 +14,37 @@ INTRODUCTION = """\
 
 Written by `scripts/abi --update`, for x86-64 and g++ 12.
 
-Programs find the libraries by their SONAMEs, whose number is the major version. As long as it stays,
-a program that was built against any earlier version goes on working with a later one, unchanged.
-`scripts/abi` compares the libraries with `abi/*.abi`, and the libraries and headers with this page;
-it fails at every difference, so that none comes about by accident.
+Programs find the libraries by their SONAMEs, whose number is the major version. While the major version
+stays the same, a program built with an earlier version works with a later one. `scripts/abi` compares the
+libraries with `abi/*.abi`, and the libraries and headers with this page; it fails at every difference.
 
-| change | takes |
+| change | requires |
 |---|---|
-| another function, another class | minor version |
-| a virtual function behind the last one of a class that programs do not derive from | minor version |
-| a symbol that goes; another signature, return type, `const` or namespace | major version |
-| size or alignment of a class; offset, type or order of its members | major version |
-| a virtual function that comes between others, or goes; another order or base class | major version |
-| the value of an enumerator | major version |
+| a new function or class | minor version |
+| a new virtual function after the last one of a class that programs do not derive from | minor version |
+| removing a symbol; changing a signature, return type, `const` or namespace | major version |
+| changing the size or alignment of a class, or the offset, type or order of its members | major version |
+| inserting or removing a virtual function; changing the order or a base class | major version |
+| changing the value of an enumerator | major version |
 
-The linker does not see texts, result codes and reported lines of exceptions; callers do
-([errors](guide/errors.md)). Every change taken ends with `scripts/abi --update`, and one of
-symbols with `scripts/package --update`, too.
+The linker does not check texts, result codes and reported lines of exceptions, but callers use them
+([errors](guide/errors.md)). To accept a change, run `scripts/abi --update` and, if symbols changed,
+`scripts/package --update`.
 
-Programs derive from `LDAPRequest`, `LDAPException` and the bodies in `<solvane/ldap/impl.h>`. There
-another virtual function takes a major version even behind the last one.
+Programs derive from `LDAPRequest`, `LDAPException` and the bodies in `<solvane/ldap/impl.h>`. For these
+classes, every new virtual function requires a major version.
 
-Exported is what the headers mark with `SOLVANE_LDAP_EXPORT`, `SOLVANE_LOOKUP_EXPORT` or
-`SOLVART_EXPORT`; all else is compiled hidden. Templates of the C++ library and of Boost mark
-themselves as visible. So the linker has a list, too: `cmake/exports.map.in` lets out namespace
-`Solvane` and the two names of the runtime's debug output, and keeps what was compiled along. Type
-information of foreign classes stays inside as well; exceptions of theirs are caught all the same,
-since libstdc++ compares types by their names.
+The libraries export what the headers mark with `SOLVANE_LDAP_EXPORT`, `SOLVANE_LOOKUP_EXPORT` or
+`SOLVART_EXPORT`; everything else is compiled with hidden visibility. Templates of the C++ library and of
+Boost are marked as visible, so a linker script (`cmake/exports.map.in`) hides them: it exports only
+namespace `Solvane` and the two names of the runtime's debug output. Type information of other libraries'
+classes is hidden too. Their exceptions are caught nevertheless, because libstdc++ compares types by name.
 
-The symbols of `libsolvane-ldap` and `libsolvane-lookup` have a version of the linker's, which ends
-with the major version: two majors can be in one process, say through two modules of a server, and
-each finds its own symbols. Minor versions add to it; which one brought a symbol is in
-`cmake/packaging/*.symbols`. Programs that were linked when there was no version find the symbols as
-before. `libsolvart` has none: where the product's own library is in its place, there is none either.
-Every exported function can be taken over by a program that has its own.
+The symbols of `libsolvane-ldap` and `libsolvane-lookup` are versioned by major version: two major versions
+can be in one process, for example through two modules of a server, and each finds its own symbols.
+`cmake/packaging/*.symbols` has the minor version that added each symbol. Programs that were linked before
+symbols had versions still find them. `libsolvart` is not versioned, because the product's own library may
+replace it. A program may replace every exported function by its own.
 """
 
 
@@ -188,9 +185,9 @@ def print_classes(dump, declared, members):
     print("""
 ## Classes
 
-What the public headers define: the bytes that an object takes, the slots of the virtual table as
-they count from where an object points to, bases and members with their offsets. A destructor has
-two slots: the second one frees the object.""")
+The classes of the public headers: the size of an object, the slots of the virtual table counted from
+the address in the object, bases and members with their offsets. A destructor has two slots; the second
+one also frees the object.""")
     shown = set()
     for name, size, functions in sorted(classes_in(dump)):
         title = re.sub(r'<.*>', '<T>', name)

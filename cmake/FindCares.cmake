@@ -1,4 +1,4 @@
-# Finds c-ares, the resolver that waits for nothing itself; makes the target Cares::cares.
+# Finds c-ares, a resolver that does not block; defines the target Cares::cares.
 
 find_path(Cares_INCLUDE_DIR ares.h)
 find_library(Cares_LIBRARY cares)

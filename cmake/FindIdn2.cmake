@@ -1,4 +1,4 @@
-# Finds libidn2, which converts internationalised domain names; makes the target Idn2::idn2.
+# Finds libidn2, which converts internationalised domain names; defines the target Idn2::idn2.
 
 find_path(Idn2_INCLUDE_DIR idn2.h)
 find_library(Idn2_LIBRARY idn2)

@@ -1,6 +1,6 @@
-# Finds OpenLDAP's client libraries; makes the targets OpenLDAP::lber and OpenLDAP::ldap_r, the
-# thread-safe library: libldap_r in 2.4, whose libldap is not; from 2.5 on libldap itself.
-# OpenLDAP::ldap is the same: a process must not load both.
+# Finds OpenLDAP's client libraries; defines the targets OpenLDAP::lber and OpenLDAP::ldap_r, the
+# thread-safe library: libldap_r in 2.4, libldap from 2.5 on. OpenLDAP::ldap is the same, because a
+# process must not load both.
 
 find_path(OpenLDAP_INCLUDE_DIR ldap.h)
 find_library(OpenLDAP_LBER_LIBRARY lber)

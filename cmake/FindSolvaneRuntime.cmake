@@ -1,12 +1,12 @@
 # Finds the product's runtime below the prefix in SOLVANE_RUNTIME; makes the target Solvane::runtime.
 #
 # The prefix has the headers as include/solvart/*.h and the library, shared, as lib/libsolvart.so or
-# as the product's own libsolvart++.so with libsolvaparser.so and liblwipc.so beside it. Sets
+# as the product's libsolvart++.so with libsolvaparser.so and liblwipc.so in the same folder. Sets
 #   SolvaneRuntime_INCLUDE_DIR  the folder of solvart/
-#   SolvaneRuntime_LIBRARIES    the libraries' files
-#   SolvaneRuntime_LIBRARY_DIR  the folder they are in
+#   SolvaneRuntime_LIBRARIES    the library files
+#   SolvaneRuntime_LIBRARY_DIR  their folder
 
-# What an earlier run found says nothing: the prefix may be another one now, or hold another runtime.
+# Ignore the result of an earlier run: the prefix or its contents may have changed.
 foreach(name INCLUDE_DIR LIBRARY solvaparser_LIBRARY lwipc_LIBRARY)
     unset(SolvaneRuntime_${name})
     unset(SolvaneRuntime_${name} CACHE)

@@ -21,9 +21,9 @@ if(SOLVANE_COVERAGE)
     target_link_options(solvane_build_options INTERFACE --coverage)
 endif()
 
-# solvane_export_interface(TARGET NODE [PATTERN...]): of what is compiled as visible, the shared library
-# exports its interface alone: namespace Solvane and the symbols after the patterns. NODE is the
-# linker's version of these symbols, or empty for none (docs/abi.md).
+# solvane_export_interface(TARGET NODE [PATTERN...]): makes the shared library export only its interface:
+# namespace Solvane and symbols that match a pattern. NODE is the symbols' version, or empty for none
+# (docs/abi.md).
 function(solvane_export_interface target node)
     set(others "")
     foreach(pattern IN LISTS ARGN)

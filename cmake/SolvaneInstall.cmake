@@ -1,13 +1,13 @@
-# Installation: libraries, headers, CMake package and pkg-config files, by components: 'runtime' for
-# the stand-in's library, 'library' for what programs run with, 'development' for what they are
-# built with. The tool's folder installs 'tool', cmake/packaging 'documentation'. Apart from these,
-# 'runtime-development' is the stand-in whole and alone: a prefix for SOLVANE_RUNTIME.
+# Installation: libraries, headers, CMake package and pkg-config files, by component: 'runtime' has the
+# stand-in's library, 'library' the shared libraries, 'development' the development files. The tool's
+# folder installs 'tool', cmake/packaging 'documentation'. 'runtime-development' is the complete
+# stand-in: a prefix for SOLVANE_RUNTIME.
 
 include(CMakePackageConfigHelpers)
 set(SOLVANE_CMAKE_DIR "${CMAKE_INSTALL_LIBDIR}/cmake/SolvaneLDAP")
 
 if(NOT SOLVANE_RUNTIME STREQUAL "bundled")
-    # Programs must not be compiled with the headers of a stand-in that an earlier installation left.
+    # Programs must not find the headers of the stand-in from an earlier installation.
     install(CODE "set(includedir \"${CMAKE_INSTALL_INCLUDEDIR}\")"
         CODE "set(runtime \"${SolvaneRuntime_INCLUDE_DIR}/solvart\")"
         CODE [[
@@ -44,13 +44,12 @@ else()
         DESTINATION ${SOLVANE_CMAKE_DIR} COMPONENT development)
 endif()
 
-# solvane_install_rpath(LIBDIR TARGET...): where installed targets find their libraries: in LIBDIR,
-# relative to themselves, and an outside runtime in its own folder unless that is one of the
-# system's. CMAKE_INSTALL_RPATH replaces both; CMAKE_SKIP_INSTALL_RPATH leaves both out, as Debian's
-# packages want it.
+# solvane_install_rpath(LIBDIR TARGET...): sets the RUNPATH of installed targets: LIBDIR, relative to the
+# target, and the folder of an outside runtime unless it is a system folder. CMAKE_INSTALL_RPATH
+# replaces both; CMAKE_SKIP_INSTALL_RPATH omits both, as Debian's packages require.
 function(solvane_install_rpath libdir)
     if(DEFINED CMAKE_INSTALL_RPATH)
-        return() # the targets have taken it over
+        return() # the targets use it already
     endif()
     set(folders "${libdir}")
     if(SolvaneRuntime_LIBRARY_DIR
@@ -70,7 +69,7 @@ configure_package_config_file(
 write_basic_package_version_file(
     "${PROJECT_BINARY_DIR}/SolvaneLDAPConfigVersion.cmake"
     COMPATIBILITY SameMajorVersion)
-# Relative, so that the file is right under whatever prefix it is installed or moved to.
+# Relative, so that the file is correct in every prefix, even if it is moved.
 file(RELATIVE_PATH SOLVANE_PREFIX_FROM_PKGCONFIG "/${CMAKE_INSTALL_LIBDIR}/pkgconfig" "/")
 if(SOLVANE_RUNTIME STREQUAL "bundled")
     set(SOLVANE_RUNTIME_INCLUDEDIR "\${includedir}")
@@ -94,8 +93,7 @@ install(FILES
 install(FILES "${PROJECT_BINARY_DIR}/solvane-ldap.pc" "${PROJECT_BINARY_DIR}/solvane-lookup.pc"
     DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# What gdb prints for the library's objects. By itself gdb looks for it below /usr alone, by the
-# whole name of the library.
+# gdb's pretty printers. gdb finds them automatically only below /usr, by the full name of the library.
 if(CMAKE_INSTALL_PREFIX STREQUAL "/usr")
     install(FILES "${PROJECT_SOURCE_DIR}/support/gdb/solvane.py"
         DESTINATION ${CMAKE_INSTALL_DATADIR}/gdb/auto-load${CMAKE_INSTALL_FULL_LIBDIR}

@@ -1,6 +1,6 @@
-# solvane_find_package(NAME VERSION DEBIAN_PACKAGES SWITCH [COMPONENTS NAME...]): find_package for what
-# must be there. Where it is missing, says what to install on Debian, and which SWITCH ("" for none) to
-# turn off to build without it. One run names all that is missing.
+# solvane_find_package(NAME VERSION DEBIAN_PACKAGES SWITCH [COMPONENTS NAME...]): find_package for a
+# required package. If it is missing, the message names the Debian packages to install, and the option
+# SWITCH ("" for none) that builds without it. One run reports everything that is missing.
 macro(solvane_find_package name version debian_packages switch)
     find_package(${name} ${version} QUIET ${ARGN})
     if(NOT ${name}_FOUND)

@@ -1,13 +1,13 @@
 # shellcheck shell=bash disable=SC2034
-# Shared by the scripts of this folder: what must be installed, and building. Source it.
+# Functions shared by the scripts of this folder: installing packages and building. Source it.
 
-# The top of the repository; every script works from there, wherever it is called.
+# The top of the repository; every script runs there, whatever its working directory.
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-# The administration programs (slapd) are in sbin, which a plain user's PATH may lack.
+# slapd is in sbin, which may be missing from a user's PATH.
 PATH=$PATH:/usr/local/sbin:/usr/sbin:/sbin
 export PATH
 
-# Debian's packages, by what they are for.
+# Debian packages, by purpose.
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
     libgnutls28-dev libc-ares-dev libidn2-dev libcli11-dev libfmt-dev rapidjson-dev)
 packages_demo=(ca-certificates)
@@ -34,7 +34,7 @@ die() {
 
 step() { printf '\n==> %s\n' "$*"; }
 
-# missing_packages PACKAGE...: those of them that are not installed, one a line.
+# missing_packages PACKAGE...: prints those that are not installed, one per line.
 missing_packages() {
     local name
     for name in "$@"; do
@@ -43,9 +43,9 @@ missing_packages() {
     done
 }
 
-# install_packages PACKAGE...: installs what is missing, or says what to run where that needs root.
+# install_packages PACKAGE...: installs missing packages, or prints the command if that needs root.
 install_packages() {
-    command -v dpkg-query >/dev/null || die "needs Debian 12 or 13, or a relative; here is no dpkg"
+    command -v dpkg-query >/dev/null || die "needs Debian 12 or 13, or a derivative: dpkg is missing"
     local -a missing as_root=()
     mapfile -t missing < <(missing_packages "$@")
     ((${#missing[@]})) || return 0
@@ -59,19 +59,19 @@ install_packages() {
     step "Installing ${missing[*]}"
     local log
     log=$(mktemp)
-    # One at a time: apt refuses a second run instead of waiting, for its lists at least.
+    # Serialised: a second apt fails instead of waiting for the lock of its lists.
     if ! "${as_root[@]}" flock /var/lib/dpkg/solvane-install.lock bash -s "${missing[@]}" >"$log" 2>&1 <<'ROOT'
 set -e
 export DEBIAN_FRONTEND=noninteractive
-# A directory server is wanted as a program only: no database, and none started by the package.
+# Only slapd's program is needed: no database, and no server started by the package.
 if [[ " $* " == *" slapd "* ]] && command -v debconf-set-selections >/dev/null; then
     echo 'slapd slapd/no_configuration boolean true' | debconf-set-selections
 fi
-# Of Postfix, its programs are wanted: no configuration, and nothing that listens.
+# Only Postfix's programs are needed: no configuration, and no server.
 if [[ " $* " == *" postfix "* ]] && command -v debconf-set-selections >/dev/null; then
     echo 'postfix postfix/main_mailer_type select No configuration' | debconf-set-selections
 fi
-# Of all packages, programs are wanted, and no services that run.
+# Packages must not start services.
 if [[ ! -e /usr/sbin/policy-rc.d ]]; then
     trap 'rm -f /usr/sbin/policy-rc.d' EXIT
     printf '#!/bin/sh\nexit 101\n' >/usr/sbin/policy-rc.d
@@ -91,7 +91,7 @@ ROOT
     rm -f "$log"
 }
 
-# configure PRESET: in build/PRESET.
+# configure PRESET: configures build/PRESET.
 configure() {
     mkdir -p "$top/build/$1"
     (cd "$top" && cmake --preset "$1") >"$top/build/$1/configure.log" 2>&1 || {
@@ -100,16 +100,16 @@ configure() {
     }
 }
 
-# cannot REASON: ends the script with 77, which says that this machine cannot do what it is asked for.
+# cannot REASON: exits with 77: this machine cannot run the script.
 cannot() {
-    printf '%s: not here: %s\n' "${0##*/}" "$*" >&2
+    printf '%s: cannot run on this machine: %s\n' "${0##*/}" "$*" >&2
     exit 77
 }
 
-# debian_release: the name of this machine's.
+# debian_release: prints the name of this machine's release.
 debian_release() { (. /etc/os-release && printf '%s' "$VERSION_CODENAME"); }
 
-# debian_sources RELEASE: apt's lines for it, with the mirror that this machine has its own Debian from.
+# debian_sources RELEASE: prints apt's sources for it, with the mirror of this machine.
 debian_sources() {
     local own
     own=$(debian_release)
@@ -119,9 +119,9 @@ debian_sources() {
         sed -En "s/^(deb [^ ]+) $own(-[a-z]+)? /\\1 $1\\2 /p" | grep .
 }
 
-# debian_tar RELEASE: makes a minimal Debian (priority "required", and apt) with the settings for
-# fetching of this machine's apt, and sets debian_tar to the tar of it. It is kept in build/debians until
-# the mirror's lists have another date.
+# debian_tar RELEASE: creates a minimal Debian (priority "required", and apt) with this machine's apt
+# settings for downloads, and sets debian_tar to its tar file. The file is cached in build/debians until
+# the date of the mirror's lists changes.
 debian_tar() {
     local release=$1 folder=$top/build/debians work uri suite date
     (($(id -u) == 0)) || cannot "only root can make a Debian"
@@ -143,7 +143,7 @@ debian_tar() {
         TMPDIR=$work timeout 1200 mmdebstrap --mode=root --format=tar --variant=minbase \
             --aptopt="$work/acquire" "$release" "$work/tar" "$work/sources" >"$folder/$release.log" 2>&1 || {
             tail -n 20 "$folder/$release.log" >&2
-            die "could not make a minimal $release"
+            die "could not create a minimal $release"
         }
         rm -f "$folder/$release"-*.tar
         mv "$work/tar" "$debian_tar"
@@ -151,8 +151,8 @@ debian_tar() {
     rm -rf "$work"
 }
 
-# in_root ROOT COMMAND...: runs it with that folder as its root, two hours at most. What it starts or
-# mounts ends with it, and it ends with the script, for which leave_root is called on the way out.
+# in_root ROOT COMMAND...: runs it with that folder as its root, for at most two hours. Its processes and
+# mounts end with it, and it ends with the script: call leave_root before the script exits.
 in_root() {
     local root=$1
     shift
@@ -172,7 +172,7 @@ leave_root() {
     wait
 }
 
-# build PRESET [TARGET...]: configures and builds in build/PRESET, one build of a preset at a time.
+# build PRESET [TARGET...]: configures and builds build/PRESET; builds of one preset are serialised.
 build() {
     local preset=$1
     shift

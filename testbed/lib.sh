@@ -89,7 +89,7 @@ is_ours() {
     tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline" | grep -qF -- "$mark"
 }
 
-# is_running PID: PID runs; for a child of this shell, whose number nobody else can have.
+# is_running PID: PID runs; for a child of this shell, whose PID the kernel cannot reuse.
 is_running() {
     local state
     state=$(ps -o stat= -p "$1" 2>/dev/null) && [[ $state != Z* ]]

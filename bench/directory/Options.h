@@ -1,4 +1,4 @@
-// What the program is told about the directory and about how long to measure.
+// The options of the program: the directory, and how long to measure.
 #ifndef SOLVANE_BENCH_DIRECTORY_OPTIONS_H
 #define SOLVANE_BENCH_DIRECTORY_OPTIONS_H
 

@@ -16,7 +16,7 @@ using Solvane::LDAPConnection;
 
 namespace {
 
-/// Names that no other run against the same directory has used.
+/// Names that are unique among runs against the same directory.
 std::string nextName()
 {
     static unsigned long added = 0;
@@ -25,7 +25,7 @@ std::string nextName()
 
 std::string dnOf(std::string const& name) { return "uid=" + name + ",ou=new,dc=corp,dc=test"; }
 
-/// The attributes of an entry as the raw calls take them.
+/// The attributes of an entry for the raw calls.
 class RawAttributes {
 public:
     explicit RawAttributes(std::string name) : m_name(std::move(name))

@@ -1,4 +1,4 @@
-// One search that finds everybody, with all attributes.
+// One search that finds every entry, with all attributes.
 #include "rows.h"
 
 #include "RawSession.h"
@@ -26,7 +26,7 @@ std::unique_ptr<LDAPSearch> sentBy(LDAPConnection& connection)
     return search;
 }
 
-/// A session of the engine's, bound.
+/// A bound session of the engine.
 std::unique_ptr<Solvane::Lookup::Session> engineSession(Options const& options)
 {
     static std::string const password = reader().password;
@@ -41,7 +41,7 @@ std::unique_ptr<Solvane::Lookup::Session> engineSession(Options const& options)
     return session;
 }
 
-/// All that the engine's session finds, as its lookups read it.
+/// All results of the engine's session, read as lookups read them.
 std::list<Solvane::LDAPSearchResultEntry> foundBy(Solvane::Lookup::Session& session)
 {
     using Solvane::Lookup::Session;
@@ -67,7 +67,7 @@ std::list<Solvane::LDAPSearchResultEntry> foundBy(Solvane::Lookup::Session& sess
     }
 }
 
-/// What a search that stores everything takes of the heap, and how much came over the network.
+/// The heap memory of a search that stores everything, and the bytes received.
 void measureMemory(Options const& options, RawSession const& raw, LDAPConnection& connection)
 {
     unsigned long const receivedBefore = raw_received_bytes(raw.get());

@@ -29,7 +29,7 @@ void compareBinds(std::string const& row, std::string const& uri,
                                                        }}});
 }
 
-/// A port on which the kernel accepts connections, and nobody ever answers.
+/// A port on which the kernel accepts connections, but no server answers.
 class SilentPort {
 public:
     SilentPort() : m_socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
@@ -51,7 +51,7 @@ private:
     unsigned int m_number = 0;
 };
 
-/// How long a TLS bind takes that gets no answer.
+/// The duration of a TLS bind without an answer.
 void measureSilence()
 {
     constexpr unsigned int timeout = 1;

@@ -1,4 +1,4 @@
-// Lookups of one address: one after another, many in flight, from many threads.
+// Lookups of one address: sequential, many in flight, from many threads.
 #include "rows.h"
 
 #include "RawSession.h"
@@ -24,7 +24,7 @@ std::vector<std::string> const wanted = {"mail", "cn", "employeeNumber"};
 
 std::string filterFor(std::string const& address) { return "(mail=" + address + ")"; }
 
-/// Lookups with raw calls on a session of their own.
+/// Lookups with raw calls on a separate session.
 class RawLookups {
 public:
     explicit RawLookups(Options const& options)
@@ -76,7 +76,7 @@ LDAPSearch::Parameter searchForAddress()
     return parameter;
 }
 
-/// Lookups through the library on a connection that is kept.
+/// Lookups with the library on a kept connection.
 class KeptLookups {
 public:
     explicit KeptLookups(Options const& options)
@@ -95,7 +95,7 @@ public:
         }
     }
 
-    /// Sends as many as are allowed, waits for all of them, and so on.
+    /// Sends as many as allowed, waits for all of them, and repeats.
     void runInBatches(unsigned long count, unsigned long batch)
     {
         for (unsigned long done = 0; done < count; done += batch) {
@@ -125,7 +125,7 @@ private:
     Addresses m_addresses;
 };
 
-/// Lookups as a mail server makes them: a template, and a connection of the pool for each.
+/// Lookups like those of a mail server: each expands a template and checks a connection out.
 class PooledLookups {
 public:
     PooledLookups(Options const& options, LDAPConnectionCache& pool)
@@ -254,7 +254,7 @@ void windows(Options const& options, Rounds const& rounds)
 
 namespace {
 
-/// What the threads of a row work with. Each has its own, but for pool and engine.
+/// The objects of a row's threads. Each thread has its own, except for the pool and the engine.
 class Threads {
 public:
     Threads(Options const& options, unsigned int size)
@@ -270,7 +270,7 @@ public:
 
     void compare(Rounds const& rounds)
     {
-        constexpr unsigned long lookupsOfEach = 25; // so that waking them does not count
+        constexpr unsigned long lookupsOfEach = 25; // makes the time to wake the threads negligible
         auto const one = [](auto& own) {
             return [&own](unsigned int member, unsigned long count) { own[member]->run(count); };
         };
@@ -285,7 +285,7 @@ public:
     }
 
 private:
-    /// Work that every thread does its share of.
+    /// Work that is divided among the threads.
     template <typename Work> Contender shared(std::string const& name, Work const& work)
     {
         return {name, [this, work](unsigned long count) {

@@ -1,4 +1,4 @@
-// The rows of the program, each beside raw calls of OpenLDAP's on sessions of their own.
+// The rows of the program, each compared with raw OpenLDAP calls on separate sessions.
 #ifndef SOLVANE_BENCH_DIRECTORY_ROWS_H
 #define SOLVANE_BENCH_DIRECTORY_ROWS_H
 
@@ -7,14 +7,13 @@
 
 namespace SolvaneBench {
 
-/// One lookup after another: kept connection, template and pool, the engine; raw twice, for the
-/// noise.
+/// Sequential lookups: kept connection, template and pool, the engine; raw calls twice, for the noise.
 void lookups(Options const& options, Rounds const& rounds);
 /// 1, 8 and 64 searches in flight on one connection; the engine's bulk run.
 void windows(Options const& options, Rounds const& rounds);
-/// All entries by one search, stored, beside a loop that stores nothing; and what storing takes.
+/// One search for all entries, stored, compared with a loop that stores nothing; and the memory.
 void bigSearch(Options const& options, Rounds const& rounds);
-/// Connect, bind, close: plain and TLS, and how long a silent peer holds up a TLS bind.
+/// Connect, bind, close: plain and TLS, and the duration of a TLS bind to a silent peer.
 void binds(Options const& options, Rounds const& rounds);
 /// Adds, one at a time and 64 in flight.
 void adds(Options const& options, Rounds const& rounds);

@@ -1,4 +1,4 @@
-// The clocks of the whole program, in the place of the C library's.
+// The program's clocks, which replace the C library's.
 #include "Counting.h"
 
 #include <ctime>
@@ -10,7 +10,7 @@
 namespace {
 
 thread_local bool t_areStopped = false;
-long g_looks = 0; // by the one thread that counts
+long g_looks = 0; // used only by the counting thread
 
 timespec look(clockid_t clock)
 {

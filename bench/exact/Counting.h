@@ -1,6 +1,5 @@
-// Counts of what a piece of work does, the same in every run. Two units count: one has callgrind
-// count instructions, the other counts allocations and the memory that stays; a program is linked
-// with either.
+// Counts of a piece of work, which are the same in every run. There are two implementations: one counts
+// instructions with callgrind, the other allocations and the memory in use. A program links one.
 #ifndef SOLVANE_BENCH_EXACT_COUNTING_H
 #define SOLVANE_BENCH_EXACT_COUNTING_H
 
@@ -8,9 +7,9 @@
 
 namespace SolvaneBench {
 
-/// While it lives, the work of this thread is counted; what several count adds up.
+/// Counts the work of this thread during its lifetime; several objects add up.
 ///
-/// The clocks go on by one microsecond at each look meanwhile, so that no count depends on the time.
+/// Meanwhile each read of a clock advances it by one microsecond, so that no count depends on the time.
 class Counted {
 public:
     Counted();
@@ -19,14 +18,14 @@ public:
     Counted& operator=(Counted const&) = delete;
 };
 
-/// Counts from zero again.
+/// Resets the counts.
 void forget();
-/// Tells what has been counted since then, for work that was done `pieces` times.
+/// Prints the counts since then, for work that was done `pieces` times.
 void report(std::string const& name, unsigned int pieces);
 
-// Between the units.
+// Internal.
 
-/// Stops the program's clocks, or lets them go again.
+/// Stops or starts the program's clocks.
 void stopClocks(bool areStopped);
 
 } // namespace SolvaneBench

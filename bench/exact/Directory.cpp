@@ -1,4 +1,4 @@
-// Persons of 315 bytes each, as directories have them.
+// Entries of people, 315 bytes each, as in real directories.
 #include "Directory.h"
 
 #include "LdapMessages.h"
@@ -80,7 +80,7 @@ void Directory::awaitAnswer(int descriptor, char const* base)
 {
     int const expected = static_cast<int>(answer(lastMessageId, base).size());
     for (int arrived = 0; arrived != expected;) {
-        poll(nullptr, 0, 1); // the server's turn
+        poll(nullptr, 0, 1); // let the server run
         if (ioctl(descriptor, FIONREAD, &arrived) != 0 || arrived > expected) {
             std::abort();
         }

@@ -1,5 +1,5 @@
-// The server of the counted work. Its answers are the same in every run, and have all come before
-// they are read.
+// The server of the counted work. Its answers are the same in every run, and have arrived completely
+// before they are read.
 #ifndef SOLVANE_BENCH_EXACT_DIRECTORY_H
 #define SOLVANE_BENCH_EXACT_DIRECTORY_H
 
@@ -9,9 +9,8 @@
 
 namespace SolvaneBench {
 
-/// A directory that grants every bind, and answers a search under `onePerson` with one entry that
-/// has the attribute asked for, one under `manyPersons` with `personCount` entries that have all
-/// theirs.
+/// A directory that accepts every bind. A search under `onePerson` returns one entry with the requested
+/// attribute; a search under `manyPersons` returns `personCount` entries with all attributes.
 class Directory {
 public:
     static constexpr char onePerson[] = "uid=user0000007,ou=people,dc=corp,dc=test";
@@ -24,7 +23,7 @@ public:
 
     unsigned int port() const { return m_server.port(); }
 
-    /// Waits until the whole answer to a search has come, so that reading it never waits.
+    /// Waits until the answer to a search has arrived completely, so that reading it does not block.
     static void awaitAnswer(int descriptor, char const* base);
     /// The mean length of an entry of `manyPersons` on the wire, in bytes.
     static double bytesOfAPerson();

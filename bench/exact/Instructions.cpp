@@ -1,4 +1,4 @@
-// Instructions, counted by callgrind. A report is one of its output files, named in its "Trigger".
+// Counts instructions with callgrind. A report is one of its output files, named in its "Trigger".
 #include "Counting.h"
 
 #include <valgrind/callgrind.h>

@@ -1,4 +1,4 @@
-// Allocations, counted by functions in the place of the C library's, which do the work.
+// Counts allocations with functions that replace the C library's and call them.
 #include "Counting.h"
 
 #include <cstddef>
@@ -16,10 +16,10 @@ void __libc_free(void* memory);
 namespace {
 
 thread_local bool t_isCounting = false;
-unsigned long g_allocations = 0; // by the one thread that counts
+unsigned long g_allocations = 0; // used only by the counting thread
 long g_keptBytes = 0;
 
-/// Adds or takes off what an allocation takes of the heap: its bytes, and its header.
+/// Adds or subtracts the heap memory of an allocation: its bytes and its header.
 void account(void* memory, int sign)
 {
     if (t_isCounting && memory != nullptr) {

@@ -1,6 +1,6 @@
-// Work whose cost is known exactly, done by the library and by C as one writes it on OpenLDAP.
+// Work with exact counts, done by the library and by usual C code on OpenLDAP.
 //
-// Each report is named <work>.<who does it>; run tells what they may cost.
+// Each report is named <work>.<library or c>; figures.csv has the limits.
 #include "Counting.h"
 #include "Directory.h"
 
@@ -34,7 +34,7 @@ constexpr unsigned int timeoutSeconds = 10;
 constexpr char bindDn[] = "cn=reader,dc=corp,dc=test";
 constexpr char password[] = "reader-pw";
 constexpr char filter[] = "(mail=user0000007@corp.test)";
-/// Uncounted ones before the counted: what is done once for all is done then.
+/// Uncounted repetitions before the counted ones, for one-time initialisation.
 constexpr unsigned int warmUp = 4;
 constexpr unsigned int repetitions = 32;
 
@@ -46,7 +46,7 @@ void require(bool isAsExpected)
     }
 }
 
-/// Does the work over and over, and reports what it cost.
+/// Repeats the work and reports its counts.
 template <typename Work>
 void count(std::string const& name, unsigned int piecesAtATime, Work const& work)
 {
@@ -103,7 +103,7 @@ int sendInC(LDAP* session, char const* base, char const* attribute)
     return id;
 }
 
-/// Looks at everything in an entry. The number of values.
+/// Reads everything in an entry. Returns the number of values.
 unsigned int readEntry(LDAP* session, LDAPMessage* message)
 {
     unsigned int values = 0;
@@ -124,7 +124,7 @@ unsigned int readEntry(LDAP* session, LDAPMessage* message)
     return values;
 }
 
-/// Reads the answer and lets go of it message by message. The number of values.
+/// Reads and frees the answer message by message. Returns the number of values.
 unsigned int receiveInC(LDAP* session, int id)
 {
     unsigned int values = 0;
@@ -219,7 +219,7 @@ unsigned int readTexts(Solvane::LDAPAttribute const& attribute)
     return values;
 }
 
-/// Looks at everything in an answer. The number of values.
+/// Reads everything in an answer. Returns the number of values.
 template <typename Read> unsigned int valuesOf(LDAPSearch const& search, Read const& read)
 {
     unsigned int values = 0;
@@ -231,7 +231,7 @@ template <typename Read> unsigned int valuesOf(LDAPSearch const& search, Read co
     return values;
 }
 
-/// @param read  looks at an attribute
+/// @param read  reads an attribute
 template <typename Read>
 void lookUp(Directory const& directory, std::string const& name, Read const& read)
 {
@@ -254,7 +254,7 @@ void lookUp(Directory const& directory, std::string const& name, Read const& rea
     });
 }
 
-/// Searches with a big answer, on a connection of their own.
+/// Searches with a big answer, on a separate connection.
 class BigSearches {
 public:
     explicit BigSearches(Directory const& directory)
@@ -263,7 +263,7 @@ public:
         m_parameter->filter = filter;
     }
 
-    /// One whose answer has come.
+    /// A search whose answer has arrived.
     std::unique_ptr<LDAPSearch> sent()
     {
         auto search = std::make_unique<LDAPSearch>(m_connection, m_parameter);
@@ -284,8 +284,8 @@ private:
     LDAPSearch::RefParameter m_parameter;
 };
 
-/// Stores a big answer, looks at all of it as C does, and lets go of it; and stores one to see what
-/// memory that takes.
+/// Stores a big answer, reads all of it like the C code, and frees it; then stores one to measure its
+/// memory.
 void readEntries(Directory const& directory)
 {
     BigSearches searches(directory);
@@ -409,7 +409,7 @@ void runAll()
 {
     Directory const directory;
     lookUpInC(directory);
-    lookUp(directory, "lookup.library", readBytes); // as C does
+    lookUp(directory, "lookup.library", readBytes); // like the C code
     lookUp(directory, "lookup-of-texts.library", readTexts);
     readEntriesInC(directory);
     readEntries(directory);

@@ -1,6 +1,6 @@
-// How the cost of a search grows with what it finds, and the cost of opening with the connections
-// that are open. The server is in this program and answers from memory; what counts is the processor
-// time of the client's thread. Records on standard output.
+// Growth of the cost of a search with the size of its result, and of opening connections with their
+// number. The server is in this program and answers from memory; the measure is the processor time of
+// the client's thread. Prints records on standard output.
 //
 //   solvane_bench_growth [--quick]
 #include "Library.h"
@@ -21,7 +21,7 @@ using namespace SolvaneBench;
 using Solvane::LDAPConnection;
 using Solvane::LDAPSearch;
 
-/// A series: an answer for each size.
+/// A series of answers by size.
 struct Series {
     char const* name;
     std::vector<unsigned long> sizes;
@@ -73,7 +73,7 @@ std::vector<Series> const allSeries = {
     {"value size", {1000, 10000, 100000, 300000, 1000000, 3000000, 10000000}, one, oneValueOf},
 };
 
-/// Both ways to search the server.
+/// Both ways to search: the library and raw calls.
 class Searchers {
 public:
     explicit Searchers(ReplayServer const& server)
@@ -137,7 +137,7 @@ void measure(Series const& series, std::size_t sizes, Rounds const& rounds)
     }
 }
 
-/// Opens and binds so many, and lets them go at its end.
+/// Opens and binds connections; the destructor closes them.
 template <typename Session, typename Open> void openAll(unsigned long count, Open const& open)
 {
     std::vector<Session> sessions;
@@ -147,7 +147,7 @@ template <typename Session, typename Open> void openAll(unsigned long count, Ope
     }
 }
 
-/// The cost of opening and binding, by connections that are open at a time.
+/// The cost of opening and binding, by the number of open connections.
 void measureConnections(std::vector<unsigned long> const& sizes, Rounds const& rounds)
 {
     ReplayServer const server;

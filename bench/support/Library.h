@@ -1,4 +1,4 @@
-// The library's half of each comparison, as a program would write it.
+// The library's side of each comparison, written like a program.
 #ifndef SOLVANE_BENCH_LIBRARY_H
 #define SOLVANE_BENCH_LIBRARY_H
 
@@ -10,7 +10,7 @@
 
 namespace SolvaneBench {
 
-/// Whom a connection is bound as.
+/// The identity of a connection.
 struct Credentials {
     std::string dn;
     std::string password;
@@ -18,21 +18,21 @@ struct Credentials {
 
 Solvane::LDAPConnection::RefServer serverAt(std::string const& host, unsigned int port,
                                             bool secure = false);
-/// A connection that is bound and whose bind was answered.
+/// A connection with a confirmed bind.
 Solvane::LDAPConnection openBound(Solvane::LDAPConnection::RefServer const& server,
                                   Credentials const& credentials);
 
 /// Waits for a search to end.
 void await(Solvane::LDAPSearch& search);
-/// Reads the DN, every attribute and every value. Gives the number of their bytes.
+/// Reads the DN, every attribute and every value. Returns the number of their bytes.
 unsigned long readEntries(std::list<Solvane::LDAPSearchResultEntry> const& entries);
 
-/// Waits for a search, reads its result; ends the process unless it has `expected` entries.
+/// Waits for a search and reads its result; aborts the process unless it has `expected` entries.
 void awaitAndRead(Solvane::LDAPSearch& search, unsigned long expected);
-/// Ends the process with a message when a figure would be one of wrong answers.
+/// Aborts the process with a message if the answers are wrong.
 void require(bool isRight, char const* what);
 
-/// Attribute names as the raw calls take them.
+/// Attribute names for the raw calls.
 class NameList {
 public:
     explicit NameList(std::vector<std::string> names) : m_names(std::move(names))

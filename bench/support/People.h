@@ -1,4 +1,4 @@
-// Entries of a directory, made up, for servers that answer from memory.
+// Generated entries for servers that answer from memory.
 #ifndef SOLVANE_BENCH_PEOPLE_H
 #define SOLVANE_BENCH_PEOPLE_H
 
@@ -8,7 +8,7 @@
 
 namespace SolvaneBench {
 
-/// So many people with seven values each, some 315 bytes a message.
+/// Entries of people with seven values each, about 315 bytes per message.
 inline Answer peopleEntries(unsigned long count)
 {
     Answer answer;

@@ -1,4 +1,4 @@
-// A session of the raw calls that closes itself.
+// Owner of a session for raw calls.
 #ifndef SOLVANE_BENCH_RAW_SESSION_H
 #define SOLVANE_BENCH_RAW_SESSION_H
 
@@ -12,7 +12,7 @@ namespace SolvaneBench {
 
 class RawSession {
 public:
-    /// Neither connected nor bound yet.
+    /// Neither connected nor bound.
     explicit RawSession(std::string const& uri) : m_session(raw_open(uri.c_str(), nullptr, nullptr))
     {
     }

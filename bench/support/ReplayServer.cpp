@@ -18,7 +18,7 @@ using SolvaneTest::checked;
 
 namespace {
 
-/// The part of a message with id 1 that stands behind its id.
+/// The part of a message with id 1 after its id.
 std::string operationIn(std::string const& message)
 {
     constexpr std::size_t idBytes = 3;
@@ -153,7 +153,7 @@ void ReplayServer::receive(int socket)
     }
 }
 
-/// False when the connection is over.
+/// Returns false if the connection ended.
 bool ReplayServer::reply(int socket, std::string const& request)
 {
     int const id = SolvaneTest::messageIdOf(request);

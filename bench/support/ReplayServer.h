@@ -1,4 +1,4 @@
-// A directory that answers from memory: every bind is granted, every search gets the same answer.
+// A directory that answers from memory: accepts every bind, returns the same answer to every search.
 #ifndef SOLVANE_BENCH_REPLAY_SERVER_H
 #define SOLVANE_BENCH_REPLAY_SERVER_H
 
@@ -24,7 +24,7 @@ private:
     std::vector<std::string> m_operations;
 };
 
-/// Listens on a free port of 127.0.0.1; one thread serves all connections, however many.
+/// Listens on a free port of 127.0.0.1; one thread serves all connections.
 class ReplayServer {
 public:
     ReplayServer();
@@ -34,7 +34,7 @@ public:
 
     unsigned int port() const { return m_port; }
     std::string uri() const;
-    /// What searches get from now on. Not while one is under way.
+    /// Sets the answer to searches. Do not call it during a search.
     void answer(Answer answer);
 
 private:
@@ -44,7 +44,7 @@ private:
     bool reply(int socket, std::string const& request);
 
     SolvaneTest::Descriptor m_listener;
-    SolvaneTest::Descriptor m_stop; ///< an event; readable from the destructor's start
+    SolvaneTest::Descriptor m_stop; ///< an event; the destructor makes it readable
     SolvaneTest::Descriptor m_events;
     unsigned int m_port;
     std::mutex m_mutex;
@@ -52,9 +52,9 @@ private:
     struct Client {
         explicit Client(int number) : socket(number) {}
         SolvaneTest::Descriptor socket;
-        std::string pending; ///< received, but not yet a whole message
+        std::string pending; ///< received part of a message
     };
-    std::map<int, Client> m_clients; ///< the server thread's
+    std::map<int, Client> m_clients; ///< used only by the server thread
     std::thread m_thread;
 };
 

@@ -1,4 +1,4 @@
-// Turns, taken and recorded.
+// Running and recording turns.
 #include "Rounds.h"
 
 #include <algorithm>
@@ -59,7 +59,7 @@ void Rounds::compare(std::string const& row, std::vector<Contender> const& conte
     unsigned long const slices = std::min(mostSlices, wanted / least);
     unsigned long const operations = wanted / slices;
     for (Contender const& contender : contenders) {
-        contender.work(operations); // none meets cold caches in its first turn
+        contender.work(operations); // warms the caches before the first turn
     }
     for (unsigned int round = 0; round < m_rounds; ++round) {
         std::vector<Time> times(contenders.size());

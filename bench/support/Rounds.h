@@ -1,4 +1,4 @@
-// Work done in turn by several contenders, and how long each took: records for bench/figures.py.
+// Measures several contenders in turn; prints records for bench/figures.py.
 #ifndef SOLVANE_BENCH_ROUNDS_H
 #define SOLVANE_BENCH_ROUNDS_H
 
@@ -9,10 +9,10 @@
 
 namespace SolvaneBench {
 
-/// One way to do the work of a row.
+/// A contender: one way to do the work of a row.
 struct Contender {
     std::string name;
-    /// Does so many operations.
+    /// Does this number of operations.
     std::function<void(unsigned long operations)> work;
 };
 
@@ -21,26 +21,26 @@ enum class Cpu { process, thread };
 
 /// Seconds on a clock of `clock_gettime`.
 double secondsOn(clockid_t clock);
-/// Bytes that the program has allocated and not given back.
+/// Bytes that the program has allocated and not freed.
 unsigned long heapBytes();
 
-/// Runs rows and prints a line of JSON for every turn of every contender.
+/// Runs rows and prints a line of JSON for each turn of each contender.
 class Rounds {
 public:
     /// @param rounds        records of each contender
-    /// @param blockSeconds  how long a contender's part of a round should take; first turns, which
-    ///                      are not recorded, find out how many operations that is
+    /// @param blockSeconds  intended duration of a contender's part of a round; unrecorded first turns
+    ///                      find the number of operations for it
     Rounds(unsigned int rounds, double blockSeconds, Cpu cpu);
 
-    /// Lets each contender do the same number of operations in each round. A round goes in slices, a
-    /// slice of each contender in turn, so that other load on the machine meets all of them alike;
-    /// the order changes, so that none always comes first.
-    /// @param size   what the row grows with; 0: nothing
-    /// @param least  operations of a slice, where starting and ending one takes time
+    /// Lets each contender do the same number of operations in each round. A round consists of slices,
+    /// one of each contender in turn, so that other load on the machine affects all of them equally;
+    /// the order of contenders changes.
+    /// @param size   the size of the row; 0 for none
+    /// @param least  minimum operations of a slice, if starting and ending one takes time
     void compare(std::string const& row, std::vector<Contender> const& contenders,
                  unsigned long size = 0, unsigned long least = 1) const;
 
-    /// Prints a figure that needs no rounds.
+    /// Prints a figure that does not need rounds.
     static void note(std::string const& row, std::string const& contender, std::string const& what,
                      double value, unsigned long size = 0);
 

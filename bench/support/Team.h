@@ -1,4 +1,4 @@
-// Threads that stay, and do their share of the work together whenever they are asked.
+// A pool of threads that do jobs together.
 #ifndef SOLVANE_BENCH_TEAM_H
 #define SOLVANE_BENCH_TEAM_H
 
@@ -10,10 +10,10 @@
 
 namespace SolvaneBench {
 
-/// `size` threads. Between jobs they sleep.
+/// `size` threads, which sleep between jobs.
 class Team {
 public:
-    /// What the thread with this number does.
+    /// The work of the thread with this number.
     using Job = std::function<void(unsigned int member)>;
 
     explicit Team(unsigned int size)
@@ -32,7 +32,7 @@ public:
         }
     }
 
-    /// Has every member do its part; returns when all have.
+    /// Makes every thread do its part; returns when all are done.
     void run(Job const& job)
     {
         announce(&job);
@@ -68,9 +68,9 @@ private:
         }
     }
 
-    std::mutex m_mutex; // guards everything below but m_threads
+    std::mutex m_mutex; // guards everything below except m_threads
     std::condition_variable m_changed;
-    Job const* m_job = nullptr; ///< null: go home
+    Job const* m_job = nullptr; ///< null: end
     unsigned long m_number = 0; ///< of jobs announced
     std::size_t m_busy = 0;     ///< members that have not done the last job
     std::vector<std::thread> m_threads;

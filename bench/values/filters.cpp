@@ -12,7 +12,7 @@ using Solvane::EmailAddress;
 using Solvane::LDAPAttributeType;
 using Solvane::LDAPUtil;
 
-/// What a program does that knows no template and escapes nothing.
+/// The baseline: no template, no escaping.
 void printfOfAnAddress(benchmark::State& state)
 {
     std::string const user = "user0012345";
@@ -42,7 +42,7 @@ void expandForAnAddress(benchmark::State& state)
     }
 }
 
-/// A template of so many specifiers.
+/// A template with this number of specifiers.
 void expandLong(benchmark::State& state)
 {
     std::string text;
@@ -57,7 +57,7 @@ void expandLong(benchmark::State& state)
     }
 }
 
-/// A value of so many bytes.
+/// A value of this number of bytes.
 void escape(benchmark::State& state, char byte)
 {
     std::string const value(static_cast<std::size_t>(state.range(0)), byte);

@@ -1,4 +1,4 @@
-// Messages that were received before, read into a result: the library, and OpenLDAP's calls alone.
+// Decoding of received messages: the library, and OpenLDAP's calls only.
 #include "People.h"
 #include "RawSession.h"
 
@@ -14,7 +14,7 @@ namespace {
 using Solvane::LDAPMessageBuffer;
 using Solvane::LDAPResultImpl;
 
-/// Single messages, as a search receives them, with the session that read them.
+/// Messages of a search, with the session that received them.
 class Received {
 public:
     explicit Received(unsigned long entries) : m_session(m_server.uri())

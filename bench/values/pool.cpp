@@ -1,4 +1,4 @@
-// Checkout and return of pooled connections; the server is asked at the start alone.
+// Checkout and return of pooled connections, without network traffic.
 #include "Library.h"
 #include "ReplayServer.h"
 
@@ -14,7 +14,7 @@ namespace {
 using Solvane::LDAPConnection;
 using Solvane::LDAPConnectionCache;
 
-/// A pool with so many open connections to one server, of which some are in use.
+/// A pool with open connections to one server, of which some are in use.
 class OpenPool {
 public:
     OpenPool(unsigned long connections, unsigned long busy)
@@ -25,13 +25,13 @@ public:
             taken.push_back(take());
         }
         for (unsigned long i = busy; i < connections; ++i) {
-            taken[i].cacheMarkAsAvailable(); // those that a search meets last
+            taken[i].cacheMarkAsAvailable(); // the last ones in the list
         }
     }
 
     LDAPConnection take() { return m_pool.getConnection(m_target, m_dn, m_password); }
 
-    /// The same for all threads of a benchmark; made when it is first asked for.
+    /// Shared by all threads of a benchmark; created at the first call.
     static OpenPool& with(unsigned long connections, unsigned long busy)
     {
         static std::mutex mutex;

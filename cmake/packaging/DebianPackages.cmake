@@ -26,7 +26,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 
 # solvane_package(COMPONENT PACKAGE SECTION SUMMARY DESCRIPTION): the package that a component
-# becomes. Its copyright and changelogs are in nobody's way at an ordinary installation.
+# becomes. Its copyright and changelogs are excluded from an ordinary installation.
 macro(solvane_package component package section summary description)
     string(TOUPPER ${component} _upper)
     list(APPEND CPACK_COMPONENTS_ALL ${component})
@@ -46,25 +46,25 @@ endmacro()
 
 set(CPACK_COMPONENTS_ALL "")
 solvane_package(library libsolvane-ldap${PROJECT_VERSION_MAJOR} libs
-    "LDAP for mail servers: lookups of addresses, and their interface"
-"Answers for programs that ask LDAP directories \"who has this address?\",
-and tells \"nobody has it\" from \"nobody knows\".
+    "LDAP for mail servers: lookup engine and object interface"
+"Looks mail users up in LDAP directories, for mail servers. Distinguishes
+\"no such address\" (bounce) from \"lookup failed\" (defer).
 .
 This package has two shared libraries: the lookup engine, one call for an
-address over a list of servers, and below it an object interface to
-OpenLDAP's client library.")
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS ca-certificates) # trusted where no others are named
+address over a list of servers, and an object interface to OpenLDAP's
+client library.")
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS ca-certificates) # trusted by default
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
     "${_control}/shlibs;${_control}/symbols;${_control}/triggers")
 
 if(SOLVANE_RUNTIME STREQUAL "bundled")
-    # Apart, since the product's own runtime takes its place.
+    # A package of its own, because the product's runtime replaces it.
     solvane_package(runtime libsolvart${PROJECT_VERSION_MAJOR} libs
         "runtime of the Solvane LDAP libraries"
 "Exceptions, buffers, addresses, URIs, debug output and the operator's log
 as the Solvane LDAP libraries use them.
 .
-This package has the shared library that stands in where the product's
+This package has the shared library for systems on which the product's
 own runtime is not installed.")
     set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
         "${_control}/shlibs;${_control}/symbols;${_control}/triggers")
@@ -72,42 +72,42 @@ own runtime is not installed.")
 endif()
 
 solvane_package(development libsolvane-ldap-dev libdevel
-    "LDAP for mail servers: what programs are built with"
-"Answers for programs that ask LDAP directories \"who has this address?\",
-and tells \"nobody has it\" from \"nobody knows\".
+    "LDAP for mail servers: development files"
+"Looks mail users up in LDAP directories, for mail servers. Distinguishes
+\"no such address\" (bounce) from \"lookup failed\" (defer).
 .
 This package has the headers, the CMake package, the files for pkg-config
-and what gdb prints for the libraries' objects. The guide and example
-programs are in libsolvane-ldap-doc.")
+and gdb's pretty printers. The guide and example programs are in
+libsolvane-ldap-doc.")
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "libboost-dev (>= 1.74)") # in the public headers
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS "libldap-dev, libsolvane-ldap-doc")
 
 solvane_package(debugging libsolvane-ldap${PROJECT_VERSION_MAJOR}-dbg debug
     "LDAP for mail servers: the libraries' debug information"
-"Answers for programs that ask LDAP directories \"who has this address?\",
-and tells \"nobody has it\" from \"nobody knows\".
+"Looks mail users up in LDAP directories, for mail servers. Distinguishes
+\"no such address\" (bounce) from \"lookup failed\" (defer).
 .
-This package has what gdb reads of the shared libraries and of their
-runtime. What it prints for their objects is in libsolvane-ldap-dev.")
+This package has the debug information of the shared libraries and their
+runtime. The pretty printers for gdb are in libsolvane-ldap-dev.")
 set(CPACK_COMPONENT_DEBUGGING_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
 
 if(SOLVANE_BUILD_TOOL)
     solvane_package(tool solvane-ldap net
         "looks mail addresses up in LDAP directories and says what fails"
-"A command for administrators of mail servers that ask LDAP directories
-\"who has this address?\". It tries query templates, looks addresses up,
-one or a million, adds entries from LDIF, and checks servers step by
-step: name, TLS, certificate, bind, identity, base. Exit statuses tell
-\"nobody has this address\" from \"nobody knows\".")
+"A command for administrators of mail servers with users in LDAP
+directories. It tries query templates, looks addresses up, one or a
+million, adds entries from LDIF, and checks servers step by step: name,
+TLS, certificate, bind, identity, base. Exit statuses distinguish \"no
+such address\" (bounce) from \"lookup failed\" (defer).")
     set(CPACK_COMPONENT_TOOL_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
     set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "bash-completion, libsolvane-ldap-doc")
 endif()
 
 solvane_package(documentation libsolvane-ldap-doc doc
     "LDAP for mail servers: guide and examples"
-"Answers for programs that ask LDAP directories \"who has this address?\",
-and tells \"nobody has it\" from \"nobody knows\".
+"Looks mail users up in LDAP directories, for mail servers. Distinguishes
+\"no such address\" (bounce) from \"lookup failed\" (defer).
 .
 This package has the guide to the libraries and to the tool, in Markdown,
 and example programs.")

@@ -1,9 +1,8 @@
-# What a Debian package has besides installed files; cpack runs this between installing and packing:
-# compressed manuals and changelogs, stripped binaries and apart what gdb reads of the libraries, the
-# dependencies of programs and libraries, and for a library's package what others are told about it
-# (symbols, shlibs). A library with other symbols than were promised stops it.
+# Prepares the contents of Debian packages; cpack runs this between installing and packing: compresses
+# manuals and changelogs, strips binaries, separates debug information, and writes dependencies and, for
+# libraries, symbols and shlibs. Fails if a library's symbols differ from its symbols file.
 
-# run(OUTPUT COMMAND...): runs it and ends cpack where it fails.
+# run(OUTPUT COMMAND...): runs the command; if it fails, cpack fails.
 function(run output)
     execute_process(COMMAND ${CMAKE_COMMAND} -E env LC_ALL=C ${ARGN}
         WORKING_DIRECTORY "${work}" OUTPUT_VARIABLE text OUTPUT_STRIP_TRAILING_WHITESPACE
@@ -14,7 +13,7 @@ function(run output)
     set(${output} "${text}" PARENT_SCOPE)
 endfunction()
 
-# Of the libraries in a staged package, what dpkg and the linker of others must know.
+# Writes symbols and shlibs of the libraries in a staged package.
 function(describe_libraries component package)
     set(staged "${CPACK_TEMPORARY_DIRECTORY}/${component}")
     file(GLOB libraries "${staged}/usr/${CPACK_SOLVANE_LIBDIR}/*.so.*.*")
@@ -31,8 +30,7 @@ function(describe_libraries component package)
     file(WRITE "${control}/shlibs" "${shlibs}")
     file(WRITE "${control}/triggers" "activate-noawait ldconfig\n")
 
-    # -c2: a symbol that went is an error, and one that came is until scripts/package --update takes
-    # it.
+    # -c2: removed symbols are errors, and so are new ones until scripts/package --update accepts them.
     list(TRANSFORM libraries PREPEND "-e")
     run(ignored dpkg-gensymbols -c2 "-P${staged}" "-p${package}" "-v${version}"
         "-I${CPACK_SOLVANE_PACKAGING_DIR}/${package}.symbols" ${libraries} "-O${control}/symbols")
@@ -40,8 +38,8 @@ function(describe_libraries component package)
         PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
 endfunction()
 
-# Copies the debug information of libraries to where gdb looks for it, in a package of its own. What
-# cpack has for that brings scripts that call ldconfig, and the trigger does so already.
+# Copies the debug information of libraries to the folder that gdb searches, for a separate package.
+# cpack's own support would add scripts that call ldconfig, which the trigger does already.
 function(keep_debug_information)
     foreach(library IN LISTS ARGN)
         run(notes readelf --notes --wide "${library}")
@@ -56,8 +54,8 @@ function(keep_debug_information)
     endforeach()
 endfunction()
 
-# Strips programs and libraries, and notes what they depend on. Libraries of these packages are left
-# to the exact dependencies that cpack writes.
+# Strips programs and libraries, and records their dependencies. cpack itself writes exact dependencies on
+# libraries of these packages.
 function(finish_binaries component)
     file(GLOB binaries "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/bin/*"
         "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/${CPACK_SOLVANE_LIBDIR}/*.so.*.*")
@@ -85,7 +83,7 @@ if(NOT newest MATCHES "^${CPACK_DEBIAN_PACKAGE_SOURCE} \\(${version}\\) ")
     message(FATAL_ERROR "cmake/packaging/changelog does not begin with version ${version}: ${newest}")
 endif()
 
-# dpkg's programs want a source package around them.
+# dpkg's programs require a source package.
 set(work "${CPACK_SOLVANE_CONTROL_DIR}/work")
 file(WRITE "${work}/debian/control" "Source: ${CPACK_DEBIAN_PACKAGE_SOURCE}\n")
 

@@ -1,4 +1,4 @@
-// Tokens taken and given back, also by several threads.
+// Taking and returning tokens, also by several threads.
 #include <solvart/Semaphore.h>
 
 #include "Threads.h"

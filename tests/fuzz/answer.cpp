@@ -128,7 +128,7 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
     std::vector<std::string> contents;
     timeval atOnce = {0, 0};
     for (std::size_t messages = 0;; ++messages) {
-        require(messages <= longest, "an answer comes to its end");
+        require(messages <= longest, "an answer ends");
         LDAPMessageBuffer message;
         if (ldap_result(session.get(), LDAP_RES_ANY, LDAP_MSG_ONE, &atOnce, message.address()) <=
             0) {

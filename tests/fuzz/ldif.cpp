@@ -12,7 +12,7 @@ void readThrough(std::string const& path, std::size_t size)
 {
     Tool::LdifReader reader(path);
     for (std::size_t records = 0;; ++records) {
-        require(records <= size, "the reader comes to its end");
+        require(records <= size, "the reader ends");
         Tool::LdifEntry entry;
         try {
             if (!reader.next(entry)) {

@@ -29,7 +29,7 @@ std::string userName(unsigned int number)
     return text;
 }
 
-/// Somebody to ask for, and what the directory knows of them.
+/// A user to look up, and the expected entry.
 struct Question {
     std::string address;
     std::string dn; ///< empty: there is no such user

@@ -90,11 +90,11 @@ std::vector<std::string> optionsOf(Setting const& setting)
     return options;
 }
 
-/// A default as it stands at the end of a sentence, or where the value is explained.
+/// A default at the end of a sentence, or in the explanation of the value.
 std::string statementOf(std::string const& value)
 {
     std::string const text = std::regex_replace(value, std::regex("[+.]"), "\\$&");
-    return "; (Sq )?" + text + "\\.|" + text + ", the default";
+    return "default (Sq )?" + text + "\\.|" + text + ", the default";
 }
 
 TEST(SettingsTable, NamesWhatTheManualNames)
