@@ -63,7 +63,7 @@ def index_places(app, doctree):
         if len(cells) == 2 and re.fullmatch(r"[A-Z]\w+", cells[0]) and cells[1].isdigit():
             place = f"{cells[0]}.cpp:{cells[1]}"
             anchor = f"{cells[0]}-{cells[1]}".lower()
-            entry = addnodes.index(entries=[("single", place, anchor, "", None)])
+            entry = addnodes.index(entries=[("single", place, anchor, "main", None)])
             row.children[0].insert(0, [entry, nodes.target("", "", ids=[anchor])])
 
 
