@@ -25,7 +25,7 @@ packages_bench=(libbenchmark-dev postfix postfix-ldap python3-ldap libnet-ldap-p
 packages_389=(389-ds-base libnss3-tools)
 packages_samba=(samba-ad-dc samba-ad-provision)
 packages_cluster=(haproxy)
-packages_site=(doxygen graphviz mandoc fonts-liberation python3)
+packages_site=(doxygen graphviz mandoc fonts-liberation python3 python3-sphinx python3-myst-parser python3-breathe furo)
 
 die() {
     printf '%s: %s\n' "${0##*/}" "$*" >&2

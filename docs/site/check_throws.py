@@ -6,10 +6,11 @@ docs/guide/errors.md and stands in a public header, as "code 4, type 1, Connecti
 of one that does not exist. docs/diagrams/exceptions.dot has them by code and type, null handles apart.
 """
 
+import pathlib
 import re
 import sys
 
-from pages import ROOT
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 HEADERS = ("include/solvane/ldap",)
 

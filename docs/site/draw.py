@@ -6,11 +6,12 @@ was drawn from, so that --check finds one that is behind without drawing it agai
 """
 
 import hashlib
+import pathlib
 import re
 import subprocess
 import sys
 
-from pages import ROOT
+ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 FOLDER = ROOT / "docs/diagrams"
 DEFAULTS = ["-Gbgcolor=transparent", "-Gfontname=Helvetica", "-Gfontsize=11", "-Gnodesep=0.35", "-Granksep=0.45",
