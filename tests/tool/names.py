@@ -60,19 +60,27 @@ class NameServer:
         name, kind = self._question(query[12:end])
         found = self._records.get((name, kind), [])
         exists = any(known == name for known, _ in self._records)
-        header = struct.pack(">HHHHHH", int.from_bytes(query[:2], "big"),
-                             0x8580 | (NO_ERROR if exists else NAME_ERROR), 1, len(found), 0, 0)
-        answers = b"".join(b"\xc0\x0c" + struct.pack(">HHIH", kind, 1, 60, len(data)) + data
-                           for data in found)
+        header = struct.pack(
+            ">HHHHHH",
+            int.from_bytes(query[:2], "big"),
+            0x8580 | (NO_ERROR if exists else NAME_ERROR),
+            1,
+            len(found),
+            0,
+            0,
+        )
+        answers = b"".join(
+            b"\xc0\x0c" + struct.pack(">HHIH", kind, 1, 60, len(data)) + data for data in found
+        )
         return header + query[12:end] + answers
 
     @staticmethod
     def _question(question):
         parts, at = [], 0
         while question[at]:
-            parts.append(question[at + 1:at + 1 + question[at]].decode())
+            parts.append(question[at + 1 : at + 1 + question[at]].decode())
             at += 1 + question[at]
-        return ".".join(parts).lower(), int.from_bytes(question[at + 1:at + 3], "big")
+        return ".".join(parts).lower(), int.from_bytes(question[at + 1 : at + 3], "big")
 
     def _stop(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as waking:

@@ -33,27 +33,27 @@ def eventually(condition):
 class Slapd:
     """A directory of its own for one test, or for a class of them."""
 
-    def __init__(self, addCleanup, *options):
+    def __init__(self, add_cleanup, *options):
         search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/sbin", "/usr/sbin"])
         if shutil.which("slapd", path=search) is None and not os.environ.get("CI"):
             raise unittest.SkipTest("slapd is not installed")
         parent = tempfile.mkdtemp(prefix="solvane-tool-")
-        addCleanup(shutil.rmtree, parent)
+        add_cleanup(shutil.rmtree, parent)
         self.folder = os.path.join(parent, "slapd")
-        addCleanup(self._run, "slapd-stop", self.folder)
+        add_cleanup(self._run, "slapd-stop", self.folder)
         self._run("slapd-start", self.folder, *options)
-        self._readEnvironment()
+        self._read_environment()
 
     @property
     def uri(self):
         return self._environment["LDAP_URI"]
 
     @property
-    def secureUri(self):
+    def secure_uri(self):
         return self._environment["LDAPS_URI"]
 
     @property
-    def caFile(self):
+    def ca_file(self):
         return os.path.join(self.folder, "tls", "ca.pem")
 
     def stop(self):
@@ -61,7 +61,7 @@ class Slapd:
 
     def start(self):
         self._run("slapd-run", self.folder)
-        self._readEnvironment()
+        self._read_environment()
 
     def kill(self):
         """As a crash would."""
@@ -76,7 +76,7 @@ class Slapd:
     def resume(self):
         os.kill(self._pid, signal.SIGCONT)
 
-    def hasHungUpOnSomebody(self):
+    def has_hung_up_on_somebody(self):
         """A client still holds its end of a connection that this server has closed."""
         port = f":{int(self._environment['LDAP_PORT']):04X}"
         with open("/proc/net/tcp", encoding="ascii") as table:
@@ -87,14 +87,18 @@ class Slapd:
     def _pid(self):
         return int(self._environment["SERVER_PID"])
 
-    def _readEnvironment(self):
+    def _read_environment(self):
         with open(os.path.join(self.folder, "server.env"), encoding="utf-8") as settings:
             self._environment = dict(line.rstrip("\n").split("=", 1) for line in settings)
 
     @staticmethod
     def _run(script, *arguments):
-        subprocess.run([os.path.join(TESTBED, script), *arguments], check=True, timeout=DEADLINE,
-                       stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [os.path.join(TESTBED, script), *arguments],
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
 
 
 class Request:
@@ -115,8 +119,10 @@ class Request:
         return self.answer(outcome(tag, code, **more))
 
     def entry(self, dn=b"cn=somebody", **attributes):
-        listed = [tlv(0x30, tlv(0x04, name.encode()), tlv(0x31, *[tlv(0x04, v) for v in values]))
-                  for name, values in attributes.items()]
+        listed = [
+            tlv(0x30, tlv(0x04, name.encode()), tlv(0x31, *[tlv(0x04, v) for v in values]))
+            for name, values in attributes.items()
+        ]
         return self.answer(tlv(SEARCH_ENTRY, tlv(0x04, dn), tlv(0x30, *listed)))
 
     def found(self):
@@ -140,7 +146,7 @@ class Connection:
 
     def receive(self):
         """The next request; None when the client is gone."""
-        while not self._isWhole():
+        while not self._is_whole():
             try:
                 part = self._peer.recv(65536)
             except OSError:
@@ -164,12 +170,12 @@ class Connection:
         self._peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self._peer.close()
 
-    def hasMore(self):
+    def has_more(self):
         """Another request is there already, or comes within a moment."""
         readable, _, _ = select.select([self._peer], [], [], 0.2)
         return bool(self._pending or readable)
 
-    def waitUntilClosed(self):
+    def wait_until_closed(self):
         """Takes whatever comes, be it LDAP or not."""
         try:
             while self._peer.recv(65536):
@@ -177,7 +183,7 @@ class Connection:
         except OSError:
             pass
 
-    def _isWhole(self):
+    def _is_whole(self):
         return len(self._pending) >= 2 and len(self._pending) >= self._size()
 
     def _size(self):
@@ -217,8 +223,9 @@ class ScriptedDirectory:
             peer.settimeout(DEADLINE)
             self._sockets.append(peer)
             self.connections.append(Connection(peer))
-            self._threads.append(threading.Thread(target=self._play,
-                                                  args=(peer, self.connections[-1])))
+            self._threads.append(
+                threading.Thread(target=self._play, args=(peer, self.connections[-1]))
+            )
             self._threads[-1].start()
 
     def _play(self, peer, connection):
@@ -241,39 +248,52 @@ def granted(request):
     return request.result(BIND_RESPONSE)
 
 
-def serving(onSearch, identity=b"dn:cn=reader", onBind=granted):
+def serving(on_search, identity=b"dn:cn=reader", on_bind=granted):
     """A script: answers each bind and search with the bytes that the two functions make of it, or
     hangs up where that is None; and says that the client is `identity`."""
+
     def script(connection):
         while (request := connection.receive()) is not None:
             if request.operation == BIND:
-                answer = onBind(request)
+                answer = on_bind(request)
             elif request.operation == EXTENDED:
-                answer = request.answer(tlv(EXTENDED_RESPONSE, tlv(0x0A, b"\0"), tlv(0x04, b""),
-                                            tlv(0x04, b""), tlv(0x8B, identity)))
+                answer = request.answer(
+                    tlv(
+                        EXTENDED_RESPONSE,
+                        tlv(0x0A, b"\0"),
+                        tlv(0x04, b""),
+                        tlv(0x04, b""),
+                        tlv(0x8B, identity),
+                    )
+                )
             elif request.operation == SEARCH:
-                answer = onSearch(request)
+                answer = on_search(request)
             else:
                 continue  # an unbind, or an abandon
             if answer is None:
                 return
             connection.send(answer)
+
     return script
 
 
 def giving(*answers):
     """A script: gives the requests these answers, in their order, and then none."""
+
     def script(connection):
         if give(connection, answers):
             silent(connection)
+
     return script
 
 
-def hangingUpAfter(*answers):
+def hanging_up_after(*answers):
     """A script: gives the requests these answers, in their order, and hangs up at the next one."""
+
     def script(connection):
         if give(connection, answers):
             connection.receive()
+
     return script
 
 
