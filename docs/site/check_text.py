@@ -28,18 +28,24 @@ def one_line(text):
 def missing(document, page):
     """What of a document is not on its page, in its own words."""
     lines = list(pages.lines(document))
-    shown = page[page.index("<main"):page.index("</main>")]
+    shown = page[page.index("<main") : page.index("</main>")]
     # Cells and items end a word; tags within one do not.
     said = words(plain(re.sub(r"</(td|th|p|li|h\d|div)>", " ", shown)))
     codes = {one_line(plain(code)) for code in re.findall(r"<code>(.*?)</code>", shown, re.S)}
-    code_lines = {one_line(plain(line)) for line in re.findall(r'<div class="line">(.*?)</div>', shown, re.S)}
+    code_lines = {
+        one_line(plain(line)) for line in re.findall(r'<div class="line">(.*?)</div>', shown, re.S)
+    }
 
     text = [line for line, is_code in lines if not is_code and not line.startswith("#")]
     for code in re.findall(r"(?<!`)`([^`]+)`(?!`)", "\n".join(text)):
         if one_line(code.replace(r"\|", "|")) not in codes:
             yield f"`{code}`"
     for line, is_code in lines:
-        if is_code and not pages.FENCE.match(line.lstrip()) and one_line(line) not in code_lines | {""}:
+        if (
+            is_code
+            and not pages.FENCE.match(line.lstrip())
+            and one_line(line) not in code_lines | {""}
+        ):
             yield line
     for line in text:
         line = re.sub(r"^ *(1|[2-9]|[1-9]\d)\. |!\[.*?\]\(.*?\)|<!--.*?-->", "", line)
@@ -52,7 +58,10 @@ def main(site):
     faults = []
     for path in [pages.INDEX, *pages.guide(), *pages.about()]:
         page = (site / f"{pages.name(path)}.html").read_text()
-        faults += [f"{path}: not on its page: {each.strip()}" for each in missing((pages.ROOT / path).read_text(), page)]
+        faults += [
+            f"{path}: not on its page: {each.strip()}"
+            for each in missing((pages.ROOT / path).read_text(), page)
+        ]
     for fault in faults:
         print(fault, file=sys.stderr)
     return 1 if faults else 0

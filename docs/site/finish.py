@@ -30,7 +30,9 @@ class Reference:
         headers = {}
         root = ElementTree.parse(work / "reference.tag").getroot()
         for compound in root.findall("compound[@kind='file']"):
-            path = (compound.findtext("path") or "").rpartition("/include/")[2] + compound.findtext("name")
+            path = (compound.findtext("path") or "").rpartition("/include/")[2] + compound.findtext(
+                "name"
+            )
             for name in compound.findall("class"):
                 headers.setdefault(name.text, path)
         for compound in root.findall("compound"):
@@ -45,7 +47,11 @@ class Reference:
         if name not in headers:
             return
         page = (work / "html" / file).read_text()
-        found = re.search(r'<div class="contents">\s*(?:<!--.*?-->)?\s*<p>(.*?)\s*<a href="[^"]*#details">', page, re.S)
+        found = re.search(
+            r'<div class="contents">\s*(?:<!--.*?-->)?\s*<p>(.*?)\s*<a href="[^"]*#details">',
+            page,
+            re.S,
+        )
         brief = re.sub(r"<a [^>]*>|</a>", "", found.group(1)).strip() if found else ""
         self.classes.append(Class(name, file, headers[name], brief))
         for short in shortened(name):
@@ -63,7 +69,9 @@ class Reference:
             for value in member.findall("enumvalue"):
                 for short in shortened(f"{scope}::{value.text}"):
                     if "::" in short:
-                        self.addresses.setdefault(short, f"{value.get('anchorfile')}#{value.get('anchor')}")
+                        self.addresses.setdefault(
+                            short, f"{value.get('anchorfile')}#{value.get('anchor')}"
+                        )
 
     def address(self, code):
         """Where the name in a piece of code is described; None where it is no name, or not ours."""
@@ -76,9 +84,9 @@ def shortened(name):
     yield name
     for prefix in ("Solvane::Lookup::", "Solvane::"):
         if name.startswith(prefix):
-            yield name[len(prefix):]
+            yield name[len(prefix) :]
     if name.startswith("Solvane::Lookup::"):
-        yield name[len("Solvane::"):]
+        yield name[len("Solvane::") :]
 
 
 def outside_links(text, change):
@@ -90,7 +98,9 @@ def outside_links(text, change):
 
 def link_names(text, reference):
     """Names in code lead to the reference, and those of examples to the program."""
-    programs = {pathlib.PurePosixPath(path).name: f"{pages.name(path)}.html" for path in pages.examples()}
+    programs = {
+        pathlib.PurePosixPath(path).name: f"{pages.name(path)}.html" for path in pages.examples()
+    }
 
     def code(match):
         address = reference.address(match.group(1)) or programs.get(match.group(1))
@@ -102,28 +112,47 @@ def link_names(text, reference):
 
     def words(fragment):
         # Not in comments, texts and tags.
-        parts = re.split(r"(<span class=\"(?:comment|stringliteral|preprocessor)\">.*?</span>|<[^>]*>)", fragment)
-        parts[::2] = [re.sub(r"\b(?:_|Ref)?LDAP[A-Z]\w+(?:::\w+)?", word, part) for part in parts[::2]]
+        parts = re.split(
+            r"(<span class=\"(?:comment|stringliteral|preprocessor)\">.*?</span>|<[^>]*>)", fragment
+        )
+        parts[::2] = [
+            re.sub(r"\b(?:_|Ref)?LDAP[A-Z]\w+(?:::\w+)?", word, part) for part in parts[::2]
+        ]
         return "".join(parts)
 
     def linked(part):
-        if part.startswith('<div class="fragment">'): # of C++, there are hardly any without a keyword
+        if part.startswith(
+            '<div class="fragment">'
+        ):  # of C++, there are hardly any without a keyword
             return outside_links(part, words) if '<span class="keyword' in part else part
         return outside_links(part, lambda text: re.sub(r"<code>([^<]*)</code>", code, text))
 
-    return "".join(linked(part) for part in re.split(r'(<div class="fragment">.*?<!-- fragment -->)', text, flags=re.S))
+    return "".join(
+        linked(part)
+        for part in re.split(r'(<div class="fragment">.*?<!-- fragment -->)', text, flags=re.S)
+    )
 
 
 def order_headings(text, is_page):
     """The title is the first heading; the others count on from it."""
     for hidden, shown in pages.SHOWN.items():
         text = text.replace(hidden, shown)
-    text = re.sub(r" (Class|Struct|File|Namespace)( Template)? Reference(?=\s*</div>| - )", "", text)
-    text = re.sub(r'<div class="title">(.*?)\s*</div>', r'<h1 class="title">\1</h1>', text, count=1, flags=re.S)
+    text = re.sub(
+        r" (Class|Struct|File|Namespace)( Template)? Reference(?=\s*</div>| - )", "", text
+    )
+    text = re.sub(
+        r'<div class="title">(.*?)\s*</div>',
+        r'<h1 class="title">\1</h1>',
+        text,
+        count=1,
+        flags=re.S,
+    )
     if not is_page:
         return text
     head, rest = text.split("<!--header-->", 1)
-    rest = re.sub(r"<(/?)h([1-5])>", lambda match: f"<{match.group(1)}h{int(match.group(2)) + 1}>", rest)
+    rest = re.sub(
+        r"<(/?)h([1-5])>", lambda match: f"<{match.group(1)}h{int(match.group(2)) + 1}>", rest
+    )
     return head + "<!--header-->" + rest
 
 
@@ -131,39 +160,68 @@ def tidy(text):
     """Without what only Doxygen's own frame needs."""
     text = text.replace("<title>Solvane LDAP library - ", "<title>", 1)
     text = re.sub(r"<!-- (Generated by|HTML \w+ for).*?-->\n?", "", text)
-    text = re.sub(r' (onclick|onmouseover)="[^"]*"| (align|valign|cellspacing|cellpadding|border)="[^"]*"', "", text)
+    text = re.sub(
+        r' (onclick|onmouseover)="[^"]*"| (align|valign|cellspacing|cellpadding|border)="[^"]*"',
+        "",
+        text,
+    )
     text = re.sub(r'<img src="closed\.png"[^>]*/?>(&#160;)?', "", text)
     text = re.sub(r'<a((?: [^>]*?)?) name="[^"]*"', r"<a\1", text)
     text = re.sub(r"<a [^>]*href=\"[^\"]*-members\.html\"[^>]*>List of all members</a>", "", text)
-    text = re.sub(r'<a href="#([^"]+)">[^<]*</a> &#124;', lambda match: match.group(0) if f'id="{match.group(1)}"' in text else "", text)
+    text = re.sub(
+        r'<a href="#([^"]+)">[^<]*</a> &#124;',
+        lambda match: match.group(0) if f'id="{match.group(1)}"' in text else "",
+        text,
+    )
     text = re.sub(r"(&#124;\s*)(</div>)", r"\2", text)
     text = re.sub(r'<li class="navelem"><a class="el" href="dir_[^"]*">[^<]*</a></li>', "", text)
     text = re.sub(r'<div class="ttc".*?</div></div>\n?', "", text, flags=re.S)
     text = re.sub(r"<p >", "<p>", text)
     # What a class is comes before the list of what it has.
-    details = re.search(r'<a id="details"></a><h2 class="groupheader">Detailed Description</h2>\s*'
-                        r'(<div class="textblock">.*?</div>)(?=\s*(?:<h2|<hr|<!-- contents))', text, re.S)
+    details = re.search(
+        r'<a id="details"></a><h2 class="groupheader">Detailed Description</h2>\s*'
+        r'(<div class="textblock">.*?</div>)(?=\s*(?:<h2|<hr|<!-- contents))',
+        text,
+        re.S,
+    )
     brief = re.search(r'<p>[^\n]*\s*<a href="[^"]*#details">More\.\.\.</a></p>', text)
     if details and brief:
         text = text.replace(details.group(0), "", 1)
         text = text.replace(brief.group(0), f'<a id="details"></a>{details.group(1)}', 1)
     # A figure is a link to itself, and moves sideways where there is little room.
-    text = re.sub(r'<img src="([^"]*)" alt="([^"]*)"[^>]* class="figure"[^>]*>',
-                  r'<a class="wide" href="\1"><img class="figure" src="\1" alt="\2"></a>', text)
+    text = re.sub(
+        r'<img src="([^"]*)" alt="([^"]*)"[^>]* class="figure"[^>]*>',
+        r'<a class="wide" href="\1"><img class="figure" src="\1" alt="\2"></a>',
+        text,
+    )
     # No line ends within an option.
-    text = re.sub(r"(?<=<code>)[^<]* --?\w[^<]*(?=</code>)", lambda code: re.sub(
-        r"(?<= )--?\w[\w-]*", r'<span class="option">\g<0></span>', code.group(0)), text)
+    text = re.sub(
+        r"(?<=<code>)[^<]* --?\w[^<]*(?=</code>)",
+        lambda code: re.sub(
+            r"(?<= )--?\w[\w-]*", r'<span class="option">\g<0></span>', code.group(0)
+        ),
+        text,
+    )
     text = re.sub(r"(?<=\d) ± (?=\d)", "\u00a0±\u00a0", text)  # one number with what it may be off
-    return re.sub(r'(<table class="(?:markdownTable|doxtable)">.*?</table>)', r'<div class="wide">\1</div>', text,
-                  flags=re.S)
+    return re.sub(
+        r'(<table class="(?:markdownTable|doxtable)">.*?</table>)',
+        r'<div class="wide">\1</div>',
+        text,
+        flags=re.S,
+    )
 
 
 def link_places(text):
     """Places that throw, each on a line, lead to the guide's table of their unit."""
     text = re.sub(r"; (?=code \d, type \d)", ";<br>", text)
-    return outside_links(text, lambda part: re.sub(
-        r"\b([A-Z][a-z]+)\.cpp:\d+",
-        lambda place: f'<a href="errors.html#errors-unit-{place.group(1).lower()}">{place.group(0)}</a>', part))
+    return outside_links(
+        text,
+        lambda part: re.sub(
+            r"\b([A-Z][a-z]+)\.cpp:\d+",
+            lambda place: f'<a href="errors.html#errors-unit-{place.group(1).lower()}">{place.group(0)}</a>',
+            part,
+        ),
+    )
 
 
 def contents_list(text):
@@ -174,8 +232,10 @@ def contents_list(text):
     items = "\n".join(f'<li><a href="#{anchor}">{name}</a></li>' for anchor, name in parts)
     if len(parts) < 3:
         return text.replace('<div class="contents-list"></div>', "")
-    return text.replace('<div class="contents-list"></div>',
-                        f'<nav class="contents-list" aria-label="On this page">\n<ul>\n{items}\n</ul>\n</nav>')
+    return text.replace(
+        '<div class="contents-list"></div>',
+        f'<nav class="contents-list" aria-label="On this page">\n<ul>\n{items}\n</ul>\n</nav>',
+    )
 
 
 def class_lists(text, reference):
@@ -195,8 +255,10 @@ def class_lists(text, reference):
         cells = []
         for each in own:
             name = each.name.replace("Solvane::", "", 1)
-            cells.append(f'<tr><td><a href="{each.file}"><code>{html.escape(name)}</code></a></td>'
-                         f"<td>{each.brief}</td></tr>")
+            cells.append(
+                f'<tr><td><a href="{each.file}"><code>{html.escape(name)}</code></a></td>'
+                f"<td>{each.brief}</td></tr>"
+            )
         return '<table class="markdownTable stacked">\n' + "\n".join(cells) + "\n</table>"
 
     return re.sub(r'<div class="classes" data-header="([^"]+)"></div>', rows, text)
@@ -212,12 +274,26 @@ def manual(text):
 
     def shown(match):
         drawn = subprocess.run(
-            ["mandoc", "-Wwarning,stop", "-T", "html", "-O", "fragment", pages.ROOT / match.group(1)],
-            capture_output=True, text=True, timeout=60, check=False)
+            [
+                "mandoc",
+                "-Wwarning,stop",
+                "-T",
+                "html",
+                "-O",
+                "fragment",
+                pages.ROOT / match.group(1),
+            ],
+            capture_output=True,
+            text=True,
+            timeout=60,
+            check=False,
+        )
         if drawn.returncode:
             raise pages.Complaint(drawn.stderr.strip())
         body = re.sub(r'<table class="(?:head|foot)">.*?</table>', "", drawn.stdout, flags=re.S)
-        body = re.sub(r"<(/?)h([12])\b", lambda tag: f"<{tag.group(1)}h{int(tag.group(2)) + 1}", body)
+        body = re.sub(
+            r"<(/?)h([12])\b", lambda tag: f"<{tag.group(1)}h{int(tag.group(2)) + 1}", body
+        )
         body = re.sub(r'<a class="Xr">(.*?)</a>', other, body)
         return f'<div class="manual">{body}</div>'
 
@@ -274,8 +350,11 @@ class Sections(html.parser.HTMLParser):
 
 def is_own(heading):
     """Whether a heading is a part's own, and not one of those that every class has."""
-    return not re.fullmatch(r"Detailed Description|.* Documentation|Classes|Functions|Enumerations|Typedefs|"
-                            r"Additional Inherited Members|(Static )?(Public|Protected) .*", heading)
+    return not re.fullmatch(
+        r"Detailed Description|.* Documentation|Classes|Functions|Enumerations|Typedefs|"
+        r"Additional Inherited Members|(Static )?(Public|Protected) .*",
+        heading,
+    )
 
 
 def index_of(out):
@@ -289,18 +368,30 @@ def index_of(out):
         for anchor, heading, text in parser.sections:
             words = " ".join("".join(text).split())
             if words or heading:
-                entries.append([parser.page, heading, path.name + (f"#{anchor}" if anchor else ""), words])
+                entries.append(
+                    [parser.page, heading, path.name + (f"#{anchor}" if anchor else ""), words]
+                )
     return entries
 
 
 # Doxygen's own lists: the menu and the reference take their place.
-UNLISTED = ("annotated.html", "classes.html", "files.html", "hierarchy.html", "pages.html", "namespaces.html",
-            "doxygen.html")
+UNLISTED = (
+    "annotated.html",
+    "classes.html",
+    "files.html",
+    "hierarchy.html",
+    "pages.html",
+    "namespaces.html",
+    "doxygen.html",
+)
 
 
 def unused(name):
-    return (name in UNLISTED or name.endswith("-members.html")
-            or re.match(r"(functions|namespacemembers|globals|dir_)", name))
+    return (
+        name in UNLISTED
+        or name.endswith("-members.html")
+        or re.match(r"(functions|namespacemembers|globals|dir_)", name)
+    )
 
 
 def main(work, out):

@@ -7,13 +7,26 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 INDEX = "docs/guide/index.md"
 # What stands beside the guide, in the order of the menu.
-ABOUT = ["README.md", "docs/performance.md", "docs/reliability.md", "docs/abi.md", "examples/README.md",
-         "runtime/README.md", "CONTRIBUTING.md", "CHANGELOG.md"]
+ABOUT = [
+    "README.md",
+    "docs/performance.md",
+    "docs/reliability.md",
+    "docs/abi.md",
+    "examples/README.md",
+    "runtime/README.md",
+    "CONTRIBUTING.md",
+    "CHANGELOG.md",
+]
 # The site's own: the list of classes.
 REFERENCE = "docs/site/reference.md"
-NAMES = {"README.md": "index", INDEX: "guide", "examples/README.md": "programs",
-         "runtime/README.md": "runtime", "CONTRIBUTING.md": "contributing",
-         "CHANGELOG.md": "changelog"}
+NAMES = {
+    "README.md": "index",
+    INDEX: "guide",
+    "examples/README.md": "programs",
+    "runtime/README.md": "runtime",
+    "CONTRIBUTING.md": "contributing",
+    "CHANGELOG.md": "changelog",
+}
 
 # In code, Doxygen takes a percent sign before a word away, an apostrophe for the end, and a bar with its
 # backslash, as tables need it, for two characters: these go through it as what no text has.
@@ -31,11 +44,18 @@ class Complaint(Exception):
 
 def guide():
     """The guide's pages but its index, in the order of the index's table."""
-    named = [f"docs/guide/{target}" for target in
-             re.findall(r"^\| \[[^\]]*\]\(([a-z-]+\.md)\)", (ROOT / INDEX).read_text(), re.M)]
+    named = [
+        f"docs/guide/{target}"
+        for target in re.findall(
+            r"^\| \[[^\]]*\]\(([a-z-]+\.md)\)", (ROOT / INDEX).read_text(), re.M
+        )
+    ]
     named = list(dict.fromkeys(named))
-    missing = sorted({str(path.relative_to(ROOT)) for path in (ROOT / "docs/guide").glob("*.md")}
-                     - {INDEX} - set(named))
+    missing = sorted(
+        {str(path.relative_to(ROOT)) for path in (ROOT / "docs/guide").glob("*.md")}
+        - {INDEX}
+        - set(named)
+    )
     if missing:
         raise Complaint(f"{INDEX}: does not name {', '.join(missing)}")
     return named
@@ -43,7 +63,9 @@ def guide():
 
 def about():
     """The pages beside the guide. Of those under docs/, none may be forgotten."""
-    missing = sorted({str(path.relative_to(ROOT)) for path in (ROOT / "docs").glob("*.md")} - set(ABOUT))
+    missing = sorted(
+        {str(path.relative_to(ROOT)) for path in (ROOT / "docs").glob("*.md")} - set(ABOUT)
+    )
     if missing:
         raise Complaint(f"docs/site/pages.py: ABOUT lacks {', '.join(missing)}")
     return [page for page in ABOUT if (ROOT / page).exists()]

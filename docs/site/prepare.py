@@ -40,7 +40,11 @@ class Page:
         if re.match(r"[a-z]+:", target):
             return target
         file, _, anchor = target.partition("#")
-        path = posixpath.normpath(posixpath.join(posixpath.dirname(self.path), file)) if file else self.path
+        path = (
+            posixpath.normpath(posixpath.join(posixpath.dirname(self.path), file))
+            if file
+            else self.path
+        )
         if path in self.site:
             other = self.site[path]
             if not anchor:
@@ -67,7 +71,9 @@ class Page:
         parts = re.split(r"(`+[^`]*`+)", line)
         # A link's text may be code, so links are looked for in the whole line, by placeholder.
         codes = [replaced(code, pages.HIDDEN) for code in parts[1::2]]
-        masked = "".join(part if index % 2 == 0 else f"\0{index // 2}\0" for index, part in enumerate(parts))
+        masked = "".join(
+            part if index % 2 == 0 else f"\0{index // 2}\0" for index, part in enumerate(parts)
+        )
         masked = pages.LINK.sub(self.link, masked)
         # Doxygen does not see the stars beside code, and sees commands and a namespace where none is meant.
         masked = re.sub(r"\*\*([^*]+)\*\*", r"<b>\1</b>", masked)
@@ -89,7 +95,9 @@ class Page:
             if not match:
                 out.append(self.inline(line))
                 continue
-            level, heading = len(match.group(1)), pages.plain(match.group(2)).replace("Solvane ", "%Solvane ")
+            level, heading = len(match.group(1)), pages.plain(match.group(2)).replace(
+                "Solvane ", "%Solvane "
+            )
             anchor = next(anchors)
             if not opened:
                 opened = True
@@ -109,7 +117,11 @@ class Page:
         match = pages.FENCE.match(line.lstrip())
         if not match or not match.group(2):
             return line
-        return line[:len(line) - len(line.lstrip())] + match.group(1) + LANGUAGES.get(match.group(2).strip(), "{.unparsed}")
+        return (
+            line[: len(line) - len(line.lstrip())]
+            + match.group(1)
+            + LANGUAGES.get(match.group(2).strip(), "{.unparsed}")
+        )
 
 
 class Example(Page):
@@ -132,7 +144,7 @@ class Manual(Page):
         self.anchors = []
 
     def converted(self):
-        return f"# {pages.title(self.path)} {{#{self.name}}}\n\n<div class=\"manual\" data-file=\"{self.path}\"></div>\n"
+        return f'# {pages.title(self.path)} {{#{self.name}}}\n\n<div class="manual" data-file="{self.path}"></div>\n'
 
 
 class Folder(Page):
@@ -149,7 +161,11 @@ class Folder(Page):
         parts = [f"# {self.path} {{#{self.name}}}"]
         for number, file in enumerate(self.files):
             shown = self.site.get(f"{self.path}/{file.name}")
-            body = f"[{file.name}]({shown.name}.html)" if shown else f"```{{.unparsed}}\n{file.read_text().rstrip()}\n```"
+            body = (
+                f"[{file.name}]({shown.name}.html)"
+                if shown
+                else f"```{{.unparsed}}\n{file.read_text().rstrip()}\n```"
+            )
             parts += ["", f"## {file.name} {{#{self.name}-{number}}}", "", body]
         return "\n".join(parts) + "\n"
 
@@ -179,13 +195,19 @@ class Site(dict):
 
     def menu(self):
         def part(name, paths):
-            items = "\n".join(f'<li><a href="{self[path].name}.html">{html.escape(pages.title(path))}</a></li>'
-                              for path in paths)
+            items = "\n".join(
+                f'<li><a href="{self[path].name}.html">{html.escape(pages.title(path))}</a></li>'
+                for path in paths
+            )
             return f"<h2>{name}</h2>\n<ul>\n{items}\n</ul>"
 
-        return "\n".join([part("Guide", [pages.INDEX, *pages.guide()]),
-                          part("Reference", [pages.REFERENCE, *pages.manuals()]),
-                          part("About", pages.about())])
+        return "\n".join(
+            [
+                part("Guide", [pages.INDEX, *pages.guide()]),
+                part("Reference", [pages.REFERENCE, *pages.manuals()]),
+                part("About", pages.about()),
+            ]
+        )
 
 
 def main(work):
