@@ -66,7 +66,7 @@ class Directory:
 
     def stop(self):
         subprocess.run(
-            [os.path.join(self._testbed, "slapd-stop"), self._folder],
+            [os.path.join(self._testbed, "stop"), self._folder],
             check=False,
             stdout=subprocess.DEVNULL,
         )

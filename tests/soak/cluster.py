@@ -51,7 +51,7 @@ class Provider:
 
     def shut_down(self):
         self._goes_down()
-        self._script("slapd-stop", "--keep")
+        self._script("stop", "--keep")
 
     def come_back(self):
         """Returns when it answers."""
@@ -99,7 +99,7 @@ class Cluster:
 
     def __exit__(self, *_):
         subprocess.run(
-            [os.path.join(self._testbed, "cluster-stop"), self._folder],
+            [os.path.join(self._testbed, "stop"), self._folder],
             check=True,
             timeout=DEADLINE,
         )

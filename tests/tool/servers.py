@@ -40,7 +40,7 @@ class Slapd:
         parent = tempfile.mkdtemp(prefix="solvane-tool-")
         add_cleanup(shutil.rmtree, parent)
         self.folder = os.path.join(parent, "slapd")
-        add_cleanup(self._run, "slapd-stop", self.folder)
+        add_cleanup(self._run, "stop", self.folder)
         self._run("slapd-start", self.folder, *options)
         self._read_environment()
 
@@ -57,7 +57,7 @@ class Slapd:
         return os.path.join(self.folder, "tls", "ca.pem")
 
     def stop(self):
-        self._run("slapd-stop", self.folder, "--keep")
+        self._run("stop", self.folder, "--keep")
 
     def start(self):
         self._run("slapd-run", self.folder)

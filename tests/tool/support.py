@@ -88,7 +88,7 @@ class DirectoryTest(ToolTest):
         cls.directory = os.path.join(parent, "slapd")
         cls.addClassCleanup(
             subprocess.run,
-            [os.path.join(TESTBED, "slapd-stop"), cls.directory],
+            [os.path.join(TESTBED, "stop"), cls.directory],
             check=True,
             timeout=DEADLINE,
             stdout=subprocess.DEVNULL,
