@@ -8,8 +8,7 @@ import subprocess
 import time
 import unittest
 
-from names import NameServer, service
-from servers import ADD, ScriptedDirectory, hanging_up_after, silent
+from servers import ADD, NameServer, ScriptedDirectory, hanging_up_after, service, silent
 from support import (
     DEADLINE,
     READER,

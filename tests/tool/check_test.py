@@ -4,8 +4,7 @@ import os
 import re
 import unittest
 
-from names import NameServer, service
-from servers import ScriptedDirectory, giving
+from servers import NameServer, ScriptedDirectory, giving, service
 from support import PEOPLE, READER, READER_PASSWORD, DirectoryTest, ToolTest
 from support import bound, entry, free_port, message, outcome, run, searched, tlv
 

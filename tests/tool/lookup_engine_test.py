@@ -5,8 +5,7 @@ import subprocess
 import threading
 import unittest
 
-from names import NameServer, service
-from servers import SEARCH, ScriptedDirectory, serving, silent
+from servers import SEARCH, NameServer, ScriptedDirectory, service, serving, silent
 from support import DEADLINE, PEOPLE, READER, TOOL, DirectoryTest, ToolTest, run, tlv
 
 
