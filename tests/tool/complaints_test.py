@@ -10,7 +10,6 @@ from servers import BIND, BIND_RESPONSE, SEARCH, ScriptedDirectory, Slapd, event
 from servers import silent
 from support import DEADLINE, PEOPLE, PRIVATE, READER, READER_PASSWORD, TESTBED, TOOL
 from support import DirectoryTest, ToolTest, free_port, run
-from terminal import Terminal
 
 USER = "user0000001@corp.test"
 QUICK = ["-o", "nettimeout=1"]
@@ -371,35 +370,6 @@ class OneServerOfAList(LookupTest):
 class APlaceholder(ToolTest):
     """It surprises nobody who asks before (stalwart#1784, docker-mailserver#1101)."""
 
-    def test_is_explained_without_any_server(self):
-        directory = ScriptedDirectory(self, silent)
-
-        result = run(
-            "expand",
-            "-H",
-            directory.uri,
-            "-t",
-            "(&(mail=$m)(uid=$u)(dc=$d))",
-            "--explain",
-            "Jane.Doe@corp.test",
-        )
-
-        self.assertEqual((result.status, result.errors), (0, ""))
-        self.assertEqual(result.lines[0], "# Jane.Doe@corp.test")
-        self.assertIn('inserted "Jane.Doe@corp.test"', result.lines[1])
-        self.assertIn('inserted "Jane.Doe"', result.lines[2])
-        self.assertIn('inserted "corp.test"', result.lines[3])
-        self.assertEqual(
-            result.lines[4], "(&(mail=Jane.Doe@corp.test)(uid=Jane.Doe)(dc=corp.test))"
-        )
-        self.assertEqual(directory.connections, [])
-
-    def test_is_explained_where_it_takes_text_with_it(self):
-        result = run("expand", "-t", "(b=$b)(uid=$u)", "--explain", "a@x")
-
-        self.assertIn("dropped the text", result.lines[1])
-        self.assertEqual(result.status, 0)
-
     def test_is_called_an_error_where_there_is_none_of_that_name(self):
         for template in ("(mail=%s)", "(mail=$s)", "(mail={user})"):
             with self.subTest(template=template):
@@ -597,15 +567,6 @@ class ACertificate(LookupTest):
             "the certificate is not accepted: signed by itself",
         )
 
-    def test_is_shown_by_the_check(self):
-        slapd = self.directory("expired")
-
-        result = run("check", "-H", slapd.secure_uri, "--tls-ca", slapd.ca_file)
-
-        self.assertEqual(result.status, 77)
-        self.assertIn("expired", result.output)
-        self.assertIn("CN=", result.output)
-
 
 class ASecret(LookupTest):
     """It is on no command line and in no message (docker-mailserver#3457)."""
@@ -646,48 +607,6 @@ class ASecret(LookupTest):
                     self.assertNotIn("hunter2", result.output + result.errors)
                     self.assertNotIn("68 75 6e 74 65 72 32", result.errors)  # dumped as bytes
 
-    def test_is_in_no_argument_while_the_tool_runs(self):
-        directory = ScriptedDirectory(self, silent)
-        with subprocess.Popen(
-            [
-                TOOL,
-                "lookup",
-                "-H",
-                directory.uri,
-                "-D",
-                "cn=x",
-                "-y",
-                self.password,
-                "-b",
-                "dc=x",
-                "-t",
-                "(cn=$u)",
-                *QUICK,
-                "a",
-            ],
-            stdout=subprocess.DEVNULL,
-            stderr=subprocess.DEVNULL,
-        ) as tool:
-            self.assertTrue(eventually(lambda: directory.count(BIND) != 0))
-            with open(f"/proc/{tool.pid}/cmdline", "rb") as arguments, open(
-                f"/proc/{tool.pid}/environ", "rb"
-            ) as environment:
-                seen = arguments.read() + environment.read()
-            tool.wait(DEADLINE)
-
-        self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
-        self.assertIn(b"lookup", seen)
-        self.assertNotIn(b"hunter2", seen)
-
-    def test_is_not_taken_from_a_file_that_others_can_read(self):
-        directory = ScriptedDirectory(self, silent)
-        os.chmod(self.password, 0o644)
-
-        result = self.look_up(directory.uri, "-D", "cn=x", "-y", self.password, "a@x")
-
-        self.assert_fails(result, 78, "can be read by others", "chmod 600")
-        self.assertEqual(directory.connections, [])
-
     def test_is_not_taken_from_settings_that_others_can_read(self):
         settings = self.file("settings", b"bind_dn = cn=x\nbind_pw = hunter2\n", 0o644)
 
@@ -695,31 +614,6 @@ class ASecret(LookupTest):
 
         self.assertEqual(result.status, 78, result.errors)
         self.assertNotIn("hunter2", result.output + result.errors)
-
-    def test_is_typed_without_being_seen(self):
-        directory = ScriptedDirectory(self, serving(lambda request: request.found()))
-        terminal = Terminal(
-            self.addCleanup,
-            "lookup",
-            "-H",
-            directory.uri,
-            "-D",
-            "cn=x",
-            "-W",
-            "-b",
-            "dc=x",
-            "-t",
-            "(cn=$u)",
-            "a",
-        )
-
-        terminal.read_until(b"Password for cn=x: ")
-        terminal.type(b"hunter2\n")
-        status = terminal.read_to_end()
-
-        self.assertEqual(status, 0, terminal.shown)
-        self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
-        self.assertNotIn(b"hunter2", terminal.shown)
 
 
 class AnExitStatus(LookupTest):
@@ -753,11 +647,6 @@ class AnExitStatus(LookupTest):
 
 class ABulkRun(DirectoryTest):
     """Every key gets its record, and none is a pattern."""
-
-    def test_takes_a_line_with_an_asterisk_for_a_name(self):
-        result = self.look_up("-f", "-", template="(uid=$u)", stdin=b"*\n")
-
-        self.assertEqual((result.status, result.lines), (1, ["# *: not found"]))
 
     def test_gives_each_key_its_record_and_goes_on_after_errors(self):
         keys = b"nobody\n\xff\nuser0000001\n\nuser0000002\n*\nuser0000001\n"

@@ -50,27 +50,6 @@ class Lookup(DirectoryTest):
         )
         self.assertEqual(len(result.error_lines), 2, result.errors)
 
-    def test_lets_no_key_change_the_filter(self):
-        result = self.look_up("*)(uid=*", "*", "\\2A", template="(uid=$u)")
-
-        self.assertEqual(
-            (result.status, result.lines),
-            (1, ["# *)(uid=*: not found", "# *: not found", "# \\2A: not found"]),
-        )
-
-    def test_finds_a_key_that_needs_escaping(self):
-        result = self.look_up(
-            "star * paren (x)",
-            "back\\slash",
-            "J\u00fcrgen Gr\u00f6\u00dfe",
-            base="ou=escapes,dc=corp,dc=test",
-            template="(cn=$u)",
-        )
-
-        self.assertEqual(result.status, 0, result.errors)
-        self.assertIn("# star * paren (x): found 1", result.lines)
-        self.assertIn("cn: J\u00fcrgen Gr\u00f6\u00dfe", result.lines)
-
     def test_searches_within_the_scope(self):
         everything = "(objectClass=*)$c(objectClass=organizationalUnit)"
 
