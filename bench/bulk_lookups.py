@@ -87,10 +87,10 @@ def pairs(output):
     return [line.split("\t")[:2] for line in output.decode().splitlines()]
 
 
-def ldifValues(output):
+def ldif_values(output):
     """Of LDIF, in the order of the addresses."""
     prefix = ATTRIBUTE + ": "
-    return [line[len(prefix):] for line in output.decode().splitlines() if line.startswith(prefix)]
+    return [line[len(prefix) :] for line in output.decode().splitlines() if line.startswith(prefix)]
 
 
 class Programs:
@@ -100,8 +100,11 @@ class Programs:
         self._build = build
         self._folder = folder
         self._password = self._write("password", PASSWORD)
-        self._write("main.cf", "compatibility_level = 3.6\n"
-                    f"queue_directory = {folder}\ndata_directory = {folder}\n")
+        self._write(
+            "main.cf",
+            "compatibility_level = 3.6\n"
+            f"queue_directory = {folder}\ndata_directory = {folder}\n",
+        )
         self._write("master.cf", "")
 
     def _write(self, name, text):
@@ -115,59 +118,120 @@ class Programs:
     def _turn(command, keys, read=pairs, expected=None):
         cpu = resource.getrusage(resource.RUSAGE_CHILDREN)
         start = time.monotonic()
-        done = subprocess.run(command, input=keys.text, stdout=subprocess.PIPE, timeout=DEADLINE,
-                              check=False)
+        done = subprocess.run(
+            command, input=keys.text, stdout=subprocess.PIPE, timeout=DEADLINE, check=False
+        )
         seconds = time.monotonic() - start
         after = resource.getrusage(resource.RUSAGE_CHILDREN)
         if read(done.stdout) != (keys.answers if expected is None else expected):
             raise WrongAnswer(f"{command[0]} gave a wrong answer (exit {done.returncode})")
-        return {"operations": len(keys.addresses), "seconds": seconds,
-                "cpu": after.ru_utime + after.ru_stime - cpu.ru_utime - cpu.ru_stime}
+        return {
+            "operations": len(keys.addresses),
+            "seconds": seconds,
+            "cpu": after.ru_utime + after.ru_stime - cpu.ru_utime - cpu.ru_stime,
+        }
 
     def tool(self, port, keys, *options):
-        return self._turn([os.path.join(self._build, "tool", "solvane-ldap"), "lookup", "-H",
-                           f"ldap://127.0.0.1:{port}", "-D", READER, "-y", self._password,
-                           "-b", BASE, "-t", "(mail=$m)", "--attrs", ATTRIBUTE,
-                           "--format", "tsv", *options, "-f", "-"], keys)
+        return self._turn(
+            [
+                os.path.join(self._build, "tool", "solvane-ldap"),
+                "lookup",
+                "-H",
+                f"ldap://127.0.0.1:{port}",
+                "-D",
+                READER,
+                "-y",
+                self._password,
+                "-b",
+                BASE,
+                "-t",
+                "(mail=$m)",
+                "--attrs",
+                ATTRIBUTE,
+                "--format",
+                "tsv",
+                *options,
+                "-f",
+                "-",
+            ],
+            keys,
+        )
 
     def postmap(self, port, keys):
-        table = self._write("table.cf", f"server_host = ldap://127.0.0.1:{port}\nversion = 3\n"
-                            f"search_base = {BASE}\nquery_filter = (mail=%s)\n"
-                            f"result_attribute = {ATTRIBUTE}\nbind = yes\n"
-                            f"bind_dn = {READER}\nbind_pw = {PASSWORD}\n")
+        table = self._write(
+            "table.cf",
+            f"server_host = ldap://127.0.0.1:{port}\nversion = 3\n"
+            f"search_base = {BASE}\nquery_filter = (mail=%s)\n"
+            f"result_attribute = {ATTRIBUTE}\nbind = yes\n"
+            f"bind_dn = {READER}\nbind_pw = {PASSWORD}\n",
+        )
         return self._turn(["postmap", "-c", self._folder, "-q", "-", "ldap:" + table], keys)
 
     def ldapsearch(self, port, keys):
-        return self._turn(["ldapsearch", "-x", "-LLL", "-H", f"ldap://127.0.0.1:{port}", "-D", READER,
-                           "-y", self._password, "-b", BASE, "-f", "-", "(mail=%s)", ATTRIBUTE],
-                          keys, ldifValues, [value for _, value in keys.answers])
+        return self._turn(
+            [
+                "ldapsearch",
+                "-x",
+                "-LLL",
+                "-H",
+                f"ldap://127.0.0.1:{port}",
+                "-D",
+                READER,
+                "-y",
+                self._password,
+                "-b",
+                BASE,
+                "-f",
+                "-",
+                "(mail=%s)",
+                ATTRIBUTE,
+            ],
+            keys,
+            ldif_values,
+            [value for _, value in keys.answers],
+        )
 
     def _peer(self, command, port, keys):
-        return self._turn([*command, f"ldap://127.0.0.1:{port}", READER, PASSWORD, BASE, ATTRIBUTE],
-                          keys)
+        return self._turn(
+            [*command, f"ldap://127.0.0.1:{port}", READER, PASSWORD, BASE, ATTRIBUTE], keys
+        )
 
     def raw(self, port, keys):
         program = os.path.join(self._build, "bench", "solvane_bench_raw_lookups")
         return self._peer([program], port, keys)
 
-    def pythonLdap(self, port, keys):
+    def python_ldap(self, port, keys):
         return self._peer([os.path.join(HERE, "peers", "python_ldap.py")], port, keys)
 
-    def netLdap(self, port, keys):
+    def net_ldap(self, port, keys):
         return self._peer([os.path.join(HERE, "peers", "net_ldap.pl")], port, keys)
 
-    def goLdap(self, port, keys):
+    def go_ldap(self, port, keys):
         return self._peer([os.path.join(self._folder, "go_ldap")], port, keys)
 
-    def buildGoLdap(self):
+    def build_go_ldap(self):
         """Whether the Go compiler and the module, as Debian packages them, are at hand."""
         if shutil.which("go") is None:
             return False
-        environment = dict(os.environ, GO111MODULE="off", GOPATH="/usr/share/gocode",
-                           GOCACHE=os.path.join(self._folder, "go-cache"), GOFLAGS="-buildvcs=false")
-        done = subprocess.run(["go", "build", "-o", os.path.join(self._folder, "go_ldap"),
-                               os.path.join(HERE, "peers", "go_ldap", "main.go")],
-                              env=environment, stderr=subprocess.DEVNULL, check=False)
+        environment = dict(
+            os.environ,
+            GO111MODULE="off",
+            GOPATH="/usr/share/gocode",
+            GOCACHE=os.path.join(self._folder, "go-cache"),
+            GOFLAGS="-buildvcs=false",
+        )
+        done = subprocess.run(
+            [
+                "go",
+                "build",
+                "-o",
+                os.path.join(self._folder, "go_ldap"),
+                os.path.join(HERE, "peers", "go_ldap", "main.go"),
+            ],
+            env=environment,
+            stderr=subprocess.DEVNULL,
+            check=False,
+        )
         return done.returncode == 0
 
 

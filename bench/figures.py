@@ -33,13 +33,13 @@ def ratios(dividends, divisors):
 def line(points):
     """Least squares through (x, y): slope and intercept."""
     count = len(points)
-    meanX = sum(x for x, _ in points) / count
-    meanY = sum(y for _, y in points) / count
-    square = sum((x - meanX) ** 2 for x, _ in points)
+    mean_x = sum(x for x, _ in points) / count
+    mean_y = sum(y for _, y in points) / count
+    square = sum((x - mean_x) ** 2 for x, _ in points)
     if square == 0:
         raise ValueError("a line needs two different places")
-    slope = sum((x - meanX) * (y - meanY) for x, y in points) / square
-    return slope, meanY - slope * meanX
+    slope = sum((x - mean_x) * (y - mean_y) for x, y in points) / square
+    return slope, mean_y - slope * mean_x
 
 
 # Below this multiple of the least cost, what each operation costs in any case hides how it grows.
@@ -64,14 +64,21 @@ class Records:
         self._records = [json.loads(each) for each in lines if each.startswith("{")]
 
     def _of(self, row, contender, size):
-        return [record for record in self._records
-                if record["row"] == row and record["contender"] == contender
-                and size in (None, record["size"])]
+        return [
+            record
+            for record in self._records
+            if record["row"] == row
+            and record["contender"] == contender
+            and size in (None, record["size"])
+        ]
 
     def each(self, row, contender, what, size=None):
         """Seconds, or seconds of processor time, for one operation, by round."""
-        found = [record[what] / record["operations"]
-                 for record in self._of(row, contender, size) if "round" in record]
+        found = [
+            record[what] / record["operations"]
+            for record in self._of(row, contender, size)
+            if "round" in record
+        ]
         if not found:
             raise KeyError(f"{row}, {contender}: not measured")
         return found
@@ -82,8 +89,9 @@ class Records:
 
     def faster(self, row, contender, than, size=None):
         """How many times as many operations a second."""
-        return ratios(self.each(row, than, "seconds", size),
-                      self.each(row, contender, "seconds", size))
+        return ratios(
+            self.each(row, than, "seconds", size), self.each(row, contender, "seconds", size)
+        )
 
     def cost(self, row, contender, than, size=None):
         """How many times the processor time."""
@@ -101,13 +109,18 @@ class Records:
 
     def growth(self, row, contender, what="cpu"):
         """(size, median cost) of a row that was measured at several sizes."""
-        return [(size, statistics.median(self.each(row, contender, what, size)))
-                for size in self.sizes(row, contender)]
+        return [
+            (size, statistics.median(self.each(row, contender, what, size)))
+            for size in self.sizes(row, contender)
+        ]
 
     def notes(self, row, contender, what):
         """(size, value) of a note at several sizes."""
-        return sorted((record["size"], record[what])
-                      for record in self._of(row, contender, None) if what in record)
+        return sorted(
+            (record["size"], record[what])
+            for record in self._of(row, contender, None)
+            if what in record
+        )
 
 
 class Microbenchmarks:
@@ -126,19 +139,26 @@ class Microbenchmarks:
 
     def names(self):
         """By name, then by number."""
-        return sorted(self._times, key=lambda name: [
-            (0, int(part), "") if part.isdigit() else (1, 0, part) for part in name.split("/")])
+        return sorted(
+            self._times,
+            key=lambda name: [
+                (0, int(part), "") if part.isdigit() else (1, 0, part) for part in name.split("/")
+            ],
+        )
 
-    def byThreads(self, prefix, cpu=False):
+    def by_threads(self, prefix, cpu=False):
         """(threads, median time between two of all threads together), or processor time of one."""
-        return sorted((int(name.rsplit(":", 1)[1]), self.time(name, cpu).median)
-                      for name in self._times if name.startswith(prefix + "/") and "threads:" in name)
+        return sorted(
+            (int(name.rsplit(":", 1)[1]), self.time(name, cpu).median)
+            for name in self._times
+            if name.startswith(prefix + "/") and "threads:" in name
+        )
 
     def growth(self, prefix, cpu=False):
         """(size, median) of a benchmark that was run at several sizes."""
         found = []
         for name in self._times:
-            rest = name[len(prefix):] if name.startswith(prefix + "/") else ""
+            rest = name[len(prefix) :] if name.startswith(prefix + "/") else ""
             if rest[1:].isdigit():
                 found.append((int(rest[1:]), self.time(name, cpu).median))
         return sorted(found)

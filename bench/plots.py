@@ -31,18 +31,18 @@ def duration(seconds):
 class Axis:
     """Where a value lies between two ends of the drawing."""
 
-    def __init__(self, values, start, end, isLogarithmic, ticks=None):
-        self._isLogarithmic = isLogarithmic
+    def __init__(self, values, start, end, is_logarithmic, ticks=None):
+        self._is_logarithmic = is_logarithmic
         self._start, self._end = start, end
         low, high = min(values), max(values)
-        if isLogarithmic:
+        if is_logarithmic:
             self._low, self._high = math.log10(low), math.log10(high)
             if ticks is None:
                 first, last = math.floor(self._low + 1e-9), math.ceil(self._high - 1e-9)
                 last = max(last, first + 1)
                 self._low, self._high = first, last
                 step = math.ceil((last - first) / 7)
-                ticks = [10.0 ** power for power in range(first, last + 1, step)]
+                ticks = [10.0**power for power in range(first, last + 1, step)]
         else:
             step = self._step(high / 5)
             ticks = ticks or [step * i for i in range(math.ceil(high / step - 1e-9) + 1)]
@@ -56,7 +56,7 @@ class Axis:
         return next(factor * power for factor in (1, 2, 5, 10) if factor * power >= least * 0.999)
 
     def at(self, value):
-        place = math.log10(value) if self._isLogarithmic else value
+        place = math.log10(value) if self._is_logarithmic else value
         if self._high == self._low:
             return (self._start + self._end) / 2
         share = (place - self._low) / (self._high - self._low)
@@ -65,53 +65,61 @@ class Axis:
 
 def text(x, y, words, size=12, anchor="start", colour=INK, turned=False):
     turn = f' transform="rotate(-90 {x:.1f} {y:.1f})"' if turned else ""
-    return (f'<text x="{x:.1f}" y="{y:.1f}" font-size="{size}" text-anchor="{anchor}" '
-            f'fill="{colour}"{turn}>{escape(words)}</text>')
+    return (
+        f'<text x="{x:.1f}" y="{y:.1f}" font-size="{size}" text-anchor="{anchor}" '
+        f'fill="{colour}"{turn}>{escape(words)}</text>'
+    )
 
 
 def mark(shape, x, y, colour):
     if shape == 0:
         return f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3.5" fill="{colour}"/>'
     if shape == 1:
-        return f'<rect x="{x - 3.2:.1f}" y="{y - 3.2:.1f}" width="6.4" height="6.4" fill="{colour}"/>'
+        return (
+            f'<rect x="{x - 3.2:.1f}" y="{y - 3.2:.1f}" width="6.4" height="6.4" fill="{colour}"/>'
+        )
     if shape == 2:
-        return (f'<path d="M{x:.1f} {y - 4.4:.1f} l4.2 7.4 h-8.4 z" fill="{colour}"/>')
+        return f'<path d="M{x:.1f} {y - 4.4:.1f} l4.2 7.4 h-8.4 z" fill="{colour}"/>'
     return f'<circle cx="{x:.1f}" cy="{y:.1f}" r="3.2" fill="white" stroke="{colour}" stroke-width="1.8"/>'
 
 
-def plot(title, xName, yName, lines, isLogX=True, isLogY=True, xLabel=short, yLabel=short):
+def plot(title, x_name, y_name, lines, is_log_x=True, is_log_y=True, x_label=short, y_label=short):
     """An SVG document.
 
     lines: (name, [(x, y), ...]) for each line, four at most.
     """
     xs = sorted({x for _, points in lines for x, _ in points})
     ys = [y for _, points in lines for _, y in points]
-    x = Axis(xs, LEFT, WIDTH - RIGHT, isLogX, ticks=xs)
-    y = Axis(ys, HEIGHT - BOTTOM, TOP, isLogY)
-    parts = [f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
-             f'width="{WIDTH}" height="{HEIGHT}" font-family="sans-serif" role="img">',
-             f"<title>{escape(title)}</title>",
-             f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>',
-             text(LEFT, 26, title, 15)]
+    x = Axis(xs, LEFT, WIDTH - RIGHT, is_log_x, ticks=xs)
+    y = Axis(ys, HEIGHT - BOTTOM, TOP, is_log_y)
+    parts = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {WIDTH} {HEIGHT}" '
+        f'width="{WIDTH}" height="{HEIGHT}" font-family="sans-serif" role="img">',
+        f"<title>{escape(title)}</title>",
+        f'<rect width="{WIDTH}" height="{HEIGHT}" fill="white"/>',
+        text(LEFT, 26, title, 15),
+    ]
     for tick in y.ticks:
         parts.append(f'<path d="M{LEFT} {y.at(tick):.1f} H{WIDTH - RIGHT}" stroke="{GRID}"/>')
-        parts.append(text(LEFT - 8, y.at(tick) + 4, yLabel(tick), 11, "end", FAINT))
+        parts.append(text(LEFT - 8, y.at(tick) + 4, y_label(tick), 11, "end", FAINT))
     for tick in x.ticks:
         parts.append(f'<path d="M{x.at(tick):.1f} {HEIGHT - BOTTOM} v5" stroke="{FAINT}"/>')
-        parts.append(text(x.at(tick), HEIGHT - BOTTOM + 19, xLabel(tick), 11, "middle", FAINT))
+        parts.append(text(x.at(tick), HEIGHT - BOTTOM + 19, x_label(tick), 11, "middle", FAINT))
     parts.append(f'<path d="M{LEFT} {HEIGHT - BOTTOM} H{WIDTH - RIGHT}" stroke="{FAINT}"/>')
-    parts.append(text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 14, xName, 12, "middle"))
-    parts.append(text(18, (TOP + HEIGHT - BOTTOM) / 2, yName, 12, "middle", turned=True))
+    parts.append(text((LEFT + WIDTH - RIGHT) / 2, HEIGHT - 14, x_name, 12, "middle"))
+    parts.append(text(18, (TOP + HEIGHT - BOTTOM) / 2, y_name, 12, "middle", turned=True))
 
     for number, (name, points) in enumerate(lines):
         colour = COLOURS[number]
         places = [(x.at(size), y.at(value)) for size, value in sorted(points)]
-        path = " ".join(f"{'L' if i else 'M'}{px:.1f} {py:.1f}" for i, (px, py) in enumerate(places))
+        path = " ".join(
+            f"{'L' if i else 'M'}{px:.1f} {py:.1f}" for i, (px, py) in enumerate(places)
+        )
         parts.append(f'<path d="{path}" fill="none" stroke="{colour}" stroke-width="2"/>')
         parts += [mark(number, px, py, colour) for px, py in places]
         column, rank = number % 2, number // 2
-        legendX, legendY = LEFT + column * (WIDTH - LEFT) / 2, 48 + rank * 18
-        parts.append(mark(number, legendX + 4, legendY - 4, colour))
-        parts.append(text(legendX + 14, legendY, name, 12))
+        legend_x, legend_y = LEFT + column * (WIDTH - LEFT) / 2, 48 + rank * 18
+        parts.append(mark(number, legend_x + 4, legend_y - 4, colour))
+        parts.append(text(legend_x + 14, legend_y, name, 12))
     parts.append("</svg>")
     return "\n".join(parts) + "\n"

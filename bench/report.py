@@ -27,32 +27,37 @@ def noise(again):
     return abs(again.median - 1) + again.spread
 
 
-class Target(collections.namedtuple("Target", "what bound unit figure uncertainty isLeast")):
-    """One thing to reach. isLeast: the bound is the least, not the most."""
+class Target(collections.namedtuple("Target", "what bound unit figure uncertainty is_least")):
+    """One thing to reach. is_least: the bound is the least, not the most."""
 
-    def isMissed(self):
-        if self.isLeast:
+    def is_missed(self):
+        if self.is_least:
             return self.figure.median + self.uncertainty < self.bound
         return self.figure.median - self.uncertainty > self.bound
 
     def verdict(self):
-        isMet = (self.figure.median >= self.bound if self.isLeast
-                 else self.figure.median <= self.bound)
-        if isMet:
+        is_met = (
+            self.figure.median >= self.bound if self.is_least else self.figure.median <= self.bound
+        )
+        if is_met:
             return "met"
-        return "**missed**" if self.isMissed() else "missed by less than the noise"
+        return "**missed**" if self.is_missed() else "missed by less than the noise"
 
     def row(self):
-        sign = "≥" if self.isLeast else "≤"
-        return [self.what, f"{sign} {self.bound:g}{self.unit}", self.figure.text() + self.unit,
-                self.verdict()]
+        sign = "≥" if self.is_least else "≤"
+        return [
+            self.what,
+            f"{sign} {self.bound:g}{self.unit}",
+            self.figure.text() + self.unit,
+            self.verdict(),
+        ]
 
 
-def noLessThan(what, bound, figure, again=None):
+def no_less_than(what, bound, figure, again=None):
     return Target(what, bound, "", figure, noise(again) if again else figure.spread, True)
 
 
-def noMoreThan(what, bound, figure, again=None, unit=""):
+def no_more_than(what, bound, figure, again=None, unit=""):
     return Target(what, bound, unit, figure, noise(again) if again else figure.spread, False)
 
 
@@ -106,147 +111,274 @@ def targets(measured):
     printf = measured.values.time("snprintf/(mail=%s@%s)", cpu=True)
     users = measured.machine["users"]
     return [
-        noLessThan("lookup on a kept connection, times raw calls' rate; one processor", 0.98,
-                pinned.faster("lookup", "library", "raw"), again),
-        noLessThan("the same with template, pool checkout and return", 0.95,
-                pinned.faster("lookup", "pool", "raw"), again),
-        noLessThan("64 sent, then awaited, times one at a time", 2.2,
-                free.faster("window", "library in batches", "library one at a time", 64)),
-        noLessThan(f"{users:,} entries by one search, stored and every value read, times a loop that "
-                "stores nothing; one processor", 0.85, pinned.faster("big search", "library", "raw"),
-                pinned.faster("big search", "raw again", "raw")),
-        noLessThan("the same by the engine's reader", 1.3,
-                pinned.faster("big search", "engine", "raw"),
-                pinned.faster("big search", "raw again", "raw")),
-        noMoreThan("checkout and return, 63 of 64 connections busy", 1.5,
-               measured.scaled("checkout, one idle/64", cpu=True), unit=" µs"),
-        noMoreThan("checkout and return, 511 of 512 connections busy", 8.0,
-               measured.scaled("checkout, one idle/512", cpu=True), unit=" µs"),
-        noLessThan("64 threads, a checkout for each lookup, times the rate of kept connections", 0.97,
-                free.faster("threads", "pool", "library", 64)),
-        noMoreThan("the same, times the processor time", 1.10,
-               free.cost("threads", "pool", "library", 64)),
-        noMoreThan("template `(mail=$m)`, times `snprintf` without escaping", 1.2,
-               Exactly(template.median / printf.median)),
-        noMoreThan("template `(mail=$m)`", 100, template, unit=" ns"),
-        noMoreThan("TLS connect and bind, times raw calls' processor time", 1.15,
-               pinned.cost("bind over TLS", "library", "raw"),
-               pinned.cost("bind over TLS", "raw again", "raw")),
-        noMoreThan("TLS bind to a silent peer, beyond its timeout", 1.0,
-               Exactly(free.note("silent peer", "library", "beyond the timeout")), unit=" s"),
-        noLessThan("add, times raw calls' rate; one processor", 0.97,
-                pinned.faster("add", "library", "raw"), pinned.faster("add", "raw again", "raw")),
-        noLessThan("adds, 64 in flight, times one at a time; one processor", 1.05,
-                pinned.faster("add", "library, 64 in flight", "library")),
-        noLessThan("the tool, one in flight, times the rate of `postmap -q -`", 1.0,
-                programs.faster("bulk", "tool, one in flight", "postmap"),
-                programs.faster("bulk", "postmap again", "postmap")),
-        noLessThan("the tool with its defaults, times `postmap -q -`", 1.6,
-                programs.faster("bulk", "tool", "postmap"),
-                programs.faster("bulk", "postmap again", "postmap")),
-        noLessThan("the same over a round trip of 5 ms", 50,
-                programs.faster("bulk, far", "tool", "postmap")),
+        no_less_than(
+            "lookup on a kept connection, times raw calls' rate; one processor",
+            0.98,
+            pinned.faster("lookup", "library", "raw"),
+            again,
+        ),
+        no_less_than(
+            "the same with template, pool checkout and return",
+            0.95,
+            pinned.faster("lookup", "pool", "raw"),
+            again,
+        ),
+        no_less_than(
+            "64 sent, then awaited, times one at a time",
+            2.2,
+            free.faster("window", "library in batches", "library one at a time", 64),
+        ),
+        no_less_than(
+            f"{users:,} entries by one search, stored and every value read, times a loop that "
+            "stores nothing; one processor",
+            0.85,
+            pinned.faster("big search", "library", "raw"),
+            pinned.faster("big search", "raw again", "raw"),
+        ),
+        no_less_than(
+            "the same by the engine's reader",
+            1.3,
+            pinned.faster("big search", "engine", "raw"),
+            pinned.faster("big search", "raw again", "raw"),
+        ),
+        no_more_than(
+            "checkout and return, 63 of 64 connections busy",
+            1.5,
+            measured.scaled("checkout, one idle/64", cpu=True),
+            unit=" µs",
+        ),
+        no_more_than(
+            "checkout and return, 511 of 512 connections busy",
+            8.0,
+            measured.scaled("checkout, one idle/512", cpu=True),
+            unit=" µs",
+        ),
+        no_less_than(
+            "64 threads, a checkout for each lookup, times the rate of kept connections",
+            0.97,
+            free.faster("threads", "pool", "library", 64),
+        ),
+        no_more_than(
+            "the same, times the processor time", 1.10, free.cost("threads", "pool", "library", 64)
+        ),
+        no_more_than(
+            "template `(mail=$m)`, times `snprintf` without escaping",
+            1.2,
+            Exactly(template.median / printf.median),
+        ),
+        no_more_than("template `(mail=$m)`", 100, template, unit=" ns"),
+        no_more_than(
+            "TLS connect and bind, times raw calls' processor time",
+            1.15,
+            pinned.cost("bind over TLS", "library", "raw"),
+            pinned.cost("bind over TLS", "raw again", "raw"),
+        ),
+        no_more_than(
+            "TLS bind to a silent peer, beyond its timeout",
+            1.0,
+            Exactly(free.note("silent peer", "library", "beyond the timeout")),
+            unit=" s",
+        ),
+        no_less_than(
+            "add, times raw calls' rate; one processor",
+            0.97,
+            pinned.faster("add", "library", "raw"),
+            pinned.faster("add", "raw again", "raw"),
+        ),
+        no_less_than(
+            "adds, 64 in flight, times one at a time; one processor",
+            1.05,
+            pinned.faster("add", "library, 64 in flight", "library"),
+        ),
+        no_less_than(
+            "the tool, one in flight, times the rate of `postmap -q -`",
+            1.0,
+            programs.faster("bulk", "tool, one in flight", "postmap"),
+            programs.faster("bulk", "postmap again", "postmap"),
+        ),
+        no_less_than(
+            "the tool with its defaults, times `postmap -q -`",
+            1.6,
+            programs.faster("bulk", "tool", "postmap"),
+            programs.faster("bulk", "postmap again", "postmap"),
+        ),
+        no_less_than(
+            "the same over a round trip of 5 ms",
+            50,
+            programs.faster("bulk, far", "tool", "postmap"),
+        ),
     ]
 
 
-def machineLines(measured):
+def machine_lines(measured):
     machine = measured.machine
-    versions = ", ".join(f"{name} {version}" for name, version in machine["versions"].items()
-                         if version)
-    return [*paragraph(f"Measured on {machine['date']}: {machine['processors']} processors "
+    versions = ", ".join(
+        f"{name} {version}" for name, version in machine["versions"].items() if version
+    )
+    return [
+        *paragraph(
+            f"Measured on {machine['date']}: {machine['processors']} processors "
             f"({machine['model']}), Linux {machine['kernel']}, {machine['compiler']}; {versions}. "
-            f"{machine['users']:,} users, {machine['rounds']} rounds."),
-            *loadLines(machine)]
+            f"{machine['users']:,} users, {machine['rounds']} rounds."
+        ),
+        *load_lines(machine),
+    ]
 
 
-def loadLines(machine):
+def load_lines(machine):
     if machine["load"] <= QUIET * machine["processors"]:
         return []
-    return paragraph("**The machine was not idle**: its load average was "
-                     f"{machine['load']:.1f} at the start. Rates are unreliable then, and ratios of "
-                     "rates noisy; processor times hold.")
+    return paragraph(
+        "**The machine was not idle**: its load average was "
+        f"{machine['load']:.1f} at the start. Rates are unreliable then, and ratios of "
+        "rates noisy; processor times hold."
+    )
 
 
-def targetLines(list_):
-    return ["### Targets", "", *table(["what", "target", "measured", ""],
-                                      [target.row() for target in list_])]
+def target_lines(list_):
+    return [
+        "### Targets",
+        "",
+        *table(["what", "target", "measured", ""], [target.row() for target in list_]),
+    ]
 
 
-def contenderLines(measured):
+def contender_lines(measured):
     """The rows against the directory: each contender beside raw calls, shared processor and free."""
     rows = []
     for row, contender, against, name in (
-            ("lookup", "raw again", "raw", "raw calls, beside themselves: the noise"),
-            ("lookup", "library", "raw", "lookup, kept connection"),
-            ("lookup", "pool", "raw", "lookup, template and pool"),
-            ("lookup", "engine", "raw", "lookup, the engine's `find`"),
-            ("bind", "raw again", "raw", "connect, bind and close, raw calls: the noise"),
-            ("bind", "library", "raw", "connect, bind and close"),
-            ("bind over TLS", "raw again", "raw", "the same over TLS, raw calls: the noise"),
-            ("bind over TLS", "library", "raw", "the same over TLS"),
-            ("add", "raw again", "raw", "add, raw calls: the noise"),
-            ("add", "library", "raw", "add, one at a time"),
-            ("add", "library, 64 in flight", "raw, 64 in flight", "add, 64 in flight"),
-            ("big search", "raw again", "raw", "one big search, raw calls: the noise"),
-            ("big search", "library", "raw", "one big search, stored and read; raw calls store nothing"),
-            ("big search", "engine", "raw", "one big search, stored and read by the engine's reader")):
+        ("lookup", "raw again", "raw", "raw calls, beside themselves: the noise"),
+        ("lookup", "library", "raw", "lookup, kept connection"),
+        ("lookup", "pool", "raw", "lookup, template and pool"),
+        ("lookup", "engine", "raw", "lookup, the engine's `find`"),
+        ("bind", "raw again", "raw", "connect, bind and close, raw calls: the noise"),
+        ("bind", "library", "raw", "connect, bind and close"),
+        ("bind over TLS", "raw again", "raw", "the same over TLS, raw calls: the noise"),
+        ("bind over TLS", "library", "raw", "the same over TLS"),
+        ("add", "raw again", "raw", "add, raw calls: the noise"),
+        ("add", "library", "raw", "add, one at a time"),
+        ("add", "library, 64 in flight", "raw, 64 in flight", "add, 64 in flight"),
+        ("big search", "raw again", "raw", "one big search, raw calls: the noise"),
+        (
+            "big search",
+            "library",
+            "raw",
+            "one big search, stored and read; raw calls store nothing",
+        ),
+        ("big search", "engine", "raw", "one big search, stored and read by the engine's reader"),
+    ):
         cells = [name]
         for records in (measured.pinned, measured.free):
-            cells += [records.faster(row, contender, against).text(),
-                      records.cost(row, contender, against).text()]
+            cells += [
+                records.faster(row, contender, against).text(),
+                records.cost(row, contender, against).text(),
+            ]
         rows.append(cells)
-    rates = ", ".join(f"{name} {records.rate('lookup', 'raw').median:,.0f}"
-                      for name, records in (("one processor", measured.pinned),
-                                            ("free", measured.free)))
-    return ["### Beside raw calls", "",
-            *paragraph("Times the rate, and times the client's processor time, of OpenLDAP's own "
-                       "calls in C doing the same in the same rounds. Raw lookups a second: "
-                       f"{rates}."),
-            *table(["", "rate, one processor", "processor time", "rate, free", "processor time"],
-                   rows)]
+    rates = ", ".join(
+        f"{name} {records.rate('lookup', 'raw').median:,.0f}"
+        for name, records in (("one processor", measured.pinned), ("free", measured.free))
+    )
+    return [
+        "### Beside raw calls",
+        "",
+        *paragraph(
+            "Times the rate, and times the client's processor time, of OpenLDAP's own "
+            "calls in C doing the same in the same rounds. Raw lookups a second: "
+            f"{rates}."
+        ),
+        *table(["", "rate, one processor", "processor time", "rate, free", "processor time"], rows),
+    ]
 
 
-def windowLines(measured):
+def window_lines(measured):
     free = measured.free
     rows = []
     for size in free.sizes("window", "library"):
-        rows.append([str(size), free.faster("window", "library", "raw", size).text(),
-                     free.faster("window", "library", "library one at a time", size).text()])
+        rows.append(
+            [
+                str(size),
+                free.faster("window", "library", "raw", size).text(),
+                free.faster("window", "library", "library one at a time", size).text(),
+            ]
+        )
     bulk = free.faster("window", "engine, all", "library one at a time", 64)
-    return ["### Searches in flight", "",
-            *paragraph("One connection, client and server free. The engine's `findAll` with its "
-                       f"defaults, four connections: {bulk.text()} times one at a time."),
-            *table(["in flight", "times raw calls with as many", "times one at a time"], rows),
-            "![Lookups a second against searches in flight](figures/performance-window.svg)", ""]
+    return [
+        "### Searches in flight",
+        "",
+        *paragraph(
+            "One connection, client and server free. The engine's `findAll` with its "
+            f"defaults, four connections: {bulk.text()} times one at a time."
+        ),
+        *table(["in flight", "times raw calls with as many", "times one at a time"], rows),
+        "![Lookups a second against searches in flight](figures/performance-window.svg)",
+        "",
+    ]
 
 
-def threadLines(measured):
+def thread_lines(measured):
     free = measured.free
-    rows = [[str(size), f"{free.rate('threads', 'raw', size).median:,.0f}",
-             *[free.faster("threads", name, "raw", size).text()
-               for name in ("library", "pool", "engine")]]
-            for size in free.sizes("threads", "raw")]
-    return ["### Threads", "",
-            "A connection for each thread; lookups of all together.", "",
-            *table(["threads", "raw calls, lookups a second", "kept connections, times raw",
-                    "pool", "engine"], rows),
-            "![Lookups a second against threads](figures/performance-threads.svg)", ""]
+    rows = [
+        [
+            str(size),
+            f"{free.rate('threads', 'raw', size).median:,.0f}",
+            *[
+                free.faster("threads", name, "raw", size).text()
+                for name in ("library", "pool", "engine")
+            ],
+        ]
+        for size in free.sizes("threads", "raw")
+    ]
+    return [
+        "### Threads",
+        "",
+        "A connection for each thread; lookups of all together.",
+        "",
+        *table(
+            [
+                "threads",
+                "raw calls, lookups a second",
+                "kept connections, times raw",
+                "pool",
+                "engine",
+            ],
+            rows,
+        ),
+        "![Lookups a second against threads](figures/performance-threads.svg)",
+        "",
+    ]
 
 
-def programLines(measured):
+def program_lines(measured):
     programs = measured.programs
     rows = []
-    for name in ("raw again", "tool, one in flight", "ldapsearch -f", "postmap", "python-ldap",
-                 "Net::LDAP", "go-ldap"):
+    for name in (
+        "raw again",
+        "tool, one in flight",
+        "ldapsearch -f",
+        "postmap",
+        "python-ldap",
+        "Net::LDAP",
+        "go-ldap",
+    ):
         try:
-            rows.append([name, programs.faster("programs", name, "raw").text(),
-                         programs.cost("programs", name, "raw").text()])
+            rows.append(
+                [
+                    name,
+                    programs.faster("programs", name, "raw").text(),
+                    programs.cost("programs", name, "raw").text(),
+                ]
+            )
         except KeyError:
             rows.append([name, "skipped: not installed", ""])
-    return ["### Programs", "",
-            *paragraph("The same addresses, one after another on one connection, on one processor; "
-                       "whole programs, their start included, beside one in C on raw calls."),
-            *table(["", "times the rate", "times the processor time"], rows)]
+    return [
+        "### Programs",
+        "",
+        *paragraph(
+            "The same addresses, one after another on one connection, on one processor; "
+            "whole programs, their start included, beside one in C on raw calls."
+        ),
+        *table(["", "times the rate", "times the processor time"], rows),
+    ]
 
 
 GROWTHS = (
@@ -258,43 +390,75 @@ GROWTHS = (
 )
 
 
-def growthLines(measured):
+def growth_lines(measured):
     growth, values = measured.growth, measured.values
     rows, images = [], []
     for row, file, name in GROWTHS:
         library, raw = (growth.growth(row, who) for who in ("library", "raw"))
-        inOrder = growth.growth(row, "raw in order")
-        rows.append([name, f"{library[0][0]:,} to {library[-1][0]:,}", f"{exponent(library):.2f}",
-                     f"{exponent(raw):.2f}", f"{exponent(inOrder):.2f}" if inOrder else "",
-                     whose(exponent(library), exponent(raw))])
+        in_order = growth.growth(row, "raw in order")
+        rows.append(
+            [
+                name,
+                f"{library[0][0]:,} to {library[-1][0]:,}",
+                f"{exponent(library):.2f}",
+                f"{exponent(raw):.2f}",
+                f"{exponent(in_order):.2f}" if in_order else "",
+                whose(exponent(library), exponent(raw)),
+            ]
+        )
         images.append(f"![Cost against {name}](figures/performance-{file}.svg)")
     for file, points, name in (
-            ("checkout", values.growth("checkout, one idle", cpu=True),
-             "checkout by connections, all but one busy"),
-            ("checkout-threads", values.byThreads("checkout by threads", cpu=True),
-             "checkout by threads that share 64 connections"),
-            (None, values.growth("template by specifiers", cpu=True), "template by specifiers"),
-            (None, values.growth("escape special", cpu=True), "escaping by bytes, all special")):
-        rows.append([name, f"{points[0][0]:,} to {points[-1][0]:,}", f"{exponent(points):.2f}", "",
-                     "", whose(exponent(points), 0)])
+        (
+            "checkout",
+            values.growth("checkout, one idle", cpu=True),
+            "checkout by connections, all but one busy",
+        ),
+        (
+            "checkout-threads",
+            values.by_threads("checkout by threads", cpu=True),
+            "checkout by threads that share 64 connections",
+        ),
+        (None, values.growth("template by specifiers", cpu=True), "template by specifiers"),
+        (None, values.growth("escape special", cpu=True), "escaping by bytes, all special"),
+    ):
+        rows.append(
+            [
+                name,
+                f"{points[0][0]:,} to {points[-1][0]:,}",
+                f"{exponent(points):.2f}",
+                "",
+                "",
+                whose(exponent(points), 0),
+            ]
+        )
         if file:
             images.append(f"![Cost of a {name}](figures/performance-{file}.svg)")
     images.append("![Memory against entries](figures/performance-memory.svg)")
-    return ["### Growth", "",
-            *paragraph("Entries have seven values and some 270 bytes each; searches by attributes find "
-                       "20 entries, those by values and by bytes one."),
-            *paragraph("The exponent k of cost = c · size^k in the client's processor time, fitted by "
-                       "least squares to the logarithms where the cost has grown threefold: 1 is "
-                       "linear, 2 quadratic. The server is in the same program and answers from "
-                       "memory."),
-            *table(["by", "sizes", "library", "raw calls", "raw calls in order",
-                    "worse than linear"], rows),
-            *paragraph("Raw calls use `ldap_get_values_len`, which looks for each attribute from the "
-                       "start of the entry, and copies each value into memory of its own; of large "
-                       "values, the kernel hands that out page by page. Raw calls in order use "
-                       "`ldap_get_attribute_ber`, which does neither: what is left is the memory of "
-                       "the message itself."),
-            *[line for image in images for line in (image, "")]]
+    return [
+        "### Growth",
+        "",
+        *paragraph(
+            "Entries have seven values and some 270 bytes each; searches by attributes find "
+            "20 entries, those by values and by bytes one."
+        ),
+        *paragraph(
+            "The exponent k of cost = c · size^k in the client's processor time, fitted by "
+            "least squares to the logarithms where the cost has grown threefold: 1 is "
+            "linear, 2 quadratic. The server is in the same program and answers from "
+            "memory."
+        ),
+        *table(
+            ["by", "sizes", "library", "raw calls", "raw calls in order", "worse than linear"], rows
+        ),
+        *paragraph(
+            "Raw calls use `ldap_get_values_len`, which looks for each attribute from the "
+            "start of the entry, and copies each value into memory of its own; of large "
+            "values, the kernel hands that out page by page. Raw calls in order use "
+            "`ldap_get_attribute_ber`, which does neither: what is left is the memory of "
+            "the message itself."
+        ),
+        *[line for image in images for line in (image, "")],
+    ]
 
 
 def whose(library, raw):
@@ -303,7 +467,7 @@ def whose(library, raw):
     return "as OpenLDAP's calls" if library <= raw + 0.1 else "**the library**"
 
 
-def valueLines(measured):
+def value_lines(measured):
     rows = []
     for name in measured.values.names():
         if "by " in name or name.startswith(("checkout, one idle", "entries")):
@@ -311,69 +475,134 @@ def valueLines(measured):
         time = measured.values.time(name, cpu=True)
         rows.append([f"`{name}`", f"{time.median:,.0f} ± {time.spread:,.0f}"])
     for count in (1, 100, 10000):
-        raw, stored = (measured.scaled(f"entries, {kind}/{count}", cpu=True, unit=1000.0 * count)
-                       for kind in ("raw", "stored"))
+        raw, stored = (
+            measured.scaled(f"entries, {kind}/{count}", cpu=True, unit=1000.0 * count)
+            for kind in ("raw", "stored")
+        )
         rows.append([f"an entry of {count:,} received, raw calls", f"{raw.median * 1000:,.0f}"])
         rows.append([f"an entry of {count:,} received, stored", f"{stored.median * 1000:,.0f}"])
-    return ["### Work without a network", "", "Nanoseconds of processor time.", "",
-            *table(["", "ns"], rows)]
+    return [
+        "### Work without a network",
+        "",
+        "Nanoseconds of processor time.",
+        "",
+        *table(["", "ns"], rows),
+    ]
 
 
 COUNTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "exact", "figures.csv")
 
 
-def countedLines(path=COUNTED):
+def counted_lines(path=COUNTED):
     """What bench/exact counted last, which is the same in every run."""
     if not os.path.exists(path):
         return []
     with open(path, encoding="utf-8", newline="") as opened:
         rows = [[row["figure"], row["last"], row["limit"]] for row in csv.DictReader(opened)]
-    return ["### Counted", "",
-            *paragraph("Instructions, allocations and memory, as `scripts/bench --exact` counts them; "
-                       "it ends with 1 where one is over its limit, or worse than its last."),
-            *table(["what", "last", "limit"], rows)]
+    return [
+        "### Counted",
+        "",
+        *paragraph(
+            "Instructions, allocations and memory, as `scripts/bench --exact` counts them; "
+            "it ends with 1 where one is over its limit, or worse than its last."
+        ),
+        *table(["what", "last", "limit"], rows),
+    ]
 
 
 def drawn(measured):
     """File name and SVG of every plot."""
     free, growth, values = measured.free, measured.growth, measured.values
-    seconds = {"yLabel": plots.duration}
+    seconds = {"y_label": plots.duration}
 
     def rates(row, contenders):
-        return [(name, [(size, free.rate(row, contender, size).median)
-                        for size in free.sizes(row, contender)]) for contender, name in contenders]
+        return [
+            (
+                name,
+                [
+                    (size, free.rate(row, contender, size).median)
+                    for size in free.sizes(row, contender)
+                ],
+            )
+            for contender, name in contenders
+        ]
 
     def fitted(name, points):
         return f"{name}: exponent {exponent(points):.2f}", points
 
     yield "threads", plots.plot(
-        "Lookups by threads, a connection each", "threads", "lookups a second",
-        rates("threads", (("raw", "raw calls"), ("library", "kept connections"),
-                          ("pool", "template and pool"), ("engine", "engine"))), isLogY=False)
+        "Lookups by threads, a connection each",
+        "threads",
+        "lookups a second",
+        rates(
+            "threads",
+            (
+                ("raw", "raw calls"),
+                ("library", "kept connections"),
+                ("pool", "template and pool"),
+                ("engine", "engine"),
+            ),
+        ),
+        is_log_y=False,
+    )
     yield "window", plots.plot(
-        "Lookups by searches in flight on one connection", "searches in flight", "lookups a second",
-        rates("window", (("raw", "raw calls"), ("library", "library"))), isLogY=False)
+        "Lookups by searches in flight on one connection",
+        "searches in flight",
+        "lookups a second",
+        rates("window", (("raw", "raw calls"), ("library", "library"))),
+        is_log_y=False,
+    )
     for row, file, axis in GROWTHS:
-        lines = [fitted(name, growth.growth(row, who)) for who, name in
-                 (("raw", "raw calls"), ("library", "library"), ("raw in order", "raw calls in order"))
-                 if growth.sizes(row, who)]
-        title = (f"Processor time of a search by {axis}" if row != "connections"
-                 else "Processor time to open and bind connections")
+        lines = [
+            fitted(name, growth.growth(row, who))
+            for who, name in (
+                ("raw", "raw calls"),
+                ("library", "library"),
+                ("raw in order", "raw calls in order"),
+            )
+            if growth.sizes(row, who)
+        ]
+        title = (
+            f"Processor time of a search by {axis}"
+            if row != "connections"
+            else "Processor time to open and bind connections"
+        )
         yield file, plots.plot(title, axis, "processor time", lines, **seconds)
     yield "memory", plots.plot(
-        "Memory of stored entries", "entries of a search", "bytes",
-        [fitted("stored by the library", growth.notes("entries", "library", "heap")),
-         ("on the wire", growth.notes("entries", "wire", "bytes"))])
-    nanoseconds = lambda points: [(size, cost * 1e-9) for size, cost in points]
+        "Memory of stored entries",
+        "entries of a search",
+        "bytes",
+        [
+            fitted("stored by the library", growth.notes("entries", "library", "heap")),
+            ("on the wire", growth.notes("entries", "wire", "bytes")),
+        ],
+    )
+
+    def nanoseconds(points):
+        return [(size, cost * 1e-9) for size, cost in points]
+
     yield "checkout", plots.plot(
-        "Checkout and return, all but one connection busy", "connections in the pool",
+        "Checkout and return, all but one connection busy",
+        "connections in the pool",
         "processor time",
-        [fitted("checkout", nanoseconds(values.growth("checkout, one idle", cpu=True)))], **seconds)
+        [fitted("checkout", nanoseconds(values.growth("checkout, one idle", cpu=True)))],
+        **seconds,
+    )
     yield "checkout-threads", plots.plot(
-        "Checkouts and returns by threads, 64 connections", "threads", "checkouts a second",
-        [("checkouts", [(threads, 1e9 / cost)
-                        for threads, cost in values.byThreads("checkout by threads")])],
-        isLogY=False)
+        "Checkouts and returns by threads, 64 connections",
+        "threads",
+        "checkouts a second",
+        [
+            (
+                "checkouts",
+                [
+                    (threads, 1e9 / cost)
+                    for threads, cost in values.by_threads("checkout by threads")
+                ],
+            )
+        ],
+        is_log_y=False,
+    )
 
 
 def replaced(document, lines):
@@ -388,10 +617,18 @@ def main():
     measured = Measured(records)
     goals = targets(measured)
     lines = []
-    for part in (machineLines, lambda of: targetLines(goals), contenderLines, windowLines, threadLines,
-                 programLines, growthLines, valueLines):
+    for part in (
+        machine_lines,
+        lambda of: target_lines(goals),
+        contender_lines,
+        window_lines,
+        thread_lines,
+        program_lines,
+        growth_lines,
+        value_lines,
+    ):
         lines += part(measured)
-    lines += countedLines()
+    lines += counted_lines()
     with open(document, encoding="utf-8") as opened:
         text = replaced(opened.read(), lines)
     with open(document, "w", encoding="utf-8") as opened:
@@ -402,7 +639,7 @@ def main():
             opened.write(svg)
     for goal in goals:
         print("  ".join(cell.replace("**", "").replace("`", "") for cell in goal.row()))
-    return 1 if any(goal.isMissed() for goal in goals) else 0
+    return 1 if any(goal.is_missed() for goal in goals) else 0
 
 
 if __name__ == "__main__":

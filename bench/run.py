@@ -27,16 +27,16 @@ PINNED, FREE = "pinned", "free"
 class Scale:
     """How much is measured: under 20 minutes, or under three."""
 
-    def __init__(self, isQuick, rounds):
-        self.users = 10000 if isQuick else 100000
-        self.rounds = rounds or (3 if isQuick else 15)
-        self.fewRounds = rounds or (3 if isQuick else 9)  # of what takes seconds
-        self.block = 0.05 if isQuick else 0.25
-        self.keys = 2000 if isQuick else 10000
-        self.farKeys = 50 if isQuick else 200
-        self.repetitions = rounds or (3 if isQuick else 9)
-        self.microSeconds = 0.01 if isQuick else 0.05
-        self.growthOptions = ["--quick"] if isQuick else []
+    def __init__(self, is_quick, rounds):
+        self.users = 10000 if is_quick else 100000
+        self.rounds = rounds or (3 if is_quick else 15)
+        self.few_rounds = rounds or (3 if is_quick else 9)  # of what takes seconds
+        self.block = 0.05 if is_quick else 0.25
+        self.keys = 2000 if is_quick else 10000
+        self.far_keys = 50 if is_quick else 200
+        self.repetitions = rounds or (3 if is_quick else 9)
+        self.micro_seconds = 0.01 if is_quick else 0.05
+        self.growth_options = ["--quick"] if is_quick else []
 
 
 class Directory:
@@ -45,29 +45,43 @@ class Directory:
     def __init__(self, testbed, folder, users):
         self._testbed = testbed
         self._folder = os.path.join(folder, "slapd")
-        subprocess.run([os.path.join(testbed, "slapd-start"), self._folder, "--users", str(users),
-                        "--sizelimit", "unlimited", "--owner", str(os.getpid())],
-                       check=True, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [
+                os.path.join(testbed, "slapd-start"),
+                self._folder,
+                "--users",
+                str(users),
+                "--sizelimit",
+                "unlimited",
+                "--owner",
+                str(os.getpid()),
+            ],
+            check=True,
+            stdout=subprocess.DEVNULL,
+        )
         with open(os.path.join(self._folder, "server.env"), encoding="utf-8") as settings:
             values = dict(line.strip().split("=", 1) for line in settings if "=" in line)
-        self.port, self.securePort = int(values["LDAP_PORT"]), int(values["LDAPS_PORT"])
+        self.port, self.secure_port = int(values["LDAP_PORT"]), int(values["LDAPS_PORT"])
         self._process = int(values["SERVER_PID"])
 
     def stop(self):
-        subprocess.run([os.path.join(self._testbed, "slapd-stop"), self._folder], check=False,
-                       stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [os.path.join(self._testbed, "stop"), self._folder],
+            check=False,
+            stdout=subprocess.DEVNULL,
+        )
 
     @contextlib.contextmanager
     def sharing(self, mode):
         """With the server and this program's children on one processor, or on all."""
         everywhere = os.sched_getaffinity(0)
-        self._runOn({max(everywhere)} if mode == PINNED else everywhere)
+        self._run_on({max(everywhere)} if mode == PINNED else everywhere)
         try:
             yield
         finally:
-            self._runOn(everywhere)
+            self._run_on(everywhere)
 
-    def _runOn(self, processors):
+    def _run_on(self, processors):
         os.sched_setaffinity(0, processors)
         for thread in os.listdir(f"/proc/{self._process}/task"):
             os.sched_setaffinity(int(thread), processors)
@@ -93,27 +107,44 @@ class Output:
             yield lambda turn: print(json.dumps(turn), file=opened, flush=True)
 
 
-def firstLine(*command):
+def first_line(*command):
     done = subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, check=False)
     lines = done.stdout.decode().splitlines()
     return lines[0] if lines else ""
 
 
-def debianVersion(package):
-    return firstLine("dpkg-query", "-W", "-f=${Version}", package)
+def debian_version(package):
+    return first_line("dpkg-query", "-W", "-f=${Version}", package)
 
 
 def machine():
     with open("/proc/cpuinfo", encoding="utf-8") as info:
-        model = next((line.split(":", 1)[1].strip() for line in info if line.startswith("model name")),
-                     platform.machine())
-    return {"processors": len(os.sched_getaffinity(0)), "model": model, "kernel": platform.release(),
-            "compiler": firstLine("c++", "--version"), "date": time.strftime("%Y-%m-%d", time.gmtime()),
-            "load": os.getloadavg()[0],
-            "versions": {name: debianVersion(name) for name in (
-                "slapd", "libldap-dev", "postfix-ldap", "ldap-utils", "python3-ldap",
-                "libnet-ldap-perl", "golang-github-go-ldap-ldap-dev",
-                "libgnutls28-dev", "libc6")}}
+        model = next(
+            (line.split(":", 1)[1].strip() for line in info if line.startswith("model name")),
+            platform.machine(),
+        )
+    return {
+        "processors": len(os.sched_getaffinity(0)),
+        "model": model,
+        "kernel": platform.release(),
+        "compiler": first_line("c++", "--version"),
+        "date": time.strftime("%Y-%m-%d", time.gmtime()),
+        "load": os.getloadavg()[0],
+        "versions": {
+            name: debian_version(name)
+            for name in (
+                "slapd",
+                "libldap-dev",
+                "postfix-ldap",
+                "ldap-utils",
+                "python3-ldap",
+                "libnet-ldap-perl",
+                "golang-github-go-ldap-ldap-dev",
+                "libgnutls28-dev",
+                "libc6",
+            )
+        },
+    }
 
 
 class Measurement:
@@ -130,63 +161,112 @@ class Measurement:
         return os.path.join(self._build, "bench", name)
 
     def values(self):
-        done = subprocess.run([self._program("solvane_bench_values"), "--benchmark_format=json",
-                               f"--benchmark_min_time={self._scale.microSeconds}",
-                               f"--benchmark_repetitions={self._scale.repetitions}",
-                               "--benchmark_enable_random_interleaving=true"],
-                              check=False, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        done = subprocess.run(
+            [
+                self._program("solvane_bench_values"),
+                "--benchmark_format=json",
+                f"--benchmark_min_time={self._scale.micro_seconds}",
+                f"--benchmark_repetitions={self._scale.repetitions}",
+                "--benchmark_enable_random_interleaving=true",
+            ],
+            check=False,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
         if done.returncode != 0:
             sys.exit(f"run.py: solvane_bench_values failed: {done.stderr.decode()}")
         self._output.write("values.json", done.stdout.decode())
 
     def growth(self):
         with open(self._output.path("growth.jsonl"), "wb") as records:
-            subprocess.run([self._program("solvane_bench_growth"), *self._scale.growthOptions],
-                           check=True, stdout=records)
+            subprocess.run(
+                [self._program("solvane_bench_growth"), *self._scale.growth_options],
+                check=True,
+                stdout=records,
+            )
 
-    def _directoryRows(self, name, rounds, rows):
+    def _directory_rows(self, name, rounds, rows):
         with open(self._output.path(name), "wb") as records:
-            subprocess.run([self._program("solvane_bench_directory"),
-                            "--port", str(self._directory.port),
-                            "--secure-port", str(self._directory.securePort),
-                            "--users", str(self._scale.users), "--rounds", str(rounds),
-                            "--block", str(self._scale.block), *rows], check=True, stdout=records)
+            subprocess.run(
+                [
+                    self._program("solvane_bench_directory"),
+                    "--port",
+                    str(self._directory.port),
+                    "--secure-port",
+                    str(self._directory.secure_port),
+                    "--users",
+                    str(self._scale.users),
+                    "--rounds",
+                    str(rounds),
+                    "--block",
+                    str(self._scale.block),
+                    *rows,
+                ],
+                check=True,
+                stdout=records,
+            )
 
     def directory(self, mode):
         with self._directory.sharing(mode):
-            self._directoryRows(f"{mode}.jsonl", self._scale.rounds, ["lookups", "binds", "adds"])
-            self._directoryRows(f"{mode}-long.jsonl", self._scale.fewRounds,
-                                ["big"] if mode == PINNED else ["big", "windows", "threads"])
+            self._directory_rows(f"{mode}.jsonl", self._scale.rounds, ["lookups", "binds", "adds"])
+            self._directory_rows(
+                f"{mode}-long.jsonl",
+                self._scale.few_rounds,
+                ["big"] if mode == PINNED else ["big", "windows", "threads"],
+            )
 
     def programs(self):
         programs = bulk_lookups.Programs(self._build, self._folder)
         port = self._directory.port
         keys = bulk_lookups.Keys(self._scale.keys, self._scale.users)
-        rounds = self._scale.fewRounds
-        peers = [("raw", programs.raw), ("raw again", programs.raw),
-                 ("tool, one in flight", lambda *of: programs.tool(*of, "-j", "1", "--window", "1")),
-                 ("ldapsearch -f", programs.ldapsearch), ("postmap", programs.postmap),
-                 ("python-ldap", programs.pythonLdap), ("Net::LDAP", programs.netLdap)]
-        if programs.buildGoLdap():
-            peers.append(("go-ldap", programs.goLdap))
+        rounds = self._scale.few_rounds
+        peers = [
+            ("raw", programs.raw),
+            ("raw again", programs.raw),
+            ("tool, one in flight", lambda *of: programs.tool(*of, "-j", "1", "--window", "1")),
+            ("ldapsearch -f", programs.ldapsearch),
+            ("postmap", programs.postmap),
+            ("python-ldap", programs.python_ldap),
+            ("Net::LDAP", programs.net_ldap),
+        ]
+        if programs.build_go_ldap():
+            peers.append(("go-ldap", programs.go_ldap))
         else:
             print("go-ldap is skipped: its compiler or its module is not at hand", file=sys.stderr)
         programs.tool(port, keys)  # warms the server's caches
         with self._output.recording("programs.jsonl") as record:
             with self._directory.sharing(PINNED):
-                bulk_lookups.compare("programs", rounds,
-                                     [(name, lambda of=of: of(port, keys)) for name, of in peers],
-                                     record)
-            bulk_lookups.compare("bulk", rounds, [
-                ("postmap", lambda: programs.postmap(port, keys)),
-                ("postmap again", lambda: programs.postmap(port, keys)),
-                ("tool, one in flight", lambda: programs.tool(port, keys, "-j", "1", "--window", "1")),
-                ("tool", lambda: programs.tool(port, keys))], record)
+                bulk_lookups.compare(
+                    "programs",
+                    rounds,
+                    [(name, lambda of=of: of(port, keys)) for name, of in peers],
+                    record,
+                )
+            bulk_lookups.compare(
+                "bulk",
+                rounds,
+                [
+                    ("postmap", lambda: programs.postmap(port, keys)),
+                    ("postmap again", lambda: programs.postmap(port, keys)),
+                    (
+                        "tool, one in flight",
+                        lambda: programs.tool(port, keys, "-j", "1", "--window", "1"),
+                    ),
+                    ("tool", lambda: programs.tool(port, keys)),
+                ],
+                record,
+            )
             far = bulk_lookups.DelayProxy(port, 0.0025).port
-            few = bulk_lookups.Keys(self._scale.farKeys, self._scale.users)
-            bulk_lookups.compare("bulk, far", min(rounds, 3), [
-                ("postmap", lambda: programs.postmap(far, few)),
-                ("tool", lambda: programs.tool(far, keys))], record)
+            few = bulk_lookups.Keys(self._scale.far_keys, self._scale.users)
+            bulk_lookups.compare(
+                "bulk, far",
+                min(rounds, 3),
+                [
+                    ("postmap", lambda: programs.postmap(far, few)),
+                    ("tool", lambda: programs.tool(far, keys)),
+                ],
+                record,
+            )
 
 
 def main():
@@ -194,7 +274,9 @@ def main():
     parser.add_argument("build")
     parser.add_argument("testbed")
     parser.add_argument("output")
-    parser.add_argument("--quick", action="store_true", help="a look that takes under three minutes")
+    parser.add_argument(
+        "--quick", action="store_true", help="a look that takes under three minutes"
+    )
     parser.add_argument("--rounds", type=int, help="turns of each contender")
     arguments = parser.parse_args()
     os.environ["LDAPNOINIT"] = "1"  # the host's ldap.conf stays out
@@ -204,16 +286,18 @@ def main():
     folder = tempfile.mkdtemp(prefix="solvane-bench-")
     directory = None
     try:
-        output.write("machine.json", json.dumps({**machine(), "users": scale.users,
-                                                 "rounds": scale.rounds}))
+        output.write(
+            "machine.json", json.dumps({**machine(), "users": scale.users, "rounds": scale.rounds})
+        )
         directory = Directory(arguments.testbed, folder, scale.users)
         run = Measurement(arguments.build, directory, output, scale, folder)
-        for name, part in (("values without a network", run.values),
-                           ("growth", run.growth),
-                           ("directory, client and server on one processor",
-                            lambda: run.directory(PINNED)),
-                           ("directory, client and server free", lambda: run.directory(FREE)),
-                           ("programs beside each other", run.programs)):
+        for name, part in (
+            ("values without a network", run.values),
+            ("growth", run.growth),
+            ("directory, client and server on one processor", lambda: run.directory(PINNED)),
+            ("directory, client and server free", lambda: run.directory(FREE)),
+            ("programs beside each other", run.programs),
+        ):
             start = time.monotonic()
             part()
             print(f"{name}: {time.monotonic() - start:.0f} s", file=sys.stderr, flush=True)

@@ -80,13 +80,15 @@ sys.exit('no free ports')
 PY
 }
 
-# is_ours PID MARK: PID runs, and MARK occurs in its command line. So a number that the kernel has
-# given to another process is never taken for ours.
+# is_ours PID MARK: PID runs, and MARK occurs in its command line, or is the folder it runs in: Samba
+# writes over its command line. So a number that the kernel has given to another process is never taken
+# for ours.
 is_ours() {
     local pid=$1 mark=$2
     [[ $pid =~ ^[0-9]+$ && -d /proc/$pid ]] || return 1
     [[ $(ps -o stat= -p "$pid" 2>/dev/null) != Z* ]] || return 1
-    tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline" | grep -qF -- "$mark"
+    [[ $(readlink "/proc/$pid/cwd" 2>/dev/null) == "$mark" ]] ||
+        tr '\0' ' ' 2>/dev/null <"/proc/$pid/cmdline" | grep -qF -- "$mark"
 }
 
 # is_running PID: PID runs; for a child of this shell, whose PID the kernel cannot reuse.

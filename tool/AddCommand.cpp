@@ -1,5 +1,5 @@
 // Options of "add", its servers, and what it prints.
-#include "AddCommand.h"
+#include "Commands.h"
 
 #include "AddRun.h"
 #include "Failure.h"

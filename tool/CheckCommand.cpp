@@ -1,5 +1,5 @@
 // Settings and template, then server after server.
-#include "CheckCommand.h"
+#include "Commands.h"
 
 #include "CheckReport.h"
 #include "Failure.h"

@@ -1,12 +1,8 @@
 // Parsing with CLI11, and its complaints in one line.
 #include "CommandLine.h"
 
-#include "AddCommand.h"
-#include "CheckCommand.h"
-#include "Command.h"
-#include "ExpandCommand.h"
+#include "Commands.h"
 #include "Failure.h"
-#include "LookupCommand.h"
 #include "OpenLDAP.h"
 #include "Options.h"
 

@@ -1,5 +1,5 @@
 // Filters, the words that explain them, and the findings in a template.
-#include "ExpandCommand.h"
+#include "Commands.h"
 
 #include "Failure.h"
 #include "Template.h"

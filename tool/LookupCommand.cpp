@@ -1,5 +1,5 @@
 // Options of "lookup", and what they make of a run.
-#include "LookupCommand.h"
+#include "Commands.h"
 
 #include "Failure.h"
 #include "LookupRun.h"

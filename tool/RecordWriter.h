@@ -1,8 +1,10 @@
-// The forms in which records are written.
+// What the tool reports of one key, and the forms in which it is written.
 #ifndef SOLVANE_TOOL_RECORD_WRITER_H
 #define SOLVANE_TOOL_RECORD_WRITER_H
 
-#include "Record.h"
+#include "Outcome.h"
+
+#include <solvane/lookup/Answer.h>
 
 #include <solvart/Buffer.h>
 
@@ -12,6 +14,21 @@
 #include <vector>
 
 namespace Solvane::Tool {
+
+/// One key with its answer; each key that was given has one.
+struct Record {
+    std::string key;
+    Lookup::Answer answer;
+    /// With --single, an answer of several entries is an error. The server knows nothing of that:
+    /// the answer's outcome and code stay its own.
+    bool hasTooManyEntries = false;
+};
+
+/// "found", "notfound", "skipped" or "error".
+char const* statusOf(Record const& record);
+Outcome outcomeOf(Record const& record);
+/// What the user can do about it; empty where nothing is wrong.
+char const* remedyFor(Record const& record);
 
 /// Turns records into text, one after the other.
 class RecordWriter {

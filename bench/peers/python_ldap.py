@@ -16,7 +16,8 @@ session = ldap.initialize(uri)
 session.simple_bind_s(dn, password)
 for line in sys.stdin:
     address = line.rstrip("\n")
-    found = session.search_s(base, ldap.SCOPE_SUBTREE,
-                             f"(mail={ldap.filter.escape_filter_chars(address)})", [attribute])
+    found = session.search_s(
+        base, ldap.SCOPE_SUBTREE, f"(mail={ldap.filter.escape_filter_chars(address)})", [attribute]
+    )
     for _, attributes in found:
         print(address, attributes[attribute][0].decode(), sep="\t")

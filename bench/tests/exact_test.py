@@ -14,9 +14,10 @@ import unittest.mock
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir, "exact"))
 import compare  # noqa: E402
 
-FIGURES = [("lookup: allocations", "lookup.library allocations", None),
-           ("lookup: instructions, of those in C", "lookup.library instructions",
-            "lookup.c instructions")]
+FIGURES = [
+    ("lookup: allocations", "lookup.library allocations", None),
+    ("lookup: instructions, of those in C", "lookup.library instructions", "lookup.c instructions"),
+]
 HEADS = ["figure", "goal", "limit", "last"]
 
 
@@ -49,17 +50,20 @@ class AComparison(unittest.TestCase):
         (self.folder / "memory").write_text("lookup.library allocations 0.031\n")
         for number, (work, total) in enumerate((("lookup.library", 2600), ("lookup.c", 2000))):
             (self.folder / f"callgrind.out.{number}").write_text(
-                f"desc: Trigger: Client Request: {work}/2\ntotals: {total}\n")
+                f"desc: Trigger: Client Request: {work}/2\ntotals: {total}\n"
+            )
 
     def write(self, *rows):
         with self.figures.open("w", newline="") as file:
-            csv.writer(file).writerows([HEADS, *([name, "", limit, last] for name, limit, last in rows)])
+            csv.writer(file).writerows(
+                [HEADS, *([name, "", limit, last] for name, limit, last in rows)]
+            )
 
     def run_with(self, *options):
         said = io.StringIO()
-        with unittest.mock.patch.object(compare, "FIGURES", FIGURES), \
-                unittest.mock.patch.object(sys, "argv", ["compare.py", *options, str(self.figures), str(self.folder)]), \
-                contextlib.redirect_stdout(said):
+        with unittest.mock.patch.object(compare, "FIGURES", FIGURES), unittest.mock.patch.object(
+            sys, "argv", ["compare.py", *options, str(self.figures), str(self.folder)]
+        ), contextlib.redirect_stdout(said):
             return compare.main(), said.getvalue()
 
     def test_fails_where_what_was_nothing_is_no_longer(self):
@@ -71,7 +75,10 @@ class AComparison(unittest.TestCase):
         self.assertIn("no longer 0", said)
 
     def test_passes_where_all_is_as_it_was(self):
-        self.write(("lookup: allocations", "", "0.03"), ("lookup: instructions, of those in C", "1.4", "1.30"))
+        self.write(
+            ("lookup: allocations", "", "0.03"),
+            ("lookup: instructions, of those in C", "1.4", "1.30"),
+        )
 
         self.assertEqual(self.run_with()[0], 0)
 
@@ -89,8 +96,13 @@ class AComparison(unittest.TestCase):
         self.assertEqual(self.run_with("--update")[0], 0)
 
         rows = list(csv.reader(self.figures.read_text().splitlines()))
-        self.assertEqual(rows[1:], [["lookup: allocations", "", "", "0.03"],
-                                    ["lookup: instructions, of those in C", "", "1.2", "1.30"]])
+        self.assertEqual(
+            rows[1:],
+            [
+                ["lookup: allocations", "", "", "0.03"],
+                ["lookup: instructions, of those in C", "", "1.2", "1.30"],
+            ],
+        )
 
 
 if __name__ == "__main__":

@@ -11,8 +11,17 @@ import figures  # noqa: E402
 
 
 def turn(row, contender, number, seconds, operations=10, size=0, cpu=0.0):
-    return json.dumps({"row": row, "contender": contender, "size": size, "round": number,
-                       "operations": operations, "seconds": seconds, "cpu": cpu})
+    return json.dumps(
+        {
+            "row": row,
+            "contender": contender,
+            "size": size,
+            "round": number,
+            "operations": operations,
+            "seconds": seconds,
+            "cpu": cpu,
+        }
+    )
 
 
 class Spread(unittest.TestCase):
@@ -77,12 +86,18 @@ class AnExponent(unittest.TestCase):
 
 class RecordsOfAProgram(unittest.TestCase):
     def setUp(self):
-        self.records = figures.Records([
-            "a line that is none",
-            turn("lookup", "raw", 0, 1.0, cpu=0.5), turn("lookup", "library", 0, 2.0, cpu=0.6),
-            turn("lookup", "library", 1, 4.0, cpu=0.9), turn("lookup", "raw", 1, 1.0, cpu=0.5),
-            turn("values", "raw", 0, 3.0, size=100), turn("values", "raw", 0, 1.0, size=10),
-            json.dumps({"row": "values", "contender": "wire", "size": 10, "bytes": 77})])
+        self.records = figures.Records(
+            [
+                "a line that is none",
+                turn("lookup", "raw", 0, 1.0, cpu=0.5),
+                turn("lookup", "library", 0, 2.0, cpu=0.6),
+                turn("lookup", "library", 1, 4.0, cpu=0.9),
+                turn("lookup", "raw", 1, 1.0, cpu=0.5),
+                turn("values", "raw", 0, 3.0, size=100),
+                turn("values", "raw", 0, 1.0, size=10),
+                json.dumps({"row": "values", "contender": "wire", "size": 10, "bytes": 77}),
+            ]
+        )
 
     def test_give_rates_by_operation(self):
         self.assertEqual(self.records.rate("lookup", "library"), (3.75, 1.25, 2))
@@ -108,13 +123,29 @@ class RecordsOfAProgram(unittest.TestCase):
 class RunsOfGoogleBenchmark(unittest.TestCase):
     def setUp(self):
         def run(name, real, cpu, kind="iteration"):
-            return {"run_name": name, "run_type": kind, "real_time": real, "cpu_time": cpu,
-                    "time_unit": "ns"}
-        self.runs = figures.Microbenchmarks(json.dumps({"benchmarks": [
-            run("escape/256", 100, 90), run("escape/16", 5, 4), run("escape/16", 7, 6),
-            run("escape/16", 9, 8),
-            run("escape/16", 999, 999, "aggregate"),
-            run("escape/16/threads:10", 1, 9), run("escape/16/threads:2", 3, 9)]}))
+            return {
+                "run_name": name,
+                "run_type": kind,
+                "real_time": real,
+                "cpu_time": cpu,
+                "time_unit": "ns",
+            }
+
+        self.runs = figures.Microbenchmarks(
+            json.dumps(
+                {
+                    "benchmarks": [
+                        run("escape/256", 100, 90),
+                        run("escape/16", 5, 4),
+                        run("escape/16", 7, 6),
+                        run("escape/16", 9, 8),
+                        run("escape/16", 999, 999, "aggregate"),
+                        run("escape/16/threads:10", 1, 9),
+                        run("escape/16/threads:2", 3, 9),
+                    ]
+                }
+            )
+        )
 
     def test_have_a_median_of_their_repetitions(self):
         self.assertEqual(self.runs.time("escape/16"), (7, 2, 3))
@@ -128,7 +159,7 @@ class RunsOfGoogleBenchmark(unittest.TestCase):
         self.assertEqual(self.runs.growth("escape"), [(16, 7), (256, 100)])
 
     def test_grow_by_their_threads(self):
-        self.assertEqual(self.runs.byThreads("escape"), [(2, 3), (10, 1)])
+        self.assertEqual(self.runs.by_threads("escape"), [(2, 3), (10, 1)])
 
 
 if __name__ == "__main__":

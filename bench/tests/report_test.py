@@ -18,28 +18,30 @@ def figure(median, spread=0.01):
 
 class ATarget(unittest.TestCase):
     def test_is_met_at_its_bound(self):
-        self.assertEqual(report.noLessThan("rate", 0.98, figure(0.98)).verdict(), "met")
-        self.assertEqual(report.noMoreThan("time", 4, figure(4.0)).verdict(), "met")
+        self.assertEqual(report.no_less_than("rate", 0.98, figure(0.98)).verdict(), "met")
+        self.assertEqual(report.no_more_than("time", 4, figure(4.0)).verdict(), "met")
 
     def test_is_missed_beyond_the_noise(self):
-        target = report.noLessThan("rate", 0.98, figure(0.90), again=figure(1.02, 0.03))
+        target = report.no_less_than("rate", 0.98, figure(0.90), again=figure(1.02, 0.03))
 
-        self.assertTrue(target.isMissed())
+        self.assertTrue(target.is_missed())
         self.assertEqual(target.verdict(), "**missed**")
 
     def test_is_not_judged_within_the_noise(self):
-        target = report.noLessThan("rate", 0.98, figure(0.94), again=figure(1.02, 0.03))
+        target = report.no_less_than("rate", 0.98, figure(0.94), again=figure(1.02, 0.03))
 
-        self.assertFalse(target.isMissed())
+        self.assertFalse(target.is_missed())
         self.assertEqual(target.verdict(), "missed by less than the noise")
 
     def test_of_a_most_is_missed_above(self):
-        self.assertTrue(report.noMoreThan("time", 4, figure(5, 0.5)).isMissed())
-        self.assertFalse(report.noMoreThan("time", 4, figure(4.4, 0.5)).isMissed())
+        self.assertTrue(report.no_more_than("time", 4, figure(5, 0.5)).is_missed())
+        self.assertFalse(report.no_more_than("time", 4, figure(4.4, 0.5)).is_missed())
 
     def test_shows_bound_and_figure_with_their_unit(self):
-        self.assertEqual(report.noMoreThan("time", 4, figure(3.5, 0.25), unit=" µs").row(),
-                         ["time", "≤ 4 µs", "3.50 ± 0.25 µs", "met"])
+        self.assertEqual(
+            report.no_more_than("time", 4, figure(3.5, 0.25), unit=" µs").row(),
+            ["time", "≤ 4 µs", "3.50 ± 0.25 µs", "met"],
+        )
 
 
 class Growth(unittest.TestCase):
@@ -53,15 +55,24 @@ class TheDocument(unittest.TestCase):
     def test_changes_between_its_markers_alone(self):
         text = f"before\n{report.BEGIN}\nold\n{report.END}\nafter\n"
 
-        self.assertEqual(report.replaced(text, ["new", ""]),
-                         f"before\n{report.BEGIN}\nnew\n{report.END}\nafter\n")
+        self.assertEqual(
+            report.replaced(text, ["new", ""]),
+            f"before\n{report.BEGIN}\nnew\n{report.END}\nafter\n",
+        )
 
 
 class APlot(unittest.TestCase):
     def setUp(self):
-        self.svg = plots.plot("Cost & size", "size", "cost",
-                              [("raw <1>", [(1, 0.001), (10, 0.01), (100, 0.1)]),
-                               ("library", [(1, 0.002), (100, 0.2)])], yLabel=plots.duration)
+        self.svg = plots.plot(
+            "Cost & size",
+            "size",
+            "cost",
+            [
+                ("raw <1>", [(1, 0.001), (10, 0.01), (100, 0.1)]),
+                ("library", [(1, 0.002), (100, 0.2)]),
+            ],
+            y_label=plots.duration,
+        )
         self.root = xml.etree.ElementTree.fromstring(self.svg)
 
     def test_has_a_mark_for_every_point(self):
@@ -74,16 +85,22 @@ class APlot(unittest.TestCase):
         self.assertEqual((len(circles), len(squares)), (4, 3))
 
     def test_puts_equal_factors_at_equal_distances(self):
-        places = [float(each.get("cx"))
-                  for each in self.root.findall("{http://www.w3.org/2000/svg}circle")[:3]]
+        places = [
+            float(each.get("cx"))
+            for each in self.root.findall("{http://www.w3.org/2000/svg}circle")[:3]
+        ]
 
         self.assertAlmostEqual(places[1] - places[0], places[2] - places[1], places=0)
 
     def test_names_ticks_with_units(self):
-        self.assertEqual([plots.duration(2e-6), plots.duration(0.5), plots.duration(3)],
-                         ["2 µs", "500 ms", "3 s"])
-        self.assertEqual([plots.short(10000), plots.short(2.5e6), plots.short(4096), plots.short(7)],
-                         ["10k", "2.5M", "4,096", "7"])
+        self.assertEqual(
+            [plots.duration(2e-6), plots.duration(0.5), plots.duration(3)],
+            ["2 µs", "500 ms", "3 s"],
+        )
+        self.assertEqual(
+            [plots.short(10000), plots.short(2.5e6), plots.short(4096), plots.short(7)],
+            ["10k", "2.5M", "4,096", "7"],
+        )
 
 
 if __name__ == "__main__":

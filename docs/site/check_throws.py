@@ -25,7 +25,9 @@ def sources():
         for line in path.read_text().splitlines():
             found = re.match(r'constexpr char unit\[\] = "(\w+)\.cpp";', line)
             unit = found.group(1) if found else unit
-            found = re.match(r"constexpr ThrowSite +\w+ *\{ unit, +(\d+), Fault::(\w+), +Stage::(\w+) *\};", line)
+            found = re.match(
+                r"constexpr ThrowSite +\w+ *\{ unit, +(\d+), Fault::(\w+), +Stage::(\w+) *\};", line
+            )
             if found:
                 sites[unit, int(found.group(1))] = numbers[found.group(2)], numbers[found.group(3)]
     return sites
@@ -33,7 +35,9 @@ def sources():
 
 def guide():
     """The same from the tables of the guide; the first type of a place counts."""
-    rows = re.findall(r"^\| (\w+) \| (\d+) \| (\d) \| (\d)", (ROOT / "docs/guide/errors.md").read_text(), re.M)
+    rows = re.findall(
+        r"^\| (\w+) \| (\d+) \| (\d) \| (\d)", (ROOT / "docs/guide/errors.md").read_text(), re.M
+    )
     return {(unit, int(line)): (int(code), int(kind)) for unit, line, code, kind in rows}
 
 
@@ -43,7 +47,8 @@ def headers():
         for path in sorted((ROOT / folder).rglob("*.h")):
             text = re.sub(r"\n *///(?!<)? *", " ", path.read_text())
             for code, kind, places in re.findall(
-                    r"code (\d), type (\d),((?: (?:and )?\w+\.cpp:\d+(?: and \d+)?,?)+)", text):
+                r"code (\d), type (\d),((?: (?:and )?\w+\.cpp:\d+(?: and \d+)?,?)+)", text
+            ):
                 unit = None
                 for name, line in re.findall(r"(?:(\w+)\.cpp:| and )(\d+)", places):
                     unit = name or unit
@@ -76,7 +81,9 @@ def main():
         sys.exit("src/*.cpp: no tables of places that throw")
     null_handles = {place for place, numbers in sites.items() if numbers == (1, 0)}
     faults = list(differences("docs/guide/errors.md", guide(), sites, sites.keys()))
-    faults += differences("docs/diagrams/exceptions.dot", diagram(), sites, sites.keys() - null_handles)
+    faults += differences(
+        "docs/diagrams/exceptions.dot", diagram(), sites, sites.keys() - null_handles
+    )
     told = {}
     for path, unit, line, code, kind in headers():
         told[unit, line] = code, kind

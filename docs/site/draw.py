@@ -14,9 +14,21 @@ import sys
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 FOLDER = ROOT / "docs/diagrams"
-DEFAULTS = ["-Gbgcolor=transparent", "-Gfontname=Helvetica", "-Gfontsize=11", "-Gnodesep=0.35", "-Granksep=0.45",
-            "-Nshape=box", "-Nstyle=rounded", "-Nfontname=Helvetica", "-Nfontsize=11", "-Nmargin=0.16,0.08",
-            "-Efontname=Helvetica", "-Efontsize=10", "-Earrowsize=0.7"]
+DEFAULTS = [
+    "-Gbgcolor=transparent",
+    "-Gfontname=Helvetica",
+    "-Gfontsize=11",
+    "-Gnodesep=0.35",
+    "-Granksep=0.45",
+    "-Nshape=box",
+    "-Nstyle=rounded",
+    "-Nfontname=Helvetica",
+    "-Nfontsize=11",
+    "-Nmargin=0.16,0.08",
+    "-Efontname=Helvetica",
+    "-Efontsize=10",
+    "-Earrowsize=0.7",
+]
 # Presentation attributes give way to rules, so the colours are all here.
 STYLE = """<style>
 text { font-family: Helvetica, "Liberation Sans", Arial, sans-serif; fill: #1d2733; }
@@ -45,9 +57,15 @@ def stamp(text):
 
 def draw(source):
     text = source.read_text()
-    drawn = subprocess.run(["dot", "-Tsvg", *DEFAULTS], input=text, capture_output=True, text=True, check=True,
-                           timeout=60)
-    body = drawn.stdout[drawn.stdout.index("<svg"):]
+    drawn = subprocess.run(
+        ["dot", "-Tsvg", *DEFAULTS],
+        input=text,
+        capture_output=True,
+        text=True,
+        check=True,
+        timeout=60,
+    )
+    body = drawn.stdout[drawn.stdout.index("<svg") :]
     body = re.sub(r"<title>.*?</title>\n?|<!--.*?-->\n?", "", body, flags=re.S)
     body = body.replace(">", f">\n<!-- {source.name}, {stamp(text)} -->\n{STYLE}", 1)
     source.with_suffix(".svg").write_text(body)
@@ -55,12 +73,18 @@ def draw(source):
 
 def main(only_checks):
     sources = sorted(FOLDER.glob("*.dot"))
-    behind = [source for source in sources
-              if not source.with_suffix(".svg").exists()
-              or stamp(source.read_text()) not in source.with_suffix(".svg").read_text()]
+    behind = [
+        source
+        for source in sources
+        if not source.with_suffix(".svg").exists()
+        or stamp(source.read_text()) not in source.with_suffix(".svg").read_text()
+    ]
     if only_checks:
         for source in behind:
-            print(f"docs/diagrams/{source.name}: its drawing is behind; scripts/site --draw", file=sys.stderr)
+            print(
+                f"docs/diagrams/{source.name}: its drawing is behind; scripts/site --draw",
+                file=sys.stderr,
+            )
         return 1 if behind else 0
     for source in behind:
         draw(source)

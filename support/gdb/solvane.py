@@ -18,8 +18,9 @@ LONGEST = 200  # characters of a text
 
 def quoted(data, longest=LONGEST):
     """Bytes as a text on one line; what is no ASCII, as any locale of gdb's can print it."""
+
     def shown(byte):
-        return chr(byte) if 0x20 <= byte < 0x7f and byte not in b'"\\' else f"\\x{byte:02x}"
+        return chr(byte) if 0x20 <= byte < 0x7F and byte not in b'"\\' else f"\\x{byte:02x}"
 
     return '"' + "".join(map(shown, data[:longest])) + '"' + ("..." if len(data) > longest else "")
 
@@ -27,7 +28,11 @@ def quoted(data, longest=LONGEST):
 def bytes_of(string):
     """The bytes of a std::string."""
     length = int(string["_M_string_length"])
-    return bytes(gdb.selected_inferior().read_memory(int(string["_M_dataplus"]["_M_p"]), length)) if length else b""
+    return (
+        bytes(gdb.selected_inferior().read_memory(int(string["_M_dataplus"]["_M_p"]), length))
+        if length
+        else b""
+    )
 
 
 def elements(values):
@@ -74,18 +79,22 @@ def type_text(handle):
     body = body_of(handle)
     if body is None:
         return b"(null handle)"
-    return b";".join([bytes_of(body["m_type"]), *(bytes_of(option) for option in elements(body["m_options"]))])
+    return b";".join(
+        [bytes_of(body["m_type"]), *(bytes_of(option) for option in elements(body["m_options"]))]
+    )
 
 
 def tokens(semaphore):
     """How many tokens a semaphore has: in the C library, the lower half of its first eight bytes."""
     start = int(semaphore["m_semaphore"].address)
-    return int.from_bytes(gdb.selected_inferior().read_memory(start, 8), sys.byteorder) & 0xffffffff
+    return int.from_bytes(gdb.selected_inferior().read_memory(start, 8), sys.byteorder) & 0xFFFFFFFF
 
 
 def server_uri(pointer):
     server = pointer["px"]
-    return bytes_of(server["uri"]["m_text"]).decode(errors="replace") if int(server) else "no server"
+    return (
+        bytes_of(server["uri"]["m_text"]).decode(errors="replace") if int(server) else "no server"
+    )
 
 
 class Printer:
@@ -163,16 +172,30 @@ class Entry(Printer):
 class Result(Printer):
     """What was answered so far, and its entries as children."""
 
-    KINDS = ("nothing yet", "bind", "search entry", "search reference", "search", "modify", "add", "delete",
-             "modify DN", "compare", "extended")
+    KINDS = (
+        "nothing yet",
+        "bind",
+        "search entry",
+        "search reference",
+        "search",
+        "modify",
+        "add",
+        "delete",
+        "modify DN",
+        "compare",
+        "extended",
+    )
 
     def to_string(self):
         body = body_of(self.value)
         if body is None:
             return "null handle: nothing has been answered"
         text = bytes_of(body["m_errorMessage"])
-        return (f"result: {self.KINDS[int(body['m_resultType'])]}, code {int(body['m_resultCode'])}"
-                + (f" {quoted(text)}" if text else "") + f", {handles(body)}")
+        return (
+            f"result: {self.KINDS[int(body['m_resultType'])]}, code {int(body['m_resultCode'])}"
+            + (f" {quoted(text)}" if text else "")
+            + f", {handles(body)}"
+        )
 
     def children(self):
         body = body_of(self.value)
@@ -190,7 +213,9 @@ class Connection(Printer):
         if body is None:
             return "null handle"
         dn = bytes_of(body["m_bindDn"])
-        parts = [f"connection to {server_uri(body['m_server'])}" + (f" as {quoted(dn)}" if dn else "")]
+        parts = [
+            f"connection to {server_uri(body['m_server'])}" + (f" as {quoted(dn)}" if dn else "")
+        ]
         if bool(body["m_sessionEnded"]):
             parts.append("session ended")
         if tokens(body["m_available"]) == 0:

@@ -80,11 +80,15 @@ def section(faults, cells, versions):
     limited = sum(cell["limited"] for cell in run)
     failed = sum(cell["failed"] for cell in run)
     yield START
-    yield (f"{tried} cases in {len(run)} cells; {failed} failed, {limited} showed a known limit. "
-           f"Versions: {', '.join(versions)}.")
+    yield (
+        f"{tried} cases in {len(run)} cells; {failed} failed, {limited} showed a known limit. "
+        f"Versions: {', '.join(versions)}."
+    )
     yield ""
-    yield ("`✓ 12 +3`: 12 cases passed, 3 more showed a [known limit](#known-limits). `✗ 2`: 2 "
-           "failed. `–`: [not applicable](#cells-without-a-case).")
+    yield (
+        "`✓ 12 +3`: 12 cases passed, 3 more showed a [known limit](#known-limits). `✗ 2`: 2 "
+        "failed. `–`: [not applicable](#cells-without-a-case)."
+    )
     yield ""
     yield from matrix(faults, cells)
     yield ""

@@ -9,6 +9,10 @@
 #include <string>
 #include <vector>
 
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 /// libFuzzer's entry, and the replay's.
 extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size);
 
@@ -45,6 +49,25 @@ inline std::vector<std::string> piecesOf(std::string const& input, std::size_t c
     pieces.resize(count);
     return pieces;
 }
+
+/// The input as a file in memory, for its owner only.
+class InputFile {
+public:
+    InputFile(std::uint8_t const* data, std::size_t size) : m_file(memfd_create("input", 0))
+    {
+        require(fchmod(m_file, 0600) == 0 &&
+                    write(m_file, data, size) == static_cast<ssize_t>(size),
+                "the input fits into memory");
+    }
+    ~InputFile() { close(m_file); }
+    InputFile(InputFile const&) = delete;
+    InputFile& operator=(InputFile const&) = delete;
+
+    std::string path() const { return "/proc/self/fd/" + std::to_string(m_file); }
+
+private:
+    int m_file;
+};
 
 } // namespace SolvaneTest
 

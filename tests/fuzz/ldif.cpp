@@ -1,5 +1,4 @@
 // LDIF from anywhere: each record is an entry or a fault with its line, and the reader ends.
-#include "InputFile.h"
 #include "LdifReader.h"
 #include "Target.h"
 

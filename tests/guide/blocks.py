@@ -47,8 +47,12 @@ class Block:
         begin = 0
         while begin < len(self.lines) and re.match(r"#include|$", self.lines[begin]):
             begin += 1
-        return (self._part(page, 0, begin) + f"void block({self.mode.group(2)})\n{{\n"
-                + self._part(page, begin, len(self.lines)) + "}\n")
+        return (
+            self._part(page, 0, begin)
+            + f"void block({self.mode.group(2)})\n{{\n"
+            + self._part(page, begin, len(self.lines))
+            + "}\n"
+        )
 
     def _part(self, page, begin, end):
         lines = "".join(line + "\n" for line in self.lines[begin:end])
@@ -64,7 +68,7 @@ def blocks(text):
             if line.strip() == fence.group(2):
                 fence, block = None, None
             elif block is not None:
-                block.lines.append(line[len(fence.group(1)):] if line.strip() else "")
+                block.lines.append(line[len(fence.group(1)) :] if line.strip() else "")
         elif match:
             fence = match
             language = match.group(3).strip()
@@ -78,7 +82,9 @@ def blocks(text):
         if fence is None and line.lstrip().startswith("<!-- compile"):
             mode = MODE.match(line)
             if mode is None:
-                raise Fault(f"{number}: expected 'function (PARAMETERS)', 'continued' or 'no, REASON'")
+                raise Fault(
+                    f"{number}: expected 'function (PARAMETERS)', 'continued' or 'no, REASON'"
+                )
     if fence is not None or mode is not None:
         raise Fault("the last block is not complete")
     return found
@@ -96,8 +102,8 @@ def sources(page, text):
                 raise Fault(f"{block.number}: there is no block to continue")
             files[-1] += block.text(page)
         else:
-            isProgram = any(re.match(r"int main\(", line) for line in block.lines)
-            files.append(("" if isProgram else PRELUDE) + block.text(page))
+            is_program = any(re.match(r"int main\(", line) for line in block.lines)
+            files.append(("" if is_program else PRELUDE) + block.text(page))
     return files
 
 

@@ -13,114 +13,134 @@ import pathlib
 import re
 import sys
 
-KINDS = ('slapd', '389', 'samba')
+KINDS = ("slapd", "389", "samba")
 TOP = pathlib.Path(__file__).resolve().parents[2]
-ABSENT = '–'
+ABSENT = "–"
 
 
 class Server:
     """What the tests found out about a server."""
 
     def __init__(self, folder, kind):
-        name, self.version = (folder / f'{kind}.name').read_text().splitlines()
+        name, self.version = (folder / f"{kind}.name").read_text().splitlines()
         self.name = name
-        report = json.loads((folder / f'{kind}.json').read_text())
-        self.tests = [test for suite in report['testsuites'] for test in suite['testsuite']]
+        report = json.loads((folder / f"{kind}.json").read_text())
+        self.tests = [test for suite in report["testsuites"] for test in suite["testsuite"]]
         self.measured = {}
         for test in self.tests:
             self.measured.update(test)
 
     def counts(self, suite=None):
         """Tests run, and those of them that passed; skipped ones count as neither."""
-        run = [test for test in self.tests
-               if test['result'] == 'COMPLETED' and suite in (None, test['classname'])]
-        return len(run), sum('failures' not in test for test in run)
+        run = [
+            test
+            for test in self.tests
+            if test["result"] == "COMPLETED" and suite in (None, test["classname"])
+        ]
+        return len(run), sum("failures" not in test for test in run)
 
     def suites(self):
-        return list(dict.fromkeys(test['classname'] for test in self.tests))
+        return list(dict.fromkeys(test["classname"] for test in self.tests))
 
     def __getitem__(self, name):
-        return self.measured.get(name, '')
+        return self.measured.get(name, "")
 
 
 def shown(text):
     """As a cell of a table."""
-    return str(text).strip(' :').replace('|', r'\|') or ABSENT
+    return str(text).strip(" :").replace("|", r"\|") or ABSENT
 
 
 def code(name, good, text=None):
     """A cell for a result code, with the server's own text."""
+
     def cell(server):
-        if server[name] == '':
+        if server[name] == "":
             return ABSENT
         if int(server[name]) == 0:
             return good
         words = shown(server[text]) if text else ABSENT
-        return f'code {server[name]}' + ('' if words == ABSENT else f': {words}')
+        return f"code {server[name]}" + ("" if words == ABSENT else f": {words}")
+
     return cell
 
 
 def plain(name, quoted=False):
     def cell(server):
         text = shown(server[name])
-        return f'`{text}`' if quoted and text != ABSENT else text
+        return f"`{text}`" if quoted and text != ABSENT else text
+
     return cell
 
 
 def limit(name):
     def cell(server):
-        entries = server[f'{name}_entries']
-        return (f'code {server[name]} after {entries} entries' if int(server[name])
-                else f'none: all {entries} entries')
+        entries = server[f"{name}_entries"]
+        return (
+            f"code {server[name]} after {entries} entries"
+            if int(server[name])
+            else f"none: all {entries} entries"
+        )
+
     return cell
 
 
 def check(server):
-    warned = server['check_who_am_i'] == 'warning'
-    return f'exit status {server["check"]}' + (', "who am I" a warning' if warned else '')
+    warned = server["check_who_am_i"] == "warning"
+    return f'exit status {server["check"]}' + (', "who am I" a warning' if warned else "")
 
 
 DIFFERENCES = (
-    ('names to bind with, beside the DN', lambda server: ', '.join(
-        f'`{name}`' for name in server['other_bind_names'].split()) or ABSENT),
-    ('password without TLS', code('plain_bind', 'taken', 'plain_bind_text')),
-    ('wrong password', code('wrong_password', '', 'wrong_password_text')),
-    ('bind of protocol version 2', code('version_2', 'taken')),
-    ('search without a bind', code('anonymous_search', 'answered', 'anonymous_search_text')),
-    ('"Who am I?"', lambda server: f'`{server["who_am_i"]}`' if server['who_am_i']
-     else 'not supported: `Unconfirmed`'),
-    ('7 entries, the search limited to 5', limit('client_limit')),
-    ('all people; the first two are set to 500', limit('server_limit')),
-    ('references in a search from the top', plain('references_from_the_top')),
-    ('base search of a referral entry', code('at_referral_entry', 'a reference, code 0')),
-    ('missing base: what it says exists', plain('missing_base_matched', quoted=True)),
-    ('request for types without values', plain('types_only')),
-    ('add of `description;lang-fr`', code('language_option', 'stored')),
-    ('a person\'s certificate', plain('certificate', quoted=True)),
-    ('add of `userCertificate;binary`', code('binary_option', 'stored')),
-    ('add with an unknown type', code('undefined_type', 'stored')),
-    ('TLS', plain('tls')),
-    ('`check` with `ldaps://`', check),
-    ('`check` with `ldap://`', lambda server: f'exit status {server["check_without_tls"]}'),
+    (
+        "names to bind with, beside the DN",
+        lambda server: ", ".join(f"`{name}`" for name in server["other_bind_names"].split())
+        or ABSENT,
+    ),
+    ("password without TLS", code("plain_bind", "taken", "plain_bind_text")),
+    ("wrong password", code("wrong_password", "", "wrong_password_text")),
+    ("bind of protocol version 2", code("version_2", "taken")),
+    ("search without a bind", code("anonymous_search", "answered", "anonymous_search_text")),
+    (
+        '"Who am I?"',
+        lambda server: f'`{server["who_am_i"]}`'
+        if server["who_am_i"]
+        else "not supported: `Unconfirmed`",
+    ),
+    ("7 entries, the search limited to 5", limit("client_limit")),
+    ("all people; the first two are set to 500", limit("server_limit")),
+    ("references in a search from the top", plain("references_from_the_top")),
+    ("base search of a referral entry", code("at_referral_entry", "a reference, code 0")),
+    ("missing base: what it says exists", plain("missing_base_matched", quoted=True)),
+    ("request for types without values", plain("types_only")),
+    ("add of `description;lang-fr`", code("language_option", "stored")),
+    ("a person's certificate", plain("certificate", quoted=True)),
+    ("add of `userCertificate;binary`", code("binary_option", "stored")),
+    ("add with an unknown type", code("undefined_type", "stored")),
+    ("TLS", plain("tls")),
+    ("`check` with `ldaps://`", check),
+    ("`check` with `ldap://`", lambda server: f'exit status {server["check_without_tls"]}'),
 )
 
 
 def table(servers, rows):
-    lines = [['', *(server.name for server in servers)],
-             ['---'] * (len(servers) + 1)]
+    lines = [["", *(server.name for server in servers)], ["---"] * (len(servers) + 1)]
     lines += [[label, *(cell(server) for server in servers)] for label, cell in rows]
-    return ''.join(f'| {" | ".join(line)} |\n' for line in lines).replace('|  |', '| |')
+    return "".join(f'| {" | ".join(line)} |\n' for line in lines).replace("|  |", "| |")
 
 
 def passed(suite=None):
-    return lambda server: '{1} of {0} passed'.format(*server.counts(suite))
+    return lambda server: "{1} of {0} passed".format(*server.counts(suite))
 
 
 def replace(path, text):
     """Puts text between the markers of a file."""
     old = path.read_text()
-    new, count = re.subn(r'(?<=<!-- servers -->\n).*?(?=<!-- /servers -->)', lambda _: f'\n{text}\n',
-                         old, flags=re.DOTALL)
+    new, count = re.subn(
+        r"(?<=<!-- servers -->\n).*?(?=<!-- /servers -->)",
+        lambda _: f"\n{text}\n",
+        old,
+        flags=re.DOTALL,
+    )
     if not count:
         sys.exit(f'report.py: {path.name} has no lines "<!-- servers -->" and "<!-- /servers -->"')
     path.write_text(new)
@@ -128,23 +148,30 @@ def replace(path, text):
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
-    parser.add_argument('folder', type=pathlib.Path)
-    parser.add_argument('--write', action='store_true', help='write the tables into the documents')
+    parser.add_argument("folder", type=pathlib.Path)
+    parser.add_argument("--write", action="store_true", help="write the tables into the documents")
     arguments = parser.parse_args()
-    servers = [Server(arguments.folder, kind) for kind in KINDS
-               if (arguments.folder / f'{kind}.json').exists()]
+    servers = [
+        Server(arguments.folder, kind)
+        for kind in KINDS
+        if (arguments.folder / f"{kind}.json").exists()
+    ]
     if not servers or arguments.write and len(servers) < len(KINDS):
-        sys.exit('report.py: not all servers were tested')
+        sys.exit("report.py: not all servers were tested")
 
-    version = ('version', lambda server: server.version)
-    differences = table(servers, [version, ('tests', passed()), *DIFFERENCES])
-    suites = table(servers, [version, *((suite, passed(suite)) for suite in servers[0].suites()),
-                             ('all', passed())])
+    version = ("version", lambda server: server.version)
+    differences = table(servers, [version, ("tests", passed()), *DIFFERENCES])
+    suites = table(
+        servers,
+        [version, *((suite, passed(suite)) for suite in servers[0].suites()), ("all", passed())],
+    )
     if arguments.write:
-        replace(TOP / 'docs/guide/servers.md', differences)
-        if (TOP / 'docs/reliability.md').exists():
-            replace(TOP / 'docs/reliability.md',
-                    f'{suites}\nHow they differ: [Directory servers](guide/servers.md#what-differs).\n')
+        replace(TOP / "docs/guide/servers.md", differences)
+        if (TOP / "docs/reliability.md").exists():
+            replace(
+                TOP / "docs/reliability.md",
+                f"{suites}\nHow they differ: [Directory servers](guide/servers.md#what-differs).\n",
+            )
     print(differences)
     print(suites)
     sys.exit(any(run != good for run, good in (server.counts() for server in servers)))

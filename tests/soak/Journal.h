@@ -1,9 +1,12 @@
-// When lookups succeeded and when they did not, in memory that is taken before the load begins.
+// What a load keeps of its lookups, in memory that is taken before it begins: when they succeeded, when
+// they did not, and how long they took.
 #ifndef SOLVANE_TESTS_SOAK_JOURNAL_H
 #define SOLVANE_TESTS_SOAK_JOURNAL_H
 
+#include <array>
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <vector>
 
 namespace SolvaneTest {
@@ -52,6 +55,28 @@ private:
     std::vector<Span> m_spans;
     Clock::time_point m_since;
     bool m_isWaiting = false;
+};
+
+/// A histogram of times with a resolution of 1/32: exact up to 63 microseconds, then 32 ranges to
+/// each power of two. A process whose memory is watched must not keep every measurement.
+class Latencies {
+public:
+    void add(std::chrono::nanoseconds time);
+    void add(Latencies const& other);
+
+    std::uint64_t count() const { return m_count; }
+    /// The end of the range in which `share` (0 to 1) of all times are done. Not of no times at all.
+    double milliseconds(double share) const;
+
+private:
+    static constexpr unsigned int subBits = 5;
+    static constexpr std::size_t size = 64 + (40 << subBits);
+
+    static std::size_t indexOf(std::uint64_t microseconds);
+    static double endOf(std::size_t index);
+
+    std::array<std::uint64_t, size> m_counts{};
+    std::uint64_t m_count = 0;
 };
 
 } // namespace SolvaneTest

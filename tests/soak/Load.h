@@ -3,7 +3,6 @@
 #define SOLVANE_TESTS_SOAK_LOAD_H
 
 #include "Journal.h"
-#include "Latencies.h"
 #include "Ways.h"
 
 #include <chrono>

@@ -20,67 +20,89 @@ class Provider:
         self.down = []  # [from, to] of each time in which it did not answer; to: None until it does
 
     def _script(self, name, *arguments):
-        subprocess.run([os.path.join(self._testbed, name), self._folder, *arguments], check=True,
-                       timeout=DEADLINE, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [os.path.join(self._testbed, name), self._folder, *arguments],
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
 
     def _signal(self, number):
         with open(os.path.join(self._folder, "slapd.pid"), encoding="ascii") as file:
             os.kill(int(file.read()), number)
 
-    def _goesDown(self):
+    def _goes_down(self):
         self.down.append([time.monotonic(), None])
 
-    def _isUp(self):
+    def _is_up(self):
         self.down[-1][1] = time.monotonic()
 
     def crash(self):
-        self._goesDown()
+        self._goes_down()
         self._signal(signal.SIGKILL)
 
     def hang(self):
-        self._goesDown()
+        self._goes_down()
         self._signal(signal.SIGSTOP)
 
-    def goOn(self):
+    def go_on(self):
         self._signal(signal.SIGCONT)
-        self._isUp()
+        self._is_up()
 
-    def shutDown(self):
-        self._goesDown()
-        self._script("slapd-stop", "--keep")
+    def shut_down(self):
+        self._goes_down()
+        self._script("stop", "--keep")
 
-    def comeBack(self):
+    def come_back(self):
         """Returns when it answers."""
         self._script("slapd-run")
-        self._isUp()
+        self._is_up()
 
 
 class Cluster:
     """Replicated servers behind a balancer, for the length of a `with`."""
 
-    def __init__(self, testbed, folder, users, idleSeconds):
+    def __init__(self, testbed, folder, users, idle_seconds):
         self._testbed = testbed
         self._folder = folder
-        self._options = ["--users", str(users), "--idle", str(idleSeconds), "--owner",
-                         str(os.getpid())]
+        self._options = [
+            "--users",
+            str(users),
+            "--idle",
+            str(idle_seconds),
+            "--owner",
+            str(os.getpid()),
+        ]
 
     def __enter__(self):
-        subprocess.run([os.path.join(self._testbed, "cluster-start"), self._folder,
-                        *self._options], check=True, timeout=DEADLINE, stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [os.path.join(self._testbed, "cluster-start"), self._folder, *self._options],
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
         self.settings = {}
         with open(os.path.join(self._folder, "cluster.env"), encoding="utf-8") as file:
             for line in file:
                 name, _, value = line.strip().partition("=")
                 self.settings[name] = value
         self.providers = [
-            Provider(self._testbed, os.path.join(self._folder, f"p{number}"),
-                     self.settings[f"P{number}_LDAP_URI"], self.settings[f"P{number}_LDAP_PORT"])
-            for number in range(1, int(self.settings["PROVIDERS"]) + 1)]
+            Provider(
+                self._testbed,
+                os.path.join(self._folder, f"p{number}"),
+                self.settings[f"P{number}_LDAP_URI"],
+                self.settings[f"P{number}_LDAP_PORT"],
+            )
+            for number in range(1, int(self.settings["PROVIDERS"]) + 1)
+        ]
         return self
 
     def __exit__(self, *_):
-        subprocess.run([os.path.join(self._testbed, "cluster-stop"), self._folder], check=True,
-                       timeout=DEADLINE)
+        subprocess.run(
+            [os.path.join(self._testbed, "stop"), self._folder],
+            check=True,
+            timeout=DEADLINE,
+        )
 
     def add(self, provider, name):
         """Adds an entry at one provider. True when that said so."""
@@ -90,17 +112,31 @@ class Cluster:
 
     def added(self, provider):
         """The names of the entries that a provider has of those that were added."""
-        found = self._client("ldapsearch", provider,
-                             ["-LLL", "-b", "ou=new," + self.settings["BASE_DN"],
-                              "(objectClass=device)", "cn"])
+        found = self._client(
+            "ldapsearch",
+            provider,
+            ["-LLL", "-b", "ou=new," + self.settings["BASE_DN"], "(objectClass=device)", "cn"],
+        )
         return {line[4:] for line in found.stdout.splitlines() if line.startswith("cn: ")}
 
     def _client(self, program, provider, arguments, text=""):
-        command = [program, "-x", "-o", "nettimeout=2", "-H", provider.uri, "-D",
-                   self.settings["ADMIN_DN"], "-w", self.settings["ADMIN_PW"], *arguments]
+        command = [
+            program,
+            "-x",
+            "-o",
+            "nettimeout=2",
+            "-H",
+            provider.uri,
+            "-D",
+            self.settings["ADMIN_DN"],
+            "-w",
+            self.settings["ADMIN_PW"],
+            *arguments,
+        ]
         try:
-            return subprocess.run(command, input=text, capture_output=True, text=True, timeout=10,
-                                  check=False)
+            return subprocess.run(
+                command, input=text, capture_output=True, text=True, timeout=10, check=False
+            )
         except subprocess.TimeoutExpired:
             return subprocess.CompletedProcess(command, 1, "", "")
 
@@ -119,7 +155,7 @@ class Faults:
         self._cluster = cluster
         self._random = random.Random(seed)
         self._scale = scale  # of the times below, which are those of a long run
-        self._wait = wait    # for so many seconds; false: stop
+        self._wait = wait  # for so many seconds; false: stop
         self._deck = []
         self.log = []
 
@@ -140,18 +176,18 @@ class Faults:
     def _crash(self, victim, _):
         victim.crash()
         self._pause(0.5, 6)
-        victim.comeBack()
+        victim.come_back()
         return time.monotonic()
 
     def _hang(self, victim, _):
         victim.hang()
         self._pause(0.3, 5)
-        victim.goOn()
+        victim.go_on()
         return time.monotonic()
 
     def _restart(self, victim, _):
-        victim.shutDown()
-        victim.comeBack()
+        victim.shut_down()
+        victim.come_back()
         return time.monotonic()
 
     def _blackout(self, first, second):
@@ -159,7 +195,7 @@ class Faults:
         self._pause(0, 1)
         second.crash()
         self._pause(0.5, 2)
-        first.comeBack()
+        first.come_back()
         end = time.monotonic()
-        second.comeBack()
+        second.come_back()
         return end

@@ -15,10 +15,15 @@ AFTERMATH = 1.5
 SHORTEST_FOR_MEMORY = 120
 
 
-def upTimes(downs, start, end):
+def up_times(downs, start, end):
     """The spans in which at least one provider was up, from the down times of each."""
-    edges = sorted({start, end, *(edge for down in downs for span in down for edge in span
-                                  if start < edge < end)})
+    edges = sorted(
+        {
+            start,
+            end,
+            *(edge for down in downs for span in down for edge in span if start < edge < end),
+        }
+    )
     spans = []
     for begin, finish in zip(edges, edges[1:]):
         middle = (begin + finish) / 2
@@ -36,26 +41,30 @@ def overlap(span, other):
     return max(0.0, min(span[1], other[1]) - max(span[0], other[0]))
 
 
-def longestStretch(stretches, ups):
+def longest_stretch(stretches, ups):
     """The longest stretch without an answer in which a provider was up without a break."""
     return max((overlap(stretch, up) for stretch in stretches for up in ups), default=0.0)
 
 
-def afterFault(fault, spans):
+def after_fault(fault, spans):
     """How long the longest of the spans went on, of those that a fault may have to do with.
 
     Counted from the fault; after a blackout, in which nobody can answer, from its end.
     """
     start = fault["to"] if fault["kind"] == "blackout" else fault["from"]
     last = fault["to"] + AFTERMATH
-    return max((end - max(begin, start) for begin, end in spans
-                if begin < last and end > start), default=0.0)
+    return max(
+        (end - max(begin, start) for begin, end in spans if begin < last and end > start),
+        default=0.0,
+    )
 
 
-def errorsNear(faults, moments):
+def errors_near(faults, moments):
     """How many of the moments lie in one of the faults, or in the time in which it is got over."""
-    return sum(any(fault["from"] <= moment < fault["to"] + AFTERMATH for fault in faults)
-               for moment in moments)
+    return sum(
+        any(fault["from"] <= moment < fault["to"] + AFTERMATH for fault in faults)
+        for moment in moments
+    )
 
 
 def recoveries(faults, way):
@@ -63,15 +72,15 @@ def recoveries(faults, way):
     table = {}
     for kind in sorted({fault["kind"] for fault in faults}):
         of = [fault for fault in faults if fault["kind"] == kind]
-        row = {"count": len(of), "errors": errorsNear(of, way["errorTimes"])}
+        row = {"count": len(of), "errors": errors_near(of, way["errorTimes"])}
         for name, spans in (("way", way["stretches"]), ("thread", way["outages"])):
-            times = [afterFault(fault, spans) for fault in of]
+            times = [after_fault(fault, spans) for fault in of]
             row[name] = {"median": statistics.median(times), "max": max(times)}
         table[kind] = row
     return table
 
 
-def memoryGrowth(samples, start, end):
+def memory_growth(samples, start, end):
     """Medians of the first and the last third of the resident set after warm-up, in KiB."""
     warm = start + (end - start) * WARM_UP_SHARE
     third = (end - warm) / 3
@@ -79,11 +88,14 @@ def memoryGrowth(samples, start, end):
     last = [rss for moment, rss, _ in samples if end - third <= moment <= end]
     if not first or not last:
         return None
-    return {"first": statistics.median(first), "last": statistics.median(last),
-            "max": max(rss for _, rss, _ in samples)}
+    return {
+        "first": statistics.median(first),
+        "last": statistics.median(last),
+        "max": max(rss for _, rss, _ in samples),
+    }
 
 
-def memoryTolerance(first):
+def memory_tolerance(first):
     return max(MEMORY_TOLERANCE_KIB, first * MEMORY_TOLERANCE_SHARE)
 
 
@@ -95,22 +107,28 @@ def complaints(soak):
         if way["wrong"]:
             found.append(f"{name}: {way['wrong']} wrong answers, as {way['wrongAnswers'][0]}")
         if not way["found"] or not way["notFound"]:
-            found.append(f"{name}: found {way['found']}, did not find {way['notFound']}: "
-                         "there must be some of both")
+            found.append(
+                f"{name}: found {way['found']}, did not find {way['notFound']}: "
+                "there must be some of both"
+            )
         # Wrong settings and refusals are none of the faults that are made here.
         for reason in way["errors"]:
             if not reason.startswith("TryLater"):
                 found.append(f"{name}: {way['errors'][reason]} times {reason}")
-        if way["longestStretch"] > LONGEST_STRETCH:
-            found.append(f"{name}: no answer for {way['longestStretch']:.1f} s while a server was "
-                         f"up; at most {LONGEST_STRETCH:.0f} s are allowed")
+        if way["longest_stretch"] > LONGEST_STRETCH:
+            found.append(
+                f"{name}: no answer for {way['longest_stretch']:.1f} s while a server was "
+                f"up; at most {LONGEST_STRETCH:.0f} s are allowed"
+            )
     descriptors = soak["descriptors"]
     if descriptors["after"] != descriptors["before"]:
         found.append(f"descriptors: {descriptors['before']} before, {descriptors['after']} after")
     memory = soak["memory"]
     if memory["isJudged"]:
         grown = memory["last"] - memory["first"]
-        if grown > memoryTolerance(memory["first"]):
-            found.append(f"memory: grew by {grown:.0f} KiB after warm-up; "
-                         f"{memoryTolerance(memory['first']):.0f} KiB are allowed")
+        if grown > memory_tolerance(memory["first"]):
+            found.append(
+                f"memory: grew by {grown:.0f} KiB after warm-up; "
+                f"{memory_tolerance(memory['first']):.0f} KiB are allowed"
+            )
     return found

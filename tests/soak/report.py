@@ -47,8 +47,10 @@ def _felt(recovery):
 def _memory(memory):
     if "first" not in memory:
         return "the run was too short to measure it"
-    text = (f"{memory['first'] / 1024:.1f} MiB in the first third after warm-up, "
-            f"{memory['last'] / 1024:.1f} MiB in the last")
+    text = (
+        f"{memory['first'] / 1024:.1f} MiB in the first third after warm-up, "
+        f"{memory['last'] / 1024:.1f} MiB in the last"
+    )
     return text if memory["isJudged"] else text + " (not judged in a run of this kind)"
 
 
@@ -65,29 +67,62 @@ def section(soak):
         ABOUT,
         f"{soak['seconds']} s, {soak['threads']} threads, two replicated servers behind HAProxy; "
         f"{len(soak['faults'])} faults, seed {soak['seed']}. "
-        f"{total:,} lookups, **{sum(way['wrong'] for way in ways)} wrong answers**.", ""]
+        f"{total:,} lookups, **{sum(way['wrong'] for way in ways)} wrong answers**.",
+        "",
+    ]
     lines += _table(
-        ["lookups by", "threads", "lookups", "found", "not found", "without an answer",
-         "p50 / p99 / p99.9 / max, ms"],
-        [[WAYS[way["name"]], way["threads"], f"{way['lookups']:,}", f"{way['found']:,}",
-          f"{way['notFound']:,}", _errors(way),
-          " / ".join(f"{way['milliseconds'][share]:.3g}" if way["milliseconds"][share] < 1000
-                     else f"{way['milliseconds'][share]:.0f}"
-                     for share in ("p50", "p99", "p99.9", "max"))] for way in ways])
-    lines += ["", "Outage after a fault, in seconds, median / longest: until *any* thread of the column got "
-              "an answer again, and until the *last* one did; 0 means less than 0.1 s. *Failed*: "
-              "lookups without an answer, after all faults of the kind.", ""]
+        [
+            "lookups by",
+            "threads",
+            "lookups",
+            "found",
+            "not found",
+            "without an answer",
+            "p50 / p99 / p99.9 / max, ms",
+        ],
+        [
+            [
+                WAYS[way["name"]],
+                way["threads"],
+                f"{way['lookups']:,}",
+                f"{way['found']:,}",
+                f"{way['notFound']:,}",
+                _errors(way),
+                " / ".join(
+                    f"{way['milliseconds'][share]:.3g}"
+                    if way["milliseconds"][share] < 1000
+                    else f"{way['milliseconds'][share]:.0f}"
+                    for share in ("p50", "p99", "p99.9", "max")
+                ),
+            ]
+            for way in ways
+        ],
+    )
+    lines += [
+        "",
+        "Outage after a fault, in seconds, median / longest: until *any* thread of the column got "
+        "an answer again, and until the *last* one did; 0 means less than 0.1 s. *Failed*: "
+        "lookups without an answer, after all faults of the kind.",
+        "",
+    ]
     kinds = [kind for kind in KINDS if kind in ways[0]["recoveries"]]
     lines += _table(
         ["fault", "times", *(f"{WAYS[way['name']]}: any | last | failed" for way in ways)],
-        [[KINDS[kind], ways[0]["recoveries"][kind]["count"],
-          *(cell for way in ways for cell in _felt(way["recoveries"][kind]))] for kind in kinds])
+        [
+            [
+                KINDS[kind],
+                ways[0]["recoveries"][kind]["count"],
+                *(cell for way in ways for cell in _felt(way["recoveries"][kind])),
+            ]
+            for kind in kinds
+        ],
+    )
     lines[-len(kinds) - 1] = "|" + "---|" * (2 + 3 * len(ways))
     descriptors, memory = soak["descriptors"], soak["memory"]
     lines += [
         "",
         "- Longest time without any answer while a server was up: "
-        f"{max(way['longestStretch'] for way in ways):.2f} s (allowed: "
+        f"{max(way['longest_stretch'] for way in ways):.2f} s (allowed: "
         f"{judgement.LONGEST_STRETCH:.0f} s).",
         f"- Lookups that failed without a recent fault: {sum(way['strayErrors'] for way in ways)}.",
         f"- Descriptors: {descriptors['before']} before, {descriptors['after']} after, "
@@ -109,7 +144,7 @@ def _counted(ways, name):
     return f"{sum(way['statistics'].get(name, 0) for way in ways):,}"
 
 
-def writeInto(path, text):
+def write_into(path, text):
     """Replaces what stands between the marks of a document."""
     try:
         with open(path, encoding="utf-8") as file:

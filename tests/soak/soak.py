@@ -38,13 +38,18 @@ def arguments():
     parser.add_argument("--preset", default="?", help="how the program was built, for the report")
     parser.add_argument("--threads", type=int, default=64)
     parser.add_argument("--rate", type=float, default=2000, help="lookups a second in a flood")
-    parser.add_argument("--seed", type=int, default=random.SystemRandom().randrange(1, 1_000_000),
-                        help="of faults and questions")
+    parser.add_argument(
+        "--seed",
+        type=int,
+        default=random.SystemRandom().randrange(1, 1_000_000),
+        help="of faults and questions",
+    )
     parser.add_argument("--no-faults", action="store_true", help="all servers stay up")
     parser.add_argument("--json", help="file for everything that was measured")
     parser.add_argument("--write", help="document to put the figures into")
-    parser.add_argument("--skip-if-missing", action="store_true",
-                        help="end with 77 where a server is not installed")
+    parser.add_argument(
+        "--skip-if-missing", action="store_true", help="end with 77 where a server is not installed"
+    )
     return parser.parse_args()
 
 
@@ -57,20 +62,44 @@ class Load:
     """solvane_soak at work, and what it holds meanwhile."""
 
     def __init__(self, options, servers, tide):
-        command = [options.program, "--seconds", options.seconds, "--threads", options.threads,
-                   "--rate", options.rate, "--seed", options.seed, "--tide", tide, "--users", USERS,
-                   "--connections", max(2, options.threads // 6), "--bind-dn",
-                   servers.settings["READER_DN"], "--base",
-                   "ou=people," + servers.settings["BASE_DN"], "--balancer",
-                   servers.settings["LDAP_PORT"]]
+        command = [
+            options.program,
+            "--seconds",
+            options.seconds,
+            "--threads",
+            options.threads,
+            "--rate",
+            options.rate,
+            "--seed",
+            options.seed,
+            "--tide",
+            tide,
+            "--users",
+            USERS,
+            "--connections",
+            max(2, options.threads // 6),
+            "--bind-dn",
+            servers.settings["READER_DN"],
+            "--base",
+            "ou=people," + servers.settings["BASE_DN"],
+            "--balancer",
+            servers.settings["LDAP_PORT"],
+        ]
         for provider in servers.providers:
             command += ["--provider", provider.port]
-        environment = {**os.environ, "LDAPNOINIT": "1",
-                       "LDAP_PASSWORD": servers.settings["READER_PW"]}
-        self._process = subprocess.Popen([str(word) for word in command], env=environment,
-                                         stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        environment = {
+            **os.environ,
+            "LDAPNOINIT": "1",
+            "LDAP_PASSWORD": servers.settings["READER_PW"],
+        }
+        self._process = subprocess.Popen(
+            [str(word) for word in command],
+            env=environment,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )
         self.samples = []  # moment, resident set in KiB, descriptors
-        self.isOver = threading.Event()
+        self.is_over = threading.Event()
         self._sampler = threading.Thread(target=self._sample)
         if self._process.stderr.readline() != b"load begins\n":
             self._process.wait(10)
@@ -80,7 +109,7 @@ class Load:
     def _sample(self):
         process = f"/proc/{self._process.pid}"
         page = os.sysconf("SC_PAGE_SIZE") // 1024
-        while not self.isOver.wait(0.5):
+        while not self.is_over.wait(0.5):
             try:
                 with open(process + "/statm", encoding="ascii") as file:
                     resident = int(file.read().split()[1]) * page
@@ -96,18 +125,20 @@ class Load:
             self._process.kill()
             raise
         finally:
-            self.isOver.set()
+            self.is_over.set()
             self._sampler.join()
         if self._process.returncode != 0:
-            raise RuntimeError(f"solvane_soak ended with {self._process.returncode}:\n"
-                               + errors.decode("utf-8", "replace"))
+            raise RuntimeError(
+                f"solvane_soak ended with {self._process.returncode}:\n"
+                + errors.decode("utf-8", "replace")
+            )
         return json.loads(output)
 
     def end(self):
         if self._process.poll() is None:
             self._process.kill()
             self._process.wait()
-        self.isOver.set()
+        self.is_over.set()
 
 
 class Writer:
@@ -118,9 +149,9 @@ class Writer:
         self._random = random.Random(seed)
         self.names = set()
 
-    def run(self, isOver):
+    def run(self, is_over):
         number = 0
-        while not isOver.wait(1):
+        while not is_over.wait(1):
             name = f"soak{number:05}"
             if self._servers.add(self._random.choice(self._servers.providers), name):
                 self.names.add(name)
@@ -141,19 +172,24 @@ def machine():
         models = [line.partition(":")[2].strip() for line in file if line.startswith("model name")]
     with open("/proc/meminfo", encoding="ascii") as file:
         memory = int(file.readline().split()[1]) / (1 << 20)
-    return (f"{len(models)} × {models[0] if models else platform.machine()}, {memory:.0f} GiB, "
-            f"Linux {platform.release().split('-')[0]}; load, servers and balancer on the same machine")
+    return (
+        f"{len(models)} × {models[0] if models else platform.machine()}, {memory:.0f} GiB, "
+        f"Linux {platform.release().split('-')[0]}; load, servers and balancer on the same machine"
+    )
 
 
-def packageVersion(name):
-    found = subprocess.run(["dpkg-query", "-W", "-f=${Version}", name], capture_output=True,
-                           text=True, check=False)
+def package_version(name):
+    found = subprocess.run(
+        ["dpkg-query", "-W", "-f=${Version}", name], capture_output=True, text=True, check=False
+    )
     return found.stdout or "?"
 
 
 def versions():
-    return ", ".join(f"{title} {packageVersion(name)}" for title, name in
-                     (("slapd", "slapd"), ("libldap", "libldap-dev"), ("HAProxy", "haproxy")))
+    return ", ".join(
+        f"{title} {package_version(name)}"
+        for title, name in (("slapd", "slapd"), ("libldap", "libldap-dev"), ("HAProxy", "haproxy"))
+    )
 
 
 def run(options, folder):
@@ -165,10 +201,14 @@ def run(options, folder):
         load = Load(options, servers, tide)
         try:
             writer = Writer(servers, options.seed)
-            writing = threading.Thread(target=writer.run, args=(load.isOver,))
+            writing = threading.Thread(target=writer.run, args=(load.is_over,))
             writing.start()
-            faults = cluster.Faults(servers, options.seed, min(1, options.seconds / 60),
-                                    lambda seconds: not load.isOver.wait(seconds))
+            faults = cluster.Faults(
+                servers,
+                options.seed,
+                min(1, options.seconds / 60),
+                lambda seconds: not load.is_over.wait(seconds),
+            )
             if not options.no_faults:
                 faults.run(time.monotonic() + options.seconds * (1 - SETTLE_SHARE))
             soak = load.result(options.seconds + 60)
@@ -177,27 +217,41 @@ def run(options, folder):
             load.end()
         averages.append(os.getloadavg()[0])
         soak.update(entries=writer.held(), added=len(writer.names))
-        soak.update(faults=faults.log, load=averages,
-                    downs={provider.port: provider.down for provider in servers.providers},
-                    samples=load.samples)
+        soak.update(
+            faults=faults.log,
+            load=averages,
+            downs={provider.port: provider.down for provider in servers.providers},
+            samples=load.samples,
+        )
     return soak
 
 
 def evaluate(soak, options):
     start, end = soak["start"], soak["end"]
-    ups = judgement.upTimes(soak["downs"].values(), start, end)
+    ups = judgement.up_times(soak["downs"].values(), start, end)
     for way in soak["ways"]:
-        way["longestStretch"] = judgement.longestStretch(way["stretches"], ups)
+        way["longest_stretch"] = judgement.longest_stretch(way["stretches"], ups)
         way["recoveries"] = judgement.recoveries(soak["faults"], way)
-        way["strayErrors"] = (len(way["errorTimes"])
-                              - judgement.errorsNear(soak["faults"], way["errorTimes"]))
-    isSanitized = "san" in options.preset or "address" in options.preset or "thread" in options.preset
-    memory = judgement.memoryGrowth(soak["samples"], start, end) or {}
-    memory["isJudged"] = ("first" in memory and not isSanitized
-                          and options.seconds >= judgement.SHORTEST_FOR_MEMORY)
+        way["strayErrors"] = len(way["errorTimes"]) - judgement.errors_near(
+            soak["faults"], way["errorTimes"]
+        )
+    is_sanitized = (
+        "san" in options.preset or "address" in options.preset or "thread" in options.preset
+    )
+    memory = judgement.memory_growth(soak["samples"], start, end) or {}
+    memory["isJudged"] = (
+        "first" in memory and not is_sanitized and options.seconds >= judgement.SHORTEST_FOR_MEMORY
+    )
     soak["descriptors"]["most"] = max((count for _, _, count in soak["samples"]), default=0)
-    soak.update(seconds=options.seconds, threads=options.threads, seed=options.seed, memory=memory,
-                preset=options.preset, machine=machine(), versions=versions())
+    soak.update(
+        seconds=options.seconds,
+        threads=options.threads,
+        seed=options.seed,
+        memory=memory,
+        preset=options.preset,
+        machine=machine(),
+        versions=versions(),
+    )
     soak["complaints"] = judgement.complaints(soak)
 
 
@@ -219,7 +273,7 @@ def main():
         with open(options.json, "w", encoding="utf-8") as file:
             json.dump(soak, file)
     if options.write:
-        report.writeInto(options.write, text)
+        report.write_into(options.write, text)
     return 1 if soak["complaints"] else 0
 
 

@@ -1,4 +1,4 @@
-// Starts and stops through testbed/slapd-start, slapd-run and slapd-stop; counts through
+// Starts and stops through testbed/slapd-start, slapd-run and stop; counts through
 // cn=Monitor.
 #include "Slapd.h"
 
@@ -121,7 +121,7 @@ Slapd::~Slapd()
 {
     closeMonitor();
     try {
-        testbed("slapd-stop", {m_directory});
+        testbed("stop", {m_directory});
     } catch (std::exception const& failure) {
         ADD_FAILURE() << failure.what();
     }

@@ -10,8 +10,7 @@ LOOKUP = ["lookup", "-H", "ldap://127.0.0.1:1", "-b", "dc=x", "-t", "(mail=$m)"]
 
 
 class CommandLine(ToolTest):
-
-    def testPrintsHelpOnStandardOutput(self):
+    def test_prints_help_on_standard_output(self):
         for arguments in (["--help"], ["-h"], ["expand", "--help"], ["lookup", "--help"]):
             with self.subTest(arguments=arguments):
                 result = run(*arguments)
@@ -19,76 +18,127 @@ class CommandLine(ToolTest):
                 self.assertEqual((result.status, result.errors), (0, ""))
                 self.assertIn("Usage: solvane-ldap", result.output)
 
-    def testPrintsTheVersionsOfTheToolAndOfOpenLdap(self):
+    def test_prints_the_versions_of_the_tool_and_of_open_ldap(self):
         for option in ("-V", "--version"):
             result = run(option)
 
             self.assertEqual((result.status, result.errors), (0, ""))
-            self.assertRegex(result.output, r"^solvane-ldap \d+\.\d+\.\d+\n"
-                             r"OpenLDAP \d+\.\d+\.\d+ compiled against, \d+\.\d+\.\d+ running\n$")
+            self.assertRegex(
+                result.output,
+                r"^solvane-ldap \d+\.\d+\.\d+\n"
+                r"OpenLDAP \d+\.\d+\.\d+ compiled against, \d+\.\d+\.\d+ running\n$",
+            )
 
-    def testAnswersWhoeverAsksForHelpOrVersionBehindACommand(self):
+    def test_answers_whoever_asks_for_help_or_version_behind_a_command(self):
         self.assertRegex(run("lookup", "-V").output, "^solvane-ldap ")
         for command in ("expand", "lookup", "add", "check"):
             self.assertIn("'solvane-ldap --help'", run(command, "-h").output)
 
-    def testRefusesWhatItDoesNotKnow(self):
-        for arguments, word in (([], "subcommand"), (["lokup"], "'lokup'"), (["--nope"], "--nope"),
-                                (["expand", "-x"], "-x"), (["lookup", "--nope=1"], "--nope"),
-                                (["-b", "dc=x", "lookup"], "-b"), (["-j", "2", "expand"], "-j")):
+    def test_refuses_what_it_does_not_know(self):
+        for arguments, word in (
+            ([], "subcommand"),
+            (["lokup"], "'lokup'"),
+            (["--nope"], "--nope"),
+            (["expand", "-x"], "-x"),
+            (["lookup", "--nope=1"], "--nope"),
+            (["-b", "dc=x", "lookup"], "-b"),
+            (["-j", "2", "expand"], "-j"),
+        ):
             with self.subTest(arguments=arguments):
                 result = run(*arguments)
 
-                self.assertFails(result, 64, word, "--help'")
+                self.assert_fails(result, 64, word, "--help'")
                 self.assertEqual(result.output, "")
 
-    def testRefusesAnIncompleteLookup(self):
-        for arguments, word in ((["lookup", "-b", "x", "-t", "x", "a"], "-H URI"),
-                                (["lookup", "-H", "ldap://h", "-t", "x", "a"], "-b BASE"),
-                                (["lookup", "-H", "ldap://h", "-b", "x", "a"], "-t TEMPLATE"),
-                                (LOOKUP, "no address"),
-                                ([*LOOKUP, "a", "-f", "-"], "-f"),
-                                ([*LOOKUP, "-T", "file", "a"], "--template"),
-                                ([*LOOKUP, "-v", "-q", "a"], "--quiet")):
+    def test_refuses_an_incomplete_lookup(self):
+        for arguments, word in (
+            (["lookup", "-b", "x", "-t", "x", "a"], "-H URI"),
+            (["lookup", "-H", "ldap://h", "-t", "x", "a"], "-b BASE"),
+            (["lookup", "-H", "ldap://h", "-b", "x", "a"], "-t TEMPLATE"),
+            (LOOKUP, "no address"),
+            ([*LOOKUP, "a", "-f", "-"], "-f"),
+            ([*LOOKUP, "-T", "file", "a"], "--template"),
+            ([*LOOKUP, "-v", "-q", "a"], "--quiet"),
+        ):
             with self.subTest(arguments=arguments):
-                self.assertFails(run(*arguments), 64, word)
+                self.assert_fails(run(*arguments), 64, word)
 
-    def testTakesTheCommonOptionsBeforeAndBehindTheCommand(self):
+    def test_takes_the_common_options_before_and_behind_the_command(self):
         expanding = ["expand", "-t", "($u)", "a"]
-        for option in (["-H", "ldap://h"], ["--uri", "ldaps://[::1]:636"], ["-D", "cn=x"], ["-W"],
-                       ["-y", "none"], ["--password-fd", "9"], ["-P", "2"], ["-P", "3"],
-                       ["-o", "nettimeout=2147483"], ["--deadline", "1"], ["--tls-ca", "none"],
-                       ["--tls-verify", "none"], ["--tls-verify", "chain"],
-                       ["--tls-verify", "full"], ["-H", "ldap+srv:///dc=corp,dc=test"],
-                       ["--name-servers", "192.0.2.1,[2001:db8::1]:53"], ["--refused-hold", "0"],
-                       ["--entry-bytes", "1024"],
-                       ["-v"], ["-d", "0"], ["--stats"], ["--stats=json"], ["--format", "values"],
-                       ["--format=tsv"]):
+        for option in (
+            ["-H", "ldap://h"],
+            ["--uri", "ldaps://[::1]:636"],
+            ["-D", "cn=x"],
+            ["-W"],
+            ["-y", "none"],
+            ["--password-fd", "9"],
+            ["-P", "2"],
+            ["-P", "3"],
+            ["-o", "nettimeout=2147483"],
+            ["--deadline", "1"],
+            ["--tls-ca", "none"],
+            ["--tls-verify", "none"],
+            ["--tls-verify", "chain"],
+            ["--tls-verify", "full"],
+            ["-H", "ldap+srv:///dc=corp,dc=test"],
+            ["--name-servers", "192.0.2.1,[2001:db8::1]:53"],
+            ["--refused-hold", "0"],
+            ["--entry-bytes", "1024"],
+            ["-v"],
+            ["-d", "0"],
+            ["--stats"],
+            ["--stats=json"],
+            ["--format", "values"],
+            ["--format=tsv"],
+        ):
             with self.subTest(option=option):
                 for arguments in ([*option, *expanding], [*expanding, *option]):
                     result = run(*arguments)
 
                     self.assertEqual((result.status, result.lines), (0, ["(a)"]), result.errors)
 
-    def testEndsKeysAndRecordsWithNul(self):
+    def test_ends_keys_and_records_with_nul(self):
         for arguments in (["-0", "expand"], ["expand", "-0"], ["expand", "--null"]):
             with self.subTest(arguments=arguments):
                 result = run(*arguments, "-t", "($u)", "-f", "-", stdin=b"a\0b\0c")
 
-                self.assertEqual((result.status, result.bytes), (0, b"(a)\0(b)\0(c)\0"),
-                                 result.errors)
+                self.assertEqual(
+                    (result.status, result.bytes), (0, b"(a)\0(b)\0(c)\0"), result.errors
+                )
 
-    def testTakesEveryOptionOfALookup(self):
+    def test_takes_every_option_of_a_lookup(self):
         with_file = self.file("domains", b"other.test\n")
-        for option in (["-s", "base"], ["-s", "one"], ["-s", "sub"], ["-a", "never"],
-                       ["-a", "search"], ["-a", "find"], ["-a", "always"], ["--attrs", "cn,mail;x"],
-                       ["--attrs", "*, +"], ["-z", "0"], ["-z", "2147483647"], ["-l", "0"],
-                       ["-j", "1"], ["-j", "1024"], ["--window", "65536"], ["--single"], ["-c"],
-                       ["--domains", "other.test, more.test"], ["--domains", "@" + with_file],
-                       ["--forms", "full,noext,bare,domain"], ["--delimiter", "-"],
-                       ["--delimiter", ""], ["--references", "defer"], ["--ascii-domains", "no"],
-                       ["--key-bytes", "8"], ["--answer-bytes", "1024"],
-                       ["--b-value", ""], ["--g-value", "x"], ["--nouser", "67"]):
+        for option in (
+            ["-s", "base"],
+            ["-s", "one"],
+            ["-s", "sub"],
+            ["-a", "never"],
+            ["-a", "search"],
+            ["-a", "find"],
+            ["-a", "always"],
+            ["--attrs", "cn,mail;x"],
+            ["--attrs", "*, +"],
+            ["-z", "0"],
+            ["-z", "2147483647"],
+            ["-l", "0"],
+            ["-j", "1"],
+            ["-j", "1024"],
+            ["--window", "65536"],
+            ["--single"],
+            ["-c"],
+            ["--domains", "other.test, more.test"],
+            ["--domains", "@" + with_file],
+            ["--forms", "full,noext,bare,domain"],
+            ["--delimiter", "-"],
+            ["--delimiter", ""],
+            ["--references", "defer"],
+            ["--ascii-domains", "no"],
+            ["--key-bytes", "8"],
+            ["--answer-bytes", "1024"],
+            ["--b-value", ""],
+            ["--g-value", "x"],
+            ["--nouser", "67"],
+        ):
             with self.subTest(option=option):
                 # The domain is none that is served: no server is asked.
                 domains = [] if "--domains" in option else ["--domains", "other.test"]
@@ -96,134 +146,188 @@ class CommandLine(ToolTest):
 
                 self.assertEqual(result.status, 67 if "--nouser" in option else 1, result.errors)
 
-    def testTakesValuesOfTheTemplateUnderTheirShortNames(self):
+    def test_takes_values_of_the_template_under_their_short_names(self):
         for arguments in (["--b", "1", "--g=2"], ["--b=1", "--g", "2"], ["--g", "2", "--b", "1"]):
             with self.subTest(arguments=arguments):
                 result = run("expand", *arguments, "-t", "($b)($g)", "a")
 
                 self.assertEqual((result.status, result.lines), (0, ["(1)(2)"]), result.errors)
 
-    def testLeavesWhatOnlyLooksLikeAShortNameAsItIs(self):
-        for arguments, filters in ((["-t", "($b)", "--b", "--b", "a"], ["(--b)"]),
-                                   (["-t", "($b)", "--b=--g=1", "a"], ["(--g=1)"]),
-                                   (["-vt", "--b", "a"], ["--b"]),
-                                   (["-t($u)", "--", "--b", "--g=1"], ["(--b)", "(--g=1)"])):
+    def test_leaves_what_only_looks_like_a_short_name_as_it_is(self):
+        for arguments, filters in (
+            (["-t", "($b)", "--b", "--b", "a"], ["(--b)"]),
+            (["-t", "($b)", "--b=--g=1", "a"], ["(--g=1)"]),
+            (["-vt", "--b", "a"], ["--b"]),
+            (["-t($u)", "--", "--b", "--g=1"], ["(--b)", "(--g=1)"]),
+        ):
             with self.subTest(arguments=arguments):
                 result = run("expand", *arguments)
 
                 self.assertEqual((result.status, result.lines), (0, filters), result.errors)
 
-    def testRefusesValuesOutOfTheirRange(self):
-        for arguments, word in ((["-s", "all"], "base"), (["-a", "maybe"], "never"),
-                                (["-P", "4"], "3"), (["--format", "xml"], "json"),
-                                (["-o", "nettimeout=0"], "from 1"),
-                                (["-o", "nettimeout=x"], "from 1"),
-                                (["-o", "nettimeout=-1"], "from 1"),
-                                (["-o", "nettimeout=9999999999"], "from 1"),
-                                (["-o", "tls=no"], "nettimeout="), (["--attrs", "a b("], "commas"),
-                                (["--attrs", ","], "commas"), (["--deadline", "0"], "from 1"),
-                                (["--deadline", "1.5"], "from 1"),
-                                (["--tls-verify", "yes"], "chain"),
-                                (["-d", "x"], "from 0"), (["-d", "65536"], "from 0"),
-                                (["--stats=xml"], "xml"), (["-z", "-1"], "from 0"),
-                                (["-z", "2147483648"], "from 0"), (["-l", ""], "from 0"),
-                                (["-j", "0"], "from 1"), (["--window", "0"], "from 1"),
-                                (["--domains", ""], "no domain"),
-                                (["--domains", "a@b"], "no domain"),
-                                (["--forms", "half"], "noext"), (["--forms", ""], "no form"),
-                                (["--delimiter", "ab"], "one ASCII"),
-                                (["--delimiter", "@"], "one ASCII"),
-                                (["--references", "follow"], "ignore"),
-                                (["--ascii-domains", "maybe"], "yes nor no"),
-                                (["--key-bytes", "0"], "from 1"),
-                                (["--answer-bytes", "1"], "from 1024"),
-                                (["--entry-bytes", "x"], "from 1024"),
-                                (["--refused-hold", "-1"], "from 0"),
-                                (["--name-servers", "ns.test"], "192.0.2.1"),
-                                (["--nouser", "0"], "from 1"), (["--nouser", "126"], "from 1"),
-                                (["-z", "1", "-z", "2"], "--size-limit"), (["-C"], "--config")):
+    def test_refuses_values_out_of_their_range(self):
+        for arguments, word in (
+            (["-s", "all"], "base"),
+            (["-a", "maybe"], "never"),
+            (["-P", "4"], "3"),
+            (["--format", "xml"], "json"),
+            (["-o", "nettimeout=0"], "from 1"),
+            (["-o", "nettimeout=x"], "from 1"),
+            (["-o", "nettimeout=-1"], "from 1"),
+            (["-o", "nettimeout=9999999999"], "from 1"),
+            (["-o", "tls=no"], "nettimeout="),
+            (["--attrs", "a b("], "commas"),
+            (["--attrs", ","], "commas"),
+            (["--deadline", "0"], "from 1"),
+            (["--deadline", "1.5"], "from 1"),
+            (["--tls-verify", "yes"], "chain"),
+            (["-d", "x"], "from 0"),
+            (["-d", "65536"], "from 0"),
+            (["--stats=xml"], "xml"),
+            (["-z", "-1"], "from 0"),
+            (["-z", "2147483648"], "from 0"),
+            (["-l", ""], "from 0"),
+            (["-j", "0"], "from 1"),
+            (["--window", "0"], "from 1"),
+            (["--domains", ""], "no domain"),
+            (["--domains", "a@b"], "no domain"),
+            (["--forms", "half"], "noext"),
+            (["--forms", ""], "no form"),
+            (["--delimiter", "ab"], "one ASCII"),
+            (["--delimiter", "@"], "one ASCII"),
+            (["--references", "follow"], "ignore"),
+            (["--ascii-domains", "maybe"], "yes nor no"),
+            (["--key-bytes", "0"], "from 1"),
+            (["--answer-bytes", "1"], "from 1024"),
+            (["--entry-bytes", "x"], "from 1024"),
+            (["--refused-hold", "-1"], "from 0"),
+            (["--name-servers", "ns.test"], "192.0.2.1"),
+            (["--nouser", "0"], "from 1"),
+            (["--nouser", "126"], "from 1"),
+            (["-z", "1", "-z", "2"], "--size-limit"),
+            (["-C"], "--config"),
+        ):
             with self.subTest(arguments=arguments):
-                self.assertFails(run(*LOOKUP, "a", *arguments), 64, word)
+                self.assert_fails(run(*LOOKUP, "a", *arguments), 64, word)
 
-    def testReportsAFileOfDomainsThatCannotBeRead(self):
-        self.assertFails(run(*LOOKUP, "a", "--domains", "@" + self.folder + "/none"), 78,
-                         "No such file")
+    def test_reports_a_file_of_domains_that_cannot_be_read(self):
+        self.assert_fails(
+            run(*LOOKUP, "a", "--domains", "@" + self.folder + "/none"), 78, "No such file"
+        )
 
-    def testRefusesAUriThatIsNoServer(self):
-        for uri, word in (("http://h", "ldap://host"), ("ldapi://%2Fsocket", "ldapi"),
-                          ("h", "LDAP URI"), ("ldap://", "no host"), ("ldap:///", "no host"),
-                          ("ldap://h:0", "port"), ("ldap://h:65536", "port"),
-                          ("ldap://h:4294967685", "port"), ("ldap://h:+389", "port"),
-                          ("ldap://h:", "port"), ("ldap://::1:389", "ldap://[::1]:389"),
-                          ("ldap://[fe80::1%25eth0]", "zone"), ("ldap://h/dc=x", "-b"),
-                          ("ldap://h/?cn", "--attrs"), ("ldap://h??sub?(cn=x)", "-t")):
+    def test_refuses_a_uri_that_is_no_server(self):
+        for uri, word in (
+            ("http://h", "ldap://host"),
+            ("ldapi://%2Fsocket", "ldapi"),
+            ("h", "LDAP URI"),
+            ("ldap://", "no host"),
+            ("ldap:///", "no host"),
+            ("ldap://h:0", "port"),
+            ("ldap://h:65536", "port"),
+            ("ldap://h:4294967685", "port"),
+            ("ldap://h:+389", "port"),
+            ("ldap://h:", "port"),
+            ("ldap://::1:389", "ldap://[::1]:389"),
+            ("ldap://[fe80::1%25eth0]", "zone"),
+            ("ldap://h/dc=x", "-b"),
+            ("ldap://h/?cn", "--attrs"),
+            ("ldap://h??sub?(cn=x)", "-t"),
+        ):
             for uris in (["-H", uri], ["-H", "ldap://h", "-H", uri]):
                 with self.subTest(uris=uris):
                     result = run("lookup", *uris, "-b", "dc=x", "-t", "$m", "a")
 
-                    self.assertFails(result, 64, "-H: ", word)
+                    self.assert_fails(result, 64, "-H: ", word)
 
-    def testShowsNoPasswordThatWasGivenAsAnArgument(self):
-        for arguments in (["-w", "hunter2"], ["-whunter2"], ["--password=hunter2"],
-                          ["--password-fd", "hunter2", "-D", "cn=x"],
-                          ["-H", "ldap://cn=x:hunter2@h"]):
+    def test_shows_no_password_that_was_given_as_an_argument(self):
+        for arguments in (
+            ["-w", "hunter2"],
+            ["-whunter2"],
+            ["--password=hunter2"],
+            ["--password-fd", "hunter2", "-D", "cn=x"],
+            ["-H", "ldap://cn=x:hunter2@h"],
+        ):
             with self.subTest(arguments=arguments):
-                result = run("lookup", "-b", "dc=x", "-t", "$m", "a",
-                             *([] if "-H" in arguments else ["-H", "ldap://127.0.0.1:1"]),
-                             *arguments)
+                result = run(
+                    "lookup",
+                    "-b",
+                    "dc=x",
+                    "-t",
+                    "$m",
+                    "a",
+                    *([] if "-H" in arguments else ["-H", "ldap://127.0.0.1:1"]),
+                    *arguments,
+                )
 
-                self.assertFails(result, 64)
+                self.assert_fails(result, 64)
                 self.assertNotIn("hunter2", result.output + result.errors)
 
-    def testPairsTheBindDnWithASourceOfThePassword(self):
+    def test_pairs_the_bind_dn_with_a_source_of_the_password(self):
         password = self.file("password", b"x\n")
-        for arguments, word in ((["-D", "cn=x"], "-W, -y FILE"), (["-W"], "-D DN"),
-                                (["-y", password], "-D DN"), (["--password-fd", "0"], "-D DN"),
-                                (["-D", "", "-y", password], "anonymously"),
-                                (["-D", "cn=\xff"], "UTF-8"),
-                                (["-D", "cn=x", "-W", "-y", password], "--password-file"),
-                                (["-D", "cn=x", "-y", password, "--password-fd", "0"],
-                                 "--password-fd")):
+        for arguments, word in (
+            (["-D", "cn=x"], "-W, -y FILE"),
+            (["-W"], "-D DN"),
+            (["-y", password], "-D DN"),
+            (["--password-fd", "0"], "-D DN"),
+            (["-D", "", "-y", password], "anonymously"),
+            (["-D", "cn=\xff"], "UTF-8"),
+            (["-D", "cn=x", "-W", "-y", password], "--password-file"),
+            (["-D", "cn=x", "-y", password, "--password-fd", "0"], "--password-fd"),
+        ):
             with self.subTest(arguments=arguments):
                 arguments = [argument.encode("latin-1") for argument in arguments]
-                self.assertFails(run(*LOOKUP, "a", *arguments), 64, word)
+                self.assert_fails(run(*LOOKUP, "a", *arguments), 64, word)
 
-    def testRefusesTwoReadersOfStandardInput(self):
+    def test_refuses_two_readers_of_standard_input(self):
         result = run(*LOOKUP, "-f", "-", "-D", "cn=x", "--password-fd", "0", stdin=b"secret\n")
 
-        self.assertFails(result, 64, "both come from standard input")
+        self.assert_fails(result, 64, "both come from standard input")
 
 
 class StandardOutput(ToolTest):
-
-    def testReportsAFullDevice(self):
+    def test_reports_a_full_device(self):
         with open("/dev/full", "wb") as full:
-            result = subprocess.run([TOOL, "expand", "-t", "$m", "a"], stdout=full,
-                                    stderr=subprocess.PIPE, timeout=DEADLINE, check=False)
+            result = subprocess.run(
+                [TOOL, "expand", "-t", "$m", "a"],
+                stdout=full,
+                stderr=subprocess.PIPE,
+                timeout=DEADLINE,
+                check=False,
+            )
 
         self.assertEqual(result.returncode, 74)
         self.assertIn(b"No space left on device", result.stderr)
 
-    def testReportsAFullDeviceForHelpToo(self):
+    def test_reports_a_full_device_for_help_too(self):
         with open("/dev/full", "wb") as full:
-            result = subprocess.run([TOOL, "--help"], stdout=full, stderr=subprocess.PIPE,
-                                    timeout=DEADLINE, check=False)
+            result = subprocess.run(
+                [TOOL, "--help"], stdout=full, stderr=subprocess.PIPE, timeout=DEADLINE, check=False
+            )
 
         self.assertEqual(result.returncode, 74)
 
-    def testReportsAClosedStream(self):
-        result = subprocess.run(["sh", "-c", 'exec "$0" expand -t x a >&-', TOOL],
-                                stderr=subprocess.PIPE, timeout=DEADLINE, check=False)
+    def test_reports_a_closed_stream(self):
+        result = subprocess.run(
+            ["sh", "-c", 'exec "$0" expand -t x a >&-', TOOL],
+            stderr=subprocess.PIPE,
+            timeout=DEADLINE,
+            check=False,
+        )
 
         self.assertEqual(result.returncode, 74)
         self.assertIn(b"Bad file descriptor", result.stderr)
 
-    def testEndsQuietlyWhenTheReaderGoes(self):
+    def test_ends_quietly_when_the_reader_goes(self):
         reading, writing = os.pipe()
         os.close(reading)
         try:
-            result = subprocess.run([TOOL, "expand", "-t", "$m", "a", "b"], stdout=writing,
-                                    stderr=subprocess.PIPE, timeout=DEADLINE, check=False)
+            result = subprocess.run(
+                [TOOL, "expand", "-t", "$m", "a", "b"],
+                stdout=writing,
+                stderr=subprocess.PIPE,
+                timeout=DEADLINE,
+                check=False,
+            )
         finally:
             os.close(writing)
 

@@ -8,53 +8,55 @@ from support import DEADLINE, TOOL, ToolTest, run
 
 
 class Expand(ToolTest):
-
-    def testPrintsTheFilterOfEachAddress(self):
+    def test_prints_the_filter_of_each_address(self):
         result = run("expand", "-t", "(mail=$m)", "a@x.test", "b@y.test")
 
-        self.assertEqual((result.status, result.lines, result.errors),
-                         (0, ["(mail=a@x.test)", "(mail=b@y.test)"], ""))
+        self.assertEqual(
+            (result.status, result.lines, result.errors),
+            (0, ["(mail=a@x.test)", "(mail=b@y.test)"], ""),
+        )
 
-    def testSplitsAnAddressAtItsLastAt(self):
-        result = run("expand", "-t", "($u)($d)", "\"a@b\"@x.test")
+    def test_splits_an_address_at_its_last_at(self):
+        result = run("expand", "-t", "($u)($d)", '"a@b"@x.test')
 
-        self.assertEqual(result.lines, ["(\"a@b\")(x.test)"])
+        self.assertEqual(result.lines, ['("a@b")(x.test)'])
 
-    def testInsertsTheOptionalValues(self):
+    def test_inserts_the_optional_values(self):
         result = run("expand", "-t", "(b=$b)(g=$g)", "--b-value", "1", "--g-value", "(2", "a@x")
 
         self.assertEqual(result.lines, ["(b=1)(g=\\282)"])
 
-    def testEscapesWhatWouldChangeTheFilter(self):
+    def test_escapes_what_would_change_the_filter(self):
         result = run("expand", "-t", "(uid=$u)", "*)(uid=*@x")
 
         self.assertEqual(result.lines, ["(uid=\\2A\\29\\28uid=\\2A)"])
 
-    def testTakesKeysAsTheyAre(self):
+    def test_takes_keys_as_they_are(self):
         result = run("expand", "-t", "$u", "[a,b]", "{}", "expand", "--", "-x", "--explain")
 
         self.assertEqual(result.lines, ["[a,b]", "{}", "expand", "-x", "--explain"])
 
-    def testReadsTheTemplateFromAFile(self):
+    def test_reads_the_template_from_a_file(self):
         template = self.file("template", b"(mail=$m)\r\n")
 
         result = run("expand", "-T", template, "a@x")
 
         self.assertEqual(result.lines, ["(mail=a@x)"])
 
-    def testReadsKeysLineByLine(self):
+    def test_reads_keys_line_by_line(self):
         result = run("expand", "-t", "$m", "-f", "-", stdin=b"a@x\nb@y")
 
         self.assertEqual(result.lines, ["a@x", "b@y"])
 
-    def testEndsKeysAndFiltersWithNul(self):
+    def test_ends_keys_and_filters_with_nul(self):
         result = run("expand", "-0", "-t", "$m", "-f", "-", stdin=b"a@x\0b@y\0")
 
         self.assertEqual((result.status, result.bytes), (0, b"a@x\0b@y\0"))
 
-    def testPrintsAFilterBeforeTheNextAddressIsThere(self):
-        with subprocess.Popen([TOOL, "expand", "-t", "$m", "-f", "-"], stdin=subprocess.PIPE,
-                              stdout=subprocess.PIPE) as tool:
+    def test_prints_a_filter_before_the_next_address_is_there(self):
+        with subprocess.Popen(
+            [TOOL, "expand", "-t", "$m", "-f", "-"], stdin=subprocess.PIPE, stdout=subprocess.PIPE
+        ) as tool:
             watchdog = threading.Timer(DEADLINE, tool.kill)
             self.addCleanup(watchdog.cancel)
             watchdog.start()
@@ -66,126 +68,157 @@ class Expand(ToolTest):
             tool.stdin.close()
             self.assertEqual(tool.wait(DEADLINE), 0)
 
-    def testPrintsEveryOneOfManyFilters(self):
+    def test_prints_every_one_of_many_filters(self):
         keys = b"".join(b"user%d@corp.test\n" % number for number in range(20000))
 
         result = run("expand", "-t", "$m", "-f", "-", stdin=keys)
 
         self.assertEqual((result.status, result.bytes), (0, keys))
 
-    def testKeepsUtf8(self):
+    def test_keeps_utf8(self):
         result = run("expand", "-t", "$u", "j\u00fcrgen@x")
 
         self.assertEqual(result.lines, ["j\u00fcrgen"])
 
 
 class ExpandExplain(ToolTest):
-
-    def testNamesPositionInsertionDroppedTextAndRemoval(self):
+    def test_names_position_insertion_dropped_text_and_removal(self):
         template = "  (|(uid=$u)(x=1)$c(mail=$m${@corp.test})(b=$b)(g=$g) "
 
         result = run("expand", "--explain", "-t", template, "--g", "7", "jdoe@corp.test")
 
-        self.assertEqual(result.lines, [
-            "# jdoe@corp.test",
-            "#   at 9: $u inserted \"jdoe\"",
-            "#   at 17: $c inserted nothing, dropped the text \")(x=1)\"",
-            "#   at 25: $m inserted \"jdoe@corp.test\"",
-            "#   at 27: ${@corp.test} removed \"@corp.test\"",
-            "#   at 44: $b inserted nothing, dropped the text \")(b=\"",
-            "#   at 50: $g inserted \"7\"",
-            "(|(uid=jdoe(mail=jdoe)(g=7)"])
+        self.assertEqual(
+            result.lines,
+            [
+                "# jdoe@corp.test",
+                '#   at 9: $u inserted "jdoe"',
+                '#   at 17: $c inserted nothing, dropped the text ")(x=1)"',
+                '#   at 25: $m inserted "jdoe@corp.test"',
+                '#   at 27: ${@corp.test} removed "@corp.test"',
+                '#   at 44: $b inserted nothing, dropped the text ")(b="',
+                '#   at 50: $g inserted "7"',
+                "(|(uid=jdoe(mail=jdoe)(g=7)",
+            ],
+        )
 
-    def testSaysWhereNothingWasRemoved(self):
+    def test_says_where_nothing_was_removed(self):
         result = run("expand", "--explain", "-t", "$u${zz}", "ab@x")
 
-        self.assertEqual(result.lines, ["# ab@x", "#   at 0: $u inserted \"ab\"",
-                                        "#   at 2: ${zz} removed nothing", "ab"])
+        self.assertEqual(
+            result.lines,
+            ["# ab@x", '#   at 0: $u inserted "ab"', "#   at 2: ${zz} removed nothing", "ab"],
+        )
 
-    def testShowsTheFirstOccurrenceRemovedAndTheTextDroppedBeforeIt(self):
+    def test_shows_the_first_occurrence_removed_and_the_text_dropped_before_it(self):
         result = run("expand", "--explain", "-t", "$m-${^a}", "aba@x")
 
-        self.assertEqual(result.lines, ["# aba@x", "#   at 0: $m inserted \"aba@x\"",
-                                        "#   at 3: ${^a} removed \"a\", dropped the text \"-\"",
-                                        "ba@x"])
+        self.assertEqual(
+            result.lines,
+            [
+                "# aba@x",
+                '#   at 0: $m inserted "aba@x"',
+                '#   at 3: ${^a} removed "a", dropped the text "-"',
+                "ba@x",
+            ],
+        )
 
-    def testShowsACutThatReachesBehindTheLastExpansion(self):
+    def test_shows_a_cut_that_reaches_behind_the_last_expansion(self):
         # The "#" of an empty domain does not count as an expansion: the cut takes it.
         result = run("expand", "--explain", "-t", "$u$d${b}", "ab")
 
-        self.assertEqual(result.lines, ["# ab", "#   at 0: $u inserted \"ab\"",
-                                        "#   at 2: $d inserted \"#\"",
-                                        "#   at 4: ${b} turned the end \"b#\" into \"a\"", "aa"])
+        self.assertEqual(
+            result.lines,
+            [
+                "# ab",
+                '#   at 0: $u inserted "ab"',
+                '#   at 2: $d inserted "#"',
+                '#   at 4: ${b} turned the end "b#" into "a"',
+                "aa",
+            ],
+        )
 
-    def testEndsEachExplainedFilterWithNul(self):
+    def test_ends_each_explained_filter_with_nul(self):
         result = run("expand", "-0", "--explain", "-t", "$u", "a", "b")
 
-        self.assertEqual(result.bytes, b"# a\n#   at 0: $u inserted \"a\"\na\0"
-                                       b"# b\n#   at 0: $u inserted \"b\"\nb\0")
+        self.assertEqual(
+            result.bytes,
+            b'# a\n#   at 0: $u inserted "a"\na\0' b'# b\n#   at 0: $u inserted "b"\nb\0',
+        )
 
-    def testExplainsWhatStandsBeforeAFault(self):
+    def test_explains_what_stands_before_a_fault(self):
         result = run("expand", "--explain", "-t", "(x=$u)(y=$q)", "jdoe@x")
 
-        self.assertFails(result, 65, "'(x=$u)(y=$q)' is wrong at byte 9: no specifier", "--lint")
-        self.assertEqual(result.lines, ["# jdoe@x", "#   at 3: $u inserted \"jdoe\""])
+        self.assert_fails(result, 65, "'(x=$u)(y=$q)' is wrong at byte 9: no specifier", "--lint")
+        self.assertEqual(result.lines, ["# jdoe@x", '#   at 3: $u inserted "jdoe"'])
 
 
 class ExpandLint(ToolTest):
-
-    def testSaysNothingOfACleanTemplate(self):
+    def test_says_nothing_of_a_clean_template(self):
         result = run("expand", "--lint", "-t", "(mail=$m)")
 
         self.assertEqual((result.status, result.output, result.errors), (0, "", ""))
 
-    def testMarksEachFindingUnderTheTemplate(self):
+    def test_marks_each_finding_under_the_template(self):
         result = run("expand", "--lint", "-t", "(&(uid=$u)(ou=$b)(x=$q)")
 
         self.assertEqual((result.status, result.errors), (65, ""))
-        self.assertEqual(result.lines, [
-            "template:0: error: '(' without its ')'",
-            "(&(uid=$u)(ou=$b)(x=$q)",
-            "^",
-            "template:9: warning: this text is lost before $b, which is empty",
-            "(&(uid=$u)(ou=$b)(x=$q)",
-            "         ^~~~~",
-            "template:20: error: no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, "
-            "and a '$' for itself is \\24",
-            "(&(uid=$u)(ou=$b)(x=$q)",
-            "                    ^~"])
+        self.assertEqual(
+            result.lines,
+            [
+                "template:0: error: '(' without its ')'",
+                "(&(uid=$u)(ou=$b)(x=$q)",
+                "^",
+                "template:9: warning: this text is lost before $b, which is empty",
+                "(&(uid=$u)(ou=$b)(x=$q)",
+                "         ^~~~~",
+                "template:20: error: no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, "
+                "and a '$' for itself is \\24",
+                "(&(uid=$u)(ou=$b)(x=$q)",
+                "                    ^~",
+            ],
+        )
 
-    def testSucceedsWithWarnings(self):
+    def test_succeeds_with_warnings(self):
         result = run("expand", "--lint", "-t", "(&(uid=$u)(dc=$d))")
 
-        self.assertEqual((result.status, result.lines), (0, [
-            "template:14: warning: '#' for an address without a domain",
-            "(&(uid=$u)(dc=$d))",
-            "              ^~"]))
+        self.assertEqual(
+            (result.status, result.lines),
+            (
+                0,
+                [
+                    "template:14: warning: '#' for an address without a domain",
+                    "(&(uid=$u)(dc=$d))",
+                    "              ^~",
+                ],
+            ),
+        )
 
-    def testCountsBytesAndMarksCharacters(self):
+    def test_counts_bytes_and_marks_characters(self):
         result = run("expand", "--lint", "-t", "  (cn=\u00fc\u20ac$\u00e4)")
 
         self.assertEqual(result.status, 65)
         self.assertTrue(result.lines[0].startswith("template:11: error: "), result.lines)
         self.assertEqual(result.lines[1:], ["  (cn=\u00fc\u20ac$\u00e4)", "        ^~"])
 
-    def testMarksBytesAsTheyAreShown(self):
+    def test_marks_bytes_as_they_are_shown(self):
         result = run("expand", "--lint", "-t", b"(cn=\xfc\t$u)")
 
-        self.assertEqual((result.status, result.lines[1:]),
-                         (65, ["(cn=\\xFC\\x09$u)", "    ^~~~"]))
+        self.assertEqual((result.status, result.lines[1:]), (65, ["(cn=\\xFC\\x09$u)", "    ^~~~"]))
 
-    def testMarksThePlaceOfAnEmptyTemplate(self):
+    def test_marks_the_place_of_an_empty_template(self):
         result = run("expand", "--lint", "-t", " ")
 
-        self.assertEqual((result.status, result.lines), (65, [
-            "template:0: error: makes an empty filter, which matches every entry", " ", "^"]))
+        self.assertEqual(
+            (result.status, result.lines),
+            (65, ["template:0: error: makes an empty filter, which matches every entry", " ", "^"]),
+        )
 
-    def testKnowsTheOptionalValues(self):
+    def test_knows_the_optional_values(self):
         result = run("expand", "--lint", "-t", "(&(uid=$u)(ou=$b))", "--b", "sales")
 
         self.assertEqual((result.status, result.output), (0, ""))
 
-    def testIsFollowedByTheFiltersOfAddresses(self):
+    def test_is_followed_by_the_filters_of_addresses(self):
         warned = run("expand", "--lint", "-t", "(dc=$d)", "a@x", "b@y")
         wrong = run("expand", "--lint", "-t", "(uid=$u))", "a@x")
         malformed = run("expand", "--lint", "-t", "(uid=$x)", "a@x", "b@y")
@@ -193,87 +226,94 @@ class ExpandLint(ToolTest):
         self.assertEqual((warned.status, len(warned.lines)), (0, 5))
         self.assertEqual(warned.lines[3:], ["(dc=x)", "(dc=y)"])
         self.assertEqual((wrong.status, wrong.lines[3:]), (65, ["(uid=a))"]))
-        self.assertFails(malformed, 65, "is wrong at byte 5")
+        self.assert_fails(malformed, 65, "is wrong at byte 5")
         self.assertEqual(len(malformed.lines), 3)
 
-    def testEndsFindingsWithNul(self):
+    def test_ends_findings_with_nul(self):
         result = run("expand", "-0", "--lint", "-t", "(dc=$d)", "a@x")
 
-        self.assertEqual(result.bytes, b"template:4: warning: '#' for an address without a domain\n"
-                                       b"(dc=$d)\n    ^~\0(dc=x)\0")
+        self.assertEqual(
+            result.bytes,
+            b"template:4: warning: '#' for an address without a domain\n"
+            b"(dc=$d)\n    ^~\0(dc=x)\0",
+        )
 
-    def testNeedsATemplate(self):
-        self.assertFails(run("expand", "--lint"), 64, "template")
+    def test_needs_a_template(self):
+        self.assert_fails(run("expand", "--lint"), 64, "template")
 
 
 class ExpandRefuses(ToolTest):
-
-    def testAnUnknownSpecifier(self):
+    def test_an_unknown_specifier(self):
         result = run("expand", "-t", "(x=$q)", "a@x", "b@x")
 
-        self.assertFails(result, 65, "'(x=$q)' is wrong at byte 3", "known are $u")
+        self.assert_fails(result, 65, "'(x=$q)' is wrong at byte 3", "known are $u")
         self.assertEqual(result.output, "")
 
-    def testADollarAtTheEnd(self):
+    def test_a_dollar_at_the_end(self):
         result = run("expand", "-t", "cn=$", "a@x")
 
-        self.assertFails(result, 65, "'cn=$' is wrong at byte 3", "\\24")
+        self.assert_fails(result, 65, "'cn=$' is wrong at byte 3", "\\24")
 
-    def testABraceThatIsNotClosed(self):
+    def test_a_brace_that_is_not_closed(self):
         result = run("expand", "-t", "$u${abc", "a@x")
 
-        self.assertFails(result, 65, "'$u${abc' is wrong at byte 2", "without its '}'")
+        self.assert_fails(result, 65, "'$u${abc' is wrong at byte 2", "without its '}'")
 
-    def testATemplateThatComesOutEmpty(self):
+    def test_a_template_that_comes_out_empty(self):
         result = run("expand", "-t", " (x=1)$b ", "a@x")
 
-        self.assertFails(result, 65, "empty filter")
+        self.assert_fails(result, 65, "empty filter")
 
-    def testATemplateOfSeveralLines(self):
+    def test_a_template_of_several_lines(self):
         result = run("expand", "-t", "(&(a=1)\n(b=2))", "a@x")
 
-        self.assertFails(result, 65, "'(&(a=1)\\x0A(b=2))' holds a control character at byte 7",
-                         "--lint")
+        self.assert_fails(
+            result, 65, "'(&(a=1)\\x0A(b=2))' holds a control character at byte 7", "--lint"
+        )
 
-    def testATemplateThatIsNoUtf8(self):
+    def test_a_template_that_is_no_utf8(self):
         result = run("expand", "-t", b"(cn=\xfc)$u", "a@x")
 
-        self.assertFails(result, 65, "invalid UTF-8 at byte 4")
+        self.assert_fails(result, 65, "invalid UTF-8 at byte 4")
 
-    def testAFilterWhoseCutTookHalfACharacter(self):
+    def test_a_filter_whose_cut_took_half_a_character(self):
         result = run("expand", "-t", "$u\u00fc$d${b}", "ab")
 
-        self.assertFails(result, 65, "'ab\\xC3a' holds invalid UTF-8 at byte 2")
+        self.assert_fails(result, 65, "'ab\\xC3a' holds invalid UTF-8 at byte 2")
 
-    def testABadKeyAndGoesOn(self):
-        for key, words in ((b"", "empty"), (b"a\nb", "a control character at byte 1"),
-                           (b"\xc2\x85", "a control character at byte 0"),
-                           (b"a\x7f", "a control character at byte 1"),
-                           (b"\xff", "invalid UTF-8 at byte 0"),
-                           (b"\xc0\xaf", "invalid UTF-8 at byte 0"),
-                           (b"\xed\xa0\x80", "invalid UTF-8 at byte 0"),
-                           (b"\xf4\x90\x80\x80", "invalid UTF-8 at byte 0"),
-                           (b"\xe2\x82", "invalid UTF-8 at byte 0")):
+    def test_a_bad_key_and_goes_on(self):
+        for key, words in (
+            (b"", "empty"),
+            (b"a\nb", "a control character at byte 1"),
+            (b"\xc2\x85", "a control character at byte 0"),
+            (b"a\x7f", "a control character at byte 1"),
+            (b"\xff", "invalid UTF-8 at byte 0"),
+            (b"\xc0\xaf", "invalid UTF-8 at byte 0"),
+            (b"\xed\xa0\x80", "invalid UTF-8 at byte 0"),
+            (b"\xf4\x90\x80\x80", "invalid UTF-8 at byte 0"),
+            (b"\xe2\x82", "invalid UTF-8 at byte 0"),
+        ):
             with self.subTest(key=key):
                 result = run("expand", "-t", "$u", key, "next@x")
 
-                self.assertFails(result, 65, words)
+                self.assert_fails(result, 65, words)
                 self.assertEqual(result.lines, ["next"])
 
-    def testAKeyWithNulFromAFile(self):
+    def test_a_key_with_nul_from_a_file(self):
         result = run("expand", "-t", "$u", "-f", "-", stdin=b"a\0b\n")
 
-        self.assertFails(result, 65, "a control character at byte 1")
+        self.assert_fails(result, 65, "a control character at byte 1")
 
-    def testNoAddressAtAll(self):
-        self.assertFails(run("expand", "-t", "$u"), 64, "there is no address")
+    def test_no_address_at_all(self):
+        self.assert_fails(run("expand", "-t", "$u"), 64, "there is no address")
 
-    def testAFileThatCannotBeRead(self):
-        self.assertFails(run("expand", "-T", "/nonexistent", "a"), 78, "'/nonexistent'",
-                         "No such file")
-        self.assertFails(run("expand", "-T", self.folder, "a"), 78, "Is a directory")
-        self.assertFails(run("expand", "-t", "$u", "-f", "/nonexistent"), 78, "No such file")
-        self.assertFails(run("expand", "-t", "$u", "-f", self.folder), 78, "Is a directory")
+    def test_a_file_that_cannot_be_read(self):
+        self.assert_fails(
+            run("expand", "-T", "/nonexistent", "a"), 78, "'/nonexistent'", "No such file"
+        )
+        self.assert_fails(run("expand", "-T", self.folder, "a"), 78, "Is a directory")
+        self.assert_fails(run("expand", "-t", "$u", "-f", "/nonexistent"), 78, "No such file")
+        self.assert_fails(run("expand", "-t", "$u", "-f", self.folder), 78, "Is a directory")
 
 
 if __name__ == "__main__":

@@ -5,8 +5,7 @@ import subprocess
 import threading
 import unittest
 
-from names import NameServer, service
-from servers import SEARCH, ScriptedDirectory, serving, silent
+from servers import SEARCH, NameServer, ScriptedDirectory, service, serving, silent
 from support import DEADLINE, PEOPLE, READER, TOOL, DirectoryTest, ToolTest, run, tlv
 
 
@@ -20,77 +19,101 @@ def records(result):
 
 
 class ScriptedLookup(ToolTest):
-
-    def lookUp(self, onSearch, *arguments, **options):
-        self.directory = ScriptedDirectory(self, serving(onSearch))
-        return run("lookup", "-H", self.directory.uri, "-b", "dc=x", "-t", "(mail=$m)",
-                   "-o", "nettimeout=5", *arguments, **options)
+    def look_up(self, on_search, *arguments, **options):
+        self.directory = ScriptedDirectory(self, serving(on_search))
+        return run(
+            "lookup",
+            "-H",
+            self.directory.uri,
+            "-b",
+            "dc=x",
+            "-t",
+            "(mail=$m)",
+            "-o",
+            "nettimeout=5",
+            *arguments,
+            **options,
+        )
 
 
 class ReferencesAlone(ScriptedLookup):
-
     def ask(self, *arguments):
-        return self.lookUp(lambda request: refer(request, b"ldap://other.test/dc=y"), "a@x.test",
-                           *arguments)
+        return self.look_up(
+            lambda request: refer(request, b"ldap://other.test/dc=y"), "a@x.test", *arguments
+        )
 
-    def testAreNoAnswer(self):
+    def test_are_no_answer(self):
         result = self.ask("--format", "json")
 
         self.assertEqual(result.status, 75, result.errors)
         self.assertEqual(records(result)[0]["status"], "error")
         self.assertIn("references", records(result)[0]["text"])
 
-    def testAreNotFoundIfTheyAreIgnored(self):
-        for option in (["--references", "ignore"],
-                       ["-C", self.file("conf", b"references = ignore\n")]):
+    def test_are_not_found_if_they_are_ignored(self):
+        for option in (
+            ["--references", "ignore"],
+            ["-C", self.file("conf", b"references = ignore\n")],
+        ):
             result = self.ask(*option, "--format", "json")
 
             self.assertEqual(result.status, 1, result.errors)
             self.assertEqual(records(result)[0]["status"], "notfound")
 
-    def testAreRemarkedOnWhereAFormatHasAPlaceForText(self):
-        asJson = self.ask("--references", "ignore", "--format", "json")
-        asTsv = self.ask("--references", "ignore", "--format", "tsv")
-        asText = self.ask("--references", "ignore")
+    def test_are_remarked_on_where_a_format_has_a_place_for_text(self):
+        as_json = self.ask("--references", "ignore", "--format", "json")
+        as_tsv = self.ask("--references", "ignore", "--format", "tsv")
+        as_text = self.ask("--references", "ignore")
 
         remark = "leaves a part of the base to servers that were not asked"
-        self.assertIn(remark, records(asJson)[0]["text"])
-        self.assertRegex(asTsv.output, f"^a@x.test\t\tnotfound\t.*{remark}\n$")
-        self.assertRegex(asText.output, f"^# a@x.test: not found: .*{remark}\n$")
+        self.assertIn(remark, records(as_json)[0]["text"])
+        self.assertRegex(as_tsv.output, f"^a@x.test\t\tnotfound\t.*{remark}\n$")
+        self.assertRegex(as_text.output, f"^# a@x.test: not found: .*{remark}\n$")
 
-    def testStandBesideAnEntryWithoutARemark(self):
-        result = self.lookUp(lambda request: refer(request, b"ldap://o.test/")[:-len(request.empty())]
-                             + request.found(), "a@x.test", "--format", "json")
+    def test_stand_beside_an_entry_without_a_remark(self):
+        result = self.look_up(
+            lambda request: refer(request, b"ldap://o.test/")[: -len(request.empty())]
+            + request.found(),
+            "a@x.test",
+            "--format",
+            "json",
+        )
 
         self.assertEqual((result.status, records(result)[0]["status"]), (0, "found"))
 
 
 class Sizes(ScriptedLookup):
-
     def large(self, size):
         return lambda request: request.entry(cn=[b"x" * size]) + request.empty()
 
-    def testBoundTheEntry(self):
+    def test_bound_the_entry(self):
         for size, status in ((3000, 75), (1000, 0)):
-            result = self.lookUp(self.large(size), "--entry-bytes", "2048", "a@x.test",
-                                 "--format", "values")
+            result = self.look_up(
+                self.large(size), "--entry-bytes", "2048", "a@x.test", "--format", "values"
+            )
 
             self.assertEqual(result.status, status, result.errors)
 
-    def testBoundTheAnswer(self):
+    def test_bound_the_answer(self):
         def three(request):
             return request.entry(cn=[b"x" * 1000]) * 3 + request.empty()
 
         for limit, status in ((2048, 75), (8192, 0)):
-            result = self.lookUp(three, "--answer-bytes", str(limit), "a@x.test")
+            result = self.look_up(three, "--answer-bytes", str(limit), "a@x.test")
 
             self.assertEqual(result.status, status, result.errors)
             if status:
                 self.assertIn("2048 bytes", result.errors)
 
-    def testBoundTheKey(self):
-        result = self.lookUp(lambda request: request.empty(), "--key-bytes", "10", "a@x.test",
-                             "abcdefg@x.test", "--format", "json")
+    def test_bound_the_key(self):
+        result = self.look_up(
+            lambda request: request.empty(),
+            "--key-bytes",
+            "10",
+            "a@x.test",
+            "abcdefg@x.test",
+            "--format",
+            "json",
+        )
 
         self.assertEqual(result.status, 65)
         self.assertEqual([record["status"] for record in records(result)], ["notfound", "error"])
@@ -98,28 +121,26 @@ class Sizes(ScriptedLookup):
 
 
 class Domains(ScriptedLookup):
-
     def ask(self, *arguments):
         def found(request):
-            isAscii = b"@xn--mnchen-3ya.test" in request.content
-            return request.found() if isAscii else request.empty()
+            is_ascii = b"@xn--mnchen-3ya.test" in request.content
+            return request.found() if is_ascii else request.empty()
 
-        return self.lookUp(found, *arguments)
+        return self.look_up(found, *arguments)
 
-    def testAreLookedUpInAsciiToo(self):
+    def test_are_looked_up_in_ascii_too(self):
         result = self.ask("user@m\u00fcnchen.test")
 
         self.assertEqual(result.status, 0, result.errors)
 
-    def testAreLookedUpAsTheyAreIfToldSo(self):
+    def test_are_looked_up_as_they_are_if_told_so(self):
         result = self.ask("--ascii-domains", "no", "user@m\u00fcnchen.test")
 
         self.assertEqual((result.status, self.directory.count(SEARCH)), (1, 1), result.errors)
 
 
 class KeysOfAPipe(ToolTest):
-
-    def testAreSearchedForWhileOthersAreUnderWay(self):
+    def test_are_searched_for_while_others_are_under_way(self):
         """The first key is answered only after the search for the second one came."""
         heard = threading.Event()
 
@@ -132,10 +153,29 @@ class KeysOfAPipe(ToolTest):
                 silent(connection)
 
         directory = ScriptedDirectory(self, script)
-        with subprocess.Popen([TOOL, "lookup", "-H", directory.uri, "-b", "dc=x", "-t", "(mail=$m)",
-                               "-j", "1", "--deadline", "20", "-f", "-", "--format", "tsv"],
-                              stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                              stderr=subprocess.PIPE) as tool:
+        with subprocess.Popen(
+            [
+                TOOL,
+                "lookup",
+                "-H",
+                directory.uri,
+                "-b",
+                "dc=x",
+                "-t",
+                "(mail=$m)",
+                "-j",
+                "1",
+                "--deadline",
+                "20",
+                "-f",
+                "-",
+                "--format",
+                "tsv",
+            ],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        ) as tool:
             tool.stdin.write(b"first@x.test\n")
             tool.stdin.flush()
             self.assertTrue(heard.wait(DEADLINE))
@@ -144,16 +184,32 @@ class KeysOfAPipe(ToolTest):
             lines = [tool.stdout.readline() for _ in range(2)]
             output, errors = tool.communicate(timeout=DEADLINE)
 
-        self.assertEqual(lines, [b"first@x.test\t\tnotfound\n", b"second@x.test\t\tnotfound\n"],
-                         errors)
+        self.assertEqual(
+            lines, [b"first@x.test\t\tnotfound\n", b"second@x.test\t\tnotfound\n"], errors
+        )
         self.assertEqual((tool.returncode, output, errors), (1, b"", b""))
 
-    def testAreAnsweredBeforeTheNextOneComes(self):
+    def test_are_answered_before_the_next_one_comes(self):
         """A dialogue: the next key is written when the answer to the one before it was read."""
         directory = ScriptedDirectory(self, serving(lambda request: request.empty()))
-        with subprocess.Popen([TOOL, "lookup", "-H", directory.uri, "-b", "dc=x", "-t", "(mail=$m)",
-                               "-f", "-", "--format", "tsv"],
-                              stdin=subprocess.PIPE, stdout=subprocess.PIPE) as tool:
+        with subprocess.Popen(
+            [
+                TOOL,
+                "lookup",
+                "-H",
+                directory.uri,
+                "-b",
+                "dc=x",
+                "-t",
+                "(mail=$m)",
+                "-f",
+                "-",
+                "--format",
+                "tsv",
+            ],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        ) as tool:
             for number in range(50):
                 key = b"%d@x.test" % number
                 tool.stdin.write(key + b"\n")
@@ -165,52 +221,95 @@ class KeysOfAPipe(ToolTest):
 
 
 class NamedServers(DirectoryTest):
-    slapdOptions = ["--users", "5"]
+    slapd_options = ["--users", "5"]
 
     def ask(self, names, uri, *arguments):
-        return self.lookUp("--name-servers", names.address, "--format", "values", "--attrs", "uid",
-                           *arguments, "user0000001@corp.test", uri=uri)
+        return self.look_up(
+            "--name-servers",
+            names.address,
+            "--format",
+            "values",
+            "--attrs",
+            "uid",
+            *arguments,
+            "user0000001@corp.test",
+            uri=uri,
+        )
 
-    def testAreAskedForAtTheNameServersThatAreTold(self):
+    def test_are_asked_for_at_the_name_servers_that_are_told(self):
         names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"]})
 
         result = self.ask(names, f"ldap://ldap.corp.test:{self.server['LDAP_PORT']}")
 
         self.assertEqual((result.status, result.lines), (0, ["user0000001"]), result.errors)
 
-    def testAreFoundByTheirDomain(self):
-        names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"]}, services={
-            "_ldap._tcp.corp.test": [service(0, 0, int(self.server["LDAP_PORT"]),
-                                             "ldap.corp.test")]})
+    def test_are_found_by_their_domain(self):
+        names = NameServer(
+            self,
+            hosts={"ldap.corp.test": ["127.0.0.1"]},
+            services={
+                "_ldap._tcp.corp.test": [
+                    service(0, 0, int(self.server["LDAP_PORT"]), "ldap.corp.test")
+                ]
+            },
+        )
 
         result = self.ask(names, "ldap+srv:///dc=corp,dc=test")
 
         self.assertEqual((result.status, result.lines), (0, ["user0000001"]), result.errors)
 
-    def testAreTriedInTheOrderOfTheirPriority(self):
-        names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"],
-                                        "dead.corp.test": ["127.0.0.1"]}, services={
-            "_ldap._tcp.corp.test": [
-                service(20, 0, int(self.server["LDAP_PORT"]), "ldap.corp.test"),
-                service(10, 0, 1, "dead.corp.test")]})
+    def test_are_tried_in_the_order_of_their_priority(self):
+        names = NameServer(
+            self,
+            hosts={"ldap.corp.test": ["127.0.0.1"], "dead.corp.test": ["127.0.0.1"]},
+            services={
+                "_ldap._tcp.corp.test": [
+                    service(20, 0, int(self.server["LDAP_PORT"]), "ldap.corp.test"),
+                    service(10, 0, 1, "dead.corp.test"),
+                ]
+            },
+        )
 
         result = self.ask(names, "ldap+srv:///dc=corp,dc=test", "-v")
 
         self.assertEqual((result.status, result.lines), (0, ["user0000001"]), result.errors)
 
-    def testOfTheFileMayBeADomainBesideHosts(self):
-        names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"]}, services={
-            "_ldap._tcp.corp.test": [service(0, 0, int(self.server["LDAP_PORT"]),
-                                             "ldap.corp.test")]})
-        settings = self.file("conf", (f"server_host = ldap://127.0.0.1:1, ldap+srv:///dc=corp,dc=test"
-                                      f"\nname_servers = {names.address}\n").encode())
+    def test_of_the_file_may_be_a_domain_beside_hosts(self):
+        names = NameServer(
+            self,
+            hosts={"ldap.corp.test": ["127.0.0.1"]},
+            services={
+                "_ldap._tcp.corp.test": [
+                    service(0, 0, int(self.server["LDAP_PORT"]), "ldap.corp.test")
+                ]
+            },
+        )
+        settings = self.file(
+            "conf",
+            (
+                f"server_host = ldap://127.0.0.1:1, ldap+srv:///dc=corp,dc=test"
+                f"\nname_servers = {names.address}\n"
+            ).encode(),
+        )
 
-        result = run("-C", settings, "lookup", "-b", PEOPLE, "-t", "(mail=$m)", "--attrs", "uid",
-                     "--format", "values", "user0000001@corp.test")
+        result = run(
+            "-C",
+            settings,
+            "lookup",
+            "-b",
+            PEOPLE,
+            "-t",
+            "(mail=$m)",
+            "--attrs",
+            "uid",
+            "--format",
+            "values",
+            "user0000001@corp.test",
+        )
 
         self.assertEqual((result.status, result.lines), (0, ["user0000001"]), result.errors)
 
-    def testOfADomainWithoutRecordsAreTriedLater(self):
+    def test_of_a_domain_without_records_are_tried_later(self):
         names = NameServer(self, hosts={"ldap.corp.test": ["127.0.0.1"]})
 
         result = self.ask(names, "ldap+srv:///dc=corp,dc=test", "-o", "nettimeout=5")
@@ -220,18 +319,30 @@ class NamedServers(DirectoryTest):
 
 
 class ARefusedPassword(DirectoryTest):
-    slapdOptions = ["--users", "5"]
+    slapd_options = ["--users", "5"]
 
-    def testIsNotSentAgainWhileItIsHeld(self):
+    def test_is_not_sent_again_while_it_is_held(self):
         wrong = self.file("password", b"wrong")
 
-        result = self.lookUp("-D", READER, "-y", wrong, "-j", "1", "--refused-hold", "600",
-                             "--format", "json", *[f"{n}@corp.test" for n in range(5)])
+        result = self.look_up(
+            "-D",
+            READER,
+            "-y",
+            wrong,
+            "-j",
+            "1",
+            "--refused-hold",
+            "600",
+            "--format",
+            "json",
+            *[f"{n}@corp.test" for n in range(5)],
+        )
 
         self.assertEqual(result.status, 77)
         self.assertEqual({record["code"] for record in records(result)}, {49})
-        self.assertTrue(any("not tried again" in record["text"] for record in records(result)),
-                        result.output)
+        self.assertTrue(
+            any("not tried again" in record["text"] for record in records(result)), result.output
+        )
 
 
 if __name__ == "__main__":

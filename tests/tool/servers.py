@@ -1,4 +1,5 @@
-"""Servers that a test stops and starts again, and ones that answer as a test wants."""
+"""Servers that a test stops and starts again, and ones that answer as a test wants: directories, a name
+server."""
 
 import os
 import select
@@ -17,6 +18,9 @@ from support import DEADLINE, TESTBED, outcome, tlv
 BIND, SEARCH, ADD, EXTENDED = 0x60, 0x63, 0x68, 0x77  # tags of requests
 BIND_RESPONSE, SEARCH_ENTRY, SEARCH_DONE, EXTENDED_RESPONSE = 0x61, 0x64, 0x65, 0x78
 
+A, AAAA, SRV = 1, 28, 33  # types of records (RFC 1035, RFC 3596, RFC 2782)
+NO_ERROR, NAME_ERROR = 0, 3
+
 CLOSE_WAIT = "08"  # in /proc/net/tcp: the peer has closed, we have not
 
 
@@ -33,35 +37,35 @@ def eventually(condition):
 class Slapd:
     """A directory of its own for one test, or for a class of them."""
 
-    def __init__(self, addCleanup, *options):
+    def __init__(self, add_cleanup, *options):
         search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/sbin", "/usr/sbin"])
         if shutil.which("slapd", path=search) is None and not os.environ.get("CI"):
             raise unittest.SkipTest("slapd is not installed")
         parent = tempfile.mkdtemp(prefix="solvane-tool-")
-        addCleanup(shutil.rmtree, parent)
+        add_cleanup(shutil.rmtree, parent)
         self.folder = os.path.join(parent, "slapd")
-        addCleanup(self._run, "slapd-stop", self.folder)
+        add_cleanup(self._run, "stop", self.folder)
         self._run("slapd-start", self.folder, *options)
-        self._readEnvironment()
+        self._read_environment()
 
     @property
     def uri(self):
         return self._environment["LDAP_URI"]
 
     @property
-    def secureUri(self):
+    def secure_uri(self):
         return self._environment["LDAPS_URI"]
 
     @property
-    def caFile(self):
+    def ca_file(self):
         return os.path.join(self.folder, "tls", "ca.pem")
 
     def stop(self):
-        self._run("slapd-stop", self.folder, "--keep")
+        self._run("stop", self.folder, "--keep")
 
     def start(self):
         self._run("slapd-run", self.folder)
-        self._readEnvironment()
+        self._read_environment()
 
     def kill(self):
         """As a crash would."""
@@ -76,7 +80,7 @@ class Slapd:
     def resume(self):
         os.kill(self._pid, signal.SIGCONT)
 
-    def hasHungUpOnSomebody(self):
+    def has_hung_up_on_somebody(self):
         """A client still holds its end of a connection that this server has closed."""
         port = f":{int(self._environment['LDAP_PORT']):04X}"
         with open("/proc/net/tcp", encoding="ascii") as table:
@@ -87,14 +91,18 @@ class Slapd:
     def _pid(self):
         return int(self._environment["SERVER_PID"])
 
-    def _readEnvironment(self):
+    def _read_environment(self):
         with open(os.path.join(self.folder, "server.env"), encoding="utf-8") as settings:
             self._environment = dict(line.rstrip("\n").split("=", 1) for line in settings)
 
     @staticmethod
     def _run(script, *arguments):
-        subprocess.run([os.path.join(TESTBED, script), *arguments], check=True, timeout=DEADLINE,
-                       stdout=subprocess.DEVNULL)
+        subprocess.run(
+            [os.path.join(TESTBED, script), *arguments],
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
 
 
 class Request:
@@ -115,8 +123,10 @@ class Request:
         return self.answer(outcome(tag, code, **more))
 
     def entry(self, dn=b"cn=somebody", **attributes):
-        listed = [tlv(0x30, tlv(0x04, name.encode()), tlv(0x31, *[tlv(0x04, v) for v in values]))
-                  for name, values in attributes.items()]
+        listed = [
+            tlv(0x30, tlv(0x04, name.encode()), tlv(0x31, *[tlv(0x04, v) for v in values]))
+            for name, values in attributes.items()
+        ]
         return self.answer(tlv(SEARCH_ENTRY, tlv(0x04, dn), tlv(0x30, *listed)))
 
     def found(self):
@@ -140,7 +150,7 @@ class Connection:
 
     def receive(self):
         """The next request; None when the client is gone."""
-        while not self._isWhole():
+        while not self._is_whole():
             try:
                 part = self._peer.recv(65536)
             except OSError:
@@ -164,12 +174,12 @@ class Connection:
         self._peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self._peer.close()
 
-    def hasMore(self):
+    def has_more(self):
         """Another request is there already, or comes within a moment."""
         readable, _, _ = select.select([self._peer], [], [], 0.2)
         return bool(self._pending or readable)
 
-    def waitUntilClosed(self):
+    def wait_until_closed(self):
         """Takes whatever comes, be it LDAP or not."""
         try:
             while self._peer.recv(65536):
@@ -177,7 +187,7 @@ class Connection:
         except OSError:
             pass
 
-    def _isWhole(self):
+    def _is_whole(self):
         return len(self._pending) >= 2 and len(self._pending) >= self._size()
 
     def _size(self):
@@ -217,8 +227,9 @@ class ScriptedDirectory:
             peer.settimeout(DEADLINE)
             self._sockets.append(peer)
             self.connections.append(Connection(peer))
-            self._threads.append(threading.Thread(target=self._play,
-                                                  args=(peer, self.connections[-1])))
+            self._threads.append(
+                threading.Thread(target=self._play, args=(peer, self.connections[-1]))
+            )
             self._threads[-1].start()
 
     def _play(self, peer, connection):
@@ -241,39 +252,52 @@ def granted(request):
     return request.result(BIND_RESPONSE)
 
 
-def serving(onSearch, identity=b"dn:cn=reader", onBind=granted):
+def serving(on_search, identity=b"dn:cn=reader", on_bind=granted):
     """A script: answers each bind and search with the bytes that the two functions make of it, or
     hangs up where that is None; and says that the client is `identity`."""
+
     def script(connection):
         while (request := connection.receive()) is not None:
             if request.operation == BIND:
-                answer = onBind(request)
+                answer = on_bind(request)
             elif request.operation == EXTENDED:
-                answer = request.answer(tlv(EXTENDED_RESPONSE, tlv(0x0A, b"\0"), tlv(0x04, b""),
-                                            tlv(0x04, b""), tlv(0x8B, identity)))
+                answer = request.answer(
+                    tlv(
+                        EXTENDED_RESPONSE,
+                        tlv(0x0A, b"\0"),
+                        tlv(0x04, b""),
+                        tlv(0x04, b""),
+                        tlv(0x8B, identity),
+                    )
+                )
             elif request.operation == SEARCH:
-                answer = onSearch(request)
+                answer = on_search(request)
             else:
                 continue  # an unbind, or an abandon
             if answer is None:
                 return
             connection.send(answer)
+
     return script
 
 
 def giving(*answers):
     """A script: gives the requests these answers, in their order, and then none."""
+
     def script(connection):
         if give(connection, answers):
             silent(connection)
+
     return script
 
 
-def hangingUpAfter(*answers):
+def hanging_up_after(*answers):
     """A script: gives the requests these answers, in their order, and hangs up at the next one."""
+
     def script(connection):
         if give(connection, answers):
             connection.receive()
+
     return script
 
 
@@ -290,3 +314,82 @@ def silent(connection):
     """A script: takes requests and says nothing."""
     while connection.receive() is not None:
         pass
+
+
+def labels(name):
+    """A name as it stands in a message."""
+    parts = [part.encode() for part in name.rstrip(".").split(".") if part]
+    return b"".join(bytes([len(part)]) + part for part in parts) + b"\0"
+
+
+def address(text):
+    """The data of an A or AAAA record."""
+    return socket.inet_pton(socket.AF_INET6 if ":" in text else socket.AF_INET, text)
+
+
+def service(priority, weight, port, target):
+    """The data of an SRV record."""
+    return struct.pack(">HHH", priority, weight, port) + labels(target)
+
+
+class NameServer:
+    """Answers from a table, over UDP; what is not in it does not exist."""
+
+    def __init__(self, test, hosts=None, services=None):
+        """`hosts`: names with lists of addresses; `services`: names with lists of `service`s."""
+        self._records = {}
+        for name, addresses in (hosts or {}).items():
+            self._records[name, A] = [address(text) for text in addresses if ":" not in text]
+            self._records[name, AAAA] = [address(text) for text in addresses if ":" in text]
+        for name, listed in (services or {}).items():
+            self._records[name, SRV] = listed
+        self._socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self._socket.bind(("127.0.0.1", 0))
+        self._thread = threading.Thread(target=self._serve)
+        self._thread.start()
+        test.addCleanup(self._stop)
+
+    @property
+    def address(self):
+        """As --name-servers takes it."""
+        return f"127.0.0.1:{self._socket.getsockname()[1]}"
+
+    def _serve(self):
+        while True:
+            query, peer = self._socket.recvfrom(4096)
+            if not query:
+                return
+            self._socket.sendto(self._answer(query), peer)
+
+    def _answer(self, query):
+        end = query.index(b"\0", 12) + 5  # the question: name, type, class
+        name, kind = self._question(query[12:end])
+        found = self._records.get((name, kind), [])
+        exists = any(known == name for known, _ in self._records)
+        header = struct.pack(
+            ">HHHHHH",
+            int.from_bytes(query[:2], "big"),
+            0x8580 | (NO_ERROR if exists else NAME_ERROR),
+            1,
+            len(found),
+            0,
+            0,
+        )
+        answers = b"".join(
+            b"\xc0\x0c" + struct.pack(">HHIH", kind, 1, 60, len(data)) + data for data in found
+        )
+        return header + query[12:end] + answers
+
+    @staticmethod
+    def _question(question):
+        parts, at = [], 0
+        while question[at]:
+            parts.append(question[at + 1 : at + 1 + question[at]].decode())
+            at += 1 + question[at]
+        return ".".join(parts).lower(), int.from_bytes(question[at + 1 : at + 3], "big")
+
+    def _stop(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as waking:
+            waking.sendto(b"", self._socket.getsockname())
+        self._thread.join(DEADLINE)
+        self._socket.close()

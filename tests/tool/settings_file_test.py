@@ -2,124 +2,156 @@
 
 import unittest
 
-from support import (PEOPLE, PRIVATE, READER, READER_PASSWORD, DirectoryTest, ToolTest, run)
+from support import PEOPLE, PRIVATE, READER, READER_PASSWORD, DirectoryTest, ToolTest, run
 
 
 class Grammar(ToolTest):
-
     def expand(self, text, *arguments, key="a+b@X.test", mode=0o600):
         return run("-C", self.file("conf", text.encode(), mode), "expand", *arguments, key)
 
-    def assertRefused(self, text, line, *words, mode=0o600):
+    def assert_refused(self, text, line, *words, mode=0o600):
         result = self.expand(text, mode=mode)
 
-        self.assertFails(result, 78, f"conf:{line}: ", *words)
+        self.assert_fails(result, 78, f"conf:{line}: ", *words)
         self.assertEqual(result.output, "")
 
-    def testHasNamesAndValuesWithBlanksRoundThem(self):
-        for text in ("query_filter=(m=$m)", "query_filter = (m=$m)\n",
-                     "query_filter\t=\t(m=$m) \r\n"):
+    def test_has_names_and_values_with_blanks_round_them(self):
+        for text in (
+            "query_filter=(m=$m)",
+            "query_filter = (m=$m)\n",
+            "query_filter\t=\t(m=$m) \r\n",
+        ):
             with self.subTest(text=text):
                 result = self.expand(text)
 
-                self.assertEqual((result.status, result.lines), (0, ["(m=a+b@X.test)"]),
-                                 result.errors)
+                self.assertEqual(
+                    (result.status, result.lines), (0, ["(m=a+b@X.test)"]), result.errors
+                )
 
-    def testPassesOverCommentsAndEmptyLines(self):
+    def test_passes_over_comments_and_empty_lines(self):
         result = self.expand("# query_filter = x\n\n  # more\n\t\nquery_filter = ($u)\n#\n")
 
         self.assertEqual(result.lines, ["(a+b)"], result.errors)
 
-    def testContinuesALineThatBeginsWithBlanks(self):
+    def test_continues_a_line_that_begins_with_blanks(self):
         result = self.expand("query_filter = (&\n  (a=$u)\n# between\n\t(b=$d))\nb_value = 1\n")
 
         self.assertEqual(result.lines, ["(& (a=a+b) (b=X.test))"], result.errors)
 
-    def testKeepsEqualsSignsOfTheValue(self):
+    def test_keeps_equals_signs_of_the_value(self):
         self.assertEqual(self.expand("query_filter = (a=b=$u)\n").lines, ["(a=b=a+b)"])
 
-    def testReadsAFileWithoutALastNewlineAndAnEmptyOne(self):
+    def test_reads_a_file_without_a_last_newline_and_an_empty_one(self):
         self.assertEqual(self.expand("b_value = v\nquery_filter = $b").lines, ["v"])
-        self.assertFails(self.expand(""), 64, "there is no template", "query_filter")
+        self.assert_fails(self.expand(""), 64, "there is no template", "query_filter")
 
-    def testIsOverriddenByOptions(self):
+    def test_is_overridden_by_options(self):
         settings = "query_filter = (file=$u)(b=$b)(g=$g)\nb_value = fb\ng_value = fg\n"
 
         self.assertEqual(self.expand(settings).lines, ["(file=a+b)(b=fb)(g=fg)"])
         self.assertEqual(self.expand(settings, "--b", "ob").lines, ["(file=a+b)(b=ob)(g=fg)"])
         self.assertEqual(self.expand(settings, "-t", "(opt=$u)").lines, ["(opt=a+b)"])
 
-    def testStandsBeforeOrBehindTheCommand(self):
+    def test_stands_before_or_behind_the_command(self):
         path = self.file("conf", b"query_filter = $u\n")
 
         self.assertEqual(run("expand", "-C", path, "a@b").lines, ["a"])
         self.assertEqual(run("-C", path, "expand", "a@b").lines, ["a"])
 
-    def testRefusesLinesThatAreNone(self):
-        self.assertRefused("\n# c\nquery_filter\n", 3, "no '='")
-        self.assertRefused("  bind_dn = x\n", 1, "continues nothing")
-        self.assertRefused("b_value = 1\nfoo = 1\n", 2, "'foo'", "solvane-ldap.conf(5)")
-        self.assertRefused("b_value = 1\n\nb_value = 1\n", 3, "b_value is set twice")
-        self.assertRefused("b_value = a\x01b\n", 1, "b_value", "control character")
-        self.assertRefused("Query_Filter = x\n", 1, "'Query_Filter'")
+    def test_refuses_lines_that_are_none(self):
+        self.assert_refused("\n# c\nquery_filter\n", 3, "no '='")
+        self.assert_refused("  bind_dn = x\n", 1, "continues nothing")
+        self.assert_refused("b_value = 1\nfoo = 1\n", 2, "'foo'", "solvane-ldap.conf(5)")
+        self.assert_refused("b_value = 1\n\nb_value = 1\n", 3, "b_value is set twice")
+        self.assert_refused("b_value = a\x01b\n", 1, "b_value", "control character")
+        self.assert_refused("Query_Filter = x\n", 1, "'Query_Filter'")
 
-    def testNamesTheLineOnWhichASettingBegins(self):
-        self.assertRefused("b_value = 1\nscope =\n  all\nwindow = 1\n", 2, "scope: 'all'")
+    def test_names_the_line_on_which_a_setting_begins(self):
+        self.assert_refused("b_value = 1\nscope =\n  all\nwindow = 1\n", 2, "scope: 'all'")
 
-    def testRefusesValuesThatAreNone(self):
-        for setting, word in (("server_host = http://h", "LDAP URI"), ("server_host = h:0", "port"),
-                              ("server_host = ldap://x@h", "'@'"), ("server_port = 65536", "65535"),
-                              ("version = 4", "2, 3"), ("timeout = 0", "from 1"),
-                              ("timeout = x", "from 1"), ("deadline = -1", "from 1"),
-                              ("bind = maybe", "yes nor no"), ("scope = all", "base, one, sub"),
-                              ("dereference = 4", "never, search"), ("size_limit = x", "from 0"),
-                              ("time_limit = 1s", "from 0"), ("tls_verify = yes", "none, chain"),
-                              ("result_attribute = a,b c(", "commas"), ("domain =", "no domain"),
-                              ("domain = a@b", "no domain"), ("forms = full,half", "noext"),
-                              ("delimiter = ab", "one ASCII"), ("connections = 0", "from 1"),
-                              ("window = 0", "from 1"), ("query_filter = (mail=%s)", "$m"),
-                              ("query_filter = (mail=%u@%d)", "$u"), ("bind_pw =", "empty"),
-                              ("server_host = ldap+srv:///x", "dc=example"),
-                              ("name_servers = ns.test", "192.0.2.1"),
-                              ("refused_hold = -1", "from 0"), ("entry_bytes = 1", "from 1024"),
-                              ("answer_bytes = 1", "from 1024"), ("key_bytes = 0", "from 1"),
-                              ("references = follow", "defer, ignore"),
-                              ("ascii_domains = maybe", "yes nor no")):
+    def test_refuses_values_that_are_none(self):
+        for setting, word in (
+            ("server_host = http://h", "LDAP URI"),
+            ("server_host = h:0", "port"),
+            ("server_host = ldap://x@h", "'@'"),
+            ("server_port = 65536", "65535"),
+            ("version = 4", "2, 3"),
+            ("timeout = 0", "from 1"),
+            ("timeout = x", "from 1"),
+            ("deadline = -1", "from 1"),
+            ("bind = maybe", "yes nor no"),
+            ("scope = all", "base, one, sub"),
+            ("dereference = 4", "never, search"),
+            ("size_limit = x", "from 0"),
+            ("time_limit = 1s", "from 0"),
+            ("tls_verify = yes", "none, chain"),
+            ("result_attribute = a,b c(", "commas"),
+            ("domain =", "no domain"),
+            ("domain = a@b", "no domain"),
+            ("forms = full,half", "noext"),
+            ("delimiter = ab", "one ASCII"),
+            ("connections = 0", "from 1"),
+            ("window = 0", "from 1"),
+            ("query_filter = (mail=%s)", "$m"),
+            ("query_filter = (mail=%u@%d)", "$u"),
+            ("bind_pw =", "empty"),
+            ("server_host = ldap+srv:///x", "dc=example"),
+            ("name_servers = ns.test", "192.0.2.1"),
+            ("refused_hold = -1", "from 0"),
+            ("entry_bytes = 1", "from 1024"),
+            ("answer_bytes = 1", "from 1024"),
+            ("key_bytes = 0", "from 1"),
+            ("references = follow", "defer, ignore"),
+            ("ascii_domains = maybe", "yes nor no"),
+        ):
             with self.subTest(setting=setting):
-                self.assertRefused("# c\n" + setting + "\n", 2, setting.split()[0], word)
+                self.assert_refused("# c\n" + setting + "\n", 2, setting.split()[0], word)
 
-    def testTakesEveryName(self):
+    def test_takes_every_name(self):
         domains = self.file("domains", b"x.test # ours\ny.test\n").encode()
-        text = (b"server_host = h1 h2:390, ldaps://h3\nserver_port = 1389\nversion = 3\n"
-                b"timeout = 5\ndeadline = 7\nbind = yes\nbind_dn = cn=x\nbind_pw = y\n"
-                b"tls_verify = chain\ntls_ca_cert_file = /none\nsearch_base = dc=x\nscope = one\n"
-                b"dereference = 2\nresult_attribute = cn, mail\nsize_limit = 0\ntime_limit = 3\n"
-                b"query_filter = $u\nb_value = b\ng_value = g\ndomain = @" + domains + b"\n"
-                b"forms = full, noext\ndelimiter = -\nconnections = 2\nwindow = 3\n"
-                b"name_servers = 192.0.2.1, [2001:db8::1]:53\nrefused_hold = 0\n"
-                b"entry_bytes = 1024\nanswer_bytes = 2147483647\nkey_bytes = 1\n"
-                b"references = ignore\nascii_domains = no\n")
+        text = (
+            b"server_host = h1 h2:390, ldaps://h3\nserver_port = 1389\nversion = 3\n"
+            b"timeout = 5\ndeadline = 7\nbind = yes\nbind_dn = cn=x\nbind_pw = y\n"
+            b"tls_verify = chain\ntls_ca_cert_file = /none\nsearch_base = dc=x\nscope = one\n"
+            b"dereference = 2\nresult_attribute = cn, mail\nsize_limit = 0\ntime_limit = 3\n"
+            b"query_filter = $u\nb_value = b\ng_value = g\ndomain = @" + domains + b"\n"
+            b"forms = full, noext\ndelimiter = -\nconnections = 2\nwindow = 3\n"
+            b"name_servers = 192.0.2.1, [2001:db8::1]:53\nrefused_hold = 0\n"
+            b"entry_bytes = 1024\nanswer_bytes = 2147483647\nkey_bytes = 1\n"
+            b"references = ignore\nascii_domains = no\n"
+        )
 
         result = self.expand(text.decode())
 
         self.assertEqual((result.status, result.lines), (0, ["a+b"]), result.errors)
 
-    def testCannotBeReadWhereItIsNoFile(self):
-        for path, word in ((self.folder + "/none", "No such file"),
-                           (self.folder, "Is a directory")):
-            self.assertFails(run("-C", path, "expand", "-t", "x", "a"), 78, word)
+    def test_cannot_be_read_where_it_is_no_file(self):
+        for path, word in (
+            (self.folder + "/none", "No such file"),
+            (self.folder, "Is a directory"),
+        ):
+            self.assert_fails(run("-C", path, "expand", "-t", "x", "a"), 78, word)
 
-    def testIsRefusedWithAPasswordThatOthersCanRead(self):
+    def test_is_refused_with_a_password_that_others_can_read(self):
         for mode in (0o640, 0o604, 0o644):
             with self.subTest(mode=oct(mode)):
-                self.assertRefused("query_filter = $u\nbind_pw = hunter2\n", 2, "chmod 600",
-                                   f"mode {mode:03o}", mode=mode)
+                self.assert_refused(
+                    "query_filter = $u\nbind_pw = hunter2\n",
+                    2,
+                    "chmod 600",
+                    f"mode {mode:03o}",
+                    mode=mode,
+                )
 
         self.assertEqual(self.expand("query_filter = $u\n", mode=0o644).status, 0)
 
-    def testShowsNoPasswordOfAWrongLine(self):
-        for text in ("bind_pw hunter2\n", "bind_pw = hunter2\nbind_pw = hunter2\n",
-                     "bind_pw = hunter2\n", "bind_pw = hun\n  ter2\0\n"):
+    def test_shows_no_password_of_a_wrong_line(self):
+        for text in (
+            "bind_pw hunter2\n",
+            "bind_pw = hunter2\nbind_pw = hunter2\n",
+            "bind_pw = hunter2\n",
+            "bind_pw = hun\n  ter2\0\n",
+        ):
             result = self.expand(text, mode=0o644)
 
             self.assertEqual(result.status, 78)
@@ -127,96 +159,144 @@ class Grammar(ToolTest):
 
 
 class OnADirectory(DirectoryTest):
-
-    slapdOptions = ["--users", "5"]
+    slapd_options = ["--users", "5"]
 
     def settings(self, *lines):
         return self.file("conf", "\n".join(lines).encode() + b"\n")
 
     def everything(self, *more):
-        return self.settings(f"server_host = {self.uri}", f"search_base = {PEOPLE}",
-                             "query_filter = (mail=$m)", "result_attribute = uid", *more)
+        return self.settings(
+            f"server_host = {self.uri}",
+            f"search_base = {PEOPLE}",
+            "query_filter = (mail=$m)",
+            "result_attribute = uid",
+            *more,
+        )
 
-    def testIsAllThatALookupNeeds(self):
-        result = run("-C", self.everything(), "lookup", "--format", "values",
-                     "user0000001@corp.test", "nobody@corp.test")
+    def test_is_all_that_a_lookup_needs(self):
+        result = run(
+            "-C",
+            self.everything(),
+            "lookup",
+            "--format",
+            "values",
+            "user0000001@corp.test",
+            "nobody@corp.test",
+        )
 
         self.assertEqual((result.status, result.lines), (1, ["user0000001", ""]), result.errors)
 
-    def testMayNameAHostAndAPort(self):
-        path = self.settings("server_host = 127.0.0.1", f"server_port = {self.server['LDAP_PORT']}",
-                             f"search_base = {PEOPLE}", "query_filter = (mail=$m)")
+    def test_may_name_a_host_and_a_port(self):
+        path = self.settings(
+            "server_host = 127.0.0.1",
+            f"server_port = {self.server['LDAP_PORT']}",
+            f"search_base = {PEOPLE}",
+            "query_filter = (mail=$m)",
+        )
 
         self.assertEqual(run("-C", path, "lookup", "user0000001@corp.test").status, 0)
 
-    def testBindsWithItsPassword(self):
+    def test_binds_with_its_password(self):
         path = self.everything(f"bind_dn = {READER}", f"bind_pw = {READER_PASSWORD}")
 
-        result = run("-C", path, "lookup", "-v", "-b", PRIVATE, "-t", "(cn=$u)", "--format", "json",
-                     "secret")
+        result = run(
+            "-C", path, "lookup", "-v", "-b", PRIVATE, "-t", "(cn=$u)", "--format", "json", "secret"
+        )
 
         self.assertEqual(result.status, 0, result.errors)
         self.assertNotIn(READER_PASSWORD, result.output + result.errors)
 
-    def testAsksAnonymouslyWhereItSaysSo(self):
+    def test_asks_anonymously_where_it_says_so(self):
         path = self.everything("bind = no", f"bind_dn = {READER}", "bind_pw = wrong")
 
         self.assertEqual(run("-C", path, "lookup", "user0000001@corp.test").status, 0)
 
-    def testGivesItsPasswordToNobodyElse(self):
+    def test_gives_its_password_to_nobody_else(self):
         path = self.everything(f"bind_dn = {READER}", f"bind_pw = {READER_PASSWORD}")
 
-        self.assertFails(run("-C", path, "lookup", "-D", "cn=other", "a"), 64,
-                         "-D needs a password")
+        self.assert_fails(
+            run("-C", path, "lookup", "-D", "cn=other", "a"), 64, "-D needs a password"
+        )
 
-    def testGivesWayToAPasswordOfTheCommandLine(self):
+    def test_gives_way_to_a_password_of_the_command_line(self):
         path = self.everything(f"bind_dn = {READER}", "bind_pw = wrong")
 
         self.assertEqual(run("-C", path, "lookup", "user0000001@corp.test").status, 77)
-        result = run("-C", path, "lookup", "-y", self.file("password", b"reader-pw\n"),
-                     "user0000001@corp.test")
+        result = run(
+            "-C",
+            path,
+            "lookup",
+            "-y",
+            self.file("password", b"reader-pw\n"),
+            "user0000001@corp.test",
+        )
         self.assertEqual(result.status, 0, result.errors)
 
-    def testGivesWayToAServerOfTheCommandLine(self):
-        path = self.settings("server_host = ldap://127.0.0.1:1", f"search_base = {PEOPLE}",
-                             "query_filter = (mail=$m)")
+    def test_gives_way_to_a_server_of_the_command_line(self):
+        path = self.settings(
+            "server_host = ldap://127.0.0.1:1",
+            f"search_base = {PEOPLE}",
+            "query_filter = (mail=$m)",
+        )
 
         result = run("-C", path, "lookup", "-H", self.uri, "user0000001@corp.test")
 
         self.assertEqual(result.status, 0, result.errors)
 
-    def testHasServersInOrderOfTrial(self):
-        path = self.settings(f"server_host = ldap://127.0.0.1:1,\n  {self.uri}",
-                             f"search_base = {PEOPLE}", "query_filter = (mail=$m)")
+    def test_has_servers_in_order_of_trial(self):
+        path = self.settings(
+            f"server_host = ldap://127.0.0.1:1,\n  {self.uri}",
+            f"search_base = {PEOPLE}",
+            "query_filter = (mail=$m)",
+        )
 
         self.assertEqual(run("-C", path, "lookup", "user0000001@corp.test").status, 0)
 
-    def testSkipsDomainsThatAreNotServed(self):
+    def test_skips_domains_that_are_not_served(self):
         path = self.everything("domain = corp.test")
 
-        result = run("-C", path, "lookup", "--format", "tsv", "user0000001@corp.test",
-                     "a@other.test")
+        result = run(
+            "-C", path, "lookup", "--format", "tsv", "user0000001@corp.test", "a@other.test"
+        )
 
         self.assertEqual([line.split("\t")[2] for line in result.lines], ["found", "skipped"])
-        self.assertEqual(run("-C", path, "lookup", "--domains", "other.test", "--format", "tsv",
-                             "user0000001@corp.test").lines[0].split("\t")[2], "skipped")
+        self.assertEqual(
+            run(
+                "-C",
+                path,
+                "lookup",
+                "--domains",
+                "other.test",
+                "--format",
+                "tsv",
+                "user0000001@corp.test",
+            )
+            .lines[0]
+            .split("\t")[2],
+            "skipped",
+        )
 
-    def testTriesItsForms(self):
+    def test_tries_its_forms(self):
         path = self.everything("forms = full,noext")
 
         self.assertEqual(run("-C", path, "lookup", "user0000001+x@corp.test").status, 0)
-        self.assertEqual(run("-C", path, "lookup", "--forms", "full",
-                             "user0000001+x@corp.test").status, 1)
+        self.assertEqual(
+            run("-C", path, "lookup", "--forms", "full", "user0000001+x@corp.test").status, 1
+        )
 
-    def testLimitsTheEntries(self):
+    def test_limits_the_entries(self):
         path = self.everything("size_limit = 2")
 
         self.assertEqual(run("-C", path, "lookup", "-t", "(uid=*)", "a").status, 75)
         self.assertEqual(run("-C", path, "lookup", "-t", "(uid=*)", "-z", "0", "a").status, 0)
 
-    def testNeedsAPasswordForItsDn(self):
-        self.assertFails(run("-C", self.everything(f"bind_dn = {READER}"), "lookup", "a"), 64,
-                         "bind_dn needs a password", "-W, -y FILE")
+    def test_needs_a_password_for_its_dn(self):
+        self.assert_fails(
+            run("-C", self.everything(f"bind_dn = {READER}"), "lookup", "a"),
+            64,
+            "bind_dn needs a password",
+            "-W, -y FILE",
+        )
 
 
 if __name__ == "__main__":

@@ -32,14 +32,20 @@ class Result:
         return self.output.splitlines()
 
     @property
-    def errorLines(self):
+    def error_lines(self):
         return self.errors.splitlines()
 
 
 def run(*arguments, stdin=b"", **options):
     """Runs the tool to its end."""
-    done = subprocess.run([TOOL, *arguments], input=stdin, capture_output=True, timeout=DEADLINE,
-                          check=False, **options)
+    done = subprocess.run(
+        [TOOL, *arguments],
+        input=stdin,
+        capture_output=True,
+        timeout=DEADLINE,
+        check=False,
+        **options,
+    )
     return Result(done.returncode, done.stdout, done.stderr)
 
 
@@ -57,10 +63,10 @@ class ToolTest(unittest.TestCase):
         os.chmod(path, mode)
         return path
 
-    def assertFails(self, result, status, *words):
+    def assert_fails(self, result, status, *words):
         """One line on standard error that holds the words; the exit status; no sign of a crash."""
         self.assertEqual(result.status, status, result.errors)
-        self.assertEqual(len(result.errorLines), 1, result.errors)
+        self.assertEqual(len(result.error_lines), 1, result.errors)
         self.assertTrue(result.errors.startswith("solvane-ldap: "), result.errors)
         self.assertIn("; ", result.errors)
         for word in words:
@@ -70,7 +76,7 @@ class ToolTest(unittest.TestCase):
 class DirectoryTest(ToolTest):
     """A test with a running slapd, one for all tests of a class."""
 
-    slapdOptions = ["--users", "200"]
+    slapd_options = ["--users", "200"]
 
     @classmethod
     def setUpClass(cls):
@@ -80,21 +86,31 @@ class DirectoryTest(ToolTest):
         parent = tempfile.mkdtemp(prefix="solvane-tool-")
         cls.addClassCleanup(shutil.rmtree, parent)
         cls.directory = os.path.join(parent, "slapd")
-        cls.addClassCleanup(subprocess.run, [os.path.join(TESTBED, "slapd-stop"), cls.directory],
-                            check=True, timeout=DEADLINE, stdout=subprocess.DEVNULL)
-        subprocess.run([os.path.join(TESTBED, "slapd-start"), cls.directory, *cls.slapdOptions],
-                       check=True, timeout=DEADLINE, stdout=subprocess.DEVNULL)
+        cls.addClassCleanup(
+            subprocess.run,
+            [os.path.join(TESTBED, "stop"), cls.directory],
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
+        subprocess.run(
+            [os.path.join(TESTBED, "slapd-start"), cls.directory, *cls.slapd_options],
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
         cls.server = {}
         with open(os.path.join(cls.directory, "server.env"), encoding="utf-8") as settings:
             for line in settings:
                 name, _, value = line.strip().partition("=")
                 cls.server[name] = value
         cls.uri = cls.server["LDAP_URI"]
-        cls.secureUri = cls.server["LDAPS_URI"]
+        cls.secure_uri = cls.server["LDAPS_URI"]
 
-    def lookUp(self, *arguments, uri=None, base=PEOPLE, template="(mail=$m)", **options):
-        return run("lookup", "-H", uri or self.uri, "-b", base, "-t", template, *arguments,
-                   **options)
+    def look_up(self, *arguments, uri=None, base=PEOPLE, template="(mail=$m)", **options):
+        return run(
+            "lookup", "-H", uri or self.uri, "-b", base, "-t", template, *arguments, **options
+        )
 
 
 def tlv(tag, *parts):
@@ -129,18 +145,20 @@ def searched(number, code=0, **more):
 
 def entry(number, dn, *attributes):
     """A search entry; attributes are pairs of a description and a list of values."""
-    listed = [tlv(0x30, tlv(0x04, name), tlv(0x31, *[tlv(0x04, value) for value in values]))
-              for name, values in attributes]
+    listed = [
+        tlv(0x30, tlv(0x04, name), tlv(0x31, *[tlv(0x04, value) for value in values]))
+        for name, values in attributes
+    ]
     return message(number, tlv(0x64, tlv(0x04, dn), tlv(0x30, *listed)))
 
 
-def freePort():
+def free_port():
     """A port on which nobody listens."""
     with socket.create_server(("127.0.0.1", 0)) as probe:
         return probe.getsockname()[1]
 
 
-def readLdif(text):
+def read_ldif(text):
     """The records of LDIF text, each a list of (name, bytes)."""
     version, _, content = text.partition("\n")
     if version != "version: 1":

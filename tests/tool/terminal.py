@@ -16,11 +16,11 @@ class Terminal:
     addCleanup; where the terminal `isHeld`, it takes no output, as after Ctrl-S.
     """
 
-    def __init__(self, cleanup, *arguments, output=None, isHeld=False):
+    def __init__(self, cleanup, *arguments, output=None, is_held=False):
         self.shown = b""
         self.pid, self._terminal = pty.fork()
         if self.pid == 0:
-            if isHeld:
+            if is_held:
                 termios.tcflow(0, termios.TCOOFF)
             if output is not None:
                 os.dup2(output, 1)
@@ -34,25 +34,26 @@ class Terminal:
     def echoes(self):
         return bool(termios.tcgetattr(self._terminal)[3] & termios.ECHO)
 
-    def readUntil(self, text, after=b""):
+    def read_until(self, text, after=b""):
         """Until the text is on the terminal, behind another one; fails where it does not come."""
         deadline = time.monotonic() + DEADLINE
         while text not in (self.shown.partition(after)[2] if after else self.shown):
-            if not self._readBefore(deadline):
+            if not self._read_before(deadline):
                 raise AssertionError(f"{text} is not in {self.shown}")
 
-    def readToEnd(self):
+    def read_to_end(self):
         """The exit status; negative, the number of the signal that ended the run."""
         deadline = time.monotonic() + DEADLINE
-        while self._readBefore(deadline):
+        while self._read_before(deadline):
             pass
         if time.monotonic() >= deadline:
             raise AssertionError(f"the run does not end; it shows {self.shown}")
         return self._wait()
 
-    def _readBefore(self, deadline):
-        readable, _, _ = select.select([self._terminal], [], [],
-                                       max(deadline - time.monotonic(), 0))
+    def _read_before(self, deadline):
+        readable, _, _ = select.select(
+            [self._terminal], [], [], max(deadline - time.monotonic(), 0)
+        )
         if not readable:
             return False
         try:

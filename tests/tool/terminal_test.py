@@ -17,121 +17,138 @@ BAR = re.compile(rb"\r\x1b\[K\[#*\.*\] +\d+ % \d+/2000 \d+/s, \d+:\d\d left")
 
 
 class Prompt(ToolTest):
-
     def begin(self, directory, **options):
-        return Terminal(self.addCleanup, "lookup", "-H", directory.uri, "-D", "cn=reader", "-W",
-                        "-b", "dc=x", "-t", "(cn=$u)", "-o", "nettimeout=9", "a", **options)
+        return Terminal(
+            self.addCleanup,
+            "lookup",
+            "-H",
+            directory.uri,
+            "-D",
+            "cn=reader",
+            "-W",
+            "-b",
+            "dc=x",
+            "-t",
+            "(cn=$u)",
+            "-o",
+            "nettimeout=9",
+            "a",
+            **options,
+        )
 
     def start(self, directory):
         """Returns when the tool has asked."""
         terminal = self.begin(directory)
-        terminal.readUntil(PROMPT)
+        terminal.read_until(PROMPT)
         return terminal
 
     def found(self):
         return ScriptedDirectory(self, serving(lambda request: request.found()))
 
-    def testTakesThePasswordWithoutEcho(self):
+    def test_takes_the_password_without_echo(self):
         directory = self.found()
         terminal = self.start(directory)
 
-        wasEchoing = terminal.echoes()
+        was_echoing = terminal.echoes()
         terminal.type(b"hunter2\n")
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
         self.assertEqual(status, 0, terminal.shown)
-        self.assertFalse(wasEchoing)
+        self.assertFalse(was_echoing)
         self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
-        self.assertTrue(terminal.shown.startswith(PROMPT + b"\r\n# a: found 1\r\n"),
-                        terminal.shown)
+        self.assertTrue(terminal.shown.startswith(PROMPT + b"\r\n# a: found 1\r\n"), terminal.shown)
         self.assertNotIn(b"hunter2", terminal.shown)
         self.assertTrue(terminal.echoes())
 
-    def testComesBeforeAnybodyIsConnectedTo(self):
+    def test_comes_before_anybody_is_connected_to(self):
         directory = self.found()
 
         self.start(directory)
 
         self.assertEqual(directory.connections, [])
 
-    def testTakesWhatWasCorrectedWhileTyping(self):
+    def test_takes_what_was_corrected_while_typing(self):
         directory = self.found()
         terminal = self.start(directory)
 
         terminal.type(b"hunterX\x7f2\n")
-        terminal.readToEnd()
+        terminal.read_to_end()
 
         self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
 
-    def testEndsWithTheKeyThatInterruptsAndEchoesAfterwards(self):
+    def test_ends_with_the_key_that_interrupts_and_echoes_afterwards(self):
         for key, number in ((b"\x03", signal.SIGINT), (b"\x1c", signal.SIGQUIT)):
             with self.subTest(signal=number):
                 directory = self.found()
                 terminal = self.start(directory)
 
                 terminal.type(b"half" + key)
-                status = terminal.readToEnd()
+                status = terminal.read_to_end()
 
                 self.assertEqual(status, -number)
                 self.assertTrue(terminal.echoes())
                 self.assertNotIn(b"half", terminal.shown)
                 self.assertEqual(directory.connections, [])
 
-    def testEchoesAfterASignalFromElsewhere(self):
+    def test_echoes_after_a_signal_from_elsewhere(self):
         terminal = self.start(self.found())
 
         os.kill(terminal.pid, signal.SIGTERM)
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
         self.assertEqual(status, -signal.SIGTERM)
         self.assertTrue(terminal.echoes())
 
-    def testEndsWithASignalThatComesBeforeItIsShown(self):
-        terminal = self.begin(self.found(), isHeld=True)
+    def test_ends_with_a_signal_that_comes_before_it_is_shown(self):
+        terminal = self.begin(self.found(), is_held=True)
 
         self.assertTrue(eventually(lambda: not terminal.echoes()))
         os.kill(terminal.pid, signal.SIGTERM)
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
         self.assertEqual(status, -signal.SIGTERM)
         self.assertTrue(terminal.echoes())
         self.assertEqual(terminal.shown, b"")
 
-    def testComesAgainAfterAStop(self):
+    def test_comes_again_after_a_stop(self):
         directory = self.found()
         terminal = self.start(directory)
 
         terminal.type(b"half\x1a")  # no shell is there to stop it, so it goes on at once
-        terminal.readUntil(PROMPT, after=PROMPT)
+        terminal.read_until(PROMPT, after=PROMPT)
         terminal.type(b"hunter2\n")
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
         self.assertEqual(status, 0, terminal.shown)
         self.assertIn(b"\x80\x07hunter2", directory.connections[0].requests[0].content)
 
-    def testIsFollowedByWhatIsWrongWithThePassword(self):
-        directory = ScriptedDirectory(self, serving(
-            lambda request: request.found(),
-            onBind=lambda request: request.result(BIND_RESPONSE, 49)))
+    def test_is_followed_by_what_is_wrong_with_the_password(self):
+        directory = ScriptedDirectory(
+            self,
+            serving(
+                lambda request: request.found(),
+                on_bind=lambda request: request.result(BIND_RESPONSE, 49),
+            ),
+        )
         terminal = self.start(directory)
 
         terminal.type(b"hunter2\n")
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
         self.assertEqual(status, 77)
         self.assertIn(b"Invalid credentials (49); check -D and the password", terminal.shown)
         self.assertNotIn(b"hunter2", terminal.shown)
 
-    def testLeavesTheTerminalUsableWhileTheServerIsSilent(self):
+    def test_leaves_the_terminal_usable_while_the_server_is_silent(self):
         terminal = self.start(ScriptedDirectory(self, silent))
 
         terminal.type(b"hunter2\n")
-        terminal.readUntil(PROMPT + b"\r\n")
-        isEchoing = eventually(terminal.echoes)
+        terminal.read_until(PROMPT + b"\r\n")
+        is_echoing = eventually(terminal.echoes)
         terminal.type(b"\x03")
 
-        self.assertEqual(terminal.readToEnd(), -signal.SIGINT)
-        self.assertTrue(isEchoing)
+        self.assertEqual(terminal.read_to_end(), -signal.SIGINT)
+        self.assertTrue(is_echoing)
 
 
 class Progress(ToolTest):
@@ -149,66 +166,86 @@ class Progress(ToolTest):
         return request.found()
 
     def keys(self, *more):
-        return self.file("keys", b"".join(b"u%d@x\n" % n for n in range(2000 - len(more))) +
-                         b"".join(key + b"\n" for key in more))
+        return self.file(
+            "keys",
+            b"".join(b"u%d@x\n" % n for n in range(2000 - len(more)))
+            + b"".join(key + b"\n" for key in more),
+        )
 
     def arguments(self, source, *more):
-        return ["lookup", "-H", self.directory.uri, "-b", "dc=x", "-t", "(cn=$u)", "-j", "1",
-                "--window", "4", "--format", "tsv", "-f", source, *more]
+        return [
+            "lookup",
+            "-H",
+            self.directory.uri,
+            "-b",
+            "dc=x",
+            "-t",
+            "(cn=$u)",
+            "-j",
+            "1",
+            "--window",
+            "4",
+            "--format",
+            "tsv",
+            "-f",
+            source,
+            *more,
+        ]
 
     def start(self, source, *more, output=None):
         with open(self.records, "wb") as records:
-            return Terminal(self.addCleanup, *self.arguments(source, *more),
-                            output=output or records.fileno())
+            return Terminal(
+                self.addCleanup, *self.arguments(source, *more), output=output or records.fileno()
+            )
 
-    def recordCount(self):
+    def record_count(self):
         with open(self.records, "rb") as records:
             return len(records.readlines())
 
-    def testIsABarWithRateAndTimeLeft(self):
+    def test_is_a_bar_with_rate_and_time_left(self):
         terminal = self.start(self.keys())
 
-        terminal.readUntil(b" left")
+        terminal.read_until(b" left")
         self.hurry.set()
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
-        self.assertEqual((status, self.recordCount()), (0, 2000), terminal.shown)
+        self.assertEqual((status, self.record_count()), (0, 2000), terminal.shown)
         self.assertRegex(terminal.shown, BAR)
 
-    def testIsErasedAtTheEnd(self):
+    def test_is_erased_at_the_end(self):
         terminal = self.start(self.keys())
 
-        terminal.readUntil(b" left")
+        terminal.read_until(b" left")
         self.hurry.set()
-        terminal.readToEnd()
+        terminal.read_to_end()
 
         self.assertTrue(terminal.shown.endswith(ERASED), terminal.shown)
         self.assertNotIn(b"\n", terminal.shown)
 
-    def testGoesForward(self):
+    def test_goes_forward(self):
         terminal = self.start(self.keys())
 
-        terminal.readUntil(b" left")
-        terminal.readUntil(b"\r", after=b" left")
+        terminal.read_until(b" left")
+        terminal.read_until(b"\r", after=b" left")
         self.hurry.set()
-        terminal.readToEnd()
+        terminal.read_to_end()
 
         done = [int(count) for count in re.findall(rb" (\d+)/2000 ", terminal.shown)]
         self.assertGreaterEqual(len(done), 2)
         self.assertEqual(done, sorted(set(done)))
 
-    def testMakesRoomForAnError(self):
+    def test_makes_room_for_an_error(self):
         terminal = self.start(self.keys(b"\xff"))
 
-        terminal.readUntil(b" left")
+        terminal.read_until(b" left")
         self.hurry.set()
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
         self.assertEqual(status, 65)
         self.assertIn(ERASED + b"solvane-ldap: \\xFF: the key holds invalid UTF-8", terminal.shown)
         self.assertTrue(terminal.shown.endswith(ERASED), terminal.shown)
 
-    def testTellsCountAndRateWhereTheEndIsNotKnown(self):
+    def test_tells_count_and_rate_where_the_end_is_not_known(self):
         pipe = os.path.join(self.folder, "pipe")
         os.mkfifo(pipe)
 
@@ -220,60 +257,60 @@ class Progress(ToolTest):
         writing.start()
         terminal = self.start(pipe)
 
-        terminal.readUntil(b"/s")
+        terminal.read_until(b"/s")
         self.hurry.set()
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
         writing.join(DEADLINE)
 
-        self.assertEqual((status, self.recordCount()), (0, 2000), terminal.shown)
+        self.assertEqual((status, self.record_count()), (0, 2000), terminal.shown)
         self.assertRegex(terminal.shown, rb"\r\x1b\[K\d+ \d+/s")
         self.assertNotIn(b"left", terminal.shown)
 
-    def shownDuringARun(self, *arguments):
+    def shown_during_a_run(self, *arguments):
         """On a run that is long enough to show something."""
         source = self.file("few", b"".join(b"u%d@x\n" % n for n in range(75)))
         started = time.monotonic()
 
         terminal = self.start(source, *arguments)
-        status = terminal.readToEnd()
+        status = terminal.read_to_end()
 
-        self.assertEqual((status, self.recordCount()), (0, 75))
+        self.assertEqual((status, self.record_count()), (0, 75))
         self.assertGreater(time.monotonic() - started, 1)
         return terminal.shown
 
-    def testIsNotThereWhenItIsToBeQuiet(self):
-        self.assertEqual(self.shownDuringARun("-q"), b"")
+    def test_is_not_there_when_it_is_to_be_quiet(self):
+        self.assertEqual(self.shown_during_a_run("-q"), b"")
 
-    def testIsThereOnARunOfThatLength(self):
-        self.assertNotEqual(self.shownDuringARun(), b"")
+    def test_is_there_on_a_run_of_that_length(self):
+        self.assertNotEqual(self.shown_during_a_run(), b"")
 
-    def testIsNotThereWhereTheRecordsAre(self):
+    def test_is_not_there_where_the_records_are(self):
         source = self.file("few", b"".join(b"u%d@x\n" % n for n in range(75)))
         terminal = Terminal(self.addCleanup, *self.arguments(source))
 
-        terminal.readToEnd()
+        terminal.read_to_end()
 
         self.assertEqual(terminal.shown.count(b"\tfound"), 75)
         self.assertNotIn(b"\x1b", terminal.shown)
 
-    def testIsNotThereWhereStandardErrorIsNoTerminal(self):
+    def test_is_not_there_where_standard_error_is_no_terminal(self):
         source = self.file("few", b"".join(b"u%d@x\n" % n for n in range(75)))
 
         result = run(*self.arguments(source))
 
         self.assertEqual((result.status, result.errors, len(result.lines)), (0, "", 75))
 
-    def testIsNotThereOnAShortRun(self):
+    def test_is_not_there_on_a_short_run(self):
         self.hurry.set()
         source = self.file("few", b"a@x\nb@x\n")
         started = time.monotonic()
 
         terminal = self.start(source)
-        status = terminal.readToEnd()
-        isShort = time.monotonic() - started < 0.5  # else it may be there, on a busy machine
+        status = terminal.read_to_end()
+        is_short = time.monotonic() - started < 0.5  # else it may be there, on a busy machine
 
         self.assertEqual(status, 0)
-        self.assertTrue(terminal.shown == b"" or not isShort, terminal.shown)
+        self.assertTrue(terminal.shown == b"" or not is_short, terminal.shown)
 
 
 if __name__ == "__main__":

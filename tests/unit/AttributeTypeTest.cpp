@@ -5,151 +5,71 @@
 
 #include <gmock/gmock.h>
 
+#include <list>
+#include <string>
+
 using namespace Solvane;
 using SolvaneTest::IsFault;
 using SolvaneTest::thrownBy;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
-TEST(AnAttributeDescription, IsItsTypeWhereThereIsNoOption)
+namespace {
+
+/// A description, and what is read from it.
+struct Description {
+    std::string text;
+    std::string type;
+    std::list<std::string> options;
+    std::string asString;
+    bool isBinary;
+};
+
+// clang-format off
+Description const descriptions[] = {
+    {"cn",                       "cn",              {},                      "cn",                       false},
+    {"userCertificate;Lang-EN",  "userCertificate", {"Lang-EN"},             "userCertificate;Lang-EN",  false},
+    {"cn;b;a;b",                 "cn",              {"b", "a", "b"},         "cn;b;a;b",                 false},
+    {std::string("c\0n;a\0b", 7), std::string("c\0n", 3), {std::string("a\0b", 3)}, std::string("c\0n;a\0b", 7), false},
+    // Binary: the option in any case, and no other.
+    {"userCertificate;binary",   "userCertificate", {"binary"},              "userCertificate;binary",   true},
+    {"x;BINARY",                 "x",               {"BINARY"},              "x;BINARY",                 true},
+    {"x;Binary",                 "x",               {"Binary"},              "x;Binary",                 true},
+    {"x;lang-en;bInArY;other",   "x",               {"lang-en", "bInArY", "other"}, "x;lang-en;bInArY;other", true},
+    {"x;binary2",                "x",               {"binary2"},             "x;binary2",                false},
+    {"x;bin",                    "x",               {"bin"},                 "x;bin",                    false},
+    {"binary",                   "binary",          {},                      "binary",                   false},
+    // Blanks round the whole and round each option are dropped; one before the first semicolon stays.
+    {" \t cn \r\n",              "cn",              {},                      "cn",                       false},
+    {"cn;binary \n",             "cn",              {"binary"},              "cn;binary",                true},
+    {"cn; lang-en ;binary",      "cn",              {"lang-en", "binary"},   "cn;lang-en;binary",        true},
+    {"cn ;binary",               "cn ",             {"binary"},              "cn ;binary",               true},
+    // It is cut at the position that the untrimmed text has.
+    {" cn;binary",               "cn;",             {"inary"},               "cn;;inary",                false},
+    {"          cn;binary",      "cn;binary",       {},                      "cn;binary",                false},
+    // Empty parts: an option is kept, except behind a last semicolon.
+    {"cn;;binary",               "cn",              {"", "binary"},          "cn;;binary",               true},
+    {"cn;",                      "cn",              {},                      "cn",                       false},
+    {"cn;a;",                    "cn",              {"a"},                   "cn;a",                     false},
+    {"",                         "",                {},                      "",                         false},
+    {"  ",                       "",                {},                      "",                         false},
+    {";a;binary",                "",                {"a", "binary"},         "",                         true},
+};
+// clang-format on
+
+} // namespace
+
+TEST(AnAttributeDescription, IsATypeAndOptions)
 {
-    LDAPAttributeType const type("cn");
+    for (Description const& row : descriptions) {
+        SCOPED_TRACE('"' + row.text + '"');
+        LDAPAttributeType const type(row.text);
 
-    EXPECT_EQ(type.type(), "cn");
-    EXPECT_THAT(type.options(), IsEmpty());
-    EXPECT_EQ(type.asString(), "cn");
-    EXPECT_FALSE(type.isBinary());
-}
-
-TEST(AnAttributeDescription, KeepsTheCaseOfItsTypeAndOptions)
-{
-    LDAPAttributeType const type("userCertificate;Lang-EN");
-
-    EXPECT_EQ(type.type(), "userCertificate");
-    EXPECT_THAT(type.options(), ElementsAre("Lang-EN"));
-    EXPECT_EQ(type.asString(), "userCertificate;Lang-EN");
-}
-
-TEST(AnAttributeDescription, IsBinaryWithTheOptionBinary)
-{
-    LDAPAttributeType const type("userCertificate;binary");
-
-    EXPECT_EQ(type.type(), "userCertificate");
-    EXPECT_THAT(type.options(), ElementsAre("binary"));
-    EXPECT_TRUE(type.isBinary());
-}
-
-TEST(AnAttributeDescription, IsBinaryWithTheOptionInAnyCase)
-{
-    EXPECT_TRUE(LDAPAttributeType("x;BINARY").isBinary());
-    EXPECT_TRUE(LDAPAttributeType("x;Binary").isBinary());
-    EXPECT_TRUE(LDAPAttributeType("x;lang-en;bInArY;other").isBinary());
-}
-
-TEST(AnAttributeDescription, IsNotBinaryForAnOptionThatOnlyResemblesIt)
-{
-    EXPECT_FALSE(LDAPAttributeType("x;binary2").isBinary());
-    EXPECT_FALSE(LDAPAttributeType("x;bin").isBinary());
-    EXPECT_FALSE(LDAPAttributeType("x;").isBinary());
-    EXPECT_FALSE(LDAPAttributeType("binary").isBinary());
-}
-
-TEST(AnAttributeDescription, DropsBlanksRoundEachOption)
-{
-    LDAPAttributeType const type("cn; lang-en ;binary");
-
-    EXPECT_THAT(type.options(), ElementsAre("lang-en", "binary"));
-    EXPECT_EQ(type.asString(), "cn;lang-en;binary");
-}
-
-TEST(AnAttributeDescription, DropsBlanksRoundTheWhole)
-{
-    LDAPAttributeType const plain(" \t cn \r\n");
-    LDAPAttributeType const withOption("cn;binary \n");
-
-    EXPECT_EQ(plain.type(), "cn");
-    EXPECT_EQ(plain.asString(), "cn");
-    EXPECT_THAT(withOption.options(), ElementsAre("binary"));
-}
-
-TEST(AnAttributeDescription, KeepsABlankBetweenTypeAndOption)
-{
-    LDAPAttributeType const type("cn ;binary");
-
-    EXPECT_EQ(type.type(), "cn ");
-    EXPECT_EQ(type.asString(), "cn ;binary");
-}
-
-TEST(AnAttributeDescription, KeepsAnEmptyOption)
-{
-    LDAPAttributeType const type("cn;;binary");
-
-    EXPECT_THAT(type.options(), ElementsAre("", "binary"));
-    EXPECT_EQ(type.asString(), "cn;;binary");
-}
-
-TEST(AnAttributeDescription, HasNoOptionBehindALastSemicolon)
-{
-    LDAPAttributeType const bare("cn;");
-    LDAPAttributeType const behindAnOption("cn;a;");
-
-    EXPECT_EQ(bare.type(), "cn");
-    EXPECT_THAT(bare.options(), IsEmpty());
-    EXPECT_EQ(bare.asString(), "cn");
-    EXPECT_THAT(behindAnOption.options(), ElementsAre("a"));
-}
-
-TEST(AnAttributeDescription, IsCutAtThePositionThatTheUntrimmedTextHas)
-{
-    LDAPAttributeType const oneBlank(" cn;binary");
-    LDAPAttributeType const manyBlanks("          cn;binary");
-
-    EXPECT_EQ(oneBlank.type(), "cn;");
-    EXPECT_THAT(oneBlank.options(), ElementsAre("inary"));
-    EXPECT_EQ(oneBlank.asString(), "cn;;inary");
-    EXPECT_EQ(manyBlanks.type(), "cn;binary");
-    EXPECT_THAT(manyBlanks.options(), IsEmpty());
-}
-
-TEST(AnAttributeDescription, MayBeEmpty)
-{
-    LDAPAttributeType const empty("");
-    LDAPAttributeType const blank("  ");
-
-    EXPECT_FALSE(empty.isNull());
-    EXPECT_EQ(empty.type(), "");
-    EXPECT_THAT(empty.options(), IsEmpty());
-    EXPECT_EQ(empty.asString(), "");
-    EXPECT_EQ(blank.asString(), "");
-}
-
-TEST(AnAttributeDescription, RendersAsNothingWithAnEmptyTypeAndOptions)
-{
-    LDAPAttributeType const type(";a;binary");
-
-    EXPECT_EQ(type.type(), "");
-    EXPECT_THAT(type.options(), ElementsAre("a", "binary"));
-    EXPECT_EQ(type.asString(), "");
-    EXPECT_TRUE(type.isBinary());
-}
-
-TEST(AnAttributeDescription, KeepsRepeatedOptionsInTheirOrder)
-{
-    LDAPAttributeType const type("cn;b;a;b");
-
-    EXPECT_THAT(type.options(), ElementsAre("b", "a", "b"));
-    EXPECT_EQ(type.asString(), "cn;b;a;b");
-}
-
-TEST(AnAttributeDescription, KeepsZeroBytes)
-{
-    std::string const text("c\0n;a\0b", 7);
-
-    LDAPAttributeType const type(text);
-
-    EXPECT_EQ(type.type(), std::string("c\0n", 3));
-    EXPECT_THAT(type.options(), ElementsAre(std::string("a\0b", 3)));
-    EXPECT_EQ(type.asString(), text);
+        EXPECT_FALSE(type.isNull());
+        EXPECT_EQ(type.type(), row.type);
+        EXPECT_EQ(type.options(), row.options);
+        EXPECT_EQ(type.asString(), row.asString);
+        EXPECT_EQ(type.isBinary(), row.isBinary);
+    }
 }
 
 TEST(AnAttributeDescription, ThatIsMovedFromIsNullAndLeavesItsBodyToTheOther)

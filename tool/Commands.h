@@ -1,0 +1,130 @@
+// The subcommands of the tool.
+#ifndef SOLVANE_TOOL_COMMANDS_H
+#define SOLVANE_TOOL_COMMANDS_H
+
+#include "Console.h"
+#include "Options.h"
+#include "Outcome.h"
+#include "SettingOptions.h"
+
+#include <solvane/lookup/QueryTemplate.h>
+
+#include <optional>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace Solvane::Tool {
+
+class CheckReport;
+class CommonOptions;
+
+/// Declares its options, and runs once they are read.
+class Command {
+public:
+    Command() = default;
+    virtual ~Command() = default;
+    Command(Command const&) = delete;
+    Command& operator=(Command const&) = delete;
+
+    virtual char const* name() const = 0;
+    virtual char const* description() const = 0;
+    virtual void declareOn(CLI::App& app) = 0;
+
+    /// @param common  the options that all subcommands share; the level of `diagnostics` is theirs
+    /// @return exit status of the process: `exitStatusOf` the worst outcome, unless the user asked
+    ///         for another number
+    /// @throws Failure  what ends the whole run
+    virtual int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) = 0;
+};
+
+/// "add": the entries of an LDIF file, put into a directory.
+class AddCommand final : public Command {
+public:
+    char const* name() const override { return "add"; }
+    char const* description() const override { return "Add the entries of an LDIF file"; }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    Outcome add(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
+    Outcome show(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
+
+    std::string m_file = "-";
+    SettingOptions m_settings;
+    bool m_goesOn = false;
+    bool m_onlyShows = false;
+};
+
+/// "check": every step from the settings to an answer, for one server after the other.
+class CheckCommand final : public Command {
+public:
+    char const* name() const override { return "check"; }
+    char const* description() const override
+    {
+        return "Try every step of a lookup and say which fails, and why";
+    }
+    void declareOn(CLI::App& app) override;
+    /// @return the table's exit status, or with --nagios 0 to 3
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    void check(CommonOptions const& common, CheckReport& report);
+
+    SettingOptions m_settings;
+    std::string m_probe; ///< key to look up; empty: none
+    unsigned int m_repeat = 0;
+    bool m_isForNagios = false;
+};
+
+/// "expand": what filter a template makes of an address, and what is wrong with the template, without
+/// any network.
+class ExpandCommand final : public Command {
+public:
+    char const* name() const override { return "expand"; }
+    char const* description() const override
+    {
+        return "Print the filter that a template makes of each address; asks no server";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    class Filters;
+
+    Outcome expandKeys(Lookup::QueryTemplate const& queryTemplate, char recordEnd, Output& output,
+                       Diagnostics& diagnostics);
+    bool nextKey(std::string& key, Filters& filters);
+
+    SettingOptions m_settings;
+    KeyOptions m_keys;
+    bool m_explains = false;
+    bool m_lints = false;
+};
+
+/// "lookup": the entries that a template finds for each address.
+class LookupCommand final : public Command {
+public:
+    char const* name() const override { return "lookup"; }
+    char const* description() const override
+    {
+        return "Search a directory for each address and print what it has";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    LDAPLookup::Settings settings(CommonOptions const& common, Secret& password) const;
+
+    SettingOptions m_settings;
+    KeyOptions m_keys;
+    std::optional<unsigned int> m_noUser; ///< exit status instead of "not found"
+    bool m_isSingle = false;              ///< more than one entry for a key is an error
+    bool m_goesOn = false;                ///< asked for, and done anyway
+};
+
+} // namespace Solvane::Tool
+
+#endif
