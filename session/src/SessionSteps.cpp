@@ -295,8 +295,10 @@ Session::Steps::Progress Session::Steps::bind()
 /// Awaits the final answer to the request of the step.
 Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
 {
+    // A server that never stops sending must not hold us up beyond the deadline.
+    constexpr int messagesAtOnce = 64;
     m_conversation->channel().flush();
-    for (;;) {
+    for (int messages = 0; messages < messagesAtOnce; ++messages) {
         switch (m_conversation->receive(answer, true)) {
         case Received::message:
             // Of a search for nothing but life, the entry is not the end.
