@@ -223,6 +223,10 @@ Session::Steps::Progress Session::Steps::connect()
         return Progress::waiting;
     }
     std::unique_ptr<Connector> const connector = std::move(m_connector);
+    if (!connector->peer() && connector->lacksSocket()) {
+        return fail(Outcome::TryLater, LDAP_LOCAL_ERROR,
+                    "this process cannot connect: " + connector->failures());
+    }
     if (!connector->peer()) {
         return fail(Outcome::TryLater, LDAP_SERVER_DOWN,
                     "cannot be reached: " + connector->failures());
@@ -313,6 +317,7 @@ Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
             return Progress::failed;
         }
     }
+    return Progress::waiting;
 }
 
 Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)
