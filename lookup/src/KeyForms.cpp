@@ -38,12 +38,16 @@ std::string toAscii(std::string const& domain)
     return rc == IDN2_OK && text ? text.get() : std::string();
 }
 
+/// libidn2 decodes invalid labels too, to control characters or to what a server takes for another
+/// domain. A valid one comes out again when it is converted back.
 std::string toUnicode(std::string const& domain)
 {
     char* result = nullptr;
     int const rc = idn2_to_unicode_8z8z(domain.c_str(), &result, 0);
     Text const text(result, idn2_free);
-    return rc == IDN2_OK && text ? text.get() : std::string();
+    std::string const unicode = rc == IDN2_OK && text ? text.get() : std::string();
+    bool const isValid = !faultIn(unicode) && toAscii(unicode) == copyStringToLower(domain);
+    return isValid ? unicode : std::string();
 }
 
 void addOnce(std::vector<std::string>& texts, std::string text)
@@ -83,6 +87,7 @@ KeyForms::KeyForms(Settings const& settings)
             m_domains.insert(copyStringToLower(toAscii(domain)));
         }
     }
+    m_domains.erase(std::string()); // of a domain that has no ASCII form
 }
 
 std::string KeyForms::faultOf(std::string const& key) const

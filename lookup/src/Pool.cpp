@@ -459,7 +459,7 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
         session.isFirstBind = false;
     }
     bool const wasHeard = std::max(server.openedAt, load(server.heardAt)) >= begun;
-    Attempt result = Attempt::failed;
+    Attempt result = speaksOfProcess(why.code) ? Attempt::lacksTime : Attempt::failed;
     if (why.outcome == Outcome::TryLater && wasHeard) {
         result = Attempt::another;
     } else if (isLate && now - begun < proof()) {

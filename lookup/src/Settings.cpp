@@ -75,6 +75,14 @@ void checkSearch(Settings const& settings)
     }
 }
 
+void checkDomains(Settings const& settings)
+{
+    for (std::string const& domain : settings.domains) {
+        require(!domain.empty(), "a served domain has no name");
+        requirePlain("a served domain", domain);
+    }
+}
+
 void checkTimes(Settings const& settings)
 {
     // Moments are counted in nanoseconds; a time "without end" would lie before its beginning.
@@ -107,6 +115,7 @@ void validate(Settings const& settings)
     checkServers(settings);
     checkCredentials(settings);
     checkSearch(settings);
+    checkDomains(settings);
     checkTimes(settings);
     checkSizes(settings);
 }

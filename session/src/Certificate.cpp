@@ -2,6 +2,7 @@
 #include <solvane/session/Certificate.h>
 
 #include "CertificateFaults.h"
+#include "CertificateFiles.h"
 
 #include <solvane/ldap/LDAPException.h>
 
@@ -10,11 +11,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
-#include <cstring>
 
 #include <arpa/inet.h>
-#include <unistd.h>
 
 namespace Solvane::Lookup {
 
@@ -120,7 +118,7 @@ std::vector<std::string> alternativeNames(gnutls_x509_crt_t certificate)
     std::string name;
     for (unsigned int index = 0;; ++index) {
         int const kind = alternativeName(certificate, index, name);
-        if (kind == GNUTLS_E_REQUESTED_DATA_NOT_AVAILABLE) {
+        if (kind < 0) { // there are no more, or the extension cannot be read
             return names;
         }
         if (kind == GNUTLS_SAN_DNSNAME) {
@@ -291,14 +289,8 @@ std::string faultInWords(unsigned int status, std::vector<Certificate> const& ch
 
 std::string faultOfAuthorities(std::string const& caFile)
 {
-    if (access(caFile.c_str(), R_OK) != 0) {
-        return std::string("cannot be read: ") + strerror(errno);
-    }
-    int const result = TrustList(caFile).result();
-    if (result < 0) {
-        return std::string("holds no certificates that can be used: ") + gnutls_strerror(result);
-    }
-    return result == 0 ? "holds no certificates" : std::string();
+    return faultOf(caFile, "certificates",
+                   [](std::string const& file) { return TrustList(file).result(); });
 }
 
 } // namespace Solvane::Lookup

@@ -198,17 +198,16 @@ void Channel::flush()
 
 void Channel::append(char const* bytes, std::size_t length)
 {
-    if (m_handlesSecret) {
-        // A string that grows leaves what it held behind.
+    // A string that grows leaves what it held in freed memory, which wipe() would not reach any more.
+    std::size_t const size = m_output.size() + length;
+    if (m_holdsSecret && size > m_output.capacity()) {
         std::string grown;
-        grown.reserve(m_output.size() + length);
+        grown.reserve(std::max(size, 2 * m_output.capacity()));
         grown.append(m_output);
-        if (m_holdsSecret) {
-            wipe(m_output);
-        }
+        wipe(m_output);
         m_output = std::move(grown);
-        m_holdsSecret = true;
     }
+    m_holdsSecret = m_holdsSecret || m_handlesSecret;
     m_output.append(bytes, length);
 }
 

@@ -34,6 +34,18 @@ std::vector<Address> interleaved(std::vector<Address> const& addresses)
     return order;
 }
 
+/// Whether socket(2) failed because this process or system has run out of something.
+bool isLack(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
+/// An error in words.
+std::string wordsOf(int error)
+{
+    return error == EMFILE ? "too many open files in this process" : std::strerror(error);
+}
+
 /// What became of a connect under way: 0, or errno.
 int errorOf(int socket)
 {
@@ -89,7 +101,9 @@ void Connector::startNext()
     Descriptor socket(
         ::socket(address.family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
     if (socket.number() == -1) {
-        failed(address, errno);
+        int const error = errno;
+        m_lacksSocket = m_lacksSocket || isLack(error);
+        failed(address, error);
         return;
     }
     int const on = 1; // requests are gathered before they are written, so nothing waits for more
@@ -107,7 +121,7 @@ void Connector::startNext()
 void Connector::failed(Address const& address, int error)
 {
     m_failures.append(m_failures.empty() ? "" : ", ")
-        .append(address.text() + ": " + std::strerror(error));
+        .append(address.text() + ": " + wordsOf(error));
     m_nextMoment = Clock::now();
 }
 

@@ -35,6 +35,9 @@ public:
     Descriptor takeSocket() { return std::move(m_socket); }
     /// What was tried and did not work, each address with its cause, in one line.
     std::string failures() const;
+    /// True if an attempt failed because there was no descriptor or memory for a socket, which says
+    /// nothing about the server.
+    bool lacksSocket() const { return m_lacksSocket; }
     /// The addresses in the order of trial.
     std::vector<Address> const& order() const { return m_order; }
 
@@ -54,6 +57,7 @@ private:
     Clock::time_point m_nextMoment;  // when that one is
     std::vector<Attempt> m_attempts; // under way
     std::string m_failures;
+    bool m_lacksSocket = false;
     std::optional<Address> m_connected;
     Descriptor m_socket; // of the one that accepted
 };

@@ -3,6 +3,9 @@
 
 #include "OpenLDAP.h"
 
+#include <algorithm>
+#include <limits>
+
 namespace Solvane::Lookup {
 
 namespace {
@@ -73,8 +76,10 @@ MessageFrame frameOf(std::string_view bytes)
     if (header.state != MessageFrame::whole) {
         return frame;
     }
-    frame.length = header.size + header.content;
-    if (header.content != 0 && bytes.size() < frame.length) {
+    // With a size_t of 32 bits, the sum of both may be more than fits.
+    constexpr auto longest = std::numeric_limits<std::size_t>::max();
+    frame.length = header.size + std::min(header.content, longest - header.size);
+    if (header.content != 0 && bytes.size() - header.size < header.content) {
         frame.state = MessageFrame::partial;
     } else if (header.content == 0 ||
                !readContent(bytes.substr(header.size, header.content), frame)) {

@@ -3,8 +3,11 @@
 
 #include <solvane/session/PlainText.h>
 
+#include "OpenLDAP.h"
+
 #include <algorithm>
 #include <mutex>
+#include <new>
 
 namespace Solvane::Lookup {
 
@@ -70,13 +73,19 @@ void NameService::setServers(std::vector<std::string> const& servers)
 
 void NameService::socketChanged(void* service, ares_socket_t socket, int reads, int writes)
 {
-    std::vector<pollfd>& sockets = static_cast<NameService*>(service)->m_sockets;
+    auto& self = *static_cast<NameService*>(service);
+    std::vector<pollfd>& sockets = self.m_sockets;
     sockets.erase(std::remove_if(sockets.begin(), sockets.end(),
                                  [socket](pollfd const& known) { return known.fd == socket; }),
                   sockets.end());
     auto const events = static_cast<short>((reads != 0 ? POLLIN : 0) | (writes != 0 ? POLLOUT : 0));
-    if (events != 0) {
+    if (events == 0) {
+        return;
+    }
+    try {
         sockets.push_back(pollfd{socket, events, 0});
+    } catch (std::bad_alloc const&) { // cannot pass through c-ares
+        self.m_lacksMemory = true;
     }
 }
 
@@ -119,12 +128,20 @@ void NameQuestion::advance()
     if (!isSettled && service) {
         service->advance();
     }
+    if (!isSettled && service && hasFailed()) {
+        verdict =
+            Verdict{Outcome::TryLater, LDAP_NO_MEMORY, "no memory is left to ask name servers"};
+        isSettled = true;
+    }
 }
 
 void NameQuestion::waits(Waits& waits) const
 {
     if (!isSettled && service) {
         service->waits(waits);
+        if (hasFailed()) {
+            waits.until(Clock::time_point::min());
+        }
     }
 }
 

@@ -25,6 +25,8 @@ public:
 
     /// Why it cannot be used, in words; empty if it can.
     std::string const& fault() const { return m_fault; }
+    /// Whether memory ran out in a callback: what is asked may never be answered.
+    bool lacksMemory() const { return m_lacksMemory; }
     ares_channel channel() const { return m_channel; }
 
     /// Reads and writes what can be, and repeats questions whose time is over.
@@ -38,6 +40,7 @@ private:
     ares_channel m_channel = nullptr;
     std::string m_fault;
     std::vector<pollfd> m_sockets;
+    bool m_lacksMemory = false;
 };
 
 /// One question to a name service.
@@ -50,7 +53,13 @@ struct NameQuestion : public NonCopyable {
 
     Verdict verdict;
     bool isSettled = false;
+    /// Memory ran out while the answer was taken. An exception cannot pass through c-ares, so `advance`
+    /// tells it.
+    bool lacksMemory = false;
     std::optional<NameService> service; ///< none before the question is asked
+
+private:
+    bool hasFailed() const { return lacksMemory || service->lacksMemory(); }
 };
 
 } // namespace Solvane::Lookup

@@ -67,9 +67,7 @@ void Resolver::State::answered(void* state, int status, int, ares_addrinfo* foun
         }
     } catch (std::bad_alloc const&) { // cannot pass through c-ares
         self->addresses.clear();
-        self->verdict.outcome = Outcome::TryLater;
-        self->verdict.code = LDAP_SERVER_DOWN;
-        self->isSettled = true;
+        self->lacksMemory = true;
     }
     if (found != nullptr) {
         ares_freeaddrinfo(found);

@@ -102,6 +102,8 @@ bool speaksOfServer(int code)
     }
 }
 
+bool speaksOfProcess(int code) { return code == LDAP_LOCAL_ERROR || code == LDAP_NO_MEMORY; }
+
 std::string wordsFor(int code, std::string const& serverText)
 {
     std::string words = std::string(ldap_err2string(code)) + " (" + std::to_string(code) + ')';

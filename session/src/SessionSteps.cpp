@@ -223,6 +223,10 @@ Session::Steps::Progress Session::Steps::connect()
         return Progress::waiting;
     }
     std::unique_ptr<Connector> const connector = std::move(m_connector);
+    if (!connector->peer() && connector->lacksSocket()) {
+        return fail(Outcome::TryLater, LDAP_LOCAL_ERROR,
+                    "this process cannot connect: " + connector->failures());
+    }
     if (!connector->peer()) {
         return fail(Outcome::TryLater, LDAP_SERVER_DOWN,
                     "cannot be reached: " + connector->failures());
@@ -295,8 +299,10 @@ Session::Steps::Progress Session::Steps::bind()
 /// Awaits the final answer to the request of the step.
 Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
 {
+    // A server that never stops sending must not hold us up beyond the deadline.
+    constexpr int messagesAtOnce = 64;
     m_conversation->channel().flush();
-    for (;;) {
+    for (int messages = 0; messages < messagesAtOnce; ++messages) {
         switch (m_conversation->receive(answer, true)) {
         case Received::message:
             // Of a search for nothing but life, the entry is not the end.
@@ -311,6 +317,7 @@ Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
             return Progress::failed;
         }
     }
+    return Progress::waiting;
 }
 
 Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)

@@ -3,10 +3,13 @@
 
 #include <solvane/session/PlainText.h>
 
+#include <solvart/StringHelpers.h>
+
 #include "NameService.h"
 #include "OpenLDAP.h"
 
 #include <algorithm>
+#include <exception>
 #include <new>
 #include <optional>
 #include <random>
@@ -29,6 +32,24 @@ std::size_t indexAt(std::vector<SrvTarget> const& targets, std::size_t begin, st
         }
     }
     return begin;
+}
+
+/// What random order begins with. It shares out load and is no secret, so that the time will do on a
+/// system without random numbers.
+std::uint32_t seed()
+{
+    try {
+        return std::random_device()();
+    } catch (std::exception const&) { // cannot pass through c-ares
+        return static_cast<std::uint32_t>(Clock::now().time_since_epoch().count());
+    }
+}
+
+/// A domain name as it is compared: in lower case, without the dot of the root.
+std::string comparable(std::string const& name)
+{
+    bool const isAbsolute = !name.empty() && name.back() == '.';
+    return copyStringToLower(name.substr(0, name.size() - (isAbsolute ? 1 : 0)));
 }
 
 /// Whether a domain says that it has no such service.
@@ -57,9 +78,26 @@ std::vector<SrvTarget> inOrderOfTrial(std::vector<SrvTarget> targets,
     return targets;
 }
 
+bool isInside(std::string const& target, std::string const& domain)
+{
+    std::string const inner = comparable(target);
+    std::string const outer = comparable(domain);
+    if (outer.empty() || inner.size() < outer.size()) {
+        return false;
+    }
+    std::size_t const front = inner.size() - outer.size();
+    return inner.compare(front, outer.size(), outer) == 0 &&
+           (front == 0 || (front > 1 && inner[front - 1] == '.'));
+}
+
+std::string srvNameOf(std::string const& domain, bool secure)
+{
+    return (secure ? "_ldaps._tcp." : "_ldap._tcp.") + domain;
+}
+
 struct SrvQuery::State : public NameQuestion {
     State(std::string const& ofDomain, bool isSecure)
-        : domain(ofDomain), name((isSecure ? "_ldaps._tcp." : "_ldap._tcp.") + ofDomain)
+        : domain(ofDomain), name(srvNameOf(ofDomain, isSecure))
     {
     }
 
@@ -104,9 +142,7 @@ void SrvQuery::State::answered(void* state, int status, int, unsigned char* byte
         }
     } catch (std::bad_alloc const&) { // cannot pass through c-ares
         self->targets.clear();
-        self->verdict.outcome = Outcome::TryLater;
-        self->verdict.code = LDAP_SERVER_DOWN;
-        self->isSettled = true;
+        self->lacksMemory = true;
     }
 }
 
@@ -129,7 +165,7 @@ void SrvQuery::State::take(int status, unsigned char const* bytes, int length)
             error == ARES_SUCCESS ? "the domain says that it has none" : ares_strerror(error));
         return;
     }
-    std::mt19937 generator{std::random_device()()};
+    std::mt19937 generator{seed()};
     targets = inOrderOfTrial(std::move(targets), [&generator](std::uint32_t highest) {
         return std::uniform_int_distribution<std::uint32_t>(0, highest)(generator);
     });

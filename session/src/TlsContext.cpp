@@ -5,11 +5,10 @@
 
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
+#include "CertificateFiles.h"
 #include "OpenLDAP.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <iterator>
 #include <utility>
 
@@ -85,30 +84,6 @@ char const* withoutVersionsBelow(TlsVersion version)
 
 std::string quoted(std::string const& file) { return '\'' + oneLine(file) + '\''; }
 
-/// The system's word for why a file cannot be read; empty if it can.
-std::string unreadable(std::string const& file)
-{
-    return access(file.c_str(), R_OK) == 0 ? std::string()
-                                           : std::string("cannot be read: ") + strerror(errno);
-}
-
-/// What is wrong with a file, in words; empty if nothing is.
-/// @param content  what it is to hold
-/// @param read     reads it: how many there are, or GnuTLS's error below 0
-template <typename Read>
-std::string faultOf(std::string const& file, std::string const& content, Read const& read)
-{
-    std::string fault = unreadable(file);
-    if (!fault.empty()) {
-        return fault;
-    }
-    int const count = read(file.c_str());
-    if (count < 0) {
-        return "holds no " + content + " that can be used: " + gnutls_strerror(count);
-    }
-    return count == 0 ? "holds no " + content : std::string();
-}
-
 /// Whether a priority string decides itself how strong keys and signatures of certificates must be.
 bool tellsStrength(std::string const& suite)
 {
@@ -126,7 +101,11 @@ std::string TlsPolicy::authorities() const
         return caFile;
     }
     std::string const file = configured(LDAP_OPT_X_TLS_CACERTFILE);
-    return file.empty() ? systemBundle() : file;
+    if (!file.empty()) {
+        return file;
+    }
+    std::string const folder = caFolder.empty() ? configured(LDAP_OPT_X_TLS_CACERTDIR) : caFolder;
+    return folder.empty() ? systemBundle() : folder;
 }
 
 TlsContext::State::State(TlsPolicy const& asked) : policy(asked)

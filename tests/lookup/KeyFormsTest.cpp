@@ -90,6 +90,14 @@ TEST(FormsOfAKey, LeaveADomainAloneThatIsInvalidInAscii)
     EXPECT_THAT(formsOf("anna@xn--\x7f.example"), IsEmpty());
 }
 
+TEST(FormsOfAKey, HoldNoUnicodeFormThatIsAnotherDomain)
+{
+    EXPECT_THAT(formsOf("anna@xn--example-2z6c.test"), IsEmpty()); // a zero-width space inside
+    EXPECT_THAT(formsOf("anna@xn--a.test"), IsEmpty());            // a control character
+    EXPECT_THAT(formsOf("anna@XN--MNCHEN-3YA.example."),
+                ElementsAre("anna@XN--MNCHEN-3YA.example.", "anna@M\xc3\xbcNCHEN.example."));
+}
+
 TEST(ServedDomains, AreComparedInBothForms)
 {
     Settings settings;
@@ -104,6 +112,18 @@ TEST(ServedDomains, AreComparedInBothForms)
     EXPECT_FALSE(forms.isServed("a@other.test"));
     EXPECT_FALSE(forms.isServed("a@b\xc3\xbc.example"));
     EXPECT_FALSE(forms.isServed("corp.test"));
+}
+
+TEST(ServedDomains, DoNotServeKeysWithoutADomainIfOneIsInvalidInAscii)
+{
+    Settings settings;
+    settings.domains = {"ab--cd.test"};
+    KeyForms const forms(settings);
+
+    EXPECT_TRUE(forms.isServed("a@AB--cd.test"));
+    EXPECT_FALSE(forms.isServed("postmaster"));
+    EXPECT_FALSE(forms.isServed("postmaster@"));
+    EXPECT_FALSE(forms.isServed("a@-\xc3\xbc-.example"));
 }
 
 TEST(AKey, IsRefusedBeyondItsLengthAndIfItIsNoText)

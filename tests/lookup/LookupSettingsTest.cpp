@@ -56,6 +56,16 @@ TEST(LookupSettings, NeedAServerWithHostAndPort)
               "a server's host holds a control character at byte 1");
 }
 
+TEST(LookupSettings, NameTheDomainsThatAreServed)
+{
+    EXPECT_EQ(refusalWith([](Settings& s) {
+                  s.domains = {"corp.test", ""};
+              }),
+              "a served domain has no name");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.domains = {"corp\n.test"}; }),
+              "a served domain holds a control character at byte 4");
+}
+
 TEST(LookupSettings, NeverBindWithAnEmptyPassword)
 {
     EXPECT_THAT(refusalWith([](Settings& s) { s.password.clear(); }),

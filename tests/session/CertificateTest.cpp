@@ -165,4 +165,14 @@ TEST(AuthoritiesOf, APolicyAreItsOwnFile)
     EXPECT_EQ(tls.authorities(), "/some/ca.pem");
 }
 
+TEST(AuthoritiesOf, APolicyWithAFolderAloneAreThatFolder)
+{
+    TlsPolicy tls;
+    tls.caFolder = "/some/folder";
+
+    EXPECT_EQ(tls.authorities(), "/some/folder");
+    tls.caFile = "/some/ca.pem";
+    EXPECT_EQ(tls.authorities(), "/some/ca.pem");
+}
+
 } // namespace SolvaneTest

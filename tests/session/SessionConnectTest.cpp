@@ -11,6 +11,7 @@
 #include <csignal>
 #include <ctime>
 
+#include <sys/resource.h>
 #include <sys/time.h>
 
 using namespace Solvane;
@@ -54,6 +55,24 @@ TEST(ConnectTo, APortWhereNobodyListensIsTriedLater)
     EXPECT_EQ(session.step(), Step::connect);
     EXPECT_EQ(session.handle(), nullptr);
     EXPECT_EQ(session.peer(), "");
+}
+
+TEST(ConnectTo, AServerWithoutADescriptorLeftSpeaksOfThisProcess)
+{
+    ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });
+    Session session(plainOptions(server.port()));
+    rlimit before{};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    rlimit const none = {0, before.rlim_max};
+
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    Verdict const verdict = session.reach(Step::connect, soon());
+    setrlimit(RLIMIT_NOFILE, &before);
+
+    std::string const number = std::to_string(server.port());
+    EXPECT_EQ(shown(verdict), "TryLater -2 ldap://127.0.0.1:" + number +
+                                  ": this process cannot connect: 127.0.0.1 port " + number +
+                                  ": too many open files in this process");
 }
 
 TEST(ConnectTo, AnyServerAfterTheDeadlineIsNotTried)

@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <ldap.h>
+#include <sys/ioctl.h>
 
 using namespace Solvane;
 using namespace Solvane::Lookup;
@@ -114,6 +115,39 @@ TEST(BindOnAPeer, ThatIsSilentRunsOut)
 
     EXPECT_THAT(shown(verdict),
                 AllOf(StartsWith("TryLater -5 "), HasSubstr("did not answer the bind within 0.")));
+}
+
+TEST(BindOnAPeer, ThatFloodsUsGetsNoMoreThanItsShareOfACall)
+{
+    constexpr unsigned char intermediateTag = 0x79; // RFC 4511 section 4.13
+    std::string flood;                              // of the first request, whose id is 1
+    for (int i = 0; i < 200; ++i) {
+        flood += ldapMessage(1, berElement(intermediateTag, ""));
+    }
+    flood += bindResponse(1);
+    ScriptedServer const server([&](Peer& peer) {
+        peer.receiveMessage();
+        peer.send(flood);
+        peer.receiveUntilClosed();
+    });
+    Session session(boundOptions(server.port()));
+    session.reach(Step::connect, soon());
+    session.begin(Step::bind, soon());
+    int socket = -1;
+    ldap_get_option(session.handle(), LDAP_OPT_DESC, &socket);
+    ASSERT_TRUE(eventually([&] {
+        int available = 0;
+        return ioctl(socket, FIONREAD, &available) == 0 &&
+               available == static_cast<int>(flood.size());
+    }));
+
+    session.advance();
+
+    EXPECT_FALSE(session.isSettled());
+    Waits waits;
+    session.waits(waits);
+    EXPECT_LE(waits.moment(), Clock::now()); // there is more in the buffer
+    EXPECT_EQ(shown(session.reach(Step::bind, soon())), "Found 0 ");
 }
 
 TEST(BindOnAPeer, ThatHangsUpIsTriedLater)

@@ -61,7 +61,7 @@ struct Settings {
     std::vector<Form> forms = {Form::full};
     char extensionDelimiter = '+'; ///< between user and extension; 0: addresses have none
     /// Domains that are served, case ignored, in Unicode or in ASCII ("xn--..."); keys of others
-    /// and keys without a domain are skipped. Empty: all are served.
+    /// and keys without a domain are skipped. An empty list serves all; an empty domain is refused.
     std::vector<std::string> domains;
     unsigned int entryLimit = 1000;            ///< for one key; more is `TryLater`; 0: no limit
     unsigned int timeLimit = 0;                ///< seconds that a server may search; 0: no limit

@@ -20,6 +20,10 @@ SOLVANE_LOOKUP_EXPORT Outcome outcomeOfBind(int code);
 /// answer: 1, 2, 3, 11, 32, 50, 51, 52, 53, 80, -1, -4, -5, -11.
 SOLVANE_LOOKUP_EXPORT bool speaksOfServer(int code);
 
+/// True for codes that are about this process, which lacks descriptors or memory, and say nothing about
+/// a server: -2, -10.
+bool speaksOfProcess(int code);
+
 /// OpenLDAP's words for a code and the code, with the server's own text if it has one, in one line:
 /// "Server is busy (51): maintenance".
 SOLVANE_LOOKUP_EXPORT std::string wordsFor(int code, std::string const& serverText = std::string());

@@ -93,11 +93,12 @@ public:
     bool isDone(Step step) const;
     /// Good while nothing failed. After a failure the session is of no more use.
     ///
-    /// resolve: `TryLater` -1 the name does not resolve, -5 not in time. connect: `TryLater` -1 or -5,
-    /// with each address and its cause. handshake: `Refused` -11 with what is wrong with the certificate
-    /// or the server's TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's
-    /// code by `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured`
-    /// -9 and not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4, -5.
+    /// resolve: `TryLater` -1 the name does not resolve, -5 not in time, -10 no memory. connect:
+    /// `TryLater` -1 or -5, with each address and its cause; -2 no descriptor or memory for a socket.
+    /// handshake: `Refused` -11 with what is wrong with the certificate or the server's TLS;
+    /// `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's code by
+    /// `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured` -9 and
+    /// not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4, -5.
     Verdict const& verdict() const;
 
     // What was found on the way

@@ -41,7 +41,8 @@ struct TlsPolicy {
     std::string certificateFile; ///< PEM file of the client certificate; else TLS_CERT
     std::string keyFile;         ///< PEM file of its key, not encrypted; else TLS_KEY
 
-    /// The file of authorities that is meant; empty if there is none.
+    /// The file of accepted authorities, or the folder if there is no file; the system's bundle if
+    /// neither is set, empty if there is none.
     SOLVANE_LOOKUP_EXPORT std::string authorities() const;
 };
 

@@ -31,8 +31,9 @@ enum class Identity {
 };
 
 /// How a step ended. `code` is an LDAP result code (RFC 4511 appendix A), or OpenLDAP's own below 0:
-/// -1 the server is down or the connection broke, -4 an invalid message, -5 no answer in time, -7 an
-/// invalid filter, -9 an unusable setting, -11 the server's certificate is not accepted.
+/// -1 the server is down or the connection broke, -2 this process cannot open a connection, -4 an
+/// invalid message, -5 no answer in time, -7 an invalid filter, -9 an unusable setting, -10 no memory is
+/// left, -11 the server's certificate is not accepted.
 struct Verdict {
     Outcome outcome = Outcome::Found; ///< `Found`: the step is done
     int code = 0;                     ///< 0 if all went well

@@ -1,0 +1,172 @@
+// The sessions' inner parts, which the library does not export.
+#include "Conversation.h"
+#include "MessageFrame.h"
+#include "NameService.h"
+
+#include "Allocations.h"
+#include "NameServer.h"
+#include "ProcessMemory.h"
+#include "Sessions.h"
+
+#include <solvane/session/Resolver.h>
+#include <solvane/session/ResultCodes.h>
+#include <solvane/session/SrvQuery.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <memory>
+#include <new>
+#include <set>
+
+#include <arpa/nameser.h>
+#include <sys/socket.h>
+
+using namespace Solvane;
+using namespace Solvane::Lookup;
+using testing::AnyOf;
+using testing::Contains;
+using testing::StartsWith;
+
+namespace SolvaneTest {
+
+// Messages
+
+TEST(FrameOfAMessage, MayBeNearlyAsLongAsALengthCanTell)
+{
+    std::size_t const most = std::numeric_limits<std::size_t>::max();
+    std::size_t const content = 0xFFFFFFFE;
+
+    MessageFrame const frame = frameOf("\x30\x84\xFF\xFF\xFF\xFE\x02\x01\x01");
+
+    EXPECT_EQ(frame.state, MessageFrame::partial);
+    EXPECT_EQ(frame.length, content > most - 6 ? most : content + 6);
+}
+
+// The password
+
+#if !defined(__SANITIZE_ADDRESS__) // keeps what was freed
+TEST(PasswordThatIsNotWrittenYet, StandsNowhereElseInMemoryAfterTheUnbind)
+{
+    std::string password = "correct horse battery staple, number ";
+    password += std::to_string(getpid()); // so that the text stands in no constant
+    int ends[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends), 0);
+    Lookup::Descriptor const peer(ends[1]);
+    int id = 0;
+    auto conversation = std::make_unique<Conversation>(Lookup::Descriptor(ends[0]), 3, 1UL << 20,
+                                                       std::chrono::seconds(10));
+    ASSERT_EQ(conversation->bind(readerDn, password, id), 0);
+    ASSERT_TRUE(conversation->channel().hasOutput());
+
+    conversation.reset(); // the unbind goes behind the bind, and both are sent
+
+    EXPECT_EQ(occurrencesInMemory(password), 1U);
+}
+#endif
+
+// Names
+
+TEST(NameServiceWithoutMemory, ThrowsNothingThroughTheResolversLibrary)
+{
+    NameServer const names;
+    NameService service({names.address()});
+    ASSERT_EQ(service.fault(), "");
+    auto const ignored = [](void*, int, int, unsigned char*, int) {};
+
+    {
+        FailingAllocation const failing(0);
+        EXPECT_NO_THROW(
+            ares_query(service.channel(), "one.example.test", ns_c_in, ns_t_a, ignored, nullptr));
+    }
+
+    EXPECT_TRUE(service.lacksMemory());
+}
+
+/// What became of a question of which one allocation in this thread failed.
+template <typename Query, typename Ask> std::string resultWithout(unsigned int allocation, Ask ask)
+{
+    std::unique_ptr<Query> query;
+    try {
+        FailingAllocation const failing(allocation);
+        query = ask();
+        Waits waits;
+        while (!query->isSettled()) {
+            waits.clear();
+            query->waits(waits);
+            waits.wait();
+            query->advance();
+        }
+        return shown(query->verdict());
+    } catch (std::bad_alloc const&) {
+        return "thrown";
+    }
+}
+
+/// The results with each allocation failing in turn.
+template <typename Query, typename Ask> std::set<std::string> resultsWithoutMemory(Ask const& ask)
+{
+    constexpr unsigned int enough = 200;
+    std::set<std::string> results;
+    for (unsigned int i = 0; i < enough; ++i) {
+        results.insert(resultWithout<Query>(i, ask));
+    }
+    return results;
+}
+
+TEST(QuestionWithoutMemory, EndsInAVerdictOrIsThrownToItsCaller)
+{
+    NameServer names;
+    names.add("one.example.test", {"127.0.0.1"});
+    names.addService("_ldap._tcp.example.test", 1, 1, 389, "one.example.test");
+    std::string const server = names.address();
+    std::string const noMemory = "TryLater -10 no memory is left to ask name servers";
+
+    auto const addresses = resultsWithoutMemory<Resolver>([&] {
+        return std::make_unique<Resolver>("one.example.test", 389,
+                                          std::vector<std::string>{server});
+    });
+    auto const targets = resultsWithoutMemory<SrvQuery>([&] {
+        return std::make_unique<SrvQuery>("example.test", false, std::vector<std::string>{server});
+    });
+
+    EXPECT_THAT(addresses, testing::UnorderedElementsAre("Found 0 ", noMemory, "thrown"));
+    EXPECT_THAT(targets, testing::UnorderedElementsAre("Found 0 ", noMemory, "thrown"));
+}
+
+TEST(TargetOfADomain, IsInsideIfItIsTheDomainOrBelow)
+{
+    EXPECT_TRUE(isInside("example.com", "example.com"));
+    EXPECT_TRUE(isInside("ldap.example.com", "example.com"));
+    EXPECT_TRUE(isInside("a.b.Example.COM.", "example.com"));
+    EXPECT_TRUE(isInside("ldap.example.com", "Example.com."));
+}
+
+TEST(TargetOfADomain, IsOutsideElsewhere)
+{
+    for (char const* const target : {"", ".", "com", "example.org", "notexample.com",
+                                     "example.com.attacker.test", ".example.com", "ldap.example"}) {
+        EXPECT_FALSE(isInside(target, "example.com")) << target;
+    }
+    EXPECT_FALSE(isInside("ldap.example.com", ""));
+    EXPECT_FALSE(isInside("ldap.example.com", "."));
+    EXPECT_FALSE(isInside("", ""));
+}
+
+// Result codes
+
+TEST(ResultCode, ThatSpeaksOfThisProcessSpeaksOfNoServer)
+{
+    std::set<int> found;
+    for (int code = -20; code <= 200; ++code) {
+        if (speaksOfProcess(code)) {
+            found.insert(code);
+            EXPECT_FALSE(speaksOfServer(code)) << code;
+        }
+    }
+
+    EXPECT_EQ(found, (std::set<int>{-2, -10}));
+}
+
+} // namespace SolvaneTest
