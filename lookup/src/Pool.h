@@ -120,9 +120,9 @@ public:
     void opened(PooledSession& session);
     /// What a failed attempt to open one means.
     enum class Attempt {
-        failed,    ///< the server counts as failed
-        lacksTime, ///< its caller had too little time to prove anything
-        another,   ///< another session to the same address works: one of several servers hangs
+        failed, ///< the server counts as failed
+        lacksTime, ///< its caller had too little time, or this process no descriptor: nothing is proved
+        another, ///< another session to the same address works: one of several servers hangs
     };
     /// It could not be opened; the lease is closed.
     Attempt failed(Lease& lease, Verdict const& why, Clock::time_point begun, bool isLate);

@@ -16,7 +16,7 @@ constexpr std::chrono::seconds afterAFailure(1); ///< at most once in so long
 ServerList::ServerList(Settings const& settings)
     : m_limits{std::chrono::seconds(settings.networkTimeout), settings.backOff,
                settings.longestBackOff},
-      m_window(settings.window)
+      m_window(settings.window), m_verifiesNames(settings.tls.verify == TlsVerify::full)
 {
     for (Server const& server : settings.servers) {
         if (server.srvDomain.empty()) {
@@ -28,7 +28,7 @@ ServerList::ServerList(Settings const& settings)
         domain.name = server.srvDomain;
         domain.settings = server;
         domain.settings.srvDomain.clear();
-        domain.uri = (server.secure ? "_ldaps._tcp." : "_ldap._tcp.") + server.srvDomain;
+        domain.uri = srvNameOf(server.srvDomain, server.secure);
         m_entries.push_back({nullptr, &domain});
     }
     putInOrder();
@@ -102,7 +102,14 @@ void ServerList::resolved(ServerDomain& domain, Verdict const& verdict,
 {
     domain.claimedUntil = Clock::time_point::min();
     domain.why = verdict;
-    if (!verdict.isGood()) {
+    std::vector<Server> const servers = serversOf(domain, targets);
+    if (verdict.isGood() && servers.empty()) {
+        domain.why = {Outcome::Misconfigured, -9,
+                      domain.uri + " names only hosts outside of " + domain.name + ", as " +
+                          targets.front().host +
+                          ": their certificates prove nothing; set the servers by their names"};
+    }
+    if (!domain.why.isGood()) {
         domain.backOff =
             std::min(std::max(domain.backOff * 2, m_limits.backOff), m_limits.longestBackOff);
         domain.dueAt = now + std::max<Clock::duration>(domain.backOff, afterAFailure);
@@ -111,13 +118,27 @@ void ServerList::resolved(ServerDomain& domain, Verdict const& verdict,
     domain.backOff = Clock::duration(0);
     domain.dueAt = now + lifetime;
     domain.servers.clear();
-    for (SrvTarget const& target : targets) {
-        Server server = domain.settings;
-        server.host = target.host;
-        server.port = target.port;
+    for (Server const& server : servers) {
         domain.servers.push_back(&recordOf(server));
     }
     putInOrder();
+}
+
+/// DNS answers are not authenticated: where certificates are to prove which host it is, a name from
+/// outside of the domain may be an attacker's own.
+std::vector<Server> ServerList::serversOf(ServerDomain const& domain,
+                                          std::vector<SrvTarget> const& targets) const
+{
+    std::vector<Server> servers;
+    for (SrvTarget const& target : targets) {
+        if (!domain.settings.secure || !m_verifiesNames || isInside(target.host, domain.name)) {
+            Server server = domain.settings;
+            server.host = target.host;
+            server.port = target.port;
+            servers.push_back(std::move(server));
+        }
+    }
+    return servers;
 }
 
 void ServerList::failed(ServerRecord const& server, Clock::time_point now)

@@ -60,9 +60,12 @@ public:
 private:
     ServerRecord& recordOf(Server const& server);
     void putInOrder();
+    std::vector<Server> serversOf(ServerDomain const& domain,
+                                  std::vector<SrvTarget> const& targets) const;
 
     ServerHealth::Limits m_limits;
     std::size_t m_window;
+    bool m_verifiesNames; ///< of servers, in their certificates
     std::deque<ServerRecord> m_records;
     std::deque<ServerDomain> m_domains;
     /// The list as it was set: either of the two.

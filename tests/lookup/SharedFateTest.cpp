@@ -314,6 +314,22 @@ TEST(AForkWhileADomainIsResolved, LeavesTheChildAbleToResolveIt)
     EXPECT_GT(names.asked().size(), asked);
 }
 
+TEST(ADomainThatNamesAForeignHost, IsNotBelievedIfCertificatesAreToProveWhoItIs)
+{
+    NameServer names;
+    names.addService("_ldaps._tcp.corp.test", 0, 0, 636, "ldap.attacker.test");
+    auto settings = settingsOf(names);
+    settings.servers.front().secure = true;
+    LDAPLookup lookup(settings);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Misconfigured);
+    EXPECT_EQ(answer.text, "_ldaps._tcp.corp.test names only hosts outside of corp.test, as "
+                           "ldap.attacker.test: their certificates prove nothing; set the servers "
+                           "by their names");
+}
+
 TEST(ADomainThatCannotBeAskedFor, EndsALookupAtOnceEvenWithoutABackOff)
 {
     NameServer names;

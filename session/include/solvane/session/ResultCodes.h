@@ -22,7 +22,7 @@ SOLVANE_LOOKUP_EXPORT bool speaksOfServer(int code);
 
 /// True for codes that are about this process, which lacks descriptors or memory, and say nothing about
 /// a server: -2, -10.
-bool speaksOfProcess(int code);
+SOLVANE_LOOKUP_EXPORT bool speaksOfProcess(int code);
 
 /// OpenLDAP's words for a code and the code, with the server's own text if it has one, in one line:
 /// "Server is busy (51): maintenance".
