@@ -167,7 +167,7 @@ Session::Received Conversation::receive(Session::Message& message, bool parsesEn
             message.type = front.operation;
             message.isSuccess = isPlainSuccess(m_channel.frontBytes().substr(front.operationAt));
             bool const isLeft = front.operation == LDAP_RES_SEARCH_ENTRY && !parsesEntries;
-            if (!(isLeft ? takeEntry(front, message) : parse(message.parsed))) {
+            if (!take(front, message, isLeft)) {
                 continue; // broken, which the next round tells
             }
             m_messageSize = front.length;
@@ -181,14 +181,20 @@ Session::Received Conversation::receive(Session::Message& message, bool parsesEn
     return Session::Received::nothing;
 }
 
-/// Leaves the entry in front to the caller. OpenLDAP need not see it: it forgets a request when it has
-/// the final response.
-bool Conversation::takeEntry(MessageFrame const& frame, Session::Message& message)
+/// Takes the message in front. An entry may be left to the caller: OpenLDAP forgets a request when it has
+/// the final response. Of an operation that is longer than its message it would never forget it.
+bool Conversation::take(MessageFrame const& front, Session::Message& message, bool isLeft)
 {
-    BerReader reader(m_channel.frontBytes().substr(frame.operationAt));
-    bool const isValid = reader.take(message.content);
+    std::string_view content;
+    if (!BerReader(m_channel.frontBytes().substr(front.operationAt)).take(content)) {
+        return failInvalid();
+    }
+    if (!isLeft) {
+        return parse(message.parsed);
+    }
+    message.content = content;
     m_channel.take();
-    return isValid || failInvalid();
+    return true;
 }
 
 /// Has OpenLDAP parse the message in front. It has all of it, so it does not wait.

@@ -49,7 +49,7 @@ private:
     int sent(int code, int id);
     bool isAwaited(int id) const;
     void takeNotice();
-    bool takeEntry(MessageFrame const& frame, Session::Message& message);
+    bool take(MessageFrame const& front, Session::Message& message, bool isLeft);
     bool parse(LDAPMessageBuffer& message);
     bool failInvalid();
 
