@@ -1,4 +1,4 @@
-// What passes as text, and how bytes that do not are shown.
+// Validation of text, and how invalid bytes are shown.
 #include <solvane/session/PlainText.h>
 
 #include <gmock/gmock.h>

@@ -1,4 +1,4 @@
-// Sessions and their process: children that inherit them, peers that stop reading, and the password.
+// Sessions and forked children, peers that stop reading, and the password in memory.
 #include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
@@ -32,7 +32,7 @@ namespace {
 using Peer = ScriptedServer::Peer;
 using Received = Session::Received;
 
-/// Runs this in a child process: its exit status, with 0 for true.
+/// Runs this in a child process; returns its exit status, 0 for true.
 template <typename Act> bool holdsInChild(Act const& act)
 {
     pid_t const child = fork();
@@ -58,7 +58,7 @@ std::vector<int> operationsOf(std::vector<std::string> const& messages)
     return operations;
 }
 
-/// How often a text stands in this process's writable memory.
+/// How often a text occurs in this process's writable memory.
 [[maybe_unused]] std::size_t occurrencesInMemory(std::string const& text)
 {
     std::ifstream maps("/proc/self/maps");
@@ -113,7 +113,7 @@ protected:
         ASSERT_EQ(shown(m_session->reach(Step::bind, soon())), "Found 0 ");
     }
 
-    /// A search and its answer, by the process that connected.
+    /// A search and its answer, in the process that connected.
     void expectThatTheSessionWorks()
     {
         int id = 0;
@@ -204,8 +204,8 @@ TEST(SessionThatIsLetGoOf, SaysUnbind)
 TEST(SessionThatIsLetGoOf, SaysUnbindAndGoodbyeByTls)
 {
     Authority authority;
-    // Without the tickets of TLS 1.3: what a client has not read when it closes resets the connection,
-    // and its last words may be lost.
+    // Without the tickets of TLS 1.3: input that the client has not read when it closes causes a
+    // reset, and its last output may be lost.
     ServerTls const tls(authority.issue(), "NORMAL:-VERS-ALL:+VERS-TLS1.2");
     std::atomic<bool> wasEndedByGoodbye{false};
     ScriptedServer server([&](Peer& peer) {
@@ -224,10 +224,10 @@ TEST(SessionThatIsLetGoOf, SaysUnbindAndGoodbyeByTls)
     EXPECT_TRUE(wasEndedByGoodbye);
 }
 
-/// A server that takes the connection and never reads.
+/// A server that accepts the connection and never reads.
 class PeerThatDoesNotRead : public testing::TestWithParam<bool> {
 protected:
-    /// Far more requests than the kernel takes for both sides.
+    /// Far more requests than the kernel buffers on both sides.
     void fillUp(Session& session)
     {
         constexpr int requests = 200;
