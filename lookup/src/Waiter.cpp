@@ -1,4 +1,4 @@
-// An eventfd that is made when it is needed.
+// An eventfd, created on demand.
 #include "Waiter.h"
 
 #include <cerrno>
@@ -20,7 +20,7 @@ void Waiter::open()
 {
     if (m_descriptor == -1) {
         m_descriptor = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-        // Without one, its owner looks again at its deadline.
+        // If it cannot be created, the caller wakes up at its deadline.
     }
 }
 

@@ -18,7 +18,7 @@ namespace {
 
 Clock::time_point soon() { return Clock::now() + std::chrono::seconds(15); }
 
-/// What a search came to, message by message.
+/// The messages of a search.
 struct Counted {
     int entries = 0;
     int references = 0;
@@ -66,7 +66,7 @@ protected:
     {
         return DirectorySession(server().secureDescription(), host, tls);
     }
-    /// Where it is known what the certificate is for, a session that may bind.
+    /// A session that may bind, if the name of the certificate is known.
     static DirectorySession newSession()
     {
         return DirectorySession(server().description(), server().host(), policy(TlsVerify::full));
