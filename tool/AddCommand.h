@@ -1,4 +1,4 @@
-// "add": the entries of an LDIF file, put into a directory.
+// The "add" command: adds the entries of an LDIF file to a directory.
 #ifndef SOLVANE_TOOL_ADD_COMMAND_H
 #define SOLVANE_TOOL_ADD_COMMAND_H
 

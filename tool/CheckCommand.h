@@ -1,4 +1,4 @@
-// "check": every step from the settings to an answer, for one server after the other.
+// The "check" command: tries every step from the settings to an answer, on each server in turn.
 #ifndef SOLVANE_TOOL_CHECK_COMMAND_H
 #define SOLVANE_TOOL_CHECK_COMMAND_H
 
@@ -16,10 +16,10 @@ public:
     char const* name() const override { return "check"; }
     char const* description() const override
     {
-        return "Try every step of a lookup and say which fails, and why";
+        return "Try every step of a lookup and report which one fails, and why";
     }
     void declareOn(CLI::App& app) override;
-    /// @return the table's exit status, or with --nagios 0 to 3
+    /// @return a status of `exitStatusOf`, or with --nagios 0 to 3
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:

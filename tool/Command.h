@@ -13,7 +13,7 @@ namespace Solvane::Tool {
 
 class CommonOptions;
 
-/// Declares its options, and runs once they are read.
+/// Declares its options and runs after they are parsed.
 class Command {
 public:
     Command() = default;
@@ -25,10 +25,10 @@ public:
     virtual char const* description() const = 0;
     virtual void declareOn(CLI::App& app) = 0;
 
-    /// @param common  the options that all subcommands share; the level of `diagnostics` is theirs
-    /// @return exit status of the process: `exitStatusOf` the worst outcome, unless the user asked
-    ///         for another number
-    /// @throws Failure  what ends the whole run
+    /// @param common  the options shared by all subcommands
+    /// @return exit status of the process: `exitStatusOf` the worst outcome, unless an option
+    ///         replaces it
+    /// @throws Failure  an error that ends the whole run
     virtual int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) = 0;
 };
 

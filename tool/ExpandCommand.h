@@ -1,5 +1,5 @@
-// "expand": what filter a template makes of an address, and what is wrong with the template, without
-// any network.
+// The "expand" command: prints the filter of an address and checks the template, without any
+// network access.
 #ifndef SOLVANE_TOOL_EXPAND_COMMAND_H
 #define SOLVANE_TOOL_EXPAND_COMMAND_H
 
@@ -15,7 +15,7 @@ public:
     char const* name() const override { return "expand"; }
     char const* description() const override
     {
-        return "Print the filter that a template makes of each address; asks no server";
+        return "Print the filter of each address without contacting a server";
     }
     void declareOn(CLI::App& app) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;

@@ -1,4 +1,4 @@
-// "lookup": the entries that a template finds for each address.
+// The "lookup" command: prints the entries found for each address.
 #ifndef SOLVANE_TOOL_LOOKUP_COMMAND_H
 #define SOLVANE_TOOL_LOOKUP_COMMAND_H
 
@@ -12,7 +12,7 @@ public:
     char const* name() const override { return "lookup"; }
     char const* description() const override
     {
-        return "Search a directory for each address and print what it has";
+        return "Look up each address in a directory and print its entries";
     }
     void declareOn(CLI::App& app) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
@@ -22,9 +22,9 @@ private:
 
     SettingOptions m_settings;
     KeyOptions m_keys;
-    std::optional<unsigned int> m_noUser; ///< exit status instead of "not found"
+    std::optional<unsigned int> m_noUser; ///< exit status for "not found"
     bool m_isSingle = false;              ///< more than one entry for a key is an error
-    bool m_goesOn = false;                ///< asked for, and done anyway
+    bool m_goesOn = false;                ///< accepted; lookups always continue
 };
 
 } // namespace Solvane::Tool

@@ -1,4 +1,4 @@
-// The meaning of a record: its answer's, unless the tool is asked to see more in it.
+// The meaning of a record: that of its answer, unless --single changes it.
 #include "Record.h"
 
 namespace Solvane::Tool {
@@ -27,7 +27,7 @@ Outcome outcomeOf(Record const& record)
 
 char const* remedyFor(Record const& record)
 {
-    return record.hasTooManyEntries ? "make the template narrower or leave --single out"
+    return record.hasTooManyEntries ? "narrow the template or omit --single"
                                     : remedyFor(record.answer);
 }
 

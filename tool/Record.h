@@ -1,4 +1,4 @@
-// What the tool reports of one key, and the meaning of it.
+// The tool's report on one key.
 #ifndef SOLVANE_TOOL_RECORD_H
 #define SOLVANE_TOOL_RECORD_H
 
@@ -10,19 +10,19 @@
 
 namespace Solvane::Tool {
 
-/// One key with its answer; each key that was given has one.
+/// One key with its answer. Every key gets one record.
 struct Record {
     std::string key;
     Lookup::Answer answer;
-    /// With --single, an answer of several entries is an error. The server knows nothing of that:
-    /// the answer's outcome and code stay its own.
+    /// With --single, an answer with several entries is an error. The answer keeps the server's
+    /// outcome and code.
     bool hasTooManyEntries = false;
 };
 
 /// "found", "notfound", "skipped" or "error".
 char const* statusOf(Record const& record);
 Outcome outcomeOf(Record const& record);
-/// What the user can do about it; empty where nothing is wrong.
+/// What the user can do about it; empty unless something failed.
 char const* remedyFor(Record const& record);
 
 } // namespace Solvane::Tool

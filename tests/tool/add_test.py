@@ -94,16 +94,16 @@ class Ldif(ToolTest):
     def testIsRefusedWithItsLine(self):
         for text, line, words in (
                 ("version: 2\n\ndn: ou=a\nou: a\n", 1, ["version '2'"]),
-                ("\nou: a\n", 2, ["begins with 'ou'"]),
+                ("\nou: a\n", 2, ["starts with 'ou'"]),
                 ("dn: ou=a\nou a\n", 2, ["attribute: value"]),
                 ("dn: ou=a\n: a\n", 2, ["attribute: value"]),
-                ("dn: ou=a\no u: a\n", 2, ["'o u' is no attribute"]),
+                ("dn: ou=a\no u: a\n", 2, ["invalid attribute name 'o u'"]),
                 ("dn: ou=a\nou:: ???\n", 2, ["base64"]),
-                ("dn: ou=a\nou: a\ndn: ou=b\nou: b\n", 3, ["a second DN"]),
+                ("dn: ou=a\nou: a\ndn: ou=b\nou: b\n", 3, ["second DN in one record"]),
                 ("dn: ou=a\n", 1, ["no attributes"]),
                 ("dn:\nou: a\n", 1, ["DN"]),
-                ("dn:: /w==\nou: a\n", 1, ["no UTF-8"]),
-                ("dn: ou=a\nchangetype: modify\n", 2, ["'modify'", "only entries"]),
+                ("dn:: /w==\nou: a\n", 1, ["not valid UTF-8"]),
+                ("dn: ou=a\nchangetype: modify\n", 2, ["'modify'", "only add"]),
                 ("dn: ou=a\nchangetype: delete\n", 2, ["'delete'"]),
                 ("dn: ou=a\ncontrol: 1.2.3\nchangetype: add\nou: a\n", 2, ["controls"]),
                 ("dn: ou=a\ncn: x\njpegPhoto:: AAEA\n", 3, ["NUL byte", ";binary"]),
@@ -143,9 +143,9 @@ class Usage(ToolTest):
     def testRefusesWhatItCannotDo(self):
         for arguments, word in ((["--format", "ldif"], "text or json"),
                                 (["--window", "0"], "from 1"),
-                                ([], "there is no server"), (["stray"], "stray"),
+                                ([], "no server given"), (["stray"], "stray"),
                                 (["-H", "ldap://h", "-D", "cn=x", "--password-fd", "0"],
-                                 "both come from standard input")):
+                                 "both read from standard input")):
             with self.subTest(arguments=arguments):
                 self.assertFails(run("add", *arguments), 64, word)
 
@@ -197,7 +197,7 @@ class AddToADirectory(DirectoryTest):
         stopped = self.add(unit("there") + unit("behind1"), "--window", "1")
         wentOn = self.add(unit("there") + unit("behind2"), "-c")
 
-        self.assertFails(stopped, 73, "exists already")
+        self.assertFails(stopped, 73, "already exists")
         self.assertEqual(stopped.lines, [f"exists ou=there,{NEW}"])
         self.assertEqual((wentOn.status, wentOn.lines),
                          (73, [f"exists ou=there,{NEW}", f"added ou=behind2,{NEW}"]))
@@ -289,7 +289,7 @@ class AddToAPeer(ToolTest):
         self.assertEqual(result.lines[0], f"added ou=a,{NEW}")
         self.assertEqual(result.lines[1],
                          f"unknown ou=b,ou=a,{NEW}: connection lost before the answer")
-        self.assertIn("look whether it is there", result.errors)
+        self.assertIn("check whether the entry exists", result.errors)
 
     def testSendsNothingTwice(self):
         result = self.add(hangingUpAfter(), unit("once"))
@@ -358,7 +358,7 @@ class ProgressOfAnAdd(DirectoryTest):
         self.assertEqual(process.returncode, 73, shown)
         self.assertRegex(shown, rb"\r\x1b\[K\d+ \d+/s")
         # The message stands on a line of its own, and in the end nothing is left of the progress.
-        self.assertIn(b"\r\x1b[Ksolvane-ldap: ou=p0," + NEW.encode() + b": exists already", shown)
+        self.assertIn(b"\r\x1b[Ksolvane-ldap: ou=p0," + NEW.encode() + b": already exists", shown)
         self.assertTrue(shown.endswith(b"\r\x1b[K"), shown[-80:])
 
     def testIsNotShownElsewhere(self):

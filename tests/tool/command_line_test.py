@@ -90,7 +90,7 @@ class CommandLine(ToolTest):
                        ["--key-bytes", "8"], ["--answer-bytes", "1024"],
                        ["--b-value", ""], ["--g-value", "x"], ["--nouser", "67"]):
             with self.subTest(option=option):
-                # The domain is none that is served: no server is asked.
+                # The domain is not served: no server is asked.
                 domains = [] if "--domains" in option else ["--domains", "other.test"]
                 result = run(*LOOKUP, "a@x.test", *domains, *option)
 
@@ -128,13 +128,13 @@ class CommandLine(ToolTest):
                                 (["--stats=xml"], "xml"), (["-z", "-1"], "from 0"),
                                 (["-z", "2147483648"], "from 0"), (["-l", ""], "from 0"),
                                 (["-j", "0"], "from 1"), (["--window", "0"], "from 1"),
-                                (["--domains", ""], "no domain"),
-                                (["--domains", "a@b"], "no domain"),
-                                (["--forms", "half"], "noext"), (["--forms", ""], "no form"),
+                                (["--domains", ""], "no domain given"),
+                                (["--domains", "a@b"], "invalid domain"),
+                                (["--forms", "half"], "noext"), (["--forms", ""], "no address form"),
                                 (["--delimiter", "ab"], "one ASCII"),
                                 (["--delimiter", "@"], "one ASCII"),
                                 (["--references", "follow"], "ignore"),
-                                (["--ascii-domains", "maybe"], "yes nor no"),
+                                (["--ascii-domains", "maybe"], "yes or no"),
                                 (["--key-bytes", "0"], "from 1"),
                                 (["--answer-bytes", "1"], "from 1024"),
                                 (["--entry-bytes", "x"], "from 1024"),
@@ -191,7 +191,7 @@ class CommandLine(ToolTest):
     def testRefusesTwoReadersOfStandardInput(self):
         result = run(*LOOKUP, "-f", "-", "-D", "cn=x", "--password-fd", "0", stdin=b"secret\n")
 
-        self.assertFails(result, 64, "both come from standard input")
+        self.assertFails(result, 64, "both read from standard input")
 
 
 class StandardOutput(ToolTest):

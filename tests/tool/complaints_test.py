@@ -463,7 +463,7 @@ class ACertificate(LookupTest):
         itself = os.path.join(slapd.folder, "tls", "bad.pem")
 
         self.assertRefused(slapd, ["--tls-ca", itself], 77,
-                           "the certificate is not for '127.0.0.1', but for wrong.example.test")
+                           "the certificate does not match '127.0.0.1', it is for wrong.example.test")
         chain = self.lookUp(slapd.secureUri, "--tls-ca", itself, "--tls-verify", "chain", USER)
         self.assertEqual((chain.status, chain.errors), (0, ""))
 
@@ -471,7 +471,7 @@ class ACertificate(LookupTest):
         slapd = self.directory("bad")
 
         self.assertRefused(slapd, ["--tls-ca", slapd.caFile], 77,
-                           "the certificate is not accepted: signed by itself")
+                           "the certificate is not accepted: self-signed")
 
     def testIsShownByTheCheck(self):
         slapd = self.directory("expired")
@@ -531,7 +531,7 @@ class ASecret(LookupTest):
 
         result = self.lookUp(directory.uri, "-D", "cn=x", "-y", self.password, "a@x")
 
-        self.assertFails(result, 78, "can be read by others", "chmod 600")
+        self.assertFails(result, 78, "is readable by other users", "set mode 600")
         self.assertEqual(directory.connections, [])
 
     def testIsNotTakenFromSettingsThatOthersCanRead(self):

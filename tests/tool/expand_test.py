@@ -115,7 +115,7 @@ class ExpandExplain(ToolTest):
 
         self.assertEqual(result.lines, ["# ab", "#   at 0: $u inserted \"ab\"",
                                         "#   at 2: $d inserted \"#\"",
-                                        "#   at 4: ${b} turned the end \"b#\" into \"a\"", "aa"])
+                                        "#   at 4: ${b} replaced the end \"b#\" by \"a\"", "aa"])
 
     def testEndsEachExplainedFilterWithNul(self):
         result = run("expand", "-0", "--explain", "-t", "$u", "a", "b")
@@ -126,7 +126,7 @@ class ExpandExplain(ToolTest):
     def testExplainsWhatStandsBeforeAFault(self):
         result = run("expand", "--explain", "-t", "(x=$u)(y=$q)", "jdoe@x")
 
-        self.assertFails(result, 65, "'(x=$u)(y=$q)' is wrong at byte 9: no specifier", "--lint")
+        self.assertFails(result, 65, "error in template '(x=$u)(y=$q)' at byte 9: unknown specifier", "--lint")
         self.assertEqual(result.lines, ["# jdoe@x", "#   at 3: $u inserted \"jdoe\""])
 
 
@@ -145,11 +145,11 @@ class ExpandLint(ToolTest):
             "template:0: error: '(' without its ')'",
             "(&(uid=$u)(ou=$b)(x=$q)",
             "^",
-            "template:9: warning: this text is lost before $b, which is empty",
+            "template:9: warning: this text is dropped before $b, which is empty",
             "(&(uid=$u)(ou=$b)(x=$q)",
             "         ^~~~~",
-            "template:20: error: no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, "
-            "and a '$' for itself is \\24",
+            "template:20: error: unknown specifier; use $u $n $N $d $m $a $A $b $g $c ${text}, "
+            "or \\24 for a literal '$'",
             "(&(uid=$u)(ou=$b)(x=$q)",
             "                    ^~"])
 
@@ -157,7 +157,7 @@ class ExpandLint(ToolTest):
         result = run("expand", "--lint", "-t", "(&(uid=$u)(dc=$d))")
 
         self.assertEqual((result.status, result.lines), (0, [
-            "template:14: warning: '#' for an address without a domain",
+            "template:14: warning: expands to '#' for an address without a domain",
             "(&(uid=$u)(dc=$d))",
             "              ^~"]))
 
@@ -178,7 +178,7 @@ class ExpandLint(ToolTest):
         result = run("expand", "--lint", "-t", " ")
 
         self.assertEqual((result.status, result.lines), (65, [
-            "template:0: error: makes an empty filter, which matches every entry", " ", "^"]))
+            "template:0: error: expands to an empty filter, which matches every entry", " ", "^"]))
 
     def testKnowsTheOptionalValues(self):
         result = run("expand", "--lint", "-t", "(&(uid=$u)(ou=$b))", "--b", "sales")
@@ -193,13 +193,13 @@ class ExpandLint(ToolTest):
         self.assertEqual((warned.status, len(warned.lines)), (0, 5))
         self.assertEqual(warned.lines[3:], ["(dc=x)", "(dc=y)"])
         self.assertEqual((wrong.status, wrong.lines[3:]), (65, ["(uid=a))"]))
-        self.assertFails(malformed, 65, "is wrong at byte 5")
+        self.assertFails(malformed, 65, "error in template", "at byte 5")
         self.assertEqual(len(malformed.lines), 3)
 
     def testEndsFindingsWithNul(self):
         result = run("expand", "-0", "--lint", "-t", "(dc=$d)", "a@x")
 
-        self.assertEqual(result.bytes, b"template:4: warning: '#' for an address without a domain\n"
+        self.assertEqual(result.bytes, b"template:4: warning: expands to '#' for an address without a domain\n"
                                        b"(dc=$d)\n    ^~\0(dc=x)\0")
 
     def testNeedsATemplate(self):
@@ -211,18 +211,18 @@ class ExpandRefuses(ToolTest):
     def testAnUnknownSpecifier(self):
         result = run("expand", "-t", "(x=$q)", "a@x", "b@x")
 
-        self.assertFails(result, 65, "'(x=$q)' is wrong at byte 3", "known are $u")
+        self.assertFails(result, 65, "error in template '(x=$q)' at byte 3", "use $u")
         self.assertEqual(result.output, "")
 
     def testADollarAtTheEnd(self):
         result = run("expand", "-t", "cn=$", "a@x")
 
-        self.assertFails(result, 65, "'cn=$' is wrong at byte 3", "\\24")
+        self.assertFails(result, 65, "error in template 'cn=$' at byte 3", "\\24")
 
     def testABraceThatIsNotClosed(self):
         result = run("expand", "-t", "$u${abc", "a@x")
 
-        self.assertFails(result, 65, "'$u${abc' is wrong at byte 2", "without its '}'")
+        self.assertFails(result, 65, "error in template '$u${abc' at byte 2", "without its '}'")
 
     def testATemplateThatComesOutEmpty(self):
         result = run("expand", "-t", " (x=1)$b ", "a@x")
@@ -232,7 +232,7 @@ class ExpandRefuses(ToolTest):
     def testATemplateOfSeveralLines(self):
         result = run("expand", "-t", "(&(a=1)\n(b=2))", "a@x")
 
-        self.assertFails(result, 65, "'(&(a=1)\\x0A(b=2))' holds a control character at byte 7",
+        self.assertFails(result, 65, "'(&(a=1)\\x0A(b=2))' contains a control character at byte 7",
                          "--lint")
 
     def testATemplateThatIsNoUtf8(self):
@@ -243,7 +243,7 @@ class ExpandRefuses(ToolTest):
     def testAFilterWhoseCutTookHalfACharacter(self):
         result = run("expand", "-t", "$u\u00fc$d${b}", "ab")
 
-        self.assertFails(result, 65, "'ab\\xC3a' holds invalid UTF-8 at byte 2")
+        self.assertFails(result, 65, "'ab\\xC3a' contains invalid UTF-8 at byte 2")
 
     def testABadKeyAndGoesOn(self):
         for key, words in ((b"", "empty"), (b"a\nb", "a control character at byte 1"),
@@ -266,7 +266,7 @@ class ExpandRefuses(ToolTest):
         self.assertFails(result, 65, "a control character at byte 1")
 
     def testNoAddressAtAll(self):
-        self.assertFails(run("expand", "-t", "$u"), 64, "there is no address")
+        self.assertFails(run("expand", "-t", "$u"), 64, "no address given")
 
     def testAFileThatCannotBeRead(self):
         self.assertFails(run("expand", "-T", "/nonexistent", "a"), 78, "'/nonexistent'",

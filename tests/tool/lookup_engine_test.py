@@ -53,7 +53,7 @@ class ReferencesAlone(ScriptedLookup):
         asTsv = self.ask("--references", "ignore", "--format", "tsv")
         asText = self.ask("--references", "ignore")
 
-        remark = "leaves a part of the base to servers that were not asked"
+        remark = "returned references to servers that were not asked"
         self.assertIn(remark, records(asJson)[0]["text"])
         self.assertRegex(asTsv.output, f"^a@x.test\t\tnotfound\t.*{remark}\n$")
         self.assertRegex(asText.output, f"^# a@x.test: not found: .*{remark}\n$")

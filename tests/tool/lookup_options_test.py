@@ -131,7 +131,7 @@ class OptionsOnADirectory(DirectoryTest):
         self.assertEqual((one[0], one[1]["status"]), (0, "found"))
         self.assertEqual((several[0], several[1]["status"]), (65, "error"))
         self.assertEqual(several[1]["code"], 0)  # the server has nothing against them
-        self.assertIn("entries where one is wanted (--single)", several[1]["text"])
+        self.assertIn("entries found, --single allows one", several[1]["text"])
         self.assertEqual((allowed[0], allowed[1]["status"]), (0, "found"))
         self.assertGreater(len(allowed[1]["entries"]), 1)
 
@@ -339,11 +339,11 @@ class OptionsOnADirectory(DirectoryTest):
         self.assertEqual(written("text").lines,
                          [f"# {USER}: found 1", f"dn: {dn}", "uid: user0000001",
                           f"mail: {USER}", "", "# nobody@x: not found",
-                          "# \\x01: error 65: the key holds a control character at byte 0"])
+                          "# \\x01: error 65: the key contains a control character at byte 0"])
         self.assertEqual(written("values").lines, [f"user0000001,{USER}", "", ""])
         self.assertEqual(written("tsv").lines,
                          [f"{USER}\tuser0000001,{USER}\tfound", "nobody@x\t\tnotfound",
-                          "\\x01\t\terror\t" "the key holds a control character at byte 0"])
+                          "\\x01\t\terror\t" "the key contains a control character at byte 0"])
         self.assertEqual([(record["key"], record["status"]) for record in
                           recordsIn(written("json"))],
                          [(USER, "found"), ("nobody@x", "notfound"), ("\x01", "error")])

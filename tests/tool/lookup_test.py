@@ -33,7 +33,7 @@ class Lookup(DirectoryTest):
         self.assertEqual(result.status, 65)
         self.assertEqual([line for line in result.lines if line.startswith("#")],
                          ["# nobody@corp.test: not found",
-                          "# \\xFF: error 65: the key holds invalid UTF-8 at byte 0",
+                          "# \\xFF: error 65: the key contains invalid UTF-8 at byte 0",
                           "# user0000002@corp.test: found 1",
                           "# : error 65: the key is empty"])
         self.assertEqual(len(result.errorLines), 2, result.errors)
@@ -117,7 +117,7 @@ class Lookup(DirectoryTest):
     def testReportsABaseThatDoesNotExist(self):
         result = self.lookUp("x", base="ou=missing,dc=corp,dc=test")
 
-        self.assertFails(result, 78, "No such object (32)", "what exists is 'dc=corp,dc=test'",
+        self.assertFails(result, 78, "No such object (32)", "matched DN 'dc=corp,dc=test'",
                          "correct the base (-b)")
         self.assertTrue(result.output.startswith("# x: error 78: "), result.output)
 
@@ -127,13 +127,13 @@ class Lookup(DirectoryTest):
     def testReportsAMalformedTemplateOnceAndAsksNobody(self):
         result = self.lookUp("a", "b", template="(mail=$q)")
 
-        self.assertFails(result, 65, "wrong at byte 6", "no specifier", "solvane-ldap expand")
+        self.assertFails(result, 65, "at byte 6", "unknown specifier", "solvane-ldap expand")
         self.assertEqual(result.output, "")
 
     def testReportsAFilterThatIsNone(self):
         result = self.lookUp("u", template="(mail=$u")
 
-        self.assertFails(result, 65, "wrong at byte 0: '(' without its ')'", "solvane-ldap expand")
+        self.assertFails(result, 65, "at byte 0: '(' without its ')'", "solvane-ldap expand")
         self.assertEqual(result.output, "")
 
     def testSendsNoEmptyFilter(self):

@@ -64,13 +64,13 @@ class Password(DirectoryTest):
                 path = self.file("password", b"reader-pw", mode)
 
                 self.assertFails(self.lookUpAsReader("-y", path), 78,
-                                 f"can be read by others (mode {mode:03o})", "chmod 600")
+                                 f"is readable by other users (mode {mode:03o})", "set mode 600")
 
     def testIsJudgedByTheFileBehindALink(self):
         link = os.path.join(self.folder, "link")
         os.symlink(self.file("password", b"reader-pw", 0o644), link)
 
-        self.assertFails(self.lookUpAsReader("-y", link), 78, "can be read by others")
+        self.assertFails(self.lookUpAsReader("-y", link), 78, "is readable by other users")
 
         os.chmod(os.path.realpath(link), 0o400)
         self.assertEqual(self.lookUpAsReader("-y", link).status, 0)

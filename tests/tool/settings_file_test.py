@@ -40,7 +40,7 @@ class Grammar(ToolTest):
 
     def testReadsAFileWithoutALastNewlineAndAnEmptyOne(self):
         self.assertEqual(self.expand("b_value = v\nquery_filter = $b").lines, ["v"])
-        self.assertFails(self.expand(""), 64, "there is no template", "query_filter")
+        self.assertFails(self.expand(""), 64, "no template given", "query_filter")
 
     def testIsOverriddenByOptions(self):
         settings = "query_filter = (file=$u)(b=$b)(g=$g)\nb_value = fb\ng_value = fg\n"
@@ -55,27 +55,27 @@ class Grammar(ToolTest):
         self.assertEqual(run("expand", "-C", path, "a@b").lines, ["a"])
         self.assertEqual(run("-C", path, "expand", "a@b").lines, ["a"])
 
-    def testRefusesLinesThatAreNone(self):
+    def testRefusesMalformedLines(self):
         self.assertRefused("\n# c\nquery_filter\n", 3, "no '='")
-        self.assertRefused("  bind_dn = x\n", 1, "continues nothing")
+        self.assertRefused("  bind_dn = x\n", 1, "continuation line without a setting")
         self.assertRefused("b_value = 1\nfoo = 1\n", 2, "'foo'", "solvane-ldap.conf(5)")
         self.assertRefused("b_value = 1\n\nb_value = 1\n", 3, "b_value is set twice")
         self.assertRefused("b_value = a\x01b\n", 1, "b_value", "control character")
         self.assertRefused("Query_Filter = x\n", 1, "'Query_Filter'")
 
     def testNamesTheLineOnWhichASettingBegins(self):
-        self.assertRefused("b_value = 1\nscope =\n  all\nwindow = 1\n", 2, "scope: 'all'")
+        self.assertRefused("b_value = 1\nscope =\n  all\nwindow = 1\n", 2, "scope: unsupported value 'all'")
 
-    def testRefusesValuesThatAreNone(self):
+    def testRefusesInvalidValues(self):
         for setting, word in (("server_host = http://h", "LDAP URI"), ("server_host = h:0", "port"),
                               ("server_host = ldap://x@h", "'@'"), ("server_port = 65536", "65535"),
                               ("version = 4", "2, 3"), ("timeout = 0", "from 1"),
                               ("timeout = x", "from 1"), ("deadline = -1", "from 1"),
-                              ("bind = maybe", "yes nor no"), ("scope = all", "base, one, sub"),
+                              ("bind = maybe", "yes or no"), ("scope = all", "base, one, sub"),
                               ("dereference = 4", "never, search"), ("size_limit = x", "from 0"),
                               ("time_limit = 1s", "from 0"), ("tls_verify = yes", "none, chain"),
-                              ("result_attribute = a,b c(", "commas"), ("domain =", "no domain"),
-                              ("domain = a@b", "no domain"), ("forms = full,half", "noext"),
+                              ("result_attribute = a,b c(", "commas"), ("domain =", "no domain given"),
+                              ("domain = a@b", "invalid domain"), ("forms = full,half", "noext"),
                               ("delimiter = ab", "one ASCII"), ("connections = 0", "from 1"),
                               ("window = 0", "from 1"), ("query_filter = (mail=%s)", "$m"),
                               ("query_filter = (mail=%u@%d)", "$u"), ("bind_pw =", "empty"),
@@ -84,7 +84,7 @@ class Grammar(ToolTest):
                               ("refused_hold = -1", "from 0"), ("entry_bytes = 1", "from 1024"),
                               ("answer_bytes = 1", "from 1024"), ("key_bytes = 0", "from 1"),
                               ("references = follow", "defer, ignore"),
-                              ("ascii_domains = maybe", "yes nor no")):
+                              ("ascii_domains = maybe", "yes or no")):
             with self.subTest(setting=setting):
                 self.assertRefused("# c\n" + setting + "\n", 2, setting.split()[0], word)
 
@@ -112,7 +112,7 @@ class Grammar(ToolTest):
     def testIsRefusedWithAPasswordThatOthersCanRead(self):
         for mode in (0o640, 0o604, 0o644):
             with self.subTest(mode=oct(mode)):
-                self.assertRefused("query_filter = $u\nbind_pw = hunter2\n", 2, "chmod 600",
+                self.assertRefused("query_filter = $u\nbind_pw = hunter2\n", 2, "set mode 600",
                                    f"mode {mode:03o}", mode=mode)
 
         self.assertEqual(self.expand("query_filter = $u\n", mode=0o644).status, 0)

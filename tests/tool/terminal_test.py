@@ -205,7 +205,7 @@ class Progress(ToolTest):
         status = terminal.readToEnd()
 
         self.assertEqual(status, 65)
-        self.assertIn(ERASED + b"solvane-ldap: \\xFF: the key holds invalid UTF-8", terminal.shown)
+        self.assertIn(ERASED + b"solvane-ldap: \\xFF: the key contains invalid UTF-8", terminal.shown)
         self.assertTrue(terminal.shown.endswith(ERASED), terminal.shown)
 
     def testTellsCountAndRateWhereTheEndIsNotKnown(self):
