@@ -1,4 +1,4 @@
-// Connections that are not made, not answered, or end at the wrong moment.
+// Connections that are refused, not answered, or end at the wrong time.
 #include "Expectations.h"
 #include "Sites.h"
 
@@ -20,7 +20,7 @@ using Peer = FaultyServer::Peer;
 
 // No connection
 
-/// A fault at a port; the mended server is another one.
+/// A fault at a port; the repaired server has another port.
 class PortSite : public Site {
 public:
     PortSite(unsigned int port, unsigned int healthyPort) : m_port(port), m_healthyPort(healthyPort)
@@ -49,7 +49,7 @@ public:
     }
 };
 
-/// A listening socket whose queue is full: the kernel drops what asks for a connection.
+/// A listening socket with a full queue: the kernel drops connects.
 class FullQueue {
 public:
     FullQueue() : m_listener(newSocket(0))
@@ -118,7 +118,7 @@ Fault blackHole()
 
 // Silence
 
-/// A real directory for the whole program. To be asked for first where there are no other threads.
+/// A real directory for the whole program. Call it first while there are no other threads.
 Slapd& slapd()
 {
     static Slapd server({"--users", "2"});
@@ -351,8 +351,8 @@ Accepted acceptedAt(Step step, Moment moment, End end, Column column)
     Accepted const after = isLast ? success(column)
                                   : anyOf({brokenBeforeRequest(column),
                                            troubleIn(requestOf(column), column, Trouble::broken)});
-    // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end of
-    // two connections.
+    // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end
+    // of two connections.
     bool const mayBreak = end == End::reset || column == Column::engine;
     return mayBreak ? anyOf({after, broken}) : after;
 }

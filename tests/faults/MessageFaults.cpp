@@ -1,4 +1,4 @@
-// Whole messages that are well-formed and wrong: refusals, strange codes and ids, too many of them.
+// Well-formed but wrong messages: refusals, unknown codes and ids, floods.
 #include "Expectations.h"
 #include "Sites.h"
 
@@ -14,7 +14,7 @@ using Peer = FaultyServer::Peer;
 
 // Notices
 
-/// An unsolicited notice with a name, or with what stands for none.
+/// An unsolicited notice with or without a name.
 std::string noticeWithoutName(std::string const& nameElement)
 {
     std::string const result =
@@ -234,7 +234,7 @@ Fault duplicated()
             }};
 }
 
-/// The answer to a request, and in front of it or behind it that to the request that will follow.
+/// The answer to a request, preceded or followed by the answer to the next request.
 std::string withNextAnswer(std::string const& request, Step next, bool isInFront)
 {
     int const id = messageIdOf(request) + 1;
@@ -293,7 +293,7 @@ std::string manyEntries(int messageId, int count)
     return entries;
 }
 
-/// Sends entries for as long as somebody receives them.
+/// Sends entries as long as the client receives them.
 FaultyServer::Script flooding(int limit)
 {
     return serveUntil(Step::search, [limit](Peer& peer, auto const&, std::string const& request) {
@@ -320,8 +320,8 @@ Fault endless()
                     "5000, then closed", flooding(5000),
                     countsEntries ? overfull : troubleIn(Step::search, column, Trouble::broken))};
                 if (countsEntries) {
-                    // Known limit: of several keys asked at a time, one may run out of time behind the
-                    // stream. It is deferred all the same.
+                    // Known limit: of several keys asked at a time, one may run out of time behind
+                    // the stream. It is deferred all the same.
                     Accepted const orLate =
                         column == Column::engine ? Accepted{"TryLater -5"} : Accepted{};
                     cases.push_back(

@@ -1,5 +1,5 @@
 // A server that crashes, comes back or hangs up under a connection. A session that was bound must
-// never run on as somebody else, and nothing may end the process.
+// never continue with another identity, and nothing may end the process.
 #include "Descriptor.h"
 #include "Directory.h"
 #include "Eventually.h"
@@ -178,8 +178,8 @@ TEST_F(LostServer, IsReachedAgainByANewBind)
     LDAPSearch search(connection, secret);
     answerAndCrash(search);
     comeBack();
-    // As happens in a program with other files: the new socket gets another number. The old one must
-    // not be polled any more.
+    // As happens in a program with other files: the new socket gets another number. The old one
+    // must not be polled any more.
     Descriptor inTheWay(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, oldSocket));
     connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
     inTheWay.close();

@@ -33,7 +33,7 @@ std::string dnOf(unsigned int number) { return "uid=" + userName(number) + "," +
 /// Which connections are lent out.
 class Hands {
 public:
-    /// False when somebody else has it.
+    /// False if another thread has it.
     bool take(LDAPConnectionImpl const* connection)
     {
         std::lock_guard<std::mutex> const lock(m_mutex);
@@ -65,7 +65,7 @@ public:
     static std::vector<std::string> options() { return {"--users", "64"}; }
 
 protected:
-    /// One lookup by a user who may read the private part, or by nobody, who may not.
+    /// One lookup, bound as a user who may read the private part, or anonymous, who may not.
     void lookUp(unsigned int number, bool anonymously)
     {
         LDAPConnection connection =

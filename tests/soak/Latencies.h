@@ -1,4 +1,4 @@
-// How long things took, in fixed memory however many there are.
+// A histogram of durations in fixed memory.
 #ifndef SOLVANE_TESTS_SOAK_LATENCIES_H
 #define SOLVANE_TESTS_SOAK_LATENCIES_H
 
@@ -17,7 +17,8 @@ public:
     void add(Latencies const& other);
 
     std::uint64_t count() const { return m_count; }
-    /// The end of the range in which `share` (0 to 1) of all times are done. Not of no times at all.
+    /// The end of the range in which `share` (0 to 1) of all times are done. Not of no times at
+    /// all.
     double milliseconds(double share) const;
 
     struct Range {

@@ -13,7 +13,7 @@
 
 namespace SolvaneTest {
 
-/// Listens on a free port of 127.0.0.1 with a queue that is full: the kernel drops what else comes.
+/// Listens on a free port of 127.0.0.1 with a full queue: the kernel drops further connects.
 class HangingPort {
 public:
     HangingPort() : m_listener(newSocket(0)), m_number(0)
@@ -27,7 +27,7 @@ public:
         checked(listen(m_listener.number(), 0), "listen");
         checked(getsockname(m_listener.number(), any, &length), "getsockname");
         m_number = ntohs(address.sin_port);
-        // One after the other, until one gets no answer.
+        // Connects until one gets no answer.
         constexpr int longEnough = 200;
         pollfd waited = {-1, POLLOUT, 0};
         do {

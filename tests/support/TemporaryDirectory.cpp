@@ -10,7 +10,7 @@ namespace SolvaneTest {
 
 TemporaryDirectory::TemporaryDirectory()
 {
-    // The blank is on purpose: nothing in a test may trip over one.
+    // The blank is intentional: paths with blanks must work.
     std::string name = std::filesystem::temp_directory_path() / "solvane test XXXXXX";
     if (mkdtemp(name.data()) == nullptr) {
         throw std::system_error(errno, std::generic_category(), "mkdtemp " + name);

@@ -1,4 +1,4 @@
-// Awaiting the answer to an add: what each answer, silence and failure come to.
+// Awaiting the answer to an add: results of each answer, of silence and of failures.
 #include "CallTest.h"
 
 #include <climits>

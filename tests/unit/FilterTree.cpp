@@ -102,7 +102,7 @@ private:
         }
     }
 
-    /// Behind "=": a value, a presence, or pieces parted by asterisks.
+    /// After "=": a value, a presence, or pieces separated by asterisks.
     std::string equality()
     {
         std::vector<std::string> pieces{value()};
