@@ -152,9 +152,9 @@ TEST_F(CertificateOf, AuthoritiesHasAFileThatCanBeUsed)
 
     EXPECT_EQ(faultOfAuthorities(file("ca")), "");
     EXPECT_THAT(faultOfAuthorities("/nonexistent"), StartsWith("cannot be read: No such file"));
-    EXPECT_THAT(faultOfAuthorities(empty), StartsWith("contains no certificates"));
-    EXPECT_THAT(faultOfAuthorities(s_folder->path()), HasSubstr("contains no certificates"));
-    EXPECT_THAT(read("good").distrust(empty), StartsWith("contains no certificates"));
+    EXPECT_THAT(faultOfAuthorities(empty), StartsWith("contains no usable certificates"));
+    EXPECT_THAT(faultOfAuthorities(s_folder->path()), HasSubstr("contains no usable certificates"));
+    EXPECT_THAT(read("good").distrust(empty), StartsWith("contains no usable certificates"));
 }
 
 TEST(AuthoritiesOf, APolicyAreItsOwnFile)

@@ -274,7 +274,7 @@ TEST(TlsContextFor, UnusableFilesIsMisconfigured)
                 HasSubstr("'/nonexistent' cannot be read: No such file"));
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.crlFile = empty; }),
                 AllOf(StartsWith("Misconfigured -9 the CRL file '"),
-                      HasSubstr("contains no revocation lists")));
+                      HasSubstr("contains no usable revocation lists")));
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.cipherSuite = "HIGH:!aNULL"; }),
                 AllOf(StartsWith("Misconfigured -9 the cipher suite 'HIGH:!aNULL' is not"),
                       HasSubstr("GnuTLS")));
