@@ -252,7 +252,7 @@ void Pipeline::abandon(Lane& lane, Task& task)
 /// | damaged | any                | only for the guilty one     |
 ///
 /// * if the session had answered before: the idle connection may have been dropped silently.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the session that says why goes here
+// NOLINTNEXTLINE(performance-unnecessary-value-param): its session is destroyed here
 void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilty)
 {
     std::vector<Task*> tasks;

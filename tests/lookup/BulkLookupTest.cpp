@@ -126,7 +126,7 @@ TEST_F(BulkLookup, GivesItsConnectionsBack)
     EXPECT_EQ(lookup.statistics().opened, opened);
 }
 
-TEST_F(BulkLookup, OfNoKeyAsksNobody)
+TEST_F(BulkLookup, OfNoKeyContactsNoServer)
 {
     LDAPLookup lookup(settings());
 

@@ -31,7 +31,7 @@ constexpr char ascii[] = "anna@xn--mnchen-3ya.example";
 
 } // namespace
 
-TEST(FormsOfAKey, AreNoneBesidesTheKeyMostly)
+TEST(FormsOfAKey, AreUsuallyOnlyTheKeyItself)
 {
     EXPECT_THAT(formsOf("anna@example.com"), IsEmpty());
     EXPECT_THAT(formsOf("anna"), IsEmpty());
@@ -106,7 +106,7 @@ TEST(ServedDomains, AreComparedInBothForms)
     EXPECT_FALSE(forms.isServed("corp.test"));
 }
 
-TEST(AKey, IsRefusedBeyondItsLengthAndIfItIsNoText)
+TEST(AKey, IsRefusedIfItIsTooLongOrNotText)
 {
     KeyForms const forms{Settings()};
 

@@ -113,7 +113,7 @@ TEST(LookupOnADeadServer, TriesItAgainWhenItsBackOffIsOver)
     EXPECT_TRUE(returned);
 }
 
-TEST(LookupOnADeadServer, AsksOneThatRefusesAtOnceAgainWhereThereIsNoOther)
+TEST(LookupOnADeadServer, RetriesOneThatRefusesAtOnceIfThereIsNoOther)
 {
     Slapd slapd({"--users", "5"});
     auto settings = settingsFor({slapd.port()});
@@ -608,7 +608,7 @@ TEST(LookupOnALyingServer, DoesNotTakeAnAnswerToAnotherQuestion)
     EXPECT_TRUE(answer.entries.empty());
 }
 
-TEST(LookupOnALyingServer, IsToBeTriedLaterWhereTheAnswerIsNoLdap)
+TEST(LookupOnALyingServer, IsToBeTriedLaterIfTheAnswerIsNotLdap)
 {
     ScriptedServer server(serving([](Peer& peer, std::string const&) {
         peer.send("HTTP/1.1 400 Bad Request\r\n\r\n");

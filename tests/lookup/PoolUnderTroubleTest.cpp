@@ -69,7 +69,7 @@ std::size_t searchesAtOnce(LDAPLookup& lookup, ScriptedServer& server, std::size
 
 // A thread waits for one server
 
-TEST(PoolWithAPausedServer, HoldsUpNobodyWhoCanAskAnother)
+TEST(PoolWithAPausedServer, DelaysNoCallerThatCanFailOver)
 {
     enum State { down, paused };
     std::atomic<State> state{down};
@@ -293,12 +293,12 @@ TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerRefusedTheBind)
     expectAllConnectionsAfter(Trouble::refusesTheBind);
 }
 
-TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerTookUsForNobody)
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainAfterAnAnonymousIdentity)
 {
     expectAllConnectionsAfter(Trouble::isNobody);
 }
 
-TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereNobodyListened)
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainAfterRefusedConnections)
 {
     Slapd slapd({"--users", "20"});
     auto settings = settingsFor({slapd.port()});

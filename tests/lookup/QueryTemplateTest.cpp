@@ -163,7 +163,7 @@ TEST(QueryTemplateExplanation, EndsBeforeAMalformedSpecifier)
     }
 }
 
-TEST(QueryTemplateExplanation, LeavesToTheTextWhatIsNoUtf8BehindASpecifier)
+TEST(QueryTemplateExplanation, KeepsInvalidUtf8AfterASpecifierInTheText)
 {
     EXPECT_THAT(QueryTemplate("$u\xB9$b-$g\x80$u", "", "7").explain(EmailAddress("jdoe@x")),
                 ElementsAre(isStep(0, "$u", "", "jdoe", "", ""),
@@ -208,7 +208,7 @@ TEST(QueryTemplateCheck, PointsAtABraceThatIsNotClosed)
     EXPECT_THAT(findingsOf("(uid=$u${.ext) "), ElementsAre(isError(7, 7, "without its '}'")));
 }
 
-TEST(QueryTemplateCheck, PointsAtWhatIsNoLineOfUtf8)
+TEST(QueryTemplateCheck, PointsAtControlCharactersAndInvalidUtf8)
 {
     EXPECT_THAT(findingsOf("(&(a=$u)\n(b=2))"), ElementsAre(isError(8, 1, "control character")));
     EXPECT_THAT(findingsOf("(a=$u\0)"s), ElementsAre(isError(5, 1, "control character")));
@@ -216,7 +216,7 @@ TEST(QueryTemplateCheck, PointsAtWhatIsNoLineOfUtf8)
     EXPECT_THAT(findingsOf(" (a=\xFC$u)"), ElementsAre(isError(4, 1, "invalid UTF-8")));
 }
 
-TEST(QueryTemplateCheck, PointsAtASpecifierWhoseValueIsNoLineOfUtf8)
+TEST(QueryTemplateCheck, PointsAtASpecifierWithAnInvalidValue)
 {
     EXPECT_THAT(QueryTemplate("(&(uid=$u)(ou=$b)(l=$g))", "x\xFF", "\n").check(),
                 ElementsAre(isError(14, 2, "invalid UTF-8 at byte 1"),

@@ -109,7 +109,7 @@ private:
 
 // The server chosen by a balancer hangs, or a firewall has dropped our connections; a new
 // connection reaches a healthy server. Lookups used to fail at once for the whole back-off.
-TEST_F(SilentConnection, IsReplacedAtOnceWhereThereIsNoOtherServer)
+TEST_F(SilentConnection, IsReplacedAtOnceIfThereIsNoOtherServer)
 {
     LDAPLookup lookup(m_settings);
     openConnections(lookup, 3);

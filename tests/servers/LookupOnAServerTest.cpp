@@ -200,7 +200,7 @@ TEST_F(LookupOnAServer, FromTheTopFindsThePersonAndSaysWhatWasNotAsked)
     EXPECT_THAT(notFound.text, HasSubstr("returned references to other servers"));
 }
 
-TEST_F(LookupOnAServer, BelowAReferralEntryIsNoPlainNotFound)
+TEST_F(LookupOnAServer, BelowAReferralEntryIsNotPlainlyNotFound)
 {
     if (!server().has("REFERRAL_ENTRY")) {
         GTEST_SKIP() << "this server has no referral entries";

@@ -70,7 +70,7 @@ TEST_F(CertificateOf, AServerTellsItsTime)
     EXPECT_EQ(certificate.notAfter(), 1609459200);
 }
 
-TEST_F(CertificateOf, NobodyIsNone)
+TEST_F(CertificateOf, InvalidBytesIsRefused)
 {
     EXPECT_THROW(Certificate("no certificate"), LDAPException);
     EXPECT_THROW(Certificate(std::string()), LDAPException);

@@ -67,7 +67,7 @@ std::vector<std::string> hostsOf(std::vector<SrvTarget> const& targets)
 
 // Resolver
 
-TEST(Resolving, AnAddressAsksNobody)
+TEST(Resolving, AnAddressSendsNoQuery)
 {
     NameServer const server;
 
@@ -132,7 +132,7 @@ TEST(Resolving, ByTheSecondServerIfTheFirstIsSilent)
     EXPECT_THAT(silent.asked(), Contains("one.example.test"));
 }
 
-TEST(Resolving, ByServersThatAreNoneIsMisconfigured)
+TEST(Resolving, WithInvalidNameServersIsMisconfigured)
 {
     Resolver const resolver("one.example.test", 389, {"not an address"});
 
@@ -141,7 +141,7 @@ TEST(Resolving, ByServersThatAreNoneIsMisconfigured)
                 AllOf(StartsWith("Misconfigured -9 "), HasSubstr("'not an address'")));
 }
 
-TEST(Resolving, WhatIsNoNameIsMisconfigured)
+TEST(Resolving, AnInvalidNameIsMisconfigured)
 {
     for (std::string const& name :
          {std::string(), std::string("fe80::1%eth0"), std::string("a\0.example.test", 15)}) {
@@ -283,7 +283,7 @@ TEST(ServersOfADomain, ThatHasNoneAreTriedLater)
     EXPECT_THAT(shown(unknown.verdict()), StartsWith("TryLater -1 "));
 }
 
-TEST(ServersOfADomain, ThatIsNoneIsMisconfigured)
+TEST(ServersOfADomain, ThatIsInvalidIsMisconfigured)
 {
     EXPECT_THAT(shown(SrvQuery("", false).verdict()), StartsWith("Misconfigured -9 "));
     EXPECT_THAT(shown(SrvQuery("example.test", false, {"nowhere"}).verdict()),

@@ -40,7 +40,7 @@ SessionOptions optionsFor(std::vector<Address> const& addresses)
 
 } // namespace
 
-TEST(ConnectTo, APortWhereNobodyListensIsTriedLater)
+TEST(ConnectTo, AClosedPortIsTriedLater)
 {
     RefusingPort const port;
     Session session(plainOptions(port.number()));

@@ -402,7 +402,7 @@ TEST(AnswerOfAPeer, ThatAnnouncesGigabytesBreaksTheSession)
                 AllOf(StartsWith("TryLater -4 "), HasSubstr("a message larger than")));
 }
 
-TEST(AnswerOfAPeer, ThatIsNoLdapBreaksTheSession)
+TEST(AnswerOfAPeer, ThatIsNotLdapBreaksTheSession)
 {
     std::string const wrongTag = "HTTP/1.1 200 OK\r\n";
     std::string const wrongId = berElement(0x30, berElement(0x04, "x"));
@@ -424,7 +424,7 @@ TEST(AnswerOfAPeer, ThatIsNoLdapBreaksTheSession)
     }
 }
 
-TEST(AnswerOfAPeer, ToNobodyIsDropped)
+TEST(AnswerOfAPeer, ToAnUnknownRequestIsDropped)
 {
     GrantedSession granted(answering([](int id) {
         std::string const nameless =
@@ -448,7 +448,7 @@ TEST(AnswerOfAPeer, ToNobodyIsDropped)
     EXPECT_TRUE(granted.session->verdict().isGood());
 }
 
-TEST(AnswerOfAPeer, ToNobodyWithoutEndDoesNotHoldTheSessionUp)
+TEST(AnswerOfAPeer, ToUnknownRequestsWithoutEndDoesNotBlockTheSession)
 {
     constexpr int many = 100000;
     GrantedSession granted(answering([&](int id) {

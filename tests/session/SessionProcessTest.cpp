@@ -137,7 +137,7 @@ protected:
     std::unique_ptr<Session> m_session;
 };
 
-TEST_P(InheritedSession, IsLetGoOfWithoutAByte)
+TEST_P(InheritedSession, IsDestroyedWithoutSendingAByte)
 {
     bool const isGone = holdsInChild([&] {
         m_session.reset();
@@ -185,7 +185,7 @@ INSTANTIATE_TEST_SUITE_P(PlainAndSecure, InheritedSession, testing::Bool());
 
 // Writing
 
-TEST(SessionThatIsLetGoOf, SaysUnbind)
+TEST(SessionThatIsDestroyed, SaysUnbind)
 {
     ScriptedServer server([](Peer& peer) {
         peer.grantBind();
@@ -201,7 +201,7 @@ TEST(SessionThatIsLetGoOf, SaysUnbind)
     EXPECT_THAT(operationsOf(server.received()), ElementsAre(BindRequest, UnbindRequest));
 }
 
-TEST(SessionThatIsLetGoOf, SaysUnbindAndGoodbyeByTls)
+TEST(SessionThatIsDestroyed, SaysUnbindAndGoodbyeByTls)
 {
     Authority authority;
     // Without the tickets of TLS 1.3: input that the client has not read when it closes causes a
@@ -281,7 +281,7 @@ TEST_P(PeerThatDoesNotRead, BreaksTheSessionAfterTheNetworkTimeout)
                 AllOf(StartsWith("TryLater -5 "), HasSubstr("has read nothing for 0.300 s")));
 }
 
-TEST_P(PeerThatDoesNotRead, HoldsNobodyUpWhoLetsGo)
+TEST_P(PeerThatDoesNotRead, DoesNotBlockTheDestructor)
 {
     auto session = opened(std::chrono::seconds(10));
     fillUp(*session);

@@ -305,7 +305,7 @@ class AddToAPeer(ToolTest):
                 self.assertEqual((result.status, result.lines),
                                  (75, [f"unknown ou=a,{NEW}: no answer in time"]))
 
-    def testRefusesAnAnswerThatIsNone(self):
+    def testRefusesAnInvalidResponse(self):
         result = self.add(hangingUpAfter(message(1, outcome(0x65, 0))), unit("a"))
 
         self.assertEqual(result.lines,
@@ -357,7 +357,7 @@ class ProgressOfAnAdd(DirectoryTest):
 
         self.assertEqual(process.returncode, 73, shown)
         self.assertRegex(shown, rb"\r\x1b\[K\d+ \d+/s")
-        # The message stands on a line of its own, and in the end nothing is left of the progress.
+        # The message has its own line, and the progress line is erased at the end.
         self.assertIn(b"\r\x1b[Ksolvane-ldap: ou=p0," + NEW.encode() + b": already exists", shown)
         self.assertTrue(shown.endswith(b"\r\x1b[K"), shown[-80:])
 

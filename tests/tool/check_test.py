@@ -1,4 +1,4 @@
-"""Every step of a check, what its failure means for the exit status, and a monitor's line."""
+"""Every step of a check, the exit status of its failure, and the monitoring line."""
 
 import os
 import re
@@ -110,7 +110,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         self.assertEqual(steps.texts["bind"], "anonymous")
         self.assertEqual(steps.verdicts["who am I"], "-")
 
-    def testWarnsOfAKeyThatNobodyHas(self):
+    def testWarnsOfAKeyWithoutEntry(self):
         result, steps = self.asReader(self.uri, *self.LOOKUP, "--probe", "nobody@corp.test")
 
         self.assertEqual(result.status, 1)
@@ -136,7 +136,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         self.assertIn("No such object (32); correct the base (-b)", steps.texts["base"])
         self.assertEqual(steps.texts["probe"], "skipped: 'base' failed")
 
-    def testFailsForATemplateThatIsNone(self):
+    def testFailsForAMalformedTemplate(self):
         result, steps = self.asReader(self.uri, "-b", PEOPLE, "-t", "(mail=$m", "--probe", self.KEY)
 
         self.assertEqual(result.status, 65)
@@ -144,7 +144,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         self.assertEqual(steps.verdicts["base"], "ok")
         self.assertEqual(steps.texts["probe"], "skipped: 'template' failed")
 
-    def testWarnsOfATemplateThatAsksForNobody(self):
+    def testWarnsOfATemplateWithoutTheAddress(self):
         result, steps = self.asReader(self.uri, "-b", PEOPLE, "-t", "(mail=x)")
 
         self.assertEqual(result.status, 0)
@@ -201,7 +201,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
 
         self.assertLine(result, 1, "1 of 2 servers work", down, "Connection refused")
 
-    def testWarnsAMonitorOfAKeyThatNobodyHas(self):
+    def testWarnsAMonitorOfAKeyWithoutEntry(self):
         result, _ = self.asReader(self.uri, "-b", PEOPLE, "-t", "(|(mail=$m)(cn=$m))",
                                   "--probe", "no|body@corp.test", "--nagios")
 
@@ -212,7 +212,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
 
         self.assertLine(result, 2, "0 of 1 servers work")
 
-    def testAlarmsAMonitorOfATemplateThatIsNone(self):
+    def testAlarmsAMonitorOfAMalformedTemplate(self):
         result, _ = self.asReader(self.uri, *self.LOOKUP[:2], "-t", "(mail=$m", "--nagios")
 
         self.assertLine(result, 2, "template")
@@ -315,7 +315,7 @@ class CheckOnAScriptedDirectory(CheckTest):
         self.assertEqual(result.status, 75)
         self.assertIn("did not answer the bind within 1 s", steps.texts["bind"])
 
-    def testFailsWhereTheBindMadeNobodyOfUs(self):
+    def testFailsIfTheServerReportsAnonymousAfterABind(self):
         result, steps = self.answered(bound(), identity(2, 0, b""))
 
         self.assertEqual(result.status, 77)
@@ -323,7 +323,7 @@ class CheckOnAScriptedDirectory(CheckTest):
         self.assertIn("anonymous", steps.texts["who am I"])
         self.assertEqual(steps.verdicts["root DSE"], "-")
 
-    def testWarnsWhereNobodySaysWhoWeAre(self):
+    def testWarnsIfTheIdentityIsNotConfirmed(self):
         result, steps = self.answered(bound(), identity(2, 2), searched(3), searched(4),
                                       searched(5), arguments=["-b", "dc=x"])
 

@@ -122,7 +122,7 @@ class AServerThatIsDown(LookupTest):
 
 
 class AConnectionClosedForIdleness(LookupTest):
-    """It is no error, and nobody hears of it (sssd#6003, mtpolicyd#27, cockroach#133777)."""
+    """It causes no error and no message (sssd#6003, mtpolicyd#27, cockroach#133777)."""
 
     def setUp(self):
         super().setUp()
@@ -210,7 +210,7 @@ class AConnectionThatLostItsBind(LookupTest):
         self.assertEqual([connection.operations[0] for connection in directory.connections],
                          [BIND, BIND])
 
-    def testIsRefusedWhereTheServerSaysThatWeAreNobody(self):
+    def testIsRefusedIfTheServerReportsAnonymous(self):
         directory = ScriptedDirectory(self, serving(lambda request: request.empty(), identity=b""))
 
         self.assertNeverAsksAnonymously(directory, 77)
@@ -243,7 +243,7 @@ class AConnectionThatLostItsBind(LookupTest):
 
 
 class OneServerOfAList(LookupTest):
-    """It stalls nobody, dead or paused (ejabberd#788, opnsense-core#5932)."""
+    """It delays no lookup for long, dead or paused (ejabberd#788, opnsense-core#5932)."""
 
     def setUp(self):
         super().setUp()
@@ -261,16 +261,16 @@ class OneServerOfAList(LookupTest):
         # Waited for a few times, not for each of the 200.
         self.assertLess(time.monotonic() - started, 30)
 
-    def testIsPassedOverWhenItIsDead(self):
+    def testIsSkippedWhenItIsDead(self):
         self.assertOthersAnswer([f"ldap://127.0.0.1:{freePort()}", self.slapd.uri])
 
-    def testIsPassedOverWhenItIsPaused(self):
+    def testIsSkippedWhenItIsPaused(self):
         first = Slapd(self.addCleanup, "--users", "1")
         first.pause()
 
         self.assertOthersAnswer([first.uri, self.slapd.uri])
 
-    def testIsPassedOverWhenItsNameIsUnknown(self):
+    def testIsSkippedWhenItsNameIsUnknown(self):
         self.assertOthersAnswer(["ldap://no-such-host.invalid", self.slapd.uri])
 
     def testIsNotAskedWhereTheFirstOneAnswers(self):
@@ -311,7 +311,7 @@ class OneServerOfAList(LookupTest):
 
 
 class APlaceholder(ToolTest):
-    """It surprises nobody who asks before (stalwart#1784, docker-mailserver#1101)."""
+    """It can be seen before it is used (stalwart#1784, docker-mailserver#1101)."""
 
     def testIsExplainedWithoutAnyServer(self):
         directory = ScriptedDirectory(self, silent)
@@ -342,7 +342,7 @@ class APlaceholder(ToolTest):
                 self.assertIn("template:", result.output)
                 self.assertEqual(result.status, 0 if "{" in template else 65)
 
-    def testIsCalledAnErrorByALookupBeforeAnybodyIsAsked(self):
+    def testIsCalledAnErrorByALookupBeforeAnyServerIsAsked(self):
         for template in ("(mail=$s)", "(mail=%s)"):
             with self.subTest(template=template):
                 directory = ScriptedDirectory(self, silent)
@@ -369,7 +369,7 @@ class ASpecialCharacter(DirectoryTest):
         self.assertEqual([line.split("\t")[1] for line in result.lines],
                          ["escape0", "escape1", "escape2", "escape3", "escape5"])
 
-    def testFindsNobodyElse(self):
+    def testFindsNoOtherEntry(self):
         keys = ["*", ")(uid=*", "*)(objectClass=*", "user000000*", "\\2a", "user0000001)(x=",
                 "*))(|(uid=*"]
 

@@ -218,7 +218,7 @@ class OptionsOnADirectory(DirectoryTest):
                     "user0000001@elsewhere.test\t\tskipped", "user\t\tskipped"])
                 self.assertEqual(result.errors, "")
 
-    def testAsksNobodyAboutOtherDomains(self):
+    def testAsksNoServerAboutOtherDomains(self):
         directory = ScriptedDirectory(self, silent)
 
         result = self.lookUp("--domains", "corp.test", "a@x", "b@y", uri=directory.uri)

@@ -124,13 +124,13 @@ class Lookup(DirectoryTest):
     def testReportsABaseThatIsNoDn(self):
         self.assertFails(self.lookUp("x", base="nonsense"), 65, "Invalid DN syntax (34)")
 
-    def testReportsAMalformedTemplateOnceAndAsksNobody(self):
+    def testReportsAMalformedTemplateOnceAndAsksNoServer(self):
         result = self.lookUp("a", "b", template="(mail=$q)")
 
         self.assertFails(result, 65, "at byte 6", "unknown specifier", "solvane-ldap expand")
         self.assertEqual(result.output, "")
 
-    def testReportsAFilterThatIsNone(self):
+    def testReportsAnInvalidFilter(self):
         result = self.lookUp("u", template="(mail=$u")
 
         self.assertFails(result, 65, "at byte 0: '(' without its ')'", "solvane-ldap expand")

@@ -1,4 +1,4 @@
-"""A name server on loopback that knows what a test tells it."""
+"""A name server on loopback with the test's own records."""
 
 import socket
 import struct
@@ -11,7 +11,7 @@ NO_ERROR, NAME_ERROR = 0, 3
 
 
 def labels(name):
-    """A name as it stands in a message."""
+    """A name as encoded in a message."""
     parts = [part.encode() for part in name.rstrip(".").split(".") if part]
     return b"".join(bytes([len(part)]) + part for part in parts) + b"\0"
 

@@ -163,7 +163,7 @@ class OnADirectory(DirectoryTest):
 
         self.assertEqual(run("-C", path, "lookup", "user0000001@corp.test").status, 0)
 
-    def testGivesItsPasswordToNobodyElse(self):
+    def testUsesItsPasswordOnlyForItsOwnDn(self):
         path = self.everything(f"bind_dn = {READER}", f"bind_pw = {READER_PASSWORD}")
 
         self.assertFails(run("-C", path, "lookup", "-D", "cn=other", "a"), 64,

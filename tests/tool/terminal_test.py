@@ -47,7 +47,7 @@ class Prompt(ToolTest):
         self.assertNotIn(b"hunter2", terminal.shown)
         self.assertTrue(terminal.echoes())
 
-    def testComesBeforeAnybodyIsConnectedTo(self):
+    def testComesBeforeAnyConnection(self):
         directory = self.found()
 
         self.start(directory)

@@ -367,7 +367,7 @@ TEST_F(AFailingWaitForAnAdd, KeepsItsCauseAsItWasThrown)
     EXPECT_EQ(cause->own, 77);
 }
 
-TEST_F(AFailingWaitForAnAdd, LetsWhatIsNoExceptionOfOursPassUnchanged)
+TEST_F(AFailingWaitForAnAdd, PassesForeignExceptionsUnchanged)
 {
     willThrow([] { throw std::bad_alloc(); });
 

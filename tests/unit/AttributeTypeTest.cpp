@@ -11,7 +11,7 @@ using SolvaneTest::thrownBy;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-TEST(AnAttributeDescription, IsItsTypeWhereThereIsNoOption)
+TEST(AnAttributeDescription, IsItsTypeIfThereIsNoOption)
 {
     LDAPAttributeType const type("cn");
 

@@ -39,7 +39,7 @@ template <typename Pointer> std::ptrdiff_t slotOf(Pointer pointer)
     return words[0] % slotSize == 1 ? words[0] / slotSize : -1;
 }
 
-/// Adds one virtual operation to a class, behind all that the class has.
+/// Adds one virtual operation to a class, after all existing ones.
 template <typename Class> struct Extended : Class {
     using Class::Class;
     virtual void last() {}
@@ -66,7 +66,7 @@ template <typename T>
 constexpr bool isCopyable =
     std::is_copy_constructible<T>::value&& std::is_copy_assignable<T>::value;
 
-/// Whether members of one object stand in this order.
+/// Whether members of one object are in this order.
 template <typename... Member> bool areInOrder(Member const&... members)
 {
     void const* const addresses[] = {&members...};
