@@ -52,9 +52,8 @@ void reserveStandardStreams()
 {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) {
-            // Read-only also for an output: a write must fail, as it would on the closed
-            // descriptor. cppcheck-suppress leakReturnValNotUsed ; it stays open as a standard
-            // stream
+            // Read-only also for an output: a write must fail, as it would on the closed one.
+            // cppcheck-suppress leakReturnValNotUsed ; it stays open as a standard stream
             (void)open("/dev/null", O_RDONLY); // NOLINT(cppcoreguidelines-pro-type-vararg)
         }
     }
