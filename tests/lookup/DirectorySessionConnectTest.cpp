@@ -241,7 +241,7 @@ TEST_F(GoodCertificate, IsNoMatterWhereTheAuthoritiesAreNone)
     Verdict const verdict = session.connect(soon());
 
     EXPECT_THAT(shown(verdict), AllOf(StartsWith("Misconfigured -9 "),
-                                      HasSubstr("none.pem' holds no certificate")));
+                                      HasSubstr("none.pem' contains no usable certificate")));
 }
 
 TEST_F(GoodCertificate, CarriesABindAndAnAnswer)
@@ -290,7 +290,7 @@ TEST_F(WrongCertificate, ThatExpiredIsRefused)
     Verdict const accepted = accepting.connect(soon());
 
     EXPECT_THAT(shown(verdict), AllOf(StartsWith("Refused -11 "),
-                                      HasSubstr("not accepted: expired since 2021-01-01")));
+                                      HasSubstr("not accepted: expired on 2021-01-01")));
     EXPECT_EQ(shown(accepted), "Found 0 ");
 }
 
@@ -305,7 +305,7 @@ TEST_F(WrongCertificate, OfAStrangerIsRefused)
     Verdict const verdict = session.connect(soon());
 
     EXPECT_THAT(shown(verdict),
-                AllOf(StartsWith("Refused -11 "), HasSubstr("not accepted: signed by itself")));
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not accepted: self-signed")));
     ASSERT_TRUE(session.certificate());
     EXPECT_EQ(session.certificate()->subject(), "CN=wrong.example.test");
 }

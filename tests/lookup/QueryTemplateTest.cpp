@@ -319,10 +319,9 @@ TEST(QueryTemplateCheck, WarnsOfARemovalThatTakesEscapesApart)
 
 TEST(QueryTemplateCheck, PointsAtATemplateWhoseFilterOpenLDAPRefuses)
 {
-    EXPECT_THAT(findingsOf(" $m"),
-                ElementsAre(isError(1, 2,
-                                    "refuses the filter that it makes of user@domain.test: "
-                                    "user@domain.test")));
+    EXPECT_THAT(findingsOf(" $m"), ElementsAre(isError(1, 2,
+                                                       "rejects the filter for user@domain.test: "
+                                                       "user@domain.test")));
     EXPECT_THAT(findingsOf("(uid=$u)(cn=$u)"),
                 ElementsAre(isError(0, 15, ": (uid=user)(cn=user)")));
     EXPECT_THAT(findingsOf("(cn=\\x$u)"), ElementsAre(isError(0, 9, "OpenLDAP rejects")));
