@@ -45,7 +45,7 @@ std::vector<std::string> repliesOf(Step step, int messageId);
 /// A final response with any code, including those that no server sends.
 std::string finalResponse(Step step, int messageId, long code);
 std::string userEntry(int messageId);
-/// The same message with another id, possibly of no request.
+/// The same message with another id, which need not exist.
 std::string readdressed(std::string const& message, long messageId);
 
 /// The role of a byte in a message.

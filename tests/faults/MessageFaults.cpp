@@ -293,7 +293,7 @@ std::string manyEntries(int messageId, int count)
     return entries;
 }
 
-/// Sends entries as long as the client receives them.
+/// Sends entries while the client receives them.
 FaultyServer::Script flooding(int limit)
 {
     return serveUntil(Step::search, [limit](Peer& peer, auto const&, std::string const& request) {

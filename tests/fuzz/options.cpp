@@ -24,7 +24,7 @@ void silenceStreams()
     (void)isDone;
 }
 
-/// Whether a word would contact a server, wait for input, or name a file of this machine.
+/// Whether a word would ask a server, wait for input, or name a file of this machine.
 bool leadsOutside(std::string const& argument)
 {
     static std::string const words[] = {"lookup", "check", "add"};

@@ -97,7 +97,7 @@ TEST_F(Bind, RefusedByABusyServerIsReportedByTheWaitWithItsCode)
     EXPECT_EQ(connection.openldapErrorCode(), 0);
 }
 
-TEST_F(Bind, MayBeRepeatedWithAnotherIdentity)
+TEST_F(Bind, MayBeRepeatedAsAnotherIdentity)
 {
     LDAPConnection connection = boundTo(plainServer(slapd().port()));
 

@@ -1,5 +1,5 @@
-// A server that crashes, comes back or hangs up under a connection. A session that was bound must
-// never continue with another identity, and nothing may end the process.
+// A server that crashes, restarts or closes a connection. A bound session must never continue as another
+// identity, and nothing may end the process.
 #include "Descriptor.h"
 #include "Directory.h"
 #include "Eventually.h"

@@ -33,7 +33,7 @@ std::string dnOf(unsigned int number) { return "uid=" + userName(number) + "," +
 /// Which connections are lent out.
 class Hands {
 public:
-    /// False if another thread has it.
+    /// Returns false if it is taken.
     bool take(LDAPConnectionImpl const* connection)
     {
         std::lock_guard<std::mutex> const lock(m_mutex);

@@ -115,7 +115,7 @@ TEST_F(BindToAServer, TakesTheOtherNamesThatTheServerKnows)
     measured("other_bind_names", names.str());
 }
 
-TEST_F(BindToAServer, MayBeRepeatedWithAnotherIdentity)
+TEST_F(BindToAServer, MayBeRepeatedAsAnotherIdentity)
 {
     LDAPConnection connection = server().bound();
 
@@ -141,7 +141,7 @@ TEST_F(BindToAServer, InProtocolVersionTwoCarriesASearch)
     }
 }
 
-TEST_F(BindToAServer, LeftOutShowsWhatAnonymousClientsMaySee)
+TEST_F(BindToAServer, LeftOutShowsWhatAnonymousUsersMaySee)
 {
     LDAPConnection connection = anonymousTo(server().description());
 

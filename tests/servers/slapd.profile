@@ -17,7 +17,7 @@ NAMING=uid                   # attribute in the RDN of a person
 FULL_NAME=cn                 # attribute with a person's full name
 CERTIFICATE='userCertificate;binary'  # description of a person's certificate
 TEMPLATE='(&(objectClass=inetOrgPerson)(mail=$m))'
-OTHER_BIND_NAMES=''          # of the reader, beside the DN, separated by blanks
+OTHER_BIND_NAMES=''          # of the reader, besides the DN, separated by blanks
 
 # Result codes that differ between servers
 PLAIN_BIND=0                 # a right password without TLS

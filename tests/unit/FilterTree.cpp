@@ -102,7 +102,7 @@ private:
         }
     }
 
-    /// After "=": a value, a presence, or pieces separated by asterisks.
+    /// After "=": a value, a presence, or substrings separated by asterisks.
     std::string equality()
     {
         std::vector<std::string> pieces{value()};
