@@ -36,7 +36,7 @@ struct Result {
     }
 };
 
-/// Returns false if the message is malformed.
+/// False if it is damaged.
 bool parse(LDAP* session, LDAPMessage* message, Result& result)
 {
     int const rc = ldap_parse_result(session, message, &result.code, result.matched.address(),
@@ -113,7 +113,7 @@ void Pipeline::drain(Lane& lane)
             return;
         }
         lane.lease->hasAnswered = true;
-        if (id <= 0) { // notice of disconnection
+        if (id <= 0) { // as a server does before it closes
             leave(lane, Trouble::broken,
                   {Outcome::TryLater, LDAP_SERVER_DOWN,
                    lane.server->uri + " is closing the connection"});
@@ -180,11 +180,10 @@ void Pipeline::takeResult(Lane& lane, Task& task, LDAPMessageBuffer& message)
 {
     Result result;
     if (!parse(lane.lease->session.handle(), message.get(), result)) {
-        leave(
-            lane, Trouble::damaged,
-            {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent an invalid result"},
-            &task);
-        // More of this answer may arrive before the answers of the other searches.
+        leave(lane, Trouble::damaged,
+              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged result"},
+              &task);
+        // Much more of it may come, whatever it was asked for, before the answers of the others.
         leave(lane, Trouble::damaged, {Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, std::string()});
         return;
     }

@@ -54,8 +54,8 @@ public:
     void deliver() { m_deliverable = m_front.length; }
     /// Removes the message at the front, whether it was read or not.
     void drop();
-    /// Validates an idle connection: true if it is open, without input or output. TLS's own
-    /// messages, such as the session tickets after a handshake, do not count as input.
+    /// Whether an idle connection is as it was left: nothing has come, and nothing is to be sent. What
+    /// TLS says to itself does not count, as the tickets that follow a handshake.
     bool isFresh();
 
     // Output

@@ -140,7 +140,7 @@ bool Conversation::isAwaited(int id) const
 
 Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
 {
-    constexpr int dropsAtOnce = 256; // a flood of unexpected messages must not block the caller
+    constexpr int dropsAtOnce = 256; // a server that sends what nobody awaits must not hold us up
     message.free();
     for (int drops = 0; drops < dropsAtOnce; ++drops) {
         Channel::Input const input = m_channel.fill();
@@ -153,7 +153,7 @@ Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
             takeNotice();
         } else if (isAwaited(front.id)) {
             if (!parse(message)) {
-                continue; // broken; the next round returns it
+                continue; // broken, which the next round tells
             }
             id = front.id;
             m_messageSize = front.length;
@@ -167,7 +167,7 @@ Session::Received Conversation::receive(LDAPMessageBuffer& message, int& id)
     return Session::Received::nothing;
 }
 
-/// Makes OpenLDAP parse the message at the front, which is complete, so it does not block.
+/// Has OpenLDAP parse the message in front. It has all of it, so it does not wait.
 bool Conversation::parse(LDAPMessageBuffer& message)
 {
     m_channel.deliver();

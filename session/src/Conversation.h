@@ -40,9 +40,9 @@ public:
     /// Accepts the answers to a request that was sent by other code.
     void expect(int id) { m_awaited.push_back(id); }
 
-    /// Returns the next message of a request, without waiting.
+    /// The next message of a request, without waiting.
     Session::Received receive(LDAPMessageBuffer& message, int& id);
-    /// Size in bytes of the last message returned.
+    /// Bytes of the message that was given out last.
     std::size_t messageSize() const { return m_messageSize; }
 
 private:

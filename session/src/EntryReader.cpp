@@ -12,7 +12,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-void releaseArray(berval* array) { ber_memfree(array); } // the values belong to the message
+void releaseArray(berval* array) { ber_memfree(array); } // its values are the message's bytes
 
 /// The values of one attribute, without copies.
 class ValueArray : public OpenLDAPOwner<berval, releaseArray> {};
@@ -22,7 +22,7 @@ std::string textOf(berval const& bytes)
     return bytes.bv_val == nullptr ? std::string() : std::string(bytes.bv_val, bytes.bv_len);
 }
 
-/// Makes a null-terminated array of pointers to the values.
+/// Points at each value, as attributes take them.
 void pointAt(ValueArray const& values, std::vector<berval*>& pointers)
 {
     pointers.clear();
@@ -47,7 +47,7 @@ bool readEntry(LDAP* session, LDAPMessage* message, std::list<LDAPSearchResultEn
         ber_get_option(position.get(), LBER_OPT_BER_TOTAL_BYTES, &size);
         *bytes = size;
     }
-    std::list<LDAPSearchResultEntry> read; // built in its final list node
+    std::list<LDAPSearchResultEntry> read; // built in the node in which it stays
     read.emplace_back(textOf(dn));
     std::vector<berval*> pointers;
     for (;;) {

@@ -299,7 +299,7 @@ Session::Steps::Progress Session::Steps::awaitAnswer(LDAPMessageBuffer& answer)
         int id = 0;
         switch (m_conversation->receive(answer, id)) {
         case Received::message:
-            // The root DSE entry is not the end of askForLife.
+            // Of a search for nothing but life, the entry is not the end.
             if (id == m_id &&
                 !isIntermediate(static_cast<unsigned char>(ldap_msgtype(answer.get())))) {
                 return Progress::done;

@@ -37,7 +37,7 @@ public:
     bool isDone(Step step) const { return static_cast<int>(step) < m_done; }
     /// Good while nothing has failed.
     Verdict const& verdict() const { return m_verdict; }
-    /// Records the cause of a broken connection, unless an earlier failure is known.
+    /// Keeps what broke the session; the first verdict stays.
     Verdict const& breakOff(char const* during);
     /// Null before the connect is done.
     Conversation* conversation() const { return m_conversation.get(); }

@@ -49,7 +49,7 @@ public:
     }
 };
 
-/// A listening socket with a full queue: the kernel drops connects.
+/// A listening socket whose queue is full: the kernel drops what asks for a connection.
 class FullQueue {
 public:
     FullQueue() : m_listener(newSocket(0))

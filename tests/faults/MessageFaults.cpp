@@ -320,8 +320,8 @@ Fault endless()
                     "5000, then closed", flooding(5000),
                     countsEntries ? overfull : troubleIn(Step::search, column, Trouble::broken))};
                 if (countsEntries) {
-                    // Known limit: of several keys asked at a time, one may run out of time behind
-                    // the stream. It is deferred all the same.
+                    // Known limit: of several keys asked at a time, one may run out of time behind the
+                    // stream. It is deferred all the same.
                     Accepted const orLate =
                         column == Column::engine ? Accepted{"TryLater -5"} : Accepted{};
                     cases.push_back(

@@ -17,7 +17,7 @@ struct Target {
     bool isSecure = false;
     /// Seconds for the network and for each answer.
     unsigned int patience = 10;
-    /// Called between the bind and the next request, if the operation has them.
+    /// Called between the bind and what follows it, where the operation has such a moment.
     std::function<void()> afterBind = [] {};
     /// A program that starts the tool, and options of the tool's own.
     std::vector<std::string> toolPrefix = {};

@@ -66,7 +66,7 @@ protected:
     {
         return DirectorySession(server().secureDescription(), host, tls);
     }
-    /// A session that may bind, if the name of the certificate is known.
+    /// Where it is known what the certificate is for, a session that may bind.
     static DirectorySession newSession()
     {
         return DirectorySession(server().description(), server().host(), policy(TlsVerify::full));

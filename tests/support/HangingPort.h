@@ -13,7 +13,7 @@
 
 namespace SolvaneTest {
 
-/// Listens on a free port of 127.0.0.1 with a full queue: the kernel drops further connects.
+/// Listens on a free port of 127.0.0.1 with a queue that is full: the kernel drops what else comes.
 class HangingPort {
 public:
     HangingPort() : m_listener(newSocket(0)), m_number(0)

@@ -25,8 +25,8 @@ namespace Solvane::Lookup {
 /// @param message  of type search entry (0x64); owned by the caller. Reading changes it, so it
 ///                 cannot be read again
 /// @param to       receives the entry
-/// @param bytes    if not null, receives the size of the message, even if it is malformed
-/// @return false if the message is malformed; `to` is then unchanged
+/// @param bytes    if not null, receives the size of the message, also of a damaged one
+/// @return true; false if the message is damaged, and then `to` is as it was
 SOLVANE_LOOKUP_EXPORT bool readEntry(LDAP* session, LDAPMessage* message,
                                      std::list<LDAPSearchResultEntry>& to,
                                      std::size_t* bytes = nullptr);

@@ -140,7 +140,7 @@ public:
     /// @param id       receives its message id
     Received receive(LDAPMessageBuffer& message, int& id);
 
-    /// Size in bytes of the last message that `receive` returned.
+    /// Size in bytes of the message that `receive` gave last.
     std::size_t messageSize() const;
 
     /// When the last byte arrived. Bytes of incomplete messages count: a slow link is not silence.
