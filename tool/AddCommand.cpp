@@ -28,20 +28,20 @@ using Lookup::Verdict;
 
 constexpr char footer[] =
     "Records are entries, or changes of type add. Each entry gets one line, in the order of the\n"
-    "file: added DN, exists DN, refused CODE DN: TEXT, or unknown DN: TEXT where no answer came;\n"
-    "such an entry may have been added, and is not sent again. Entries are sent ahead of the\n"
-    "answers, but never ahead of the entries above them.\n\n"
+    "file: added DN, exists DN, refused CODE DN: TEXT, or unknown DN: TEXT if no answer came;\n"
+    "such an entry may have been added, and is not sent again. Several entries are in flight at\n"
+    "once, but each is sent only after its parent entry has been answered.\n\n"
     "Exit status, the worst of all entries:\n"
     "   0  added\n"
-    "  64  usage\n"
-    "  65  LDIF wrong, or the entry against the schema\n"
-    "  69  the server refuses for good, or refers elsewhere\n"
-    "  73  exists already\n"
-    "  74  standard output cannot be written\n"
+    "  64  usage error\n"
+    "  65  invalid LDIF, or an entry that violates the schema\n"
+    "  69  refused permanently, or referred to another server\n"
+    "  73  already exists\n"
+    "  74  cannot write to standard output\n"
     "  75  try later: server down, no answer in time, busy\n"
     "  77  credentials, access or certificate refused\n"
-    "  78  nothing above the entry, or a file or password that cannot be used\n"
-    "In the order of their weight: 64, 78, 77, 75, 69, 65, 73, 0.";
+    "  78  parent entry missing, or an unusable file or password\n"
+    "Precedence, worst first: 64, 78, 77, 75, 69, 65, 73, 0.";
 
 constexpr std::array<char const*, 4> statusNames = {"added", "exists", "refused", "unknown"};
 
@@ -53,8 +53,8 @@ char const* nameOf(AddReport::Status status)
 
 // Servers
 
-/// The first server of the list that can be reached. One that refuses us ends the search: the next
-/// one would count the same wrong password once more.
+/// Connects to the first reachable server of the list. A refused bind ends the search: trying the
+/// next server would count as another failed login and could lock the account.
 std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
                                    std::shared_ptr<Lookup::TlsContext> const& tls,
                                    Diagnostics const& diagnostics)
@@ -116,7 +116,7 @@ std::string jsonTextOf(AddReport const& report)
     return text;
 }
 
-/// Prints reports, and counts them.
+/// Prints the reports and counts them.
 class Reporter {
 public:
     Reporter(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
@@ -156,12 +156,13 @@ void Reporter::complain(AddReport const& report) const
         return;
     }
     if (report.status == AddReport::Status::unknown) {
-        m_diagnostics.error(fmt::format("{}: {}; look whether it is there before you add it again",
-                                        report.dn, report.text));
+        m_diagnostics.error(
+            fmt::format("{}: {}; check whether the entry exists before you add it again", report.dn,
+                        report.text));
         return;
     }
     std::string const cause = report.status == AddReport::Status::exists
-                                  ? std::string("exists already")
+                                  ? std::string("already exists")
                                   : fmt::format("{} ({})", report.text, report.code);
     m_diagnostics.error(
         fmt::format("{}: {}; {}", report.dn, cause,
@@ -192,7 +193,7 @@ void Reporter::printFigures()
 
 // What -n shows
 
-/// The record that adds an entry, with `end` instead of its last newline.
+/// The change record that adds an entry, ended by `end` instead of an empty line.
 std::string recordOf(LdifEntry const& entry, char end)
 {
     std::string text;
@@ -226,8 +227,8 @@ std::string jsonRecordOf(LdifEntry const& entry, char end)
     return text + end;
 }
 
-/// Goes through the records; `use` takes each entry and says whether more are wanted, `refuse` each
-/// record that is none.
+/// Reads all records: calls `use` for each entry and `refuse` for each invalid record, until one of
+/// them returns false.
 template <typename Use, typename Refuse>
 void forEachEntry(std::string const& path, Use const& use, Refuse const& refuse)
 {
@@ -252,9 +253,9 @@ void AddCommand::declareOn(CLI::App& app)
     app.add_option("-f,--file", m_file, "LDIF file, '-' for standard input")
         ->type_name("FILE")
         ->capture_default_str();
-    app.add_flag("-c,--continue", m_goesOn, "Go on after a failure");
-    app.add_flag("-n,--dry-run", m_onlyShows, "Show what would be sent, and ask no server");
-    m_settings.declareOn(app, *settingOfFile("window"), "Entries sent ahead of their answers");
+    app.add_flag("-c,--continue", m_goesOn, "Continue after a failure");
+    app.add_flag("-n,--dry-run", m_onlyShows, "Print what would be sent; contact no server");
+    m_settings.declareOn(app, *settingOfFile("window"), "Maximum number of adds in flight");
     app.footer(footer);
 }
 
@@ -262,7 +263,7 @@ int AddCommand::run(CommonOptions const& common, Output& output, Diagnostics& di
 {
     if (common.format() != "text" && common.format() != "json") {
         throw Failure(Outcome::usage,
-                      fmt::format("--format {} is not offered by add", common.format()),
+                      fmt::format("add does not support --format {}", common.format()),
                       "choose text or json");
     }
     return exitStatusOf(m_onlyShows ? show(common, output, diagnostics)
@@ -291,8 +292,8 @@ Outcome AddCommand::show(CommonOptions const& common, Output& output,
 Outcome AddCommand::add(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const
 {
     if (m_file == "-" && common.readsStandardInput()) {
-        throw Failure(Outcome::usage, "entries and password both come from standard input",
-                      "give one of them another way, as in --password-fd 3 3<FILE");
+        throw Failure(Outcome::usage, "entries and password are both read from standard input",
+                      "pass one of them another way, as in --password-fd 3 3<FILE");
     }
     Secret password;
     Draft draft = common.draft();
@@ -322,7 +323,7 @@ Outcome AddCommand::add(CommonOptions const& common, Output& output, Diagnostics
                 adds.refuse(fault.entry(), LDAP_PARAM_ERROR, fault.cause(), fault.remedy());
                 return m_goesOn;
             }
-            adds.finish(); // what stands before it is told before it
+            adds.finish(); // reports the entries before it first
             diagnostics.error(fault.what());
             return m_goesOn;
         });

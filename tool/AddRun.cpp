@@ -1,4 +1,4 @@
-// The order of sending, and the answers as they come.
+// Sends adds in order and matches the answers to them.
 #include "AddRun.h"
 
 #include "OpenLDAP.h"
@@ -26,8 +26,8 @@ char inLowerCase(char character)
                                                 : character;
 }
 
-/// A DN and those above it, nearest first, in a form in which they can be compared; empty where
-/// the text is no DN.
+/// A DN and its ancestors, nearest first, normalized for comparison; empty if the text is not a
+/// valid DN.
 std::vector<std::string> namesOf(std::string const& text)
 {
     LDAPDN parsed = nullptr;
@@ -60,7 +60,7 @@ AddReport::Status statusOf(int code)
     }
 }
 
-/// OpenLDAP's words for a code, with the server's own if it has some; the code stands elsewhere.
+/// OpenLDAP's text for a result code, and the server's own text if any; without the code itself.
 std::string wordsFor(ResultMessage const& result)
 {
     if (result.code == LDAP_SUCCESS) {
@@ -71,7 +71,7 @@ std::string wordsFor(ResultMessage const& result)
         words += ": " + result.text;
     }
     if (!result.matched.empty()) {
-        words += fmt::format(", what exists is '{}'", result.matched);
+        words += fmt::format(", matched DN '{}'", result.matched);
     }
     return words + pointersTo(result.referrals);
 }
@@ -87,7 +87,7 @@ void AddRun::add(LdifEntry const& entry)
 {
     std::vector<std::string> const names = namesOf(entry.dn);
     if (names.empty()) {
-        refuse(entry, LDAP_INVALID_DN_SYNTAX, "it is no DN", "correct the DN");
+        refuse(entry, LDAP_INVALID_DN_SYNTAX, "invalid DN", "correct the DN");
         return;
     }
     takeWhatCame();
@@ -118,8 +118,8 @@ void AddRun::finish()
     }
 }
 
-/// Sees to a connection that can be sent on. One with adds in flight is in use; one without may
-/// have been closed meanwhile, and nothing is lost by a new one.
+/// Ensures a usable connection. With adds in flight, the current one stays. An idle one may have
+/// been closed by the server meanwhile; replacing it loses nothing.
 void AddRun::connect()
 {
     if (m_session && m_inFlight.empty() && !m_session->isFresh()) {
@@ -153,15 +153,15 @@ void AddRun::send(LdifEntry const& entry, std::string const& name)
         m_session->flush();
         m_inFlight.emplace(id, pending);
         m_names.insert(name);
-    } else if (rc == LDAP_SERVER_DOWN) { // a part of it may have been sent
+    } else if (rc == LDAP_SERVER_DOWN) { // part of the request may have been sent
         lose(rc, "connection lost before the answer");
     } else {
-        settle(*pending, rc, std::string("it cannot be sent: ") + ldap_err2string(rc));
+        settle(*pending, rc, std::string("cannot send the add: ") + ldap_err2string(rc));
         reportFinished();
     }
 }
 
-/// Whether one of the DNs is in flight, or there is no room.
+/// Whether the window is full, or one of the DNs (the entry itself or an ancestor) is in flight.
 bool AddRun::mustWait(std::vector<std::string> const& names) const
 {
     return m_inFlight.size() >= m_limits.window ||
@@ -225,7 +225,7 @@ void AddRun::take(Session::Received received, int id, LDAPMessageBuffer const& m
     reportFinished();
 }
 
-/// Gives the connection up. Whether what is in flight was added cannot be known.
+/// Drops the connection. Adds in flight become `unknown`: the server may have executed them.
 void AddRun::lose(int code, std::string const& why)
 {
     for (Pending& pending : m_pending) {

@@ -1,4 +1,4 @@
-// Adds in flight: sent ahead of their answers, reported in the order of the entries.
+// Pipelined adds: several in flight, reported in the order of the entries.
 #ifndef SOLVANE_TOOL_ADD_RUN_H
 #define SOLVANE_TOOL_ADD_RUN_H
 
@@ -18,59 +18,62 @@
 
 namespace Solvane::Tool {
 
-/// What became of one entry.
+/// The result for one entry.
 struct AddReport {
     enum class Status {
         added,
         exists,
-        refused, ///< by the server, or before it was asked
-        unknown, ///< it was sent, and no answer came: it may have been added
+        refused, ///< by the server, or before anything was sent
+        unknown, ///< sent, but no answer came: the entry may have been added
     };
 
-    unsigned long line = 0; ///< of its record
+    unsigned long line = 0; ///< where its record begins
     std::string dn;
     Status status = Status::unknown;
     int code = 0;       ///< LDAP result code, or OpenLDAP's own below 0
-    std::string text;   ///< why, in one line; empty where it was added
-    std::string remedy; ///< where the code does not tell it
-    std::string server; ///< URI; empty: none was asked
+    std::string text;   ///< cause, one line; empty if it was added
+    std::string remedy; ///< empty: the remedy follows from the code
+    std::string server; ///< URI; empty if nothing was sent
 };
 
-/// Sends entries over one connection at a time, up to a number of them ahead of their answers. An
-/// entry waits for the answer to one above it, and to one of the same name. Nothing is sent twice.
+/// Sends entries over one connection at a time, with up to `window` of them in flight. An entry is
+/// held back while an ancestor, or an entry of the same name, is in flight: the server may execute
+/// requests in any order, and would refuse a child whose parent does not exist yet. Nothing is sent
+/// twice: after a lost connection it is unknown which of the adds in flight were executed.
 class AddRun {
 public:
     struct Limits {
         unsigned int window = 32;            ///< adds in flight
-        std::chrono::milliseconds silence{}; ///< for the server to say nothing at all
-        std::chrono::milliseconds answer{};  ///< for one entry to be answered
-        bool goesOn = false;                 ///< behind a failure
+        std::chrono::milliseconds silence{}; ///< longest time without a byte from the server
+        std::chrono::milliseconds answer{};  ///< time limit for the answer to one add
+        bool goesOn = false;                 ///< continue after a failure
     };
-    /// Opens a connection that is ready for adds, or throws a Failure.
+    /// Opens and binds a connection.
+    /// @throws Failure  no server can be reached
     using Connect = std::function<std::unique_ptr<Lookup::Session>()>;
-    /// Takes the reports, in the order of the entries.
+    /// Receives the reports, in the order of the entries.
     using Sink = std::function<void(AddReport const&)>;
 
     AddRun(Limits const& limits, Connect connect, Sink sink);
 
-    /// Sends an entry as soon as it may be; does nothing once the run is to stop.
+    /// Sends an entry; blocks while it has to be held back. Does nothing after the run was stopped.
     /// @throws Failure  no server can be reached
     void add(LdifEntry const& entry);
-    /// Reports an entry that is not sent.
+    /// Reports an invalid entry without sending it.
     void refuse(LdifEntry const& entry, int code, std::string const& text,
                 std::string const& remedy);
     /// Awaits all answers.
     void finish();
-    /// False where something failed, unless failures do not count.
+    /// False after a failure, unless the run continues after failures.
     bool mayGoOn() const { return m_limits.goesOn || m_worst == Outcome::found; }
-    /// The worst of what was reported.
+    /// The worst outcome reported so far.
     Outcome worst() const { return m_worst; }
 
 private:
     using Clock = Lookup::Clock;
     struct Pending {
         AddReport report;
-        std::string name; ///< by which entries are compared
+        std::string name; ///< normalized DN
         Clock::time_point expiry;
         bool isDone = false;
     };
@@ -92,8 +95,8 @@ private:
     std::unique_ptr<Lookup::Session> m_session;
     std::list<Pending> m_pending;                           ///< in the order of the entries
     std::map<int, std::list<Pending>::iterator> m_inFlight; ///< by message id
-    std::multiset<std::string> m_names;                     ///< of those in flight
-    Clock::time_point m_owedSince; ///< the server has something to answer since then
+    std::multiset<std::string> m_names;                     ///< normalized DNs of those in flight
+    Clock::time_point m_owedSince; ///< since when the server owes an answer
     Outcome m_worst = Outcome::found;
 };
 

@@ -19,34 +19,34 @@ namespace {
 constexpr unsigned int mostRepeats = 100000;
 
 constexpr char footer[] =
-    "Each step is a line: ok, warning, FAILED, or '-' where it was not tried; its time; and\n"
-    "what was found, or the cause and the remedy. Steps: settings and template, then on\n"
-    "each server resolution, TCP, TLS (version, certificate, name, chain), bind, who am I,\n"
-    "root DSE, base, references below it, a lookup of the key, a second one on the same\n"
+    "Each step prints a line: ok, warning, FAILED, or '-' if it was skipped; its time; and\n"
+    "the result, or the cause and the remedy. Steps: settings and template, then for each\n"
+    "server resolution, TCP, TLS (version, certificate, name, chain), bind, who am I, root\n"
+    "DSE, base, references below it, a lookup of the address, a second one on the same\n"
     "connection, latencies. A domain has the step SRV before those of its servers.\n\n"
     "Exit status, the worst of all steps:\n"
     "   0  all passed, with or without warnings\n"
-    "   1  nobody has the key of --probe\n"
-    "  64  usage\n"
-    "  65  template or filter wrong\n"
-    "  69  the server refuses for good, or refers elsewhere\n"
-    "  74  standard output cannot be written\n"
+    "   1  no entry for the address of --probe\n"
+    "  64  usage error\n"
+    "  65  invalid template or filter\n"
+    "  69  refused permanently, or referred to another server\n"
+    "  74  cannot write to standard output\n"
     "  75  try later: a server is down, or does not answer in time\n"
     "  77  credentials, access or certificate refused\n"
-    "  78  base missing, or a setting, file or password that cannot be used\n"
-    "With --nagios: 0 OK; 1 WARNING, as for a certificate that ends within 14 days, or a\n"
-    "server that fails while another works; 2 CRITICAL; 3 UNKNOWN: settings not usable.";
+    "  78  base missing, or an unusable setting, file or password\n"
+    "With --nagios: 0 OK; 1 WARNING, for example a certificate that expires within 14 days,\n"
+    "or one of several servers down; 2 CRITICAL; 3 UNKNOWN: unusable settings.";
 
 std::string described(LDAPLookup::Settings const& settings)
 {
-    return fmt::format("{} server{}, {}, {} s for the network, {} s for a key",
+    return fmt::format("{} server{}, {}, network timeout {} s, deadline {} s",
                        settings.servers.size(), settings.servers.size() == 1 ? "" : "s",
                        settings.bindDn.empty() ? "anonymous" : "as " + settings.bindDn,
                        settings.networkTimeout,
                        static_cast<double>(settings.deadline.count()) / 1000);
 }
 
-/// Reports every finding of the template. False: no lookup can succeed with it.
+/// Reports every finding in the template. Returns false if no lookup can succeed with it.
 bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& report)
 {
     using Weight = Lookup::QueryTemplate::Finding::Weight;
@@ -57,7 +57,7 @@ bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& repo
         std::string const text = fmt::format("at byte {}: {}", finding.position, finding.text);
         if (finding.weight == Weight::error) {
             isUsable = false;
-            report.failed("template", Outcome::badInput, text, "see 'solvane-ldap expand --lint'");
+            report.failed("template", Outcome::badInput, text, "run 'solvane-ldap expand --lint'");
         } else {
             report.warned("template", text);
         }
@@ -68,8 +68,8 @@ bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& repo
     return isUsable;
 }
 
-/// The servers behind one of the list. A domain is a step of its own; without servers, it counts as
-/// one that does not work.
+/// Expands a row of the server list into servers. A domain reports the step SRV; if it has no
+/// servers, it counts as a server that is down.
 std::vector<LDAPLookup::Server> resolved(LDAPLookup::Server const& listed,
                                          LDAPLookup::Settings const& settings, CheckReport& report)
 {
@@ -82,7 +82,7 @@ std::vector<LDAPLookup::Server> resolved(LDAPLookup::Server const& listed,
     if (!found.verdict.isGood()) {
         report.beginServer(listed.srvDomain);
         report.failed("SRV", outcomeOf(found.verdict), found.verdict.text,
-                      "check the domain in -H and the name service", watch.milliseconds());
+                      "check the domain in -H and the name servers", watch.milliseconds());
         report.endServer();
         return {};
     }
@@ -101,11 +101,12 @@ void CheckCommand::declareOn(CLI::App& app)
 {
     m_settings.declareOn(app, Setting::Group::search);
     m_settings.declareOn(app, Setting::Group::queryTemplate);
-    app.add_option("--probe", m_probe, "Look this address up, on each server")->type_name("KEY");
-    app.add_option("--repeat", m_repeat, "Look it up N times more, and show how long that took")
+    app.add_option("--probe", m_probe, "Look up this address on each server")->type_name("KEY");
+    app.add_option("--repeat", m_repeat, "Repeat the lookup N times and show latencies")
         ->type_name("N")
         ->check(CLI::Range(0U, mostRepeats));
-    app.add_flag("--nagios", m_isForNagios, "One line and an exit status for a monitoring system");
+    app.add_flag("--nagios", m_isForNagios,
+                 "Print one line and set the exit status for a monitoring system");
     app.footer(footer);
 }
 
@@ -134,7 +135,7 @@ int CheckCommand::run(CommonOptions const& common, Output& output, Diagnostics&)
 void CheckCommand::check(CommonOptions const& common, CheckReport& report)
 {
     if (m_repeat > 0 && m_probe.empty()) {
-        throw Failure(Outcome::usage, "--repeat has no address to look up",
+        throw Failure(Outcome::usage, "--repeat needs an address to look up",
                       "give one with --probe");
     }
     Stopwatch const watch;
@@ -146,12 +147,12 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
 
     Probe probe = {m_probe, m_repeat, std::string()};
     if (!hasTemplate(draft)) {
-        report.skipped("template", "none is given (-t)");
+        report.skipped("template", "no template given (-t)");
     } else if (!checkTemplate(templateOf(draft), report)) {
-        probe.obstacle = "'template' did not pass";
+        probe.obstacle = "'template' failed";
     }
     if (m_probe.empty()) {
-        probe.obstacle = "no address is given (--probe)";
+        probe.obstacle = "no address given (--probe)";
     } else if (!hasTemplate(draft) || settings.base.empty()) {
         probe.obstacle = "a lookup needs a base (-b) and a template (-t)";
     }

@@ -1,4 +1,4 @@
-// Lines of steps, and the monitor's line.
+// The lines of the steps, and the monitoring line.
 #include "CheckReport.h"
 
 #include "Text.h"
@@ -58,7 +58,7 @@ void CheckReport::failed(std::string const& step, Outcome outcome, std::string c
 
 void CheckReport::skipped(std::string const& step, std::string const& reason)
 {
-    show("-", step, "not tried: " + reason, std::nullopt);
+    show("-", step, "skipped: " + reason, std::nullopt);
 }
 
 void CheckReport::detail(std::string const& line)
@@ -106,7 +106,7 @@ std::string CheckReport::line(State state, std::string const& text, std::string 
 {
     constexpr char const* words[] = {"OK", "WARNING", "CRITICAL", "UNKNOWN"};
     std::string shown = oneLine(text);
-    std::replace(shown.begin(), shown.end(), '|', '/'); // a bar begins the figures
+    std::replace(shown.begin(), shown.end(), '|', '/'); // a bar separates the performance data
     return fmt::format("LDAP {} - {} | {}\n", words[static_cast<int>(state)], shown, figures);
 }
 

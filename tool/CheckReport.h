@@ -1,4 +1,4 @@
-// What the steps of a check came to: shown as they end, or as one line for a monitor.
+// The results of a check's steps: printed as they end, or summarized in one line for monitoring.
 #ifndef SOLVANE_TOOL_CHECK_REPORT_H
 #define SOLVANE_TOOL_CHECK_REPORT_H
 
@@ -11,7 +11,7 @@
 
 namespace Solvane::Tool {
 
-/// Time since it was made.
+/// Measures the time since its construction.
 class Stopwatch {
 public:
     double milliseconds() const
@@ -24,40 +24,42 @@ private:
     Clock::time_point m_start = Clock::now();
 };
 
+/// Collects the results of the steps. Not thread-safe.
 class CheckReport {
 public:
-    /// @param output  where each step is shown at once; null: nowhere
+    /// @param output  receives the line of each step; null: no lines. Borrowed, must outlive the
+    ///                report.
     explicit CheckReport(Output* output) : m_output(output) {}
 
-    /// The steps that follow are those of this server.
+    /// Begins the steps of a server.
     void beginServer(std::string const& uri);
-    /// Whether all of the server's steps so far passed, warnings allowed.
+    /// Whether no step of the current server has failed; warnings do not count.
     bool serverWorks() const { return m_serverWorks; }
     void endServer();
 
     void passed(std::string const& step, std::string const& text,
                 std::optional<double> milliseconds = std::nullopt);
-    /// @param outcome  what it means for the exit status
+    /// @param outcome  its effect on the exit status
     void warned(std::string const& step, std::string const& text,
                 std::optional<double> milliseconds = std::nullopt,
                 Outcome outcome = Outcome::found);
-    /// @param text  the cause
+    /// @param text  cause
     void failed(std::string const& step, Outcome outcome, std::string const& text,
                 std::string const& remedy, std::optional<double> milliseconds = std::nullopt);
-    /// @param reason  why it was not tried
+    /// @param reason  why the step was skipped
     void skipped(std::string const& step, std::string const& reason);
     /// A line below the last step.
     void detail(std::string const& line);
 
-    /// Of all steps.
+    /// The worst outcome of all steps.
     Outcome worst() const { return m_worst; }
 
-    /// State of the whole for a monitoring system of the Nagios kind.
+    /// The overall state, with the numbers of Nagios plug-ins.
     enum class State { ok = 0, warning = 1, critical = 2, unknown = 3 };
-    /// Critical: no server works, or a step that belongs to none failed. Warning: a server failed
-    /// while another works, or a step warned.
+    /// Critical: no server works, or a step before the servers failed. Warning: some servers failed
+    /// and others work, or a step warned.
     State state() const;
-    /// One line: the state, the first reason for it, and the figures.
+    /// One line: the state, the first reason for it, and the performance data.
     std::string line(std::string const& figures) const;
     static std::string line(State state, std::string const& text, std::string const& figures);
 
@@ -67,11 +69,11 @@ private:
     std::string placed(std::string const& step, std::string const& text) const;
 
     Output* m_output;
-    std::string m_server; ///< empty: the step belongs to none
+    std::string m_server; ///< empty before and between servers
     bool m_serverWorks = true;
     unsigned int m_servers = 0;
     unsigned int m_workingServers = 0;
-    bool m_isUnusable = false; ///< a step failed that belongs to no server
+    bool m_isUnusable = false; ///< a step outside the servers failed
     std::string m_firstFailure;
     std::string m_firstWarning;
     Outcome m_worst = Outcome::found;

@@ -1,4 +1,4 @@
-// Parsing with CLI11, and its complaints in one line.
+// Parses the command line with CLI11; errors become one line.
 #include "CommandLine.h"
 
 #include "Commands.h"
@@ -20,8 +20,8 @@ namespace Solvane::Tool {
 namespace {
 
 constexpr char commonOptionsNote[] =
-    "Servers, identity, TLS, diagnostics and the form of the output are options of all commands:\n"
-    "see 'solvane-ldap --help', or solvane-ldap(1).";
+    "Options for servers, identity, TLS, diagnostics and output format apply to all commands:\n"
+    "see 'solvane-ldap --help' or solvane-ldap(1).";
 
 std::string versionText()
 {
@@ -39,7 +39,7 @@ std::string versionText()
                        isKnown ? dotted(running.ldapai_vendor_version) : "unknown");
 }
 
-/// An argument nobody takes, without what may stand behind an option's name: it may be a secret.
+/// The error for an unknown argument. Shows only the option's name: the value may be a secret.
 Failure unexpectedArgument(std::string const& argument, std::string const& help)
 {
     if (argument.rfind("--", 0) == 0) {
@@ -48,8 +48,8 @@ Failure unexpectedArgument(std::string const& argument, std::string const& help)
                        help);
     }
     if (argument.rfind("-w", 0) == 0) {
-        return Failure(Outcome::usage, "-w is not offered, arguments are seen by others",
-                       "give the password with -W, -y FILE or --password-fd N");
+        return Failure(Outcome::usage, "-w is not supported: other users can see arguments",
+                       "pass the password with -W, -y FILE or --password-fd N");
     }
     if (argument.rfind('-', 0) == 0) {
         return Failure(Outcome::usage, fmt::format("unknown option {}", argument.substr(0, 2)),
@@ -75,7 +75,7 @@ Failure usageFailure(CLI::App const& app, CLI::ParseError const& error)
     return Failure(Outcome::usage, text, help);
 }
 
-/// Whether the option of that name takes a value, in any command.
+/// Whether an option of this name takes a value, in any command.
 bool takesValue(CLI::App const& app, std::string const& name)
 {
     CLI::Option const* option = app.get_option_no_throw(name);
@@ -85,7 +85,7 @@ bool takesValue(CLI::App const& app, std::string const& name)
     return option != nullptr && option->get_items_expected_min() > 0;
 }
 
-/// Whether the value of an option stands in the argument behind this one.
+/// Whether the next argument is this option's value.
 bool awaitsValue(CLI::App const& app, std::string const& argument)
 {
     if (argument.rfind("--", 0) == 0) {
@@ -94,15 +94,16 @@ bool awaitsValue(CLI::App const& app, std::string const& argument)
     if (argument.rfind('-', 0) != 0) {
         return false;
     }
-    // Flags may stand before the first letter that takes a value; behind it stands the value.
+    // In "-vHldap://host", flags precede the first letter that takes a value; the rest is the
+    // value.
     auto const letter = std::find_if(argument.begin() + 1, argument.end(), [&](char each) {
         return takesValue(app, std::string("-") + each);
     });
     return letter != argument.end() && letter + 1 == argument.end();
 }
 
-/// The arguments for the parser. It takes a long name of one letter for the short one, so --b and
-/// --g are declared as --b-value and --g-value; values, and all behind "--", stay as they are.
+/// The arguments for the parser. CLI11 treats a long name of one letter as a short one, so --b and
+/// --g are rewritten to --b-value and --g-value. Values, and everything after "--", stay unchanged.
 std::vector<std::string> readableArguments(CLI::App const& app, int count, char** arguments)
 {
     std::vector<std::string> read(arguments + std::min(count, 1), arguments + count);
@@ -117,11 +118,11 @@ std::vector<std::string> readableArguments(CLI::App const& app, int count, char*
         }
         isValue = !isValue && awaitsValue(app, argument);
     }
-    std::reverse(read.begin(), read.end()); // as CLI11 wants them
+    std::reverse(read.begin(), read.end()); // CLI11 expects them reversed
     return read;
 }
 
-/// Help and version end the parsing as exceptions.
+/// Prints help or version; CLI11 reports such a request as an exception.
 void answerQuestion(CLI::App const& app, CLI::Success const& question, Output& output)
 {
     std::ostringstream text;
@@ -141,10 +142,10 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     std::array<Command*, 4> const commands = {&expand, &lookup, &add, &check};
 
     CommonOptions common;
-    CLI::App app("Tries the product's directory lookups from the command line.", "solvane-ldap");
+    CLI::App app("Try, check and run directory lookups.", "solvane-ldap");
     app.require_subcommand(1);
     app.set_version_flag("-V,--version", versionText);
-    app.fallthrough(); // options of all commands stand before the command's name or behind it
+    app.fallthrough(); // common options are allowed before and after the command
     common.declareOn(app);
     for (Command* const command : commands) {
         CLI::App& declared = *app.add_subcommand(command->name(), command->description());

@@ -1,4 +1,4 @@
-// The command line as a whole: which subcommand runs, and what is said about a wrong one.
+// Parses the command line and runs the chosen subcommand.
 #ifndef SOLVANE_TOOL_COMMAND_LINE_H
 #define SOLVANE_TOOL_COMMAND_LINE_H
 
@@ -8,7 +8,8 @@ namespace Solvane::Tool {
 
 /// Runs the tool.
 /// @return exit status of the process
-/// @throws Failure, ReaderGone
+/// @throws Failure     an error to report
+/// @throws ReaderGone  the reader of standard output is gone
 int runCommandLine(int count, char** arguments, Output& output, Diagnostics& diagnostics);
 
 } // namespace Solvane::Tool

@@ -1,4 +1,4 @@
-// The options of every subcommand: servers, identity, TLS, diagnostics and the form of the output.
+// The options of every subcommand: servers, identity, TLS, diagnostics, output format.
 #include "Options.h"
 
 #include "Failure.h"
@@ -15,8 +15,8 @@ namespace Solvane::Tool {
 
 namespace {
 
-// OpenLDAP's debug levels that print the bytes of requests, and so a bind's password: packets and
-// BER. They are in no installed header.
+// OpenLDAP's debug levels "packets" and "BER" print the bytes of requests, including a bind's
+// password. No installed header defines them.
 constexpr int revealingLevels = 0x02 | 0x10;
 constexpr unsigned int everyLevel = 0xFFFF;
 
@@ -30,9 +30,9 @@ int descriptorIn(std::string const& text)
     try {
         return static_cast<int>(numberIn(text, 0, 1000000));
     } catch (Failure const&) {
-        // What was given is not shown: it may be the password itself.
-        refuse("it takes the number of a descriptor",
-               "open it first, as in --password-fd 3 3<FILE");
+        // The value is not shown: it may be the password itself.
+        refuse("invalid file descriptor number",
+               "pass the number of an open one, as in --password-fd 3 3<FILE");
     }
 }
 
@@ -42,10 +42,10 @@ int debugLevelIn(std::string const& text)
                                                           : numberIn(text, 0, everyLevel));
 }
 
-/// A flag without a value is "true" to CLI11.
+/// CLI11 passes "true" for a flag without a value.
 std::string complaintAboutStats(std::string const& text)
 {
-    return text == "true" || text == "json" ? "" : oneLine(text) + " is no form of the figures";
+    return text == "true" || text == "json" ? "" : "unsupported format '" + oneLine(text) + '\'';
 }
 
 } // namespace
@@ -53,7 +53,7 @@ std::string complaintAboutStats(std::string const& text)
 void CommonOptions::declareOn(CLI::App& app)
 {
     addValue(app, "-C,--config", m_settingsPath, textIn, "FILE",
-             "Settings, see solvane-ldap.conf(5); options override them");
+             "Settings file, see solvane-ldap.conf(5); options override it");
     m_settings.declareOn(app, Setting::Group::server);
     declareIdentityOn(app);
     declareDiagnosticsOn(app);
@@ -66,10 +66,10 @@ void CommonOptions::declareIdentityOn(CLI::App& app)
     auto* const prompt =
         app.add_flag("-W,--ask-password", m_asksPassword, "Ask for the password at the terminal");
     auto* const file = addValue(app, "-y,--password-file", m_passwordFile, textIn, "FILE",
-                                "File that holds the password and that its owner alone can read; "
-                                "one newline at its end is dropped");
+                                "Read the password from a file that only its owner can read; "
+                                "one trailing newline is removed");
     auto* const descriptor = addValue(app, "--password-fd", m_passwordDescriptor, descriptorIn, "N",
-                                      "Descriptor from which the password is read to its end");
+                                      "Read the password from this file descriptor, to its end");
     prompt->excludes(file)->excludes(descriptor);
     file->excludes(descriptor);
 }
@@ -77,20 +77,19 @@ void CommonOptions::declareIdentityOn(CLI::App& app)
 void CommonOptions::declareDiagnosticsOn(CLI::App& app)
 {
     auto* const verbose =
-        app.add_flag("-v,--verbose", m_isVerbose, "Say on standard error what is done");
-    app.add_flag("-q,--quiet", m_isQuiet, "Nothing on standard error; the exit status remains")
-        ->excludes(verbose);
+        app.add_flag("-v,--verbose", m_isVerbose, "Describe each step on standard error");
+    app.add_flag("-q,--quiet", m_isQuiet, "Print no messages on standard error")->excludes(verbose);
     addValue(app, "-d,--debug", m_debugLevel, debugLevelIn, "LEVEL",
-             "OpenLDAP's own debug output, a sum of its levels or 'any'; what would print a bind's "
-             "password stays off");
-    app.add_flag("--stats", m_stats, "Figures at the end on standard error")
+             "OpenLDAP's own debug output: a sum of its levels, or 'any'; levels that would print "
+             "the password stay off");
+    app.add_flag("--stats", m_stats, "Print statistics on standard error at the end")
         ->check(CLI::Validator(complaintAboutStats, ""))
         ->type_name("[=json]");
 }
 
 void CommonOptions::declareOutputOn(CLI::App& app)
 {
-    app.add_option("--format", m_format, "Form of the records")
+    app.add_option("--format", m_format, "Output format of the records")
         ->check(CLI::IsMember(recordFormats()))
         ->type_name("")
         ->capture_default_str();
@@ -99,8 +98,8 @@ void CommonOptions::declareOutputOn(CLI::App& app)
 
 void CommonOptions::declareOnCommand(CLI::App& command)
 {
-    // CLI11 takes "-0" for a negative number where the subcommand itself has no such option.
-    command.add_flag("-0,--null", m_endsInNul, "NUL instead of newline ends keys and records");
+    // CLI11 reads "-0" as a negative number unless the subcommand itself declares it.
+    command.add_flag("-0,--null", m_endsInNul, "End keys and records by NUL instead of newline");
 }
 
 SettingsFile const& CommonOptions::file() const
@@ -124,14 +123,14 @@ LDAPLookup::Settings CommonOptions::settings(Draft const& draft, Secret& passwor
     LDAPLookup::Settings settings = draft.lookup;
     settings.servers = draft.serverList();
     if (settings.servers.empty()) {
-        refuse("there is no server", "name one with -H URI, or server_host in the file of -C");
+        refuse("no server given", "add -H URI, or set server_host in the settings file (-C)");
     }
     if (!settings.bindDn.empty()) {
         readPassword(password, settings.bindDn);
         settings.password = password.text();
     } else if (namesPassword()) {
-        refuse("there is a password but nobody to bind as",
-               "add -D DN, or bind_dn in the file of -C");
+        refuse("a password is given, but no DN to bind as",
+               "add -D DN, or set bind_dn in the settings file (-C)");
     }
     return settings;
 }
@@ -147,7 +146,7 @@ void CommonOptions::readPassword(Secret& password, std::string const& dn) const
     if (m_passwordDescriptor) {
         return password.readDescriptor(*m_passwordDescriptor);
     }
-    // The password of the file goes with its DN, and to nobody else.
+    // The file's password belongs to the file's DN: it is not sent with the DN of -D.
     bool const hasOtherDn = m_settings.has("bind_dn");
     if (hasOtherDn || file().password().isEmpty()) {
         refuse(fmt::format("{} needs a password", hasOtherDn ? "-D" : "bind_dn"),
@@ -188,8 +187,8 @@ void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics) const
     bool const mayReveal = namesPassword() || !file().password().isEmpty();
     if (mayReveal && (level & revealingLevels) != 0) {
         level &= ~revealingLevels;
-        diagnostics.error(fmt::format("-d: the levels {} would print the password; they stay off",
-                                      revealingLevels));
+        diagnostics.error(
+            fmt::format("-d: levels {} would print the password; they stay off", revealingLevels));
     }
     ber_set_option(nullptr, LBER_OPT_DEBUG_LEVEL, &level);
     ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level);
@@ -198,8 +197,7 @@ void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics) const
 void requireBase(Draft const& draft)
 {
     if (!draft.has("search_base")) {
-        refuse("there is no base to search",
-               "give one with -b BASE, or search_base in the file of -C");
+        refuse("no search base given", "add -b BASE, or set search_base in the settings file (-C)");
     }
 }
 

@@ -1,4 +1,4 @@
-// Standard streams by their descriptors.
+// Reads and writes the standard streams by their descriptors.
 #include "Console.h"
 
 #include "Failure.h"
@@ -19,7 +19,7 @@ namespace Solvane::Tool {
 
 namespace {
 
-// Returns to the line's start and erases what stands there (ECMA-48).
+// Returns to the start of the line and erases it (ECMA-48).
 constexpr char eraseLine[] = "\r\x1B[K";
 
 [[noreturn]] void throwOutputFailure(int error)
@@ -28,8 +28,8 @@ constexpr char eraseLine[] = "\r\x1B[K";
         throw ReaderGone();
     }
     throw Failure(Outcome::outputFailed,
-                  fmt::format("standard output cannot be written: {}", strerror(error)),
-                  "the results are incomplete, run it again");
+                  fmt::format("cannot write to standard output: {}", strerror(error)),
+                  "the results are incomplete, run the command again");
 }
 
 void waitUntilWritable(int descriptor)
@@ -38,8 +38,8 @@ void waitUntilWritable(int descriptor)
     poll(&waited, 1, -1);
 }
 
-/// In one piece, so that nothing of another process comes between. What cannot be written there
-/// cannot be reported anywhere else either.
+/// Writes in one piece, so that lines of several processes do not mix. An error is ignored: there
+/// is no other stream to report it on.
 void writeToErrors(std::string const& text)
 {
     std::fwrite(text.data(), 1, text.size(), stderr);
@@ -52,7 +52,7 @@ void reserveStandardStreams()
 {
     for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
         if (fcntl(descriptor, F_GETFD) == -1 && errno == EBADF) {
-            // Read-only, also in place of an output: writing there must fail as it would have.
+            // Read-only also for an output: a write must fail, as it would on the closed one.
             // cppcheck-suppress leakReturnValNotUsed ; it stays open as a standard stream
             (void)open("/dev/null", O_RDONLY); // NOLINT(cppcoreguidelines-pro-type-vararg)
         }

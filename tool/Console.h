@@ -7,27 +7,27 @@
 
 namespace Solvane::Tool {
 
-/// Makes descriptors 0 to 2 exist, so that no socket or file takes the place of a stream that the
-/// caller closed and receives its text.
+/// Opens /dev/null for each of the descriptors 0 to 2 that is closed. Otherwise the next socket or
+/// file would get that number and receive the output.
 void reserveStandardStreams();
 
-/// Standard output, unbuffered: whoever reads it gets each record when it is complete.
+/// Standard output, unbuffered: a reader gets each record as soon as it is complete.
 class Output {
 public:
-    /// Writes everything or throws.
-    /// @throws Failure  "outputFailed"
-    /// @throws ReaderGone
+    /// Writes the whole text; blocks until it is written.
+    /// @throws Failure     "outputFailed"
+    /// @throws ReaderGone  the reader closed the pipe
     void write(std::string_view text);
 
-    /// Closes the stream, when a file system says last whether it kept what was written.
+    /// Closes the stream: some file systems report write errors only then.
     /// @throws Failure  "outputFailed"
     void finish();
 };
 
-/// Nobody reads the output any more (`| head`): no reason for a message.
+/// The reader of standard output is gone, as in `| head`; the tool stops without a message.
 class ReaderGone {};
 
-/// Standard error: one line each, with the program's name; below them a status line that changes.
+/// Standard error: messages of one line each, and a status line below them.
 class Diagnostics {
 public:
     enum class Level { quiet, normal, verbose };
@@ -36,20 +36,20 @@ public:
     Level level() const { return m_level; }
 
     void error(std::string_view text) const;
-    /// Shown with -v only.
+    /// Prints a message only with -v.
     void note(std::string_view text) const;
-    /// What was asked for, as figures: without the program's name, and in spite of -q.
+    /// Prints requested output such as statistics: without the program's name, also with -q.
     void plain(std::string_view text) const;
 
-    /// Shows a line that the next one takes the place of, without the program's name; empty erases
-    /// it. For a terminal only, and no wider than it.
+    /// Replaces the status line; an empty text erases it. For terminals only.
+    /// @param line  at most as wide as the terminal
     void status(std::string const& line);
 
 private:
     void writeLine(char const* prefix, std::string_view text) const;
 
     Level m_level = Level::normal;
-    std::string m_status; ///< what stands below the lines
+    std::string m_status; ///< the status line; empty: none
 };
 
 } // namespace Solvane::Tool

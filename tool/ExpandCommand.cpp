@@ -22,21 +22,21 @@ using Weight = QueryTemplate::Finding::Weight;
 
 constexpr char footer[] =
     "Specifiers:\n"
-    "  $u $n $N    the local part: as it is, in lower case, in upper case\n"
-    "  $m $a $A    the address: as it is, in lower case, in upper case\n"
-    "  $d          the domain, '#' where there is none\n"
-    "  $b $g       --b-value and --g-value; without one, the text before goes too\n"
+    "  $u $n $N    the local part: unchanged, in lower case, in upper case\n"
+    "  $m $a $A    the address: unchanged, in lower case, in upper case\n"
+    "  $d          the domain, or '#' if there is none\n"
+    "  $b $g       --b-value and --g-value; if unset, also drops the text before it\n"
     "  $c          nothing; drops the text before it\n"
-    "  ${text}     takes the last 'text' out of what was inserted last (${^text} the\n"
+    "  ${text}     removes the last 'text' from the value inserted last (${^text}: the\n"
     "              first); drops the text before it\n"
-    "Inserted values are escaped (RFC 4515). A '$' that stands for itself is written \\24.\n\n"
+    "Inserted values are escaped (RFC 4515). Write a literal '$' as \\24.\n\n"
     "Explanations are lines that begin with '#'. Each finding of --lint is a line\n"
-    "'template:POSITION: error: TEXT', or 'warning', with the template and a mark under\n"
-    "the place below it. Positions count bytes from 0.\n\n"
-    "Exit status: 0 printed, without findings or with warnings only, 64 usage, 65 template\n"
-    "or address wrong, 74 output cannot be written, 78 file cannot be used.";
+    "'template:POSITION: error: TEXT', or 'warning', followed by the template and a line\n"
+    "that marks the place. Positions count bytes from 0.\n\n"
+    "Exit status: 0 no errors (warnings allowed), 64 usage error, 65 invalid template or\n"
+    "address, 74 cannot write to standard output, 78 unusable file.";
 
-/// Output is gathered up to this size as long as there are keys.
+/// Output is buffered up to this size while more keys are available.
 constexpr std::string::size_type enoughOutput = 1U << 16;
 
 // Explaining
@@ -49,7 +49,7 @@ std::string effectOf(QueryTemplate::Step const& step)
         return step.inserted.empty() ? "inserted nothing" : "inserted " + quoted(step.inserted);
     }
     if (!step.replacement.empty()) {
-        return fmt::format("turned the end {} into {}", quoted(step.removed),
+        return fmt::format("replaced the end {} by {}", quoted(step.removed),
                            quoted(step.replacement));
     }
     return step.removed.empty() ? "removed nothing" : "removed " + quoted(step.removed);
@@ -81,40 +81,40 @@ void appendExplanation(QueryTemplate const& queryTemplate, std::string const& ke
 void requireAddress(std::string const& key)
 {
     if (key.empty()) {
-        refuse("the address is empty", "name whom to look for");
+        refuse("the address is empty", "give the address to look up");
     }
     if (auto const fault = faultIn(key)) {
-        refuse(fmt::format("the address '{}' holds {}", oneLine(key), describe(*fault)),
+        refuse(fmt::format("the address '{}' contains {}", oneLine(key), describe(*fault)),
                "correct the address");
     }
 }
 
-/// @throws Failure  "badInput": the filter is empty or no line of text, and so would find
-///                  everything, nothing or something else
+/// @throws Failure  "badInput": the filter is empty, has control characters or is not UTF-8, and
+///                  would match every entry, none, or wrong ones
 std::string filterFor(QueryTemplate const& queryTemplate, std::string const& key)
 {
     std::string filter = queryTemplate.expand(EmailAddress(key));
     if (filter.empty()) {
-        refuse(fmt::format("the template '{}' makes an empty filter of '{}'",
+        refuse(fmt::format("the template '{}' expands to an empty filter for '{}'",
                            oneLine(queryTemplate.text()), key),
-               "an empty filter would match every entry, write one that names the address");
+               "an empty filter would match every entry, use the address in the template");
     }
     if (auto const fault = faultIn(filter)) {
-        refuse(fmt::format("the filter '{}' holds {}", oneLine(filter), describe(*fault)),
-               "see what is wrong with the template with --lint");
+        refuse(fmt::format("the filter '{}' contains {}", oneLine(filter), describe(*fault)),
+               "check the template with --lint");
     }
     return filter;
 }
 
 // Checking
 
-/// How many characters the text takes on the screen.
+/// The number of columns that the text takes on a terminal.
 std::string::size_type widthOf(std::string const& text)
 {
     std::string const shown = oneLine(text);
     return static_cast<std::string::size_type>(
         std::count_if(shown.begin(), shown.end(), [](char byte) {
-            return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; // no continuation byte
+            return (static_cast<unsigned char>(byte) & 0xC0) != 0x80; // not a continuation byte
         }));
 }
 
@@ -141,7 +141,7 @@ Outcome lint(QueryTemplate const& queryTemplate, char recordEnd, Output& output)
 
 } // namespace
 
-/// The filters, gathered until somebody waits for them.
+/// Collects the filters and writes them in blocks; before it waits for a key, all are written.
 class ExpandCommand::Filters {
 public:
     Filters(QueryTemplate const& queryTemplate, bool explains, char recordEnd, Output& output)
@@ -149,7 +149,7 @@ public:
     {
     }
 
-    /// @throws Failure        "badInput": the key, or its filter
+    /// @throws Failure        "badInput": the key or its filter is invalid
     /// @throws LDAPException  the template is malformed
     void add(std::string const& key)
     {
@@ -178,9 +178,8 @@ void ExpandCommand::declareOn(CLI::App& app)
 {
     m_settings.declareOn(app, Setting::Group::queryTemplate);
     m_keys.declareOn(app);
-    app.add_flag("--explain", m_explains, "Say before each filter what every specifier did");
-    app.add_flag("--lint", m_lints,
-                 "Say what is wrong with the template; addresses may be left out");
+    app.add_flag("--explain", m_explains, "Explain before each filter what every specifier did");
+    app.add_flag("--lint", m_lints, "Report errors in the template; addresses are optional");
     app.footer(footer);
 }
 
@@ -220,7 +219,8 @@ Outcome ExpandCommand::expandKeys(QueryTemplate const& queryTemplate, char recor
                 worst = worse(worst, failure.outcome());
             }
         }
-    } catch (LDAPException const&) { // a malformed template ends the run, a wrong address does not
+    } catch (
+        LDAPException const&) { // a malformed template ends the run, an invalid address does not
         filters.giveOut();
         requireSound(queryTemplate);
         throw;
@@ -236,7 +236,7 @@ bool ExpandCommand::nextKey(std::string& key, Filters& filters)
 {
     auto supply = m_keys.next(key, false);
     if (supply == LDAPLookup::Supply::nothing) {
-        filters.giveOut(); // whoever sends the keys may want to see it first
+        filters.giveOut(); // the sender may wait for these answers before it sends more keys
         supply = m_keys.next(key, true);
     }
     return supply == LDAPLookup::Supply::key;

@@ -1,4 +1,4 @@
-// What ends a piece of the tool's work: one outcome, one line for the user.
+// The tool's exception: an outcome, and one line for the user.
 #ifndef SOLVANE_TOOL_FAILURE_H
 #define SOLVANE_TOOL_FAILURE_H
 
@@ -10,10 +10,10 @@
 
 namespace Solvane::Tool {
 
-/// Names the cause and the remedy; `what()` is both. Neither ever holds a password.
+/// An error with its cause and its remedy; `what()` joins both. Never contains a password.
 class Failure : public std::runtime_error {
 public:
-    /// @param code  LDAP result code, where a server or OpenLDAP gave one
+    /// @param code  LDAP result code, if a server or OpenLDAP reported one
     Failure(Outcome outcome, std::string const& cause, std::string const& remedy,
             std::optional<int> code = std::nullopt)
         : std::runtime_error(cause + "; " + remedy), m_outcome(outcome), m_cause(cause),

@@ -1,4 +1,4 @@
-// Files by name.
+// Reads files.
 #include "Files.h"
 
 #include <fmt/format.h>
@@ -19,7 +19,7 @@ namespace {
 
 using Supply = LDAPLookup::Supply;
 
-constexpr std::size_t bufferSize = std::size_t{64} * 1024; // at first; a longer line makes it grow
+constexpr std::size_t bufferSize = std::size_t{64} * 1024; // initial; grows for longer lines
 
 int openForReading(std::string const& path)
 {
@@ -38,8 +38,8 @@ Descriptor::~Descriptor()
 Failure unusableFile(std::string const& what, std::string const& path, int error)
 {
     return Failure(Outcome::configuration,
-                   fmt::format("{} '{}' cannot be read: {}", what, path, strerror(error)),
-                   "name a file that you can read");
+                   fmt::format("cannot read {} '{}': {}", what, path, strerror(error)),
+                   "check its name and permissions");
 }
 
 std::string readFile(std::string const& what, std::string const& path)
@@ -103,7 +103,7 @@ Supply LineReader::next(std::string& line, bool mayWait)
     }
 }
 
-/// Takes a whole line out of what was read; at the end, also one without its end.
+/// Takes the next whole line out of the buffer; at the end of the file also one without separator.
 bool LineReader::takeLine(std::string& line)
 {
     char const* const begin = m_buffer.data() + m_begin;
@@ -123,7 +123,7 @@ bool LineReader::takeLine(std::string& line)
     return true;
 }
 
-/// Whether a read comes back at once, or may take its time.
+/// Whether a read would not block, or is allowed to.
 bool LineReader::mayRead(bool mayWait) const
 {
     if (mayWait) {
@@ -148,7 +148,7 @@ void LineReader::read()
         m_end += static_cast<std::size_t>(count);
     } else if (count == 0) {
         m_isAtEnd = true;
-    } else if (errno == EAGAIN) { // somebody made it non-blocking
+    } else if (errno == EAGAIN) { // another process made it non-blocking
         pollfd waited = {m_descriptor, POLLIN, 0};
         poll(&waited, 1, -1);
     } else if (errno != EINTR) {

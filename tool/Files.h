@@ -1,4 +1,4 @@
-// Reading the files that a user names.
+// Reads the files given on the command line.
 #ifndef SOLVANE_TOOL_FILES_H
 #define SOLVANE_TOOL_FILES_H
 
@@ -13,7 +13,7 @@
 
 namespace Solvane::Tool {
 
-/// An open file, closed at the end of its scope.
+/// Owns an open file descriptor; the destructor closes it.
 class Descriptor {
 public:
     explicit Descriptor(int descriptor) : m_descriptor(descriptor) {}
@@ -28,38 +28,38 @@ private:
     int m_descriptor;
 };
 
-/// The failure of a file that was named on the command line.
+/// The error for a file that cannot be read.
 /// @param what   its role, as "the template file"
 /// @param error  errno
 Failure unusableFile(std::string const& what, std::string const& path, int error);
 
-/// A whole small file.
-/// @throws Failure  "configuration"
+/// Reads a whole file into memory.
+/// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
 
-/// The text without its last newline, if it ends in one.
+/// The text without one trailing newline.
 std::string withoutLastNewline(std::string text);
 
-/// The lines of a file, or of standard input for "-"; of any length.
+/// Reads the lines of a file, or of standard input for "-". Lines may have any length.
 class LineReader {
 public:
     /// @param what       the file's role, as "the file of keys"
-    /// @param separator  what ends a line
+    /// @param separator  ends a line
     /// @throws Failure  "configuration": the file cannot be opened
     LineReader(std::string const& what, std::string const& path, char separator);
     ~LineReader();
     LineReader(LineReader const&) = delete;
     LineReader& operator=(LineReader const&) = delete;
 
-    /// The next line without its end; a last one need not have an end. Where it may not wait and
-    /// no whole line is there yet, "nothing".
+    /// Reads the next line, without its separator; the last line may lack one. Returns `nothing` if
+    /// no whole line has arrived and `mayWait` is false.
     /// @throws Failure  "configuration": the file cannot be read
     LDAPLookup::Supply next(std::string& line, bool mayWait);
 
     int descriptor() const { return m_descriptor; }
-    /// Whether it is a regular file, which never has to be waited for.
+    /// Whether it is a regular file, whose reads never block.
     bool isRegular() const;
-    /// How many lines are ahead before the first one is read; none but in a regular file.
+    /// The number of lines, to be asked before the first read; none unless it is a regular file.
     std::optional<unsigned long> count() const;
 
 private:
@@ -72,9 +72,9 @@ private:
     char m_separator;
     int m_descriptor;
     std::vector<char> m_buffer;
-    std::size_t m_begin = 0;   ///< of what was not given out
-    std::size_t m_scanned = 0; ///< up to here there is no separator
-    std::size_t m_end = 0;     ///< of what was read
+    std::size_t m_begin = 0;   ///< of the unread part
+    std::size_t m_scanned = 0; ///< no separator from m_begin up to here
+    std::size_t m_end = 0;     ///< of the bytes read
     bool m_isAtEnd = false;
 };
 

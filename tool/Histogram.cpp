@@ -10,7 +10,7 @@ namespace Solvane::Tool {
 
 namespace {
 
-/// Where the ranges end, in milliseconds; the last one has no end.
+/// Upper bounds of the ranges in milliseconds; the last range has none.
 constexpr double ends[] = {0.1, 0.2, 0.5, 1, 2, 5, 10, 20, 50, 100, 200, 500, 1000, 2000, 5000};
 constexpr std::size_t longestBar = 40; // columns
 

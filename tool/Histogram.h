@@ -1,4 +1,4 @@
-// Latencies as a small picture in text.
+// A histogram of latencies in text.
 #ifndef SOLVANE_TOOL_HISTOGRAM_H
 #define SOLVANE_TOOL_HISTOGRAM_H
 
@@ -7,19 +7,19 @@
 
 namespace Solvane::Tool {
 
-/// Keeps every measurement, so that its figures are exact.
+/// Stores every measurement, so percentiles are exact.
 class Histogram {
 public:
     void add(double milliseconds);
 
-    /// The smallest measurement that `percent` of all do not exceed: 0 the least, 100 the greatest.
-    /// Not of an empty histogram.
+    /// The `percent`th percentile: 0 is the minimum, 100 the maximum. The histogram must not be
+    /// empty.
     double percentile(unsigned int percent) const;
 
-    /// "min 0.8, p50 1.2, p99 4.0, max 4.0 ms". Not of an empty histogram.
+    /// "min 0.8, p50 1.2, p99 4.0, max 4.0 ms". The histogram must not be empty.
     std::string summary() const;
-    /// A line for each range, which begin at 1, 2 and 5 times powers of ten: its end, a bar, a count.
-    /// From the first range with a measurement to the last.
+    /// A line for each range: its upper bound, a bar, a count. Bounds are 1, 2 and 5 times powers
+    /// of ten, from the first range with a measurement to the last.
     std::vector<std::string> bars() const;
 
 private:

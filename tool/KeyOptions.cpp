@@ -1,4 +1,4 @@
-// The keys, out of arguments or a file.
+// The keys, from arguments or a file.
 #include "Options.h"
 
 #include "Failure.h"
@@ -15,17 +15,17 @@ constexpr int anyNumber = CLI::detail::expected_max_vector_size;
 
 void KeyOptions::declareOn(CLI::App& app)
 {
-    // CLI11 takes "[a,b]" apart where an option may have extra arguments, and "{}" when it converts
-    // to a vector. So: as many arguments as come, no extra ones, and read with results().
-    m_arguments = app.add_option("ADDRESS", "E-mail address, split at its last '@'; after -- also "
+    // CLI11 splits "[a,b]" if an option allows extra arguments, and drops "{}" when it converts to
+    // a vector. So: any number of arguments, no extra ones, and the values read with results().
+    m_arguments = app.add_option("ADDRESS", "E-mail address, split at its last '@'; put -- before "
                                             "one that begins with '-'")
                       ->expected(anyNumber, anyNumber)
                       ->take_all()
                       ->allow_extra_args(false)
                       ->type_name("");
-    m_fileOption =
-        app.add_option("-f,--file", m_file, "File with one address a line, '-' for standard input")
-            ->type_name("FILE");
+    m_fileOption = app.add_option("-f,--file", m_file,
+                                  "File with one address per line, '-' for standard input")
+                       ->type_name("FILE");
 }
 
 bool KeyOptions::isGiven() const { return m_arguments->count() != 0 || m_fileOption->count() != 0; }
@@ -33,12 +33,12 @@ bool KeyOptions::isGiven() const { return m_arguments->count() != 0 || m_fileOpt
 void KeyOptions::check() const
 {
     if (!isGiven()) {
-        throw Failure(Outcome::usage, "there is no address",
-                      "name one or more as arguments, or a file of them with -f");
+        throw Failure(Outcome::usage, "no address given",
+                      "give addresses as arguments, or a file of them with -f");
     }
     if (m_arguments->count() != 0 && m_fileOption->count() != 0) {
-        throw Failure(Outcome::usage, "there are addresses as arguments and with -f",
-                      "name one or more as arguments, or a file of them with -f");
+        throw Failure(Outcome::usage, "addresses are given both as arguments and with -f",
+                      "use one of the two");
     }
 }
 

@@ -1,4 +1,4 @@
-// Records by their lines; each line's value by OpenLDAP's parser.
+// Splits LDIF into records and lines; OpenLDAP's parser decodes each line.
 #include "LdifReader.h"
 
 #include "OpenLDAP.h"
@@ -19,13 +19,13 @@ bool isSame(std::string const& left, char const* right)
     return strcasecmp(left.c_str(), right) == 0;
 }
 
-/// An attribute description (RFC 4512 section 2.5) by its characters.
+/// Whether the text has only characters of attribute descriptions (RFC 4512 section 2.5).
 bool isDescription(std::string const& text)
 {
     return !text.empty() && isAlphanumeric(text, "-.;_");
 }
 
-/// Whether text is base64 (RFC 4648 section 4), blanks round it aside.
+/// Whether the text is base64 (RFC 4648 section 4), ignoring surrounding spaces.
 bool isBase64(std::string_view text)
 {
     constexpr std::string_view alphabet =
@@ -59,7 +59,7 @@ bool LdifReader::next(LdifEntry& entry)
     entry = LdifEntry();
     entry.line = m_record.front().number;
     takeDn(entry, m_record.front());
-    bool isHead = true; // controls and the kind of change stand before the attributes
+    bool isHead = true; // controls and changetype precede the attributes
     for (auto line = m_record.begin() + 1; line != m_record.end(); ++line) {
         takeAttribute(entry, *line, isHead);
         isHead = entry.attributes.empty();
@@ -70,7 +70,7 @@ bool LdifReader::next(LdifEntry& entry)
     return true;
 }
 
-/// The lines up to the next empty one, without comments, continuations joined. False at the end.
+/// Reads the lines up to the next empty one; drops comments, joins continuations. False at the end.
 bool LdifReader::readRecord()
 {
     m_record.clear();
@@ -104,7 +104,7 @@ void LdifReader::addLine(std::string const& text)
     }
 }
 
-/// Takes the line off that the first record begins with.
+/// Removes the "version:" line from the first record.
 void LdifReader::takeVersion()
 {
     LdifEntry nothing;
@@ -118,7 +118,7 @@ void LdifReader::takeVersion()
     Part const version = parse(nothing, m_record.front());
     if (version.value != "1") {
         refuse(nothing, nothing.line,
-               fmt::format("LDIF of version '{}' is not known", oneLine(version.value)),
+               fmt::format("unsupported LDIF version '{}'", oneLine(version.value)),
                "write version: 1");
     }
     m_record.erase(m_record.begin());
@@ -128,14 +128,15 @@ void LdifReader::takeDn(LdifEntry& entry, Line& line) const
 {
     Part part = parse(entry, line);
     if (isSame(part.name, "include")) {
-        refuse(entry, line.number, "other files are not included", "add them one by one");
+        refuse(entry, line.number, "include is not supported", "add the files one by one");
     }
     if (!isSame(part.name, "dn")) {
-        refuse(entry, line.number, fmt::format("the record begins with '{}'", oneLine(part.name)),
-               "begin it with dn:, after an empty line");
+        refuse(entry, line.number,
+               fmt::format("the record starts with '{}', not with dn", oneLine(part.name)),
+               "start each record with dn:, after an empty line");
     }
     if (hasNul(part.value) || !isUtf8(part.value) || part.value.empty()) {
-        refuse(entry, line.number, "the DN is no UTF-8 text", "correct the DN");
+        refuse(entry, line.number, "the DN is empty or not valid UTF-8", "correct the DN");
     }
     entry.dn = std::move(part.value);
 }
@@ -146,16 +147,16 @@ void LdifReader::takeAttribute(LdifEntry& entry, Line& line, bool isHead) const
     if (isHead && isSame(part.name, "changetype")) {
         if (!isSame(part.value, "add")) {
             refuse(entry, line.number,
-                   fmt::format("a change of type '{}' is not offered", oneLine(part.value)),
-                   "only entries are added");
+                   fmt::format("unsupported changetype '{}'", oneLine(part.value)),
+                   "only add is supported");
         }
         return;
     }
     if (isHead && isSame(part.name, "control")) {
-        refuse(entry, line.number, "controls are not offered", "leave the line out");
+        refuse(entry, line.number, "controls are not supported", "remove the line");
     }
     if (isSame(part.name, "dn")) {
-        refuse(entry, line.number, "a second DN", "put an empty line between records");
+        refuse(entry, line.number, "second DN in one record", "put an empty line between records");
     }
     addValue(entry, line, part);
 }
@@ -163,14 +164,14 @@ void LdifReader::takeAttribute(LdifEntry& entry, Line& line, bool isHead) const
 void LdifReader::addValue(LdifEntry& entry, Line const& line, Part const& part) const
 {
     if (!isDescription(part.name)) {
-        refuse(entry, line.number, fmt::format("'{}' is no attribute", oneLine(part.name)),
+        refuse(entry, line.number, fmt::format("invalid attribute name '{}'", oneLine(part.name)),
                "write attribute: value");
     }
     LDAPAttributeType const type(part.name);
     if (hasNul(part.value) && !type.isBinary()) {
         refuse(entry, line.number,
-               fmt::format("the value of {} holds a NUL byte and would end there", part.name),
-               "only attributes with the option ;binary can be added with one");
+               fmt::format("the value of {} contains a NUL byte and would be cut there", part.name),
+               "only attributes with the option ;binary may contain one");
     }
     auto const known =
         std::find_if(entry.attributes.begin(), entry.attributes.end(),
@@ -186,26 +187,26 @@ void LdifReader::addValue(LdifEntry& entry, Line const& line, Part const& part) 
 LdifReader::Part LdifReader::parse(LdifEntry const& entry, Line& line) const
 {
     if (hasNul(line.text)) {
-        refuse(entry, line.number, "the line holds a NUL byte", "write such values in base64");
+        refuse(entry, line.number, "the line contains a NUL byte", "encode the value in base64");
     }
     auto const colon = line.text.find(':');
     if (colon == std::string::npos || colon == 0) {
-        refuse(entry, line.number, "the line is no 'attribute: value'",
-               "begin a continued line with one blank, and a comment with '#'");
+        refuse(entry, line.number, "the line is not of the form 'attribute: value'",
+               "start a continuation line with one space, and a comment with '#'");
     }
-    if (line.text[colon + 1] == '<') { // looked at first: OpenLDAP's parser fetches it
-        refuse(entry, line.number, "a value from a URL is not read",
-               "write it in base64 after '::'");
+    if (line.text[colon + 1] == '<') { // checked here because OpenLDAP's parser would fetch it
+        refuse(entry, line.number, "values from a URL are not supported",
+               "write the value in base64 after '::'");
     }
-    // Looked at first: OpenLDAP's parser complains on standard error.
+    // Checked here because OpenLDAP's parser prints an error on standard error.
     if (line.text[colon + 1] == ':' && !isBase64(std::string_view(line.text).substr(colon + 2))) {
-        refuse(entry, line.number, "the value is no base64", "correct the value");
+        refuse(entry, line.number, "invalid base64", "correct the value");
     }
     berval name = {};
     berval value = {};
     int isAllocated = 0;
     if (ldif_parse_line2(line.text.data(), &name, &value, &isAllocated) != 0) {
-        refuse(entry, line.number, "the line cannot be read", "write attribute: value");
+        refuse(entry, line.number, "malformed line", "write attribute: value");
     }
     Part part{std::string(name.bv_val, name.bv_len), std::string(value.bv_val, value.bv_len)};
     if (isAllocated != 0) {

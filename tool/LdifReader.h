@@ -1,4 +1,4 @@
-// Entries to add, out of LDIF (RFC 2849).
+// Reads entries to add from LDIF (RFC 2849).
 #ifndef SOLVANE_TOOL_LDIF_READER_H
 #define SOLVANE_TOOL_LDIF_READER_H
 
@@ -14,14 +14,14 @@
 
 namespace Solvane::Tool {
 
-/// An entry as a record describes it.
+/// An entry described by a record.
 struct LdifEntry {
-    unsigned long line = 0; ///< where the record begins, counted from 1
-    std::string dn;         ///< as it is written; empty where the record has none that can be read
-    std::list<LDAPAttribute> attributes; ///< in the order in which they appear first
+    unsigned long line = 0;              ///< where the record begins, counted from 1
+    std::string dn;                      ///< as written; empty if the record has no valid one
+    std::list<LDAPAttribute> attributes; ///< in order of first appearance
 };
 
-/// What is wrong with one record; the reader goes on behind it.
+/// An invalid record; the reader continues with the next one.
 class LdifFault : public Failure {
 public:
     LdifFault(LdifEntry const& entry, std::string const& cause, std::string const& remedy)
@@ -29,23 +29,24 @@ public:
     {
     }
 
-    /// What was read of the record.
+    /// The part of the record that was read.
     LdifEntry const& entry() const { return m_entry; }
 
 private:
     LdifEntry m_entry;
 };
 
-/// Reads content records, and change records that add. Values named by a URL and included files are
-/// refused: LDIF from elsewhere must not read the files of whoever loads it.
+/// Reads content records, and change records of type add. Values from URLs and included files are
+/// refused: LDIF from another source must not read files of the user who loads it. Not thread-safe.
 class LdifReader {
 public:
     /// @param path  "-" for standard input
     /// @throws Failure  "configuration": the file cannot be opened
     explicit LdifReader(std::string const& path);
 
-    /// False at the end.
-    /// @throws LdifFault  a record that is none, or cannot be added; the text names file and line
+    /// Reads the next entry.
+    /// @return false at the end
+    /// @throws LdifFault  the record is malformed or unsupported; the text names file and line
     /// @throws Failure    "configuration": the file cannot be read
     bool next(LdifEntry& entry);
 
@@ -71,9 +72,9 @@ private:
 
     std::string m_name;
     LineReader m_lines;
-    unsigned long m_number = 0; ///< of the line read last
+    unsigned long m_number = 0; ///< of the last line read
     bool m_isFirst = true;
-    bool m_isComment = false; ///< whether the line read last belongs to a comment
+    bool m_isComment = false; ///< whether the last line read belongs to a comment
     std::vector<Line> m_record;
 };
 

@@ -1,4 +1,4 @@
-// OpenLDAP's writer of LDIF.
+// Writes LDIF with OpenLDAP's functions.
 #include "LdifText.h"
 
 #include "OpenLDAP.h"

@@ -1,4 +1,4 @@
-// Lines of LDIF (RFC 2849).
+// Writes lines of LDIF (RFC 2849).
 #ifndef SOLVANE_TOOL_LDIF_TEXT_H
 #define SOLVANE_TOOL_LDIF_TEXT_H
 
@@ -9,11 +9,11 @@ namespace Solvane::Tool {
 
 /// How a value is written.
 enum class LdifForm {
-    asFits, ///< as it is, unless it needs base64
-    base64,
+    asFits, ///< as text if possible, else in base64
+    base64, ///< always in base64
 };
 
-/// Appends a line, folded as needed, with its end.
+/// Appends a line with its newline, folded if it is long.
 void appendLdif(std::string& out, std::string const& name, std::string_view value,
                 LdifForm form = LdifForm::asFits);
 

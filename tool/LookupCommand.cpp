@@ -19,19 +19,19 @@ namespace {
 
 constexpr char footer[] =
     "Each address gets one record, in the order given: found, not found, skipped, or an\n"
-    "error. 'Not found' is said only of a complete answer to the identity that was bound.\n"
-    "No option takes a password: it would be seen in the list of processes.\n\n"
+    "error. 'Not found' means that a server answered completely to the bound identity.\n"
+    "No option takes a password: other users could see it in the list of processes.\n\n"
     "Exit status, the worst of all addresses:\n"
     "   0  found\n"
-    "   1  answered, but not found; or what --nouser says\n"
-    "  64  usage\n"
-    "  65  template, filter or address wrong; more than one entry with --single\n"
-    "  69  the server refuses for good, or refers elsewhere\n"
-    "  74  standard output cannot be written\n"
+    "   1  not found or skipped; --nouser sets another status\n"
+    "  64  usage error\n"
+    "  65  invalid template, filter or address; more than one entry with --single\n"
+    "  69  refused permanently, or referred to another server\n"
+    "  74  cannot write to standard output\n"
     "  75  try later: servers down, no answer in time, busy, a limit hit\n"
     "  77  credentials, access or certificate refused\n"
-    "  78  base missing, or a setting, file or password that cannot be used\n"
-    "In the order of their weight: 64, 78, 77, 75, 69, 65, 1, 0.";
+    "  78  base missing, or an unusable setting, file or password\n"
+    "Precedence, worst first: 64, 78, 77, 75, 69, 65, 1, 0.";
 
 std::unique_ptr<LDAPLookup> makeLookup(LDAPLookup::Settings const& settings)
 {
@@ -51,8 +51,8 @@ void LookupCommand::declareOn(CLI::App& app)
     m_settings.declareOn(app, Setting::Group::bulk);
     app.add_flag("--single", m_isSingle, "More than one entry for an address is an error");
     addValue(app, "--nouser", m_noUser, numberBetween(1, 125), "STATUS",
-             "Exit status instead of 1, as 67 for mail servers");
-    app.add_flag("-c,--continue", m_goesOn, "Go on after an error; always done");
+             "Exit status instead of 1, for example 67 for mail servers");
+    app.add_flag("-c,--continue", m_goesOn, "Continue after an error; always on");
     m_keys.declareOn(app);
     app.footer(footer);
 }
@@ -72,8 +72,8 @@ int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics&
 {
     m_keys.check();
     if (m_keys.readsStandardInput() && common.readsStandardInput()) {
-        throw Failure(Outcome::usage, "addresses and password both come from standard input",
-                      "give one of them another way, as in --password-fd 3 3<FILE");
+        throw Failure(Outcome::usage, "addresses and password are both read from standard input",
+                      "pass one of them another way, as in --password-fd 3 3<FILE");
     }
     m_keys.separator(common.recordEnd());
     Secret password;

@@ -1,4 +1,4 @@
-// Records as they come, figures at the end.
+// Writes records as they arrive, and statistics at the end.
 #include "LookupRun.h"
 
 #include "Failure.h"
@@ -14,15 +14,14 @@ namespace Solvane::Tool {
 
 namespace {
 
-/// With --single, several entries are an error.
+/// Makes several entries an error (--single).
 void refuseSeveral(Record& record)
 {
     Lookup::Answer& answer = record.answer;
     record.hasTooManyEntries =
         answer.outcome == Lookup::Outcome::Found && answer.entries.size() > 1;
     if (record.hasTooManyEntries) {
-        answer.text =
-            fmt::format("{} entries where one is wanted (--single)", answer.entries.size());
+        answer.text = fmt::format("{} entries found, --single allows one", answer.entries.size());
     }
 }
 
@@ -43,7 +42,7 @@ Outcome LookupRun::over(KeyOptions& keys)
     m_pending = m_writer->opening();
     Record record;
     auto const source = [&](std::string& key, bool mayWait) {
-        flush(); // answers are seen before anything else is awaited
+        flush(); // print the answers before waiting for more keys
         auto const supplied = keys.next(key, mayWait);
         m_hasMoreKeys = supplied == LDAPLookup::Supply::key;
         return supplied;
@@ -93,7 +92,7 @@ void LookupRun::count(Record const& record)
     }
 }
 
-/// Once for keys that follow each other: a server that is down has the same to say about each.
+/// Prints equal errors of consecutive keys once: if a server is down, they are all the same.
 void LookupRun::complain(Record const& record)
 {
     Lookup::Answer const& answer = record.answer;
@@ -109,7 +108,7 @@ void LookupRun::complain(Record const& record)
     } else if (m_diagnostics.level() == Diagnostics::Level::verbose) {
         m_diagnostics.note(
             fmt::format("{}: {} by {} in {:.1f} ms: {}{}", record.key, statusOf(record),
-                        answer.server.empty() ? "nobody" : answer.server, answer.milliseconds,
+                        answer.server.empty() ? "no server" : answer.server, answer.milliseconds,
                         answer.filter, answer.text.empty() ? "" : "; " + answer.text));
     }
 }
@@ -117,8 +116,9 @@ void LookupRun::complain(Record const& record)
 void LookupRun::endComplaint()
 {
     if (m_unspoken != 0) {
-        m_diagnostics.error(m_unspoken == 1 ? "the same for 1 more key"
-                                            : fmt::format("the same for {} more keys", m_unspoken));
+        m_diagnostics.error(m_unspoken == 1
+                                ? "same error for 1 more key"
+                                : fmt::format("same error for {} more keys", m_unspoken));
         m_unspoken = 0;
     }
 }
@@ -131,7 +131,7 @@ void LookupRun::flush()
     }
 }
 
-/// The time within which this part of the keys was answered, in milliseconds.
+/// The time in milliseconds within which this fraction of the keys was answered.
 double LookupRun::percentile(double part) const
 {
     if (m_milliseconds.empty()) {

@@ -1,4 +1,4 @@
-// Keys into records: the engine's answers written, counted and complained about.
+// Runs the engine over all keys; writes and counts the records and reports errors.
 #ifndef SOLVANE_TOOL_LOOKUP_RUN_H
 #define SOLVANE_TOOL_LOOKUP_RUN_H
 
@@ -17,22 +17,23 @@
 
 namespace Solvane::Tool {
 
-/// One run over all keys.
+/// One run over all keys. Not thread-safe.
 class LookupRun {
 public:
     /// @param single  more than one entry for a key is an error
     LookupRun(LDAPLookup& lookup, CommonOptions const& common, bool single, Output& output,
               Diagnostics& diagnostics);
 
-    /// Looks every key up; each gets one record.
+    /// Looks up every key and writes one record for each.
     /// @return the worst outcome
-    /// @throws Failure, ReaderGone
+    /// @throws Failure     the keys cannot be read, or the output cannot be written
+    /// @throws ReaderGone  the reader of standard output is gone
     Outcome over(KeyOptions& keys);
-    /// On standard error, as it was asked for with --stats.
+    /// Prints the statistics of --stats on standard error.
     void printStatistics(Stats form) const;
 
 private:
-    /// What `--stats` tells.
+    /// The counts shown by `--stats`.
     struct Counts {
         unsigned long keys = 0;
         unsigned long found = 0;
@@ -54,13 +55,13 @@ private:
     Output& m_output;
     Diagnostics& m_diagnostics;
     std::unique_ptr<RecordWriter> m_writer;
-    std::string m_pending;     ///< records that are not written yet
-    bool m_hasMoreKeys = true; ///< at once: their answers may be written together
+    std::string m_pending;     ///< records not written yet
+    bool m_hasMoreKeys = true; ///< without waiting: records may be written together
     Outcome m_worst = Outcome::found;
     Counts m_counts;
-    std::string m_complaint;                   ///< made last
-    unsigned long m_unspoken = 0;              ///< keys after it with the same
-    mutable std::vector<float> m_milliseconds; ///< of every key; only for statistics
+    std::string m_complaint;                   ///< the last error printed
+    unsigned long m_unspoken = 0;              ///< later keys with the same error
+    mutable std::vector<float> m_milliseconds; ///< of every key; only with --stats
     std::chrono::steady_clock::time_point m_start;
 };
 

@@ -1,4 +1,4 @@
-// The one place of the tool that includes OpenLDAP's headers: result codes, URIs, LDIF.
+// The only file of the tool that includes OpenLDAP's headers: result codes, URIs, LDIF.
 #ifndef SOLVANE_TOOL_OPENLDAP_H
 #define SOLVANE_TOOL_OPENLDAP_H
 

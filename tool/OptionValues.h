@@ -1,4 +1,4 @@
-// Declaring options whose values are checked while the command line is read.
+// Declares options whose values are validated while the command line is parsed.
 #ifndef SOLVANE_TOOL_OPTION_VALUES_H
 #define SOLVANE_TOOL_OPTION_VALUES_H
 
@@ -11,9 +11,10 @@
 
 namespace Solvane::Tool {
 
-/// Declares an option that sets `value` to what `read` makes of its text.
-/// @param names  as CLI11 takes them; complaints show the first
-/// @param shape  what stands for the value in the help
+/// Declares an option that sets `value` to `read(text)`.
+/// @param names  in CLI11's notation; errors show the first one
+/// @param shape  placeholder for the value in the help
+/// @throws Failure  "usage", while the command line is parsed: `read` refused the text
 template <typename Value, typename Read>
 CLI::Option* addValue(CLI::App& app, std::string const& names, std::optional<Value>& value,
                       Read const& read, std::string const& shape, std::string const& description)

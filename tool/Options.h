@@ -1,5 +1,5 @@
-// Groups of options that several subcommands share, apart from those of the settings' table. Each
-// value is checked when the command line is read; a wrong one is a Failure "usage".
+// Options shared by several subcommands, except those of the settings table. Values are validated
+// while the command line is parsed; an invalid one throws a Failure "usage".
 #ifndef SOLVANE_TOOL_OPTIONS_H
 #define SOLVANE_TOOL_OPTIONS_H
 
@@ -25,37 +25,37 @@ namespace Solvane::Tool {
 /// Whether and how --stats prints figures at the end.
 enum class Stats { none, text, json };
 
-/// The options of every subcommand, declared once: they stand before it or behind it.
+/// The options of every subcommand. They are allowed before and after its name.
 class CommonOptions {
 public:
-    /// Declares the options on the program as a whole.
+    /// Declares the options on the program.
     void declareOn(CLI::App& app);
-    /// Declares on a subcommand what CLI11 does not find on the program as a whole.
+    /// Declares on a subcommand the options that CLI11 does not find on the program.
     void declareOnCommand(CLI::App& command);
 
-    /// What -C names, read at the first call; without -C an empty one.
+    /// The settings file of -C, read at the first call; without -C an empty one.
     /// @throws Failure  "configuration"
     SettingsFile const& file() const;
 
-    /// What the file says, overridden by the options of every subcommand.
+    /// The settings of the file, overridden by the common options.
     /// @throws Failure  "configuration": the file cannot be used
     Draft draft() const;
     /// The engine's settings: the draft, its servers and the password of its DN.
-    /// @param password  receives it, read where the options or the file say
-    /// @throws Failure  "usage": no server, or a DN without a password; "configuration": a password
-    ///                  that cannot be read
+    /// @param password  receives the password, from the source that the options or the file name
+    /// @throws Failure  "usage": no server, a DN without a password, or a password without a DN;
+    ///                  "configuration": the password cannot be read
     LDAPLookup::Settings settings(Draft const& draft, Secret& password) const;
 
     Diagnostics::Level level() const;
     Stats stats() const;
     /// One of `recordFormats`.
     std::string const& format() const { return m_format; }
-    /// What ends a key of the input and a record of the output: newline, or NUL with -0.
+    /// Ends each key of the input and each record of the output: newline, or NUL with -0.
     char recordEnd() const { return m_endsInNul ? '\0' : '\n'; }
-    /// Whether the password comes from descriptor 0.
+    /// Whether the password is read from descriptor 0.
     bool readsStandardInput() const;
 
-    /// Switches OpenLDAP's own debug output (-d) on. What would print a password stays off.
+    /// Enables OpenLDAP's debug output (-d), except levels that would print a password.
     void debugOpenLDAP(Diagnostics const& diagnostics) const;
 
 private:
@@ -79,29 +79,29 @@ private:
     mutable std::unique_ptr<SettingsFile> m_file;
 };
 
-/// @throws Failure  "usage": the settings have no base to search
+/// @throws Failure  "usage": the settings have no search base
 void requireBase(Draft const& draft);
 
-/// The keys: arguments, or the lines of a file.
+/// The keys: arguments, or the lines of a file. Not thread-safe.
 class KeyOptions {
 public:
     void declareOn(CLI::App& app);
     bool isGiven() const;
-    /// @throws Failure  "usage": no keys, or both kinds
+    /// @throws Failure  "usage": no keys, or both arguments and a file
     void check() const;
     bool readsStandardInput() const;
-    /// What ends a key in a file; newline unless it is set. Before the first key.
+    /// Sets the byte that ends a key in a file; newline by default. Call it before the first key.
     void separator(char separator) { m_separator = separator; }
 
-    /// Gives the next key; a line's end is no part of it. Never waits unless `mayWait`.
+    /// Reads the next key, without the end of its line. Blocks only if `mayWait`.
     /// @throws Failure  "configuration": the file cannot be read
     LDAPLookup::Supply next(std::string& key, bool mayWait);
-    /// What `next` reads without waiting, if the keys come from a pipe, a socket or a terminal; else
-    /// -1.
+    /// The descriptor to poll before `next`, if the keys come from a pipe, a socket or a terminal;
+    /// else -1.
     /// @throws Failure  "configuration": the file cannot be opened
     int descriptor();
-    /// How many keys there are, where that can be known beforehand: arguments, or a regular file.
-    /// Before the first key.
+    /// The number of keys, if known beforehand: of arguments or a regular file. Call it before the
+    /// first key.
     std::optional<unsigned long> total();
 
 private:
@@ -109,7 +109,7 @@ private:
 
     std::string m_file;
     char m_separator = '\n';
-    std::size_t m_used = 0; ///< arguments that were given out
+    std::size_t m_used = 0; ///< arguments returned so far
     std::unique_ptr<LineReader> m_reader;
     CLI::Option const* m_arguments = nullptr;
     CLI::Option const* m_fileOption = nullptr;

@@ -1,4 +1,4 @@
-// The tables of outcomes.
+// Maps result codes to outcomes, exit statuses and remedies.
 #include "Outcome.h"
 
 #include "OpenLDAP.h"
@@ -16,17 +16,17 @@ namespace {
 
 using Kind = Lookup::Outcome;
 
-constexpr int certificateRefused = -11; // as Lookup::Verdict says it
+constexpr int certificateRefused = -11; // code of a Lookup::Verdict
 
 constexpr int deniedCodes[] = {
     certificateRefused,      LDAP_AUTH_METHOD_NOT_SUPPORTED, LDAP_STRONG_AUTH_REQUIRED,
     LDAP_INAPPROPRIATE_AUTH, LDAP_CONFIDENTIALITY_REQUIRED,  LDAP_INVALID_CREDENTIALS,
     LDAP_INSUFFICIENT_ACCESS};
 
-/// As a refusal it is one of a bind, with a DN that the server does not know.
+/// If refused, it comes from a bind with a DN that the server does not have.
 constexpr int unknownBindDn = LDAP_NO_SUCH_OBJECT;
 
-/// What is wrong with what was given: a filter, a DN, an entry.
+/// The input is wrong: a filter, a DN or an entry.
 constexpr int badInputCodes[] = {
     LDAP_FILTER_ERROR,           LDAP_NO_SUCH_ATTRIBUTE,      LDAP_UNDEFINED_TYPE,
     LDAP_INAPPROPRIATE_MATCHING, LDAP_CONSTRAINT_VIOLATION,   LDAP_TYPE_OR_VALUE_EXISTS,
@@ -49,25 +49,26 @@ struct Remedy {
     char const* text;
 };
 
-constexpr char narrow[] = "make the template narrower or raise the limit";
+constexpr char narrow[] = "narrow the template or raise the limit";
 constexpr char askAnother[] = "ask the server that holds the data (-H)";
 constexpr char askAdministrator[] = "ask the server's administrator";
 constexpr char checkTemplate[] = "check the template with 'solvane-ldap expand --lint'";
 constexpr char checkPassword[] = "check -D and the password";
-// DN and password are checked before they are sent: what is left is the list of authorities.
+// DN and password are validated before they are sent, so what remains is the list of authorities.
 constexpr char nameAuthorities[] =
-    "name the authority's file with --tls-ca or install the package ca-certificates";
+    "give the CA's file with --tls-ca or install the package ca-certificates";
 constexpr char useTls[] = "use ldaps:// in -H";
 constexpr char bindOtherwise[] = "bind with a DN and password (-D)";
-constexpr char mendAlias[] = "mend the alias or search with -a never";
+constexpr char mendAlias[] = "correct the alias or search with -a never";
 constexpr char checkEntry[] = "correct the entry, or the server's schema";
-constexpr char checkServer[] = "check that the server runs, and scheme, host and port of -H";
+constexpr char checkServer[] =
+    "check that the server is running, and the scheme, host and port in -H";
 
 // clang-format off
 constexpr Remedy searchRemedies[] = {
     { LDAP_SERVER_DOWN,               checkServer },
     { LDAP_TIMEOUT,                   "try again later or raise -o nettimeout or --deadline" },
-    { certificateRefused,             "look at it with 'solvane-ldap check', then choose --tls-ca or the host's name in -H" },
+    { certificateRefused,             "run 'solvane-ldap check' for details, then correct --tls-ca or the host name in -H" },
     { LDAP_PARAM_ERROR,               nameAuthorities },
     { LDAP_FILTER_ERROR,              checkTemplate },
     { LDAP_NO_SUCH_ATTRIBUTE,         checkTemplate },
@@ -83,13 +84,13 @@ constexpr Remedy searchRemedies[] = {
     { LDAP_TIMELIMIT_EXCEEDED,        narrow },
     { LDAP_SIZELIMIT_EXCEEDED,        narrow },
     { LDAP_ADMINLIMIT_EXCEEDED,       narrow },
-    { LDAP_AUTH_METHOD_NOT_SUPPORTED, "the server takes no simple bind" },
+    { LDAP_AUTH_METHOD_NOT_SUPPORTED, "use a server that accepts simple binds" },
     { LDAP_STRONG_AUTH_REQUIRED,      useTls },
     { LDAP_CONFIDENTIALITY_REQUIRED,  useTls },
     { LDAP_INAPPROPRIATE_AUTH,        bindOtherwise },
     { LDAP_INVALID_CREDENTIALS,       checkPassword },
-    { LDAP_INSUFFICIENT_ACCESS,       "bind as somebody with the right to read it (-D)" },
-    { LDAP_OPERATIONS_ERROR,          "try again later; where the server asks for a bind, use -D" },
+    { LDAP_INSUFFICIENT_ACCESS,       "bind with a DN that may read it (-D)" },
+    { LDAP_OPERATIONS_ERROR,          "try again later; if the server requires a bind, use -D" },
     { LDAP_PROTOCOL_ERROR,            "choose another protocol version (-P)" },
     { LDAP_NO_SUCH_OBJECT,            "correct the base (-b)" },
     { LDAP_ALIAS_PROBLEM,             mendAlias },
@@ -106,7 +107,7 @@ constexpr Remedy addRemedies[] = {
     { LDAP_STRONG_AUTH_REQUIRED,      bindOtherwise },
     { LDAP_CONFIDENTIALITY_REQUIRED,  useTls },
     { LDAP_INVALID_CREDENTIALS,       checkPassword },
-    { LDAP_INSUFFICIENT_ACCESS,       "bind as somebody with the right to write there (-D)" },
+    { LDAP_INSUFFICIENT_ACCESS,       "bind with a DN that may write there (-D)" },
 };
 // clang-format on
 
@@ -211,13 +212,13 @@ Outcome outcomeOfAdd(int code)
     if (holds(deniedCodes, code)) {
         return Outcome::denied;
     }
-    if (holds(badInputCodes, code) || code == LDAP_PARAM_ERROR) { // a record that is none
+    if (holds(badInputCodes, code) || code == LDAP_PARAM_ERROR) { // an invalid record
         return Outcome::badInput;
     }
     if (holds(refusedCodes, code)) {
         return Outcome::refused;
     }
-    // What is not known to last is worth another try.
+    // Any other code may be temporary.
     return holds(configurationCodes, code) ? Outcome::configuration : Outcome::tryLater;
 }
 

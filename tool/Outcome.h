@@ -1,5 +1,4 @@
-// What a run of the tool can come to, what the process's exit status says of it, and which of them
-// each LDAP result code means.
+// The outcomes of a run, the exit status of each, and the outcome of each LDAP result code.
 #ifndef SOLVANE_TOOL_OUTCOME_H
 #define SOLVANE_TOOL_OUTCOME_H
 
@@ -10,19 +9,19 @@ struct Verdict;
 
 namespace Solvane::Tool {
 
-/// In the order of their weight: of several keys, the worst decides the exit status.
+/// In ascending severity: with several keys, the worst one decides the exit status.
 enum class Outcome {
     found,
-    notFound,      ///< the directory answered, and has no such entry
-    exists,        ///< an entry that is to be added is there already
-    badInput,      ///< template, filter, key, LDIF or DN
-    refused,       ///< for good, or referred elsewhere
-    tryLater,      ///< down, no answer in time, busy, a limit hit
-    denied,        ///< credentials, access or certificate
-    configuration, ///< base missing, a file that cannot be used
-    usage,         ///< the command line
-    outputFailed,  ///< standard output cannot be written
-    internal,      ///< a fault of the tool itself
+    notFound,      ///< a server answered: no such entry
+    exists,        ///< the entry to add already exists
+    badInput,      ///< invalid template, filter, key, LDIF or DN
+    refused,       ///< permanently, or referred to another server
+    tryLater,      ///< temporary: down, no answer in time, busy, a limit hit
+    denied,        ///< credentials, access or certificate refused
+    configuration, ///< base missing, or an unusable file
+    usage,         ///< invalid command line
+    outputFailed,  ///< cannot write to standard output
+    internal,      ///< an error of the tool itself
 };
 
 /// Exit status of the process (sysexits.h's numbers, and 0 and 1).
@@ -30,14 +29,14 @@ int exitStatusOf(Outcome outcome);
 
 Outcome worse(Outcome left, Outcome right);
 
-/// The outcome of a key. One that was skipped has no entry, and counts as not found.
+/// The outcome of a key; a skipped one counts as not found.
 Outcome outcomeOf(Lookup::Answer const& answer);
-/// The outcome of a step on the way to an answer, as a connect or a bind.
+/// The outcome of a step, such as a connect or a bind.
 Outcome outcomeOf(Lookup::Verdict const& verdict);
-/// The outcome of an add that was answered with `code`, or could not be sent for it.
+/// The outcome of an add that was answered with `code`, or that could not be sent.
 Outcome outcomeOfAdd(int code);
 
-/// What the user can do about it; empty where nothing is wrong.
+/// What the user can do about it; empty unless something failed.
 char const* remedyFor(Lookup::Answer const& answer);
 char const* remedyFor(Lookup::Verdict const& verdict);
 char const* remedyForAdd(int code);

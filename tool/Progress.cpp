@@ -1,4 +1,4 @@
-// Drawing the line, and how rarely that is done.
+// Draws the progress line, and limits how often.
 #include "Progress.h"
 
 #include <fmt/format.h>
@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 constexpr auto delay = 500ms;    // before the first line
 constexpr auto interval = 200ms; // between two lines
-constexpr auto lookEvery = 50ms; // aimed at, between two looks at the clock
+constexpr auto lookEvery = 50ms; // target time between two readings of the clock
 constexpr unsigned long largestStep = 65536;
 
 unsigned int terminalColumns()
@@ -61,7 +61,7 @@ void Progress::finish()
     }
 }
 
-/// Looks at the clock, and decides how much work may pass until the next look.
+/// Reads the clock, and adapts after how much work it is read again.
 void Progress::look(unsigned long done)
 {
     Clock::time_point const now = Clock::now();
@@ -93,13 +93,13 @@ std::string Progress::lineFor(unsigned long done, double seconds, unsigned int c
         if (done != 0) {
             line += ", " + timeText(static_cast<double>(ahead) / rate) + " left";
         }
-        // The bar takes what the figures leave; its frame is three characters.
+        // The bar fills what the figures leave; its frame takes three columns.
         auto const figures = static_cast<unsigned int>(line.size()) + 4;
         if (columns >= figures + leastBar) {
             line.insert(0, bar(part, std::min(columns - figures, widestBar)));
         }
     }
-    // Never in the last column: the cursor would go to the next line.
+    // The last column stays empty, or the cursor would move to the next line.
     line.resize(std::min<std::size_t>(line.size(), columns - 1));
     return line;
 }

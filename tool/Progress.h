@@ -1,4 +1,4 @@
-// How far a long run has come, on a terminal.
+// Shows the progress of a long run on a terminal.
 #ifndef SOLVANE_TOOL_PROGRESS_H
 #define SOLVANE_TOOL_PROGRESS_H
 
@@ -10,26 +10,27 @@
 
 namespace Solvane::Tool {
 
-/// A line on standard error: bar or count, rate, and time left. Only where standard error is a
-/// terminal, nothing asked for silence, and the results go elsewhere; not in the first half second.
-/// Diagnostics that are written meanwhile stand above it.
+/// A line on standard error with bar or count, rate and time left. Shown only if standard error is
+/// a terminal, standard output is not, and -q is not set; starts after half a second. Diagnostics
+/// appear above it.
 class Progress {
 public:
-    /// @param total  how much there is to do, where that is known
+    /// @param total  the amount of work, if known
     Progress(Diagnostics& diagnostics, std::optional<unsigned long> total);
     /// Erases the line.
     ~Progress();
     Progress(Progress const&) = delete;
     Progress& operator=(Progress const&) = delete;
 
-    /// @param done  how much is done by now. Cheap: to be called for each piece of work.
+    /// Updates the line if it is due. Cheap; call it for each piece of work.
+    /// @param done  total work done so far
     void update(unsigned long done)
     {
         if (m_isShown && done >= m_nextLook) {
             look(done);
         }
     }
-    /// Erases the line; nothing is shown any more.
+    /// Erases the line and shows nothing afterwards.
     void finish();
 
 private:
@@ -41,8 +42,8 @@ private:
     Diagnostics& m_diagnostics;
     std::optional<unsigned long> m_total;
     bool m_isShown;
-    unsigned long m_step = 1;     ///< pieces of work between two looks at the clock
-    unsigned long m_nextLook = 0; ///< number of pieces at which the clock is looked at
+    unsigned long m_step = 1;     ///< pieces of work between two readings of the clock
+    unsigned long m_nextLook = 0; ///< pieces of work at which the clock is read next
     Clock::time_point m_start;
     Clock::time_point m_lastLook;
     Clock::time_point m_nextLine;

@@ -1,4 +1,4 @@
-// Reading passwords byte by byte into memory that is overwritten.
+// Reads passwords byte by byte into memory that is wiped.
 #include "Secret.h"
 
 #include "Failure.h"
@@ -22,7 +22,7 @@ namespace {
 
 void writeTo(int terminal, std::string const& text)
 {
-    // A prompt that is not seen is no reason to stop.
+    // A prompt that cannot be shown is not an error.
     (void)!write(terminal, text.data(), text.size());
 }
 
@@ -40,12 +40,12 @@ void Secret::readFile(std::string const& path)
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {
         throw unusableFile(source, path, errno);
     }
-    // Asked of the open file, not of the name: it may come to mean another file at any time.
+    // Checks the open file, not its name, which another file may take at any time.
     if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
         throw Failure(Outcome::configuration,
-                      fmt::format("{} '{}' can be read by others (mode {:03o})", source, path,
+                      fmt::format("{} '{}' is readable by other users (mode {:03o})", source, path,
                                   status.st_mode & 0777U),
-                      "chmod 600 it, and change the password if others had access");
+                      "set mode 600, and change the password if others had access");
     }
     readToEnd(file.get(), fmt::format("{} '{}'", source, path));
 }
@@ -59,7 +59,7 @@ void Secret::ask(std::string const& dn)
 {
     Descriptor const terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!terminal.isOpen()) {
-        throw Failure(Outcome::configuration, "-W finds no terminal to ask for the password",
+        throw Failure(Outcome::configuration, "no terminal to ask for the password (-W)",
                       "use -y FILE or --password-fd N");
     }
     std::string const prompt = fmt::format("Password for {}: ", oneLine(dn));
@@ -69,7 +69,7 @@ void Secret::ask(std::string const& dn)
     finish("the password");
 }
 
-/// False when a signal interrupted it that did not end the process.
+/// Returns false if a signal interrupted it without ending the process.
 bool Secret::askOnce(int terminal, std::string const& prompt)
 {
     EchoOff const silence(terminal);
@@ -107,7 +107,7 @@ void Secret::readToEnd(int descriptor, std::string const& source)
     finish(source);
 }
 
-/// False at the end.
+/// Returns false at the end of the input.
 bool Secret::readByte(int descriptor, std::string const& source, char& byte)
 {
     for (;;) {
@@ -117,8 +117,8 @@ bool Secret::readByte(int descriptor, std::string const& source, char& byte)
         }
         if (errno != EINTR) {
             throw Failure(Outcome::configuration,
-                          fmt::format("{} cannot be read: {}", source, strerror(errno)),
-                          "name a source of the password that you can read");
+                          fmt::format("cannot read {}: {}", source, strerror(errno)),
+                          "use another source for the password");
         }
     }
 }
@@ -126,13 +126,13 @@ bool Secret::readByte(int descriptor, std::string const& source, char& byte)
 void Secret::append(char byte, std::string const& source)
 {
     if (byte == '\0') {
-        throw Failure(Outcome::configuration, fmt::format("{} holds a NUL byte", source),
-                      "a password with one cannot be sent, correct it");
+        throw Failure(Outcome::configuration, fmt::format("{} contains a NUL byte", source),
+                      "such a password cannot be sent, correct it");
     }
     if (m_text.size() == longest) {
         throw Failure(Outcome::configuration,
                       fmt::format("{} is longer than {} bytes", source, longest),
-                      "it must hold the password and nothing else");
+                      "it must contain only the password");
     }
     m_text.push_back(byte);
 }
@@ -142,8 +142,8 @@ void Secret::finish(std::string const& source)
     if (m_text.empty()) {
         throw Failure(
             Outcome::configuration, fmt::format("{} is empty", source),
-            "many servers take an empty password as anonymous: give the password, or leave "
-            "-D out");
+            "many servers treat an empty password as an anonymous bind: give the password, or "
+            "omit -D");
     }
 }
 

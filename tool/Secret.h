@@ -1,4 +1,4 @@
-// Passwords: where they come from, and how long their bytes live.
+// Passwords: their sources, and the lifetime of their bytes.
 #ifndef SOLVANE_TOOL_SECRET_H
 #define SOLVANE_TOOL_SECRET_H
 
@@ -7,7 +7,7 @@
 
 namespace Solvane::Tool {
 
-/// A password, overwritten at its end. Never copied, never shown.
+/// Owns a password; the destructor overwrites it. Never copied, never shown. Not thread-safe.
 class Secret {
 public:
     Secret();
@@ -16,19 +16,19 @@ public:
     Secret& operator=(Secret const&) = delete;
 
     /// Reads a file that only its owner can read.
-    /// @throws Failure  "configuration": it cannot be read or others can read it, or what all
-    ///                  sources refuse: nothing in it, a NUL byte, more than `longest` bytes
+    /// @throws Failure  "configuration": it cannot be read, others can read it, or the password is
+    ///                  invalid (empty, with a NUL byte, or longer than `longest` bytes)
     void readFile(std::string const& path);
     /// Reads an open descriptor to its end.
-    /// @throws Failure  "configuration"
+    /// @throws Failure  "configuration": it cannot be read, or the password is invalid
     void readDescriptor(int descriptor);
-    /// Asks at the terminal, without echo; again after a signal that stopped the process meanwhile.
-    /// @throws Failure  "configuration": there is no terminal, or what all sources refuse
+    /// Asks at the terminal, without echo. Asks again if a signal stopped the process meanwhile.
+    /// @throws Failure  "configuration": there is no terminal, or the password is invalid
     void ask(std::string const& dn);
 
-    /// Takes bytes that were read elsewhere.
-    /// @param source  where they are from, for a failure's text
-    /// @throws Failure  "configuration": what all sources refuse
+    /// Copies bytes that were read elsewhere.
+    /// @param source  their origin, for the text of a failure
+    /// @throws Failure  "configuration": the password is invalid
     void assign(std::string_view bytes, std::string const& source);
 
     bool isEmpty() const { return m_text.empty(); }
@@ -43,7 +43,7 @@ private:
     void append(char byte, std::string const& source);
     void finish(std::string const& source);
 
-    std::string m_text; ///< its memory is reserved once: growing would leave copies behind
+    std::string m_text; ///< reserved once: growing would leave copies in memory
 };
 
 } // namespace Solvane::Tool

@@ -1,4 +1,4 @@
-// From a host's name to an answer, step by step.
+// Checks one server, from its host name to an answer.
 #include "ServerCheck.h"
 
 #include "Histogram.h"
@@ -28,7 +28,7 @@ namespace {
 constexpr long secondsOfADay = 86400;
 constexpr long daysOfWarning = 14;
 constexpr char noAttributes[] = "1.1";  // RFC 4511 section 4.5.1.8
-constexpr int certificateRefused = -11; // as Lookup::Verdict tells it
+constexpr int certificateRefused = -11; // code of a Lookup::Verdict
 
 std::string shown(LDAPSearchResultEntry const& entry)
 {
@@ -58,7 +58,7 @@ ServerCheck::ServerCheck(LDAPLookup::Settings const& settings, LDAPLookup::Serve
         m_tls = std::make_shared<TlsContext>(settings.tls);
     }
     auto tls = m_tls;
-    if (m_tls && !m_tls->verdict().isGood()) { // the certificate can be shown nevertheless
+    if (m_tls && !m_tls->verdict().isGood()) { // still connect, to show the certificate
         Lookup::TlsPolicy lenient;
         lenient.verify = TlsVerify::none;
         tls = std::make_shared<TlsContext>(lenient);
@@ -98,13 +98,13 @@ void ServerCheck::run()
         if (!obstacle.empty()) {
             m_report.skipped(step.name, obstacle);
         } else if (!(this->*step.take)()) {
-            obstacle = fmt::format("'{}' did not pass", step.name);
+            obstacle = fmt::format("'{}' failed", step.name);
         }
     }
     m_report.endServer();
 }
 
-// The way to the server
+// Connecting
 
 bool ServerCheck::resolve()
 {
@@ -112,7 +112,7 @@ bool ServerCheck::resolve()
     Verdict const verdict = m_session->reach(Lookup::Step::resolve, deadline());
     if (!verdict.isGood()) {
         m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
-                        "check the name in -H and the name service", watch.milliseconds());
+                        "check the host name in -H and the name servers", watch.milliseconds());
         return false;
     }
     std::vector<std::string> found;
@@ -129,7 +129,7 @@ bool ServerCheck::reach()
     Verdict const verdict = m_session->reach(Lookup::Step::connect, deadline());
     if (!verdict.isGood()) {
         m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
-                        "check that the server runs, the port, and what filters stand between",
+                        "check that the server is running, the port, and firewalls in between",
                         watch.milliseconds());
         return false;
     }
@@ -138,7 +138,7 @@ bool ServerCheck::reach()
     return true;
 }
 
-/// Tries the host's other addresses too, all at a time: one that is dead delays each connection.
+/// Tries the host's other addresses too, all at once: a dead one delays each connection.
 void ServerCheck::showOtherAddresses()
 {
     std::deque<Session> others;
@@ -169,7 +169,7 @@ void ServerCheck::showOtherAddresses()
 
 // TLS
 
-/// A certificate that is refused is judged by the steps that follow.
+/// Passes with a refused certificate: the following steps report what is wrong with it.
 bool ServerCheck::shakeHands()
 {
     Stopwatch const watch;
@@ -186,7 +186,7 @@ bool ServerCheck::judgeCertificate()
 {
     auto const& certificate = m_session->certificate();
     if (!certificate) {
-        m_report.warned(m_step, "the server shows none that can be read");
+        m_report.warned(m_step, "the server sent no valid certificate");
         return true;
     }
     long const seconds = certificate->notAfter() - std::time(nullptr);
@@ -194,7 +194,7 @@ bool ServerCheck::judgeCertificate()
     auto const names = certificate->names();
     std::string const text = fmt::format(
         "{}, for {}, {}", certificate->subject(), names.empty() ? "no names" : joined(names, ", "),
-        fmt::format(seconds < 0 ? "ended {} days ago" : "{} days left", days));
+        fmt::format(seconds < 0 ? "expired {} days ago" : "expires in {} days", days));
     if (seconds < daysOfWarning * secondsOfADay) {
         m_report.warned(m_step, text);
     } else {
@@ -209,9 +209,9 @@ bool ServerCheck::judgeName()
     auto const& certificate = m_session->certificate();
     bool const isFor = certificate && certificate->isFor(m_server.host);
     judge(isFor, m_settings.tls.verify == TlsVerify::full,
-          isFor ? fmt::format("the certificate is for '{}'", m_server.host)
-                : fmt::format("the certificate is not for '{}'", m_server.host),
-          "name a host of the certificate in -H", watch);
+          isFor ? fmt::format("the certificate matches '{}'", m_server.host)
+                : fmt::format("the certificate does not match '{}'", m_server.host),
+          "use one of the certificate's names in -H", watch);
     return true;
 }
 
@@ -225,14 +225,14 @@ bool ServerCheck::judgeChain()
         return take(verdict, "", watch);
     }
     judge(verdict.isGood(), isDemanded,
-          verdict.isGood() ? "accepted with " + m_tls->policy().authorities()
+          verdict.isGood() ? "trusted by " + m_tls->policy().authorities()
                            : withoutUri(verdict.text),
-          "name the authority's file with --tls-ca, or have the certificate renewed", watch);
+          "give the CA's file with --tls-ca, or renew the certificate", watch);
     return m_isTrusted;
 }
 
-/// What the session found, if it looked at the chain and at nothing else; else asked with a second
-/// one.
+/// The session's own verdict if it verified the chain alone; else that of a second session, which
+/// verifies nothing but the chain.
 Verdict ServerCheck::chainVerdict() const
 {
     if (!m_tls->verdict().isGood()) {
@@ -250,7 +250,7 @@ Verdict ServerCheck::chainVerdict() const
     return Session(std::move(options)).reach(Lookup::Step::handshake, deadline());
 }
 
-/// Reports a finding about trust: a failure where the settings demand that trust.
+/// Reports a check of the certificate: a failure if the settings require it, else a warning.
 void ServerCheck::judge(bool isGood, bool isDemanded, std::string const& text,
                         std::string const& remedy, Stopwatch const& watch)
 {
@@ -260,11 +260,11 @@ void ServerCheck::judge(bool isGood, bool isDemanded, std::string const& text,
         m_isTrusted = false;
         m_report.failed(m_step, Outcome::denied, text, remedy, watch.milliseconds());
     } else {
-        m_report.warned(m_step, text + "; not demanded by --tls-verify", watch.milliseconds());
+        m_report.warned(m_step, text + "; not required by --tls-verify", watch.milliseconds());
     }
 }
 
-// As whom
+// Identity
 
 bool ServerCheck::bind()
 {
@@ -275,7 +275,7 @@ bool ServerCheck::bind()
     }
     return take(verdict,
                 fmt::format("as {}{}", m_settings.bindDn,
-                            m_server.secure ? "" : "; the password crosses the network as it is"),
+                            m_server.secure ? "" : "; the password is sent in clear text"),
                 watch);
 }
 
@@ -288,14 +288,15 @@ bool ServerCheck::askIdentity()
     Stopwatch const watch;
     Verdict const verdict = m_session->reach(Lookup::Step::identify, deadline());
     if (verdict.isGood() && m_session->identity() == Lookup::Identity::Unconfirmed) {
-        m_report.warned(m_step, "the server does not say: 'not found' rests on the bind alone",
+        m_report.warned(m_step,
+                        "the server does not confirm it: 'not found' relies on the bind alone",
                         watch.milliseconds());
         return true;
     }
     return take(verdict, m_session->authorizationId(), watch);
 }
 
-// What is there
+// Contents
 
 bool ServerCheck::readRootDse()
 {
@@ -306,8 +307,8 @@ bool ServerCheck::readRootDse()
         return take(end.verdict, "", watch);
     }
     bool const isThere = end.verdict.isGood() && !end.entries.empty();
-    // Hidden from us is no harm.
-    m_report.passed(m_step, isThere ? shown(end.entries.front()) : "the server does not show it",
+    // A hidden root DSE is harmless.
+    m_report.passed(m_step, isThere ? shown(end.entries.front()) : "not readable",
                     watch.milliseconds());
     return true;
 }
@@ -315,26 +316,26 @@ bool ServerCheck::readRootDse()
 bool ServerCheck::findBase()
 {
     if (m_settings.base.empty()) {
-        m_report.skipped(m_step, "none is given (-b)");
+        m_report.skipped(m_step, "no base given (-b)");
         return true;
     }
     Stopwatch const watch;
     SearchEnd const end = search(m_settings.base, {noAttributes});
     if (end.verdict.isGood() && end.entries.empty()) {
-        m_report.warned(
-            m_step, fmt::format("{} is not shown to us; what is below it may be", m_settings.base),
-            watch.milliseconds());
+        m_report.warned(m_step,
+                        fmt::format("{} is not readable; entries below it may be", m_settings.base),
+                        watch.milliseconds());
         return true;
     }
     return take(end.verdict, m_settings.base, watch);
 }
 
-/// Whether parts of the tree are elsewhere: a server sends references to them with any answer, and an
-/// answer of references alone does not tell that an address is unknown.
+/// Looks for continuation references below the base. They mean that other servers hold parts of the
+/// tree: an answer with references and no entry does not prove that an address is unknown.
 bool ServerCheck::findReferences()
 {
     if (m_settings.base.empty()) {
-        m_report.skipped(m_step, "none is given (-b)");
+        m_report.skipped(m_step, "no base given (-b)");
         return true;
     }
     Stopwatch const watch;
@@ -346,8 +347,8 @@ bool ServerCheck::findReferences()
         searchOn(*m_session, request, "(objectClass=referral)", silence(), deadline());
     std::string const found = end.references.empty()
                                   ? std::string("none below the base")
-                                  : fmt::format("{} below the base, as {}", end.references.size(),
-                                                end.references.front());
+                                  : fmt::format("{} below the base, such as {}",
+                                                end.references.size(), end.references.front());
     if (!end.verdict.isGood()) {
         m_report.warned(m_step, "the search failed: " + withoutUri(end.verdict.text),
                         watch.milliseconds());
@@ -355,8 +356,8 @@ bool ServerCheck::findReferences()
         m_report.passed(m_step, found, watch.milliseconds());
     } else {
         m_report.warned(m_step,
-                        found + ": an address that is not found here may be there, and is 'try "
-                                "later'; set references = ignore if it is not",
+                        found + ": an address not found here may exist there, so the result is "
+                                "'try later'; set references = ignore if none do",
                         watch.milliseconds());
     }
     return m_session->verdict().isGood();
@@ -399,11 +400,9 @@ bool ServerCheck::probeAgain()
         return take(answer);
     }
     if (m_lookup->statistics().reused == 0) {
-        m_report.warned(m_step, "the connection was not kept for a second lookup",
-                        answer.milliseconds);
+        m_report.warned(m_step, "the second lookup needed a new connection", answer.milliseconds);
     } else {
-        m_report.passed(m_step, "a second lookup took the connection of the first",
-                        answer.milliseconds);
+        m_report.passed(m_step, "the second lookup reused the connection", answer.milliseconds);
     }
     return true;
 }
@@ -414,7 +413,7 @@ bool ServerCheck::measure()
         return true;
     }
     if (m_probe.repeat == 0) {
-        m_report.skipped(m_step, "not asked for (--repeat)");
+        m_report.skipped(m_step, "no --repeat given");
         return true;
     }
     Stopwatch const watch;
@@ -441,7 +440,7 @@ bool ServerCheck::requireKey()
     return m_probe.obstacle.empty();
 }
 
-/// Reports an answer. False: the server cannot be used.
+/// Reports an answer. Returns false if the lookup failed.
 bool ServerCheck::take(LDAPLookup::Answer const& answer)
 {
     Outcome const outcome = outcomeOf(answer);
@@ -451,7 +450,7 @@ bool ServerCheck::take(LDAPLookup::Answer const& answer)
                                     answer.entries.front().entryName()),
                         answer.milliseconds);
     } else if (outcome == Outcome::notFound) {
-        m_report.warned(m_step, fmt::format("'{}': nobody found", m_probe.key), answer.milliseconds,
+        m_report.warned(m_step, fmt::format("'{}': not found", m_probe.key), answer.milliseconds,
                         outcome);
     } else {
         m_report.failed(m_step, outcome, withoutUri(answer.text), remedyFor(answer),
@@ -460,7 +459,7 @@ bool ServerCheck::take(LDAPLookup::Answer const& answer)
     return outcome <= Outcome::notFound;
 }
 
-/// Reports a verdict, a good one with `text`.
+/// Reports a verdict; `text` describes a good one.
 bool ServerCheck::take(Verdict const& verdict, std::string const& text, Stopwatch const& watch)
 {
     if (verdict.isGood()) {
@@ -472,7 +471,7 @@ bool ServerCheck::take(Verdict const& verdict, std::string const& text, Stopwatc
     return verdict.isGood();
 }
 
-/// The report names the server already.
+/// The text without the server's URI, which the report shows already.
 std::string ServerCheck::withoutUri(std::string const& text) const
 {
     std::string const prefix = m_uri + ": ";

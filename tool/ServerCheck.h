@@ -1,4 +1,4 @@
-// The steps of a check on one server.
+// Checks one server step by step.
 #ifndef SOLVANE_TOOL_SERVER_CHECK_H
 #define SOLVANE_TOOL_SERVER_CHECK_H
 
@@ -14,32 +14,33 @@
 
 namespace Solvane::Tool {
 
-/// What is looked up on each server.
+/// The lookup to try on each server.
 struct Probe {
     std::string key;
-    unsigned int repeat = 0; ///< lookups to be measured besides
-    std::string obstacle;    ///< why nothing can be looked up; empty: it can
+    unsigned int repeat = 0; ///< number of additional lookups to measure
+    std::string obstacle;    ///< why no lookup is possible; empty: it is
 };
 
-/// Takes one session as far as it goes, step by step. Further ones are opened to look at what the
-/// first does not tell: the host's other addresses, and the chain of a certificate that is refused
-/// for its name.
+/// Drives one session through all steps, as far as it gets. Opens further sessions for what the
+/// first one does not show: the host's other addresses, and the chain of a certificate whose name
+/// does not match. Not thread-safe.
 class ServerCheck {
 public:
-    /// @param settings  of the lookups; the servers in it are left aside for `server`
+    /// Borrows `server`, `probe` and `report`, which must outlive the check.
+    /// @param settings  of the lookups; their servers are replaced by `server`
     ServerCheck(LDAPLookup::Settings const& settings, LDAPLookup::Server const& server,
                 Probe const& probe, CheckReport& report);
     ~ServerCheck();
     ServerCheck(ServerCheck const&) = delete;
     ServerCheck& operator=(ServerCheck const&) = delete;
 
-    /// Takes every step. One that cannot be taken since another failed is reported as not tried.
+    /// Runs every step. After a failure, the remaining ones are reported as skipped.
     void run();
 
 private:
     struct Step;
 
-    // The steps. False: those behind it cannot be taken.
+    // The steps. False: skip the remaining ones.
     bool resolve();
     bool reach();
     bool shakeHands();
@@ -67,16 +68,16 @@ private:
     std::chrono::milliseconds silence() const;
     Lookup::Clock::time_point deadline() const;
 
-    LDAPLookup::Settings m_settings; ///< with the one server
+    LDAPLookup::Settings m_settings; ///< with this server only
     LDAPLookup::Server const& m_server;
     Probe const& m_probe;
     CheckReport& m_report;
     std::string m_uri;
-    char const* m_step = "";                   ///< name of the one that is taken
+    char const* m_step = "";                   ///< name of the current step
     std::shared_ptr<Lookup::TlsContext> m_tls; ///< null without TLS
     std::unique_ptr<Lookup::Session> m_session;
     Lookup::Verdict m_handshake;
-    bool m_isTrusted = true; ///< as far as the settings demand it
+    bool m_isTrusted = true; ///< as far as the settings require
     std::unique_ptr<LDAPLookup> m_lookup;
 };
 

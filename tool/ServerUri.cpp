@@ -1,4 +1,4 @@
-// OpenLDAP's URI parser, and what it lets pass.
+// Parses server URIs with OpenLDAP, and checks what its parser accepts.
 #include "ServerUri.h"
 
 #include "Failure.h"
@@ -32,25 +32,25 @@ Url parse(std::string const& text)
     int const rc = ldap_url_parse(text.c_str(), &parsed);
     Url url(parsed);
     if (rc == LDAP_URL_ERR_BADSCHEME) {
-        refuse(fmt::format("'{}' is no LDAP URI", text), "write ldap://host or ldaps://host");
+        refuse(fmt::format("'{}' is not an LDAP URI", text), "write ldap://host or ldaps://host");
     }
     if (rc != LDAP_URL_SUCCESS) {
-        refuse(fmt::format("'{}' cannot be parsed", text),
-               "write ldap://host:port, an IPv6 address as in ldap://[::1]:389");
+        refuse(fmt::format("malformed URI '{}'", text),
+               "write ldap://host:port, or ldap://[::1]:389 for an IPv6 address");
     }
     return url;
 }
 
 bool isEmpty(char const* text) { return text == nullptr || *text == '\0'; }
 
-/// The text between "://" and what follows the server.
+/// The authority of a URI: the text between "://" and the next "/" or "?".
 std::string_view authorityOf(std::string_view uri)
 {
     std::string_view const rest = uri.substr(uri.find("://") + 3);
     return rest.substr(0, rest.find_first_of("/?"));
 }
 
-/// The port, checked by its digits: OpenLDAP takes signs, and wraps what is too large.
+/// The port, parsed from its digits: OpenLDAP accepts signs and wraps numbers that are too large.
 unsigned int portOf(std::string_view authority, bool isSecure)
 {
     auto const bracket = authority.rfind(']');
@@ -64,13 +64,13 @@ unsigned int portOf(std::string_view authority, bool isSecure)
                                       [](char digit) { return digit >= '0' && digit <= '9'; });
     unsigned long const port = isNumber ? std::stoul(std::string(digits)) : 0;
     if (port < 1 || port > 65535) {
-        refuse(fmt::format("'{}' is no port", digits),
-               "write a number from 1 to 65535, an IPv6 address in brackets");
+        refuse(fmt::format("invalid port '{}'", digits),
+               "write a number from 1 to 65535, and an IPv6 address in brackets");
     }
     return static_cast<unsigned int>(port);
 }
 
-/// The domain of a DN that consists of "dc" parts alone, as "example.com"; else empty.
+/// The domain of a DN of "dc" parts only, as "example.com"; empty for any other DN.
 std::string domainOf(char const* dn)
 {
     LDAPDN parsed = nullptr;
@@ -95,7 +95,7 @@ std::string domainOf(char const* dn)
     return domain;
 }
 
-/// Splits "ldap+srv:" and "ldaps+srv:" off a URI. False for another scheme.
+/// Removes "ldap+srv:" or "ldaps+srv:" from a URI. Returns false for any other scheme.
 bool namesDomain(std::string const& text, bool& isSecure, std::string& rest)
 {
     std::string scheme = text.substr(0, text.find(':'));
@@ -114,11 +114,11 @@ std::string srvDomainOf(std::string const& text, std::string const& rest)
 {
     constexpr char remedy[] = "write ldap+srv:///dc=example,dc=com";
     if (rest.rfind("///", 0) != 0 || rest.find('?') != std::string::npos) {
-        refuse(fmt::format("'{}' names no domain alone", text), remedy);
+        refuse(fmt::format("'{}' has more than a domain", text), remedy);
     }
     std::string domain = domainOf(parse("ldap:" + rest)->lud_dn);
     if (domain.empty() || faultIn(domain) || domain.find_first_of(" /") != std::string::npos) {
-        refuse(fmt::format("'{}' names no domain", text), remedy);
+        refuse(fmt::format("'{}' has no valid domain", text), remedy);
     }
     return domain;
 }
@@ -130,7 +130,7 @@ ServerUri ServerUri::fromHost(std::string const& text, unsigned int port)
     if (text.find("://") != std::string::npos) {
         return ServerUri(text);
     }
-    // More than one colon and no bracket: an IPv6 address alone.
+    // More than one colon and no bracket: a bare IPv6 address.
     bool const isBareAddress =
         text.find('[') == std::string::npos && text.find(':') != text.rfind(':');
     std::string const host = isBareAddress ? '[' + text + ']' : text;
@@ -144,12 +144,14 @@ ServerUri ServerUri::fromHost(std::string const& text, unsigned int port)
 
 ServerUri::ServerUri(std::string const& text)
 {
-    // Looked for first, so that no message shows what stands before it.
+    // Checked first, so that no message shows a password before the '@'.
     if (text.find('@') != std::string::npos) {
-        refuse("a URI with '@' is refused", "give the user with -D and the password with -W or -y");
+        refuse("a server URI must not contain '@'",
+               "give the user with -D and the password with -W or -y");
     }
     if (faultIn(text)) {
-        refuse("the URI is no plain text", "write ldap://host or ldaps://host");
+        refuse("the URI contains control characters or invalid UTF-8",
+               "write ldap://host or ldaps://host");
     }
     if (std::string rest; namesDomain(text, isSecure, rest)) {
         srvDomain = srvDomainOf(text, rest);
@@ -158,21 +160,21 @@ ServerUri::ServerUri(std::string const& text)
     Url const url = parse(text);
     std::string_view const scheme = url->lud_scheme;
     if (scheme != "ldap" && scheme != "ldaps") {
-        refuse(fmt::format("the scheme '{}' is not offered", scheme),
-               "write ldap://host or ldaps://host");
+        refuse(fmt::format("unsupported scheme '{}'", scheme), "write ldap://host or ldaps://host");
     }
     isSecure = scheme == "ldaps";
     bool const hasMore = text.find('?') != std::string::npos || !isEmpty(url->lud_dn);
     if (hasMore) {
-        refuse(fmt::format("'{}' says more than the server", text),
+        refuse(fmt::format("'{}' has more than scheme, host and port", text),
                "give base, attributes, scope and filter with -b, --attrs, -s and -t");
     }
     if (isEmpty(url->lud_host)) {
-        refuse(fmt::format("'{}' names no host", text), "write ldap://host or ldaps://host");
+        refuse(fmt::format("'{}' has no host", text), "write ldap://host or ldaps://host");
     }
     host = url->lud_host;
     if (host.find('%') != std::string::npos) {
-        refuse(fmt::format("the address '{}' has a zone", host), "write the address without zone");
+        refuse(fmt::format("the address '{}' has a zone", host),
+               "write the address without the zone");
     }
     port = portOf(authorityOf(text), isSecure);
 }

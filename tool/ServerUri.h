@@ -1,4 +1,4 @@
-// A server as the user writes it.
+// A server as written by the user.
 #ifndef SOLVANE_TOOL_SERVER_URI_H
 #define SOLVANE_TOOL_SERVER_URI_H
 
@@ -6,15 +6,15 @@
 
 namespace Solvane::Tool {
 
-/// Scheme, host and port of an LDAP URI (RFC 4516) that has nothing else; or a domain whose servers
-/// are named by its SRV records (RFC 2782), as "ldap+srv:///dc=example,dc=com".
+/// Scheme, host and port of an LDAP URI (RFC 4516); or a domain whose SRV records (RFC 2782) name
+/// the servers, as "ldap+srv:///dc=example,dc=com". A value.
 struct ServerUri {
-    /// @throws Failure  "usage": another scheme, no host, a port out of range, or more than a
-    /// server
+    /// Parses a URI that has nothing but a scheme, a host and a port.
+    /// @throws Failure  "usage": unsupported scheme, no host, invalid port, or further parts
     explicit ServerUri(std::string const& text);
 
-    /// Also without a scheme, as "host", "host:port" and "[::1]:port"; that is "ldap".
-    /// @param port  if the text names none
+    /// Accepts also "host", "host:port" and "[::1]:port" without a scheme, for "ldap".
+    /// @param port  used if the text has none
     /// @throws Failure  as the constructor
     static ServerUri fromHost(std::string const& text, unsigned int port);
 

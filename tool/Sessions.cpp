@@ -1,4 +1,4 @@
-// What a session is told, and the messages of one answer.
+// Options of sessions, and reading the messages of an answer.
 #include "Sessions.h"
 
 #include "OpenLDAP.h"
@@ -33,7 +33,7 @@ std::string lineOf(LDAPCharBuffer const& text)
     return text.get() == nullptr ? std::string() : oneLine(text.get());
 }
 
-constexpr char damaged[] = "the answer cannot be read";
+constexpr char damaged[] = "the server sent an invalid response";
 
 bool takeReference(Session const& session, LDAPMessageBuffer const& message, SearchEnd& end)
 {
@@ -54,7 +54,7 @@ Verdict verdictOf(ResultMessage const& result, std::vector<std::string>& referen
             Lookup::wordsFor(result.code, result.text) + pointersTo(result.referrals)};
 }
 
-/// Takes one message of the answer. True: the answer has ended.
+/// Reads one message of the answer. Returns true at the end of the answer.
 bool takeMessage(Session const& session, LDAPMessageBuffer const& message, SearchEnd& end)
 {
     bool isWhole = true;
@@ -68,7 +68,7 @@ bool takeMessage(Session const& session, LDAPMessageBuffer const& message, Searc
     case LDAP_RES_SEARCH_RESULT:
         end.verdict = verdictOf(resultIn(session, message), end.references);
         return true;
-    default: // what a server may send beside an answer
+    default: // other messages are allowed, and ignored
         break;
     }
     if (!isWhole) {
@@ -90,10 +90,10 @@ ServersFound serversOf(LDAPLookup::Server const& server, LDAPLookup::Settings co
     Lookup::SrvQuery query(server.srvDomain, server.secure, settings.nameServers);
     for (query.advance(); !query.isSettled(); query.advance()) {
         if (Clock::now() >= limit) {
-            return {Verdict{Lookup::Outcome::TryLater, LDAP_TIMEOUT,
-                            fmt::format("no name server told the servers of '{}' in time",
-                                        server.srvDomain)},
-                    {}};
+            return {
+                Verdict{Lookup::Outcome::TryLater, LDAP_TIMEOUT,
+                        fmt::format("no name server answered for '{}' in time", server.srvDomain)},
+                {}};
         }
         Lookup::Waits waits;
         query.waits(waits);
@@ -136,7 +136,7 @@ Session::Received awaitMessage(Session& session, Patience const& patience,
         if (received != Session::Received::nothing) {
             return received;
         }
-        // A byte of a message that is not whole yet counts: a slow link is not silence.
+        // Bytes of an incomplete message count: a slow link is not silence.
         auto const limit = std::min(std::max(patience.since, session.heardAt()) + patience.silence,
                                     patience.deadline);
         if (Clock::now() >= limit) {

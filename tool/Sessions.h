@@ -1,4 +1,4 @@
-// Sessions with a directory server, for commands that wait for each answer.
+// Blocking use of sessions, for commands that wait for each answer.
 #ifndef SOLVANE_TOOL_SESSIONS_H
 #define SOLVANE_TOOL_SESSIONS_H
 
@@ -15,19 +15,21 @@
 
 namespace Solvane::Tool {
 
-/// What a row of the server list stands for.
+/// The servers of one row of the server list.
 struct ServersFound {
     Lookup::Verdict verdict;
-    std::vector<LDAPLookup::Server> servers; ///< in the order of trial; none after a bad verdict
+    std::vector<LDAPLookup::Server>
+        servers; ///< in the order to try them; empty unless the verdict is good
 };
 
-/// A host is itself; a domain is asked for the servers that its SRV records name.
-/// @param settings  name servers, and how long they may take
+/// Returns a host as it is; for a domain, looks up its SRV records. Blocks until the deadline at
+/// most.
+/// @param settings  name servers, and the network timeout for them
 ServersFound serversOf(LDAPLookup::Server const& server, LDAPLookup::Settings const& settings,
                        Lookup::Clock::time_point deadline);
 
-/// A session with one of the servers, as the settings say.
-/// @param settings  lends its password; must outlive the session's bind
+/// The options of a session with one of the servers.
+/// @param settings  its password is borrowed; must outlive the session's bind
 /// @param tls       null for a server without TLS
 Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
                                       LDAPLookup::Server const& server,
@@ -37,38 +39,39 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
 struct SearchEnd {
     Lookup::Verdict verdict;
     std::list<LDAPSearchResultEntry> entries;
-    std::vector<std::string> references; ///< URIs: continuations, or where the whole search belongs
+    std::vector<std::string> references; ///< URIs: of continuation references or referrals
 };
 
-/// How long an answer is awaited.
+/// How long to wait for an answer.
 struct Patience {
-    Lookup::Clock::time_point since;    ///< the server owes something since then
-    std::chrono::milliseconds silence;  ///< for it to send nothing at all
-    Lookup::Clock::time_point deadline; ///< of the whole answer
+    Lookup::Clock::time_point since;    ///< when the server began to owe an answer
+    std::chrono::milliseconds silence;  ///< longest time without a byte from the server
+    Lookup::Clock::time_point deadline; ///< for the whole answer
 };
 
-/// Blocks until a message came, the connection broke, or patience ends: then it returns `nothing`.
+/// Blocks until a message arrives or the connection breaks. Returns `nothing` when patience runs
+/// out.
 Lookup::Session::Received awaitMessage(Lookup::Session& session, Patience const& patience,
                                        LDAPMessageBuffer& message, int& id);
 
-/// Sends a search and takes its whole answer.
-/// @param silence   how long the server may send nothing at all
-/// @param deadline  of the whole answer
+/// Sends a search and blocks until its whole answer has arrived.
+/// @param silence   longest time without a byte from the server
+/// @param deadline  for the whole answer
 SearchEnd searchOn(Lookup::Session& session, Lookup::SearchRequest const& request,
                    std::string const& filter, std::chrono::milliseconds silence,
                    Lookup::Clock::time_point deadline);
 
-/// What a message says that ends an operation (RFC 4511 section 4.1.9).
+/// The LDAPResult that ends an operation (RFC 4511 section 4.1.9).
 struct ResultMessage {
     int code = 0;                       ///< `LDAP_DECODING_ERROR` for a malformed message
-    std::string text;                   ///< the server's own, in one line
-    std::string matched;                ///< DN, in one line
+    std::string text;                   ///< diagnostic message, on one line
+    std::string matched;                ///< matched DN, on one line
     std::vector<std::string> referrals; ///< URIs
 };
 
 ResultMessage resultIn(Lookup::Session const& session, LDAPMessageBuffer const& message);
 
-/// ", see URI" for each of them; each in one line.
+/// ", see URI" for each URI, on one line.
 std::string pointersTo(std::vector<std::string> const& uris);
 
 } // namespace Solvane::Tool

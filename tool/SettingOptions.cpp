@@ -1,4 +1,4 @@
-// Rows of the table as options of CLI11.
+// Declares rows of the settings table as options of CLI11.
 #include "SettingOptions.h"
 
 #include "SettingValues.h"
@@ -22,7 +22,7 @@ void SettingOptions::declareOn(CLI::App& app, Setting const& setting, char const
 {
     auto* const option =
         setting.isList
-            // Read one by one: to CLI11 a list would also take the arguments behind it.
+            // One value per option: with a list, CLI11 would also take the arguments after it.
             ? app.add_option_function<std::vector<std::string>>(
                      setting.options,
                      [this, &setting](std::vector<std::string> const& texts) {

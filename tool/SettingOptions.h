@@ -1,4 +1,4 @@
-// The options of the settings' table, on the program or on a subcommand.
+// The options of the settings table, on the program or on a subcommand.
 #ifndef SOLVANE_TOOL_SETTING_OPTIONS_H
 #define SOLVANE_TOOL_SETTING_OPTIONS_H
 
@@ -15,8 +15,8 @@ class App;
 
 namespace Solvane::Tool {
 
-/// What the command line says about settings. Texts are checked when the command line is read; a
-/// wrong one is a Failure "usage" that names the option.
+/// The settings given on the command line. Values are validated while it is parsed; an invalid one
+/// throws a Failure "usage" that names the option.
 class SettingOptions {
 public:
     SettingOptions() = default;
@@ -26,13 +26,13 @@ public:
     /// Declares the options of a group, in the table's order.
     void declareOn(CLI::App& app, Setting::Group group);
     /// Declares one option.
-    /// @param help  instead of the table's
+    /// @param help  replaces that of the table
     void declareOn(CLI::App& app, Setting const& setting, char const* help);
 
-    /// Whether the command line sets it.
+    /// Whether the command line sets this setting.
     bool has(std::string_view name) const;
-    /// Sets what the command line says.
-    /// @throws Failure  "configuration": the template's file
+    /// Applies the settings of the command line.
+    /// @throws Failure  "configuration": the template file cannot be read
     void applyTo(Draft& draft) const;
 
 private:

@@ -1,4 +1,4 @@
-// The tables of words, and the limits of numbers.
+// Parses the values of settings: tables of keywords, limits of numbers.
 #include "SettingValues.h"
 
 #include "Files.h"
@@ -62,7 +62,7 @@ constexpr Word<LDAPLookup::Form> forms[] = {
     throw Failure(Outcome::usage, cause, remedy);
 }
 
-/// The value of a word, or a refusal that lists the words.
+/// The value of a keyword. Throws with the list of keywords if it is unknown.
 template <typename Value, std::size_t count>
 Value valueOf(std::string const& text, Word<Value> const (&words)[count])
 {
@@ -74,7 +74,7 @@ Value valueOf(std::string const& text, Word<Value> const (&words)[count])
         names += names.empty() ? "" : ", ";
         names += name;
     }
-    refuse(fmt::format("'{}' is not offered", oneLine(text)), "choose one of " + names);
+    refuse(fmt::format("unsupported value '{}'", oneLine(text)), "choose one of " + names);
 }
 
 template <typename Value, std::size_t count>
@@ -90,7 +90,7 @@ bool isPrintable(char character) { return character > ' ' && character <= '~'; }
 /// The characters of attribute descriptions (RFC 4512 section 2.5), and of `*`, `+` and `@class`.
 bool isAttributeSelector(std::string const& text) { return isAlphanumeric(text, "-.;*+@_"); }
 
-/// An address, or one with a port behind it.
+/// Whether the text is an IP address, with or without a port.
 bool isNameServer(std::string const& text)
 {
     constexpr unsigned int port = 53;
@@ -105,7 +105,7 @@ bool isNameServer(std::string const& text)
     if (colon == std::string::npos || !address || isBracketed != (address->family() == AF_INET6)) {
         return false;
     }
-    numberIn(text.substr(colon + 1), 1, 65535); // refuses it in its own words
+    numberIn(text.substr(colon + 1), 1, 65535); // throws for an invalid port
     return true;
 }
 
@@ -114,24 +114,24 @@ bool isDomain(std::string const& text)
     return !faultIn(text) && text.find('@') == std::string::npos;
 }
 
-/// The words, if there are any and `isOne` accepts each.
-/// @param kind  what one of them is called
+/// Returns the words if there are any and `isOne` accepts each; else throws.
+/// @param kind  name of the kind of value, for the message
 std::vector<std::string> checked(std::vector<std::string> words,
                                  bool (*isOne)(std::string const& word), char const* kind,
                                  char const* remedy)
 {
     for (std::string const& word : words) {
         if (!isOne(word)) {
-            refuse(fmt::format("'{}' is no {}", oneLine(word), kind), remedy);
+            refuse(fmt::format("invalid {} '{}'", kind, oneLine(word)), remedy);
         }
     }
     if (words.empty()) {
-        refuse(fmt::format("no {} is named", kind), remedy);
+        refuse(fmt::format("no {} given", kind), remedy);
     }
     return words;
 }
 
-/// The domains of a file: words on its lines, up to a '#'.
+/// The domains in a file, separated by white space; comments start with '#'.
 std::vector<std::string> domainsOf(std::string const& path)
 {
     std::vector<std::string> domains;
@@ -152,7 +152,7 @@ unsigned int numberIn(std::string const& text, unsigned int least, unsigned int 
     char const* const end = text.data() + text.size();
     auto const [stop, error] = std::from_chars(text.data(), end, number);
     if (error != std::errc() || stop != end || number < least || number > greatest) {
-        refuse(fmt::format("'{}' is no number in its range", oneLine(text)),
+        refuse(fmt::format("'{}' is not a number in the allowed range", oneLine(text)),
                fmt::format("give a whole number from {} to {}", least, greatest));
     }
     return number;
@@ -166,7 +166,7 @@ std::chrono::seconds durationIn(std::string const& text)
 bool booleanIn(std::string const& text)
 {
     if (text != "yes" && text != "no") {
-        refuse(fmt::format("'{}' is neither yes nor no", oneLine(text)), "choose one of them");
+        refuse(fmt::format("unsupported value '{}'", oneLine(text)), "choose yes or no");
     }
     return text == "yes";
 }
@@ -175,7 +175,7 @@ unsigned int networkTimeoutIn(std::string const& text)
 {
     constexpr std::string_view name = "nettimeout=";
     if (text.compare(0, name.size(), name) != 0) {
-        refuse(fmt::format("'{}' is not offered", text), "-o takes nettimeout=SECONDS");
+        refuse(fmt::format("unsupported option '{}'", text), "write -o nettimeout=SECONDS");
     }
     return numberIn(text.substr(name.size()), 1, longestSeconds);
 }
@@ -197,7 +197,7 @@ std::chrono::seconds holdIn(std::string const& text)
 
 std::vector<std::string> nameServersIn(std::string const& text)
 {
-    return checked(wordsIn(text), isNameServer, "address of a name server",
+    return checked(wordsIn(text), isNameServer, "name server address",
                    "write 192.0.2.1, 192.0.2.1:53, 2001:db8::1 or [2001:db8::1]:53");
 }
 
@@ -208,7 +208,7 @@ std::vector<LDAPLookup::Form> formsIn(std::string const& text)
         made.push_back(valueOf(word, forms));
     }
     if (made.empty()) {
-        refuse("no form is named", "list what is to be tried, as in full,noext,domain");
+        refuse("no address form given", "list the forms to try, as in full,noext,domain");
     }
     return made;
 }
@@ -219,7 +219,7 @@ char delimiterIn(std::string const& text)
         return '\0';
     }
     if (text.size() > 1 || !isPrintable(text.front()) || text.front() == '@') {
-        refuse(fmt::format("'{}' is no delimiter", oneLine(text)),
+        refuse(fmt::format("invalid delimiter '{}'", oneLine(text)),
                "give one ASCII character other than '@', or nothing");
     }
     return text.front();
@@ -235,7 +235,7 @@ std::vector<std::string> domainsIn(std::string const& text)
 {
     bool const isMarked = !text.empty() && text.front() == '@';
     bool const isFile = isMarked || (!text.empty() && text.front() == '/');
-    // An empty list would mean that all are served.
+    // An empty list would mean that all domains are served.
     return checked(isFile ? domainsOf(text.substr(isMarked ? 1 : 0)) : wordsIn(text), isDomain,
                    "domain", "list domains as in example.com,example.org");
 }
@@ -243,8 +243,8 @@ std::vector<std::string> domainsIn(std::string const& text)
 std::string dnIn(std::string const& text)
 {
     if (auto const fault = faultIn(text)) {
-        refuse(fmt::format("the DN '{}' holds {}", oneLine(text), describe(*fault)),
-               "write it on one line of UTF-8 text");
+        refuse(fmt::format("the DN '{}' contains {}", oneLine(text), describe(*fault)),
+               "write it in UTF-8 without control characters");
     }
     return text;
 }
@@ -252,7 +252,7 @@ std::string dnIn(std::string const& text)
 std::string bindDnIn(std::string const& text)
 {
     if (text.empty()) {
-        refuse("it names no DN", "leave -D out to ask anonymously");
+        refuse("the DN is empty", "omit -D to bind anonymously");
     }
     return dnIn(text);
 }
@@ -262,7 +262,7 @@ std::string ourTemplate(std::string const& text)
     constexpr std::string_view theirs = "suSUdD123456789%";
     for (auto at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1)) {
         if (at + 1 < text.size() && theirs.find(text[at + 1]) != std::string_view::npos) {
-            refuse(fmt::format("'{}' is not replaced here", text.substr(at, 2)),
+            refuse(fmt::format("unsupported specifier '{}'", text.substr(at, 2)),
                    "write $m for the address (%s), $u for its local part (%u), $d for its domain "
                    "(%d), \\25 for a '%'");
         }
@@ -313,7 +313,7 @@ std::vector<std::string> serversIn(std::string const& text)
 {
     std::vector<std::string> servers;
     for (std::string const& word : wordsIn(text)) {
-        // No host has an equals sign: what has one goes on with the DN of the URI before it.
+        // A host has no '=': a word with one continues the DN of the URI before it.
         bool const continues = !servers.empty() && word.find('=') < word.find_first_of(":/[");
         if (continues && servers.back().find("+srv:") != std::string::npos) {
             servers.back() += ',' + word;

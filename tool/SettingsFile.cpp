@@ -1,4 +1,4 @@
-// Reading the lines of a settings file.
+// Parses a settings file line by line.
 #include "SettingsFile.h"
 
 #include "Failure.h"
@@ -29,7 +29,7 @@ std::string_view trimmed(std::string_view text)
                : text.substr(begin, text.find_last_not_of(blanks) - begin + 1);
 }
 
-/// The file's text, overwritten at its end: it may hold a password.
+/// The file's text. The destructor overwrites it: it may contain a password.
 class FileText {
 public:
     explicit FileText(std::string const& path);
@@ -53,9 +53,9 @@ FileText::FileText(std::string const& path)
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {
         throw unusableFile("the settings file", path, errno);
     }
-    // Asked of the open file, not of the name: it may come to mean another file at any time.
+    // Checks the open file, not its name, which another file may take at any time.
     m_mode = status.st_mode & 0777U;
-    m_text.resize(largest); // once: growing would leave copies behind
+    m_text.resize(largest); // once: growing would leave copies in memory
     std::size_t size = 0;
     for (ssize_t count = 1; count != 0 && size < m_text.size();) {
         count = read(file.get(), m_text.data() + size, m_text.size() - size);
@@ -67,20 +67,20 @@ FileText::FileText(std::string const& path)
     if (size == largest) {
         throw Failure(Outcome::configuration,
                       fmt::format("the settings file '{}' is longer than {} bytes", path, largest),
-                      "name a file of settings");
+                      "check that it is a settings file");
     }
     m_text.resize(size);
 }
 
 } // namespace
 
-/// Goes through the lines of one file. A line that begins with a blank continues the one before it;
-/// empty lines and lines whose first character is '#' count for nothing.
+/// Parses one file. A line that begins with a blank continues the previous one; empty lines and
+/// lines whose first non-blank character is '#' are ignored.
 class SettingsParser {
 public:
     explicit SettingsParser(SettingsFile& file) : m_file(file), m_source(file.m_path)
     {
-        m_value.reserve(m_source.text().size() + 1); // once, as above
+        m_value.reserve(m_source.text().size() + 1); // once, as in FileText
     }
     ~SettingsParser() { wipe(m_value); }
     SettingsParser(SettingsParser const&) = delete;
@@ -134,7 +134,7 @@ void SettingsParser::takeLine(std::string_view line)
         m_value += text;
     } else {
         m_begin = m_line;
-        refuse("the line continues nothing", "begin it with a name, without blanks");
+        refuse("continuation line without a setting", "remove the blanks before the name");
     }
 }
 
@@ -142,17 +142,17 @@ void SettingsParser::begin(std::string_view line)
 {
     m_begin = m_line;
     auto const equals = line.find('=');
-    if (equals == std::string_view::npos) { // what it is is not shown: it may be a secret
+    if (equals == std::string_view::npos) { // the line is not shown: it may be a secret
         refuse("the line has no '='", "write name = value");
     }
     std::string_view const name = trimmed(line.substr(0, equals));
     m_setting = settingOfFile(name);
     if (m_setting == nullptr) {
-        refuse(fmt::format("there is no setting '{}'", oneLine(name)),
+        refuse(fmt::format("unknown setting '{}'", oneLine(name)),
                "solvane-ldap.conf(5) lists the names");
     }
     if (!m_file.m_draft.given.insert(m_setting->name).second) {
-        refuse(fmt::format("{} is set twice", m_setting->name), "leave one of the lines out");
+        refuse(fmt::format("{} is set twice", m_setting->name), "remove one of the lines");
     }
     m_value = trimmed(line.substr(equals + 1));
 }
@@ -184,9 +184,10 @@ void SettingsParser::store()
 void SettingsParser::requirePrivacy() const
 {
     if ((m_source.mode() & (S_IRGRP | S_IROTH)) != 0) {
-        throw Failure(Outcome::configuration,
-                      fmt::format("the file can be read by others (mode {:03o})", m_source.mode()),
-                      "chmod 600 it, and change the password if others had access");
+        throw Failure(
+            Outcome::configuration,
+            fmt::format("the file is readable by other users (mode {:03o})", m_source.mode()),
+            "set mode 600, and change the password if others had access");
     }
 }
 

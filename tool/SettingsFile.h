@@ -1,5 +1,5 @@
-// The settings file of -C: lines "name = value", with the names of Postfix's LDAP tables where the
-// meaning is the same.
+// The settings file of -C: lines "name = value". Settings with the same meaning as in Postfix's
+// LDAP tables have the same names.
 #ifndef SOLVANE_TOOL_SETTINGS_FILE_H
 #define SOLVANE_TOOL_SETTINGS_FILE_H
 
@@ -10,21 +10,21 @@
 
 namespace Solvane::Tool {
 
-/// What a settings file says, checked. Its password stays apart from the rest.
+/// The validated contents of a settings file. The password is stored apart from the other settings.
 class SettingsFile {
 public:
-    /// Says nothing: every setting has its default.
+    /// No file: every setting has its default.
     SettingsFile();
     /// Reads a file.
-    /// @throws Failure  "configuration": it cannot be read, others may read the password in it, or
-    ///                  a line is wrong; the text names file and line
+    /// @throws Failure  "configuration": it cannot be read, others can read the password in it, or
+    ///                  a line is invalid; the text names file and line
     explicit SettingsFile(std::string const& path);
 
-    /// What it says; without the password.
+    /// The settings, without the password.
     Draft const& draft() const { return m_draft; }
     /// Empty if the file has none.
     Secret const& password() const { return m_password; }
-    /// As it was named; empty for none.
+    /// The path as given; empty if there is no file.
     std::string const& path() const { return m_path; }
 
 private:

@@ -1,4 +1,4 @@
-// The rows, and what connects a row's texts with the member that holds its value.
+// The rows of the table; each connects a row's texts with the member for its value.
 #include "SettingsTable.h"
 
 #include "Files.h"
@@ -16,7 +16,7 @@ using Settings = LDAPLookup::Settings;
 using Lookup::TlsPolicy;
 using Group = Setting::Group;
 
-// Where a value is
+// The member for a value
 
 template <typename Value> Value& at(Draft& draft, Value Draft::*member) { return draft.*member; }
 template <typename Value> Value& at(Draft& draft, Value Settings::*member)
@@ -28,7 +28,7 @@ template <typename Value> Value& at(Draft& draft, Value TlsPolicy::*member)
     return draft.lookup.tls.*member;
 }
 
-/// A reader that stores what `read` returns for a text.
+/// A reader that stores `read(text)`.
 template <typename Member, typename Read> Setting::Reader storing(Member member, Read read)
 {
     return [=](std::string const& text) -> Setting::Assignment {
@@ -36,7 +36,7 @@ template <typename Member, typename Read> Setting::Reader storing(Member member,
     };
 }
 
-/// Read alike in the settings file and on the command line.
+/// A value that is read the same way from the settings file and the command line.
 template <typename Member, typename Read> Setting::Value value(Member member, Read read)
 {
     auto const reader = storing(member, read);
@@ -58,16 +58,16 @@ template <typename Member, typename Read> Setting::Value onlyOfFile(Member membe
     return made;
 }
 
-// What is not stored as it is read
+// Values with a form of their own
 
-/// The port of a host that names none may stand behind it in the file.
+/// Hosts are completed later: "server_port" may follow "server_host" in the file.
 Setting::Value serverList()
 {
     Setting::Value made;
     made.fromFile = [](std::string const& text) -> Setting::Assignment {
         auto const hosts = serversIn(text);
         for (std::string const& host : hosts) {
-            ServerUri::fromHost(host, Draft().port); // refuses it on its line
+            ServerUri::fromHost(host, Draft().port); // validates it while its line is known
         }
         return [hosts](Draft& draft) { draft.hosts = hosts; };
     };
@@ -77,7 +77,7 @@ Setting::Value serverList()
     return made;
 }
 
-/// The file is read when the run begins, not while the command line is read.
+/// The file is read when the run begins, not while the command line is parsed.
 Setting::Value templateFile()
 {
     Setting::Value made;
@@ -105,8 +105,8 @@ std::vector<Setting> makeTable()
     auto const bytes = numberBetween(1024, largestLimit);
     return {
         { "server_host", Group::server, "-H,--uri", "URI", serverList(),
-          "A server, ldap[s]://host[:port], or the servers of a domain, ldap[s]+srv:///dc=example,dc=com; "
-          "given again: who is asked when it fails", true },
+          "Server, ldap[s]://host[:port], or a domain's servers, ldap[s]+srv:///dc=example,dc=com; "
+          "repeat it to name servers to fail over to", true },
         { "server_port", Group::server, "", "N",
           onlyOfFile(&Draft::port, numberBetween(1, 65535)), "" },
         { "version", Group::server, "-P,--protocol", "2|3",
@@ -115,75 +115,75 @@ std::vector<Setting> makeTable()
           value(&Settings::networkTimeout, seconds, networkTimeoutIn),
           "Seconds to connect, and to wait for each answer" },
         { "deadline", Group::server, "--deadline", "S", value(&Settings::deadline, durationIn),
-          "Seconds for one key as a whole" },
+          "Seconds for each key in total" },
         { "tls_ca_cert_file", Group::server, "--tls-ca", "FILE", value(&TlsPolicy::caFile, textIn),
-          "PEM file of the authorities that may sign a server's certificate" },
+          "PEM file of trusted certificate authorities" },
         { "tls_verify", Group::server, "--tls-verify", "none|chain|full",
           value(&TlsPolicy::verify, tlsVerifyIn),
-          "How far the certificate behind ldaps:// is checked; full: also the host's name" },
+          "How an ldaps:// server's certificate is verified; full: also the host name" },
         { "name_servers", Group::server, "--name-servers", "LIST",
           value(&Settings::nameServers, nameServersIn),
-          "Name servers to ask, address or address:port, separated by commas; else the system's" },
+          "Name servers, ADDRESS or ADDRESS:PORT, separated by commas; default: the system's" },
         { "refused_hold", Group::server, "--refused-hold", "S",
           value(&Settings::refusedHold, holdIn),
-          "Seconds without another bind after a refused one" },
+          "Seconds to wait after a refused bind before the next one" },
         { "entry_bytes", Group::server, "--entry-bytes", "N",
-          value(&Settings::entryBytes, bytes), "Most bytes of one entry" },
+          value(&Settings::entryBytes, bytes), "Maximum bytes of one entry" },
 
         { "bind", Group::identity, "", "yes|no", onlyOfFile(&Draft::binds, booleanIn), "" },
         { "bind_dn", Group::identity, "-D,--bind-dn", "DN",
-          value(&Settings::bindDn, dnIn, bindDnIn), "Bind as this DN; else anonymously" },
+          value(&Settings::bindDn, dnIn, bindDnIn), "Bind as this DN; default: anonymous" },
         { passwordName.data(), Group::identity, "", "PASSWORD", password(), "" },
 
         { "search_base", Group::search, "-b,--base", "BASE", value(&Settings::base, dnIn),
-          "DN at which the search starts" },
+          "Search base DN" },
         { "scope", Group::search, "-s,--scope", "base|one|sub", value(&Settings::scope, scopeIn),
-          "How far below it is searched" },
+          "Search scope" },
         { "dereference", Group::search, "-a,--deref", "never|search|find|always",
-          value(&Settings::deref, dereferenceIn), "When aliases are followed" },
+          value(&Settings::deref, dereferenceIn), "When to dereference aliases" },
         { "result_attribute", Group::search, "--attrs", "A,B",
           value(&Settings::attributes, attributesIn),
-          "Attributes to show, separated by commas; else all" },
+          "Attributes to return, separated by commas; default: all" },
         { "size_limit", Group::search, "-z,--size-limit", "N", value(&Settings::entryLimit, limit),
-          "Most entries for one key; 0: no limit" },
+          "Maximum number of entries for one key; 0: no limit" },
         { "time_limit", Group::search, "-l,--time-limit", "S", value(&Settings::timeLimit, limit),
-          "Seconds that the server may search; 0: no limit" },
+          "Time limit for a search on the server in seconds; 0: no limit" },
         { "references", Group::search, "--references", "defer|ignore",
           value(&Settings::references, referencesIn),
-          "What an answer of references alone means: try later, or not found" },
+          "Result of an answer with only references: try later, or not found" },
 
         { "query_filter", Group::queryTemplate, "-t,--template", "TEMPLATE",
           value(&Settings::queryTemplate, ourTemplate, textIn),
-          "Query template, as '(mail=$m)'" },
+          "Query template, for example '(mail=$m)'" },
         { "query_filter", Group::queryTemplate, "-T,--template-file", "FILE", templateFile(),
-          "File that holds the template, on one line" },
+          "File with the template on one line" },
         { "b_value", Group::queryTemplate, "--b-value", "VALUE",
-          value(&Settings::bValue, textIn), "What $b inserts; --b for short" },
+          value(&Settings::bValue, textIn), "Value of $b; --b for short" },
         { "g_value", Group::queryTemplate, "--g-value", "VALUE",
-          value(&Settings::gValue, textIn), "What $g inserts; --g for short" },
+          value(&Settings::gValue, textIn), "Value of $g; --g for short" },
 
         { "connections", Group::bulk, "-j,--connections", "JOBS",
           value(&Settings::connections, numberBetween(1, mostConnections)),
-          "Connections at a time" },
+          "Number of parallel connections" },
         { "window", Group::bulk, "--window", "N",
           value(&Settings::window, numberBetween(1, widestWindow)),
-          "Searches in flight on each connection" },
+          "Maximum number of searches in flight on each connection" },
         { "domain", Group::bulk, "--domains", "LIST|@FILE", value(&Settings::domains, domainsIn),
-          "Domains that are served, separated by commas; addresses of others are skipped" },
+          "Served domains, separated by commas; addresses in other domains are skipped" },
         { "forms", Group::bulk, "--forms", "full,noext,bare,domain",
           value(&Settings::forms, formsIn),
-          "What of u+x@d is put into the template, in order of trial: u+x@d, u@d, u, @d" },
+          "Forms of u+x@d to look up, in this order: u+x@d, u@d, u, @d" },
         { "delimiter", Group::bulk, "--delimiter", "C",
           value(&Settings::extensionDelimiter, delimiterIn),
-          "Separates user and extension; empty: nothing does" },
+          "Separator of user and extension; empty: none" },
         { "ascii_domains", Group::bulk, "--ascii-domains", "yes|no",
           value(&Settings::asciiDomains, booleanIn),
-          "Whether an internationalized domain is looked up in Unicode and in ASCII" },
+          "Look up internationalized domains in both Unicode and ASCII form" },
         { "key_bytes", Group::bulk, "--key-bytes", "N",
           value(&Settings::keyBytes, numberBetween(1, largestLimit)),
-          "Most bytes of an address; a longer one is an error" },
+          "Maximum bytes of an address; a longer one is an error" },
         { "answer_bytes", Group::bulk, "--answer-bytes", "N",
-          value(&Settings::answerBytes, bytes), "Most bytes of all entries of an address" },
+          value(&Settings::answerBytes, bytes), "Maximum bytes of all entries of an address" },
     };
 }
 // clang-format on

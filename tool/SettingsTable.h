@@ -1,5 +1,5 @@
-// Every setting of a lookup, once: its name in the settings file, its options, how its text is read,
-// its default. The settings file, the command line and the documents' tests read this table.
+// The table of all settings: name in the settings file, options, parser and default of each. The
+// settings file, the command line and the tests of the documents read it.
 #ifndef SOLVANE_TOOL_SETTINGS_TABLE_H
 #define SOLVANE_TOOL_SETTINGS_TABLE_H
 
@@ -15,9 +15,9 @@
 
 namespace Solvane::Tool {
 
-/// What the settings file and the command line say, before the engine's settings are made of it.
+/// The settings of the settings file and the command line, from which the engine's are made.
 struct Draft {
-    LDAPLookup::Settings lookup;    ///< all but the servers and the password
+    LDAPLookup::Settings lookup;    ///< all except the servers and the password
     std::vector<std::string> hosts; ///< servers of the file; `port` completes them
     std::vector<ServerUri> servers; ///< servers of the command line, which replace `hosts`
     unsigned int port = LDAPLookup::Server().port;
@@ -26,47 +26,47 @@ struct Draft {
     std::set<std::string_view> given; ///< names of the settings that were set
 
     bool has(std::string_view name) const { return given.count(name) != 0; }
-    /// The servers in order of trial.
+    /// The servers in the order to try them.
     std::vector<LDAPLookup::Server> serverList() const;
 };
 
 /// One row of the table.
 struct Setting {
-    /// Where the help lists its options.
+    /// The group of options in the help.
     enum class Group { server, identity, queryTemplate, search, bulk };
-    /// Stores a value that was read.
+    /// Stores a parsed value.
     using Assignment = std::function<void(Draft&)>;
-    /// Reads a text.
-    /// @throws Failure  "usage", or "configuration" for a file that the text names; the text does not
-    ///                  name the setting
+    /// Parses a text.
+    /// @throws Failure  "usage", or "configuration" for a file that the text names; the message
+    ///                  does not name the setting
     using Reader = std::function<Assignment(std::string const& text)>;
 
-    /// How it is read and what it is by default; each part may be empty.
+    /// The parsers and the writer of a value; each may be empty.
     struct Value {
         Reader fromFile;                               ///< empty: not a setting of the file
-        Reader fromOption;                             ///< empty: without an option
-        std::function<std::string(Draft const&)> text; ///< what stands for a draft's value
+        Reader fromOption;                             ///< empty: has no option
+        std::function<std::string(Draft const&)> text; ///< writes a draft's value
     };
 
     char const* name;
     Group group;
-    char const* options; ///< as CLI11 takes them, the one that complaints show first; may be empty
-    char const* shape;   ///< stands for the value in the help; S: seconds, N: a number
+    char const* options; ///< in CLI11's notation; messages show the first one; may be empty
+    char const* shape;   ///< placeholder for the value in the help; S: seconds, N: a number
     Value value;
     char const* help;
-    bool isList = false; ///< the option may be given again and adds to the values
+    bool isList = false; ///< the option may be repeated and adds values
 
-    /// The default as the documents show it; empty if there is none.
+    /// The default as shown in the documents; empty if there is none.
     std::string defaultText() const;
 };
 
-/// The table. Two rows of one name are two options for one setting.
+/// The table. Two rows with the same name are two options for one setting.
 std::vector<Setting> const& settingsTable();
 
 /// The row of the settings file with this name; null if there is none.
 Setting const* settingOfFile(std::string_view name);
 
-/// The password of the settings file is not kept with the other values.
+/// The name of the password, which is stored apart from the other values.
 constexpr std::string_view passwordName = "bind_pw";
 
 } // namespace Solvane::Tool

@@ -1,4 +1,4 @@
-// Asked of the settings, checked by the engine.
+// Takes the template from the settings; the engine validates it.
 #include "Template.h"
 
 #include "Text.h"
@@ -14,8 +14,8 @@ bool hasTemplate(Draft const& draft) { return draft.has("query_filter"); }
 Lookup::QueryTemplate templateOf(Draft const& draft)
 {
     if (!hasTemplate(draft)) {
-        throw Failure(Outcome::usage, "there is no template",
-                      "give one with -t TEMPLATE or -T FILE, or query_filter in the file of -C");
+        throw Failure(Outcome::usage, "no template given",
+                      "add -t TEMPLATE or -T FILE, or set query_filter in the settings file (-C)");
     }
     LDAPLookup::Settings const& settings = draft.lookup;
     return Lookup::QueryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
@@ -30,9 +30,9 @@ void requireSound(Lookup::QueryTemplate const& queryTemplate)
     });
     if (first != findings.end()) {
         throw Failure(Outcome::badInput,
-                      fmt::format("the template '{}' is wrong at byte {}: {}",
+                      fmt::format("error in template '{}' at byte {}: {}",
                                   oneLine(queryTemplate.text()), first->position, first->text),
-                      "see all that is wrong with 'solvane-ldap expand --lint'");
+                      "run 'solvane-ldap expand --lint' for all errors");
     }
 }
 

@@ -1,4 +1,4 @@
-// The template that the settings name, and what is wrong with it.
+// The template of the settings, and its validation.
 #ifndef SOLVANE_TOOL_TEMPLATE_H
 #define SOLVANE_TOOL_TEMPLATE_H
 
@@ -9,15 +9,15 @@
 
 namespace Solvane::Tool {
 
-/// Whether there is one.
+/// Whether the settings have a template.
 bool hasTemplate(Draft const& draft);
 
-/// The template, unchecked.
+/// The template, not validated.
 /// @throws Failure  "usage": there is none
 Lookup::QueryTemplate templateOf(Draft const& draft);
 
-/// Throws the first of its errors, if it has one: no lookup can succeed with it.
-/// @throws Failure  "badInput"
+/// Validates the template.
+/// @throws Failure  "badInput": the first error; no lookup can succeed with it
 void requireSound(Lookup::QueryTemplate const& queryTemplate);
 
 } // namespace Solvane::Tool

@@ -1,4 +1,4 @@
-// Echo and the signals that must not leave it off.
+// Turns echo off, and handles signals so that it never stays off.
 #include "Terminal.h"
 
 #include <cerrno>
@@ -26,7 +26,7 @@ EchoOff::EchoOff(int terminal) : m_terminal(terminal)
         sigaddset(&blocked, signals[i]);
         sigaction(signals[i], &remembering, &m_actions[i]);
     }
-    // Only ppoll lets them in: one that came just before a read would not end it.
+    // Blocked except within ppoll: a signal just before a read would not interrupt that read.
     pthread_sigmask(SIG_BLOCK, &blocked, &m_mask);
     tcgetattr(m_terminal, &m_saved);
     termios silent = m_saved;

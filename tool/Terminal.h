@@ -1,4 +1,4 @@
-// A terminal whose echo is off, whatever happens meanwhile.
+// Turns the echo of a terminal off for a while.
 #ifndef SOLVANE_TOOL_TERMINAL_H
 #define SOLVANE_TOOL_TERMINAL_H
 
@@ -9,8 +9,8 @@
 
 namespace Solvane::Tool {
 
-/// Turns echo off for its life. A signal that would end or stop the process meanwhile interrupts
-/// `waitFor`, and takes effect once echo is on again.
+/// Turns echo off during its lifetime. A signal that would end or stop the process interrupts
+/// `waitFor` and takes effect after echo is on again. One object at a time; not thread-safe.
 class EchoOff {
 public:
     explicit EchoOff(int terminal);
@@ -18,9 +18,9 @@ public:
     EchoOff(EchoOff const&) = delete;
     EchoOff& operator=(EchoOff const&) = delete;
 
-    /// Waits until the terminal is ready for `events` of poll(2), or a signal interrupts; after one,
-    /// only looks.
-    /// @return whether it is ready
+    /// Blocks until the terminal is ready for `events` of poll(2), or until a signal interrupts;
+    /// after a signal it only polls.
+    /// @return whether the terminal is ready
     bool waitFor(short events) const;
     static bool wasInterrupted();
 

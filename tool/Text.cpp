@@ -1,4 +1,4 @@
-// Text appended to what is written.
+// Appends text to the output.
 #include "Text.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// What bytes are fit to be shown, sent or written as text.
+// Helpers for text that is printed, sent or written.
 #ifndef SOLVANE_TOOL_TEXT_H
 #define SOLVANE_TOOL_TEXT_H
 
@@ -17,10 +17,10 @@ using Lookup::oneLine;
 using Lookup::TextFault;
 using Lookup::wipe;
 
-/// Whether there are only ASCII letters, ASCII digits and characters of `others`.
+/// Whether the text has only ASCII letters, ASCII digits and characters of `others`.
 bool isAlphanumeric(std::string_view text, std::string_view others);
 
-/// The texts in a row.
+/// Joins the texts.
 template <typename Texts> std::string joined(Texts const& texts, char const* separator)
 {
     std::string all;
@@ -30,7 +30,7 @@ template <typename Texts> std::string joined(Texts const& texts, char const* sep
     return all;
 }
 
-/// Appends `oneLine(text)`; without a copy where the text is a plain line.
+/// Appends `oneLine(text)`; without a copy if the text is already a plain line.
 void appendOneLine(std::string& out, std::string_view text);
 
 /// Appends the bytes in base64 (RFC 4648 section 4).

@@ -1,4 +1,4 @@
-// The administrator's tool for directory lookups: process-wide settings and the exit status.
+// The entry point of the tool: process-wide settings and the exit status.
 #include "CommandLine.h"
 #include "Console.h"
 #include "Failure.h"
@@ -27,9 +27,9 @@ int runReporting(int count, char** arguments, Diagnostics& diagnostics)
     } catch (ReaderGone const&) {
         return exitStatusOf(Outcome::outputFailed);
     } catch (Solvane::Exception const& fault) {
-        diagnostics.error(fmt::format("internal fault: {}; report it", fault.asString()));
+        diagnostics.error(fmt::format("internal error: {}; please report it", fault.asString()));
     } catch (std::exception const& fault) {
-        diagnostics.error(fmt::format("internal fault: {}; report it", fault.what()));
+        diagnostics.error(fmt::format("internal error: {}; please report it", fault.what()));
     }
     return exitStatusOf(Outcome::internal);
 }
@@ -38,7 +38,7 @@ int runReporting(int count, char** arguments, Diagnostics& diagnostics)
 
 int main(int count, char** arguments)
 {
-    // A reader that goes away is seen as an error of write().
+    // A closed pipe is then reported by write().
     std::signal(SIGPIPE, SIG_IGN);
     reserveStandardStreams();
     Diagnostics diagnostics;

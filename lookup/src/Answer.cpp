@@ -1,4 +1,4 @@
-// Values by attribute name.
+// Looks up values by attribute name.
 #include <solvane/lookup/Answer.h>
 
 #include <solvane/ldap/LDAPAttribute.h>

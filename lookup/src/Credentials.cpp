@@ -1,4 +1,4 @@
-// One bind at a time, and none for a while after a refusal.
+// One pending bind at a time, and a pause after a refusal.
 #include "Credentials.h"
 
 namespace Solvane::Lookup {

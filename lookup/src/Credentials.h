@@ -1,4 +1,4 @@
-// When a bind may be sent: a wrong password must not lock the account.
+// Limits binds with a wrong password, so that the account is not locked out.
 #ifndef SOLVANE_LOOKUP_SRC_CREDENTIALS_H
 #define SOLVANE_LOOKUP_SRC_CREDENTIALS_H
 
@@ -9,29 +9,39 @@
 
 namespace Solvane::Lookup {
 
-/// What is known of the bind DN and its password. Directories lock an account after a few refused
-/// binds, so until a server has accepted these, one bind is under way at a time, and after a refusal
-/// none for a while. Once accepted, a refusal is that server's own matter. Not synchronised: the
-/// pool guards it.
+/// The lock-out guard of the bind DN and its password. Many directories lock an account after a few
+/// failed binds, and a pool with a wrong password would send one per connection and retry.
+///
+/// | known of the password         | a caller that wants to bind |
+/// |-------------------------------|-----------------------------|
+/// | nothing yet, no bind pending  | binds                       |
+/// | nothing yet, one bind pending | waits for its outcome       |
+/// | refused less than `hold` ago  | fails with that refusal     |
+/// | accepted by any server        | binds                       |
+///
+/// So a wrong password costs one failed bind per `hold`, and the next one goes to the next server,
+/// as only one replica may be out of date. Once accepted, a refusal concerns only the server that
+/// sent it. Not thread-safe: guarded by the pool's mutex.
 class Credentials {
 public:
-    /// @param isNeeded  false: anonymous, every bind may be sent
-    /// @param hold      how long none is sent after a refusal
+    /// @param isNeeded  false: anonymous, no limit
+    /// @param hold      pause after a refusal
     Credentials(bool isNeeded, Clock::duration hold) : m_isAccepted(!isNeeded), m_hold(hold) {}
 
     bool areAccepted() const { return m_isAccepted; }
     Clock::duration hold() const { return m_hold; }
 
-    /// What a caller that wants to bind has to do.
+    /// What a caller that wants to bind must do.
     enum class Turn {
-        bind,   ///< go on; report the outcome
-        wait,   ///< for the outcome of another caller's bind
-        refuse, ///< they were refused lately: `refusal`
+        bind,   ///< bind and report the outcome
+        wait,   ///< wait for the outcome of another caller's bind
+        refuse, ///< fail with `refusal`: they were refused recently
     };
     Turn turn(Clock::time_point now) const;
-    /// The verdict while none is sent.
+    /// The verdict to return while no bind may be sent.
     Verdict refusal(Clock::time_point now) const;
-    /// The server to begin with: after a refusal, the one behind the server that refused.
+    /// The index of the server to try first: after a refusal, the one after the server that
+    /// refused.
     std::size_t firstServer(std::size_t servers) const;
 
     /// A caller is going to bind, if its turn is `bind`. Others wait for it until `until`: it may be held

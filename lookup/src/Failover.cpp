@@ -1,4 +1,4 @@
-// One verdict from those of several servers.
+// Combines the verdicts of several servers.
 #include "Failover.h"
 
 #include <algorithm>
@@ -7,7 +7,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// The causes of all servers, each once.
+/// The distinct causes of all servers.
 std::string textOf(std::vector<Failure> const& failures)
 {
     std::string text;

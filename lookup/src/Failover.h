@@ -1,4 +1,4 @@
-// What became of a key on the servers that could not answer it, and what follows from all of them.
+// Combines the failures of several servers into one outcome of a key.
 #ifndef SOLVANE_LOOKUP_SRC_FAILOVER_H
 #define SOLVANE_LOOKUP_SRC_FAILOVER_H
 
@@ -15,19 +15,21 @@ struct Failure {
     std::size_t server = 0; ///< its index
     std::string uri;
     Verdict why;
-    /// Its search failed; otherwise no session could be opened.
+    /// A search failed; otherwise no session could be opened.
     bool isOfSearch = false;
-    Clock::time_point sentAt; ///< that search
-    Clock::duration cost{0};  ///< how long it took to fail
-    /// No other server would answer: the fault is in the credentials or in a setting.
+    Clock::time_point sentAt; ///< when the search was sent
+    Clock::duration cost{0};  ///< time until it failed
+    /// Another server cannot help: the credentials or a setting are wrong.
     bool isFinal = false;
 };
 
-/// The outcome of a key that no server answered. It is what the servers say if all say the same;
-/// otherwise it is to be tried later, as the one that can answer may be the one that is away.
+/// The outcome of a key that no server answered. If all servers failed with the same outcome, it is
+/// that one. Otherwise it is `TryLater`: the server that could have answered may be temporarily
+/// down. Example: one replica refuses the base (`Misconfigured`), another one is down (`TryLater`).
+/// A final failure (wrong credentials, invalid setting) decides alone.
 struct Conclusion {
     Verdict verdict;
-    std::string server; ///< the URI of the one that it is taken from
+    std::string server; ///< the URI of the server that it comes from
 };
 Conclusion conclude(std::vector<Failure> const& failures);
 

@@ -1,4 +1,4 @@
-// The engine's own exceptions: what they report of the place that threw them.
+// The source locations that the engine's own exceptions report.
 #ifndef SOLVANE_LOOKUP_FAULT_SITE_H
 #define SOLVANE_LOOKUP_FAULT_SITE_H
 

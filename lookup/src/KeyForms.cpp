@@ -1,4 +1,4 @@
-// Forms in a mail server's order, and internationalised domains.
+// Address forms, and internationalized domains.
 #include "KeyForms.h"
 
 #include <solvane/session/PlainText.h>
@@ -57,7 +57,7 @@ void addOnce(std::vector<std::string>& texts, std::string text)
     }
 }
 
-/// What stands behind the last "@"; empty without one.
+/// The part after the last "@"; empty without one.
 std::string_view domainOf(std::string_view key)
 {
     auto const at = key.rfind('@');
@@ -96,11 +96,11 @@ std::string KeyForms::faultOf(std::string const& key) const
         return "the key is empty";
     }
     if (key.size() > m_keyBytes) {
-        return "the key has " + std::to_string(key.size()) + " bytes, more than the " +
-               std::to_string(m_keyBytes) + " that are allowed";
+        return "the key has " + std::to_string(key.size()) + " bytes, the maximum is " +
+               std::to_string(m_keyBytes);
     }
     auto const fault = faultIn(key);
-    return fault ? "the key holds " + describe(*fault) : std::string();
+    return fault ? "the key contains " + describe(*fault) : std::string();
 }
 
 bool KeyForms::isServed(std::string const& key) const
@@ -119,7 +119,7 @@ bool KeyForms::isServed(std::string const& key) const
 std::vector<std::string> KeyForms::of(std::string const& key) const
 {
     std::string_view const domain = domainOf(key);
-    bool const mayHaveOther = m_isInternational && // mostly not
+    bool const mayHaveOther = m_isInternational && // rarely true
                               (!isAscii(domain) || domain.find("--") != std::string_view::npos);
     std::string const other = mayHaveOther ? otherFormOf(std::string(domain)) : std::string();
     if (other.empty() && m_forms.size() == 1 && m_forms.front() == Form::full) {
@@ -136,16 +136,16 @@ std::vector<std::string> KeyForms::of(std::string const& key) const
         }
     }
     if (texts.empty() || (texts.size() == 1 && texts.front() == key)) {
-        return {}; // as "@domain" if only bare users are asked for
+        return {}; // the key itself, also if it has none of the forms
     }
     return texts;
 }
 
-/// Empty if the key has no such form.
+/// One form of a key; empty if the key has no such form.
 std::string KeyForms::textOf(Form form, std::string_view local, std::string_view domain,
                              std::string const& key) const
 {
-    // A delimiter in front is part of the user's name.
+    // A leading delimiter is part of the user's name.
     auto const delimiter = m_delimiter == '\0' ? std::string::npos : local.find(m_delimiter, 1);
     std::string user(local.substr(0, delimiter));
     switch (form) {

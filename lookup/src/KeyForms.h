@@ -1,4 +1,4 @@
-// What is looked up for a key: the forms of its address, and whether its domain is served.
+// The forms of a key to look up, and whether its domain is served.
 #ifndef SOLVANE_LOOKUP_SRC_KEY_FORMS_H
 #define SOLVANE_LOOKUP_SRC_KEY_FORMS_H
 
@@ -11,17 +11,17 @@
 
 namespace Solvane::Lookup {
 
-/// The part of the settings that is about keys. Constant, so thread-safe.
+/// The settings for keys, prepared for use. Immutable, so thread-safe.
 class KeyForms {
 public:
     explicit KeyForms(Settings const& settings);
 
-    /// Why a key cannot be looked up; empty when it can.
+    /// Why a key is invalid; empty if it is valid.
     std::string faultOf(std::string const& key) const;
-    /// False if there is a list of domains and this key's is not in it.
+    /// Whether the key's domain is served; true for all keys if no domains are set.
     bool isServed(std::string const& key) const;
-    /// The texts to try besides or in place of the key, in order, each once. Empty if the key itself
-    /// is the only one, as it mostly is.
+    /// The distinct forms to look up, in order. Empty if the key itself is the only one (the usual
+    /// case, without copies).
     std::vector<std::string> of(std::string const& key) const;
 
 private:
@@ -35,8 +35,8 @@ private:
     std::set<std::string> m_domains; ///< in lower case, and in ASCII form
 };
 
-/// The ASCII form (RFC 5891) of a domain with other characters, the Unicode form of one that is in
-/// ASCII form; empty if it has no other form.
+/// The ASCII form (RFC 5891) of a non-ASCII domain, or the Unicode form of a domain in ASCII form;
+/// empty if there is no other form.
 std::string otherFormOf(std::string const& domain);
 
 } // namespace Solvane::Lookup

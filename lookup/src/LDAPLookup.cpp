@@ -1,4 +1,4 @@
-// The public calls: fronts of the pipeline that block.
+// The public, blocking calls on top of the pipeline.
 #include <solvane/lookup/LDAPLookup.h>
 
 #include "Pipeline.h"
@@ -101,8 +101,8 @@ private:
                         (isHeard && m_waits.descriptors().back().revents != 0);
     }
 
-    /// Every answer is out, and the source has nothing: for as long as that takes, others may have the
-    /// sessions.
+    /// All answers are out and the source has no key: returns the sessions to the pool while
+    /// waiting.
     void rest()
     {
         m_pipeline.rest();
@@ -128,11 +128,11 @@ private:
 
     Pipeline& m_pipeline;
     LDAPLookup::Source const& m_source;
-    int const m_descriptor; ///< -1: the source waits by itself
+    int const m_descriptor; ///< -1: the source blocks by itself
     LDAPLookup::Sink const& m_sink;
     Waits m_waits;
     bool m_isSupplied = true;  ///< the source has more
-    bool m_mayHaveKeys = true; ///< the source is worth asking
+    bool m_mayHaveKeys = true; ///< the source may have a key now
     bool m_isWanted = true;    ///< the sink wants more
 };
 

@@ -1,4 +1,4 @@
-// What may be sent on a session, and when it counts as silent.
+// Which searches a lane accepts, and when its server counts as silent.
 #include "Lane.h"
 
 #include <algorithm>
@@ -13,10 +13,11 @@ bool Lane::suits(Task const& task) const
         return false;
     }
     if (!task.answer.wasRepeated || !isOpen()) {
-        return true; // one that is being opened for a task that is repeated is asked who we are
+        return true; // a lane being opened for a repeated task asks "Who am I?" before it is used
     }
-    // What broke one connection has broken its contemporaries too, as a rule; and a new one may be to
-    // a server that is about to go, until an answer came.
+    // A repeated task needs a connection that is newer than the broken one, as older ones to the
+    // same server are probably broken too; and one that has answered, as the server may be shutting
+    // down.
     return lease->hasAnswered && (task.brokeOn != server || lease->openedAt >= task.brokeAt);
 }
 

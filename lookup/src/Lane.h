@@ -1,4 +1,4 @@
-// A session with the searches that are in flight on it.
+// A session and the searches in flight on it.
 #ifndef SOLVANE_LOOKUP_SRC_LANE_H
 #define SOLVANE_LOOKUP_SRC_LANE_H
 
@@ -18,27 +18,27 @@ struct Lane {
     Pool::Lease lease;
     ServerRecord* server;
     std::vector<Task*> tasks;  ///< searches in flight, in the order of sending
-    Clock::time_point begunAt; ///< opening
-    Clock::time_point openBy;  ///< opening has to end
-    bool needsFlush = false;   ///< searches were sent since the last flush
-    bool hasAbandoned = false; ///< a search; the rest of its answer may still come
+    Clock::time_point begunAt; ///< when opening began
+    Clock::time_point openBy;  ///< deadline for opening
+    bool needsFlush = false;   ///< searches were queued since the last flush
+    bool hasAbandoned = false; ///< a search was abandoned; more of its answer may arrive
     bool isLeaving = false;    ///< gets no more searches
     bool wasHeldUp = false;    ///< while opening, by what its owner did meanwhile
 
     bool isOpen() const { return lease->isOpen; }
-    /// Whether the task may be asked here at all.
+    /// Whether the task may be sent on this lane.
     bool suits(Task const& task) const;
-    /// Whether it takes one more search, of a window of so many.
+    /// Whether the lane has room for one more search, with this window.
     bool hasRoom(std::size_t window) const;
-    /// When it has kept its oldest search waiting for so long that the server counts as silent.
+    /// When the server will count as silent, unless bytes arrive before.
     Clock::time_point silentAt(Clock::duration limit) const;
 
     void add(Task& task);
     void remove(Task& task);
-    /// The search that a message belongs to; null if it was abandoned.
+    /// The search to which a message belongs; null if it was abandoned.
     Task* find(int messageId) const;
     void waits(Waits& waits, Clock::duration silence) const;
-    /// Returns the session to the pool, or closes it if more of an answer may come.
+    /// Returns the session to the pool, or closes it if more of an answer may arrive.
     void end();
 };
 

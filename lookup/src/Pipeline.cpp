@@ -1,4 +1,4 @@
-// Messages of the servers become answers, and broken connections repeated searches.
+// Turns messages into answers, and repeats searches after failures.
 #include "Pipeline.h"
 
 #include <solvane/session/EntryReader.h>
@@ -13,7 +13,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// A final response, as OpenLDAP hands it out.
+/// The parsed result of a search.
 struct Result {
     int code = LDAP_SUCCESS;
     LDAPCharBuffer matched;
@@ -22,12 +22,12 @@ struct Result {
 
     bool refers() const { return referrals.get() != nullptr && *referrals.get() != nullptr; }
 
-    /// The server's words about a search that it did not carry out.
+    /// The text of a failed result.
     std::string words() const
     {
         std::string words = wordsFor(code, text.get() == nullptr ? "" : text.get());
         if (matched.get() != nullptr && *matched.get() != '\0') {
-            words += ", what exists is '" + oneLine(matched.get()) + '\'';
+            words += ", matched DN '" + oneLine(matched.get()) + '\'';
         }
         for (char** uri = referrals.get(); uri != nullptr && *uri != nullptr; ++uri) {
             words += ", see " + oneLine(*uri);
@@ -46,7 +46,7 @@ bool parse(LDAP* session, Session::Message const& message, Result& result)
         ldap_parse_result(session, message.parsed.get(), &result.code, result.matched.address(),
                           result.text.address(), result.referrals.address(), nullptr, 0);
     if (result.code == LDAP_SUCCESS && rc == LDAP_SUCCESS && result.refers()) {
-        result.code = LDAP_REFERRAL; // a success that refers elsewhere is a referral all the same
+        result.code = LDAP_REFERRAL; // treat a success with referrals as a referral
     }
     return rc == LDAP_SUCCESS;
 }
@@ -78,7 +78,7 @@ void Pipeline::run()
     advanceLanes();
     expire(m_now);
     endLeavingLanes();
-    dispatch(); // what is to be repeated, too
+    dispatch(); // also searches to be repeated
     leaveOneLaneToOthers();
     flush();
 }
@@ -100,15 +100,15 @@ void Pipeline::advanceLanes()
         if (!current.isOpen()) {
             advance(current);
         } else if (!current.tasks.empty() && !current.needsFlush) {
-            drain(current); // after a flush, an answer is worth a poll first
+            drain(current); // right after a send there is no answer yet: poll first
         }
     }
 }
 
-/// Takes what a lane has. The lane may be gone afterwards.
+/// Reads the messages of a lane. May destroy the lane.
 void Pipeline::drain(Lane& lane)
 {
-    constexpr int atMost = 256; // messages: a flood must not hide that time passes
+    constexpr int atMost = 256; // messages, so that a flood does not delay deadlines
     Session& session = lane.lease->session;
     Session::Message message;
     for (int count = 0; count < atMost && !lane.tasks.empty(); ++count) {
@@ -117,7 +117,7 @@ void Pipeline::drain(Lane& lane)
             break;
         }
         if (received == Session::Received::broken) {
-            Verdict const why = session.verdict(); // the session goes with its lane
+            Verdict const why = session.verdict(); // a copy: the lane is destroyed
             leave(lane, Trouble::broken, why);
             return;
         }
@@ -126,17 +126,17 @@ void Pipeline::drain(Lane& lane)
         if (message.id <= 0) { // as a server does before it closes
             leave(lane, Trouble::broken,
                   {Outcome::TryLater, LDAP_SERVER_DOWN,
-                   lane.server->uri + " announced that it closes the connection"});
+                   lane.server->uri + " is closing the connection"});
             return;
         }
         Task* const task = lane.find(message.id);
         if (task == nullptr) {
-            continue; // the rest of an answer that was given up
+            continue; // the rest of an abandoned answer
         }
         std::size_t const lanes = m_lanes.size();
         take(lane, *task, message);
         if (m_lanes.size() != lanes) {
-            return; // the lane broke
+            return; // the lane was destroyed
         }
     }
 }
@@ -154,7 +154,7 @@ void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
     default:
         leave(lane, Trouble::damaged,
               {Outcome::TryLater, LDAP_DECODING_ERROR,
-               lane.server->uri + " answered the search with an invalid message"},
+               lane.server->uri + " sent an invalid response to the search"},
               &task);
     }
 }
@@ -165,7 +165,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     std::list<LDAPSearchResultEntry>& entries = task.answer.entries;
     if (!readEntry(message.content, entries)) {
         leave(lane, Trouble::damaged,
-              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged entry"},
+              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent an invalid entry"},
               &task);
         return;
     }
@@ -175,7 +175,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     bool const isTooMany = settings.entryLimit != 0 && entries.size() > settings.entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
-        entries.pop_back(); // the one beyond
+        entries.pop_back(); // the one beyond the limit
         lane.remove(task);
         --m_inFlight;
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
@@ -214,7 +214,7 @@ void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& messag
     }
 }
 
-/// A code that is about the server says nothing of the key: the next server is asked.
+/// A code that concerns the server is not an answer to the key: fails over to the next server.
 void Pipeline::refused(Lane& lane, Task& task, Verdict const& why)
 {
     if (m_shared.pool.serverCount() < 2 || !speaksOfServer(why.code)) {
@@ -224,12 +224,12 @@ void Pipeline::refused(Lane& lane, Task& task, Verdict const& why)
     Failure failure = {lane.server->index, lane.server->uri,           why,  true,
                        task.sentAt,        Clock::now() - task.sentAt, false};
     if (why.code == LDAP_BUSY || why.code == LDAP_UNAVAILABLE) {
-        m_shared.pool.searchFailed(failure); // it says so itself
+        m_shared.pool.searchFailed(failure); // the server itself reports it
     }
     repeat(task, *lane.server, std::move(failure), true, false);
 }
 
-/// What failed elsewhere was the server's fault if this one could answer.
+/// This server answered, so earlier failures of the search were the fault of those servers.
 void Pipeline::proveFailures(Task const& task)
 {
     for (Failure const& failure : task.failures) {
@@ -248,10 +248,20 @@ void Pipeline::abandon(Lane& lane, Task& task)
     --m_inFlight;
 }
 
-/// Ends a lane whose connection is gone or not to be trusted; its searches are repeated. With several
-/// in flight, it is not known which of them broke it, or whether there were too many: they are sent
-/// again in a narrower window, until one that breaks a connection is alone on it.
-// NOLINTNEXTLINE(performance-unnecessary-value-param): the session that says why goes here
+/// Ends a lane whose connection is lost or unreliable; repeats its searches. With several searches
+/// in flight, any of them may have caused the loss, or there were too many. They are sent again in
+/// a narrower window; a search that then breaks a connection alone is the guilty one, and only it
+/// fails over to the next server:
+///
+/// | trouble | searches in flight | counts against the search   |
+/// |---------|--------------------|-----------------------------|
+/// | broken  | one                | yes, with one free repeat *  |
+/// | broken  | several            | no                          |
+/// | silent  | any                | yes, for all                |
+/// | damaged | any                | only for the guilty one     |
+///
+/// * if the session had answered before: the idle connection may have been dropped silently.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): its session is destroyed here
 void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilty)
 {
     std::vector<Task*> tasks;
@@ -264,12 +274,12 @@ void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilt
     lane.lease.close();
     m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
     auto const now = Clock::now();
-    // From the last to the first: each is put before the others.
+    // In reverse, as each one is put in front of the others.
     for (auto next = tasks.rbegin(); next != tasks.rend(); ++next) {
         Task& task = **next;
         bool const isAlone = trouble == Trouble::broken && tasks.size() == 1;
         bool const isItsFault = isAlone || trouble == Trouble::silent || &task == guilty;
-        // An idle connection may have been lost before, without a word.
+        // An idle connection may have been dropped silently before this search.
         bool const isFree = isAlone && task.wasOnProven;
         repeat(task, server,
                {server.index, server.uri, why, true, task.sentAt, now - task.sentAt, false},
@@ -277,9 +287,9 @@ void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilt
     }
 }
 
-/// Has a search sent again.
-/// @param isItsFault  it counts as asked there
-/// @param isFree      but once, it is repeated on the same server
+/// Queues a search to be sent again.
+/// @param isItsFault  the failure counts against the search: not on the same server again
+/// @param isFree      allows one repeat on the same server nevertheless
 void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, bool isItsFault,
                       bool isFree)
 {

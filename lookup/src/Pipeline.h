@@ -1,4 +1,4 @@
-// Keys in, answers out, without blocking: what every kind of lookup is made of.
+// The non-blocking core of all lookups: keys in, answers out.
 #ifndef SOLVANE_LOOKUP_SRC_PIPELINE_H
 #define SOLVANE_LOOKUP_SRC_PIPELINE_H
 
@@ -15,28 +15,34 @@
 
 namespace Solvane::Lookup {
 
-/// Looks up the keys that are pushed into it, and has their answers in the same order. A key becomes a
-/// task, a session a lane; a task waits for a lane, is in flight on it, and is done when it has its
-/// answer. Nothing here blocks: its owner calls `run`, then waits for what `waits` names, and so on.
-/// Not thread-safe; what pipelines share is.
+/// Looks up the keys pushed into it and returns their answers in the same order. Each key is a
+/// task, each session a lane. A task moves through these states:
+///
+///     waiting (m_waiting) --send--> in flight (lane->tasks) --result--> done (isDone) --pop-->
+///     gone
+///          ^                             |
+///          +------- repeat: connection lost, server silent or busy
+///
+/// Nothing blocks: the owner alternates `run` with a poll on `waits`. Not thread-safe; the `Shared`
+/// state of all pipelines is.
 class Pipeline : public NonCopyable {
 public:
-    /// @param lanes   sessions at most
-    /// @param window  searches in flight on each
+    /// @param lanes   maximum number of sessions
+    /// @param window  maximum of searches in flight on each
     Pipeline(Shared& shared, std::size_t lanes, std::size_t window);
     ~Pipeline();
 
     // Keys in, answers out
 
-    /// False while more keys would only wait here.
+    /// False while another key could not be sent at once.
     bool wantsKeys() const;
-    /// Takes a key; its deadline begins.
+    /// Adds a key and starts its deadline.
     void push(std::string key);
     /// Whether no key is under way and no answer is here.
     bool isIdle() const { return m_tasks.empty(); }
     /// Whether the oldest key has its answer.
     bool hasAnswer() const { return !m_tasks.empty() && m_tasks.front().isDone; }
-    /// That key with its answer, until `pop`.
+    /// The oldest key with its answer; valid until `pop`.
     Task& front() { return m_tasks.front(); }
     void pop()
     {
@@ -46,21 +52,21 @@ public:
 
     // Time
 
-    /// Does what can be done now.
+    /// Makes as much progress as possible without blocking.
     void run();
     /// Writes what is to be written; `run` does that too.
     void flush();
     /// Adds what `run` waits for.
     void waits(Waits& waits) const;
-    /// Returns the sessions to the pool, for others to use.
+    /// Returns the sessions to the pool.
     void rest();
-    /// Does not count the time for which its owner was busy with something else.
+    /// Extends the deadlines by a time that the owner spent elsewhere.
     void excuse(Clock::duration held);
 
 private:
     using Lanes = std::list<Lane>;
 
-    /// A question for the servers of a domain, while others go on.
+    /// A pending SRV query; other tasks continue meanwhile.
     struct Query {
         ServerDomain& domain;
         bool isRefresh; ///< its servers are in use meanwhile
@@ -68,11 +74,11 @@ private:
         std::unique_ptr<SrvQuery> service;
     };
 
-    /// Why the searches of a lane go elsewhere.
+    /// Why the searches of a lane are repeated elsewhere.
     enum class Trouble {
-        broken,  ///< the connection ended
-        silent,  ///< nothing came for too long
-        damaged, ///< what came for one of them is invalid
+        broken,  ///< the connection was lost
+        silent,  ///< the server sent nothing for too long
+        damaged, ///< the server sent an invalid message for one of them
     };
 
     // Keys: PipelineKeys.cpp
@@ -116,7 +122,7 @@ private:
     void takeResult(Lane& lane, Task& task, Session::Message const& message);
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
-    /// @param why  a copy, as the session that said it goes
+    /// @param why  a copy, as the session that owns the original is destroyed
     void leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilty = nullptr);
     void repeat(Task& task, ServerRecord const& server, Failure failure, bool isItsFault,
                 bool isFree);
@@ -125,16 +131,16 @@ private:
     Shared& m_shared;
     std::size_t const m_maximumLanes;
     std::size_t const m_window;
-    std::size_t const m_maximumTasks; ///< with answers that wait for an earlier one's
+    std::size_t const m_maximumTasks; ///< including answers that wait for an earlier one
 
-    std::list<Task> m_tasks;      ///< in the order of the keys; addresses stay
-    std::vector<Task*> m_waiting; ///< for a lane; the next one at the end
+    std::list<Task> m_tasks;      ///< in the order of the keys; addresses are stable
+    std::vector<Task*> m_waiting; ///< for a lane; the next one is at the end
     Lanes m_lanes;
     std::unique_ptr<Query> m_query;
     std::size_t m_inFlight = 0;
     std::size_t m_heldBytes = 0; ///< of entries, received and not taken by the owner yet
     Waiter m_waiter;
-    Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< at the pool, while it waits
+    Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< when to ask the pool again
     Clock::time_point m_noNewLaneBefore;
     Clock::time_point m_now;   ///< when `push` or `run` began: to look at the clock is not free
     bool m_isPoolFull = false; ///< when it was asked last

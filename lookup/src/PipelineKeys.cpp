@@ -1,4 +1,4 @@
-// Keys become tasks, tasks end: filters, conclusions, deadlines.
+// Begin and end of tasks: filters, conclusions, deadlines.
 #include "Pipeline.h"
 
 #include <solvane/ldap/LDAPException.h>
@@ -35,7 +35,7 @@ void Pipeline::push(std::string key)
         return;
     }
     if (!m_shared.forms.isServed(task.key)) {
-        finish(task, Outcome::Skipped, LDAP_SUCCESS, "its domain is not served");
+        finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
         return;
     }
     task.forms = m_shared.forms.of(task.key);
@@ -45,7 +45,7 @@ void Pipeline::push(std::string key)
     }
 }
 
-/// False if there is none; the task is done then.
+/// Makes the filter of a task. Returns false if there is none; the task is then done.
 bool Pipeline::prepareFilter(Task& task)
 {
     std::string& filter = task.answer.filter;
@@ -59,10 +59,9 @@ bool Pipeline::prepareFilter(Task& task)
         fault = malformed.stringParameter();
     }
     if (fault.empty() && isBlank(filter)) {
-        fault =
-            "the template makes nothing of the key, and an empty filter would match every entry";
+        fault = "the template expands to an empty filter, which would match every entry";
     } else if (fault.empty() && !isUtf8(filter)) {
-        fault = "the template cuts a character of the key in two";
+        fault = "the template splits a UTF-8 character of the key";
     }
     if (!fault.empty()) {
         finish(task, Outcome::Misconfigured, LDAP_FILTER_ERROR, fault);
@@ -80,16 +79,15 @@ void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& 
     task.isDone = true;
 }
 
-/// The next form of the key, or the conclusion that there is no such entry.
+/// An empty answer: looks up the next form of the key, or concludes that there is no such entry.
 void Pipeline::concludeEmpty(Task& task)
 {
     bool const isReferred = task.isReferred;
     if (isReferred && m_shared.settings.references == References::defer) {
         finish(task, Outcome::TryLater, LDAP_SUCCESS,
                task.answer.server +
-                   " refers to other servers for a part of the base, which were not "
-                   "asked; set a base that it holds as a whole, or "
-                   "\"references = ignore\"");
+                   " returned references to other servers, which were not asked; set a base "
+                   "that it holds completely, or \"references = ignore\"");
         return;
     }
     if (task.form + 1 < task.forms.size()) {
@@ -102,16 +100,16 @@ void Pipeline::concludeEmpty(Task& task)
     }
     std::string remark;
     if (task.answer.identity == Identity::Unconfirmed) {
-        remark = task.answer.server + " cannot confirm as whom it answered";
+        remark = task.answer.server + " did not confirm the identity of the bind";
     }
     if (isReferred) {
         remark += remark.empty() ? task.answer.server : " and";
-        remark += " leaves a part of the base to servers that were not asked";
+        remark += " returned references to servers that were not asked";
     }
     finish(task, Outcome::NotFound, LDAP_SUCCESS, remark);
 }
 
-/// No server answered: what those that were asked said, and what is known of the others.
+/// No server answered: combines the failures of this task with those of the servers not asked.
 void Pipeline::conclude(Task& task, std::vector<Failure> const& others)
 {
     std::vector<Failure> all = std::move(task.failures);
@@ -141,7 +139,7 @@ void Pipeline::concludeLate(Task& task)
 
 // Time
 
-/// How long a server may be silent about a search. Another one is to have as much time.
+/// How long a server may be silent; at most half the deadline, to leave time for failover.
 Clock::duration Pipeline::silence() const
 {
     Clock::duration const deadline = m_shared.settings.deadline;
@@ -151,7 +149,7 @@ Clock::duration Pipeline::silence() const
 
 void Pipeline::waits(Waits& waits) const
 {
-    // Deadlines come in the order of the keys.
+    // Deadlines are in the order of the keys.
     for (Task const& task : m_tasks) {
         if (!task.isDone) {
             waits.until(task.deadline);
@@ -178,8 +176,8 @@ void Pipeline::waits(Waits& waits) const
     }
 }
 
-/// What its owner takes of the time is not counted: a reader of its output may look at a page at a
-/// time, while answers have come and wait to be taken.
+/// Time spent by the owner does not count: the reader of its output may be slow (a pager, for
+/// example) while answers have arrived and wait to be read.
 void Pipeline::excuse(Clock::duration held)
 {
     constexpr std::chrono::milliseconds noticeable(1);
@@ -205,7 +203,7 @@ void Pipeline::expire(Clock::time_point now)
 {
     for (Task& task : m_tasks) {
         if (now < task.deadline) {
-            break; // and so are those behind it
+            break; // later ones are not due either
         }
         if (!task.isDone) {
             expireTask(task, now);
@@ -229,18 +227,19 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
             return;
         }
         finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-               (m_isPoolFull ? "no connection came free within the deadline of "
+               (m_isPoolFull ? "no connection became free within the deadline of "
                              : "no connection was opened within the deadline of ") +
                    limit);
         return;
     }
     Lane& lane = *task.lane;
-    // A key that had most of its time here, and heard nothing, has proved as much as a longer wait.
+    // A key that waited at least proof() on this server, without a byte, is evidence of a silent
+    // server.
     bool const isSilent =
         lane.lease->session.heardAt() < task.sentAt && now - task.sentAt >= m_shared.pool.proof();
     abandon(lane, task);
     finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-           lane.server->uri + " gave no complete answer within the deadline of " + limit);
+           lane.server->uri + " did not complete its answer within the deadline of " + limit);
     if (isSilent) {
         expireLane(lane);
     }

@@ -1,4 +1,4 @@
-// Tasks to lanes: which session a search is sent on, and when another one is opened.
+// Assigns tasks to lanes, and opens lanes.
 #include "Pipeline.h"
 
 #include <algorithm>
@@ -47,7 +47,7 @@ bool Pipeline::mustWait(Task const& task, std::vector<Task const*> const& told)
     return isTold || isResolving || isAwaited(task) || !makesRoom(task);
 }
 
-/// The lane with the fewest searches that has room for one more; null without one.
+/// The least loaded open lane with room for the task; null if there is none.
 Lane* Pipeline::laneFor(Task const& task) const
 {
     Lane const* best = nullptr;
@@ -60,21 +60,21 @@ Lane* Pipeline::laneFor(Task const& task) const
     return const_cast<Lane*>(best);
 }
 
-/// Whether a session is being opened on which it can be asked.
+/// Whether a lane that suits the task is being opened.
 bool Pipeline::isAwaited(Task const& task) const
 {
     return std::any_of(m_lanes.begin(), m_lanes.end(),
                        [&](Lane const& lane) { return !lane.isOpen() && lane.suits(task); });
 }
 
-/// Whether it can be asked on an open session, sooner or later.
+/// Whether an open lane suits the task, even if it has no room now.
 bool Pipeline::canBeServed(Task const& task) const
 {
     return std::any_of(m_lanes.begin(), m_lanes.end(),
                        [&](Lane const& lane) { return lane.isOpen() && lane.suits(task); });
 }
 
-/// Whether the task may have one more lane, in the place of one that is of no use to it if need be.
+/// Whether the task may get another lane; ends an idle lane that does not suit it if necessary.
 bool Pipeline::makesRoom(Task const& task)
 {
     if (m_lanes.size() >= m_maximumLanes && !canBeServed(task)) {
@@ -125,7 +125,7 @@ bool Pipeline::checkOut(Task& task)
         break;
     }
     if (hasLane) {
-        // The lanes there are will do; another one is tried for now and then.
+        // The existing lanes suffice; retry for another one later.
         m_noNewLaneBefore = Clock::now() + m_shared.settings.backOff;
         return false;
     }
@@ -158,7 +158,7 @@ void Pipeline::advanceQuery()
         endQuery(service.verdict(), service.targets());
     } else if (Clock::now() >= m_query->until) {
         endQuery({Outcome::TryLater, LDAP_TIMEOUT,
-                  m_query->domain.uri + ": no answer of a name server in time"},
+                  m_query->domain.uri + ": no name server answered in time"},
                  {});
     }
 }
@@ -169,7 +169,7 @@ void Pipeline::endQuery(Verdict const& verdict, std::vector<SrvTarget> const& ta
     m_query.reset();
 }
 
-/// Of what is left of a key's time, a server gets half if there are others to ask.
+/// A server gets half of the remaining time if there are others left to ask, else all of it.
 Clock::time_point Pipeline::shareOf(Task const& task) const
 {
     auto const now = Clock::now();
@@ -209,7 +209,7 @@ void Pipeline::opened(Lane& lane)
     m_shared.pool.opened(session);
 }
 
-/// The tasks that waited for it are asked elsewhere, unless another lane to the same server works.
+/// The tasks that waited for it fail over, unless another lane suits them.
 void Pipeline::notOpened(Lane& lane)
 {
     ServerRecord const& server = *lane.server;
@@ -262,7 +262,7 @@ void Pipeline::send(Task& task, Lane& lane)
     }
 }
 
-/// A run may take as long as it likes, so it takes turns with callers that wait.
+/// Releases one lane if other callers wait: a long run must not keep all connections.
 void Pipeline::leaveOneLaneToOthers()
 {
     if (m_lanes.empty() || !m_shared.pool.isWaitedFor()) {
@@ -274,7 +274,7 @@ void Pipeline::leaveOneLaneToOthers()
     }
     auto const soonest =
         std::min_element(m_lanes.begin(), m_lanes.end(), [](Lane const& one, Lane const& other) {
-            // One that is leaving comes first, so that they leave one at a time.
+            // A lane that is leaving already comes first, so that only one leaves at a time.
             return std::make_pair(!one.isLeaving, one.tasks.size()) <
                    std::make_pair(!other.isLeaving, other.tasks.size());
         });

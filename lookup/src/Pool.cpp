@@ -1,4 +1,4 @@
-// Which session a caller gets, and who waits.
+// Checkout, the queue of waiters, and the state of servers.
 #include "Pool.h"
 
 #include "PoolsAtFork.h"
@@ -12,7 +12,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// How long a session may be idle: firewalls and servers close such connections without a word.
+/// Idle sessions expire after this time: firewalls and servers silently drop such connections.
 constexpr std::chrono::seconds idleTime(300);
 
 constexpr int invalidCredentials = 49;
@@ -87,7 +87,7 @@ Pool::~Pool() { PoolsAtFork::instance().remove(*this); }
 Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
 {
     for (;;) {
-        Idle dropped; // let go after unlocking: that may write
+        Idle dropped; // destroyed after unlocking, as that may write to a socket
         Outlook outlook;
         {
             std::lock_guard<std::mutex> const lock(m_mutex);
@@ -102,7 +102,7 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
         std::unique_ptr<PooledSession> const stale = std::move(outlook.lease.m_session);
         std::lock_guard<std::mutex> const lock(m_mutex);
         endTrial(*stale);
-        // Its room stays the caller's, whose turn it is.
+        // The caller keeps the room of the stale session: it is its turn.
         --m_count;
         ++m_called;
         waiter.m_isRegistered = waiter.m_isCalled = true;
@@ -110,9 +110,17 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
     }
 }
 
-/// The servers are gone through in order, up to three times. Asking a server that is up comes first;
-/// then one that fell silent on a connection, by one caller, whose outcome the others await; then
-/// those that fail at once, since that costs nothing and they may be back.
+/// Chooses a server, in up to three passes over the list, in order of preference:
+///
+/// 1. eligible: servers that are up, or whose back-off has expired (a trial by one caller).
+/// 2. silent: a server that fell silent on one connection. One caller retries it at once, as only
+/// that
+///    connection may be lost; the others wait for the outcome, but only briefly (`trialEnd`).
+/// 3. prompt: servers in back-off that fail immediately, as with "connection refused". Trying them
+/// costs
+///    nothing, and they may be up again.
+///
+/// If no pass yields a server, the key fails with the causes of all servers.
 void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& dropped)
 {
     if (waiter.m_process != m_known) { // its descriptor is the parent's too
@@ -176,8 +184,8 @@ bool Pool::admits(ServerRecord const& server, Among among, Clock::time_point now
     return false;
 }
 
-/// A session to this server, room for one, or the reason to wait for them. False if another server
-/// has to be looked at.
+/// Tries one server: an idle session, room to open one, or a reason to wait. False: try the next
+/// server.
 bool Pool::consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Waiter& waiter,
                     Among among, Clock::time_point now, Idle& dropped)
 {
@@ -228,7 +236,7 @@ Pool::Idle::iterator Pool::idleFor(ServerRecord const& server, Wish const& wish)
     });
 }
 
-/// Makes room, by closing the idle session that was used longest ago if need be.
+/// Makes room for a session; closes the least recently used idle one if the pool is full.
 void Pool::open(Outlook& outlook, ServerRecord& server, Among among, Idle& dropped)
 {
     if (m_count >= m_settings.connections) {
@@ -244,7 +252,7 @@ void Pool::open(Outlook& outlook, ServerRecord& server, Among among, Idle& dropp
     }
     if (session->isTrial) {
         publish(server);
-        announce(); // who waits for room need wait for the outcome only
+        announce(); // callers queued for room now wait only for the outcome of the trial
     }
     outlook.kind = Outlook::open;
     outlook.lease = Lease(*this, std::move(session), m_known);
@@ -275,9 +283,9 @@ void Pool::refuse(Outlook& outlook, Wish const& wish)
         ServerRecord const& server = *listed;
         if (!wasAsked(wish.failures, server)) {
             Verdict why = server.health.why();
-            if (why.isGood()) { // never failed, and on trial
+            if (why.isGood()) { // on trial for the first time
                 why = {Outcome::TryLater, timedOut,
-                       server.uri + ": not asked, as another lookup is trying it"};
+                       server.uri + ": not asked while another lookup tries it"};
             }
             outlook.failures.push_back(
                 {server.index, server.uri, why, false, Clock::now(), {}, false});
@@ -296,15 +304,17 @@ Clock::time_point Pool::trialEnd(Wish const& wish) const
     return latest;
 }
 
-// The queue. A session or room that comes free is reserved for the waiter that came first, which is
-// called; callers that come later do not overtake it.
+// The queue is first come, first served. When a session or room becomes free, it is reserved for
+// the first waiter (`m_called`), which is woken. A later caller cannot take it: `available() >
+// m_called` counts only what is not reserved. A woken waiter checks out again, and either takes
+// what is reserved or passes it on (`leaveQueue`).
 
 void Pool::wait(Outlook& outlook, Waiter& waiter, bool mayWait)
 {
     outlook.kind = Outlook::wait;
     bool const wantsRoom = outlook.isFull;
     if (waiter.m_isRegistered && waiter.m_isCalled) {
-        leaveQueue(waiter); // what was reserved is of no use to it
+        leaveQueue(waiter); // it cannot use its reservation; pass it on
     }
     if (!mayWait) {
         return leaveQueue(waiter);
@@ -321,7 +331,7 @@ void Pool::wait(Outlook& outlook, Waiter& waiter, bool mayWait)
     waiter.m_wantsRoom = wantsRoom;
 }
 
-/// What was reserved for the caller is used now, or it takes what nobody waits for.
+/// Consumes the caller's reservation; without one, the caller takes an unreserved session or room.
 void Pool::take(Waiter& waiter)
 {
     if (waiter.m_isRegistered && waiter.m_isCalled && waiter.m_process == m_known) {
@@ -377,7 +387,7 @@ void Pool::callNext()
     }
 }
 
-/// Something changed that may end a wait: everybody looks again.
+/// Wakes all waiters: the state of a server or of the credentials has changed.
 void Pool::announce()
 {
     for (Waiter const* waiter : m_waiters) {
@@ -385,8 +395,8 @@ void Pool::announce()
     }
 }
 
-/// In a child process the parent's sessions are of no use, its callers are not there, and what they
-/// occupied is free.
+/// Resets the pool in a forked child: the parent's sessions cannot be used, its waiting callers do
+/// not exist here, and the room that they occupied is free.
 void Pool::afterFork(Idle& dropped)
 {
     if (m_known == m_process) {
@@ -401,7 +411,7 @@ void Pool::afterFork(Idle& dropped)
     m_servers.afterFork();
 }
 
-// What came of a domain
+// Results of SRV queries
 
 void Pool::resolved(ServerDomain& domain, Verdict const& verdict,
                     std::vector<SrvTarget> const& targets)
@@ -422,7 +432,7 @@ void Pool::park(ServerDomain& domain, std::unique_ptr<SrvQuery> query, Clock::ti
     announce();
 }
 
-// What came of a session
+// Results of sessions
 
 void Pool::opened(PooledSession& session)
 {
@@ -506,7 +516,7 @@ void Pool::searchFailed(Failure const& failure)
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = m_servers.record(failure.server);
     if (load(server.answeredAt) >= failure.sentAt) {
-        return; // it answers others
+        return; // it answered other searches since
     }
     server.health.searchFailed(failure.why, failure.cost, Clock::now());
     publish(server);
@@ -520,7 +530,7 @@ void Pool::fellSilent(ServerRecord& server, Verdict const& why, Clock::duration 
     auto const now = Clock::now();
     std::lock_guard<std::mutex> const lock(m_mutex);
     if (std::max(server.openedAt, load(server.heardAt)) >= now - cost / 2) {
-        return; // it answered others: it is the search that is slow
+        return; // it answered other searches: this search is slow, not the server
     }
     server.health.fellSilent(why, cost, now, load(server.answeredAt));
     server.addresses.clear();
@@ -559,7 +569,7 @@ void Pool::publish(ServerRecord& server)
     server.awaitsAnswer.store(server.health.awaitsAnswer(), std::memory_order_relaxed);
 }
 
-// Giving back. A lease of the parent process has no room here.
+// Returning sessions. After a fork, a lease from the parent process occupies no room.
 
 void Pool::put(Lease& lease)
 {
@@ -592,7 +602,7 @@ void Pool::letGo(Lease& lease)
     }
 }
 
-/// Leaves the trial to the next caller, and the first bind too, as this one learned nothing.
+/// Ends a trial or first bind without a result; the next caller may try.
 void Pool::endTrial(PooledSession& session)
 {
     bool const wasAny = session.isTrial || session.isFirstBind;

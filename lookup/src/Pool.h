@@ -1,4 +1,4 @@
-// The sessions that all threads of a lookup share, and what they know of the servers.
+// The pool of sessions shared by all threads, and the state of the servers.
 #ifndef SOLVANE_LOOKUP_SRC_POOL_H
 #define SOLVANE_LOOKUP_SRC_POOL_H
 
@@ -20,7 +20,7 @@
 
 namespace Solvane::Lookup {
 
-/// A session and what belongs to it. Not thread-safe.
+/// A session of the pool with its state. Not thread-safe.
 struct PooledSession {
     PooledSession(SessionOptions options, ServerRecord& record)
         : session(std::move(options)), server(record)
@@ -33,23 +33,24 @@ struct PooledSession {
     Clock::time_point expiresAt; ///< while it is idle
     bool hasExpired = false;
     bool isOpen = false;
-    bool hasAnswered = false;       ///< to anything: the server is alive, not only its kernel
-    bool hasAnsweredSearch = false; ///< with a result
-    bool wasUsed = false;           ///< for a search, ever
-    bool isTrial = false;           ///< of its server
-    bool isFirstBind = false;       ///< the credentials are not known to be right yet
+    bool hasAnswered = false;       ///< any request: the server is alive, not only its kernel
+    bool hasAnsweredSearch = false; ///< a search, with a result
+    bool wasUsed = false;           ///< at least one search was sent
+    bool isTrial = false;           ///< the trial of a server that failed
+    bool isFirstBind = false;       ///< the credentials have not been accepted yet
 };
 
-/// Sessions, at most as many as the settings allow, idle, in use and being opened. A session is
-/// validated on checkout; who gets none waits in a queue. The pool decides which server is asked: the
-/// first in order that is up. It blocks for no one: its callers open sessions, and wait for them, by
-/// themselves. Thread-safe; nothing is sent or received under its lock.
+/// A pool of sessions: idle, in use, and being opened, at most `connections` in total. Sessions are
+/// validated on checkout; callers that get none wait in a queue. The pool chooses the server: the
+/// first one in order that is up. It never blocks: callers open sessions and wait for them on their
+/// own. Thread-safe; nothing is sent or received under its lock.
 class Pool : public NonCopyable {
 public:
     explicit Pool(Settings const& settings);
     ~Pool();
 
-    /// A session in use. Closed at its end unless it was given back.
+    /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
+    /// outlive the pool.
     class Lease : public NonCopyable {
     public:
         Lease() = default;
@@ -61,7 +62,7 @@ public:
         explicit operator bool() const { return m_session != nullptr; }
         PooledSession* operator->() const { return m_session.get(); }
         PooledSession& operator*() const { return *m_session; }
-        /// For an open session with nothing outstanding.
+        /// Returns an open session without pending requests to the pool.
         void giveBack();
         void close();
 
@@ -69,29 +70,29 @@ public:
         friend class Pool;
         Pool* m_pool = nullptr;
         std::unique_ptr<PooledSession> m_session;
-        unsigned long m_process = 0; ///< the pool's count of forks when it was made
+        unsigned long m_process = 0; ///< the pool's count of forks at creation
     };
 
-    /// What a key needs.
+    /// The requirements of a key.
     struct Wish {
         Clock::time_point now;
         Clock::time_point deadline;
-        std::vector<Failure> const& failures;  ///< servers that are not asked again
-        ServerRecord const* brokeOn = nullptr; ///< a session to it has to be younger than `brokeAt`
+        std::vector<Failure> const& failures;  ///< servers that must not be asked again
+        ServerRecord const* brokeOn = nullptr; ///< sessions to it must be newer than `brokeAt`
         Clock::time_point brokeAt;
         bool needsAnswered = false; ///< only a session on which something was answered
         bool mayWait = true;        ///< in the queue, if there is none
         bool mayResolve = true;     ///< asks for the servers of a domain, if that is due
     };
 
-    /// What a caller gets.
+    /// The result of a checkout.
     struct Outlook {
         enum Kind {
-            ready,   ///< a session: `lease`
-            open,    ///< room for one: the caller opens `lease` and reports to `opened` or `failed`
-            resolve, ///< the caller asks for the servers of `domain` and reports to `resolved`
-            wait,    ///< until the waiter's descriptor is readable or `until` has come
-            refused, ///< `failures` tell why no server can be asked
+            ready,   ///< `lease` is an open session
+            open,    ///< the caller must open `lease` and call `opened` or `failed`
+            resolve, ///< the caller must query the servers of `domain` and call `resolved`
+            wait,    ///< wait until the waiter's descriptor is readable, or until `until`
+            refused, ///< no server can be asked; `failures` are the causes
         } kind = wait;
         Lease lease;
         ServerDomain* domain = nullptr;
@@ -102,31 +103,31 @@ public:
         std::vector<Failure> failures;
     };
     Outlook checkOut(Wish const& wish, Waiter& waiter);
-    /// The caller does not wait any more.
+    /// Removes the caller from the queue.
     void withdraw(Waiter& waiter);
-    /// Whether others wait for a session, so that one in long use should be given back.
+    /// Whether callers wait for a session, so that one in long use should be returned.
     bool isWaitedFor() const { return m_waitingForRoom.load(std::memory_order_relaxed) != 0; }
 
-    // What came of a domain
+    // Results of SRV queries
 
     void resolved(ServerDomain& domain, Verdict const& verdict,
                   std::vector<SrvTarget> const& targets);
     /// The caller does not wait for the answer. Who asks next goes on with the question.
     void park(ServerDomain& domain, std::unique_ptr<SrvQuery> query, Clock::time_point until);
 
-    // What came of a session
+    // Results of sessions
 
-    /// It is open and, if there is a bind DN, bound.
+    /// The session is open and, if there is a bind DN, bound.
     void opened(PooledSession& session);
-    /// What a failed attempt to open one means.
+    /// What a failed attempt to open a session means.
     enum class Attempt {
         failed, ///< the server counts as failed
         lacksTime, ///< its caller had too little time, or this process no descriptor: nothing is proved
         another, ///< another session to the same address works: one of several servers hangs
     };
-    /// It could not be opened; the lease is closed.
+    /// The session could not be opened; closes the lease.
     Attempt failed(Lease& lease, Verdict const& why, Clock::time_point begun, bool isLate);
-    /// An answer came; to be called for each search that is answered with a result.
+    /// A search was answered with a result; call it for each one.
     void answered(PooledSession& session, Clock::time_point now)
     {
         storeLatest(session.server.answeredAt, now);
@@ -136,17 +137,19 @@ public:
             noteAnswer(session);
         }
     }
-    /// A search on it failed, and another server answered it or the server says that it cannot serve.
+    /// A search failed, and either another server answered it or this one reports that it cannot
+    /// serve.
     void searchFailed(Failure const& failure);
-    /// Searches on it are not answered. Nothing is noted if the server answered elsewhere since.
+    /// Searches are not answered. Ignored if the server answered on another session meanwhile.
     void fellSilent(ServerRecord& server, Verdict const& why, Clock::duration cost);
-    /// Its connection ended with searches in flight.
+    /// A connection was lost with searches in flight.
     void lost(PooledSession& session, std::size_t inFlight);
 
-    /// How many servers there are; domains that have not been resolved count as one each.
+    /// The number of servers; each unresolved domain counts as one.
     std::size_t serverCount() const { return m_servers.size(); }
-    /// What a caller must have waited at least, if it ran out of time, to prove a failure. The first of
-    /// several servers gets half of a key's time.
+    /// How long a caller must have waited for its timeout to count as a failure of the server: a
+    /// third of the network timeout or the deadline, whichever is shorter. Less time proves
+    /// nothing.
     Clock::duration proof() const;
 
     unsigned long openedCount() const { return m_opened; }
@@ -156,8 +159,8 @@ private:
     friend class PoolsAtFork;
     using Idle = std::list<std::unique_ptr<PooledSession>>;
 
-    /// Which servers are admitted: those that are up or due for a trial; those that fell silent and
-    /// may be tried anew at once; those that fail at once.
+    /// Which servers may be used in one pass over the list: those that are up or due for a trial;
+    /// those that fell silent and may be retried at once; those whose failures cost no time.
     enum class Among { eligible, silent, prompt };
 
     void decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& dropped);
@@ -192,17 +195,17 @@ private:
     std::shared_ptr<TlsContext> const m_tls;
     std::atomic<unsigned long> m_opened{0};
     std::atomic<unsigned long> m_stale{0};
-    std::atomic<std::size_t> m_waitingForRoom{0}; ///< changed under m_mutex
+    std::atomic<std::size_t> m_waitingForRoom{0}; ///< written under m_mutex
 
-    std::mutex m_mutex;   // guards what is below, and the records' guarded members
-    ServerList m_servers; // but for its size
+    std::mutex m_mutex;   // guards the members below, and the guarded members of the records
+    ServerList m_servers; // except its size
     Credentials m_credentials;
-    Idle m_idle;                  ///< used last in front
-    std::size_t m_count = 0;      ///< idle, in use and being opened
+    Idle m_idle;                  ///< most recently used first
+    std::size_t m_count = 0;      ///< sessions idle, in use and being opened
     std::size_t m_called = 0;     ///< waiters for which a session or room is reserved
-    std::list<Waiter*> m_waiters; ///< first come in front
-    unsigned long m_process = 0;  ///< how often this process's line was forked
-    unsigned long m_known = 0;    ///< the fork that the members above belong to
+    std::list<Waiter*> m_waiters; ///< in order of arrival
+    unsigned long m_process = 0;  ///< count of forks
+    unsigned long m_known = 0;    ///< m_process when the members above were last valid
 };
 
 } // namespace Solvane::Lookup

@@ -1,4 +1,4 @@
-// Locks round a fork.
+// The fork handlers.
 #include "PoolsAtFork.h"
 
 #include "Pool.h"
@@ -7,7 +7,7 @@
 
 namespace Solvane::Lookup {
 
-/// Never destroyed: the process may fork while its static objects go.
+/// Never destroyed: the process may fork during static destruction.
 PoolsAtFork& PoolsAtFork::instance()
 {
     static auto* const registry = new PoolsAtFork;

@@ -1,4 +1,4 @@
-// All pools of the process, whose locks must not be held by another thread when it forks.
+// Protects all pools of the process during a fork.
 #ifndef SOLVANE_LOOKUP_SRC_POOLS_AT_FORK_H
 #define SOLVANE_LOOKUP_SRC_POOLS_AT_FORK_H
 
@@ -9,8 +9,9 @@ namespace Solvane::Lookup {
 
 class Pool;
 
-/// Takes every pool's lock before a fork and releases it after (`pthread_atfork`), and tells the
-/// pools of the child that they are in another process.
+/// Locks every pool before a fork and unlocks it afterwards (`pthread_atfork`), so that no lock is
+/// held by a thread that does not exist in the child; and notifies the pools of the child.
+/// Thread-safe.
 class PoolsAtFork {
 public:
     static PoolsAtFork& instance();
@@ -25,7 +26,7 @@ private:
     static void unlockAll();
     static void unlockAllInChild();
 
-    std::mutex m_mutex; ///< taken before the pools' own
+    std::mutex m_mutex; ///< locked before the pools' mutexes
     std::list<Pool*> m_pools;
 };
 

@@ -1,5 +1,5 @@
-// Filters, by asking LDAPUtil; what each specifier did, by asking it again and again; and what is
-// wrong with a template, by reading it and by making filters for addresses of several kinds.
+// Expands templates with LDAPUtil; explains each specifier by expanding prefixes of the template;
+// checks a template by parsing it and by expanding it for several kinds of addresses.
 #include <solvane/lookup/QueryTemplate.h>
 
 #include <solvane/session/PlainText.h>
@@ -36,7 +36,7 @@ struct Range {
     std::string of(std::string const& text) const { return text.substr(begin, end - begin); }
 };
 
-/// Where the text stands without the blanks round it, which are no part of the template.
+/// The template without surrounding blanks.
 Range bodyOf(std::string text)
 {
     stringRightTrim(text);
@@ -45,20 +45,20 @@ Range bodyOf(std::string text)
     return {end - text.size(), end};
 }
 
-/// A "$" and what belongs to it.
+/// A "$" specifier.
 struct Specifier {
     enum class Fault { none, unknown, unclosed, trailing };
 
     Range literal; ///< the template's text before it
     Range range;
-    char letter; ///< behind the "$"; 0 where the "$" is the last character
+    char letter; ///< after the "$"; 0 if the "$" is the last character
     Fault fault;
 
     bool isRemoval() const { return letter == '{'; }
     bool isOptional() const { return letter == 'b' || letter == 'g'; }
 };
 
-/// End of the character that begins at `from`, for text that may be no UTF-8.
+/// End of the character that begins at `from`; the text may be invalid UTF-8.
 Size characterEnd(std::string const& text, Size from, Size end)
 {
     ++from;
@@ -89,7 +89,7 @@ Specifier specifierAt(std::string const& text, Range literal, Size end)
     return {literal, {dollar, characterEnd(text, dollar + 1, end)}, letter, Fault::unknown};
 }
 
-/// All of them in their order, also behind a malformed one.
+/// All specifiers in order, including those after a malformed one.
 std::vector<Specifier> specifiersOf(std::string const& text)
 {
     std::vector<Specifier> specifiers;
@@ -105,7 +105,7 @@ std::vector<Specifier> specifiersOf(std::string const& text)
     }
 }
 
-/// What `${...}` searches for.
+/// The text that `${...}` removes.
 std::string searchedBy(std::string const& specifier)
 {
     std::string const text = specifier.substr(2, specifier.size() - 3);
@@ -114,7 +114,7 @@ std::string searchedBy(std::string const& specifier)
 
 // Explaining
 
-/// Whether `before` with one occurrence of `text` taken out is `after`.
+/// Whether removing one occurrence of `text` turns `before` into `after`.
 bool isCut(std::string const& before, std::string const& after, std::string const& text)
 {
     for (Size at = before.find(text); at != std::string::npos; at = before.find(text, at + 1)) {
@@ -142,7 +142,7 @@ void explainRemoval(QueryTemplate::Step& step, std::string const& before, std::s
 void explainInsertion(QueryTemplate::Step& step, std::string const& literal,
                       std::string const& before, std::string const& after)
 {
-    if (after == before) { // also for a specifier that inserts nothing and had no text before it
+    if (after == before) { // also if it inserts nothing and has no text before it
         step.dropped = literal;
         return;
     }
@@ -168,10 +168,10 @@ bool hasBrokenEscape(std::string const& text)
 constexpr char ordinary[] = "user@domain.test";
 /// Without a domain, and without a user.
 constexpr char const* unusual[] = {"user", "@domain.test"};
-/// Each character that is escaped, with a letter behind it that is no hexadecimal digit.
+/// Each escaped character, followed by a letter that is not a hexadecimal digit.
 constexpr char hostile[] = "x*y(z)x\\y@x*y(z)x\\y";
 
-/// One reading of a template for its findings.
+/// One check of a template.
 class Inspection {
 public:
     Inspection(std::string const& text, std::string const& bValue, std::string const& gValue)
@@ -216,7 +216,7 @@ private:
                            [](Finding const& finding) { return finding.weight == Weight::error; });
     }
 
-    /// Whether nothing can be made of the template.
+    /// Whether the template has a malformed specifier and cannot be expanded.
     bool isMalformed() const
     {
         return std::any_of(
@@ -229,7 +229,7 @@ private:
         return specifier.letter == 'b' ? m_bValue : m_gValue;
     }
 
-    /// Whether the text before the specifier is left out of the filter.
+    /// Whether the specifier drops the text before it.
     bool drops(Specifier const& specifier) const
     {
         return specifier.letter == 'c' || specifier.isRemoval() ||
@@ -253,8 +253,8 @@ private:
         Size const begin = m_body.begin + fault->position;
         bool const isUtf8 = fault->kind != TextFault::invalidUtf8;
         add(Weight::error, {begin, isUtf8 ? characterEnd(m_text, begin, m_body.end) : begin + 1},
-            isUtf8 ? "a control character; a template is one line of text"
-                   : "no UTF-8; a template is UTF-8 text");
+            isUtf8 ? "control character; a template is one line of text"
+                   : "invalid UTF-8; a template is UTF-8 text");
     }
 
     void inspectForm(Specifier const& specifier)
@@ -264,13 +264,13 @@ private:
             return;
         case Specifier::Fault::unknown:
             return add(Weight::error, specifier.range,
-                       "no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, and a '$' "
-                       "for itself is \\24");
+                       "unknown specifier; use $u $n $N $d $m $a $A $b $g $c ${text}, or \\24 for "
+                       "a literal '$'");
         case Specifier::Fault::unclosed:
             return add(Weight::error, specifier.range, "'${' without its '}'");
         case Specifier::Fault::trailing:
             return add(Weight::error, specifier.range,
-                       "'$' without a specifier; a '$' for itself is \\24");
+                       "'$' without a specifier; write \\24 for a literal '$'");
         }
     }
 
@@ -284,7 +284,7 @@ private:
             specifier.isRemoval()
                 ? "'${'"
                 : specifier.range.of(m_text) + (specifier.isOptional() ? ", which is empty" : "");
-        add(Weight::warning, specifier.literal, "this text is lost before " + cause);
+        add(Weight::warning, specifier.literal, "this text is dropped before " + cause);
     }
 
     void inspectValue(Specifier const& specifier)
@@ -293,14 +293,14 @@ private:
             return;
         }
         if (auto const fault = faultIn(optionalValue(specifier))) {
-            add(Weight::error, specifier.range, "its value holds " + describe(*fault));
+            add(Weight::error, specifier.range, "its value contains " + describe(*fault));
         }
     }
 
     void inspectDomain(Specifier const& specifier)
     {
         if (specifier.letter == 'd') {
-            add(Weight::warning, specifier.range, "'#' for an address without a domain");
+            add(Weight::warning, specifier.range, "expands to '#' for an address without a domain");
         }
     }
 
@@ -316,15 +316,16 @@ private:
         Size const percent = percentSpecifier();
         if (percent != std::string::npos) {
             add(Weight::error, {percent, percent + 2},
-                "no specifier of these templates: '$m' inserts the address, '$u' its local part, "
-                "'$d' its domain");
+                "unsupported specifier; use '$m' for the address, '$u' for its local part, '$d' "
+                "for "
+                "its domain");
         } else {
             add(Weight::warning, m_body,
-                "no specifier for the address: every address finds the same");
+                "no specifier for the address: every address finds the same entries");
         }
     }
 
-    /// What the tables of mail servers write for a part of the address, as "%s".
+    /// The position of a specifier of mail servers' lookup tables, as "%s"; npos without one.
     Size percentSpecifier() const
     {
         Size at = m_text.find('%');
@@ -337,7 +338,7 @@ private:
         return at;
     }
 
-    /// Counts in the template's text that gets into the filter: values are escaped.
+    /// Checks the template's own text that is part of the filter; inserted values are escaped.
     void inspectParentheses()
     {
         std::vector<Size> open;
@@ -352,18 +353,18 @@ private:
         bool const isWhole =
             m_specifiers.empty() || m_specifiers.back().fault != Specifier::Fault::unclosed;
         for (Size const position : open) {
-            if (isWhole) { // else the partner may stand behind the brace
+            if (isWhole) { // else its partner may follow the unclosed brace
                 add(Weight::error, {position, position + 1}, "'(' without its ')'");
             }
         }
     }
 
-    /// @param open  positions of the parentheses that wait for their partner
+    /// @param open  positions of the unmatched opening parentheses
     void pairParentheses(Range literal, std::vector<Size>& open)
     {
         for (Size at = literal.begin; at < literal.end; ++at) {
             if (m_text[at] == '\\') {
-                ++at; // OpenLDAP takes an escaped parenthesis as text
+                ++at; // an escaped parenthesis is text for OpenLDAP
             } else if (m_text[at] == '(') {
                 open.push_back(at);
             } else if (m_text[at] == ')' && !open.empty()) {
@@ -376,8 +377,8 @@ private:
 
     void inspectRemovals()
     {
-        bool hasValue = false;       // that `${...}` may take for the value inserted last
-        bool isBehindDomain = false; // whose "#" is not one
+        bool hasValue = false;       // an inserted value that `${...}` may take for the last one
+        bool isBehindDomain = false; // the last one is $d, whose "#" is not a value
         for (Specifier const& specifier : m_specifiers) {
             if (specifier.isRemoval()) {
                 inspectRemoval(specifier, hasValue && isBehindDomain);
@@ -400,7 +401,7 @@ private:
                 "never found: values are escaped, * as \\2A, ( as \\28, ) as \\29");
         } else if (hasBrokenEscape(text) || breaksEscape(specifier)) {
             add(Weight::warning, specifier.range,
-                "takes escapes of values apart: * is \\2A, ( is \\28, ) is \\29, \\ is \\5C");
+                "splits escapes of values: * is \\2A, ( is \\28, ) is \\29, \\ is \\5C");
         }
     }
 
@@ -413,7 +414,7 @@ private:
     void inspectFilters()
     {
         if (bodyOf(expanded(m_body.end, ordinary)).isEmpty()) {
-            add(Weight::error, m_body, "makes an empty filter, which matches every entry");
+            add(Weight::error, m_body, "expands to an empty filter, which matches every entry");
         } else if (inspectFilterOf(ordinary, Weight::error)) {
             for (char const* const address : unusual) {
                 inspectFilterOf(address, Weight::warning);
@@ -421,7 +422,7 @@ private:
         }
     }
 
-    /// @return whether OpenLDAP takes it
+    /// @return whether OpenLDAP accepts the filter
     bool inspectFilterOf(char const* address, Weight weight)
     {
         std::string const filter = expanded(m_body.end, address);
@@ -429,8 +430,7 @@ private:
             return true;
         }
         add(weight, m_body,
-            std::string("OpenLDAP refuses the filter that it makes of ") + address + ": " +
-                oneLine(filter));
+            std::string("OpenLDAP rejects the filter for ") + address + ": " + oneLine(filter));
         return false;
     }
 
@@ -464,8 +464,9 @@ std::vector<QueryTemplate::Step> QueryTemplate::explain(EmailAddress const& addr
 {
     std::vector<Step> steps;
     std::string before;
-    // The template up to the end of a specifier is a template too: what the library makes of each
-    // tells what the last specifier did.
+    // Each prefix of the template that ends with a specifier is a template too. The difference
+    // between the expansions of two consecutive prefixes is the effect of the last specifier.
+    // Example: in "(cn=$u${x})", the prefixes "(cn=$u" and "(cn=$u${x}" show what "${x}" removed.
     for (Specifier const& specifier : specifiersOf(m_text)) {
         if (specifier.fault != Specifier::Fault::none) {
             break;
@@ -495,7 +496,7 @@ std::vector<Finding> QueryTemplate::check() const
 
 bool isFilter(std::string const& filter)
 {
-    // OpenLDAP reads up to the first NUL, and of blanks it makes no filter at all.
+    // OpenLDAP stops at the first NUL, and encodes nothing for blanks.
     if (filter.find('\0') != std::string::npos || bodyOf(filter).isEmpty()) {
         return false;
     }

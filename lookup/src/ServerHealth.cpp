@@ -1,4 +1,4 @@
-// The table of a server's states, and its back-off.
+// The transition table of a server's state, and the back-off.
 #include "ServerHealth.h"
 
 #include <algorithm>
@@ -53,7 +53,8 @@ bool ServerHealth::isEligible(Clock::time_point now) const
     return m_state == State::up || now >= m_retryAt;
 }
 
-/// What opens a session to a server that is well takes a small part of the network timeout.
+/// A healthy server opens a session in a small part of the network timeout, so waiting longer is
+/// useless.
 Clock::time_point ServerHealth::trialEnd() const
 {
     constexpr int part = 10;
@@ -100,7 +101,7 @@ void ServerHealth::fellSilent(Verdict const& why, Clock::duration cost, Clock::t
                               Clock::time_point heardAt)
 {
     fail(Event::fellSilent, {why, cost, Clock::duration(0), heardAt}, now);
-    m_failsPromptly = false; // however short the deadline was
+    m_failsPromptly = false; // even if the deadline was short
 }
 
 void ServerHealth::fail(Event event, Failure const& failure, Clock::time_point now)
@@ -126,7 +127,7 @@ void ServerHealth::apply(Event event, Clock::time_point now, Failure const& fail
         if (m_isRetry) {
             m_isRetryDue = false;
             m_retriedAt = now;
-            m_backOff = Clock::duration(0); // it did not expire
+            m_backOff = Clock::duration(0); // ended early: does not double
         }
         m_claimedAt = now;
         m_retryAt = now + m_limits.networkTimeout;
@@ -144,8 +145,9 @@ void ServerHealth::apply(Event event, Clock::time_point now, Failure const& fail
         break;
     case Action::backOffSilent:
         beginBackOff(failure, now);
-        // One that answered no search since its last trial of this kind accepts connections and
-        // nothing else: that costs a network timeout each time, and has to wait.
+        // Without an answered search since its last immediate retry, the server accepts connections
+        // and answers nothing. Each retry would cost a network timeout, so it must wait for its
+        // back-off.
         m_isRetryDue = failure.heardAt > m_retriedAt;
         break;
     }
@@ -156,7 +158,7 @@ void ServerHealth::beginBackOff(Failure const& failure, Clock::time_point now)
     constexpr std::chrono::milliseconds prompt(100);
     m_failedAt = now;
     m_isRetryDue = false;
-    // What a server answered is not asked again at once: too many wrong passwords lock an account.
+    // A refusal is never retried at once: repeated wrong passwords lock the account.
     m_failsPromptly = failure.cost < prompt && failure.why.outcome == Outcome::TryLater;
     m_backOff = std::min(std::max(m_backOff * 2, m_limits.backOff), m_limits.longestBackOff);
     m_retryAt = now + std::max(m_backOff, failure.atLeast);

@@ -1,4 +1,4 @@
-// A list that grows with what domains name.
+// Maintains the list of servers and domains.
 #include "ServerList.h"
 
 #include <algorithm>
@@ -9,7 +9,7 @@ namespace Solvane::Lookup {
 namespace {
 
 constexpr std::chrono::minutes lifetime(5);
-constexpr std::chrono::seconds afterAFailure(1); ///< at most once in so long
+constexpr std::chrono::seconds afterAFailure(1); ///< delay of the query after a server's failure
 
 } // namespace
 
@@ -34,7 +34,7 @@ ServerList::ServerList(Settings const& settings)
     putInOrder();
 }
 
-/// The one with this host and port, made if it is new.
+/// Returns the record of this server; creates it if it is new.
 ServerRecord& ServerList::recordOf(Server const& server)
 {
     std::string uri = uriOf(server.secure, server.host, server.port);

@@ -1,4 +1,4 @@
-// The servers in order of preference: named in the settings, or by the SRV records of a domain.
+// The servers in order of preference, from the settings or from SRV records.
 #ifndef SOLVANE_LOOKUP_SRC_SERVER_LIST_H
 #define SOLVANE_LOOKUP_SRC_SERVER_LIST_H
 
@@ -17,8 +17,8 @@
 
 namespace Solvane::Lookup {
 
-/// A domain of the settings, whose servers are asked for at its first use, every five minutes, and
-/// after one of them failed. The servers that it named last stay while it cannot be resolved.
+/// A domain of the settings. Its SRV records are queried at first use, every five minutes, and
+/// after one of its servers failed. While a query fails, the last known servers stay in use.
 struct ServerDomain {
     std::string name;
     Server settings;
@@ -27,18 +27,18 @@ struct ServerDomain {
     std::unique_ptr<SrvQuery> parked; ///< a question that its caller did not wait for
     Clock::time_point parkedUntil;
     Clock::time_point dueAt = Clock::time_point::min();
-    Clock::duration backOff{0}; ///< while it cannot be resolved
-    Verdict why;                ///< of the last failure
+    Clock::duration backOff{0}; ///< while queries fail
+    Verdict why;                ///< result of the last query
     std::vector<ServerRecord*> servers;
 };
 
-/// Not synchronised, except for `size`: the pool guards it. Servers are added and never removed, so that
-/// sessions and failures may refer to them.
+/// Not thread-safe except for `size`: guarded by the pool's mutex. Servers are only added, never
+/// removed, so that sessions and failures can refer to them.
 class ServerList {
 public:
     explicit ServerList(Settings const& settings);
 
-    /// How many are in the list now; a domain that has not been resolved counts as one. Thread-safe.
+    /// The number of servers; an unresolved domain counts as one. Thread-safe.
     std::size_t size() const { return m_size.load(std::memory_order_relaxed); }
 
     std::vector<ServerRecord*> const& inOrder() const { return m_order; }
@@ -54,7 +54,7 @@ public:
     void afterFork();
     /// A server failed: its domain may name others now.
     void failed(ServerRecord const& server, Clock::time_point now);
-    /// What is to be said of domains that name no server.
+    /// Adds a failure for each domain without servers.
     void addFailures(std::vector<Failure>& failures) const;
 
 private:
@@ -68,7 +68,7 @@ private:
     bool m_verifiesNames; ///< of servers, in their certificates
     std::deque<ServerRecord> m_records;
     std::deque<ServerDomain> m_domains;
-    /// The list as it was set: either of the two.
+    /// A row of the configured list: either of the two.
     struct Entry {
         ServerRecord* server;
         ServerDomain* domain;

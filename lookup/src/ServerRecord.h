@@ -1,4 +1,4 @@
-// What all threads know of one server.
+// The shared state of one server.
 #ifndef SOLVANE_LOOKUP_SRC_SERVER_RECORD_H
 #define SOLVANE_LOOKUP_SRC_SERVER_RECORD_H
 
@@ -15,7 +15,7 @@
 
 namespace Solvane::Lookup {
 
-/// One server of the list. Its place in memory stays, so sessions refer to it.
+/// One server of the list. Its address is stable, so sessions refer to it.
 struct ServerRecord {
     ServerRecord(std::size_t number, Server const& server, std::string uriText,
                  ServerHealth::Limits const& limits, std::size_t longestWindow)
@@ -26,9 +26,9 @@ struct ServerRecord {
 
     std::size_t const index; ///< in order of preference
     Server const settings;
-    std::string const uri; ///< with the host as the user named it
+    std::string const uri; ///< with the host as configured
 
-    // Read and written without a lock, once for each answer.
+    // Accessed without a lock, for each answer.
     std::atomic<Clock::rep> heardAt{Clock::time_point::min().time_since_epoch().count()};
     std::atomic<Clock::rep> answeredAt{Clock::time_point::min().time_since_epoch().count()};
     std::atomic<std::size_t> windowLimit;    ///< `window.limit()`
@@ -38,8 +38,8 @@ struct ServerRecord {
     // Guarded by the pool's mutex.
     ServerHealth health;
     Window window;
-    std::vector<Address> addresses; ///< of the host, once resolved; forgotten when it fails
-    Clock::time_point openedAt = Clock::time_point::min(); ///< the last session
+    std::vector<Address> addresses; ///< of the host, once resolved; cleared when the server fails
+    Clock::time_point openedAt = Clock::time_point::min(); ///< of the last session
 };
 
 /// Takes a moment unless a later one is there: threads come in any order.

@@ -1,4 +1,4 @@
-// The check of the settings.
+// Validates the settings.
 #include <solvane/lookup/Settings.h>
 
 #include "FaultSite.h"
@@ -20,23 +20,23 @@ void require(bool isRight, std::string const& text)
 void requirePlain(char const* what, std::string const& text)
 {
     auto const fault = faultIn(text);
-    require(!fault, std::string(what) + " holds " + (fault ? describe(*fault) : std::string()));
+    require(!fault, std::string(what) + " contains " + (fault ? describe(*fault) : std::string()));
 }
 
 void checkServers(Settings const& settings)
 {
-    require(!settings.servers.empty(), "there is no server");
+    require(!settings.servers.empty(), "no server is set");
     for (Server const& server : settings.servers) {
         requirePlain("a server's SRV domain", server.srvDomain);
         require(server.host.empty() || server.srvDomain.empty(),
-                "a server has a host and an SRV domain");
+                "a server has both a host and an SRV domain");
         if (!server.srvDomain.empty()) {
             continue;
         }
         require(!server.host.empty(), "a server has no host");
         requirePlain("a server's host", server.host);
         require(server.port >= 1 && server.port <= 65535,
-                "a server's port is " + std::to_string(server.port));
+                "a server's port is not from 1 to 65535: " + std::to_string(server.port));
     }
     for (std::string const& nameServer : settings.nameServers) {
         require(!nameServer.empty(), "a name server has no address");
@@ -48,11 +48,11 @@ void checkCredentials(Settings const& settings)
 {
     requirePlain("the bind DN", settings.bindDn);
     require(settings.bindDn.empty() || !settings.password.empty(),
-            "the bind DN has no password: servers take an empty one as anonymous");
+            "the bind DN has no password: servers treat an empty one as an anonymous bind");
     require(!settings.bindDn.empty() || settings.password.empty(),
-            "there is a password without a bind DN");
+            "a password is set without a bind DN");
     require(settings.password.find('\0') == std::string::npos,
-            "the password holds a NUL byte, which cannot be sent");
+            "the password contains a NUL byte, which cannot be sent");
 }
 
 void checkSearch(Settings const& settings)
@@ -63,14 +63,14 @@ void checkSearch(Settings const& settings)
     require(settings.deref >= LDAPSearch::DerefNever && settings.deref <= LDAPSearch::DerefAlways,
             "the alias mode is invalid");
     for (std::string const& name : settings.attributes) {
-        require(!name.empty(), "an attribute has no name");
-        requirePlain("an attribute's name", name);
+        require(!name.empty(), "an attribute name is empty");
+        requirePlain("an attribute name", name);
     }
-    require(!settings.forms.empty(), "there is no form of address to look for");
+    require(!settings.forms.empty(), "the list of address forms is empty");
     QueryTemplate const queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
     for (QueryTemplate::Finding const& finding : queryTemplate.check()) {
         require(finding.weight != QueryTemplate::Finding::Weight::error,
-                "the template is wrong at byte " + std::to_string(finding.position) + ": " +
+                "error in the template at byte " + std::to_string(finding.position) + ": " +
                     finding.text);
     }
 }
@@ -85,27 +85,29 @@ void checkDomains(Settings const& settings)
 
 void checkTimes(Settings const& settings)
 {
-    // Moments are counted in nanoseconds; a time "without end" would lie before its beginning.
+    // Time points count nanoseconds: a huge duration added to now would overflow.
     constexpr std::chrono::hours longest(365 * 24);
-    require(settings.networkTimeout >= 1, "the network timeout is 0");
+    require(settings.networkTimeout >= 1, "the network timeout must be at least 1 s");
     require(std::chrono::seconds(settings.networkTimeout) <= longest,
             "the network timeout is longer than a year");
-    require(settings.deadline.count() >= 1, "the deadline is 0 or less");
+    require(settings.deadline.count() >= 1, "the deadline must be at least 1 ms");
     require(settings.deadline <= longest, "the deadline is longer than a year");
     require(settings.backOff.count() >= 0 && settings.longestBackOff >= settings.backOff,
             "the longest back-off is shorter than the first");
     require(settings.longestBackOff <= longest, "the longest back-off is longer than a year");
-    require(settings.refusedHold.count() >= 0, "the hold after a refused bind is less than 0");
+    require(settings.refusedHold.count() >= 0, "the hold after a refused bind is negative");
     require(settings.refusedHold <= longest, "the hold after a refused bind is longer than a year");
 }
 
 void checkSizes(Settings const& settings)
 {
-    require(settings.connections >= 1, "no connection is allowed");
-    require(settings.window >= 1, "no search in flight is allowed");
-    require(settings.keyBytes >= 1, "keys of no byte are allowed");
-    require(settings.entryBytes >= 1024, "an entry of less than 1024 bytes is no useful limit");
-    require(settings.answerBytes >= 1024, "an answer of less than 1024 bytes is no useful limit");
+    require(settings.connections >= 1, "the number of connections must be at least 1");
+    require(settings.window >= 1, "the window must be at least 1");
+    require(settings.keyBytes >= 1, "the maximum length of keys must be at least 1 byte");
+    require(settings.entryBytes >= 1024,
+            "the maximum size of an entry must be at least 1024 bytes");
+    require(settings.answerBytes >= 1024,
+            "the maximum size of an answer must be at least 1024 bytes");
 }
 
 } // namespace

@@ -1,4 +1,4 @@
-// What the runs of all threads share.
+// The state shared by the pipelines of all threads.
 #ifndef SOLVANE_LOOKUP_SRC_SHARED_H
 #define SOLVANE_LOOKUP_SRC_SHARED_H
 
@@ -12,7 +12,7 @@
 
 namespace Solvane::Lookup {
 
-/// Settings, what was prepared from them once, and the pool. Thread-safe.
+/// The settings, the objects prepared from them, and the pool. Thread-safe.
 struct Shared {
     explicit Shared(Settings const& given);
 

@@ -1,4 +1,4 @@
-// A key on its way to its answer.
+// A key and the state of its lookup.
 #ifndef SOLVANE_LOOKUP_SRC_TASK_H
 #define SOLVANE_LOOKUP_SRC_TASK_H
 
@@ -15,31 +15,31 @@ namespace Solvane::Lookup {
 
 struct Lane;
 
-/// It waits for a lane, is in flight on one, and is done when it has its answer.
+/// Waits for a lane, then is in flight on it, and is done when it has its answer.
 struct Task {
     std::string key;
-    std::vector<std::string> forms; ///< empty: the key alone
-    std::size_t form = 0;           ///< index of the one that is asked for
+    std::vector<std::string> forms; ///< empty: only the key itself
+    std::size_t form = 0;           ///< index of the current form
     Clock::time_point start;
     Clock::time_point deadline;
     Answer answer;
     bool isDone = false;
 
-    // The search that is in flight.
-    Lane* lane = nullptr; ///< null: none is
+    // The search in flight.
+    Lane* lane = nullptr; ///< null: none
     int messageId = 0;
     Clock::time_point sentAt;
     std::size_t bytes = 0;    ///< of its entries
-    bool isReferred = false;  ///< for a part of the base, to a server that is not asked
+    bool isReferred = false;  ///< the answer has references to other servers
     bool wasOnProven = false; ///< its session had answered a search before
 
-    // What was tried before.
-    std::vector<Failure> failures;         ///< servers that are not asked again
+    // Earlier attempts.
+    std::vector<Failure> failures;         ///< servers that must not be asked again
     ServerRecord const* brokeOn = nullptr; ///< the server whose connection broke last
     Clock::time_point brokeAt;
     ServerRecord const* lostOn =
-        nullptr;              ///< it was repeated there once, and would be its own fault
-    bool hasReopened = false; ///< a session to one of several servers at an address was tried anew
+        nullptr;              ///< already repeated there once; the next loss is the search's fault
+    bool hasReopened = false; ///< a new session to a load-balanced address was already tried
 
     /// Whether nothing was tried for it yet.
     bool isFresh() const { return failures.empty() && brokeOn == nullptr; }

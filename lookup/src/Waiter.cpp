@@ -1,4 +1,4 @@
-// An eventfd that is made when it is needed.
+// An eventfd, created on demand.
 #include "Waiter.h"
 
 #include <cerrno>

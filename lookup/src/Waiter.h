@@ -1,4 +1,4 @@
-// A place in the queue for sessions, of a caller that must not block.
+// A non-blocking caller's place in the pool's queue.
 #ifndef SOLVANE_LOOKUP_SRC_WAITER_H
 #define SOLVANE_LOOKUP_SRC_WAITER_H
 
@@ -6,8 +6,8 @@
 
 namespace Solvane::Lookup {
 
-/// What a caller polls while it waits: readable when it is worth asking the pool again. The
-/// descriptor is made when it is needed first, which is when all sessions are in use.
+/// Its descriptor becomes readable when the caller should ask the pool again. It is created at the
+/// first wait, so callers that never wait need none. Not thread-safe.
 class Waiter : public NonCopyable {
 public:
     Waiter() = default;
@@ -27,12 +27,12 @@ private:
     void reset() const;
 
     int m_descriptor = -1;
-    bool m_isRegistered = false; ///< known to the pool; only the caller reads and writes it
+    bool m_isRegistered = false; ///< known to the pool; accessed only by the caller
 
     // Guarded by the pool's mutex.
-    bool m_wantsRoom = false;    ///< otherwise news of a server or of the credentials
-    bool m_isCalled = false;     ///< a session or the room for one is reserved for it
-    unsigned long m_process = 0; ///< the pool's count of forks when it was registered
+    bool m_wantsRoom = false;    ///< waits for room; else for a server's or the credentials' state
+    bool m_isCalled = false;     ///< a session or room is reserved for it
+    unsigned long m_process = 0; ///< the pool's count of forks at registration
 };
 
 } // namespace Solvane::Lookup

@@ -1,4 +1,4 @@
-// How many searches a server takes at once on one connection.
+// How many searches may be in flight on one connection to a server.
 #ifndef SOLVANE_LOOKUP_SRC_WINDOW_H
 #define SOLVANE_LOOKUP_SRC_WINDOW_H
 
@@ -7,11 +7,13 @@
 
 namespace Solvane::Lookup {
 
-/// Servers close a connection with more pending requests than they allow, and do not say how many
-/// that is: slapd 100 without a bind and 1,000 with one (conn_max_pending). The window finds it as TCP
-/// finds the capacity of a path (RFC 5681): a connection lost with searches in flight halves it, or
-/// brings it down to 1 if that connection never answered; it doubles up to half of what was lost, and
-/// grows by one for each window of answers from there. Not synchronised: the pool guards it.
+/// Servers close a connection with too many pending requests and do not announce their limit: slapd
+/// allows 100 without a bind and 1,000 with one (conn_max_pending). The window finds the limit as
+/// TCP finds the capacity of a path (RFC 5681). When a connection is lost with n searches in
+/// flight, the threshold becomes n/2 and so does the window; it becomes 1 if that connection never
+/// answered a search. Then each answer adds 1 up to the threshold (doubling per round trip), and
+/// each full window of answers adds 1 above it. Example: 32, lost -> 16, ... 17, ... 18. Not
+/// thread-safe: guarded by the pool's mutex.
 class Window {
 public:
     explicit Window(std::size_t longest)
@@ -35,12 +37,12 @@ public:
         }
     }
 
-    /// @param inFlight     when the connection was lost
-    /// @param hasAnswered  a search, on that connection
+    /// @param inFlight     searches in flight when the connection was lost
+    /// @param hasAnswered  the connection had answered a search
     void lost(std::size_t inFlight, bool hasAnswered)
     {
         if (inFlight < 2) {
-            return; // that search was alone
+            return; // a single search cannot be too many
         }
         m_threshold = inFlight / 2;
         m_limit = std::min(m_limit, hasAnswered ? m_threshold : 1);

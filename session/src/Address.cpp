@@ -1,4 +1,4 @@
-// Addresses as text and as the system takes them.
+// Converts addresses between text and socket addresses.
 #include <solvane/session/Address.h>
 
 #include <array>

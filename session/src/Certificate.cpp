@@ -1,4 +1,4 @@
-// X.509 certificates, read and judged with GnuTLS.
+// X.509 certificates, parsed and verified with GnuTLS.
 #include <solvane/session/Certificate.h>
 
 #include "CertificateFaults.h"
@@ -28,7 +28,7 @@ LDAPException invalidCertificate(int error)
     return fault;
 }
 
-/// Bytes that GnuTLS allocated.
+/// Owns bytes allocated by GnuTLS.
 class Datum {
 public:
     Datum() = default;
@@ -48,7 +48,7 @@ private:
     gnutls_datum_t m_datum = {nullptr, 0};
 };
 
-/// A list of accepted authorities.
+/// A list of trusted authorities.
 class TrustList {
 public:
     explicit TrustList(std::string const& file)
@@ -64,7 +64,7 @@ public:
     ~TrustList() { gnutls_x509_trust_list_deinit(m_list, 1); }
 
     gnutls_x509_trust_list_t get() const { return m_list; }
-    /// Certificates read, or GnuTLS's error below 0.
+    /// The number of certificates, or GnuTLS's error below 0.
     int result() const { return m_error; }
 
 private:
@@ -83,7 +83,7 @@ std::string addressText(std::string const& bytes)
     return text.data();
 }
 
-/// The bytes of an address given as text; empty for any other text.
+/// The bytes of an IP address in text; empty for any other text.
 std::string addressBytes(std::string const& text)
 {
     std::array<char, sizeof(in6_addr)> bytes{};
@@ -146,7 +146,7 @@ std::string distinguishedName(gnutls_x509_crt_t certificate, NameGetter getter)
     return getter(certificate, name.address(), 0) < 0 ? std::string() : name.text();
 }
 
-/// The first certificate of a chain that is not in its time at `now`; the chain's own if all are.
+/// The first certificate of a chain that is expired or not yet valid at `now`; else the first one.
 Certificate const& outOfTime(std::vector<Certificate> const& chain, std::time_t now)
 {
     auto const found =
@@ -156,12 +156,12 @@ Certificate const& outOfTime(std::vector<Certificate> const& chain, std::time_t 
     return found == chain.end() ? chain.front() : *found;
 }
 
-/// Who signed the last certificate of a chain, if that is not known.
+/// Describes the unknown issuer of a chain.
 std::string strangerOf(std::vector<Certificate> const& chain)
 {
     Certificate const& last = chain.back();
     bool const isSelfSigned = last.subject() == last.issuer();
-    return isSelfSigned && chain.size() == 1 ? "signed by itself"
+    return isSelfSigned && chain.size() == 1 ? "self-signed"
                                              : "signed by an unknown authority: " + last.issuer();
 }
 
@@ -187,7 +187,7 @@ struct Certificate::Parsed {
     Parsed& operator=(Parsed const&) = delete;
     ~Parsed() { gnutls_x509_crt_deinit(certificate); }
 
-    gnutls_x509_crt_t certificate = nullptr; ///< only read, so threads may share it
+    gnutls_x509_crt_t certificate = nullptr; ///< read-only, so thread-safe
     std::vector<std::string> names;
 };
 
@@ -217,21 +217,21 @@ std::time_t Certificate::notAfter() const
 
 bool Certificate::isFor(std::string const& host) const
 {
-    // GnuTLS's comparison of host names also takes an address that stands among the DNS names.
+    // GnuTLS's host name check would accept an address in a DNS name entry, ...
     std::string const address = addressBytes(host);
     if (!address.empty()) {
         return gnutls_x509_crt_check_ip(m_parsed->certificate,
                                         reinterpret_cast<unsigned char const*>(address.data()),
                                         static_cast<unsigned int>(address.size()), 0) != 0;
     }
-    // ... and the common name where the alternative names are addresses only.
+    // ... the common name if all alternative names are addresses, ...
     bool const hasHostName =
         m_parsed->names.empty() ||
         std::any_of(m_parsed->names.begin(), m_parsed->names.end(),
                     [](std::string const& name) { return addressBytes(name).empty(); });
     bool const isAbsolute = !host.empty() && host.back() == '.';
     std::string const name = host.substr(0, host.size() - (isAbsolute ? 1 : 0));
-    // ... and an empty label for a wildcard.
+    // ... and an empty label as a match for a wildcard.
     bool const isHostName =
         !name.empty() && name.front() != '.' && name.find('\0') == std::string::npos;
     return hasHostName && isHostName &&
@@ -249,7 +249,7 @@ std::string Certificate::distrust(std::string const& caFile) const
     int const error =
         gnutls_x509_trust_list_verify_crt(authorities.get(), &certificate, 1, 0, &status, nullptr);
     if (error < 0) {
-        return std::string("it cannot be verified: ") + gnutls_strerror(error);
+        return std::string("cannot be verified: ") + gnutls_strerror(error);
     }
     return faultInWords(status, {*this});
 }
@@ -263,19 +263,19 @@ std::string faultInWords(unsigned int status, std::vector<Certificate> const& ch
     Certificate const& wrong = outOfTime(chain, std::time(nullptr));
     std::string const whose = &wrong == &chain.front() ? "" : " (" + wrong.subject() + ')';
     Fault const faults[] = {
-        {GNUTLS_CERT_EXPIRED, "expired since " + day(wrong.notAfter()) + whose},
+        {GNUTLS_CERT_EXPIRED, "expired on " + day(wrong.notAfter()) + whose},
         {GNUTLS_CERT_NOT_ACTIVATED, "not valid before " + day(wrong.notBefore()) + whose},
         {GNUTLS_CERT_SIGNER_NOT_FOUND, strangerOf(chain)},
         {GNUTLS_CERT_SIGNER_NOT_CA,
-         "signed by a certificate that is no authority's: " + chain.front().issuer()},
-        {GNUTLS_CERT_SIGNATURE_FAILURE, "its signature is wrong"},
+         "signed by a certificate that is not a CA: " + chain.front().issuer()},
+        {GNUTLS_CERT_SIGNATURE_FAILURE, "invalid signature"},
         {GNUTLS_CERT_INSECURE_ALGORITHM,
-         "its key or signature is too weak (RSA below 2048 bits, SHA-1)"},
+         "the key or signature is too weak (RSA below 2048 bits, SHA-1)"},
         {GNUTLS_CERT_REVOKED, "revoked"},
-        {GNUTLS_CERT_REVOCATION_DATA_SUPERSEDED, "what tells of its revocation is out of date"},
+        {GNUTLS_CERT_REVOCATION_DATA_SUPERSEDED, "the revocation list is out of date"},
         {GNUTLS_CERT_REVOCATION_DATA_ISSUED_IN_FUTURE,
-         "what tells of its revocation is from the future"},
-        {GNUTLS_CERT_PURPOSE_MISMATCH, "not meant for servers"},
+         "the revocation list is dated in the future"},
+        {GNUTLS_CERT_PURPOSE_MISMATCH, "not valid for servers"},
     };
     std::string text;
     for (Fault const& fault : faults) {

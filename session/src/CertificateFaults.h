@@ -1,4 +1,4 @@
-// Why certificates are not trusted, in words.
+// Describes why certificates are not trusted.
 #ifndef SOLVANE_SESSION_SRC_CERTIFICATE_FAULTS_H
 #define SOLVANE_SESSION_SRC_CERTIFICATE_FAULTS_H
 
@@ -9,7 +9,7 @@
 
 namespace Solvane::Lookup {
 
-/// What GnuTLS found wrong with a chain.
+/// Describes what GnuTLS found wrong with a chain.
 /// @param status  GNUTLS_CERT_... flags
 /// @param chain   as the server sent it, its own certificate first; not empty
 std::string faultInWords(unsigned int status, std::vector<Certificate> const& chain);

@@ -1,4 +1,4 @@
-// Buffers, framing, and the layer by which OpenLDAP reaches them.
+// Buffers, framing, and the Sockbuf layer through which OpenLDAP uses them.
 #include "Channel.h"
 
 #include <solvane/session/PlainText.h>
@@ -13,7 +13,7 @@ namespace Solvane::Lookup {
 namespace {
 
 constexpr std::size_t firstCapacity = 16384;
-constexpr std::size_t keptCapacity = 65536; // a larger buffer is given back once it is empty
+constexpr std::size_t keptCapacity = 65536; // a larger buffer is freed once it is empty
 
 } // namespace
 
@@ -67,7 +67,7 @@ Channel::Input Channel::fill()
     }
 }
 
-/// Whether a whole message stands in front.
+/// Whether a complete message is at the front.
 bool Channel::findFront()
 {
     if (m_front.state == MessageFrame::whole) {
@@ -75,7 +75,7 @@ bool Channel::findFront()
     }
     m_front = frameOf({m_input.get() + m_begin, m_end - m_begin});
     if (m_front.state == MessageFrame::invalid) {
-        fail(Outcome::TryLater, LDAP_DECODING_ERROR, "the server sent what is not LDAP");
+        fail(Outcome::TryLater, LDAP_DECODING_ERROR, "the server sent data that is not LDAP");
     } else if (m_front.length > m_messageBytes) {
         fail(Outcome::TryLater, LDAP_DECODING_ERROR,
              "the server sent a message larger than " + std::to_string(m_messageBytes) + " bytes");
@@ -96,8 +96,9 @@ Flow Channel::read()
     return flow;
 }
 
-/// Moves what there is of a message to the front. A buffer that this does not help grows, as far as
-/// bytes have come and not as far as they are announced.
+/// Makes room for input: first moves the partial message to the start of the buffer; if the buffer
+/// is still full, doubles it. It grows with the bytes received, never to an announced length:
+/// otherwise one forged header would make each connection allocate the maximum.
 void Channel::makeRoom()
 {
     if (m_begin > 0) {
@@ -140,7 +141,7 @@ void Channel::drop()
     }
 }
 
-/// Whether `fill` has something to tell without reading: the socket may say no more about it.
+/// Whether `fill` has a result without reading the socket. Poll would not report it.
 bool Channel::isReady() const
 {
     return !m_fault.isGood() || !m_writeFault.isGood() || m_front.state == MessageFrame::whole ||
@@ -226,7 +227,8 @@ void Channel::waits(Waits& waits) const
     }
 }
 
-/// What the connection ended by. After a write that failed, the server may still have told why.
+/// Sets the cause of the end. After a failed write, the server's last message may name a better
+/// cause.
 void Channel::failBy(Flow flow)
 {
     m_fault = faultOf(flow);
@@ -243,7 +245,7 @@ Verdict Channel::faultOf(Flow flow) const
     return Verdict{Outcome::TryLater, LDAP_SERVER_DOWN,
                    flow == Flow::ended ? "the server closed the connection"
                    : m_socket.isOurs() ? std::strerror(m_socket.error())
-                                       : "it belongs to another process"};
+                                       : "the connection belongs to another process"};
 }
 
 // OpenLDAP's side
@@ -256,7 +258,7 @@ int Channel::setUp(Sockbuf_IO_Desc* layer, void* channel)
 
 int Channel::control(Sockbuf_IO_Desc* layer, int option, void*)
 {
-    // The one question that is asked of the lowest layer; the socket is asked for nothing.
+    // The only option that OpenLDAP needs from the lowest layer.
     return option == LBER_SB_OPT_DATA_READY &&
                    static_cast<Channel*>(layer->sbiod_pvt)->m_deliverable > 0
                ? 1
@@ -282,12 +284,12 @@ ber_slen_t Channel::writeOutput(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t l
     Channel& channel = *static_cast<Channel*>(layer->sbiod_pvt);
     try {
         channel.append(static_cast<char const*>(bytes), length);
-    } catch (std::bad_alloc const&) { // cannot pass through OpenLDAP
+    } catch (std::bad_alloc const&) { // must not propagate through C code
         errno = ENOMEM;
         return -1;
     }
     if (channel.m_handlesSecret) {
-        explicit_bzero(bytes, length); // OpenLDAP keeps it until the answer comes, and never wipes
+        explicit_bzero(bytes, length); // OpenLDAP keeps it until the answer arrives, unwiped
     }
     return static_cast<ber_slen_t>(length);
 }

@@ -1,4 +1,4 @@
-// The bytes between OpenLDAP and a server.
+// Buffers the bytes between OpenLDAP and a server.
 #ifndef SOLVANE_SESSION_SRC_CHANNEL_H
 #define SOLVANE_SESSION_SRC_CHANNEL_H
 
@@ -19,39 +19,41 @@
 
 namespace Solvane::Lookup {
 
-/// Two buffers between OpenLDAP and the socket, plain or under TLS.
+/// Two buffers between OpenLDAP and the socket, plain or with TLS. Not thread-safe.
 ///
-/// OpenLDAP writes into memory and reads from memory: what it writes is gathered until `flush`, and it
-/// is given a message only when all of it is there. So it never waits, never sees the end of a
-/// connection, and has no reason to connect again by itself (without the bind, and to a server whose
-/// certificate was not verified), nor to allocate what a server merely announces.
+/// OpenLDAP only reads and writes memory: its output is buffered until `flush`, and it gets a
+/// message only when the whole message has arrived. Therefore OpenLDAP never blocks and never sees
+/// the end of a connection. If it did, it would reconnect on its own, without the bind and without
+/// verifying the server's certificate. Nor does it allocate memory for a length that a server
+/// merely announces.
 class Channel : public NonCopyable {
 public:
-    /// @param messageBytes  of the largest message that is taken
-    /// @param patience      how long bytes may wait to be written without any progress
+    /// @param messageBytes  size of the largest message accepted
+    /// @param patience      how long output may be pending without any progress
     Channel(Descriptor socket, std::size_t messageBytes, std::chrono::milliseconds patience);
     /// Closes the connection.
     ~Channel();
 
-    /// Makes OpenLDAP read and write here. The channel must outlive the Sockbuf's use.
+    /// Makes OpenLDAP read and write here. The channel must outlive the Sockbuf. False: out of
+    /// memory.
     bool installOn(Sockbuf* sockbuf);
-    /// From now on everything goes through TLS.
+    /// Uses TLS from now on.
     void secure(std::unique_ptr<TlsStream> tls) { m_tls = std::move(tls); }
     TlsStream* tls() const { return m_tls.get(); }
     Socket& socket() { return m_socket; }
 
     // Input
 
-    /// What `fill` found.
+    /// Result of `fill`.
     enum class Input { nothing, message, broken };
-    /// Reads until a whole message stands in front, or there is nothing to read for now.
+    /// Reads until a complete message is at the front, or the socket has no more input for now.
     Input fill();
-    /// The message in front, after `fill` found one.
+    /// The message at the front, after `fill` returned `message`.
     MessageFrame const& front() const { return m_front; }
     std::string_view frontBytes() const { return {m_input.get() + m_begin, m_front.length}; }
-    /// Lets OpenLDAP read the message in front, and no more.
+    /// Lets OpenLDAP read the message at the front, and nothing after it.
     void deliver() { m_deliverable = m_front.length; }
-    /// Takes the message in front away, read or not.
+    /// Removes the message at the front, whether it was read or not.
     void drop();
     /// The same; its bytes stay where they are until the next `fill`.
     void take();
@@ -61,21 +63,22 @@ public:
 
     // Output
 
-    /// While true, what OpenLDAP writes is erased from its own memory, and from here once it is sent.
+    /// While true, output is wiped from OpenLDAP's memory at once, and from this buffer once it is
+    /// sent.
     void handlesSecret(bool does) { m_handlesSecret = does; }
-    /// Writes as far as the socket takes it.
+    /// Writes as much as the socket accepts.
     void flush();
     bool hasOutput() const { return m_sent < m_output.size(); }
 
     // Both
 
     void waits(Waits& waits) const;
-    /// Good while the connection can be used; else why it cannot. After a write that failed, there may
-    /// still be something to read.
+    /// Good while the connection can be used; else the cause. After a failed write, input may still
+    /// be readable.
     Verdict const& fault() const { return m_fault.isGood() ? m_writeFault : m_fault; }
-    /// Ends the use of the connection.
+    /// Marks the connection as unusable; the first cause is kept.
     void fail(Outcome outcome, int code, std::string const& why);
-    /// Whether this process may write to it, and nothing failed.
+    /// Whether nothing has failed and this process owns the connection.
     bool isWhole() const { return fault().isGood() && m_socket.isOurs(); }
     std::uint64_t receivedBytes() const { return m_received; }
 
@@ -100,22 +103,22 @@ private:
     };
 
     Socket m_socket;
-    std::unique_ptr<TlsStream> m_tls; // none without TLS
+    std::unique_ptr<TlsStream> m_tls; // null without TLS
     std::size_t m_messageBytes;
     std::chrono::milliseconds m_patience;
     Verdict m_fault;
-    Verdict m_writeFault; // of a connection that is still read
+    Verdict m_writeFault; // of a failed write; input is still read
 
     std::unique_ptr<char, Free> m_input;
     std::size_t m_capacity = 0;
-    std::size_t m_begin = 0; // of what has been read and not been taken
+    std::size_t m_begin = 0; // of the input not yet consumed
     std::size_t m_end = 0;
-    std::size_t m_deliverable = 0; // of the message in front
+    std::size_t m_deliverable = 0; // bytes of the message at the front
     MessageFrame m_front;
     std::uint64_t m_received = 0;
 
     std::string m_output;
-    std::size_t m_sent = 0; // of the output
+    std::size_t m_sent = 0; // bytes of m_output already written
     bool m_handlesSecret = false;
     bool m_holdsSecret = false;                   // in the output
     std::optional<Clock::time_point> m_blockedAt; // when the socket took nothing of the output

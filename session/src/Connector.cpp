@@ -1,4 +1,4 @@
-// Attempts to connect, side by side.
+// Parallel connection attempts.
 #include "Connector.h"
 
 #include <algorithm>
@@ -14,7 +14,8 @@ namespace {
 
 constexpr std::chrono::milliseconds headStart(250); // RFC 8305 section 8
 
-/// The families in turn, beginning with that of the first; each family keeps its order.
+/// Alternates the address families, beginning with the first address's; each family keeps its
+/// order.
 std::vector<Address> interleaved(std::vector<Address> const& addresses)
 {
     std::vector<Address> first;
@@ -70,7 +71,7 @@ void Connector::advance()
     }
 }
 
-/// Takes the first attempt that has completed; drops those that have failed.
+/// Takes the first completed attempt; drops failed ones.
 void Connector::look()
 {
     std::vector<pollfd> looked;
@@ -106,14 +107,14 @@ void Connector::startNext()
         failed(address, error);
         return;
     }
-    int const on = 1; // requests are gathered before they are written, so nothing waits for more
+    int const on = 1; // requests are batched before each write, so Nagle's delay gains nothing
     setsockopt(socket.number(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     int const rc = connect(socket.number(), address.socketAddress(), address.size());
     if (rc == -1 && errno != EINPROGRESS && errno != EINTR) {
         failed(address, errno);
         return;
     }
-    // One that has completed at once is seen by the next look.
+    // An attempt that completed immediately is found by the next look().
     m_attempts.push_back(Attempt{std::move(socket), address});
     m_nextMoment = Clock::now() + headStart;
 }

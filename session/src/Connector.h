@@ -1,4 +1,4 @@
-// TCP to whichever address of a server accepts first.
+// Connects by TCP to the first address of a server that accepts.
 #ifndef SOLVANE_SESSION_SRC_CONNECTOR_H
 #define SOLVANE_SESSION_SRC_CONNECTOR_H
 
@@ -15,25 +15,26 @@
 
 namespace Solvane::Lookup {
 
-/// Connects as RFC 8305 says ("happy eyeballs"): addresses of both families in turn, the next attempt
-/// begins 250 ms after the one before, or at once when one fails. Attempts run side by side; the first
-/// that completes wins, and the others are closed. A deadline is the caller's.
+/// Connects by RFC 8305 ("happy eyeballs"): address families alternate; the next attempt starts 250
+/// ms after the previous one, or at once if one fails. Attempts run in parallel; the first to
+/// complete wins and the others are closed. So a dead address delays a connection by 250 ms, not by
+/// a timeout. The caller enforces its deadline. Not thread-safe.
 class Connector : public NonCopyable {
 public:
-    /// @param addresses  in the order in which they are preferred; at least one
+    /// @param addresses  in order of preference; at least one
     explicit Connector(std::vector<Address> const& addresses);
 
-    /// Does what can be done now.
+    /// Makes as much progress as possible without blocking.
     void advance();
     /// Adds what `advance` waits for.
     void waits(Waits& waits) const;
-    /// True once one accepted, or all failed.
+    /// True once one address accepted or all failed.
     bool isSettled() const { return m_connected || isExhausted(); }
-    /// Who accepted, if anybody did.
+    /// The address that accepted, if any.
     std::optional<Address> const& peer() const { return m_connected; }
-    /// The connection to `peer`, which does not block; to be taken once.
+    /// The non-blocking connection to `peer`; call it once.
     Descriptor takeSocket() { return std::move(m_socket); }
-    /// What was tried and did not work, each address with its cause, in one line.
+    /// The failed attempts, each address with its cause, on one line.
     std::string failures() const;
     /// True if an attempt failed because there was no descriptor or memory for a socket, which says
     /// nothing about the server.
@@ -53,13 +54,13 @@ private:
     void failed(Address const& address, int error);
 
     std::vector<Address> m_order;
-    std::size_t m_next = 0;          // of those not tried yet
-    Clock::time_point m_nextMoment;  // when that one is
-    std::vector<Attempt> m_attempts; // under way
+    std::size_t m_next = 0;          // index of the next address to try
+    Clock::time_point m_nextMoment;  // when to try it
+    std::vector<Attempt> m_attempts; // in progress
     std::string m_failures;
     bool m_lacksSocket = false;
     std::optional<Address> m_connected;
-    Descriptor m_socket; // of the one that accepted
+    Descriptor m_socket; // to m_connected
 };
 
 } // namespace Solvane::Lookup

@@ -1,4 +1,4 @@
-// Requests and messages by OpenLDAP's calls.
+// Encodes requests and decodes messages with OpenLDAP.
 #include "Conversation.h"
 
 #include "BerReader.h"
@@ -14,7 +14,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-// Where OpenLDAP would connect by itself, if it ever had a reason: below a file there are no sockets.
+// The URI for OpenLDAP's own reconnects. It can never connect: /dev/null is a file, not a folder.
 constexpr char const nowhere[] = "ldapi://%2Fdev%2Fnull%2F";
 
 struct FreeElement {
@@ -40,12 +40,12 @@ Conversation::Conversation(Descriptor socket, unsigned int version, std::size_t 
                            std::chrono::milliseconds patience)
     : m_channel(std::move(socket), messageBytes, patience)
 {
-    // The descriptor is not closed with the session: there is no layer of OpenLDAP's that would.
+    // OpenLDAP never closes the descriptor: the session has no socket layer of its own.
     int const code = ldap_init_fd(m_channel.socket().number(), LDAP_PROTO_EXT, nowhere, &m_handle);
     if (code != LDAP_SUCCESS) {
         m_handle = nullptr;
         m_channel.fail(Outcome::TryLater, code,
-                       std::string("no session can be made: ") + ldap_err2string(code));
+                       std::string("cannot create an OpenLDAP session: ") + ldap_err2string(code));
         return;
     }
     Sockbuf* sockbuf = nullptr;
@@ -62,7 +62,7 @@ Conversation::Conversation(Descriptor socket, unsigned int version, std::size_t 
 Conversation::~Conversation()
 {
     if (m_handle != nullptr) {
-        ldap_unbind_ext(m_handle, nullptr, nullptr); // into memory
+        ldap_unbind_ext(m_handle, nullptr, nullptr); // written into the channel's buffer
     }
     if (m_channel.isWhole()) {
         m_channel.flush();
@@ -120,13 +120,13 @@ int Conversation::askForLife(int& id)
     return search(request, "(objectClass=*)", id);
 }
 
-/// Notes what was sent. A request that OpenLDAP could not hand over is the end of the connection.
+/// Records a sent request. If OpenLDAP could not write it, the connection is over.
 int Conversation::sent(int code, int id)
 {
     if (code == LDAP_SUCCESS) {
         m_awaited.push_back(id);
     } else if (code == LDAP_SERVER_DOWN) {
-        m_channel.fail(Outcome::TryLater, code, "the request cannot be written");
+        m_channel.fail(Outcome::TryLater, code, "cannot write the request");
     }
     return code;
 }
@@ -213,8 +213,9 @@ bool Conversation::failInvalid()
     return false;
 }
 
-/// What the server says unasked (RFC 4511 section 4.4): that it is about to close the connection, or
-/// something to be ignored. OpenLDAP would abort the process at some of them.
+/// Handles an unsolicited notification (RFC 4511 section 4.4): a notice of disconnection ends the
+/// connection, others are ignored. Decoded here, because some of them make OpenLDAP abort the
+/// process.
 void Conversation::takeNotice()
 {
     std::string_view const bytes = m_channel.frontBytes();
@@ -233,7 +234,7 @@ void Conversation::takeNotice()
                         ber_scanf(element, "m", &name) != LBER_ERROR && name.bv_val != nullptr;
     if (isRead && std::string_view(name.bv_val, name.bv_len) == LDAP_NOTICE_OF_DISCONNECTION) {
         m_channel.fail(Outcome::TryLater, LDAP_SERVER_DOWN,
-                       "the server ends the connection: " +
+                       "the server is closing the connection: " +
                            wordsFor(code, std::string(text.bv_val, text.bv_len)));
     }
 }

@@ -1,4 +1,4 @@
-// OpenLDAP's session on a channel.
+// An OpenLDAP session on a channel.
 #ifndef SOLVANE_SESSION_SRC_CONVERSATION_H
 #define SOLVANE_SESSION_SRC_CONVERSATION_H
 
@@ -11,31 +11,33 @@
 
 namespace Solvane::Lookup {
 
-/// Makes requests with OpenLDAP, and gives its messages out as they come, each for a request that was
-/// made here and not abandoned. The socket is the channel's; OpenLDAP only encodes and decodes.
+/// Sends requests with OpenLDAP and returns the messages that answer them; messages of abandoned
+/// and unknown requests are dropped. The channel owns the socket; OpenLDAP only encodes and
+/// decodes. Not thread-safe.
 class Conversation : public NonCopyable {
 public:
     /// @param version  of LDAP, 2 or 3
     Conversation(Descriptor socket, unsigned int version, std::size_t messageBytes,
                  std::chrono::milliseconds patience);
-    /// Sends an unbind if the connection is whole and takes it, and closes it.
+    /// Sends an unbind if the connection is intact and accepts it, and closes it.
     ~Conversation();
 
     Channel& channel() { return m_channel; }
     LDAP* handle() const { return m_handle; }
-    /// Good while the conversation can go on.
+    /// Good while the connection can be used.
     Verdict const& fault() const { return m_channel.fault(); }
 
-    // Requests. Each returns OpenLDAP's code, and on 0 the message id; nothing is written before the
-    // channel is flushed.
+    // Requests. Each returns OpenLDAP's code, and on success the message id. They are buffered
+    // until the channel is flushed.
 
     int bind(std::string const& dn, std::string const& password, int& id);
     int whoAmI(int& id);
     int search(SearchRequest const& request, std::string const& filter, int& id);
-    /// Asks for the root DSE without attributes: a question that every server answers in some way.
+    /// Reads the root DSE without attributes. Every server answers this, so it proves that it is
+    /// alive.
     int askForLife(int& id);
     void abandon(int id);
-    /// Awaits the answer to a request that was made elsewhere.
+    /// Accepts the answers to a request that was sent by other code.
     void expect(int id) { m_awaited.push_back(id); }
 
     /// The next message of a request, without waiting.
@@ -55,9 +57,9 @@ private:
 
     Channel m_channel;
     LDAP* m_handle = nullptr;
-    std::vector<int> m_awaited;      // ids of requests under way, ascending
-    std::vector<char*> m_attributes; // of the last search, as OpenLDAP takes them
-    int m_deref = 0;                 // as set
+    std::vector<int> m_awaited;      // ids of pending requests, ascending
+    std::vector<char*> m_attributes; // of the last search, null-terminated for OpenLDAP
+    int m_deref = 0;                 // current option of the session
     int m_timeLimit = 0;
     std::size_t m_messageSize = 0;
 };

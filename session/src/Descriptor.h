@@ -1,4 +1,4 @@
-// An open file descriptor with an owner.
+// Owns a file descriptor.
 #ifndef SOLVANE_SESSION_SRC_DESCRIPTOR_H
 #define SOLVANE_SESSION_SRC_DESCRIPTOR_H
 
@@ -8,7 +8,7 @@
 
 namespace Solvane::Lookup {
 
-/// Closes the descriptor when it goes. -1: none.
+/// Owns a file descriptor; the destructor closes it. -1: none.
 class Descriptor {
 public:
     Descriptor() = default;

@@ -1,4 +1,4 @@
-// One pass over an entry.
+// Reads an entry in one pass.
 #include <solvane/session/EntryReader.h>
 
 #include <solvane/ldap/impl/OpenLDAPOwners.h>

@@ -1,4 +1,4 @@
-// The headers of BER elements, as far as framing needs them.
+// Parses headers of BER elements, as far as framing needs it.
 #include "MessageFrame.h"
 
 #include "OpenLDAP.h"
@@ -10,13 +10,13 @@ namespace Solvane::Lookup {
 
 namespace {
 
-constexpr std::size_t longestLength = 4; // bytes of a length; OpenLDAP reads no longer ones either
+constexpr std::size_t longestLength = 4; // bytes of a length; the same limit as OpenLDAP's
 
 /// Tag and length of an element.
 struct Header {
     MessageFrame::State state;
-    std::size_t size;    ///< of itself
-    std::size_t content; ///< of what follows
+    std::size_t size;    ///< of the header
+    std::size_t content; ///< size of the content
 };
 
 Header headerOf(std::string_view bytes, unsigned char tag)

@@ -1,4 +1,4 @@
-// Where a message ends, before it is parsed.
+// Finds the end of a message before it is parsed.
 #ifndef SOLVANE_SESSION_SRC_MESSAGE_FRAME_H
 #define SOLVANE_SESSION_SRC_MESSAGE_FRAME_H
 
@@ -7,14 +7,14 @@
 
 namespace Solvane::Lookup {
 
-/// The outside of an LDAP message (RFC 4511 section 4.1.1): a sequence of definite length that begins
+/// The frame of an LDAP message (RFC 4511 section 4.1.1): a sequence of definite length that begins
 /// with the message id.
 struct MessageFrame {
-    /// How much of it is there.
+    /// How much of the message is present.
     enum State {
         partial, ///< more bytes are needed
-        whole,   ///< all of it
-        invalid, ///< this is no LDAP message
+        whole,   ///< the complete message
+        invalid, ///< not an LDAP message
     };
 
     State state = partial;
@@ -24,10 +24,10 @@ struct MessageFrame {
     std::size_t operationAt = 0; ///< where that tag stands
 };
 
-/// The frame of the message that `bytes` begins with.
+/// The frame of the message at the start of `bytes`.
 MessageFrame frameOf(std::string_view bytes);
 
-/// Whether more answers to the same request follow one with this tag.
+/// Whether a message with this tag is followed by more answers to the same request.
 bool isIntermediate(unsigned char operation);
 
 } // namespace Solvane::Lookup

@@ -1,4 +1,4 @@
-// c-ares driven by the caller's waits.
+// Drives c-ares from the caller's poll loop.
 #include "NameService.h"
 
 #include <solvane/session/PlainText.h>
@@ -13,8 +13,8 @@ namespace Solvane::Lookup {
 
 namespace {
 
-// A server that does not answer is asked again after this time, which doubles each round; the next one
-// is asked instead if there are several.
+// Timeout of the first query; it doubles each round. With several servers, a retry goes to the next
+// one.
 constexpr int firstTimeoutMilliseconds = 2000;
 constexpr int rounds = 3;
 
@@ -42,7 +42,7 @@ NameService::NameService(std::vector<std::string> const& servers)
     }
     if (error != ARES_SUCCESS) {
         m_channel = nullptr;
-        m_fault = std::string("the resolver cannot be set up: ") + ares_strerror(error);
+        m_fault = std::string("cannot set up the resolver: ") + ares_strerror(error);
     } else if (!servers.empty()) {
         setServers(servers);
     }
@@ -59,15 +59,14 @@ void NameService::setServers(std::vector<std::string> const& servers)
 {
     std::string list;
     for (std::string const& server : servers) {
-        // An IPv6 address without brackets has no port behind it.
+        // An IPv6 address without brackets has no port.
         bool const isBareV6 = std::count(server.begin(), server.end(), ':') > 1 &&
                               server.find('[') == std::string::npos;
         list.append(list.empty() ? "" : ",").append(isBareV6 ? '[' + server + ']' : server);
     }
     int const error = ares_set_servers_ports_csv(m_channel, list.c_str());
     if (error != ARES_SUCCESS) {
-        m_fault =
-            "the name servers '" + oneLine(list) + "' cannot be used: " + ares_strerror(error);
+        m_fault = "invalid name servers '" + oneLine(list) + "': " + ares_strerror(error);
     }
 }
 
@@ -106,7 +105,7 @@ void NameService::advance()
                 (socket.revents & (POLLOUT | ended)) != 0 ? socket.fd : ARES_SOCKET_BAD);
         }
     }
-    ares_process_fd(m_channel, ARES_SOCKET_BAD, ARES_SOCKET_BAD); // what is due
+    ares_process_fd(m_channel, ARES_SOCKET_BAD, ARES_SOCKET_BAD); // handles timeouts
 }
 
 void NameService::waits(Waits& waits) const

@@ -1,4 +1,4 @@
-// A c-ares channel and the sockets that it waits on.
+// A c-ares channel and its sockets.
 #ifndef SOLVANE_SESSION_SRC_NAME_SERVICE_H
 #define SOLVANE_SESSION_SRC_NAME_SERVICE_H
 
@@ -10,26 +10,26 @@
 #include <string>
 #include <vector>
 
-#define CARES_NO_DEPRECATED 1 // newer versions have other calls for the same; these work in all
+#define CARES_NO_DEPRECATED 1 // newer versions deprecate calls that work in all versions
 #include <ares.h>
 
 namespace Solvane::Lookup {
 
-/// Asks name servers without blocking and without a thread. What is asked through `channel` is answered
-/// from within `advance`, or from within the destructor.
+/// Queries name servers without blocking and without a thread. Callbacks of queries on `channel`
+/// run inside `advance` or the destructor. Not thread-safe.
 class NameService : public NonCopyable {
 public:
     /// @param servers  "address" or "address:port"; empty: the system's (/etc/resolv.conf)
     explicit NameService(std::vector<std::string> const& servers);
     ~NameService();
 
-    /// Why it cannot be used, in words; empty if it can.
+    /// Why it cannot be used; empty if it can.
     std::string const& fault() const { return m_fault; }
     /// Whether memory ran out in a callback: what is asked may never be answered.
     bool lacksMemory() const { return m_lacksMemory; }
     ares_channel channel() const { return m_channel; }
 
-    /// Reads and writes what can be, and repeats questions whose time is over.
+    /// Reads and writes without blocking, and resends queries that timed out.
     void advance();
     void waits(Waits& waits) const;
 
@@ -43,9 +43,9 @@ private:
     bool m_lacksMemory = false;
 };
 
-/// One question to a name service.
+/// A query to a name service.
 struct NameQuestion : public NonCopyable {
-    /// What is still open is answered when the service goes, and must not be taken any more.
+    /// The destructor of the service answers open queries; this makes the callback ignore them.
     ~NameQuestion() { isSettled = true; }
 
     void advance();

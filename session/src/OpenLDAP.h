@@ -1,4 +1,4 @@
-// The one place of the sessions that includes OpenLDAP's headers.
+// The only file of session/ that includes OpenLDAP's headers.
 #ifndef SOLVANE_SESSION_SRC_OPENLDAP_H
 #define SOLVANE_SESSION_SRC_OPENLDAP_H
 

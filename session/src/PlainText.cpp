@@ -1,4 +1,4 @@
-// The UTF-8 decoder and what is built on it; small texts.
+// The UTF-8 decoder and functions based on it.
 #include <solvane/session/PlainText.h>
 
 #include <algorithm>
@@ -15,7 +15,8 @@ struct Decoded {
     char32_t character;
 };
 
-/// The lead byte's length, the bits of the character in it, and the least character of that length.
+/// For a lead byte: length of the sequence, its character bits, the smallest character of that
+/// length.
 struct Form {
     Size length;
     unsigned char bits;
@@ -70,8 +71,7 @@ bool isAscii(char byte) { return static_cast<unsigned char>(byte) < 0x80; }
 
 bool isPlainAscii(char byte) { return isAscii(byte) && byte >= 0x20 && byte != 0x7F; }
 
-/// Length of the printable ASCII that `text` begins with. Most texts hold nothing else, and need no
-/// decoding.
+/// Length of the printable ASCII prefix of `text`. Most texts are all ASCII and need no decoding.
 Size plainAsciiOf(std::string_view text)
 {
     return static_cast<Size>(std::find_if_not(text.begin(), text.end(), isPlainAscii) -

@@ -1,4 +1,4 @@
-// Addresses of a name by c-ares.
+// Resolves a name with c-ares.
 #include <solvane/session/Resolver.h>
 
 #include <solvane/session/PlainText.h>
@@ -54,7 +54,7 @@ void Resolver::State::begin(std::vector<std::string> const& nameServers)
 
 void Resolver::State::end(Outcome outcome, int code, std::string const& why)
 {
-    verdict = Verdict{outcome, code, "the name '" + oneLine(host) + "' does not resolve: " + why};
+    verdict = Verdict{outcome, code, "cannot resolve '" + oneLine(host) + "': " + why};
     isSettled = true;
 }
 
@@ -65,7 +65,7 @@ void Resolver::State::answered(void* state, int status, int, ares_addrinfo* foun
         if (!self->isSettled) {
             self->take(status, found);
         }
-    } catch (std::bad_alloc const&) { // cannot pass through c-ares
+    } catch (std::bad_alloc const&) { // must not propagate through C code
         self->addresses.clear();
         self->lacksMemory = true;
     }

@@ -1,4 +1,4 @@
-// What result codes mean for a lookup.
+// The table of result codes and outcomes.
 #include <solvane/session/ResultCodes.h>
 
 #include <solvane/session/PlainText.h>
@@ -20,7 +20,7 @@ struct Meaning {
 // clang-format off
 constexpr Meaning meanings[] = {
     { LDAP_SUCCESS,                    Outcome::Found         },
-    // worth another try, be it on another server
+    // temporary: try again, or another server
     { LDAP_SERVER_DOWN,                Outcome::TryLater      },
     { LDAP_TIMEOUT,                    Outcome::TryLater      },
     { LDAP_TIMELIMIT_EXCEEDED,         Outcome::TryLater      },
@@ -29,8 +29,8 @@ constexpr Meaning meanings[] = {
     { LDAP_BUSY,                       Outcome::TryLater      },
     { LDAP_UNAVAILABLE,                Outcome::TryLater      },
     { LDAP_OTHER,                      Outcome::TryLater      },
-    // the server will not, or not for this user
-    { LDAP_CONNECT_ERROR,              Outcome::Refused       }, // here: its certificate
+    // the server refuses, at least for this identity
+    { LDAP_CONNECT_ERROR,              Outcome::Refused       }, // the certificate is not accepted
     { LDAP_AUTH_METHOD_NOT_SUPPORTED,  Outcome::Refused       },
     { LDAP_STRONG_AUTH_REQUIRED,       Outcome::Refused       },
     { LDAP_PARTIAL_RESULTS,            Outcome::Refused       }, // a referral of version 2
@@ -40,7 +40,7 @@ constexpr Meaning meanings[] = {
     { LDAP_INVALID_CREDENTIALS,        Outcome::Refused       },
     { LDAP_INSUFFICIENT_ACCESS,        Outcome::Refused       },
     { LDAP_UNWILLING_TO_PERFORM,       Outcome::Refused       },
-    // the question itself is wrong
+    // the request is wrong
     { LDAP_FILTER_ERROR,               Outcome::Misconfigured },
     { LDAP_PARAM_ERROR,                Outcome::Misconfigured },
     { LDAP_PROTOCOL_ERROR,             Outcome::Misconfigured },
@@ -50,7 +50,7 @@ constexpr Meaning meanings[] = {
     { LDAP_CONSTRAINT_VIOLATION,       Outcome::Misconfigured },
     { LDAP_TYPE_OR_VALUE_EXISTS,       Outcome::Misconfigured },
     { LDAP_INVALID_SYNTAX,             Outcome::Misconfigured },
-    { LDAP_NO_SUCH_OBJECT,             Outcome::Misconfigured }, // of the base
+    { LDAP_NO_SUCH_OBJECT,             Outcome::Misconfigured }, // the base does not exist
     { LDAP_ALIAS_PROBLEM,              Outcome::Misconfigured },
     { LDAP_INVALID_DN_SYNTAX,          Outcome::Misconfigured },
     { LDAP_ALIAS_DEREF_PROBLEM,        Outcome::Misconfigured },
@@ -70,7 +70,7 @@ Outcome outcomeOfSearch(int code)
     auto const* const known =
         std::find_if(std::begin(meanings), std::end(meanings),
                      [code](Meaning const& candidate) { return candidate.code == code; });
-    // What is not known to last is worth another try: it must not bounce mail.
+    // An unknown code may be temporary: defer, so that mail does not bounce.
     return known != std::end(meanings) ? known->outcome : Outcome::TryLater;
 }
 
@@ -85,7 +85,7 @@ bool speaksOfServer(int code)
     case LDAP_SERVER_DOWN:
     case LDAP_DECODING_ERROR:
     case LDAP_TIMEOUT:
-    case LDAP_CONNECT_ERROR: // here: its certificate
+    case LDAP_CONNECT_ERROR: // the certificate is not accepted
     case LDAP_OPERATIONS_ERROR:
     case LDAP_PROTOCOL_ERROR:
     case LDAP_TIMELIMIT_EXCEEDED:

@@ -1,4 +1,4 @@
-// A session: its steps, and requests once it is open.
+// The public calls of a session: opening by steps, then requests.
 #include <solvane/session/Session.h>
 
 #include <solvane/session/PlainText.h>
@@ -37,7 +37,7 @@ Step Session::step() const { return m_steps->step(); }
 bool Session::isDone(Step step) const { return m_steps->isDone(step); }
 Verdict const& Session::verdict() const { return m_steps->verdict(); }
 
-// What was found on the way
+// Properties of the connection
 
 std::vector<Address> const& Session::addresses() const { return m_steps->addresses; }
 std::string Session::peer() const { return m_steps->peer; }
@@ -70,15 +70,14 @@ std::string const& Session::authorizationId() const { return m_steps->authorizat
 
 Verdict Session::send(SearchRequest const& request, std::string const& filter, int& id)
 {
-    // OpenLDAP cuts both at a NUL, and a filter that is cut short finds other entries.
+    // OpenLDAP cuts both at a NUL, and a truncated filter would match other entries.
     if (isBlank(filter) || hasNul(filter) || hasNul(request.base)) {
         return m_steps->failure(Outcome::Misconfigured, LDAP_FILTER_ERROR,
-                                "an empty filter, and a filter or base with a NUL byte, cannot be "
-                                "sent");
+                                "the filter is empty, or filter or base contain a NUL byte");
     }
     Conversation* const conversation = m_steps->conversation();
     if (conversation == nullptr || !verdict().isGood() || !conversation->channel().isWhole()) {
-        return m_steps->broken("search"); // what was received before is still there
+        return m_steps->broken("search"); // input received before can still be read
     }
     int const code = conversation->search(request, filter, id);
     if (code == LDAP_SUCCESS) {
@@ -88,7 +87,7 @@ Verdict Session::send(SearchRequest const& request, std::string const& filter, i
         return m_steps->broken("search");
     }
     return m_steps->failure(outcomeOfSearch(code), code,
-                            "the search cannot be sent: " + wordsFor(code, filter));
+                            "cannot send the search: " + wordsFor(code, filter));
 }
 
 void Session::expect(int id)

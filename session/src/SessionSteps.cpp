@@ -14,12 +14,12 @@ using std::chrono::milliseconds;
 
 constexpr int stepCount = static_cast<int>(Step::identify) + 1;
 
-/// A step in messages.
+/// The name of a step in messages.
 char const* nameOf(Step step)
 {
     switch (step) {
     case Step::resolve:
-        return "name service";
+        return "name resolution";
     case Step::connect:
         return "connection";
     case Step::handshake:
@@ -27,7 +27,7 @@ char const* nameOf(Step step)
     case Step::bind:
         return "bind";
     case Step::identify:
-        return "question who we are";
+        return "who am I request";
     }
     return "";
 }
@@ -37,11 +37,11 @@ std::string textOf(LDAPCharBuffer const& text)
     return text.get() == nullptr ? std::string() : std::string(text.get());
 }
 
-/// The final part of an answer, as OpenLDAP parses it.
+/// The parsed result of a request.
 struct Answer {
     bool isParsed;
     int code;
-    std::string words; ///< of the code, with all that the server says besides
+    std::string words; ///< text of the code and everything the server added
     bool isReferral = false;
 };
 
@@ -58,7 +58,7 @@ Answer parsed(LDAP* session, LDAPMessage* message)
     }
     std::string words = wordsFor(code, textOf(text));
     if (!textOf(matched).empty()) {
-        words += ", what exists is '" + oneLine(textOf(matched)) + '\'';
+        words += ", matched DN '" + oneLine(textOf(matched)) + '\'';
     }
     for (char** referral = referrals.get(); referral != nullptr && *referral != nullptr;
          ++referral) {
@@ -114,7 +114,7 @@ void Session::Steps::advance()
     }
 }
 
-/// Whether there is anything to do in a step.
+/// Whether a step is needed with these options.
 bool Session::Steps::applies(Step step) const
 {
     switch (step) {
@@ -129,13 +129,12 @@ bool Session::Steps::applies(Step step) const
     }
 }
 
-/// Begins a step, unless there is no time left for it. False: it failed already.
+/// Starts a step, unless no time is left for it. False: it has failed already.
 bool Session::Steps::start(Step step)
 {
     m_stepStart = Clock::now();
     if (m_stepStart >= stepEnd()) {
-        fail(Outcome::TryLater, LDAP_TIMEOUT,
-             std::string("no time was left for the ") + nameOf(step));
+        fail(Outcome::TryLater, LDAP_TIMEOUT, std::string("no time left for the ") + nameOf(step));
         return false;
     }
     m_isStarted = true;
@@ -229,7 +228,7 @@ Session::Steps::Progress Session::Steps::connect()
     }
     if (!connector->peer()) {
         return fail(Outcome::TryLater, LDAP_SERVER_DOWN,
-                    "cannot be reached: " + connector->failures());
+                    "cannot connect: " + connector->failures());
     }
     peer = connector->peer()->text();
     m_conversation = std::make_unique<Conversation>(connector->takeSocket(), options.version,
@@ -240,7 +239,7 @@ Session::Steps::Progress Session::Steps::connect()
 bool Session::Steps::startHandshake()
 {
     if (!options.tls) {
-        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "there are no settings for TLS");
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "TLS is not configured");
         return false;
     }
     if (!options.tls->verdict().isGood()) {
@@ -272,7 +271,7 @@ bool Session::Steps::startBind()
 {
     if (options.password == nullptr || options.password->empty()) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
-             "an empty password is not sent, as servers take it as anonymous");
+             "an empty password is not sent: servers treat it as an anonymous bind");
         return false;
     }
     if (hasNul(options.bindDn) || hasNul(*options.password)) {
@@ -283,7 +282,7 @@ bool Session::Steps::startBind()
     identity = Identity::Unconfirmed;
     int const code = m_conversation->bind(options.bindDn, *options.password, m_id);
     if (code != LDAP_SUCCESS) {
-        fail(outcomeOfBind(code), code, "the bind cannot be sent: " + wordsFor(code));
+        fail(outcomeOfBind(code), code, "cannot send the bind: " + wordsFor(code));
         return false;
     }
     return true;
@@ -323,10 +322,10 @@ Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
 Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)
 {
     Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
-    // A success that refers elsewhere is none (RFC 4511 section 4.1.10).
+    // A success with referrals is contradictory (RFC 4511 section 4.1.10).
     bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
     if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
-        return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "sent an invalid answer to the bind");
+        return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "invalid response to the bind");
     }
     return response.code == LDAP_SUCCESS ? Progress::done
                                          : fail(outcomeOfBind(response.code), response.code,
@@ -337,12 +336,13 @@ Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& ans
 
 bool Session::Steps::startIdentify()
 {
-    // Only an answer proves that the server is alive: the kernel accepts connections for a dead process.
+    // The kernel accepts connections for a stopped or killed server; only a reply proves that it is
+    // alive. LDAPv2 has no extended operations.
     constexpr unsigned int firstThatKnowsTheQuestion = 3;
     int const code = options.version < firstThatKnowsTheQuestion ? m_conversation->askForLife(m_id)
                                                                  : m_conversation->whoAmI(m_id);
     if (code != LDAP_SUCCESS) {
-        fail(Outcome::TryLater, code, "cannot be asked who we are: " + wordsFor(code));
+        fail(Outcome::TryLater, code, "cannot send the who am I request: " + wordsFor(code));
         return false;
     }
     return true;
@@ -362,19 +362,19 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
     bool const isQuestion = isType(answer.get(), LDAP_RES_EXTENDED);
     if (!response.isParsed || (!isQuestion && !isType(answer.get(), LDAP_RES_SEARCH_RESULT))) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                    "sent an invalid answer to the question who we are");
+                    "invalid response to the who am I request");
     }
     if (response.code == LDAP_BUSY || response.code == LDAP_UNAVAILABLE ||
         response.code == LDAP_OTHER) {
-        return fail(Outcome::TryLater, response.code, "does not say who we are: " + response.words);
+        return fail(Outcome::TryLater, response.code, "who am I request failed: " + response.words);
     }
     if (!isQuestion || response.code != LDAP_SUCCESS) {
-        return Progress::done; // it does not know the question, or does not answer it to us
+        return Progress::done; // unsupported, or not allowed for this identity
     }
     OpenLDAPOwner<berval, releaseBerValue> name;
     if (ldap_parse_whoami(session, answer.get(), name.address()) != LDAP_SUCCESS) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                    "sent an invalid answer to the question who we are");
+                    "invalid response to the who am I request");
     }
     authorizationId = name.get() == nullptr || name.get()->bv_val == nullptr
                           ? std::string()
@@ -384,8 +384,8 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
     }
     if (authorizationId.empty() || authorizationId == "dn:") {
         return fail(Outcome::Refused, LDAP_INAPPROPRIATE_AUTH,
-                    "took the bind and says that we are anonymous; what it then shows is not "
-                    "what the bind DN may see");
+                    "accepted the bind but reports an anonymous identity; its answers would not "
+                    "be those for the bind DN");
     }
     identity = Identity::Confirmed;
     return Progress::done;
@@ -432,13 +432,13 @@ Session::Steps::Progress Session::Steps::failForTime(Step step)
     std::string text;
     switch (step) {
     case Step::resolve:
-        text = "the name service did not answer" + within;
+        text = "no name server answered" + within;
         break;
     case Step::connect:
         text = "no connection" + within + ": " + m_connector->failures();
         break;
     case Step::handshake:
-        text = "no connection" + within + ": the TLS handshake was not finished";
+        text = "the TLS handshake was not finished" + within;
         break;
     default:
         text = std::string("did not answer the ") + nameOf(step) + within;
@@ -464,7 +464,7 @@ Verdict Session::Steps::broken(char const* during) const
         return m_verdict;
     }
     if (!m_conversation) {
-        return failure(Outcome::TryLater, LDAP_SERVER_DOWN, "there is no connection");
+        return failure(Outcome::TryLater, LDAP_SERVER_DOWN, "not connected");
     }
     Verdict const& fault = m_conversation->fault();
     return fault.isGood()

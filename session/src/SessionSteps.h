@@ -1,4 +1,4 @@
-// The steps by which a session is opened.
+// The steps of opening a session.
 #ifndef SOLVANE_SESSION_SRC_SESSION_STEPS_H
 #define SOLVANE_SESSION_SRC_SESSION_STEPS_H
 
@@ -16,8 +16,13 @@
 
 namespace Solvane::Lookup {
 
-/// A row of steps, one after the other, each with its time limit. What a step leaves behind is what
-/// the next one works on: addresses, a socket, the conversation on it.
+/// Runs the steps in order, each with its own time limit. Each step produces what the next one
+/// needs: resolve the addresses, connect the socket and the conversation on it, handshake the TLS
+/// stream; bind and identify exchange messages. Not thread-safe.
+///
+/// `m_done` is the number of the steps completed, and so the current one; `m_target` where to stop.
+/// A step is started once (`start`), then continued (`goOn`) until it is done, failed, or out of
+/// time.
 class Session::Steps : public NonCopyable {
 public:
     explicit Steps(SessionOptions options);
@@ -30,7 +35,7 @@ public:
     bool isSettled() const { return !m_isUnderWay; }
     Step step() const;
     bool isDone(Step step) const { return static_cast<int>(step) < m_done; }
-    /// Good while nothing failed.
+    /// Good while nothing has failed.
     Verdict const& verdict() const { return m_verdict; }
     /// As `Session::receive`.
     /// @param parsesEntries  OpenLDAP parses entries too
@@ -44,7 +49,7 @@ public:
     {
         return m_conversation ? m_conversation->channel().tls() : nullptr;
     }
-    /// The verdict of a session that is not whole: what broke it, or that it is not connected.
+    /// The verdict of an unusable session: the cause, or that it is not connected.
     Verdict broken(char const* during) const;
 
     Verdict failure(Outcome outcome, int code, std::string const& text) const;
@@ -57,7 +62,7 @@ public:
     std::string authorizationId;
 
 private:
-    /// What came of a call that goes on with a step.
+    /// Result of continuing a step.
     enum class Progress { waiting, done, failed };
 
     bool applies(Step step) const;
@@ -84,10 +89,10 @@ private:
     Progress failAs(Verdict const& verdict);
     Progress failForTime(Step step);
 
-    int m_done = 0; // steps, or skipped as they do not apply
-    int m_target = 0;
+    int m_done = 0;   // steps done or skipped
+    int m_target = 0; // steps requested
     bool m_isUnderWay = false;
-    bool m_isStarted = false; // the step that is next
+    bool m_isStarted = false; // the current step
     Clock::time_point m_deadline;
     Clock::time_point m_stepStart;
     Verdict m_verdict;
@@ -95,7 +100,7 @@ private:
     std::unique_ptr<Resolver> m_resolver;
     std::unique_ptr<Connector> m_connector;
     std::unique_ptr<Conversation> m_conversation;
-    int m_id = 0; // of the request of the step
+    int m_id = 0; // message id of the step's request
 };
 
 } // namespace Solvane::Lookup

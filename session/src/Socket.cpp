@@ -1,4 +1,4 @@
-// recv(2) and send(2) that return at once.
+// Non-blocking recv(2) and send(2).
 #include "Socket.h"
 
 #include <cerrno>

@@ -1,4 +1,4 @@
-// A connected TCP socket that never blocks.
+// A connected, non-blocking TCP socket.
 #ifndef SOLVANE_SESSION_SRC_SOCKET_H
 #define SOLVANE_SESSION_SRC_SOCKET_H
 
@@ -14,22 +14,23 @@
 
 namespace Solvane::Lookup {
 
-/// What a read or a write came to.
+/// Result of a read or a write.
 enum class Flow {
-    moved,   ///< some bytes
-    blocked, ///< none now
+    moved,   ///< some bytes were transferred
+    blocked, ///< it would block
     ended,   ///< the peer closed its side
-    failed,  ///< the connection is of no more use
+    failed,  ///< the connection is unusable
 };
 
-/// Belongs to the process that made it: in a child, reads and writes fail and nothing is sent.
+/// Belongs to the process that created it: after a fork, reads and writes in the child fail and
+/// nothing is sent. Not thread-safe.
 class Socket {
 public:
     explicit Socket(Descriptor descriptor);
 
-    /// Reads what has come, `room` bytes at most; `count` receives how many.
+    /// Reads available input, at most `room` bytes; `count` receives their number.
     Flow receive(char* bytes, std::size_t room, std::size_t& count);
-    /// Writes what the kernel takes. A closed peer raises no SIGPIPE.
+    /// Writes as much as the kernel accepts. A closed peer raises no SIGPIPE.
     Flow send(char const* bytes, std::size_t length, std::size_t& count);
     /// The same for several pieces at once.
     Flow send(iovec const* pieces, std::size_t pieceCount, std::size_t& count);
@@ -38,7 +39,7 @@ public:
     bool isOurs() const { return currentProcess() == m_owner; }
     /// errno of the failure.
     int error() const { return m_error; }
-    /// When the last byte came; at first, when it was made.
+    /// When the last byte arrived; initially the time of creation.
     Clock::time_point heardAt() const { return m_heardAt; }
 
 private:

@@ -1,4 +1,4 @@
-// SRV records by c-ares.
+// Queries SRV records with c-ares.
 #include <solvane/session/SrvQuery.h>
 
 #include <solvane/session/PlainText.h>
@@ -20,7 +20,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// Takes one target out of a range, the one at which the sum of weights first reaches `limit`.
+/// The index of the target in a range at which the running sum of weights first reaches `limit`.
 std::size_t indexAt(std::vector<SrvTarget> const& targets, std::size_t begin, std::size_t end,
                     std::uint32_t limit)
 {
@@ -60,7 +60,10 @@ bool isNone(SrvTarget const& target) { return target.host.empty() || target.host
 std::vector<SrvTarget> inOrderOfTrial(std::vector<SrvTarget> targets,
                                       std::function<std::uint32_t(std::uint32_t)> const& random)
 {
-    // Those of weight 0 first in their priority, so that they have a small chance beside others.
+    // RFC 2782's algorithm, for each priority: put weight 0 first, which gives those targets a
+    // small chance; draw a number from 0 to the sum of the weights; choose the first target at
+    // which the running sum reaches it; repeat with the remaining ones. Example: weights 0, 1, 3
+    // and a draw of 2: the sums are 0, 1, 4, so the third one is first.
     std::stable_sort(targets.begin(), targets.end(), [](SrvTarget const& a, SrvTarget const& b) {
         return a.priority != b.priority ? a.priority < b.priority : a.weight == 0 && b.weight != 0;
     });
@@ -128,8 +131,8 @@ void SrvQuery::State::begin(std::vector<std::string> const& nameServers)
 void SrvQuery::State::end(Outcome outcome, int code, std::string const& why)
 {
     verdict = Verdict{outcome, code,
-                      "the servers of '" + oneLine(domain) + "' (" + oneLine(name) +
-                          ") are not known: " + why};
+                      "cannot find the servers of '" + oneLine(domain) + "' (" + oneLine(name) +
+                          "): " + why};
     isSettled = true;
 }
 
@@ -140,7 +143,7 @@ void SrvQuery::State::answered(void* state, int status, int, unsigned char* byte
         if (!self->isSettled) {
             self->take(status, bytes, length);
         }
-    } catch (std::bad_alloc const&) { // cannot pass through c-ares
+    } catch (std::bad_alloc const&) { // must not propagate through C code
         self->targets.clear();
         self->lacksMemory = true;
     }
@@ -162,7 +165,7 @@ void SrvQuery::State::take(int status, unsigned char const* bytes, int length)
     if (error != ARES_SUCCESS || targets.empty()) {
         targets.clear();
         end(Outcome::TryLater, LDAP_SERVER_DOWN,
-            error == ARES_SUCCESS ? "the domain says that it has none" : ares_strerror(error));
+            error == ARES_SUCCESS ? "the domain has no LDAP server" : ares_strerror(error));
         return;
     }
     std::mt19937 generator{seed()};

@@ -1,4 +1,4 @@
-// The files and settings of a TLS policy, read.
+// Loads the files and settings of a TLS policy.
 #include "TlsState.h"
 
 #include <solvane/session/PlainText.h>
@@ -18,7 +18,7 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// Where distributions keep the authorities that they accept, as one PEM file.
+/// Where distributions install their bundle of trusted authorities, as one PEM file.
 constexpr char const* systemBundles[] = {
     "/etc/ssl/certs/ca-certificates.crt",
     "/etc/pki/tls/certs/ca-bundle.crt",
@@ -26,7 +26,7 @@ constexpr char const* systemBundles[] = {
     "/etc/ssl/cert.pem",
 };
 
-/// A setting of OpenLDAP's for this process; empty if it is not set.
+/// A process-wide OpenLDAP setting; empty if it is not set.
 std::string configured(int option)
 {
     LDAPCharBuffer text;
@@ -51,7 +51,7 @@ std::string systemBundle()
     return std::string();
 }
 
-/// OpenLDAP's number of a version is that of the protocol: 3.3 is TLS 1.2.
+/// OpenLDAP uses the protocol's version numbers: 3.3 is TLS 1.2.
 TlsVersion configuredVersion()
 {
     int version = 0;
@@ -67,7 +67,7 @@ TlsVersion configuredVersion()
     }
 }
 
-/// What is added to a priority string so that nothing below a version is spoken.
+/// The suffix of a priority string that disables all versions below `version`.
 char const* withoutVersionsBelow(TlsVersion version)
 {
     switch (version) {
@@ -154,14 +154,14 @@ void TlsContext::State::readAuthorities()
         return;
     }
     if (policy.caFile.empty() && policy.caFolder.empty()) {
-        refuse("the system's list of authorities",
-               "is missing; install the package ca-certificates, or name a file of authorities");
+        refuse("the system's CA bundle",
+               "is missing; install the package ca-certificates, or set a CA file");
     }
     if (!policy.caFile.empty()) {
         std::string const fault = faultOf(policy.caFile, "certificates", [this](char const* file) {
             return gnutls_certificate_set_x509_trust_file(credentials, file, GNUTLS_X509_FMT_PEM);
         });
-        refuse("the file of authorities " + quoted(policy.caFile), fault);
+        refuse("the CA file " + quoted(policy.caFile), fault);
     }
     if (!policy.caFolder.empty()) {
         std::string const fault =
@@ -169,7 +169,7 @@ void TlsContext::State::readAuthorities()
                 return gnutls_certificate_set_x509_trust_dir(credentials, folder,
                                                              GNUTLS_X509_FMT_PEM);
             });
-        refuse("the folder of authorities " + quoted(policy.caFolder), fault);
+        refuse("the CA folder " + quoted(policy.caFolder), fault);
     }
 }
 
@@ -181,7 +181,7 @@ void TlsContext::State::readRevocations()
     std::string const fault = faultOf(policy.crlFile, "revocation lists", [this](char const* file) {
         return gnutls_certificate_set_x509_crl_file(credentials, file, GNUTLS_X509_FMT_PEM);
     });
-    refuse("the file of revocation lists " + quoted(policy.crlFile), fault);
+    refuse("the CRL file " + quoted(policy.crlFile), fault);
 }
 
 void TlsContext::State::readClientCertificate()
@@ -192,8 +192,8 @@ void TlsContext::State::readClientCertificate()
     if (policy.certificateFile.empty() || policy.keyFile.empty()) {
         bool const lacksKey = policy.keyFile.empty();
         refuse("the client certificate",
-               lacksKey ? "has no key: set the file of the key, too"
-                        : "is missing: a file of a key is set, and none of a certificate");
+               lacksKey ? "has no key: set the key file, too"
+                        : "is missing: a key file is set without a certificate file");
         return;
     }
     for (std::string const& file : {policy.certificateFile, policy.keyFile}) {
@@ -227,12 +227,12 @@ void TlsContext::State::readCiphers()
     if (error < 0) {
         priority = nullptr;
         refuse("the cipher suite " + quoted(policy.cipherSuite),
-               std::string("is not a priority string of GnuTLS") +
-                   (position == nullptr ? "" : ", from '" + oneLine(position) + "' on"));
+               std::string("is not a valid GnuTLS priority string") +
+                   (position == nullptr ? "" : ", error at '" + oneLine(position) + '\''));
     }
 }
 
-/// The first fault counts; empty: there is none.
+/// Records a fault; the first one is kept. An empty `why` means no fault.
 void TlsContext::State::refuse(std::string const& what, std::string const& why)
 {
     if (verdict.isGood() && !why.empty()) {
@@ -240,8 +240,8 @@ void TlsContext::State::refuse(std::string const& what, std::string const& why)
     }
 }
 
-// Nobody waits for the lock: in a child that was forked while another thread held it, it is never
-// released. Without it there is a full handshake, and no harm.
+// These calls never block on the lock. In a child forked while another thread held it, the lock is
+// never released. Without it, the session is not resumed: a full handshake takes place instead.
 
 ResumableTls TlsContext::State::recall(std::string const& server) const
 {

@@ -1,4 +1,4 @@
-// What a TLS context holds.
+// The state of a TLS context.
 #ifndef SOLVANE_SESSION_SRC_TLS_STATE_H
 #define SOLVANE_SESSION_SRC_TLS_STATE_H
 
@@ -13,9 +13,9 @@
 
 namespace Solvane::Lookup {
 
-/// A TLS session that can be resumed, with a server whose certificate was accepted.
+/// A resumable TLS session with a server whose certificate was accepted.
 struct ResumableTls {
-    std::string data;           ///< GnuTLS's; empty: there is none
+    std::string data;           ///< GnuTLS's session data; empty: none
     std::time_t validUntil = 0; ///< when the first certificate of the server's chain expires
 };
 
@@ -23,14 +23,14 @@ struct TlsContext::State : public NonCopyable {
     explicit State(TlsPolicy const& asked);
     ~State();
 
-    /// The last session with this server that can be resumed.
+    /// The last resumable session with this server. Thread-safe.
     ResumableTls recall(std::string const& server) const;
-    /// Keeps a session; one without data forgets it.
+    /// Stores a session; empty data removes it. Thread-safe.
     void remember(std::string const& server, ResumableTls session);
 
     TlsPolicy policy;
     Verdict verdict;
-    gnutls_certificate_credentials_t credentials = nullptr; // read by all sessions, changed by none
+    gnutls_certificate_credentials_t credentials = nullptr; // shared read-only by all sessions
     gnutls_priority_t priority = nullptr;
 
 private:

@@ -26,15 +26,15 @@ namespace Solvane::Lookup {
 namespace {
 
 constexpr std::size_t longestRecord = 16384;
-constexpr std::size_t rawCapacity = 8192; // a server's part of a handshake, mostly
+constexpr std::size_t rawCapacity = 8192; // holds a server's handshake flight in most cases
 
 std::string textOf(gnutls_datum_t const& bytes)
 {
     return {reinterpret_cast<char const*>(bytes.data), bytes.size};
 }
 
-/// What a handshake ends with if the server, or we, want no such TLS. Anything else may be an
-/// accident of the connection.
+/// Whether an error of a handshake means that the two sides cannot agree on TLS parameters, which
+/// is permanent. Any other error may be temporary.
 bool isDisagreement(int error)
 {
     constexpr int disagreements[] = {
@@ -101,12 +101,12 @@ TlsStream::TlsStream(std::shared_ptr<TlsContext> context, Socket& socket, std::s
 
 TlsStream::~TlsStream() { gnutls_deinit(m_session); }
 
-/// Keeps the first fault of setting up, which the handshake then tells.
+/// Records the first error of the setup; the handshake then reports it.
 void TlsStream::check(int error)
 {
     if (error < 0 && m_fault.isGood()) {
         failWith(Outcome::TryLater, LDAP_LOCAL_ERROR,
-                 std::string("TLS cannot be set up: ") + gnutls_strerror(error));
+                 std::string("cannot set up TLS: ") + gnutls_strerror(error));
     }
 }
 
@@ -130,7 +130,7 @@ Flow TlsStream::handshake()
             return Flow::blocked;
         }
         if (gnutls_error_is_fatal(rc) != 0) {
-            m_context->m_state->remember(m_server, ResumableTls()); // it may be what does not fit
+            m_context->m_state->remember(m_server, ResumableTls()); // it may be the cause
             return fail(rc);
         }
     }
@@ -142,7 +142,7 @@ short TlsStream::events() const
     return gnutls_record_get_direction(m_session) == 0 ? POLLIN : POLLOUT;
 }
 
-/// The peer's certificates, its own first.
+/// The peer's certificate chain, its own certificate first.
 std::vector<Certificate> TlsStream::chain() const
 {
     unsigned int count = 0;
@@ -154,15 +154,16 @@ std::vector<Certificate> TlsStream::chain() const
     return certificates;
 }
 
-/// Decides on the certificate. With a session that is resumed, the server proves that it is the one
-/// whose chain was verified, for the same name and by the same policy.
+/// Verifies the certificate. A resumed session needs no new verification of the chain: only the
+/// server whose chain was verified before, for the same name and policy, can resume it. This ends
+/// when the first certificate of that chain expires.
 Flow TlsStream::verify()
 {
     std::vector<Certificate> certificates;
     try {
         certificates = chain();
     } catch (LDAPException const&) {
-        return refuse("the certificate cannot be read");
+        return refuse("the server sent an invalid certificate");
     }
     if (!certificates.empty()) {
         m_certificate = certificates.front();
@@ -170,7 +171,7 @@ Flow TlsStream::verify()
     TlsVerify const extent = m_context->policy().verify;
     if (extent != TlsVerify::none) {
         if (certificates.empty()) {
-            return refuse("the server has no certificate");
+            return refuse("the server sent no certificate");
         }
         bool const isVerified = isResumed() && std::time(nullptr) <= m_validUntil;
         if (!isVerified && verifyChain(certificates) != Flow::moved) {
@@ -179,7 +180,7 @@ Flow TlsStream::verify()
     }
     if (extent == TlsVerify::full && !m_certificate->isFor(m_host)) {
         std::string const names = listOf(m_certificate->names());
-        return refuse("the certificate is not for '" + oneLine(m_host) + "', but for " +
+        return refuse("the certificate does not match '" + oneLine(m_host) + "', it is for " +
                       (names.empty() ? oneLine(m_certificate->subject()) : names));
     }
     m_isSecure = true;
@@ -195,7 +196,7 @@ Flow TlsStream::verifyChain(std::vector<Certificate> const& certificates)
     unsigned int status = 0;
     int const error = gnutls_certificate_verify_peers(m_session, &wanted, 1, &status);
     if (error < 0) {
-        return refuse(std::string("the certificate cannot be verified: ") + gnutls_strerror(error));
+        return refuse(std::string("cannot verify the certificate: ") + gnutls_strerror(error));
     }
     if (status != 0) {
         return refuse("the certificate is not accepted: " +
@@ -208,8 +209,9 @@ Flow TlsStream::verifyChain(std::vector<Certificate> const& certificates)
     return Flow::moved;
 }
 
-/// Keeps what the next connection to this server needs to resume the session. In TLS 1.3 the server
-/// sends that after the handshake, when it likes; GnuTLS would wait for it.
+/// Stores the session data for the next connection to this server. In TLS 1.3 the server sends its
+/// ticket some time after the handshake, so this is called after each receive; asking GnuTLS
+/// earlier would block.
 void TlsStream::rememberSession()
 {
     bool const isThere = gnutls_protocol_get_version(m_session) != GNUTLS_TLS1_3 ||
@@ -248,7 +250,7 @@ Flow TlsStream::receive(char* bytes, std::size_t room, std::size_t& count)
             failWith(Outcome::TryLater, LDAP_SERVER_DOWN, whyClosed());
             return Flow::ended;
         }
-        // GnuTLS also asks to be called again after a message of its own, as a ticket.
+        // GnuTLS also returns AGAIN after a message of its own, such as a ticket.
         if (received == GNUTLS_E_AGAIN && m_wasBlocked) {
             m_isBlocked = true;
             return Flow::blocked;
@@ -259,14 +261,14 @@ Flow TlsStream::receive(char* bytes, std::size_t room, std::size_t& count)
             return fail(static_cast<int>(received));
         }
     }
-    return Flow::blocked; // what is left makes the socket, or `hasPending`, ready again
+    return Flow::blocked; // further input is reported by the socket or by `hasPending`
 }
 
 Flow TlsStream::send(char const* bytes, std::size_t length, std::size_t& count)
 {
     count = 0;
     for (;;) {
-        // What was blocked is encrypted already: no bytes ask for it to be sent.
+        // Blocked bytes are already encrypted: GnuTLS sends them when called without bytes.
         ssize_t const sent =
             m_isSending ? gnutls_record_send(m_session, nullptr, 0)
                         : gnutls_record_send(m_session, bytes, std::min(length, longestRecord));
@@ -330,7 +332,7 @@ ssize_t TlsStream::push(gnutls_transport_ptr_t stream, giovec_t const* pieces, i
     return self.transported(flow, sent);
 }
 
-/// What GnuTLS is told of a read or write.
+/// The return value of a transport function for GnuTLS.
 ssize_t TlsStream::transported(Flow flow, std::size_t count)
 {
     if (flow == Flow::moved || flow == Flow::ended) {
@@ -341,7 +343,7 @@ ssize_t TlsStream::transported(Flow flow, std::size_t count)
     return -1;
 }
 
-/// Never waits: whoever drives the session does.
+/// Never blocks: the caller of the session polls.
 int TlsStream::pullTimeout(gnutls_transport_ptr_t stream, unsigned int)
 {
     pollfd looked = {static_cast<TlsStream*>(stream)->m_socket.number(), POLLIN, 0};
@@ -366,28 +368,27 @@ Flow TlsStream::fail(int error)
     case GNUTLS_E_PUSH_ERROR:
         return failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
                         m_socket.isOurs() ? std::strerror(m_socket.error())
-                                          : "it belongs to another process");
+                                          : "the connection belongs to another process");
     case GNUTLS_E_FATAL_ALERT_RECEIVED:
         return isRefusedByAlert() ? refuse("the server refuses TLS: " + alertInWords())
                                   : failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
-                                             "the server gave TLS up: " + alertInWords());
+                                             "the server aborted TLS: " + alertInWords());
     default:
         return isDisagreement(error)
-                   ? refuse(std::string("the server's TLS is not accepted: ") +
-                            gnutls_strerror(error))
+                   ? refuse(std::string("no common TLS parameters: ") + gnutls_strerror(error))
                    : failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
                               std::string("TLS failed: ") + gnutls_strerror(error));
     }
 }
 
-/// Some servers close the connection without a word if they want a client certificate; in TLS 1.3 only
-/// after their client has finished.
+/// Some servers require a client certificate and close the connection without an alert if there is
+/// none; in TLS 1.3 only after the client's part of the handshake is done.
 std::string TlsStream::whyClosed() const
 {
     bool const lacksCertificate = !m_hasReceived && m_context->policy().certificateFile.empty() &&
                                   gnutls_certificate_client_get_request_status(m_session) > 0;
     return std::string("the server closed the connection") +
-           (lacksCertificate ? "; it had asked for a client certificate, and none is set" : "");
+           (lacksCertificate ? "; it requested a client certificate, but none is configured" : "");
 }
 
 std::string TlsStream::alertInWords() const
@@ -398,7 +399,7 @@ std::string TlsStream::alertInWords() const
            std::to_string(static_cast<int>(alert)) + ')';
 }
 
-/// Whether the server's last alert says that it wants another kind of TLS, or another client.
+/// Whether the server's last alert means that it rejects our TLS parameters or our certificate.
 bool TlsStream::isRefusedByAlert() const
 {
     switch (gnutls_alert_get(m_session)) {

@@ -1,4 +1,4 @@
-// TLS on a socket that never blocks.
+// TLS on a non-blocking socket.
 #ifndef SOLVANE_SESSION_SRC_TLS_STREAM_H
 #define SOLVANE_SESSION_SRC_TLS_STREAM_H
 
@@ -19,37 +19,37 @@
 
 namespace Solvane::Lookup {
 
-/// One TLS session, as a client.
+/// A TLS client session. Not thread-safe.
 class TlsStream : public NonCopyable {
 public:
-    /// @param context  a good one
-    /// @param socket   must outlive the stream
-    /// @param host     as the user named it: told to the server (SNI), and what its certificate is for
+    /// @param context  its verdict must be good
+    /// @param socket   borrowed; must outlive the stream
+    /// @param host     as configured: sent to the server (SNI) and matched with its certificate
     TlsStream(std::shared_ptr<TlsContext> context, Socket& socket, std::string const& host,
               unsigned int port);
     ~TlsStream();
 
-    /// Goes on with the handshake, and verifies the certificate in the end. `moved`: all of it is done.
+    /// Continues the handshake and finally verifies the certificate. `moved`: it is complete.
     Flow handshake();
     /// What the handshake waits for: POLLIN or POLLOUT.
     short events() const;
 
-    /// As those of `Socket`, of decrypted bytes.
+    /// As `Socket::receive`, for decrypted bytes.
     Flow receive(char* bytes, std::size_t room, std::size_t& count);
-    /// The bytes of a call that was blocked must be given again, and more may follow them.
+    /// As `Socket::send`. After `blocked`, pass the same bytes again; more may follow them.
     Flow send(char const* bytes, std::size_t length, std::size_t& count);
-    /// Whether `receive` may find something that the socket tells nothing of.
+    /// Whether `receive` may return input that poll on the socket does not report.
     bool hasPending() const
     {
         return !m_isBlocked &&
                (m_rawBegin != m_rawEnd || gnutls_record_check_pending(m_session) > 0);
     }
-    /// Whether `receive` was blocked by something that TLS has to write first.
+    /// Whether `receive` is blocked because TLS must write first.
     bool awaitsWriting() const { return m_isBlocked && events() == POLLOUT; }
-    /// Tells the peer that no more will come, if the socket takes it.
+    /// Sends close_notify if the socket accepts it.
     void sayGoodbye();
 
-    /// Why the stream failed; good unless `failed` was returned.
+    /// The cause of the failure; good unless `failed` was returned.
     Verdict const& fault() const { return m_fault; }
 
     std::string version() const; ///< as "TLS1.3"
@@ -79,19 +79,19 @@ private:
     std::shared_ptr<TlsContext> m_context;
     Socket& m_socket;
     std::string m_host;
-    std::string m_server; // by which the session is remembered
+    std::string m_server; // key of the resumable session
     gnutls_session_t m_session = nullptr;
     Verdict m_fault;
     std::optional<Certificate> m_certificate;
-    std::time_t m_validUntil = 0;  // of the chain that was verified, now or before
-    std::unique_ptr<char[]> m_raw; // read ahead, as GnuTLS reads each record in two
+    std::time_t m_validUntil = 0;  // of the chain, as verified now or before a resumption
+    std::unique_ptr<char[]> m_raw; // read-ahead buffer: GnuTLS reads each record in two calls
     std::size_t m_rawBegin = 0;
     std::size_t m_rawEnd = 0;
-    int m_firstByte = -1;       // that came, which tells TLS from anything else; -1: none yet
-    bool m_isSecure = false;    // the handshake is done and the certificate accepted
-    bool m_hasReceived = false; // any bytes after the handshake
-    bool m_wasBlocked = false;  // the socket, since this was set to false
-    bool m_isBlocked = false;   // the last `receive`, by the socket
+    int m_firstByte = -1;    // received, which distinguishes TLS from other protocols; -1: none yet
+    bool m_isSecure = false; // the handshake is done and the certificate accepted
+    bool m_hasReceived = false; // application data has arrived
+    bool m_wasBlocked = false;  // the last socket operation would block
+    bool m_isBlocked = false;   // the last `receive` was blocked by the socket
     bool m_isSending = false;   // the last `send` was blocked
     bool m_isRemembered = false;
 };

@@ -1,4 +1,4 @@
-// Waiting for descriptors and a moment.
+// Waits for descriptors and a time.
 #include <solvane/session/Waits.h>
 
 #include <algorithm>
@@ -30,7 +30,7 @@ void Waits::wait()
     }
     int timeout = -1;
     if (hasMoment) {
-        // Rounded up: a wait that ends too early would be repeated without pause.
+        // Rounded up: a wait that ends too early would be repeated in a busy loop.
         auto const now = Clock::now();
         auto const left =
             m_moment <= now ? milliseconds(0) : std::chrono::ceil<milliseconds>(m_moment - now);

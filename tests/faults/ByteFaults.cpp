@@ -1,4 +1,4 @@
-// Bytes that are missing, changed, late, or none of LDAP.
+// Bytes that are missing, changed, late, or not LDAP.
 #include "Expectations.h"
 #include "Sites.h"
 
@@ -14,8 +14,8 @@ namespace {
 
 using Peer = FaultyServer::Peer;
 
-/// Serves well, but passes everything it sends through `send`, which is told how much was sent before
-/// and returns false to end the connection.
+/// Serves correctly, but passes all output through `send`, with the number of bytes sent before. It
+/// returns false to end the connection.
 using Sender = std::function<bool(Peer&, std::string const& bytes, std::size_t before)>;
 FaultyServer::Script sendingThrough(Sender const& send,
                                     std::chrono::milliseconds patience = Peer::forever)
@@ -50,7 +50,7 @@ FaultyServer::Script cutAfter(std::size_t count)
     });
 }
 
-/// @param end  where the reply ends in the stream
+/// @param end  end of the reply in the stream
 Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column column)
 {
     std::size_t end = 0;
@@ -97,7 +97,7 @@ struct Flip {
     unsigned char bits;
 };
 
-/// @param patience  how long the client may take for its next request once bytes were damaged
+/// @param patience  how long to wait for the client's next request after damaged bytes
 FaultyServer::Script flipping(Flip flip, std::chrono::milliseconds patience)
 {
     return sendingThrough(
@@ -111,19 +111,19 @@ FaultyServer::Script flipping(Flip flip, std::chrono::milliseconds patience)
         patience);
 }
 
-/// A change there leaves every message as long as it was, and addressed as it was: nobody waits for
-/// more than will come.
+/// A change there keeps the length and id of every message, so the client does not wait for bytes
+/// that never arrive.
 bool isHarmless(Role role) { return role == Role::text || role == Role::resultCode; }
 
-/// The identity may read as a refusal to tell it, or as none at all.
+/// The identity may read as refused or as empty.
 Accepted afterStrangeIdentity(Column column)
 {
     return column == Column::engine ? Accepted{"found unconfirmed", "Refused 48"}
                                     : Accepted{"exit 77"};
 }
 
-/// What a changed byte may lead to: a failure of the step; or, where the byte does not matter to
-/// OpenLDAP, what would have come without it.
+/// The accepted results of a changed byte: a failure of the step; or, if OpenLDAP ignores the byte,
+/// the result without the change.
 void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged, Column column)
 {
     bool const isBind = reply.step == Step::bind;
@@ -257,7 +257,7 @@ std::vector<Garbage> garbage(unsigned int stride)
     return all;
 }
 
-/// Sends `bytes` instead of a step's answer, and closes shortly after.
+/// Sends `bytes` instead of a step's answer, and closes shortly afterwards.
 FaultyServer::Script sendingInstead(Step step, std::string const& bytes)
 {
     return serveUntil(step, [bytes](Peer& peer, auto const&, auto const&) {

@@ -1,4 +1,4 @@
-// The judge, in a child, and the watchdog, in the parent. They talk through a pipe, line by line.
+// The judge runs in a child, the watchdog in the parent. They communicate by lines through a pipe.
 #include "CellRunner.h"
 
 #include "Crash.h"
@@ -40,7 +40,7 @@ std::string listOf(Accepted const& words)
 
 // The judge
 
-/// What is wrong with a case; empty: nothing.
+/// What is wrong with a case; empty if nothing is.
 struct Judgement {
     std::string failure;
     std::string limit;
@@ -60,7 +60,7 @@ void judgeWords(Judgement& judgement, Came const& came, Case const& tried)
         } else if (tried.mayOpenLdapCrash && !crashed.empty()) { // the tool
             judgement.limit = crashed;
         } else if (tried.accepted.count(word) == 0) {
-            fail(judgement, "came to \"" + word + "\", not to " + listOf(tried.accepted));
+            fail(judgement, "result \"" + word + "\", expected " + listOf(tried.accepted));
         }
     }
 }
@@ -73,7 +73,7 @@ void judgeRecovery(Judgement& judgement, Came const& came, Case const& tried, Co
     for (std::string const& word : came) {
         bool const isKept = mayBeUnconfirmed && word == unconfirmed;
         if (success(column).count(word) == 0 && !isKept) {
-            fail(judgement, "afterwards came to \"" + word + "\"");
+            fail(judgement, "afterwards result \"" + word + "\"");
         }
     }
 }
@@ -135,7 +135,8 @@ Judgement judge(Case const& tried, Column column, Extent const& extent)
     std::string culprit;
     std::vector<std::string> const descriptors = openDescriptors();
     unsigned long const memory = OpenLdapMemory::now();
-    // Of what the tool starts with. The engine's cell says whether the library itself loses anything.
+    // Of what the tool starts with. The engine's cell says whether the library itself loses
+    // anything.
     setenv("ASAN_OPTIONS", tried.mayOpenLdapLeak ? "detect_leaks=0" : "", 1);
     try {
         meetFault(judgement, culprit, tried, column, extent);
@@ -162,7 +163,7 @@ void say(int pipe, std::string line)
     checked(write(pipe, line.data(), line.size()), "write");
 }
 
-/// Everything that libraries allocate once must not look like a leak of the first case.
+/// One-time allocations of libraries must not look like leaks of the first case.
 void warmUp(Column column, Extent const& extent)
 {
     Target healthy;
@@ -199,7 +200,7 @@ void warmUp(Column column, Extent const& extent)
 
 // The parent
 
-/// A child and what it says.
+/// A child and its output.
 class Child {
 public:
     Child(std::vector<Case> const& cases, std::size_t first, Column column, Extent const& extent)
@@ -229,7 +230,7 @@ public:
         close(m_pipe);
     }
 
-    /// The next line; none when the child has ended, or says nothing for so long.
+    /// The next line; none if the child has ended or writes nothing for so long.
     std::optional<std::string> line(std::chrono::seconds patience)
     {
         m_isLate = false;
@@ -280,7 +281,7 @@ private:
     bool m_isLate = false;
 };
 
-/// The part of a child's words that says most.
+/// The most informative part of a child's output.
 std::string excerptOf(std::string const& standardError)
 {
     constexpr std::string::size_type longest = 3000;
@@ -314,7 +315,7 @@ void noteVerdict(CellReport& report, Case const& tried, std::string const& line)
     }
 }
 
-/// Runs cases from `next` on, until the child ends; `next` is the first that was not tried then.
+/// Runs cases from `next` on, until the child ends; `next` is then the first one not tried.
 void runSome(CellReport& report, std::vector<Case> const& cases, std::size_t& next, Column column,
              Extent const& extent)
 {
@@ -350,7 +351,7 @@ void runSome(CellReport& report, std::vector<Case> const& cases, std::size_t& ne
     }
 }
 
-/// Every n-th of them, so that at most so many are left.
+/// Every n-th of them, so that at most a given number is left.
 std::vector<Case> thinnedOut(std::vector<Case> const& cases, std::size_t most)
 {
     if (most == 0 || cases.size() <= most) {

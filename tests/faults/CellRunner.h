@@ -1,4 +1,4 @@
-// Runs the cases of one cell of the matrix, each judged, in processes of their own.
+// Runs and judges the cases of one cell of the matrix, in separate processes.
 #ifndef SOLVANE_TESTS_FAULTS_CELL_RUNNER_H
 #define SOLVANE_TESTS_FAULTS_CELL_RUNNER_H
 
@@ -10,7 +10,7 @@
 
 namespace SolvaneTest {
 
-/// What a cell came to.
+/// The result of a cell.
 struct CellReport {
     unsigned int tried = 0;
     unsigned int passed = 0; ///< without those in `limits`
@@ -20,8 +20,8 @@ struct CellReport {
     long milliseconds = 0;
 };
 
-/// Runs all cases. A process runs one after the other until one of them kills it or hangs; the next
-/// process goes on behind that one. Call it where there are no other threads.
+/// Runs all cases. A process runs them in sequence until one of them kills it or hangs; the next
+/// process continues after that one. The caller must have no other threads.
 CellReport runCell(Fault const& fault, Column column, Extent const& extent);
 
 } // namespace SolvaneTest

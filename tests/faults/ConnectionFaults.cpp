@@ -1,4 +1,4 @@
-// Connections that are not made, not answered, or end at the wrong moment.
+// Connections that are refused, not answered, or end at the wrong time.
 #include "Expectations.h"
 #include "Sites.h"
 
@@ -14,7 +14,7 @@ using Peer = FaultyServer::Peer;
 
 // No connection
 
-/// A fault at a port; the mended server is another one.
+/// A fault at a port; the repaired server has another port.
 class PortSite : public Site {
 public:
     PortSite(unsigned int port, unsigned int healthyPort) : m_port(port), m_healthyPort(healthyPort)
@@ -80,7 +80,7 @@ Fault blackHole()
 
 // Silence
 
-/// A real directory for the whole program. To be asked for first where there are no other threads.
+/// A real directory for the whole program. Call it first while there are no other threads.
 Slapd& slapd()
 {
     static Slapd server({"--users", "2"});
@@ -313,8 +313,8 @@ Accepted acceptedAt(Step step, Moment moment, End end, Column column)
     Accepted const after = isLast ? success(column)
                                   : anyOf({brokenBeforeRequest(column),
                                            troubleIn(requestOf(column), column, Trouble::broken)});
-    // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end of
-    // two connections.
+    // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end
+    // of two connections.
     bool const mayBreak = end == End::reset || column == Column::engine;
     return mayBreak ? anyOf({after, broken}) : after;
 }

@@ -1,4 +1,4 @@
-// Backtraces, and what they and assertions say.
+// Backtraces and assertions.
 #include "Crash.h"
 
 #include <csignal>
@@ -8,7 +8,7 @@
 #include <execinfo.h>
 #include <unistd.h>
 
-// There where the address sanitizer is.
+// Defined if the address sanitizer is present.
 extern "C" void __asan_init() __attribute__((weak));
 
 namespace SolvaneTest {

@@ -1,4 +1,4 @@
-// How a process ended that was to go on.
+// Why a process crashed.
 #ifndef SOLVANE_TESTS_FAULTS_CRASH_H
 #define SOLVANE_TESTS_FAULTS_CRASH_H
 
@@ -6,12 +6,12 @@
 
 namespace SolvaneTest {
 
-/// Has a crash of this process say on standard error in which functions it happened. A sanitizer that
-/// does so already is left alone.
+/// Makes a crash of this process print its backtrace on standard error, unless a sanitizer does so
+/// already.
 void reportCrashes();
 
-/// The function of OpenLDAP's libraries in which a process ended, by what it wrote; empty when it ended
-/// anywhere else.
+/// The function of OpenLDAP in which a process crashed, from its output; empty if it crashed
+/// elsewhere.
 std::string openLdapFunctionIn(std::string const& standardError);
 
 } // namespace SolvaneTest

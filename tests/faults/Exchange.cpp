@@ -135,7 +135,7 @@ std::vector<std::string> repliesTo(std::string const& request)
     if (step == Step::bind && !isReader) {
         return {finalResponse(Step::bind, id, invalidCredentials)};
     }
-    if (step == Step::search && !holds(request, userAddress)) { // nobody asks for another user
+    if (step == Step::search && !holds(request, userAddress)) { // no other user exists
         return {finalResponse(Step::search, id, protocolError)};
     }
     return repliesOf(step, id);

@@ -1,4 +1,4 @@
-// What operations ask and what a server without faults answers, message by message.
+// The requests of operations and the answers of a healthy server, message by message.
 #ifndef SOLVANE_TESTS_FAULTS_EXCHANGE_H
 #define SOLVANE_TESTS_FAULTS_EXCHANGE_H
 
@@ -7,7 +7,7 @@
 
 namespace SolvaneTest {
 
-/// What is tried against each fault: the columns of the matrix.
+/// The operations tried against each fault: the columns of the matrix.
 enum class Column {
     bind,
     search,
@@ -21,7 +21,7 @@ constexpr Column allColumns[] = {Column::bind,  Column::search, Column::add, Col
                                  Column::query, Column::engine, Column::tool};
 char const* nameOf(Column column);
 
-// The one user that the servers of these tests have, and the one who may ask for it.
+// The only user on the servers of these tests, and the reader who may search it.
 constexpr char userAddress[] = "user0000001@corp.test";
 constexpr char userDn[] = "uid=user0000001,ou=people,dc=corp,dc=test";
 constexpr char userName[] = "Anna Berg 1";
@@ -30,25 +30,25 @@ constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
 constexpr char readerPassword[] = "reader-pw";
 constexpr char newDn[] = "uid=somebody,ou=new,dc=corp,dc=test";
 
-/// The steps of an exchange, by what is asked.
+/// The steps of an exchange, by request.
 enum class Step { bind, whoAmI, search, add, other };
 Step stepOf(std::string const& request);
-/// The step that follows the bind in a column's exchange; `other` where there is none.
+/// The step after the bind in a column's exchange; `other` if there is none.
 Step requestOf(Column column);
 
-/// What is answered to a request, message by message; nothing to an unbind.
+/// The answer to a request, message by message; empty for an unbind.
 std::vector<std::string> repliesTo(std::string const& request);
 
 /// The messages of a good answer to a step.
 std::vector<std::string> repliesOf(Step step, int messageId);
 
-/// A final response with any code, those included that no server sends.
+/// A final response with any code, including those that no server sends.
 std::string finalResponse(Step step, int messageId, long code);
 std::string userEntry(int messageId);
 /// The same message with another id, which need not exist.
 std::string readdressed(std::string const& message, long messageId);
 
-/// What a byte of a message is for.
+/// The role of a byte in a message.
 enum class Role {
     tag,
     length,
@@ -65,7 +65,7 @@ struct Reply {
     bool isEntry;
     std::string bytes;
 };
-/// Everything that a server without faults sends on the connection of a column's operation.
+/// Everything that a healthy server sends on the connection of a column's operation.
 std::vector<Reply> recordedReplies(Column column);
 
 } // namespace SolvaneTest

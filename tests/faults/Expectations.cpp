@@ -1,4 +1,4 @@
-// The places and codes are literals, as a second witness to the library's own tables.
+// The places and codes are literals: independent of the library's own tables.
 #include "Expectations.h"
 
 #include <algorithm>
@@ -8,8 +8,8 @@ namespace SolvaneTest {
 
 namespace {
 
-/// The engine tells an invalid message from an end of the connection. Which of them a disturbance is
-/// may depend on where the bytes are cut.
+/// The engine distinguishes an invalid message from a lost connection. Which one a disturbance
+/// causes may depend on where the bytes are cut.
 Accepted const brokenForEngine = {"TryLater -1", "TryLater -4"};
 
 /// A failure of the bind, as each column reports it.
@@ -30,7 +30,7 @@ Accepted ofBind(Column column, std::string const& place, std::string const& engi
     }
 }
 
-/// A failure of the request behind the bind. `search` may name several places.
+/// A failure of the request after the bind. `search` may name several places.
 Accepted ofRequest(Column column, std::initializer_list<char const*> search,
                    std::initializer_list<char const*> add)
 {
@@ -84,7 +84,7 @@ template <std::size_t count> bool holds(long const (&codes)[count], long code)
     return std::find(std::begin(codes), std::end(codes), code) != std::end(codes);
 }
 
-// The table of docs/guide/lookup.md, code by code; what is not in it is "try later".
+// The table of docs/guide/lookup.md, code by code; any other code is "try later".
 constexpr long refusals[] = {-11, 7, 8, 9, 10, 13, 48, 49, 50, 53};
 constexpr long misconfigurations[] = {-9, -7, 2,  16, 17, 18, 19, 20, 21, 32,
                                       33, 34, 36, 64, 65, 66, 67, 69, 71};

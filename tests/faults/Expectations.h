@@ -1,4 +1,4 @@
-// What the documentation promises of each operation, by where it is disturbed and how.
+// The documented result of each operation, by place and kind of disturbance.
 #ifndef SOLVANE_TESTS_FAULTS_EXPECTATIONS_H
 #define SOLVANE_TESTS_FAULTS_EXPECTATIONS_H
 
@@ -11,19 +11,19 @@ namespace SolvaneTest {
 /// How it is disturbed.
 enum class Trouble {
     none,
-    broken, ///< the connection ends, or what comes is no LDAP
-    silent, ///< nothing more comes
+    broken, ///< the connection ends, or the data is not LDAP
+    silent, ///< nothing more arrives
 };
 
-/// Nothing was disturbed, or the disturbance came too late to matter.
+/// Nothing was disturbed, or too late to matter.
 Accepted success(Column column);
-/// The server cannot be connected to, and says so at once, or (`silent`) never.
+/// The connect is refused at once, or (`silent`) never answered.
 Accepted connectTrouble(Column column, Trouble trouble);
-/// In the answer to a step of the column's exchange. For a step that it does not have: success.
+/// A disturbance in the answer to a step of the column's exchange; success if it lacks that step.
 Accepted troubleIn(Step step, Column column, Trouble trouble);
-/// The connection is gone when the request behind the bind is sent.
+/// The connection is lost when the request after the bind is sent.
 Accepted brokenBeforeRequest(Column column);
-/// A response of this step that OpenLDAP hands over and that cannot be read.
+/// A malformed response of this step that OpenLDAP passes on.
 Accepted unreadable(Step step, Column column);
 /// The server answers this code.
 Accepted codeOfBind(Column column, long code);

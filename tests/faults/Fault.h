@@ -1,4 +1,4 @@
-// A fault as data: its cases, and what each operation may come to in them.
+// A fault as data: its cases, and the accepted results of each operation.
 #ifndef SOLVANE_TESTS_FAULTS_FAULT_H
 #define SOLVANE_TESTS_FAULTS_FAULT_H
 
@@ -14,49 +14,48 @@
 
 namespace SolvaneTest {
 
-/// Thrown by the constructor of a site that this host does not permit.
+/// Thrown by the constructor of a site that this host does not allow.
 class NotPermitted : public std::runtime_error {
 public:
     using std::runtime_error::runtime_error;
 };
 
-/// The surroundings in which an operation meets a fault, made for one case.
+/// The environment in which an operation meets a fault, for one case.
 class Site {
 public:
     virtual ~Site() = default;
     /// Where the fault is.
     virtual Target target() = 0;
-    /// Ends the fault; where the same operation, with the handles it has, must succeed.
+    /// Ends the fault; returns where the same operation, with the same handles, must succeed.
     virtual Target mended() = 0;
     /// Runs the operation into the fault.
     virtual Came meet(Action& operation) { return operation.run(target()); }
-    /// Who is to be named beside a known limit that showed; empty: nobody.
+    /// The name to report with a known limit that occurred; empty: none.
     virtual std::string culprit() { return std::string(); }
-    /// What else was wrong, as a search on a connection without a bind; empty: nothing.
+    /// Anything else that was wrong, such as a search on an unbound connection; empty: nothing.
     virtual std::string violation() { return std::string(); }
 };
 
-/// What an operation may come to, as words of `Came`.
+/// The accepted results of an operation, as words of `Came`.
 using Accepted = std::set<std::string>;
 
 struct Case {
     std::string name;
     std::function<std::unique_ptr<Site>()> site;
     Accepted accepted;
-    /// What the operation may come to besides, for a reason outside this library: these are counted
-    /// apart.
+    /// Further accepted results, with causes outside this library; counted separately.
     Accepted acceptedAsLimit = {};
     /// Seconds within which the operation must have ended.
     unsigned int limitSeconds = 20;
-    /// Known limits of the installed OpenLDAP: it may lose memory of its own, or end the process.
+    /// Known limits of the installed OpenLDAP: it may leak its own memory, or end the process.
     bool mayOpenLdapLeak = false;
     bool mayOpenLdapCrash = false;
     bool mayOpenLdapLoseDescriptors = false;
 };
 
-/// What a run is asked for.
+/// The options of a run.
 struct Extent {
-    /// At most so many cases of a cell, taken from all over it; 0: all.
+    /// Maximum number of cases of a cell, evenly spread; 0: all.
     unsigned int most = 0;
     /// Every n-th position only; 1: all.
     unsigned int stride = 1;
@@ -69,17 +68,17 @@ struct Extent {
 struct Fault {
     std::string name;
     std::string meaning; ///< one sentence for the document
-    /// Why a column makes no sense here; empty where it does.
+    /// Why a column does not apply here; empty if it does.
     std::function<std::string(Column)> notApplicable;
     std::function<std::vector<Case>(Column, Extent const&)> cases;
-    /// The reason behind known limits, for the document; empty where there are none.
+    /// The cause of known limits, for the document; empty if there are none.
     std::string limit = {};
 };
 
-/// For rows in which every column makes sense.
+/// For rows to which every column applies.
 std::string always(Column);
 
-// The rows, by where the fault lies.
+// The rows, by the place of the fault.
 std::vector<Fault> connectionFaults();
 std::vector<Fault> serverFaults();
 std::vector<Fault> byteFaults();

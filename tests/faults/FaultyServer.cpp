@@ -54,7 +54,7 @@ void FaultyServer::acceptAll()
 
 void FaultyServer::play(int socket)
 {
-    int const on = 1; // a dripped byte is to leave at once
+    int const on = 1; // send single bytes at once
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     {
         Peer peer(*this, socket);
@@ -70,10 +70,10 @@ void FaultyServer::play(int socket)
     }
     std::lock_guard<std::mutex> const lock(m_mutex);
     --m_playing;
-    m_allEnded.notify_all(); // under the lock: the server may go as soon as it is released
+    m_allEnded.notify_all(); // under the lock: the server may be destroyed once it is released
 }
 
-/// False when the server is to end, or the time is over.
+/// False if the server has to stop, or on timeout.
 bool FaultyServer::Peer::awaitSocket(short events, Milliseconds patience)
 {
     std::array<pollfd, 2> waited = {pollfd{m_socket.number(), events, 0},
@@ -82,7 +82,7 @@ bool FaultyServer::Peer::awaitSocket(short events, Milliseconds patience)
     return (ready > 0 || (ready < 0 && errno == EINTR)) && waited[1].revents == 0;
 }
 
-/// False when there will be no more, or not in time.
+/// False at the end of the input, or on timeout.
 bool FaultyServer::Peer::receiveMore(Milliseconds patience)
 {
     std::array<char, 65536> bytes;

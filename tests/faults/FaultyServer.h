@@ -1,8 +1,8 @@
-// A server that misbehaves until it is mended.
+// A server that misbehaves until it is repaired.
 //
-// Other tests' ScriptedServer waits as long as its script says. Here a fault may also be that nothing
-// more comes, so waits end by themselves; half of a connection can be closed; and the same port serves
-// well afterwards, so that the handles that met the fault show whether they recover.
+// Unlike the ScriptedServer of other tests: waits have a timeout, as a fault may be silence; half
+// of a connection can be closed; and the same port serves correctly afterwards, to see whether the
+// handles that met the fault recover.
 #ifndef SOLVANE_TESTS_FAULTS_FAULTY_SERVER_H
 #define SOLVANE_TESTS_FAULTS_FAULTY_SERVER_H
 
@@ -31,7 +31,7 @@ public:
     ~FaultyServer();
 
     unsigned int port() const { return m_port; }
-    /// From now on, new connections are served without fault, and open ones as their scripts see to.
+    /// From now on, new connections are served correctly, and open ones as their scripts decide.
     void mend() { m_isMended = true; }
     /// Whether a connection that was not bound before asked for anything.
     bool wasAskedAnonymously() const { return m_wasAskedAnonymously; }
@@ -60,19 +60,19 @@ public:
 
     Peer(FaultyServer& server, int socket) : m_server(server), m_socket(socket) {}
 
-    /// The next whole message; empty when the client or the server is gone, or the time is over.
+    /// The next whole message; empty if the client or the server has ended, or on timeout.
     std::string receive(Milliseconds patience = forever);
-    /// False when the client or the server is gone.
+    /// False if the client or the server has ended.
     bool send(std::string const& bytes);
-    /// Says that nothing more will be sent, and goes on receiving (FIN).
+    /// Closes the sending side (FIN) and keeps receiving.
     void endSending();
     /// Ends the connection with a reset.
     void reset();
-    /// Takes what comes and answers nothing, until the client closes.
+    /// Receives without answering, until the client closes.
     void stayMute();
-    /// Whether the server is to behave by now.
+    /// Whether the server has been repaired.
     bool isMended() const { return m_server.m_isMended; }
-    /// Waits a little. False when the server is to end.
+    /// Waits a little. False if the server has to stop.
     bool pause(Milliseconds time);
 
 private:
@@ -86,7 +86,7 @@ private:
     bool m_isBound = false;
 };
 
-/// The script of a server without faults.
+/// The script of a healthy server.
 void serveWell(FaultyServer::Peer& peer);
 
 } // namespace SolvaneTest

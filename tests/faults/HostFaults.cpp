@@ -1,4 +1,4 @@
-// What the host does to a process: no descriptors, a full disk, a fork.
+// Faults of the host: no descriptors, a full disk, a fork.
 #include "Expectations.h"
 #include "Sites.h"
 
@@ -18,7 +18,7 @@ namespace {
 
 // Descriptors
 
-/// While it lives, no descriptor can be opened.
+/// During its lifetime, no descriptor can be opened.
 class NoDescriptors {
 public:
     NoDescriptors()
@@ -112,7 +112,7 @@ Fault noDescriptors()
 
 // Disk
 
-/// A mount namespace in which OpenLDAP's log goes to a full device, or to a disk of one page.
+/// A mount namespace in which OpenLDAP logs to a full device or to a disk of one page.
 void hideLogBehindFullDisk(bool isDevice)
 {
     static bool isPrivate = false; // for the rest of this process, which tries nothing else
@@ -130,7 +130,7 @@ void hideLogBehindFullDisk(bool isDevice)
     }
 }
 
-/// OpenLDAP writes all it can into a log that is full.
+/// OpenLDAP writes all debug output into a full log.
 class FullLogSite : public HealthySite {
 public:
     FullLogSite(unsigned int port, bool isDevice) : HealthySite(port)
@@ -149,7 +149,7 @@ private:
     Solvane::DebugLogOpenLDAP m_log;
 };
 
-/// The tool with a standard output or error that is full.
+/// The tool with a full standard output or error.
 class FullOutputSite : public HealthySite {
 public:
     FullOutputSite(unsigned int port, bool isError) : HealthySite(port), m_isError(isError) {}

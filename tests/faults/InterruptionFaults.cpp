@@ -1,4 +1,4 @@
-// What disturbs a process amid an operation: a clock that jumps, signals, broken pipes.
+// Disturbances during an operation: a clock that jumps, signals, broken pipes.
 #include "Expectations.h"
 #include "Sites.h"
 #include "SpoiltClock.h"
@@ -37,7 +37,7 @@ private:
     bool m_alternates;
 };
 
-/// A server that is silent under a clock that jumps: the deadlines must hold.
+/// A silent server and a jumping clock: deadlines must hold.
 class SilentClockSite : public ServerSite {
 public:
     SilentClockSite(Step step, long hours)
@@ -138,7 +138,7 @@ Fault clockJumps()
 
 // Signals
 
-/// While it lives, SIGALRM comes every millisecond, and interrupts what can be interrupted.
+/// During its lifetime, SIGALRM arrives every millisecond and interrupts system calls.
 class SignalStorm {
 public:
     SignalStorm()
@@ -181,7 +181,7 @@ public:
     }
 };
 
-/// Waits must neither end early for a signal nor begin again with each.
+/// A signal must neither end a wait early nor restart it.
 class SilentStormSite : public ServerSite {
 public:
     explicit SilentStormSite(Step step)
@@ -254,8 +254,8 @@ Fault signals()
 
 // SIGPIPE
 
-/// Resets a connection, and lets the operation go on only when that has happened: then each write of
-/// the client, up to the unbind of the last handle, meets a broken pipe.
+/// Resets a connection and lets the operation continue only afterwards: then each write of the
+/// client, up to the unbind of the last handle, meets a broken pipe.
 class BrokenPipeSite : public ServerSite {
 public:
     BrokenPipeSite() : ServerSite([this](Peer& peer) { resetAfterBind(peer); }, 10) {}

@@ -1,4 +1,4 @@
-// Allocations that fail, each in turn: those of C++, and those of OpenLDAP.
+// Failing allocations, each in turn: of C++ and of OpenLDAP.
 #include "Expectations.h"
 #include "Resources.h"
 #include "Sites.h"
@@ -17,7 +17,7 @@ namespace SolvaneTest {
 
 namespace {
 
-/// How many allocations an operation makes: of C++, and of OpenLDAP.
+/// The number of allocations of an operation: of C++ and of OpenLDAP.
 struct Counts {
     unsigned long ofProgram;
     unsigned long ofOpenLdap;
@@ -33,7 +33,7 @@ Counts countHere(Column column, Target const& target)
     return {ofProgram, OpenLdapMemory::now() - before};
 }
 
-/// The same, found out in a process of its own.
+/// The same, measured in a separate process.
 Counts countIn(Column column, unsigned int port)
 {
     Target target;
@@ -144,8 +144,8 @@ Accepted failureAnywhere(Column column)
     return all;
 }
 
-/// What OpenLDAP leads to where it takes a failed allocation for something else: a filter that is
-/// wrong, the end of an entry.
+/// Results if OpenLDAP misinterprets a failed allocation: as an invalid filter, or as the end of an
+/// entry.
 Accepted halfTruths(Column column)
 {
     Accepted const noFilter = codeOfRequest(column, 2); // the search went out without one

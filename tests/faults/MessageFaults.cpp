@@ -1,4 +1,4 @@
-// Whole messages that are well-formed and wrong: refusals, strange codes and ids, too many of them.
+// Well-formed but wrong messages: refusals, unknown codes and ids, floods.
 #include "Expectations.h"
 #include "Sites.h"
 
@@ -14,7 +14,7 @@ using Peer = FaultyServer::Peer;
 
 // Notices
 
-/// An unsolicited notice with a name, or with what stands for none.
+/// An unsolicited notice with or without a name.
 std::string noticeWithoutName(std::string const& nameElement)
 {
     std::string const result =
@@ -234,7 +234,7 @@ Fault duplicated()
             }};
 }
 
-/// The answer to a request, and in front of it or behind it that to the request that will follow.
+/// The answer to a request, preceded or followed by the answer to the next request.
 std::string withNextAnswer(std::string const& request, Step next, bool isInFront)
 {
     int const id = messageIdOf(request) + 1;

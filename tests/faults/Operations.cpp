@@ -107,8 +107,8 @@ std::string wordFor(LDAPResult const& result)
     return code == 0 ? wordFor(result.searchResultEntries()) : "code " + std::to_string(code);
 }
 
-/// Whether the bind's answer has come, and granted it. The guide asks for this look before "not found"
-/// is believed.
+/// Whether the bind has been answered and accepted. The guide requires this check before "not
+/// found" is trusted.
 std::string confirmationOf(LDAPConnection const& connection)
 {
     LDAPResult const& answer = connection.impl()->m_bindResult;
@@ -131,7 +131,7 @@ std::string searchOn(LDAPConnection& connection, Target const& target)
     LDAPSearch search(connection, lookUpUser());
     search.send();
     if (search.wait(target.patience)) {
-        connection.unbind(); // its late answer is not to meet the next search
+        connection.unbind(); // so that a late answer does not reach the next search
         return "no answer";
     }
     return wordFor(search.result());
@@ -207,7 +207,7 @@ public:
             // The guide: once more on a new connection, as the pooled one may have been stale.
             word = SolvaneTest::wordFor([&] { return lookUp(target, used); });
         }
-        // The marker was given back: it can be taken again, and only once.
+        // The marker was returned: it can be taken again, and only once.
         if (!used.isNull() && !(used.cacheMarkAsUsed() && !used.cacheMarkAsUsed())) {
             return {word, "marker still taken"};
         }
@@ -348,7 +348,7 @@ private:
         settings.attributes = {"cn", "mail"};
         settings.connections = 2;
         settings.tls.verify = Lookup::TlsVerify::none; // the handshake is what is disturbed here
-        // No server is skipped: each lookup is to meet the fault itself.
+        // No back-off: each lookup must meet the fault itself.
         settings.backOff = settings.longestBackOff = std::chrono::milliseconds(0);
         settings.refusedHold = std::chrono::milliseconds(0);
         return settings;

@@ -1,4 +1,4 @@
-// The operations that meet the faults, each as a careful caller would write it.
+// The operations to test, each written as a careful caller would.
 #ifndef SOLVANE_TESTS_FAULTS_OPERATIONS_H
 #define SOLVANE_TESTS_FAULTS_OPERATIONS_H
 
@@ -12,7 +12,7 @@
 
 namespace SolvaneTest {
 
-/// Where an operation goes, and how long it waits.
+/// The server of an operation, and its timeouts.
 struct Target {
     unsigned int port = 0;
     bool isSecure = false;
@@ -30,14 +30,14 @@ struct Target {
     std::vector<std::string> toolOptions = {};
 };
 
-/// What came of an operation, as one word or one place in the source:
+/// The result of an operation, as one word or one place in the source:
 ///
-/// - "bound", "added", "found", "not found", "code N": what the server said. "found altered" is an
+/// - "bound", "added", "found", "not found", "code N": the server's answer. "found altered" is an
 ///   entry that differs from the user's.
-/// - "refused N": the bind's code. "unconfirmed": no answer to the bind in time. "no answer": none to
-///   the request.
-/// - "Search.cpp:332 (4/4)": an LDAPException with its code and type; causes follow behind "<". Of a
-///   query, "error Search.cpp:332".
+/// - "refused N": the bind's code. "unconfirmed": no answer to the bind in time. "no answer": no
+///   answer to the request.
+/// - "Search.cpp:332 (4/4)": an LDAPException with its code and type; causes follow behind "<". Of
+///   a query, "error Search.cpp:332".
 /// - "TryLater -1": outcome and code of the engine's answer. "exit 75": the tool's.
 /// - "out of memory": std::bad_alloc.
 using Came = std::vector<std::string>;
@@ -46,14 +46,14 @@ using Came = std::vector<std::string>;
 class Action {
 public:
     virtual ~Action() = default;
-    /// What came of it; several words where it tries several ways.
+    /// Its results; several words if it tries several ways.
     virtual Came run(Target const& target) = 0;
 };
 
 /// @param tool  path of solvane-ldap
 std::unique_ptr<Action> makeAction(Column column, std::string const& tool);
 
-/// Runs `work`; a failure as a word.
+/// Runs `work`; returns a failure as a word.
 std::string wordFor(std::function<std::string()> const& work);
 
 } // namespace SolvaneTest

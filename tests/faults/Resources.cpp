@@ -1,5 +1,5 @@
-// Takes the place of liblber's allocator for the whole process: both libraries call it through the
-// dynamic linker, which finds the program's functions first.
+// Replaces liblber's allocator in the whole process: both libraries call it through the dynamic
+// linker, which finds the program's functions first.
 #include "Resources.h"
 
 #include <lber.h>
@@ -17,13 +17,13 @@
 #include <dlfcn.h>
 #include <execinfo.h>
 
-// There where the leak sanitizer is.
+// Defined if the leak sanitizer is present.
 extern "C" {
 void __lsan_ignore_object(void const* memory) __attribute__((weak));
 int __lsan_do_recoverable_leak_check() __attribute__((weak));
 char const* __lsan_default_suppressions();
 
-/// An add whose arrays cannot be built to their end leaves what it had built, as documented.
+/// An add whose arrays cannot be completed leaks what it had built, as documented.
 char const* __lsan_default_suppressions()
 {
     return "leak:Solvane::LDAPModAdapter::LDAPModAdapter\n";
@@ -38,7 +38,7 @@ struct Block {
     unsigned long number; ///< in the sequence of allocations
 };
 
-/// Takes its memory from where a sanitizer looks, but not from the operators that other tests replace.
+/// Allocates where a sanitizer sees it, but not with the operators that other tests replace.
 template <typename T> struct PlainAllocator {
     using value_type = T;
     PlainAllocator() = default;
@@ -239,7 +239,7 @@ std::string OpenLdapMemory::Failing::wantedBy()
             return frame.dli_sname;
         }
         if (object.find("liblber") != std::string::npos) {
-            name = frame.dli_sname; // the outermost of them, where nobody in libldap called it
+            name = frame.dli_sname; // the outermost of liblber, if libldap did not call it
         }
     }
     return name;

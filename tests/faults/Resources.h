@@ -1,4 +1,4 @@
-// What a case must give back: descriptors, and the memory of this program and of OpenLDAP.
+// Resources that a case must release: descriptors, and memory of this program and of OpenLDAP.
 #ifndef SOLVANE_TESTS_FAULTS_RESOURCES_H
 #define SOLVANE_TESTS_FAULTS_RESOURCES_H
 
@@ -11,8 +11,8 @@ namespace SolvaneTest {
 /// The open descriptors of this process, with what each one is.
 std::vector<std::string> openDescriptors();
 
-/// Blocks that OpenLDAP's two libraries hold. Their allocator is replaced by one that keeps count, in
-/// every build; this program is single-threaded as far as OpenLDAP goes.
+/// Blocks that OpenLDAP's two libraries hold. Their allocator is replaced by one that keeps count,
+/// in every build; this program is single-threaded as far as OpenLDAP goes.
 class OpenLdapMemory {
 public:
     /// A place in the sequence of allocations.
@@ -22,7 +22,7 @@ public:
     /// Keeps those blocks from a leak checker.
     static void forgiveSince(unsigned long start);
 
-    /// While it lives, one allocation fails, the first one being number 0; one object at a time.
+    /// During its lifetime, one allocation fails, counted from 0; one object at a time.
     class Failing {
     public:
         explicit Failing(unsigned long number);
@@ -30,14 +30,15 @@ public:
         Failing(Failing const&) = delete;
         Failing& operator=(Failing const&) = delete;
 
-        /// The function of OpenLDAP's that wanted the memory; empty while there was no failure.
+        /// The OpenLDAP function whose allocation failed; empty before the failure.
         static std::string wantedBy();
     };
 };
 
 /// Whether this build looks for leaks.
 bool hasLeakChecker();
-/// Looks for memory that is lost by now. True when there is some, which is described on standard error.
+/// Looks for memory that is lost by now. True when there is some, which is described on standard
+/// error.
 bool hasLostMemory();
 
 } // namespace SolvaneTest

@@ -1,4 +1,4 @@
-// Scripts that answer well up to a point.
+// Scripts that answer correctly up to a point.
 #include "Sites.h"
 
 #include <numeric>

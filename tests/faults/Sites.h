@@ -1,4 +1,4 @@
-// Sites that several kinds of fault share: a faulty server, and scripts for it.
+// Sites shared by several kinds of fault: a faulty server, and its scripts.
 #ifndef SOLVANE_TESTS_FAULTS_SITES_H
 #define SOLVANE_TESTS_FAULTS_SITES_H
 
@@ -12,11 +12,11 @@
 
 namespace SolvaneTest {
 
-/// What a damaged connection waits for the next request before it is closed: a client that waits for
-/// the rest of a message must not have to wait until its own time is over.
+/// How long a damaged connection waits for the next request before it is closed. Otherwise a client
+/// that waits for the rest of a message would run into its own timeout.
 constexpr std::chrono::milliseconds shortly{40};
 
-/// A server that plays a script until it is mended.
+/// A server that plays a script until it is repaired.
 class ServerSite : public Site {
 public:
     ServerSite(FaultyServer::Script script, unsigned int patience);
@@ -29,7 +29,7 @@ protected:
     unsigned int m_patience;
 };
 
-/// A healthy server; it is this process that has a fault.
+/// A healthy server; the fault is in this process.
 class HealthySite : public Site {
 public:
     explicit HealthySite(unsigned int port) { m_where.port = port; }
@@ -44,14 +44,14 @@ protected:
 Case serverCase(std::string const& name, FaultyServer::Script const& script,
                 Accepted const& accepted, unsigned int patience = 10);
 
-/// Answers requests as a server without faults does, except the first one of `step`, which `answer`
-/// answers: it is given what should be sent, and the connection is closed when it returns.
+/// Answers requests as a healthy server, except the first one of `step`: `answer` gets the correct
+/// answer and sends its own; when it returns, the connection is closed.
 using Answer = std::function<void(FaultyServer::Peer&, std::vector<std::string> const& replies,
                                   std::string const& request)>;
 FaultyServer::Script serveUntil(Step step, Answer const& answer);
 
-/// Answers every request as a server without faults does, except those of `step`, which get what
-/// `answer` makes of them until the server is mended.
+/// Answers every request as a healthy server, except those of `step`, which `answer` changes until
+/// the server is repaired.
 FaultyServer::Script
 serveWith(Step step, std::function<std::string(std::string const& request)> const& answer);
 
@@ -61,11 +61,11 @@ char const* nameOf(Step step);
 
 std::string joined(std::vector<std::string> const& pieces);
 
-/// The tool's column, where it may end with any of these.
+/// The tool's column, with these accepted exit statuses.
 Accepted exitStatuses(std::initializer_list<int> statuses);
-/// What a column makes of an entry that differs from the user's; nothing where it asks for none.
+/// The result of a column for an altered entry; empty if it does not search.
 Accepted alteredEntry(Column column);
-/// What it makes of a complete answer without entries.
+/// The result of a column for a complete answer without entries.
 Accepted nobody(Column column);
 
 } // namespace SolvaneTest

@@ -1,5 +1,5 @@
-// Takes the place of the C library's questions for the time of day, for the whole program. As a
-// library to be preloaded (LD_PRELOAD), it reads SOLVANE_SPOILT_HOURS.
+// Replaces the C library's functions for the time of day in the whole program. As a preloaded
+// library (LD_PRELOAD), it reads SOLVANE_SPOILT_HOURS.
 #include "SpoiltClock.h"
 
 #include <atomic>
@@ -17,7 +17,7 @@ std::atomic<long> g_hours{0};
 std::atomic<bool> g_alternates{false};
 std::atomic<unsigned int> g_looks{0};
 
-/// Seconds to add at this look.
+/// Seconds to add at this call.
 long offset()
 {
     constexpr long secondsOfAnHour = 3600;

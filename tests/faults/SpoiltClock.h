@@ -4,11 +4,12 @@
 
 namespace SolvaneTest {
 
-/// While it lives, the time of day is off; the steady clock goes on as ever. One object at a time.
+/// During its lifetime, the time of day is wrong; the steady clock is not affected. One object at a
+/// time.
 class SpoiltClock {
 public:
-    /// @param hours      how far it is off
-    /// @param alternates whether it is off at every second look only
+    /// @param hours      the offset
+    /// @param alternates whether the offset applies only to every second call
     SpoiltClock(long hours, bool alternates);
     ~SpoiltClock();
     SpoiltClock(SpoiltClock const&) = delete;

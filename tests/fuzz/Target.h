@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size
 
 namespace SolvaneTest {
 
-/// Ends the process where a promise is broken: what a fuzzer counts as a find.
+/// Aborts the process if a promise is broken, which a fuzzer reports as a crash.
 inline void require(bool holds, char const* promise)
 {
     if (!holds) {

@@ -145,7 +145,7 @@ TEST_F(Bind, MayHaveItsWaitRepeatedAfterATimeout)
     EXPECT_EQ(connection.impl()->m_bindResult.resultType(), 1);
 }
 
-TEST(BindToNobody, SaysThatTheServerIsUnreachable)
+TEST(BindToAnUnreachableServer, SaysThatTheServerIsUnreachable)
 {
     RefusingPort const port;
     LDAPConnection connection(plainServer(port.number()), false);
@@ -156,7 +156,7 @@ TEST(BindToNobody, SaysThatTheServerIsUnreachable)
     EXPECT_EQ(connection.openldapErrorCode(), -1);
 }
 
-TEST(BindToNobody, SaysSoBeforeTheWait)
+TEST(BindToAnUnreachableServer, SaysSoBeforeTheWait)
 {
     RefusingPort const port;
     LDAPConnection connection(plainServer(port.number()), false);
@@ -167,7 +167,7 @@ TEST(BindToNobody, SaysSoBeforeTheWait)
     EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
 }
 
-TEST(BindToNobody, SaysSoOverTlsToo)
+TEST(BindToAnUnreachableServer, SaysSoOverTlsToo)
 {
     RefusingPort const port;
     LDAPConnection connection(secureServer(port.number()), false);

@@ -17,8 +17,8 @@ namespace SolvaneTest {
 
 namespace {
 
-/// A connection callback as a program may have one. It puts a layer on each connection, which counts
-/// the bytes that pass.
+/// A connection callback as a program may have one. It puts a layer on each connection, which
+/// counts the bytes that pass.
 class Counter {
 public:
     explicit Counter(int level) : m_level(level) {}
@@ -80,7 +80,7 @@ private:
 
 } // namespace
 
-/// With TLS or without, and where the layer stands.
+/// With TLS or without, and the position of the layer.
 class ALayerOfTheCallers : public SuiteWithSlapd<ALayerOfTheCallers>,
                            public testing::WithParamInterface<std::tuple<bool, int>> {
 public:

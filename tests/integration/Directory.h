@@ -41,7 +41,7 @@ Solvane::LDAPResult answerTo(Solvane::LDAPConnection& connection,
 std::vector<std::string> namesIn(Solvane::LDAPResult const& result);
 /// The attribute descriptions of the only entry found, in order.
 std::vector<std::string> descriptionsIn(Solvane::LDAPResult const& result);
-/// The values of one attribute of the only entry found; none where it lacks the attribute.
+/// The values of one attribute of the only entry found; empty if it lacks the attribute.
 std::vector<std::string> valuesIn(Solvane::LDAPResult const& result,
                                   std::string const& description);
 

@@ -1,4 +1,5 @@
-// Processes that fork with connections open: the children have the same sockets, and must not use them.
+// Processes that fork with connections open: the children have the same sockets, and must not use
+// them.
 #include "Directory.h"
 #include "Faults.h"
 #include "ForkedProcess.h"
@@ -62,7 +63,7 @@ std::string wrongWithSome(LDAPConnectionCache& pool, LDAPConnection::RefServer c
     return wrong;
 }
 
-/// Runs `work` in a child. What it says is wrong.
+/// Runs `work` in a child. Returns what the child reports as wrong.
 std::string wrongInAChild(ForkedProcess::Work const& work)
 {
     return ForkedProcess(work).complaint();

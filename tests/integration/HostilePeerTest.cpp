@@ -20,7 +20,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 
 extern "C" {
-// There where the leak sanitizer is.
+// Defined if the leak sanitizer is present.
 void __lsan_disable() __attribute__((weak));
 void __lsan_enable() __attribute__((weak));
 }
@@ -56,7 +56,7 @@ struct SentSearch {
     LDAPSearch search;
 };
 
-/// While it lives, what is allocated need not be freed.
+/// During its lifetime, allocations need not be freed.
 class LeaksAllowed {
 public:
     LeaksAllowed()

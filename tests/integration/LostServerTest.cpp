@@ -178,8 +178,8 @@ TEST_F(LostServer, IsReachedAgainByANewBind)
     LDAPSearch search(connection, secret);
     answerAndCrash(search);
     comeBack();
-    // As happens in a program with other files: the new socket gets another number. The old one must
-    // not be polled any more.
+    // As happens in a program with other files: the new socket gets another number. The old one
+    // must not be polled any more.
     Descriptor inTheWay(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, oldSocket));
     connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
     inTheWay.close();

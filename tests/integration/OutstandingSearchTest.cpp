@@ -74,7 +74,7 @@ TEST_F(OutstandingSearch, GoesOnWhenItIsCancelled)
     EXPECT_THAT(namesIn(search.result()), ElementsAre(first));
 }
 
-TEST_F(OutstandingSearch, MayBeLetGoUnanswered)
+TEST_F(OutstandingSearch, MayBeDestroyedUnanswered)
 {
     LDAPSearch(connection, lookupOf(first)).send();
 

@@ -40,7 +40,7 @@ std::string behindManyEntries(int first, int second)
     return entries + searchDone(second) + answerTo(first);
 }
 
-/// False where nothing comes though the search has not ended.
+/// False if nothing arrives although the search has not ended.
 bool finish(LDAPSearch& search)
 {
     constexpr int patience = 10000; // milliseconds

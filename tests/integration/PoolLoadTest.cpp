@@ -65,7 +65,7 @@ public:
     static std::vector<std::string> options() { return {"--users", "64"}; }
 
 protected:
-    /// One lookup by a user who may read the private part, or by nobody, who may not.
+    /// One lookup, bound as a user who may read the private part, or anonymous, who may not.
     void lookUp(unsigned int number, bool anonymously)
     {
         LDAPConnection connection =

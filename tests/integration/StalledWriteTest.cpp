@@ -1,4 +1,4 @@
-// Requests that a server stopped reading in the middle: half of each stands on its connection.
+// Requests that a server stopped reading in the middle: half of each has been sent.
 #include "Directory.h"
 #include "Eventually.h"
 #include "Faults.h"
@@ -118,7 +118,8 @@ TEST_P(AServerThatStopsReading, LeavesAConnectionThatIsInvalidWithoutARecordedEr
     EXPECT_FALSE(connection.impl()->isValid());
 }
 
-// The search of the next user completed the add, with the search's filter in the new entry's password.
+// The search of the next user completed the add, with the search's filter in the new entry's
+// password.
 TEST_P(AServerThatStopsReading, IsNotSentTheNextRequestBehindIt)
 {
     sendHalfAnAdd();
@@ -144,8 +145,8 @@ TEST_P(AServerThatStopsReading, IsSentNothingMoreByWhoeverKeepsTheConnection)
     EXPECT_FALSE(hasTheEntry());
 }
 
-// With TLS, GnuTLS read what lies behind the unbind in memory, and crashed.
-TEST_P(AServerThatStopsReading, SeesTheConnectionEndWhenItIsLetGo)
+// With TLS, GnuTLS used to read memory beyond the unbind and crashed.
+TEST_P(AServerThatStopsReading, SeesTheConnectionEndWhenItIsClosed)
 {
     sendHalfAnAdd();
 

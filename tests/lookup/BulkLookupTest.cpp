@@ -1,4 +1,4 @@
-// Many keys from one thread: every key gets its answer, in order, whatever happens in between.
+// Bulk lookups from one thread: every key gets its answer, in order, also after failures.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"
@@ -53,7 +53,7 @@ std::size_t countOf(Outcome outcome, std::vector<Answered> const& answers)
         }));
 }
 
-/// The address that an entry of the directory belongs to.
+/// The address of an entry of the directory.
 std::string ownerOf(LDAPLookup::Answer const& answer)
 {
     std::string const& dn = answer.entries.front().entryName();
@@ -126,7 +126,7 @@ TEST_F(BulkLookup, GivesItsConnectionsBack)
     EXPECT_EQ(lookup.statistics().opened, opened);
 }
 
-TEST_F(BulkLookup, OfNoKeyAsksNobody)
+TEST_F(BulkLookup, OfNoKeyContactsNoServer)
 {
     LDAPLookup lookup(settings());
 
@@ -204,7 +204,7 @@ TEST_F(BulkLookup, RunsBesideSingleLookupsOnOnePool)
     EXPECT_EQ(countOf(Outcome::Found, bulk), 2000U);
 }
 
-// What the TLS layer has read and decrypted does not show on the socket any more.
+// Poll does not report input that the TLS layer has already read and decrypted.
 TEST_F(BulkLookup, TakesTheAnswersThatTheTlsLayerHoldsBack)
 {
     auto secure = settingsFor({slapd().tlsPort()});
@@ -224,7 +224,7 @@ TEST_F(BulkLookup, TakesTheAnswersThatTheTlsLayerHoldsBack)
     EXPECT_EQ(lookup.statistics().repeated, 0U);
 }
 
-// A run may be endless, and all connections be its.
+// A run may last for ever and use all connections.
 TEST_F(BulkLookup, TakesTurnsWithASingleLookupThatWaitsForAConnection)
 {
     auto narrow = settings();
@@ -258,7 +258,7 @@ TEST_F(BulkLookup, TakesTurnsWithASingleLookupThatWaitsForAConnection)
     EXPECT_EQ(lookup.statistics().opened, 1U);
 }
 
-// As a pager does, which reads on when its user turns the page.
+// As a pager does: it reads only when its user turns the page.
 TEST_F(BulkLookup, DoesNotChargeTheKeysWithTheTimeThatTheSinkTakes)
 {
     auto patient = settings();
@@ -291,7 +291,7 @@ TEST(BulkLookupWindow, HasThisManySearchesInFlightOnAConnection)
             if (held.size() < 5) {
                 return;
             }
-            // The last one first: the order on the wire is the server's business.
+            // In reverse order: servers may answer in any order.
             for (auto asked = held.rbegin(); asked != held.rend(); ++asked) {
                 answerFound(answering, *asked);
             }

@@ -1,4 +1,4 @@
-// When a bind may be sent: one at a time until one was accepted, none for a while after a refusal.
+// The lock-out guard: one bind at a time until one is accepted, and a pause after a refusal.
 #include "Credentials.h"
 
 #include <gmock/gmock.h>

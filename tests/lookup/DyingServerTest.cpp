@@ -1,4 +1,4 @@
-// Repeated searches where a server is killed: the system takes connections for it a moment longer.
+// Repeated searches when a server is killed: the kernel accepts connections a moment longer.
 #include "LdapMessages.h"
 #include "Lookups.h"
 #include "ScriptedServer.h"
@@ -21,7 +21,7 @@ using Peer = ScriptedServer::Peer;
 
 constexpr unsigned char extendedRequest = 0x77;
 
-/// What is done with the first connection, and with all others.
+/// The scripts of the first connection and of all others.
 ScriptedServer::Script inTurn(ScriptedServer::Script first, ScriptedServer::Script others)
 {
     auto const count = std::make_shared<std::atomic<unsigned int>>(0);
@@ -30,7 +30,7 @@ ScriptedServer::Script inTurn(ScriptedServer::Script first, ScriptedServer::Scri
 
 void hangUp(Peer& peer, std::string const&) { peer.reset(); }
 
-/// Takes a connection and dies when the first request comes.
+/// Accepts a connection and closes it when the first request arrives.
 void die(Peer& peer)
 {
     peer.receiveMessage();

@@ -1,4 +1,4 @@
-// Searches that one server fails and another one answers, and what the key ends with if none does.
+// Failover of searches: one server fails and another one answers, or none does.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"
@@ -53,7 +53,7 @@ void sendDamagedEntry(Peer& peer, std::string const& request)
     peer.send(entry + searchDone(messageIdOf(request)));
 }
 
-/// A way for a server to fail searches behind a bind that it accepts.
+/// A way in which a server accepts the bind and fails the searches.
 struct Way {
     char const* name;
     OnSearch onSearch;
@@ -230,7 +230,7 @@ TEST(AKeyThatEveryServerFails, IsToBeTriedLaterIfOneIsDown)
     EXPECT_EQ(answer.code, -1);
 }
 
-// Nobody may take the servers out of use by an address that they do not like.
+// An address that servers refuse must not put them into back-off.
 TEST(AKeyThatEveryServerFails, DoesNotMakeThemCountAsFailed)
 {
     OnSearch const picky = [](Peer& peer, std::string const& request) {
@@ -290,7 +290,7 @@ TEST(AnAnswerOfReferencesOnly, IsToBeTriedLater)
     auto const answer = lookup.find(addressOf(1));
 
     EXPECT_EQ(answer.outcome, Outcome::TryLater);
-    EXPECT_THAT(answer.text, HasSubstr("refers to other servers"));
+    EXPECT_THAT(answer.text, HasSubstr("returned references to other servers"));
     EXPECT_THAT(answer.text, HasSubstr("references = ignore"));
 }
 

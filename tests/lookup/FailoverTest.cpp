@@ -1,4 +1,4 @@
-// What follows for a key from what several servers said.
+// Combining the failures of several servers into one outcome.
 #include "Failover.h"
 
 #include <gtest/gtest.h>

@@ -23,7 +23,7 @@ using Peer = ScriptedServer::Peer;
 
 constexpr int users = 30;
 
-/// Looks one user up. What is wrong with the answer.
+/// Looks up one user. Returns what is wrong with the answer.
 std::string wrongWith(LDAPLookup& lookup, int user)
 {
     std::string const address = addressOf(user);
@@ -37,7 +37,7 @@ std::string wrongWith(LDAPLookup& lookup, int user)
     return isRight ? std::string() : address + ": found " + name + "; ";
 }
 
-/// Looks a few users up, others for each worker.
+/// Looks up a few users, different ones for each worker.
 std::string wrongWithSome(LDAPLookup& lookup, int worker)
 {
     std::string wrong;
@@ -47,7 +47,7 @@ std::string wrongWithSome(LDAPLookup& lookup, int worker)
     return wrong;
 }
 
-/// Looks an address up in a child. What is wrong with its answer.
+/// Looks up an address in a child. Returns what is wrong with the answer.
 std::string outcomeInAChild(LDAPLookup& lookup)
 {
     ForkedProcess child([&] {
@@ -105,7 +105,7 @@ TEST_P(WorkersForkedAfterFind, AndTheirParentFindWhomTheyLookFor)
 INSTANTIATE_TEST_SUITE_P(WithTlsAndCount, WorkersForkedAfterFind,
                          testing::Combine(testing::Bool(), testing::Values(2, 8)));
 
-// Of the one connection that is allowed: it is in use by a thread that the child does not have.
+// The only connection is in use by a thread that does not exist in the child.
 TEST(AWorkerForkedDuringALookup, HasConnectionsOfItsOwn)
 {
     std::atomic<int> searches{0};

@@ -1,4 +1,4 @@
-// What is looked up for a key: forms of the address, internationalised domains, served domains.
+// The forms of a key: address forms, internationalized domains, served domains.
 #include "KeyForms.h"
 
 #include <gmock/gmock.h>
@@ -31,7 +31,7 @@ constexpr char ascii[] = "anna@xn--mnchen-3ya.example";
 
 } // namespace
 
-TEST(FormsOfAKey, AreNoneBesidesTheKeyMostly)
+TEST(FormsOfAKey, AreUsuallyOnlyTheKeyItself)
 {
     EXPECT_THAT(formsOf("anna@example.com"), IsEmpty());
     EXPECT_THAT(formsOf("anna"), IsEmpty());
@@ -131,10 +131,9 @@ TEST(AKey, IsRefusedBeyondItsLengthAndIfItIsNoText)
     KeyForms const forms{Settings()};
 
     EXPECT_EQ(forms.faultOf(std::string(1000, 'x')), "");
-    EXPECT_EQ(forms.faultOf(std::string(1001, 'x')),
-              "the key has 1001 bytes, more than the 1000 that are allowed");
+    EXPECT_EQ(forms.faultOf(std::string(1001, 'x')), "the key has 1001 bytes, the maximum is 1000");
     EXPECT_EQ(forms.faultOf(""), "the key is empty");
-    EXPECT_THAT(forms.faultOf("a\nb"), StartsWith("the key holds a control character"));
+    EXPECT_THAT(forms.faultOf("a\nb"), StartsWith("the key contains a control character"));
 }
 
 } // namespace SolvaneTest

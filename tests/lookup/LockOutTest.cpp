@@ -1,4 +1,4 @@
-// A wrong password, and how few binds are sent with it.
+// With a wrong password, few binds are sent.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"

@@ -180,7 +180,7 @@ TEST_F(LookupOfAKey, IsMisconfiguredWhereTheBaseIsMissing)
 
     EXPECT_EQ(answer.outcome, Outcome::Misconfigured);
     EXPECT_EQ(answer.code, 32);
-    EXPECT_THAT(answer.text, HasSubstr("what exists is 'dc=corp,dc=test'"));
+    EXPECT_THAT(answer.text, HasSubstr("matched DN 'dc=corp,dc=test'"));
 }
 
 TEST_F(LookupOfAKey, DoesNotRepeatAWrongPasswordForEachKey)

@@ -1,4 +1,4 @@
-// A process that looked keys up forks: its children use the lookup, all at the same time.
+// After lookups a process forks, and all children use the lookup at the same time.
 #include "Lookups.h"
 #include "Slapd.h"
 
@@ -27,7 +27,7 @@ bool isRight(LDAPLookup::Answer const& answer, int user)
            answer.entries.front().entryName() == "uid=" + local + ",ou=people,dc=corp,dc=test";
 }
 
-/// Looks some users up, each child others; ends the child with the number of wrong answers.
+/// Looks up users, different ones in each child; exits with the number of wrong answers.
 [[noreturn]] void lookUpInChild(LDAPLookup& lookup, int child)
 {
     int wrong = 0;
@@ -38,7 +38,7 @@ bool isRight(LDAPLookup::Answer const& answer, int user)
     _exit(wrong);
 }
 
-/// Forks so many children at once. The number of wrong answers of all; -1 if one died.
+/// Forks children at once. Returns the number of their wrong answers; -1 if one died.
 int wrongAnswersOfChildren(LDAPLookup& lookup, int children)
 {
     std::vector<pid_t> running;
@@ -127,7 +127,7 @@ TEST_F(ForkedLookups, LeaveTheParentsConnectionAloneWhenAChildDestroysItsLookup)
     EXPECT_EQ(lookup->statistics().stale, 0U);
 }
 
-// Their locks may be held by another thread at the moment of the fork.
+// Another thread may hold their locks at the time of the fork.
 TEST_F(ForkedLookups, DoNotHangWhileOtherThreadsOfTheParentLookUp)
 {
     LDAPLookup lookup(settings(false));

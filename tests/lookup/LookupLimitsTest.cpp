@@ -163,7 +163,7 @@ TEST(AnEntryBeyondItsBound, IsToBeTriedLater)
     EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
 }
 
-// A value that takes longer to arrive than a server may be silent.
+// A value takes longer to arrive than a server may be silent.
 TEST(ASlowLink, IsNotSilence)
 {
     ScriptedServer const server(serving([](Peer& peer, std::string const& request) {

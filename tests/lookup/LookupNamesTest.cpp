@@ -1,4 +1,4 @@
-// Names: of servers, which may not resolve, and of internationalised domains.
+// Server names that do not resolve, and internationalized domains.
 #include "LdapMessages.h"
 #include "Lookups.h"
 #include "NameServer.h"
@@ -25,7 +25,7 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-/// A port on 127.0.0.1 at which a name server should be, and where nothing ever answers.
+/// A port on 127.0.0.1 without a name server: queries get no answer.
 class DeadNameServer {
 public:
     DeadNameServer() : m_socket(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0))
@@ -49,7 +49,7 @@ private:
 constexpr char unicode[] = "anna@m\xc3\xbcnchen.example";
 constexpr char ascii[] = "anna@xn--mnchen-3ya.example";
 
-/// Finds one spelling of a domain.
+/// A server that has only one spelling of a domain.
 OnSearch finding(std::string const& domain)
 {
     return [domain](Peer& peer, std::string const& request) {

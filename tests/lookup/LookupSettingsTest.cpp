@@ -1,4 +1,4 @@
-// Settings that no lookup could succeed with are refused when the lookup is made.
+// Invalid settings are refused by the constructor.
 #include "Lookups.h"
 
 #include <solvane/ldap/LDAPException.h>
@@ -14,7 +14,7 @@ namespace SolvaneTest {
 
 namespace {
 
-/// The text of the exception that the settings get; empty where they are taken.
+/// The text of the exception for the settings; empty if they are valid.
 std::string refusalOf(LDAPLookup::Settings const& settings)
 {
     try {
@@ -29,7 +29,7 @@ std::string refusalOf(LDAPLookup::Settings const& settings)
     return {};
 }
 
-/// Good settings with one thing changed.
+/// Valid settings with one change.
 template <typename Change> std::string refusalWith(Change change)
 {
     LDAPLookup::Settings settings = settingsFor({389});
@@ -48,12 +48,12 @@ TEST(LookupSettings, ThatAreCompleteAreTakenWithoutAskingAServer)
 
 TEST(LookupSettings, NeedAServerWithHostAndPort)
 {
-    EXPECT_EQ(refusalOf(settingsFor({})), "there is no server");
-    EXPECT_EQ(refusalOf(settingsFor({0})), "a server's port is 0");
-    EXPECT_EQ(refusalOf(settingsFor({65536})), "a server's port is 65536");
+    EXPECT_EQ(refusalOf(settingsFor({})), "no server is set");
+    EXPECT_EQ(refusalOf(settingsFor({0})), "a server's port is not from 1 to 65535: 0");
+    EXPECT_EQ(refusalOf(settingsFor({65536})), "a server's port is not from 1 to 65535: 65536");
     EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].host = ""; }), "a server has no host");
     EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].host = "a\nb"; }),
-              "a server's host holds a control character at byte 1");
+              "a server's host contains a control character at byte 1");
 }
 
 TEST(LookupSettings, NameTheDomainsThatAreServed)
@@ -71,19 +71,19 @@ TEST(LookupSettings, NeverBindWithAnEmptyPassword)
     EXPECT_THAT(refusalWith([](Settings& s) { s.password.clear(); }),
                 StartsWith("the bind DN has no password"));
     EXPECT_EQ(refusalWith([](Settings& s) { s.bindDn.clear(); }),
-              "there is a password without a bind DN");
+              "a password is set without a bind DN");
     EXPECT_THAT(refusalWith([](Settings& s) { s.password = std::string("a\0b", 3); }),
-                StartsWith("the password holds a NUL byte"));
+                StartsWith("the password contains a NUL byte"));
 }
 
 TEST(LookupSettings, NameTheByteAtWhichATemplateIsWrong)
 {
     EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = "(mail=$x)"; }),
-                StartsWith("the template is wrong at byte 6: "));
+                StartsWith("error in the template at byte 6: "));
     EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = ""; }),
-                StartsWith("the template is wrong at byte 0: "));
+                StartsWith("error in the template at byte 0: "));
     EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = "(mail=$m"; }),
-                HasSubstr("the template is wrong"));
+                HasSubstr("error in the template"));
 }
 
 TEST(LookupSettings, TakeATemplateThatIsOnlyUnusual)
@@ -102,7 +102,7 @@ TEST(LookupSettings, NeedTimesAndRoom)
     EXPECT_NE(refusalWith([](Settings& s) { s.longestBackOff = milliseconds(10); }), "");
 }
 
-// Added to the present moment, the longest time that can be written would lie in the past.
+// Adding the longest duration to the current time would overflow into the past.
 TEST(LookupSettings, AreRefusedWhereATimeIsMeantToHaveNoEnd)
 {
     using std::chrono::hours;

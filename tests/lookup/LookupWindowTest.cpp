@@ -1,4 +1,4 @@
-// Many keys in flight: what servers take of them, and what breaks connections.
+// Many keys in flight: limits of servers, and lost connections.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"
@@ -39,7 +39,7 @@ std::size_t countOf(Outcome outcome, std::vector<Answered> const& answers)
                       [outcome](Answered const& each) { return each.answer.outcome == outcome; }));
 }
 
-/// A slapd that closes connections with more than so many pending requests.
+/// A slapd that closes connections with too many pending requests.
 class SlapdWithFewPending {
 public:
     explicit SlapdWithFewPending(std::string const& lines)

@@ -1,4 +1,4 @@
-// What the tests of lookups do again and again: settings, scripted servers, keys and answers.
+// Helpers for tests of lookups: settings, scripted servers, keys and answers.
 #ifndef SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 #define SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 
@@ -14,7 +14,7 @@
 
 namespace Solvane::Lookup {
 
-/// For the messages of tests that fail.
+/// Prints values in messages of failed tests.
 void PrintTo(Outcome outcome, std::ostream* out);
 
 } // namespace Solvane::Lookup
@@ -35,9 +35,9 @@ std::string addressOf(int user);
 using OnSearch = std::function<void(ScriptedServer::Peer&, std::string const& request)>;
 
 /// A server's script: grants binds, answers "Who am I?" and leaves searches to `onSearch`.
-/// @param identity  what it tells; empty is "anonymous"
+/// @param identity  its answer to "Who am I?"; empty means anonymous
 ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity = "dn:cn=reader");
-/// The same, for a server that knows no "Who am I?" and answers `code`.
+/// The same for a server that does not support "Who am I?" and answers `code`.
 ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code);
 
 /// Sends one entry and the end of the search.
@@ -48,7 +48,7 @@ void answerEmpty(ScriptedServer::Peer& peer, std::string const& request);
 /// How many of the messages are of this operation.
 std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages);
 
-/// Gives out a list of keys.
+/// A source that returns a list of keys.
 Solvane::LDAPLookup::Source sourceOf(std::vector<std::string> keys);
 
 /// A key and its answer.
@@ -56,7 +56,7 @@ struct Answered {
     std::string key;
     Solvane::LDAPLookup::Answer answer;
 };
-/// Looks all keys up in one run.
+/// Looks up all keys in one run.
 std::vector<Answered> answersTo(Solvane::LDAPLookup& lookup, std::vector<std::string> const& keys);
 
 } // namespace SolvaneTest

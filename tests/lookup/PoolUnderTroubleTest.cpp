@@ -23,7 +23,7 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-/// Looks addresses up on several threads at once, each a few times.
+/// Looks up addresses in several threads at once, each a few times.
 std::vector<LDAPLookup::Answer> findOnThreads(LDAPLookup& lookup, int threads, int times)
 {
     std::vector<std::vector<LDAPLookup::Answer>> found(static_cast<std::size_t>(threads));
@@ -45,7 +45,7 @@ std::vector<LDAPLookup::Answer> findOnThreads(LDAPLookup& lookup, int threads, i
     return all;
 }
 
-/// How many searches a lookup has in flight at once, of this many that are wanted.
+/// The number of searches that a lookup has in flight at once, at most this many.
 std::size_t searchesAtOnce(LDAPLookup& lookup, ScriptedServer& server, std::size_t wanted)
 {
     std::size_t const before = countOf(SearchRequest, server.received());
@@ -69,7 +69,7 @@ std::size_t searchesAtOnce(LDAPLookup& lookup, ScriptedServer& server, std::size
 
 // A thread waits for one server
 
-TEST(PoolWithAPausedServer, HoldsUpNobodyWhoCanAskAnother)
+TEST(PoolWithAPausedServer, DelaysNoCallerThatCanFailOver)
 {
     enum State { down, paused };
     std::atomic<State> state{down};
@@ -138,7 +138,8 @@ TEST(PoolWithAPausedServer, LetsAllThreadsGoOnToTheOther)
 
 class PoolBehindABalancer : public testing::Test {
 protected:
-    /// The first connection answers drop by drop until all is over; of the others, these are silent.
+    /// The first connection answers drop by drop until all is over; of the others, these are
+    /// silent.
     void expectAnother(std::set<std::size_t> const& silent, Outcome outcome)
     {
         m_silent = silent;
@@ -229,7 +230,7 @@ protected:
         return settings;
     }
 
-    /// Fails on every thread, more often than there are connections; then all must be there.
+    /// Fails in every thread, more often than there are connections; none may leak.
     void expectAllConnectionsAfter(Trouble trouble)
     {
         LDAPLookup lookup(settings());
@@ -292,12 +293,12 @@ TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerRefusedTheBind)
     expectAllConnectionsAfter(Trouble::refusesTheBind);
 }
 
-TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereTheServerTookUsForNobody)
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainAfterAnAnonymousIdentity)
 {
     expectAllConnectionsAfter(Trouble::isNobody);
 }
 
-TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainWhereNobodyListened)
+TEST_F(PoolAfterFailedOpens, HasRoomForAllAgainAfterRefusedConnections)
 {
     Slapd slapd({"--users", "20"});
     auto settings = settingsFor({slapd.port()});

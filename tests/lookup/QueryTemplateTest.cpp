@@ -1,4 +1,4 @@
-// Filters, their explanation, and each finding with the bytes that it points at.
+// Expanding and explaining templates, and every finding with its position.
 #include <solvane/lookup/QueryTemplate.h>
 
 #include <solvane/ldap.h>
@@ -67,7 +67,7 @@ TEST(QueryTemplateExpansion, ThrowsForAMalformedTemplate)
     EXPECT_THROW(QueryTemplate("(x=$q)").expand(EmailAddress("a@x")), LDAPException);
 }
 
-/// The filter's parentheses and stars, without what stands between them.
+/// The filter's parentheses and asterisks alone.
 std::string structureOf(std::string const& filter)
 {
     std::string structure;
@@ -148,7 +148,7 @@ TEST(QueryTemplateExplanation, TellsThatNothingWasRemoved)
 
 TEST(QueryTemplateExplanation, ShowsACutThatReachesBehindTheLastExpansion)
 {
-    // The "#" of an empty domain does not count as an expansion: the cut takes it.
+    // The "#" of an empty domain does not count as an inserted value: the removal includes it.
     EXPECT_THAT(QueryTemplate("$u$d${b}").explain(EmailAddress("ab")),
                 ElementsAre(isStep(0, "$u", "", "ab", "", ""), isStep(2, "$d", "", "#", "", ""),
                             isStep(4, "${b}", "", "", "b#", "a")));
@@ -163,7 +163,7 @@ TEST(QueryTemplateExplanation, EndsBeforeAMalformedSpecifier)
     }
 }
 
-TEST(QueryTemplateExplanation, LeavesToTheTextWhatIsNoUtf8BehindASpecifier)
+TEST(QueryTemplateExplanation, KeepsInvalidUtf8AfterASpecifierInTheText)
 {
     EXPECT_THAT(QueryTemplate("$u\xB9$b-$g\x80$u", "", "7").explain(EmailAddress("jdoe@x")),
                 ElementsAre(isStep(0, "$u", "", "jdoe", "", ""),
@@ -187,15 +187,15 @@ TEST(QueryTemplateCheck, FindsNothingInACleanTemplate)
 
 TEST(QueryTemplateCheck, PointsAtAnUnknownSpecifier)
 {
-    EXPECT_THAT(findingsOf("(x=$q)"), ElementsAre(isError(3, 2, "known are $u $n $N")));
+    EXPECT_THAT(findingsOf("(x=$q)"), ElementsAre(isError(3, 2, "use $u $n $N")));
     EXPECT_THAT(findingsOf(" (x=$$)"), ElementsAre(isError(4, 2, "\\24")));
-    EXPECT_THAT(findingsOf("(x=$U)(y=$u)$ z"),
-                ElementsAre(isError(3, 2, "no specifier"), isError(12, 2, "no specifier")));
+    EXPECT_THAT(findingsOf("(x=$U)(y=$u)$ z"), ElementsAre(isError(3, 2, "unknown specifier"),
+                                                           isError(12, 2, "unknown specifier")));
 }
 
 TEST(QueryTemplateCheck, PointsAtAWholeCharacterBehindTheDollar)
 {
-    EXPECT_THAT(findingsOf("(x=$\xE2\x82\xAC)"), ElementsAre(isError(3, 4, "no specifier")));
+    EXPECT_THAT(findingsOf("(x=$\xE2\x82\xAC)"), ElementsAre(isError(3, 4, "unknown specifier")));
 }
 
 TEST(QueryTemplateCheck, PointsAtATrailingDollar)
@@ -208,15 +208,15 @@ TEST(QueryTemplateCheck, PointsAtABraceThatIsNotClosed)
     EXPECT_THAT(findingsOf("(uid=$u${.ext) "), ElementsAre(isError(7, 7, "without its '}'")));
 }
 
-TEST(QueryTemplateCheck, PointsAtWhatIsNoLineOfUtf8)
+TEST(QueryTemplateCheck, PointsAtControlCharactersAndInvalidUtf8)
 {
-    EXPECT_THAT(findingsOf("(&(a=$u)\n(b=2))"), ElementsAre(isError(8, 1, "a control character")));
-    EXPECT_THAT(findingsOf("(a=$u\0)"s), ElementsAre(isError(5, 1, "a control character")));
-    EXPECT_THAT(findingsOf("(a=\xC2\x85$u)"), ElementsAre(isError(3, 2, "a control character")));
-    EXPECT_THAT(findingsOf(" (a=\xFC$u)"), ElementsAre(isError(4, 1, "no UTF-8")));
+    EXPECT_THAT(findingsOf("(&(a=$u)\n(b=2))"), ElementsAre(isError(8, 1, "control character")));
+    EXPECT_THAT(findingsOf("(a=$u\0)"s), ElementsAre(isError(5, 1, "control character")));
+    EXPECT_THAT(findingsOf("(a=\xC2\x85$u)"), ElementsAre(isError(3, 2, "control character")));
+    EXPECT_THAT(findingsOf(" (a=\xFC$u)"), ElementsAre(isError(4, 1, "invalid UTF-8")));
 }
 
-TEST(QueryTemplateCheck, PointsAtASpecifierWhoseValueIsNoLineOfUtf8)
+TEST(QueryTemplateCheck, PointsAtASpecifierWithAnInvalidValue)
 {
     EXPECT_THAT(QueryTemplate("(&(uid=$u)(ou=$b)(l=$g))", "x\xFF", "\n").check(),
                 ElementsAre(isError(14, 2, "invalid UTF-8 at byte 1"),
@@ -226,8 +226,9 @@ TEST(QueryTemplateCheck, PointsAtASpecifierWhoseValueIsNoLineOfUtf8)
 
 TEST(QueryTemplateCheck, PointsAtTheSpecifierOfAnotherSystem)
 {
-    EXPECT_THAT(findingsOf("(mail=%s)"), ElementsAre(isError(6, 2, "'$m' inserts the address")));
-    EXPECT_THAT(findingsOf("(x=50%)(m=%u@%d)"), ElementsAre(isError(10, 2, "'$u' its local part")));
+    EXPECT_THAT(findingsOf("(mail=%s)"), ElementsAre(isError(6, 2, "use '$m' for the address")));
+    EXPECT_THAT(findingsOf("(x=50%)(m=%u@%d)"),
+                ElementsAre(isError(10, 2, "'$u' for its local part")));
     EXPECT_THAT(findingsOf("(cn=100%)"),
                 ElementsAre(isWarning(0, 9, "no specifier for the address")));
     EXPECT_THAT(findingsOf("(&(x=%s)(mail=$m))"), IsEmpty());
@@ -238,7 +239,7 @@ TEST(QueryTemplateCheck, PointsAtATemplateThatComesOutEmpty)
     EXPECT_THAT(findingsOf(""), ElementsAre(isError(0, 0, "empty filter")));
     EXPECT_THAT(findingsOf(" \n"), ElementsAre(isError(0, 0, "empty filter")));
     EXPECT_THAT(findingsOf(" (x=1)$b"),
-                ElementsAre(isWarning(1, 5, "lost before $b, which is empty"),
+                ElementsAre(isWarning(1, 5, "dropped before $b, which is empty"),
                             isWarning(1, 7, "no specifier for the address"),
                             isError(1, 7, "empty filter")));
 }
@@ -254,12 +255,12 @@ TEST(QueryTemplateCheck, PointsAtParenthesesWithoutPartner)
 TEST(QueryTemplateCheck, CountsTheParenthesesThatGetIntoTheFilter)
 {
     EXPECT_THAT(findingsOf("(&(objectClass=person)(ou=$b)(uid=$u))"),
-                ElementsAre(isWarning(0, 26, "lost before $b"), isError(28, 1, "')' without"),
+                ElementsAre(isWarning(0, 26, "dropped before $b"), isError(28, 1, "')' without"),
                             isError(37, 1, "')' without")));
     EXPECT_THAT(QueryTemplate("(&(objectClass=person)(ou=$b)(uid=$u))", "sales").check(),
                 IsEmpty());
     EXPECT_THAT(findingsOf("(&(uid=$u)(x=1)$c(ou=people))"),
-                ElementsAre(isError(0, 1, "'(' without"), isWarning(9, 6, "lost before $c")));
+                ElementsAre(isError(0, 1, "'(' without"), isWarning(9, 6, "dropped before $c")));
 }
 
 TEST(QueryTemplateCheck, TakesNoParenthesisInBracesAndNoEscapedOneForOne)
@@ -272,20 +273,20 @@ TEST(QueryTemplateCheck, TakesNoParenthesisInBracesAndNoEscapedOneForOne)
 TEST(QueryTemplateCheck, WarnsWhereEveryAddressFindsTheSame)
 {
     EXPECT_THAT(findingsOf(" (objectClass=person) "),
-                ElementsAre(isWarning(1, 20, "every address finds the same")));
+                ElementsAre(isWarning(1, 20, "every address finds the same entries")));
     EXPECT_THAT(QueryTemplate("(ou=$b)", "sales").check(),
-                ElementsAre(isWarning(0, 7, "every address finds the same")));
+                ElementsAre(isWarning(0, 7, "every address finds the same entries")));
 }
 
 TEST(QueryTemplateCheck, WarnsOfLostText)
 {
     EXPECT_THAT(findingsOf("by address$c(mail=$m)"),
-                ElementsAre(isWarning(0, 10, "lost before $c")));
+                ElementsAre(isWarning(0, 10, "dropped before $c")));
     EXPECT_THAT(findingsOf("(&(uid=$u)(ou=$b)(l=$g))"),
-                ElementsAre(isWarning(9, 5, "lost before $b, which is empty"),
-                            isWarning(16, 4, "lost before $g, which is empty")));
+                ElementsAre(isWarning(9, 5, "dropped before $b, which is empty"),
+                            isWarning(16, 4, "dropped before $g, which is empty")));
     EXPECT_THAT(findingsOf("(uid=$u)(cn=${.ext})"),
-                ElementsAre(isWarning(7, 5, "lost before '${'")));
+                ElementsAre(isWarning(7, 5, "dropped before '${'")));
 }
 
 TEST(QueryTemplateCheck, WarnsOfAnEmptyDomain)
@@ -310,27 +311,25 @@ TEST(QueryTemplateCheck, WarnsOfARemovalThatCanFindNothing)
 
 TEST(QueryTemplateCheck, WarnsOfARemovalThatTakesEscapesApart)
 {
-    EXPECT_THAT(findingsOf("(uid=$u${\\})"), ElementsAre(isWarning(7, 4, "apart")));
-    EXPECT_THAT(findingsOf("(uid=$u${^\\2})"), ElementsAre(isWarning(7, 6, "apart")));
-    EXPECT_THAT(findingsOf("(uid=$u${2A})"), ElementsAre(isWarning(7, 5, "apart")));
-    EXPECT_THAT(findingsOf("(uid=$n${a})"), ElementsAre(isWarning(7, 4, "apart")));
+    EXPECT_THAT(findingsOf("(uid=$u${\\})"), ElementsAre(isWarning(7, 4, "splits escapes")));
+    EXPECT_THAT(findingsOf("(uid=$u${^\\2})"), ElementsAre(isWarning(7, 6, "splits escapes")));
+    EXPECT_THAT(findingsOf("(uid=$u${2A})"), ElementsAre(isWarning(7, 5, "splits escapes")));
+    EXPECT_THAT(findingsOf("(uid=$n${a})"), ElementsAre(isWarning(7, 4, "splits escapes")));
 }
 
 TEST(QueryTemplateCheck, PointsAtATemplateWhoseFilterOpenLDAPRefuses)
 {
-    EXPECT_THAT(findingsOf(" $m"),
-                ElementsAre(isError(1, 2,
-                                    "refuses the filter that it makes of user@domain.test: "
-                                    "user@domain.test")));
+    EXPECT_THAT(findingsOf(" $m"), ElementsAre(isError(1, 2,
+                                                       "rejects the filter for user@domain.test: "
+                                                       "user@domain.test")));
     EXPECT_THAT(findingsOf("(uid=$u)(cn=$u)"),
                 ElementsAre(isError(0, 15, ": (uid=user)(cn=user)")));
-    EXPECT_THAT(findingsOf("(cn=\\x$u)"), ElementsAre(isError(0, 9, "OpenLDAP refuses")));
+    EXPECT_THAT(findingsOf("(cn=\\x$u)"), ElementsAre(isError(0, 9, "OpenLDAP rejects")));
 }
 
 TEST(QueryTemplateCheck, WarnsWhereOpenLDAPRefusesAFilterOfUnusualAddressesOnly)
 {
-    EXPECT_THAT(findingsOf("(cn=*$u*)"),
-                ElementsAre(isWarning(0, 9, "makes of @domain.test: (cn=**)")));
+    EXPECT_THAT(findingsOf("(cn=*$u*)"), ElementsAre(isWarning(0, 9, "for @domain.test: (cn=**)")));
 }
 
 TEST(QueryTemplateCheck, SaysTextOfOneLineOnly)

@@ -1,4 +1,4 @@
-// Every transition of a server's states once, by name, and the times that go with them.
+// Every transition of a server's state once, by name, and its times.
 #include "ServerHealth.h"
 
 #include <gmock/gmock.h>
@@ -202,7 +202,7 @@ TEST_F(AServer, BacksOffLongerAndLongerWhileItConnectsAndFailsItsSearches)
     EXPECT_EQ(health.retryAt(), in(seconds(3)));
 }
 
-// The caller on trial had returned its session when another server answered in its place.
+// The caller of the trial returns its session after another server has answered instead.
 TEST_F(AServer, BacksOffLongerAlsoWhenTheTrialHadEndedBeforeItsSearchWasProvedToFail)
 {
     health.searchFailed(refused, slow, now);

@@ -1,5 +1,5 @@
-// Established connections that fall silent: when their server is tried again at once, by whom, and
-// what the others do meanwhile.
+// Established connections that fall silent: when their server is retried at once, by which caller,
+// and what the other callers do meanwhile.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"
@@ -27,7 +27,7 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-/// An address, with one server behind it or several, whose connections can be made to hang.
+/// An address with one or several servers, whose connections can be made to hang.
 class SilentConnection : public testing::Test {
 protected:
     SilentConnection()
@@ -38,7 +38,7 @@ protected:
         m_settings.backOff = m_settings.longestBackOff = std::chrono::hours(1);
     }
 
-    /// Looks an address up on each of so many threads at once.
+    /// Looks up an address in each of several threads at once.
     static std::vector<LDAPLookup::Answer> findAtOnce(LDAPLookup& lookup, std::size_t threads)
     {
         std::vector<LDAPLookup::Answer> answers(threads);
@@ -52,7 +52,7 @@ protected:
         return answers;
     }
 
-    /// Leaves so many connections in the pool; each has answered a search.
+    /// Fills the pool with connections that have answered a search.
     void openConnections(LDAPLookup& lookup, std::size_t count)
     {
         std::thread opener([&] { findAtOnce(lookup, count); });
@@ -63,11 +63,11 @@ protected:
         ASSERT_EQ(m_server.connectionCount(), count);
     }
 
-    /// Those that are open do not answer searches any more.
+    /// Open connections stop answering searches.
     void hangOpenConnections() { m_lastHanging = m_server.connectionCount(); }
-    /// Binds are answered, searches are not, on whatever connection.
+    /// All connections answer binds and no searches.
     void hangSearches() { m_lastHanging = std::numeric_limits<std::size_t>::max(); }
-    /// Connections are accepted by the kernel.
+    /// Only the kernel accepts connections.
     void hang()
     {
         hangSearches();
@@ -107,9 +107,9 @@ private:
 
 } // namespace
 
-// All that a balancer gave us hangs, or a firewall has forgotten our connections; the server that a
-// new connection leads to is well. Lookups failed at once then for the whole back-off.
-TEST_F(SilentConnection, IsReplacedAtOnceWhereThereIsNoOtherServer)
+// The server chosen by a balancer hangs, or a firewall has dropped our connections; a new
+// connection reaches a healthy server. Lookups used to fail at once for the whole back-off.
+TEST_F(SilentConnection, IsReplacedAtOnceIfThereIsNoOtherServer)
 {
     LDAPLookup lookup(m_settings);
     openConnections(lookup, 3);
@@ -157,7 +157,7 @@ TEST_F(SilentConnection, IsReplacedByOneCallerWhileTheOthersAwaitItsSuccess)
     EXPECT_THAT(answers, Each(Field(&LDAPLookup::Answer::outcome, Outcome::Found)));
 }
 
-// Each of their steps wakes the others, who would ask it without end.
+// Each step of one wakes the others, which would ask it in an endless loop.
 TEST_F(SilentConnection, IsReplacedByOneCallerWhileTheOthersLeaveARefusingServerAlone)
 {
     constexpr std::size_t callers = 8;
@@ -180,7 +180,8 @@ TEST_F(SilentConnection, IsReplacedByOneCallerWhileTheOthersLeaveARefusingServer
     EXPECT_LE(refusing.connectionCount(), before + callers);
 }
 
-// All of them have waited for the network timeout when the first one has. They need not do so again.
+// When the first one has waited for the network timeout, so have all others; they must not wait
+// again.
 TEST_F(SilentConnection, OfADeadServerIsReplacedByOneCallerInVain)
 {
     LDAPLookup lookup(m_settings);
@@ -216,7 +217,7 @@ TEST_F(SilentConnection, OfADeadServerIsReplacedByOneCallerAlsoOfThoseWhoWaitFor
     EXPECT_EQ(searchCount(), 2U);
 }
 
-// As a server does whose database hangs: each new connection would cost as much as the last one.
+// As with a hanging database: each new connection would cost another network timeout.
 TEST_F(SilentConnection, ThatReplacedAnotherAndNeverAnsweredIsNotReplacedAtOnce)
 {
     LDAPLookup lookup(m_settings);

@@ -1,4 +1,4 @@
-// How the number of searches in flight follows what a server takes.
+// The window adapts to the server's limit of pending requests.
 #include "Window.h"
 
 #include <gtest/gtest.h>

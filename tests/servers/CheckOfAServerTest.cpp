@@ -1,4 +1,4 @@
-// The tool's check, as an administrator runs it.
+// The tool's check command, as run by an administrator.
 #include "Lookups.h"
 #include "Process.h"
 #include "TemporaryDirectory.h"

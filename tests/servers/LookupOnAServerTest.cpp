@@ -1,4 +1,4 @@
-// Lookups by the engine, key by key and in bulk, on a server that is there.
+// Lookups by the engine, single and in bulk, on a healthy server.
 #include "Lookups.h"
 #include "TestedServer.h"
 
@@ -62,7 +62,7 @@ TEST_F(LookupOnAServer, SaysNotFoundAndWhatItRestsOn)
     if (confirms()) {
         EXPECT_EQ(answer.text, "");
     } else {
-        EXPECT_THAT(answer.text, HasSubstr("cannot confirm"));
+        EXPECT_THAT(answer.text, HasSubstr("did not confirm the identity"));
     }
 }
 
@@ -197,10 +197,10 @@ TEST_F(LookupOnAServer, FromTheTopFindsThePersonAndSaysWhatWasNotAsked)
 
     EXPECT_EQ(found.outcome, Outcome::Found) << found.text;
     EXPECT_EQ(notFound.outcome, Outcome::TryLater);
-    EXPECT_THAT(notFound.text, HasSubstr("refers to other servers for a part of the base"));
+    EXPECT_THAT(notFound.text, HasSubstr("returned references to other servers"));
 }
 
-TEST_F(LookupOnAServer, BelowAReferralEntryIsNoPlainNotFound)
+TEST_F(LookupOnAServer, BelowAReferralEntryIsNotPlainlyNotFound)
 {
     if (!server().has("REFERRAL_ENTRY")) {
         GTEST_SKIP() << "this server has no referral entries";
@@ -213,7 +213,7 @@ TEST_F(LookupOnAServer, BelowAReferralEntryIsNoPlainNotFound)
     EXPECT_EQ(answer.code, server().number("AT_REFERRAL_ENTRY"));
     if (answer.code == 0) {
         EXPECT_EQ(answer.outcome, Outcome::NotFound);
-        EXPECT_THAT(answer.text, HasSubstr("leaves a part of the base to servers"));
+        EXPECT_THAT(answer.text, HasSubstr("returned references to servers"));
     } else {
         EXPECT_EQ(answer.outcome, Outcome::Refused);
     }

@@ -1,5 +1,5 @@
-// Lookups by the engine while a server crashes, starts again, falls silent, or leaves its keys to
-// another.
+// Lookups by the engine while a server crashes, restarts or falls silent, and failover to another
+// one.
 #include "Lookups.h"
 #include "TemporaryDirectory.h"
 #include "TestedServer.h"
@@ -16,7 +16,7 @@ namespace SolvaneTest {
 
 class LostAndFoundServer : public ServerTest {
 protected:
-    /// For both servers, the first one first, with the authorities of both.
+    /// Settings for both servers, in order, with the authorities of both.
     LDAPLookup::Settings settingsForBoth() const
     {
         std::string const authorities = m_folder.path() / "authorities.pem";

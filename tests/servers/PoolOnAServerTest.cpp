@@ -1,4 +1,4 @@
-// The pool of the object interface: what it lends, and what it drops.
+// The pool of the object interface: connections that it reuses, and that it drops.
 #include "Directory.h"
 #include "Faults.h"
 #include "TestedServer.h"

@@ -1,4 +1,4 @@
-// Searches: what is found, what of it arrives, and how they end, by the object interface.
+// Searches with the object interface: entries, values, and results.
 #include "Directory.h"
 #include "Faults.h"
 #include "TestedServer.h"
@@ -172,14 +172,14 @@ TEST_F(SearchOfAServer, TakesAnEscapedZeroByteForAByteInAWholeValueOnly)
     measured("zero_byte_in_a_prefix", static_cast<int>(namesIn(prefix).size()));
     EXPECT_EQ(whole.resultCode(), 0);
     EXPECT_THAT(namesIn(whole), IsEmpty());
-    // Every server compares a prefix up to its zero byte, and finds whom nobody meant: one more
-    // reason for the engine to take no key with one.
+    // Every server compares only up to the zero byte and finds the wrong entry: one more reason for
+    // the engine to refuse such keys.
     EXPECT_THAT(namesIn(prefix), ElementsAre(server().personDn(1)));
 }
 
 TEST_F(SearchOfAServer, FindsBytesByTheirEscapes)
 {
-    // What all of them compare byte by byte: UTF-8 text, written in escapes.
+    // All servers compare escaped UTF-8 text byte by byte.
     LDAPResult const result =
         found(searchFor(server()["PEOPLE"], R"((&(givenName=\c5\81ukasz)(employeeNumber=10)))"));
 

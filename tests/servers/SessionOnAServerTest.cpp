@@ -21,7 +21,7 @@ namespace {
 
 Clock::time_point soon() { return Clock::now() + std::chrono::seconds(15); }
 
-/// What a search came to, message by message.
+/// The messages of a search.
 struct Counted {
     int entries = 0;
     int references = 0;

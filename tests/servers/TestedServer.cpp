@@ -1,4 +1,4 @@
-// Reads the description in shell syntax by a shell; starts through the scripts of testbed/.
+// Reads the description with a shell; starts servers with the scripts of testbed/.
 #include "TestedServer.h"
 
 #include "Descriptor.h"

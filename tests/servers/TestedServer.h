@@ -1,4 +1,4 @@
-// The server that a test program is run against, and what is expected of it.
+// The server under test, and its expected behaviour.
 #ifndef SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
 #define SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
 
@@ -15,8 +15,8 @@
 
 namespace SolvaneTest {
 
-/// A server of testbed/, as its server.env and a profile describe it. slapd.profile names what a
-/// profile holds.
+/// A server of testbed/, described by its server.env and a profile. slapd.profile documents the
+/// contents of a profile.
 class TestedServer {
 public:
     /// The servers of tests/servers/with-servers: same data, same names.
@@ -28,7 +28,7 @@ public:
     static void writeAuthorities(std::string const& file);
 
     /// A value of server.env or the profile.
-    /// @throws std::out_of_range  there is none of the name
+    /// @throws std::out_of_range  there is no value of this name
     std::string const& operator[](std::string const& name) const { return m_values.at(name); }
     int number(std::string const& name) const { return std::stoi(m_values.at(name)); }
     bool has(std::string const& name) const { return !m_values.at(name).empty(); }
@@ -36,10 +36,10 @@ public:
     std::string host() const;
     /// The DN of the n-th user.
     std::string personDn(int user) const;
-    /// Passwords are taken over TLS only.
+    /// The server accepts passwords only over TLS.
     bool needsTls() const { return number("PLAIN_BIND") != 0; }
 
-    // By TLS where the server needs it, so that one may bind.
+    // With TLS if the server requires it for binds.
     Solvane::LDAPConnection::RefServer
     description(Solvane::LDAPConnection::Protocol version = Solvane::LDAPConnection::V3) const;
     Solvane::LDAPConnection::RefServer plainDescription() const;
@@ -52,11 +52,11 @@ public:
     Solvane::LDAPLookup::Settings settings() const;
 
     bool isRunning() const;
-    /// Kills the process, as a crash would, and waits until it is gone.
+    /// Kills the process, as in a crash, and waits until it is gone.
     void kill();
-    /// Starts it again on the same ports and data.
+    /// Restarts it with the same ports and data.
     void restart();
-    /// Stops the process where it is: the kernel still accepts connections, nobody answers.
+    /// Pauses the process: the kernel still accepts connections, but there are no answers.
     void pause() const;
     void resume() const;
 
@@ -72,13 +72,13 @@ private:
     std::map<std::string, std::string> m_values;
 };
 
-/// Base of all suites. Brings the server back after a test that took it away.
+/// Base of all suites. Restarts the server after a test that stopped it.
 class ServerTest : public testing::Test {
 protected:
     static TestedServer& server() { return TestedServer::first(); }
     void TearDown() override;
 
-    /// Keeps what was measured, for the table of the guide.
+    /// Records a measurement for the table of the guide.
     static void measured(std::string const& what, std::string const& value)
     {
         RecordProperty(what, value);

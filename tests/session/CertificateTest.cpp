@@ -1,4 +1,4 @@
-// What certificates say, whom they are for, and why they are not trusted.
+// Fields of certificates, matching of hosts, and reasons for distrust.
 #include "Process.h"
 #include "TemporaryDirectory.h"
 
@@ -70,7 +70,7 @@ TEST_F(CertificateOf, AServerTellsItsTime)
     EXPECT_EQ(certificate.notAfter(), 1609459200);
 }
 
-TEST_F(CertificateOf, NobodyIsNone)
+TEST_F(CertificateOf, InvalidBytesIsRefused)
 {
     EXPECT_THROW(Certificate("no certificate"), LDAPException);
     EXPECT_THROW(Certificate(std::string()), LDAPException);
@@ -130,9 +130,9 @@ TEST_F(CertificateOf, AServerIsTrustedWithItsAuthority)
 TEST_F(CertificateOf, AServerIsDistrustedForEachReason)
 {
     std::map<std::string, std::string> const expected = {
-        {"expired", "expired since 2021-01-01"},
+        {"expired", "expired on 2021-01-01"},
         {"future", "not valid before 2999-01-01"},
-        {"bad", "signed by itself"},
+        {"bad", "self-signed"},
     };
     for (auto const& [name, reason] : expected) {
         EXPECT_EQ(read(name).distrust(file("ca")), reason);
@@ -152,9 +152,9 @@ TEST_F(CertificateOf, AuthoritiesHasAFileThatCanBeUsed)
 
     EXPECT_EQ(faultOfAuthorities(file("ca")), "");
     EXPECT_THAT(faultOfAuthorities("/nonexistent"), StartsWith("cannot be read: No such file"));
-    EXPECT_THAT(faultOfAuthorities(empty), StartsWith("holds no certificates"));
-    EXPECT_THAT(faultOfAuthorities(s_folder->path()), HasSubstr("holds no certificates"));
-    EXPECT_THAT(read("good").distrust(empty), StartsWith("holds no certificates"));
+    EXPECT_THAT(faultOfAuthorities(empty), StartsWith("contains no usable certificates"));
+    EXPECT_THAT(faultOfAuthorities(s_folder->path()), HasSubstr("contains no usable certificates"));
+    EXPECT_THAT(read("good").distrust(empty), StartsWith("contains no usable certificates"));
 }
 
 TEST(AuthoritiesOf, APolicyAreItsOwnFile)

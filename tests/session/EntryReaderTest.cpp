@@ -27,7 +27,7 @@ namespace SolvaneTest {
 namespace {
 
 using Peer = ScriptedServer::Peer;
-/// Descriptions and values in their order.
+/// Descriptions and values in order.
 using Content = std::vector<std::pair<std::string, std::vector<std::string>>>;
 
 Content contentOf(LDAPSearchResultEntry const& entry)
@@ -43,7 +43,7 @@ Content contentOf(LDAPSearchResultEntry const& entry)
     return content;
 }
 
-/// The same by OpenLDAP's ordinary calls.
+/// The same with OpenLDAP's ordinary calls.
 Content ordinaryContentOf(LDAP* session, LDAPMessage* message)
 {
     Content content;
@@ -183,7 +183,7 @@ TEST(EntryOfAPeer, KeepsBytesAsTheyAre)
                 ElementsAre(Pair("jpegPhoto", ElementsAre(bytes, "")), Pair("cn", ElementsAre())));
 }
 
-// OpenLDAP looks values up by name, and gives the first ones again.
+// OpenLDAP finds values by name, and returns the first ones again.
 TEST(EntryOfAPeer, GivesARepeatedAttributeItsOwnValues)
 {
     AnsweredWith answered(entryWith({{"cn", {"first"}}, {"sn", {"x"}}, {"CN", {"second"}}}));
@@ -261,8 +261,8 @@ TEST(EntryOfAPeer, ThatIsDamagedIsNotRead)
     }
 }
 
-// OpenLDAP searches an entry from its start for the values of each attribute: of so many, that takes
-// longer than the watchdog waits.
+// OpenLDAP searches an entry from its start for the values of each attribute: of so many, that
+// takes longer than the watchdog waits.
 TEST(EntryOfAPeer, WithVeryManyAttributesIsReadAtOnce)
 {
     constexpr std::size_t many = 100000;

@@ -1,4 +1,4 @@
-// Names into addresses, and domains into servers, by a name server of the test's own.
+// Resolving host names and SRV records with the test's own name server.
 #include "Eventually.h"
 #include "NameServer.h"
 #include "ScriptedServer.h"
@@ -31,7 +31,7 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-/// Drives a resolver or a query to its end, twenty seconds at most.
+/// Drives a resolver or a query to its end, for at most twenty seconds.
 template <typename Query> void finish(Query& query)
 {
     auto const deadline = in(std::chrono::seconds(20));
@@ -67,7 +67,7 @@ std::vector<std::string> hostsOf(std::vector<SrvTarget> const& targets)
 
 // Resolver
 
-TEST(Resolving, AnAddressAsksNobody)
+TEST(Resolving, AnAddressSendsNoQuery)
 {
     NameServer const server;
 
@@ -101,7 +101,7 @@ TEST(Resolving, ANameThatDoesNotExistIsTriedLater)
     finish(resolver);
 
     EXPECT_THAT(shown(resolver.verdict()),
-                AllOf(StartsWith("TryLater -1 the name 'nobody.example.test' does not resolve: ")));
+                AllOf(StartsWith("TryLater -1 cannot resolve 'nobody.example.test': ")));
     EXPECT_THAT(resolver.addresses(), IsEmpty());
     EXPECT_THAT(server.asked(), Contains("nobody.example.test"));
 }
@@ -132,7 +132,7 @@ TEST(Resolving, ByTheSecondServerIfTheFirstIsSilent)
     EXPECT_THAT(silent.asked(), Contains("one.example.test"));
 }
 
-TEST(Resolving, ByServersThatAreNoneIsMisconfigured)
+TEST(Resolving, WithInvalidNameServersIsMisconfigured)
 {
     Resolver const resolver("one.example.test", 389, {"not an address"});
 
@@ -141,14 +141,14 @@ TEST(Resolving, ByServersThatAreNoneIsMisconfigured)
                 AllOf(StartsWith("Misconfigured -9 "), HasSubstr("'not an address'")));
 }
 
-TEST(Resolving, WhatIsNoNameIsMisconfigured)
+TEST(Resolving, AnInvalidNameIsMisconfigured)
 {
     for (std::string const& name :
          {std::string(), std::string("fe80::1%eth0"), std::string("a\0.example.test", 15)}) {
         Resolver const resolver(name, 389, {});
 
         EXPECT_TRUE(resolver.isSettled());
-        EXPECT_THAT(shown(resolver.verdict()), StartsWith("Misconfigured -9 the name '"));
+        EXPECT_THAT(shown(resolver.verdict()), StartsWith("Misconfigured -9 cannot resolve '"));
     }
 }
 
@@ -197,15 +197,14 @@ TEST(SessionWithAName, EndsAtTheDeadlineIfTheNameServiceIsDead)
 
     Verdict const verdict = session.reach(Step::identify, in(milliseconds(300)));
 
-    EXPECT_THAT(
-        shown(verdict),
-        AllOf(StartsWith("TryLater -5 ldap://one.example.test:389: the name service did not "
-                         "answer within "),
-              HasSubstr(" s")));
+    EXPECT_THAT(shown(verdict),
+                AllOf(StartsWith("TryLater -5 ldap://one.example.test:389: no name server "
+                                 "answered within "),
+                      HasSubstr(" s")));
     EXPECT_EQ(session.step(), Step::resolve);
 }
 
-// Both are driven by one thread, as the lookups of an engine are.
+// One thread drives both, as the engine does.
 TEST(SessionWithAName, WhoseNameServiceIsDeadHoldsNoOtherUp)
 {
     ScriptedServer server([](Peer& peer) { peer.receiveUntilClosed(); });
@@ -278,13 +277,13 @@ TEST(ServersOfADomain, ThatHasNoneAreTriedLater)
     finish(unknown);
 
     EXPECT_THAT(shown(none.verdict()),
-                AllOf(StartsWith("TryLater -1 the servers of 'none.example.test' "),
-                      HasSubstr("says that it has none")));
+                AllOf(StartsWith("TryLater -1 cannot find the servers of 'none.example.test' "),
+                      HasSubstr("has no LDAP server")));
     EXPECT_THAT(none.targets(), IsEmpty());
     EXPECT_THAT(shown(unknown.verdict()), StartsWith("TryLater -1 "));
 }
 
-TEST(ServersOfADomain, ThatIsNoneIsMisconfigured)
+TEST(ServersOfADomain, ThatIsInvalidIsMisconfigured)
 {
     EXPECT_THAT(shown(SrvQuery("", false).verdict()), StartsWith("Misconfigured -9 "));
     EXPECT_THAT(shown(SrvQuery("example.test", false, {"nowhere"}).verdict()),

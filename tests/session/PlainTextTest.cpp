@@ -1,4 +1,4 @@
-// What passes as text, and how bytes that do not are shown.
+// Validation of text, and how invalid bytes are shown.
 #include <solvane/session/PlainText.h>
 
 #include <gmock/gmock.h>
@@ -66,7 +66,7 @@ TEST(Utf8, MayHaveControlCharacters)
     EXPECT_TRUE(isUtf8("a\0\n\xC2\x85z"s));
 }
 
-TEST(OneLine, ShowsEveryByteOfWhatIsNoPlainText)
+TEST(OneLine, EscapesEveryByteThatIsNotPlainText)
 {
     EXPECT_EQ(oneLine("a\n\xC3\xBC\xFF\xC2\x85\xE2\x82"s),
               "a\\x0A\xC3\xBC\\xFF\\xC2\\x85\\xE2\\x82");

@@ -1,4 +1,4 @@
-// Connecting: several addresses, peers that are not there, and steps that are called at odd times.
+// Connecting: several addresses, unreachable peers, and calls at unusual times.
 #include "Eventually.h"
 #include "HangingPort.h"
 #include "LdapMessages.h"
@@ -30,7 +30,7 @@ using Peer = ScriptedServer::Peer;
 
 Address loopback(unsigned int port) { return *Address::parse("127.0.0.1", port); }
 
-/// Options of a session that has these addresses.
+/// Options of a session with these addresses.
 SessionOptions optionsFor(std::vector<Address> const& addresses)
 {
     SessionOptions options = plainOptions(addresses.front().port());
@@ -41,7 +41,7 @@ SessionOptions optionsFor(std::vector<Address> const& addresses)
 
 } // namespace
 
-TEST(ConnectTo, APortWhereNobodyListensIsTriedLater)
+TEST(ConnectTo, AClosedPortIsTriedLater)
 {
     RefusingPort const port;
     Session session(plainOptions(port.number()));
@@ -50,7 +50,7 @@ TEST(ConnectTo, APortWhereNobodyListensIsTriedLater)
 
     std::string const number = std::to_string(port.number());
     EXPECT_EQ(shown(verdict), "TryLater -1 ldap://127.0.0.1:" + number +
-                                  ": cannot be reached: 127.0.0.1 port " + number +
+                                  ": cannot connect: 127.0.0.1 port " + number +
                                   ": Connection refused");
     EXPECT_EQ(session.step(), Step::connect);
     EXPECT_EQ(session.handle(), nullptr);
@@ -82,7 +82,7 @@ TEST(ConnectTo, AnyServerAfterTheDeadlineIsNotTried)
 
     Verdict const verdict = session.reach(Step::connect, Clock::now());
 
-    EXPECT_THAT(shown(verdict), AllOf(StartsWith("TryLater -5 "), HasSubstr("no time was left")));
+    EXPECT_THAT(shown(verdict), AllOf(StartsWith("TryLater -5 "), HasSubstr("no time left")));
     EXPECT_EQ(server.connectionCount(), 0U);
 }
 

@@ -1,4 +1,4 @@
-// What a session makes of peers that do what no real server does on request.
+// Sessions with misbehaving peers.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
@@ -41,7 +41,7 @@ std::string extendedResponse(int messageId, int code, char const* value)
     return ldapMessage(messageId, berElement(extendedResponseTag, content));
 }
 
-/// A server that grants the bind and answers the question who we are.
+/// A server that accepts the bind and answers "Who am I?".
 ScriptedServer::Script answeringIdentity(int code, char const* value)
 {
     return [code, value](Peer& peer) {
@@ -54,7 +54,7 @@ ScriptedServer::Script answeringIdentity(int code, char const* value)
     };
 }
 
-/// A bound session with a scripted server that granted the bind; `rest` is what it does then.
+/// A bound session with a scripted server; `rest` is the script after the bind.
 class GrantedSession {
 public:
     explicit GrantedSession(ScriptedServer::Script const& rest, int receiveBuffer = 0)
@@ -183,7 +183,7 @@ TEST(BindOnAPeer, ThatAnswersWithSomethingElseIsTriedLater)
     Verdict const verdict = session.reach(Step::bind, soon());
 
     EXPECT_THAT(shown(verdict),
-                AllOf(StartsWith("TryLater -4 "), HasSubstr("an invalid answer to the bind")));
+                AllOf(StartsWith("TryLater -4 "), HasSubstr("invalid response to the bind")));
 }
 
 TEST(BindOnAPeer, GivesEachCodeItsOutcome)
@@ -225,7 +225,7 @@ TEST(BindOnAPeer, SaysWhereToGoInstead)
 
 TEST(BindOnAPeer, IsNotSentOnAConnectionOfItsOwn)
 {
-    // OpenLDAP would make one, and the password would go to whoever answers there.
+    // OpenLDAP would connect on its own and send the password to any server that accepts.
     ScriptedServer server([](Peer&) {});
     Session session(boundOptions(server.port()));
     session.reach(Step::connect, soon());
@@ -330,9 +330,10 @@ TEST(NoticeOfDisconnection, BreaksASession)
     auto const received = next(*granted.session)->received;
 
     EXPECT_EQ(received, Received::broken);
-    EXPECT_THAT(shown(granted.session->verdict()),
-                AllOf(StartsWith("TryLater -1 "),
-                      HasSubstr("the server ends the connection: Server is unavailable (52)")));
+    EXPECT_THAT(
+        shown(granted.session->verdict()),
+        AllOf(StartsWith("TryLater -1 "),
+              HasSubstr("the server is closing the connection: Server is unavailable (52)")));
 }
 
 TEST(NoticeOfDisconnection, IsToldAlsoIfWritingFailedFirst)
@@ -344,7 +345,7 @@ TEST(NoticeOfDisconnection, IsToldAlsoIfWritingFailedFirst)
     granted.server.giveCue();
     ASSERT_TRUE(granted.server.awaitEndedScripts(1));
 
-    // The first write after the close is answered with a reset, and the second one fails.
+    // The first write after the close causes a reset; the second one fails.
     for (int i = 0; i < 3; ++i) {
         int id = 0;
         granted.session->send(peopleSearch(), "(cn=x)", id);
@@ -353,7 +354,8 @@ TEST(NoticeOfDisconnection, IsToldAlsoIfWritingFailedFirst)
     auto const received = next(*granted.session)->received;
 
     EXPECT_EQ(received, Received::broken);
-    EXPECT_THAT(shown(granted.session->verdict()), HasSubstr("the server ends the connection"));
+    EXPECT_THAT(shown(granted.session->verdict()),
+                HasSubstr("the server is closing the connection"));
 }
 
 TEST(NoticeOfDisconnection, MakesAnIdleSessionStale)
@@ -525,7 +527,7 @@ TEST(AnswerOfAPeer, ThatAnnouncesGigabytesBreaksTheSession)
                 AllOf(StartsWith("TryLater -4 "), HasSubstr("a message larger than")));
 }
 
-TEST(AnswerOfAPeer, ThatIsNoLdapBreaksTheSession)
+TEST(AnswerOfAPeer, ThatIsNotLdapBreaksTheSession)
 {
     std::string const wrongTag = "HTTP/1.1 200 OK\r\n";
     std::string const wrongId = berElement(0x30, berElement(0x04, "x"));
@@ -543,11 +545,11 @@ TEST(AnswerOfAPeer, ThatIsNoLdapBreaksTheSession)
         EXPECT_EQ(next(*granted.session)->received, Received::broken);
         EXPECT_THAT(
             shown(granted.session->verdict()),
-            AllOf(StartsWith("TryLater -4 "), HasSubstr("the server sent what is not LDAP")));
+            AllOf(StartsWith("TryLater -4 "), HasSubstr("the server sent data that is not LDAP")));
     }
 }
 
-TEST(AnswerOfAPeer, ToNobodyIsDropped)
+TEST(AnswerOfAPeer, ToAnUnknownRequestIsDropped)
 {
     GrantedSession granted(answering([](int id) {
         std::string const nameless =
@@ -571,7 +573,7 @@ TEST(AnswerOfAPeer, ToNobodyIsDropped)
     EXPECT_TRUE(granted.session->verdict().isGood());
 }
 
-TEST(AnswerOfAPeer, ToNobodyWithoutEndDoesNotHoldTheSessionUp)
+TEST(AnswerOfAPeer, ToUnknownRequestsWithoutEndDoesNotBlockTheSession)
 {
     constexpr int many = 100000;
     GrantedSession granted(answering([&](int id) {

@@ -1,4 +1,4 @@
-// Sessions and their process: children that inherit them, peers that stop reading, and the password.
+// Sessions and forked children, peers that stop reading, and the password in memory.
 #include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
@@ -30,7 +30,7 @@ namespace {
 using Peer = ScriptedServer::Peer;
 using Received = Session::Received;
 
-/// Runs this in a child process: its exit status, with 0 for true.
+/// Runs this in a child process; returns its exit status, 0 for true.
 template <typename Act> bool holdsInChild(Act const& act)
 {
     pid_t const child = fork();
@@ -74,7 +74,7 @@ protected:
         ASSERT_EQ(shown(m_session->reach(Step::bind, soon())), "Found 0 ");
     }
 
-    /// A search and its answer, by the process that connected.
+    /// A search and its answer, in the process that connected.
     void expectThatTheSessionWorks()
     {
         int id = 0;
@@ -98,7 +98,7 @@ protected:
     std::unique_ptr<Session> m_session;
 };
 
-TEST_P(InheritedSession, IsLetGoOfWithoutAByte)
+TEST_P(InheritedSession, IsDestroyedWithoutSendingAByte)
 {
     bool const isGone = holdsInChild([&] {
         m_session.reset();
@@ -146,7 +146,7 @@ INSTANTIATE_TEST_SUITE_P(PlainAndSecure, InheritedSession, testing::Bool());
 
 // Writing
 
-TEST(SessionThatIsLetGoOf, SaysUnbind)
+TEST(SessionThatIsDestroyed, SaysUnbind)
 {
     ScriptedServer server([](Peer& peer) {
         peer.grantBind();
@@ -162,11 +162,11 @@ TEST(SessionThatIsLetGoOf, SaysUnbind)
     EXPECT_THAT(operationsOf(server.received()), ElementsAre(BindRequest, UnbindRequest));
 }
 
-TEST(SessionThatIsLetGoOf, SaysUnbindAndGoodbyeByTls)
+TEST(SessionThatIsDestroyed, SaysUnbindAndGoodbyeByTls)
 {
     Authority authority;
-    // Without the tickets of TLS 1.3: what a client has not read when it closes resets the connection,
-    // and its last words may be lost.
+    // Without the tickets of TLS 1.3: input that the client has not read when it closes causes a
+    // reset, and its last output may be lost.
     ServerTls const tls(authority.issue(), "NORMAL:-VERS-ALL:+VERS-TLS1.2");
     std::atomic<bool> wasEndedByGoodbye{false};
     ScriptedServer server([&](Peer& peer) {
@@ -185,7 +185,7 @@ TEST(SessionThatIsLetGoOf, SaysUnbindAndGoodbyeByTls)
     EXPECT_TRUE(wasEndedByGoodbye);
 }
 
-/// A server that takes the connection and never reads.
+/// A server that accepts the connection and never reads.
 class PeerThatDoesNotRead : public testing::TestWithParam<bool> {
 protected:
     /// More than the kernel takes for both sides, 100,000 bytes each.
@@ -243,7 +243,7 @@ TEST_P(PeerThatDoesNotRead, BreaksTheSessionAfterTheNetworkTimeout)
                 AllOf(StartsWith("TryLater -5 "), HasSubstr("has read nothing for 0.300 s")));
 }
 
-TEST_P(PeerThatDoesNotRead, HoldsNobodyUpWhoLetsGo)
+TEST_P(PeerThatDoesNotRead, DoesNotBlockTheDestructor)
 {
     auto session = opened(std::chrono::seconds(10));
     fillUp(*session);

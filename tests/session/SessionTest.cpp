@@ -1,4 +1,4 @@
-// One session with a directory: its bind, its requests, and a server that starts again.
+// One session with a directory: bind, requests, and a restarted server.
 #include "Eventually.h"
 #include "Sessions.h"
 #include "Slapd.h"

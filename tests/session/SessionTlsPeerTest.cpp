@@ -1,4 +1,4 @@
-// TLS peers that are silent, break off or say odd things; and sessions that are resumed.
+// TLS peers that are silent, disconnect or send invalid data; and session resumption.
 #include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
@@ -33,7 +33,7 @@ using Peer = ScriptedServer::Peer;
 constexpr char tls12[] = "NORMAL:-VERS-ALL:+VERS-TLS1.2";
 constexpr char tls13[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3";
 
-/// Answers each request with a success of its kind.
+/// Answers each request with success.
 void answerAll(Peer& peer)
 {
     for (std::string request = peer.receiveMessage(); !request.empty();
@@ -76,7 +76,7 @@ TEST_F(TlsPeer, ThatIsSilentEndsWithTheTimeout)
 
     EXPECT_THAT(shown(verdict),
                 AllOf(StartsWith("TryLater -5 ldaps://127.0.0.1:"),
-                      HasSubstr("no connection within 0.300 s: the TLS handshake")));
+                      HasSubstr("the TLS handshake was not finished within 0.300 s")));
     EXPECT_EQ(session.step(), Step::handshake);
 }
 
@@ -133,8 +133,8 @@ TEST_F(TlsPeer, ThatDripsItsAnswersIsUnderstood)
     EXPECT_EQ(shown(session.reach(Step::bind, soon())), "Found 0 ");
 }
 
-// More than a record, and several messages in one: nothing of it may stay behind in TLS while the
-// session waits for the socket.
+// More than one record, and several messages in one record: no input may stay in the TLS layer
+// while the session polls the socket.
 TEST_F(TlsPeer, ThatAnswersInRecordsThatDoNotEndWithMessagesLeavesNothingBehind)
 {
     std::string const large(100000, 'x');
@@ -157,7 +157,7 @@ TEST_F(TlsPeer, ThatAnswersInRecordsThatDoNotEndWithMessagesLeavesNothingBehind)
     EXPECT_EQ(typesFor(session, id).size(), 22U);
 }
 
-// After each ticket GnuTLS stops, with the answer behind it read from the socket already.
+// GnuTLS stops after each ticket, when the answer after it has already been read from the socket.
 TEST_F(TlsPeer, ThatSendsTicketsBeforeItsAnswerIsUnderstood)
 {
     ServerTls const tls(m_authority.issue(), tls13);
@@ -191,7 +191,7 @@ TEST_F(TlsPeer, IsFreshAfterTheTicketsOfTheHandshake)
     Session session(secureOptions(server.port(), good()));
     ASSERT_EQ(shown(session.reach(Step::handshake, soon())), "Found 0 ");
 
-    // The tickets come when they come; the connection is fresh before, meanwhile and after.
+    // Tickets arrive at any time; the connection is fresh before, meanwhile and afterwards.
     bool const wasFresh = session.isFresh();
     server.giveCue();
 
@@ -251,7 +251,7 @@ INSTANTIATE_TEST_SUITE_P(InEachVersion, TlsPeerThatBreaksOff, testing::Values(tl
 
 class ResumedTls : public testing::TestWithParam<char const*> {
 protected:
-    /// A session with the server, bound, with what came of its answers taken in.
+    /// A bound session with the server, with all input received.
     std::unique_ptr<Session> opened(std::string const& host = "localhost")
     {
         SessionOptions options = secureOptions(m_server.port(), TlsPolicy(), host);
@@ -295,8 +295,9 @@ TEST_P(ResumedTls, IsNotTakenUpForAnotherName)
 
     auto const second = opened("elsewhere.example.test");
 
-    EXPECT_THAT(shown(second->verdict()),
-                AllOf(StartsWith("Refused -11 "), HasSubstr("not for 'elsewhere.example.test'")));
+    EXPECT_THAT(
+        shown(second->verdict()),
+        AllOf(StartsWith("Refused -11 "), HasSubstr("does not match 'elsewhere.example.test'")));
     EXPECT_FALSE(second->isTlsResumed());
 }
 

@@ -1,4 +1,4 @@
-// TLS: certificates of every kind, versions, client certificates, and peers that do not finish.
+// TLS: kinds of certificates, versions, client certificates, and interrupted handshakes.
 #include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
@@ -32,7 +32,7 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-/// Shakes hands, and answers each request with a success of its kind.
+/// Completes the handshake and answers each request with success.
 void serve(Peer& peer, ServerTls const& tls)
 {
     if (!peer.startTls(tls)) {
@@ -62,7 +62,7 @@ private:
     ScriptedServer m_server{[this](Peer& peer) { serve(peer, m_tls); }};
 };
 
-/// An authority, and what a session says to certificates.
+/// An authority, and the verdicts of sessions on certificates.
 class CertificateOfAServer : public testing::Test {
 protected:
     Verdict verdictOn(TlsIdentity const& identity, TlsVerify verify = TlsVerify::full,
@@ -116,9 +116,10 @@ TEST_F(CertificateOfAServer, IsRefusedForAnotherName)
     Verdict const verdict = verdictOn(good, TlsVerify::full, "ldap.example.test");
     bool const wasShown = m_session->certificate().has_value();
 
-    EXPECT_THAT(shown(verdict),
-                AllOf(StartsWith("Refused -11 ldaps://ldap.example.test:"),
-                      HasSubstr("not for 'ldap.example.test', but for localhost, 127.0.0.1")));
+    EXPECT_THAT(
+        shown(verdict),
+        AllOf(StartsWith("Refused -11 ldaps://ldap.example.test:"),
+              HasSubstr("does not match 'ldap.example.test', it is for localhost, 127.0.0.1")));
     EXPECT_TRUE(wasShown);
     EXPECT_EQ(m_session->step(), Step::handshake);
     EXPECT_EQ(shown(verdictOn(good, TlsVerify::chain, "ldap.example.test")), "Found 0 ");
@@ -138,7 +139,7 @@ TEST_F(CertificateOfAServer, IsRefusedWithoutItsAuthority)
 TEST_F(CertificateOfAServer, IsRefusedIfItSignedItself)
 {
     EXPECT_THAT(shown(verdictOn(m_authority.selfSigned(m_wish))),
-                AllOf(StartsWith("Refused -11 "), HasSubstr("not accepted: signed by itself")));
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not accepted: self-signed")));
 }
 
 TEST_F(CertificateOfAServer, IsRefusedOutOfItsTime)
@@ -146,7 +147,7 @@ TEST_F(CertificateOfAServer, IsRefusedOutOfItsTime)
     m_wish.notBefore = 1577836800;
     m_wish.notAfter = 1609459200;
     EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
-                AllOf(StartsWith("Refused -11 "), HasSubstr("expired since 2021-01-01")));
+                AllOf(StartsWith("Refused -11 "), HasSubstr("expired on 2021-01-01")));
 
     m_wish.notBefore = 4102444800;
     m_wish.notAfter = 4133980800;
@@ -162,9 +163,8 @@ TEST_F(CertificateOfAServer, IsRefusedIfTheAuthorityInBetweenExpired)
     between.notBefore = 1577836800;
     between.notAfter = 1609459200;
 
-    EXPECT_THAT(
-        shown(verdictOn(m_authority.issueThrough(between, m_wish))),
-        AllOf(StartsWith("Refused -11 "), HasSubstr("expired since 2021-01-01 (CN=Between)")));
+    EXPECT_THAT(shown(verdictOn(m_authority.issueThrough(between, m_wish))),
+                AllOf(StartsWith("Refused -11 "), HasSubstr("expired on 2021-01-01 (CN=Between)")));
 }
 
 TEST_F(CertificateOfAServer, IsRefusedIfItIsForClients)
@@ -172,7 +172,7 @@ TEST_F(CertificateOfAServer, IsRefusedIfItIsForClients)
     m_wish.isForClients = true;
 
     EXPECT_THAT(shown(verdictOn(m_authority.issue(m_wish))),
-                AllOf(StartsWith("Refused -11 "), HasSubstr("not meant for servers")));
+                AllOf(StartsWith("Refused -11 "), HasSubstr("not valid for servers")));
 }
 
 TEST_F(CertificateOfAServer, IsRefusedIfItsKeyIsShort)
@@ -265,16 +265,16 @@ TEST(TlsContextFor, UnusableFilesIsMisconfigured)
     };
 
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.caFile = empty; }),
-                AllOf(StartsWith("Misconfigured -9 the file of authorities '"),
-                      HasSubstr("empty.pem' holds no certificates")));
+                AllOf(StartsWith("Misconfigured -9 the CA file '"),
+                      HasSubstr("empty.pem' contains no certificates")));
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.caFolder = emptyFolder; }),
-                AllOf(StartsWith("Misconfigured -9 the folder of authorities '"),
-                      HasSubstr("folder' holds no certificates")));
+                AllOf(StartsWith("Misconfigured -9 the CA folder '"),
+                      HasSubstr("folder' contains no certificates")));
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.caFolder = "/nonexistent"; }),
                 HasSubstr("'/nonexistent' cannot be read: No such file"));
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.crlFile = empty; }),
-                AllOf(StartsWith("Misconfigured -9 the file of revocation lists '"),
-                      HasSubstr("holds no revocation lists")));
+                AllOf(StartsWith("Misconfigured -9 the CRL file '"),
+                      HasSubstr("contains no usable revocation lists")));
     EXPECT_THAT(refusal([&](TlsPolicy& tls) { tls.cipherSuite = "HIGH:!aNULL"; }),
                 AllOf(StartsWith("Misconfigured -9 the cipher suite 'HIGH:!aNULL' is not"),
                       HasSubstr("GnuTLS")));

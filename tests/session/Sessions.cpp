@@ -1,4 +1,4 @@
-// Sessions, and what became of them.
+// Sessions and their results.
 #include "Sessions.h"
 
 #include <solvane/session/ResultCodes.h>

@@ -1,4 +1,4 @@
-// What the tests of sessions have in common.
+// Helpers for tests of sessions.
 #ifndef SOLVANE_TESTS_SESSION_SESSIONS_H
 #define SOLVANE_TESTS_SESSION_SESSIONS_H
 
@@ -14,10 +14,10 @@ namespace SolvaneTest {
 constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
 constexpr char people[] = "ou=people,dc=corp,dc=test";
 
-/// The reader's password, as sessions borrow it.
+/// The reader's password, for sessions to borrow.
 extern std::string const readerPassword;
 
-/// Deadlines: in so long, and late enough not to matter.
+/// Deadlines: after a duration, and late enough not to matter.
 Solvane::Lookup::Clock::time_point in(std::chrono::milliseconds time);
 Solvane::Lookup::Clock::time_point soon();
 
@@ -35,10 +35,10 @@ Solvane::Lookup::TlsPolicy policy(Solvane::Lookup::TlsVerify verify,
 /// A search among the people.
 Solvane::Lookup::SearchRequest peopleSearch();
 
-/// The verdict in one text: outcome, code, words.
+/// The verdict as text: outcome, code, message.
 std::string shown(Solvane::Lookup::Verdict const& verdict);
 
-/// A message and its id; null if the connection broke, or none came in ten seconds.
+/// A message and its id; null if the connection broke or none arrived within ten seconds.
 struct Message {
     Solvane::LDAPMessageBuffer message;
     int id = 0;

@@ -13,20 +13,20 @@ namespace SolvaneTest {
 
 using Clock = std::chrono::steady_clock;
 
-/// From one moment to another.
+/// A span of time.
 struct Span {
     Clock::time_point from;
     Clock::time_point to;
 };
 
-/// The moments at which any of several threads had a success, to the millisecond.
+/// The times at which any thread had a success, to the millisecond.
 class SuccessTimes {
 public:
     SuccessTimes(Clock::time_point start, Clock::duration length);
 
-    /// For any thread; a moment beyond the length is not kept.
+    /// Thread-safe. Times beyond the length are dropped.
     void add(Clock::time_point moment);
-    /// The times without a success that are longer than `shortest`, up to `end`.
+    /// The spans without a success longer than `shortest`, up to `end`.
     std::vector<Span> stretchesWithout(Clock::duration shortest, Clock::time_point end) const;
 
 private:
@@ -34,18 +34,18 @@ private:
     std::vector<std::atomic<bool>> m_slots; ///< one for each millisecond
 };
 
-/// The times in which one thread asked and got no good answer: each from the beginning of the first
-/// lookup that did not succeed at once to the end of the one that did. For one thread.
+/// The outages seen by one thread: each from the start of the first failed or slow lookup to the
+/// end of the next good one. Not thread-safe.
 class Outages {
 public:
     explicit Outages(Clock::duration shortest);
 
     void asked(Clock::time_point start);
     void answered(Clock::time_point end);
-    /// The thread asks nobody for a while: an outage that goes on is no longer watched.
+    /// The thread pauses its lookups: an outage in progress is dropped.
     void paused() { m_isWaiting = false; }
 
-    /// Those longer than the shortest, as far as there was room.
+    /// The outages longer than the shortest, as far as there was room.
     std::vector<Span> const& spans() const { return m_spans; }
 
 private:

@@ -71,7 +71,7 @@ TEST(Outages, LastFromTheFirstLookupThatFailedToTheOneThatDidNot)
     EXPECT_EQ(millisecondsOf(outages.spans()[0].to - start), 350);
 }
 
-TEST(Outages, AreNoneWhereAnswersComeAtOnce)
+TEST(Outages, AreEmptyIfAnswersComeAtOnce)
 {
     Outages outages(milliseconds(100));
     for (int second = 0; second != 5; ++second) {
@@ -82,7 +82,7 @@ TEST(Outages, AreNoneWhereAnswersComeAtOnce)
     EXPECT_TRUE(outages.spans().empty());
 }
 
-TEST(Outages, DoNotCountTheTimeInWhichNobodyIsAsked)
+TEST(Outages, DoNotCountTheTimeWithoutLookups)
 {
     Outages outages(milliseconds(100));
     outages.asked(start);

@@ -1,4 +1,4 @@
-// The threads, their pace, and the judgement on each answer.
+// The threads, their rate, and the check of each answer.
 #include "Load.h"
 
 #include <algorithm>
@@ -44,7 +44,7 @@ std::string valuesOf(LDAPSearchResultEntry const& entry)
     return text;
 }
 
-/// The user that was asked for, and no other. Some have a second address behind the first.
+/// Whether it is exactly the requested user. Some users have a second address.
 bool isTheUser(LDAPLookup::Answer const& answer, Question const& question)
 {
     if (answer.entries.size() != 1 || answer.entries.front().entryName() != question.dn) {
@@ -84,7 +84,7 @@ std::string wordsFor(LDAPLookup::Answer const& answer, Question const& question)
     return words;
 }
 
-/// When there is a flood.
+/// Whether the load is at its flood.
 class Tides {
 public:
     Tides(Clock::time_point start, Clock::duration length) : m_start(start), m_length(length) {}
@@ -100,7 +100,7 @@ private:
     Clock::duration const m_length;
 };
 
-/// What the threads of one way share.
+/// State shared by the threads of one way.
 struct Common {
     Party const& party;
     LoadSettings const& settings;

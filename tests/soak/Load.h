@@ -1,4 +1,4 @@
-// Many threads that look users up, each by one way, and what their answers came to.
+// Many threads that look up users, each in one way, and the results.
 #ifndef SOLVANE_TESTS_SOAK_LOAD_H
 #define SOLVANE_TESTS_SOAK_LOAD_H
 
@@ -14,8 +14,8 @@
 
 namespace SolvaneTest {
 
-/// How much is asked, and when. In each tide there is a flood, in which all threads ask, and an ebb,
-/// in which one thread of each way does, so that connections become idle.
+/// The load. Each tide has a flood, in which all threads send lookups, and an ebb, in which only
+/// one thread of each way does, so that connections become idle.
 struct LoadSettings {
     unsigned int threads = 64;       ///< of all ways together
     double rate = 2000;              ///< lookups a second that the threads try to make, in a flood
@@ -26,7 +26,7 @@ struct LoadSettings {
     std::uint64_t seed = 1;
 };
 
-/// What became of the lookups of one way.
+/// The results of one way.
 struct WayReport {
     std::string name;
     unsigned int threads = 0;
@@ -54,7 +54,7 @@ struct LoadReport {
     std::vector<WayReport> ways;
 };
 
-/// Puts the load on all parties at once and returns when it is over.
+/// Runs the load on all parties at once; returns at its end.
 LoadReport putLoadOn(std::vector<Party> const& parties, LoadSettings const& settings);
 
 } // namespace SolvaneTest

@@ -1,4 +1,4 @@
-// The engine does everything itself; over the pool, the caller does.
+// The engine does everything itself; with the pool, the caller does.
 #include "Ways.h"
 
 namespace SolvaneTest {
@@ -54,7 +54,7 @@ LDAPLookup::Answer PoolWay::lookUp(std::string const& address)
     try {
         return lookUpOnce(address);
     } catch (LDAPException const&) {
-        // What broke one connection has broken the idle ones too, as a rule.
+        // If one connection broke, the idle ones are probably broken too.
         m_pool.clear();
         ++m_repeated;
     }
@@ -90,7 +90,7 @@ LDAPLookup::Answer PoolWay::search(LDAPConnection& connection, std::string const
     LDAPSearch request(connection, parameter);
     request.send();
     if (request.wait(m_settings.networkTimeout)) {
-        connection.unbind(); // a late answer would stay with it
+        connection.unbind(); // or a late answer would stay on it
         return noAnswer(timedOut, "no answer in time");
     }
     LDAPLookup::Answer answer;

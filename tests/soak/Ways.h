@@ -1,4 +1,4 @@
-// The ways in which a program can look an address up.
+// The ways in which a program can look up an address.
 #ifndef SOLVANE_TESTS_SOAK_WAYS_H
 #define SOLVANE_TESTS_SOAK_WAYS_H
 
@@ -11,14 +11,14 @@
 
 namespace SolvaneTest {
 
-/// A way that several threads share.
+/// A way, shared by several threads.
 class Way {
 public:
     virtual ~Way() = default;
 
     /// The entries with this mail address, their `mail` attribute with them.
     virtual Solvane::LDAPLookup::Answer lookUp(std::string const& address) = 0;
-    /// What it counted, by name.
+    /// Its counts by name.
     virtual std::map<std::string, unsigned long> statistics() const = 0;
 };
 
@@ -34,11 +34,11 @@ private:
     Solvane::LDAPLookup m_lookup;
 };
 
-/// The pool of the object interface, as its guide tells to use it: a lookup whose connection broke is
-/// repeated once, on another one.
+/// The pool of the object interface, used as in its guide: a lookup whose connection broke is
+/// repeated once on another one.
 class PoolWay : public Way {
 public:
-    /// Of the settings it takes the first server, its network timeout, who binds, and the search.
+    /// Uses the first server of the settings, its network timeout, the credentials and the search.
     explicit PoolWay(Solvane::LDAPLookup::Settings const& settings);
 
     Solvane::LDAPLookup::Answer lookUp(std::string const& address) override;

@@ -1,4 +1,4 @@
-"""A cluster of the test bed, and what is done to it while it is asked."""
+"""A cluster of the test bed, and the faults injected into it."""
 
 import os
 import random
@@ -60,7 +60,7 @@ class Provider:
 
 
 class Cluster:
-    """Replicated servers behind a balancer, for the length of a `with`."""
+    """Replicated servers behind a balancer; a context manager."""
 
     def __init__(self, testbed, folder, users, idle_seconds):
         self._testbed = testbed
@@ -105,7 +105,7 @@ class Cluster:
         )
 
     def add(self, provider, name):
-        """Adds an entry at one provider. True when that said so."""
+        """Adds an entry at one provider. Returns whether it reported success."""
         base = "ou=new," + self.settings["BASE_DN"]
         record = f"dn: cn={name},{base}\nobjectClass: device\ncn: {name}\n"
         return self._client("ldapadd", provider, [], record).returncode == 0
@@ -148,7 +148,7 @@ class Faults:
     of the monotonic clock: when a provider went, and when one was there again.
     """
 
-    # What happens, and how often of ten times.
+    # The faults, and how often of ten times.
     KINDS = ["crash"] * 4 + ["hang"] * 3 + ["restart"] * 2 + ["blackout"]
 
     def __init__(self, cluster, seed, scale, wait):
@@ -160,7 +160,7 @@ class Faults:
         self.log = []
 
     def run(self, until):
-        """Until the moment, and for as long as the last fault takes."""
+        """Runs until the time, and until the last fault has ended."""
         while self._pause(4, 9) and time.monotonic() < until:
             if not self._deck:  # so that a short run sees each kind too
                 self._deck = self._random.sample(self.KINDS, len(self.KINDS))

@@ -1,17 +1,17 @@
-"""What a soak's figures come to, and whether they are good. Pure: takes what was measured."""
+"""Evaluates the figures of a soak test. Pure functions of the measurements."""
 
 import statistics
 
-# A stretch without a right answer, in seconds, while a provider was up.
+# Longest time without a correct answer, in seconds, while a provider is up.
 LONGEST_STRETCH = 5.0
-# Growth of the resident set after warm-up: the greater of the two.
+# Allowed growth of the resident set after warm-up: the greater of the two.
 MEMORY_TOLERANCE_KIB = 2048
 MEMORY_TOLERANCE_SHARE = 0.05
 WARM_UP_SHARE = 0.2
-# Seconds after a fault in which its consequences are still met: a balancer finds a server up again
-# after two checks, a connection that broke is found out when it is used.
+# Seconds after a fault in which its consequences are still visible: a balancer needs two checks to
+# find a server up again, and a broken connection is noticed when it is used.
 AFTERMATH = 1.5
-# Shorter runs do not tell growth from the pools' filling.
+# Shorter runs cannot distinguish growth from filling the pools.
 SHORTEST_FOR_MEMORY = 120
 
 
@@ -37,7 +37,7 @@ def up_times(downs, start, end):
 
 
 def overlap(span, other):
-    """The part that two spans have in common, as its length."""
+    """The length of the intersection of two spans."""
     return max(0.0, min(span[1], other[1]) - max(span[0], other[0]))
 
 
@@ -49,7 +49,7 @@ def longest_stretch(stretches, ups):
 def after_fault(fault, spans):
     """How long the longest of the spans went on, of those that a fault may have to do with.
 
-    Counted from the fault; after a blackout, in which nobody can answer, from its end.
+    Counted from the fault; after a blackout, in which no server can answer, from its end.
     """
     start = fault["to"] if fault["kind"] == "blackout" else fault["from"]
     last = fault["to"] + AFTERMATH
@@ -68,7 +68,7 @@ def errors_near(faults, moments):
 
 
 def recoveries(faults, way):
-    """For each kind of fault: how many, and what lookups went through."""
+    """For each kind of fault: the number, and the effect on lookups."""
     table = {}
     for kind in sorted({fault["kind"] for fault in faults}):
         of = [fault for fault in faults if fault["kind"] == kind]
@@ -100,7 +100,7 @@ def memory_tolerance(first):
 
 
 def complaints(soak):
-    """Why the soak failed, a sentence each; none when it is passed."""
+    """The reasons why the soak failed, a sentence each; empty if it passed."""
     found = []
     for way in soak["ways"]:
         name = way["name"]

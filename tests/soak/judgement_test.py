@@ -1,4 +1,4 @@
-"""What a soak is judged by."""
+"""Tests of the evaluation of a soak."""
 
 import copy
 import os

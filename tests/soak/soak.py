@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
-"""A load of lookups on replicated servers that come and go, and a judgement on what came of it.
+"""A load of lookups on replicated servers that fail and recover, and its evaluation.
 
 Starts two replicated providers behind HAProxy (testbed/cluster-start), has solvane_soak put its load
 on them, and meanwhile kills, pauses and restarts them at random. Ends with 1 and says why where an
-answer was wrong, a descriptor was left, memory grew, or nobody had an answer for too long though a
+answer was wrong, a descriptor was left, memory grew, or there was no answer for too long although a
 server was up; with 2 where it could not be run.
 """
 
@@ -59,7 +59,7 @@ def installed(program):
 
 
 class Load:
-    """solvane_soak at work, and what it holds meanwhile."""
+    """A running solvane_soak, and its memory and descriptors."""
 
     def __init__(self, options, servers, tide):
         command = [
@@ -118,7 +118,7 @@ class Load:
                 return
 
     def result(self, seconds):
-        """What it reports. Ends it where that takes longer."""
+        """Its report. Kills it if that takes too long."""
         try:
             output, errors = self._process.communicate(timeout=seconds)
         except subprocess.TimeoutExpired:
@@ -142,7 +142,7 @@ class Load:
 
 
 class Writer:
-    """Adds an entry now and then, at whichever provider takes it."""
+    """Adds an entry from time to time, at any provider that accepts it."""
 
     def __init__(self, servers, seed):
         self._servers = servers
@@ -158,7 +158,7 @@ class Writer:
             number += 1
 
     def held(self):
-        """How many of the entries each provider has when it has caught up, or after some time."""
+        """The number of entries at each provider after replication, or after a timeout."""
         end = time.monotonic() + 30
         while True:
             held = [self._servers.added(provider) for provider in self._servers.providers]

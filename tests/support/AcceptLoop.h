@@ -1,4 +1,4 @@
-// The loop of a server that takes connections until it is told to end.
+// The accept loop of a test server.
 #ifndef SOLVANE_TESTS_SUPPORT_ACCEPT_LOOP_H
 #define SOLVANE_TESTS_SUPPORT_ACCEPT_LOOP_H
 
@@ -9,7 +9,7 @@
 
 namespace SolvaneTest {
 
-/// Gives each accepted socket, which does not block, to `take`, until `stop` is readable.
+/// Passes each accepted, non-blocking socket to `take`, until `stop` is readable.
 template <typename Take> void acceptUntil(int stop, int listener, Take const& take)
 {
     std::array<pollfd, 2> waited = {pollfd{listener, POLLIN, 0}, pollfd{stop, POLLIN, 0}};

@@ -1,4 +1,4 @@
-// A certificate authority of a test's own, and certificates of every kind.
+// A test's own certificate authority, and certificates of every kind.
 #ifndef SOLVANE_TESTS_SUPPORT_AUTHORITY_H
 #define SOLVANE_TESTS_SUPPORT_AUTHORITY_H
 
@@ -11,7 +11,7 @@
 
 namespace SolvaneTest {
 
-/// What a certificate is to be like. As it stands: good, for localhost and 127.0.0.1.
+/// The properties of a certificate. Default: valid, for localhost and 127.0.0.1.
 struct CertificateWish {
     std::string commonName = "localhost";
     std::vector<std::string> dnsNames = {"localhost"};
@@ -30,7 +30,7 @@ struct TlsIdentity {
     std::string keyFile;
 };
 
-/// Signs certificates and revokes them. Its files live as long as it does.
+/// Signs and revokes certificates. Owns its files; the destructor deletes them.
 class Authority {
 public:
     explicit Authority(std::string const& commonName = "Test authority");
@@ -42,13 +42,13 @@ public:
     std::string file() const;
     /// A new certificate.
     TlsIdentity issue(CertificateWish const& wish = CertificateWish());
-    /// The same by an authority in between, which it signs first.
+    /// The same, signed by an intermediate authority.
     TlsIdentity issueThrough(CertificateWish const& between, CertificateWish const& wish);
-    /// A certificate signed by itself alone.
+    /// A self-signed certificate.
     TlsIdentity selfSigned(CertificateWish const& wish);
     /// A list of revoked certificates.
-    /// @param revoked   those on it
-    /// @param validFor  seconds from now, below 0 for a list that is out of date
+    /// @param revoked   the revoked certificates
+    /// @param validFor  seconds from now; below 0 for an expired list
     std::string revocations(std::vector<TlsIdentity> const& revoked, long validFor = 86400);
 
 private:

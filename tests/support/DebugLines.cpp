@@ -1,4 +1,4 @@
-// The debug channel of a test program: lines go to the collector, or nowhere.
+// The debug channel of a test program: lines go to the collector, or are dropped.
 #include "DebugLines.h"
 
 #include <solvart/Debug.h>
@@ -15,7 +15,7 @@ SolvaneTest::DebugLines* g_collector = nullptr;
 
 } // namespace
 
-// A definition in the program goes before the runtime library's.
+// A definition in the program takes precedence over the runtime library's.
 void basepp::dbg::debug(char const* file, int line, char const* function, int flags,
                         char const* format, ...)
 {

@@ -1,4 +1,4 @@
-// Collects what the library writes to the debug channel, in place of the runtime's own print.
+// Collects the library's debug output, instead of printing it.
 #ifndef SOLVANE_TESTS_SUPPORT_DEBUG_LINES_H
 #define SOLVANE_TESTS_SUPPORT_DEBUG_LINES_H
 
@@ -7,7 +7,7 @@
 
 namespace SolvaneTest {
 
-/// Sets the debug mask and collects the lines while it lives; one at a time.
+/// Sets the debug mask and collects the lines during its lifetime; one object at a time.
 class DebugLines {
 public:
     explicit DebugLines(unsigned int mask);
@@ -24,7 +24,7 @@ private:
     std::vector<std::string> m_lines;
 };
 
-/// The start of an error line of the calling thread: "tid=", its number and a blank.
+/// The prefix of an error line of the calling thread: "tid=", its number and a blank.
 std::string tid();
 
 } // namespace SolvaneTest

@@ -1,4 +1,4 @@
-// An open file descriptor of our own.
+// Owns a file descriptor.
 #ifndef SOLVANE_TESTS_SUPPORT_DESCRIPTOR_H
 #define SOLVANE_TESTS_SUPPORT_DESCRIPTOR_H
 
@@ -10,7 +10,7 @@
 
 namespace SolvaneTest {
 
-/// The result of a system call that is negative, with errno set, when it fails.
+/// Returns the result of a system call; throws if it is negative.
 template <typename Number> Number checked(Number result, char const* what)
 {
     if (result < 0) {
@@ -19,7 +19,7 @@ template <typename Number> Number checked(Number result, char const* what)
     return result;
 }
 
-/// Closes the descriptor when it goes.
+/// Owns a file descriptor; the destructor closes it.
 class Descriptor {
 public:
     explicit Descriptor(int number) : m_number(number) {}

@@ -1,4 +1,4 @@
-// Waits for what another process or thread brings about.
+// Waits for an effect of another process or thread.
 #ifndef SOLVANE_TESTS_SUPPORT_EVENTUALLY_H
 #define SOLVANE_TESTS_SUPPORT_EVENTUALLY_H
 
@@ -7,7 +7,7 @@
 
 namespace SolvaneTest {
 
-/// True as soon as `condition` is, false when it still is not after ten seconds.
+/// Returns true as soon as `condition` is true, false if it is still false after ten seconds.
 template <typename Condition> bool eventually(Condition condition)
 {
     auto const deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);

@@ -1,4 +1,4 @@
-// The wrapped calls: each is recorded, then replaced or passed on.
+// The wrapped calls: each is recorded, then replaced or forwarded.
 #include "FakeOpenLDAP.h"
 
 #include <stdexcept>
@@ -149,7 +149,7 @@ std::string shown(unsigned long number) { return std::to_string(number); }
 
 FakeOpenLDAP* recorder() { return RealCalls::areWanted() ? nullptr : g_current; }
 
-/// What a pointer is called.
+/// The name of a pointer.
 std::string named(void const* pointer)
 {
     FakeOpenLDAP const* const fake = recorder();
@@ -163,7 +163,7 @@ template <typename... Arguments> void record(char const* function, Arguments con
     }
 }
 
-/// Calls the replacement, or the real function where there is none.
+/// Calls the replacement, or the real function if there is none.
 template <typename Member, typename Real, typename... Arguments>
 auto run(Member FakeOpenLDAP::*member, Real* real, Arguments... arguments)
 {
@@ -175,7 +175,7 @@ auto run(Member FakeOpenLDAP::*member, Real* real, Arguments... arguments)
     return real(arguments...);
 }
 
-/// Gives what a call has handed out its name.
+/// Names an object that a call has returned.
 void christen(void const* pointer, char const* name)
 {
     FakeOpenLDAP* const fake = recorder();

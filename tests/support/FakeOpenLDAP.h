@@ -1,7 +1,7 @@
-// Stands in for OpenLDAP and for what the library asks of the C library, call by call.
+// Replaces single calls of OpenLDAP and of the C library.
 //
-// The linker's --wrap leads every call of a test program here (FakeOpenLDAP.cmake has the list). A
-// call whose member is left empty goes on to the real function.
+// The linker's --wrap redirects the calls of a test program to here (FakeOpenLDAP.cmake has the
+// list). A call whose member is empty is forwarded to the real function.
 #ifndef SOLVANE_TESTS_SUPPORT_FAKE_OPENLDAP_H
 #define SOLVANE_TESTS_SUPPORT_FAKE_OPENLDAP_H
 
@@ -36,7 +36,7 @@ struct ReplacementOf<Result(Arguments...) noexcept> {
 /// Anything that can be called like the C function; empty: the function itself.
 template <typename Function> using Replacement = typename ReplacementOf<Function>::Type;
 
-/// While it lives, calls of this thread reach the real functions and leave no trace.
+/// During its lifetime, calls of this thread reach the real functions and are not recorded.
 class RealCalls {
 public:
     RealCalls() : m_before(s_areWanted) { s_areWanted = true; }
@@ -51,10 +51,10 @@ private:
     bool m_before;
 };
 
-/// Replaces and records the wrapped calls while it lives; one at a time.
+/// Replaces and records the wrapped calls during its lifetime; one object at a time.
 ///
-/// What a replacement calls itself is real and not recorded. Replacements may throw, as long as the
-/// function they replace is not declared to throw nothing (`time`, `getsockopt`).
+/// Calls made by a replacement are real and not recorded. Replacements may throw, unless the
+/// function they replace is declared not to throw (`time`, `getsockopt`).
 class FakeOpenLDAP {
 public:
     FakeOpenLDAP();

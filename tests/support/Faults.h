@@ -1,4 +1,4 @@
-// What a test says about a thrown LDAPException.
+// Helpers to check a thrown LDAPException.
 #ifndef SOLVANE_TESTS_SUPPORT_FAULTS_H
 #define SOLVANE_TESTS_SUPPORT_FAULTS_H
 
@@ -10,7 +10,7 @@
 
 namespace SolvaneTest {
 
-/// Runs `work` and returns a copy of the LDAPException that it throws. Any other outcome ends the
+/// Runs `work` and returns a copy of the LDAPException that it throws. Any other outcome fails the
 /// test.
 template <typename Work> Solvane::LDAPException thrownBy(Work&& work)
 {
@@ -35,7 +35,7 @@ MATCHER_P4(IsFault, unit, line, code, type, "")
            arg.getType() == type;
 }
 
-/// The type of the LDAPException attached as cause; -1 where there is none or it is another one.
+/// The type of the LDAPException attached as cause; -1 if there is none or it is another exception.
 inline int causeType(Solvane::Exception const& thrown)
 {
     if (!thrown.hasCause()) {
@@ -45,7 +45,7 @@ inline int causeType(Solvane::Exception const& thrown)
     return cause == nullptr ? -1 : cause->getType();
 }
 
-/// The LDAPException attached as cause; anything else ends the test.
+/// The LDAPException attached as cause; fails the test if there is none.
 inline Solvane::LDAPException const& causeOf(Solvane::Exception const& thrown)
 {
     return dynamic_cast<Solvane::LDAPException const&>(thrown.cause());

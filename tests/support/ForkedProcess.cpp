@@ -22,7 +22,7 @@ std::array<int, 2> newPipe()
     return ends;
 }
 
-/// What a child says about its work.
+/// A child's report on its work.
 std::string outcomeOf(ForkedProcess::Work const& work)
 {
     try {
@@ -53,7 +53,7 @@ void Gate::pass()
 {
     m_entrance.close();
     char none = 0;
-    checked(read(m_exit.number(), &none, 1), "read"); // ends when nobody can write any more
+    checked(read(m_exit.number(), &none, 1), "read"); // returns when all writers are gone
 }
 
 void Gate::open() { m_entrance.close(); }

@@ -12,14 +12,14 @@
 
 namespace SolvaneTest {
 
-/// How often a test forks what must not fail once.
+/// How often a test repeats a fork that must never fail.
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr int rounds = 15; // a fork takes long under a sanitizer
 #else
 constexpr int rounds = 100;
 #endif
 
-/// A gate that many processes wait at. Made before they are forked.
+/// A gate at which many processes wait; create it before they are forked.
 class Gate {
 public:
     Gate();
@@ -36,11 +36,11 @@ private:
     Descriptor m_entrance;
 };
 
-/// A child of this process, which runs a piece of the test and leaves without the rest of it. It is
-/// ended where it takes too long, and at the latest with this object.
+/// A child process that runs a part of the test and exits without the rest of it. It is killed if
+/// it takes too long, and at the latest by the destructor.
 class ForkedProcess {
 public:
-    /// What is wrong; empty: nothing.
+    /// What is wrong; empty if nothing is.
     using Work = std::function<std::string()>;
 
     explicit ForkedProcess(Work const& work);
@@ -48,7 +48,7 @@ public:
     ForkedProcess& operator=(ForkedProcess const&) = delete;
     ~ForkedProcess();
 
-    /// Waits for the end: what the work returned or threw, or how else the child ended.
+    /// Waits for the child; returns what the work returned or threw, or how else the child ended.
     std::string complaint();
 
 private:

@@ -32,7 +32,7 @@ public:
         checked(listen(m_listener.number(), 0), "listen");
         checked(getsockname(m_listener.number(), any, &length), "getsockname");
         m_number = ntohs(address.sin_port);
-        // One after the other, until one gets no answer.
+        // Connects until one gets no answer.
         constexpr int longEnough = 200;
         pollfd waited = {-1, POLLOUT, 0};
         do {

@@ -1,4 +1,4 @@
-// A small BER writer and reader; as much as LDAP messages need.
+// A small BER writer and reader for LDAP messages.
 #include "LdapMessages.h"
 
 #include <cstddef>
@@ -27,7 +27,7 @@ unsigned char byteAt(std::string const& bytes, std::size_t position)
     return static_cast<unsigned char>(bytes.at(position));
 }
 
-/// The least significant bytes, as many as there are.
+/// The significant bytes.
 std::string bigEndian(std::size_t number)
 {
     std::string bytes;
@@ -38,7 +38,7 @@ std::string bigEndian(std::size_t number)
     return bytes;
 }
 
-/// A number that is not negative.
+/// A non-negative number.
 std::string number(unsigned char tag, int value)
 {
     std::string bytes = bigEndian(static_cast<std::size_t>(value));
@@ -55,7 +55,7 @@ std::string ldapResult(unsigned char tag, int code, std::string const& more = st
     return berElement(tag, number(enumeratedTag, code) + octets("") + octets("") + more);
 }
 
-/// Where an element's content starts and how long it is; a length of 0 bytes: cannot be told yet.
+/// Start and length of an element's content; a length of 0 bytes means not known yet.
 struct Header {
     std::size_t bytes;
     std::size_t contentLength;

@@ -1,4 +1,4 @@
-// The bytes of LDAP messages as a server sends them (RFC 4511), for servers that play a script.
+// The bytes of LDAP messages from a server (RFC 4511), for scripted servers.
 #ifndef SOLVANE_TESTS_SUPPORT_LDAP_MESSAGES_H
 #define SOLVANE_TESTS_SUPPORT_LDAP_MESSAGES_H
 
@@ -21,22 +21,22 @@ enum Operation : unsigned char {
 
 /// A BER element: tag, length, content.
 std::string berElement(unsigned char tag, std::string const& content);
-/// A whole message with this id round an operation.
+/// A whole message with this id and operation.
 std::string ldapMessage(int messageId, std::string const& operation);
 
 std::string bindResponse(int messageId, int code = 0);
 std::string searchEntry(int messageId, std::string const& dn,
                         std::vector<Attribute> const& attributes);
 std::string searchDone(int messageId, int code = 0);
-/// The last words of a server that is about to close the connection (RFC 4511 section 4.4.1).
+/// A notice of disconnection (RFC 4511 section 4.4.1).
 std::string noticeOfDisconnection();
 /// The start of a message that claims to be 2 GB long.
 std::string hugeMessageHeader();
 
-/// What a whole message says about itself.
+/// The header of a whole message.
 int messageIdOf(std::string const& message);
 unsigned char operationOf(std::string const& message);
-/// The number of bytes of the message that `bytes` begins with; 0 while that cannot be told.
+/// The length of the message at the start of `bytes`; 0 while it is unknown.
 std::size_t messageLength(std::string const& bytes);
 
 } // namespace SolvaneTest

@@ -1,4 +1,4 @@
-// Messages of the domain name system (RFC 1035), as far as these answers need them.
+// DNS messages (RFC 1035), as far as these answers need them.
 #include "NameServer.h"
 
 #include <array>

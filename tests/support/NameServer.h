@@ -1,4 +1,4 @@
-// A name server on loopback that answers what a test says.
+// A name server on loopback with the test's own records.
 #ifndef SOLVANE_TESTS_SUPPORT_NAME_SERVER_H
 #define SOLVANE_TESTS_SUPPORT_NAME_SERVER_H
 
@@ -12,8 +12,8 @@
 
 namespace SolvaneTest {
 
-/// Answers questions for A, AAAA and SRV records on a free UDP port of 127.0.0.1. A name that is not
-/// known does not exist.
+/// Answers queries for A, AAAA and SRV records on a free UDP port of 127.0.0.1. Unknown names do
+/// not exist.
 class NameServer {
 public:
     NameServer();
@@ -21,7 +21,7 @@ public:
     NameServer& operator=(NameServer const&) = delete;
     ~NameServer();
 
-    /// As settings name it: "127.0.0.1:5353".
+    /// Its address for settings: "127.0.0.1:5353".
     std::string address() const;
 
     /// A name and its addresses, IPv4 and IPv6.
@@ -29,14 +29,15 @@ public:
     /// A name and one server of the service.
     void addService(std::string const& name, unsigned int priority, unsigned int weight,
                     unsigned int port, std::string const& host);
-    /// Does not answer any more.
+    /// Stops answering.
     void fallSilent();
-    /// Answers every question with this code (RFC 1035 section 4.1.1), as 2 for a server failure.
+    /// Answers every query with this code (RFC 1035 section 4.1.1), for example 2 for a server
+    /// failure.
     void fail(unsigned int code);
     /// Answers again as it should.
     void recover();
 
-    /// The names that were asked for, each question one.
+    /// The queried names, one for each query.
     std::vector<std::string> asked() const;
 
 private:

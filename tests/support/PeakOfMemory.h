@@ -1,4 +1,4 @@
-// How much memory this process has asked for.
+// The peak memory of this process.
 #ifndef SOLVANE_TESTS_SUPPORT_PEAK_OF_MEMORY_H
 #define SOLVANE_TESTS_SUPPORT_PEAK_OF_MEMORY_H
 
@@ -9,7 +9,7 @@
 
 namespace SolvaneTest {
 
-/// The most address space that this process has ever had, in megabytes.
+/// The peak address space of this process in megabytes.
 inline long peakOfMemory()
 {
     std::ifstream status("/proc/self/status");

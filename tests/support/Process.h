@@ -7,13 +7,13 @@
 
 namespace SolvaneTest {
 
-/// How a program ended, and what it wrote to standard output and standard error.
+/// The exit status and output of a program.
 struct Outcome {
-    int exitStatus; ///< 128 and the signal's number where a signal ended it
+    int exitStatus; ///< 128 plus the signal's number if a signal ended it
     std::string output;
 };
 
-/// @param command  the program, as a path or to be found in PATH, and its arguments
+/// @param command  the program, as a path or found in PATH, and its arguments
 /// @throws std::system_error  it cannot be started
 Outcome run(std::vector<std::string> const& command);
 

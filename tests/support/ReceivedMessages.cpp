@@ -1,4 +1,4 @@
-// A session over a pair of sockets, whose other end answers.
+// A session over a pair of sockets; the test answers at the other end.
 #include "ReceivedMessages.h"
 
 #include "Descriptor.h"
@@ -96,7 +96,7 @@ LDAPMessage* ReceivedMessages::entries(std::vector<std::string> const& dns)
     for (std::string const& dn : dns) {
         sendOperation(id, LDAP_RES_SEARCH_ENTRY, entryContent(dn, {}));
     }
-    // Once a later request is answered, all of them have been read.
+    // An answer to a later request proves that all of them have been read.
     ldap_msgfree(entry("dc=later"));
     return received(id, LDAP_MSG_RECEIVED);
 }
@@ -112,7 +112,7 @@ LDAPMessage* ReceivedMessages::damagedReference()
                                                 "ldap://a/");
 }
 
-/// OpenLDAP drops what answers no request.
+/// OpenLDAP drops messages that answer no request.
 int ReceivedMessages::newRequest()
 {
     int id = 0;

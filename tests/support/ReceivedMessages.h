@@ -11,9 +11,9 @@
 
 namespace SolvaneTest {
 
-/// A session of OpenLDAP's whose server is the test. Its calls leave no trace in a FakeOpenLDAP.
+/// An OpenLDAP session whose server is the test. A FakeOpenLDAP does not record its calls.
 ///
-/// A message is a new one each time and becomes the caller's; it may outlive its session.
+/// Each message is a new one, owned by the caller; it may outlive its session.
 class ReceivedMessages {
 public:
     ReceivedMessages();
@@ -21,10 +21,10 @@ public:
     ReceivedMessages(ReceivedMessages const&) = delete;
     ReceivedMessages& operator=(ReceivedMessages const&) = delete;
 
-    /// A session that parses messages; it stays this object's.
+    /// A session that parses messages; owned by this object.
     LDAP* session() const { return m_session; }
 
-    /// A message with a protocol operation of this tag; `content` is sent as it stands.
+    /// A message with a protocol operation of this tag; `content` is sent unchanged.
     LDAPMessage* operation(ber_tag_t tag, std::string const& content);
     /// A final response (RFC 4511 section 4.1.9).
     LDAPMessage* response(ber_tag_t tag, int code, std::string const& matchedDN = "",

@@ -75,7 +75,7 @@ ScriptedServer::~ScriptedServer()
     m_changed.notify_all();
     eventfd_write(m_stop.number(), 1);
     m_acceptor.join();
-    for (std::thread& player : m_players) { // nobody adds any more
+    for (std::thread& player : m_players) { // no more are added
         player.join();
     }
 }
@@ -137,7 +137,7 @@ void ScriptedServer::play(int socket)
 
 ScriptedServer::Peer::Peer(ScriptedServer& server, int socket) : m_server(server), m_socket(socket)
 {
-    int const on = 1; // a dripped byte is to leave at once
+    int const on = 1; // send single bytes at once
     setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
 }
 
@@ -176,13 +176,13 @@ void ScriptedServer::Peer::sendTickets(unsigned int count)
     gnutls_session_ticket_send(m_tls->get(), count, 0);
 }
 
-/// False when the server is to end.
+/// False if the server has to stop.
 bool ScriptedServer::Peer::awaitTls()
 {
     return awaitSocket(gnutls_record_get_direction(m_tls->get()) == 0 ? POLLIN : POLLOUT);
 }
 
-/// As recv(2) of a socket that does not block.
+/// As recv(2) on a non-blocking socket.
 ssize_t ScriptedServer::Peer::receiveSome(char* bytes, std::size_t room)
 {
     if (!m_tls) {
@@ -211,7 +211,7 @@ ssize_t ScriptedServer::Peer::sendSome(char const* bytes, std::size_t length)
     return -1;
 }
 
-/// False when the server is to end.
+/// False if the server has to stop.
 bool ScriptedServer::Peer::awaitSocket(short events)
 {
     std::array<pollfd, 2> waited = {pollfd{m_socket.number(), events, 0},
@@ -220,7 +220,7 @@ bool ScriptedServer::Peer::awaitSocket(short events)
     return waited[1].revents == 0;
 }
 
-/// False when there will be no more.
+/// False at the end of the input.
 bool ScriptedServer::Peer::receiveMore()
 {
     std::array<char, 65536> bytes;

@@ -1,4 +1,4 @@
-// A server that sends chosen bytes, for faults that no real server makes on request.
+// A server that sends chosen bytes, to play faults that real servers do not produce on demand.
 #ifndef SOLVANE_TESTS_SUPPORT_SCRIPTED_SERVER_H
 #define SOLVANE_TESTS_SUPPORT_SCRIPTED_SERVER_H
 
@@ -15,7 +15,7 @@
 
 namespace SolvaneTest {
 
-/// A port of 127.0.0.1 that refuses connections for as long as the object lives.
+/// A port of 127.0.0.1 that refuses connections during the object's lifetime.
 class RefusingPort {
 public:
     RefusingPort();
@@ -26,15 +26,15 @@ private:
     unsigned int m_number;
 };
 
-/// Listens on a free port of 127.0.0.1 and plays a script on every connection, each in a thread of
-/// its own. A connection is closed in the ordinary way when its script returns. Whatever a script
-/// waits for ends when the server is destroyed.
+/// Listens on a free port of 127.0.0.1 and runs a script on every connection, each in its own
+/// thread. When a script returns, its connection is closed normally. The destructor ends all waits
+/// of scripts.
 class ScriptedServer {
 public:
     class Peer;
     using Script = std::function<void(Peer&)>;
 
-    /// @param receiveBuffer  bytes that the kernel takes before the script reads; 0: its own choice
+    /// @param receiveBuffer  size of the kernel's receive buffer in bytes; 0: the default
     explicit ScriptedServer(Script script, int receiveBuffer = 0);
     ScriptedServer(ScriptedServer const&) = delete;
     ScriptedServer& operator=(ScriptedServer const&) = delete;
@@ -48,9 +48,9 @@ public:
     /// How many these are.
     std::size_t receivedCount() const;
 
-    /// Lets scripts that are in `Peer::awaitCue` go on.
+    /// Wakes scripts in `Peer::awaitCue`.
     void giveCue();
-    /// Waits until this many scripts have ended. False: not after ten seconds.
+    /// Waits until this many scripts have ended. False: timeout after ten seconds.
     bool awaitEndedScripts(std::size_t count);
 
 private:
@@ -76,27 +76,27 @@ class ScriptedServer::Peer {
 public:
     ~Peer();
 
-    /// Shakes hands; from then on everything goes through TLS.
-    /// @param cutAfter  bytes that leave; then the connection is shut down
+    /// Performs the handshake; uses TLS from then on.
+    /// @param cutAfter  bytes to send before the connection is shut down
     /// @return false if the handshake failed
     bool startTls(ServerTls const& tls,
                   std::size_t cutAfter = std::numeric_limits<std::size_t>::max());
     /// Whether the client resumed an earlier TLS session.
     bool isTlsResumed() const;
-    /// Sends tickets of TLS 1.3 besides those of the handshake.
+    /// Sends additional TLS 1.3 tickets.
     void sendTickets(unsigned int count);
-    /// Whether TLS was ended as it should be, after the client has closed the connection.
+    /// Whether the client sent close_notify before it closed the connection.
     bool hasHeardGoodbye() const { return m_hasHeardGoodbye; }
     /// Bytes that TLS has sent.
     std::size_t tlsBytes() const { return m_tls->sentBytes(); }
 
-    /// The next whole message; empty when the client or the test is gone.
+    /// The next whole message; empty if the client or the test has ended.
     std::string receiveMessage();
-    /// Waits for bytes, and leaves nothing of them in memory. Not with TLS.
+    /// Waits for bytes and keeps none of them in memory. Not with TLS.
     void discardSome();
     /// All bytes up to the end of the connection, or of the test.
     std::string receiveRest();
-    /// Receives a bind request and grants it.
+    /// Receives a bind request and accepts it.
     void grantBind();
     void send(std::string const& bytes);
     /// Sends byte by byte.
@@ -107,7 +107,7 @@ public:
     void awaitCue();
     /// Keeps the connection open and receives until the client closes it.
     void receiveUntilClosed();
-    /// Keeps the connection open and does not even receive.
+    /// Keeps the connection open without receiving.
     void ignore();
 
 private:

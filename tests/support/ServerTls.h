@@ -1,4 +1,4 @@
-// TLS for servers that play a script.
+// TLS for scripted servers.
 #ifndef SOLVANE_TESTS_SUPPORT_SERVER_TLS_H
 #define SOLVANE_TESTS_SUPPORT_SERVER_TLS_H
 
@@ -12,11 +12,12 @@
 
 namespace SolvaneTest {
 
-/// How a server speaks TLS; what its connections share.
+/// A server's TLS settings, shared by its connections.
 class ServerTls {
 public:
     /// @param priority           GnuTLS's priority string
-    /// @param clientAuthorities  PEM file: clients must show a certificate of theirs; empty: none is asked for
+    /// @param clientAuthorities  PEM file: clients must show a certificate of theirs; empty: none
+    ///                           is asked for
     explicit ServerTls(TlsIdentity const& identity, std::string const& priority = "NORMAL",
                        std::string const& clientAuthorities = std::string());
     ServerTls(ServerTls const&) = delete;
@@ -32,10 +33,10 @@ private:
     bool m_demandsCertificate;
 };
 
-/// One connection's TLS, on a socket that does not block. Results are GnuTLS's.
+/// TLS of one connection, on a non-blocking socket. Returns GnuTLS's results.
 class ServerTlsSession {
 public:
-    /// @param cutAfter  bytes that leave; then the connection is shut down
+    /// @param cutAfter  bytes to send before the connection is shut down
     ServerTlsSession(ServerTls const& tls, int socket,
                      std::size_t cutAfter = std::numeric_limits<std::size_t>::max());
     ServerTlsSession(ServerTlsSession const&) = delete;
@@ -43,9 +44,9 @@ public:
     ~ServerTlsSession();
 
     gnutls_session_t get() const { return m_session; }
-    /// Tells the client why the handshake failed, as OpenSSL would.
+    /// Sends the client an alert for the failed handshake, as OpenSSL would.
     void sendAlert(int error);
-    /// Bytes that have left.
+    /// Bytes sent.
     std::size_t sentBytes() const { return m_sent; }
 
 private:

@@ -56,8 +56,8 @@ char stateOf(pid_t pid)
     return nameEnd == std::string::npos ? 'X' : text.at(nameEnd + 2);
 }
 
-/// A descriptor of a process, whoever its parent is; readable when the process has ended, with all
-/// its threads and sockets.
+/// A descriptor of any process; readable when the process has ended with all its threads and
+/// sockets.
 int openProcess(pid_t pid) { return static_cast<int>(syscall(SYS_pidfd_open, pid, 0)); }
 
 bool endsInTime(Descriptor const& process)
@@ -162,7 +162,7 @@ void Slapd::signal(int number) const { checked(::kill(m_pid, number), "kill"); }
 
 void Slapd::kill()
 {
-    closeMonitor(); // while the server lives: saying goodbye to a dead one raises SIGPIPE
+    closeMonitor(); // while the server runs: an unbind to a dead server raises SIGPIPE
     Descriptor const process(checked(openProcess(m_pid), "pidfd_open"));
     signal(SIGKILL);
     require(endsInTime(process), "slapd does not end");

@@ -17,8 +17,8 @@ typedef struct ldap LDAP;
 
 namespace SolvaneTest {
 
-/// An OpenLDAP server with the data that testbed/README.md describes, on ports of its own. It ends
-/// with the object, and at the latest with the process.
+/// An OpenLDAP server with the data described in testbed/README.md, on its own ports. The
+/// destructor stops it; at the latest it ends with the process.
 class Slapd {
 public:
     /// @param options  those of testbed/slapd-start
@@ -29,8 +29,8 @@ public:
     ~Slapd();
 
     static bool isInstalled();
-    /// Skips the calling test, or fails it where the environment variable CI is "true", since there
-    /// it must run.
+    /// Skips the calling test; fails it if the environment variable CI is "true", since it must run
+    /// there.
     static void reportMissing();
 
     std::string host() const { return "127.0.0.1"; }
@@ -44,15 +44,15 @@ public:
     std::filesystem::path certificateFile() const { return m_directory / "tls" / "good.der"; }
 
     bool isRunning() const;
-    /// Kills the process, as a crash would, and waits until it is gone.
+    /// Kills the process, as in a crash, and waits until it is gone.
     void kill();
-    /// Starts it again on the same ports and data.
+    /// Restarts it with the same ports and data.
     void restart();
-    /// Stops the process where it is: the kernel still accepts connections, nobody answers.
+    /// Pauses the process: the kernel still accepts connections, but there are no answers.
     void pause();
     void resume();
 
-    /// How many connections the server has at the moment, this question's own not counted.
+    /// The server's current number of connections, not counting the one used for this query.
     long connectionCount();
 
 private:
@@ -70,8 +70,8 @@ private:
 
 /// Base of suites that share one server. `Suite` names its options: `static Slapd::... options()`.
 ///
-/// Without an installed server its tests are skipped; they fail where the environment variable CI
-/// is "true", since there they must run.
+/// Without an installed server, its tests are skipped; they fail if the environment variable CI is
+/// "true", since they must run there.
 template <typename Suite> class SuiteWithSlapd : public testing::Test {
 protected:
     static void SetUpTestSuite()

@@ -1,4 +1,4 @@
-// A folder of a test's own, deleted with all its content when the test is done.
+// A test's own folder; the destructor deletes it with its contents.
 #ifndef SOLVANE_TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
 #define SOLVANE_TESTS_SUPPORT_TEMPORARY_DIRECTORY_H
 

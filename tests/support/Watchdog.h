@@ -1,4 +1,4 @@
-// Ends a test that hangs: the library promises that nothing does, so a test must not either.
+// Ends a hanging test: the library must never hang.
 #ifndef SOLVANE_TESTS_SUPPORT_WATCHDOG_H
 #define SOLVANE_TESTS_SUPPORT_WATCHDOG_H
 
@@ -12,9 +12,9 @@
 
 namespace SolvaneTest {
 
-/// Watches every test, and every suite's set-up, of a test program. When one takes longer than the
-/// limit, the program says which and ends with SIGABRT, so that a debugger or a core file shows
-/// where it hung.
+/// Watches every test and every suite's set-up of a test program. If one takes longer than the
+/// limit, the program prints its name and ends with SIGABRT, so that a debugger or a core file
+/// shows where it hung.
 class Watchdog : public testing::EmptyTestEventListener {
 public:
     explicit Watchdog(std::chrono::seconds limit);

@@ -8,7 +8,7 @@
 int main(int argumentCount, char** arguments)
 {
     testing::InitGoogleTest(&argumentCount, arguments);
-    // The caller may have had it ignored; the tests are to die where the library raises it.
+    // The parent process may ignore it; here a SIGPIPE raised by the library must end the tests.
     std::signal(SIGPIPE, SIG_DFL);
     testing::UnitTest::GetInstance()->listeners().Append(
         new SolvaneTest::Watchdog(std::chrono::seconds(60)));

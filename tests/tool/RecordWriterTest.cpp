@@ -66,7 +66,7 @@ Record incomplete()
     return record;
 }
 
-/// Several entries where one is wanted.
+/// Several entries although --single allows one.
 Record tooMany()
 {
     Record record = jdoe();

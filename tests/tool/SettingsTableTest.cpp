@@ -50,7 +50,7 @@ std::map<std::string, std::string> itemsOf(std::string const& page)
     return items;
 }
 
-/// The names that solvane-ldap.conf(5) lists, with what it says of them.
+/// The names in solvane-ldap.conf(5), with their descriptions.
 std::map<std::string, std::string> namesInTheManual()
 {
     std::map<std::string, std::string> names;
@@ -65,7 +65,7 @@ std::map<std::string, std::string> namesInTheManual()
     return names;
 }
 
-/// What solvane-ldap(1) says of an option; empty if it does not list it.
+/// The description of an option in solvane-ldap(1); empty if it is not listed.
 std::string inTheManual(std::string const& option)
 {
     for (auto const& [head, text] : itemsOf(manualPage("solvane-ldap.1"))) {

@@ -17,7 +17,7 @@ std::string appended(void (*append)(std::string&, std::string_view), std::string
     return out;
 }
 
-TEST(OneLine, IsAppendedWithWhatIsNoPlainTextShown)
+TEST(OneLine, IsAppendedWithControlCharactersEscaped)
 {
     EXPECT_EQ(appended(appendOneLine, "j\xC3\xBCrgen"), "> j\xC3\xBCrgen");
     EXPECT_EQ(appended(appendOneLine, "a\tb\n\xFF"), "> a\\x09b\\x0A\\xFF");

@@ -452,8 +452,8 @@ class ProgressOfAnAdd(DirectoryTest):
 
         self.assertEqual(process.returncode, 73, shown)
         self.assertRegex(shown, rb"\r\x1b\[K\d+ \d+/s")
-        # The message stands on a line of its own, and in the end nothing is left of the progress.
-        self.assertIn(b"\r\x1b[Ksolvane-ldap: ou=p0," + NEW.encode() + b": exists already", shown)
+        # The message has its own line, and the progress line is erased at the end.
+        self.assertIn(b"\r\x1b[Ksolvane-ldap: ou=p0," + NEW.encode() + b": already exists", shown)
         self.assertTrue(shown.endswith(b"\r\x1b[K"), shown[-80:])
 
     def test_is_not_shown_elsewhere(self):

@@ -140,7 +140,7 @@ class CommandLine(ToolTest):
             ["--nouser", "67"],
         ):
             with self.subTest(option=option):
-                # The domain is none that is served: no server is asked.
+                # The domain is not served: no server is asked.
                 domains = [] if "--domains" in option else ["--domains", "other.test"]
                 result = run(*LOOKUP, "a@x.test", *domains, *option)
 

@@ -144,7 +144,7 @@ class AServerThatIsDown(LookupTest):
 
 
 class AConnectionClosedForIdleness(LookupTest):
-    """It is no error, and nobody hears of it (sssd#6003, mtpolicyd#27, cockroach#133777)."""
+    """It causes no error and no message (sssd#6003, mtpolicyd#27, cockroach#133777)."""
 
     def setUp(self):
         super().setUp()
@@ -287,7 +287,7 @@ class AConnectionThatLostItsBind(LookupTest):
 
 
 class OneServerOfAList(LookupTest):
-    """It stalls nobody, dead or paused (ejabberd#788, opnsense-core#5932)."""
+    """It delays no lookup for long, dead or paused (ejabberd#788, opnsense-core#5932)."""
 
     def setUp(self):
         super().setUp()
@@ -368,7 +368,7 @@ class OneServerOfAList(LookupTest):
 
 
 class APlaceholder(ToolTest):
-    """It surprises nobody who asks before (stalwart#1784, docker-mailserver#1101)."""
+    """It can be seen before it is used (stalwart#1784, docker-mailserver#1101)."""
 
     def test_is_called_an_error_where_there_is_none_of_that_name(self):
         for template in ("(mail=%s)", "(mail=$s)", "(mail={user})"):

@@ -1,4 +1,4 @@
-"""The options that help, manual page and completion tell are the same."""
+"""Help, manual page and completion have the same options."""
 
 import os
 import re

@@ -161,7 +161,7 @@ class OptionsOnADirectory(DirectoryTest):
         self.assertEqual((one[0], one[1]["status"]), (0, "found"))
         self.assertEqual((several[0], several[1]["status"]), (65, "error"))
         self.assertEqual(several[1]["code"], 0)  # the server has nothing against them
-        self.assertIn("entries where one is wanted (--single)", several[1]["text"])
+        self.assertIn("entries found, --single allows one", several[1]["text"])
         self.assertEqual((allowed[0], allowed[1]["status"]), (0, "found"))
         self.assertGreater(len(allowed[1]["entries"]), 1)
 

@@ -1,4 +1,4 @@
-"""Where passwords come from, which are refused, and that none is ever shown."""
+"""Sources of passwords, refused passwords, and that no password is ever shown."""
 
 import os
 import pty

@@ -25,7 +25,7 @@ CLOSE_WAIT = "08"  # in /proc/net/tcp: the peer has closed, we have not
 
 
 def eventually(condition):
-    """Waits until it holds; says whether it did in time."""
+    """Waits until the condition is true; returns whether it became true in time."""
     deadline = time.monotonic() + DEADLINE
     while not condition():
         if time.monotonic() > deadline:
@@ -35,7 +35,7 @@ def eventually(condition):
 
 
 class Slapd:
-    """A directory of its own for one test, or for a class of them."""
+    """A directory for one test or one class of tests."""
 
     def __init__(self, add_cleanup, *options):
         search = os.pathsep.join([os.environ.get("PATH", ""), "/usr/local/sbin", "/usr/sbin"])
@@ -74,7 +74,7 @@ class Slapd:
             raise AssertionError("slapd does not end")
 
     def pause(self):
-        """The kernel still accepts connections then, and nobody answers."""
+        """Pauses it: the kernel still accepts connections, but there are no answers."""
         os.kill(self._pid, signal.SIGSTOP)
 
     def resume(self):
@@ -237,7 +237,7 @@ class ScriptedDirectory:
             self._script(connection)
 
     def _stop(self):
-        # Wakes an accept() that nobody answered; close() alone does not.
+        # Wakes a blocked accept(); close() alone does not.
         for waiting in [self._listener, *self._sockets]:
             try:
                 waiting.shutdown(socket.SHUT_RDWR)
@@ -302,7 +302,7 @@ def hanging_up_after(*answers):
 
 
 def give(connection, answers):
-    """Gives requests these answers; says whether the client was there for all of them."""
+    """Gives requests these answers; returns whether the client stayed for all of them."""
     for answer in answers:
         if connection.receive() is None:
             return False
@@ -311,7 +311,7 @@ def give(connection, answers):
 
 
 def silent(connection):
-    """A script: takes requests and says nothing."""
+    """A script: receives requests and stays silent."""
     while connection.receive() is not None:
         pass
 

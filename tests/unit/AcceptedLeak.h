@@ -1,4 +1,4 @@
-// Memory that the library is known not to give back, kept from a leak checker.
+// Hides known leaks of the library from a leak checker.
 #ifndef SOLVANE_TESTS_UNIT_ACCEPTED_LEAK_H
 #define SOLVANE_TESTS_UNIT_ACCEPTED_LEAK_H
 
@@ -17,7 +17,7 @@
 
 namespace SolvaneTest {
 
-/// Runs `work`. What this thread allocates in it and leaves behind is no finding.
+/// Runs `work`. Leaks of this thread during `work` are not reported.
 ///
 /// For adapters whose constructor fails half-way: what they had built by then stays behind, which
 /// is part of their description.

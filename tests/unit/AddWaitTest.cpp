@@ -1,4 +1,4 @@
-// Awaiting the answer to an add: what each answer, silence and failure come to.
+// Awaiting the answer to an add: results of each answer, of silence and of failures.
 #include "CallTest.h"
 
 #include <climits>
@@ -367,7 +367,7 @@ TEST_F(AFailingWaitForAnAdd, KeepsItsCauseAsItWasThrown)
     EXPECT_EQ(cause->own, 77);
 }
 
-TEST_F(AFailingWaitForAnAdd, LetsWhatIsNoExceptionOfOursPassUnchanged)
+TEST_F(AFailingWaitForAnAdd, PassesForeignExceptionsUnchanged)
 {
     willThrow([] { throw std::bad_alloc(); });
 

@@ -16,13 +16,13 @@ thread_local unsigned int t_failing = 0; ///< t_count of the allocation that fai
 thread_local SolvaneTest::Releases* t_releases = nullptr;
 thread_local bool t_isInside = false; ///< the C++ library's new[] calls new, and so does delete
 
-/// The function behind the program's own.
+/// The function hidden by the program's own.
 template <typename Function> Function* next(char const* name)
 {
     return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
 }
 
-/// While it lives, this thread's memory is left to the real functions alone.
+/// During its lifetime, this thread uses the real functions directly.
 class Inside {
 public:
     Inside() : m_before(t_isInside) { t_isInside = true; }

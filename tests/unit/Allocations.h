@@ -1,4 +1,4 @@
-// What a test program allocates and gives back with new and delete: counted, watched, made to fail.
+// Counts, watches and fails allocations with new and delete.
 #ifndef SOLVANE_TESTS_UNIT_ALLOCATIONS_H
 #define SOLVANE_TESTS_UNIT_ALLOCATIONS_H
 
@@ -22,7 +22,7 @@ public:
     FailingAllocation& operator=(FailingAllocation const&) = delete;
 };
 
-/// While it lives, notes in which order this thread gives memory back; one at a time.
+/// During its lifetime, records the order in which this thread frees memory; one object at a time.
 class Releases {
 public:
     using Named = std::vector<std::pair<void const*, std::string>>;

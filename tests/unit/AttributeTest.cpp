@@ -54,7 +54,7 @@ public:
     BerValues& operator=(BerValues const&) = delete;
 
     berval** array() { return m_pointers.data(); }
-    /// Overwrites the values' bytes, as memory given back would be.
+    /// Overwrites the values' bytes, as happens to freed memory.
     void spoil()
     {
         for (std::string& text : m_texts) {
@@ -326,7 +326,7 @@ TEST(TheTextValues, OnceReadOutliveAReplacement)
     EXPECT_THAT(attribute.binaryValue(), IsEmpty());
 }
 
-TEST(TheTextValues, AreNotRememberedWhileThereAreNone)
+TEST(TheTextValues, AreNotCachedWhileThereAreNone)
 {
     LDAPAttribute attribute(LDAPAttributeType("cn"));
     ASSERT_THAT(attribute.value(), IsEmpty());

@@ -1,4 +1,4 @@
-// Completing an asynchronous bind: what each answer, silence and failure come to.
+// Completing an asynchronous bind: results of each answer, of silence and of failures.
 #include "CallTest.h"
 
 #include <cerrno>

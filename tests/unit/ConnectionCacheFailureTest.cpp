@@ -173,7 +173,7 @@ TEST_F(AFailingLookup, KeepsAForeignExceptionAsItsCause)
     EXPECT_EQ(withoutBind.cause().name(), "foreign");
 }
 
-TEST_F(AFailingLookup, LetsWhatIsNoExceptionOfOursPassUnchanged)
+TEST_F(AFailingLookup, PassesForeignExceptionsUnchanged)
 {
     openldap.ldap_initialize = [](auto...) -> int { throw std::bad_alloc(); };
 

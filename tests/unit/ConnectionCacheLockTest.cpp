@@ -73,7 +73,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileAConnectionIsOpenedBoundAndAwaited)
     EXPECT_THAT(couldRead, ElementsAre(true, true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileARefusedConnectionIsLetGo)
+TEST_F(TheLockOfAPool, IsFreeWhileARefusedConnectionIsReleased)
 {
     willAnswerBindsWith(LDAP_UNWILLING_TO_PERFORM);
 
@@ -82,7 +82,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileARefusedConnectionIsLetGo)
     EXPECT_THAT(couldRead, ElementsAre(true, true, true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileAFailedConnectionIsLetGo)
+TEST_F(TheLockOfAPool, IsFreeWhileAFailedConnectionIsReleased)
 {
     willAnswerBindsWith(LDAP_INVALID_CREDENTIALS);
 
@@ -91,7 +91,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileAFailedConnectionIsLetGo)
     EXPECT_THAT(couldRead, ElementsAre(true, true, true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGo)
+TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsReleased)
 {
     givenBack(bound())->m_openldapErrorCode = -1;
     givenBack(unbound())->m_openldapErrorCode = -1;
@@ -104,7 +104,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGo)
     EXPECT_THAT(couldRead, ElementsAre(true, true, true, true, true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterAHit)
+TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsReleasedAfterAHit)
 {
     LDAPConnection invalid = bound();
     LDAPConnection valid = bound();
@@ -120,7 +120,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterAHit)
     EXPECT_THAT(couldRead, ElementsAre(true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileExpiredConnectionsAreLetGo)
+TEST_F(TheLockOfAPool, IsFreeWhileExpiredConnectionsAreReleased)
 {
     givenBack(bound());
     givenBack(unbound());
@@ -132,7 +132,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileExpiredConnectionsAreLetGo)
     EXPECT_THAT(couldRead, ElementsAre(true, true, true, true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileClearedConnectionsAreLetGo)
+TEST_F(TheLockOfAPool, IsFreeWhileClearedConnectionsAreReleased)
 {
     givenBack(bound());
     givenBack(unbound());
@@ -143,7 +143,7 @@ TEST_F(TheLockOfAPool, IsFreeWhileClearedConnectionsAreLetGo)
     EXPECT_THAT(couldRead, ElementsAre(true, true));
 }
 
-TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsLetGoAfterALaterCheckFailed)
+TEST_F(TheLockOfAPool, IsFreeWhileAnInvalidConnectionIsReleasedAfterALaterCheckFailed)
 {
     LDAPConnection first = bound();
     LDAPConnection second = bound();

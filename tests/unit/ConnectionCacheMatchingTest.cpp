@@ -76,7 +76,7 @@ TEST_F(ALookup, WithCredentialsPassesAnUnboundConnectionOver)
     EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
 }
 
-TEST_F(ALookup, WithEmptyCredentialsIsNoLookupWithoutABind)
+TEST_F(ALookup, WithEmptyCredentialsDiffersFromOneWithoutABind)
 {
     LDAPConnectionImpl const* const without = givenBack(unbound());
 

@@ -169,7 +169,7 @@ TEST_F(TheMemoryOfAPool, IsNotNeededToDropAnInvalidConnection)
     EXPECT_EQ(state(), "hits 0, size 1, pooled 0");
 }
 
-TEST_F(TheMemoryOfAPool, IsAllGivenBackWhicheverAllocationOfAnOpeningFails)
+TEST_F(TheMemoryOfAPool, IsAllFreedWhicheverAllocationOfAnOpeningFails)
 {
     RealCalls const unseen;
     unsigned int failures = 0;

@@ -281,7 +281,7 @@ TEST_F(ADroppedConnection, IsOneWithoutASocket)
     EXPECT_EQ(state(), "hits 0, size 2, pooled 1");
 }
 
-TEST_F(TheServersOfAPool, AreNoneWhenItIsEmpty)
+TEST_F(TheServersOfAPool, AreAnEmptyListWhenItIsEmpty)
 {
     std::list<LDAPConnection::RefServer> servers{serverAt(7)};
     auto const* const given = servers.front().get();

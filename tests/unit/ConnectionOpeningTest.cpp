@@ -1,4 +1,4 @@
-// Opening a connection: the exact calls, in their order, and what is left behind where one fails.
+// Opening a connection: the exact calls in order, and the state after each failure.
 #include "CallTest.h"
 
 #include <climits>
@@ -283,8 +283,8 @@ TEST_F(FailingToOpenAConnection, GivesNothingBackBeforeTheSessionIsMade)
     EXPECT_THAT(openldap.calls(), ElementsAre("time", "ldap_initialize ldap://[127.0.0.1]:389/"));
 }
 
-// OpenLDAP would end the process where it is handed a null session.
-TEST_F(FailingToOpenAConnection, ReportsTheFirstOptionWhereThereIsNoSessionInSpiteOfASuccess)
+// OpenLDAP would abort the process for a null session.
+TEST_F(FailingToOpenAConnection, ReportsTheFirstOptionIfThereIsNoSessionInSpiteOfASuccess)
 {
     openldap.ldap_initialize = [](LDAP** session, char const*) {
         *session = nullptr;
@@ -360,7 +360,7 @@ TEST_F(FailingToOpenAConnection, IsSilentAboutTlsWhenABitOfTheMaskIsMissing)
 
 class EachOptionThatIsRefused : public CallTest, public testing::WithParamInterface<int> {};
 
-TEST_P(EachOptionThatIsRefused, IsReportedAndTheSessionGivenBackOnce)
+TEST_P(EachOptionThatIsRefused, IsReportedAndTheSessionFreedOnce)
 {
     int const refused = GetParam();
     openldap.ldap_set_option = [refused](LDAP* session, int option, void const* value) {

@@ -300,7 +300,7 @@ TEST_F(TheOutputOfOpenLDAP, GoesIntoTheFileWhileItIsOn)
     EXPECT_GT(written(), 0);
 }
 
-// A session keeps the level that it was made with: it goes on printing when the switch is off.
+// A session keeps its initial level: it keeps printing after the switch is off.
 TEST_F(TheOutputOfOpenLDAP, OfASessionThatOutlivesTheSwitchDoesNotGoIntoTheClosedFile)
 {
     log.level(0xffff, 0xffff);

@@ -41,7 +41,7 @@ TEST(AnLdapException, HoldsWhatItWasMadeWith)
     EXPECT_FALSE(exception.hasCause());
 }
 
-TEST(AnLdapException, GivesBackTheTypeThatWasSet)
+TEST(AnLdapException, ReturnsTheTypeThatWasSet)
 {
     LDAPException exception("LDAPException", 4, "Connection.cpp", 403, 1);
 

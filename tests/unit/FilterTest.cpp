@@ -26,7 +26,7 @@ bool isHexDigit(char character)
     return std::string("0123456789abcdefABCDEF").find(character) != std::string::npos;
 }
 
-/// What a value of a filter stands for (RFC 4515 section 3); "malformed" where it stands for none.
+/// The bytes that a filter value represents (RFC 4515 section 3); "malformed" if it is invalid.
 std::string unescaped(std::string const& value)
 {
     std::string result;

@@ -164,7 +164,7 @@ struct Element {
     std::string content;
 };
 
-/// The elements that stand in a row in `bytes`.
+/// The consecutive elements in `bytes`.
 std::vector<Element> elementsOf(std::string const& bytes)
 {
     std::vector<Element> elements;

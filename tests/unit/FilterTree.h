@@ -17,7 +17,7 @@ std::string hexadecimal(std::string const& bytes);
 
 /// Reads a filter from its text. Bytes other than parentheses, asterisk and backslash stand for
 /// themselves, the zero byte too.
-/// @throws std::invalid_argument  the text is no filter
+/// @throws std::invalid_argument  the text is not a filter
 std::string treeOfText(std::string const& filter);
 
 /// Reads a filter as OpenLDAP would send it.

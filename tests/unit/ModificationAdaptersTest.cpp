@@ -1,4 +1,4 @@
-// The arrays that an add hands to OpenLDAP: their shape, where they point, and what becomes of them.
+// The arrays that an add passes to OpenLDAP: layout, pointers and ownership.
 #include "AcceptedLeak.h"
 #include "Allocations.h"
 #include "CallTest.h"

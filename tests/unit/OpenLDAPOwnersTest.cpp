@@ -1,4 +1,4 @@
-// Owners of OpenLDAP memory: each object is given back once, by its own release call.
+// Owners of OpenLDAP memory: each object is freed once, by its own release call.
 #include "CallTest.h"
 
 #include <solvart/Buffer.h>

@@ -1,4 +1,4 @@
-// Work done by another thread, to find out whether something stands in its way.
+// Work in another thread, to find out whether it is blocked.
 #ifndef SOLVANE_TESTS_UNIT_OTHER_THREAD_H
 #define SOLVANE_TESTS_UNIT_OTHER_THREAD_H
 
@@ -13,7 +13,7 @@ namespace SolvaneTest {
 /// may stand in their way.
 class OtherThread {
 public:
-    /// True when `work` gets done, false when it is still held up after `limit`; it goes on then.
+    /// True if `work` completes, false if it is still blocked after `limit`; it continues then.
     bool finishes(std::function<void()> const& work,
                   std::chrono::milliseconds limit = std::chrono::seconds(20))
     {

@@ -110,7 +110,7 @@ std::string hexadecimalOf(char letter, Values const& values)
     }
 }
 
-/// A tree with its specifiers replaced by what they stand for.
+/// A tree with its specifiers replaced by their values.
 std::string filledIn(std::string const& tree, Values const& values)
 {
     std::string filled;

@@ -382,7 +382,7 @@ INSTANTIATE_TEST_SUITE_P(Number, AQueryInAStateThatStartLeavesAlone,
 
 // The end
 
-TEST_F(AnEndingQuery, GivesBackTheConnectionThatItTook)
+TEST_F(AnEndingQuery, ReturnsTheConnectionThatItTook)
 {
     connection.cacheMarkAsUsed();
     auto query = std::make_unique<Query>(1000, 10);

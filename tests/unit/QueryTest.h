@@ -41,7 +41,7 @@ public:
     using _LDAPQuery::m_timeout;
 };
 
-/// A request that answers a wait as the test says, and tells how long it was to wait.
+/// A request whose wait returns what the test sets, and that records the timeout.
 class ScriptedRequest : public LDAPRequestImpl {
 public:
     void send() override {}
@@ -85,7 +85,7 @@ protected:
         willReceive({});
     }
 
-    /// A query that binds first where told so, with a search to send.
+    /// A query with a search to send; binds first if requested.
     std::unique_ptr<Query> newQuery(bool bindFirst = false)
     {
         auto query = std::make_unique<Query>(connection, 1000, 10, bindFirst);

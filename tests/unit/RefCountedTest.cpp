@@ -16,7 +16,7 @@ using SolvaneTest::countOf;
 
 namespace {
 
-/// Stands before the body proper, so that the body does not start where its counting base does.
+/// Precedes the body proper, so that the body and its counting base have different addresses.
 struct Padding {
     virtual ~Padding() = default;
     std::string text = "a text too long to be kept in the string object itself";

@@ -230,7 +230,7 @@ TEST_F(AChain, ThatBeginsWithAnotherKindOfMessageIsRefused)
     EXPECT_FALSE(thrown.hasCause());
 }
 
-TEST_F(AContinuationReference, IsCheckedWithTheseCallsAndGivenBack)
+TEST_F(AContinuationReference, IsCheckedWithTheseCallsAndFreed)
 {
     parse(messages.reference({"ldap://a/", "ldap://b/"}));
 
@@ -262,7 +262,7 @@ TEST_F(AContinuationReference, ThatIsDamagedIsReported)
     EXPECT_EQ(thrown.stringParameter(), "Decoding error");
 }
 
-TEST_F(AContinuationReference, ThatIsDamagedGivesBackWhatOpenLDAPHandedOut)
+TEST_F(AContinuationReference, ThatIsMalformedFreesWhatOpenLDAPReturned)
 {
     openldap.ldap_parse_reference = [](LDAP*, LDAPMessage*, char*** references, LDAPControl***,
                                        int) {

@@ -1,4 +1,4 @@
-// Results: what each kind of message leaves in a result, and what is given back on the way.
+// Results: the effect of each kind of message on a result, and the memory freed on the way.
 #include "CallTest.h"
 
 namespace SolvaneTest {
@@ -313,7 +313,7 @@ TEST_F(ADamagedResponse, LeavesOnlyItsTypeInTheResult)
     EXPECT_THAT(result.referrals(), IsEmpty());
 }
 
-TEST_F(ADamagedResponse, GivesBackWhatOpenLDAPHandedOutBeforeItFailed)
+TEST_F(ADamagedResponse, FreesWhatOpenLDAPReturnedBeforeItFailed)
 {
     openldap.ldap_parse_result = [](LDAP*, LDAPMessage*, int*, char** matched, char** text,
                                     char*** referrals, LDAPControl***, int) {

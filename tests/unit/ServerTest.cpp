@@ -25,7 +25,7 @@ namespace {
 using Server = LDAPConnection::Server;
 using RefServer = LDAPConnection::RefServer;
 
-/// A name with a label longer than DNS allows (RFC 1035 section 2.3.4): nobody is asked for it.
+/// A name with a label longer than DNS allows (RFC 1035 section 2.3.4): no query is sent.
 std::string const unresolvable = std::string(64, 'x') + ".test";
 
 Server serverAt(std::string const& host, unsigned int port = 389, bool secure = false)

@@ -1,5 +1,5 @@
 /// @file
-/// The answer to a key: outcome, entries, and why.
+/// The answer to a key: outcome, entries and cause.
 #ifndef SOLVANE_LOOKUP_ANSWER_H
 #define SOLVANE_LOOKUP_ANSWER_H
 
@@ -15,21 +15,22 @@
 
 namespace Solvane::Lookup {
 
-/// The answer to one key. A value, except that copies share the entries. Any number of threads may
-/// read one.
+/// The answer to one key. A value, except that copies share the entries. Concurrent reads are
+/// thread-safe.
 struct Answer {
     Outcome outcome = Outcome::TryLater; ///< the outcome of the key
-    /// What was found; with `TryLater`, what came before a limit was hit. Handles: copies share.
+    /// The entries found; with `TryLater`, those received before a limit was hit. Copies share
+    /// them.
     std::list<LDAPSearchResultEntry> entries;
-    std::string filter; ///< of the last search, or of the one that could not be made; may be empty
+    std::string filter; ///< of the last search, or the invalid one that was not sent; may be empty
     std::string server; ///< URI of the server that answered or failed last; empty: none was asked
     int code = 0;       ///< as in `Verdict`
-    std::string text;   ///< why, in one line; may hold a remark if the outcome is `NotFound`
+    std::string text;   ///< cause, one line; if `NotFound`, may contain a remark
     Identity identity = Identity::Anonymous; ///< of the connection that answered
-    bool wasRepeated = false; ///< asked again: on a new connection, or of another server
+    bool wasRepeated = false; ///< a search was repeated, on a new connection or another server
     double milliseconds = 0;  ///< from the key's start to its answer
-    /// The forms of the key that were asked for, in order; `filter` is that of the last one. Empty if
-    /// the key itself is its only form.
+    /// The forms of the key that were looked up, in order; `filter` is that of the last one. Empty
+    /// if the key itself is its only form.
     std::vector<std::string> forms;
 
     /// The first value of the attribute `name` in the first entry that has one; empty without one.

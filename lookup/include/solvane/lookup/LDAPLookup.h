@@ -1,5 +1,5 @@
 /// @file
-/// One call that answers "who has this address?", over a list of servers, from any thread.
+/// Looks up addresses in a directory; the engine's main interface.
 #ifndef SOLVANE_LOOKUP_LDAP_LOOKUP_H
 #define SOLVANE_LOOKUP_LDAP_LOOKUP_H
 
@@ -12,72 +12,73 @@
 
 namespace Solvane {
 
-/// Looks keys (e-mail addresses) up in a directory that several servers hold.
+/// Looks up keys (e-mail addresses) in a directory held by several servers.
 ///
-/// One object serves all threads of a program: it keeps bound connections, validates each on
-/// checkout, fails over to the next server, skips servers that failed until their back-off expires, and
-/// ends each key at its deadline. It has no threads of its own. Whatever happens is an `Answer`; the
-/// calls throw nothing but `std::bad_alloc`, and what a source or sink throws. Thread-safe, except for
-/// moving and destroying. In a child process it opens connections of its own.
+/// One object serves all threads of a program. It pools bound connections, validates each on
+/// checkout, fails over to the next server, skips failed servers until their back-off expires, and
+/// ends each key at its deadline. It starts no threads. Every result is an `Answer`; the calls
+/// throw only `std::bad_alloc` and whatever a source or sink throws. Thread-safe, except for moving
+/// and destroying. After a fork, the child opens its own connections.
 class SOLVANE_LOOKUP_EXPORT LDAPLookup {
 public:
     using Answer = Lookup::Answer;         ///< to a key
     using Outcome = Lookup::Outcome;       ///< of a key
     using Identity = Lookup::Identity;     ///< of the connection that answered
-    using Server = Lookup::Server;         ///< of the list
+    using Server = Lookup::Server;         ///< of the server list
     using Form = Lookup::Form;             ///< of an address
-    using References = Lookup::References; ///< what they mean
-    using Settings = Lookup::Settings;     ///< where to look and how
+    using References = Lookup::References; ///< how to treat them
+    using Settings = Lookup::Settings;     ///< of all lookups
 
-    /// Validates the settings; no server is asked before the first lookup.
-    /// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: settings that no lookup could
-    ///                        succeed with; the text names the setting
+    /// Validates the settings; connects at the first lookup.
+    /// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: invalid settings; the text names
+    ///                        the setting
     explicit LDAPLookup(Settings const& settings);
     ~LDAPLookup();
 
-    /// Takes the connections and counts of `other`, which can only be assigned to or destroyed then.
-    /// Not thread-safe.
+    /// Takes the connections and statistics of `other`, which then may only be assigned to or
+    /// destroyed. Not thread-safe.
     LDAPLookup(LDAPLookup&& other) noexcept;
-    /// Lets go of its own connections, then the same. Not thread-safe.
+    /// Closes its own connections, then does the same. Not thread-safe.
     LDAPLookup& operator=(LDAPLookup&& other) noexcept;
 
-    /// Looks one key up, within the deadline. Thread-safe.
+    /// Looks up one key; blocks until the deadline at most. Thread-safe.
     Answer find(std::string const& address);
 
-    /// What a source did when it was asked for a key.
+    /// Result of a source.
     enum class Supply {
-        key,     ///< gave one
-        nothing, ///< has none yet; only if it was told not to wait
-        end,     ///< will give no more
+        key,     ///< returned a key
+        nothing, ///< no key yet; allowed only if `mayWait` is false
+        end,     ///< there are no more keys
     };
-    /// Gives the next key. Asked to wait only when every answer has been given out, so that the
-    /// other end of a pipe may see an answer before it asks again.
+    /// Returns the next key. `mayWait` is true only after all answers were passed to the sink, so
+    /// that a client on a pipe sees each answer before it sends the next key.
     using Source = std::function<Supply(std::string& key, bool mayWait)>;
-    /// Takes the answer to a key, in the order of the keys. False: stop, no more are wanted.
+    /// Receives the answer to a key, in the order of the keys. Returns false to stop.
     using Sink = std::function<bool(std::string const& key, Answer&& answer)>;
 
-    /// Looks up every key of `source`, from this thread, with up to `window` searches in flight on
-    /// each of up to `connections` connections. Each key has the deadline for itself, counted from
-    /// its start; what the source and the sink take of it is added. While other callers wait for a
-    /// connection, it takes turns with them. Thread-safe.
+    /// Looks up every key of `source`, in this thread, with up to `window` searches in flight on
+    /// each of up to `connections` connections. Each key has its own deadline, counted from its
+    /// start, without the time spent in source and sink. If other callers wait for a connection, it
+    /// shares them. Thread-safe.
     void findAll(Source const& source, Sink const& sink);
 
-    /// The same for a source that reads from a descriptor, as a pipe or a socket: a key is sent as soon
-    /// as it is there, also while others are in flight.
-    /// @param source      never asked to wait; after `nothing` it is asked again when `descriptor` is
-    ///                    readable or closed, so it must return whole keys that it has read before
-    /// @param descriptor  stays the caller's
-    /// @param sink        takes each answer, in the order of the keys
+    /// The same for a source that reads a descriptor, such as a pipe or a socket: a key is sent as
+    /// soon as it arrives, even while others are in flight.
+    /// @param source      never asked to wait. After `nothing` it is called again when `descriptor`
+    ///                    is readable or closed, so it must first return all keys that it has
+    ///                    buffered
+    /// @param descriptor  polled only; owned by the caller
+    /// @param sink        receives each answer, in the order of the keys
     void findAll(Source const& source, int descriptor, Sink const& sink);
 
-    /// Counted since the object was made.
+    /// Counts since construction.
     struct Statistics {
         unsigned long opened = 0;   ///< connections opened and bound
-        unsigned long reused = 0;   ///< lookups on a connection that was there
+        unsigned long reused = 0;   ///< lookups on a pooled connection
         unsigned long stale = 0;    ///< connections found closed before use
         unsigned long repeated = 0; ///< searches repeated, on a new connection or another server
     };
-    /// What has been counted. Thread-safe.
+    /// The current counts. Thread-safe.
     Statistics statistics() const;
 
 private:

@@ -1,5 +1,5 @@
 /// @file
-/// An administrator's query template: its filters, its explanation, and what is wrong with it.
+/// Query templates: expanding, explaining and validating them.
 #ifndef SOLVANE_LOOKUP_QUERY_TEMPLATE_H
 #define SOLVANE_LOOKUP_QUERY_TEMPLATE_H
 
@@ -12,60 +12,60 @@
 
 namespace Solvane::Lookup {
 
-/// A template with the values of `$b` and `$g`. All expanding is done by `LDAPUtil`. A value:
-/// usable from any thread.
+/// A template with the values of `$b` and `$g`. `LDAPUtil` expands it. A value; its const calls are
+/// thread-safe.
 class SOLVANE_LOOKUP_EXPORT QueryTemplate {
 public:
-    /// Takes any text; what is wrong with it is said by `check` and `expand`. Positions count the
-    /// bytes of this text from 0, blanks round it included.
+    /// Accepts any text; `check` and `expand` report errors in it. Positions count the bytes of
+    /// this text from 0, including leading blanks.
     explicit QueryTemplate(std::string const& text, std::string const& bValue = std::string(),
                            std::string const& gValue = std::string());
 
-    /// The template as it was given.
+    /// The template as given.
     std::string const& text() const { return m_text; }
 
-    /// The filter that looks for `address`.
+    /// The filter for `address`.
     /// @throws LDAPException  as `LDAPUtil::sv_ldap_expand_query`: the template is malformed; the
-    ///                        text says how
+    ///                        text names the error
     std::string expand(EmailAddress const& address) const;
 
     /// What one specifier did.
     struct Step {
         std::string::size_type position; ///< of its "$"
-        std::string specifier;           ///< as it is written
-        std::string dropped;             ///< text of the template before it that is left out
-        std::string inserted;            ///< with its escapes
-        std::string removed;             ///< what `${...}` took away
-        /// What `${...}` put in the place of `removed`: empty, unless it did not cut from the text
-        /// that the specifier before it inserted.
+        std::string specifier;           ///< as written
+        std::string dropped;             ///< text of the template before it that was dropped
+        std::string inserted;            ///< with escapes
+        std::string removed;             ///< text removed by `${...}`
+        /// Text that `${...}` put in place of `removed`. Empty, unless it cut into text other than
+        /// the last inserted value.
         std::string replacement;
     };
 
-    /// The specifiers in their order, up to the first malformed one.
+    /// The effect of each specifier in order, up to the first malformed one.
     std::vector<Step> explain(EmailAddress const& address) const;
 
-    /// Something in the template that an administrator should know.
+    /// An error or a doubtful place in the template.
     struct Finding {
-        /// How much it matters.
+        /// Severity of a finding.
         enum class Weight {
-            warning, ///< it works, but hardly as it was meant
+            warning, ///< works, but probably not as intended
             error,   ///< no lookup can succeed with it
         };
-        Weight weight;                   ///< how much it matters
+        Weight weight;                   ///< severity
         std::string::size_type position; ///< of the first byte concerned
-        std::string::size_type length;   ///< bytes concerned; 0: the place itself
+        std::string::size_type length;   ///< bytes concerned; 0: the position itself
         std::string text;                ///< one line
     };
 
-    /// Every finding, by position; asks no server.
+    /// All findings, by position; contacts no server.
     ///
-    /// Errors: a malformed or incomplete specifier; text, or a value that is inserted, that is no
-    /// line of UTF-8; parentheses that do not match; an empty expansion; a filter that OpenLDAP
-    /// refuses, where no other error explains it.
+    /// Errors: a malformed or incomplete specifier; control characters or invalid UTF-8 in the text
+    /// or an inserted value; unbalanced parentheses; an empty expansion; a filter that OpenLDAP
+    /// rejects, if no other error explains it.
     ///
-    /// Warnings: no specifier for the address; text lost before `$c`, `${` or an empty value; `#`
-    /// for an empty domain; a `${...}` that can find nothing, takes escapes apart or cuts into
-    /// other text; a filter that OpenLDAP refuses of an address without user or domain only.
+    /// Warnings: no specifier for the address; text dropped before `$c`, `${` or an empty value;
+    /// `#` for an empty domain; a `${...}` that can match nothing, splits escapes or cuts into
+    /// other text; a filter that OpenLDAP rejects only for addresses without user or domain.
     std::vector<Finding> check() const;
 
 private:
@@ -74,8 +74,8 @@ private:
     std::string m_gValue;
 };
 
-/// Whether OpenLDAP takes `filter` (RFC 4515) for a search; nothing is sent. False for an empty
-/// one, and for one with a NUL byte, at which OpenLDAP would end it.
+/// Whether OpenLDAP accepts `filter` (RFC 4515) for a search; sends nothing. False for an empty
+/// filter, and for one with a NUL byte, at which OpenLDAP would cut it. Thread-safe.
 SOLVANE_LOOKUP_EXPORT bool isFilter(std::string const& filter);
 
 } // namespace Solvane::Lookup

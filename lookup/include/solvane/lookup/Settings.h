@@ -1,5 +1,5 @@
 /// @file
-/// What a lookup is told: servers, credentials, search, limits.
+/// The settings of lookups: servers, credentials, search, limits.
 #ifndef SOLVANE_LOOKUP_SETTINGS_H
 #define SOLVANE_LOOKUP_SETTINGS_H
 
@@ -24,11 +24,11 @@ struct Server {
     bool secure = false;                                   ///< TLS from the first byte ("ldaps://")
     LDAPConnection::Protocol version = LDAPConnection::V3; ///< of LDAP
     /// A domain whose servers are found by their SRV records (RFC 2782): `_ldap._tcp`, or
-    /// `_ldaps._tcp` if `secure`. Host and port are then not used.
+    /// `_ldaps._tcp` if `secure`. Host and port are then ignored.
     std::string srvDomain = std::string();
 };
 
-/// What of an address is put into the template, in the order in which a mail server tries.
+/// The forms of an address that can be looked up, in the order in which a mail server tries them.
 enum class Form {
     full,   ///< `user+ext@domain`
     noext,  ///< `user@domain`
@@ -36,58 +36,58 @@ enum class Form {
     domain, ///< `@domain`
 };
 
-/// What an answer means that holds no entry, but references to servers that were not asked.
+/// How to treat an answer without entries but with references to servers that were not asked.
 enum class References {
-    defer,  ///< `TryLater`: the entry may be there
-    ignore, ///< `NotFound`: those parts of the directory are not looked through
+    defer,  ///< `TryLater`: the entry may exist there
+    ignore, ///< `NotFound`: those parts of the directory do not count
 };
 
-/// Where to look and how. A value; the engine keeps a copy of its own, with the password.
+/// The settings of lookups. A value; the engine keeps its own copy, including the password.
 struct Settings {
     std::vector<Server> servers; ///< in order of preference
-    /// Seconds for each step of opening a connection, and how long a server may be silent while
+    /// Seconds for each step of opening a connection, and for which a server may send nothing while
     /// searches are in flight before it counts as failed.
     unsigned int networkTimeout = 10;
-    std::string bindDn;   ///< empty: anonymous
-    std::string password; ///< of `bindDn`; one is refused without the other
-    std::string base;     ///< where searches start
-    LDAPSearch::Scope scope = LDAPSearch::ScopeSubtree; ///< how deep they look
-    LDAPSearch::Deref deref = LDAPSearch::DerefNever;   ///< which aliases are followed
-    std::string queryTemplate;           ///< as `LDAPUtil::sv_ldap_expand_query` takes it
-    std::string bValue;                  ///< what `$b` inserts
-    std::string gValue;                  ///< what `$g` inserts
+    std::string bindDn;                                 ///< empty: anonymous
+    std::string password;                               ///< of `bindDn`; set both or neither
+    std::string base;                                   ///< search base
+    LDAPSearch::Scope scope = LDAPSearch::ScopeSubtree; ///< search scope
+    LDAPSearch::Deref deref = LDAPSearch::DerefNever;   ///< when to dereference aliases
+    std::string queryTemplate;                          ///< for `LDAPUtil::sv_ldap_expand_query`
+    std::string bValue;                                 ///< value of `$b`
+    std::string gValue;                                 ///< value of `$g`
     std::vector<std::string> attributes; ///< to return; empty asks for all user attributes
-    /// Tried in this order until one is found. Forms that are the same text are asked once.
+    /// Looked up in this order until an entry is found. Equal forms are looked up once.
     std::vector<Form> forms = {Form::full};
     char extensionDelimiter = '+'; ///< between user and extension; 0: addresses have none
     /// Domains that are served, case ignored, in Unicode or in ASCII ("xn--..."); keys of others
     /// and keys without a domain are skipped. An empty list serves all; an empty domain is refused.
     std::vector<std::string> domains;
     unsigned int entryLimit = 1000;            ///< for one key; more is `TryLater`; 0: no limit
-    unsigned int timeLimit = 0;                ///< seconds that a server may search; 0: no limit
-    std::chrono::milliseconds deadline{15000}; ///< for one key as a whole; a year at most
-    TlsPolicy tls;                             ///< of secure servers
-    unsigned int connections = 4;              ///< at most, of all threads together
-    unsigned int window = 32; ///< searches in flight on each connection of `findAll`, at most
-    /// How long a server that failed is skipped at first; doubled each time.
+    unsigned int timeLimit = 0;                ///< seconds for the server's search; 0: no limit
+    std::chrono::milliseconds deadline{15000}; ///< for one key in total; at most a year
+    TlsPolicy tls;                             ///< for servers with `secure`
+    unsigned int connections = 4;              ///< maximum for all threads together
+    unsigned int window = 32; ///< maximum of searches in flight on each connection of `findAll`
+    /// First back-off of a failed server; doubled after each further failure.
     std::chrono::milliseconds backOff{1000};
-    std::chrono::milliseconds longestBackOff{30000}; ///< at most
+    std::chrono::milliseconds longestBackOff{30000}; ///< maximum of the back-off
 
-    /// "address" or "address:port" of the name servers to ask; empty: the system's.
+    /// Name servers, "address" or "address:port"; empty: the system's.
     std::vector<std::string> nameServers = {};
-    std::size_t keyBytes = 1000;                  ///< of a key; a longer one is `BadKey`
-    std::size_t entryBytes = 16UL * 1024 * 1024;  ///< of one message of a server
-    std::size_t answerBytes = 64UL * 1024 * 1024; ///< of all entries for one key
-    std::chrono::milliseconds refusedHold{60000}; ///< no bind for so long after a refused one
-    References references = References::defer;    ///< see there
-    /// A domain with characters beyond ASCII is also asked for in its ASCII form (RFC 5891), and
-    /// one in ASCII form in Unicode.
+    std::size_t keyBytes = 1000;                  ///< maximum of a key; a longer one is `BadKey`
+    std::size_t entryBytes = 16UL * 1024 * 1024;  ///< maximum of one message of a server
+    std::size_t answerBytes = 64UL * 1024 * 1024; ///< maximum of all entries for one key
+    std::chrono::milliseconds refusedHold{60000}; ///< pause between a refused bind and the next one
+    References references = References::defer;    ///< how to treat references
+    /// Looks up a non-ASCII domain also in its ASCII form (RFC 5891), and one in ASCII form also in
+    /// Unicode.
     bool asciiDomains = true;
 };
 
-/// Validates settings without asking a server.
-/// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: settings that no lookup could succeed
-///                        with; the text names the setting
+/// Validates settings without contacting a server. Thread-safe.
+/// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: invalid settings; the text names the
+///                        setting
 SOLVANE_LOOKUP_EXPORT void validate(Settings const& settings);
 
 } // namespace Solvane::Lookup

@@ -16,12 +16,12 @@ namespace Solvane::Lookup {
 /// An IPv4 or IPv6 address and a TCP port. A value.
 class SOLVANE_LOOKUP_EXPORT Address {
 public:
-    /// Reads an address, as "192.0.2.1" or "2001:db8::1" (without brackets).
-    /// @return none for anything else: names, and addresses with a zone ("fe80::1%eth0")
+    /// Parses an address, as "192.0.2.1" or "2001:db8::1" (without brackets).
+    /// @return empty for names and for addresses with a zone ("fe80::1%eth0")
     static std::optional<Address> parse(std::string const& text, unsigned int port);
-    /// From a socket address.
+    /// Converts a socket address.
     /// @param address  of family AF_INET or AF_INET6; read up to the size of its family
-    /// @return none for another family
+    /// @return empty for any other family
     static std::optional<Address> from(sockaddr const& address);
 
     int family() const { return m_address.any.sa_family; } ///< AF_INET or AF_INET6
@@ -41,7 +41,7 @@ private:
     Address() : m_address{} {}
 
     union {
-        sockaddr_in6 v6; // the largest, so that all of it is zero at first
+        sockaddr_in6 v6; // the largest member: initializing it zeroes the whole union
         sockaddr_in v4;
         sockaddr any;
     } m_address;

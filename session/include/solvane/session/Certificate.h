@@ -1,5 +1,5 @@
 /// @file
-/// A server's certificate: what it says, and whether it is the one for a host.
+/// A server's certificate: its fields, and whether it matches a host.
 #ifndef SOLVANE_SESSION_CERTIFICATE_H
 #define SOLVANE_SESSION_CERTIFICATE_H
 
@@ -13,34 +13,34 @@
 
 namespace Solvane::Lookup {
 
-/// An X.509 certificate (RFC 5280). A value: copies share what was parsed; usable from any thread.
+/// An X.509 certificate (RFC 5280). A value; copies share the parsed certificate. Thread-safe.
 class SOLVANE_LOOKUP_EXPORT Certificate {
 public:
     /// Parses a certificate.
     /// @param der  the certificate in DER
-    /// @throws LDAPException  code 2, type 0, Certificate.cpp:35: it is none
+    /// @throws LDAPException  code 2, type 0, Certificate.cpp:35: not a certificate
     explicit Certificate(std::string const& der);
 
-    /// Whose it is, a distinguished name as RFC 4514 writes it.
+    /// The subject, a distinguished name in the form of RFC 4514.
     std::string subject() const;
-    /// Who signed it, likewise.
+    /// The issuer, in the same form.
     std::string issuer() const;
-    /// Alternative names: DNS names as they are, IP addresses as text.
+    /// Subject alternative names: DNS names, and IP addresses as text.
     std::vector<std::string> names() const;
-    /// When its time begins.
+    /// Begin of the validity.
     std::time_t notBefore() const;
-    /// When its time ends.
+    /// End of the validity.
     std::time_t notAfter() const;
 
-    /// Whether it is for `host`, a DNS name or an IP address: RFC 6125 with alternative names and
-    /// wildcards in the left-most label. The common name counts only where there are no alternative
+    /// Whether it matches `host`, a DNS name or an IP address: RFC 6125 with alternative names and
+    /// wildcards in the left-most label. The common name counts only if there are no alternative
     /// names.
     bool isFor(std::string const& host) const;
 
-    /// Why a peer with it alone is not to be trusted, in words; empty when it is.
-    /// @param caFile  PEM file of accepted authorities
-    /// @note  Intermediate certificates that the server sent besides are not at hand here, so this
-    ///        explains a refusal, and decides nothing.
+    /// Why this certificate alone is not trusted; empty if it is.
+    /// @param caFile  PEM file of trusted authorities
+    /// @note  Intermediate certificates that the server sent are not considered: use it to explain
+    ///        a refusal, not to verify a server.
     std::string distrust(std::string const& caFile) const;
 
 private:
@@ -48,7 +48,7 @@ private:
     std::shared_ptr<Parsed const> m_parsed;
 };
 
-/// Why `caFile` cannot be used as a list of authorities, in words; empty when it can.
+/// Why `caFile` cannot be used as a file of trusted authorities; empty if it can.
 SOLVANE_LOOKUP_EXPORT std::string faultOfAuthorities(std::string const& caFile);
 
 } // namespace Solvane::Lookup

@@ -1,5 +1,5 @@
 /// @file
-/// Entries out of messages.
+/// Converts messages into entries.
 #ifndef SOLVANE_SESSION_ENTRY_READER_H
 #define SOLVANE_SESSION_ENTRY_READER_H
 
@@ -17,8 +17,9 @@ typedef struct ldapmsg LDAPMessage;
 
 namespace Solvane::Lookup {
 
-/// Appends the entry of a search result entry to a list. Reads the message once from front to end, so
-/// the time grows with its size alone, and every attribute has the values that stand with it.
+/// Converts a search result entry and appends it to a list. Reads the message once from front to
+/// end: the time is linear in its size, and each attribute keeps its own values even if a type is
+/// repeated. Not thread-safe.
 ///
 /// @param content  of the operation: name and attributes (RFC 4511 section 4.5.2), as
 ///                 `Session::Message` has it
@@ -30,8 +31,8 @@ SOLVANE_LOOKUP_EXPORT bool readEntry(std::string_view content,
 /// The same of a message that OpenLDAP parsed.
 ///
 /// @param session  that received the message
-/// @param message  of type search entry (0x64); stays the caller's, but is changed by reading and is not
-///                 to be read again
+/// @param message  of type search entry (0x64); owned by the caller. Reading changes it, so it
+///                 cannot be read again
 /// @param to       receives the entry
 /// @return true; false if the entry is damaged, and then `to` is as it was
 SOLVANE_LOOKUP_EXPORT bool readEntry(LDAP* session, LDAPMessage* message,

@@ -3,7 +3,7 @@
 #ifndef SOLVANE_SESSION_EXPORT_H
 #define SOLVANE_SESSION_EXPORT_H
 
-/// Marks what the shared library offers to others; everything else stays hidden.
+/// Exports a symbol of the shared library; all others are hidden.
 #define SOLVANE_LOOKUP_EXPORT __attribute__((visibility("default")))
 
 #endif

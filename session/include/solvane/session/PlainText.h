@@ -1,5 +1,5 @@
 /// @file
-/// Texts: what bytes are fit to be sent, shown or written, and small ones that messages are made of.
+/// Checks and formats text for messages and requests.
 #ifndef SOLVANE_SESSION_PLAIN_TEXT_H
 #define SOLVANE_SESSION_PLAIN_TEXT_H
 
@@ -12,37 +12,37 @@
 
 namespace Solvane::Lookup {
 
-/// Why bytes are no plain line of text, and where.
+/// Why bytes are not a plain line of text, and where.
 struct TextFault {
-    /// What is wrong.
-    enum Kind { invalidUtf8, controlCharacter } kind; ///< what is wrong
-    std::string_view::size_type position;             ///< of the first byte concerned
+    /// Kind of fault.
+    enum Kind { invalidUtf8, controlCharacter } kind; ///< kind of fault
+    std::string_view::size_type position;             ///< of the first invalid byte
 };
 
 /// The first byte sequence that is not UTF-8 (RFC 3629: no surrogates, no overlong forms, nothing
-/// above U+10FFFF) or is a control character (C0, DEL, C1); none when the text is a plain line.
+/// above U+10FFFF) or is a control character (C0, DEL, C1); empty if the text is a plain line.
 SOLVANE_LOOKUP_EXPORT std::optional<TextFault> faultIn(std::string_view text);
 
-/// The fault as words for the user, as "invalid UTF-8 at byte 7".
+/// Describes the fault for a message, as "invalid UTF-8 at byte 7".
 SOLVANE_LOOKUP_EXPORT std::string describe(TextFault const& fault);
 
-/// True for UTF-8, control characters included.
+/// True for valid UTF-8, including control characters.
 SOLVANE_LOOKUP_EXPORT bool isUtf8(std::string_view bytes);
 
 /// The text with every byte of a control character and of invalid UTF-8 as `\xNN`, so that it stays
-/// on its line and does nothing to a terminal. What a server or user wrote is shown through it.
+/// on one line and is safe to print on a terminal. Use it for all text from servers and users.
 SOLVANE_LOOKUP_EXPORT std::string oneLine(std::string_view text);
 
-/// True if there is nothing but blanks, tabs and line ends.
+/// True if the text has only blanks, tabs and line ends.
 SOLVANE_LOOKUP_EXPORT bool isBlank(std::string_view text);
 
-/// True if there is a NUL byte, where OpenLDAP would cut the text.
+/// True if the text has a NUL byte, at which OpenLDAP would cut it.
 SOLVANE_LOOKUP_EXPORT bool hasNul(std::string_view text);
 
-/// A time for messages, as "10 s" or "0.250 s".
+/// A duration for messages, as "10 s" or "0.250 s".
 SOLVANE_LOOKUP_EXPORT std::string inSeconds(std::chrono::milliseconds time);
 
-/// Overwrites a secret and empties the string. Copies elsewhere stay.
+/// Overwrites a secret and clears the string; does not reach other copies.
 SOLVANE_LOOKUP_EXPORT void wipe(std::string& secret);
 
 } // namespace Solvane::Lookup

@@ -1,5 +1,5 @@
 /// @file
-/// What LDAP result codes mean for a lookup.
+/// Maps LDAP result codes to outcomes.
 #ifndef SOLVANE_SESSION_RESULT_CODES_H
 #define SOLVANE_SESSION_RESULT_CODES_H
 
@@ -10,14 +10,15 @@
 
 namespace Solvane::Lookup {
 
-/// What a result code of a search means. Never `NotFound`: the entries tell that. A code that is not
-/// in RFC 4511 is `TryLater`, since it must not bounce mail.
+/// The outcome of a search with this result code. Never `NotFound`: whether there are entries
+/// decides that. Codes unknown to RFC 4511 are `TryLater`, so that mail is deferred and not
+/// bounced.
 SOLVANE_LOOKUP_EXPORT Outcome outcomeOfSearch(int code);
-/// The same for a bind, where 32 is about the bind DN.
+/// The same for a bind, where 32 means that the bind DN does not exist.
 SOLVANE_LOOKUP_EXPORT Outcome outcomeOfBind(int code);
 
-/// True for codes that are about this server or this connection, so that another server may well
-/// answer: 1, 2, 3, 11, 32, 50, 51, 52, 53, 80, -1, -4, -5, -11.
+/// True for codes that concern this server or connection, so that another server may answer: 1, 2,
+/// 3, 11, 32, 50, 51, 52, 53, 80, -1, -4, -5, -11.
 SOLVANE_LOOKUP_EXPORT bool speaksOfServer(int code);
 
 /// True for codes that are about this process, which lacks descriptors or memory, and say nothing about
@@ -28,7 +29,7 @@ SOLVANE_LOOKUP_EXPORT bool speaksOfProcess(int code);
 /// "Server is busy (51): maintenance".
 SOLVANE_LOOKUP_EXPORT std::string wordsFor(int code, std::string const& serverText = std::string());
 
-/// An outcome in words, as "try later".
+/// The name of an outcome, as "try later".
 SOLVANE_LOOKUP_EXPORT char const* name(Outcome outcome);
 
 } // namespace Solvane::Lookup

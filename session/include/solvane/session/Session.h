@@ -28,13 +28,13 @@ typedef struct ldap LDAP;
 
 namespace Solvane::Lookup {
 
-/// The steps of opening a session, in their order. A session passes those that do not apply.
+/// The steps of opening a session, in order. A session skips those that do not apply.
 enum class Step {
     resolve,   ///< the host's addresses
     connect,   ///< TCP, to the first address that accepts
-    handshake, ///< TLS, with the judgement of the certificate
+    handshake, ///< TLS, including the verification of the certificate
     bind,      ///< simple bind (RFC 4511 section 4.2)
-    identify,  ///< "Who am I?" (RFC 4532): the server answers, and as whom
+    identify, ///< "Who am I?" (RFC 4532): proves that the server is alive, and returns the identity
 };
 
 /// Where and how a session connects. A value.
@@ -44,15 +44,15 @@ struct SessionOptions {
     bool secure = false;                             ///< TLS from the first byte ("ldaps://")
     unsigned int version = 3;                        ///< of LDAP: 2 or 3
     std::chrono::milliseconds networkTimeout{10000}; ///< for each step
-    std::size_t messageBytes = 64UL * 1024 * 1024;   ///< of the largest message taken
-    std::vector<Address> addresses;                  ///< known ones; empty: the name is resolved
+    std::size_t messageBytes = 64UL * 1024 * 1024;   ///< of the largest message accepted
+    std::vector<Address> addresses;                  ///< already resolved; empty: resolves the name
     std::vector<std::string> nameServers; ///< "address" or "address:port"; empty: the system's
     std::shared_ptr<TlsContext> tls; ///< required if `secure`; shared by all sessions of an engine
     std::string bindDn;              ///< empty: anonymous, no bind is sent
     std::string const* password = nullptr; ///< borrowed; must outlive the bind step
 };
 
-/// A search, prepared once for many filters. Borrowed strings must outlive the call of `send`.
+/// A search, prepared once for many filters. Must outlive the call of `send`.
 struct SearchRequest {
     std::string base;                    ///< DN at which the search starts
     int scope = 2;                       ///< LDAP_SCOPE_...
@@ -62,36 +62,37 @@ struct SearchRequest {
     unsigned int timeLimit = 0;          ///< seconds; 0: none
 };
 
-/// A connection that its owner drives: every call returns at once; what to wait for is told by
-/// `waits`. Nothing is thrown but `std::bad_alloc`: each step ends in a `Verdict`. Not thread-safe; a
-/// session may pass from thread to thread. In a child process of the one that connected, it is broken,
-/// and letting go of it sends nothing.
+/// A connection driven by its owner. Every call except `reach` returns at once; `waits` names what
+/// to poll for before the next `advance` or `receive`. Each step ends in a `Verdict`; the calls
+/// throw only `std::bad_alloc`. Not thread-safe, but it may be handed from one thread to another.
+/// After a fork the child's copy is broken, and destroying it sends nothing.
 class SOLVANE_LOOKUP_EXPORT Session : public NonCopyable {
 public:
-    /// Nothing is opened yet.
+    /// Opens nothing yet.
     explicit Session(SessionOptions options);
-    /// Sends an unbind if the connection is whole, and closes it. Never blocks.
+    /// Sends an unbind if the connection is intact, and closes it. Never blocks.
     ~Session();
 
     // Opening
 
-    /// Goes on up to and including step `last`; the deadline bounds all steps up to there, the network
-    /// timeout each one. Steps that were done are not repeated. Nothing of a later step is sent.
+    /// Starts all steps up to and including `last`. The deadline bounds all of them together, the
+    /// network timeout each one. Completed steps are not repeated, and nothing of a later step is
+    /// sent.
     void begin(Step last, Clock::time_point deadline);
-    /// Does what can be done now.
+    /// Makes as much progress as possible without blocking.
     void advance();
     /// Adds what `advance` waits for, or what `receive` waits for once open.
     void waits(Waits& waits) const;
-    /// True once the steps asked for are done, or one failed: `verdict` tells.
+    /// True once the requested steps are done or one failed; see `verdict`.
     bool isSettled() const;
-    /// `begin`, then waiting and advancing until it is settled: for callers that may block.
+    /// Calls `begin`, then blocks until the session is settled. For callers that may block.
     Verdict reach(Step last, Clock::time_point deadline);
 
-    /// The step that is under way, that failed, or that was done last.
+    /// The current step, the failed one, or the last one completed.
     Step step() const;
-    /// Whether `step` is done (or did not apply).
+    /// Whether `step` is done or does not apply.
     bool isDone(Step step) const;
-    /// Good while nothing failed. After a failure the session is of no more use.
+    /// Good while nothing has failed. After a failure the session cannot be used any more.
     ///
     /// resolve: `TryLater` -1 the name does not resolve, -5 not in time, -10 no memory. connect:
     /// `TryLater` -1 or -5, with each address and its cause; -2 no descriptor or memory for a socket.
@@ -101,42 +102,42 @@ public:
     /// not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4, -5.
     Verdict const& verdict() const;
 
-    // What was found on the way
+    // Properties of the connection
 
-    std::vector<Address> const& addresses() const; ///< of the host, in order of trial
+    std::vector<Address> const& addresses() const; ///< of the host, in the order to try them
     std::string peer() const;                      ///< "127.0.0.1 port 389"; empty before connect
-    std::string const& uri() const;                ///< with the host as the user named it
+    std::string const& uri() const;                ///< with the host as configured
     std::string tlsVersion() const;                ///< as "TLS1.3"; empty without TLS
-    std::string tlsCipher() const;                 ///< likewise
+    std::string tlsCipher() const;                 ///< as "AES-256-GCM"; empty without TLS
     bool isTlsResumed() const;                     ///< false without TLS
-    std::optional<Certificate> const& certificate() const; ///< also if it was refused
-    Identity identity() const;                             ///< as whom answers are given
-    std::string const& authorizationId() const; ///< as the server told it: "dn:cn=reader,..."
+    std::optional<Certificate> const& certificate() const; ///< also a refused one
+    Identity identity() const;                             ///< identity of the answers
+    std::string const& authorizationId() const; ///< from the server, as "dn:cn=reader,..."
 
     // Requests, on an open session
 
-    /// Puts a search into the output; `flush` (or `receive`) writes it.
+    /// Queues a search; `flush` or `receive` writes it.
     /// @param request  base, scope, attributes and limits
     /// @param filter  RFC 4515; an empty or invalid one is -7 `Misconfigured`, with nothing sent
     /// @param id      receives the message id
     Verdict send(SearchRequest const& request, std::string const& filter, int& id);
-    /// Has `receive` take the answers to a request that the caller sent by `handle`; those of other
-    /// requests are dropped.
-    /// @param id  its message id, greater than all before it
+    /// Makes `receive` return the answers to a request that the caller sent with `handle`; answers
+    /// to unknown requests are dropped.
+    /// @param id  its message id, greater than all previous ones
     void expect(int id);
-    /// Tells the server to stop; what still arrives of that request is dropped.
+    /// Abandons a request; answers that still arrive are dropped.
     void abandon(int id);
-    /// Writes what is to be written as far as the socket takes it.
+    /// Writes queued requests, as far as the socket accepts them.
     void flush();
 
-    /// What `receive` found.
+    /// Result of `receive`.
     enum class Received {
-        nothing, ///< no whole message yet
-        message, ///< one
-        broken,  ///< the connection ended, or sent what is not LDAP: `verdict` tells
+        nothing, ///< no complete message yet
+        message, ///< a message
+        broken,  ///< the connection ended or sent something other than LDAP; see `verdict`
     };
-    /// The next message of any request, without waiting.
-    /// @param message  receives it and owns it
+    /// Returns the next message of any request, without waiting.
+    /// @param message  receives and owns it
     /// @param id       receives its message id
     Received receive(LDAPMessageBuffer& message, int& id);
 
@@ -154,13 +155,14 @@ public:
     /// Size in bytes of the message that `receive` gave last.
     std::size_t messageSize() const;
 
-    /// When the last byte came; a slow link is not silence.
+    /// When the last byte arrived. Bytes of incomplete messages count: a slow link is not silence.
     Clock::time_point heardAt() const;
-    /// Bytes received in all, for bounds.
+    /// Total bytes received.
     std::uint64_t receivedBytes() const;
-    /// Whether an idle connection is as it was left: of this process, open, and with nothing to read.
+    /// Validates an idle connection: true if it belongs to this process, is open and has no input.
     bool isFresh() const;
-    /// OpenLDAP's session, to parse messages with; null before `connect` is done. Stays the session's.
+    /// OpenLDAP's session, for parsing messages; null before `connect` is done. Owned by this
+    /// session.
     LDAP* handle() const;
 
 private:

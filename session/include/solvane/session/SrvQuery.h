@@ -1,5 +1,5 @@
 /// @file
-/// The directory servers of a domain, without blocking.
+/// Finds the directory servers of a domain without blocking.
 #ifndef SOLVANE_SESSION_SRV_QUERY_H
 #define SOLVANE_SESSION_SRV_QUERY_H
 
@@ -17,18 +17,18 @@
 
 namespace Solvane::Lookup {
 
-/// One server that a domain names (RFC 2782).
+/// A server from a domain's SRV records (RFC 2782).
 struct SrvTarget {
     std::string host;      ///< name
     unsigned int port;     ///< TCP port
-    unsigned int priority; ///< a lower one is tried first
-    unsigned int weight;   ///< share of first trials among those of one priority
+    unsigned int priority; ///< lower values are tried first
+    unsigned int weight;   ///< share of first tries among targets of the same priority
 };
 
-/// The order in which targets are to be tried: by priority; among those of one, at random, each with a
-/// chance that is in proportion to its weight (RFC 2782).
+/// Sorts targets into the order to try them: by priority; targets of the same priority at random,
+/// with chances in proportion to their weights (RFC 2782).
 /// @param targets  in any order
-/// @param random   returns a number from 0 to its argument, both included
+/// @param random   returns a number from 0 to its argument, inclusive
 SOLVANE_LOOKUP_EXPORT std::vector<SrvTarget>
 inOrderOfTrial(std::vector<SrvTarget> targets,
                std::function<std::uint32_t(std::uint32_t)> const& random);
@@ -45,24 +45,24 @@ SOLVANE_LOOKUP_EXPORT std::string srvNameOf(std::string const& domain, bool secu
 /// thread. Not thread-safe.
 class SOLVANE_LOOKUP_EXPORT SrvQuery : public NonCopyable {
 public:
-    /// Begins.
+    /// Starts the query.
     /// @param domain       as "example.com"
-    /// @param secure       asks for servers with TLS from the first byte
+    /// @param secure       queries servers with TLS from the first byte
     /// @param nameServers  "address" or "address:port"; empty: the system's
     SrvQuery(std::string const& domain, bool secure,
              std::vector<std::string> const& nameServers = {});
     ~SrvQuery();
 
-    /// Does what can be done now.
+    /// Makes as much progress as possible without blocking.
     void advance();
-    /// Adds what `advance` waits for. A deadline is the caller's.
+    /// Adds what `advance` waits for. The caller adds its own deadline.
     void waits(Waits& waits) const;
     /// True once `verdict` and `targets` are final.
     bool isSettled() const;
-    /// `TryLater` -1 if the domain names no server, -5 if no name server answers; `Misconfigured` -9 for
-    /// an unusable name server.
+    /// `TryLater` -1 if the domain names no server, -5 if no name server answers; `Misconfigured`
+    /// -9 for an unusable name server.
     Verdict const& verdict() const;
-    /// The servers in the order of trial; never empty after a good verdict.
+    /// The servers in the order to try them; never empty after a good verdict.
     std::vector<SrvTarget> const& targets() const;
 
 private:

@@ -1,5 +1,5 @@
 /// @file
-/// What all TLS sessions of an engine share.
+/// TLS settings and state shared by all sessions of an engine.
 #ifndef SOLVANE_SESSION_TLS_CONTEXT_H
 #define SOLVANE_SESSION_TLS_CONTEXT_H
 
@@ -13,18 +13,18 @@
 
 namespace Solvane::Lookup {
 
-/// Authorities, revocation lists, client certificate and ciphers, read once for any number of sessions;
-/// and the TLS sessions that can be resumed, by host and port. Thread-safe.
+/// Authorities, revocation lists, client certificate and ciphers, loaded once for any number of
+/// sessions; and resumable TLS sessions by host and port. Thread-safe.
 class SOLVANE_LOOKUP_EXPORT TlsContext : public NonCopyable {
 public:
-    /// Reads the files of the policy. What the policy leaves open is taken from OpenLDAP's
-    /// configuration of this process as it is now.
+    /// Reads the files of the policy. Settings left empty are taken from the current OpenLDAP
+    /// configuration of this process. Never throws for a bad setting: see `verdict`.
     explicit TlsContext(TlsPolicy const& policy);
     ~TlsContext();
 
-    /// Good, or `Misconfigured` -9 with the file or setting and what is wrong with it.
+    /// Good, or `Misconfigured` -9 with the faulty file or setting and the cause.
     Verdict const& verdict() const;
-    /// The policy, with what the configuration adds.
+    /// The policy, completed from the configuration.
     TlsPolicy const& policy() const;
 
 private:

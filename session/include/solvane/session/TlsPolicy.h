@@ -1,5 +1,5 @@
 /// @file
-/// How TLS is spoken, and what is asked of a server's certificate.
+/// TLS settings, and how far a server's certificate is verified.
 #ifndef SOLVANE_SESSION_TLS_POLICY_H
 #define SOLVANE_SESSION_TLS_POLICY_H
 
@@ -11,12 +11,12 @@ namespace Solvane::Lookup {
 
 /// How far a server's certificate is verified before anything is sent to it.
 enum class TlsVerify {
-    none,  ///< not at all: the connection is encrypted, but the peer may be anybody
-    chain, ///< signed by an accepted authority, for servers, within its validity, strong enough
-    full,  ///< the same, and for the host that the user named (RFC 6125)
+    none,  ///< not at all: the connection is encrypted, but the peer is not authenticated
+    chain, ///< signed by a trusted authority, for servers, currently valid, strong enough
+    full,  ///< the same, and it matches the configured host (RFC 6125)
 };
 
-/// The lowest version of TLS that is spoken.
+/// The lowest version of TLS to negotiate.
 enum class TlsVersion {
     configured, ///< OpenLDAP's setting (TLS_PROTOCOL_MIN), else 1.2
     tls10,      ///< TLS 1.0, obsolete (RFC 8996)
@@ -25,17 +25,17 @@ enum class TlsVersion {
     tls13,      ///< TLS 1.3
 };
 
-/// How TLS is spoken. A value. What is empty here is taken from OpenLDAP's configuration of this
-/// process (ldap.conf and the LDAPTLS_... variables of the environment), as named below.
+/// TLS settings. A value. Empty members are taken from OpenLDAP's configuration of this process
+/// (ldap.conf and the LDAPTLS_... environment variables), as named below.
 struct TlsPolicy {
     TlsVerify verify = TlsVerify::full; ///< how far certificates are verified
-    /// PEM file of the accepted authorities; else TLS_CACERT. The system's bundle is used if neither
+    /// PEM file of trusted authorities; else TLS_CACERT. The system's bundle is used if neither
     /// a file nor a folder is set.
     std::string caFile;
-    std::string caFolder; ///< folder of PEM files of accepted authorities; else TLS_CACERTDIR
+    std::string caFolder; ///< folder of PEM files of trusted authorities; else TLS_CACERTDIR
     std::string crlFile;  ///< PEM file of revocation lists; else TLS_CRLFILE
-    /// Priority string of GnuTLS, as "SECURE192:-VERS-ALL:+VERS-TLS1.3"; else TLS_CIPHER_SUITE, else
-    /// the system's default.
+    /// Priority string of GnuTLS, as "SECURE192:-VERS-ALL:+VERS-TLS1.3"; else TLS_CIPHER_SUITE,
+    /// else the system's default.
     std::string cipherSuite;
     TlsVersion minimumVersion = TlsVersion::configured; ///< lowest version
     std::string certificateFile; ///< PEM file of the client certificate; else TLS_CERT

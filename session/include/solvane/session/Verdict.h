@@ -1,5 +1,5 @@
 /// @file
-/// How a step towards an answer ended.
+/// Outcomes and verdicts of lookups and their steps.
 #ifndef SOLVANE_SESSION_VERDICT_H
 #define SOLVANE_SESSION_VERDICT_H
 
@@ -8,26 +8,26 @@
 
 namespace Solvane::Lookup {
 
-/// Deadlines are moments of this clock, which is never set.
+/// The monotonic clock of all deadlines.
 using Clock = std::chrono::steady_clock;
 
-/// What a lookup, or a step on the way to it, ended with. Only `NotFound` says that there is no such
+/// The outcome of a lookup, or of one of its steps. Only `NotFound` means that there is no such
 /// entry; every later value means that the question was not answered.
 enum class Outcome {
-    Found,         ///< entries; of a step: it is done
-    NotFound,      ///< a server answered completely, and there is no entry
+    Found,         ///< entries were found; of a step: done
+    NotFound,      ///< a server answered completely: no entry
     Skipped,       ///< the domain is not served here; no server was asked
-    BadKey,        ///< the key cannot be looked up; no server was asked
-    TryLater,      ///< unreachable, no answer in time, busy, or a limit hit
-    Refused,       ///< the server refuses, refers elsewhere, or its certificate is not accepted
-    Misconfigured, ///< the settings are wrong: template, filter, base, a file
+    BadKey,        ///< the key is invalid; no server was asked
+    TryLater,      ///< temporary: unreachable, no answer in time, busy, or a limit hit
+    Refused,       ///< refused, referred to another server, or the certificate is not accepted
+    Misconfigured, ///< invalid settings: template, filter, base, a file
 };
 
-/// As whom the answers of a connection are given.
+/// Whether the server confirmed the identity for which it answers.
 enum class Identity {
-    Anonymous,   ///< no bind was asked for, so there is nothing to confirm
-    Confirmed,   ///< the server said so ("Who am I?", RFC 4532)
-    Unconfirmed, ///< the server does not support the question
+    Anonymous,   ///< no bind was requested, so there is nothing to confirm
+    Confirmed,   ///< the server confirmed it ("Who am I?", RFC 4532)
+    Unconfirmed, ///< the server does not support "Who am I?"
 };
 
 /// How a step ended. `code` is an LDAP result code (RFC 4511 appendix A), or OpenLDAP's own below 0:

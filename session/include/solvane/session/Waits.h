@@ -1,5 +1,5 @@
 /// @file
-/// What a caller waits for: descriptors, and a moment.
+/// What a caller waits for: descriptors and a time.
 #ifndef SOLVANE_SESSION_WAITS_H
 #define SOLVANE_SESSION_WAITS_H
 
@@ -12,24 +12,24 @@
 
 namespace Solvane::Lookup {
 
-/// Descriptors to poll, and when to go on at the latest. Filled anew before each wait, by all that
-/// have something under way. Not thread-safe.
+/// Descriptors to poll, and the latest time to wake up. Cleared and filled before each wait by
+/// everything that has work under way. Not thread-safe.
 class SOLVANE_LOOKUP_EXPORT Waits {
 public:
-    /// Forgets all.
+    /// Removes all descriptors and the time.
     void clear();
     /// Waits for `events` (POLLIN, POLLOUT) of a descriptor; -1 adds nothing.
     void add(int descriptor, short events);
-    /// Waits until this moment at most; the earliest one counts.
+    /// Waits at most until this time; the earliest of several calls counts.
     void until(Clock::time_point moment);
 
-    /// Blocks until a descriptor is ready or the moment has come. A signal may end it early. Returns at
-    /// once if there is nothing to wait for.
+    /// Blocks until a descriptor is ready or the time has come. A signal may end it early. Returns
+    /// at once if there is nothing to wait for.
     void wait();
 
-    /// What is polled; after `wait` with what happened.
+    /// The descriptors to poll; after `wait` with their events.
     std::vector<pollfd>& descriptors() { return m_descriptors; }
-    /// `Clock::time_point::max()` without a moment.
+    /// The time to wake up; `Clock::time_point::max()` if none is set.
     Clock::time_point moment() const { return m_moment; }
 
 private:
