@@ -17,7 +17,7 @@ void countFork() { g_forks.fetch_add(1, std::memory_order_relaxed); }
 bool watchForks()
 {
     if (pthread_atfork(nullptr, nullptr, countFork) != 0) {
-        throw std::bad_alloc(); // the one way in which it fails; the next caller tries again
+        throw std::bad_alloc(); // its only error; the next caller tries again
     }
     return true;
 }

@@ -18,10 +18,9 @@ namespace Solvane {
 
 namespace {
 
-/// Next to the socket, below whatever a caller's own callback puts there: from this level down, the
-/// layers are OpenLDAP's.
+/// Next to the socket, below any layer of a caller's callback. All layers below are OpenLDAP's.
 constexpr int socketLevel = LBER_SBIOD_LEVEL_PROVIDER + 1;
-/// Above TLS, below what prints LDAP messages.
+/// Above TLS, below OpenLDAP's debug layer for messages.
 constexpr int messageLevel = LBER_SBIOD_LEVEL_APPLICATION;
 
 SocketGuard& guardOf(Sockbuf_IO_Desc* layer)
@@ -38,9 +37,9 @@ int descriptorOf(Sockbuf* socket)
 
 enum class Ownership { own, shared };
 
-/// Closes a connection; one that is shared with a parent process goes on there. Takes the number away
-/// from OpenLDAP, which otherwise would shut it down and close it as well, once for each of its layers
-/// that earlier connections have left: by then it may be the number of another file.
+/// Closes a connection; a shared one stays open in the parent process. Also removes the descriptor
+/// from the Sockbuf. Otherwise OpenLDAP would shut it down and close it again, once for each layer
+/// left by earlier connections, when the same number may already belong to another file.
 void closeConnection(Sockbuf* socket, Ownership ownership)
 {
     int const descriptor = descriptorOf(socket);
@@ -74,8 +73,8 @@ bool hasTls(Sockbuf_IO_Desc* layer)
            layer->sbiod_io->sbi_ctrl(layer, LBER_SB_OPT_GET_SSL, static_cast<void*>(&state)) == 1;
 }
 
-/// Takes away the TLS layer of a session's last connection, which OpenLDAP leaves on the socket of the
-/// next one: its first bytes would meet a TLS that is over. False without memory.
+/// Removes the TLS layer of the previous connection. OpenLDAP leaves it on the Sockbuf, so the
+/// first bytes of the new connection would go through a finished TLS session. False: out of memory.
 bool removeDeadTls(Sockbuf* socket)
 {
     static Sockbuf_IO probe = {rememberLayer, nullptr, passOn, nullptr, nullptr, nullptr};
@@ -95,7 +94,7 @@ bool removeDeadTls(Sockbuf* socket)
 
 bool wouldBlock() { return errno == EAGAIN; } // EWOULDBLOCK is the same number on Linux
 
-/// Waits until the socket can be read or written. False, with errno set, when the time is over.
+/// Waits until the socket is ready for `events`. False, with errno set, on timeout or error.
 bool isReadyBy(SocketGuard::Clock::time_point deadline, int descriptor, short events)
 {
     for (;;) {
@@ -119,8 +118,8 @@ bool isReadyBy(SocketGuard::Clock::time_point deadline, int descriptor, short ev
 
 } // namespace
 
-/// OpenLDAP reads or writes LDAP while it lives. What reaches the socket outside of one is a TLS
-/// handshake, or TLS's goodbye.
+/// Marks the time in which OpenLDAP reads or writes LDAP. Socket operations outside of it belong to
+/// a TLS handshake or to close_notify.
 class SocketGuard::MessageScope : public NonCopyable {
 public:
     explicit MessageScope(SocketGuard& guard) : m_guard(guard)
@@ -158,16 +157,16 @@ int SocketGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap
     if (mayConnect && guard.takeOver(socket)) {
         return 0;
     }
-    // OpenLDAP would close it as well, but keep its number, and then take the session for connected.
+    // OpenLDAP would close it too, but keep its number and treat the session as connected.
     closeConnection(socket, Ownership::own);
     return -1;
 }
 
-/// OpenLDAP goes on polling the number of a connection that ended while nothing was outstanding: the
-/// session's next one would fail for it, or wait on somebody else's file.
+/// OpenLDAP keeps polling the descriptor of a connection that ended while no request was pending.
+/// The next connection of the session would fail because of it, or wait on an unrelated file.
 void SocketGuard::disconnected(LDAP* session, Sockbuf* socket, ldap_conncb*)
 {
-    if (socket != nullptr) { // null when the session goes
+    if (socket != nullptr) { // null when the session is destroyed
         ldap_mark_select_clear(session, socket);
     }
 }
@@ -190,7 +189,7 @@ bool SocketGuard::takeOver(Sockbuf* socket)
 
 bool SocketGuard::isUsable() const { return m_error == 0 && m_process == currentProcess(); }
 
-/// -1, with the errno that ended the connection first.
+/// Returns -1, with errno set to the first error that ended the connection.
 ber_slen_t SocketGuard::endWith(int error)
 {
     if (isUsable()) {
@@ -247,9 +246,11 @@ ber_slen_t SocketGuard::receive(char* bytes, ber_len_t length)
     }
 }
 
-/// Whether there is something after all, for a handshake, that was worth the wait. OpenLDAP awaits a
-/// message by itself, but not a handshake that the peer asks for later: it asks TLS again at once, and
-/// for ever where the peer then says nothing.
+/// Whether to read again after an empty read; may block. OpenLDAP itself waits for messages, so the
+/// first empty reads of a message return at once. Handshakes wait here. That includes a
+/// renegotiation inside a message: OpenLDAP retries the read at once, in a busy loop if the peer
+/// stays silent. Therefore, after 8 empty reads in one message, this waits too, and a timeout ends
+/// the connection.
 bool SocketGuard::mayReadAgain()
 {
     constexpr int enough = 8;
@@ -276,7 +277,7 @@ ber_slen_t SocketGuard::writeSocket(Sockbuf_IO_Desc* layer, void* bytes, ber_len
     return guard.send(static_cast<char const*>(bytes), length);
 }
 
-/// Sends all of it, or ends the connection.
+/// Sends everything or ends the connection.
 ber_slen_t SocketGuard::send(char const* bytes, ber_len_t length)
 {
     ber_len_t sent = 0;
@@ -300,7 +301,8 @@ ber_slen_t SocketGuard::send(char const* bytes, ber_len_t length)
     return static_cast<ber_slen_t>(sent);
 }
 
-/// A handshake has one deadline for all its reads and writes, a request one for each wait.
+/// Waits for the socket. A handshake has one deadline for all its reads and writes; each wait of a
+/// request has its own.
 bool SocketGuard::awaitSocket(short events)
 {
     auto const deadline = Clock::now() + patience();
@@ -313,7 +315,7 @@ bool SocketGuard::awaitSocket(short events)
 
 std::chrono::milliseconds SocketGuard::patience() const
 {
-    // With 0, a handshake could never even begin.
+    // With 0, no handshake could ever complete.
     return m_networkTimeout.count() == 0 ? std::chrono::seconds(1) : m_networkTimeout;
 }
 
@@ -326,9 +328,9 @@ int SocketGuard::closeSocket(Sockbuf_IO_Desc* layer)
 
 // The layer above TLS
 
-/// OpenLDAP asks whether there are bytes before it polls the socket, a few times for each read. Once
-/// it has given a connection up, it asks on and on and reads no more: told "yes" for ever, a wait would
-/// spin until its time is over, and one without a time for ever.
+/// OpenLDAP asks for buffered input before it polls the socket, a few times per read. After it
+/// dropped a connection it keeps asking without reading: a permanent "yes" would make it spin until
+/// its timeout, or for ever without one. So after 16 answers without a read, the answer is "no".
 int SocketGuard::controlMessage(Sockbuf_IO_Desc* layer, int option, void* argument)
 {
     constexpr int enough = 16;
@@ -344,14 +346,14 @@ ber_slen_t SocketGuard::readMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len
     SocketGuard& guard = guardOf(layer);
     guard.m_unheeded = 0;
     if (!guard.isUsable()) {
-        errno = ECONNRESET; // TLS may have decrypted bytes
+        errno = ECONNRESET; // even if TLS has decrypted input
         return -1;
     }
     MessageScope const scope(guard);
     return LBER_SBIOD_READ_NEXT(layer, bytes, length);
 }
 
-/// What TLS has not taken as a whole is over: whatever it says, nothing may follow.
+/// Ends the connection unless TLS accepted the whole message, whatever error it reports.
 ber_slen_t SocketGuard::writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_len_t length)
 {
     SocketGuard& guard = guardOf(layer);
@@ -364,7 +366,7 @@ ber_slen_t SocketGuard::writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_le
     if (count > 0 || (wouldBlock() && guard.mayBeConnecting())) {
         return count;
     }
-    // To OpenLDAP, these two mean that it may send the rest later.
+    // OpenLDAP would take these errors as "send the rest later".
     bool const soundsHarmless = errno == 0 || wouldBlock() || errno == ENOTCONN;
     return guard.endWith(soundsHarmless ? ECONNABORTED : errno);
 }

@@ -1,4 +1,4 @@
-// What keeps the connection of an OpenLDAP session from doing harm.
+// Guards the connection of an OpenLDAP session.
 #ifndef SOLVANE_LDAP_SRC_SOCKET_GUARD_H
 #define SOLVANE_LDAP_SRC_SOCKET_GUARD_H
 
@@ -11,28 +11,29 @@
 
 namespace Solvane {
 
-/// Two layers on the socket of a session: one next to the socket, which reads and writes in OpenLDAP's
-/// place, and one above TLS, where LDAP messages pass.
+/// Two layers on the socket of a session: one next to the socket, which reads and writes in
+/// OpenLDAP's place, and one above TLS, where LDAP messages pass.
 ///
 /// - A session that was given to a bind connects only within a bind: OpenLDAP would silently
 ///   connect again, without the bind, and let its operations run anonymously.
-/// - Reads never block: a peer that sends half a message and stops leaves the waiting to `ldap_result`,
-///   which keeps its timeout.
+/// - Reads never block: a peer that sends half a message and stops leaves the waiting to
+///   `ldap_result`, which keeps its timeout.
 /// - A TLS handshake ends when the network timeout is over, also one that the peer asks for later:
 ///   against a silent peer, OpenLDAP 2.5 spins for ever.
-/// - A write is done whole or ends the connection, at the latest when nothing was sent for the network
-///   timeout: both directions are shut down, and nothing is written any more, not even an unbind or a
-///   goodbye of TLS. Half a request may stand there, which the next bytes would complete. TLS must not
-///   be asked again either: OpenLDAP takes half a record for one that it will send later, and reports
-///   success; GnuTLS takes the next message for the rest of that record, and says that it sent more
-///   than it was given, whereupon OpenLDAP sends what lies behind the message in memory.
+/// - A write is done whole or ends the connection, at the latest when nothing was sent for the
+///   network timeout: both directions are shut down, and nothing is written any more, not even an
+///   unbind or a goodbye of TLS. Half a request may stand there, which the next bytes would
+///   complete. TLS must not be asked again either: OpenLDAP takes half a record for one that it
+///   will send later, and reports success; GnuTLS takes the next message for the rest of that
+///   record, and says that it sent more than it was given, whereupon OpenLDAP sends what lies
+///   behind the message in memory.
 /// - A write to a closed peer raises no SIGPIPE.
 /// - A message that is announced as larger than the bound ends the connection before it is stored.
 /// - A connection belongs to the process that made it. In a child that was forked since, nothing is
 ///   read from it or written to it, as if the peer had gone, and to close it ends the child's
 ///   descriptor only.
-/// - A session that connects again starts afresh: what is left of OpenLDAP's last TLS layer and of this
-///   guard's is taken away, and the old socket is no longer polled. Layers of others stay.
+/// - A session that connects again starts afresh: what is left of OpenLDAP's last TLS layer and of
+///   this guard's is taken away, and the old socket is no longer polled. Layers of others stay.
 ///
 /// Must outlive the session. Not thread-safe, like the session. A network timeout of 0 counts
 /// as 1 second, but does not delay the first write, which OpenLDAP then does later.
@@ -40,7 +41,7 @@ class SocketGuard : public NonCopyable {
 public:
     using Clock = std::chrono::steady_clock;
 
-    /// @param maximumMessageBytes  bound of an incoming message
+    /// @param maximumMessageBytes  size of the largest incoming message accepted
     SocketGuard(std::chrono::milliseconds networkTimeout, unsigned long maximumMessageBytes);
 
     /// The value of the option LDAP_OPT_CONNECT_CB.
@@ -51,7 +52,7 @@ public:
     /// False where the connection was ended, and in a child of the process that connected.
     bool isUsable() const;
 
-    /// While it lives, the session may connect; from then on it is bound, or was to be.
+    /// During its lifetime, the session may connect; afterwards it counts as bound.
     class BindScope : public NonCopyable {
     public:
         explicit BindScope(SocketGuard& guard) : m_guard(guard)

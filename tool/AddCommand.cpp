@@ -1,4 +1,4 @@
-// Options of "add", its servers, and what it prints.
+// The "add" command: its options, the choice of a server, and its output.
 #include "Commands.h"
 
 #include "AddRun.h"

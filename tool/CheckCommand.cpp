@@ -1,4 +1,4 @@
-// Settings and template, then server after server.
+// The "check" command: settings and template first, then each server.
 #include "Commands.h"
 
 #include "CheckReport.h"

@@ -1,4 +1,4 @@
-// Filters, the words that explain them, and the findings in a template.
+// The "expand" command: filters, explanations, and the findings in a template.
 #include "Commands.h"
 
 #include "Failure.h"

@@ -1,4 +1,4 @@
-// Options of "lookup", and what they make of a run.
+// The "lookup" command: its options and exit status.
 #include "Commands.h"
 
 #include "Failure.h"

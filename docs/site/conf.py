@@ -11,7 +11,15 @@ from sphinx.util.nodes import make_refnode
 project = "Solvane LDAP library"
 version = release = os.environ["SITE_VERSION"]
 extensions = ["myst_parser", "breathe"]
-include_patterns = ["index.md", "*.md", "docs/*.md", "docs/guide/*.md", "examples/*.md", "runtime/*.md", "reference/*"]
+include_patterns = [
+    "index.md",
+    "*.md",
+    "docs/*.md",
+    "docs/guide/*.md",
+    "examples/*.md",
+    "runtime/*.md",
+    "reference/*",
+]
 suppress_warnings = ["myst.header"]  # levels that a document leaves out
 myst_heading_anchors = 4
 primary_domain = "cpp"
@@ -40,14 +48,18 @@ class NamesInCode(SphinxPostTransform):
         for literal in list(self.document.findall(nodes.literal)):
             found = re.fullmatch(r"((?:\w+::)*\w+)(\(.*\))?", literal.astext())
             place = names.get(found.group(1)) if found else None
-            if place and not isinstance(literal.parent, (nodes.reference, nodes.title, addnodes.pending_xref)):
-                literal.replace_self(make_refnode(self.app.builder, self.env.docname, *place, literal.deepcopy()))
+            if place and not isinstance(
+                literal.parent, (nodes.reference, nodes.title, addnodes.pending_xref)
+            ):
+                literal.replace_self(
+                    make_refnode(self.app.builder, self.env.docname, *place, literal.deepcopy())
+                )
 
     def known_names(self):
         names = {}
         for name, _, _, page, anchor, _ in self.env.get_domain("cpp").get_objects():
             for prefix in ("", "Solvane::", "Solvane::Lookup::"):
-                short = name[len(prefix):]
+                short = name[len(prefix) :]
                 # Of members, at least the class is named.
                 if name.startswith(prefix) and ("::" in short or short[:1].isupper()):
                     names.setdefault(short, (page, anchor))

@@ -10,13 +10,25 @@ import xml.etree.ElementTree as ElementTree
 
 # Folder of headers: title and introduction. A header belongs to the longest folder that fits.
 LIBRARIES = {
-    "solvane/lookup/": ("Lookup engine", "`#include <solvane/lookup.h>`, library `Solvane::lookup`."),
-    "solvane/session/": ("Sessions", "One connection to a server that never blocks: what the lookup engine and "
-                         "`solvane-ldap check` are built on. Library `Solvane::lookup`."),
+    "solvane/lookup/": (
+        "Lookup engine",
+        "`#include <solvane/lookup.h>`, library `Solvane::lookup`.",
+    ),
+    "solvane/session/": (
+        "Sessions",
+        "One connection to a server that never blocks: what the lookup engine and "
+        "`solvane-ldap check` are built on. Library `Solvane::lookup`.",
+    ),
     "solvane/ldap/": ("Object interface", "`#include <solvane/ldap.h>`, library `Solvane::ldap`."),
-    "solvane/ldap/impl/": ("Bodies and adapters", "For [requests of your own](../docs/guide/own-requests.md): "
-                           "`#include <solvane/ldap/impl.h>`."),
-    "solvart/": ("Runtime", "The bundled runtime. [Another one](../runtime/README.md) can take its place."),
+    "solvane/ldap/impl/": (
+        "Bodies and adapters",
+        "For [requests of your own](../docs/guide/own-requests.md): "
+        "`#include <solvane/ldap/impl.h>`.",
+    ),
+    "solvart/": (
+        "Runtime",
+        "The bundled runtime. [Another one](../runtime/README.md) can take its place.",
+    ),
 }
 
 
@@ -32,23 +44,39 @@ class Header:
         self.path = compound.find("location").get("file").rpartition("include/")[2]
         self.brief = text(compound.find("briefdescription"))
         names = [(each.text, each.get("refid")) for each in compound.findall("innerclass")]
-        outer = [(name, refid) for name, refid in names
-                 if not any(name.startswith(f"{other}::") for other, _ in names)]
+        outer = [
+            (name, refid)
+            for name, refid in names
+            if not any(name.startswith(f"{other}::") for other, _ in names)
+        ]
         self.classes = [name for name, _ in outer]
-        self.directives = [f".. doxygen{kind_of(xml / f'{refid}.xml')}:: {name}\n   :members:\n"
-                           "   :protected-members:\n   :undoc-members:\n" for name, refid in outer]
-        for scope in [*(each.get("refid") for each in compound.findall("innernamespace")), file.stem]:
+        self.directives = [
+            f".. doxygen{kind_of(xml / f'{refid}.xml')}:: {name}\n   :members:\n"
+            "   :protected-members:\n   :undoc-members:\n"
+            for name, refid in outer
+        ]
+        for scope in [
+            *(each.get("refid") for each in compound.findall("innernamespace")),
+            file.stem,
+        ]:
             members = list(ElementTree.parse(xml / f"{scope}.xml").getroot().iter("memberdef"))
-            self.directives += [directive(member, members) for member in members
-                                if member.find("location").get("file").rpartition("include/")[2] == self.path]
+            self.directives += [
+                directive(member, members)
+                for member in members
+                if member.find("location").get("file").rpartition("include/")[2] == self.path
+            ]
 
     def library(self):
-        return max((folder for folder in LIBRARIES if self.path.startswith(folder)), key=len, default=None)
+        return max(
+            (folder for folder in LIBRARIES if self.path.startswith(folder)), key=len, default=None
+        )
 
     def page(self):
         name = self.path.rpartition("/")[2]
-        return (f"{name}\n{'=' * len(name)}\n\n{self.brief}\n\n.. code-block:: cpp\n\n"
-                f"   #include <{self.path}>\n\n" + "\n".join(self.directives))
+        return (
+            f"{name}\n{'=' * len(name)}\n\n{self.brief}\n\n.. code-block:: cpp\n\n"
+            f"   #include <{self.path}>\n\n" + "\n".join(self.directives)
+        )
 
 
 def kind_of(file):
@@ -57,6 +85,7 @@ def kind_of(file):
 
 def directive(member, members):
     """The directive for what stands in no class; of overloads, with the parameters."""
+
     def name(each):
         return each.findtext("qualifiedname") or each.findtext("name")
 
@@ -75,12 +104,17 @@ def main(xml, pages):
         (pages / f"{header.path.replace('/', '-')}.rst").write_text(header.page())
     for number, (folder, (title, introduction)) in enumerate(LIBRARIES.items(), 1):
         own = [header for header in headers if header.library() == folder]
-        rows = [f"| [{header.path.rpartition('/')[2]}]({header.path.replace('/', '-')}.rst) | {header.brief} | "
-                f"{', '.join(f'`{name}`' for name in header.classes)} |" for header in own]
+        rows = [
+            f"| [{header.path.rpartition('/')[2]}]({header.path.replace('/', '-')}.rst) | {header.brief} | "
+            f"{', '.join(f'`{name}`' for name in header.classes)} |"
+            for header in own
+        ]
         names = "\n".join(f"{header.path.replace('/', '-')}" for header in own)
         (pages / f"library-{number}.md").write_text(
-            f"# {title}\n\n{introduction}\n\n| header | what it has | classes |\n|---|---|---|\n" + "\n".join(rows)
-            + f"\n\n```{{toctree}}\n:hidden:\n\n{names}\n```\n")
+            f"# {title}\n\n{introduction}\n\n| header | what it has | classes |\n|---|---|---|\n"
+            + "\n".join(rows)
+            + f"\n\n```{{toctree}}\n:hidden:\n\n{names}\n```\n"
+        )
 
 
 if __name__ == "__main__":

@@ -36,11 +36,11 @@ struct Result {
     }
 };
 
-/// False if it is damaged.
+/// Returns false if the message is malformed.
 bool parse(LDAP* session, Session::Message const& message, Result& result)
 {
     if (message.isSuccess) {
-        return true; // what OpenLDAP would make texts of is empty
+        return true; // there are no texts for OpenLDAP to decode
     }
     int const rc =
         ldap_parse_result(session, message.parsed.get(), &result.code, result.matched.address(),
@@ -123,7 +123,7 @@ void Pipeline::drain(Lane& lane)
         }
         storeLatest(lane.server->heardAt, session.heardAt());
         lane.lease->hasAnswered = true;
-        if (message.id <= 0) { // as a server does before it closes
+        if (message.id <= 0) { // notice of disconnection
             leave(lane, Trouble::broken,
                   {Outcome::TryLater, LDAP_SERVER_DOWN,
                    lane.server->uri + " is closing the connection"});
@@ -183,7 +183,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
                                std::to_string(settings.entryLimit) + " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
-        // Much more of it may come, whatever it was asked for, before the answers of the others.
+        // More of this answer may arrive before the answers of the other searches.
         leave(lane, Trouble::damaged, {Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, std::string()});
     }
 }
@@ -192,9 +192,10 @@ void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& messag
 {
     Result result;
     if (!parse(lane.lease->session.handle(), message, result)) {
-        leave(lane, Trouble::damaged,
-              {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent a damaged result"},
-              &task);
+        leave(
+            lane, Trouble::damaged,
+            {Outcome::TryLater, LDAP_DECODING_ERROR, lane.server->uri + " sent an invalid result"},
+            &task);
         return;
     }
     lane.remove(task);

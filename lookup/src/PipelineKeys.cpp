@@ -14,8 +14,9 @@ namespace Solvane::Lookup {
 
 bool Pipeline::wantsKeys() const
 {
-    // A key whose time would pass while it waits for a lane is better left in the source. One that waits
-    // for another server, as it failed on the first, does not hold up those that need not.
+    // A key that would only wait here stays in the source, where its deadline does not run. One
+    // that waits for another server, as it failed on the first, does not hold up those that need
+    // not.
     return std::none_of(m_waiting.begin(), m_waiting.end(),
                         [](Task const* task) { return task->isFresh(); }) &&
            m_tasks.size() < m_maximumTasks && m_inFlight < m_maximumLanes * m_window &&
@@ -122,8 +123,8 @@ void Pipeline::conclude(Task& task, std::vector<Failure> const& others)
     finish(task, verdict.outcome, verdict.code, verdict.text);
 }
 
-/// Concludes a key whose time is over. A server that was not asked might have known it: then it is to be
-/// tried later, whatever the others said.
+/// Concludes a key whose time is over. A server that was not asked might have known it: then it is
+/// to be tried later, whatever the others said.
 void Pipeline::concludeLate(Task& task)
 {
     std::vector<Failure> unasked;

@@ -7,9 +7,9 @@
 
 namespace Solvane::Lookup {
 
-/// Goes through all tasks that wait: one that has to wait for a session does not hold up those that need
-/// not. The pool is asked once for those that it treats alike. After each change it begins anew, as those
-/// that were passed may go on now.
+/// Goes through all tasks that wait: one that has to wait for a session does not hold up those that
+/// need not. The pool is asked once for those that it treats alike. After each change it begins
+/// anew, as those that were passed may go on now.
 void Pipeline::dispatch()
 {
     m_lookAgainAt = Clock::time_point::max();
@@ -37,8 +37,8 @@ void Pipeline::dispatch()
     }
 }
 
-/// Whether it is not worth asking the pool: for a task like one that was told to wait, while a session is
-/// being opened or a domain resolved for it, or without room for one more lane.
+/// Whether it is not worth asking the pool: for a task like one that was told to wait, while a
+/// session is being opened or a domain resolved for it, or without room for one more lane.
 bool Pipeline::mustWait(Task const& task, std::vector<Task const*> const& told)
 {
     bool const isTold = std::any_of(told.begin(), told.end(),
@@ -83,8 +83,8 @@ bool Pipeline::makesRoom(Task const& task)
     return m_lanes.size() < m_maximumLanes && (m_now >= m_noNewLaneBefore || !canBeServed(task));
 }
 
-/// Returns an idle session that no waiting task can be asked on. Two runs that each kept one would wait
-/// for the other's.
+/// Returns an idle session that no waiting task can be asked on. Two runs that each kept one would
+/// wait for the other's.
 bool Pipeline::endUselessLane()
 {
     auto const useless = std::find_if(m_lanes.begin(), m_lanes.end(), [&](Lane const& lane) {
@@ -228,7 +228,8 @@ void Pipeline::notOpened(Lane& lane)
             continue;
         }
         if ((attempt == Pool::Attempt::another || wasHeldUp) && !task->hasReopened) {
-            task->hasReopened = true; // the next of the servers at that address, or without a pause
+            task->hasReopened =
+                true; // try another server behind the same address, or without a pause
             continue;
         }
         Failure failure = {

@@ -15,8 +15,8 @@
 
 #include <lber.h>
 
-// OpenLDAP's parser of search filters: exported, and declared in no installed header. The one that
-// is declared, ldap_put_vrFilter, takes another grammar (RFC 3876).
+// OpenLDAP's parser of search filters; exported, but not declared in an installed header. The
+// declared one, ldap_put_vrFilter, parses another grammar (RFC 3876).
 extern "C" int ldap_pvt_put_filter(BerElement* element, char const* filter);
 
 namespace Solvane::Lookup {

@@ -22,7 +22,7 @@ namespace Solvane::Lookup {
 struct ServerDomain {
     std::string name;
     Server settings;
-    std::string uri; ///< for texts, as "_ldap._tcp.example.com"
+    std::string uri; ///< for messages, as "_ldap._tcp.example.com"
     Clock::time_point claimedUntil = Clock::time_point::min(); ///< a caller asks for them
     std::unique_ptr<SrvQuery> parked; ///< a question that its caller did not wait for
     Clock::time_point parkedUntil;
@@ -44,7 +44,7 @@ public:
     std::vector<ServerRecord*> const& inOrder() const { return m_order; }
     ServerRecord& record(std::size_t index) { return m_records[index]; }
 
-    /// The domain whose servers should be asked for now, which is then under way; null without one.
+    /// Returns a domain due for a query and marks it as being queried; null if none is due.
     ServerDomain* claimDomain(Clock::time_point now, Clock::time_point until);
     /// Until when a caller asks for the servers of a domain that has named none so far.
     Clock::time_point resolvingUntil(Clock::time_point now) const;
@@ -52,7 +52,7 @@ public:
                   std::vector<SrvTarget> const& targets, Clock::time_point now);
     /// What the parent process asked is not answered here.
     void afterFork();
-    /// A server failed: its domain may name others now.
+    /// A server failed: query its domain again soon, as it may have new servers.
     void failed(ServerRecord const& server, Clock::time_point now);
     /// Adds a failure for each domain without servers.
     void addFailures(std::vector<Failure>& failures) const;

@@ -1,4 +1,4 @@
-// BER elements one after the other, as OpenLDAP takes them.
+// Reads consecutive BER elements by OpenLDAP's rules.
 #ifndef SOLVANE_SESSION_SRC_BER_READER_H
 #define SOLVANE_SESSION_SRC_BER_READER_H
 
@@ -7,15 +7,15 @@
 
 namespace Solvane::Lookup {
 
-/// Takes elements off the front of some bytes, which are borrowed. Reads what OpenLDAP's ber_scanf
-/// reads: elements of definite length, whatever their tags.
+/// Reads elements from the front of borrowed bytes. Accepts what OpenLDAP's ber_scanf accepts:
+/// elements of definite length with any tag. Not thread-safe.
 class BerReader {
 public:
     explicit BerReader(std::string_view bytes) : m_rest(bytes) {}
 
     bool isAtEnd() const { return m_rest.empty(); }
 
-    /// Takes the next element. False if it is not whole; the reader is of no more use then.
+    /// Reads the next element. False if it is incomplete; the reader cannot be used any more then.
     bool take(std::string_view& content)
     {
         std::size_t length = 0;
@@ -27,7 +27,7 @@ public:
         return true;
     }
 
-    /// Goes into the next element: what it holds comes next. False if it is not whole.
+    /// Enters the next element and continues with its content. False if it is incomplete.
     bool enter()
     {
         std::size_t length = 0;
@@ -42,7 +42,7 @@ private:
         if (m_rest.empty()) {
             return false;
         }
-        if ((byteAt(0) & 0x1F) == 0x1F) { // the tag goes on, as long as its bytes say so
+        if ((byteAt(0) & 0x1F) == 0x1F) { // a tag of several bytes
             while (position < longest && position < m_rest.size() &&
                    (byteAt(position) & 0x80) != 0) {
                 ++position;

@@ -55,10 +55,10 @@ public:
     void deliver() { m_deliverable = m_front.length; }
     /// Removes the message at the front, whether it was read or not.
     void drop();
-    /// The same; its bytes stay where they are until the next `fill`.
+    /// The same; its bytes stay valid until the next `fill`.
     void take();
-    /// Whether an idle connection is as it was left: nothing has come, and nothing is to be sent. What
-    /// TLS says to itself does not count, as the tickets that follow a handshake.
+    /// Validates an idle connection: true if it is open, without input or output. TLS's own
+    /// messages, such as the session tickets after a handshake, do not count as input.
     bool isFresh();
 
     // Output

@@ -47,7 +47,7 @@ std::string wordsOf(int error)
     return error == EMFILE ? "too many open files in this process" : std::strerror(error);
 }
 
-/// What became of a connect under way: 0, or errno.
+/// The result of a pending connect: 0 or errno.
 int errorOf(int socket)
 {
     int error = 0;

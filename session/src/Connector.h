@@ -39,7 +39,7 @@ public:
     /// True if an attempt failed because there was no descriptor or memory for a socket, which says
     /// nothing about the server.
     bool lacksSocket() const { return m_lacksSocket; }
-    /// The addresses in the order of trial.
+    /// The addresses in the order in which they are tried.
     std::vector<Address> const& order() const { return m_order; }
 
 private:

@@ -21,8 +21,8 @@ struct FreeElement {
     void operator()(BerElement* element) const { ber_free(element, 1); }
 };
 
-/// Whether an operation is a search result with code 0, no matched DN, no text and nothing behind
-/// (RFC 4511 section 4.1.9), as nearly all of them are.
+/// Whether an operation is a search result with code 0, no matched DN, no text and nothing after
+/// them (RFC 4511 section 4.1.9), as most results are.
 bool isPlainSuccess(std::string_view operation)
 {
     constexpr char plain[] = "\x65\x07\x0A\x01\x00\x04\x00\x04\x00";
@@ -150,7 +150,7 @@ bool Conversation::isAwaited(int id) const
 
 Session::Received Conversation::receive(Session::Message& message, bool parsesEntries)
 {
-    constexpr int dropsAtOnce = 256; // a server that sends what nobody awaits must not hold us up
+    constexpr int dropsAtOnce = 256; // a flood of unexpected messages must not block the caller
     message.parsed.free();
     message.content = {};
     for (int drops = 0; drops < dropsAtOnce; ++drops) {
@@ -168,7 +168,7 @@ Session::Received Conversation::receive(Session::Message& message, bool parsesEn
             message.isSuccess = isPlainSuccess(m_channel.frontBytes().substr(front.operationAt));
             bool const isLeft = front.operation == LDAP_RES_SEARCH_ENTRY && !parsesEntries;
             if (!take(front, message, isLeft)) {
-                continue; // broken, which the next round tells
+                continue; // broken; the next round returns it
             }
             m_messageSize = front.length;
             if (!isIntermediate(front.operation)) {
@@ -181,8 +181,9 @@ Session::Received Conversation::receive(Session::Message& message, bool parsesEn
     return Session::Received::nothing;
 }
 
-/// Takes the message in front. An entry may be left to the caller: OpenLDAP forgets a request when it has
-/// the final response. Of an operation that is longer than its message it would never forget it.
+/// Takes the message in front. An entry may be left to the caller: OpenLDAP forgets a request when
+/// it has the final response. Of an operation that is longer than its message it would never forget
+/// it.
 bool Conversation::take(MessageFrame const& front, Session::Message& message, bool isLeft)
 {
     std::string_view content;
@@ -197,7 +198,7 @@ bool Conversation::take(MessageFrame const& front, Session::Message& message, bo
     return true;
 }
 
-/// Has OpenLDAP parse the message in front. It has all of it, so it does not wait.
+/// Makes OpenLDAP parse the message at the front, which is complete, so it does not block.
 bool Conversation::parse(LDAPMessageBuffer& message)
 {
     m_channel.deliver();

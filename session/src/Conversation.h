@@ -40,10 +40,10 @@ public:
     /// Accepts the answers to a request that was sent by other code.
     void expect(int id) { m_awaited.push_back(id); }
 
-    /// The next message of a request, without waiting.
-    /// @param parsesEntries  OpenLDAP parses entries too, and none is left in the buffer
+    /// Returns the next message of a request, without waiting.
+    /// @param parsesEntries  makes OpenLDAP parse entries too; else they stay in the buffer
     Session::Received receive(Session::Message& message, bool parsesEntries);
-    /// Bytes of the message that was given out last.
+    /// Size in bytes of the last message returned.
     std::size_t messageSize() const { return m_messageSize; }
 
 private:

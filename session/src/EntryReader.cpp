@@ -13,10 +13,10 @@ namespace Solvane::Lookup {
 
 namespace {
 
-/// The values of one attribute, as attributes take them. Kept from attribute to attribute for its memory.
+/// The values of one attribute as an array for LDAPAttribute; reused to save allocations.
 class Values {
 public:
-    /// Takes the set of values that comes next. False if it is damaged.
+    /// Reads the next set of values. False if it is malformed.
     bool takeFrom(BerReader& reader)
     {
         std::string_view set;
@@ -54,7 +54,7 @@ private:
 /// @param attributes  one after the other
 bool append(std::string_view dn, std::string_view attributes, std::list<LDAPSearchResultEntry>& to)
 {
-    std::list<LDAPSearchResultEntry> read; // built in the node in which it stays
+    std::list<LDAPSearchResultEntry> read; // built in its final list node
     LDAPSearchResultEntry& entry = read.emplace_back(std::string(dn));
     Values values;
     for (BerReader reader(attributes); !reader.isAtEnd();) {

@@ -18,10 +18,10 @@ struct MessageFrame {
     };
 
     State state = partial;
-    std::size_t length = 0;      ///< of the whole message in bytes; 0 until that can be told
-    int id = 0;                  ///< once it is whole
-    unsigned char operation = 0; ///< the tag of what it holds, once it is whole
-    std::size_t operationAt = 0; ///< where that tag stands
+    std::size_t length = 0;      ///< of the whole message in bytes; 0 while unknown
+    int id = 0;                  ///< message id, once whole
+    unsigned char operation = 0; ///< tag of the operation, once whole
+    std::size_t operationAt = 0; ///< position of that tag
 };
 
 /// The frame of the message at the start of `bytes`.

@@ -53,10 +53,10 @@ struct NameQuestion : public NonCopyable {
 
     Verdict verdict;
     bool isSettled = false;
-    /// Memory ran out while the answer was taken. An exception cannot pass through c-ares, so `advance`
-    /// tells it.
+    /// Memory ran out while the answer was taken. An exception cannot pass through c-ares, so
+    /// `advance` tells it.
     bool lacksMemory = false;
-    std::optional<NameService> service; ///< none before the question is asked
+    std::optional<NameService> service; ///< empty before the query is sent
 
 private:
     bool hasFailed() const { return lacksMemory || service->lacksMemory(); }

@@ -304,7 +304,7 @@ Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
     for (int messages = 0; messages < messagesAtOnce; ++messages) {
         switch (m_conversation->receive(answer, true)) {
         case Received::message:
-            // Of a search for nothing but life, the entry is not the end.
+            // The root DSE entry is not the end of askForLife.
             if (answer.id == m_id && !isIntermediate(answer.type)) {
                 return Progress::done;
             }
@@ -338,7 +338,7 @@ bool Session::Steps::startIdentify()
 {
     // The kernel accepts connections for a stopped or killed server; only a reply proves that it is
     // alive. LDAPv2 has no extended operations.
-    constexpr unsigned int firstThatKnowsTheQuestion = 3;
+    constexpr unsigned int firstThatKnowsTheQuestion = 3; // LDAPv2 has no extended operations
     int const code = options.version < firstThatKnowsTheQuestion ? m_conversation->askForLife(m_id)
                                                                  : m_conversation->whoAmI(m_id);
     if (code != LDAP_SUCCESS) {

@@ -40,7 +40,7 @@ public:
     /// As `Session::receive`.
     /// @param parsesEntries  OpenLDAP parses entries too
     Received receive(Message& message, bool parsesEntries);
-    /// Keeps what broke the session; the first verdict stays.
+    /// Records the cause of a broken connection, unless an earlier failure is known.
     Verdict const& breakOff(char const* during);
     /// Null before the connect is done.
     Conversation* conversation() const { return m_conversation.get(); }

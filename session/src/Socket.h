@@ -37,7 +37,7 @@ public:
 
     int number() const { return m_descriptor.number(); }
     bool isOurs() const { return currentProcess() == m_owner; }
-    /// errno of the failure.
+    /// The errno of the last failure.
     int error() const { return m_error; }
     /// When the last byte arrived; initially the time of creation.
     Clock::time_point heardAt() const { return m_heardAt; }

@@ -34,13 +34,13 @@ std::size_t indexAt(std::vector<SrvTarget> const& targets, std::size_t begin, st
     return begin;
 }
 
-/// What random order begins with. It shares out load and is no secret, so that the time will do on a
-/// system without random numbers.
+/// What random order begins with. It shares out load and is no secret, so that the time will do on
+/// a system without random numbers.
 std::uint32_t seed()
 {
     try {
         return std::random_device()();
-    } catch (std::exception const&) { // cannot pass through c-ares
+    } catch (std::exception const&) { // must not propagate through C code
         return static_cast<std::uint32_t>(Clock::now().time_since_epoch().count());
     }
 }
@@ -52,7 +52,7 @@ std::string comparable(std::string const& name)
     return copyStringToLower(name.substr(0, name.size() - (isAbsolute ? 1 : 0)));
 }
 
-/// Whether a domain says that it has no such service.
+/// Whether the record says that the domain has no such service (RFC 2782: target ".").
 bool isNone(SrvTarget const& target) { return target.host.empty() || target.host == "."; }
 
 } // namespace

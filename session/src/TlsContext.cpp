@@ -84,7 +84,7 @@ char const* withoutVersionsBelow(TlsVersion version)
 
 std::string quoted(std::string const& file) { return '\'' + oneLine(file) + '\''; }
 
-/// Whether a priority string decides itself how strong keys and signatures of certificates must be.
+/// Whether a priority string sets its own minimum strength for keys and signatures of certificates.
 bool tellsStrength(std::string const& suite)
 {
     constexpr char const* words[] = {"%PROFILE", "SECURE192", "SECURE256", "SUITEB"};

@@ -23,7 +23,7 @@ struct Target {
     std::vector<std::string> nameServers = {}; ///< empty: the system's
     std::vector<unsigned int> otherPorts = {}; ///< of 127.0.0.1: servers behind the first one
     std::chrono::milliseconds deadline{0};     ///< for a key; 0: somewhat more than `patience`
-    /// Called between the bind and what follows it, where the operation has such a moment.
+    /// Called between the bind and the next request, if the operation has them.
     std::function<void()> afterBind = [] {};
     /// A program that starts the tool, and options of the tool's own.
     std::vector<std::string> toolPrefix = {};

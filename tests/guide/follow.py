@@ -55,7 +55,7 @@ def console(lines):
         if line.startswith("$ "):
             commands.append(line[2:])
         elif line.startswith("(gdb) ") and commands:
-            typed.setdefault(len(commands), []).append(line[len("(gdb) "):])
+            typed.setdefault(len(commands), []).append(line[len("(gdb) ") :])
         else:
             expected.append(line)
     if not commands or not expected:
@@ -63,8 +63,11 @@ def console(lines):
     script = ': >"$output"\n'
     for number, command in enumerate(commands, 1):
         after = "".join(f"{line}\n" for line in typed.get(number, []))
-        script += (f"{{ {command}\n}} >>\"$output\" 2>&1 </dev/null\n" if not after
-                   else f"{{ {command}\n}} >>\"$output\" 2>&1 <<'INPUT'\n{after}INPUT\n")
+        script += (
+            f'{{ {command}\n}} >>"$output" 2>&1 </dev/null\n'
+            if not after
+            else f"{{ {command}\n}} >>\"$output\" 2>&1 <<'INPUT'\n{after}INPUT\n"
+        )
     script += 'cat "$output"\n'
     for line in expected:
         pattern = re.sub(r":\d{3,}", ":[0-9]+", re.sub(r"([][\\.^$*+?(){}|])", r"\\\1", line))

@@ -111,7 +111,7 @@ class Cluster:
         return self._client("ldapadd", provider, [], record).returncode == 0
 
     def added(self, provider):
-        """The names of the entries that a provider has of those that were added."""
+        """The names of the added entries that a provider has."""
         found = self._client(
             "ldapsearch",
             provider,

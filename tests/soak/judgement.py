@@ -16,7 +16,7 @@ SHORTEST_FOR_MEMORY = 120
 
 
 def up_times(downs, start, end):
-    """The spans in which at least one provider was up, from the down times of each."""
+    """The spans in which at least one provider was up, computed from their down times."""
     edges = sorted(
         {
             start,
@@ -42,7 +42,7 @@ def overlap(span, other):
 
 
 def longest_stretch(stretches, ups):
-    """The longest stretch without an answer in which a provider was up without a break."""
+    """The longest time without an answer while a provider was continuously up."""
     return max((overlap(stretch, up) for stretch in stretches for up in ups), default=0.0)
 
 
@@ -60,7 +60,7 @@ def after_fault(fault, spans):
 
 
 def errors_near(faults, moments):
-    """How many of the moments lie in one of the faults, or in the time in which it is got over."""
+    """The number of times that lie in a fault or in its recovery time."""
     return sum(
         any(fault["from"] <= moment < fault["to"] + AFTERMATH for fault in faults)
         for moment in moments
@@ -111,7 +111,7 @@ def complaints(soak):
                 f"{name}: found {way['found']}, did not find {way['notFound']}: "
                 "there must be some of both"
             )
-        # Wrong settings and refusals are none of the faults that are made here.
+        # The injected faults cause no misconfiguration and no refusal.
         for reason in way["errors"]:
             if not reason.startswith("TryLater"):
                 found.append(f"{name}: {way['errors'][reason]} times {reason}")

@@ -145,7 +145,7 @@ def _counted(ways, name):
 
 
 def write_into(path, text):
-    """Replaces what stands between the marks of a document."""
+    """Replaces the text between the marks of a document."""
     try:
         with open(path, encoding="utf-8") as file:
             content = file.read()

@@ -15,7 +15,7 @@
 
 namespace SolvaneTest {
 
-/// Listens with a queue that is full: the kernel drops what else comes.
+/// Listens with a full queue: the kernel drops further connects.
 class HangingPort {
 public:
     /// @param port  0: a free one

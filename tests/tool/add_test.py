@@ -121,16 +121,16 @@ class Ldif(ToolTest):
     def test_is_refused_with_its_line(self):
         for text, line, words in (
             ("version: 2\n\ndn: ou=a\nou: a\n", 1, ["version '2'"]),
-            ("\nou: a\n", 2, ["begins with 'ou'"]),
+            ("\nou: a\n", 2, ["starts with 'ou'"]),
             ("dn: ou=a\nou a\n", 2, ["attribute: value"]),
             ("dn: ou=a\n: a\n", 2, ["attribute: value"]),
-            ("dn: ou=a\no u: a\n", 2, ["'o u' is no attribute"]),
+            ("dn: ou=a\no u: a\n", 2, ["invalid attribute name 'o u'"]),
             ("dn: ou=a\nou:: ???\n", 2, ["base64"]),
-            ("dn: ou=a\nou: a\ndn: ou=b\nou: b\n", 3, ["a second DN"]),
+            ("dn: ou=a\nou: a\ndn: ou=b\nou: b\n", 3, ["second DN in one record"]),
             ("dn: ou=a\n", 1, ["no attributes"]),
             ("dn:\nou: a\n", 1, ["DN"]),
-            ("dn:: /w==\nou: a\n", 1, ["no UTF-8"]),
-            ("dn: ou=a\nchangetype: modify\n", 2, ["'modify'", "only entries"]),
+            ("dn:: /w==\nou: a\n", 1, ["not valid UTF-8"]),
+            ("dn: ou=a\nchangetype: modify\n", 2, ["'modify'", "only add"]),
             ("dn: ou=a\nchangetype: delete\n", 2, ["'delete'"]),
             ("dn: ou=a\ncontrol: 1.2.3\nchangetype: add\nou: a\n", 2, ["controls"]),
             ("dn: ou=a\ncn: x\njpegPhoto:: AAEA\n", 3, ["NUL byte", ";binary"]),
@@ -177,7 +177,7 @@ class Usage(ToolTest):
             (["stray"], "stray"),
             (
                 ["-H", "ldap://h", "-D", "cn=x", "--password-fd", "0"],
-                "both come from standard input",
+                "both read from standard input",
             ),
         ):
             with self.subTest(arguments=arguments):
@@ -379,7 +379,7 @@ class AddToAPeer(ToolTest):
         self.assertEqual(
             result.lines[1], f"unknown ou=b,ou=a,{NEW}: connection lost before the answer"
         )
-        self.assertIn("look whether it is there", result.errors)
+        self.assertIn("check whether the entry exists", result.errors)
 
     def test_sends_nothing_twice(self):
         result = self.add(hanging_up_after(), unit("once"))

@@ -100,7 +100,9 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         self.assertEqual(steps.names, SECURE_STEPS)
         self.assertEqual(set(steps.verdicts.values()), {"ok"})
         self.assertRegex(steps.texts["TLS"], r"^TLSv?1\.\d, .+")
-        self.assertRegex(steps.texts["certificate"], r"^CN=localhost, for localhost, .*expires in \d+ days$")
+        self.assertRegex(
+            steps.texts["certificate"], r"^CN=localhost, for localhost, .*expires in \d+ days$"
+        )
 
     def test_shows_the_latencies_of_each_repetition(self):
         result, steps = self.as_reader(
@@ -192,7 +194,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
         self.assertEqual(result.status, 78, result.output + result.errors)
         self.assertIn("/nonexistent/ca.pem", result.output + result.errors)
         self.assertIn(
-            "name the authority's file with --tls-ca or install the package " "ca-certificates",
+            "give the CA's file with --tls-ca or install the package " "ca-certificates",
             steps.texts["chain"],
         )
         self.assertNotEqual(steps.verdicts.get("bind"), "ok")
@@ -248,7 +250,7 @@ class CheckOnADirectory(DirectoryTest, CheckTest):
             "--nagios",
         )
 
-        self.assert_line(result, 1, "'no/body@corp.test': nobody found")
+        self.assert_line(result, 1, "'no/body@corp.test': not found")
 
     def test_alarms_a_monitor_where_no_server_works(self):
         result, _ = self.check("-H", f"ldap://127.0.0.1:{free_port()}", "--nagios")
@@ -321,7 +323,7 @@ class CheckOnACertificateThatEndsSoon(DirectoryTest, CheckTest):
         result, _ = self.as_reader(self.secure_uri, "--tls-ca", ca, "--nagios")
 
         self.assert_line(result, 1, "certificate")
-        self.assertRegex(result.output, "[67] days left")
+        self.assertRegex(result.output, "expires in [67] days")
 
 
 def identity(number, code, value=None):
@@ -422,7 +424,9 @@ class CheckOnAScriptedDirectory(CheckTest):
 
         self.assertEqual(result.status, 0, result.output)
         self.assertEqual(steps.verdicts["references"], "warning")
-        self.assertIn("2 below the base, such as ldap://a.test/ou=x,dc=x", steps.texts["references"])
+        self.assertIn(
+            "2 below the base, such as ldap://a.test/ou=x,dc=x", steps.texts["references"]
+        )
         self.assertIn("try later", steps.texts["references"])
 
     def test_takes_references_that_are_ignored(self):

@@ -189,14 +189,14 @@ class CommandLine(ToolTest):
             (["-l", ""], "from 0"),
             (["-j", "0"], "from 1"),
             (["--window", "0"], "from 1"),
-            (["--domains", ""], "no domain"),
-            (["--domains", "a@b"], "no domain"),
+            (["--domains", ""], "no domain given"),
+            (["--domains", "a@b"], "invalid domain"),
             (["--forms", "half"], "noext"),
-            (["--forms", ""], "no form"),
+            (["--forms", ""], "no address form"),
             (["--delimiter", "ab"], "one ASCII"),
             (["--delimiter", "@"], "one ASCII"),
             (["--references", "follow"], "ignore"),
-            (["--ascii-domains", "maybe"], "yes nor no"),
+            (["--ascii-domains", "maybe"], "yes or no"),
             (["--key-bytes", "0"], "from 1"),
             (["--answer-bytes", "1"], "from 1024"),
             (["--entry-bytes", "x"], "from 1024"),
@@ -281,7 +281,7 @@ class CommandLine(ToolTest):
     def test_refuses_two_readers_of_standard_input(self):
         result = run(*LOOKUP, "-f", "-", "-D", "cn=x", "--password-fd", "0", stdin=b"secret\n")
 
-        self.assert_fails(result, 64, "both come from standard input")
+        self.assert_fails(result, 64, "both read from standard input")
 
 
 class StandardOutput(ToolTest):

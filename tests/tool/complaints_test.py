@@ -552,7 +552,7 @@ class ACertificate(LookupTest):
             slapd,
             ["--tls-ca", itself],
             77,
-            "the certificate is not for '127.0.0.1', but for wrong.example.test",
+            "the certificate does not match '127.0.0.1', it is for wrong.example.test",
         )
         chain = self.look_up(slapd.secure_uri, "--tls-ca", itself, "--tls-verify", "chain", USER)
         self.assertEqual((chain.status, chain.errors), (0, ""))
@@ -564,7 +564,7 @@ class ACertificate(LookupTest):
             slapd,
             ["--tls-ca", slapd.ca_file],
             77,
-            "the certificate is not accepted: signed by itself",
+            "the certificate is not accepted: self-signed",
         )
 
 

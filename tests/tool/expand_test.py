@@ -148,7 +148,9 @@ class ExpandExplain(ToolTest):
     def test_explains_what_stands_before_a_fault(self):
         result = run("expand", "--explain", "-t", "(x=$u)(y=$q)", "jdoe@x")
 
-        self.assert_fails(result, 65, "'(x=$u)(y=$q)' is wrong at byte 9: no specifier", "--lint")
+        self.assert_fails(
+            result, 65, "error in template '(x=$u)(y=$q)' at byte 9: unknown specifier", "--lint"
+        )
         self.assertEqual(result.lines, ["# jdoe@x", '#   at 3: $u inserted "jdoe"'])
 
 
@@ -168,11 +170,11 @@ class ExpandLint(ToolTest):
                 "template:0: error: '(' without its ')'",
                 "(&(uid=$u)(ou=$b)(x=$q)",
                 "^",
-                "template:9: warning: this text is lost before $b, which is empty",
+                "template:9: warning: this text is dropped before $b, which is empty",
                 "(&(uid=$u)(ou=$b)(x=$q)",
                 "         ^~~~~",
-                "template:20: error: no specifier; known are $u $n $N $d $m $a $A $b $g $c ${text}, "
-                "and a '$' for itself is \\24",
+                "template:20: error: unknown specifier; use $u $n $N $d $m $a $A $b $g $c ${text}, "
+                "or \\24 for a literal '$'",
                 "(&(uid=$u)(ou=$b)(x=$q)",
                 "                    ^~",
             ],
@@ -186,7 +188,7 @@ class ExpandLint(ToolTest):
             (
                 0,
                 [
-                    "template:14: warning: '#' for an address without a domain",
+                    "template:14: warning: expands to '#' for an address without a domain",
                     "(&(uid=$u)(dc=$d))",
                     "              ^~",
                 ],
@@ -210,7 +212,14 @@ class ExpandLint(ToolTest):
 
         self.assertEqual(
             (result.status, result.lines),
-            (65, ["template:0: error: makes an empty filter, which matches every entry", " ", "^"]),
+            (
+                65,
+                [
+                    "template:0: error: expands to an empty filter, which matches every entry",
+                    " ",
+                    "^",
+                ],
+            ),
         )
 
     def test_knows_the_optional_values(self):
@@ -234,7 +243,7 @@ class ExpandLint(ToolTest):
 
         self.assertEqual(
             result.bytes,
-            b"template:4: warning: '#' for an address without a domain\n"
+            b"template:4: warning: expands to '#' for an address without a domain\n"
             b"(dc=$d)\n    ^~\0(dc=x)\0",
         )
 
@@ -246,18 +255,18 @@ class ExpandRefuses(ToolTest):
     def test_an_unknown_specifier(self):
         result = run("expand", "-t", "(x=$q)", "a@x", "b@x")
 
-        self.assert_fails(result, 65, "'(x=$q)' is wrong at byte 3", "known are $u")
+        self.assert_fails(result, 65, "error in template '(x=$q)' at byte 3", "use $u")
         self.assertEqual(result.output, "")
 
     def test_a_dollar_at_the_end(self):
         result = run("expand", "-t", "cn=$", "a@x")
 
-        self.assert_fails(result, 65, "'cn=$' is wrong at byte 3", "\\24")
+        self.assert_fails(result, 65, "error in template 'cn=$' at byte 3", "\\24")
 
     def test_a_brace_that_is_not_closed(self):
         result = run("expand", "-t", "$u${abc", "a@x")
 
-        self.assert_fails(result, 65, "'$u${abc' is wrong at byte 2", "without its '}'")
+        self.assert_fails(result, 65, "error in template '$u${abc' at byte 2", "without its '}'")
 
     def test_a_template_that_comes_out_empty(self):
         result = run("expand", "-t", " (x=1)$b ", "a@x")
@@ -268,7 +277,7 @@ class ExpandRefuses(ToolTest):
         result = run("expand", "-t", "(&(a=1)\n(b=2))", "a@x")
 
         self.assert_fails(
-            result, 65, "'(&(a=1)\\x0A(b=2))' holds a control character at byte 7", "--lint"
+            result, 65, "'(&(a=1)\\x0A(b=2))' contains a control character at byte 7", "--lint"
         )
 
     def test_a_template_that_is_no_utf8(self):
@@ -279,7 +288,7 @@ class ExpandRefuses(ToolTest):
     def test_a_filter_whose_cut_took_half_a_character(self):
         result = run("expand", "-t", "$u\u00fc$d${b}", "ab")
 
-        self.assert_fails(result, 65, "'ab\\xC3a' holds invalid UTF-8 at byte 2")
+        self.assert_fails(result, 65, "'ab\\xC3a' contains invalid UTF-8 at byte 2")
 
     def test_a_bad_key_and_goes_on(self):
         for key, words in (

@@ -64,7 +64,7 @@ class ReferencesAlone(ScriptedLookup):
         as_tsv = self.ask("--references", "ignore", "--format", "tsv")
         as_text = self.ask("--references", "ignore")
 
-        remark = "leaves a part of the base to servers that were not asked"
+        remark = "returned references to servers that were not asked"
         self.assertIn(remark, records(as_json)[0]["text"])
         self.assertRegex(as_tsv.output, f"^a@x.test\t\tnotfound\t.*{remark}\n$")
         self.assertRegex(as_text.output, f"^# a@x.test: not found: .*{remark}\n$")

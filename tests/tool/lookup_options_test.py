@@ -437,7 +437,7 @@ class OptionsOnADirectory(DirectoryTest):
                 f"mail: {USER}",
                 "",
                 "# nobody@x: not found",
-                "# \\x01: error 65: the key holds a control character at byte 0",
+                "# \\x01: error 65: the key contains a control character at byte 0",
             ],
         )
         self.assertEqual(written("values").lines, [f"user0000001,{USER}", "", ""])
@@ -446,7 +446,7 @@ class OptionsOnADirectory(DirectoryTest):
             [
                 f"{USER}\tuser0000001,{USER}\tfound",
                 "nobody@x\t\tnotfound",
-                "\\x01\t\terror\t" "the key holds a control character at byte 0",
+                "\\x01\t\terror\t" "the key contains a control character at byte 0",
             ],
         )
         self.assertEqual(

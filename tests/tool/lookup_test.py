@@ -43,7 +43,7 @@ class Lookup(DirectoryTest):
             [line for line in result.lines if line.startswith("#")],
             [
                 "# nobody@corp.test: not found",
-                "# \\xFF: error 65: the key holds invalid UTF-8 at byte 0",
+                "# \\xFF: error 65: the key contains invalid UTF-8 at byte 0",
                 "# user0000002@corp.test: found 1",
                 "# : error 65: the key is empty",
             ],
@@ -146,7 +146,7 @@ class Lookup(DirectoryTest):
             result,
             78,
             "No such object (32)",
-            "what exists is 'dc=corp,dc=test'",
+            "matched DN 'dc=corp,dc=test'",
             "correct the base (-b)",
         )
         self.assertTrue(result.output.startswith("# x: error 78: "), result.output)
@@ -157,13 +157,13 @@ class Lookup(DirectoryTest):
     def test_reports_a_malformed_template_once_and_asks_nobody(self):
         result = self.look_up("a", "b", template="(mail=$q)")
 
-        self.assert_fails(result, 65, "wrong at byte 6", "no specifier", "solvane-ldap expand")
+        self.assert_fails(result, 65, "at byte 6", "unknown specifier", "solvane-ldap expand")
         self.assertEqual(result.output, "")
 
     def test_reports_a_filter_that_is_none(self):
         result = self.look_up("u", template="(mail=$u")
 
-        self.assert_fails(result, 65, "wrong at byte 0: '(' without its ')'", "solvane-ldap expand")
+        self.assert_fails(result, 65, "at byte 0: '(' without its ')'", "solvane-ldap expand")
         self.assertEqual(result.output, "")
 
     def test_sends_no_empty_filter(self):

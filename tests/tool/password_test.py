@@ -73,14 +73,14 @@ class Password(DirectoryTest):
                     self.look_up_as_reader("-y", path),
                     78,
                     f"can be read by others (mode {mode:03o})",
-                    "chmod 600",
+                    "set mode 600",
                 )
 
     def test_is_judged_by_the_file_behind_a_link(self):
         link = os.path.join(self.folder, "link")
         os.symlink(self.file("password", b"reader-pw", 0o644), link)
 
-        self.assert_fails(self.look_up_as_reader("-y", link), 78, "can be read by others")
+        self.assert_fails(self.look_up_as_reader("-y", link), 78, "is readable by other users")
 
         os.chmod(os.path.realpath(link), 0o400)
         self.assertEqual(self.look_up_as_reader("-y", link).status, 0)

@@ -153,7 +153,7 @@ def entry(number, dn, *attributes):
 
 
 def free_port():
-    """A port on which nobody listens."""
+    """A port without a listener."""
     with socket.create_server(("127.0.0.1", 0)) as probe:
         return probe.getsockname()[1]
 

@@ -242,7 +242,9 @@ class Progress(ToolTest):
         status = terminal.read_to_end()
 
         self.assertEqual(status, 65)
-        self.assertIn(ERASED + b"solvane-ldap: \\xFF: the key contains invalid UTF-8", terminal.shown)
+        self.assertIn(
+            ERASED + b"solvane-ldap: \\xFF: the key contains invalid UTF-8", terminal.shown
+        )
         self.assertTrue(terminal.shown.endswith(ERASED), terminal.shown)
 
     def test_tells_count_and_rate_where_the_end_is_not_known(self):

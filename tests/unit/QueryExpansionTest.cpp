@@ -217,7 +217,7 @@ Expansion const expansions[] = {
     // The template's own text.
     {"nothing",                      "",                    joe,                     ""},
     {"blanks alone",                 "  \t\r\n ",           joe,                     ""},
-    {"no specifier",                 "(objectClass=*)",     joe,                     "(objectClass=*)"},
+    {"unknown specifier",                 "(objectClass=*)",     joe,                     "(objectClass=*)"},
     {"blanks round it are dropped",  "  (cn=$u)  ",         {"a*b", "", "", ""},     "(cn=a\\2Ab)"},
     {"blanks within it are not",     " a $u b ",            {" j ", "", "", ""},     "a  j  b"},
     {"its own text is not escaped",  "(cn=*\\2A)$u",        {"*", "", "", ""},       "(cn=*\\2A)\\2A"},

@@ -59,7 +59,7 @@ struct Settings {
     std::vector<std::string> attributes; ///< to return; empty asks for all user attributes
     /// Looked up in this order until an entry is found. Equal forms are looked up once.
     std::vector<Form> forms = {Form::full};
-    char extensionDelimiter = '+'; ///< between user and extension; 0: addresses have none
+    char extensionDelimiter = '+'; ///< separates user and extension; 0: none
     /// Domains that are served, case ignored, in Unicode or in ASCII ("xn--..."); keys of others
     /// and keys without a domain are skipped. An empty list serves all; an empty domain is refused.
     std::vector<std::string> domains;

@@ -21,20 +21,20 @@ namespace Solvane::Lookup {
 /// end: the time is linear in its size, and each attribute keeps its own values even if a type is
 /// repeated. Not thread-safe.
 ///
-/// @param content  of the operation: name and attributes (RFC 4511 section 4.5.2), as
-///                 `Session::Message` has it
+/// @param content  of the operation: name and attributes (RFC 4511 section 4.5.2), as in
+///                 `Session::Message`
 /// @param to       receives the entry
-/// @return true; false if the entry is damaged, and then `to` is as it was
+/// @return false if the entry is malformed; `to` is then unchanged
 SOLVANE_LOOKUP_EXPORT bool readEntry(std::string_view content,
                                      std::list<LDAPSearchResultEntry>& to);
 
-/// The same of a message that OpenLDAP parsed.
+/// The same for a message parsed by OpenLDAP.
 ///
 /// @param session  that received the message
 /// @param message  of type search entry (0x64); owned by the caller. Reading changes it, so it
 ///                 cannot be read again
 /// @param to       receives the entry
-/// @return true; false if the entry is damaged, and then `to` is as it was
+/// @return false if the entry is malformed; `to` is then unchanged
 SOLVANE_LOOKUP_EXPORT bool readEntry(LDAP* session, LDAPMessage* message,
                                      std::list<LDAPSearchResultEntry>& to);
 

@@ -21,12 +21,12 @@ SOLVANE_LOOKUP_EXPORT Outcome outcomeOfBind(int code);
 /// 3, 11, 32, 50, 51, 52, 53, 80, -1, -4, -5, -11.
 SOLVANE_LOOKUP_EXPORT bool speaksOfServer(int code);
 
-/// True for codes that are about this process, which lacks descriptors or memory, and say nothing about
-/// a server: -2, -10.
+/// True for codes that are about this process, which lacks descriptors or memory, and say nothing
+/// about a server: -2, -10.
 SOLVANE_LOOKUP_EXPORT bool speaksOfProcess(int code);
 
-/// OpenLDAP's words for a code and the code, with the server's own text if it has one, in one line:
-/// "Server is busy (51): maintenance".
+/// OpenLDAP's text for a code, the code, and the server's own text if any, on one line: "Server is
+/// busy (51): maintenance".
 SOLVANE_LOOKUP_EXPORT std::string wordsFor(int code, std::string const& serverText = std::string());
 
 /// The name of an outcome, as "try later".

@@ -95,11 +95,12 @@ public:
     /// Good while nothing has failed. After a failure the session cannot be used any more.
     ///
     /// resolve: `TryLater` -1 the name does not resolve, -5 not in time, -10 no memory. connect:
-    /// `TryLater` -1 or -5, with each address and its cause; -2 no descriptor or memory for a socket.
-    /// handshake: `Refused` -11 with what is wrong with the certificate or the server's TLS;
-    /// `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's code by
-    /// `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured` -9 and
-    /// not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4, -5.
+    /// `TryLater` -1 or -5, with each address and its cause; -2 no descriptor or memory for a
+    /// socket. handshake: `Refused` -11 with what is wrong with the certificate or the server's
+    /// TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's code by
+    /// `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured` -9
+    /// and not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
+    /// -5.
     Verdict const& verdict() const;
 
     // Properties of the connection
@@ -141,18 +142,19 @@ public:
     /// @param id       receives its message id
     Received receive(LDAPMessageBuffer& message, int& id);
 
-    /// A message as it came.
+    /// A received message.
     struct Message {
-        int id = 0;               ///< of the request
-        unsigned char type = 0;   ///< the tag of its operation: LDAP_RES_...
-        std::string_view content; ///< of an entry, for `readEntry`; valid until the next call
-        LDAPMessageBuffer parsed; ///< by OpenLDAP, if it is no entry
-        bool isSuccess = false;   ///< a final response with code 0 that says nothing else
+        int id = 0;             ///< of the request
+        unsigned char type = 0; ///< the tag of its operation: LDAP_RES_...
+        std::string_view
+            content; ///< of an entry, for `readEntry`; borrowed, valid until the next call
+        LDAPMessageBuffer parsed; ///< by OpenLDAP; null for an entry
+        bool isSuccess = false;   ///< a final response with code 0 and nothing else
     };
-    /// The same; entries are left in the session's buffer.
+    /// The same; entries stay in the session's buffer.
     Received receive(Message& message);
 
-    /// Size in bytes of the message that `receive` gave last.
+    /// Size in bytes of the last message that `receive` returned.
     std::size_t messageSize() const;
 
     /// When the last byte arrived. Bytes of incomplete messages count: a slow link is not silence.

@@ -34,14 +34,14 @@ inOrderOfTrial(std::vector<SrvTarget> targets,
                std::function<std::uint32_t(std::uint32_t)> const& random);
 
 /// Whether a target is the domain that was asked for or a name below it, ignoring case and a final
-/// dot. DNS answers are not authenticated: a forged one can name a host outside of the domain, for which
-/// the attacker has a valid certificate. False for an empty domain.
+/// dot. DNS answers are not authenticated: a forged one can name a host outside of the domain, for
+/// which the attacker has a valid certificate. False for an empty domain.
 SOLVANE_LOOKUP_EXPORT bool isInside(std::string const& target, std::string const& domain);
 
 /// The name whose SRV records are asked for, as "_ldap._tcp.example.com".
 SOLVANE_LOOKUP_EXPORT std::string srvNameOf(std::string const& domain, bool secure);
 
-/// Asks name servers for the directory servers of one domain: `_ldap._tcp` or `_ldaps._tcp`. Starts no
+/// Queries name servers for the SRV records of one domain: `_ldap._tcp` or `_ldaps._tcp`. Starts no
 /// thread. Not thread-safe.
 class SOLVANE_LOOKUP_EXPORT SrvQuery : public NonCopyable {
 public:
