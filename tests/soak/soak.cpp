@@ -30,6 +30,7 @@ struct Options {
     unsigned int balancer = 0;           ///< port
     std::vector<unsigned int> providers; ///< ports
     unsigned int connections = 8;        ///< of each engine
+    std::vector<std::string> ways;       ///< that are used; empty: all
 };
 
 Options optionsFrom(CLI::App& program, int count, char** arguments)
