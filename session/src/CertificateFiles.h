@@ -31,9 +31,9 @@ std::string faultOf(std::string const& file, std::string const& content, Read co
     }
     int const count = read(file.c_str());
     if (count < 0) {
-        return "holds no " + content + " that can be used: " + gnutls_strerror(count);
+        return "contains no usable " + content + ": " + gnutls_strerror(count);
     }
-    return count == 0 ? "holds no " + content : std::string();
+    return count == 0 ? "contains no " + content : std::string();
 }
 
 } // namespace Solvane::Lookup

@@ -63,7 +63,7 @@ TEST(LookupSettings, NameTheDomainsThatAreServed)
               }),
               "a served domain has no name");
     EXPECT_EQ(refusalWith([](Settings& s) { s.domains = {"corp\n.test"}; }),
-              "a served domain holds a control character at byte 4");
+              "a served domain contains a control character at byte 4");
 }
 
 TEST(LookupSettings, NeverBindWithAnEmptyPassword)

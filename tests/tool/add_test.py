@@ -173,7 +173,7 @@ class Usage(ToolTest):
         for arguments, word in (
             (["--format", "ldif"], "text or json"),
             (["--window", "0"], "from 1"),
-            ([], "there is no server"),
+            ([], "no server given"),
             (["stray"], "stray"),
             (
                 ["-H", "ldap://h", "-D", "cn=x", "--password-fd", "0"],
@@ -245,7 +245,7 @@ class AddToADirectory(DirectoryTest):
         stopped = self.add(unit("there") + unit("behind1"), "--window", "1")
         went_on = self.add(unit("there") + unit("behind2"), "-c")
 
-        self.assert_fails(stopped, 73, "exists already")
+        self.assert_fails(stopped, 73, "already exists")
         self.assertEqual(stopped.lines, [f"exists ou=there,{NEW}"])
         self.assertEqual(
             (went_on.status, went_on.lines),

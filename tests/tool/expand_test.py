@@ -132,7 +132,7 @@ class ExpandExplain(ToolTest):
                 "# ab",
                 '#   at 0: $u inserted "ab"',
                 '#   at 2: $d inserted "#"',
-                '#   at 4: ${b} turned the end "b#" into "a"',
+                '#   at 4: ${b} replaced the end "b#" by "a"',
                 "aa",
             ],
         )
@@ -235,7 +235,7 @@ class ExpandLint(ToolTest):
         self.assertEqual((warned.status, len(warned.lines)), (0, 5))
         self.assertEqual(warned.lines[3:], ["(dc=x)", "(dc=y)"])
         self.assertEqual((wrong.status, wrong.lines[3:]), (65, ["(uid=a))"]))
-        self.assert_fails(malformed, 65, "is wrong at byte 5")
+        self.assert_fails(malformed, 65, "at byte 5")
         self.assertEqual(len(malformed.lines), 3)
 
     def test_ends_findings_with_nul(self):
@@ -314,7 +314,7 @@ class ExpandRefuses(ToolTest):
         self.assert_fails(result, 65, "a control character at byte 1")
 
     def test_no_address_at_all(self):
-        self.assert_fails(run("expand", "-t", "$u"), 64, "there is no address")
+        self.assert_fails(run("expand", "-t", "$u"), 64, "no address given")
 
     def test_a_file_that_cannot_be_read(self):
         self.assert_fails(

@@ -72,7 +72,7 @@ class Password(DirectoryTest):
                 self.assert_fails(
                     self.look_up_as_reader("-y", path),
                     78,
-                    f"can be read by others (mode {mode:03o})",
+                    f"is readable by other users (mode {mode:03o})",
                     "set mode 600",
                 )
 

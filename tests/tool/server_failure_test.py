@@ -100,7 +100,7 @@ class ServerFailure(ToolTest):
         self.assert_fails(
             self.look_up(directory.uri.replace("ldap:", "ldaps:")),
             75,
-            "no connection within 1 s",
+            "the TLS handshake was not finished within 1 s",
             "nettimeout",
         )
 
