@@ -290,7 +290,7 @@ std::string faultInWords(unsigned int status, std::vector<Certificate> const& ch
 std::string faultOfAuthorities(std::string const& caFile)
 {
     return faultOf(caFile, "certificates",
-                   [](std::string const& file) { return TrustList(file).result(); });
+                   [](char const* file) { return TrustList(file).result(); });
 }
 
 } // namespace Solvane::Lookup

@@ -100,7 +100,7 @@ std::string TlsPolicy::authorities() const
     if (!caFile.empty()) {
         return caFile;
     }
-    std::string const file = configured(LDAP_OPT_X_TLS_CACERTFILE);
+    std::string file = configured(LDAP_OPT_X_TLS_CACERTFILE);
     if (!file.empty()) {
         return file;
     }

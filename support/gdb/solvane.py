@@ -17,7 +17,7 @@ LONGEST = 200  # characters of a text
 
 
 def quoted(data, longest=LONGEST):
-    """Bytes as a text on one line; what is no ASCII, as any locale of gdb's can print it."""
+    """Bytes as text on one line, with non-ASCII bytes escaped so that every locale can print them."""
 
     def shown(byte):
         return chr(byte) if 0x20 <= byte < 0x7F and byte not in b'"\\' else f"\\x{byte:02x}"
