@@ -63,7 +63,8 @@ struct LDAPConnectionCache::Wanted {
     /// Whether the connection matches and is idle; if so, marks it as in use.
     bool takes(LDAPConnectionImpl& body) const
     {
-        return body.m_server->uri == server->uri && body.m_anonymous == anonymous &&
+        return (body.m_server == server || body.m_server->uri == server->uri) &&
+               body.m_anonymous == anonymous &&
                (anonymous || (body.m_bindDn == dn && body.m_bindPassword == password)) &&
                body.m_available.trywait();
     }
