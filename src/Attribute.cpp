@@ -3,6 +3,7 @@
 
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
 
+#include "ForkedLocks.h"
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
@@ -48,10 +49,11 @@ std::string trimmed(std::string text)
 std::mutex& cacheLockOf(void const* body)
 {
     struct alignas(64) Slot { // a cache line
+        Slot() { keepFreeOverForks(mutex); }
         std::mutex mutex;
     };
     constexpr std::size_t count = 61; // prime: body addresses are multiples of a power of two
-    static Slot slots[count];
+    static Slot(&slots)[count] = *new Slot[1][count];
     return slots[reinterpret_cast<std::uintptr_t>(body) / alignof(std::max_align_t) % count].mutex;
 }
 

@@ -6,6 +6,7 @@
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "OpenLDAP.h"
+#include "ProcessDefaults.h"
 #include "SocketGuard.h"
 #include "ThrowSite.h"
 
@@ -66,11 +67,8 @@ constexpr TraceSite brokenPipe             { traceUnit,  477, "isValid",        
 } // namespace at
 // clang-format on
 
-/// Guards OpenLDAP's process-wide TLS policy, which it copies into each new session without a lock.
-std::mutex g_processDefaults;
-
 /// Initialises OpenLDAP's TLS library. OpenLDAP itself does it at the first handshake, without a lock.
-/// Called with g_processDefaults held.
+/// Called with processDefaults() held.
 void initializeTls()
 {
     static bool isInitialized = false;
@@ -283,7 +281,7 @@ void LDAPConnectionImpl::initializeSession()
     std::string const uri = uriText();
     SOLVANE_TRACE(at::newConnection, "New LDAP Connection %s - Network Timeout = %d", uri.c_str(),
                   static_cast<int>(m_server->networkTimeout));
-    std::lock_guard<std::mutex> const lock(g_processDefaults);
+    std::lock_guard<std::mutex> const lock(processDefaults());
     if (m_server->secure) {
         // ldap_initialize copies the defaults into the session, including the host name check. If
         // the policy were set later, the first secure session of the process would not get it.
@@ -316,7 +314,7 @@ void LDAPConnectionImpl::setSessionOptions()
 /// Requests the server's certificate and accepts an invalid or missing one, process-wide.
 void LDAPConnectionImpl::allowAnyCertificate()
 {
-    std::lock_guard<std::mutex> const lock(g_processDefaults);
+    std::lock_guard<std::mutex> const lock(processDefaults());
     int policy = LDAP_OPT_X_TLS_ALLOW;
     int const rc = ldap_pvt_tls_set_option(nullptr, LDAP_OPT_X_TLS_REQUIRE_CERT, &policy);
     if (rc != 0) {

@@ -2,6 +2,7 @@
 #include "Conversation.h"
 
 #include "BerReader.h"
+#include "ProcessDefaults.h"
 
 #include <solvane/session/PlainText.h>
 #include <solvane/session/ResultCodes.h>
@@ -41,7 +42,9 @@ Conversation::Conversation(Descriptor socket, unsigned int version, std::size_t 
     : m_channel(std::move(socket), messageBytes, patience)
 {
     // OpenLDAP never closes the descriptor: the session has no socket layer of its own.
+    std::unique_lock<std::mutex> lock(processDefaults());
     int const code = ldap_init_fd(m_channel.socket().number(), LDAP_PROTO_EXT, nowhere, &m_handle);
+    lock.unlock();
     if (code != LDAP_SUCCESS) {
         m_handle = nullptr;
         m_channel.fail(Outcome::TryLater, code,

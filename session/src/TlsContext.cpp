@@ -7,6 +7,7 @@
 
 #include "CertificateFiles.h"
 #include "OpenLDAP.h"
+#include "ProcessDefaults.h"
 
 #include <algorithm>
 #include <iterator>
@@ -30,6 +31,7 @@ constexpr char const* systemBundles[] = {
 std::string configured(int option)
 {
     LDAPCharBuffer text;
+    std::lock_guard<std::mutex> const lock(processDefaults());
     ldap_get_option(nullptr, option, text.address());
     return text.get() == nullptr ? std::string() : std::string(text.get());
 }
@@ -55,7 +57,9 @@ std::string systemBundle()
 TlsVersion configuredVersion()
 {
     int version = 0;
+    std::unique_lock<std::mutex> lock(processDefaults());
     ldap_get_option(nullptr, LDAP_OPT_X_TLS_PROTOCOL_MIN, &version);
+    lock.unlock();
     switch (version) {
     case 0:
     case LDAP_OPT_X_TLS_PROTOCOL_TLS1_2:

@@ -12,8 +12,11 @@
 
 #include <ldap.h>
 
+#include <atomic>
 #include <list>
+#include <thread>
 #include <tuple>
+#include <vector>
 
 #include <fcntl.h>
 
@@ -233,6 +236,35 @@ TEST_P(AForkedChild, MayConnectASessionThatItsParentDidNot)
 }
 
 INSTANTIATE_TEST_SUITE_P(WithTls, AForkedChild, testing::Bool());
+
+// OpenLDAP has a lock of its own while it creates a session.
+TEST(AForkWhileOtherThreadsCreateSessions, LeavesTheChildAbleToCreateOne)
+{
+    auto const create = [] { LDAPConnection(plainServer(1), false); };
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([&] {
+            while (!isOver) {
+                create();
+            }
+        });
+    }
+
+    std::string wrong;
+    for (int round = 0; round < rounds && wrong.empty(); ++round) {
+        wrong = wrongInAChild([&]() -> std::string {
+            create();
+            return "";
+        });
+    }
+    isOver = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(wrong, "");
+}
 
 TEST(AConnectionOfAForkedChild, CarriesNothing)
 {
