@@ -3,7 +3,6 @@
 
 #include <solvane/ldap/impl/LDAPAttributeImpl.h>
 
-#include "ForkedLocks.h"
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
@@ -12,8 +11,11 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 #include <mutex>
 #include <utility>
+
+#include <pthread.h>
 
 namespace Solvane {
 
@@ -44,17 +46,34 @@ std::string trimmed(std::string text)
     return text;
 }
 
+struct alignas(64) Slot { // a cache line
+    std::mutex mutex;
+};
+Slot g_slots[61]; // prime: body addresses are multiples of a power of two
+
+void lockSlots()
+{
+    for (Slot& slot : g_slots) {
+        slot.mutex.lock();
+    }
+}
+
+void unlockSlots()
+{
+    for (Slot& slot : g_slots) {
+        slot.mutex.unlock();
+    }
+}
+
 /// The mutex that guards the caches of a body's const operations. Bodies share a few mutexes, which
-/// saves memory in each. No other lock is taken while one is held.
+/// saves memory in each. No other lock is taken while one is held. A fork waits for all of them, as a
+/// child does not have the thread that would unlock one.
 std::mutex& cacheLockOf(void const* body)
 {
-    struct alignas(64) Slot { // a cache line
-        Slot() { keepFreeOverForks(mutex); }
-        std::mutex mutex;
-    };
-    constexpr std::size_t count = 61; // prime: body addresses are multiples of a power of two
-    static Slot(&slots)[count] = *new Slot[1][count];
-    return slots[reinterpret_cast<std::uintptr_t>(body) / alignof(std::max_align_t) % count].mutex;
+    static int const isWatching = pthread_atfork(lockSlots, unlockSlots, unlockSlots);
+    static_cast<void>(isWatching);
+    auto const address = reinterpret_cast<std::uintptr_t>(body) / alignof(std::max_align_t);
+    return g_slots[address % std::size(g_slots)].mutex;
 }
 
 using CacheLock = std::lock_guard<std::mutex>;

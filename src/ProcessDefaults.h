@@ -10,7 +10,7 @@ namespace Solvane {
 
 /// To be held while OpenLDAP creates a session, or its process-wide options are read or set: it initialises
 /// itself without a lock, and copies its TLS policy without one. One mutex for both libraries. It is free
-/// in a child process, and never destroyed, as a process may connect during static destruction.
+/// in a child process, and usable during static destruction.
 SOLVANE_LDAP_EXPORT std::mutex& processDefaults();
 
 } // namespace Solvane
