@@ -65,13 +65,13 @@ void unlockSlots()
     }
 }
 
+[[maybe_unused]] int const g_watching = pthread_atfork(lockSlots, unlockSlots, unlockSlots);
+
 /// The mutex that guards the caches of a body's const operations. Bodies share a few mutexes, which
 /// saves memory in each. No other lock is taken while one is held. A fork waits for all of them, as a
 /// child does not have the thread that would unlock one.
 std::mutex& cacheLockOf(void const* body)
 {
-    static int const isWatching = pthread_atfork(lockSlots, unlockSlots, unlockSlots);
-    static_cast<void>(isWatching);
     auto const address = reinterpret_cast<std::uintptr_t>(body) / alignof(std::max_align_t);
     return g_slots[address % std::size(g_slots)].mutex;
 }

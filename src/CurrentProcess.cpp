@@ -2,7 +2,6 @@
 #include "CurrentProcess.h"
 
 #include <atomic>
-#include <new>
 
 #include <pthread.h>
 
@@ -14,21 +13,12 @@ std::atomic<unsigned long> g_forks{0};
 
 void countFork() { g_forks.fetch_add(1, std::memory_order_relaxed); }
 
-bool watchForks()
-{
-    if (pthread_atfork(nullptr, nullptr, countFork) != 0) {
-        throw std::bad_alloc(); // its only error; the next caller tries again
-    }
-    return true;
-}
+// At load time: a child forked while another thread initialises a function's static variable would wait for
+// that thread for ever.
+[[maybe_unused]] int const g_watching = pthread_atfork(nullptr, nullptr, countFork);
 
 } // namespace
 
-unsigned long currentProcess()
-{
-    static bool const isWatching = watchForks();
-    static_cast<void>(isWatching);
-    return g_forks.load(std::memory_order_relaxed);
-}
+unsigned long currentProcess() { return g_forks.load(std::memory_order_relaxed); }
 
 } // namespace Solvane

@@ -12,14 +12,10 @@ std::mutex g_mutex; // initialised at compile time, and without a destructor tha
 void lock() { g_mutex.lock(); }
 void unlock() { g_mutex.unlock(); }
 
+[[maybe_unused]] int const g_watching = pthread_atfork(lock, unlock, unlock);
+
 } // namespace
 
-std::mutex& processDefaults()
-{
-    // Fails without memory only; then a child may find the mutex locked.
-    static int const isWatching = pthread_atfork(lock, unlock, unlock);
-    static_cast<void>(isWatching);
-    return g_mutex;
-}
+std::mutex& processDefaults() { return g_mutex; }
 
 } // namespace Solvane

@@ -7,6 +7,13 @@
 
 namespace Solvane::Lookup {
 
+namespace {
+
+// Made at load time: not by a thread that a child may lack.
+[[maybe_unused]] PoolsAtFork const& g_atLoad = PoolsAtFork::instance();
+
+} // namespace
+
 /// Never destroyed: the process may fork during static destruction.
 PoolsAtFork& PoolsAtFork::instance()
 {

@@ -6,7 +6,6 @@
 #include "OpenLDAP.h"
 
 #include <algorithm>
-#include <mutex>
 #include <new>
 
 namespace Solvane::Lookup {
@@ -18,19 +17,14 @@ namespace {
 constexpr int firstTimeoutMilliseconds = 2000;
 constexpr int rounds = 3;
 
-int initializeLibrary()
-{
-    static std::once_flag once;
-    static int result = ARES_SUCCESS;
-    std::call_once(once, [] { result = ares_library_init(ARES_LIB_INIT_ALL); });
-    return result;
-}
+// At load time: it is not thread-safe, and a child forked meanwhile would wait for it for ever.
+int const g_libraryError = ares_library_init(ARES_LIB_INIT_ALL);
 
 } // namespace
 
 NameService::NameService(std::vector<std::string> const& servers)
 {
-    int error = initializeLibrary();
+    int error = g_libraryError;
     if (error == ARES_SUCCESS) {
         ares_options options = {};
         options.timeout = firstTimeoutMilliseconds;

@@ -10,6 +10,12 @@
 
 namespace Solvane::Lookup {
 
+namespace {
+
+std::optional<Certificate> const g_none;
+
+} // namespace
+
 Session::Session(SessionOptions options) : m_steps(std::make_unique<Steps>(std::move(options))) {}
 Session::~Session() = default;
 
@@ -59,9 +65,8 @@ bool Session::isTlsResumed() const
 }
 std::optional<Certificate> const& Session::certificate() const
 {
-    static std::optional<Certificate> const none;
     TlsStream const* const tls = m_steps->tls();
-    return tls == nullptr ? none : tls->certificate();
+    return tls == nullptr ? g_none : tls->certificate();
 }
 Identity Session::identity() const { return m_steps->identity; }
 std::string const& Session::authorizationId() const { return m_steps->authorizationId; }

@@ -240,6 +240,9 @@ INSTANTIATE_TEST_SUITE_P(WithTls, AForkedChild, testing::Bool());
 // OpenLDAP has a lock of its own while it creates a session.
 TEST(AForkWhileOtherThreadsCreateSessions, LeavesTheChildAbleToCreateOne)
 {
+    if (!allocatorForks) {
+        GTEST_SKIP() << "the allocator does not support forks of processes with several threads";
+    }
     auto const create = [] { LDAPConnection(plainServer(1), false); };
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;

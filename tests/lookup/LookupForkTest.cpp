@@ -1,4 +1,5 @@
 // After lookups a process forks, and all children use the lookup at the same time.
+#include "ForkedProcess.h"
 #include "Lookups.h"
 #include "Slapd.h"
 
@@ -130,6 +131,9 @@ TEST_F(ForkedLookups, LeaveTheParentsConnectionAloneWhenAChildDestroysItsLookup)
 // Another thread may hold their locks at the time of the fork.
 TEST_F(ForkedLookups, DoNotHangWhileOtherThreadsOfTheParentLookUp)
 {
+    if (!allocatorForks) {
+        GTEST_SKIP() << "the allocator does not support forks of processes with several threads";
+    }
     LDAPLookup lookup(settings(false));
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;

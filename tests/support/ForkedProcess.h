@@ -19,6 +19,14 @@ constexpr int rounds = 15; // a fork takes long under a sanitizer
 constexpr int rounds = 100;
 #endif
 
+/// Whether a child may allocate if other threads of its parent did so at the time of the fork.
+/// AddressSanitizer's allocator (of g++ 12) leaves its locks as they were.
+#if defined(__SANITIZE_ADDRESS__)
+constexpr bool allocatorForks = false;
+#else
+constexpr bool allocatorForks = true;
+#endif
+
 /// A gate at which many processes wait; create it before they are forked.
 class Gate {
 public:
