@@ -100,7 +100,7 @@ void Pipeline::advanceLanes()
         if (!current.isOpen()) {
             advance(current);
         } else if (!current.tasks.empty() && !current.needsFlush) {
-            drain(current); // right after a send there is no answer yet: poll first
+            drain(current); // right after a send, poll first: a response takes a round trip
         }
     }
 }

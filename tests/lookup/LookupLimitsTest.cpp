@@ -95,7 +95,7 @@ TEST(AnAnswerBeyondItsBound, LosesTheConnectionAndTheKeysBehindItAreSentAgain)
         for (int i = 0; i < 20; ++i) {
             peer.send(searchEntry(id, "cn=x", {{"cn", {"x"}}}));
         }
-        peer.ignore(); // it goes on for ever, as far as anybody can tell
+        peer.ignore(); // the entry never ends
     }));
     auto settings = settingsFor({server.port()});
     settings.entryLimit = 10;
