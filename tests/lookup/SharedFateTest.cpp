@@ -89,7 +89,7 @@ TEST_P(TwoRunsThatFailOver, DoNotWaitForEachOthersConnections)
 
 INSTANTIATE_TEST_SUITE_P(WhateverTheServerSays, TwoRunsThatFailOver, testing::Values(51, 32));
 
-TEST(AKeyWhoseTimeEnds, IsToBeTriedLaterIfAServerWasNotAsked)
+TEST(AKeyWhoseTimeEnds, IsToBeTriedLaterIfAnotherServerHangs)
 {
     ScriptedServer first(serving([](Peer& peer, std::string const& request) {
         peer.send(searchDone(messageIdOf(request), 32));
