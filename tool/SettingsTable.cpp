@@ -201,7 +201,7 @@ std::vector<LDAPLookup::Server> Draft::serverList() const
     std::vector<LDAPLookup::Server> made;
     made.reserve(uris.size());
     for (ServerUri const& uri : uris) {
-        made.push_back({uri.host, uri.port, uri.isSecure, version, uri.srvDomain});
+        made.push_back({uri.host, uri.port, uri.isSecure, version, uri.srvDomain, false, {}});
     }
     return made;
 }

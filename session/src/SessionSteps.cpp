@@ -22,6 +22,8 @@ char const* nameOf(Step step)
         return "name resolution";
     case Step::connect:
         return "connection";
+    case Step::startTls:
+        return "StartTLS request";
     case Step::handshake:
         return "TLS handshake";
     case Step::bind:
@@ -122,6 +124,8 @@ bool Session::Steps::applies(Step step) const
         return options.addresses.empty();
     case Step::handshake:
         return options.secure;
+    case Step::startTls:
+        return false;
     case Step::bind:
         return !options.bindDn.empty();
     default:
@@ -149,6 +153,8 @@ bool Session::Steps::start(Step step)
         m_connector = std::make_unique<Connector>(addresses);
         addresses = m_connector->order();
         return true;
+    case Step::startTls:
+        return false;
     case Step::handshake:
         return startHandshake();
     case Step::bind:
@@ -166,6 +172,8 @@ Session::Steps::Progress Session::Steps::goOn(Step step)
         return resolve();
     case Step::connect:
         return connect();
+    case Step::startTls:
+        return Progress::failed;
     case Step::handshake:
         return handshake();
     case Step::bind:

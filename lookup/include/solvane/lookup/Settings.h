@@ -4,6 +4,7 @@
 #define SOLVANE_LOOKUP_SETTINGS_H
 
 #include <solvane/session/Export.h>
+#include <solvane/session/Mechanism.h>
 #include <solvane/session/TlsPolicy.h>
 
 #include <solvane/ldap/LDAPConnection.h>
@@ -18,7 +19,7 @@ namespace Solvane::Lookup {
 
 /// One server of the list, or a domain whose SRV records name the servers.
 struct Server {
-    /// Name or address, IPv6 without brackets. Empty if `srvDomain` is set.
+    /// Name or address, IPv6 without brackets. Empty if `srvDomain` or `socketPath` is set.
     std::string host;
     unsigned int port = 389;                               ///< TCP port
     bool secure = false;                                   ///< TLS from the first byte ("ldaps://")
@@ -26,6 +27,11 @@ struct Server {
     /// A domain whose servers are found by their SRV records (RFC 2782): `_ldap._tcp`, or
     /// `_ldaps._tcp` if `secure`. Host and port are then ignored.
     std::string srvDomain = std::string();
+    /// TLS by StartTLS on the plain port (RFC 4511 section 4.14), required: a server that refuses
+    /// it is `Refused`, and nothing else is sent before it. Not together with `secure`.
+    bool startTls = false;
+    /// Path of the server's UNIX socket ("ldapi://"). Host and port are then ignored.
+    std::string socketPath = std::string();
 };
 
 /// The forms of an address that can be looked up, in the order in which a mail server tries them.
@@ -48,9 +54,11 @@ struct Settings {
     /// Seconds for each step of opening a connection, and for which a server may send nothing while
     /// searches are in flight before it counts as failed.
     unsigned int networkTimeout = 10;
-    std::string bindDn;                                 ///< empty: anonymous
-    std::string password;                               ///< of `bindDn`; set both or neither
-    std::string base;                                   ///< search base
+    Mechanism mechanism = Mechanism::simple; ///< how connections authenticate
+    std::string authorizationId; ///< of a SASL bind, as "dn:..." or "u:..."; empty: the server's
+    std::string bindDn;          ///< of a simple bind; empty: anonymous
+    std::string password;        ///< of `bindDn`; set both or neither
+    std::string base;            ///< search base
     LDAPSearch::Scope scope = LDAPSearch::ScopeSubtree; ///< search scope
     LDAPSearch::Deref deref = LDAPSearch::DerefNever;   ///< when to dereference aliases
     std::string queryTemplate;                          ///< for `LDAPUtil::sv_ldap_expand_query`
@@ -66,7 +74,7 @@ struct Settings {
     unsigned int entryLimit = 1000;            ///< for one key; more is `TryLater`; 0: no limit
     unsigned int timeLimit = 0;                ///< seconds for the server's search; 0: no limit
     std::chrono::milliseconds deadline{15000}; ///< for one key in total; at most a year
-    TlsPolicy tls;                             ///< for servers with `secure`
+    TlsPolicy tls;                             ///< for servers with `secure` or `startTls`
     unsigned int connections = 4;              ///< maximum for all threads together
     unsigned int window = 32; ///< maximum of searches in flight on each connection of `findAll`
     /// First back-off of a failed server; doubled after each further failure.

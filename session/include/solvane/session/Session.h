@@ -5,6 +5,7 @@
 
 #include <solvane/session/Address.h>
 #include <solvane/session/Certificate.h>
+#include <solvane/session/Mechanism.h>
 #include <solvane/session/TlsContext.h>
 #include <solvane/session/Verdict.h>
 #include <solvane/session/Waits.h>
@@ -31,24 +32,29 @@ namespace Solvane::Lookup {
 /// The steps of opening a session, in order. A session skips those that do not apply.
 enum class Step {
     resolve,   ///< the host's addresses
-    connect,   ///< TCP, to the first address that accepts
+    connect,   ///< TCP, to the first address that accepts, or a UNIX socket
+    startTls,  ///< the request for TLS on a plain connection (RFC 4511 section 4.14)
     handshake, ///< TLS, including the verification of the certificate
-    bind,      ///< simple bind (RFC 4511 section 4.2)
+    bind,      ///< simple or SASL bind (RFC 4511 section 4.2)
     identify, ///< "Who am I?" (RFC 4532): proves that the server is alive, and returns the identity
 };
 
 /// Where and how a session connects. A value.
 struct SessionOptions {
-    std::string host;                                ///< name or address, IPv6 without brackets
-    unsigned int port = 389;                         ///< TCP port
-    bool secure = false;                             ///< TLS from the first byte ("ldaps://")
-    unsigned int version = 3;                        ///< of LDAP: 2 or 3
+    std::string host;         ///< name or address, IPv6 without brackets
+    unsigned int port = 389;  ///< TCP port
+    bool secure = false;      ///< TLS from the first byte ("ldaps://")
+    bool startTls = false;    ///< TLS by StartTLS, required; nothing else is sent before it
+    std::string socketPath;   ///< path of a UNIX socket ("ldapi://"), instead of host and port
+    unsigned int version = 3; ///< of LDAP: 2 or 3
     std::chrono::milliseconds networkTimeout{10000}; ///< for each step
     std::size_t messageBytes = 64UL * 1024 * 1024;   ///< of the largest message accepted
     std::vector<Address> addresses;                  ///< already resolved; empty: resolves the name
     std::vector<std::string> nameServers; ///< "address" or "address:port"; empty: the system's
-    std::shared_ptr<TlsContext> tls; ///< required if `secure`; shared by all sessions of an engine
-    std::string bindDn;              ///< empty: anonymous, no bind is sent
+    std::shared_ptr<TlsContext> tls;      ///< required for TLS; shared by all sessions of an engine
+    Mechanism mechanism = Mechanism::simple;
+    std::string authorizationId; ///< of a SASL bind, as "dn:..." or "u:..."; empty: the server's
+    std::string bindDn;          ///< of a simple bind; empty: anonymous, no bind is sent
     std::string const* password = nullptr; ///< borrowed; must outlive the bind step
 };
 
