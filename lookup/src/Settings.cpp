@@ -102,6 +102,8 @@ void checkTimes(Settings const& settings)
 void checkSizes(Settings const& settings)
 {
     require(settings.connections >= 1, "the number of connections must be at least 1");
+    require(settings.verifyConnections >= 1,
+            "the number of connections for passwords must be at least 1");
     require(settings.window >= 1, "the window must be at least 1");
     require(settings.keyBytes >= 1, "the maximum length of keys must be at least 1 byte");
     require(settings.entryBytes >= 1024,
