@@ -4,7 +4,7 @@
 Usage: report.py RECORDS DOCUMENT FIGURES
 
 Writes the part of DOCUMENT between its two markers, and the plots into the folder FIGURES. Prints
-the targets; ends with 1 where one is missed by more than the noise.
+the targets; exits with 1 if one is missed by more than the noise.
 """
 
 import collections
@@ -18,17 +18,17 @@ import plots
 from figures import Microbenchmarks, Records, exponent
 
 BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
-QUIET = 0.5  # the greatest load average, by processors, at which rates mean something
-LINEAR = 1.15  # the greatest exponent that counts as linear: caches alone make some 1.1
+QUIET = 0.5  # maximum load average per processor at which rates are reliable
+LINEAR = 1.15  # maximum exponent that counts as linear: caches alone cause about 1.1
 
 
 def noise(again):
-    """What a ratio may be off: how far from 1 that of a contender with itself is, and its spread."""
+    """The error of a ratio: the distance from 1 of a contender's ratio to itself, plus its spread."""
     return abs(again.median - 1) + again.spread
 
 
 class Target(collections.namedtuple("Target", "what bound unit figure uncertainty is_least")):
-    """One thing to reach. is_least: the bound is the least, not the most."""
+    """A figure and its bound. is_least: the bound is a minimum, otherwise a maximum."""
 
     def is_missed(self):
         if self.is_least:
@@ -255,8 +255,8 @@ def load_lines(machine):
         return []
     return paragraph(
         "**The machine was not idle**: its load average was "
-        f"{machine['load']:.1f} at the start. Rates are unreliable then, and ratios of "
-        "rates noisy; processor times hold."
+        f"{machine['load']:.1f} at the start. This makes rates unreliable and their ratios noisy; "
+        "processor times are hardly affected."
     )
 
 
@@ -269,10 +269,10 @@ def target_lines(list_):
 
 
 def contender_lines(measured):
-    """The rows against the directory: each contender beside raw calls, shared processor and free."""
+    """The rows against the directory: each contender and raw calls, shared processor and free."""
     rows = []
     for row, contender, against, name in (
-        ("lookup", "raw again", "raw", "raw calls, beside themselves: the noise"),
+        ("lookup", "raw again", "raw", "lookup, raw calls: the noise"),
         ("lookup", "library", "raw", "lookup, kept connection"),
         ("lookup", "pool", "raw", "lookup, template and pool"),
         ("lookup", "engine", "raw", "lookup, the engine's `find`"),
@@ -304,12 +304,11 @@ def contender_lines(measured):
         for name, records in (("one processor", measured.pinned), ("free", measured.free))
     )
     return [
-        "### Beside raw calls",
+        "### Compared with raw calls",
         "",
         *paragraph(
-            "Times the rate, and times the client's processor time, of OpenLDAP's own "
-            "calls in C doing the same in the same rounds. Raw lookups a second: "
-            f"{rates}."
+            "Rate and the client's processor time, divided by those of OpenLDAP's own calls in C "
+            f"that do the same in the same rounds. Raw lookups per second: {rates}."
         ),
         *table(["", "rate, one processor", "processor time", "rate, free", "processor time"], rows),
     ]
@@ -331,11 +330,11 @@ def window_lines(measured):
         "### Searches in flight",
         "",
         *paragraph(
-            "One connection, client and server free. The engine's `findAll` with its "
-            f"defaults, four connections: {bulk.text()} times one at a time."
+            "One connection of the object interface; client and server free. The engine's `findAll` "
+            f"with its defaults (four connections) has {bulk.text()} times the rate of one at a time."
         ),
-        *table(["in flight", "times raw calls with as many", "times one at a time"], rows),
-        "![Lookups a second against searches in flight](figures/performance-window.svg)",
+        *table(["in flight", "rate / raw calls with as many", "rate / one at a time"], rows),
+        "![Lookups per second by searches in flight](figures/performance-window.svg)",
         "",
     ]
 
@@ -356,19 +355,19 @@ def thread_lines(measured):
     return [
         "### Threads",
         "",
-        "A connection for each thread; lookups of all together.",
+        "Each thread has its own connection. The rates are those of all threads together.",
         "",
         *table(
             [
                 "threads",
-                "raw calls, lookups a second",
-                "kept connections, times raw",
-                "pool",
-                "engine",
+                "raw calls, lookups per second",
+                "kept connections / raw calls",
+                "pool / raw calls",
+                "engine / raw calls",
             ],
             rows,
         ),
-        "![Lookups a second against threads](figures/performance-threads.svg)",
+        "![Lookups per second by threads](figures/performance-threads.svg)",
         "",
     ]
 
@@ -399,10 +398,10 @@ def program_lines(measured):
         "### Programs",
         "",
         *paragraph(
-            "The same addresses, one after another on one connection, on one processor; "
-            "whole programs, their start included, beside one in C on raw calls."
+            "The same addresses, one after another on one connection, on one processor. Whole "
+            "programs, including their start, compared with one in C that uses raw calls."
         ),
-        *table(["", "times the rate", "times the processor time"], rows),
+        *table(["", "rate", "processor time"], rows),
     ]
 
 
@@ -431,7 +430,7 @@ def growth_lines(measured):
                 whose(exponent(library), exponent(raw)),
             ]
         )
-        images.append(f"![Cost against {name}](figures/performance-{file}.svg)")
+        images.append(f"![Cost by {name}](figures/performance-{file}.svg)")
     for file, points, name in (
         (
             "checkout",
@@ -468,29 +467,27 @@ def growth_lines(measured):
         )
         if file:
             images.append(f"![Cost of a {name}](figures/performance-{file}.svg)")
-    images.append("![Memory against entries](figures/performance-memory.svg)")
+    images.append("![Memory by entries](figures/performance-memory.svg)")
     return [
         "### Growth",
         "",
         *paragraph(
-            "Entries have seven values and some 270 bytes each; searches by attributes find "
-            "20 entries, those by values and by bytes one."
+            "Entries have seven values and about 270 bytes each. The searches for the row of "
+            "attributes find 20 entries, those for values and bytes one."
         ),
         *paragraph(
-            "The exponent k of cost = c · size^k in the client's processor time, fitted by "
-            "least squares to the logarithms where the cost has grown threefold: 1 is "
-            "linear, 2 quadratic. The server is in the same program and answers from "
+            "The figures are the exponent k of cost = c · size^k in the client's processor time: 1 "
+            "is linear, 2 quadratic. It is fitted by least squares to the logarithms, from the size "
+            "at which the cost has tripled. The server is in the same program and answers from "
             "memory."
         ),
         *table(
             ["by", "sizes", "library", "raw calls", "raw calls in order", "worse than linear"], rows
         ),
         *paragraph(
-            "Raw calls use `ldap_get_values_len`, which looks for each attribute from the "
-            "start of the entry, and copies each value into memory of its own; of large "
-            "values, the kernel hands that out page by page. Raw calls in order use "
-            "`ldap_get_attribute_ber`, which does neither: what is left is the memory of "
-            "the message itself."
+            "Raw calls use `ldap_get_values_len`, which searches for each attribute from the start "
+            "of the entry and copies each value. Raw calls in order use `ldap_get_attribute_ber`, "
+            "which does neither."
         ),
         *[line for image in images for line in (image, "")],
     ]
@@ -525,6 +522,11 @@ def value_lines(measured):
     ]
 
 
+def rounded(count):
+    """Counts without decimals, ratios with two."""
+    return f"{float(count):,.0f}" if count and float(count) >= 100 else count
+
+
 COUNTED = os.path.join(os.path.dirname(os.path.abspath(__file__)), "exact", "figures.csv")
 
 
@@ -533,13 +535,16 @@ def counted_lines(path=COUNTED):
     if not os.path.exists(path):
         return []
     with open(path, encoding="utf-8", newline="") as opened:
-        rows = [[row["figure"], row["last"], row["limit"]] for row in csv.DictReader(opened)]
+        rows = [
+            [row["figure"], rounded(row["last"]), row["limit"]] for row in csv.DictReader(opened)
+        ]
     return [
         "### Counted",
         "",
         *paragraph(
-            "Instructions, allocations and memory, as `scripts/bench --exact` counts them; "
-            "it ends with 1 where one is over its limit, or worse than its last."
+            "Instructions, allocations and memory, counted by `scripts/bench --exact`, which fails "
+            "if a figure exceeds its limit or is worse than the last one. \"Of those in C\" is a "
+            "ratio: 1.2 means 1.2 times as many."
         ),
         *table(["what", "last", "limit"], rows),
     ]
@@ -568,7 +573,7 @@ def drawn(measured):
     yield "threads", plots.plot(
         "Lookups by threads, a connection each",
         "threads",
-        "lookups a second",
+        "lookups per second",
         rates(
             "threads",
             (
@@ -583,7 +588,7 @@ def drawn(measured):
     yield "window", plots.plot(
         "Lookups by searches in flight on one connection",
         "searches in flight",
-        "lookups a second",
+        "lookups per second",
         rates("window", (("raw", "raw calls"), ("library", "library"))),
         is_log_y=False,
     )
