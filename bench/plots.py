@@ -63,4 +63,4 @@ def plot(title, x_name, y_name, lines, is_log_y=True, y_label=short):
         axes.legend()
         svg = io.StringIO()
         figure.savefig(svg, format="svg", metadata={"Title": title, "Date": None, "Creator": None})
-        return svg.getvalue()
+        return "\n".join(line.rstrip() for line in svg.getvalue().splitlines()) + "\n"
