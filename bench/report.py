@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Makes tables and plots of what run.py recorded.
 
 Usage: report.py RECORDS DOCUMENT FIGURES
@@ -14,7 +14,6 @@ import os
 import sys
 import textwrap
 
-import plots
 from figures import Microbenchmarks, Records, exponent
 
 BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
@@ -552,6 +551,8 @@ def counted_lines(path=COUNTED):
 
 def drawn(measured):
     """File name and SVG of every plot."""
+    import plots  # here, as only plots need matplotlib
+
     free, growth, values = measured.free, measured.growth, measured.values
     seconds = {"y_label": plots.duration}
 
