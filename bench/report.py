@@ -62,7 +62,8 @@ def no_more_than(what, bound, figure, again=None, unit=""):
 
 def table(heads, rows):
     lines = ["| " + " | ".join(heads) + " |", "|" + "---|" * len(heads)]
-    return lines + ["| " + " | ".join(row) + " |" for row in rows] + [""]
+    lines += ["| " + " | ".join(row) + " |" for row in rows] + [""]
+    return [line.replace(" ± ", "\u00a0±\u00a0") for line in lines]  # no line ends within a figure
 
 
 def paragraph(text):
