@@ -121,9 +121,7 @@ TEST_F(AQuery, WithoutASearchHasNoResult)
 {
     Query const query(connection, 1000, 10, false);
 
-    auto const thrown = thrownBy([&] { query.result(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 81, 1, 0));
+    EXPECT_THAT(thrownBy([&] { query.result(); }), IsFault("Search.cpp", 81, 1, 0));
 }
 
 TEST_F(AQuery, ShowsItsSearchsOwnResult)
