@@ -27,6 +27,10 @@ void checkServers(Settings const& settings)
 {
     require(!settings.servers.empty(), "no server is set");
     for (Server const& server : settings.servers) {
+        require(!server.secure || !server.startTls,
+                "a server has both TLS from the first byte and StartTLS");
+        require(!server.startTls || server.version != LDAPConnection::V2,
+                "a server with StartTLS has LDAPv2: StartTLS needs LDAPv3");
         requirePlain("a server's SRV domain", server.srvDomain);
         require(server.host.empty() || server.srvDomain.empty(),
                 "a server has both a host and an SRV domain");

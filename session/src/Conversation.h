@@ -30,6 +30,7 @@ public:
     // Requests. Each returns OpenLDAP's code, and on success the message id. They are buffered
     // until the channel is flushed.
 
+    int startTls(int& id);
     int bind(std::string const& dn, std::string const& password, int& id);
     int whoAmI(int& id);
     int search(SearchRequest const& request, std::string const& filter, int& id);

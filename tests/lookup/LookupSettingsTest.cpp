@@ -56,6 +56,18 @@ TEST(LookupSettings, NeedAServerWithHostAndPort)
               "a server's host contains a control character at byte 1");
 }
 
+TEST(LookupSettings, HaveOneKindOfTlsForAServer)
+{
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].startTls = true; }), "");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].startTls = s.servers[0].secure = true; }),
+              "a server has both TLS from the first byte and StartTLS");
+    EXPECT_EQ(refusalWith([](Settings& s) {
+                  s.servers[0].startTls = true;
+                  s.servers[0].version = LDAPConnection::V2;
+              }),
+              "a server with StartTLS has LDAPv2: StartTLS needs LDAPv3");
+}
+
 TEST(LookupSettings, NameTheDomainsThatAreServed)
 {
     EXPECT_EQ(refusalWith([](Settings& s) {

@@ -43,6 +43,14 @@ SessionOptions secureOptions(unsigned int port, TlsPolicy const& policy, std::st
     return options;
 }
 
+SessionOptions startTlsOptions(unsigned int port, TlsPolicy const& policy, std::string const& host)
+{
+    SessionOptions options = secureOptions(port, policy, host);
+    options.secure = false;
+    options.startTls = true;
+    return options;
+}
+
 TlsPolicy policy(TlsVerify verify, std::string const& caFile)
 {
     TlsPolicy policy;

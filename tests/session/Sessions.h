@@ -31,6 +31,10 @@ Solvane::Lookup::SessionOptions boundOptions(unsigned int port);
 Solvane::Lookup::SessionOptions secureOptions(unsigned int port,
                                               Solvane::Lookup::TlsPolicy const& policy,
                                               std::string const& host = "127.0.0.1");
+/// The same with StartTLS.
+Solvane::Lookup::SessionOptions startTlsOptions(unsigned int port,
+                                                Solvane::Lookup::TlsPolicy const& policy,
+                                                std::string const& host = "127.0.0.1");
 Solvane::Lookup::TlsPolicy policy(Solvane::Lookup::TlsVerify verify,
                                   std::string const& caFile = std::string());
 

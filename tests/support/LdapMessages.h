@@ -16,7 +16,8 @@ enum Operation : unsigned char {
     BindRequest = 0x60,
     UnbindRequest = 0x42,
     SearchRequest = 0x63,
-    AbandonRequest = 0x50
+    AbandonRequest = 0x50,
+    ExtendedRequest = 0x77
 };
 
 /// A BER element: tag, length, content.
@@ -28,6 +29,10 @@ std::string bindResponse(int messageId, int code = 0);
 std::string searchEntry(int messageId, std::string const& dn,
                         std::vector<Attribute> const& attributes);
 std::string searchDone(int messageId, int code = 0);
+/// A client's request for TLS on a plain connection (RFC 4511 section 4.14).
+std::string startTlsRequest(int messageId);
+/// A server's answer to it, with a diagnostic text.
+std::string startTlsResponse(int messageId, int code = 0, std::string const& text = std::string());
 /// A notice of disconnection (RFC 4511 section 4.4.1).
 std::string noticeOfDisconnection();
 /// The start of a message that claims to be 2 GB long.

@@ -32,6 +32,9 @@ struct Server {
     bool startTls = false;
     /// Path of the server's UNIX socket ("ldapi://"). Host and port are then ignored.
     std::string socketPath = std::string();
+
+    /// Whether its connections are encrypted, from the first byte or by StartTLS.
+    bool usesTls() const { return secure || startTls; }
 };
 
 /// The forms of an address that can be looked up, in the order in which a mail server tries them.
