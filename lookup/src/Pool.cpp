@@ -75,8 +75,8 @@ void Pool::Lease::close()
 
 // Pool
 
-Pool::Pool(Settings const& settings)
-    : m_settings(settings), m_tls(contextFor(settings)), m_servers(settings),
+Pool::Pool(Settings const& settings, std::shared_ptr<TlsContext> tls)
+    : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_servers(settings),
       m_credentials(!settings.bindDn.empty(), settings.refusedHold)
 {
     PoolsAtFork::instance().add(*this);
@@ -138,6 +138,13 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
         outlook.isRefresh = !outlook.domain->servers.empty();
         outlook.query = std::move(outlook.domain->parked);
         outlook.until = outlook.domain->parkedUntil;
+        return;
+    }
+    ServerRecord* const preferred =
+        wish.server == nullptr ? nullptr : m_servers.recordNamed(*wish.server);
+    if (preferred != nullptr && !wasAsked(wish.failures, *preferred) &&
+        admits(*preferred, Among::eligible, now) &&
+        consider(outlook, *preferred, wish, waiter, Among::eligible, now, dropped)) {
         return;
     }
     for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {

@@ -83,12 +83,17 @@ int Conversation::startTls(int& id)
     return sent(code, id);
 }
 
-int Conversation::bind(std::string const& dn, std::string const& password, int& id)
+int Conversation::bind(std::string const& dn, std::string const& password, int& id,
+                       bool asksForPolicy)
 {
+    char type[] = LDAP_CONTROL_PASSWORDPOLICYREQUEST;
+    LDAPControl policy = {type, {0, nullptr}, 0}; // not critical: servers without it ignore it
+    LDAPControl* controls[] = {&policy, nullptr};
     berval const credentials = {password.size(), const_cast<char*>(password.data())};
     m_channel.handlesSecret(true);
-    int const code = ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE,
-                                    const_cast<berval*>(&credentials), nullptr, nullptr, &id);
+    int const code =
+        ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE, const_cast<berval*>(&credentials),
+                       asksForPolicy ? controls : nullptr, nullptr, &id);
     m_channel.handlesSecret(false);
     return sent(code, id);
 }

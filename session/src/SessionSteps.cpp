@@ -474,13 +474,13 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
 Session::Received Session::Steps::receive(Message& message, bool parsesEntries)
 {
     if (!m_conversation || !m_verdict.isGood()) {
-        breakOff("search");
+        breakOff(request);
         return Received::broken;
     }
     m_conversation->channel().flush();
     Received const received = m_conversation->receive(message, parsesEntries);
     if (received == Received::broken) {
-        breakOff("search");
+        breakOff(request);
     }
     return received;
 }

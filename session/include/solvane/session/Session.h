@@ -132,6 +132,16 @@ public:
     /// @param filter  RFC 4515; an empty or invalid one is -7 `Misconfigured`, with nothing sent
     /// @param id      receives the message id
     Verdict send(SearchRequest const& request, std::string const& filter, int& id);
+    /// Queues a simple bind, and asks for the state of the password (the password policy control).
+    /// Its response is a message of `receive`, for `readBindResult`; from then on, the connection has
+    /// that identity, or none if the bind was refused. OpenLDAP's and the session's copies of the
+    /// password are wiped once they are written.
+    /// @param dn        not empty, as the bind would be anonymous
+    /// @param password  not empty, for the same reason; borrowed until the call returns
+    /// @param id        receives the message id
+    /// @return -9 `Misconfigured`, with nothing sent: an empty DN or password, or one with a NUL
+    ///         byte; or other requests are pending (RFC 4511 section 4.2.1)
+    Verdict authenticate(std::string const& dn, std::string const& password, int& id);
     /// Makes `receive` return the answers to a request that the caller sent with `handle`; answers
     /// to unknown requests are dropped.
     /// @param id  its message id, greater than all previous ones
