@@ -101,6 +101,9 @@ TEST(ANullConnection, ReportsTheOperationThatWasCalled)
     EXPECT_THAT(thrownBy([&] { null.bind("", "", LDAPConnection::Synchronous); }),
                 IsFault("Connection.cpp", 201, 1, 0));
     EXPECT_THAT(thrownBy([&] { null.bindWait(0); }), IsFault("Connection.cpp", 258, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.startTls(); }), IsFault("Security.cpp", 41, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.bindSasl(LDAPConnection::External); }),
+                IsFault("Security.cpp", 101, 1, 0));
     EXPECT_THAT(thrownBy([&] { null.unbind(); }), IsFault("Connection.cpp", 341, 1, 0));
     EXPECT_THAT(thrownBy([&] { reader.id(); }), IsFault("Connection.cpp", 351, 1, 0));
     EXPECT_TRUE(null.isNull());
