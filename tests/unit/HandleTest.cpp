@@ -100,6 +100,9 @@ TEST(ANullConnection, ReportsTheOperationThatWasCalled)
     EXPECT_THAT(thrownBy([&] { null.bind("", "", LDAPConnection::Synchronous); }),
                 IsNullHandle("Connection.cpp", 201));
     EXPECT_THAT(thrownBy([&] { null.bindWait(0); }), IsNullHandle("Connection.cpp", 258));
+    EXPECT_THAT(thrownBy([&] { null.startTls(); }), IsNullHandle("Security.cpp", 41));
+    EXPECT_THAT(thrownBy([&] { null.bindSasl(LDAPConnection::External); }),
+                IsNullHandle("Security.cpp", 101));
     EXPECT_THAT(thrownBy([&] { null.unbind(); }), IsNullHandle("Connection.cpp", 341));
     EXPECT_THAT(thrownBy([&] { reader.id(); }), IsNullHandle("Connection.cpp", 351));
     EXPECT_TRUE(null.isNull());
