@@ -40,7 +40,8 @@ ServerRecord& ServerList::recordOf(Server const& server)
     std::string uri = uriOf(server.secure, server.host, server.port);
     auto const known =
         std::find_if(m_records.begin(), m_records.end(), [&](ServerRecord const& record) {
-            return record.uri == uri && record.settings.version == server.version;
+            return record.uri == uri && record.settings.version == server.version &&
+                   record.settings.startTls == server.startTls;
         });
     if (known != m_records.end()) {
         return *known;
@@ -138,7 +139,7 @@ std::vector<Server> ServerList::serversOf(ServerDomain const& domain,
 {
     std::vector<Server> servers;
     for (SrvTarget const& target : targets) {
-        if (!domain.settings.secure || !m_verifiesNames || isInside(target.host, domain.name)) {
+        if (!domain.settings.usesTls() || !m_verifiesNames || isInside(target.host, domain.name)) {
             Server server = domain.settings;
             server.host = target.host;
             server.port = target.port;

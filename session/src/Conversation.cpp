@@ -76,6 +76,13 @@ void Conversation::setOption(int option, int value) { ldap_set_option(m_handle, 
 
 // Requests
 
+int Conversation::startTls(int& id)
+{
+    int const code =
+        ldap_extended_operation(m_handle, LDAP_EXOP_START_TLS, nullptr, nullptr, nullptr, &id);
+    return sent(code, id);
+}
+
 int Conversation::bind(std::string const& dn, std::string const& password, int& id,
                        bool asksForPolicy)
 {

@@ -30,6 +30,7 @@ public:
     // Requests. Each returns OpenLDAP's code, and on success the message id. They are buffered
     // until the channel is flushed.
 
+    int startTls(int& id);
     /// @param asksForPolicy  requests the password policy control in the response
     int bind(std::string const& dn, std::string const& password, int& id,
              bool asksForPolicy = false);

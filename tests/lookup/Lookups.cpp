@@ -76,6 +76,21 @@ LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports)
     return settings;
 }
 
+void PrintTo(WayIn way, std::ostream* out)
+{
+    constexpr char const* names[] = {"plain", "ldaps", "StartTLS"};
+    *out << names[static_cast<int>(way)];
+}
+
+LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way)
+{
+    auto settings = settingsFor({way == WayIn::ldaps ? slapd.tlsPort() : slapd.port()});
+    settings.servers.front().secure = way == WayIn::ldaps;
+    settings.servers.front().startTls = way == WayIn::startTls;
+    settings.tls.caFile = slapd.caFile();
+    return settings;
+}
+
 std::string addressOf(int user)
 {
     char text[40];

@@ -4,6 +4,7 @@
 
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
+#include "Slapd.h"
 
 #include <solvane/lookup/LDAPLookup.h>
 
@@ -27,6 +28,12 @@ constexpr char people[] = "ou=people,dc=corp,dc=test";
 
 /// Settings for servers on these ports of 127.0.0.1, bound as the reader, with short times.
 Solvane::LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports);
+
+/// How a connection reaches its server.
+enum class WayIn { plain, ldaps, startTls };
+void PrintTo(WayIn way, std::ostream* out);
+/// Settings for a slapd, bound as the reader, that verify its certificate.
+Solvane::LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way);
 
 /// The n-th user's address.
 std::string addressOf(int user);

@@ -14,6 +14,7 @@ constexpr unsigned char enumeratedTag = 0x0a;
 constexpr unsigned char sequenceTag = 0x30;
 constexpr unsigned char setTag = 0x31;
 
+constexpr unsigned char requestNameTag = 0x80;
 constexpr unsigned char bindResponseTag = 0x61;
 constexpr unsigned char searchEntryTag = 0x64;
 constexpr unsigned char searchDoneTag = 0x65;
@@ -21,6 +22,7 @@ constexpr unsigned char extendedResponseTag = 0x78;
 constexpr unsigned char responseNameTag = 0x8a;
 
 char const noticeOfDisconnectionName[] = "1.3.6.1.4.1.1466.20036";
+char const startTlsName[] = "1.3.6.1.4.1.1466.20037";
 
 unsigned char byteAt(std::string const& bytes, std::size_t position)
 {
@@ -148,6 +150,20 @@ std::string searchEntry(int messageId, std::string const& dn,
 std::string searchDone(int messageId, int code)
 {
     return ldapMessage(messageId, ldapResult(searchDoneTag, code));
+}
+
+std::string startTlsRequest(int messageId)
+{
+    return ldapMessage(messageId,
+                       berElement(ExtendedRequest, berElement(requestNameTag, startTlsName)));
+}
+
+std::string startTlsResponse(int messageId, int code, std::string const& text)
+{
+    return ldapMessage(
+        messageId,
+        berElement(extendedResponseTag, number(enumeratedTag, code) + octets("") + octets(text) +
+                                            berElement(responseNameTag, startTlsName)));
 }
 
 std::string noticeOfDisconnection()

@@ -41,6 +41,10 @@ std::string bindResponse(int messageId, BindReply const& reply);
 std::string searchEntry(int messageId, std::string const& dn,
                         std::vector<Attribute> const& attributes);
 std::string searchDone(int messageId, int code = 0);
+/// A client's request for TLS on a plain connection (RFC 4511 section 4.14).
+std::string startTlsRequest(int messageId);
+/// A server's answer to it, with a diagnostic text.
+std::string startTlsResponse(int messageId, int code = 0, std::string const& text = std::string());
 /// A notice of disconnection (RFC 4511 section 4.4.1).
 std::string noticeOfDisconnection();
 /// The start of a message that claims to be 2 GB long.
