@@ -272,6 +272,7 @@ SessionOptions Pool::optionsFor(ServerRecord const& server) const
     options.port = server.settings.port;
     options.secure = server.settings.secure;
     options.startTls = server.settings.startTls;
+    options.socketPath = server.settings.socketPath;
     options.version = server.settings.version == LDAPConnection::V2 ? 2 : 3;
     options.networkTimeout = std::chrono::seconds(m_settings.networkTimeout);
     options.messageBytes = m_settings.entryBytes;

@@ -7,6 +7,7 @@
 
 #include "Connector.h"
 #include "Conversation.h"
+#include "PathConnector.h"
 
 #include <algorithm>
 #include <memory>
@@ -75,6 +76,7 @@ private:
     Progress goOn(Step step);
     Progress resolve();
     Progress connect();
+    Progress connectToPath();
     Progress requestTls();
     Progress handshake();
     Progress bind();
@@ -92,6 +94,8 @@ private:
     Progress fail(Outcome outcome, int code, std::string const& text);
     Progress failAs(Verdict const& verdict);
     Progress failForTime(Step step);
+    Progress failToConnect(bool lacksSocket, std::string const& why);
+    Progress converse(Descriptor socket);
 
     int m_done = 0;   // steps done or skipped
     int m_target = 0; // steps requested
@@ -103,6 +107,7 @@ private:
 
     std::unique_ptr<Resolver> m_resolver;
     std::unique_ptr<Connector> m_connector;
+    std::unique_ptr<PathConnector> m_pathConnector; // instead, with a socket's path
     std::unique_ptr<Conversation> m_conversation;
     int m_id = 0; // message id of the step's request
 };

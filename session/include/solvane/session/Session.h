@@ -116,11 +116,11 @@ public:
     // Properties of the connection
 
     std::vector<Address> const& addresses() const; ///< of the host, in the order to try them
-    std::string peer() const;                      ///< "127.0.0.1 port 389"; empty before connect
-    std::string const& uri() const;                ///< with the host as configured
-    std::string tlsVersion() const;                ///< as "TLS1.3"; empty without TLS
-    std::string tlsCipher() const;                 ///< as "AES-256-GCM"; empty without TLS
-    bool isTlsResumed() const;                     ///< false without TLS
+    std::string peer() const;       ///< "127.0.0.1 port 389" or a path; empty before connect
+    std::string const& uri() const; ///< with the host as configured
+    std::string tlsVersion() const; ///< as "TLS1.3"; empty without TLS
+    std::string tlsCipher() const;  ///< as "AES-256-GCM"; empty without TLS
+    bool isTlsResumed() const;      ///< false without TLS
     std::optional<Certificate> const& certificate() const; ///< also a refused one
     Identity identity() const;                             ///< identity of the answers
     std::string const& authorizationId() const; ///< from the server, as "dn:cn=reader,..."
