@@ -24,6 +24,7 @@ struct Lane {
     bool hasAbandoned = false; ///< a search was abandoned; more of its answer may arrive
     bool isLeaving = false;    ///< gets no more searches
     bool wasHeldUp = false;    ///< while opening, by what its owner did meanwhile
+    Clock::duration heldUp{0}; ///< by the owner's loop, since its last call
 
     bool isOpen() const { return lease->isOpen; }
     /// Whether the task may be sent on this lane.

@@ -53,17 +53,17 @@ bool parse(LDAP* session, Session::Message const& message, Result& result)
 
 } // namespace
 
-Shared::Shared(Settings const& given)
+Shared::Shared(Settings const& given, Totals& counts)
     : settings(given), queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
-      pool(settings)
+      totals(counts), pool(settings, counts)
 {
 }
 
-Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window)
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order)
     : m_shared(shared), m_maximumLanes(lanes), m_window(window),
-      m_maximumTasks(std::size_t{8} * lanes * window)
+      m_maximumTasks(std::size_t{8} * lanes * window), m_order(order)
 {
 }
 
@@ -81,6 +81,7 @@ void Pipeline::run()
     dispatch(); // also searches to be repeated
     leaveOneLaneToOthers();
     flush();
+    collect();
 }
 
 void Pipeline::flush()
@@ -273,7 +274,7 @@ void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilt
         m_shared.pool.lost(*lane.lease, tasks.size());
     }
     lane.lease.close();
-    m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
+    remove(lane);
     auto const now = Clock::now();
     // In reverse, as each one is put in front of the others.
     for (auto next = tasks.rbegin(); next != tasks.rend(); ++next) {
@@ -313,7 +314,7 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     if (!isAskedAgain) {
         task.failures.push_back(std::move(failure));
     }
-    ++m_shared.repeated;
+    ++m_shared.totals.repeated;
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
     m_heldBytes -= task.bytes;

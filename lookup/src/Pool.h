@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_POOL_H
 #define SOLVANE_LOOKUP_SRC_POOL_H
 
+#include "Counters.h"
 #include "Credentials.h"
 #include "Failover.h"
 #include "ServerList.h"
@@ -46,7 +47,8 @@ struct PooledSession {
 /// own. Thread-safe; nothing is sent or received under its lock.
 class Pool : public NonCopyable {
 public:
-    explicit Pool(Settings const& settings);
+    /// Both must outlive it.
+    Pool(Settings const& settings, Totals& totals);
     ~Pool();
 
     /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
@@ -152,9 +154,6 @@ public:
     /// nothing.
     Clock::duration proof() const;
 
-    unsigned long openedCount() const { return m_opened; }
-    unsigned long staleCount() const { return m_stale; }
-
 private:
     friend class PoolsAtFork;
     using Idle = std::list<std::unique_ptr<PooledSession>>;
@@ -193,8 +192,7 @@ private:
 
     Settings const& m_settings;
     std::shared_ptr<TlsContext> const m_tls;
-    std::atomic<unsigned long> m_opened{0};
-    std::atomic<unsigned long> m_stale{0};
+    Totals& m_totals;
     std::atomic<std::size_t> m_waitingForRoom{0}; ///< written under m_mutex
 
     std::mutex m_mutex;   // guards the members below, and the guarded members of the records

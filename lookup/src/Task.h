@@ -8,6 +8,7 @@
 #include <solvane/lookup/Answer.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,7 @@ struct Lane;
 /// Waits for a lane, then is in flight on it, and is done when it has its answer.
 struct Task {
     std::string key;
+    std::uint64_t tag = 0;          ///< the owner's name for it
     std::vector<std::string> forms; ///< empty: only the key itself
     std::size_t form = 0;           ///< index of the current form
     Clock::time_point start;
