@@ -128,14 +128,17 @@ std::string causeIn(std::string text)
 
 } // namespace
 
-struct SaslExchange::Callbacks {
-    explicit Callbacks(std::string& authorizationId)
-        : list{{SASL_CB_USER, asCallback(tellAuthorizationId), &authorizationId},
-               {SASL_CB_LOG, asCallback(logNothing), nullptr},
-               {SASL_CB_LIST_END, nullptr, nullptr}}
+struct SaslExchange::Borrowed {
+    Borrowed(std::string& authorizationId, std::string const& channelBinding)
+        : callbacks{{SASL_CB_USER, asCallback(tellAuthorizationId), &authorizationId},
+                    {SASL_CB_LOG, asCallback(logNothing), nullptr},
+                    {SASL_CB_LIST_END, nullptr, nullptr}},
+          binding{"ldap", 0, channelBinding.size(),
+                  reinterpret_cast<unsigned char const*>(channelBinding.data())}
     {
     }
-    sasl_callback_t list[3];
+    sasl_callback_t callbacks[3];
+    sasl_channel_binding_t binding;
 };
 
 void SaslExchange::Dispose::operator()(sasl_conn* connection) const
@@ -144,9 +147,11 @@ void SaslExchange::Dispose::operator()(sasl_conn* connection) const
     sasl_dispose(&connection);
 }
 
-SaslExchange::SaslExchange(std::string const& host, std::string authorizationId, bool mayProtect)
+SaslExchange::SaslExchange(std::string const& host, std::string authorizationId, bool mayProtect,
+                           std::string channelBinding)
     : m_host(host), m_authorizationId(std::move(authorizationId)), m_mayProtect(mayProtect),
-      m_callbacks(std::make_unique<Callbacks>(m_authorizationId))
+      m_channelBinding(std::move(channelBinding)),
+      m_borrowed(std::make_unique<Borrowed>(m_authorizationId, m_channelBinding))
 {
 }
 
@@ -177,7 +182,7 @@ bool SaslExchange::prepare()
     }
     SaslAtFork::Guard const guard;
     sasl_conn_t* connection = nullptr;
-    code = sasl_client_new("ldap", m_host.c_str(), nullptr, nullptr, m_callbacks->list, 0,
+    code = sasl_client_new("ldap", m_host.c_str(), nullptr, nullptr, m_borrowed->callbacks, 0,
                            &connection);
     m_connection.reset(connection);
     if (code == SASL_OK) {
@@ -186,6 +191,9 @@ bool SaslExchange::prepare()
         properties.maxbufsize = largestPacket;
         properties.security_flags = SASL_SEC_NOPLAINTEXT | SASL_SEC_NOANONYMOUS;
         code = sasl_setprop(connection, SASL_SEC_PROPS, &properties);
+    }
+    if (code == SASL_OK && !m_channelBinding.empty()) {
+        code = sasl_setprop(connection, SASL_CHANNEL_BINDING, &m_borrowed->binding);
     }
     return code == SASL_OK || failFirst(code);
 }

@@ -28,7 +28,9 @@ public:
     /// @param host             as configured; the service is "ldap/HOST"
     /// @param authorizationId  empty: the server chooses
     /// @param mayProtect       accepts a security layer; false where TLS protects already
-    SaslExchange(std::string const& host, std::string authorizationId, bool mayProtect);
+    /// @param channelBinding   of TLS, with its type; empty: none. The server verifies it if it wants
+    SaslExchange(std::string const& host, std::string authorizationId, bool mayProtect,
+                 std::string channelBinding = std::string());
     ~SaslExchange();
 
     /// Produces the first credentials. False: see `fault`.
@@ -57,7 +59,7 @@ private:
     struct Dispose {
         void operator()(sasl_conn* connection) const;
     };
-    struct Callbacks; // of Cyrus SASL
+    struct Borrowed; // by Cyrus SASL
 
     bool prepare();
     bool take(int code, char const* credentials, unsigned int length, bool isFirst);
@@ -69,7 +71,8 @@ private:
     std::string m_host;
     std::string m_authorizationId;
     bool m_mayProtect;
-    std::unique_ptr<Callbacks> m_callbacks;
+    std::string m_channelBinding;
+    std::unique_ptr<Borrowed> m_borrowed;
     std::unique_ptr<sasl_conn, Dispose> m_connection;
     bool m_isComplete = false;               // on this side
     std::optional<std::uint64_t> m_sequence; // number of the server's last token

@@ -39,8 +39,9 @@ bool Session::Steps::startSaslBind()
         return false;
     }
     bool const isPlain = tls() == nullptr && options.socketPath.empty();
-    m_exchange =
-        std::make_unique<SaslExchange>(serviceHost(options), options.authorizationId, isPlain);
+    std::string const binding = tls() == nullptr ? std::string() : tls()->serverEndPoint();
+    m_exchange = std::make_unique<SaslExchange>(serviceHost(options), options.authorizationId,
+                                                isPlain, binding);
     m_rounds = 0;
     if (!m_exchange->start()) {
         failAs(m_exchange->fault());

@@ -156,6 +156,20 @@ TEST_F(SessionByGssapi, UsesTls)
     expectSearchesOn(session);
 }
 
+/// A slapd that compares the channel binding: the hash of its certificate.
+TEST_F(SessionByGssapi, IsBoundToTheCertificateOfTls)
+{
+    std::ofstream(kdc().file("binding.conf"))
+        << std::ifstream(kdc().file("sasl.conf")).rdbuf() << "sasl-cbinding tls-endpoint\n";
+    Slapd const binding({"--users", "1", "--global-conf", kdc().file("binding.conf")});
+    SessionOptions same = secureOptions();
+    same.addresses = {*Address::parse("127.0.0.1", binding.tlsPort())};
+    same.tls = std::make_shared<TlsContext>(policy(TlsVerify::full, binding.caFile().string()));
+
+    Session session(same);
+    EXPECT_EQ(shown(session.reach(Step::identify, soon())), "Found 0 ");
+}
+
 TEST_F(SessionByGssapi, NeedsLdapVersionThree)
 {
     SessionOptions versionTwo = options();
