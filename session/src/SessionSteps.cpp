@@ -151,7 +151,7 @@ bool Session::Steps::applies(Step step) const
     case Step::handshake:
         return options.usesTls();
     case Step::bind:
-        return !options.bindDn.empty();
+        return options.mechanism != Mechanism::simple || !options.bindDn.empty();
     default:
         return true;
     }
@@ -383,6 +383,9 @@ Session::Steps::Progress Session::Steps::handshake()
 
 bool Session::Steps::startBind()
 {
+    if (options.mechanism == Mechanism::gssapi) {
+        return startSaslBind();
+    }
     if (options.password == nullptr || options.password->empty()) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
              "an empty password is not sent: servers treat it as an anonymous bind");
@@ -405,8 +408,15 @@ bool Session::Steps::startBind()
 Session::Steps::Progress Session::Steps::bind()
 {
     Message answer;
-    Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeBindResponse(answer.parsed) : progress;
+    Progress progress = awaitAnswer(answer);
+    while (progress == Progress::done) {
+        progress = takeBindResponse(answer.parsed);
+        if (progress != Progress::waiting) {
+            return progress;
+        }
+        progress = awaitAnswer(answer); // writes the next round
+    }
+    return progress;
 }
 
 /// Awaits the final answer to the request of the step.
@@ -440,6 +450,10 @@ Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& ans
     bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
     if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "invalid response to the bind");
+    }
+    if (m_exchange &&
+        (response.code == LDAP_SUCCESS || response.code == LDAP_SASL_BIND_IN_PROGRESS)) {
+        return takeSaslResponse(answer, response.code);
     }
     return response.code == LDAP_SUCCESS ? Progress::done
                                          : fail(outcomeOfBind(response.code), response.code,

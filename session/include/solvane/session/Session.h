@@ -71,7 +71,8 @@ struct SearchRequest {
     unsigned int timeLimit = 0;          ///< seconds; 0: none
 };
 
-/// A connection driven by its owner. Every call except `reach` returns at once; `waits` names what
+/// A connection driven by its owner. Every call except `reach` returns at once, except that a bind by
+/// GSSAPI may wait for a KDC; `waits` names what
 /// to poll for before the next `advance` or `receive`. Each step ends in a `Verdict`; the calls
 /// throw only `std::bad_alloc`. Not thread-safe, but it may be handed from one thread to another.
 /// After a fork the child's copy is broken, and destroying it sends nothing.
@@ -109,7 +110,11 @@ public:
     /// response; `TryLater` 51, -1, -4 or -5. handshake: `Refused` -11 with what is wrong with the certificate or the server's
     /// TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's code by
     /// `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured` -9
-    /// and not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
+    /// and not sent. With GSSAPI, nothing is sent either without a valid ticket: `Misconfigured` -9 no
+    /// or an expired ticket, an unusable keytab, a clock that is off, or no GSSAPI plugin; `Refused` 49
+    /// an old key in the keytab; `Misconfigured` -6 the KDC does not know the server; `TryLater` -6 no
+    /// KDC answers, or any other failure of Kerberos. `Refused` -6 the server does not prove its
+    /// identity. The Kerberos library may wait for a KDC, and `advance` blocks meanwhile. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
     /// -5.
     Verdict const& verdict() const;
 
