@@ -543,7 +543,7 @@ def counted_lines(path=COUNTED):
         "",
         *paragraph(
             "Instructions, allocations and memory, counted by `scripts/bench --exact`, which fails "
-            "if a figure exceeds its limit or is worse than the last one. \"Of those in C\" is a "
+            'if a figure exceeds its limit or is worse than the last one. "Of those in C" is a '
             "ratio: 1.2 means 1.2 times as many."
         ),
         *table(["what", "last", "limit"], rows),
