@@ -3,6 +3,7 @@
 
 #include "Pipeline.h"
 #include "Shared.h"
+#include "Verifier.h"
 
 #include <utility>
 
@@ -165,6 +166,19 @@ LDAPLookup::Answer LDAPLookup::find(std::string const& address)
         pipeline.run();
     }
     return std::move(pipeline.front().answer);
+}
+
+LDAPLookup::Verification LDAPLookup::verify(std::string const& key, std::string const& password)
+{
+    Lookup::Verifier verifier(*m_engine, key, password);
+    Waits waits;
+    while (!verifier.isDone()) {
+        waits.clear();
+        verifier.waits(waits);
+        waits.wait();
+        verifier.advance();
+    }
+    return std::move(verifier.result());
 }
 
 void LDAPLookup::findAll(Source const& source, Sink const& sink) { findAll(source, -1, sink); }

@@ -30,6 +30,8 @@ public:
     /// @param lanes   maximum number of sessions
     /// @param window  maximum of searches in flight on each
     Pipeline(Shared& shared, std::size_t lanes, std::size_t window);
+    /// @param request  instead of that of all lookups; must outlive the pipeline
+    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, SearchRequest const& request);
     ~Pipeline();
 
     // Keys in, answers out
@@ -38,6 +40,11 @@ public:
     bool wantsKeys() const;
     /// Adds a key and starts its deadline.
     void push(std::string key);
+    /// The same for a bind as a user. A pipeline has either keys or logins, the latter on a pool of
+    /// their own.
+    /// @param login  receives the response; must outlive the task
+    /// @param start  of its deadline
+    void push(Login& login, Clock::time_point start);
     /// Whether no key is under way and no answer is here.
     bool isIdle() const { return m_tasks.empty(); }
     /// Whether the oldest key has its answer.
@@ -120,6 +127,7 @@ private:
     void take(Lane& lane, Task& task, Session::Message const& message);
     void takeEntry(Lane& lane, Task& task, Session::Message const& message);
     void takeResult(Lane& lane, Task& task, Session::Message const& message);
+    void takeLogin(Lane& lane, Task& task, Session::Message const& message); // PipelineLogins.cpp
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
     /// @param why  a copy, as the session that owns the original is destroyed
@@ -129,6 +137,8 @@ private:
     void proveFailures(Task const& task);
 
     Shared& m_shared;
+    SearchRequest const& m_request;
+    char const* m_requestName = "search"; ///< for messages
     std::size_t const m_maximumLanes;
     std::size_t const m_window;
     std::size_t const m_maximumTasks; ///< including answers that wait for an earlier one

@@ -46,7 +46,8 @@ struct PooledSession {
 /// own. Thread-safe; nothing is sent or received under its lock.
 class Pool : public NonCopyable {
 public:
-    explicit Pool(Settings const& settings);
+    /// @param tls  of another pool with the same policy; null: its own, if a server needs one
+    Pool(Settings const& settings, std::shared_ptr<TlsContext> tls);
     ~Pool();
 
     /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
@@ -80,9 +81,10 @@ public:
         std::vector<Failure> const& failures;  ///< servers that must not be asked again
         ServerRecord const* brokeOn = nullptr; ///< sessions to it must be newer than `brokeAt`
         Clock::time_point brokeAt;
-        bool needsAnswered = false; ///< only a session on which something was answered
-        bool mayWait = true;        ///< in the queue, if there is none
-        bool mayResolve = true;     ///< asks for the servers of a domain, if that is due
+        bool needsAnswered = false;          ///< only a session on which something was answered
+        bool mayWait = true;                 ///< in the queue, if there is none
+        bool mayResolve = true;              ///< asks for the servers of a domain, if that is due
+        std::string const* server = nullptr; ///< URI of the one to prefer, if it is up
     };
 
     /// The result of a checkout.
@@ -151,6 +153,9 @@ public:
     /// third of the network timeout or the deadline, whichever is shorter. Less time proves
     /// nothing.
     Clock::duration proof() const;
+
+    /// Null if no server needs TLS.
+    std::shared_ptr<TlsContext> const& tls() const { return m_tls; }
 
     unsigned long openedCount() const { return m_opened; }
     unsigned long staleCount() const { return m_stale; }

@@ -9,6 +9,7 @@
 #include <solvane/lookup/Settings.h>
 
 #include <atomic>
+#include <memory>
 
 namespace Solvane::Lookup {
 
@@ -16,11 +17,19 @@ namespace Solvane::Lookup {
 struct Shared {
     explicit Shared(Settings const& given);
 
+private:
+    /// Without `logins`.
+    /// @param tls  of another pool; null: its own
+    Shared(Settings const& given, std::shared_ptr<TlsContext> const& tls);
+
+public:
     Settings const settings;
     QueryTemplate const queryTemplate;
     KeyForms const forms;
     SearchRequest const request;
+    SearchRequest const entryRequest; ///< for the DN alone, and whether there are several
     Pool pool;
+    std::unique_ptr<Shared> logins; ///< of the connections on which users bind; null in itself
     std::atomic<unsigned long> reused{0};
     std::atomic<unsigned long> repeated{0};
 };

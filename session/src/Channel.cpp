@@ -131,7 +131,7 @@ void Channel::take()
 void Channel::drop()
 {
     take();
-    if (m_begin == m_end) {
+    if (!hasInput()) {
         m_begin = 0;
         m_end = 0;
         if (m_capacity > keptCapacity) {
@@ -145,21 +145,21 @@ void Channel::drop()
 bool Channel::isReady() const
 {
     return !m_fault.isGood() || !m_writeFault.isGood() || m_front.state == MessageFrame::whole ||
-           (m_begin != m_end &&
+           (hasInput() &&
             frameOf({m_input.get() + m_begin, m_end - m_begin}).state != MessageFrame::partial) ||
            (m_tls && m_tls->hasPending());
 }
 
 bool Channel::isFresh()
 {
-    if (!isWhole() || m_begin != m_end || hasOutput()) {
+    if (!isWhole() || hasInput() || hasOutput()) {
         return false;
     }
     pollfd looked = {m_socket.number(), POLLIN | POLLRDHUP, 0};
     if (poll(&looked, 1, 0) == 0 && (!m_tls || !m_tls->hasPending())) {
         return true;
     }
-    return m_tls && fill() == Input::nothing && m_begin == m_end;
+    return m_tls && fill() == Input::nothing && !hasInput();
 }
 
 // Output

@@ -37,7 +37,7 @@ public:
     /// Makes OpenLDAP read and write here. The channel must outlive the Sockbuf. False: out of
     /// memory.
     bool installOn(Sockbuf* sockbuf);
-    /// Uses TLS from now on.
+    /// Uses TLS from now on. There must be no input.
     void secure(std::unique_ptr<TlsStream> tls) { m_tls = std::move(tls); }
     TlsStream* tls() const { return m_tls.get(); }
     Socket& socket() { return m_socket; }
@@ -53,6 +53,8 @@ public:
     std::string_view frontBytes() const { return {m_input.get() + m_begin, m_front.length}; }
     /// Lets OpenLDAP read the message at the front, and nothing after it.
     void deliver() { m_deliverable = m_front.length; }
+    /// Whether bytes behind the messages taken have been received.
+    bool hasInput() const { return m_begin != m_end; }
     /// Removes the message at the front, whether it was read or not.
     void drop();
     /// The same; its bytes stay valid until the next `fill`.

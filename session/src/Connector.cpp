@@ -35,12 +35,6 @@ std::vector<Address> interleaved(std::vector<Address> const& addresses)
     return order;
 }
 
-/// Whether socket(2) failed because this process or system has run out of something.
-bool isLack(int error)
-{
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
-}
-
 /// An error in words.
 std::string wordsOf(int error)
 {

@@ -1,4 +1,4 @@
-// Resolve, connect, handshake, bind, identify.
+// Resolve, connect, StartTLS, handshake, bind, identify.
 #include "SessionSteps.h"
 
 #include <solvane/session/PlainText.h>
@@ -74,6 +74,18 @@ bool isType(LDAPMessage* message, ber_tag_t type)
     return static_cast<ber_tag_t>(ldap_msgtype(message)) == type;
 }
 
+/// Why no connection can be opened with these options; empty if they do not contradict each other.
+std::string contradictionIn(SessionOptions const& options)
+{
+    if (options.startTls && options.secure) {
+        return "StartTLS is not possible on a connection that uses TLS from the first byte";
+    }
+    if (options.startTls && options.version < 3) {
+        return "StartTLS needs LDAPv3";
+    }
+    return std::string();
+}
+
 } // namespace
 
 Session::Steps::Steps(SessionOptions given)
@@ -87,6 +99,10 @@ void Session::Steps::begin(Step last, Clock::time_point deadline)
 {
     m_target = std::max(m_target, static_cast<int>(last) + 1);
     m_deadline = deadline;
+    std::string const contradiction = contradictionIn(options);
+    if (m_verdict.isGood() && !contradiction.empty()) {
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, contradiction);
+    }
     m_isUnderWay = verdict().isGood() && m_done < m_target;
     advance();
 }
@@ -122,10 +138,10 @@ bool Session::Steps::applies(Step step) const
     switch (step) {
     case Step::resolve:
         return options.addresses.empty();
-    case Step::handshake:
-        return options.secure;
     case Step::startTls:
-        return false;
+        return options.startTls;
+    case Step::handshake:
+        return options.usesTls();
     case Step::bind:
         return !options.bindDn.empty();
     default:
@@ -154,7 +170,7 @@ bool Session::Steps::start(Step step)
         addresses = m_connector->order();
         return true;
     case Step::startTls:
-        return false;
+        return sendTlsRequest();
     case Step::handshake:
         return startHandshake();
     case Step::bind:
@@ -173,7 +189,7 @@ Session::Steps::Progress Session::Steps::goOn(Step step)
     case Step::connect:
         return connect();
     case Step::startTls:
-        return Progress::failed;
+        return requestTls();
     case Step::handshake:
         return handshake();
     case Step::bind:
@@ -244,7 +260,10 @@ Session::Steps::Progress Session::Steps::connect()
     return m_conversation->fault().isGood() ? Progress::done : failAs(m_conversation->fault());
 }
 
-bool Session::Steps::startHandshake()
+// StartTLS and the handshake
+
+/// Fails if the TLS settings are unusable; before anything is sent.
+bool Session::Steps::canUseTls()
 {
     if (!options.tls) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "TLS is not configured");
@@ -252,6 +271,57 @@ bool Session::Steps::startHandshake()
     }
     if (!options.tls->verdict().isGood()) {
         failAs(options.tls->verdict());
+        return false;
+    }
+    return true;
+}
+
+bool Session::Steps::sendTlsRequest()
+{
+    if (!canUseTls()) {
+        return false;
+    }
+    int const code = m_conversation->startTls(m_id);
+    if (code != LDAP_SUCCESS) {
+        fail(Outcome::TryLater, code, "cannot send the StartTLS request: " + wordsFor(code));
+        return false;
+    }
+    return true;
+}
+
+Session::Steps::Progress Session::Steps::requestTls()
+{
+    Message answer;
+    Progress const progress = awaitAnswer(answer);
+    return progress == Progress::done ? takeTlsResponse(answer.parsed) : progress;
+}
+
+/// Only "busy" passes by itself: servers without a certificate answer "unavailable" to every request.
+Session::Steps::Progress Session::Steps::takeTlsResponse(LDAPMessageBuffer& answer)
+{
+    Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
+    bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
+    if (!isType(answer.get(), LDAP_RES_EXTENDED) || !response.isParsed || isContradiction) {
+        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+                    "invalid response to the StartTLS request");
+    }
+    if (response.code != LDAP_SUCCESS) {
+        return fail(response.code == LDAP_BUSY ? Outcome::TryLater : Outcome::Refused,
+                    response.code, "the server refuses StartTLS: " + response.words);
+    }
+    // Bytes after the response arrived unprotected. They would be read as answers of the encrypted
+    // connection.
+    if (m_conversation->channel().hasInput()) {
+        return fail(Outcome::Refused, LDAP_CONNECT_ERROR,
+                    "unencrypted data follows the response to StartTLS; an attacker may have "
+                    "injected it");
+    }
+    return Progress::done;
+}
+
+bool Session::Steps::startHandshake()
+{
+    if (!canUseTls()) {
         return false;
     }
     Channel& channel = m_conversation->channel();
@@ -404,13 +474,13 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
 Session::Received Session::Steps::receive(Message& message, bool parsesEntries)
 {
     if (!m_conversation || !m_verdict.isGood()) {
-        breakOff("search");
+        breakOff(request);
         return Received::broken;
     }
     m_conversation->channel().flush();
     Received const received = m_conversation->receive(message, parsesEntries);
     if (received == Received::broken) {
-        breakOff("search");
+        breakOff(request);
     }
     return received;
 }

@@ -18,7 +18,7 @@ namespace Solvane::Lookup {
 
 /// Runs the steps in order, each with its own time limit. Each step produces what the next one
 /// needs: resolve the addresses, connect the socket and the conversation on it, handshake the TLS
-/// stream; bind and identify exchange messages. Not thread-safe.
+/// stream; startTls, bind and identify exchange messages. Not thread-safe.
 ///
 /// `m_done` is the number of the steps completed, and so the current one; `m_target` where to stop.
 /// A step is started once (`start`), then continued (`goOn`) until it is done, failed, or out of
@@ -60,6 +60,7 @@ public:
     std::string peer;
     Identity identity = Identity::Anonymous;
     std::string authorizationId;
+    char const* request = "search"; ///< the last kind of request, for messages
 
 private:
     /// Result of continuing a step.
@@ -74,15 +75,18 @@ private:
     Progress goOn(Step step);
     Progress resolve();
     Progress connect();
+    Progress requestTls();
     Progress handshake();
     Progress bind();
     Progress identify();
-    bool startResolve();
+    bool canUseTls();
+    bool sendTlsRequest();
     bool startHandshake();
     bool startBind();
     bool startIdentify();
 
     Progress awaitAnswer(Message& answer);
+    Progress takeTlsResponse(LDAPMessageBuffer& answer);
     Progress takeBindResponse(LDAPMessageBuffer& answer);
     Progress takeIdentity(LDAPMessageBuffer& answer);
     Progress fail(Outcome outcome, int code, std::string const& text);

@@ -56,6 +56,18 @@ TEST(LookupSettings, NeedAServerWithHostAndPort)
               "a server's host contains a control character at byte 1");
 }
 
+TEST(LookupSettings, HaveOneKindOfTlsForAServer)
+{
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].startTls = true; }), "");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].startTls = s.servers[0].secure = true; }),
+              "a server has both TLS from the first byte and StartTLS");
+    EXPECT_EQ(refusalWith([](Settings& s) {
+                  s.servers[0].startTls = true;
+                  s.servers[0].version = LDAPConnection::V2;
+              }),
+              "a server with StartTLS has LDAPv2: StartTLS needs LDAPv3");
+}
+
 TEST(LookupSettings, NameTheDomainsThatAreServed)
 {
     EXPECT_EQ(refusalWith([](Settings& s) {
@@ -98,6 +110,9 @@ TEST(LookupSettings, NeedTimesAndRoom)
     EXPECT_NE(refusalWith([](Settings& s) { s.deadline = milliseconds(0); }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.connections = 0; }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.window = 0; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.connections = 65537; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.window = 65537; }), "");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.connections = s.window = 65536; }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.forms.clear(); }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.longestBackOff = milliseconds(10); }), "");
 }

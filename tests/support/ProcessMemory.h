@@ -1,6 +1,6 @@
 // What stands in the memory of the test itself.
-#ifndef SOLVANE_TESTS_SESSION_PROCESS_MEMORY_H
-#define SOLVANE_TESTS_SESSION_PROCESS_MEMORY_H
+#ifndef SOLVANE_TESTS_SUPPORT_PROCESS_MEMORY_H
+#define SOLVANE_TESTS_SUPPORT_PROCESS_MEMORY_H
 
 #include <fstream>
 #include <sstream>
