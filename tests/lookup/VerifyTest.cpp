@@ -3,7 +3,6 @@
 #include "LdapMessages.h"
 #include "Logins.h"
 #include "Lookups.h"
-#include "ProcessMemory.h"
 #include "ScriptedServer.h"
 
 #include <solvane/ldap/LDAPException.h>
@@ -15,7 +14,6 @@
 #include <chrono>
 #include <thread>
 
-#include <unistd.h>
 
 using namespace Solvane;
 using Lookup::Denial;
