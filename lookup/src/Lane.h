@@ -23,8 +23,9 @@ struct Lane {
     bool needsFlush = false;   ///< searches were queued since the last flush
     /// Not to be used again: more of an abandoned answer may arrive, or a bind failed strangely.
     bool isDoubtful = false;
-    bool isLeaving = false; ///< gets no more searches
-    bool wasHeldUp = false; ///< while opening, by what its owner did meanwhile
+    bool isLeaving = false;    ///< gets no more searches
+    bool wasHeldUp = false;    ///< while opening, by what its owner did meanwhile
+    Clock::duration heldUp{0}; ///< by the owner's loop, since its last call
 
     bool isOpen() const { return lease->isOpen; }
     /// Whether the task may be sent on this lane.

@@ -64,30 +64,30 @@ Settings settingsOfLogins(Settings settings)
 
 } // namespace
 
-Shared::Shared(Settings const& given) : Shared(given, nullptr)
+Shared::Shared(Settings const& given, Totals& counts) : Shared(given, counts, nullptr)
 {
-    logins.reset(new Shared(settingsOfLogins(settings), pool.tls()));
+    logins.reset(new Shared(settingsOfLogins(settings), counts, pool.tls()));
 }
 
-Shared::Shared(Settings const& given, std::shared_ptr<TlsContext> const& tls)
+Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls)
     : settings(given), queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
-      pool(settings, tls)
+      totals(counts), pool(settings, counts, tls)
 {
 }
 
-Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window)
-    : Pipeline(shared, lanes, window, shared.request)
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order)
+    : Pipeline(shared, lanes, window, shared.request, order)
 {
 }
 
 Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window,
-                   SearchRequest const& request)
+                   SearchRequest const& request, Order order)
     : m_shared(shared), m_request(request), m_maximumLanes(lanes), m_window(window),
-      m_maximumTasks(std::size_t{8} * lanes * window)
+      m_maximumTasks(std::size_t{8} * lanes * window), m_order(order)
 {
 }
 
@@ -105,6 +105,7 @@ void Pipeline::run()
     dispatch(); // also searches to be repeated
     leaveOneLaneToOthers();
     flush();
+    collect();
 }
 
 void Pipeline::flush()
@@ -302,7 +303,7 @@ void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilt
         m_shared.pool.lost(*lane.lease, tasks.size());
     }
     lane.lease.close();
-    m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
+    remove(lane);
     auto const now = Clock::now();
     // In reverse, as each one is put in front of the others.
     for (auto next = tasks.rbegin(); next != tasks.rend(); ++next) {
@@ -342,7 +343,7 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     if (!isAskedAgain) {
         task.failures.push_back(std::move(failure));
     }
-    ++m_shared.repeated;
+    ++m_shared.totals.repeated;
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
     m_heldBytes -= task.bytes;

@@ -75,9 +75,9 @@ void Pool::Lease::close()
 
 // Pool
 
-Pool::Pool(Settings const& settings, std::shared_ptr<TlsContext> tls)
-    : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_servers(settings),
-      m_credentials(!settings.bindDn.empty(), settings.refusedHold)
+Pool::Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls)
+    : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_totals(totals),
+      m_servers(settings), m_credentials(!settings.bindDn.empty(), settings.refusedHold)
 {
     PoolsAtFork::instance().add(*this);
 }
@@ -98,7 +98,7 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
             (!outlook.lease->hasExpired && outlook.lease->session.isFresh())) {
             return outlook;
         }
-        ++m_stale;
+        ++m_totals.stale;
         std::unique_ptr<PooledSession> const stale = std::move(outlook.lease.m_session);
         std::lock_guard<std::mutex> const lock(m_mutex);
         endTrial(*stale);
@@ -272,6 +272,7 @@ SessionOptions Pool::optionsFor(ServerRecord const& server) const
     options.port = server.settings.port;
     options.secure = server.settings.secure;
     options.startTls = server.settings.startTls;
+    options.socketPath = server.settings.socketPath;
     options.version = server.settings.version == LDAPConnection::V2 ? 2 : 3;
     options.networkTimeout = std::chrono::seconds(m_settings.networkTimeout);
     options.messageBytes = m_settings.entryBytes;
@@ -447,7 +448,7 @@ void Pool::opened(PooledSession& session)
     auto const now = Clock::now();
     session.openedAt = now;
     session.isOpen = true;
-    ++m_opened;
+    ++m_totals.opened;
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
     m_credentials.accepted();

@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_POOL_H
 #define SOLVANE_LOOKUP_SRC_POOL_H
 
+#include "Counters.h"
 #include "Credentials.h"
 #include "Failover.h"
 #include "ServerList.h"
@@ -46,8 +47,9 @@ struct PooledSession {
 /// own. Thread-safe; nothing is sent or received under its lock.
 class Pool : public NonCopyable {
 public:
+    /// Settings and totals must outlive it.
     /// @param tls  of another pool with the same policy; null: its own, if a server needs one
-    Pool(Settings const& settings, std::shared_ptr<TlsContext> tls);
+    Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls);
     ~Pool();
 
     /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
@@ -157,9 +159,6 @@ public:
     /// Null if no server needs TLS.
     std::shared_ptr<TlsContext> const& tls() const { return m_tls; }
 
-    unsigned long openedCount() const { return m_opened; }
-    unsigned long staleCount() const { return m_stale; }
-
 private:
     friend class PoolsAtFork;
     using Idle = std::list<std::unique_ptr<PooledSession>>;
@@ -198,8 +197,7 @@ private:
 
     Settings const& m_settings;
     std::shared_ptr<TlsContext> const m_tls;
-    std::atomic<unsigned long> m_opened{0};
-    std::atomic<unsigned long> m_stale{0};
+    Totals& m_totals;
     std::atomic<std::size_t> m_waitingForRoom{0}; ///< written under m_mutex
 
     std::mutex m_mutex;   // guards the members below, and the guarded members of the records

@@ -37,7 +37,8 @@ ServerList::ServerList(Settings const& settings)
 /// Returns the record of this server; creates it if it is new.
 ServerRecord& ServerList::recordOf(Server const& server)
 {
-    std::string uri = uriOf(server.secure, server.host, server.port);
+    std::string uri = server.socketPath.empty() ? uriOf(server.secure, server.host, server.port)
+                                                : uriOf(server.socketPath);
     auto const known =
         std::find_if(m_records.begin(), m_records.end(), [&](ServerRecord const& record) {
             return record.uri == uri && record.settings.version == server.version &&

@@ -4,6 +4,7 @@
 #include "FaultSite.h"
 
 #include <solvane/lookup/QueryTemplate.h>
+#include <solvane/session/Address.h>
 #include <solvane/session/PlainText.h>
 
 namespace Solvane::Lookup {
@@ -23,10 +24,24 @@ void requirePlain(char const* what, std::string const& text)
     require(!fault, std::string(what) + " contains " + (fault ? describe(*fault) : std::string()));
 }
 
+void checkSocket(Server const& server)
+{
+    std::string const fault = faultInSocketPath(server.socketPath);
+    require(server.host.empty() && server.srvDomain.empty(),
+            "a server has both a socket and a host or SRV domain");
+    require(fault.empty(), "the path of a server's socket " + fault);
+    requirePlain("the path of a server's socket", server.socketPath);
+    require(!server.usesTls(), "a server has TLS on a UNIX socket, where nothing leaves the host");
+}
+
 void checkServers(Settings const& settings)
 {
     require(!settings.servers.empty(), "no server is set");
     for (Server const& server : settings.servers) {
+        if (!server.socketPath.empty()) {
+            checkSocket(server);
+            continue;
+        }
         require(!server.secure || !server.startTls,
                 "a server has both TLS from the first byte and StartTLS");
         require(!server.startTls || server.version != LDAPConnection::V2,

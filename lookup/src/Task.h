@@ -9,6 +9,7 @@
 #include <solvane/lookup/Answer.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ struct Lane;
 struct Task {
     std::string key;
     Login* login = nullptr;         ///< binds as it instead of searching
+    std::uint64_t tag = 0;          ///< the owner's name for it
     std::vector<std::string> forms; ///< empty: only the key itself
     std::size_t form = 0;           ///< index of the current form
     Clock::time_point start;

@@ -98,6 +98,15 @@ int Conversation::bind(std::string const& dn, std::string const& password, int& 
     return sent(code, id);
 }
 
+int Conversation::saslBind(char const* mechanism, std::string_view credentials, int& id)
+{
+    berval sent = {credentials.size(), const_cast<char*>(credentials.data())};
+    int const code =
+        ldap_sasl_bind(m_handle, nullptr, mechanism,
+                       credentials.data() == nullptr ? nullptr : &sent, nullptr, nullptr, &id);
+    return this->sent(code, id);
+}
+
 int Conversation::whoAmI(int& id)
 {
     int const code = ldap_whoami(m_handle, nullptr, nullptr, &id);

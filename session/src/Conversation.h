@@ -7,6 +7,7 @@
 #include "Channel.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Solvane::Lookup {
@@ -34,6 +35,9 @@ public:
     /// @param asksForPolicy  requests the password policy control in the response
     int bind(std::string const& dn, std::string const& password, int& id,
              bool asksForPolicy = false);
+    /// A round of a SASL bind.
+    /// @param credentials  null data: none
+    int saslBind(char const* mechanism, std::string_view credentials, int& id);
     int whoAmI(int& id);
     int search(SearchRequest const& request, std::string const& filter, int& id);
     /// Reads the root DSE without attributes. Every server answers this, so it proves that it is

@@ -2,7 +2,6 @@
 #ifndef SOLVANE_SESSION_SRC_DESCRIPTOR_H
 #define SOLVANE_SESSION_SRC_DESCRIPTOR_H
 
-#include <cerrno>
 #include <utility>
 
 #include <unistd.h>
@@ -34,12 +33,6 @@ public:
 private:
     int m_number = -1;
 };
-
-/// Whether a call failed with `error` because this process or the system has run out of something.
-inline bool isLack(int error)
-{
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
-}
 
 } // namespace Solvane::Lookup
 

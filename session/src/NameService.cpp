@@ -5,6 +5,7 @@
 
 #include "Descriptor.h"
 #include "OpenLDAP.h"
+#include "SocketErrors.h"
 
 #include <algorithm>
 #include <cerrno>

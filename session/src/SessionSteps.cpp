@@ -77,6 +77,12 @@ bool isType(LDAPMessage* message, ber_tag_t type)
 /// Why no connection can be opened with these options; empty if they do not contradict each other.
 std::string contradictionIn(SessionOptions const& options)
 {
+    if (!options.socketPath.empty() && !faultInSocketPath(options.socketPath).empty()) {
+        return "the path of the socket " + faultInSocketPath(options.socketPath);
+    }
+    if (!options.socketPath.empty() && options.usesTls()) {
+        return "TLS is not used on a UNIX socket: nothing leaves the host";
+    }
     if (options.startTls && options.secure) {
         return "StartTLS is not possible on a connection that uses TLS from the first byte";
     }
@@ -89,7 +95,9 @@ std::string contradictionIn(SessionOptions const& options)
 } // namespace
 
 Session::Steps::Steps(SessionOptions given)
-    : options(std::move(given)), uri(uriOf(options.secure, options.host, options.port))
+    : options(std::move(given)),
+      uri(options.socketPath.empty() ? uriOf(options.secure, options.host, options.port)
+                                     : uriOf(options.socketPath))
 {
 }
 
@@ -137,13 +145,13 @@ bool Session::Steps::applies(Step step) const
 {
     switch (step) {
     case Step::resolve:
-        return options.addresses.empty();
+        return options.addresses.empty() && options.socketPath.empty();
     case Step::startTls:
         return options.startTls;
     case Step::handshake:
         return options.usesTls();
     case Step::bind:
-        return !options.bindDn.empty();
+        return options.mechanism != Mechanism::simple || !options.bindDn.empty();
     default:
         return true;
     }
@@ -163,6 +171,10 @@ bool Session::Steps::start(Step step)
         m_resolver = std::make_unique<Resolver>(options.host, options.port, options.nameServers);
         return true;
     case Step::connect:
+        if (!options.socketPath.empty()) {
+            m_pathConnector = std::make_unique<PathConnector>(options.socketPath);
+            return true;
+        }
         if (addresses.empty()) {
             addresses = options.addresses;
         }
@@ -187,7 +199,7 @@ Session::Steps::Progress Session::Steps::goOn(Step step)
     case Step::resolve:
         return resolve();
     case Step::connect:
-        return connect();
+        return m_pathConnector ? connectToPath() : connect();
     case Step::startTls:
         return requestTls();
     case Step::handshake:
@@ -208,6 +220,8 @@ void Session::Steps::waits(Waits& waits) const
             m_resolver->waits(waits);
         } else if (m_connector) {
             m_connector->waits(waits);
+        } else if (m_pathConnector) {
+            m_pathConnector->waits(waits);
         } else if (m_conversation && m_isStarted && m_done == static_cast<int>(Step::handshake)) {
             Channel& channel = m_conversation->channel();
             waits.add(channel.socket().number(), channel.tls()->events());
@@ -246,16 +260,38 @@ Session::Steps::Progress Session::Steps::connect()
         return Progress::waiting;
     }
     std::unique_ptr<Connector> const connector = std::move(m_connector);
-    if (!connector->peer() && connector->lacksSocket()) {
-        return fail(Outcome::TryLater, LDAP_LOCAL_ERROR,
-                    "this process cannot connect: " + connector->failures());
-    }
     if (!connector->peer()) {
-        return fail(Outcome::TryLater, LDAP_SERVER_DOWN,
-                    "cannot connect: " + connector->failures());
+        return failToConnect(connector->lacksSocket(), connector->failures());
     }
     peer = connector->peer()->text();
-    m_conversation = std::make_unique<Conversation>(connector->takeSocket(), options.version,
+    return converse(connector->takeSocket());
+}
+
+Session::Steps::Progress Session::Steps::connectToPath()
+{
+    m_pathConnector->advance();
+    if (!m_pathConnector->isSettled()) {
+        return Progress::waiting;
+    }
+    std::unique_ptr<PathConnector> const connector = std::move(m_pathConnector);
+    if (!connector->isConnected()) {
+        return failToConnect(connector->lacksSocket(), connector->failure());
+    }
+    peer = options.socketPath;
+    return converse(connector->takeSocket());
+}
+
+Session::Steps::Progress Session::Steps::failToConnect(bool lacksSocket, std::string const& why)
+{
+    return lacksSocket
+               ? fail(Outcome::TryLater, LDAP_LOCAL_ERROR, "this process cannot connect: " + why)
+               : fail(Outcome::TryLater, LDAP_SERVER_DOWN, "cannot connect: " + why);
+}
+
+/// Begins an OpenLDAP session on the connection.
+Session::Steps::Progress Session::Steps::converse(Descriptor socket)
+{
+    m_conversation = std::make_unique<Conversation>(std::move(socket), options.version,
                                                     options.messageBytes, options.networkTimeout);
     return m_conversation->fault().isGood() ? Progress::done : failAs(m_conversation->fault());
 }
@@ -347,6 +383,9 @@ Session::Steps::Progress Session::Steps::handshake()
 
 bool Session::Steps::startBind()
 {
+    if (options.mechanism == Mechanism::gssapi) {
+        return startSaslBind();
+    }
     if (options.password == nullptr || options.password->empty()) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
              "an empty password is not sent: servers treat it as an anonymous bind");
@@ -369,8 +408,15 @@ bool Session::Steps::startBind()
 Session::Steps::Progress Session::Steps::bind()
 {
     Message answer;
-    Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeBindResponse(answer.parsed) : progress;
+    Progress progress = awaitAnswer(answer);
+    while (progress == Progress::done) {
+        progress = takeBindResponse(answer.parsed);
+        if (progress != Progress::waiting) {
+            return progress;
+        }
+        progress = awaitAnswer(answer); // writes the next round
+    }
+    return progress;
 }
 
 /// Awaits the final answer to the request of the step.
@@ -404,6 +450,10 @@ Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& ans
     bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
     if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "invalid response to the bind");
+    }
+    if (m_exchange &&
+        (response.code == LDAP_SUCCESS || response.code == LDAP_SASL_BIND_IN_PROGRESS)) {
+        return takeSaslResponse(answer, response.code);
     }
     return response.code == LDAP_SUCCESS ? Progress::done
                                          : fail(outcomeOfBind(response.code), response.code,
@@ -513,7 +563,8 @@ Session::Steps::Progress Session::Steps::failForTime(Step step)
         text = "no name server answered" + within;
         break;
     case Step::connect:
-        text = "no connection" + within + ": " + m_connector->failures();
+        text = "no connection" + within + ": " +
+               (m_pathConnector ? m_pathConnector->failure() : m_connector->failures());
         break;
     case Step::handshake:
         text = "the TLS handshake was not finished" + within;
@@ -524,6 +575,7 @@ Session::Steps::Progress Session::Steps::failForTime(Step step)
     }
     m_resolver.reset();
     m_connector.reset();
+    m_pathConnector.reset();
     return fail(Outcome::TryLater, LDAP_TIMEOUT, text);
 }
 

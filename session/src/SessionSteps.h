@@ -7,6 +7,8 @@
 
 #include "Connector.h"
 #include "Conversation.h"
+#include "PathConnector.h"
+#include "SaslExchange.h"
 
 #include <algorithm>
 #include <memory>
@@ -75,6 +77,7 @@ private:
     Progress goOn(Step step);
     Progress resolve();
     Progress connect();
+    Progress connectToPath();
     Progress requestTls();
     Progress handshake();
     Progress bind();
@@ -83,15 +86,20 @@ private:
     bool sendTlsRequest();
     bool startHandshake();
     bool startBind();
+    bool startSaslBind();
+    bool sendSaslRound();
     bool startIdentify();
 
     Progress awaitAnswer(Message& answer);
     Progress takeTlsResponse(LDAPMessageBuffer& answer);
     Progress takeBindResponse(LDAPMessageBuffer& answer);
+    Progress takeSaslResponse(LDAPMessageBuffer& answer, int code);
     Progress takeIdentity(LDAPMessageBuffer& answer);
     Progress fail(Outcome outcome, int code, std::string const& text);
     Progress failAs(Verdict const& verdict);
     Progress failForTime(Step step);
+    Progress failToConnect(bool lacksSocket, std::string const& why);
+    Progress converse(Descriptor socket);
 
     int m_done = 0;   // steps done or skipped
     int m_target = 0; // steps requested
@@ -103,8 +111,11 @@ private:
 
     std::unique_ptr<Resolver> m_resolver;
     std::unique_ptr<Connector> m_connector;
+    std::unique_ptr<PathConnector> m_pathConnector; // instead, with a socket's path
     std::unique_ptr<Conversation> m_conversation;
-    int m_id = 0; // message id of the step's request
+    int m_id = 0;                             // message id of the step's request
+    std::unique_ptr<SaslExchange> m_exchange; // of a SASL bind under way
+    int m_rounds = 0;                         // of it
 };
 
 } // namespace Solvane::Lookup

@@ -247,6 +247,20 @@ FaultyServer::Script sendingAndMute(std::string const& bytes)
     };
 }
 
+/// Engine and tool distinguish a refused handshake from a broken connection.
+Accepted refusedHandshake(Column column, Accepted const& broken)
+{
+    switch (column) {
+    case Column::engine:
+    case Column::verify:
+        return {"Refused -11"};
+    case Column::tool:
+        return {"exit 77"};
+    default:
+        return broken;
+    }
+}
+
 Fault silentTls()
 {
     return {"tls",
@@ -255,9 +269,7 @@ Fault silentTls()
                 Accepted const late = connectTrouble(column, Trouble::silent);
                 Accepted const broken = connectTrouble(column, Trouble::broken);
                 std::string const halfRecord("\x16\x03\x03\x00\x7a\x02\x00", 7);
-                // The engine tells that it is the server that refuses the handshake.
-                bool const isEngine = column == Column::engine || column == Column::verify;
-                Accepted const refused = isEngine ? Accepted{"Refused -11"} : broken;
+                Accepted const refused = refusedHandshake(column, broken);
                 std::string const alert("\x15\x03\x03\x00\x02\x02\x28", 7); // handshake failure
                 return std::vector<Case>{
                     secureCase("silent", sendingAndMute(""), late, extent),

@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <filesystem>
+
 #include <ldap.h>
 
 using namespace Solvane;
@@ -49,7 +51,7 @@ template <typename Answer> ScriptedServer::Script answeringStartTls(Answer answe
 
 class StartTls : public SuiteWithSlapd<StartTls> {
 public:
-    static std::vector<std::string> options() { return {"--users", "20"}; }
+    static std::vector<std::string> options() { return {"--users", "20", "--client-certs", "try"}; }
 };
 
 TEST_F(StartTls, CarriesABindAndALookup)
@@ -189,6 +191,24 @@ TEST(ASaslExternalBind, CarriesTheAuthorizationId)
     EXPECT_THAT(server.received().front(),
                 HasSubstr(berElement(0xa3, berElement(0x04, "EXTERNAL") +
                                                berElement(0x04, "dn:cn=reader,dc=corp,dc=test"))));
+}
+
+TEST_F(StartTls, GivesTheIdentityOfTheClientCertificate)
+{
+    std::filesystem::path const folder = slapd().caFile().parent_path();
+    LDAPConnection connection(plainServer(slapd().port()), false);
+    int const allow = LDAP_OPT_X_TLS_ALLOW;
+    int const forClients = 0;
+    connection.impl()->setOption(LDAP_OPT_X_TLS_CERTFILE, (folder / "client.pem").c_str());
+    connection.impl()->setOption(LDAP_OPT_X_TLS_KEYFILE, (folder / "client.key").c_str());
+    connection.impl()->setOption(LDAP_OPT_X_TLS_REQUIRE_CERT, &allow);
+    connection.impl()->setOption(LDAP_OPT_X_TLS_NEWCTX, &forClients);
+
+    connection.startTls();
+    connection.bindSasl(LDAPConnection::External);
+
+    EXPECT_THAT(namesIn(answerTo(connection, lookupOf("cn=secret,ou=private,dc=corp,dc=test"))),
+                ElementsAre("cn=secret,ou=private,dc=corp,dc=test"));
 }
 
 TEST_F(StartTls, GivesNoIdentityWithoutAClientCertificate)

@@ -97,7 +97,7 @@ TEST_P(WorkersForkedAfterFind, AndTheirParentFindWhomTheyLookFor)
 
 INSTANTIATE_TEST_SUITE_P(ByWayAndCount, WorkersForkedAfterFind,
                          testing::Combine(testing::Values(WayIn::plain, WayIn::ldaps,
-                                                          WayIn::startTls),
+                                                          WayIn::startTls, WayIn::ldapi),
                                           testing::Values(2, 8)));
 
 // The only connection is in use by a thread that does not exist in the child.

@@ -37,7 +37,8 @@ TEST(AKeyThatGetsNoConnectionToTheOtherServer, IsToBeTriedLaterWhateverTheFirstS
     auto settings = settingsFor({first.port(), second.port()});
     settings.connections = 1;
     settings.deadline = std::chrono::seconds(1);
-    Shared shared(settings);
+    Totals totals;
+    Shared shared(settings, totals);
     Pipeline one(shared, 1, 1);
     Pipeline other(shared, 1, 1);
 

@@ -78,7 +78,7 @@ LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports)
 
 void PrintTo(WayIn way, std::ostream* out)
 {
-    constexpr char const* names[] = {"plain", "ldaps", "StartTLS"};
+    constexpr char const* names[] = {"plain", "ldaps", "StartTLS", "ldapi"};
     *out << names[static_cast<int>(way)];
 }
 
@@ -87,6 +87,10 @@ LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way)
     auto settings = settingsFor({way == WayIn::ldaps ? slapd.tlsPort() : slapd.port()});
     settings.servers.front().secure = way == WayIn::ldaps;
     settings.servers.front().startTls = way == WayIn::startTls;
+    if (way == WayIn::ldapi) {
+        settings.servers.front().host.clear();
+        settings.servers.front().socketPath = slapd.socketPath();
+    }
     settings.tls.caFile = slapd.caFile();
     return settings;
 }

@@ -30,7 +30,7 @@ constexpr char people[] = "ou=people,dc=corp,dc=test";
 Solvane::LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports);
 
 /// How a connection reaches its server.
-enum class WayIn { plain, ldaps, startTls };
+enum class WayIn { plain, ldaps, startTls, ldapi };
 void PrintTo(WayIn way, std::ostream* out);
 /// Settings for a slapd, bound as the reader, that verify its certificate.
 Solvane::LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way);

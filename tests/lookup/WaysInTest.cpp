@@ -83,7 +83,7 @@ TEST_P(LookupByEveryWay, FindsWithoutABind)
 }
 
 INSTANTIATE_TEST_SUITE_P(ToSlapd, LookupByEveryWay,
-                         testing::Values(WayIn::plain, WayIn::ldaps, WayIn::startTls),
+                         testing::Values(WayIn::plain, WayIn::ldaps, WayIn::startTls, WayIn::ldapi),
                          testing::PrintToStringParamName());
 
 // StartTLS that is refused

@@ -13,6 +13,10 @@
 
 namespace Solvane {
 
+namespace Lookup {
+class Engine;
+} // namespace Lookup
+
 /// Looks up keys (e-mail addresses) in a directory held by several servers.
 ///
 /// One object serves all threads of a program. It pools bound connections, validates each on
@@ -100,8 +104,9 @@ public:
     Statistics statistics() const;
 
 private:
-    class Engine;
-    std::unique_ptr<Engine> m_engine;
+    friend class LDAPLookupQueue;
+
+    std::unique_ptr<Lookup::Engine> m_engine;
 };
 
 } // namespace Solvane

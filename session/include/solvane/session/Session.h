@@ -52,7 +52,7 @@ struct SessionOptions {
     std::vector<Address> addresses;                  ///< already resolved; empty: resolves the name
     std::vector<std::string> nameServers; ///< "address" or "address:port"; empty: the system's
     std::shared_ptr<TlsContext> tls;      ///< required for TLS; shared by all sessions of an engine
-    Mechanism mechanism = Mechanism::simple;
+    Mechanism mechanism = Mechanism::simple; ///< of the bind
     std::string authorizationId; ///< of a SASL bind, as "dn:..." or "u:..."; empty: the server's
     std::string bindDn;          ///< of a simple bind; empty: anonymous, no bind is sent
     std::string const* password = nullptr; ///< borrowed; must outlive the bind step
@@ -71,7 +71,8 @@ struct SearchRequest {
     unsigned int timeLimit = 0;          ///< seconds; 0: none
 };
 
-/// A connection driven by its owner. Every call except `reach` returns at once; `waits` names what
+/// A connection driven by its owner. Every call except `reach` returns at once, except that a bind by
+/// GSSAPI may wait for a KDC; `waits` names what
 /// to poll for before the next `advance` or `receive`. Each step ends in a `Verdict`; the calls
 /// throw only `std::bad_alloc`. Not thread-safe, but it may be handed from one thread to another.
 /// After a fork the child's copy is broken, and destroying it sends nothing.
@@ -109,18 +110,22 @@ public:
     /// response; `TryLater` 51, -1, -4 or -5. handshake: `Refused` -11 with what is wrong with the certificate or the server's
     /// TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's code by
     /// `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured` -9
-    /// and not sent. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
+    /// and not sent. With GSSAPI, nothing is sent either without a valid ticket: `Misconfigured` -9 no
+    /// or an expired ticket, an unusable keytab, a clock that is off, or no GSSAPI plugin; `Refused` 49
+    /// an old key in the keytab; `Misconfigured` -6 the KDC does not know the server; `TryLater` -6 no
+    /// KDC answers, or any other failure of Kerberos. `Refused` -6 the server does not prove its
+    /// identity. The Kerberos library may wait for a KDC, and `advance` blocks meanwhile. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
     /// -5.
     Verdict const& verdict() const;
 
     // Properties of the connection
 
     std::vector<Address> const& addresses() const; ///< of the host, in the order to try them
-    std::string peer() const;                      ///< "127.0.0.1 port 389"; empty before connect
-    std::string const& uri() const;                ///< with the host as configured
-    std::string tlsVersion() const;                ///< as "TLS1.3"; empty without TLS
-    std::string tlsCipher() const;                 ///< as "AES-256-GCM"; empty without TLS
-    bool isTlsResumed() const;                     ///< false without TLS
+    std::string peer() const;       ///< "127.0.0.1 port 389" or a path; empty before connect
+    std::string const& uri() const; ///< with the host as configured
+    std::string tlsVersion() const; ///< as "TLS1.3"; empty without TLS
+    std::string tlsCipher() const;  ///< as "AES-256-GCM"; empty without TLS
+    bool isTlsResumed() const;      ///< false without TLS
     std::optional<Certificate> const& certificate() const; ///< also a refused one
     Identity identity() const;                             ///< identity of the answers
     std::string const& authorizationId() const; ///< from the server, as "dn:cn=reader,..."
