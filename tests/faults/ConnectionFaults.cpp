@@ -174,7 +174,7 @@ Fault pausedAfterBind()
 {
     return {"paused-after-bind", "A real slapd is stopped after the bind and before the request.",
             [](Column column) {
-                if (column == Column::bind) {
+                if (requestOf(column) == Step::other) {
                     return std::string("no request follows the bind");
                 }
                 return column == Column::tool
@@ -252,6 +252,7 @@ Accepted refusedHandshake(Column column, Accepted const& broken)
 {
     switch (column) {
     case Column::engine:
+    case Column::verify:
         return {"Refused -11"};
     case Column::tool:
         return {"exit 77"};
@@ -327,7 +328,7 @@ Accepted acceptedAt(Step step, Moment moment, End end, Column column)
                                            troubleIn(requestOf(column), column, Trouble::broken)});
     // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end
     // of two connections.
-    bool const mayBreak = end == End::reset || column == Column::engine;
+    bool const mayBreak = end == End::reset || column == Column::engine || column == Column::verify;
     return mayBreak ? anyOf({after, broken}) : after;
 }
 
