@@ -66,6 +66,28 @@ class CheckOfAWayIn(DirectoryTest, CheckTest):
 
         self.assertEqual(steps.verdicts["client cert"], "FAILED")
 
+    def test_fails_where_no_certificate_makes_an_identity(self):
+        result, steps = self.check("-H", self.uri, *self.trusted(), "-Y", "external")
+
+        self.assertNotEqual(result.status, 0)
+        self.assertEqual(steps.verdicts["SASL"], "FAILED")
+        self.assertEqual(steps.texts["root DSE"], "skipped: 'SASL' failed")
+
+    def test_shows_a_socket(self):
+        result, steps = self.as_reader(self.server["LDAPI_URI"], *self.LOOKUP)
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.names[2:4], ["socket", "bind"])
+        self.assertTrue(steps.texts["socket"].endswith("/ldapi"), steps.texts["socket"])
+        self.assertEqual(steps.texts["bind"], f"as {READER}")
+
+    def test_fails_for_a_socket_that_is_missing(self):
+        result, steps = self.check("-H", "ldapi://%2Fnonexistent%2Fldapi")
+
+        self.assertEqual(result.status, 75, result.output)
+        self.assertEqual(steps.verdicts["socket"], "FAILED")
+        self.assertIn("listens on this path", steps.texts["socket"])
+
     def test_fails_for_a_server_without_start_tls(self):
         refusal = message(1, outcome(EXTENDED_RESPONSE, 2, text=b"no TLS here"))
         directory = ScriptedDirectory(self, giving(refusal))

@@ -125,6 +125,21 @@ class ClientCertificate(WaysIn):
 
 
 class Socket(WaysIn):
+    def test_is_a_server(self):
+        self.found(uri=self.server["LDAPI_URI"])
+
+    def test_may_follow_another_server(self):
+        result = self.found(
+            "-H", self.server["LDAPI_URI"], "--format", "json", uri="ldap://127.0.0.1:1"
+        )
+
+        self.assertIn('"server":"ldapi://', result.output)
+
+    def test_that_is_missing_is_a_server_that_is_down(self):
+        self.assert_fails(
+            self.look_up(KEY, uri="ldapi://%2Fnonexistent%2Fldapi"), 75, "/nonexistent/ldapi"
+        )
+
     def test_has_an_absolute_path_and_no_port(self):
         for uri in (
             "ldapi://relative",
