@@ -201,20 +201,28 @@ TEST_F(SeveralThreads, LeaveAForkedChildAbleToReadWhatTheyRead)
     LDAPAttributeImpl const& reader = body;
     reader.value();
     std::atomic<bool> isOver{false};
-    std::thread copying([&] {
-        while (!isOver) {
-            LDAPAttributeImpl const copy(reader);
-        }
-    });
+    std::atomic<int> copies{0};
+    std::list<std::thread> copying;
+    for (int i = 0; i != 3; ++i) {
+        copying.emplace_back([&] {
+            for (; !isOver; ++copies) {
+                LDAPAttributeImpl const copy(reader);
+            }
+        });
+    }
 
     std::string wrong;
     for (unsigned int i = 0; i != rounds && wrong.empty(); ++i) {
+        for (int const before = copies; copies == before; std::this_thread::yield()) {
+        }
         wrong = ForkedProcess([&]() -> std::string {
                     return reader.value().size() == values ? "" : "values are missing";
                 }).complaint();
     }
     isOver = true;
-    copying.join();
+    for (std::thread& thread : copying) {
+        thread.join();
+    }
 
     EXPECT_EQ(wrong, "");
 }
