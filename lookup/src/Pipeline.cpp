@@ -53,11 +53,12 @@ bool parse(LDAP* session, Session::Message const& message, Result& result)
 
 } // namespace
 
-Shared::Shared(Settings const& given, Totals& counts)
-    : settings(given), queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
+Shared::Shared(Settings const& given, Totals& counts, Shared* before)
+    : m_ownSettings(given), settings(m_ownSettings.get()),
+      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
-      totals(counts), pool(settings, counts)
+      totals(counts), pool(settings, counts, before == nullptr ? nullptr : &before->pool)
 {
 }
 

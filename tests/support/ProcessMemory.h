@@ -1,12 +1,13 @@
 // What stands in the memory of the test itself.
-#ifndef SOLVANE_TESTS_SESSION_PROCESS_MEMORY_H
-#define SOLVANE_TESTS_SESSION_PROCESS_MEMORY_H
+#ifndef SOLVANE_TESTS_SUPPORT_PROCESS_MEMORY_H
+#define SOLVANE_TESTS_SUPPORT_PROCESS_MEMORY_H
 
+#include <algorithm>
+#include <array>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <vector>
 
 namespace SolvaneTest {
 
@@ -34,14 +35,18 @@ inline std::size_t occurrencesInMemory(std::string const& text)
         if (end - begin > most) {
             continue;
         }
-        std::vector<char> bytes(end - begin);
-        memory.clear();
-        memory.seekg(static_cast<std::streamoff>(begin));
-        memory.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-        std::string_view const content(bytes.data(), static_cast<std::size_t>(memory.gcount()));
-        for (auto at = content.find(text); at != std::string_view::npos;
-             at = content.find(text, at + 1)) {
-            ++count;
+        // In parts, on the stack: a copy on the heap would be found, too.
+        std::array<char, 1 << 16> bytes;
+        for (std::size_t from = begin; from < end; from += bytes.size() - text.size() + 1) {
+            memory.clear();
+            memory.seekg(static_cast<std::streamoff>(from));
+            memory.read(bytes.data(),
+                        static_cast<std::streamsize>(std::min(bytes.size(), end - from)));
+            std::string_view const content(bytes.data(), static_cast<std::size_t>(memory.gcount()));
+            for (auto at = content.find(text); at != std::string_view::npos;
+                 at = content.find(text, at + 1)) {
+                ++count;
+            }
         }
     }
     return count;
