@@ -47,6 +47,12 @@ for family, address in (socket.AF_INET, '127.0.0.1'), (socket.AF_INET6, '::1'):
 PY
 }
 
+# encoded_for_uri: percent-encodes all bytes of its input that may not stand in the host of a URI.
+encoded_for_uri() {
+    python3 -c 'import sys, urllib.parse
+print(urllib.parse.quote(sys.stdin.buffer.read(), safe=""))'
+}
+
 # free_ports COUNT ADDRESS...: prints COUNT ports that can be bound on every address. They lie below
 # the kernel's ephemeral range, so that no outgoing connection takes one before the server binds it.
 free_ports() {

@@ -4,6 +4,7 @@
 #include "Engine.h"
 #include "Pipeline.h"
 #include "Pipelines.h"
+#include "Verifier.h"
 
 #include <utility>
 
@@ -158,6 +159,20 @@ LDAPLookup::Answer LDAPLookup::find(std::string const& address)
         pipeline.run();
     }
     return std::move(pipeline.front().answer);
+}
+
+LDAPLookup::Verification LDAPLookup::verify(std::string const& key, std::string const& password)
+{
+    auto const shared = m_engine->current();
+    Lookup::Verifier verifier(*shared, key, password);
+    Waits waits;
+    while (!verifier.isDone()) {
+        waits.clear();
+        verifier.waits(waits);
+        waits.wait();
+        verifier.advance();
+    }
+    return std::move(verifier.result());
 }
 
 void LDAPLookup::findAll(Source const& source, Sink const& sink) { findAll(source, -1, sink); }

@@ -51,19 +51,45 @@ bool parse(LDAP* session, Session::Message const& message, Result& result)
     return rc == LDAP_SUCCESS;
 }
 
+/// Connections on which users bind are opened without an identity.
+Settings settingsOfLogins(Settings settings)
+{
+    settings.mechanism = Mechanism::simple;
+    settings.authorizationId.clear();
+    settings.bindDn.clear();
+    wipe(settings.password);
+    settings.connections = settings.verifyConnections;
+    return settings;
+}
+
 } // namespace
 
 Shared::Shared(Settings const& given, Totals& counts, Shared* before)
+    : Shared(given, counts, nullptr, before == nullptr ? nullptr : &before->pool)
+{
+    logins.reset(new Shared(settingsOfLogins(settings), counts, pool.tls(), nullptr));
+}
+
+Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
+               Pool* before)
     : m_ownSettings(given), settings(m_ownSettings.get()),
       queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
-      totals(counts), pool(settings, counts, before == nullptr ? nullptr : &before->pool)
+      entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
+                   settings.timeLimit},
+      totals(counts), pool(settings, counts, tls, before)
 {
 }
 
 Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order)
-    : m_shared(shared), m_maximumLanes(lanes), m_window(window),
+    : Pipeline(shared, lanes, window, shared.request, order)
+{
+}
+
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window,
+                   SearchRequest const& request, Order order)
+    : m_shared(shared), m_request(request), m_maximumLanes(lanes), m_window(window),
       m_maximumTasks(std::size_t{8} * lanes * window), m_order(order)
 {
 }
@@ -145,6 +171,9 @@ void Pipeline::drain(Lane& lane)
 
 void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
 {
+    if (task.login != nullptr) {
+        return takeLogin(lane, task, message);
+    }
     switch (message.type) {
     case LDAP_RES_SEARCH_ENTRY:
         return takeEntry(lane, task, message);
@@ -174,7 +203,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     std::size_t const size = lane.lease->session.messageSize();
     task.bytes += size;
     m_heldBytes += size;
-    bool const isTooMany = settings.entryLimit != 0 && entries.size() > settings.entryLimit;
+    bool const isTooMany = m_request.entryLimit != 0 && entries.size() > m_request.entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond the limit
@@ -182,7 +211,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
         --m_inFlight;
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                isTooMany ? task.answer.server + " sent more than " +
-                               std::to_string(settings.entryLimit) + " entries"
+                               std::to_string(m_request.entryLimit) + " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
         // More of this answer may arrive before the answers of the other searches.
@@ -244,8 +273,10 @@ void Pipeline::proveFailures(Task const& task)
 
 void Pipeline::abandon(Lane& lane, Task& task)
 {
-    lane.lease->session.abandon(task.messageId);
-    lane.hasAbandoned = true;
+    if (task.login == nullptr) { // a bind cannot be abandoned (RFC 4511 section 4.11)
+        lane.lease->session.abandon(task.messageId);
+    }
+    lane.isDoubtful = true;
     lane.needsFlush = true;
     lane.remove(task);
     --m_inFlight;

@@ -35,6 +35,9 @@ public:
     /// @param lanes   maximum number of sessions
     /// @param window  maximum of searches in flight on each
     Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order = Order::ofKeys);
+    /// @param request  instead of that of all lookups; must outlive the pipeline
+    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, SearchRequest const& request,
+             Order order = Order::ofKeys);
     ~Pipeline();
 
     // Keys in, answers out
@@ -47,6 +50,11 @@ public:
     /// @param start  not before that of an earlier key
     /// @param tag    for `cancel`
     void push(std::string key, Clock::time_point start, std::uint64_t tag);
+    /// The same for a bind as a user. A pipeline has either keys or logins, the latter on a pool of
+    /// their own.
+    /// @param login  receives the response; must outlive the task
+    /// @param start  of its deadline
+    void push(Login& login, Clock::time_point start);
     /// Drops the keys with this tag, whether under way or answered. Abandons their searches.
     /// Returns how many there were.
     std::size_t cancel(std::uint64_t tag);
@@ -150,6 +158,7 @@ private:
     void take(Lane& lane, Task& task, Session::Message const& message);
     void takeEntry(Lane& lane, Task& task, Session::Message const& message);
     void takeResult(Lane& lane, Task& task, Session::Message const& message);
+    void takeLogin(Lane& lane, Task& task, Session::Message const& message); // PipelineLogins.cpp
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
     /// @param why  a copy, as the session that owns the original is destroyed
@@ -159,6 +168,8 @@ private:
     void proveFailures(Task const& task);
 
     Shared& m_shared;
+    SearchRequest const& m_request;
+    char const* m_requestName = "search"; ///< for messages
     std::size_t const m_maximumLanes;
     std::size_t const m_window;
     std::size_t const m_maximumTasks; ///< including answers that wait for an earlier one

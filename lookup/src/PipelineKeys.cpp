@@ -344,7 +344,7 @@ void Pipeline::expireLane(Lane& lane)
     auto const limit = silence();
     Verdict const why = {
         Outcome::TryLater, LDAP_TIMEOUT,
-        lane.server->uri + " did not answer the search within " +
+        lane.server->uri + " did not answer the " + m_requestName + " within " +
             inSeconds(std::chrono::duration_cast<std::chrono::milliseconds>(limit))};
     m_shared.pool.fellSilent(*lane.server, why, limit);
     leave(lane, Trouble::silent, why);

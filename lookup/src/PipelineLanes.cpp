@@ -103,9 +103,10 @@ bool Pipeline::endUselessLane()
 bool Pipeline::checkOut(Task& task)
 {
     bool const hasLane = canBeServed(task);
-    Pool::Wish const wish = {m_now,        task.deadline,     task.failures,
-                             task.brokeOn, task.brokeAt,      task.answer.wasRepeated,
-                             !hasLane,     m_query == nullptr};
+    Pool::Wish const wish = {
+        m_now,        task.deadline,      task.failures,
+        task.brokeOn, task.brokeAt,       task.answer.wasRepeated,
+        !hasLane,     m_query == nullptr, task.login == nullptr ? nullptr : &task.login->server};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_isPoolFull = outlook.isFull;
     switch (outlook.kind) {
@@ -251,7 +252,9 @@ void Pipeline::send(Task& task, Lane& lane)
     task.answer.server = lane.server->uri;
     task.answer.identity = pooled.session.identity();
     Verdict const verdict =
-        pooled.session.send(m_shared.request, task.answer.filter, task.messageId);
+        task.login == nullptr
+            ? pooled.session.send(m_request, task.answer.filter, task.messageId)
+            : pooled.session.authenticate(task.login->dn, task.login->password, task.messageId);
     if (!verdict.isGood() && verdict.code != LDAP_SERVER_DOWN) {
         finish(task, verdict.outcome, verdict.code, verdict.text);
         return;

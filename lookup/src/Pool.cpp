@@ -21,9 +21,9 @@ constexpr int timedOut = -5;
 /// Files are not read for servers that do not need them.
 std::shared_ptr<TlsContext> contextFor(Settings const& settings)
 {
-    bool const isSecure = std::any_of(settings.servers.begin(), settings.servers.end(),
-                                      [](Server const& server) { return server.secure; });
-    return isSecure ? std::make_shared<TlsContext>(settings.tls) : nullptr;
+    bool const usesTls = std::any_of(settings.servers.begin(), settings.servers.end(),
+                                     [](Server const& server) { return server.usesTls(); });
+    return usesTls ? std::make_shared<TlsContext>(settings.tls) : nullptr;
 }
 
 bool wasAsked(std::vector<Failure> const& failures, ServerRecord const& server)
@@ -75,9 +75,9 @@ void Pool::Lease::close()
 
 // Pool
 
-Pool::Pool(Settings const& settings, Totals& totals, Pool* before)
-    : m_settings(settings), m_tls(contextFor(settings)), m_totals(totals), m_servers(settings),
-      m_credentials(!settings.bindDn.empty(), settings.refusedHold)
+Pool::Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls, Pool* before)
+    : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_totals(totals),
+      m_servers(settings), m_credentials(!settings.bindDn.empty(), settings.refusedHold)
 {
     if (before != nullptr) {
         inherit(*before);
@@ -90,8 +90,8 @@ void Pool::inherit(Pool& before)
 {
     Settings const& earlier = before.m_settings;
     std::lock_guard<std::mutex> const lock(before.m_mutex);
-    if (m_settings.bindDn == earlier.bindDn && m_settings.password == earlier.password &&
-        m_settings.refusedHold == earlier.refusedHold) {
+    if (m_settings.mechanism == earlier.mechanism && m_settings.bindDn == earlier.bindDn &&
+        m_settings.password == earlier.password && m_settings.refusedHold == earlier.refusedHold) {
         m_credentials = before.m_credentials;
         m_credentials.leftOpen(); // a bind that is under way there is not awaited here
     }
@@ -153,6 +153,13 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
         outlook.isRefresh = !outlook.domain->servers.empty();
         outlook.query = std::move(outlook.domain->parked);
         outlook.until = outlook.domain->parkedUntil;
+        return;
+    }
+    ServerRecord* const preferred =
+        wish.server == nullptr ? nullptr : m_servers.recordNamed(*wish.server);
+    if (preferred != nullptr && !wasAsked(wish.failures, *preferred) &&
+        admits(*preferred, Among::eligible, now) &&
+        consider(outlook, *preferred, wish, waiter, Among::eligible, now, dropped)) {
         return;
     }
     for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {
@@ -279,6 +286,8 @@ SessionOptions Pool::optionsFor(ServerRecord const& server) const
     options.host = server.settings.host;
     options.port = server.settings.port;
     options.secure = server.settings.secure;
+    options.startTls = server.settings.startTls;
+    options.socketPath = server.settings.socketPath;
     options.version = server.settings.version == LDAPConnection::V2 ? 2 : 3;
     options.networkTimeout = std::chrono::seconds(m_settings.networkTimeout);
     options.messageBytes = m_settings.entryBytes;
@@ -475,7 +484,7 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     PooledSession& session = *dropped.front();
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
-    bool const isRefused = why.code == invalidCredentials;
+    bool const isRefused = why.code == invalidCredentials && session.session.step() == Step::bind;
     bool const isCredentialsFault = isRefused && !m_credentials.areAccepted();
     if (isRefused) {
         auto const& order = m_servers.inOrder();

@@ -49,8 +49,9 @@ class Pool : public NonCopyable {
 public:
     /// @param settings  must outlive it
     /// @param totals    must outlive it
+    /// @param tls       of another pool with the same policy; null: its own, if a server needs one
     /// @param before    the pool of the earlier settings; null: there are none
-    Pool(Settings const& settings, Totals& totals, Pool* before);
+    Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls, Pool* before);
     ~Pool();
 
     /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
@@ -84,9 +85,10 @@ public:
         std::vector<Failure> const& failures;  ///< servers that must not be asked again
         ServerRecord const* brokeOn = nullptr; ///< sessions to it must be newer than `brokeAt`
         Clock::time_point brokeAt;
-        bool needsAnswered = false; ///< only a session on which something was answered
-        bool mayWait = true;        ///< in the queue, if there is none
-        bool mayResolve = true;     ///< asks for the servers of a domain, if that is due
+        bool needsAnswered = false;          ///< only a session on which something was answered
+        bool mayWait = true;                 ///< in the queue, if there is none
+        bool mayResolve = true;              ///< asks for the servers of a domain, if that is due
+        std::string const* server = nullptr; ///< URI of the one to prefer, if it is up
     };
 
     /// The result of a checkout.
@@ -155,6 +157,9 @@ public:
     /// third of the network timeout or the deadline, whichever is shorter. Less time proves
     /// nothing.
     Clock::duration proof() const;
+
+    /// Null if no server needs TLS.
+    std::shared_ptr<TlsContext> const& tls() const { return m_tls; }
 
 private:
     friend class PoolsAtFork;

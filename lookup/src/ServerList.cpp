@@ -37,15 +37,24 @@ ServerList::ServerList(Settings const& settings)
 /// Returns the record of this server; creates it if it is new.
 ServerRecord& ServerList::recordOf(Server const& server)
 {
-    std::string uri = uriOf(server.secure, server.host, server.port);
+    std::string uri = server.socketPath.empty() ? uriOf(server.secure, server.host, server.port)
+                                                : uriOf(server.socketPath);
     auto const known =
         std::find_if(m_records.begin(), m_records.end(), [&](ServerRecord const& record) {
-            return record.uri == uri && record.settings.version == server.version;
+            return record.uri == uri && record.settings.version == server.version &&
+                   record.settings.startTls == server.startTls;
         });
     if (known != m_records.end()) {
         return *known;
     }
     return m_records.emplace_back(m_records.size(), server, std::move(uri), m_limits, m_window);
+}
+
+ServerRecord* ServerList::recordNamed(std::string const& uri) const
+{
+    auto const known = std::find_if(m_order.begin(), m_order.end(),
+                                    [&](ServerRecord const* server) { return server->uri == uri; });
+    return known == m_order.end() ? nullptr : *known;
 }
 
 void ServerList::putInOrder()
@@ -131,7 +140,7 @@ std::vector<Server> ServerList::serversOf(ServerDomain const& domain,
 {
     std::vector<Server> servers;
     for (SrvTarget const& target : targets) {
-        if (!domain.settings.secure || !m_verifiesNames || isInside(target.host, domain.name)) {
+        if (!domain.settings.usesTls() || !m_verifiesNames || isInside(target.host, domain.name)) {
             Server server = domain.settings;
             server.host = target.host;
             server.port = target.port;

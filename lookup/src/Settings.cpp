@@ -4,6 +4,7 @@
 #include "FaultSite.h"
 
 #include <solvane/lookup/QueryTemplate.h>
+#include <solvane/session/Address.h>
 #include <solvane/session/PlainText.h>
 
 namespace Solvane::Lookup {
@@ -23,10 +24,28 @@ void requirePlain(char const* what, std::string const& text)
     require(!fault, std::string(what) + " contains " + (fault ? describe(*fault) : std::string()));
 }
 
+void checkSocket(Server const& server)
+{
+    std::string const fault = faultInSocketPath(server.socketPath);
+    require(server.host.empty() && server.srvDomain.empty(),
+            "a server has both a socket and a host or SRV domain");
+    require(fault.empty(), "the path of a server's socket " + fault);
+    requirePlain("the path of a server's socket", server.socketPath);
+    require(!server.usesTls(), "a server has TLS on a UNIX socket, where nothing leaves the host");
+}
+
 void checkServers(Settings const& settings)
 {
     require(!settings.servers.empty(), "no server is set");
     for (Server const& server : settings.servers) {
+        if (!server.socketPath.empty()) {
+            checkSocket(server);
+            continue;
+        }
+        require(!server.secure || !server.startTls,
+                "a server has both TLS from the first byte and StartTLS");
+        require(!server.startTls || server.version != LDAPConnection::V2,
+                "a server with StartTLS has LDAPv2: StartTLS needs LDAPv3");
         requirePlain("a server's SRV domain", server.srvDomain);
         require(server.host.empty() || server.srvDomain.empty(),
                 "a server has both a host and an SRV domain");
@@ -101,8 +120,13 @@ void checkTimes(Settings const& settings)
 
 void checkSizes(Settings const& settings)
 {
+    constexpr unsigned int most = 65536;
     require(settings.connections >= 1, "the number of connections must be at least 1");
+    require(settings.connections <= most, "the number of connections must be at most 65536");
+    require(settings.verifyConnections >= 1,
+            "the number of connections for passwords must be at least 1");
     require(settings.window >= 1, "the window must be at least 1");
+    require(settings.window <= most, "the window must be at most 65536");
     require(settings.keyBytes >= 1, "the maximum length of keys must be at least 1 byte");
     require(settings.entryBytes >= 1024,
             "the maximum size of an entry must be at least 1024 bytes");

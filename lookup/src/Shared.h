@@ -10,6 +10,8 @@
 #include <solvane/lookup/Settings.h>
 #include <solvane/session/PlainText.h>
 
+#include <memory>
+
 namespace Solvane::Lookup {
 
 /// A copy of settings, whose password is wiped at its end.
@@ -31,6 +33,11 @@ struct Shared {
     Shared(Settings const& given, Totals& counts, Shared* before);
 
 private:
+    /// Without `logins`.
+    /// @param tls  of another pool; null: its own
+    Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
+           Pool* before);
+
     OwnSettings m_ownSettings;
 
 public:
@@ -38,8 +45,10 @@ public:
     QueryTemplate const queryTemplate;
     KeyForms const forms;
     SearchRequest const request;
+    SearchRequest const entryRequest; ///< for the DN alone, and whether there are several
     Totals& totals;
     Pool pool;
+    std::unique_ptr<Shared> logins; ///< of the connections on which users bind; null in itself
 };
 
 } // namespace Solvane::Lookup

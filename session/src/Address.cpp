@@ -3,8 +3,10 @@
 
 #include <array>
 #include <cstring>
+#include <string_view>
 
 #include <arpa/inet.h>
+#include <sys/un.h>
 
 namespace Solvane::Lookup {
 
@@ -66,6 +68,37 @@ bool Address::operator==(Address const& other) const
     return family() == AF_INET ? m_address.v4.sin_addr.s_addr == other.m_address.v4.sin_addr.s_addr
                                : std::memcmp(&m_address.v6.sin6_addr, &other.m_address.v6.sin6_addr,
                                              sizeof(in6_addr)) == 0;
+}
+
+std::string uriOf(std::string const& socketPath)
+{
+    constexpr char digits[] = "0123456789ABCDEF";
+    constexpr std::string_view unreserved = "abcdefghijklmnopqrstuvwxyz" // RFC 3986 section 2.3
+                                            "ABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                            "0123456789-._~";
+    std::string uri = "ldapi://";
+    for (char const character : socketPath) {
+        if (unreserved.find(character) != std::string_view::npos) {
+            uri += character;
+        } else {
+            auto const byte = static_cast<unsigned char>(character);
+            uri.append(1, '%').append(1, digits[byte >> 4]).append(1, digits[byte & 0x0F]);
+        }
+    }
+    return uri;
+}
+
+std::string faultInSocketPath(std::string const& path)
+{
+    constexpr std::size_t longest = sizeof(sockaddr_un::sun_path) - 1;
+    if (path.empty() || path.front() != '/') {
+        return "is not absolute";
+    }
+    if (path.find('\0') != std::string::npos) {
+        return "contains a NUL byte";
+    }
+    return path.size() <= longest ? std::string()
+                                  : "is longer than " + std::to_string(longest) + " bytes";
 }
 
 std::string uriOf(bool secure, std::string const& host, unsigned int port)

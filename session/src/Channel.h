@@ -8,6 +8,7 @@
 
 #include "MessageFrame.h"
 #include "OpenLDAP.h"
+#include "SecurityLayer.h"
 #include "Socket.h"
 #include "TlsStream.h"
 
@@ -19,7 +20,8 @@
 
 namespace Solvane::Lookup {
 
-/// Two buffers between OpenLDAP and the socket, plain or with TLS. Not thread-safe.
+/// Two buffers between OpenLDAP and the socket, plain, with TLS, or with the security layer of a SASL
+/// bind. Not thread-safe.
 ///
 /// OpenLDAP only reads and writes memory: its output is buffered until `flush`, and it gets a
 /// message only when the whole message has arrived. Therefore OpenLDAP never blocks and never sees
@@ -37,9 +39,12 @@ public:
     /// Makes OpenLDAP read and write here. The channel must outlive the Sockbuf. False: out of
     /// memory.
     bool installOn(Sockbuf* sockbuf);
-    /// Uses TLS from now on.
+    /// Uses TLS from now on. There must be no input.
     void secure(std::unique_ptr<TlsStream> tls) { m_tls = std::move(tls); }
     TlsStream* tls() const { return m_tls.get(); }
+    /// Uses the security layer of a complete exchange from now on. Bytes that have arrived already
+    /// count as protected. False: the server answered before it received all requests.
+    bool protect(std::unique_ptr<SaslExchange> exchange);
     Socket& socket() { return m_socket; }
 
     // Input
@@ -53,6 +58,8 @@ public:
     std::string_view frontBytes() const { return {m_input.get() + m_begin, m_front.length}; }
     /// Lets OpenLDAP read the message at the front, and nothing after it.
     void deliver() { m_deliverable = m_front.length; }
+    /// Whether bytes behind the messages taken have been received.
+    bool hasInput() const { return m_begin != m_end; }
     /// Removes the message at the front, whether it was read or not.
     void drop();
     /// The same; its bytes stay valid until the next `fill`.
@@ -91,6 +98,7 @@ private:
     bool isReady() const;
     bool findFront();
     Flow read();
+    Flow write(std::size_t& count);
     void makeRoom();
     void append(char const* bytes, std::size_t length);
     void failBy(Flow flow);
@@ -103,7 +111,8 @@ private:
     };
 
     Socket m_socket;
-    std::unique_ptr<TlsStream> m_tls; // null without TLS
+    std::unique_ptr<TlsStream> m_tls;       // null without TLS
+    std::unique_ptr<SecurityLayer> m_layer; // null without a layer
     std::size_t m_messageBytes;
     std::chrono::milliseconds m_patience;
     Verdict m_fault;

@@ -1,9 +1,10 @@
 // Parallel connection attempts.
 #include "Connector.h"
 
+#include "SocketErrors.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <iterator>
 
 #include <netinet/tcp.h>
@@ -33,18 +34,6 @@ std::vector<Address> interleaved(std::vector<Address> const& addresses)
         }
     }
     return order;
-}
-
-/// Whether socket(2) failed because this process or system has run out of something.
-bool isLack(int error)
-{
-    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
-}
-
-/// An error in words.
-std::string wordsOf(int error)
-{
-    return error == EMFILE ? "too many open files in this process" : std::strerror(error);
 }
 
 /// The result of a pending connect: 0 or errno.

@@ -76,14 +76,35 @@ void Conversation::setOption(int option, int value) { ldap_set_option(m_handle, 
 
 // Requests
 
-int Conversation::bind(std::string const& dn, std::string const& password, int& id)
+int Conversation::startTls(int& id)
 {
+    int const code =
+        ldap_extended_operation(m_handle, LDAP_EXOP_START_TLS, nullptr, nullptr, nullptr, &id);
+    return sent(code, id);
+}
+
+int Conversation::bind(std::string const& dn, std::string const& password, int& id,
+                       bool asksForPolicy)
+{
+    char type[] = LDAP_CONTROL_PASSWORDPOLICYREQUEST;
+    LDAPControl policy = {type, {0, nullptr}, 0}; // not critical: servers without it ignore it
+    LDAPControl* controls[] = {&policy, nullptr};
     berval const credentials = {password.size(), const_cast<char*>(password.data())};
     m_channel.handlesSecret(true);
-    int const code = ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE,
-                                    const_cast<berval*>(&credentials), nullptr, nullptr, &id);
+    int const code =
+        ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE, const_cast<berval*>(&credentials),
+                       asksForPolicy ? controls : nullptr, nullptr, &id);
     m_channel.handlesSecret(false);
     return sent(code, id);
+}
+
+int Conversation::saslBind(char const* mechanism, std::string_view credentials, int& id)
+{
+    berval sent = {credentials.size(), const_cast<char*>(credentials.data())};
+    int const code =
+        ldap_sasl_bind(m_handle, nullptr, mechanism,
+                       credentials.data() == nullptr ? nullptr : &sent, nullptr, nullptr, &id);
+    return this->sent(code, id);
 }
 
 int Conversation::whoAmI(int& id)

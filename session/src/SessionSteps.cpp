@@ -1,4 +1,4 @@
-// Resolve, connect, handshake, bind, identify.
+// Resolve, connect, StartTLS, handshake, bind, identify.
 #include "SessionSteps.h"
 
 #include <solvane/session/PlainText.h>
@@ -74,10 +74,30 @@ bool isType(LDAPMessage* message, ber_tag_t type)
     return static_cast<ber_tag_t>(ldap_msgtype(message)) == type;
 }
 
+/// Why no connection can be opened with these options; empty if they do not contradict each other.
+std::string contradictionIn(SessionOptions const& options)
+{
+    if (!options.socketPath.empty() && !faultInSocketPath(options.socketPath).empty()) {
+        return "the path of the socket " + faultInSocketPath(options.socketPath);
+    }
+    if (!options.socketPath.empty() && options.usesTls()) {
+        return "TLS is not used on a UNIX socket: nothing leaves the host";
+    }
+    if (options.startTls && options.secure) {
+        return "StartTLS is not possible on a connection that uses TLS from the first byte";
+    }
+    if (options.startTls && options.version < 3) {
+        return "StartTLS needs LDAPv3";
+    }
+    return std::string();
+}
+
 } // namespace
 
 Session::Steps::Steps(SessionOptions given)
-    : options(std::move(given)), uri(uriOf(options.secure, options.host, options.port))
+    : options(std::move(given)),
+      uri(options.socketPath.empty() ? uriOf(options.secure, options.host, options.port)
+                                     : uriOf(options.socketPath))
 {
 }
 
@@ -87,6 +107,10 @@ void Session::Steps::begin(Step last, Clock::time_point deadline)
 {
     m_target = std::max(m_target, static_cast<int>(last) + 1);
     m_deadline = deadline;
+    std::string const contradiction = contradictionIn(options);
+    if (m_verdict.isGood() && !contradiction.empty()) {
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, contradiction);
+    }
     m_isUnderWay = verdict().isGood() && m_done < m_target;
     advance();
 }
@@ -121,13 +145,13 @@ bool Session::Steps::applies(Step step) const
 {
     switch (step) {
     case Step::resolve:
-        return options.addresses.empty();
-    case Step::handshake:
-        return options.secure;
+        return options.addresses.empty() && options.socketPath.empty();
     case Step::startTls:
-        return false;
+        return options.startTls;
+    case Step::handshake:
+        return options.usesTls();
     case Step::bind:
-        return !options.bindDn.empty();
+        return options.mechanism != Mechanism::simple || !options.bindDn.empty();
     default:
         return true;
     }
@@ -147,6 +171,10 @@ bool Session::Steps::start(Step step)
         m_resolver = std::make_unique<Resolver>(options.host, options.port, options.nameServers);
         return true;
     case Step::connect:
+        if (!options.socketPath.empty()) {
+            m_pathConnector = std::make_unique<PathConnector>(options.socketPath);
+            return true;
+        }
         if (addresses.empty()) {
             addresses = options.addresses;
         }
@@ -154,7 +182,7 @@ bool Session::Steps::start(Step step)
         addresses = m_connector->order();
         return true;
     case Step::startTls:
-        return false;
+        return sendTlsRequest();
     case Step::handshake:
         return startHandshake();
     case Step::bind:
@@ -171,9 +199,9 @@ Session::Steps::Progress Session::Steps::goOn(Step step)
     case Step::resolve:
         return resolve();
     case Step::connect:
-        return connect();
+        return m_pathConnector ? connectToPath() : connect();
     case Step::startTls:
-        return Progress::failed;
+        return requestTls();
     case Step::handshake:
         return handshake();
     case Step::bind:
@@ -192,6 +220,8 @@ void Session::Steps::waits(Waits& waits) const
             m_resolver->waits(waits);
         } else if (m_connector) {
             m_connector->waits(waits);
+        } else if (m_pathConnector) {
+            m_pathConnector->waits(waits);
         } else if (m_conversation && m_isStarted && m_done == static_cast<int>(Step::handshake)) {
             Channel& channel = m_conversation->channel();
             waits.add(channel.socket().number(), channel.tls()->events());
@@ -230,21 +260,46 @@ Session::Steps::Progress Session::Steps::connect()
         return Progress::waiting;
     }
     std::unique_ptr<Connector> const connector = std::move(m_connector);
-    if (!connector->peer() && connector->lacksSocket()) {
-        return fail(Outcome::TryLater, LDAP_LOCAL_ERROR,
-                    "this process cannot connect: " + connector->failures());
-    }
     if (!connector->peer()) {
-        return fail(Outcome::TryLater, LDAP_SERVER_DOWN,
-                    "cannot connect: " + connector->failures());
+        return failToConnect(connector->lacksSocket(), connector->failures());
     }
     peer = connector->peer()->text();
-    m_conversation = std::make_unique<Conversation>(connector->takeSocket(), options.version,
+    return converse(connector->takeSocket());
+}
+
+Session::Steps::Progress Session::Steps::connectToPath()
+{
+    m_pathConnector->advance();
+    if (!m_pathConnector->isSettled()) {
+        return Progress::waiting;
+    }
+    std::unique_ptr<PathConnector> const connector = std::move(m_pathConnector);
+    if (!connector->isConnected()) {
+        return failToConnect(connector->lacksSocket(), connector->failure());
+    }
+    peer = options.socketPath;
+    return converse(connector->takeSocket());
+}
+
+Session::Steps::Progress Session::Steps::failToConnect(bool lacksSocket, std::string const& why)
+{
+    return lacksSocket
+               ? fail(Outcome::TryLater, LDAP_LOCAL_ERROR, "this process cannot connect: " + why)
+               : fail(Outcome::TryLater, LDAP_SERVER_DOWN, "cannot connect: " + why);
+}
+
+/// Begins an OpenLDAP session on the connection.
+Session::Steps::Progress Session::Steps::converse(Descriptor socket)
+{
+    m_conversation = std::make_unique<Conversation>(std::move(socket), options.version,
                                                     options.messageBytes, options.networkTimeout);
     return m_conversation->fault().isGood() ? Progress::done : failAs(m_conversation->fault());
 }
 
-bool Session::Steps::startHandshake()
+// StartTLS and the handshake
+
+/// Fails if the TLS settings are unusable; before anything is sent.
+bool Session::Steps::canUseTls()
 {
     if (!options.tls) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "TLS is not configured");
@@ -252,6 +307,57 @@ bool Session::Steps::startHandshake()
     }
     if (!options.tls->verdict().isGood()) {
         failAs(options.tls->verdict());
+        return false;
+    }
+    return true;
+}
+
+bool Session::Steps::sendTlsRequest()
+{
+    if (!canUseTls()) {
+        return false;
+    }
+    int const code = m_conversation->startTls(m_id);
+    if (code != LDAP_SUCCESS) {
+        fail(Outcome::TryLater, code, "cannot send the StartTLS request: " + wordsFor(code));
+        return false;
+    }
+    return true;
+}
+
+Session::Steps::Progress Session::Steps::requestTls()
+{
+    Message answer;
+    Progress const progress = awaitAnswer(answer);
+    return progress == Progress::done ? takeTlsResponse(answer.parsed) : progress;
+}
+
+/// Only "busy" passes by itself: servers without a certificate answer "unavailable" to every request.
+Session::Steps::Progress Session::Steps::takeTlsResponse(LDAPMessageBuffer& answer)
+{
+    Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
+    bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
+    if (!isType(answer.get(), LDAP_RES_EXTENDED) || !response.isParsed || isContradiction) {
+        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+                    "invalid response to the StartTLS request");
+    }
+    if (response.code != LDAP_SUCCESS) {
+        return fail(response.code == LDAP_BUSY ? Outcome::TryLater : Outcome::Refused,
+                    response.code, "the server refuses StartTLS: " + response.words);
+    }
+    // Bytes after the response arrived unprotected. They would be read as answers of the encrypted
+    // connection.
+    if (m_conversation->channel().hasInput()) {
+        return fail(Outcome::Refused, LDAP_CONNECT_ERROR,
+                    "unencrypted data follows the response to StartTLS; an attacker may have "
+                    "injected it");
+    }
+    return Progress::done;
+}
+
+bool Session::Steps::startHandshake()
+{
+    if (!canUseTls()) {
         return false;
     }
     Channel& channel = m_conversation->channel();
@@ -277,6 +383,9 @@ Session::Steps::Progress Session::Steps::handshake()
 
 bool Session::Steps::startBind()
 {
+    if (options.mechanism == Mechanism::gssapi) {
+        return startSaslBind();
+    }
     if (options.password == nullptr || options.password->empty()) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
              "an empty password is not sent: servers treat it as an anonymous bind");
@@ -299,8 +408,15 @@ bool Session::Steps::startBind()
 Session::Steps::Progress Session::Steps::bind()
 {
     Message answer;
-    Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeBindResponse(answer.parsed) : progress;
+    Progress progress = awaitAnswer(answer);
+    while (progress == Progress::done) {
+        progress = takeBindResponse(answer.parsed);
+        if (progress != Progress::waiting) {
+            return progress;
+        }
+        progress = awaitAnswer(answer); // writes the next round
+    }
+    return progress;
 }
 
 /// Awaits the final answer to the request of the step.
@@ -334,6 +450,10 @@ Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& ans
     bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
     if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "invalid response to the bind");
+    }
+    if (m_exchange &&
+        (response.code == LDAP_SUCCESS || response.code == LDAP_SASL_BIND_IN_PROGRESS)) {
+        return takeSaslResponse(answer, response.code);
     }
     return response.code == LDAP_SUCCESS ? Progress::done
                                          : fail(outcomeOfBind(response.code), response.code,
@@ -404,13 +524,13 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
 Session::Received Session::Steps::receive(Message& message, bool parsesEntries)
 {
     if (!m_conversation || !m_verdict.isGood()) {
-        breakOff("search");
+        breakOff(request);
         return Received::broken;
     }
     m_conversation->channel().flush();
     Received const received = m_conversation->receive(message, parsesEntries);
     if (received == Received::broken) {
-        breakOff("search");
+        breakOff(request);
     }
     return received;
 }
@@ -443,7 +563,8 @@ Session::Steps::Progress Session::Steps::failForTime(Step step)
         text = "no name server answered" + within;
         break;
     case Step::connect:
-        text = "no connection" + within + ": " + m_connector->failures();
+        text = "no connection" + within + ": " +
+               (m_pathConnector ? m_pathConnector->failure() : m_connector->failures());
         break;
     case Step::handshake:
         text = "the TLS handshake was not finished" + within;
@@ -454,6 +575,7 @@ Session::Steps::Progress Session::Steps::failForTime(Step step)
     }
     m_resolver.reset();
     m_connector.reset();
+    m_pathConnector.reset();
     return fail(Outcome::TryLater, LDAP_TIMEOUT, text);
 }
 

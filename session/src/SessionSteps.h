@@ -7,6 +7,8 @@
 
 #include "Connector.h"
 #include "Conversation.h"
+#include "PathConnector.h"
+#include "SaslExchange.h"
 
 #include <algorithm>
 #include <memory>
@@ -18,7 +20,7 @@ namespace Solvane::Lookup {
 
 /// Runs the steps in order, each with its own time limit. Each step produces what the next one
 /// needs: resolve the addresses, connect the socket and the conversation on it, handshake the TLS
-/// stream; bind and identify exchange messages. Not thread-safe.
+/// stream; startTls, bind and identify exchange messages. Not thread-safe.
 ///
 /// `m_done` is the number of the steps completed, and so the current one; `m_target` where to stop.
 /// A step is started once (`start`), then continued (`goOn`) until it is done, failed, or out of
@@ -60,6 +62,7 @@ public:
     std::string peer;
     Identity identity = Identity::Anonymous;
     std::string authorizationId;
+    char const* request = "search"; ///< the last kind of request, for messages
 
 private:
     /// Result of continuing a step.
@@ -74,20 +77,29 @@ private:
     Progress goOn(Step step);
     Progress resolve();
     Progress connect();
+    Progress connectToPath();
+    Progress requestTls();
     Progress handshake();
     Progress bind();
     Progress identify();
-    bool startResolve();
+    bool canUseTls();
+    bool sendTlsRequest();
     bool startHandshake();
     bool startBind();
+    bool startSaslBind();
+    bool sendSaslRound();
     bool startIdentify();
 
     Progress awaitAnswer(Message& answer);
+    Progress takeTlsResponse(LDAPMessageBuffer& answer);
     Progress takeBindResponse(LDAPMessageBuffer& answer);
+    Progress takeSaslResponse(LDAPMessageBuffer& answer, int code);
     Progress takeIdentity(LDAPMessageBuffer& answer);
     Progress fail(Outcome outcome, int code, std::string const& text);
     Progress failAs(Verdict const& verdict);
     Progress failForTime(Step step);
+    Progress failToConnect(bool lacksSocket, std::string const& why);
+    Progress converse(Descriptor socket);
 
     int m_done = 0;   // steps done or skipped
     int m_target = 0; // steps requested
@@ -99,8 +111,11 @@ private:
 
     std::unique_ptr<Resolver> m_resolver;
     std::unique_ptr<Connector> m_connector;
+    std::unique_ptr<PathConnector> m_pathConnector; // instead, with a socket's path
     std::unique_ptr<Conversation> m_conversation;
-    int m_id = 0; // message id of the step's request
+    int m_id = 0;                             // message id of the step's request
+    std::unique_ptr<SaslExchange> m_exchange; // of a SASL bind under way
+    int m_rounds = 0;                         // of it
 };
 
 } // namespace Solvane::Lookup

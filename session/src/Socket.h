@@ -1,4 +1,4 @@
-// A connected, non-blocking TCP socket.
+// A connected, non-blocking stream socket.
 #ifndef SOLVANE_SESSION_SRC_SOCKET_H
 #define SOLVANE_SESSION_SRC_SOCKET_H
 

@@ -9,7 +9,6 @@ namespace SolvaneTest {
 
 namespace {
 
-constexpr unsigned char extendedRequest = 0x77;
 constexpr unsigned char addRequest = 0x68;
 constexpr unsigned char constructedBit = 0x20;
 constexpr unsigned char integerTag = 0x02;
@@ -102,8 +101,8 @@ Step stepOf(std::string const& request)
     switch (operationOf(request)) {
     case BindRequest:
         return Step::bind;
-    case extendedRequest:
-        return Step::whoAmI;
+    case ExtendedRequest:
+        return request == startTlsRequest(messageIdOf(request)) ? Step::other : Step::whoAmI;
     case SearchRequest:
         return Step::search;
     case addRequest:

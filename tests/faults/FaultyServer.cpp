@@ -12,7 +12,6 @@
 
 #include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 
@@ -119,6 +118,7 @@ void FaultyServer::Peer::note(std::string const& message)
 {
     Step const step = stepOf(message);
     m_isBound = m_isBound || step == Step::bind;
+    m_server.m_wasBound = m_server.m_wasBound || m_isBound;
     if (!m_isBound && step != Step::other) {
         m_server.m_wasAskedAnonymously = true;
     }

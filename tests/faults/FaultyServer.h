@@ -16,6 +16,8 @@
 #include <string>
 #include <thread>
 
+#include <poll.h>
+
 namespace SolvaneTest {
 
 /// Listens on a free port of 127.0.0.1. All its threads end with it.
@@ -35,6 +37,8 @@ public:
     void mend() { m_isMended = true; }
     /// Whether a connection that was not bound before asked for anything.
     bool wasAskedAnonymously() const { return m_wasAskedAnonymously; }
+    /// Whether a bind was sent to it, which is in plain text.
+    bool wasBound() const { return m_wasBound; }
 
 private:
     void acceptAll();
@@ -46,6 +50,7 @@ private:
     unsigned int m_port;
     std::atomic<bool> m_isMended{false};
     std::atomic<bool> m_wasAskedAnonymously{false};
+    std::atomic<bool> m_wasBound{false};
     std::mutex m_mutex;
     std::condition_variable m_allEnded;
     unsigned int m_playing; ///< guarded by m_mutex; connections that are being served
@@ -64,6 +69,8 @@ public:
     std::string receive(Milliseconds patience = forever);
     /// False if the client or the server has ended.
     bool send(std::string const& bytes);
+    /// Waits for any bytes. False if the client or the server has ended.
+    bool awaitBytes() { return awaitSocket(POLLIN, forever); }
     /// Closes the sending side (FIN) and keeps receiving.
     void endSending();
     /// Ends the connection with a reset.

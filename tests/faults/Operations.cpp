@@ -300,7 +300,8 @@ public:
     Came run(Target const& target) override
     {
         auto const where = std::make_tuple(target.host, target.port, target.isSecure,
-                                           target.patience, target.otherPorts, target.deadline);
+                                           target.startsTls, target.patience, target.otherPorts,
+                                           target.deadline, target.certificateFile);
         Came came = {SolvaneTest::wordFor([&] {
             if (!m_lookup || m_where != where) {
                 m_lookup.reset();
@@ -329,6 +330,7 @@ private:
         server.host = target.host;
         server.port = target.port;
         server.secure = target.isSecure;
+        server.startTls = target.startsTls;
         LDAPLookup::Settings settings;
         settings.servers.push_back(server);
         server.host = "127.0.0.1";
@@ -348,6 +350,8 @@ private:
         settings.attributes = {"cn", "mail"};
         settings.connections = 2;
         settings.tls.verify = Lookup::TlsVerify::none; // the handshake is what is disturbed here
+        settings.tls.certificateFile = target.certificateFile;
+        settings.tls.keyFile = target.keyFile;
         // No back-off: each lookup must meet the fault itself.
         settings.backOff = settings.longestBackOff = std::chrono::milliseconds(0);
         settings.refusedHold = std::chrono::milliseconds(0);
@@ -390,8 +394,8 @@ private:
 
     std::unique_ptr<LDAPLookup> m_lookup;
     /// Whom m_lookup asks, and how patiently.
-    std::tuple<std::string, unsigned int, bool, unsigned int, std::vector<unsigned int>,
-               std::chrono::milliseconds>
+    std::tuple<std::string, unsigned int, bool, bool, unsigned int, std::vector<unsigned int>,
+               std::chrono::milliseconds, std::string>
         m_where;
 };
 

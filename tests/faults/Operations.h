@@ -18,6 +18,10 @@ struct Target {
     bool isSecure = false;
     /// Seconds for the network and for each answer.
     unsigned int patience = 10;
+    // For the engine alone.
+    bool startsTls = false;
+    std::string certificateFile = {}; ///< of the client
+    std::string keyFile = {};
     // For the engine and the tool alone.
     std::string host = "127.0.0.1";
     std::vector<std::string> nameServers = {}; ///< empty: the system's

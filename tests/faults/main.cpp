@@ -207,8 +207,8 @@ void printList(std::vector<Fault> const& faults)
 std::vector<Fault> allFaults()
 {
     std::vector<Fault> all;
-    for (auto const& kind : {connectionFaults(), serverFaults(), byteFaults(), messageFaults(),
-                             hostFaults(), interruptionFaults(), memoryFaults()}) {
+    for (auto const& kind : {connectionFaults(), tlsFaults(), serverFaults(), byteFaults(),
+                             messageFaults(), hostFaults(), interruptionFaults(), memoryFaults()}) {
         all.insert(all.end(), kind.begin(), kind.end());
     }
     return all;

@@ -59,21 +59,14 @@ std::string outcomeInAChild(LDAPLookup& lookup)
 
 } // namespace
 
-/// With TLS or without, and how many workers.
+/// The way to the server, and how many workers.
 class WorkersForkedAfterFind : public SuiteWithSlapd<WorkersForkedAfterFind>,
-                               public testing::WithParamInterface<std::tuple<bool, int>> {
+                               public testing::WithParamInterface<std::tuple<WayIn, int>> {
 public:
     static std::vector<std::string> options() { return {"--users", std::to_string(users)}; }
 
 protected:
-    static LDAPLookup::Settings settings()
-    {
-        bool const isSecure = std::get<0>(GetParam());
-        auto settings = settingsFor({isSecure ? slapd().tlsPort() : slapd().port()});
-        settings.servers.front().secure = isSecure;
-        settings.tls.caFile = slapd().caFile();
-        return settings;
-    }
+    static LDAPLookup::Settings settings() { return settingsFor(slapd(), std::get<0>(GetParam())); }
 };
 
 TEST_P(WorkersForkedAfterFind, AndTheirParentFindWhomTheyLookFor)
@@ -102,8 +95,10 @@ TEST_P(WorkersForkedAfterFind, AndTheirParentFindWhomTheyLookFor)
     EXPECT_EQ(lookup.statistics().repeated, 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(WithTlsAndCount, WorkersForkedAfterFind,
-                         testing::Combine(testing::Bool(), testing::Values(2, 8)));
+INSTANTIATE_TEST_SUITE_P(ByWayAndCount, WorkersForkedAfterFind,
+                         testing::Combine(testing::Values(WayIn::plain, WayIn::ldaps,
+                                                          WayIn::startTls, WayIn::ldapi),
+                                          testing::Values(2, 8)));
 
 // The only connection is in use by a thread that does not exist in the child.
 TEST(AWorkerForkedDuringALookup, HasConnectionsOfItsOwn)

@@ -67,12 +67,9 @@ public:
     static std::vector<std::string> options() { return {"--users", "60"}; }
 
 protected:
-    LDAPLookup::Settings settings(bool isSecure) const
+    static LDAPLookup::Settings settings(WayIn way = WayIn::plain)
     {
-        auto settings = settingsFor({isSecure ? slapd().tlsPort() : slapd().port()});
-        settings.servers.front().secure = isSecure;
-        settings.tls.caFile = slapd().caFile().string();
-        return settings;
+        return settingsFor(slapd(), way);
     }
 
     void expectRightAnswers(LDAPLookup& lookup, int rounds, int children)
@@ -91,28 +88,35 @@ protected:
 
 TEST_F(ForkedLookups, AreRightInTwoChildrenAHundredTimes)
 {
-    LDAPLookup lookup(settings(false));
+    LDAPLookup lookup(settings());
 
     expectRightAnswers(lookup, 100, 2);
 }
 
 TEST_F(ForkedLookups, AreRightInEightChildrenAHundredTimes)
 {
-    LDAPLookup lookup(settings(false));
+    LDAPLookup lookup(settings());
 
     expectRightAnswers(lookup, 100, 8);
 }
 
 TEST_F(ForkedLookups, AreRightOverTls)
 {
-    LDAPLookup lookup(settings(true));
+    LDAPLookup lookup(settings(WayIn::ldaps));
+
+    expectRightAnswers(lookup, 10, 4);
+}
+
+TEST_F(ForkedLookups, AreRightWithStartTls)
+{
+    LDAPLookup lookup(settings(WayIn::startTls));
 
     expectRightAnswers(lookup, 10, 4);
 }
 
 TEST_F(ForkedLookups, LeaveTheParentsConnectionAloneWhenAChildDestroysItsLookup)
 {
-    auto lookup = std::make_unique<LDAPLookup>(settings(false));
+    auto lookup = std::make_unique<LDAPLookup>(settings());
     ASSERT_TRUE(isRight(lookup->find(addressOf(1)), 1));
 
     pid_t const pid = fork();
@@ -134,7 +138,7 @@ TEST_F(ForkedLookups, DoNotHangWhileOtherThreadsOfTheParentLookUp)
     if (!allocatorForks) {
         GTEST_SKIP() << "the allocator does not support forks of processes with several threads";
     }
-    LDAPLookup lookup(settings(false));
+    LDAPLookup lookup(settings());
     std::atomic<bool> isOver{false};
     std::vector<std::thread> threads;
     for (int thread = 0; thread < 4; ++thread) {

@@ -56,6 +56,51 @@ TEST(LookupSettings, NeedAServerWithHostAndPort)
               "a server's host contains a control character at byte 1");
 }
 
+TEST(LookupSettings, HaveOneKindOfTlsForAServer)
+{
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].startTls = true; }), "");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.servers[0].startTls = s.servers[0].secure = true; }),
+              "a server has both TLS from the first byte and StartTLS");
+    EXPECT_EQ(refusalWith([](Settings& s) {
+                  s.servers[0].startTls = true;
+                  s.servers[0].version = LDAPConnection::V2;
+              }),
+              "a server with StartTLS has LDAPv2: StartTLS needs LDAPv3");
+}
+
+TEST(LookupSettings, MayNameASocketInsteadOfAHost)
+{
+    auto const refusalOfSocket = [](std::string const& path, auto const& change) {
+        return refusalWith([&](Settings& s) {
+            s.servers[0].host.clear();
+            s.servers[0].port = 0;
+            s.servers[0].socketPath = path;
+            change(s.servers[0]);
+        });
+    };
+    auto const asItIs = [](LDAPLookup::Server&) {};
+    std::string const path = "/run/slapd/ldapi";
+
+    EXPECT_EQ(refusalOfSocket(path, asItIs), "");
+    EXPECT_EQ(refusalOfSocket(path, [](auto& server) { server.host = "localhost"; }),
+              "a server has both a socket and a host or SRV domain");
+    EXPECT_EQ(refusalOfSocket(path, [](auto& server) { server.srvDomain = "corp.test"; }),
+              "a server has both a socket and a host or SRV domain");
+    for (bool LDAPLookup::Server::*const tls :
+         {&LDAPLookup::Server::secure, &LDAPLookup::Server::startTls}) {
+        EXPECT_EQ(refusalOfSocket(path, [tls](auto& server) { server.*tls = true; }),
+                  "a server has TLS on a UNIX socket, where nothing leaves the host");
+    }
+    EXPECT_EQ(refusalOfSocket("ldapi", asItIs), "the path of a server's socket is not absolute");
+    EXPECT_EQ(refusalOfSocket(std::string("/a\0b", 4), asItIs),
+              "the path of a server's socket contains a NUL byte");
+    EXPECT_EQ(refusalOfSocket("/a\nb", asItIs),
+              "the path of a server's socket contains a control character at byte 2");
+    EXPECT_EQ(refusalOfSocket(std::string(108, '/'), asItIs),
+              "the path of a server's socket is longer than 107 bytes");
+    EXPECT_EQ(refusalOfSocket(std::string(107, '/'), asItIs), "");
+}
+
 TEST(LookupSettings, NameTheDomainsThatAreServed)
 {
     EXPECT_EQ(refusalWith([](Settings& s) {
@@ -98,6 +143,9 @@ TEST(LookupSettings, NeedTimesAndRoom)
     EXPECT_NE(refusalWith([](Settings& s) { s.deadline = milliseconds(0); }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.connections = 0; }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.window = 0; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.connections = 65537; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.window = 65537; }), "");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.connections = s.window = 65536; }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.forms.clear(); }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.longestBackOff = milliseconds(10); }), "");
 }

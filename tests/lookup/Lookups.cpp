@@ -21,8 +21,6 @@ namespace SolvaneTest {
 
 namespace {
 
-constexpr unsigned char extendedRequest = 0x77;
-
 std::string extendedResponse(int messageId, int code, std::string const& value)
 {
     constexpr unsigned char extendedResponseTag = 0x78;
@@ -47,7 +45,7 @@ ScriptedServer::Script servingWith(OnSearch const& onSearch, int code, std::stri
             case BindRequest:
                 peer.send(bindResponse(id));
                 break;
-            case extendedRequest:
+            case ExtendedRequest:
                 peer.send(extendedResponse(id, code, identity));
                 break;
             case SearchRequest:
@@ -78,6 +76,25 @@ LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports)
     return settings;
 }
 
+void PrintTo(WayIn way, std::ostream* out)
+{
+    constexpr char const* names[] = {"plain", "ldaps", "StartTLS", "ldapi"};
+    *out << names[static_cast<int>(way)];
+}
+
+LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way)
+{
+    auto settings = settingsFor({way == WayIn::ldaps ? slapd.tlsPort() : slapd.port()});
+    settings.servers.front().secure = way == WayIn::ldaps;
+    settings.servers.front().startTls = way == WayIn::startTls;
+    if (way == WayIn::ldapi) {
+        settings.servers.front().host.clear();
+        settings.servers.front().socketPath = slapd.socketPath();
+    }
+    settings.tls.caFile = slapd.caFile();
+    return settings;
+}
+
 std::string addressOf(int user)
 {
     char text[40];
@@ -93,6 +110,11 @@ ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity)
 ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code)
 {
     return servingWith(onSearch, code, std::string());
+}
+
+std::string whoAmIResponse(int messageId, std::string const& identity)
+{
+    return extendedResponse(messageId, 0, identity);
 }
 
 void answerFound(ScriptedServer::Peer& peer, std::string const& request)

@@ -4,6 +4,7 @@
 
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
+#include "Slapd.h"
 
 #include <solvane/lookup/LDAPLookup.h>
 
@@ -28,6 +29,12 @@ constexpr char people[] = "ou=people,dc=corp,dc=test";
 /// Settings for servers on these ports of 127.0.0.1, bound as the reader, with short times.
 Solvane::LDAPLookup::Settings settingsFor(std::vector<unsigned int> const& ports);
 
+/// How a connection reaches its server.
+enum class WayIn { plain, ldaps, startTls, ldapi };
+void PrintTo(WayIn way, std::ostream* out);
+/// Settings for a slapd, bound as the reader, that verify its certificate.
+Solvane::LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way);
+
 /// The n-th user's address.
 std::string addressOf(int user);
 
@@ -39,6 +46,9 @@ using OnSearch = std::function<void(ScriptedServer::Peer&, std::string const& re
 ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity = "dn:cn=reader");
 /// The same for a server that does not support "Who am I?" and answers `code`.
 ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code);
+
+/// The answer to "Who am I?".
+std::string whoAmIResponse(int messageId, std::string const& identity);
 
 /// Sends one entry and the end of the search.
 void answerFound(ScriptedServer::Peer& peer, std::string const& request);

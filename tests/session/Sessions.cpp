@@ -3,6 +3,7 @@
 
 #include <solvane/session/ResultCodes.h>
 
+#include <gtest/gtest.h>
 #include <ldap.h>
 
 using namespace Solvane;
@@ -42,6 +43,14 @@ SessionOptions secureOptions(unsigned int port, TlsPolicy const& policy, std::st
     return options;
 }
 
+SessionOptions startTlsOptions(unsigned int port, TlsPolicy const& policy, std::string const& host)
+{
+    SessionOptions options = secureOptions(port, policy, host);
+    options.secure = false;
+    options.startTls = true;
+    return options;
+}
+
 TlsPolicy policy(TlsVerify verify, std::string const& caFile)
 {
     TlsPolicy policy;
@@ -49,6 +58,15 @@ TlsPolicy policy(TlsVerify verify, std::string const& caFile)
     policy.caFile = caFile;
     return policy;
 }
+
+NoDescriptors::NoDescriptors()
+{
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_before), 0);
+    rlimit const none = {0, m_before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+}
+
+NoDescriptors::~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
 
 SearchRequest peopleSearch()
 {

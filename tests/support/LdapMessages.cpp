@@ -14,6 +14,7 @@ constexpr unsigned char enumeratedTag = 0x0a;
 constexpr unsigned char sequenceTag = 0x30;
 constexpr unsigned char setTag = 0x31;
 
+constexpr unsigned char requestNameTag = 0x80;
 constexpr unsigned char bindResponseTag = 0x61;
 constexpr unsigned char searchEntryTag = 0x64;
 constexpr unsigned char searchDoneTag = 0x65;
@@ -21,6 +22,7 @@ constexpr unsigned char extendedResponseTag = 0x78;
 constexpr unsigned char responseNameTag = 0x8a;
 
 char const noticeOfDisconnectionName[] = "1.3.6.1.4.1.1466.20036";
+char const startTlsName[] = "1.3.6.1.4.1.1466.20037";
 
 unsigned char byteAt(std::string const& bytes, std::size_t position)
 {
@@ -81,6 +83,15 @@ Header headerAt(std::string const& bytes, std::size_t position)
     return Header{2 + lengthBytes, length};
 }
 
+/// Removes the first element; returns its content.
+std::string takeElement(std::string& bytes)
+{
+    Header const header = headerAt(bytes, 0);
+    std::string const content = bytes.substr(header.bytes, header.contentLength);
+    bytes.erase(0, header.bytes + header.contentLength);
+    return content;
+}
+
 } // namespace
 
 std::string berElement(unsigned char tag, std::string const& content)
@@ -103,6 +114,24 @@ std::string bindResponse(int messageId, int code)
     return ldapMessage(messageId, ldapResult(bindResponseTag, code));
 }
 
+std::string bindResponse(int messageId, BindReply const& reply)
+{
+    constexpr unsigned char referralTag = 0xa3;
+    constexpr unsigned char controlsTag = 0xa0;
+    std::string result = number(enumeratedTag, reply.code) + octets("") + octets(reply.text);
+    std::string referrals;
+    for (std::string const& uri : reply.referrals) {
+        referrals += octets(uri);
+    }
+    std::string controls;
+    for (auto const& [identifier, value] : reply.controls) {
+        controls += berElement(sequenceTag, octets(identifier) + octets(value));
+    }
+    result += referrals.empty() ? "" : berElement(referralTag, referrals);
+    return ldapMessage(messageId, berElement(bindResponseTag, result) +
+                                      (controls.empty() ? "" : berElement(controlsTag, controls)));
+}
+
 std::string searchEntry(int messageId, std::string const& dn,
                         std::vector<Attribute> const& attributes)
 {
@@ -121,6 +150,20 @@ std::string searchEntry(int messageId, std::string const& dn,
 std::string searchDone(int messageId, int code)
 {
     return ldapMessage(messageId, ldapResult(searchDoneTag, code));
+}
+
+std::string startTlsRequest(int messageId)
+{
+    return ldapMessage(messageId,
+                       berElement(ExtendedRequest, berElement(requestNameTag, startTlsName)));
+}
+
+std::string startTlsResponse(int messageId, int code, std::string const& text)
+{
+    return ldapMessage(
+        messageId,
+        berElement(extendedResponseTag, number(enumeratedTag, code) + octets("") + octets(text) +
+                                            berElement(responseNameTag, startTlsName)));
 }
 
 std::string noticeOfDisconnection()
@@ -157,6 +200,20 @@ unsigned char operationOf(std::string const& message)
     std::size_t const position = headerAt(message, 0).bytes;
     Header const header = headerAt(message, position);
     return byteAt(message, position + header.bytes + header.contentLength);
+}
+
+BindContent bindContentOf(std::string const& message)
+{
+    std::string whole = message;
+    std::string content = takeElement(whole);
+    takeElement(content); // message id
+    std::string request = takeElement(content);
+    takeElement(request); // version
+    BindContent bind;
+    bind.dn = takeElement(request);
+    bind.password = takeElement(request);
+    bind.controls = content;
+    return bind;
 }
 
 } // namespace SolvaneTest

@@ -16,7 +16,8 @@ enum Operation : unsigned char {
     BindRequest = 0x60,
     UnbindRequest = 0x42,
     SearchRequest = 0x63,
-    AbandonRequest = 0x50
+    AbandonRequest = 0x50,
+    ExtendedRequest = 0x77
 };
 
 /// A BER element: tag, length, content.
@@ -25,9 +26,25 @@ std::string berElement(unsigned char tag, std::string const& content);
 std::string ldapMessage(int messageId, std::string const& operation);
 
 std::string bindResponse(int messageId, int code = 0);
+
+/// A control's object identifier and value.
+using Control = std::pair<std::string, std::string>;
+/// A bind response with all of its parts.
+struct BindReply {
+    int code = 0;
+    std::string text = {};
+    std::vector<std::string> referrals = {};
+    std::vector<Control> controls = {};
+};
+std::string bindResponse(int messageId, BindReply const& reply);
+
 std::string searchEntry(int messageId, std::string const& dn,
                         std::vector<Attribute> const& attributes);
 std::string searchDone(int messageId, int code = 0);
+/// A client's request for TLS on a plain connection (RFC 4511 section 4.14).
+std::string startTlsRequest(int messageId);
+/// A server's answer to it, with a diagnostic text.
+std::string startTlsResponse(int messageId, int code = 0, std::string const& text = std::string());
 /// A notice of disconnection (RFC 4511 section 4.4.1).
 std::string noticeOfDisconnection();
 /// The start of a message that claims to be 2 GB long.
@@ -36,6 +53,13 @@ std::string hugeMessageHeader();
 /// The header of a whole message.
 int messageIdOf(std::string const& message);
 unsigned char operationOf(std::string const& message);
+/// The content of a simple bind request.
+struct BindContent {
+    std::string dn;
+    std::string password;
+    std::string controls; ///< as sent
+};
+BindContent bindContentOf(std::string const& message);
 /// The length of the message at the start of `bytes`; 0 while it is unknown.
 std::size_t messageLength(std::string const& bytes);
 

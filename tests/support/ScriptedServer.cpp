@@ -14,6 +14,7 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/eventfd.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 namespace SolvaneTest {
@@ -166,6 +167,16 @@ bool ScriptedServer::Peer::startTls(ServerTls const& tls, std::size_t cutAfter)
     }
 }
 
+bool ScriptedServer::Peer::grantStartTls(ServerTls const& tls)
+{
+    std::string const request = receiveMessage();
+    if (request.empty()) {
+        return false;
+    }
+    send(startTlsResponse(messageIdOf(request)));
+    return startTls(tls);
+}
+
 bool ScriptedServer::Peer::isTlsResumed() const
 {
     return gnutls_session_is_resumed(m_tls->get()) != 0;
@@ -260,6 +271,13 @@ std::string ScriptedServer::Peer::receiveRest()
     while (receiveMore()) {
     }
     return std::exchange(m_pending, std::string());
+}
+
+std::size_t ScriptedServer::Peer::unreadBytes() const
+{
+    int count = 0;
+    checked(ioctl(m_socket.number(), FIONREAD, &count), "FIONREAD");
+    return m_pending.size() + static_cast<std::size_t>(count);
 }
 
 void ScriptedServer::Peer::discardSome()

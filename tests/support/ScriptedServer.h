@@ -81,6 +81,8 @@ public:
     /// @return false if the handshake failed
     bool startTls(ServerTls const& tls,
                   std::size_t cutAfter = std::numeric_limits<std::size_t>::max());
+    /// Receives a StartTLS request, grants it and does the same.
+    bool grantStartTls(ServerTls const& tls);
     /// Whether the client resumed an earlier TLS session.
     bool isTlsResumed() const;
     /// Sends additional TLS 1.3 tickets.
@@ -92,6 +94,8 @@ public:
 
     /// The next whole message; empty if the client or the test has ended.
     std::string receiveMessage();
+    /// Bytes that have arrived and were not received yet, without TLS.
+    std::size_t unreadBytes() const;
     /// Waits for bytes and keeps none of them in memory. Not with TLS.
     void discardSome();
     /// All bytes up to the end of the connection, or of the test.

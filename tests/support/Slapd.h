@@ -38,6 +38,10 @@ public:
     unsigned int tlsPort() const { return m_tlsPort; }
     pid_t pid() const { return m_pid; }
     std::string uri() const;
+    /// Path of its UNIX socket.
+    std::filesystem::path socketPath() const { return m_directory / "ldapi"; }
+    /// A file that testbed/mkcerts made.
+    std::filesystem::path tlsFile(char const* name) const { return m_directory / "tls" / name; }
     /// The certificate of the authority that signed the server's.
     std::filesystem::path caFile() const { return m_directory / "tls" / "ca.pem"; }
     /// The DER certificate that the data holds as userCertificate;binary.

@@ -13,7 +13,7 @@
 #include <vector>
 
 using namespace Solvane;
-using SolvaneTest::IsFault;
+using SolvaneTest::IsNullHandle;
 using SolvaneTest::thrownBy;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -412,12 +412,12 @@ TEST(ANullAttribute, ReportsTheOperationThatWasCalled)
     LDAPAttribute const& reader = null;
     BerValues values({"a"});
 
-    EXPECT_THAT(thrownBy([&] { reader.type(); }), IsFault("Attribute.cpp", 247, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.value("a"); }), IsFault("Attribute.cpp", 256, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.value(bufferOf("a")); }), IsFault("Attribute.cpp", 265, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.binaryValue(); }), IsFault("Attribute.cpp", 274, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.value(values.array()); }), IsFault("Attribute.cpp", 283, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.value(); }), IsFault("Attribute.cpp", 292, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.asString(','); }), IsFault("Attribute.cpp", 301, 1, 0));
+    EXPECT_THAT(thrownBy([&] { reader.type(); }), IsNullHandle("Attribute.cpp", 247));
+    EXPECT_THAT(thrownBy([&] { null.value("a"); }), IsNullHandle("Attribute.cpp", 256));
+    EXPECT_THAT(thrownBy([&] { null.value(bufferOf("a")); }), IsNullHandle("Attribute.cpp", 265));
+    EXPECT_THAT(thrownBy([&] { reader.binaryValue(); }), IsNullHandle("Attribute.cpp", 274));
+    EXPECT_THAT(thrownBy([&] { null.value(values.array()); }), IsNullHandle("Attribute.cpp", 283));
+    EXPECT_THAT(thrownBy([&] { reader.value(); }), IsNullHandle("Attribute.cpp", 292));
+    EXPECT_THAT(thrownBy([&] { reader.asString(','); }), IsNullHandle("Attribute.cpp", 301));
     EXPECT_TRUE(null.isNull());
 }

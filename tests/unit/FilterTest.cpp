@@ -198,9 +198,10 @@ TEST(InstantiatingATemplate, PassesTheExceptionOfAMalformedTemplateOn)
 
     auto const thrown = thrownBy([&] { LDAPUtil::instanceFilterTemplate(" cn=$x ", address); });
 
-    EXPECT_THAT(thrown, IsFault("Utility.cpp", 169, 2, 0));
-    EXPECT_EQ(thrown.stringParameter(),
-              "Invalid format specifier in LdapQuery definition: at pos 3 (x) :  cn=$x ");
+    EXPECT_THAT(
+        thrown,
+        IsFault("Utility.cpp", 169, 2, 0,
+                "Invalid format specifier in LdapQuery definition: at pos 3 (x) :  cn=$x "));
     EXPECT_FALSE(thrown.hasCause());
 }
 

@@ -35,6 +35,20 @@ ber_slen_t takeNothing(Sockbuf_IO_Desc*, void*, ber_len_t)
     return 0;
 }
 
+/// A call that a signal interrupts the first time, and that then does what `real` does.
+template <typename Real> auto interruptedOnce(Real real)
+{
+    return
+        [real, isInterrupted = false](auto... arguments) mutable -> decltype(real(arguments...)) {
+            if (!isInterrupted) {
+                isInterrupted = true;
+                errno = EINTR;
+                return -1;
+            }
+            return real(arguments...);
+        };
+}
+
 /// A connection that was let through.
 class AGuardedHandshake : public AGuard {
 protected:
@@ -86,15 +100,7 @@ TEST_F(AGuardedHandshake, HasOneDeadlineForAllItsReadsAndWrites)
 
 TEST_F(AGuardedHandshake, SurvivesAnInterruptedRead)
 {
-    bool interrupted = false;
-    openldap.recv = [&](int descriptor, void* bytes, size_t length, int flags) -> ssize_t {
-        if (!interrupted) {
-            interrupted = true;
-            errno = EINTR;
-            return -1;
-        }
-        return recv(descriptor, bytes, length, flags);
-    };
+    openldap.recv = interruptedOnce(::recv);
     connected.peerWrites("hello");
 
     EXPECT_EQ(connected.readInHandshake(), 5);
@@ -102,16 +108,10 @@ TEST_F(AGuardedHandshake, SurvivesAnInterruptedRead)
 
 TEST_F(AGuardedHandshake, SurvivesAnInterruptedWait)
 {
-    bool interrupted = false;
-    openldap.poll = [&](pollfd*, nfds_t, int) {
-        if (!interrupted) {
-            interrupted = true;
-            errno = EINTR;
-            return -1;
-        }
+    openldap.poll = interruptedOnce([&](pollfd*, nfds_t, int) {
         connected.peerWrites("late");
         return 1;
-    };
+    });
 
     EXPECT_EQ(connected.readInHandshake(), 4);
 }
@@ -233,15 +233,7 @@ TEST_F(AGuardedConnection, ReadsWhatIsThere)
 
 TEST_F(AGuardedConnection, SurvivesAnInterruptedWrite)
 {
-    bool interrupted = false;
-    openldap.send = [&](int descriptor, void const* bytes, size_t length, int flags) -> ssize_t {
-        if (!interrupted) {
-            interrupted = true;
-            errno = EINTR;
-            return -1;
-        }
-        return send(descriptor, bytes, length, flags);
-    };
+    openldap.send = interruptedOnce(::send);
 
     EXPECT_EQ(connected.write("hello"), 5);
     EXPECT_EQ(connected.peerReads(), "hello");

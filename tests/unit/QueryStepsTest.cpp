@@ -128,9 +128,7 @@ TEST_F(ABindingQuery, StaysInNeedOfABindWhenTheBindCannotBeSent)
     auto const query = newQuery(true);
     openldap.ldap_sasl_bind = [](auto...) { return LDAP_SERVER_DOWN; };
 
-    auto const thrown = thrownBy([&] { query->bind(); });
-
-    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
+    EXPECT_THAT(thrownBy([&] { query->bind(); }), IsFault("Connection.cpp", 241, 4, 1));
     EXPECT_EQ(query->state(), 0);
     EXPECT_EQ(query->m_errorMessage, "");
 }
@@ -141,9 +139,8 @@ TEST_F(ABindingQuery, StaysBindingWhenTheAnswerCannotBeTaken)
     query->m_state = 1;
     willReceive({bindResponse(LDAP_INVALID_CREDENTIALS)});
 
-    auto const thrown = thrownBy([&] { query->bindResponseHandler(); });
-
-    EXPECT_THAT(thrown, IsFault("Connection.cpp", 297, 4, 3));
+    EXPECT_THAT(thrownBy([&] { query->bindResponseHandler(); }),
+                IsFault("Connection.cpp", 297, 4, 3));
     EXPECT_EQ(query->state(), 1);
     EXPECT_EQ(query->m_errorMessage, "");
 }
@@ -165,9 +162,7 @@ TEST_F(ASearchingQuery, IsNotEvenReadyToSearchWhenItCannotBeSent)
     auto const query = newQuery();
     openldap.ldap_search_ext = [](auto...) { return LDAP_SERVER_DOWN; };
 
-    auto const thrown = thrownBy([&] { query->submitSearch(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
+    EXPECT_THAT(thrownBy([&] { query->submitSearch(); }), IsFault("Search.cpp", 270, 4, 4));
     EXPECT_EQ(query->state(), 3);
     EXPECT_EQ(query->m_errorMessage, "");
 }
@@ -214,9 +209,8 @@ TEST_F(ASearchingQuery, PassesOnWhatItsWaitThrows)
     query->submitSearch();
     openldap.ldap_result = [](auto...) { return LDAP_SERVER_DOWN; };
 
-    auto const thrown = thrownBy([&] { query->searchResponseHandler(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_THAT(thrownBy([&] { query->searchResponseHandler(); }),
+                IsFault("Search.cpp", 332, 4, 4));
     EXPECT_EQ(query->state(), 4);
     EXPECT_EQ(query->m_errorMessage, "");
 }

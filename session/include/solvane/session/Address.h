@@ -49,6 +49,10 @@ private:
 
 /// The URI of a server with the host as the user named it: "ldaps://ldap.example.com:636".
 SOLVANE_LOOKUP_EXPORT std::string uriOf(bool secure, std::string const& host, unsigned int port);
+/// The URI of a UNIX socket, as OpenLDAP writes it: "ldapi://%2Frun%2Fslapd%2Fldapi".
+SOLVANE_LOOKUP_EXPORT std::string uriOf(std::string const& socketPath);
+/// Why no socket can have this path, as "is not absolute"; empty if one can.
+SOLVANE_LOOKUP_EXPORT std::string faultInSocketPath(std::string const& path);
 
 } // namespace Solvane::Lookup
 
