@@ -465,9 +465,9 @@ TEST_F(SessionByGssapi, SendsAndReceivesMoreThanAPacketHolds)
 TEST(GssapiPlugin, IsNamedWhenItIsMissing)
 {
     if (std::getenv("SASL_PATH") == nullptr) {
-        auto const outcome = run({"env", "SASL_PATH=/nonexistent",
-                                  std::filesystem::read_symlink("/proc/self/exe"),
-                                  "--gtest_filter=GssapiPlugin.*"});
+        auto const outcome =
+            run({"env", "SASL_PATH=/nonexistent", std::filesystem::read_symlink("/proc/self/exe"),
+                 "--gtest_filter=GssapiPlugin.*"});
         EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
         return;
     }
