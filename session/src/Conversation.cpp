@@ -93,6 +93,16 @@ int Conversation::bind(std::string const& dn, std::string const& password, int& 
     return sent(code, id);
 }
 
+int Conversation::bindExternally(std::string const& authorizationId, int& id)
+{
+    // Without an authorization id, its bytes are empty, but they are there: a server that gets none
+    // may ask for them (RFC 4422 section A).
+    berval const initial = {authorizationId.size(), const_cast<char*>(authorizationId.data())};
+    int const code = ldap_sasl_bind(m_handle, nullptr, "EXTERNAL", const_cast<berval*>(&initial),
+                                    nullptr, nullptr, &id);
+    return sent(code, id);
+}
+
 int Conversation::whoAmI(int& id)
 {
     int const code = ldap_whoami(m_handle, nullptr, nullptr, &id);

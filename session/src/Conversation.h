@@ -32,6 +32,9 @@ public:
 
     int startTls(int& id);
     int bind(std::string const& dn, std::string const& password, int& id);
+    /// SASL EXTERNAL (RFC 4422 appendix A).
+    /// @param authorizationId  empty: the server's choice
+    int bindExternally(std::string const& authorizationId, int& id);
     int whoAmI(int& id);
     int search(SearchRequest const& request, std::string const& filter, int& id);
     /// Reads the root DSE without attributes. Every server answers this, so it proves that it is

@@ -84,6 +84,9 @@ private:
     bool sendTlsRequest();
     bool startHandshake();
     bool startBind();
+    bool startSimpleBind();
+    bool startExternalBind();
+    bool wasSent(int code);
     bool startIdentify();
 
     Progress awaitAnswer(Message& answer);

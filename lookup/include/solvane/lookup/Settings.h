@@ -94,6 +94,9 @@ struct Settings {
     /// Looks up a non-ASCII domain also in its ASCII form (RFC 5891), and one in ASCII form also in
     /// Unicode.
     bool asciiDomains = true;
+
+    /// Whether connections send no bind.
+    bool isAnonymous() const { return Lookup::isAnonymous(mechanism, bindDn); }
 };
 
 /// Validates settings without contacting a server. Thread-safe.
