@@ -114,7 +114,11 @@ def first_line(*command):
 
 
 def debian_version(package):
-    return first_line("dpkg-query", "-W", "-f=${Version}", package)
+    """Empty if the package is not installed."""
+    command = ["dpkg-query", "-W", "-f=${Version}", package]
+    return subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, check=False
+    ).stdout
 
 
 def machine():

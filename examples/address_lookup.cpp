@@ -2,7 +2,7 @@
 //
 //   LDAP_PASSWORD=... address_lookup HOST PORT BIND-DN BASE ADDRESS...
 //
-// Exit status: 0 all delivered, 1 one rejected, 75 one deferred, 78 a setting is wrong.
+// Exit status: 0 all delivered, 1 at least one rejected, 75 at least one deferred, 78 a setting is wrong.
 #include <solvane/lookup.h>
 
 #include <algorithm>
@@ -20,8 +20,7 @@ LDAPLookup::Settings settingsFrom(char** arguments)
 {
     char const* const password = std::getenv("LDAP_PASSWORD");
     LDAPLookup::Settings settings;
-    settings.servers
-        .emplace_back(); // a site with several servers lists all, the preferred one first
+    settings.servers.emplace_back(); // several servers: in order of preference
     settings.servers.back().host = arguments[1];
     settings.servers.back().port = static_cast<unsigned int>(std::atoi(arguments[2]));
     settings.bindDn = arguments[3];

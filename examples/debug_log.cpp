@@ -28,7 +28,7 @@ int main(int argc, char** argv)
             Solvane::LDAPConnection connection(server, true);
             connection.bind("", "", Solvane::LDAPConnection::Asynchronous);
             connection.bindWait(timeoutSeconds);
-        } // end the session first: it keeps the level of liblber from when it was created
+        } // destroy the connection first: it keeps the level of liblber with which it was created
         int const off = log.level(0, 0);
         std::cout << "switched on: " << on << ", switched off: " << off << '\n';
         return on == 0 && off == 0 ? 0 : 1;

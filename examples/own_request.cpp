@@ -59,7 +59,7 @@ public:
     void cancel() override {}
 
 private:
-    /// The session, which may have ended: OpenLDAP crashes when it is called with none.
+    /// The session. OpenLDAP crashes on a null one, which an unbound connection has.
     LDAP* session()
     {
         LDAP* const living = m_connection.impl()->session();

@@ -62,7 +62,11 @@ std::string uidOf(Solvane::LDAPConnectionCache& pool, Directory const& directory
     parameter.attributes = {std::string("uid")};
     Solvane::LDAPSearch search(borrowed.connection(), parameter);
     search.send();
-    if (search.wait(timeoutSeconds) || search.result().searchResultEntries().size() != 1) {
+    if (search.wait(timeoutSeconds)) {
+        borrowed.connection().unbind(); // the answer may still arrive: the pool drops it
+        return std::string();
+    }
+    if (search.result().searchResultEntries().size() != 1) {
         return std::string();
     }
     Solvane::LDAPSearchResultEntry const& entry = search.result().searchResultEntries().front();

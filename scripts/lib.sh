@@ -9,10 +9,11 @@ export PATH
 
 # Debian packages, by purpose.
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
-    libgnutls28-dev libc-ares-dev libidn2-dev libcli11-dev libfmt-dev rapidjson-dev)
+    libgnutls28-dev libc-ares-dev libidn2-dev libsasl2-dev libcli11-dev libfmt-dev rapidjson-dev)
 packages_demo=(ca-certificates)
 packages_directory=(slapd ldap-utils openssl python3 procps)
-packages_test=(libgtest-dev libgmock-dev locales gdb)
+packages_test=(libgtest-dev libgmock-dev locales gdb krb5-kdc krb5-admin-server krb5-user
+    libsasl2-modules-gssapi-mit)
 packages_clang=(clang libclang-rt-dev)
 packages_lint=(clang-format clang-tidy clang cppcheck shellcheck codespell similarity-tester git
     black flake8 python3-pep8-naming)
@@ -22,7 +23,7 @@ packages_package=(dpkg-dev file)
 packages_package_check=(lintian)
 packages_debian=(mmdebstrap python3)
 packages_abi=(abigail-tools)
-packages_bench=(libbenchmark-dev postfix postfix-ldap python3-ldap libnet-ldap-perl perl)
+packages_bench=(libbenchmark-dev postfix postfix-ldap python3-ldap python3-matplotlib libnet-ldap-perl perl)
 packages_389=(389-ds-base libnss3-tools)
 packages_samba=(samba-ad-dc samba-ad-provision)
 packages_cluster=(haproxy)

@@ -67,16 +67,6 @@ constexpr TraceSite brokenPipe             { traceUnit,  477, "isValid",        
 } // namespace at
 // clang-format on
 
-/// Initialises OpenLDAP's TLS library. OpenLDAP itself does it at the first handshake, without a lock.
-/// Called with processDefaults() held.
-void initializeTls()
-{
-    static bool isInitialized = false;
-    if (!isInitialized) {
-        isInitialized = ldap_pvt_tls_init(0) == 0; // with 0, as OpenLDAP does
-    }
-}
-
 /// Writes a message for the operator; number 6 of the catalogue is plain text.
 void log(std::string const& text)
 {

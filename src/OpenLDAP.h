@@ -12,6 +12,7 @@
 // Exported by libldap, but declared in no installed header.
 extern "C" int ldap_pvt_tls_set_option(LDAP* session, int option, void* value);
 extern "C" int ldap_pvt_tls_init(int threads);
+extern "C" void ldap_pvt_tls_ctx_free(void* context);
 
 namespace Solvane {
 

@@ -1,5 +1,7 @@
-// The one mutex, and its handlers at a fork.
+// The one mutex, its handlers at a fork, and what is initialised under it.
 #include "ProcessDefaults.h"
+
+#include "OpenLDAP.h"
 
 #include <pthread.h>
 
@@ -17,5 +19,13 @@ void unlock() { g_mutex.unlock(); }
 } // namespace
 
 std::mutex& processDefaults() { return g_mutex; }
+
+void initializeTls()
+{
+    static bool isInitialized = false;
+    if (!isInitialized) {
+        isInitialized = ldap_pvt_tls_init(0) == 0; // with 0, as OpenLDAP does
+    }
+}
 
 } // namespace Solvane

@@ -13,6 +13,10 @@ namespace Solvane {
 /// in a child process, and usable during static destruction.
 SOLVANE_LDAP_EXPORT std::mutex& processDefaults();
 
+/// Initialises OpenLDAP's TLS library. OpenLDAP itself does it at the first handshake, without a lock.
+/// Called with processDefaults() held.
+void initializeTls();
+
 } // namespace Solvane
 
 #endif

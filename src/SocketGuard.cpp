@@ -20,8 +20,8 @@ namespace {
 
 /// Next to the socket, below any layer of a caller's callback. All layers below are OpenLDAP's.
 constexpr int socketLevel = LBER_SBIOD_LEVEL_PROVIDER + 1;
-/// Above TLS, below OpenLDAP's debug layer for messages.
-constexpr int messageLevel = LBER_SBIOD_LEVEL_APPLICATION;
+/// Above TLS and SASL, below OpenLDAP's debug layer for messages.
+constexpr int messageLevel = LBER_SBIOD_LEVEL_APPLICATION + 1;
 
 SocketGuard& guardOf(Sockbuf_IO_Desc* layer)
 {
@@ -143,8 +143,8 @@ SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
                          unsigned long maximumMessageBytes)
     : m_callback{connected, disconnected, this}, m_networkTimeout(networkTimeout),
       m_maximumMessageBytes(maximumMessageBytes), m_connectsItself(true), m_isBinding(false),
-      m_socket(nullptr), m_process(currentProcess()), m_error(0), m_hasSent(false),
-      m_isInMessage(false), m_emptyReads(0), m_unheeded(0)
+      m_connectsNoMore(false), m_socket(nullptr), m_process(currentProcess()), m_error(0),
+      m_hasSent(false), m_isInMessage(false), m_emptyReads(0), m_unheeded(0)
 {
 }
 
@@ -153,7 +153,8 @@ SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
 int SocketGuard::connected(LDAP*, Sockbuf* socket, LDAPURLDesc*, sockaddr*, ldap_conncb* callback)
 {
     SocketGuard& guard = *static_cast<SocketGuard*>(callback->lc_arg);
-    bool const mayConnect = guard.m_connectsItself || guard.m_isBinding;
+    bool const mayConnect =
+        !guard.m_connectsNoMore && (guard.m_connectsItself || guard.m_isBinding);
     if (mayConnect && guard.takeOver(socket)) {
         return 0;
     }
@@ -188,6 +189,8 @@ bool SocketGuard::takeOver(Sockbuf* socket)
 }
 
 bool SocketGuard::isUsable() const { return m_error == 0 && m_process == currentProcess(); }
+
+void SocketGuard::end() { endWith(ECONNABORTED); }
 
 /// Returns -1, with errno set to the first error that ended the connection.
 ber_slen_t SocketGuard::endWith(int error)

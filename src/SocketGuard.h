@@ -12,10 +12,13 @@
 namespace Solvane {
 
 /// Two layers on the socket of a session: one next to the socket, which reads and writes in
-/// OpenLDAP's place, and one above TLS, where LDAP messages pass.
+/// OpenLDAP's place, and one above TLS and SASL, where LDAP messages pass.
 ///
 /// - A session that was given to a bind connects only within a bind: OpenLDAP would silently
 ///   connect again, without the bind, and let its operations run anonymously.
+/// - A session that was given to StartTLS or to a SASL bind connects only within the first step of
+///   that: later a bind would send its password in plain text, and the layers of SASL would stay on
+///   the new connection.
 /// - Reads never block: a peer that sends half a message and stops leaves the waiting to
 ///   `ldap_result`, which keeps its timeout.
 /// - A TLS handshake ends when the network timeout is over, also one that the peer asks for later:
@@ -51,6 +54,8 @@ public:
 
     /// False where the connection was ended, and in a child of the process that connected.
     bool isUsable() const;
+    /// Ends the connection. Nothing is written any more, not even an unbind.
+    void end();
 
     /// During its lifetime, the session may connect; afterwards it counts as bound.
     class BindScope : public NonCopyable {
@@ -64,6 +69,17 @@ public:
 
     private:
         SocketGuard& m_guard;
+    };
+
+    /// During its lifetime, the session may connect; afterwards never again.
+    class LastConnectScope : public NonCopyable {
+    public:
+        explicit LastConnectScope(SocketGuard& guard) : m_guard(guard), m_bind(guard) {}
+        ~LastConnectScope() { m_guard.m_connectsNoMore = true; }
+
+    private:
+        SocketGuard& m_guard;
+        BindScope m_bind;
     };
 
 private:
@@ -102,6 +118,7 @@ private:
     ber_len_t m_maximumMessageBytes;
     bool m_connectsItself; // outside of binds
     bool m_isBinding;
+    bool m_connectsNoMore; // not even within a bind
     // Of the current connection; a session without referral chasing has one at a time.
     Sockbuf* m_socket;       // null without one
     unsigned long m_process; // that connected, or is to

@@ -1,7 +1,9 @@
 // The "check" command: settings and template first, then each server.
 #include "Commands.h"
 
+#include "AttributeNames.h"
 #include "CheckReport.h"
+#include "ClientCertificate.h"
 #include "Failure.h"
 #include "Secret.h"
 #include "ServerCheck.h"
@@ -9,8 +11,12 @@
 #include "Template.h"
 #include "Text.h"
 
+#include <solvane/ldap/LDAPException.h>
+
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
+
+#include <algorithm>
 
 namespace Solvane::Tool {
 
@@ -20,10 +26,11 @@ constexpr unsigned int mostRepeats = 100000;
 
 constexpr char footer[] =
     "Each step prints a line: ok, warning, FAILED, or '-' if it was skipped; its time; and\n"
-    "the result, or the cause and the remedy. Steps: settings and template, then for each\n"
-    "server resolution, TCP, TLS (version, certificate, name, chain), bind, who am I, root\n"
-    "DSE, base, references below it, a lookup of the address, a second one on the same\n"
-    "connection, latencies. A domain has the step SRV before those of its servers.\n\n"
+    "the result, or the cause and the remedy. Steps: settings, template and client\n"
+    "certificate, then for each server resolution, TCP or socket, StartTLS, TLS (version,\n"
+    "certificate, name, chain), bind or SASL, who am I, root DSE, base, references below it,\n"
+    "schema, a lookup of the address, a second one on the same connection, latencies. A\n"
+    "domain has the step SRV before those of its servers.\n\n"
     "Exit status, the worst of all steps:\n"
     "   0  all passed, with or without warnings\n"
     "   1  no entry for the address of --probe\n"
@@ -41,8 +48,7 @@ std::string described(LDAPLookup::Settings const& settings)
 {
     return fmt::format("{} server{}, {}, network timeout {} s, deadline {} s",
                        settings.servers.size(), settings.servers.size() == 1 ? "" : "s",
-                       settings.bindDn.empty() ? "anonymous" : "as " + settings.bindDn,
-                       settings.networkTimeout,
+                       identityIn(settings), settings.networkTimeout,
                        static_cast<double>(settings.deadline.count()) / 1000);
 }
 
@@ -66,6 +72,28 @@ bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& repo
         report.passed("template", queryTemplate.text(), watch.milliseconds());
     }
     return isUsable;
+}
+
+/// The attributes of the template's filter, if it makes one, and of the list to return; each once.
+std::vector<std::string> attributesOf(Draft const& draft)
+{
+    std::vector<std::string> names;
+    if (hasTemplate(draft)) {
+        try {
+            names = attributesInFilter(templateOf(draft).expand(EmailAddress("user@example.com")));
+        } catch (LDAPException const&) { // the step "template" tells of it
+        }
+    }
+    for (std::string const& selector : draft.lookup.attributes) {
+        names.push_back(attributeNameOf(selector));
+    }
+    std::vector<std::string> unique;
+    for (std::string const& name : names) {
+        if (!name.empty() && std::find(unique.begin(), unique.end(), name) == unique.end()) {
+            unique.push_back(name);
+        }
+    }
+    return unique;
 }
 
 /// Expands a row of the server list into servers. A domain reports the step SRV; if it has no
@@ -142,10 +170,11 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
     Secret password;
     Draft draft = common.draft();
     m_settings.applyTo(draft);
+    completeBase(draft);
     LDAPLookup::Settings settings = common.settings(draft, password);
     report.passed("settings", described(settings), watch.milliseconds());
 
-    Probe probe = {m_probe, m_repeat, std::string()};
+    Probe probe = {m_probe, m_repeat, std::string(), {}};
     if (!hasTemplate(draft)) {
         report.skipped("template", "no template given (-t)");
     } else if (!checkTemplate(templateOf(draft), report)) {
@@ -155,6 +184,11 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
         probe.obstacle = "no address given (--probe)";
     } else if (!hasTemplate(draft) || settings.base.empty()) {
         probe.obstacle = "a lookup needs a base (-b) and a template (-t)";
+    }
+    probe.attributes = attributesOf(draft);
+    auto const usesTls = [](LDAPLookup::Server const& server) { return server.usesTls(); };
+    if (std::any_of(settings.servers.begin(), settings.servers.end(), usesTls)) {
+        checkClientCertificate(settings.tls, report);
     }
     for (LDAPLookup::Server const& listed : settings.servers) {
         for (LDAPLookup::Server const& server : resolved(listed, settings, report)) {

@@ -139,7 +139,8 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     LookupCommand lookup;
     AddCommand add;
     CheckCommand check;
-    std::array<Command*, 4> const commands = {&expand, &lookup, &add, &check};
+    VerifyCommand verify;
+    std::array<Command*, 5> const commands = {&expand, &lookup, &verify, &add, &check};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");
@@ -161,14 +162,15 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     } catch (CLI::ParseError const& error) {
         throw usageFailure(app, error);
     }
-    diagnostics.level(common.level());
-    common.debugOpenLDAP(diagnostics);
-    for (Command* const command : commands) {
-        if (app.got_subcommand(command->name())) {
-            return command->run(common, output, diagnostics);
-        }
+    auto* const* const chosen =
+        std::find_if(commands.begin(), commands.end(),
+                     [&](Command* command) { return app.got_subcommand(command->name()); });
+    if (chosen == commands.end()) {
+        return exitStatusOf(Outcome::internal);
     }
-    return exitStatusOf(Outcome::internal);
+    diagnostics.level(common.level());
+    common.debugOpenLDAP(diagnostics, (*chosen)->sendsPassword());
+    return (*chosen)->run(common, output, diagnostics);
 }
 
 } // namespace Solvane::Tool

@@ -9,6 +9,7 @@
 
 #include <solvane/lookup/QueryTemplate.h>
 
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -20,6 +21,7 @@ namespace Solvane::Tool {
 
 class CheckReport;
 class CommonOptions;
+class RecordWriter;
 
 /// Declares its options, and runs once they are read.
 class Command {
@@ -32,6 +34,8 @@ public:
     virtual char const* name() const = 0;
     virtual char const* description() const = 0;
     virtual void declareOn(CLI::App& app) = 0;
+    /// Whether it sends a password besides that of the common options.
+    virtual bool sendsPassword() const { return false; }
 
     /// @param common  the options that all subcommands share; the level of `diagnostics` is theirs
     /// @return exit status of the process: `exitStatusOf` the worst outcome, unless the user asked
@@ -116,13 +120,35 @@ public:
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
-    LDAPLookup::Settings settings(CommonOptions const& common, Secret& password) const;
+    std::unique_ptr<RecordWriter> writer(CommonOptions const& common) const;
 
     SettingOptions m_settings;
     KeyOptions m_keys;
+    int m_ldifLeaves = 0;                 ///< number of L's; 0: --format decides
     std::optional<unsigned int> m_noUser; ///< exit status instead of "not found"
     bool m_isSingle = false;              ///< more than one entry for a key is an error
     bool m_goesOn = false;                ///< asked for, and done anyway
+};
+
+/// "verify": whether the password of an address is right.
+class VerifyCommand final : public Command {
+public:
+    char const* name() const override { return "verify"; }
+    char const* description() const override
+    {
+        return "Verify the password of an address by a bind as its entry";
+    }
+    void declareOn(CLI::App& app) override;
+    bool sendsPassword() const override { return true; }
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    void readPassword(Secret& password) const;
+
+    SettingOptions m_settings;
+    std::string m_key;
+    std::optional<std::string> m_file; ///< with the user's password
+    std::optional<int> m_descriptor;   ///< likewise
 };
 
 } // namespace Solvane::Tool

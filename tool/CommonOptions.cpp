@@ -3,6 +3,7 @@
 
 #include "Failure.h"
 #include "OpenLDAP.h"
+#include "OpenLDAPDefaults.h"
 #include "OptionValues.h"
 #include "RecordWriter.h"
 #include "Text.h"
@@ -40,6 +41,14 @@ int debugLevelIn(std::string const& text)
 {
     return static_cast<int>(text == "any" || text == "-1" ? everyLevel
                                                           : numberIn(text, 0, everyLevel));
+}
+
+/// The servers of OpenLDAP's configuration.
+std::vector<LDAPLookup::Server> configuredServers(Draft const& draft)
+{
+    Draft configured = draft;
+    configured.hosts = configuredUris();
+    return explainedBy("LDAPURI", Outcome::configuration, [&] { return configured.serverList(); });
 }
 
 /// CLI11 passes "true" for a flag without a value.
@@ -123,8 +132,13 @@ LDAPLookup::Settings CommonOptions::settings(Draft const& draft, Secret& passwor
     LDAPLookup::Settings settings = draft.lookup;
     settings.servers = draft.serverList();
     if (settings.servers.empty()) {
-        refuse("no server given", "add -H URI, or set server_host in the settings file (-C)");
+        settings.servers = configuredServers(draft);
     }
+    if (settings.servers.empty()) {
+        refuse("no server given",
+               "add -H URI, or set server_host in the settings file (-C), or LDAPURI");
+    }
+    completeIdentity(settings);
     if (!settings.bindDn.empty()) {
         readPassword(password, settings.bindDn);
         settings.password = password.text();
@@ -133,6 +147,28 @@ LDAPLookup::Settings CommonOptions::settings(Draft const& draft, Secret& passwor
                "add -D DN, or set bind_dn in the settings file (-C)");
     }
     return settings;
+}
+
+/// Drops what does not apply to the kind of bind. An option counts more than the settings file; two
+/// of the same place contradict each other.
+void CommonOptions::completeIdentity(LDAPLookup::Settings& settings) const
+{
+    if (settings.mechanism == Lookup::Mechanism::simple) {
+        if (!settings.authorizationId.empty()) {
+            throw Failure(m_settings.has("sasl_authz_id") ? Outcome::usage : Outcome::configuration,
+                          "an identity to act as (-X, sasl_authz_id) needs a SASL bind",
+                          "add -Y external or -Y gssapi");
+        }
+        return;
+    }
+    bool const isOption = m_settings.has("sasl_mechanism");
+    bool const hasOption = m_settings.has("bind_dn") || namesPassword();
+    if (hasOption || (!isOption && !settings.bindDn.empty())) {
+        throw Failure(isOption || hasOption ? Outcome::usage : Outcome::configuration,
+                      "a SASL bind (-Y, sasl_mechanism) has no DN and no password",
+                      "omit them, or add -x for a simple bind");
+    }
+    settings.bindDn.clear();
 }
 
 void CommonOptions::readPassword(Secret& password, std::string const& dn) const
@@ -178,13 +214,13 @@ Stats CommonOptions::stats() const
 
 bool CommonOptions::readsStandardInput() const { return m_passwordDescriptor == STDIN_FILENO; }
 
-void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics) const
+void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics, bool sendsPassword) const
 {
     if (!m_debugLevel) {
         return;
     }
     int level = *m_debugLevel;
-    bool const mayReveal = namesPassword() || !file().password().isEmpty();
+    bool const mayReveal = sendsPassword || namesPassword() || !file().password().isEmpty();
     if (mayReveal && (level & revealingLevels) != 0) {
         level &= ~revealingLevels;
         diagnostics.error(
@@ -194,10 +230,24 @@ void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics) const
     ldap_set_option(nullptr, LDAP_OPT_DEBUG_LEVEL, &level);
 }
 
-void requireBase(Draft const& draft)
+void completeBase(Draft& draft)
 {
+    if (draft.has("search_base")) {
+        return;
+    }
+    if (std::string const base = configuredBase(); !base.empty()) {
+        draft.lookup.base =
+            explainedBy("LDAPBASE", Outcome::configuration, [&] { return dnIn(base); });
+        draft.given.insert("search_base");
+    }
+}
+
+void requireBase(Draft& draft)
+{
+    completeBase(draft);
     if (!draft.has("search_base")) {
-        refuse("no search base given", "add -b BASE, or set search_base in the settings file (-C)");
+        refuse("no search base given",
+               "add -b BASE, or set search_base in the settings file (-C), or LDAPBASE");
     }
 }
 

@@ -3,10 +3,8 @@
 
 #include "Failure.h"
 #include "LookupRun.h"
+#include "LookupSettings.h"
 #include "OptionValues.h"
-#include "Template.h"
-
-#include <solvane/ldap/LDAPException.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
@@ -33,15 +31,6 @@ constexpr char footer[] =
     "  78  base missing, or an unusable setting, file or password\n"
     "Precedence, worst first: 64, 78, 77, 75, 69, 65, 1, 0.";
 
-std::unique_ptr<LDAPLookup> makeLookup(LDAPLookup::Settings const& settings)
-{
-    try {
-        return std::make_unique<LDAPLookup>(settings);
-    } catch (LDAPException const& fault) {
-        throw Failure(Outcome::configuration, fault.stringParameter(), "correct the settings");
-    }
-}
-
 } // namespace
 
 void LookupCommand::declareOn(CLI::App& app)
@@ -53,19 +42,24 @@ void LookupCommand::declareOn(CLI::App& app)
     addValue(app, "--nouser", m_noUser, numberBetween(1, 125), "STATUS",
              "Exit status instead of 1, for example 67 for mail servers");
     app.add_flag("-c,--continue", m_goesOn, "Continue after an error; always on");
+    app.add_flag("-L", m_ldifLeaves,
+                 "Format ldif; -LL: without comments, also those for addresses that are not found; "
+                 "-LLL: without the version, too");
     m_keys.declareOn(app);
     app.footer(footer);
 }
 
-LDAPLookup::Settings LookupCommand::settings(CommonOptions const& common, Secret& password) const
+std::unique_ptr<RecordWriter> LookupCommand::writer(CommonOptions const& common) const
 {
-    Draft draft = common.draft();
-    m_settings.applyTo(draft);
-    requireBase(draft);
-    auto const queryTemplate = templateOf(draft);
-    LDAPLookup::Settings settings = common.settings(draft, password);
-    requireSound(queryTemplate);
-    return settings;
+    if (m_ldifLeaves == 0) {
+        return makeRecordWriter(common.format(), common.recordEnd());
+    }
+    if (common.format() != "text" && common.format() != "ldif") { // text is the default
+        throw Failure(Outcome::usage,
+                      fmt::format("-L and --format {} contradict each other", common.format()),
+                      "remove one of them");
+    }
+    return makeLdifWriter(common.recordEnd(), m_ldifLeaves);
 }
 
 int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
@@ -77,8 +71,8 @@ int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     }
     m_keys.separator(common.recordEnd());
     Secret password;
-    auto const lookup = makeLookup(settings(common, password));
-    LookupRun run(*lookup, common, m_isSingle, output, diagnostics);
+    auto const lookup = makeLookup(common, m_settings, password);
+    LookupRun run(*lookup, common, writer(common), m_isSingle, output, diagnostics);
     Outcome const worst = run.over(m_keys);
     run.printStatistics(common.stats());
     if (worst == Outcome::notFound && m_noUser) {

@@ -27,11 +27,11 @@ void refuseSeveral(Record& record)
 
 } // namespace
 
-LookupRun::LookupRun(LDAPLookup& lookup, CommonOptions const& common, bool single, Output& output,
+LookupRun::LookupRun(LDAPLookup& lookup, CommonOptions const& common,
+                     std::unique_ptr<RecordWriter> writer, bool single, Output& output,
                      Diagnostics& diagnostics)
     : m_lookup(lookup), m_isSingle(single), m_countsTimes(common.stats() != Stats::none),
-      m_output(output), m_diagnostics(diagnostics),
-      m_writer(makeRecordWriter(common.format(), common.recordEnd())),
+      m_output(output), m_diagnostics(diagnostics), m_writer(std::move(writer)),
       m_start(std::chrono::steady_clock::now())
 {
 }

@@ -21,8 +21,8 @@ namespace Solvane::Tool {
 class LookupRun {
 public:
     /// @param single  more than one entry for a key is an error
-    LookupRun(LDAPLookup& lookup, CommonOptions const& common, bool single, Output& output,
-              Diagnostics& diagnostics);
+    LookupRun(LDAPLookup& lookup, CommonOptions const& common, std::unique_ptr<RecordWriter> writer,
+              bool single, Output& output, Diagnostics& diagnostics);
 
     /// Looks up every key and writes one record for each.
     /// @return the worst outcome

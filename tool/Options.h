@@ -42,8 +42,9 @@ public:
     Draft draft() const;
     /// The engine's settings: the draft, its servers and the password of its DN.
     /// @param password  receives the password, from the source that the options or the file name
-    /// @throws Failure  "usage": no server, a DN without a password, or a password without a DN;
-    ///                  "configuration": the password cannot be read
+    /// @throws Failure  "usage": no server, a DN without a password, a password without a DN, or a
+    ///                  SASL bind with either; "configuration": the password cannot be read, or the
+    ///                  file contradicts itself
     LDAPLookup::Settings settings(Draft const& draft, Secret& password) const;
 
     Diagnostics::Level level() const;
@@ -56,12 +57,14 @@ public:
     bool readsStandardInput() const;
 
     /// Enables OpenLDAP's debug output (-d), except levels that would print a password.
-    void debugOpenLDAP(Diagnostics const& diagnostics) const;
+    /// @param sendsPassword  the command sends one besides that of the bind
+    void debugOpenLDAP(Diagnostics const& diagnostics, bool sendsPassword) const;
 
 private:
     void declareIdentityOn(CLI::App& app);
     void declareDiagnosticsOn(CLI::App& app);
     void declareOutputOn(CLI::App& app);
+    void completeIdentity(LDAPLookup::Settings& settings) const;
     void readPassword(Secret& password, std::string const& dn) const;
     bool namesPassword() const;
 
@@ -79,8 +82,12 @@ private:
     mutable std::unique_ptr<SettingsFile> m_file;
 };
 
-/// @throws Failure  "usage": the settings have no search base
-void requireBase(Draft const& draft);
+/// Without a search base, takes that of OpenLDAP's configuration, if there is one.
+/// @throws Failure  "configuration": it is invalid
+void completeBase(Draft& draft);
+/// The same.
+/// @throws Failure  also "usage": there is no search base
+void requireBase(Draft& draft);
 
 /// The keys: arguments, or the lines of a file. Not thread-safe.
 class KeyOptions {

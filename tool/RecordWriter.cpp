@@ -169,16 +169,20 @@ private:
 /// What a directory can load.
 class LdifWriter final : public RecordWriter {
 public:
-    using RecordWriter::RecordWriter;
+    explicit LdifWriter(char recordEnd, int leaves = 1) : RecordWriter(recordEnd), m_leaves(leaves)
+    {
+    }
 
-    std::string opening() const override { return "version: 1\n\n"; }
+    std::string opening() const override { return m_leaves < 3 ? "version: 1\n\n" : ""; }
 
 private:
     void append(Record const& record, std::string& out) const override
     {
-        out += "# ";
-        appendSummary(record, out);
-        out += '\n';
+        if (m_leaves < 2) {
+            out += "# ";
+            appendSummary(record, out);
+            out += '\n';
+        }
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
             appendLdif(out, "dn", entry.entryName());
             for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
@@ -192,6 +196,8 @@ private:
             out += '\n';
         }
     }
+
+    int m_leaves;
 };
 
 template <typename Writer> std::unique_ptr<RecordWriter> make(char recordEnd)
@@ -228,6 +234,11 @@ std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char r
         std::find_if(writers.begin(), writers.end(),
                      [&](auto const& candidate) { return candidate.first == format; });
     return chosen->second(recordEnd);
+}
+
+std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves)
+{
+    return std::make_unique<LdifWriter>(recordEnd, leaves);
 }
 
 } // namespace Solvane::Tool

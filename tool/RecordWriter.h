@@ -44,12 +44,15 @@ public:
     /// Appends a record to `out`.
     void write(Record const& record, std::string& out) const
     {
+        std::size_t const before = out.size();
         append(record, out);
-        out.back() = m_recordEnd;
+        if (out.size() != before) {
+            out.back() = m_recordEnd;
+        }
     }
 
 private:
-    /// Appends a record that ends with a newline.
+    /// Appends a record that ends with a newline, or nothing.
     virtual void append(Record const& record, std::string& out) const = 0;
 
     char m_recordEnd;
@@ -64,6 +67,9 @@ std::vector<std::string> const& recordFormats();
 ///                   directories, content records (RFC 2849) with a comment line for each key
 /// @param recordEnd  newline or NUL
 std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char recordEnd);
+/// The one of "ldif", with less besides the entries.
+/// @param leaves  as the number of L's of ldapsearch: 2 leaves out comments, 3 also the version
+std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves);
 /// The one of "json".
 std::unique_ptr<RecordWriter> makeJsonWriter(char recordEnd);
 

@@ -28,7 +28,7 @@ void writeTo(int terminal, std::string const& text)
 
 } // namespace
 
-Secret::Secret() { m_text.reserve(longest); }
+Secret::Secret(Owner owner) : m_owner(owner) { m_text.reserve(longest); }
 
 Secret::~Secret() { wipe(m_text); }
 
@@ -52,17 +52,23 @@ void Secret::readFile(std::string const& path)
 
 void Secret::readDescriptor(int descriptor)
 {
-    readToEnd(descriptor, fmt::format("descriptor {} (--password-fd)", descriptor));
+    readToEnd(descriptor,
+              fmt::format("descriptor {} ({})", descriptor,
+                          m_owner == Owner::user ? "--user-password-fd" : "--password-fd"));
 }
 
-void Secret::ask(std::string const& dn)
+void Secret::ask(std::string const& name)
 {
     Descriptor const terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!terminal.isOpen()) {
-        throw Failure(Outcome::configuration, "no terminal to ask for the password (-W)",
-                      "use -y FILE or --password-fd N");
+        bool const isUsers = m_owner == Owner::user;
+        throw Failure(Outcome::configuration,
+                      isUsers ? "no terminal to ask for the user's password"
+                              : "no terminal to ask for the password (-W)",
+                      isUsers ? "use --user-password-file FILE or --user-password-fd N"
+                              : "use -y FILE or --password-fd N");
     }
-    std::string const prompt = fmt::format("Password for {}: ", oneLine(dn));
+    std::string const prompt = fmt::format("Password for {}: ", oneLine(name));
     while (!askOnce(terminal.get(), prompt)) {
         wipe(m_text);
     }
@@ -139,6 +145,10 @@ void Secret::append(char byte, std::string const& source)
 
 void Secret::finish(std::string const& source)
 {
+    if (m_text.empty() && m_owner == Owner::user) {
+        throw Failure(Outcome::badInput, fmt::format("{} is empty", source),
+                      "give the user's password; an empty one is never sent");
+    }
     if (m_text.empty()) {
         throw Failure(
             Outcome::configuration, fmt::format("{} is empty", source),

@@ -10,21 +10,28 @@ namespace Solvane::Tool {
 /// Owns a password; the destructor overwrites it. Never copied, never shown. Not thread-safe.
 class Secret {
 public:
-    Secret();
+    /// Whose password it is, for prompts and failures.
+    enum class Owner {
+        bindDn, ///< the DN of the options
+        user,   ///< the user whose password is verified
+    };
+
+    explicit Secret(Owner owner = Owner::bindDn);
     ~Secret();
     Secret(Secret const&) = delete;
     Secret& operator=(Secret const&) = delete;
 
     /// Reads a file that only its owner can read.
     /// @throws Failure  "configuration": it cannot be read, others can read it, or the password is
-    ///                  invalid (empty, with a NUL byte, or longer than `longest` bytes)
+    ///                  invalid (empty, with a NUL byte, or longer than `longest` bytes). An empty
+    ///                  one of a user is "badInput"
     void readFile(std::string const& path);
     /// Reads an open descriptor to its end.
     /// @throws Failure  "configuration": it cannot be read, or the password is invalid
     void readDescriptor(int descriptor);
     /// Asks at the terminal, without echo. Asks again if a signal stopped the process meanwhile.
     /// @throws Failure  "configuration": there is no terminal, or the password is invalid
-    void ask(std::string const& dn);
+    void ask(std::string const& name);
 
     /// Copies bytes that were read elsewhere.
     /// @param source  their origin, for the text of a failure
@@ -43,6 +50,7 @@ private:
     void append(char byte, std::string const& source);
     void finish(std::string const& source);
 
+    Owner m_owner;
     std::string m_text; ///< reserved once: growing would leave copies in memory
 };
 

@@ -1,17 +1,18 @@
 // Checks one server, from its host name to an answer.
 #include "ServerCheck.h"
 
+#include "ClientCertificate.h"
 #include "Histogram.h"
 #include "OpenLDAP.h"
 #include "Text.h"
 
 #include <solvane/ldap/LDAPException.h>
 
+#include <solvart/StringHelpers.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <ctime>
 #include <deque>
 
 namespace Solvane::Tool {
@@ -25,10 +26,36 @@ using Lookup::Verdict;
 
 namespace {
 
-constexpr long secondsOfADay = 86400;
-constexpr long daysOfWarning = 14;
 constexpr char noAttributes[] = "1.1";  // RFC 4511 section 4.5.1.8
 constexpr int certificateRefused = -11; // code of a Lookup::Verdict
+
+bool isSameName(std::string const& left, std::string const& right)
+{
+    return copyStringToLower(left) == copyStringToLower(right);
+}
+
+/// The values of an attribute; empty if the entry lacks it.
+std::vector<std::string> valuesOf(LDAPSearchResultEntry const& entry, std::string const& name)
+{
+    std::vector<std::string> values;
+    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        if (isSameName(attribute.type().asString(), name)) {
+            values.insert(values.end(), attribute.value().begin(), attribute.value().end());
+        }
+    }
+    return values;
+}
+
+/// The entry that an alias stands for (RFC 4512 section 2.6); empty if the entry is no alias.
+std::string aliasedBy(LDAPSearchResultEntry const& entry)
+{
+    auto const classes = valuesOf(entry, "objectClass");
+    bool const isAlias = std::any_of(classes.begin(), classes.end(), [](std::string const& each) {
+        return isSameName(each, "alias");
+    });
+    auto const targets = valuesOf(entry, "aliasedObjectName");
+    return isAlias && !targets.empty() ? targets.front() : std::string();
+}
 
 std::string shown(LDAPSearchResultEntry const& entry)
 {
@@ -45,16 +72,15 @@ std::string shown(LDAPSearchResultEntry const& entry)
 struct ServerCheck::Step {
     char const* name;
     bool (ServerCheck::*take)();
-    bool isForTls;
+    bool (ServerCheck::*applies)() const;
 };
 
 ServerCheck::ServerCheck(LDAPLookup::Settings const& settings, LDAPLookup::Server const& server,
                          Probe const& probe, CheckReport& report)
-    : m_settings(settings), m_server(server), m_probe(probe), m_report(report),
-      m_uri(Lookup::uriOf(server.secure, server.host, server.port))
+    : m_settings(settings), m_server(server), m_probe(probe), m_report(report)
 {
     m_settings.servers = {server};
-    if (server.secure) {
+    if (usesTls()) {
         m_tls = std::make_shared<TlsContext>(settings.tls);
     }
     auto tls = m_tls;
@@ -64,6 +90,7 @@ ServerCheck::ServerCheck(LDAPLookup::Settings const& settings, LDAPLookup::Serve
         tls = std::make_shared<TlsContext>(lenient);
     }
     m_session = std::make_unique<Session>(sessionOptions(m_settings, server, tls));
+    m_uri = m_session->uri();
 }
 
 ServerCheck::~ServerCheck() { wipe(m_settings.password); }
@@ -72,26 +99,30 @@ void ServerCheck::run()
 {
     // clang-format off
     static constexpr Step steps[] = {
-        { "resolution",  &ServerCheck::resolve,          false },
-        { "TCP",         &ServerCheck::reach,            false },
-        { "TLS",         &ServerCheck::shakeHands,       true  },
-        { "certificate", &ServerCheck::judgeCertificate, true  },
-        { "name",        &ServerCheck::judgeName,        true  },
-        { "chain",       &ServerCheck::judgeChain,       true  },
-        { "bind",        &ServerCheck::bind,             false },
-        { "who am I",    &ServerCheck::askIdentity,      false },
-        { "root DSE",    &ServerCheck::readRootDse,      false },
-        { "base",        &ServerCheck::findBase,         false },
-        { "references",  &ServerCheck::findReferences,   false },
-        { "probe",       &ServerCheck::probe,            false },
-        { "pool",        &ServerCheck::probeAgain,       false },
-        { "latency",     &ServerCheck::measure,          false },
+        { "resolution",  &ServerCheck::resolve,          &ServerCheck::hasHost     },
+        { "TCP",         &ServerCheck::reach,            &ServerCheck::hasHost     },
+        { "socket",      &ServerCheck::reach,            &ServerCheck::hasSocket   },
+        { "StartTLS",    &ServerCheck::startTls,         &ServerCheck::startsTls   },
+        { "TLS",         &ServerCheck::shakeHands,       &ServerCheck::usesTls     },
+        { "certificate", &ServerCheck::judgeCertificate, &ServerCheck::usesTls     },
+        { "name",        &ServerCheck::judgeName,        &ServerCheck::usesTls     },
+        { "chain",       &ServerCheck::judgeChain,       &ServerCheck::usesTls     },
+        { "bind",        &ServerCheck::bind,             &ServerCheck::bindsSimply },
+        { "SASL",        &ServerCheck::bind,             &ServerCheck::bindsBySasl },
+        { "who am I",    &ServerCheck::askIdentity,      &ServerCheck::isAny       },
+        { "root DSE",    &ServerCheck::readRootDse,      &ServerCheck::isAny       },
+        { "base",        &ServerCheck::findBase,         &ServerCheck::isAny       },
+        { "references",  &ServerCheck::findReferences,   &ServerCheck::isAny       },
+        { "schema",      &ServerCheck::checkSchema,      &ServerCheck::isAny       },
+        { "probe",       &ServerCheck::probe,            &ServerCheck::isAny       },
+        { "pool",        &ServerCheck::probeAgain,       &ServerCheck::isAny       },
+        { "latency",     &ServerCheck::measure,          &ServerCheck::isAny       },
     };
     // clang-format on
     m_report.beginServer(m_uri);
     std::string obstacle;
     for (Step const& step : steps) {
-        if (step.isForTls && !m_server.secure) {
+        if (!(this->*step.applies)()) {
             continue;
         }
         m_step = step.name;
@@ -129,12 +160,17 @@ bool ServerCheck::reach()
     Verdict const verdict = m_session->reach(Lookup::Step::connect, deadline());
     if (!verdict.isGood()) {
         m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
-                        "check that the server is running, the port, and firewalls in between",
+                        hasHost()
+                            ? "check that the server is running, the port, and firewalls in between"
+                            : "check that the server is running and listens on this path (ldapi)",
                         watch.milliseconds());
         return false;
     }
-    m_report.passed(m_step, m_session->peer(), watch.milliseconds());
-    showOtherAddresses();
+    m_report.passed(m_step, hasHost() ? m_session->peer() : m_server.socketPath,
+                    watch.milliseconds());
+    if (hasHost()) {
+        showOtherAddresses();
+    }
     return true;
 }
 
@@ -169,6 +205,22 @@ void ServerCheck::showOtherAddresses()
 
 // TLS
 
+bool ServerCheck::startTls()
+{
+    Stopwatch const watch;
+    Verdict const verdict = m_session->reach(Lookup::Step::startTls, deadline());
+    if (!verdict.isGood()) {
+        bool const isTemporary = verdict.outcome == Lookup::Outcome::TryLater;
+        m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
+                        isTemporary ? remedyFor(verdict)
+                                    : "configure a certificate on the server, or use ldaps://",
+                        watch.milliseconds());
+        return false;
+    }
+    m_report.passed(m_step, "the server accepts it", watch.milliseconds());
+    return true;
+}
+
 /// Passes with a refused certificate: the following steps report what is wrong with it.
 bool ServerCheck::shakeHands()
 {
@@ -189,13 +241,11 @@ bool ServerCheck::judgeCertificate()
         m_report.warned(m_step, "the server sent no valid certificate");
         return true;
     }
-    long const seconds = certificate->notAfter() - std::time(nullptr);
-    long const days = std::abs(seconds) / secondsOfADay;
     auto const names = certificate->names();
-    std::string const text = fmt::format(
-        "{}, for {}, {}", certificate->subject(), names.empty() ? "no names" : joined(names, ", "),
-        fmt::format(seconds < 0 ? "expired {} days ago" : "expires in {} days", days));
-    if (seconds < daysOfWarning * secondsOfADay) {
+    std::string const text = fmt::format("{}, for {}, {}", certificate->subject(),
+                                         names.empty() ? "no names" : joined(names, ", "),
+                                         expiryOf(certificate->notAfter()));
+    if (endsSoon(certificate->notAfter())) {
         m_report.warned(m_step, text);
     } else {
         m_report.passed(m_step, text);
@@ -270,18 +320,18 @@ bool ServerCheck::bind()
 {
     Stopwatch const watch;
     Verdict const verdict = m_session->reach(Lookup::Step::bind, deadline());
-    if (m_settings.bindDn.empty()) {
-        return take(verdict, "anonymous", watch);
+    if (bindsBySasl()) {
+        return take(verdict, identityIn(m_settings), watch);
     }
+    bool const isReadable = hasHost() && !usesTls() && !m_settings.bindDn.empty();
     return take(verdict,
-                fmt::format("as {}{}", m_settings.bindDn,
-                            m_server.secure ? "" : "; the password is sent in clear text"),
+                identityIn(m_settings) + (isReadable ? "; the password is sent in clear text" : ""),
                 watch);
 }
 
 bool ServerCheck::askIdentity()
 {
-    if (m_settings.bindDn.empty()) {
+    if (isAnonymous(m_settings)) {
         m_report.skipped(m_step, "anonymous");
         return true;
     }
@@ -320,10 +370,20 @@ bool ServerCheck::findBase()
         return true;
     }
     Stopwatch const watch;
-    SearchEnd const end = search(m_settings.base, {noAttributes});
+    SearchEnd const end = search(m_settings.base, {"objectClass", "aliasedObjectName"});
     if (end.verdict.isGood() && end.entries.empty()) {
         m_report.warned(m_step,
                         fmt::format("{} is not readable; entries below it may be", m_settings.base),
+                        watch.milliseconds());
+        return true;
+    }
+    std::string const target =
+        end.verdict.isGood() ? aliasedBy(end.entries.front()) : std::string();
+    if (!target.empty()) { // not dereferenced: else the server would have returned the target
+        m_report.warned(m_step,
+                        fmt::format("{} is an alias of {}: lookups find nothing below it; use that "
+                                    "base, or dereference = find",
+                                    m_settings.base, target),
                         watch.milliseconds());
         return true;
     }
@@ -363,14 +423,66 @@ bool ServerCheck::findReferences()
     return m_session->verdict().isGood();
 }
 
+/// Looks for the attributes of the template and of the list to return in the server's schema. With an
+/// unknown one, every address is "not found".
+bool ServerCheck::checkSchema()
+{
+    if (m_probe.attributes.empty()) {
+        m_report.skipped(m_step, "no attributes named");
+        return true;
+    }
+    Stopwatch const watch;
+    AttributeNames const known = schema();
+    std::string unknown;
+    for (std::string const& name : m_probe.attributes) {
+        if (known.has(name)) {
+            continue;
+        }
+        std::string const similar = known.similarTo(name);
+        unknown += fmt::format("{}'{}'{}", unknown.empty() ? "" : ", ", name,
+                               similar.empty() ? "" : fmt::format(" (similar: '{}')", similar));
+    }
+    if (known.isEmpty()) {
+        m_report.skipped(m_step, "not readable");
+    } else if (!unknown.empty()) {
+        m_report.warned(m_step, "the server does not know the attribute " + unknown,
+                        watch.milliseconds());
+    } else {
+        m_report.passed(m_step, "the server knows " + joined(m_probe.attributes, ", "),
+                        watch.milliseconds());
+    }
+    return m_session->verdict().isGood();
+}
+
+/// The attributes of the server's schema (RFC 4512 section 4.2); none if it is not readable.
+AttributeNames ServerCheck::schema()
+{
+    AttributeNames names;
+    SearchEnd const root = search(std::string(), {"subschemaSubentry"});
+    auto const places = root.entries.empty() ? std::vector<std::string>()
+                                             : valuesOf(root.entries.front(), "subschemaSubentry");
+    if (places.empty()) {
+        return names;
+    }
+    SearchEnd const found = search(places.front(), {"attributeTypes"}, "(objectClass=subschema)");
+    for (LDAPSearchResultEntry const& entry : found.entries) {
+        for (std::string const& definition : valuesOf(entry, "attributeTypes")) {
+            names.add(definition);
+        }
+    }
+    return names;
+}
+
 /// Reads one entry.
-SearchEnd ServerCheck::search(std::string const& base, std::vector<std::string> const& attributes)
+SearchEnd ServerCheck::search(std::string const& base, std::vector<std::string> const& attributes,
+                              char const* filter)
 {
     Lookup::SearchRequest request;
     request.base = base;
     request.scope = LDAP_SCOPE_BASE;
+    request.deref = m_settings.deref;
     request.attributes = attributes;
-    return searchOn(*m_session, request, "(objectClass=*)", silence(), deadline());
+    return searchOn(*m_session, request, filter, silence(), deadline());
 }
 
 // Lookups

@@ -2,6 +2,7 @@
 #ifndef SOLVANE_TOOL_SERVER_CHECK_H
 #define SOLVANE_TOOL_SERVER_CHECK_H
 
+#include "AttributeNames.h"
 #include "CheckReport.h"
 #include "Sessions.h"
 
@@ -17,8 +18,9 @@ namespace Solvane::Tool {
 /// The lookup to try on each server.
 struct Probe {
     std::string key;
-    unsigned int repeat = 0; ///< number of additional lookups to measure
-    std::string obstacle;    ///< why no lookup is possible; empty: it is
+    unsigned int repeat = 0;             ///< number of additional lookups to measure
+    std::string obstacle;                ///< why no lookup is possible; empty: it is
+    std::vector<std::string> attributes; ///< named by the template and the list to return
 };
 
 /// Drives one session through all steps, as far as it gets. Opens further sessions for what the
@@ -43,6 +45,7 @@ private:
     // The steps. False: skip the remaining ones.
     bool resolve();
     bool reach();
+    bool startTls();
     bool shakeHands();
     bool judgeCertificate();
     bool judgeName();
@@ -52,9 +55,19 @@ private:
     bool readRootDse();
     bool findBase();
     bool findReferences();
+    bool checkSchema();
     bool probe();
     bool probeAgain();
     bool measure();
+
+    // To which servers a step applies.
+    bool isAny() const { return true; }
+    bool hasHost() const { return m_server.socketPath.empty(); }
+    bool hasSocket() const { return !hasHost(); }
+    bool startsTls() const { return m_server.startTls; }
+    bool usesTls() const { return m_server.usesTls(); }
+    bool bindsSimply() const { return m_settings.mechanism == Lookup::Mechanism::simple; }
+    bool bindsBySasl() const { return !bindsSimply(); }
 
     bool take(Lookup::Verdict const& verdict, std::string const& text, Stopwatch const& watch);
     bool take(LDAPLookup::Answer const& answer);
@@ -63,7 +76,9 @@ private:
     bool requireKey();
     void showOtherAddresses();
     Lookup::Verdict chainVerdict() const;
-    SearchEnd search(std::string const& base, std::vector<std::string> const& attributes);
+    SearchEnd search(std::string const& base, std::vector<std::string> const& attributes,
+                     char const* filter = "(objectClass=*)");
+    AttributeNames schema();
     std::string withoutUri(std::string const& text) const;
     std::chrono::milliseconds silence() const;
     Lookup::Clock::time_point deadline() const;

@@ -95,6 +95,20 @@ std::string domainOf(char const* dn)
     return domain;
 }
 
+/// The path of a UNIX socket, which a URI has in the place of a host.
+std::string socketPathOf(std::string const& uri, char const* path)
+{
+    if (isEmpty(path)) {
+        return "/var/run/slapd/ldapi"; // OpenLDAP's
+    }
+    bool const hasPort = authorityOf(uri).find(':') != std::string_view::npos;
+    if (*path != '/' || hasPort || faultIn(path)) {
+        refuse(fmt::format("'{}' has no valid path of a socket", uri),
+               "write an absolute path with %2F for '/', as in ldapi://%2Frun%2Fslapd%2Fldapi");
+    }
+    return path;
+}
+
 /// Removes "ldap+srv:" or "ldaps+srv:" from a URI. Returns false for any other scheme.
 bool namesDomain(std::string const& text, bool& isSecure, std::string& rest)
 {
@@ -159,7 +173,7 @@ ServerUri::ServerUri(std::string const& text)
     }
     Url const url = parse(text);
     std::string_view const scheme = url->lud_scheme;
-    if (scheme != "ldap" && scheme != "ldaps") {
+    if (scheme != "ldap" && scheme != "ldaps" && scheme != "ldapi") {
         refuse(fmt::format("unsupported scheme '{}'", scheme), "write ldap://host or ldaps://host");
     }
     isSecure = scheme == "ldaps";
@@ -167,6 +181,10 @@ ServerUri::ServerUri(std::string const& text)
     if (hasMore) {
         refuse(fmt::format("'{}' has more than scheme, host and port", text),
                "give base, attributes, scope and filter with -b, --attrs, -s and -t");
+    }
+    if (scheme == "ldapi") {
+        socketPath = socketPathOf(text, url->lud_host);
+        return;
     }
     if (isEmpty(url->lud_host)) {
         refuse(fmt::format("'{}' has no host", text), "write ldap://host or ldaps://host");

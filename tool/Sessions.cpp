@@ -111,6 +111,23 @@ ServersFound serversOf(LDAPLookup::Server const& server, LDAPLookup::Settings co
     return found;
 }
 
+bool isAnonymous(LDAPLookup::Settings const& settings)
+{
+    return settings.mechanism == Lookup::Mechanism::simple && settings.bindDn.empty();
+}
+
+std::string identityIn(LDAPLookup::Settings const& settings)
+{
+    if (settings.mechanism == Lookup::Mechanism::simple) {
+        return settings.bindDn.empty() ? "anonymous" : "as " + settings.bindDn;
+    }
+    char const* const name =
+        settings.mechanism == Lookup::Mechanism::external ? "EXTERNAL" : "GSSAPI";
+    return settings.authorizationId.empty()
+               ? fmt::format("with {}", name)
+               : fmt::format("with {}, as {}", name, settings.authorizationId);
+}
+
 Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
                                       LDAPLookup::Server const& server,
                                       std::shared_ptr<Lookup::TlsContext> tls)
@@ -119,10 +136,14 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
     options.host = server.host;
     options.port = server.port;
     options.secure = server.secure;
+    options.startTls = server.startTls;
+    options.socketPath = server.socketPath;
     options.version = server.version;
     options.nameServers = settings.nameServers;
     options.networkTimeout = std::chrono::seconds(settings.networkTimeout);
     options.tls = std::move(tls);
+    options.mechanism = settings.mechanism;
+    options.authorizationId = settings.authorizationId;
     options.bindDn = settings.bindDn;
     options.password = &settings.password;
     return options;

@@ -6,6 +6,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cstdint>
 
 namespace Solvane::Tool {
 
@@ -20,6 +21,23 @@ void SettingOptions::declareOn(CLI::App& app, Setting::Group group)
 
 void SettingOptions::declareOn(CLI::App& app, Setting const& setting, char const* help)
 {
+    CLI::Option* const option = declared(app, setting, help);
+    for (Setting const& other : settingsTable()) { // declared before it
+        if (&other == &setting) {
+            break;
+        }
+        if (other.name == std::string_view(setting.name)) {
+            option->excludes(app.get_option(CLI::detail::split(other.options, ',').back()));
+        }
+    }
+}
+
+CLI::Option* SettingOptions::declared(CLI::App& app, Setting const& setting, char const* help)
+{
+    if (std::string_view(setting.shape).empty()) {
+        return app.add_flag_function(
+            setting.options, [this, &setting](std::int64_t) { take(setting, "yes"); }, help);
+    }
     auto* const option =
         setting.isList
             // One value per option: with a list, CLI11 would also take the arguments after it.
@@ -37,15 +55,7 @@ void SettingOptions::declareOn(CLI::App& app, Setting const& setting, char const
             : app.add_option_function<std::string>(
                   setting.options,
                   [this, &setting](std::string const& text) { take(setting, text); }, help);
-    option->type_name(setting.shape)->default_str(setting.defaultText());
-    for (Setting const& other : settingsTable()) { // declared before it
-        if (&other == &setting) {
-            break;
-        }
-        if (other.name == std::string_view(setting.name)) {
-            option->excludes(app.get_option(CLI::detail::split(other.options, ',').back()));
-        }
-    }
+    return option->type_name(setting.shape)->default_str(setting.defaultText());
 }
 
 void SettingOptions::take(Setting const& setting, std::string const& text)

@@ -11,6 +11,7 @@
 
 namespace CLI {
 class App;
+class Option;
 } // namespace CLI
 
 namespace Solvane::Tool {
@@ -36,6 +37,7 @@ public:
     void applyTo(Draft& draft) const;
 
 private:
+    CLI::Option* declared(CLI::App& app, Setting const& setting, char const* help);
     void take(Setting const& setting, std::string const& text);
 
     std::vector<std::pair<Setting const*, Setting::Assignment>> m_given;

@@ -45,6 +45,16 @@ constexpr Word<Lookup::TlsVerify> tlsVerifications[] = {
     { "chain", Lookup::TlsVerify::chain },
     { "full",  Lookup::TlsVerify::full },
 };
+constexpr Word<Lookup::TlsVersion> tlsVersions[] = {
+    { "1.0", Lookup::TlsVersion::tls10 },
+    { "1.1", Lookup::TlsVersion::tls11 },
+    { "1.2", Lookup::TlsVersion::tls12 },
+    { "1.3", Lookup::TlsVersion::tls13 },
+};
+constexpr Word<Lookup::Mechanism> saslMechanisms[] = {
+    { "external", Lookup::Mechanism::external },
+    { "gssapi",   Lookup::Mechanism::gssapi },
+};
 constexpr Word<Lookup::References> references[] = {
     { "defer",  Lookup::References::defer },
     { "ignore", Lookup::References::ignore },
@@ -188,6 +198,37 @@ LDAPSearch::Deref dereferenceIn(std::string const& text) { return valueOf(text, 
 
 Lookup::TlsVerify tlsVerifyIn(std::string const& text) { return valueOf(text, tlsVerifications); }
 
+Lookup::TlsVerify tlsRequireCertIn(std::string const& text)
+{
+    return booleanIn(text) ? Lookup::TlsVerify::full : Lookup::TlsVerify::none;
+}
+
+Lookup::TlsVersion tlsVersionIn(std::string const& text) { return valueOf(text, tlsVersions); }
+
+Lookup::Mechanism saslMechanismIn(std::string const& text)
+{
+    std::string name = text;
+    std::transform(name.begin(), name.end(), name.begin(), [](char letter) {
+        return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
+    });
+    auto const* const found =
+        std::find_if(std::begin(saslMechanisms), std::end(saslMechanisms),
+                     [&](auto const& mechanism) { return name == mechanism.first; });
+    if (found == std::end(saslMechanisms)) {
+        refuse(fmt::format("unsupported SASL mechanism '{}'", oneLine(text)),
+               "choose external or gssapi; to bind with a password, use -D over TLS");
+    }
+    return found->second;
+}
+
+std::string authorizationIdIn(std::string const& text)
+{
+    if (text.rfind("dn:", 0) != 0 && text.rfind("u:", 0) != 0) {
+        refuse(fmt::format("invalid identity '{}'", oneLine(text)), "write dn:DN or u:NAME");
+    }
+    return dnIn(text);
+}
+
 Lookup::References referencesIn(std::string const& text) { return valueOf(text, references); }
 
 std::chrono::seconds holdIn(std::string const& text)
@@ -292,6 +333,10 @@ std::string textOf(LDAPSearch::Scope value) { return wordFor(value, scopes); }
 std::string textOf(LDAPSearch::Deref value) { return wordFor(value, dereferences); }
 
 std::string textOf(Lookup::TlsVerify value) { return wordFor(value, tlsVerifications); }
+
+std::string textOf(Lookup::TlsVersion value) { return wordFor(value, tlsVersions); }
+
+std::string textOf(Lookup::Mechanism value) { return wordFor(value, saslMechanisms); }
 
 std::string textOf(Lookup::References value) { return wordFor(value, references); }
 

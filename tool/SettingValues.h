@@ -42,6 +42,13 @@ LDAPSearch::Scope scopeIn(std::string const& text);
 /// A name, as "never", or Postfix's number for it.
 LDAPSearch::Deref dereferenceIn(std::string const& text);
 Lookup::TlsVerify tlsVerifyIn(std::string const& text);
+/// Postfix's "yes" and "no": full, or none.
+Lookup::TlsVerify tlsRequireCertIn(std::string const& text);
+Lookup::TlsVersion tlsVersionIn(std::string const& text);
+/// The name of a mechanism in any case.
+Lookup::Mechanism saslMechanismIn(std::string const& text);
+/// "dn:..." or "u:...".
+std::string authorizationIdIn(std::string const& text);
 Lookup::References referencesIn(std::string const& text);
 /// Seconds, also 0.
 std::chrono::seconds holdIn(std::string const& text);
@@ -74,6 +81,8 @@ std::string textOf(LDAPConnection::Protocol value);
 std::string textOf(LDAPSearch::Scope value);
 std::string textOf(LDAPSearch::Deref value);
 std::string textOf(Lookup::TlsVerify value);
+std::string textOf(Lookup::TlsVersion value); ///< empty if OpenLDAP's setting decides
+std::string textOf(Lookup::Mechanism value);  ///< empty for a simple bind
 std::string textOf(Lookup::References value);
 std::string textOf(std::vector<LDAPLookup::Form> const& value);
 std::string textOf(std::vector<std::string> const& value);

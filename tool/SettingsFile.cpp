@@ -115,8 +115,16 @@ void SettingsParser::parse()
         rest.remove_prefix(std::min(end + 1, rest.size()));
     }
     finishSetting();
-    if (!m_file.m_draft.binds) {
-        m_file.m_draft.lookup.bindDn.clear();
+    Draft& draft = m_file.m_draft;
+    if (!draft.binds) {
+        draft.lookup.bindDn.clear();
+        draft.lookup.mechanism = Lookup::Mechanism::simple;
+        draft.lookup.authorizationId.clear();
+    }
+    if (draft.has("tls_verify") && draft.has("tls_require_cert")) {
+        throw Failure(Outcome::configuration,
+                      m_file.m_path + ": tls_verify and tls_require_cert are both set",
+                      "remove one of them");
     }
 }
 

@@ -96,6 +96,27 @@ Setting::Value password()
     return made;
 }
 
+/// An option without a value, for what is the default.
+Setting::Value simpleBind()
+{
+    Setting::Value made;
+    made.fromOption = [](std::string const&) -> Setting::Assignment {
+        return [](Draft& draft) {
+            draft.lookup.mechanism = Settings().mechanism;
+            draft.lookup.authorizationId.clear();
+        };
+    };
+    return made;
+}
+
+/// Another name for a setting: its default is shown with that one.
+Setting::Value tlsRequireCert()
+{
+    Setting::Value made = onlyOfFile(&TlsPolicy::verify, tlsRequireCertIn);
+    made.text = nullptr;
+    return made;
+}
+
 // clang-format off
 // NOLINTNEXTLINE(readability-function-size): the table is data
 std::vector<Setting> makeTable()
@@ -105,8 +126,8 @@ std::vector<Setting> makeTable()
     auto const bytes = numberBetween(1024, largestLimit);
     return {
         { "server_host", Group::server, "-H,--uri", "URI", serverList(),
-          "Server, ldap[s]://host[:port], or a domain's servers, ldap[s]+srv:///dc=example,dc=com; "
-          "repeat it to name servers to fail over to", true },
+          "Server, ldap[s]://host[:port] or ldapi://%2Fpath, or a domain's servers, "
+          "ldap[s]+srv:///dc=example,dc=com; repeat it to name servers to fail over to", true },
         { "server_port", Group::server, "", "N",
           onlyOfFile(&Draft::port, numberBetween(1, 65535)), "" },
         { "version", Group::server, "-P,--protocol", "2|3",
@@ -116,11 +137,27 @@ std::vector<Setting> makeTable()
           "Seconds to connect, and to wait for each answer" },
         { "deadline", Group::server, "--deadline", "S", value(&Settings::deadline, durationIn),
           "Seconds for each key in total" },
+        { "start_tls", Group::server, "-Z,--start-tls", "", value(&Draft::startTls, booleanIn),
+          "Require StartTLS on ldap:// servers; -Z and -ZZ are the same: plain text is never a "
+          "fallback" },
         { "tls_ca_cert_file", Group::server, "--tls-ca", "FILE", value(&TlsPolicy::caFile, textIn),
           "PEM file of trusted certificate authorities" },
+        { "tls_ca_cert_dir", Group::server, "--tls-ca-dir", "DIR",
+          value(&TlsPolicy::caFolder, textIn), "Directory of such files" },
+        { "tls_crl_file", Group::server, "--tls-crl", "FILE", value(&TlsPolicy::crlFile, textIn),
+          "PEM file of revocation lists" },
         { "tls_verify", Group::server, "--tls-verify", "none|chain|full",
           value(&TlsPolicy::verify, tlsVerifyIn),
-          "How an ldaps:// server's certificate is verified; full: also the host name" },
+          "How a server's certificate is verified; full: also the host name" },
+        { "tls_require_cert", Group::server, "", "yes|no", tlsRequireCert(), "" },
+        { "tls_cert", Group::server, "--tls-cert", "FILE",
+          value(&TlsPolicy::certificateFile, textIn), "PEM file of the client certificate" },
+        { "tls_key", Group::server, "--tls-key", "FILE", value(&TlsPolicy::keyFile, textIn),
+          "PEM file of its key, not encrypted" },
+        { "tls_cipher_suite", Group::server, "--tls-ciphers", "LIST",
+          value(&TlsPolicy::cipherSuite, textIn), "Priority string of GnuTLS" },
+        { "tls_protocol_min", Group::server, "--tls-min", "1.0|1.1|1.2|1.3",
+          value(&TlsPolicy::minimumVersion, tlsVersionIn), "Lowest version of TLS" },
         { "name_servers", Group::server, "--name-servers", "LIST",
           value(&Settings::nameServers, nameServersIn),
           "Name servers, ADDRESS or ADDRESS:PORT, separated by commas; default: the system's" },
@@ -134,6 +171,14 @@ std::vector<Setting> makeTable()
         { "bind_dn", Group::identity, "-D,--bind-dn", "DN",
           value(&Settings::bindDn, dnIn, bindDnIn), "Bind as this DN; default: anonymous" },
         { passwordName.data(), Group::identity, "", "PASSWORD", password(), "" },
+        { "sasl_mechanism", Group::identity, "-Y,--sasl-mechanism", "external|gssapi",
+          value(&Settings::mechanism, saslMechanismIn),
+          "SASL bind: with the client certificate or the user of a UNIX socket, or with Kerberos" },
+        { "sasl_mechanism", Group::identity, "-x,--simple", "", simpleBind(),
+          "Simple bind, as without -Y; overrides sasl_mechanism" },
+        { "sasl_authz_id", Group::identity, "-X,--sasl-authz-id", "ID",
+          value(&Settings::authorizationId, authorizationIdIn),
+          "Identity to act as after a SASL bind, dn:... or u:..." },
 
         { "search_base", Group::search, "-b,--base", "BASE", value(&Settings::base, dnIn),
           "Search base DN" },
@@ -201,7 +246,9 @@ std::vector<LDAPLookup::Server> Draft::serverList() const
     std::vector<LDAPLookup::Server> made;
     made.reserve(uris.size());
     for (ServerUri const& uri : uris) {
-        made.push_back({uri.host, uri.port, uri.isSecure, version, uri.srvDomain, false, {}});
+        bool const isPlain = !uri.isSecure && uri.socketPath.empty();
+        made.push_back({uri.host, uri.port, uri.isSecure, version, uri.srvDomain,
+                        startTls && isPlain, uri.socketPath});
     }
     return made;
 }

@@ -22,6 +22,7 @@ struct Draft {
     std::vector<ServerUri> servers; ///< servers of the command line, which replace `hosts`
     unsigned int port = LDAPLookup::Server().port;
     LDAPConnection::Protocol version = LDAPLookup::Server().version;
+    bool startTls = false; ///< on every ldap:// server
     bool binds = true;
     std::set<std::string_view> given; ///< names of the settings that were set
 
@@ -51,7 +52,8 @@ struct Setting {
     char const* name;
     Group group;
     char const* options; ///< in CLI11's notation; messages show the first one; may be empty
-    char const* shape;   ///< placeholder for the value in the help; S: seconds, N: a number
+    char const* shape;   ///< placeholder for the value in the help; S: seconds, N: a number; empty:
+                         ///< the option has no value and means "yes"
     Value value;
     char const* help;
     bool isList = false; ///< the option may be repeated and adds values

@@ -1,10 +1,8 @@
 // One search that finds every entry, with all attributes.
 #include "rows.h"
 
+#include "EngineSession.h"
 #include "RawSession.h"
-
-#include <solvane/session/EntryReader.h>
-#include <solvane/session/Session.h>
 
 #include <memory>
 
@@ -24,47 +22,6 @@ std::unique_ptr<LDAPSearch> sentBy(LDAPConnection& connection)
     auto search = std::make_unique<LDAPSearch>(connection, parameter);
     search->send();
     return search;
-}
-
-/// A bound session of the engine.
-std::unique_ptr<Solvane::Lookup::Session> engineSession(Options const& options)
-{
-    static std::string const password = reader().password;
-    Solvane::Lookup::SessionOptions settings;
-    settings.host = options.host;
-    settings.port = options.port;
-    settings.bindDn = reader().dn;
-    settings.password = &password;
-    auto session = std::make_unique<Solvane::Lookup::Session>(settings);
-    auto const soon = Solvane::Lookup::Clock::now() + std::chrono::seconds(10);
-    require(session->reach(Solvane::Lookup::Step::bind, soon).isGood(), "the engine's bind");
-    return session;
-}
-
-/// All results of the engine's session, read as lookups read them.
-std::list<Solvane::LDAPSearchResultEntry> foundBy(Solvane::Lookup::Session& session)
-{
-    using Solvane::Lookup::Session;
-    Solvane::Lookup::SearchRequest request;
-    request.base = people();
-    int id = 0;
-    require(session.send(request, everybody, id).isGood(), "the engine's search");
-    std::list<Solvane::LDAPSearchResultEntry> entries;
-    Session::Message message;
-    Solvane::Lookup::Waits waits;
-    for (;;) {
-        Session::Received const received = session.receive(message);
-        require(received != Session::Received::broken, "the engine's connection");
-        if (received == Session::Received::nothing) {
-            waits.clear();
-            session.waits(waits);
-            waits.wait();
-        } else if (message.type != LDAP_RES_SEARCH_ENTRY) {
-            return entries;
-        } else {
-            require(Solvane::Lookup::readEntry(message.content, entries), "entry");
-        }
-    }
 }
 
 /// The heap memory of a search that stores everything, and the bytes received.
@@ -95,9 +52,9 @@ void bigSearch(Options const& options, Rounds const& rounds)
     RawSession const raw(options.uri(), reader());
     RawSession const again(options.uri(), reader());
     LDAPConnection connection = openBound(serverAt(options.host, options.port), reader());
-    std::unique_ptr<Solvane::Lookup::Session> const engine = engineSession(options);
+    EngineSession engine(options.host, options.port, reader());
     auto const keep = [&] {
-        auto const entries = foundBy(*engine);
+        auto const entries = engine.search(people(), everybody);
         require(entries.size() == options.users && readEntries(entries) > 0, "entries");
     };
     auto const discard = [&](RawSession const& session) {

@@ -3,6 +3,7 @@
 // the client's thread. Prints records on standard output.
 //
 //   solvane_bench_growth [--quick]
+#include "EngineSession.h"
 #include "Library.h"
 #include "People.h"
 #include "RawSession.h"
@@ -49,16 +50,29 @@ Answer oneGroupOf(unsigned long members)
 
 constexpr unsigned long wideEntries = 20;
 
-Answer entriesOfAttributes(unsigned long attributes)
+std::vector<SolvaneTest::Attribute> listOf(unsigned long attributes)
 {
     std::vector<SolvaneTest::Attribute> list;
     for (unsigned long i = 0; i < attributes; ++i) {
         list.push_back({"attribute" + std::to_string(i), {"value " + std::to_string(i)}});
     }
+    return list;
+}
+
+Answer entriesOfAttributes(unsigned long attributes)
+{
+    std::vector<SolvaneTest::Attribute> const list = listOf(attributes);
     Answer answer;
     for (unsigned long i = 0; i < wideEntries; ++i) {
         answer.add("uid=wide" + std::to_string(i) + ",dc=corp,dc=test", list);
     }
+    return answer;
+}
+
+Answer entryOfAttributes(unsigned long attributes)
+{
+    Answer answer;
+    answer.add("uid=wide,dc=corp,dc=test", listOf(attributes));
     return answer;
 }
 
@@ -71,6 +85,12 @@ std::vector<Series> const allSeries = {
     {"attributes", {8, 32, 128, 512}, wide, entriesOfAttributes},
     {"values", {1, 10, 100, 300, 1000, 3000, 10000}, one, oneGroupOf},
     {"value size", {1000, 10000, 100000, 300000, 1000000, 3000000, 10000000}, one, oneValueOf},
+};
+
+/// Sizes at which calls that look for an attribute by its name would take minutes.
+std::vector<Series> const readerSeries = {
+    {"attributes, engine", {1000, 3000, 10000, 20000}, one, entryOfAttributes},
+    {"values, engine", {1000, 3000, 10000, 20000}, one, oneGroupOf},
 };
 
 /// Both ways to search: the library and raw calls.
@@ -137,6 +157,20 @@ void measure(Series const& series, std::size_t sizes, Rounds const& rounds)
     }
 }
 
+/// The engine's reader alone.
+void measureReader(Series const& series, Rounds const& rounds)
+{
+    ReplayServer server;
+    for (unsigned long const size : series.sizes) {
+        server.answer(series.answerFor(size));
+        EngineSession engine("127.0.0.1", server.port());
+        auto const read = [&] {
+            require(readEntries(engine.search("", "(objectClass=*)")) > 0, "entries");
+        };
+        rounds.compare(series.name, {{"engine", repeated(read)}}, size);
+    }
+}
+
 /// Opens and binds connections; the destructor closes them.
 template <typename Session, typename Open> void openAll(unsigned long count, Open const& open)
 {
@@ -175,6 +209,9 @@ int main(int count, char** words)
         for (Series const& series : allSeries) {
             bool const isShortened = isQuick && series.entriesFor(2) == 2;
             measure(series, series.sizes.size() - (isShortened ? 1 : 0), rounds);
+        }
+        for (Series const& series : readerSeries) {
+            measureReader(series, rounds);
         }
         measureConnections(isQuick ? std::vector<unsigned long>{1, 16, 256}
                                    : std::vector<unsigned long>{1, 4, 16, 64, 256, 1024, 4096},

@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """What bench/report.py and bench/plots.py make of figures."""
 
+import importlib.util
 import os
 import sys
 import unittest
@@ -8,7 +9,6 @@ import xml.etree.ElementTree
 
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir))
 import figures  # noqa: E402
-import plots  # noqa: E402
 import report  # noqa: E402
 
 
@@ -61,46 +61,35 @@ class TheDocument(unittest.TestCase):
         )
 
 
+@unittest.skipUnless(importlib.util.find_spec("matplotlib"), "matplotlib is not installed")
 class APlot(unittest.TestCase):
     def setUp(self):
-        self.svg = plots.plot(
+        import plots
+
+        svg = plots.plot(
             "Cost & size",
             "size",
             "cost",
             [
-                ("raw <1>", [(1, 0.001), (10, 0.01), (100, 0.1)]),
-                ("library", [(1, 0.002), (100, 0.2)]),
+                ("raw <1>", [(1, 0.001), (10000, 0.01), (4096, 0.1)]),
+                ("library", [(1, 0.002), (4096, 0.2)]),
             ],
             y_label=plots.duration,
         )
-        self.root = xml.etree.ElementTree.fromstring(self.svg)
-
-    def test_has_a_mark_for_every_point(self):
-        name = "{http://www.w3.org/2000/svg}"
-
-        circles = self.root.findall(name + "circle")
-        squares = [each for each in self.root.findall(name + "rect") if each.get("width") == "6.4"]
-
-        # One of each stands in the legend.
-        self.assertEqual((len(circles), len(squares)), (4, 3))
-
-    def test_puts_equal_factors_at_equal_distances(self):
-        places = [
-            float(each.get("cx"))
-            for each in self.root.findall("{http://www.w3.org/2000/svg}circle")[:3]
+        self.texts = [
+            each.text
+            for each in xml.etree.ElementTree.fromstring(svg).iter(
+                "{http://www.w3.org/2000/svg}text"
+            )
         ]
 
-        self.assertAlmostEqual(places[1] - places[0], places[2] - places[1], places=0)
+    def test_names_itself_its_axes_and_its_lines(self):
+        for text in ("Cost & size", "size", "cost", "raw <1>", "library"):
+            self.assertIn(text, self.texts)
 
-    def test_names_ticks_with_units(self):
-        self.assertEqual(
-            [plots.duration(2e-6), plots.duration(0.5), plots.duration(3)],
-            ["2 µs", "500 ms", "3 s"],
-        )
-        self.assertEqual(
-            [plots.short(10000), plots.short(2.5e6), plots.short(4096), plots.short(7)],
-            ["10k", "2.5M", "4,096", "7"],
-        )
+    def test_names_every_size_and_costs_with_their_unit(self):
+        for text in ("1", "4,096", "10k", "1 ms", "100 ms"):
+            self.assertIn(text, self.texts)
 
 
 if __name__ == "__main__":

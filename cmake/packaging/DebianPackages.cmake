@@ -53,7 +53,8 @@ solvane_package(library libsolvane-ldap${PROJECT_VERSION_MAJOR} libs
 This package has two shared libraries: the lookup engine, one call for an
 address over a list of servers, and an object interface to OpenLDAP's
 client library.")
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS ca-certificates) # trusted by default
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS
+    "ca-certificates, libsasl2-modules-gssapi-mit") # trusted by default; for binds by Kerberos
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
     "${_control}/shlibs;${_control}/symbols;${_control}/triggers")
 

@@ -14,6 +14,9 @@ ROOT = pathlib.Path(__file__).resolve().parents[2]
 
 HEADERS = ("include/solvane/ldap",)
 
+# Places with a second type, for a server that is unreachable.
+UNREACHABLE = {("Connection", 241, 4, 1), ("Security", 76, 4, 1), ("Security", 136, 4, 1)}
+
 
 def sources():
     """(unit, line): (code, type) of each row of the tables."""
@@ -71,7 +74,7 @@ def differences(name, told, sites, wanted):
     for (unit, line), numbers in sorted(told.items()):
         if (unit, line) not in sites:
             yield f"{name}: {unit}.cpp:{line} does not throw"
-        elif sites[unit, line] != numbers and (unit, line, *numbers) != ("Connection", 241, 4, 1):
+        elif sites[unit, line] != numbers and (unit, line, *numbers) not in UNREACHABLE:
             yield f"{name}: {unit}.cpp:{line} has code {sites[unit, line][0]}, type {sites[unit, line][1]}"
 
 

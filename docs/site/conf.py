@@ -4,6 +4,7 @@ import os
 import re
 
 from docutils import nodes
+from pygments.lexers.shell import BashSessionLexer
 from sphinx import addnodes
 from sphinx.transforms.post_transforms import SphinxPostTransform
 from sphinx.util.nodes import make_refnode
@@ -36,6 +37,13 @@ html_js_files = ["search.js"]
 html_copy_source = False
 html_show_sphinx = False
 html_show_copyright = False
+
+
+class Session(BashSessionLexer):
+    """Only these prompts begin a command: what a program prints may begin with "#" or "("."""
+
+    _ps1rgx = re.compile(r"^((?:\$|\(gdb\)) )(.*\n?)")
+    _venv = re.compile(r"(?!)")
 
 
 class NamesInCode(SphinxPostTransform):
@@ -80,5 +88,6 @@ def index_places(app, doctree):
 
 
 def setup(app):
+    app.add_lexer("console", Session)
     app.add_post_transform(NamesInCode)
     app.connect("doctree-read", index_places)

@@ -49,7 +49,7 @@ LDAPLookup::Settings settingsFrom(int count, char** arguments)
         settings.servers.back().host = "127.0.0.1";
         settings.servers.back().port = static_cast<unsigned int>(std::atoi(arguments[i]));
     }
-    settings.networkTimeout = 2; // leaves time for a second and a third server
+    settings.networkTimeout = 2; // the deadline leaves time for three servers
     settings.deadline = std::chrono::seconds(8);
     settings.bindDn = arguments[2];
     settings.password = password == nullptr ? "" : password;
@@ -101,8 +101,7 @@ private:
         LDAPSearch search(connection, parameter);
         search.send();
         if (search.wait(m_settings.networkTimeout)) {
-            connection
-                .unbind(); // so that the pool drops it: a late answer would stay in its memory
+            connection.unbind(); // the pool drops it, and a late answer with it
             return LDAPLookup::Outcome::TryLater;
         }
         if (search.result().resultCode() != 0) {

@@ -1,8 +1,10 @@
 // The public, blocking calls on top of the pipeline.
 #include <solvane/lookup/LDAPLookup.h>
 
+#include "Engine.h"
 #include "Pipeline.h"
-#include "Shared.h"
+#include "Pipelines.h"
+#include "Verifier.h"
 
 #include <utility>
 
@@ -14,34 +16,30 @@ namespace {
 
 using Lookup::Clock;
 using Lookup::Pipeline;
+using Lookup::Pipelines;
 using Lookup::Waits;
 using Supply = LDAPLookup::Supply;
 
-LDAPLookup::Settings const& checked(LDAPLookup::Settings const& settings)
-{
-    validate(settings);
-    return settings;
-}
-
-/// Moves keys from a source through a pipeline to a sink.
+/// Moves keys from a source through pipelines to a sink.
 class Run {
 public:
-    Run(Pipeline& pipeline, LDAPLookup::Source const& source, int descriptor,
+    Run(Pipelines& pipelines, LDAPLookup::Source const& source, int descriptor,
         LDAPLookup::Sink const& sink)
-        : m_pipeline(pipeline), m_source(source), m_descriptor(descriptor), m_sink(sink)
+        : m_pipelines(pipelines), m_source(source), m_descriptor(descriptor), m_sink(sink)
     {
     }
 
     void toTheEnd()
     {
-        while (m_isWanted && (m_isSupplied || !m_pipeline.isIdle())) {
+        while (m_isWanted && (m_isSupplied || !m_pipelines.isIdle())) {
             supply();
-            m_pipeline.run();
+            m_pipelines.run();
             emit();
-            if (!m_isWanted || (m_isSupplied && m_mayHaveKeys && m_pipeline.wantsKeys())) {
+            if (!m_isWanted ||
+                (m_isSupplied && m_mayHaveKeys && m_pipelines.latest().wantsKeys())) {
                 continue;
             }
-            if (!m_pipeline.isIdle()) {
+            if (!m_pipelines.isIdle()) {
                 wait();
             } else if (m_isSupplied) {
                 rest();
@@ -53,10 +51,10 @@ private:
     void supply()
     {
         std::string key;
-        while (m_isSupplied && m_mayHaveKeys && m_pipeline.wantsKeys()) {
+        while (m_isSupplied && m_mayHaveKeys && m_pipelines.latest().wantsKeys()) {
             switch (ask(key, false)) {
             case Supply::key:
-                m_pipeline.push(std::move(key));
+                m_pipelines.latest().push(std::move(key));
                 key.clear();
                 break;
             case Supply::nothing:
@@ -73,26 +71,26 @@ private:
     {
         auto const start = Clock::now();
         Supply const supplied = m_source(key, mayWait);
-        m_pipeline.excuse(Clock::now() - start);
+        m_pipelines.excuse(Clock::now() - start);
         return supplied;
     }
 
     void emit()
     {
-        while (m_isWanted && m_pipeline.hasAnswer()) {
+        while (m_isWanted && m_pipelines.hasAnswer()) {
             auto const start = Clock::now();
-            Lookup::Task& task = m_pipeline.front();
+            Lookup::Task& task = m_pipelines.front();
             m_isWanted = m_sink(task.key, std::move(task.answer));
-            m_pipeline.pop();
-            m_pipeline.excuse(Clock::now() - start);
+            m_pipelines.pop();
+            m_pipelines.excuse(Clock::now() - start);
         }
     }
 
     void wait()
     {
         m_waits.clear();
-        m_pipeline.waits(m_waits);
-        bool const isHeard = m_descriptor != -1 && m_isSupplied && m_pipeline.wantsKeys();
+        m_pipelines.waits(m_waits);
+        bool const isHeard = m_descriptor != -1 && m_isSupplied && m_pipelines.latest().wantsKeys();
         if (isHeard) {
             m_waits.add(m_descriptor, POLLIN);
         }
@@ -105,7 +103,7 @@ private:
     /// waiting.
     void rest()
     {
-        m_pipeline.rest();
+        m_pipelines.rest();
         m_mayHaveKeys = true;
         if (m_descriptor != -1) {
             m_waits.clear();
@@ -116,7 +114,7 @@ private:
         std::string key;
         switch (ask(key, true)) {
         case Supply::key:
-            m_pipeline.push(std::move(key));
+            m_pipelines.latest().push(std::move(key));
             break;
         case Supply::nothing:
             break;
@@ -126,7 +124,7 @@ private:
         }
     }
 
-    Pipeline& m_pipeline;
+    Pipelines& m_pipelines;
     LDAPLookup::Source const& m_source;
     int const m_descriptor; ///< -1: the source blocks by itself
     LDAPLookup::Sink const& m_sink;
@@ -138,13 +136,8 @@ private:
 
 } // namespace
 
-class LDAPLookup::Engine : public Lookup::Shared {
-public:
-    using Shared::Shared;
-};
-
 LDAPLookup::LDAPLookup(Settings const& settings)
-    : m_engine(std::make_unique<Engine>(checked(settings)))
+    : m_engine(std::make_unique<Lookup::Engine>(settings))
 {
 }
 
@@ -154,7 +147,8 @@ LDAPLookup& LDAPLookup::operator=(LDAPLookup&& other) noexcept = default;
 
 LDAPLookup::Answer LDAPLookup::find(std::string const& address)
 {
-    Pipeline pipeline(*m_engine, 1, 1);
+    auto const shared = m_engine->current();
+    Pipeline pipeline(*shared, 1, 1);
     pipeline.push(address);
     pipeline.flush(); // sends the search
     Waits waits;
@@ -167,18 +161,32 @@ LDAPLookup::Answer LDAPLookup::find(std::string const& address)
     return std::move(pipeline.front().answer);
 }
 
+LDAPLookup::Verification LDAPLookup::verify(std::string const& key, std::string const& password)
+{
+    auto const shared = m_engine->current();
+    Lookup::Verifier verifier(*shared, key, password);
+    Waits waits;
+    while (!verifier.isDone()) {
+        waits.clear();
+        verifier.waits(waits);
+        waits.wait();
+        verifier.advance();
+    }
+    return std::move(verifier.result());
+}
+
 void LDAPLookup::findAll(Source const& source, Sink const& sink) { findAll(source, -1, sink); }
 
 void LDAPLookup::findAll(Source const& source, int descriptor, Sink const& sink)
 {
-    Pipeline pipeline(*m_engine, m_engine->settings.connections, m_engine->settings.window);
-    Run(pipeline, source, descriptor, sink).toTheEnd();
+    Pipelines pipelines(*m_engine, Pipeline::Order::ofKeys);
+    Run(pipelines, source, descriptor, sink).toTheEnd();
 }
 
 LDAPLookup::Statistics LDAPLookup::statistics() const
 {
-    return {m_engine->pool.openedCount(), m_engine->reused, m_engine->pool.staleCount(),
-            m_engine->repeated};
+    Lookup::Totals const& totals = m_engine->totals();
+    return {totals.opened, totals.reused, totals.stale, totals.repeated};
 }
 
 } // namespace Solvane

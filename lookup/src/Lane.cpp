@@ -63,7 +63,7 @@ void Lane::waits(Waits& waits, Clock::duration silence) const
 
 void Lane::end()
 {
-    if (isOpen() && !hasAbandoned && tasks.empty()) {
+    if (isOpen() && !isDoubtful && tasks.empty()) {
         lease.giveBack();
     } else {
         lease.close();

@@ -21,9 +21,11 @@ struct Lane {
     Clock::time_point begunAt; ///< when opening began
     Clock::time_point openBy;  ///< deadline for opening
     bool needsFlush = false;   ///< searches were queued since the last flush
-    bool hasAbandoned = false; ///< a search was abandoned; more of its answer may arrive
+    /// Not to be used again: more of an abandoned answer may arrive, or a bind failed strangely.
+    bool isDoubtful = false;
     bool isLeaving = false;    ///< gets no more searches
     bool wasHeldUp = false;    ///< while opening, by what its owner did meanwhile
+    Clock::duration heldUp{0}; ///< by the owner's loop, since its last call
 
     bool isOpen() const { return lease->isOpen; }
     /// Whether the task may be sent on this lane.

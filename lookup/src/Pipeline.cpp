@@ -51,19 +51,43 @@ bool parse(LDAP* session, Session::Message const& message, Result& result)
     return rc == LDAP_SUCCESS;
 }
 
+/// Connections on which users bind are opened without an identity.
+Settings settingsOfLogins(Settings settings)
+{
+    settings.mechanism = Mechanism::simple;
+    settings.authorizationId.clear();
+    settings.bindDn.clear();
+    settings.password.clear();
+    settings.connections = settings.verifyConnections;
+    return settings;
+}
+
 } // namespace
 
-Shared::Shared(Settings const& given)
+Shared::Shared(Settings const& given, Totals& counts) : Shared(given, counts, nullptr)
+{
+    logins.reset(new Shared(settingsOfLogins(settings), counts, pool.tls()));
+}
+
+Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls)
     : settings(given), queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
-      pool(settings)
+      entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
+                   settings.timeLimit},
+      totals(counts), pool(settings, counts, tls)
 {
 }
 
-Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window)
-    : m_shared(shared), m_maximumLanes(lanes), m_window(window),
-      m_maximumTasks(std::size_t{8} * lanes * window)
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order)
+    : Pipeline(shared, lanes, window, shared.request, order)
+{
+}
+
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window,
+                   SearchRequest const& request, Order order)
+    : m_shared(shared), m_request(request), m_maximumLanes(lanes), m_window(window),
+      m_maximumTasks(std::size_t{8} * lanes * window), m_order(order)
 {
 }
 
@@ -81,6 +105,7 @@ void Pipeline::run()
     dispatch(); // also searches to be repeated
     leaveOneLaneToOthers();
     flush();
+    collect();
 }
 
 void Pipeline::flush()
@@ -143,6 +168,9 @@ void Pipeline::drain(Lane& lane)
 
 void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
 {
+    if (task.login != nullptr) {
+        return takeLogin(lane, task, message);
+    }
     switch (message.type) {
     case LDAP_RES_SEARCH_ENTRY:
         return takeEntry(lane, task, message);
@@ -172,7 +200,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     std::size_t const size = lane.lease->session.messageSize();
     task.bytes += size;
     m_heldBytes += size;
-    bool const isTooMany = settings.entryLimit != 0 && entries.size() > settings.entryLimit;
+    bool const isTooMany = m_request.entryLimit != 0 && entries.size() > m_request.entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond the limit
@@ -180,7 +208,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
         --m_inFlight;
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                isTooMany ? task.answer.server + " sent more than " +
-                               std::to_string(settings.entryLimit) + " entries"
+                               std::to_string(m_request.entryLimit) + " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
         // More of this answer may arrive before the answers of the other searches.
@@ -242,8 +270,10 @@ void Pipeline::proveFailures(Task const& task)
 
 void Pipeline::abandon(Lane& lane, Task& task)
 {
-    lane.lease->session.abandon(task.messageId);
-    lane.hasAbandoned = true;
+    if (task.login == nullptr) { // a bind cannot be abandoned (RFC 4511 section 4.11)
+        lane.lease->session.abandon(task.messageId);
+    }
+    lane.isDoubtful = true;
     lane.needsFlush = true;
     lane.remove(task);
     --m_inFlight;
@@ -273,7 +303,7 @@ void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilt
         m_shared.pool.lost(*lane.lease, tasks.size());
     }
     lane.lease.close();
-    m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
+    remove(lane);
     auto const now = Clock::now();
     // In reverse, as each one is put in front of the others.
     for (auto next = tasks.rbegin(); next != tasks.rend(); ++next) {
@@ -313,7 +343,7 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     if (!isAskedAgain) {
         task.failures.push_back(std::move(failure));
     }
-    ++m_shared.repeated;
+    ++m_shared.totals.repeated;
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
     m_heldBytes -= task.bytes;

@@ -15,8 +15,8 @@
 
 namespace Solvane::Lookup {
 
-/// Looks up the keys pushed into it and returns their answers in the same order. Each key is a
-/// task, each session a lane. A task moves through these states:
+/// Looks up the keys pushed into it and returns their answers, in the order of the keys or as they
+/// come. Each key is a task, each session a lane. A task moves through these states:
 ///
 ///     waiting (m_waiting) --send--> in flight (lane->tasks) --result--> done (isDone) --pop-->
 ///     gone
@@ -27,9 +27,17 @@ namespace Solvane::Lookup {
 /// state of all pipelines is.
 class Pipeline : public NonCopyable {
 public:
+    /// The order of the answers.
+    enum class Order {
+        ofKeys,    ///< as the keys were pushed
+        ofAnswers, ///< as they come
+    };
     /// @param lanes   maximum number of sessions
     /// @param window  maximum of searches in flight on each
-    Pipeline(Shared& shared, std::size_t lanes, std::size_t window);
+    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order = Order::ofKeys);
+    /// @param request  instead of that of all lookups; must outlive the pipeline
+    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, SearchRequest const& request,
+             Order order = Order::ofKeys);
     ~Pipeline();
 
     // Keys in, answers out
@@ -37,17 +45,35 @@ public:
     /// False while another key could not be sent at once.
     bool wantsKeys() const;
     /// Adds a key and starts its deadline.
-    void push(std::string key);
+    void push(std::string key) { push(std::move(key), Clock::now(), 0); }
+    /// Adds a key whose deadline has started.
+    /// @param start  not before that of an earlier key
+    /// @param tag    for `cancel`
+    void push(std::string key, Clock::time_point start, std::uint64_t tag);
+    /// The same for a bind as a user. A pipeline has either keys or logins, the latter on a pool of
+    /// their own.
+    /// @param login  receives the response; must outlive the task
+    /// @param start  of its deadline
+    void push(Login& login, Clock::time_point start);
+    /// Drops the keys with this tag, whether under way or answered. Abandons their searches.
+    /// Returns how many there were.
+    std::size_t cancel(std::uint64_t tag);
     /// Whether no key is under way and no answer is here.
-    bool isIdle() const { return m_tasks.empty(); }
-    /// Whether the oldest key has its answer.
-    bool hasAnswer() const { return !m_tasks.empty() && m_tasks.front().isDone; }
-    /// The oldest key with its answer; valid until `pop`.
-    Task& front() { return m_tasks.front(); }
+    bool isIdle() const { return m_tasks.empty() && m_answered.empty(); }
+    /// Whether a key is under way. Only if the answers are returned as they come.
+    bool isBusy() const { return !m_tasks.empty(); }
+    /// Whether the next answer is here.
+    bool hasAnswer() const
+    {
+        return m_order == Order::ofKeys ? !m_tasks.empty() && m_tasks.front().isDone
+                                        : !m_answered.empty();
+    }
+    /// The next answer with its key; valid until `pop`.
+    Task& front() { return returned().front(); }
     void pop()
     {
-        m_heldBytes -= m_tasks.front().bytes;
-        m_tasks.pop_front();
+        m_heldBytes -= front().bytes;
+        returned().pop_front();
     }
 
     // Time
@@ -56,12 +82,21 @@ public:
     void run();
     /// Writes what is to be written; `run` does that too.
     void flush();
+    /// Makes answers of keys that are done, if they are returned as they come; `run` does that too.
+    void collect();
     /// Adds what `run` waits for.
     void waits(Waits& waits) const;
     /// Returns the sessions to the pool.
     void rest();
+    /// Does what `rest` does, in a forked child: the sessions are the parent's.
+    void disown();
     /// Extends the deadlines by a time that the owner spent elsewhere.
     void excuse(Clock::duration held);
+    /// Call it before `run`: time that the owner may have spent elsewhere since does not count
+    /// against servers. Deadlines of keys stay.
+    void excuseServers(Clock::time_point since);
+    /// Changes if a descriptor of `waits` may have been closed and its number used again.
+    unsigned long connectionChanges() const { return m_connectionChanges; }
 
 private:
     using Lanes = std::list<Lane>;
@@ -82,11 +117,13 @@ private:
     };
 
     // Keys: PipelineKeys.cpp
+    std::list<Task>& returned() { return m_order == Order::ofKeys ? m_tasks : m_answered; }
     bool prepareFilter(Task& task);
     void finish(Task& task, Outcome outcome, int code, std::string const& text);
     void concludeEmpty(Task& task);
     void conclude(Task& task, std::vector<Failure> const& others);
     void concludeLate(Task& task);
+    void concludeUnsent(Task& task);
     void expire(Clock::time_point now);
     void expireTask(Task& task, Clock::time_point now);
     void expireLane(Lane& lane);
@@ -113,6 +150,7 @@ private:
     void leaveOneLaneToOthers();
     void endLeavingLanes();
     void end(Lane& lane);
+    void remove(Lane& lane);
 
     // Answers: Pipeline.cpp
     void advanceLanes();
@@ -120,6 +158,7 @@ private:
     void take(Lane& lane, Task& task, Session::Message const& message);
     void takeEntry(Lane& lane, Task& task, Session::Message const& message);
     void takeResult(Lane& lane, Task& task, Session::Message const& message);
+    void takeLogin(Lane& lane, Task& task, Session::Message const& message); // PipelineLogins.cpp
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
     /// @param why  a copy, as the session that owns the original is destroyed
@@ -129,15 +168,21 @@ private:
     void proveFailures(Task const& task);
 
     Shared& m_shared;
+    SearchRequest const& m_request;
+    char const* m_requestName = "search"; ///< for messages
     std::size_t const m_maximumLanes;
     std::size_t const m_window;
     std::size_t const m_maximumTasks; ///< including answers that wait for an earlier one
+    Order const m_order;
 
     std::list<Task> m_tasks;      ///< in the order of the keys; addresses are stable
+    std::list<Task> m_answered;   ///< done; empty if answers are returned in the order of the keys
+    bool m_hasFinished = false;   ///< a task is done since they were collected
     std::vector<Task*> m_waiting; ///< for a lane; the next one is at the end
     Lanes m_lanes;
     std::unique_ptr<Query> m_query;
     std::size_t m_inFlight = 0;
+    unsigned long m_connectionChanges = 0;
     std::size_t m_heldBytes = 0; ///< of entries, received and not taken by the owner yet
     Waiter m_waiter;
     Clock::time_point m_lookAgainAt = Clock::time_point::max(); ///< when to ask the pool again

@@ -12,6 +12,28 @@
 
 namespace Solvane::Lookup {
 
+namespace {
+
+constexpr std::chrono::milliseconds noticeable(1);
+
+/// How much of the time since the owner's last call was the owner's. If something is ready now, it
+/// may have been ready all the time. If nothing is, the peer was silent all the time; then only
+/// what exceeds the latest moment to wake up is the owner's.
+Clock::duration heldUp(Waits& waits, Clock::time_point since)
+{
+    auto const now = Clock::now();
+    if (now - since < noticeable) {
+        return Clock::duration(0);
+    }
+    auto& descriptors = waits.descriptors();
+    if (poll(descriptors.data(), descriptors.size(), 0) > 0) {
+        return now - since;
+    }
+    return std::max(Clock::duration(0), now - std::max(since, waits.moment()));
+}
+
+} // namespace
+
 bool Pipeline::wantsKeys() const
 {
     // A key that would only wait here stays in the source, where its deadline does not run. One
@@ -23,13 +45,15 @@ bool Pipeline::wantsKeys() const
            m_heldBytes <= m_shared.settings.answerBytes;
 }
 
-void Pipeline::push(std::string key)
+void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag)
 {
+    m_now = std::max(m_now, start);
     m_tasks.emplace_back();
     Task& task = m_tasks.back();
     task.key = std::move(key);
-    task.start = m_now = Clock::now();
-    task.deadline = task.start + m_shared.settings.deadline;
+    task.tag = tag;
+    task.start = start;
+    task.deadline = start + m_shared.settings.deadline;
     std::string const fault = m_shared.forms.faultOf(task.key);
     if (!fault.empty()) {
         finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
@@ -37,6 +61,10 @@ void Pipeline::push(std::string key)
     }
     if (!m_shared.forms.isServed(task.key)) {
         finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
+        return;
+    }
+    if (m_now >= task.deadline) { // it waited for its turn
+        concludeUnsent(task);
         return;
     }
     task.forms = m_shared.forms.of(task.key);
@@ -78,6 +106,43 @@ void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& 
     std::chrono::duration<double, std::milli> const taken = m_now - task.start;
     task.answer.milliseconds = taken.count();
     task.isDone = true;
+    m_hasFinished = true;
+}
+
+void Pipeline::collect()
+{
+    if (!m_hasFinished || m_order == Order::ofKeys) {
+        return;
+    }
+    m_hasFinished = false;
+    for (auto task = m_tasks.begin(); task != m_tasks.end();) {
+        auto const current = task++;
+        if (current->isDone) {
+            m_answered.splice(m_answered.end(), m_tasks, current);
+        }
+    }
+}
+
+std::size_t Pipeline::cancel(std::uint64_t tag)
+{
+    std::size_t count = 0;
+    for (std::list<Task>* const tasks : {&m_tasks, &m_answered}) {
+        for (auto task = tasks->begin(); task != tasks->end();) {
+            auto const current = task++;
+            if (current->tag != tag) {
+                continue;
+            }
+            if (current->lane != nullptr) {
+                abandon(*current->lane, *current);
+            } else if (!current->isDone) {
+                m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &*current));
+            }
+            m_heldBytes -= current->bytes;
+            tasks->erase(current);
+            ++count;
+        }
+    }
+    return count;
 }
 
 /// An empty answer: looks up the next form of the key, or concludes that there is no such entry.
@@ -138,6 +203,17 @@ void Pipeline::concludeLate(Task& task)
     conclude(task, unasked);
 }
 
+/// Concludes a key whose time ended before anything was sent for it.
+void Pipeline::concludeUnsent(Task& task)
+{
+    bool const isFull = m_isPoolFull || std::any_of(m_lanes.begin(), m_lanes.end(),
+                                                    [](Lane const& lane) { return lane.isOpen(); });
+    finish(task, Outcome::TryLater, LDAP_TIMEOUT,
+           (isFull ? "no connection became free within the deadline of "
+                   : "no connection was opened within the deadline of ") +
+               inSeconds(m_shared.settings.deadline));
+}
+
 // Time
 
 /// How long a server may be silent; at most half the deadline, to leave time for failover.
@@ -181,7 +257,6 @@ void Pipeline::waits(Waits& waits) const
 /// example) while answers have arrived and wait to be read.
 void Pipeline::excuse(Clock::duration held)
 {
-    constexpr std::chrono::milliseconds noticeable(1);
     if (held < noticeable) {
         return;
     }
@@ -196,6 +271,27 @@ void Pipeline::excuse(Clock::duration held)
         if (!lane.isOpen()) { // its deadline stays; that it passed proves nothing
             lane.begunAt += held;
             lane.wasHeldUp = true;
+        }
+    }
+}
+
+/// A busy event loop comes late. Open lanes need no excuse: what has arrived is read before a
+/// server counts as silent. A lane being opened may have waited for its owner, though, while time
+/// limits passed.
+void Pipeline::excuseServers(Clock::time_point since)
+{
+    if (m_query) {
+        Waits waits;
+        m_query->service->waits(waits);
+        waits.until(m_query->until);
+        m_query->until += heldUp(waits, since);
+    }
+    for (Lane& lane : m_lanes) {
+        if (!lane.isOpen()) {
+            Waits waits;
+            lane.lease->session.waits(waits);
+            waits.until(lane.openBy);
+            lane.heldUp = heldUp(waits, since);
         }
     }
 }
@@ -220,17 +316,13 @@ void Pipeline::expire(Clock::time_point now)
 
 void Pipeline::expireTask(Task& task, Clock::time_point now)
 {
-    std::string const limit = inSeconds(m_shared.settings.deadline);
     if (task.lane == nullptr) {
         m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
         if (!task.failures.empty()) {
             concludeLate(task);
-            return;
+        } else {
+            concludeUnsent(task);
         }
-        finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-               (m_isPoolFull ? "no connection became free within the deadline of "
-                             : "no connection was opened within the deadline of ") +
-                   limit);
         return;
     }
     Lane& lane = *task.lane;
@@ -240,7 +332,8 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
         lane.lease->session.heardAt() < task.sentAt && now - task.sentAt >= m_shared.pool.proof();
     abandon(lane, task);
     finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-           lane.server->uri + " did not complete its answer within the deadline of " + limit);
+           lane.server->uri + " did not complete its answer within the deadline of " +
+               inSeconds(m_shared.settings.deadline));
     if (isSilent) {
         expireLane(lane);
     }
@@ -251,7 +344,7 @@ void Pipeline::expireLane(Lane& lane)
     auto const limit = silence();
     Verdict const why = {
         Outcome::TryLater, LDAP_TIMEOUT,
-        lane.server->uri + " did not answer the search within " +
+        lane.server->uri + " did not answer the " + m_requestName + " within " +
             inSeconds(std::chrono::duration_cast<std::chrono::milliseconds>(limit))};
     m_shared.pool.fellSilent(*lane.server, why, limit);
     leave(lane, Trouble::silent, why);

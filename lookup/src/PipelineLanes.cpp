@@ -103,14 +103,16 @@ bool Pipeline::endUselessLane()
 bool Pipeline::checkOut(Task& task)
 {
     bool const hasLane = canBeServed(task);
-    Pool::Wish const wish = {m_now,        task.deadline,     task.failures,
-                             task.brokeOn, task.brokeAt,      task.answer.wasRepeated,
-                             !hasLane,     m_query == nullptr};
+    Pool::Wish const wish = {
+        m_now,        task.deadline,      task.failures,
+        task.brokeOn, task.brokeAt,       task.answer.wasRepeated,
+        !hasLane,     m_query == nullptr, task.login == nullptr ? nullptr : &task.login->server};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_isPoolFull = outlook.isFull;
     switch (outlook.kind) {
     case Pool::Outlook::ready:
         m_lanes.emplace_back(std::move(outlook.lease));
+        ++m_connectionChanges;
         return true;
     case Pool::Outlook::open:
         open(std::move(outlook.lease), task);
@@ -152,6 +154,7 @@ void Pipeline::resolve(Pool::Outlook outlook, Task const& task)
 
 void Pipeline::advanceQuery()
 {
+    ++m_connectionChanges;
     SrvQuery& service = *m_query->service;
     service.advance();
     if (service.isSettled()) {
@@ -181,6 +184,7 @@ void Pipeline::open(Pool::Lease lease, Task const& task)
 {
     bool const asksWhoWeAre = !m_shared.settings.isAnonymous() || task.answer.wasRepeated;
     m_lanes.emplace_back(std::move(lease));
+    ++m_connectionChanges;
     Lane& lane = m_lanes.back();
     lane.begunAt = Clock::now();
     lane.openBy = shareOf(task);
@@ -190,6 +194,7 @@ void Pipeline::open(Pool::Lease lease, Task const& task)
 
 void Pipeline::advance(Lane& lane)
 {
+    ++m_connectionChanges; // each step may use other descriptors
     lane.lease->session.advance();
     if (!lane.lease->session.isSettled()) {
         return;
@@ -214,14 +219,17 @@ void Pipeline::notOpened(Lane& lane)
 {
     ServerRecord const& server = *lane.server;
     Verdict const why = lane.lease->session.verdict();
-    auto const begun = lane.begunAt;
-    bool const wasHeldUp = lane.wasHeldUp;
+    // Its time ended while the owner did something else.
+    bool const isExcused = why.code == LDAP_TIMEOUT && lane.heldUp != Clock::duration(0);
+    auto const begun = lane.begunAt + (isExcused ? lane.heldUp : Clock::duration(0));
+    bool const wasHeldUp = lane.wasHeldUp || isExcused;
     auto const now = Clock::now();
     std::vector<Task*> awaiting;
     std::copy_if(m_waiting.begin(), m_waiting.end(), std::back_inserter(awaiting),
                  [&](Task const* task) { return lane.suits(*task); });
-    auto const attempt = m_shared.pool.failed(lane.lease, why, begun, now >= lane.openBy);
-    m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
+    auto const attempt =
+        m_shared.pool.failed(lane.lease, why, begun, isExcused || now >= lane.openBy);
+    remove(lane);
     m_noNewLaneBefore = now + m_shared.settings.backOff;
     for (Task* const task : awaiting) {
         if (canBeServed(*task)) {
@@ -244,13 +252,15 @@ void Pipeline::send(Task& task, Lane& lane)
     task.answer.server = lane.server->uri;
     task.answer.identity = pooled.session.identity();
     Verdict const verdict =
-        pooled.session.send(m_shared.request, task.answer.filter, task.messageId);
+        task.login == nullptr
+            ? pooled.session.send(m_request, task.answer.filter, task.messageId)
+            : pooled.session.authenticate(task.login->dn, task.login->password, task.messageId);
     if (!verdict.isGood() && verdict.code != LDAP_SERVER_DOWN) {
         finish(task, verdict.outcome, verdict.code, verdict.text);
         return;
     }
     if (pooled.wasUsed) {
-        ++m_shared.reused;
+        ++m_shared.totals.reused;
     }
     pooled.wasUsed = true;
     task.sentAt = m_now;
@@ -295,6 +305,12 @@ void Pipeline::endLeavingLanes()
 void Pipeline::end(Lane& lane)
 {
     lane.end();
+    remove(lane);
+}
+
+void Pipeline::remove(Lane& lane)
+{
+    ++m_connectionChanges;
     m_lanes.remove_if([&](Lane const& other) { return &other == &lane; });
 }
 
@@ -304,11 +320,18 @@ void Pipeline::rest()
         lane.end();
     }
     m_lanes.clear();
+    ++m_connectionChanges;
     if (m_query) {
         m_shared.pool.park(m_query->domain, std::move(m_query->service), m_query->until);
         m_query.reset();
     }
     m_shared.pool.withdraw(m_waiter);
+}
+
+void Pipeline::disown()
+{
+    m_query.reset();
+    rest();
 }
 
 } // namespace Solvane::Lookup

@@ -88,9 +88,9 @@ void Pool::Lease::close()
 
 // Pool
 
-Pool::Pool(Settings const& settings)
-    : m_settings(settings), m_tls(contextFor(settings)), m_servers(settings),
-      m_credentials(!settings.isAnonymous(), settings.refusedHold)
+Pool::Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls)
+    : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_totals(totals),
+      m_servers(settings), m_credentials(!settings.isAnonymous(), settings.refusedHold)
 {
     PoolsAtFork::instance().add(*this);
 }
@@ -111,7 +111,7 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
             (!outlook.lease->hasExpired && outlook.lease->session.isFresh())) {
             return outlook;
         }
-        ++m_stale;
+        ++m_totals.stale;
         std::unique_ptr<PooledSession> const stale = std::move(outlook.lease.m_session);
         std::lock_guard<std::mutex> const lock(m_mutex);
         endTrial(*stale);
@@ -151,6 +151,13 @@ void Pool::decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& drop
         outlook.isRefresh = !outlook.domain->servers.empty();
         outlook.query = std::move(outlook.domain->parked);
         outlook.until = outlook.domain->parkedUntil;
+        return;
+    }
+    ServerRecord* const preferred =
+        wish.server == nullptr ? nullptr : m_servers.recordNamed(*wish.server);
+    if (preferred != nullptr && !wasAsked(wish.failures, *preferred) &&
+        admits(*preferred, Among::eligible, now) &&
+        consider(outlook, *preferred, wish, waiter, Among::eligible, now, dropped)) {
         return;
     }
     for (Among const among : {Among::eligible, Among::silent, Among::prompt}) {
@@ -456,7 +463,7 @@ void Pool::opened(PooledSession& session)
     auto const now = Clock::now();
     session.openedAt = now;
     session.isOpen = true;
-    ++m_opened;
+    ++m_totals.opened;
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
     m_credentials.accepted();

@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_POOL_H
 #define SOLVANE_LOOKUP_SRC_POOL_H
 
+#include "Counters.h"
 #include "Credentials.h"
 #include "Failover.h"
 #include "ServerList.h"
@@ -46,7 +47,9 @@ struct PooledSession {
 /// own. Thread-safe; nothing is sent or received under its lock.
 class Pool : public NonCopyable {
 public:
-    explicit Pool(Settings const& settings);
+    /// Settings and totals must outlive it.
+    /// @param tls  of another pool with the same policy; null: its own, if a server needs one
+    Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls);
     ~Pool();
 
     /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
@@ -80,9 +83,10 @@ public:
         std::vector<Failure> const& failures;  ///< servers that must not be asked again
         ServerRecord const* brokeOn = nullptr; ///< sessions to it must be newer than `brokeAt`
         Clock::time_point brokeAt;
-        bool needsAnswered = false; ///< only a session on which something was answered
-        bool mayWait = true;        ///< in the queue, if there is none
-        bool mayResolve = true;     ///< asks for the servers of a domain, if that is due
+        bool needsAnswered = false;          ///< only a session on which something was answered
+        bool mayWait = true;                 ///< in the queue, if there is none
+        bool mayResolve = true;              ///< asks for the servers of a domain, if that is due
+        std::string const* server = nullptr; ///< URI of the one to prefer, if it is up
     };
 
     /// The result of a checkout.
@@ -152,8 +156,8 @@ public:
     /// nothing.
     Clock::duration proof() const;
 
-    unsigned long openedCount() const { return m_opened; }
-    unsigned long staleCount() const { return m_stale; }
+    /// Null if no server needs TLS.
+    std::shared_ptr<TlsContext> const& tls() const { return m_tls; }
 
 private:
     friend class PoolsAtFork;
@@ -193,8 +197,7 @@ private:
 
     Settings const& m_settings;
     std::shared_ptr<TlsContext> const m_tls;
-    std::atomic<unsigned long> m_opened{0};
-    std::atomic<unsigned long> m_stale{0};
+    Totals& m_totals;
     std::atomic<std::size_t> m_waitingForRoom{0}; ///< written under m_mutex
 
     std::mutex m_mutex;   // guards the members below, and the guarded members of the records

@@ -21,7 +21,7 @@ PoolsAtFork& PoolsAtFork::instance()
     return *registry;
 }
 
-PoolsAtFork::PoolsAtFork() { (void)pthread_atfork(lockAll, unlockAll, unlockAllInChild); }
+PoolsAtFork::PoolsAtFork() { (void)pthread_atfork(lockAll, unlockAllInParent, unlockAllInChild); }
 
 void PoolsAtFork::add(Pool& pool)
 {
@@ -53,8 +53,15 @@ void PoolsAtFork::unlockAll()
     registry.m_mutex.unlock();
 }
 
+void PoolsAtFork::unlockAllInParent()
+{
+    ++instance().m_forks;
+    unlockAll();
+}
+
 void PoolsAtFork::unlockAllInChild()
 {
+    ++instance().m_births;
     for (Pool* const pool : instance().m_pools) {
         ++pool->m_process;
     }

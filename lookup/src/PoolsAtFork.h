@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_POOLS_AT_FORK_H
 #define SOLVANE_LOOKUP_SRC_POOLS_AT_FORK_H
 
+#include <atomic>
 #include <list>
 #include <mutex>
 
@@ -10,8 +11,8 @@ namespace Solvane::Lookup {
 class Pool;
 
 /// Locks every pool before a fork and unlocks it afterwards (`pthread_atfork`), so that no lock is
-/// held by a thread that does not exist in the child; and notifies the pools of the child.
-/// Thread-safe.
+/// held by a thread that does not exist in the child; and notifies the pools of the child. Counts
+/// forks for objects of one thread. Thread-safe.
 class PoolsAtFork {
 public:
     static PoolsAtFork& instance();
@@ -19,15 +20,23 @@ public:
     void add(Pool& pool);
     void remove(Pool& pool);
 
+    /// How many forks made this process what it is: changes in a child.
+    static unsigned long births() { return instance().m_births; }
+    /// How often this process has forked.
+    static unsigned long forks() { return instance().m_forks; }
+
 private:
     PoolsAtFork();
 
     static void lockAll();
     static void unlockAll();
+    static void unlockAllInParent();
     static void unlockAllInChild();
 
     std::mutex m_mutex; ///< locked before the pools' mutexes
     std::list<Pool*> m_pools;
+    std::atomic<unsigned long> m_births{0};
+    std::atomic<unsigned long> m_forks{0};
 };
 
 } // namespace Solvane::Lookup

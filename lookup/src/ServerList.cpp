@@ -50,6 +50,13 @@ ServerRecord& ServerList::recordOf(Server const& server)
     return m_records.emplace_back(m_records.size(), server, std::move(uri), m_limits, m_window);
 }
 
+ServerRecord* ServerList::recordNamed(std::string const& uri) const
+{
+    auto const known = std::find_if(m_order.begin(), m_order.end(),
+                                    [&](ServerRecord const* server) { return server->uri == uri; });
+    return known == m_order.end() ? nullptr : *known;
+}
+
 void ServerList::putInOrder()
 {
     m_order.clear();

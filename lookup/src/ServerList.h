@@ -43,6 +43,8 @@ public:
 
     std::vector<ServerRecord*> const& inOrder() const { return m_order; }
     ServerRecord& record(std::size_t index) { return m_records[index]; }
+    /// The server in use with this URI; null if there is none.
+    ServerRecord* recordNamed(std::string const& uri) const;
 
     /// Returns a domain due for a query and marks it as being queried; null if none is due.
     ServerDomain* claimDomain(Clock::time_point now, Clock::time_point until);

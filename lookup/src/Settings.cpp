@@ -143,8 +143,13 @@ void checkTimes(Settings const& settings)
 
 void checkSizes(Settings const& settings)
 {
+    constexpr unsigned int most = 65536;
     require(settings.connections >= 1, "the number of connections must be at least 1");
+    require(settings.connections <= most, "the number of connections must be at most 65536");
+    require(settings.verifyConnections >= 1,
+            "the number of connections for passwords must be at least 1");
     require(settings.window >= 1, "the window must be at least 1");
+    require(settings.window <= most, "the window must be at most 65536");
     require(settings.keyBytes >= 1, "the maximum length of keys must be at least 1 byte");
     require(settings.entryBytes >= 1024,
             "the maximum size of an entry must be at least 1024 bytes");

@@ -3,11 +3,13 @@
 #define SOLVANE_LOOKUP_SRC_TASK_H
 
 #include "Failover.h"
+#include "Login.h"
 #include "ServerRecord.h"
 
 #include <solvane/lookup/Answer.h>
 
 #include <algorithm>
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,8 @@ struct Lane;
 /// Waits for a lane, then is in flight on it, and is done when it has its answer.
 struct Task {
     std::string key;
+    Login* login = nullptr;         ///< binds as it instead of searching
+    std::uint64_t tag = 0;          ///< the owner's name for it
     std::vector<std::string> forms; ///< empty: only the key itself
     std::size_t form = 0;           ///< index of the current form
     Clock::time_point start;

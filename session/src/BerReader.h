@@ -15,6 +15,9 @@ public:
 
     bool isAtEnd() const { return m_rest.empty(); }
 
+    /// The first byte of the next element's tag; -1 at the end.
+    int nextTag() const { return m_rest.empty() ? -1 : static_cast<int>(byteAt(0)); }
+
     /// Reads the next element. False if it is incomplete; the reader cannot be used any more then.
     bool take(std::string_view& content)
     {

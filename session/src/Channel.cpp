@@ -39,6 +39,18 @@ bool Channel::installOn(Sockbuf* sockbuf)
     return ber_sockbuf_add_io(sockbuf, &s_layer, LBER_SBIOD_LEVEL_PROVIDER, this) == 0;
 }
 
+bool Channel::protect(std::unique_ptr<SaslExchange> exchange)
+{
+    if (hasOutput()) {
+        return false;
+    }
+    m_layer = std::make_unique<SecurityLayer>(
+        std::move(exchange), m_socket, std::string_view(m_input.get() + m_begin, m_end - m_begin));
+    m_begin = m_end = 0;
+    m_front = MessageFrame();
+    return true;
+}
+
 void Channel::fail(Outcome outcome, int code, std::string const& why)
 {
     if (m_fault.isGood()) {
@@ -89,8 +101,9 @@ Flow Channel::read()
     std::size_t count = 0;
     char* const bytes = m_input.get() + m_end;
     std::size_t const room = m_capacity - m_end;
-    Flow const flow =
-        m_tls ? m_tls->receive(bytes, room, count) : m_socket.receive(bytes, room, count);
+    Flow const flow = m_tls     ? m_tls->receive(bytes, room, count)
+                      : m_layer ? m_layer->receive(bytes, room, count)
+                                : m_socket.receive(bytes, room, count);
     m_end += count;
     m_received += count;
     return flow;
@@ -147,12 +160,12 @@ bool Channel::isReady() const
     return !m_fault.isGood() || !m_writeFault.isGood() || m_front.state == MessageFrame::whole ||
            (hasInput() &&
             frameOf({m_input.get() + m_begin, m_end - m_begin}).state != MessageFrame::partial) ||
-           (m_tls && m_tls->hasPending());
+           (m_tls && m_tls->hasPending()) || (m_layer && m_layer->hasPending());
 }
 
 bool Channel::isFresh()
 {
-    if (!isWhole() || hasInput() || hasOutput()) {
+    if (!isWhole() || hasInput() || hasOutput() || (m_layer && m_layer->hasInput())) {
         return false;
     }
     pollfd looked = {m_socket.number(), POLLIN | POLLRDHUP, 0};
@@ -168,10 +181,7 @@ void Channel::flush()
 {
     while (isWhole() && hasOutput()) {
         std::size_t count = 0;
-        char const* const bytes = m_output.data() + m_sent;
-        std::size_t const length = m_output.size() - m_sent;
-        Flow const flow =
-            m_tls ? m_tls->send(bytes, length, count) : m_socket.send(bytes, length, count);
+        Flow const flow = write(count);
         if (flow == Flow::moved) {
             m_sent += count;
             m_blockedAt.reset();
@@ -195,6 +205,15 @@ void Channel::flush()
         m_output.clear();
         m_sent = 0;
     }
+}
+
+Flow Channel::write(std::size_t& count)
+{
+    char const* const bytes = m_output.data() + m_sent;
+    std::size_t const length = m_output.size() - m_sent;
+    return m_tls     ? m_tls->send(bytes, length, count)
+           : m_layer ? m_layer->send(bytes, length, count)
+                     : m_socket.send(bytes, length, count);
 }
 
 void Channel::append(char const* bytes, std::size_t length)
@@ -241,6 +260,9 @@ Verdict Channel::faultOf(Flow flow) const
 {
     if (m_tls && !m_tls->fault().isGood()) {
         return m_tls->fault();
+    }
+    if (m_layer && !m_layer->fault().isGood()) {
+        return m_layer->fault();
     }
     return Verdict{Outcome::TryLater, LDAP_SERVER_DOWN,
                    flow == Flow::ended ? "the server closed the connection"

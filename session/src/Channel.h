@@ -8,6 +8,7 @@
 
 #include "MessageFrame.h"
 #include "OpenLDAP.h"
+#include "SecurityLayer.h"
 #include "Socket.h"
 #include "TlsStream.h"
 
@@ -19,7 +20,8 @@
 
 namespace Solvane::Lookup {
 
-/// Two buffers between OpenLDAP and the socket, plain or with TLS. Not thread-safe.
+/// Two buffers between OpenLDAP and the socket, plain, with TLS, or with the security layer of a SASL
+/// bind. Not thread-safe.
 ///
 /// OpenLDAP only reads and writes memory: its output is buffered until `flush`, and it gets a
 /// message only when the whole message has arrived. Therefore OpenLDAP never blocks and never sees
@@ -40,6 +42,9 @@ public:
     /// Uses TLS from now on. There must be no input.
     void secure(std::unique_ptr<TlsStream> tls) { m_tls = std::move(tls); }
     TlsStream* tls() const { return m_tls.get(); }
+    /// Uses the security layer of a complete exchange from now on. Bytes that have arrived already
+    /// count as protected. False: the server answered before it received all requests.
+    bool protect(std::unique_ptr<SaslExchange> exchange);
     Socket& socket() { return m_socket; }
 
     // Input
@@ -93,6 +98,7 @@ private:
     bool isReady() const;
     bool findFront();
     Flow read();
+    Flow write(std::size_t& count);
     void makeRoom();
     void append(char const* bytes, std::size_t length);
     void failBy(Flow flow);
@@ -105,7 +111,8 @@ private:
     };
 
     Socket m_socket;
-    std::unique_ptr<TlsStream> m_tls; // null without TLS
+    std::unique_ptr<TlsStream> m_tls;       // null without TLS
+    std::unique_ptr<SecurityLayer> m_layer; // null without a layer
     std::size_t m_messageBytes;
     std::chrono::milliseconds m_patience;
     Verdict m_fault;

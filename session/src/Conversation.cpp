@@ -83,24 +83,28 @@ int Conversation::startTls(int& id)
     return sent(code, id);
 }
 
-int Conversation::bind(std::string const& dn, std::string const& password, int& id)
+int Conversation::bind(std::string const& dn, std::string const& password, int& id,
+                       bool asksForPolicy)
 {
+    char type[] = LDAP_CONTROL_PASSWORDPOLICYREQUEST;
+    LDAPControl policy = {type, {0, nullptr}, 0}; // not critical: servers without it ignore it
+    LDAPControl* controls[] = {&policy, nullptr};
     berval const credentials = {password.size(), const_cast<char*>(password.data())};
     m_channel.handlesSecret(true);
-    int const code = ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE,
-                                    const_cast<berval*>(&credentials), nullptr, nullptr, &id);
+    int const code =
+        ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE, const_cast<berval*>(&credentials),
+                       asksForPolicy ? controls : nullptr, nullptr, &id);
     m_channel.handlesSecret(false);
     return sent(code, id);
 }
 
-int Conversation::bindExternally(std::string const& authorizationId, int& id)
+int Conversation::saslBind(char const* mechanism, std::string_view credentials, int& id)
 {
-    // Without an authorization id, its bytes are empty, but they are there: a server that gets none
-    // may ask for them (RFC 4422 section A).
-    berval const initial = {authorizationId.size(), const_cast<char*>(authorizationId.data())};
-    int const code = ldap_sasl_bind(m_handle, nullptr, "EXTERNAL", const_cast<berval*>(&initial),
-                                    nullptr, nullptr, &id);
-    return sent(code, id);
+    berval sent = {credentials.size(), const_cast<char*>(credentials.data())};
+    int const code =
+        ldap_sasl_bind(m_handle, nullptr, mechanism,
+                       credentials.data() == nullptr ? nullptr : &sent, nullptr, nullptr, &id);
+    return this->sent(code, id);
 }
 
 int Conversation::whoAmI(int& id)

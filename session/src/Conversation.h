@@ -7,6 +7,7 @@
 #include "Channel.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Solvane::Lookup {
@@ -31,10 +32,12 @@ public:
     // until the channel is flushed.
 
     int startTls(int& id);
-    int bind(std::string const& dn, std::string const& password, int& id);
-    /// SASL EXTERNAL (RFC 4422 appendix A).
-    /// @param authorizationId  empty: the server's choice
-    int bindExternally(std::string const& authorizationId, int& id);
+    /// @param asksForPolicy  requests the password policy control in the response
+    int bind(std::string const& dn, std::string const& password, int& id,
+             bool asksForPolicy = false);
+    /// A round of a SASL bind.
+    /// @param credentials  null data: none
+    int saslBind(char const* mechanism, std::string_view credentials, int& id);
     int whoAmI(int& id);
     int search(SearchRequest const& request, std::string const& filter, int& id);
     /// Reads the root DSE without attributes. Every server answers this, so it proves that it is
@@ -43,6 +46,8 @@ public:
     void abandon(int id);
     /// Accepts the answers to a request that was sent by other code.
     void expect(int id) { m_awaited.push_back(id); }
+    /// Whether a request is pending.
+    bool isAwaiting() const { return !m_awaited.empty(); }
 
     /// Returns the next message of a request, without waiting.
     /// @param parsesEntries  makes OpenLDAP parse entries too; else they stay in the buffer

@@ -3,10 +3,15 @@
 
 #include <solvane/session/PlainText.h>
 
+#include "Descriptor.h"
 #include "OpenLDAP.h"
+#include "SocketErrors.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <new>
+
+#include <sys/socket.h>
 
 namespace Solvane::Lookup {
 
@@ -62,6 +67,21 @@ void NameService::setServers(std::vector<std::string> const& servers)
     if (error != ARES_SUCCESS) {
         m_fault = "invalid name servers '" + oneLine(list) + "': " + ares_strerror(error);
     }
+}
+
+Verdict NameService::failure(int status)
+{
+    if (status == ARES_ETIMEOUT) {
+        return {Outcome::TryLater, LDAP_TIMEOUT, "no name server answers"};
+    }
+    if (status != ARES_ENOTFOUND && status != ARES_ENODATA) {
+        Descriptor const trial(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+        if (trial.number() == -1 && isLack(errno)) {
+            return {Outcome::TryLater, LDAP_LOCAL_ERROR,
+                    "this process has no descriptor or memory left to ask name servers"};
+        }
+    }
+    return {Outcome::TryLater, LDAP_SERVER_DOWN, ares_strerror(status)};
 }
 
 void NameService::socketChanged(void* service, ares_socket_t socket, int reads, int writes)

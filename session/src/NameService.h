@@ -28,6 +28,9 @@ public:
     /// Whether memory ran out in a callback: what is asked may never be answered.
     bool lacksMemory() const { return m_lacksMemory; }
     ares_channel channel() const { return m_channel; }
+    /// The verdict of a query that ended with this status of c-ares, which is no success. c-ares
+    /// reports a lack of descriptors as a server that refuses: it is told apart by trying.
+    static Verdict failure(int status);
 
     /// Reads and writes without blocking, and resends queries that timed out.
     void advance();

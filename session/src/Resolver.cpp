@@ -87,10 +87,8 @@ void Resolver::State::take(int status, ares_addrinfo const* found)
         return;
     }
     addresses.clear();
-    bool const isSilent = status == ARES_ETIMEOUT;
-    end(Outcome::TryLater, isSilent ? LDAP_TIMEOUT : LDAP_SERVER_DOWN,
-        isSilent ? "no name server answers"
-                 : ares_strerror(status == ARES_SUCCESS ? ARES_ENODATA : status));
+    Verdict const failure = NameService::failure(status == ARES_SUCCESS ? ARES_ENODATA : status);
+    end(failure.outcome, failure.code, failure.text);
 }
 
 Resolver::Resolver(std::string const& host, unsigned int port,

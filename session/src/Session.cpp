@@ -95,6 +95,31 @@ Verdict Session::send(SearchRequest const& request, std::string const& filter, i
                             "cannot send the search: " + wordsFor(code, filter));
 }
 
+Verdict Session::authenticate(std::string const& dn, std::string const& password, int& id)
+{
+    if (dn.empty() || password.empty() || hasNul(dn) || hasNul(password)) {
+        return m_steps->failure(
+            Outcome::Misconfigured, LDAP_PARAM_ERROR,
+            "a DN or password that is empty or contains a NUL byte is not sent");
+    }
+    Conversation* const conversation = m_steps->conversation();
+    if (conversation == nullptr || !verdict().isGood() || !conversation->channel().isWhole()) {
+        return m_steps->broken("bind");
+    }
+    if (conversation->isAwaiting()) {
+        return m_steps->failure(Outcome::Misconfigured, LDAP_PARAM_ERROR,
+                                "a bind cannot be sent while other requests are pending");
+    }
+    m_steps->request = "bind";
+    int const code = conversation->bind(dn, password, id, true);
+    if (code == LDAP_SUCCESS) {
+        return Verdict();
+    }
+    return code == LDAP_SERVER_DOWN ? m_steps->broken("bind")
+                                    : m_steps->failure(outcomeOfBind(code), code,
+                                                       "cannot send the bind: " + wordsFor(code));
+}
+
 void Session::expect(int id)
 {
     if (Conversation* const conversation = m_steps->conversation()) {

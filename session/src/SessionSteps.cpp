@@ -403,9 +403,8 @@ bool Session::Steps::startBind()
     case Mechanism::external:
         return startExternalBind();
     case Mechanism::gssapi:
-        break;
+        return startSaslBind();
     }
-    fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "SASL GSSAPI is not supported");
     return false;
 }
 
@@ -433,7 +432,9 @@ bool Session::Steps::startExternalBind()
         return false;
     }
     identity = Identity::Unconfirmed;
-    return wasSent(m_conversation->bindExternally(options.authorizationId, m_id));
+    // Without an authorization id, the credentials are empty, but they are there: a server that gets
+    // none may ask for them (RFC 4422 appendix A).
+    return wasSent(m_conversation->saslBind("EXTERNAL", options.authorizationId, m_id));
 }
 
 bool Session::Steps::wasSent(int code)
@@ -447,8 +448,15 @@ bool Session::Steps::wasSent(int code)
 Session::Steps::Progress Session::Steps::bind()
 {
     Message answer;
-    Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeBindResponse(answer.parsed) : progress;
+    Progress progress = awaitAnswer(answer);
+    while (progress == Progress::done) {
+        progress = takeBindResponse(answer.parsed);
+        if (progress != Progress::waiting) {
+            return progress;
+        }
+        progress = awaitAnswer(answer); // writes the next round
+    }
+    return progress;
 }
 
 /// Awaits the final answer to the request of the step.
@@ -482,6 +490,10 @@ Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& ans
     bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
     if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
         return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "invalid response to the bind");
+    }
+    if (m_exchange &&
+        (response.code == LDAP_SUCCESS || response.code == LDAP_SASL_BIND_IN_PROGRESS)) {
+        return takeSaslResponse(answer, response.code);
     }
     if (response.code == LDAP_SASL_BIND_IN_PROGRESS && options.mechanism == Mechanism::external) {
         return fail(Outcome::Refused, response.code,
@@ -558,13 +570,13 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
 Session::Received Session::Steps::receive(Message& message, bool parsesEntries)
 {
     if (!m_conversation || !m_verdict.isGood()) {
-        breakOff("search");
+        breakOff(request);
         return Received::broken;
     }
     m_conversation->channel().flush();
     Received const received = m_conversation->receive(message, parsesEntries);
     if (received == Received::broken) {
-        breakOff("search");
+        breakOff(request);
     }
     return received;
 }

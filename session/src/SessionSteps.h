@@ -8,6 +8,7 @@
 #include "Connector.h"
 #include "Conversation.h"
 #include "PathConnector.h"
+#include "SaslExchange.h"
 
 #include <algorithm>
 #include <memory>
@@ -61,6 +62,7 @@ public:
     std::string peer;
     Identity identity = Identity::Anonymous;
     std::string authorizationId;
+    char const* request = "search"; ///< the last kind of request, for messages
 
 private:
     /// Result of continuing a step.
@@ -87,11 +89,14 @@ private:
     bool startSimpleBind();
     bool startExternalBind();
     bool wasSent(int code);
+    bool startSaslBind();
+    bool sendSaslRound();
     bool startIdentify();
 
     Progress awaitAnswer(Message& answer);
     Progress takeTlsResponse(LDAPMessageBuffer& answer);
     Progress takeBindResponse(LDAPMessageBuffer& answer);
+    Progress takeSaslResponse(LDAPMessageBuffer& answer, int code);
     Progress takeIdentity(LDAPMessageBuffer& answer);
     Progress fail(Outcome outcome, int code, std::string const& text);
     Progress failAs(Verdict const& verdict);
@@ -111,7 +116,9 @@ private:
     std::unique_ptr<Connector> m_connector;
     std::unique_ptr<PathConnector> m_pathConnector; // instead, with a socket's path
     std::unique_ptr<Conversation> m_conversation;
-    int m_id = 0; // message id of the step's request
+    int m_id = 0;                             // message id of the step's request
+    std::unique_ptr<SaslExchange> m_exchange; // of a SASL bind under way
+    int m_rounds = 0;                         // of it
 };
 
 } // namespace Solvane::Lookup

@@ -157,15 +157,15 @@ void SrvQuery::State::take(int status, unsigned char const* bytes, int length)
     for (ares_srv_reply const* record = reply; record != nullptr; record = record->next) {
         targets.push_back(SrvTarget{record->host, record->port, record->priority, record->weight});
     }
-    if (error == ARES_ETIMEOUT) {
-        end(Outcome::TryLater, LDAP_TIMEOUT, "no name server answers");
+    targets.erase(std::remove_if(targets.begin(), targets.end(), isNone), targets.end());
+    if (error != ARES_SUCCESS) {
+        targets.clear();
+        Verdict const failure = NameService::failure(error);
+        end(failure.outcome, failure.code, failure.text);
         return;
     }
-    targets.erase(std::remove_if(targets.begin(), targets.end(), isNone), targets.end());
-    if (error != ARES_SUCCESS || targets.empty()) {
-        targets.clear();
-        end(Outcome::TryLater, LDAP_SERVER_DOWN,
-            error == ARES_SUCCESS ? "the domain has no LDAP server" : ares_strerror(error));
+    if (targets.empty()) {
+        end(Outcome::TryLater, LDAP_SERVER_DOWN, "the domain has no LDAP server");
         return;
     }
     std::mt19937 generator{seed()};

@@ -447,6 +447,19 @@ std::string TlsStream::version() const
     return name == nullptr ? std::string() : std::string(name);
 }
 
+std::string TlsStream::serverEndPoint() const
+{
+    gnutls_datum_t hash = {};
+    if (gnutls_session_channel_binding(m_session, GNUTLS_CB_TLS_SERVER_END_POINT, &hash) !=
+        GNUTLS_E_SUCCESS) {
+        return std::string();
+    }
+    std::string binding = "tls-server-end-point:";
+    binding.append(reinterpret_cast<char const*>(hash.data), hash.size);
+    gnutls_free(hash.data);
+    return binding;
+}
+
 std::string TlsStream::cipher() const
 {
     char const* const name = gnutls_cipher_get_name(gnutls_cipher_get(m_session));

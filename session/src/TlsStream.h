@@ -54,6 +54,9 @@ public:
 
     std::string version() const; ///< as "TLS1.3"
     std::string cipher() const;  ///< as "AES-256-GCM"
+    /// The channel binding "tls-server-end-point" (RFC 5929): the hash of the server's certificate.
+    /// Empty if there is none.
+    std::string serverEndPoint() const;
     bool isResumed() const { return gnutls_session_is_resumed(m_session) != 0; }
     std::optional<Certificate> const& certificate() const { return m_certificate; }
 

@@ -67,10 +67,12 @@ def handles(body):
 
 
 def credential(string):
+    """Whether a password is set; never the password."""
     return "<set>" if int(string["_M_string_length"]) else "<empty>"
 
 
 def buffer_text(buffer):
+    """A buffer's bytes, quoted."""
     return quoted(bytes_of(buffer["m_bytes"]))
 
 
@@ -91,6 +93,7 @@ def tokens(semaphore):
 
 
 def server_uri(pointer):
+    """The URI of a shared server description."""
     server = pointer["px"]
     return (
         bytes_of(server["uri"]["m_text"]).decode(errors="replace") if int(server) else "no server"
@@ -98,27 +101,37 @@ def server_uri(pointer):
 
 
 class Printer:
+    """Prints one value; gdb calls `to_string` and, for what is inside, `children`."""
+
     def __init__(self, value):
         self.value = value
 
 
 class Uri(Printer):
+    """A URI, quoted: "ldap://[127.0.0.1]:389/"."""
+
     def to_string(self):
         return quoted(bytes_of(self.value["m_text"]))
 
 
 class Buffer(Printer):
+    """The length and the bytes: 5 bytes "hello"."""
+
     def to_string(self):
         length = int(self.value["m_bytes"]["_M_string_length"])
         return f"{length} byte{'' if length == 1 else 's'} {buffer_text(self.value)}"
 
 
 class Counter(Printer):
+    """The number alone."""
+
     def to_string(self):
         return str(int(self.value["m_value"]["_M_i"]))
 
 
 class AttributeType(Printer):
+    """The description, quoted: "cn;lang-en"."""
+
     def to_string(self):
         return "null handle" if body_of(self.value) is None else quoted(type_text(self.value))
 
@@ -141,6 +154,8 @@ class Attribute(Printer):
 
 
 class AttributeContainer(Printer):
+    """The number of attributes, and the attributes as children."""
+
     def to_string(self):
         body = body_of(self.value)
         if body is None:
@@ -159,6 +174,8 @@ class AttributeContainer(Printer):
 
 
 class Entry(Printer):
+    """The DN: entry "cn=a,dc=example"; and its attributes as children."""
+
     def to_string(self):
         return f"entry {quoted(bytes_of(self.value['m_entryName']))}"
 
@@ -208,6 +225,8 @@ class Result(Printer):
 
 
 class Connection(Printer):
+    """Server, bind DN, state and handles: connection to ldap://... as "cn=a", in use, 2 handles."""
+
     def to_string(self):
         body = body_of(self.value)
         if body is None:
@@ -226,11 +245,15 @@ class Connection(Printer):
 
 
 class RefServer(Printer):
+    """The URI alone: server ldap://[127.0.0.1]:389/."""
+
     def to_string(self):
         return f"server {server_uri(self.value)}"
 
 
 class Request(Printer):
+    """LDAPSearchImpl with message id 3, 1 handle; its connection, result and contents as children."""
+
     def to_string(self):
         body = body_of(self.value)
         if body is None:

@@ -68,7 +68,7 @@ FaultyServer::Script answeringSearches(long code)
 Fault behindTheBind()
 {
     return {"behind-the-bind",
-            "Of two servers, the first takes every bind and spoils every search.",
+            "Of two servers, the first accepts every bind and fails every search.",
             onlyForTheEngine("has one server"), [](Column column, Extent const& extent) {
                 struct Spoiling {
                     char const* how;

@@ -37,6 +37,24 @@ def matrix(faults, cells):
         yield f"| {fault['fault']} | " + " | ".join(texts) + " |"
 
 
+def failures(faults, cells):
+    """What happened in the failed cases, below a heading; nothing if there are none."""
+    failed = [
+        (fault["fault"], column, cells[fault["fault"], column])
+        for fault in faults
+        for column in COLUMNS
+        if cells.get((fault["fault"], column), {}).get("failed")
+    ]
+    if not failed:
+        return
+    yield "### Failed cases"
+    yield ""
+    for fault, column, cell in failed:
+        lines = [line.strip() for line in cell["text"].splitlines()]
+        yield f"- {fault}, {column}: {'; '.join(line for line in lines if line)}"
+    yield ""
+
+
 def meanings(faults):
     yield "| fault | what happens |"
     yield "|---|---|"
@@ -94,6 +112,7 @@ def section(faults, cells, versions):
     yield ""
     yield from meanings(faults)
     yield ""
+    yield from failures(faults, cells)
     yield "### Known limits"
     yield ""
     yield "These limits are in OpenLDAP, in the LDAP protocol, or in an interface that must not change."

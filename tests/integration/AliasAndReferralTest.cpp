@@ -107,12 +107,10 @@ TEST_F(Referral, AsFinalAnswerIsThrown)
     LDAPSearch search(connection, lookupOf("cn=elsewhere,ou=referrals,dc=corp,dc=test"));
     search.send();
 
-    auto const thrown = thrownBy([&] { search.wait(10); });
-
-    EXPECT_THAT(thrown, IsFault("Result.cpp", 624, 4, 5));
-    EXPECT_EQ(thrown.stringParameter(),
-              "Can't handle referrals. Got referral to "
-              "ldap://other.corp.test:389/ou=people,dc=corp,dc=test??base ");
+    EXPECT_THAT(thrownBy([&] { search.wait(10); }),
+                IsFault("Result.cpp", 624, 4, 5,
+                        "Can't handle referrals. Got referral to "
+                        "ldap://other.corp.test:389/ou=people,dc=corp,dc=test??base "));
 }
 
 TEST_F(Referral, AsFinalAnswerStaysInTheResult)
@@ -136,9 +134,7 @@ TEST_F(Referral, ToTheSuperiorServerIsThrownOutsideTheData)
     LDAPSearch search(connection, lookupOf("dc=elsewhere,dc=test"));
     search.send();
 
-    auto const thrown = thrownBy([&] { search.wait(10); });
-
-    EXPECT_THAT(thrown, IsFault("Result.cpp", 624, 4, 5));
+    EXPECT_THAT(thrownBy([&] { search.wait(10); }), IsFault("Result.cpp", 624, 4, 5));
     EXPECT_THAT(search.result().referrals(),
                 ElementsAre("ldap://superior.corp.test:389/dc=elsewhere,dc=test??base"));
 }

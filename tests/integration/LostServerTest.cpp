@@ -98,9 +98,7 @@ TEST_F(LostServer, FailsAnOutstandingSearch)
     search.send();
     crash();
 
-    auto const thrown = thrownBy([&] { search.wait(10); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_THAT(thrownBy([&] { search.wait(10); }), IsFault("Search.cpp", 332, 4, 4));
 }
 
 TEST_F(LostServer, ThatHangsUpInsteadOfAnsweringFailsTheSearch)
@@ -109,9 +107,7 @@ TEST_F(LostServer, ThatHangsUpInsteadOfAnsweringFailsTheSearch)
     LDAPSearch search(connection, lookupOf("cn=pre,ou=codes,dc=corp,dc=test"));
     search.send();
 
-    auto const thrown = thrownBy([&] { search.wait(10); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_THAT(thrownBy([&] { search.wait(10); }), IsFault("Search.cpp", 332, 4, 4));
 }
 
 TEST_F(LostServer, IsNotAskedAgainByASessionThatWasBound)
@@ -121,9 +117,7 @@ TEST_F(LostServer, IsNotAskedAgainByASessionThatWasBound)
     answerAndCrash(search);
     comeBack();
 
-    auto const thrown = thrownBy([&] { answerTo(connection, secret); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
+    EXPECT_THAT(thrownBy([&] { answerTo(connection, secret); }), IsFault("Search.cpp", 270, 4, 4));
     EXPECT_EQ(connection.openldapErrorCode(), -1);
     EXPECT_TRUE(hasNoConnections());
 }
@@ -135,9 +129,7 @@ TEST_F(LostServer, IsNotAskedAgainByASecureSessionThatWasBound)
     answerAndCrash(search);
     comeBack();
 
-    auto const thrown = thrownBy([&] { answerTo(connection, secret); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
+    EXPECT_THAT(thrownBy([&] { answerTo(connection, secret); }), IsFault("Search.cpp", 270, 4, 4));
     EXPECT_TRUE(hasNoConnections());
 }
 

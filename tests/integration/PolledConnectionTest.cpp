@@ -1,9 +1,7 @@
 // Searches whose answers come in one piece, awaited by a caller that polls the socket in between.
+#include "Directory.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
-
-#include <solvane/ldap.h>
-#include <solvane/ldap/impl.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,11 +22,11 @@ namespace {
 /// The answer to two searches, of which the first id is `first`.
 using Answers = std::string (*)(int first, int second);
 
-std::string answerTo(int id) { return searchEntry(id, "cn=x", {}) + searchDone(id); }
+std::string answerOf(int id) { return searchEntry(id, "cn=x", {}) + searchDone(id); }
 
-std::string inOrder(int first, int second) { return answerTo(first) + answerTo(second); }
+std::string inOrder(int first, int second) { return answerOf(first) + answerOf(second); }
 
-std::string reversed(int first, int second) { return answerTo(second) + answerTo(first); }
+std::string reversed(int first, int second) { return answerOf(second) + answerOf(first); }
 
 /// More than any buffer holds, of the second search, before the first one's answer.
 std::string behindManyEntries(int first, int second)
@@ -37,8 +35,11 @@ std::string behindManyEntries(int first, int second)
     for (int i = 0; i < 2000; ++i) {
         entries += searchEntry(second, "cn=x", {{"cn", {std::string(50, 'x')}}});
     }
-    return entries + searchDone(second) + answerTo(first);
+    return entries + searchDone(second) + answerOf(first);
 }
+
+/// What is asked for.
+LDAPSearch::Parameter const query = searchFor("dc=corp,dc=test", "(cn=x)");
 
 /// False if nothing arrives although the search has not ended.
 bool finish(LDAPSearch& search)
@@ -68,13 +69,7 @@ TEST_P(TwoSearchesInFlight, EndForACallerThatPollsTheSocket)
         peer.send(GetParam()(first, second));
         peer.receiveUntilClosed();
     });
-    LDAPConnection connection(LDAPConnection::RefServer("127.0.0.1", server.port(),
-                                                        LDAPConnection::V3, false, 5, false, false),
-                              false);
-    connection.bind("cn=reader", "secret", LDAPConnection::Asynchronous);
-    connection.bindWait(5);
-    LDAPSearch::Parameter query("dc=corp,dc=test");
-    query.filter = "(cn=x)";
+    LDAPConnection connection = boundTo(plainServer(server.port()));
     LDAPSearch first(connection, query);
     LDAPSearch second(connection, query);
 
@@ -96,16 +91,10 @@ TEST(ACallerThatPollsTheSocket, GetsAMessageForEachReadiness)
     ScriptedServer const server([](ScriptedServer::Peer& peer) {
         peer.grantBind();
         int const id = messageIdOf(peer.receiveMessage());
-        peer.send(searchEntry(id, "cn=x", {}) + answerTo(id));
+        peer.send(searchEntry(id, "cn=x", {}) + answerOf(id));
         peer.receiveUntilClosed();
     });
-    LDAPConnection connection(LDAPConnection::RefServer("127.0.0.1", server.port(),
-                                                        LDAPConnection::V3, false, 5, false, false),
-                              false);
-    connection.bind("cn=reader", "secret", LDAPConnection::Asynchronous);
-    connection.bindWait(5);
-    LDAPSearch::Parameter query("dc=corp,dc=test");
-    query.filter = "(cn=x)";
+    LDAPConnection connection = boundTo(plainServer(server.port()));
     LDAPSearch search(connection, query);
     search.send();
     auto* const session = static_cast<LDAP*>(connection.context());

@@ -203,9 +203,9 @@ TEST_F(TheSharedLibrary, SendsASynchronousBindThroughTheProgram)
         thrownBy([&] { connection.bind("cn=a", "secret", LDAPConnection::Synchronous); });
 
     EXPECT_THAT(g_calls, ElementsAre("ldap_sasl_bind_s", "ldap_err2string"));
-    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 3));
-    EXPECT_EQ(thrown.stringParameter(),
-              "Error: 'a text of this program' during bind to ldap://[127.0.0.1]:389/");
+    EXPECT_THAT(thrown,
+                IsFault("Connection.cpp", 241, 4, 3,
+                        "Error: 'a text of this program' during bind to ldap://[127.0.0.1]:389/"));
 }
 
 TEST_F(TheSharedLibrary, SearchesThroughTheProgram)

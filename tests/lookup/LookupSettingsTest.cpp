@@ -196,6 +196,9 @@ TEST(LookupSettings, NeedTimesAndRoom)
     EXPECT_NE(refusalWith([](Settings& s) { s.deadline = milliseconds(0); }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.connections = 0; }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.window = 0; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.connections = 65537; }), "");
+    EXPECT_NE(refusalWith([](Settings& s) { s.window = 65537; }), "");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.connections = s.window = 65536; }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.forms.clear(); }), "");
     EXPECT_NE(refusalWith([](Settings& s) { s.longestBackOff = milliseconds(10); }), "");
 }

@@ -21,8 +21,6 @@ namespace SolvaneTest {
 
 namespace {
 
-constexpr unsigned char extendedRequest = 0x77;
-
 std::string extendedResponse(int messageId, int code, std::string const& value)
 {
     constexpr unsigned char extendedResponseTag = 0x78;
@@ -47,7 +45,7 @@ ScriptedServer::Script servingWith(OnSearch const& onSearch, int code, std::stri
             case BindRequest:
                 peer.send(bindResponse(id));
                 break;
-            case extendedRequest:
+            case ExtendedRequest:
                 peer.send(extendedResponse(id, code, identity));
                 break;
             case SearchRequest:
@@ -112,6 +110,11 @@ ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity)
 ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code)
 {
     return servingWith(onSearch, code, std::string());
+}
+
+std::string whoAmIResponse(int messageId, std::string const& identity)
+{
+    return extendedResponse(messageId, 0, identity);
 }
 
 void answerFound(ScriptedServer::Peer& peer, std::string const& request)

@@ -47,6 +47,9 @@ ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity = 
 /// The same for a server that does not support "Who am I?" and answers `code`.
 ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code);
 
+/// The answer to "Who am I?".
+std::string whoAmIResponse(int messageId, std::string const& identity);
+
 /// Sends one entry and the end of the search.
 void answerFound(ScriptedServer::Peer& peer, std::string const& request);
 /// Sends the end of the search only.

@@ -96,9 +96,9 @@ DIFFERENCES = (
         lambda server: ", ".join(f"`{name}`" for name in server["other_bind_names"].split())
         or ABSENT,
     ),
-    ("password without TLS", code("plain_bind", "taken", "plain_bind_text")),
+    ("password without TLS", code("plain_bind", "accepted", "plain_bind_text")),
     ("wrong password", code("wrong_password", "", "wrong_password_text")),
-    ("bind of protocol version 2", code("version_2", "taken")),
+    ("bind of protocol version 2", code("version_2", "accepted")),
     ("search without a bind", code("anonymous_search", "answered", "anonymous_search_text")),
     (
         '"Who am I?"',

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 
 using namespace Solvane;
 using namespace Solvane::Lookup;
@@ -116,6 +117,24 @@ TEST(Resolving, ByAServerThatFailsIsTriedLater)
     finish(resolver);
 
     EXPECT_THAT(shown(resolver.verdict()), StartsWith("TryLater -"));
+}
+
+TEST(Resolving, WithoutADescriptorLeftSpeaksOfThisProcess)
+{
+    NameServer const server;
+    auto limit = std::make_optional<NoDescriptors>();
+
+    Resolver resolver("both.example.test", 389, {server.address()});
+    finish(resolver);
+    SrvQuery query("example.test", false, {server.address()});
+    finish(query);
+    limit.reset();
+
+    std::string const lack = "this process has no descriptor or memory left to ask name servers";
+    EXPECT_EQ(shown(resolver.verdict()), "TryLater -2 cannot resolve 'both.example.test': " + lack);
+    EXPECT_EQ(shown(query.verdict()), "TryLater -2 cannot find the servers of 'example.test' "
+                                      "(_ldap._tcp.example.test): " +
+                                          lack);
 }
 
 TEST(Resolving, ByTheSecondServerIfTheFirstIsSilent)

@@ -11,7 +11,6 @@
 #include <csignal>
 #include <ctime>
 
-#include <sys/resource.h>
 #include <sys/time.h>
 
 using namespace Solvane;
@@ -61,13 +60,11 @@ TEST(ConnectTo, AServerWithoutADescriptorLeftSpeaksOfThisProcess)
 {
     ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });
     Session session(plainOptions(server.port()));
-    rlimit before{};
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
-    rlimit const none = {0, before.rlim_max};
 
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
-    Verdict const verdict = session.reach(Step::connect, soon());
-    setrlimit(RLIMIT_NOFILE, &before);
+    Verdict const verdict = [&] {
+        NoDescriptors const limit;
+        return session.reach(Step::connect, soon());
+    }();
 
     std::string const number = std::to_string(server.port());
     EXPECT_EQ(shown(verdict), "TryLater -2 ldap://127.0.0.1:" + number +

@@ -3,6 +3,7 @@
 
 #include <solvane/session/ResultCodes.h>
 
+#include <gtest/gtest.h>
 #include <ldap.h>
 
 using namespace Solvane;
@@ -57,6 +58,15 @@ TlsPolicy policy(TlsVerify verify, std::string const& caFile)
     policy.caFile = caFile;
     return policy;
 }
+
+NoDescriptors::NoDescriptors()
+{
+    EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_before), 0);
+    rlimit const none = {0, m_before.rlim_max};
+    EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+}
+
+NoDescriptors::~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &m_before); }
 
 SearchRequest peopleSearch()
 {

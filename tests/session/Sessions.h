@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/resource.h>
+
 namespace SolvaneTest {
 
 constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
@@ -35,6 +37,18 @@ Solvane::Lookup::SessionOptions startTlsOptions(unsigned int port,
                                                 std::string const& host = "127.0.0.1");
 Solvane::Lookup::TlsPolicy policy(Solvane::Lookup::TlsVerify verify,
                                   std::string const& caFile = std::string());
+
+/// While it exists, this process can open no further descriptor.
+class NoDescriptors {
+public:
+    NoDescriptors();
+    ~NoDescriptors();
+    NoDescriptors(NoDescriptors const&) = delete;
+    NoDescriptors& operator=(NoDescriptors const&) = delete;
+
+private:
+    rlimit m_before{};
+};
 
 /// A search among the people.
 Solvane::Lookup::SearchRequest peopleSearch();

@@ -21,7 +21,7 @@ private:
     NameServer m_names;
 };
 
-/// A server that takes every bind and spoils every search: it says in turn that it is busy, that
+/// A server that accepts every bind and fails every search: it says in turn that it is busy, that
 /// something went wrong, what is not LDAP, and nothing more as it closes the connection.
 class SpoilingServer {
 public:

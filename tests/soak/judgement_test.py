@@ -38,6 +38,7 @@ PASSED = {
     "descriptors": {"before": 4, "after": 4, "most": 36},
     "entries": [5, 5],
     "memory": {"isJudged": True, "first": 16000.0, "last": 17000.0, "max": 17500},
+    "date": "2026-11-22",
     "seconds": 900,
     "threads": 64,
     "seed": 7,

@@ -7,7 +7,7 @@ WAYS = {
     "engine-balancer": "engine, balancer",
     "engine-list": "engine, list of both servers",
     "engine-name": "engine, name with a dead address",
-    "engine-spoiled": "engine, list with a spoiling server",
+    "engine-spoiled": "engine, list with a server that fails every search",
     "pool-balancer": "pool, balancer",
 }
 KINDS = {
@@ -20,15 +20,19 @@ KINDS = {
 
 ABOUT = f"""\
 `scripts/soak` runs lookups in many threads while it kills, pauses and restarts two replicated servers at
-random, and the balancer closes idle connections. Each of these is used by a fifth of the threads: the
-engine through the balancer; the engine with both servers in its list; the engine with the balancer under
-a name of two addresses, one of which refuses connections; the engine with three servers in its list, of
-which the first takes every bind and spoils every search; the pool through the balancer. Four of five
-lookups are for an existing user, and the answer must be that user. The fifth is for an address that does
-not exist. The run fails on a wrong answer, a leaked descriptor, growing memory, or more than
-{judgement.LONGEST_STRETCH:.0f} s without any answer while a server is up. The settings are harsher than
-[the guide](guide/replicas.md#the-library) recommends: a network timeout of 1 s, a deadline of 5 s, and
-without a list only the balancer as the server.
+random, and the balancer closes idle connections. A fifth of the threads each uses
+
+- the engine through the balancer,
+- the engine with both servers in its list,
+- the engine through the balancer, under a name with two addresses, one of which refuses connections,
+- the engine with three servers in its list, the first of which accepts every bind and fails every search,
+- the pool through the balancer.
+
+Four of five lookups are for an existing user, and the answer must be that user. The fifth is for an
+address that does not exist. The run fails on a wrong answer, a leaked descriptor, growing memory, or more
+than {judgement.LONGEST_STRETCH:.0f} s without any answer while a server is up. The settings are harsher than
+[the guide](guide/replicas.md#the-library) recommends: the network timeout is 1 s, the deadline 5 s, and
+only the balancer is in the list, unless stated otherwise.
 """
 
 
@@ -51,7 +55,11 @@ def _memory(memory):
         f"{memory['first'] / 1024:.1f} MiB in the first third after warm-up, "
         f"{memory['last'] / 1024:.1f} MiB in the last"
     )
-    return text if memory["isJudged"] else text + " (not judged in a run of this kind)"
+    return (
+        text
+        if memory["isJudged"]
+        else text + " (not judged: the run is too short or has a sanitizer)"
+    )
 
 
 def _table(head, rows):
@@ -65,8 +73,8 @@ def section(soak):
     total = sum(way["lookups"] for way in ways)
     lines = [
         ABOUT,
-        f"{soak['seconds']} s, {soak['threads']} threads, two replicated servers behind HAProxy; "
-        f"{len(soak['faults'])} faults, seed {soak['seed']}. "
+        f"Run of {soak['date']}: {soak['seconds']} s, {soak['threads']} threads, two replicated servers "
+        f"behind HAProxy; {len(soak['faults'])} faults, seed {soak['seed']}. "
         f"{total:,} lookups, **{sum(way['wrong'] for way in ways)} wrong answers**.",
         "",
     ]
@@ -131,7 +139,7 @@ def section(soak):
         "- Idle connections closed by the balancer, detected on checkout: "
         f"{_counted(ways, 'stale')}. Lookups retried on another connection: "
         f"{_counted(ways, 'repeated')}.",
-        f"- Replication (a matter of the servers): {soak['added']} entries were added during the run; "
+        f"- Replication between the servers: {soak['added']} entries were added during the run; "
         "at the end the servers had "
         f"{' and '.join(str(count) for count in soak['entries'])} of them.",
         f"- {soak['machine']}. {soak['versions']}. Build: {soak['preset']}. "

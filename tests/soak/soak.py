@@ -244,6 +244,7 @@ def evaluate(soak, options):
     )
     soak["descriptors"]["most"] = max((count for _, _, count in soak["samples"]), default=0)
     soak.update(
+        date=time.strftime("%Y-%m-%d"),
         seconds=options.seconds,
         threads=options.threads,
         seed=options.seed,

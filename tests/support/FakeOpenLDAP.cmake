@@ -14,7 +14,9 @@ target_link_libraries(solvane_fake_openldap
 foreach(function
         ldap_initialize ldap_set_option ldap_get_option ldap_pvt_tls_set_option
         ldap_pvt_tls_init ldap_mark_select_clear ldap_unbind_ext
-        ldap_sasl_bind ldap_sasl_bind_s ldap_search_ext ldap_add_ext
+        ldap_sasl_bind ldap_sasl_bind_s ldap_sasl_interactive_bind
+        ldap_start_tls ldap_install_tls ldap_tls_inplace
+        ldap_search_ext ldap_add_ext
         ldap_result ldap_msgtype ldap_parse_result ldap_parse_reference
         ldap_count_messages ldap_first_message ldap_next_message
         ldap_get_dn ldap_first_attribute ldap_next_attribute ldap_get_values_len

@@ -15,6 +15,10 @@ DECLARE_REAL(ldap_mark_select_clear);
 DECLARE_REAL(ldap_unbind_ext);
 DECLARE_REAL(ldap_sasl_bind);
 DECLARE_REAL(ldap_sasl_bind_s);
+DECLARE_REAL(ldap_sasl_interactive_bind);
+DECLARE_REAL(ldap_start_tls);
+DECLARE_REAL(ldap_install_tls);
+DECLARE_REAL(ldap_tls_inplace);
 DECLARE_REAL(ldap_search_ext);
 DECLARE_REAL(ldap_add_ext);
 DECLARE_REAL(ldap_result);
@@ -118,6 +122,10 @@ std::string optionName(int option)
         return "CONNECT_CB";
     case LDAP_OPT_X_TLS_REQUIRE_CERT:
         return "X_TLS_REQUIRE_CERT";
+    case LDAP_OPT_X_TLS_CTX:
+        return "X_TLS_CTX";
+    case LDAP_OPT_DIAGNOSTIC_MESSAGE:
+        return "DIAGNOSTIC_MESSAGE";
     case LDAP_OPT_DEBUG_LEVEL:
         return "DEBUG_LEVEL";
     default:
@@ -317,6 +325,36 @@ int __wrap_ldap_sasl_bind_s(LDAP* session, char const* dn, char const* mechanism
     record("ldap_sasl_bind_s", named(session), dn, mechanism, credentials, named(server),
            named(client), named(answer));
     return RUN(ldap_sasl_bind_s, session, dn, mechanism, credentials, server, client, answer);
+}
+
+int __wrap_ldap_sasl_interactive_bind(LDAP* session, char const* dn, char const* mechanisms,
+                                      LDAPControl** server, LDAPControl** client,
+                                      unsigned int flags, LDAP_SASL_INTERACT_PROC* interact,
+                                      void* defaults, LDAPMessage* result, char const** mechanism,
+                                      int* id)
+{
+    record("ldap_sasl_interactive_bind", named(session), dn, mechanisms, named(server),
+           named(client), static_cast<int>(flags), named(result));
+    return RUN(ldap_sasl_interactive_bind, session, dn, mechanisms, server, client, flags, interact,
+               defaults, result, mechanism, id);
+}
+
+int __wrap_ldap_start_tls(LDAP* session, LDAPControl** server, LDAPControl** client, int* id)
+{
+    record("ldap_start_tls", named(session), named(server), named(client));
+    return RUN(ldap_start_tls, session, server, client, id);
+}
+
+int __wrap_ldap_install_tls(LDAP* session)
+{
+    record("ldap_install_tls", named(session));
+    return RUN(ldap_install_tls, session);
+}
+
+int __wrap_ldap_tls_inplace(LDAP* session)
+{
+    record("ldap_tls_inplace", named(session));
+    return RUN(ldap_tls_inplace, session);
 }
 
 int __wrap_ldap_search_ext(LDAP* session, char const* base, int scope, char const* filter,

@@ -81,6 +81,10 @@ public:
     Replacement<decltype(::ldap_unbind_ext)> ldap_unbind_ext;
     Replacement<decltype(::ldap_sasl_bind)> ldap_sasl_bind;
     Replacement<decltype(::ldap_sasl_bind_s)> ldap_sasl_bind_s;
+    Replacement<decltype(::ldap_sasl_interactive_bind)> ldap_sasl_interactive_bind;
+    Replacement<decltype(::ldap_start_tls)> ldap_start_tls;
+    Replacement<decltype(::ldap_install_tls)> ldap_install_tls;
+    Replacement<decltype(::ldap_tls_inplace)> ldap_tls_inplace;
     Replacement<decltype(::ldap_search_ext)> ldap_search_ext;
     Replacement<decltype(::ldap_add_ext)> ldap_add_ext;
     Replacement<decltype(::ldap_result)> ldap_result;

@@ -35,6 +35,20 @@ MATCHER_P4(IsFault, unit, line, code, type, "")
            arg.getType() == type;
 }
 
+/// The same, with this text.
+MATCHER_P5(IsFault, unit, line, code, type, text, "")
+{
+    return testing::ExplainMatchResult(IsFault(unit, line, code, type), arg, result_listener) &&
+           arg.stringParameter() == text;
+}
+
+/// What an operation reports that is called through a null handle.
+MATCHER_P2(IsNullHandle, unit, line, "")
+{
+    return testing::ExplainMatchResult(IsFault(unit, line, 1, 0, ""), arg, result_listener) &&
+           !arg.hasCause();
+}
+
 /// The type of the LDAPException attached as cause; -1 if there is none or it is another exception.
 inline int causeType(Solvane::Exception const& thrown)
 {

@@ -83,6 +83,15 @@ Header headerAt(std::string const& bytes, std::size_t position)
     return Header{2 + lengthBytes, length};
 }
 
+/// Removes the first element; returns its content.
+std::string takeElement(std::string& bytes)
+{
+    Header const header = headerAt(bytes, 0);
+    std::string const content = bytes.substr(header.bytes, header.contentLength);
+    bytes.erase(0, header.bytes + header.contentLength);
+    return content;
+}
+
 } // namespace
 
 std::string berElement(unsigned char tag, std::string const& content)
@@ -103,6 +112,24 @@ std::string ldapMessage(int messageId, std::string const& operation)
 std::string bindResponse(int messageId, int code)
 {
     return ldapMessage(messageId, ldapResult(bindResponseTag, code));
+}
+
+std::string bindResponse(int messageId, BindReply const& reply)
+{
+    constexpr unsigned char referralTag = 0xa3;
+    constexpr unsigned char controlsTag = 0xa0;
+    std::string result = number(enumeratedTag, reply.code) + octets("") + octets(reply.text);
+    std::string referrals;
+    for (std::string const& uri : reply.referrals) {
+        referrals += octets(uri);
+    }
+    std::string controls;
+    for (auto const& [identifier, value] : reply.controls) {
+        controls += berElement(sequenceTag, octets(identifier) + octets(value));
+    }
+    result += referrals.empty() ? "" : berElement(referralTag, referrals);
+    return ldapMessage(messageId, berElement(bindResponseTag, result) +
+                                      (controls.empty() ? "" : berElement(controlsTag, controls)));
 }
 
 std::string searchEntry(int messageId, std::string const& dn,
@@ -173,6 +200,20 @@ unsigned char operationOf(std::string const& message)
     std::size_t const position = headerAt(message, 0).bytes;
     Header const header = headerAt(message, position);
     return byteAt(message, position + header.bytes + header.contentLength);
+}
+
+BindContent bindContentOf(std::string const& message)
+{
+    std::string whole = message;
+    std::string content = takeElement(whole);
+    takeElement(content); // message id
+    std::string request = takeElement(content);
+    takeElement(request); // version
+    BindContent bind;
+    bind.dn = takeElement(request);
+    bind.password = takeElement(request);
+    bind.controls = content;
+    return bind;
 }
 
 } // namespace SolvaneTest

@@ -26,6 +26,18 @@ std::string berElement(unsigned char tag, std::string const& content);
 std::string ldapMessage(int messageId, std::string const& operation);
 
 std::string bindResponse(int messageId, int code = 0);
+
+/// A control's object identifier and value.
+using Control = std::pair<std::string, std::string>;
+/// A bind response with all of its parts.
+struct BindReply {
+    int code = 0;
+    std::string text = {};
+    std::vector<std::string> referrals = {};
+    std::vector<Control> controls = {};
+};
+std::string bindResponse(int messageId, BindReply const& reply);
+
 std::string searchEntry(int messageId, std::string const& dn,
                         std::vector<Attribute> const& attributes);
 std::string searchDone(int messageId, int code = 0);
@@ -41,6 +53,13 @@ std::string hugeMessageHeader();
 /// The header of a whole message.
 int messageIdOf(std::string const& message);
 unsigned char operationOf(std::string const& message);
+/// The content of a simple bind request.
+struct BindContent {
+    std::string dn;
+    std::string password;
+    std::string controls; ///< as sent
+};
+BindContent bindContentOf(std::string const& message);
 /// The length of the message at the start of `bytes`; 0 while it is unknown.
 std::size_t messageLength(std::string const& bytes);
 

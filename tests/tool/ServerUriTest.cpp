@@ -67,6 +67,16 @@ TEST(AServersHost, MayBeAUri)
     EXPECT_EQ(partsOfHost("ldaps://h"), std::tuple("h", 636U, true));
 }
 
+TEST(AServerUri, MayNameASocket)
+{
+    EXPECT_EQ(ServerUri("ldapi://%2Frun%2Fslapd%2Fldapi").socketPath, "/run/slapd/ldapi");
+    EXPECT_EQ(ServerUri("LDAPI://%2frun%2fa%20b/").socketPath, "/run/a b");
+    EXPECT_EQ(ServerUri("ldapi:///").socketPath, "/var/run/slapd/ldapi");
+    EXPECT_EQ(ServerUri::fromHost("ldapi://%2Fx", 1389).socketPath, "/x");
+    EXPECT_EQ(partsOf("ldapi://%2Fx"), std::tuple("", 0U, false));
+    EXPECT_EQ(ServerUri("ldap://h").socketPath, "");
+}
+
 auto domainOf(std::string const& text)
 {
     ServerUri const uri(text);

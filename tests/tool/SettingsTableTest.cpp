@@ -195,6 +195,21 @@ TEST(SettingsTable, KnowsNoOtherName)
     EXPECT_EQ(settingOfFile(""), nullptr);
 }
 
+TEST(Draft, StartsTlsWhereItIsNeeded)
+{
+    Draft draft;
+    settingOfFile("start_tls")->value.fromFile("yes")(draft);
+    settingOfFile("server_host")->value.fromFile("one, ldaps://two, ldapi://%2Fthree")(draft);
+
+    auto const servers = draft.serverList();
+
+    ASSERT_EQ(servers.size(), 3U);
+    EXPECT_TRUE(servers[0].startTls);
+    EXPECT_FALSE(servers[1].startTls);
+    EXPECT_FALSE(servers[2].startTls);
+    EXPECT_EQ(servers[2].socketPath, "/three");
+}
+
 TEST(Draft, PrefersServersOfTheCommandLine)
 {
     Draft draft;

@@ -18,14 +18,16 @@ PLAIN_STEPS = [
     "root DSE",
     "base",
     "references",
+    "schema",
     "probe",
     "pool",
     "latency",
 ]
 SECURE_STEPS = PLAIN_STEPS[:4] + ["TLS", "certificate", "name", "chain"] + PLAIN_STEPS[4:]
 STEP = re.compile(
-    r"  (ok|warning|FAILED|-) +(settings|template|SRV|resolution|TCP|TLS|certificate|name"
-    r"|chain|bind|who am I|root DSE|base|references|probe|pool|latency) +([0-9.]+ ms)?  (.*)"
+    r"  (ok|warning|FAILED|-) +(settings|template|client cert|SRV|resolution|TCP|socket|StartTLS"
+    r"|TLS|certificate|name|chain|bind|SASL|who am I|root DSE|base|references|schema|probe|pool"
+    r"|latency) +([0-9.]+ ms)?  (.*)"
 )
 
 

@@ -31,7 +31,7 @@ class CommandLine(ToolTest):
 
     def test_answers_whoever_asks_for_help_or_version_behind_a_command(self):
         self.assertRegex(run("lookup", "-V").output, "^solvane-ldap ")
-        for command in ("expand", "lookup", "add", "check"):
+        for command in ("expand", "lookup", "verify", "add", "check"):
             self.assertIn("'solvane-ldap --help'", run(command, "-h").output)
 
     def test_refuses_what_it_does_not_know(self):
@@ -39,7 +39,7 @@ class CommandLine(ToolTest):
             ([], "subcommand"),
             (["lokup"], "'lokup'"),
             (["--nope"], "--nope"),
-            (["expand", "-x"], "-x"),
+            (["expand", "-i"], "-i"),
             (["lookup", "--nope=1"], "--nope"),
             (["-b", "dc=x", "lookup"], "-b"),
             (["-j", "2", "expand"], "-j"),
@@ -77,6 +77,22 @@ class CommandLine(ToolTest):
             ["-o", "nettimeout=2147483"],
             ["--deadline", "1"],
             ["--tls-ca", "none"],
+            ["--tls-ca-dir", "none"],
+            ["--tls-crl", "none"],
+            ["--tls-cert", "none"],
+            ["--tls-key", "none"],
+            ["--tls-ciphers", "NORMAL"],
+            ["--tls-min", "1.2"],
+            ["--tls-min", "1.3"],
+            ["-Z"],
+            ["-ZZ"],
+            ["--start-tls"],
+            ["-x"],
+            ["-Y", "external"],
+            ["--sasl-mechanism", "GSSAPI"],
+            ["-X", "u:anna"],
+            ["-H", "ldapi://%2Frun%2Fldapi"],
+            ["-H", "ldapi:///"],
             ["--tls-verify", "none"],
             ["--tls-verify", "chain"],
             ["--tls-verify", "full"],
@@ -218,7 +234,6 @@ class CommandLine(ToolTest):
     def test_refuses_a_uri_that_is_no_server(self):
         for uri, word in (
             ("http://h", "ldap://host"),
-            ("ldapi://%2Fsocket", "ldapi"),
             ("h", "LDAP URI"),
             ("ldap://", "no host"),
             ("ldap:///", "no host"),

@@ -9,7 +9,7 @@ import unittest
 from support import DEADLINE, TESTBED, run
 
 SOURCE = os.path.dirname(TESTBED)
-COMMANDS = ["expand", "lookup", "add", "check"]
+COMMANDS = ["expand", "lookup", "verify", "add", "check"]
 OPTION = re.compile(r"^  ((?:-\w|--[\w-]+)(?:,--?[\w-]+)*)", re.MULTILINE)
 EVERYWHERE = {"-V", "--version"}  # taken behind a command too, but of no use there
 

@@ -1,7 +1,6 @@
 // Awaiting the answer to an add: results of each answer, of silence and of failures.
 #include "CallTest.h"
 
-#include <climits>
 #include <new>
 
 namespace SolvaneTest {
@@ -89,16 +88,6 @@ TEST_F(AnAwaitedAdd, IsStillOutstandingWhenTheTimeRunsOut)
     EXPECT_TRUE(add.result().isNull());
     EXPECT_EQ(add.id(), 3);
     EXPECT_THAT(openldap.calls(), ElementsAre("ldap_result session 3 0 5s 0us"));
-}
-
-TEST_F(AnAwaitedAdd, IsPolledOnceWithATimeoutOfZero)
-{
-    willReceive({});
-
-    bool const hasRunOut = add.wait(0);
-
-    EXPECT_TRUE(hasRunOut);
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_result session 3 0 0s 0us"));
 }
 
 TEST_F(AnAwaitedAdd, MayBeAwaitedAgain)
@@ -189,17 +178,15 @@ TEST_F(AnAwaitedAdd, CollectsLaterAnswersInTheSameResult)
     EXPECT_EQ(add.result().resultCode(), 0);
 }
 
-TEST_F(AnAwaitedAdd, IsGivenNoMoreSecondsThanOpenLDAPCanCount)
+TEST_F(AnAwaitedAdd, ReachesOpenLDAPInWholeSecondsThatItCanCount)
 {
     willReceive({});
+    for (auto const& [seconds, sent] : secondsOfAWait) {
+        EXPECT_TRUE(add.wait(seconds));
 
-    add.wait(2147483);
-    add.wait(2147484);
-    add.wait(UINT_MAX);
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_result session 3 0 2147483s 0us",
-                                              "ldap_result session 3 0 2147483s 0us",
-                                              "ldap_result session 3 0 2147483s 0us"));
+        EXPECT_EQ(openldap.calls().back(), "ldap_result session 3 0 " + sent);
+    }
+    EXPECT_EQ(openldap.calls().size(), secondsOfAWait.size());
 }
 
 TEST_F(AFailingWaitForAnAdd, HasOpenLDAPsFailureAsItsCause)
@@ -208,11 +195,9 @@ TEST_F(AFailingWaitForAnAdd, HasOpenLDAPsFailureAsItsCause)
 
     auto const thrown = thrownBy([&] { add.wait(5); });
 
-    EXPECT_THAT(thrown, IsFault("Add.cpp", 137, 4, 3));
-    EXPECT_EQ(thrown.stringParameter(), "");
+    EXPECT_THAT(thrown, IsFault("Add.cpp", 137, 4, 3, ""));
     EXPECT_EQ(causeType(thrown), 3);
-    EXPECT_THAT(causeOf(thrown), IsFault("Add.cpp", 124, 4, 3));
-    EXPECT_EQ(causeOf(thrown).stringParameter(), "Can't contact LDAP server");
+    EXPECT_THAT(causeOf(thrown), IsFault("Add.cpp", 124, 4, 3, "Can't contact LDAP server"));
     EXPECT_FALSE(causeOf(thrown).hasCause());
 }
 
@@ -262,8 +247,7 @@ TEST_F(AFailingWaitForAnAdd, ForWantOfASessionSaysSo)
     auto const thrown = thrownBy([&] { add.wait(5); });
 
     EXPECT_THAT(thrown, IsFault("Add.cpp", 137, 4, 3));
-    EXPECT_THAT(causeOf(thrown), IsFault("Add.cpp", 106, 4, 3));
-    EXPECT_EQ(causeOf(thrown).stringParameter(), "m_context is null");
+    EXPECT_THAT(causeOf(thrown), IsFault("Add.cpp", 106, 4, 3, "m_context is null"));
     EXPECT_THAT(openldap.calls(), IsEmpty());
     body().m_context = session;
 }
@@ -276,8 +260,7 @@ TEST_F(AFailingWaitForAnAdd, OnAnUnboundConnectionSaysTheSame)
     auto const thrown = thrownBy([&] { add.wait(5); });
 
     EXPECT_THAT(thrown, IsFault("Add.cpp", 137, 4, 3));
-    EXPECT_THAT(causeOf(thrown), IsFault("Add.cpp", 106, 4, 3));
-    EXPECT_EQ(causeOf(thrown).stringParameter(), "m_context is null");
+    EXPECT_THAT(causeOf(thrown), IsFault("Add.cpp", 106, 4, 3, "m_context is null"));
     EXPECT_THAT(openldap.calls(), IsEmpty());
 }
 
@@ -316,9 +299,8 @@ TEST_F(AFailingWaitForAnAdd, HasAReferralAsItsCauseAndInItsResult)
 
     EXPECT_THAT(thrown, IsFault("Add.cpp", 137, 4, 3));
     EXPECT_EQ(causeType(thrown), 5);
-    EXPECT_THAT(causeOf(thrown), IsFault("Result.cpp", 624, 4, 5));
-    EXPECT_EQ(causeOf(thrown).stringParameter(),
-              "Can't handle referrals. Got referral to ldap://b/ ");
+    EXPECT_THAT(causeOf(thrown), IsFault("Result.cpp", 624, 4, 5,
+                                         "Can't handle referrals. Got referral to ldap://b/ "));
     EXPECT_EQ(add.result().resultCode(), 10);
     EXPECT_THAT(add.result().referrals(), ElementsAre("ldap://b/"));
     EXPECT_THAT(openldap.calls(), Contains("ldap_msgfree message").Times(1));
@@ -344,8 +326,7 @@ TEST_F(AFailingWaitForAnAdd, HasAnUnreadableAnswerAsItsCause)
     auto const thrown = thrownBy([&] { add.wait(5); });
 
     EXPECT_THAT(thrown, IsFault("Add.cpp", 137, 4, 3));
-    EXPECT_THAT(causeOf(thrown), IsFault("Result.cpp", 577, 1, 6));
-    EXPECT_EQ(causeOf(thrown).stringParameter(), "Decoding error");
+    EXPECT_THAT(causeOf(thrown), IsFault("Result.cpp", 577, 1, 6, "Decoding error"));
 }
 
 /// An exception of the runtime's family with something of its own.

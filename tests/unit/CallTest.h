@@ -14,11 +14,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <climits>
 #include <condition_variable>
 #include <deque>
-#include <initializer_list>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace SolvaneTest {
@@ -52,9 +53,9 @@ protected:
     }
 
     /// From now on `ldap_result` hands out these messages, one a call, and then times out.
-    void willReceive(std::initializer_list<LDAPMessage*> answers)
+    void willReceive(std::vector<LDAPMessage*> const& answers)
     {
-        m_answers.assign(answers);
+        m_answers.assign(answers.begin(), answers.end());
         openldap.ldap_result = [this](LDAP*, int, int, timeval*, LDAPMessage** message) {
             if (m_answers.empty()) {
                 return 0;
@@ -86,6 +87,14 @@ protected:
     Solvane::LDAPConnection connection;
 };
 
+/// A timeout in seconds, and what OpenLDAP is given for it: no more than it can count.
+inline std::vector<std::pair<unsigned int, std::string>> const secondsOfAWait{
+    {0, "0s 0us"},
+    {1, "1s 0us"},
+    {2147483, "2147483s 0us"},
+    {2147484, "2147483s 0us"},
+    {UINT_MAX, "2147483s 0us"}};
+
 /// Counts how many threads are within it and waits a moment for a second one.
 class Room {
 public:
@@ -108,10 +117,33 @@ private:
     bool m_wasShared = false;
 };
 
+/// A call that throws an exception of the runtime's family, which is none of the library's own.
+template <typename Result = int>
+inline auto const throwForeign =
+    [](auto...) -> Result { throw Solvane::Exception("foreign", 9, "Elsewhere.cpp", 1); };
+
 /// The debug masks that do not switch a line of this level on: none, and each with a bit missing.
 inline std::vector<unsigned int> masksWithout(unsigned int level)
 {
     return {0U, level & ~0x80000U, 0x80000U, ~0x80000U, ~(level & ~0x80000U)};
+}
+
+/// Expects that `work` writes these lines under the mask, and none where a bit of it is missing.
+/// @param others  bits that switch other lines of `work` on
+template <typename Work>
+void expectTraced(unsigned int mask, std::vector<std::string> const& expected, Work const& work,
+                  unsigned int others = 0)
+{
+    {
+        DebugLines const lines(mask);
+        work();
+        EXPECT_EQ(lines.all(), expected);
+    }
+    for (unsigned int const without : masksWithout(mask)) {
+        DebugLines const lines(without & ~others);
+        work();
+        EXPECT_THAT(lines.all(), testing::IsEmpty()) << std::hex << without;
+    }
 }
 
 } // namespace SolvaneTest

@@ -38,34 +38,19 @@ TEST_F(AnAgeingConnection, IsSweptOneSecondLater)
     EXPECT_EQ(state(), "hits 0, size 1, pooled 1");
 }
 
-TEST_F(AnAgeingConnection, LivesOnForThreeHundredSecondsAfterAReuse)
+TEST_F(AnAgeingConnection, LivesOnForThreeHundredSecondsAfterAReuseAlsoWhenTheClockWasSetBack)
 {
     LDAPConnectionImpl const* const body = givenBack(bound());
-    now = 1000200;
+    LDAPConnectionImpl const* const unboundBody = givenBack(unbound());
+    for (time_t const time : {1000200, 500000}) {
+        now = time;
 
-    bound();
+        givenBack(bound());
+        givenBack(unbound());
 
-    EXPECT_EQ(body->m_expiry, 1000500);
-}
-
-TEST_F(AnAgeingConnection, LivesOnAfterAReuseWithoutABindToo)
-{
-    LDAPConnectionImpl const* const body = givenBack(unbound());
-    now = 1000200;
-
-    unbound();
-
-    EXPECT_EQ(body->m_expiry, 1000500);
-}
-
-TEST_F(AnAgeingConnection, LivesShorterWhenTheClockWasSetBack)
-{
-    LDAPConnectionImpl const* const body = givenBack(bound());
-    now = 500000;
-
-    bound();
-
-    EXPECT_EQ(body->m_expiry, 500300);
+        EXPECT_EQ(body->m_expiry, time + 300);
+        EXPECT_EQ(unboundBody->m_expiry, time + 300);
+    }
 }
 
 TEST_F(AnAgeingConnection, LivesLongerByThreeHundredSecondsWhenTheClockShowsZero)

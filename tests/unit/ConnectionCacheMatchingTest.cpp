@@ -14,23 +14,16 @@ using ALookup = PoolTest;
 
 TEST_F(ALookup, ForAnotherServerOpensAConnection)
 {
-    LDAPConnectionImpl const* const body = givenBack(bound());
+    LDAPConnectionImpl const* const boundBody = givenBack(bound());
+    LDAPConnectionImpl const* const unboundBody = givenBack(unbound());
 
     LDAPConnection const other = cache.getConnection(serverAt(390), "cn=a", "secret");
+    LDAPConnection const unboundOther = cache.getConnection(serverAt(390));
 
-    EXPECT_NE(other.impl(), body);
+    EXPECT_NE(other.impl(), boundBody);
     EXPECT_EQ(other.server()->port, 390U);
-    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
-}
-
-TEST_F(ALookup, WithoutABindForAnotherServerOpensAConnection)
-{
-    LDAPConnectionImpl const* const body = givenBack(unbound());
-
-    LDAPConnection const other = cache.getConnection(serverAt(390));
-
-    EXPECT_NE(other.impl(), body);
-    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
+    EXPECT_NE(unboundOther.impl(), unboundBody);
+    EXPECT_EQ(state(), "hits 0, size 4, pooled 4");
 }
 
 TEST_F(ALookup, FindsItsServerAmongOthers)
@@ -56,23 +49,16 @@ TEST_F(ALookup, TellsServersByTheirUriAlone)
     EXPECT_EQ(state(), "hits 2, size 2, pooled 2");
 }
 
-TEST_F(ALookup, WithoutABindPassesABoundConnectionOver)
+TEST_F(ALookup, PassesAConnectionOfTheOtherKindOver)
 {
-    LDAPConnectionImpl const* const body = givenBack(bound());
+    LDAPConnectionImpl const* const boundBody = givenBack(bound());
 
-    LDAPConnection const connection = unbound();
+    LDAPConnectionImpl const* const unboundBody = givenBack(unbound());
 
-    EXPECT_NE(connection.impl(), body);
-    EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
-}
-
-TEST_F(ALookup, WithCredentialsPassesAnUnboundConnectionOver)
-{
-    LDAPConnectionImpl const* const body = givenBack(unbound());
-
-    LDAPConnection const connection = bound();
-
-    EXPECT_NE(connection.impl(), body);
+    EXPECT_NE(unboundBody, boundBody);
+    cache.clear();
+    LDAPConnectionImpl const* const first = givenBack(unbound());
+    EXPECT_NE(givenBack(bound()), first);
     EXPECT_EQ(state(), "hits 0, size 2, pooled 2");
 }
 

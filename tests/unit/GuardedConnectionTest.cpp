@@ -35,6 +35,20 @@ ber_slen_t takeNothing(Sockbuf_IO_Desc*, void*, ber_len_t)
     return 0;
 }
 
+/// A call that a signal interrupts the first time, and that then does what `real` does.
+template <typename Real> auto interruptedOnce(Real real)
+{
+    return
+        [real, isInterrupted = false](auto... arguments) mutable -> decltype(real(arguments...)) {
+            if (!isInterrupted) {
+                isInterrupted = true;
+                errno = EINTR;
+                return -1;
+            }
+            return real(arguments...);
+        };
+}
+
 /// A connection that was let through.
 class AGuardedHandshake : public AGuard {
 protected:
@@ -86,15 +100,7 @@ TEST_F(AGuardedHandshake, HasOneDeadlineForAllItsReadsAndWrites)
 
 TEST_F(AGuardedHandshake, SurvivesAnInterruptedRead)
 {
-    bool interrupted = false;
-    openldap.recv = [&](int descriptor, void* bytes, size_t length, int flags) -> ssize_t {
-        if (!interrupted) {
-            interrupted = true;
-            errno = EINTR;
-            return -1;
-        }
-        return recv(descriptor, bytes, length, flags);
-    };
+    openldap.recv = interruptedOnce(::recv);
     connected.peerWrites("hello");
 
     EXPECT_EQ(connected.readInHandshake(), 5);
@@ -102,16 +108,10 @@ TEST_F(AGuardedHandshake, SurvivesAnInterruptedRead)
 
 TEST_F(AGuardedHandshake, SurvivesAnInterruptedWait)
 {
-    bool interrupted = false;
-    openldap.poll = [&](pollfd*, nfds_t, int) {
-        if (!interrupted) {
-            interrupted = true;
-            errno = EINTR;
-            return -1;
-        }
+    openldap.poll = interruptedOnce([&](pollfd*, nfds_t, int) {
         connected.peerWrites("late");
         return 1;
-    };
+    });
 
     EXPECT_EQ(connected.readInHandshake(), 4);
 }
@@ -163,6 +163,17 @@ TEST_F(AGuardedHandshake, HasTimeOfItsOwnAfterAMessage)
     expectAHandshakeOf(shortTime);
 }
 
+TEST_F(AGuardedHandshake, HasTimeOfItsOwnOnANewConnection)
+{
+    while (connected.readInHandshake() >= 0) {
+    }
+
+    connected.reconnect();
+    connected.offerTo(guard.callback());
+
+    expectAHandshakeOf(shortTime);
+}
+
 TEST_F(AGuardedConnection, FailsToReadFromAnEmptySocketAtOnce)
 {
     openldap.poll = [](auto...) {
@@ -170,8 +181,11 @@ TEST_F(AGuardedConnection, FailsToReadFromAnEmptySocketAtOnce)
         return 1;
     };
 
-    EXPECT_EQ(connected.read(), -1);
-    EXPECT_EQ(errno, EAGAIN);
+    for (int message = 0; message < 20;
+         ++message) { // the empty reads of one do not count for the next
+        EXPECT_EQ(connected.read(), -1);
+        EXPECT_EQ(errno, EAGAIN);
+    }
 }
 
 /// What stands for TLS asks for bytes again and again, as it does in a handshake that is asked for later.
@@ -233,15 +247,7 @@ TEST_F(AGuardedConnection, ReadsWhatIsThere)
 
 TEST_F(AGuardedConnection, SurvivesAnInterruptedWrite)
 {
-    bool interrupted = false;
-    openldap.send = [&](int descriptor, void const* bytes, size_t length, int flags) -> ssize_t {
-        if (!interrupted) {
-            interrupted = true;
-            errno = EINTR;
-            return -1;
-        }
-        return send(descriptor, bytes, length, flags);
-    };
+    openldap.send = interruptedOnce(::send);
 
     EXPECT_EQ(connected.write("hello"), 5);
     EXPECT_EQ(connected.peerReads(), "hello");
@@ -421,6 +427,20 @@ TEST_F(AGuardWithoutNetworkTimeout, LeavesTheFirstWriteToOpenLdap)
     EXPECT_TRUE(guard.isUsable());
 }
 
+TEST_F(AGuardWithoutNetworkTimeout, LeavesTheFirstWriteOfANewConnectionToOpenLdapToo)
+{
+    connected.offerTo(guard.callback());
+    connected.write("hello");
+
+    connected.reconnect();
+    connected.offerTo(guard.callback());
+    connected.fill();
+
+    EXPECT_EQ(connected.write("hello"), -1);
+    EXPECT_EQ(errno, EAGAIN);
+    EXPECT_TRUE(guard.isUsable());
+}
+
 TEST_F(AGuardWithoutNetworkTimeout, GivesEachLaterWriteOneSecond)
 {
     connected.offerTo(guard.callback());
@@ -465,6 +485,20 @@ TEST_F(AGuardedConnection, StopsSayingThatTlsHasBytesIfNobodyReadsThem)
     EXPECT_GE(answers, 4); // OpenLDAP asks a few times for each read
     EXPECT_LE(answers, 100);
     EXPECT_EQ(connected.read(), 1);
+    EXPECT_TRUE(connected.isReady());
+}
+
+TEST_F(AGuardedConnection, IsFollowedByANewOneThatSaysAgainThatTlsHasBytes)
+{
+    static Sockbuf_IO tls = {nullptr, nullptr, sayReady, giveDecrypted, nullptr, nullptr};
+    ber_sockbuf_add_io(connected.socket(), &tls, LBER_SBIOD_LEVEL_TRANSPORT, nullptr);
+    for (int answers = 0; connected.isReady() && answers < 1000; ++answers) {
+    }
+    ASSERT_FALSE(connected.isReady());
+
+    connected.reconnect();
+    connected.offerTo(guard.callback());
+
     EXPECT_TRUE(connected.isReady());
 }
 

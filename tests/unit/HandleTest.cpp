@@ -15,7 +15,7 @@
 
 using namespace Solvane;
 using SolvaneTest::countOf;
-using SolvaneTest::IsFault;
+using SolvaneTest::IsNullHandle;
 using SolvaneTest::thrownBy;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -90,30 +90,22 @@ TEST(ANullConnection, ReportsTheOperationThatWasCalled)
     LDAPConnection null;
     LDAPConnection const& reader = null;
 
-    EXPECT_THAT(thrownBy([&] { reader.context(); }), IsFault("Connection.cpp", 129, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.server(); }), IsFault("Connection.cpp", 140, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.cacheMarkAsUsed(); }), IsFault("Connection.cpp", 154, 1, 0));
+    EXPECT_THAT(thrownBy([&] { reader.context(); }), IsNullHandle("Connection.cpp", 129));
+    EXPECT_THAT(thrownBy([&] { reader.server(); }), IsNullHandle("Connection.cpp", 140));
+    EXPECT_THAT(thrownBy([&] { null.cacheMarkAsUsed(); }), IsNullHandle("Connection.cpp", 154));
     EXPECT_THAT(thrownBy([&] { null.cacheMarkAsAvailable(); }),
-                IsFault("Connection.cpp", 166, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.openldapErrorCode(1); }), IsFault("Connection.cpp", 178, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.openldapErrorCode(); }),
-                IsFault("Connection.cpp", 190, 1, 0));
+                IsNullHandle("Connection.cpp", 166));
+    EXPECT_THAT(thrownBy([&] { null.openldapErrorCode(1); }), IsNullHandle("Connection.cpp", 178));
+    EXPECT_THAT(thrownBy([&] { reader.openldapErrorCode(); }), IsNullHandle("Connection.cpp", 190));
     EXPECT_THAT(thrownBy([&] { null.bind("", "", LDAPConnection::Synchronous); }),
-                IsFault("Connection.cpp", 201, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.bindWait(0); }), IsFault("Connection.cpp", 258, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.unbind(); }), IsFault("Connection.cpp", 341, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.id(); }), IsFault("Connection.cpp", 351, 1, 0));
+                IsNullHandle("Connection.cpp", 201));
+    EXPECT_THAT(thrownBy([&] { null.bindWait(0); }), IsNullHandle("Connection.cpp", 258));
+    EXPECT_THAT(thrownBy([&] { null.startTls(); }), IsNullHandle("Security.cpp", 41));
+    EXPECT_THAT(thrownBy([&] { null.bindSasl(LDAPConnection::External); }),
+                IsNullHandle("Security.cpp", 101));
+    EXPECT_THAT(thrownBy([&] { null.unbind(); }), IsNullHandle("Connection.cpp", 341));
+    EXPECT_THAT(thrownBy([&] { reader.id(); }), IsNullHandle("Connection.cpp", 351));
     EXPECT_TRUE(null.isNull());
-}
-
-TEST(ANullConnection, ReportsNoDetailAndNoCause)
-{
-    LDAPConnection const null;
-
-    auto const thrown = thrownBy([&] { null.id(); });
-
-    EXPECT_EQ(thrown.stringParameter(), "");
-    EXPECT_FALSE(thrown.hasCause());
 }
 
 TEST(AConnection, SharesItsSessionWithItsCopies)
@@ -165,20 +157,6 @@ TEST(AConnection, IsUnchangedByAssigningItToItself)
 
     EXPECT_FALSE(connection.isNull());
     EXPECT_EQ(countOf(*connection.impl()), 1);
-}
-
-TEST(AConnection, StartsUnboundWithoutAnError)
-{
-    LDAPConnection const connection = newConnection();
-
-    EXPECT_NE(connection.context(), nullptr);
-    EXPECT_EQ(connection.id(), 0);
-    EXPECT_EQ(connection.openldapErrorCode(), 0);
-    EXPECT_EQ(connection.impl()->m_bindDn, "");
-    EXPECT_EQ(connection.impl()->m_bindPassword, "");
-    EXPECT_EQ(connection.impl()->m_bindMode, LDAPConnection::Synchronous);
-    EXPECT_TRUE(connection.impl()->m_bindResult.isNull());
-    EXPECT_TRUE(connection.impl()->m_anonymous);
 }
 
 TEST(AConnection, HasAnInUseMarkerThatOneTakesAtATime)
@@ -241,13 +219,13 @@ TEST(ANullRequest, ReportsTheOperationThatWasCalled)
     LDAPRequest const& reader = null;
     LDAPConnection connection;
 
-    EXPECT_THAT(thrownBy([&] { null.connection(connection); }), IsFault("Search.cpp", 36, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.id(); }), IsFault("Search.cpp", 44, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.connection(); }), IsFault("Search.cpp", 54, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.send(); }), IsFault("Search.cpp", 63, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.wait(0); }), IsFault("Search.cpp", 72, 1, 0));
-    EXPECT_THAT(thrownBy([&] { reader.result(); }), IsFault("Search.cpp", 81, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.cancel(); }), IsFault("Search.cpp", 90, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.connection(connection); }), IsNullHandle("Search.cpp", 36));
+    EXPECT_THAT(thrownBy([&] { reader.id(); }), IsNullHandle("Search.cpp", 44));
+    EXPECT_THAT(thrownBy([&] { null.connection(); }), IsNullHandle("Search.cpp", 54));
+    EXPECT_THAT(thrownBy([&] { null.send(); }), IsNullHandle("Search.cpp", 63));
+    EXPECT_THAT(thrownBy([&] { null.wait(0); }), IsNullHandle("Search.cpp", 72));
+    EXPECT_THAT(thrownBy([&] { reader.result(); }), IsNullHandle("Search.cpp", 81));
+    EXPECT_THAT(thrownBy([&] { null.cancel(); }), IsNullHandle("Search.cpp", 90));
     EXPECT_TRUE(null.isNull());
 }
 
@@ -256,8 +234,8 @@ TEST(ANullSearch, ReportsTheOperationThatWasCalled)
     LDAPSearch search;
     LDAPSearch const& reader = search;
 
-    EXPECT_THAT(thrownBy([&] { reader.parameter(); }), IsFault("Search.cpp", 206, 1, 0));
-    EXPECT_THAT(thrownBy([&] { search.send(); }), IsFault("Search.cpp", 63, 1, 0));
+    EXPECT_THAT(thrownBy([&] { reader.parameter(); }), IsNullHandle("Search.cpp", 206));
+    EXPECT_THAT(thrownBy([&] { search.send(); }), IsNullHandle("Search.cpp", 63));
 }
 
 TEST_F(ARequest, HasNoMessageIdAndNoConnectionAtFirst)
@@ -374,7 +352,7 @@ TEST(ASearch, HasNoMessageIdAndANullResultBeforeItIsSent)
 
     EXPECT_EQ(search.id(), 0);
     EXPECT_TRUE(search.result().isNull());
-    EXPECT_THAT(thrownBy([&] { search.result().resultCode(); }), IsFault("Result.cpp", 276, 1, 0));
+    EXPECT_THAT(thrownBy([&] { search.result().resultCode(); }), IsNullHandle("Result.cpp", 276));
 }
 
 TEST(ASearch, SharesTheConnectionItIsBuiltOn)
@@ -415,13 +393,13 @@ TEST(ANullResult, ReportsTheOperationThatWasCalled)
 {
     LDAPResult const null;
 
-    EXPECT_THAT(thrownBy([&] { null.resultType(); }), IsFault("Result.cpp", 267, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.resultCode(); }), IsFault("Result.cpp", 276, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.matchedDN(); }), IsFault("Result.cpp", 285, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.errorMessage(); }), IsFault("Result.cpp", 294, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.referrals(); }), IsFault("Result.cpp", 303, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.searchResultEntries(); }), IsFault("Result.cpp", 313, 1, 0));
-    EXPECT_THAT(thrownBy([&] { null.searchReferrals(); }), IsFault("Result.cpp", 322, 1, 0));
+    EXPECT_THAT(thrownBy([&] { null.resultType(); }), IsNullHandle("Result.cpp", 267));
+    EXPECT_THAT(thrownBy([&] { null.resultCode(); }), IsNullHandle("Result.cpp", 276));
+    EXPECT_THAT(thrownBy([&] { null.matchedDN(); }), IsNullHandle("Result.cpp", 285));
+    EXPECT_THAT(thrownBy([&] { null.errorMessage(); }), IsNullHandle("Result.cpp", 294));
+    EXPECT_THAT(thrownBy([&] { null.referrals(); }), IsNullHandle("Result.cpp", 303));
+    EXPECT_THAT(thrownBy([&] { null.searchResultEntries(); }), IsNullHandle("Result.cpp", 313));
+    EXPECT_THAT(thrownBy([&] { null.searchReferrals(); }), IsNullHandle("Result.cpp", 322));
 }
 
 TEST(AResult, StartsWithNothingParsed)
@@ -454,7 +432,7 @@ TEST(AResult, CannotBeMadeForANullConnection)
     LDAPConnection const null;
 
     EXPECT_THAT(thrownBy([&] { LDAPResult const result(null); }),
-                IsFault("Connection.cpp", 129, 1, 0));
+                IsNullHandle("Connection.cpp", 129));
 }
 
 TEST(AResult, SharesItsBodyWithItsCopies)

@@ -322,20 +322,22 @@ TEST(Modifications, CannotBeMadeOfANullAttribute)
 {
     LDAPAttributeContainer const container({attribute("cn", {"a"}), LDAPAttribute()});
 
-    auto const thrown = thrownBy(
-        [&] { leakingOnPurpose([&] { LDAPModAdapter const adapter(container, LDAP_MOD_ADD); }); });
-
-    EXPECT_THAT(thrown, IsFault("Attribute.cpp", 247, 1, 0));
+    EXPECT_THAT(thrownBy([&] {
+                    leakingOnPurpose(
+                        [&] { LDAPModAdapter const adapter(container, LDAP_MOD_ADD); });
+                }),
+                IsFault("Attribute.cpp", 247, 1, 0));
 }
 
 TEST(Modifications, CannotBeMadeOfAnAttributeWithANullType)
 {
     LDAPAttributeContainer const container({LDAPAttribute(Solvane::LDAPAttributeType())});
 
-    auto const thrown = thrownBy(
-        [&] { leakingOnPurpose([&] { LDAPModAdapter const adapter(container, LDAP_MOD_ADD); }); });
-
-    EXPECT_THAT(thrown, IsFault("Attribute.cpp", 41, 1, 0));
+    EXPECT_THAT(thrownBy([&] {
+                    leakingOnPurpose(
+                        [&] { LDAPModAdapter const adapter(container, LDAP_MOD_ADD); });
+                }),
+                IsFault("Attribute.cpp", 41, 1, 0));
 }
 
 // The add
@@ -364,9 +366,8 @@ TEST_F(TheArgumentsOfAnAdd, CannotBeMadeWithoutAConnection)
     std::string dn = "cn=a";
     LDAPAddImpl request(dn);
 
-    auto const thrown = thrownBy([&] { LDAPAddAdapter const adapter(request); });
-
-    EXPECT_THAT(thrown, IsFault("Connection.cpp", 129, 1, 0));
+    EXPECT_THAT(thrownBy([&] { LDAPAddAdapter const adapter(request); }),
+                IsFault("Connection.cpp", 129, 1, 0));
 }
 
 } // namespace

@@ -9,6 +9,7 @@
 namespace SolvaneTest {
 namespace {
 
+using namespace std::string_literals;
 using Solvane::Buffer;
 using Solvane::LDAPBerElementBuffer;
 using Solvane::LDAPBerValBuffer;
@@ -29,10 +30,7 @@ static_assert(!isCopyable<LDAPMessageBuffer>() && !isCopyable<LDAPCharBuffer>() 
               "two owners of one object would give it back twice");
 
 using AnOwner = CallTest;
-using AMessageOwner = CallTest;
-using ATextOwner = CallTest;
 using AnArrayOwner = CallTest;
-using APositionOwner = CallTest;
 using AValuesOwner = CallTest;
 using AValueOwner = CallTest;
 
@@ -48,16 +46,6 @@ berval** newValues(std::vector<std::string> const& texts)
 std::string bytesOf(Buffer const& buffer)
 {
     return std::string(reinterpret_cast<char const*>(buffer.data()), buffer.length());
-}
-
-std::string joined(char const* separator, std::vector<std::string> const& values,
-                   std::string const& before = "")
-{
-    LDAPBerValBuffer owner(separator);
-    *owner.address() = newValues(values);
-    Buffer out(before.data(), static_cast<unsigned int>(before.size()), false);
-    owner.asBuffer(out);
-    return bytesOf(out);
 }
 
 TEST_F(AnOwner, StartsEmptyAndThenGivesNothingBack)
@@ -83,33 +71,13 @@ TEST_F(AnOwner, StartsEmptyAndThenGivesNothingBack)
     EXPECT_THAT(openldap.calls(), IsEmpty());
 }
 
-TEST_F(AnOwner, GivesItsObjectBackOnceHoweverOftenItIsFreed)
+TEST_F(AnOwner, GivesItsObjectBackOnceHoweverOftenItIsFreedAndCanBeFilledAgain)
 {
     {
         LDAPCharBuffer owner;
         *owner.address() = ber_strdup("a");
         owner.free();
-        owner.free();
-    }
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_memfree 'a'"));
-}
-
-TEST_F(AnOwner, IsEmptyAfterItWasFreed)
-{
-    LDAPCharBuffer owner;
-    *owner.address() = ber_strdup("a");
-
-    owner.free();
-
-    EXPECT_EQ(owner.get(), nullptr);
-}
-
-TEST_F(AnOwner, CanBeFilledAgain)
-{
-    {
-        LDAPCharBuffer owner;
-        *owner.address() = ber_strdup("a");
+        EXPECT_EQ(owner.get(), nullptr);
         owner.free();
         *owner.address() = ber_strdup("b");
     }
@@ -129,103 +97,63 @@ TEST_F(AnOwner, GivesItsObjectBackWhenAnExceptionLeaves)
     EXPECT_THAT(openldap.calls(), ElementsAre("ldap_memfree 'a'"));
 }
 
-TEST_F(AMessageOwner, ReleasesWithLdapMsgfree)
+TEST_F(AnOwner, ReleasesWithTheCallForItsKind)
 {
     LDAPMessage* const message = messages.entry("cn=a");
     openldap.name(message, "message");
+    BerElement* const position = ber_alloc_t(LBER_USE_DER);
+    openldap.name(position, "position");
     {
         LDAPMessageBuffer owner;
         *owner.address() = message;
     }
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_msgfree message"));
-}
-
-TEST_F(ATextOwner, ReleasesWithLdapMemfree)
-{
     {
         LDAPCharBuffer owner;
         *owner.address() = ber_strdup("text");
     }
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_memfree 'text'"));
-}
-
-TEST_F(AnArrayOwner, ReleasesWithLdapValueFree)
-{
     {
         LDAPValueBuffer owner;
         *owner.address() = newTexts({"x", "y"});
     }
+    {
+        LDAPBerValBuffer owner(",");
+        *owner.address() = newValues({"1", "2"});
+    }
+    {
+        LDAPBerElementBuffer owner;
+        *owner.address() = position;
+    }
 
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_value_free ['x' 'y']"));
+    // A position's buffer belongs to the message.
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_msgfree message", "ldap_memfree 'text'",
+                            "ldap_value_free ['x' 'y']", "ldap_value_free_len ['1' '2']",
+                            "ber_free position 0"));
 }
 
-TEST_F(AnArrayOwner, AppendsItsTextsInOrderToWhatTheListHolds)
+TEST_F(AnArrayOwner, AppendsItsTextsInOrderToWhatTheListHoldsAndStillOwnsThem)
 {
     LDAPValueBuffer owner;
     *owner.address() = newTexts({"x", "y"});
     std::list<std::string> out{"w"};
 
     owner.asList(out);
-
-    EXPECT_THAT(out, ElementsAre("w", "x", "y"));
-}
-
-TEST_F(AnArrayOwner, StillOwnsTheArrayAfterwards)
-{
-    LDAPValueBuffer owner;
-    *owner.address() = newTexts({"x"});
-    std::list<std::string> out;
-
-    owner.asList(out);
     owner.asList(out);
 
-    EXPECT_THAT(out, ElementsAre("x", "x"));
+    EXPECT_THAT(out, ElementsAre("w", "x", "y", "x", "y"));
     EXPECT_THAT(openldap.calls(), IsEmpty());
 }
 
-TEST_F(AnArrayOwner, LeavesTheListWhenItHoldsNone)
-{
-    LDAPValueBuffer const owner;
-    std::list<std::string> out{"w"};
-
-    owner.asList(out);
-
-    EXPECT_THAT(out, ElementsAre("w"));
-}
-
-TEST_F(AnArrayOwner, LeavesTheListWhenTheArrayIsEmpty)
+TEST_F(AnArrayOwner, LeavesTheListWhenItHoldsNoneOrAnEmptyArray)
 {
     LDAPValueBuffer owner;
-    *owner.address() = newTexts({});
     std::list<std::string> out{"w"};
 
     owner.asList(out);
+    *owner.address() = newTexts({});
+    owner.asList(out);
 
     EXPECT_THAT(out, ElementsAre("w"));
-}
-
-TEST_F(APositionOwner, ReleasesWithBerFreeAndLeavesTheBufferToTheMessage)
-{
-    BerElement* const position = ber_alloc_t(LBER_USE_DER);
-    openldap.name(position, "position");
-    {
-        LDAPBerElementBuffer owner;
-        *owner.address() = position;
-    }
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ber_free position 0"));
-}
-
-TEST_F(AValuesOwner, ReleasesWithLdapValueFreeLen)
-{
-    {
-        LDAPBerValBuffer owner(",");
-        *owner.address() = newValues({"1", "2"});
-    }
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_value_free_len ['1' '2']"));
 }
 
 TEST_F(AValuesOwner, AppendsNothingNotEvenTheZeroByteWhenItHoldsNone)
@@ -238,61 +166,34 @@ TEST_F(AValuesOwner, AppendsNothingNotEvenTheZeroByteWhenItHoldsNone)
     EXPECT_EQ(out.length(), 0U);
 }
 
-TEST_F(AValuesOwner, AppendsOnlyTheZeroByteForAnEmptyArray)
+TEST_F(AValuesOwner, JoinsItsValuesAndAppendsAZeroByte)
 {
-    EXPECT_EQ(joined(",", {}), std::string("\0", 1));
-}
+    struct {
+        char const* shows;
+        std::string separator;
+        std::vector<std::string> values;
+        std::string before;
+        std::string after;
+    } const cases[] = {
+        {"only the zero byte for an empty array", ",", {}, "", "\0"s},
+        {"the separator between values", ";", {"1", "2", "3"}, "", "1;2;3\0"s},
+        {"the separator before an empty value in the middle", ";", {"1", "", "3"}, "", "1;;3\0"s},
+        {"no separator while the buffer is still empty", ";", {"", "2"}, "", "2\0"s},
+        {"the separator behind what was there", ",", {"a", "b"}, "before", "before,a,b\0"s},
+        {"an empty separator", "", {"a", "b"}, "", "ab\0"s},
+        {"the separator up to its first zero byte", "-\0+"s, {"a", "b"}, "", "a-b\0"s},
+        {"a separator that begins with a zero byte", "\0+"s, {"a", "b"}, "", "ab\0"s},
+        {"values with zero bytes whole", ",", {"a\0b"s}, "", "a\0b\0"s},
+    };
+    for (auto const& row : cases) {
+        LDAPBerValBuffer owner(row.separator);
+        *owner.address() = newValues(row.values);
+        Buffer out(row.before.data(), static_cast<unsigned int>(row.before.size()), false);
 
-TEST_F(AValuesOwner, PutsTheSeparatorBetweenValuesAndAZeroByteBehind)
-{
-    EXPECT_EQ(joined(";", {"1", "2", "3"}), std::string("1;2;3\0", 6));
-}
+        owner.asBuffer(out);
 
-TEST_F(AValuesOwner, PutsTheSeparatorBeforeAnEmptyValueInTheMiddle)
-{
-    EXPECT_EQ(joined(";", {"1", "", "3"}), std::string("1;;3\0", 5));
-}
-
-TEST_F(AValuesOwner, PutsNoSeparatorWhileTheBufferIsStillEmpty)
-{
-    EXPECT_EQ(joined(";", {"", "2"}), std::string("2\0", 2));
-}
-
-TEST_F(AValuesOwner, PutsTheSeparatorBehindWhatTheBufferHeldBefore)
-{
-    EXPECT_EQ(joined(",", {"a", "b"}, "before"), std::string("before,a,b\0", 11));
-}
-
-TEST_F(AValuesOwner, ConcatenatesWithAnEmptySeparator)
-{
-    EXPECT_EQ(joined("", {"a", "b"}), std::string("ab\0", 3));
-}
-
-TEST_F(AValuesOwner, PutsTheSeparatorUpToItsFirstZeroByte)
-{
-    LDAPBerValBuffer owner(std::string("-\0+", 3));
-    *owner.address() = newValues({"a", "b"});
-    Buffer out;
-
-    owner.asBuffer(out);
-
-    EXPECT_EQ(bytesOf(out), std::string("a-b\0", 4));
-}
-
-TEST_F(AValuesOwner, TakesASeparatorThatBeginsWithAZeroByteForAnEmptyOne)
-{
-    LDAPBerValBuffer owner(std::string("\0+", 2));
-    *owner.address() = newValues({"a", "b"});
-    Buffer out;
-
-    owner.asBuffer(out);
-
-    EXPECT_EQ(bytesOf(out), std::string("ab\0", 3));
-}
-
-TEST_F(AValuesOwner, AppendsValuesWithZeroBytesWhole)
-{
-    EXPECT_EQ(joined(",", {std::string("a\0b", 3)}), std::string("a\0b\0", 4));
+        EXPECT_EQ(bytesOf(out), row.after) << row.shows;
+    }
 }
 
 TEST_F(AValuesOwner, StillOwnsTheArrayAfterwards)

@@ -94,33 +94,25 @@ INSTANTIATE_TEST_SUITE_P(InState, AResultHandledOutOfTurn, testing::Values(0, 1,
 
 // Single steps
 
-TEST_F(ABindingQuery, IsReadyOnceTheServerAccepts)
+TEST_F(ABindingQuery, IsReadyUnlessTheServerRefuses)
 {
-    auto const query = newQuery(true);
-    willReceive({bindResponse(LDAP_SUCCESS)});
+    struct {
+        char const* shows;
+        std::vector<LDAPMessage*> answers;
+        int state;
+    } const cases[] = {
+        {"the server accepts", {bindResponse(LDAP_SUCCESS)}, 3},
+        {"the time runs out", {}, 3},
+        {"the server refuses", {bindResponse(LDAP_INSUFFICIENT_ACCESS)}, 6},
+    };
+    for (auto const& row : cases) {
+        auto const query = newQuery(true);
+        willReceive(row.answers);
 
-    query->bind();
+        query->bind();
 
-    EXPECT_EQ(query->state(), 3);
-}
-
-TEST_F(ABindingQuery, IsReadyWhenTheTimeRunsOut)
-{
-    auto const query = newQuery(true);
-
-    query->bind();
-
-    EXPECT_EQ(query->state(), 3);
-}
-
-TEST_F(ABindingQuery, HasFailedOnceTheServerRefuses)
-{
-    auto const query = newQuery(true);
-    willReceive({bindResponse(LDAP_INSUFFICIENT_ACCESS)});
-
-    query->bind();
-
-    EXPECT_EQ(query->state(), 6);
+        EXPECT_EQ(query->state(), row.state) << row.shows;
+    }
 }
 
 TEST_F(ABindingQuery, StaysInNeedOfABindWhenTheBindCannotBeSent)
@@ -128,9 +120,7 @@ TEST_F(ABindingQuery, StaysInNeedOfABindWhenTheBindCannotBeSent)
     auto const query = newQuery(true);
     openldap.ldap_sasl_bind = [](auto...) { return LDAP_SERVER_DOWN; };
 
-    auto const thrown = thrownBy([&] { query->bind(); });
-
-    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
+    EXPECT_THAT(thrownBy([&] { query->bind(); }), IsFault("Connection.cpp", 241, 4, 1));
     EXPECT_EQ(query->state(), 0);
     EXPECT_EQ(query->m_errorMessage, "");
 }
@@ -141,9 +131,8 @@ TEST_F(ABindingQuery, StaysBindingWhenTheAnswerCannotBeTaken)
     query->m_state = 1;
     willReceive({bindResponse(LDAP_INVALID_CREDENTIALS)});
 
-    auto const thrown = thrownBy([&] { query->bindResponseHandler(); });
-
-    EXPECT_THAT(thrown, IsFault("Connection.cpp", 297, 4, 3));
+    EXPECT_THAT(thrownBy([&] { query->bindResponseHandler(); }),
+                IsFault("Connection.cpp", 297, 4, 3));
     EXPECT_EQ(query->state(), 1);
     EXPECT_EQ(query->m_errorMessage, "");
 }
@@ -165,9 +154,7 @@ TEST_F(ASearchingQuery, IsNotEvenReadyToSearchWhenItCannotBeSent)
     auto const query = newQuery();
     openldap.ldap_search_ext = [](auto...) { return LDAP_SERVER_DOWN; };
 
-    auto const thrown = thrownBy([&] { query->submitSearch(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
+    EXPECT_THAT(thrownBy([&] { query->submitSearch(); }), IsFault("Search.cpp", 270, 4, 4));
     EXPECT_EQ(query->state(), 3);
     EXPECT_EQ(query->m_errorMessage, "");
 }
@@ -214,9 +201,8 @@ TEST_F(ASearchingQuery, PassesOnWhatItsWaitThrows)
     query->submitSearch();
     openldap.ldap_result = [](auto...) { return LDAP_SERVER_DOWN; };
 
-    auto const thrown = thrownBy([&] { query->searchResponseHandler(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 332, 4, 4));
+    EXPECT_THAT(thrownBy([&] { query->searchResponseHandler(); }),
+                IsFault("Search.cpp", 332, 4, 4));
     EXPECT_EQ(query->state(), 4);
     EXPECT_EQ(query->m_errorMessage, "");
 }

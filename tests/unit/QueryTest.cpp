@@ -33,48 +33,35 @@ TEST(TheStatesOfAQuery, HaveTheirNumbers)
 
 // Construction
 
-TEST_F(AQuery, OnAConnectionIsReadyAndLeavesTheConnectionToItsGiver)
+TEST_F(AQuery, StartsAsItIsMade)
 {
-    Query const query(connection, 1000, 10, false);
-
-    EXPECT_EQ(query.state(), 3);
-    EXPECT_EQ(query.m_startTime, 1000);
-    EXPECT_EQ(query.m_timeout, 12U);
-    EXPECT_EQ(query.m_deadline, 1012);
-    EXPECT_EQ(query.m_connection.impl(), connection.impl());
-    EXPECT_FALSE(query.returnConnectionToCache());
-}
-
-TEST_F(AQuery, ThatBindsFirstNeedsABind)
-{
-    Query const query(connection, 1000, 10, true);
-
-    EXPECT_EQ(query.state(), 0);
-    EXPECT_FALSE(query.returnConnectionToCache());
-}
-
-TEST_F(AQuery, WithoutAConnectionIsReadyAndGivesTheConnectionBackThatItIsToTake)
-{
-    Query const query(1000, 10);
-
-    EXPECT_EQ(query.state(), 3);
-    EXPECT_EQ(query.m_startTime, 1000);
-    EXPECT_EQ(query.m_timeout, 12U);
-    EXPECT_EQ(query.m_deadline, 1012);
-    EXPECT_TRUE(query.m_connection.isNull());
-    EXPECT_TRUE(query.returnConnectionToCache());
-}
-
-TEST_F(AQuery, ByDefaultHasNoTimeAtAll)
-{
-    Query const query;
-
-    EXPECT_EQ(query.state(), 3);
-    EXPECT_EQ(query.m_startTime, 0);
-    EXPECT_EQ(query.m_timeout, 0U);
-    EXPECT_EQ(query.m_deadline, 0);
-    EXPECT_TRUE(query.m_connection.isNull());
-    EXPECT_TRUE(query.returnConnectionToCache());
+    struct {
+        char const* shows;
+        Query query;
+        int state;
+        long startTime;
+        unsigned int timeout;
+        long deadline;
+        bool returnsConnection;
+    } const cases[] = {
+        {"on a connection it is ready and leaves the connection to its giver",
+         Query(connection, 1000, 10, false), 3, 1000, 12, 1012, false},
+        {"one that binds first needs a bind", Query(connection, 1000, 10, true), 0, 1000, 12, 1012,
+         false},
+        {"without a connection it gives the one back that it is to take", Query(1000, 10), 3, 1000,
+         12, 1012, true},
+        {"by default it has no time at all", Query(), 3, 0, 0, 0, true},
+    };
+    for (auto const& row : cases) {
+        SCOPED_TRACE(row.shows);
+        EXPECT_EQ(row.query.state(), row.state);
+        EXPECT_EQ(row.query.m_startTime, row.startTime);
+        EXPECT_EQ(row.query.m_timeout, row.timeout);
+        EXPECT_EQ(row.query.m_deadline, row.deadline);
+        EXPECT_EQ(row.query.returnConnectionToCache(), row.returnsConnection);
+        EXPECT_EQ(row.query.m_connection.impl(),
+                  row.returnsConnection ? nullptr : connection.impl());
+    }
 }
 
 TEST_F(AQuery, IsMadeWithoutACallAndWithoutASearch)
@@ -121,9 +108,7 @@ TEST_F(AQuery, WithoutASearchHasNoResult)
 {
     Query const query(connection, 1000, 10, false);
 
-    auto const thrown = thrownBy([&] { query.result(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 81, 1, 0));
+    EXPECT_THAT(thrownBy([&] { query.result(); }), IsFault("Search.cpp", 81, 1, 0));
 }
 
 TEST_F(AQuery, ShowsItsSearchsOwnResult)
@@ -212,30 +197,51 @@ TEST_F(AStartedQuery, FailsWithoutASearchWhenTheBindIsRefused)
     EXPECT_TRUE(query->m_search.isNull());
 }
 
-TEST_F(AStartedQuery, EndsInAnErrorWhenTheCredentialsAreInvalid)
+TEST_F(AStartedQuery, EndsInAnErrorWithTheTextOfTheFault)
 {
-    auto const query = newQuery(true);
-    willReceive({bindResponse(LDAP_INVALID_CREDENTIALS), searchResult()});
+    struct {
+        char const* shows;
+        bool bindsFirst;
+        std::function<void()> fail;
+        std::vector<std::string> texts;
+    } const cases[] = {
+        {"the credentials are invalid",
+         true,
+         [&] {
+             willReceive({bindResponse(LDAP_INVALID_CREDENTIALS), searchResult()});
+         },
+         {"LDAPException", "297",
+          "Error: 'Invalid credentials' during bind to ldap://[127.0.0.1]:389/"}},
+        {"the bind cannot be sent",
+         true,
+         [&] { openldap.ldap_sasl_bind = [](auto...) { return LDAP_SERVER_DOWN; }; },
+         {"241"}},
+        {"its search cannot be sent",
+         false,
+         [&] { openldap.ldap_search_ext = [](auto...) { return LDAP_FILTER_ERROR; }; },
+         {"Bad search filter : (cn=a)"}},
+        {"its result cannot be awaited",
+         false,
+         [&] { openldap.ldap_result = [](auto...) { return LDAP_SERVER_DOWN; }; },
+         {"332", "Can't contact LDAP server"}},
+    };
+    auto const bind = openldap.ldap_sasl_bind;
+    auto const search = openldap.ldap_search_ext;
+    for (auto const& row : cases) {
+        SCOPED_TRACE(row.shows);
+        openldap.ldap_sasl_bind = bind;
+        openldap.ldap_search_ext = search;
+        auto const query = newQuery(row.bindsFirst);
+        row.fail();
 
-    query->start();
+        query->start();
 
-    EXPECT_EQ(query->state(), 7);
-    EXPECT_THAT(query->m_errorMessage, HasSubstr("LDAPException"));
-    EXPECT_THAT(query->m_errorMessage, HasSubstr("297"));
-    EXPECT_THAT(query->m_errorMessage,
-                HasSubstr("Error: 'Invalid credentials' during bind to ldap://[127.0.0.1]:389/"));
-    EXPECT_TRUE(query->m_search.isNull());
-}
-
-TEST_F(AStartedQuery, EndsInAnErrorWhenTheBindCannotBeSent)
-{
-    auto const query = newQuery(true);
-    openldap.ldap_sasl_bind = [](auto...) { return LDAP_SERVER_DOWN; };
-
-    query->start();
-
-    EXPECT_EQ(query->state(), 7);
-    EXPECT_THAT(query->m_errorMessage, HasSubstr("241"));
+        EXPECT_EQ(query->state(), 7);
+        EXPECT_EQ(query->m_search.isNull(), row.bindsFirst);
+        for (std::string const& text : row.texts) {
+            EXPECT_THAT(query->m_errorMessage, HasSubstr(text));
+        }
+    }
 }
 
 TEST_F(AStartedQuery, EndsInAnErrorWhenThereIsNoConnectionToBind)
@@ -247,29 +253,6 @@ TEST_F(AStartedQuery, EndsInAnErrorWhenThereIsNoConnectionToBind)
 
     EXPECT_EQ(query.state(), 7);
     EXPECT_THAT(query.m_errorMessage, HasSubstr("201"));
-}
-
-TEST_F(AStartedQuery, EndsInAnErrorWhenItsSearchCannotBeSent)
-{
-    auto const query = newQuery();
-    openldap.ldap_search_ext = [](auto...) { return LDAP_FILTER_ERROR; };
-
-    query->start();
-
-    EXPECT_EQ(query->state(), 7);
-    EXPECT_THAT(query->m_errorMessage, HasSubstr("Bad search filter : (cn=a)"));
-}
-
-TEST_F(AStartedQuery, EndsInAnErrorWhenItsResultCannotBeAwaited)
-{
-    auto const query = newQuery();
-    openldap.ldap_result = [](auto...) { return LDAP_SERVER_DOWN; };
-
-    query->start();
-
-    EXPECT_EQ(query->state(), 7);
-    EXPECT_THAT(query->m_errorMessage, HasSubstr("332"));
-    EXPECT_THAT(query->m_errorMessage, HasSubstr("Can't contact LDAP server"));
 }
 
 TEST_F(AStartedQuery, KeepsTheTextOfWhatItCaught)
@@ -305,24 +288,17 @@ TEST_F(AStartedQuery, LetsAnExhaustedMemoryPassWhileItBinds)
     EXPECT_EQ(query->state(), 0);
 }
 
-TEST_F(AStartedQuery, IsDoneWithoutASearch)
+TEST_F(AStartedQuery, IsDoneWithoutASearchAlsoAfterItsBind)
 {
     Query query(connection, 1000, 10, false);
-
     query.start();
-
     EXPECT_EQ(query.state(), 5);
     EXPECT_THAT(openldap.calls(), IsEmpty());
-}
 
-TEST_F(AStartedQuery, IsDoneAfterItsBindWithoutASearch)
-{
-    Query query(connection, 1000, 10, true);
+    Query binding(connection, 1000, 10, true);
     willReceive({bindResponse(LDAP_SUCCESS)});
-
-    query.start();
-
-    EXPECT_EQ(query.state(), 5);
+    binding.start();
+    EXPECT_EQ(binding.state(), 5);
 }
 
 TEST_F(AStartedQuery, FailsWhenTheTimeOfItsSearchRunsOut)
@@ -382,54 +358,33 @@ INSTANTIATE_TEST_SUITE_P(Number, AQueryInAStateThatStartLeavesAlone,
 
 // The end
 
-TEST_F(AnEndingQuery, ReturnsTheConnectionThatItTook)
+TEST_F(AnEndingQuery, ReturnsTheConnectionThatItTookUnlessItWasToldOtherwise)
 {
-    connection.cacheMarkAsUsed();
-    auto query = std::make_unique<Query>(1000, 10);
-    query->m_connection = connection;
+    struct {
+        char const* shows;
+        std::unique_ptr<Query> query;
+        bool isReturned;
+    } cases[] = {
+        {"it took one", std::make_unique<Query>(1000, 10), true},
+        {"it was made by default", std::make_unique<Query>(), true},
+        {"it was given one", newQuery(true), false},
+        {"it took one and is to keep it", std::make_unique<Query>(1000, 10), false},
+        {"it was given one and is to return it", newQuery(), true},
+    };
+    cases[3].query->returnConnectionToCache(false);
+    cases[4].query->returnConnectionToCache(true);
+    for (auto& row : cases) {
+        SCOPED_TRACE(row.shows);
+        row.query->m_connection = connection;
+        connection.cacheMarkAsUsed();
 
-    query.reset();
+        row.query.reset();
 
-    EXPECT_TRUE(connection.cacheMarkAsUsed());
-    EXPECT_FALSE(connection.cacheMarkAsUsed());
+        EXPECT_EQ(connection.cacheMarkAsUsed(), row.isReturned);
+        EXPECT_FALSE(connection.cacheMarkAsUsed());
+        connection.cacheMarkAsAvailable();
+    }
     EXPECT_THAT(openldap.calls(), IsEmpty());
-}
-
-TEST_F(AnEndingQuery, MadeByDefaultGivesItsConnectionBackToo)
-{
-    connection.cacheMarkAsUsed();
-    auto query = std::make_unique<Query>();
-    query->m_connection = connection;
-
-    query.reset();
-
-    EXPECT_TRUE(connection.cacheMarkAsUsed());
-}
-
-TEST_F(AnEndingQuery, LeavesAConnectionThatItWasGivenInUse)
-{
-    connection.cacheMarkAsUsed();
-    auto query = newQuery(true);
-
-    query.reset();
-
-    EXPECT_FALSE(connection.cacheMarkAsUsed());
-}
-
-TEST_F(AnEndingQuery, DoesWithItsConnectionAsItWasTold)
-{
-    connection.cacheMarkAsUsed();
-    auto kept = std::make_unique<Query>(1000, 10);
-    kept->m_connection = connection;
-    kept->returnConnectionToCache(false);
-    auto given = newQuery();
-    given->returnConnectionToCache(true);
-
-    kept.reset();
-    EXPECT_FALSE(connection.cacheMarkAsUsed());
-
-    given.reset();
-    EXPECT_TRUE(connection.cacheMarkAsUsed());
 }
 
 TEST_F(AnEndingQuery, WithoutAConnectionGivesNothingBack)

@@ -42,30 +42,18 @@ LDAPSearch::Deref deref(int number) { return static_cast<LDAPSearch::Deref>(numb
 
 TEST(SearchParameters, HaveDefaults)
 {
-    LDAPSearch::Parameter const parameter;
-
-    EXPECT_EQ(parameter.baseDN, "");
-    EXPECT_EQ(parameter.filter, "");
-    EXPECT_THAT(parameter.attributes, IsEmpty());
-    EXPECT_EQ(parameter.scope, LDAPSearch::ScopeSubtree);
-    EXPECT_EQ(parameter.deref, LDAPSearch::DerefNever);
-    EXPECT_EQ(parameter.sizeLimit, 0);
-    EXPECT_EQ(parameter.timeLimit, 10);
-    EXPECT_FALSE(parameter.attrsOnly);
-}
-
-TEST(SearchParameters, HaveTheSameDefaultsWithABase)
-{
-    LDAPSearch::Parameter const parameter("dc=test");
-
-    EXPECT_EQ(parameter.baseDN, "dc=test");
-    EXPECT_EQ(parameter.filter, "");
-    EXPECT_THAT(parameter.attributes, IsEmpty());
-    EXPECT_EQ(parameter.scope, LDAPSearch::ScopeSubtree);
-    EXPECT_EQ(parameter.deref, LDAPSearch::DerefNever);
-    EXPECT_EQ(parameter.sizeLimit, 0);
-    EXPECT_EQ(parameter.timeLimit, 10);
-    EXPECT_FALSE(parameter.attrsOnly);
+    EXPECT_EQ(LDAPSearch::Parameter().baseDN, "");
+    EXPECT_EQ(LDAPSearch::Parameter("dc=test").baseDN, "dc=test");
+    for (LDAPSearch::Parameter const& parameter :
+         {LDAPSearch::Parameter(), LDAPSearch::Parameter("dc=test")}) {
+        EXPECT_EQ(parameter.filter, "");
+        EXPECT_THAT(parameter.attributes, IsEmpty());
+        EXPECT_EQ(parameter.scope, LDAPSearch::ScopeSubtree);
+        EXPECT_EQ(parameter.deref, LDAPSearch::DerefNever);
+        EXPECT_EQ(parameter.sizeLimit, 0);
+        EXPECT_EQ(parameter.timeLimit, 10);
+        EXPECT_FALSE(parameter.attrsOnly);
+    }
 }
 
 TEST(SearchParameters, UseTheNumbersOfTheProtocol)
@@ -244,27 +232,13 @@ TEST_F(ASearchAdapter, RefusesANullDescription)
                 IsFault("Attribute.cpp", 41, 1, 0));
 }
 
-TEST_F(ASearchAdapter, RefusesAScopeOutOfRange)
-{
-    parameter().scope = scope(3);
-
-    EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter const adapter(request); }),
-                IsFault("Attribute.cpp", 531, 2, 0));
-}
-
-TEST_F(ASearchAdapter, RefusesAnAliasModeOutOfRange)
+TEST_F(ASearchAdapter, RefusesAnAliasModeAndBeforeItAScopeOutOfRange)
 {
     parameter().deref = deref(4);
-
     EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter const adapter(request); }),
                 IsFault("Attribute.cpp", 579, 2, 0));
-}
 
-TEST_F(ASearchAdapter, ChecksTheScopeFirst)
-{
     parameter().scope = scope(3);
-    parameter().deref = deref(4);
-
     EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter const adapter(request); }),
                 IsFault("Attribute.cpp", 531, 2, 0));
 }
@@ -278,50 +252,33 @@ TEST_F(ASearchAdapter, RefusesANullConnection)
                 IsFault("Connection.cpp", 129, 1, 0));
 }
 
-TEST(AScope, KeepsItsNumber)
+TEST(AScope, KeepsItsNumberAndIsRefusedOutOfRangeWithoutAnyText)
 {
     for (int const number : {0, 1, 2}) {
         EXPECT_EQ(LDAPSearchAdapter::fromScope(scope(number)), number);
         EXPECT_EQ(LDAPSearchAdapter::toScope(number), scope(number));
     }
-}
-
-TEST(AScope, IsRefusedOutOfRange)
-{
     for (int const number : {INT_MIN, -1, 3, 4, INT_MAX}) {
+        SCOPED_TRACE(number);
         EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter::fromScope(scope(number)); }),
-                    IsFault("Attribute.cpp", 531, 2, 0))
-            << number;
+                    IsFault("Attribute.cpp", 531, 2, 0, ""));
         EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter::toScope(number); }),
-                    IsFault("Attribute.cpp", 553, 2, 0))
-            << number;
+                    IsFault("Attribute.cpp", 553, 2, 0, ""));
     }
 }
 
-TEST(AnAliasMode, KeepsItsNumber)
+TEST(AnAliasMode, KeepsItsNumberAndIsRefusedOutOfRangeWithoutAnyText)
 {
     for (int const number : {0, 1, 2, 3}) {
         EXPECT_EQ(LDAPSearchAdapter::fromDeref(deref(number)), number);
         EXPECT_EQ(LDAPSearchAdapter::toDeref(number), deref(number));
     }
-}
-
-TEST(AnAliasMode, IsRefusedOutOfRange)
-{
     for (int const number : {INT_MIN, -1, 4, 5, INT_MAX}) {
+        SCOPED_TRACE(number);
         EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter::fromDeref(deref(number)); }),
-                    IsFault("Attribute.cpp", 579, 2, 0))
-            << number;
-        EXPECT_THAT(thrownBy([&] { LDAPSearchAdapter::toDeref(number); }),
-                    IsFault("Attribute.cpp", 605, 2, 0))
-            << number;
+                    IsFault("Attribute.cpp", 579, 2, 0, ""));
+        auto const thrown = thrownBy([&] { LDAPSearchAdapter::toDeref(number); });
+        EXPECT_THAT(thrown, IsFault("Attribute.cpp", 605, 2, 0, ""));
+        EXPECT_FALSE(thrown.hasCause());
     }
-}
-
-TEST(AnAliasMode, IsRefusedWithoutAnyText)
-{
-    auto const thrown = thrownBy([] { LDAPSearchAdapter::toDeref(4); });
-
-    EXPECT_EQ(thrown.stringParameter(), "");
-    EXPECT_FALSE(thrown.hasCause());
 }

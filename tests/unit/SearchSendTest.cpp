@@ -17,6 +17,10 @@ using Solvane::LDAPSearchImpl;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
+/// The call for the record below.
+std::string const theCall =
+    "ldap_search_ext session 'dc=example' 2 '(cn=a)' null 0 null null null -1";
+
 class Sending : public ConnectedTest {
 protected:
     Sending() : parameter("dc=example") { parameter.filter = "(cn=a)"; }
@@ -48,14 +52,44 @@ using ASharedSearch = Sending;
 
 TEST_F(ASearch, HandsItsRecordToOpenLDAPInOneCall)
 {
+    struct {
+        char const* shows;
+        std::function<void(LDAPSearch::Parameter&)> set;
+        std::string call;
+    } const cases[] = {
+        {"no attributes ask for all", [](auto&) {}, theCall},
+        {"its attributes in their order",
+         [](auto& record) {
+             record.attributes = {LDAPAttributeType("cn"), LDAPAttributeType("mail;binary")};
+         },
+         "ldap_search_ext session 'dc=example' 2 '(cn=a)' ['cn' 'mail;binary'] 0 null null null "
+         "-1"},
+        {"only empty attribute types make an empty array",
+         [](auto& record) { record.attributes = {LDAPAttributeType("")}; },
+         "ldap_search_ext session 'dc=example' 2 '(cn=a)' [] 0 null null null -1"},
+        {"the default record has neither filter nor attributes",
+         [](auto& record) { record = LDAPSearch::Parameter(); },
+         "ldap_search_ext session '' 2 null null 0 null null null -1"},
+        {"it keeps its own limits to itself",
+         [](auto& record) { record.sizeLimit = record.timeLimit = 5; }, theCall},
+        {"types only, when told so",
+         [](auto& record) {
+             record.attrsOnly = true;
+             record.scope = LDAPSearch::ScopeBase;
+         },
+         "ldap_search_ext session 'dc=example' 0 '(cn=a)' null 1 null null null -1"},
+    };
     willTakeTheSearch(3);
-    parameter.attributes = {LDAPAttributeType("cn"), LDAPAttributeType("mail;binary")};
-    LDAPSearch search(connection, parameter);
+    for (auto const& row : cases) {
+        LDAPSearch::Parameter record = parameter;
+        row.set(record);
+        LDAPSearch search(connection, record);
+        openldap.forgetCalls();
 
-    search.send();
+        search.send();
 
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_search_ext session 'dc=example' 2 '(cn=a)' "
-                                              "['cn' 'mail;binary'] 0 null null null -1"));
+        EXPECT_THAT(openldap.calls(), ElementsAre(row.call)) << row.shows;
+    }
 }
 
 TEST_F(ASearch, IsNotSentWhenItIsBuilt)
@@ -64,17 +98,6 @@ TEST_F(ASearch, IsNotSentWhenItIsBuilt)
 
     EXPECT_EQ(search.id(), 0);
     EXPECT_THAT(openldap.calls(), IsEmpty());
-}
-
-TEST_F(ASearch, WithTheDefaultRecordSendsNeitherFilterNorAttributes)
-{
-    willTakeTheSearch(3);
-    LDAPSearch search(connection, LDAPSearch::Parameter());
-
-    search.send();
-
-    EXPECT_THAT(openldap.calls(),
-                ElementsAre("ldap_search_ext session '' 2 null null 0 null null null -1"));
 }
 
 TEST_F(ASearch, WithAnEmptySharedRecordSendsTheDefaults)
@@ -88,63 +111,6 @@ TEST_F(ASearch, WithAnEmptySharedRecordSendsTheDefaults)
                 ElementsAre("ldap_search_ext session '' 2 null null 0 null null null -1"));
 }
 
-TEST_F(ASearch, KeepsItsOwnLimitsToItself)
-{
-    willTakeTheSearch(3);
-    parameter.sizeLimit = 5;
-    parameter.timeLimit = 6;
-    LDAPSearch search(connection, parameter);
-
-    search.send();
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_search_ext session 'dc=example' 2 '(cn=a)' "
-                                              "null 0 null null null -1"));
-}
-
-TEST_F(ASearch, AsksForTypesOnlyWhenToldSo)
-{
-    willTakeTheSearch(3);
-    parameter.attrsOnly = true;
-    parameter.scope = LDAPSearch::ScopeBase;
-    LDAPSearch search(connection, parameter);
-
-    search.send();
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_search_ext session 'dc=example' 0 '(cn=a)' "
-                                              "null 1 null null null -1"));
-}
-
-TEST_F(ASearch, SkipsAnEmptyAttributeTypeAndFillsTheArrayWithNulls)
-{
-    parameter.attributes = {LDAPAttributeType("cn"), LDAPAttributeType(""),
-                            LDAPAttributeType("mail")};
-    LDAPSearch search(connection, parameter);
-    std::vector<std::string> sent;
-    openldap.ldap_search_ext = [&](auto, auto, auto, auto, char** attributes, auto, auto, auto,
-                                   auto, auto, auto) {
-        for (int i = 0; i < 4; ++i) {
-            sent.emplace_back(attributes[i] == nullptr ? "null" : attributes[i]);
-        }
-        return LDAP_SUCCESS;
-    };
-
-    search.send();
-
-    EXPECT_THAT(sent, ElementsAre("cn", "mail", "null", "null"));
-}
-
-TEST_F(ASearch, WithOnlyEmptyAttributeTypesSendsAnEmptyArray)
-{
-    willTakeTheSearch(3);
-    parameter.attributes = {LDAPAttributeType("")};
-    LDAPSearch search(connection, parameter);
-
-    search.send();
-
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_search_ext session 'dc=example' 2 '(cn=a)' [] "
-                                              "0 null null null -1"));
-}
-
 TEST_F(ASearch, ThatDereferencesAliasesSetsTheSessionFirst)
 {
     willTakeTheSearch(3);
@@ -153,10 +119,7 @@ TEST_F(ASearch, ThatDereferencesAliasesSetsTheSessionFirst)
 
     search.send();
 
-    EXPECT_THAT(openldap.calls(),
-                ElementsAre("ldap_set_option session DEREF 2",
-                            "ldap_search_ext session 'dc=example' 2 '(cn=a)' null 0 null null "
-                            "null -1"));
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_set_option session DEREF 2", theCall));
 }
 
 TEST_F(ASearch, ThatNeverDereferencesLeavesTheSessionAsItIs)
@@ -171,8 +134,7 @@ TEST_F(ASearch, ThatNeverDereferencesLeavesTheSessionAsItIs)
 
     second.send();
 
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_search_ext session 'dc=example' 2 '(cn=a)' "
-                                              "null 0 null null null -1"));
+    EXPECT_THAT(openldap.calls(), ElementsAre(theCall));
 }
 
 TEST_F(ASearch, IsSentEvenIfTheAliasModeIsRefused)
@@ -235,18 +197,7 @@ TEST_F(ASearch, SeesNoChangesOfARecordThatItCopied)
 
     search.send();
 
-    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_search_ext session 'dc=example' 2 '(cn=a)' "
-                                              "null 0 null null null -1"));
-}
-
-TEST_F(ASearch, KeepsItsConnectionWhateverTheHandleIsGiven)
-{
-    LDAPConnection other(newServer(), false);
-    LDAPSearch search(connection, parameter);
-
-    search.connection(other);
-
-    EXPECT_EQ(search.connection().impl(), connection.impl());
+    EXPECT_THAT(openldap.calls(), ElementsAre(theCall));
 }
 
 TEST_F(ASearch, RefusesToSendOnANullConnection)
@@ -254,53 +205,28 @@ TEST_F(ASearch, RefusesToSendOnANullConnection)
     LDAPConnection null;
     LDAPSearch search(null, parameter);
 
-    auto const thrown = thrownBy([&] { search.send(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 249, 1, 0));
-    EXPECT_EQ(thrown.stringParameter(), "The LDAP connection is null");
+    EXPECT_THAT(thrownBy([&] { search.send(); }),
+                IsFault("Search.cpp", 249, 1, 0, "The LDAP connection is null"));
     EXPECT_EQ(search.id(), 0);
     EXPECT_THAT(openldap.calls(), IsEmpty());
 }
 
-TEST_F(ASearch, RefusesAScopeOutOfRange)
+TEST_F(ASearch, RefusesANumberOutOfRangeBeforeAnyCall)
 {
     parameter.scope = static_cast<LDAPSearch::Scope>(3);
-    LDAPSearch search(connection, parameter);
+    LDAPSearch withScope(connection, parameter);
+    parameter.scope = LDAPSearch::ScopeSubtree;
+    parameter.deref = static_cast<LDAPSearch::Deref>(4);
+    LDAPSearch withDeref(connection, parameter);
 
-    auto const thrown = thrownBy([&] { search.send(); });
-
-    EXPECT_THAT(thrown, IsFault("Attribute.cpp", 531, 2, 0));
-    EXPECT_EQ(thrown.stringParameter(), "");
-    EXPECT_EQ(search.id(), 0);
+    EXPECT_THAT(thrownBy([&] { withScope.send(); }), IsFault("Attribute.cpp", 531, 2, 0, ""));
+    EXPECT_THAT(thrownBy([&] { withDeref.send(); }), IsFault("Attribute.cpp", 579, 2, 0, ""));
+    EXPECT_EQ(withScope.id(), 0);
     EXPECT_EQ(connection.openldapErrorCode(), 0);
     EXPECT_THAT(openldap.calls(), IsEmpty());
 }
 
-TEST_F(ASearch, RefusesAnAliasModeOutOfRange)
-{
-    parameter.deref = static_cast<LDAPSearch::Deref>(4);
-    LDAPSearch search(connection, parameter);
-
-    auto const thrown = thrownBy([&] { search.send(); });
-
-    EXPECT_THAT(thrown, IsFault("Attribute.cpp", 579, 2, 0));
-    EXPECT_EQ(thrown.stringParameter(), "");
-    EXPECT_THAT(openldap.calls(), IsEmpty());
-}
-
-TEST_F(ASearch, RefusesANegativeScopeAndANegativeAliasMode)
-{
-    parameter.scope = static_cast<LDAPSearch::Scope>(-1);
-    LDAPSearch negativeScope(connection, parameter);
-    parameter.scope = LDAPSearch::ScopeSubtree;
-    parameter.deref = static_cast<LDAPSearch::Deref>(-1);
-    LDAPSearch negativeDeref(connection, parameter);
-
-    EXPECT_THAT(thrownBy([&] { negativeScope.send(); }), IsFault("Attribute.cpp", 531, 2, 0));
-    EXPECT_THAT(thrownBy([&] { negativeDeref.send(); }), IsFault("Attribute.cpp", 579, 2, 0));
-}
-
-TEST_F(ASearchThatIsRefused, IsReportedWithOpenLDAPsTextAndTheFilter)
+TEST_F(ASearchThatIsRefused, IsReportedWithOpenLDAPsTextAndTheFilterAndRecorded)
 {
     willRefuse(LDAP_FILTER_ERROR);
     parameter.filter = "(cn=";
@@ -308,9 +234,9 @@ TEST_F(ASearchThatIsRefused, IsReportedWithOpenLDAPsTextAndTheFilter)
 
     auto const thrown = thrownBy([&] { search.send(); });
 
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4));
-    EXPECT_EQ(thrown.stringParameter(), "Bad search filter : (cn=");
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 270, 4, 4, "Bad search filter : (cn="));
     EXPECT_FALSE(thrown.hasCause());
+    EXPECT_EQ(connection.openldapErrorCode(), -7);
 }
 
 TEST_F(ASearchThatIsRefused, WithoutAFilterEndsItsTextAtTheColon)
@@ -319,19 +245,8 @@ TEST_F(ASearchThatIsRefused, WithoutAFilterEndsItsTextAtTheColon)
     parameter.filter = "";
     LDAPSearch search(connection, parameter);
 
-    auto const thrown = thrownBy([&] { search.send(); });
-
-    EXPECT_EQ(thrown.stringParameter(), "Can't contact LDAP server : ");
-}
-
-TEST_F(ASearchThatIsRefused, RecordsTheCodeOnTheConnection)
-{
-    willRefuse(LDAP_FILTER_ERROR);
-    LDAPSearch search(connection, parameter);
-
-    thrownBy([&] { search.send(); });
-
-    EXPECT_EQ(connection.openldapErrorCode(), -7);
+    EXPECT_THAT(thrownBy([&] { search.send(); }),
+                IsFault("Search.cpp", 270, 4, 4, "Can't contact LDAP server : "));
 }
 
 TEST_F(ASearchThatIsRefused, StoresZeroWhenOpenLDAPWritesNoMessageId)
@@ -360,44 +275,26 @@ TEST_F(ASearchThatIsRefused, StoresTheMessageIdThatOpenLDAPWrote)
     EXPECT_EQ(search.id(), -1);
 }
 
-TEST_F(ASearchThatIsRefused, IsTracedWithErrnoWhenTheMaskAsksForErrors)
+TEST_F(ASearchThatIsRefused, IsTracedWithErrnoWhenTheMaskAsksForErrorsAndAlwaysRecorded)
 {
     willRefuse(LDAP_SERVER_DOWN, EPIPE);
     LDAPSearch search(connection, parameter);
-    DebugLines const lines(0x80001);
 
-    thrownBy([&] { search.send(); });
-
-    EXPECT_THAT(lines.all(),
-                ElementsAre("Search:276 send 0: " + tid() + "ldaperror=-1, errno = 32"));
-}
-
-TEST_F(ASearchThatIsRefused, IsRecordedInSilenceWhenABitOfTheMaskIsMissing)
-{
-    willRefuse(LDAP_SERVER_DOWN);
-    LDAPSearch search(connection, parameter);
-    for (unsigned int const mask : masksWithout(0x80001)) {
-        DebugLines const lines(mask);
+    expectTraced(0x80001, {"Search:276 send 0: " + tid() + "ldaperror=-1, errno = 32"}, [&] {
         connection.openldapErrorCode(0);
-
         thrownBy([&] { search.send(); });
-
-        EXPECT_THAT(lines.all(), IsEmpty()) << std::hex << mask;
         EXPECT_EQ(connection.openldapErrorCode(), -1);
-    }
+    });
 }
 
 TEST_F(ASearchThatIsRefused, ByAForeignExceptionHasItAsTheCause)
 {
-    openldap.ldap_search_ext = [](auto...) -> int {
-        throw Solvane::Exception("foreign", 9, "Elsewhere.cpp", 1);
-    };
+    openldap.ldap_search_ext = throwForeign<>;
     LDAPSearch search(connection, parameter);
 
     auto const thrown = thrownBy([&] { search.send(); });
 
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 289, 4, 4));
-    EXPECT_EQ(thrown.stringParameter(), "");
+    EXPECT_THAT(thrown, IsFault("Search.cpp", 289, 4, 4, ""));
     ASSERT_TRUE(thrown.hasCause());
     EXPECT_EQ(thrown.cause().name(), "foreign");
     EXPECT_EQ(connection.openldapErrorCode(), 0);
@@ -416,72 +313,12 @@ TEST_F(ASearchThatIsRefused, ByAnLDAPExceptionLetsItPassUnchanged)
     EXPECT_FALSE(thrown.hasCause());
 }
 
-struct NullRequestCase {
-    char const* operation;
-    unsigned int line;
-    void (*call)(LDAPRequest&);
-};
-
-void PrintTo(NullRequestCase const& tested, std::ostream* out) { *out << tested.operation; }
-
-class ANullRequest : public testing::TestWithParam<NullRequestCase> {};
-
-TEST_P(ANullRequest, ThrowsFromEveryForwarderWithItsLine)
-{
-    LDAPRequest null;
-
-    auto const thrown = thrownBy([&] { GetParam().call(null); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", GetParam().line, 1, 0));
-    EXPECT_EQ(thrown.stringParameter(), "");
-    EXPECT_TRUE(null.isNull());
-}
-
-void setConnection(LDAPRequest& null)
-{
-    LDAPConnection connection;
-    null.connection(connection);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    In, ANullRequest,
-    testing::Values(NullRequestCase{"setConnection", 36, setConnection},
-                    NullRequestCase{"id", 44, [](LDAPRequest& null) { null.id(); }},
-                    NullRequestCase{"connection", 54, [](LDAPRequest& null) { null.connection(); }},
-                    NullRequestCase{"send", 63, [](LDAPRequest& null) { null.send(); }},
-                    NullRequestCase{"wait", 72, [](LDAPRequest& null) { null.wait(1); }},
-                    NullRequestCase{"result", 81, [](LDAPRequest& null) { null.result(); }},
-                    NullRequestCase{"cancel", 90, [](LDAPRequest& null) { null.cancel(); }}),
-    [](auto const& tested) { return std::string(tested.param.operation); });
-
-TEST(ANullSearch, ThrowsWhenAskedForItsParameters)
-{
-    LDAPSearch const null;
-
-    auto const thrown = thrownBy([&] { null.parameter(); });
-
-    EXPECT_THAT(thrown, IsFault("Search.cpp", 206, 1, 0));
-}
-
 /// A search body that shows its mutex and gives it back, as no other user is left.
 class OpenSearch : public LDAPSearchImpl {
 public:
     ~OpenSearch() override { delete m_mutex; }
     Solvane::Mutex* mutex() const { return m_mutex; }
 };
-
-TEST_F(ASharedSearch, HasOneMutexHoweverOftenItIsShared)
-{
-    OpenSearch search;
-    EXPECT_EQ(search.mutex(), nullptr);
-    search.shared();
-    Solvane::Mutex const* const first = search.mutex();
-
-    search.shared();
-
-    EXPECT_NE(first, nullptr);
-    EXPECT_EQ(search.mutex(), first);
-}
 
 TEST_F(ASharedSearch, LetsGoOfTheMutexWhenASendFails)
 {

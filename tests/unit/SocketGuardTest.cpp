@@ -75,6 +75,34 @@ TEST_F(AGuard, LetsANewBindConnectAgain)
 }
 
 // OpenLDAP would close it as well, but keep its number and take the session for connected.
+TEST_F(AGuard, LetsASessionConnectForTheLastTime)
+{
+    {
+        SocketGuard::LastConnectScope const connecting(guard);
+        EXPECT_EQ(connected.offerTo(guard.callback()), 0);
+    }
+    Connected second;
+    Connected third;
+
+    int const byItself = second.offerTo(guard.callback());
+    SocketGuard::BindScope const binding(guard);
+    int const withinABind = third.offerTo(guard.callback());
+
+    EXPECT_EQ(byItself, -1);
+    EXPECT_EQ(withinABind, -1);
+}
+
+TEST_F(AGuard, EndsAConnectionWhenTold)
+{
+    connected.offerTo(guard.callback());
+
+    guard.end();
+
+    EXPECT_FALSE(guard.isUsable());
+    EXPECT_EQ(connected.write("goodbye"), -1);
+    EXPECT_EQ(connected.peerReads(), "");
+}
+
 TEST_F(AGuard, ClosesAConnectionThatItRefusesAndTakesItsNumberAway)
 {
     {
@@ -128,7 +156,7 @@ TEST_F(AGuard, TakesTheTlsOfTheLastConnectionAway)
 TEST_F(AGuard, TakesItsOwnLayersOfTheLastConnectionAway)
 {
     connected.offerTo(guard.callback());
-    int const above = connected.layersAt(LBER_SBIOD_LEVEL_APPLICATION);
+    int const above = connected.layersAt(LBER_SBIOD_LEVEL_APPLICATION + 1);
     int const below = connected.layersAt(LBER_SBIOD_LEVEL_PROVIDER + 1);
     connected.reconnect();
 
@@ -136,7 +164,7 @@ TEST_F(AGuard, TakesItsOwnLayersOfTheLastConnectionAway)
 
     EXPECT_EQ(above, 1);
     EXPECT_EQ(below, 1);
-    EXPECT_EQ(connected.layersAt(LBER_SBIOD_LEVEL_APPLICATION), 1);
+    EXPECT_EQ(connected.layersAt(LBER_SBIOD_LEVEL_APPLICATION + 1), 1);
     EXPECT_EQ(connected.layersAt(LBER_SBIOD_LEVEL_PROVIDER + 1), 1);
 }
 

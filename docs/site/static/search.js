@@ -1,12 +1,19 @@
-// Sphinx's search lists the pages that have all words. If there are none, this lists those that have any
-// of them, the most of them first.
+// Sphinx's search lists the pages that have all words, and orders equal ones by title. This lists the guide
+// first. If no page has all words, it lists those that have any of them, the most of them first.
 "use strict";
 
 document.addEventListener("DOMContentLoaded", () => {
     if (typeof Search === "undefined") {
         return;
     }
-    const every = Search.performTermsSearch;
+    const sphinx = Search.performTermsSearch;
+    const every = (...question) => {
+        const hits = sphinx(...question);
+        for (const hit of hits) {
+            hit[4] += hit[0].startsWith("docs/guide/") ? 1 : 0; // the page's name, and its score
+        }
+        return hits;
+    };
     Search.performTermsSearch = (words, ...others) => {
         const found = every(words, ...others);
         if (found.length > 0 || words.size < 2) {

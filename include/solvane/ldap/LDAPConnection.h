@@ -31,6 +31,12 @@ public:
     /// Whether `bind` waits for the response. Any number except 0 means that it does not.
     enum BindMode : int { Synchronous = 0, Asynchronous = 1 };
 
+    /// A SASL mechanism of `bindSasl` (RFC 4422).
+    enum SaslMechanism : int {
+        External = 0, ///< the client certificate of the TLS session
+        Gssapi = 1    ///< Kerberos (RFC 4752), with the ticket of the process
+    };
+
     /// One server: where it is and how to connect to it. The constructor resolves the host.
     ///
     /// A value: copies are independent. Thread-safe for reading.
@@ -130,6 +136,41 @@ public:
     ///                        `openldapErrorCode` has the code; what `LDAPResultImpl::parseMessage`
     ///                        throws
     virtual bool bindWait(unsigned int timeoutSeconds);
+
+    /// Starts TLS on a plain connection (StartTLS, RFC 4511 section 4.14).
+    ///
+    /// Connects if there is no connection yet. Call it before `bind`, with no request in flight. The
+    /// network timeout limits the connect, the response and the handshake, each. The policy is that of
+    /// secure servers: any certificate is accepted, unless the session has a TLS context of its own
+    /// (`LDAP_OPT_X_TLS_NEWCTX`). From then on the session never connects again, not even to bind.
+    /// @throws LDAPException  code 1, type 0, Security.cpp:41: null handle;
+    ///                        code 4, type 3, Security.cpp:48: the connection was unbound;
+    ///                        code 4, type 3, Security.cpp:55: the connection has TLS already, and
+    ///                        nothing is sent;
+    ///                        code 4, type 3, Security.cpp:76: refused;
+    ///                        code 4, type 1, Security.cpp:76: the server is unreachable, did not
+    ///                        answer in time, or the handshake failed. After line 76 the session has
+    ///                        ended, and `openldapErrorCode` has the code;
+    ///                        code 4, type 1, Connection.cpp:433: the TLS policy cannot be set
+    void startTls();
+
+    /// Authenticates with a SASL bind (RFC 4513 section 5.2), and waits for the result.
+    ///
+    /// Connects if there is no connection yet. The network timeout limits the connect and each response;
+    /// Kerberos has its own limits for its servers. From then on the session never reconnects, not even
+    /// in `bind`. A security layer of `Gssapi` protects all that follows; the session's option
+    /// `LDAP_OPT_X_SASL_SECPROPS` and `ldap.conf` select it. The ticket must be for the name that DNS
+    /// returns for the server's address.
+    /// @param mechanism        which credentials to use
+    /// @param authorizationId  identity to act as, "dn:..." or "u:..."; empty: the authenticated one
+    /// @throws LDAPException  code 1, type 0, Security.cpp:101: null handle;
+    ///                        code 4, type 3, Security.cpp:108: the connection was unbound;
+    ///                        code 2, type 0, Security.cpp:115: an unknown mechanism;
+    ///                        code 4, type 3, Security.cpp:136: refused, or there are no credentials;
+    ///                        code 4, type 1, Security.cpp:136: the server is unreachable or did not
+    ///                        answer in time; `openldapErrorCode` then has the code. Unless the server
+    ///                        refused it, the connection has ended
+    void bindSasl(SaslMechanism mechanism, std::string const& authorizationId = std::string());
 
     /// Ends the session (RFC 4511 section 4.3). OpenLDAP is not called with it any more: a later bind
     /// throws lines 208 and 278, a later send or wait fails as on a dead server.

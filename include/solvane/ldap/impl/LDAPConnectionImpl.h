@@ -80,7 +80,7 @@ public:
     int m_openldapErrorCode;             ///< the last one recorded; 0: none
 
 private:
-    friend class LDAPConnection; // binds
+    friend class LDAPConnection; // binds and StartTLS
 
     int sendSimpleBind();
     bool takeBindResponse(LDAPMessageBuffer& message);
@@ -88,6 +88,11 @@ private:
     void initializeSession();
     void setSessionOptions();
     void allowAnyCertificate();
+    void useTlsPolicy();
+    int requestTls();
+    int bindExternal(std::string const& authorizationId);
+    int bindGssapi(std::string const& authorizationId);
+    int awaitResponse(int id, unsigned long expectedType, LDAPMessageBuffer& response);
 
     bool m_sessionEnded;
     std::unique_ptr<SocketGuard> m_guard;

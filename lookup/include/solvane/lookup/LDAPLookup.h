@@ -5,12 +5,17 @@
 
 #include <solvane/lookup/Answer.h>
 #include <solvane/lookup/Settings.h>
+#include <solvane/lookup/Verification.h>
 
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace Solvane {
+
+namespace Lookup {
+class Engine;
+} // namespace Lookup
 
 /// Looks up keys (e-mail addresses) in a directory held by several servers.
 ///
@@ -71,6 +76,23 @@ public:
     /// @param sink        receives each answer, in the order of the keys
     void findAll(Source const& source, int descriptor, Sink const& sink);
 
+    using Verification = Lookup::Verification;   ///< of a password
+    using VerifyOutcome = Lookup::VerifyOutcome; ///< of a verification
+    using Denial = Lookup::Denial;               ///< why a server denied a bind
+
+    /// Verifies a password: finds the entry of the key as `find` does, and binds as it, on a
+    /// connection that is used for nothing else. Blocks until the deadline at most, which includes
+    /// both. Thread-safe; at most `verifyConnections` binds are under way, further callers wait.
+    ///
+    /// The bind goes to the server that returned the entry. What a server answers about the
+    /// password is final; if it cannot answer, the next one is asked, so a wrong password counts
+    /// once for each server that is reached. The copies of the password in this library and in
+    /// OpenLDAP are wiped, and no text contains it.
+    /// @param key       as for `find`; exactly one entry must match
+    /// @param password  UTF-8, of 1 to 1024 bytes, not blank, without NUL; `BadKey` otherwise, with
+    ///                  nothing sent
+    Verification verify(std::string const& key, std::string const& password);
+
     /// Counts since construction.
     struct Statistics {
         unsigned long opened = 0;   ///< connections opened and bound
@@ -82,8 +104,9 @@ public:
     Statistics statistics() const;
 
 private:
-    class Engine;
-    std::unique_ptr<Engine> m_engine;
+    friend class LDAPLookupQueue;
+
+    std::unique_ptr<Lookup::Engine> m_engine;
 };
 
 } // namespace Solvane

@@ -78,8 +78,9 @@ struct Settings {
     unsigned int timeLimit = 0;                ///< seconds for the server's search; 0: no limit
     std::chrono::milliseconds deadline{15000}; ///< for one key in total; at most a year
     TlsPolicy tls;                             ///< for servers with `secure` or `startTls`
-    unsigned int connections = 4;              ///< maximum for all threads together
-    unsigned int window = 32; ///< maximum of searches in flight on each connection of `findAll`
+    unsigned int connections = 4;              ///< maximum for all threads together; up to 65536
+    /// Maximum of searches in flight on each connection of `findAll`; up to 65536.
+    unsigned int window = 32;
     /// First back-off of a failed server; doubled after each further failure.
     std::chrono::milliseconds backOff{1000};
     std::chrono::milliseconds longestBackOff{30000}; ///< maximum of the back-off
@@ -94,6 +95,9 @@ struct Settings {
     /// Looks up a non-ASCII domain also in its ASCII form (RFC 5891), and one in ASCII form also in
     /// Unicode.
     bool asciiDomains = true;
+    /// Maximum of connections on which `verify` binds, for all threads together. They are no others
+    /// than these, so it is also the maximum of binds at a time.
+    unsigned int verifyConnections = 2;
 
     /// Whether connections send no bind.
     bool isAnonymous() const { return Lookup::isAnonymous(mechanism, bindDn); }

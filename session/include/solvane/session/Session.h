@@ -52,7 +52,7 @@ struct SessionOptions {
     std::vector<Address> addresses;                  ///< already resolved; empty: resolves the name
     std::vector<std::string> nameServers; ///< "address" or "address:port"; empty: the system's
     std::shared_ptr<TlsContext> tls;      ///< required for TLS; shared by all sessions of an engine
-    Mechanism mechanism = Mechanism::simple;
+    Mechanism mechanism = Mechanism::simple; ///< of the bind
     std::string authorizationId; ///< of a SASL bind, as "dn:..." or "u:..."; empty: the server's
     std::string bindDn;          ///< of a simple bind; empty: anonymous, no bind is sent
     std::string const* password = nullptr; ///< borrowed; must outlive the bind step
@@ -73,7 +73,8 @@ struct SearchRequest {
     unsigned int timeLimit = 0;          ///< seconds; 0: none
 };
 
-/// A connection driven by its owner. Every call except `reach` returns at once; `waits` names what
+/// A connection driven by its owner. Every call except `reach` returns at once, except that a bind by
+/// GSSAPI may wait for a KDC; `waits` names what
 /// to poll for before the next `advance` or `receive`. Each step ends in a `Verdict`; the calls
 /// throw only `std::bad_alloc`. Not thread-safe, but it may be handed from one thread to another.
 /// After a fork the child's copy is broken, and destroying it sends nothing.
@@ -112,10 +113,14 @@ public:
     /// response; `TryLater` 51, -1, -4 or -5. handshake: `Refused` -11 with what is wrong with the
     /// certificate or the server's TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5.
     /// bind: the server's code by `outcomeOfBind`; an empty password or one with a NUL, a NUL in a
-    /// name, a SASL mechanism that is not supported are `Misconfigured` -9, and nothing is sent;
-    /// `Refused` -11 if a TLS 1.3 server rejects the client certificate, which it does after the
-    /// handshake. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
-    /// -5.
+    /// name are `Misconfigured` -9, and nothing is sent; `Refused` -11 if a TLS 1.3 server rejects
+    /// the client certificate, which it does after the handshake. With GSSAPI, nothing is sent
+    /// either without a valid ticket: `Misconfigured` -9 no or an expired ticket, an unusable
+    /// keytab, a clock that is off, or no GSSAPI plugin; `Refused` 49 an old key in the keytab;
+    /// `Misconfigured` -6 the KDC does not know the server; `TryLater` -6 no KDC answers, or any
+    /// other failure of Kerberos. `Refused` -6 the server does not prove its identity. The Kerberos
+    /// library may wait for a KDC, and `advance` blocks meanwhile. identify: `Refused` if the
+    /// server says "anonymous" in spite of a bind; -1, -4, -5.
     Verdict const& verdict() const;
 
     // Properties of the connection
@@ -137,6 +142,16 @@ public:
     /// @param filter  RFC 4515; an empty or invalid one is -7 `Misconfigured`, with nothing sent
     /// @param id      receives the message id
     Verdict send(SearchRequest const& request, std::string const& filter, int& id);
+    /// Queues a simple bind, and asks for the state of the password (the password policy control).
+    /// Its response is a message of `receive`, for `readBindResult`; from then on, the connection has
+    /// that identity, or none if the bind was refused. OpenLDAP's and the session's copies of the
+    /// password are wiped once they are written.
+    /// @param dn        not empty, as the bind would be anonymous
+    /// @param password  not empty, for the same reason; borrowed until the call returns
+    /// @param id        receives the message id
+    /// @return -9 `Misconfigured`, with nothing sent: an empty DN or password, or one with a NUL
+    ///         byte; or other requests are pending (RFC 4511 section 4.2.1)
+    Verdict authenticate(std::string const& dn, std::string const& password, int& id);
     /// Makes `receive` return the answers to a request that the caller sent with `handle`; answers
     /// to unknown requests are dropped.
     /// @param id  its message id, greater than all previous ones

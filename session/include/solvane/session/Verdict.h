@@ -32,7 +32,7 @@ enum class Identity {
 
 /// How a step ended. `code` is an LDAP result code (RFC 4511 appendix A), or OpenLDAP's own below 0:
 /// -1 the server is down or the connection broke, -2 this process cannot open a connection, -4 an
-/// invalid message, -5 no answer in time, -7 an invalid filter, -9 an unusable setting, -10 no memory is
+/// invalid message, -5 no answer in time, -6 Kerberos failed, -7 an invalid filter, -9 an unusable setting, -10 no memory is
 /// left, -11 the server's certificate is not accepted.
 struct Verdict {
     Outcome outcome = Outcome::Found; ///< `Found`: the step is done

@@ -1,0 +1,81 @@
+/// @file
+/// Lookups for programs with an event loop.
+#ifndef SOLVANE_LOOKUP_LDAP_LOOKUP_QUEUE_H
+#define SOLVANE_LOOKUP_LDAP_LOOKUP_QUEUE_H
+
+#include <solvane/lookup/Answer.h>
+#include <solvane/lookup/LDAPLookup.h>
+
+#include <solvane/ldap/RefCounted.h>
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace Solvane {
+
+/// Looks up any number of keys at the same time, in one thread that also does other work. No call
+/// blocks, except `next` if it is told to.
+///
+/// The caller polls one descriptor for input. When it is readable, the caller takes answers with
+/// `next`, until there is none: `next` does all the network work. The queue uses the connections
+/// of its `LDAPLookup` as `findAll` does: up to `connections`, with up to `window` searches in
+/// flight on each; none while no key is under way; fewer while other callers wait for one. It has
+/// no thread of its own. Not thread-safe: one thread at a time may use it.
+///
+/// In a forked child, the queue is empty: the keys are the parent's. Ask for its descriptor again,
+/// which does not affect the parent's.
+class SOLVANE_LOOKUP_EXPORT LDAPLookupQueue : public NonCopyable {
+public:
+    using Tag = std::uint64_t; ///< the caller's name for a key
+
+    /// A key with its answer.
+    struct Result {
+        Tag tag = 0;           ///< as submitted
+        std::string key;       ///< as submitted
+        Lookup::Answer answer; ///< its answer
+    };
+
+    /// Contacts no server.
+    /// @param lookup  whose settings, connections and servers it uses; it must outlive the queue,
+    ///                and may be moved meanwhile
+    /// @throws std::system_error  the process has no descriptor left; the queue needs three
+    explicit LDAPLookupQueue(LDAPLookup& lookup);
+    /// Gives up all keys; closes connections with searches in flight.
+    ~LDAPLookupQueue();
+
+    /// Adds a key and starts its deadline. Sends nothing: `descriptor` is readable, and `next`
+    /// sends it. The queue has no limit: a key waits in it, up to its deadline, while all
+    /// connections are full.
+    /// @param key  as for `LDAPLookup::find`
+    /// @param tag  returned with the answer; several keys may have the same
+    void submit(std::string key, Tag tag);
+
+    /// The descriptor to poll for input (poll, select, epoll). Owned by the queue, and the same
+    /// for its lifetime. Readable while `next` can return an answer or do something.
+    /// @throws std::system_error  in a forked child: the process has no descriptor left
+    int descriptor() const;
+
+    /// Does all network work that is possible now, and returns an answer, in any order.
+    /// @param timeout  how long to wait for an answer; 0 or less returns at once
+    /// @return empty: there is none within the timeout, or no key is pending
+    std::optional<Result> next(std::chrono::milliseconds timeout = std::chrono::milliseconds(0));
+
+    /// Gives up all keys with this tag: nothing is returned for them, and their searches are
+    /// abandoned. Takes time in proportion to `pending`.
+    void cancel(Tag tag);
+
+    /// The number of keys submitted and neither returned nor cancelled.
+    std::size_t pending() const;
+
+private:
+    class State;
+    std::unique_ptr<State> m_state;
+};
+
+} // namespace Solvane
+
+#endif

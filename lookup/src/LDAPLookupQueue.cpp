@@ -1,0 +1,225 @@
+// Keys from an event loop through pipelines, behind one descriptor.
+#include <solvane/lookup/LDAPLookupQueue.h>
+
+#include "Pipelines.h"
+#include "PollSet.h"
+#include "PoolsAtFork.h"
+
+#include <algorithm>
+#include <list>
+#include <utility>
+
+namespace Solvane {
+
+namespace {
+
+using Lookup::Clock;
+using Lookup::Pipeline;
+using Lookup::PoolsAtFork;
+
+/// When a wait of this length ends.
+Clock::time_point after(std::chrono::milliseconds time)
+{
+    constexpr std::chrono::milliseconds longest = std::chrono::hours(365 * 24);
+    return Clock::now() + std::min(time, longest); // time points count nanoseconds
+}
+
+} // namespace
+
+/// A key is in one of three places: submitted (`m_submitted`), in a pipeline, or answered in a
+/// pipeline. `advance` moves them on. The descriptor is signalled while an answer is here, or a
+/// call changed something that `advance` has not seen yet.
+class LDAPLookupQueue::State {
+public:
+    explicit State(Lookup::Engine& engine)
+        : m_pipelines(engine, Pipeline::Order::ofAnswers), m_forks(PoolsAtFork::forks()),
+          m_births(PoolsAtFork::births())
+    {
+    }
+
+    ~State()
+    {
+        if (isOfParent()) {
+            m_pipelines.disown();
+        }
+    }
+
+    void submit(std::string key, Tag tag)
+    {
+        enter();
+        m_submitted.push_back({std::move(key), tag, Clock::now()});
+        ++m_pending;
+        m_set.signal(true);
+    }
+
+    int descriptor()
+    {
+        enter();
+        return m_set.descriptor();
+    }
+
+    std::optional<Result> next(std::chrono::milliseconds timeout)
+    {
+        enter();
+        if (!m_pipelines.hasAnswer()) {
+            takeOver();
+            m_pipelines.excuseServers(m_leftAt);
+            advance();
+            if (timeout.count() > 0) {
+                awaitAnswer(after(timeout));
+            }
+            leave();
+        }
+        return m_pipelines.hasAnswer() ? std::optional<Result>(taken()) : std::nullopt;
+    }
+
+    void cancel(Tag tag)
+    {
+        enter();
+        takeOver();
+        std::size_t count = m_pipelines.cancel(tag);
+        for (auto key = m_submitted.begin(); key != m_submitted.end();) {
+            bool const isMeant = key->tag == tag;
+            key = isMeant ? m_submitted.erase(key) : std::next(key);
+            count += isMeant ? 1 : 0;
+        }
+        m_pending -= count;
+        m_pipelines.restIfDone();
+        leave();
+        m_set.signal(m_pipelines.hasAnswer() || !m_submitted.empty());
+    }
+
+    std::size_t pending()
+    {
+        enter();
+        return m_pending;
+    }
+
+private:
+    struct Submitted {
+        std::string key;
+        Tag tag;
+        Clock::time_point at;
+    };
+
+    /// Whether this process is a child, and the keys are its parent's.
+    bool isOfParent() const { return m_births != PoolsAtFork::births(); }
+
+    /// Starts afresh in a child.
+    void enter()
+    {
+        if (isOfParent()) {
+            m_set.renew();
+            m_pipelines.disown();
+            m_submitted.clear();
+            m_pending = 0;
+            m_births = PoolsAtFork::births();
+            m_forks = PoolsAtFork::forks();
+        }
+    }
+
+    /// Before connections may be closed. If the process has forked, a child may have a copy of each
+    /// socket: it would stay in the set when it is closed here, and could not be removed any more.
+    void takeOver()
+    {
+        if (m_forks != PoolsAtFork::forks()) {
+            m_set.clear();
+        }
+    }
+
+    /// Makes as much progress as possible without blocking.
+    void advance()
+    {
+        m_pipelines.run();
+        feed();
+        m_pipelines.restIfDone();
+    }
+
+    /// Moves submitted keys to the pipeline that takes them, also those that are late: the
+    /// pipeline concludes them.
+    void feed()
+    {
+        if (m_submitted.empty()) {
+            return;
+        }
+        auto const lateFrom = Clock::now() - m_pipelines.settings().deadline;
+        while (!m_submitted.empty() &&
+               (m_submitted.front().at <= lateFrom || m_pipelines.latest().wantsKeys())) {
+            Submitted& key = m_submitted.front();
+            m_pipelines.latest().push(std::move(key.key), key.at, key.tag);
+            m_submitted.pop_front();
+        }
+        m_pipelines.flush();
+    }
+
+    void awaitAnswer(Clock::time_point end)
+    {
+        while (!m_pipelines.hasAnswer() && m_pending != 0 && Clock::now() < end) {
+            wishes();
+            m_waits.until(end);
+            m_waits.wait();
+            advance();
+        }
+    }
+
+    /// Collects what `advance` waits for.
+    void wishes()
+    {
+        m_waits.clear();
+        m_pipelines.waits(m_waits);
+        if (!m_submitted.empty()) {
+            m_waits.until(m_submitted.front().at + m_pipelines.settings().deadline);
+        }
+    }
+
+    /// Hands over to the caller's loop.
+    void leave()
+    {
+        wishes();
+        auto const changes = m_pipelines.connectionChanges();
+        m_set.watch(m_waits, std::exchange(m_changes, changes) != changes);
+        m_set.signal(m_pipelines.hasAnswer());
+        m_leftAt = Clock::now();
+    }
+
+    Result taken()
+    {
+        Lookup::Task& task = m_pipelines.front();
+        Result result = {task.tag, std::move(task.key), std::move(task.answer)};
+        m_pipelines.pop();
+        --m_pending;
+        return result;
+    }
+
+    Lookup::Pipelines m_pipelines;
+    std::list<Submitted> m_submitted; ///< in order; sent as the pipelines have room for them
+    std::size_t m_pending = 0;
+    Lookup::PollSet m_set;
+    Lookup::Waits m_waits;
+    unsigned long m_changes = 0; ///< of connections, when they were watched
+    unsigned long m_forks;       ///< of this process, at the queue's beginning
+    unsigned long m_births;
+    Clock::time_point m_leftAt;
+};
+
+LDAPLookupQueue::LDAPLookupQueue(LDAPLookup& lookup)
+    : m_state(std::make_unique<State>(*lookup.m_engine))
+{
+}
+
+LDAPLookupQueue::~LDAPLookupQueue() = default;
+
+void LDAPLookupQueue::submit(std::string key, Tag tag) { m_state->submit(std::move(key), tag); }
+
+int LDAPLookupQueue::descriptor() const { return m_state->descriptor(); }
+
+std::optional<LDAPLookupQueue::Result> LDAPLookupQueue::next(std::chrono::milliseconds timeout)
+{
+    return m_state->next(timeout);
+}
+
+void LDAPLookupQueue::cancel(Tag tag) { m_state->cancel(tag); }
+
+std::size_t LDAPLookupQueue::pending() const { return m_state->pending(); }
+
+} // namespace Solvane

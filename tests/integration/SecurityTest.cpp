@@ -1,0 +1,227 @@
+// StartTLS and SASL binds, against slapd and against peers that cheat.
+#include "Authority.h"
+#include "Directory.h"
+#include "Faults.h"
+#include "LdapMessages.h"
+#include "ScriptedServer.h"
+#include "ServerTls.h"
+#include "Slapd.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include <ldap.h>
+
+using namespace Solvane;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+
+constexpr unsigned char extendedRequest = 0x77;
+
+/// An extended response (RFC 4511 section 4.12).
+std::string extendedResponse(int id, int code)
+{
+    return ldapMessage(id,
+                       berElement(0x78, berElement(0x0a, std::string(1, static_cast<char>(code))) +
+                                            berElement(0x04, "") + berElement(0x04, "")));
+}
+
+/// Receives a request for TLS, and answers it with what `answer` makes of its message id.
+template <typename Answer> ScriptedServer::Script answeringStartTls(Answer answer)
+{
+    return [answer](Peer& peer) {
+        std::string const request = peer.receiveMessage();
+        if (!request.empty()) {
+            peer.send(answer(messageIdOf(request)));
+        }
+        peer.receiveUntilClosed();
+    };
+}
+
+} // namespace
+
+class StartTls : public SuiteWithSlapd<StartTls> {
+public:
+    static std::vector<std::string> options() { return {"--users", "20", "--client-certs", "try"}; }
+};
+
+TEST_F(StartTls, CarriesABindAndALookup)
+{
+    LDAPConnection connection(plainServer(slapd().port()), false);
+
+    connection.startTls();
+    bindAsReader(connection);
+    LDAPResult const result = answerTo(connection, lookupOf("uid=bigphoto,ou=big,dc=corp,dc=test"));
+
+    EXPECT_EQ(ldap_tls_inplace(static_cast<LDAP*>(connection.context())), 1);
+    EXPECT_THAT(valuesIn(result, "jpegPhoto"), ElementsAre(testing::SizeIs(1048576)));
+}
+
+TEST_F(StartTls, VerifiesTheServerWithTheSessionsOwnContext)
+{
+    auto const connectionTrusting = [](std::string const& caFile) {
+        LDAPConnection connection(plainServer(slapd().port()), false);
+        int const demand = LDAP_OPT_X_TLS_DEMAND;
+        int const forClients = 0;
+        connection.impl()->setOption(LDAP_OPT_X_TLS_CACERTFILE, caFile.c_str());
+        connection.impl()->setOption(LDAP_OPT_X_TLS_REQUIRE_CERT, &demand);
+        connection.impl()->setOption(LDAP_OPT_X_TLS_NEWCTX, &forClients);
+        return connection;
+    };
+    Authority const stranger;
+    LDAPConnection trusting = connectionTrusting(slapd().caFile());
+    LDAPConnection doubting = connectionTrusting(stranger.file());
+
+    trusting.startTls();
+    auto const thrown = thrownBy([&] { doubting.startTls(); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 76, 4, 1));
+    EXPECT_EQ(doubting.openldapErrorCode(), LDAP_CONNECT_ERROR);
+    EXPECT_THAT(thrownBy([&] { bindAsReader(doubting); }), IsFault("Connection.cpp", 208, 4, 3));
+}
+
+TEST_F(StartTls, IsNotLostWhenTheServerClosesTheConnection)
+{
+    Slapd server({"--users", "0"});
+    LDAPConnection connection(plainServer(server.port()), false);
+    connection.startTls();
+    bindAsReader(connection);
+    server.kill();
+    server.restart();
+    LDAPSearch search(connection, lookupOf("dc=corp,dc=test"));
+    thrownBy([&] {
+        search.send();
+        search.wait(10);
+    });
+
+    auto const thrown = thrownBy([&] { bindAsReader(connection); });
+
+    EXPECT_THAT(thrown, IsFault("Connection.cpp", 241, 4, 1));
+}
+
+TEST(RefusedStartTls, LeavesNoPlainConnection)
+{
+    ScriptedServer const server(
+        answeringStartTls([](int id) { return extendedResponse(id, LDAP_UNAVAILABLE); }));
+    LDAPConnection connection(plainServer(server.port()), false);
+
+    auto const thrown = thrownBy([&] { connection.startTls(); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 76, 4, 3));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_UNAVAILABLE);
+    EXPECT_THAT(thrownBy([&] { bindAsReader(connection); }), IsFault("Connection.cpp", 208, 4, 3));
+    ASSERT_EQ(server.received().size(), 1U);
+    EXPECT_EQ(operationOf(server.received().front()), extendedRequest);
+}
+
+TEST(StartTlsOfASilentPeer, EndsWithTheNetworkTimeout)
+{
+    ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });
+    LDAPConnection connection(plainServer(server.port(), 1), false);
+
+    auto const thrown = thrownBy([&] { connection.startTls(); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 76, 4, 1));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_TIMEOUT);
+}
+
+TEST(StartTlsOfAPeerSilentInTheHandshake, EndsWithTheNetworkTimeout)
+{
+    ScriptedServer const server(
+        answeringStartTls([](int id) { return extendedResponse(id, LDAP_SUCCESS); }));
+    LDAPConnection connection(plainServer(server.port(), 1), false);
+
+    auto const thrown = thrownBy([&] { connection.startTls(); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 76, 4, 1));
+}
+
+// What an attacker puts behind the response in plain text must not count as said by the server.
+TEST(StartTlsWithAnAnswerInjectedBeforeTheHandshake, Fails)
+{
+    ScriptedServer const server(answeringStartTls(
+        [](int id) { return extendedResponse(id, LDAP_SUCCESS) + bindResponse(id + 1); }));
+    LDAPConnection connection(plainServer(server.port(), 2), false);
+
+    auto const thrown = thrownBy([&] { connection.startTls(); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 76, 4, 1));
+}
+
+TEST(StartTlsWithAnAnswerInjectedBeforeItsOwn, DropsIt)
+{
+    Authority authority;
+    ServerTls const tls(authority.issue());
+    ScriptedServer const server([&](Peer& peer) {
+        int const id = messageIdOf(peer.receiveMessage());
+        peer.send(bindResponse(id + 1) + extendedResponse(id, LDAP_SUCCESS));
+        peer.startTls(tls);
+        int const bind = messageIdOf(peer.receiveMessage());
+        peer.send(bindResponse(bind, LDAP_INVALID_CREDENTIALS));
+        peer.receiveUntilClosed();
+    });
+    LDAPConnection connection(plainServer(server.port()), false);
+    connection.startTls();
+
+    auto const thrown = thrownBy([&] { bindAsReader(connection); });
+
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_INVALID_CREDENTIALS);
+}
+
+TEST(ASaslExternalBind, CarriesTheAuthorizationId)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.grantBind();
+        peer.receiveUntilClosed();
+    });
+    LDAPConnection connection(plainServer(server.port()), false);
+
+    connection.bindSasl(LDAPConnection::External, "dn:cn=reader,dc=corp,dc=test");
+
+    ASSERT_EQ(server.received().size(), 1U);
+    EXPECT_THAT(server.received().front(),
+                HasSubstr(berElement(0xa3, berElement(0x04, "EXTERNAL") +
+                                               berElement(0x04, "dn:cn=reader,dc=corp,dc=test"))));
+}
+
+TEST_F(StartTls, GivesTheIdentityOfTheClientCertificate)
+{
+    std::filesystem::path const folder = slapd().caFile().parent_path();
+    LDAPConnection connection(plainServer(slapd().port()), false);
+    int const allow = LDAP_OPT_X_TLS_ALLOW;
+    int const forClients = 0;
+    connection.impl()->setOption(LDAP_OPT_X_TLS_CERTFILE, (folder / "client.pem").c_str());
+    connection.impl()->setOption(LDAP_OPT_X_TLS_KEYFILE, (folder / "client.key").c_str());
+    connection.impl()->setOption(LDAP_OPT_X_TLS_REQUIRE_CERT, &allow);
+    connection.impl()->setOption(LDAP_OPT_X_TLS_NEWCTX, &forClients);
+
+    connection.startTls();
+    connection.bindSasl(LDAPConnection::External);
+
+    EXPECT_THAT(namesIn(answerTo(connection, lookupOf("cn=secret,ou=private,dc=corp,dc=test"))),
+                ElementsAre("cn=secret,ou=private,dc=corp,dc=test"));
+}
+
+TEST_F(StartTls, GivesNoIdentityWithoutAClientCertificate)
+{
+    LDAPConnection connection(plainServer(slapd().port()), false);
+    connection.startTls();
+
+    auto const thrown = thrownBy([&] { connection.bindSasl(LDAPConnection::External); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 136, 4, 3));
+    EXPECT_GT(connection.openldapErrorCode(), 0);
+    EXPECT_THAT(namesIn(answerTo(connection, lookupOf("cn=secret,ou=private,dc=corp,dc=test"))),
+                IsEmpty());
+}
+
+} // namespace SolvaneTest

@@ -1,0 +1,117 @@
+// What is left of a password in memory once it is verified.
+#include "Lookups.h"
+#include "ProcessMemory.h"
+#include "Slapd.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstring>
+
+using namespace Solvane;
+using Lookup::VerifyOutcome;
+
+namespace SolvaneTest {
+
+// Under AddressSanitizer, freed memory stays as it was, and the interceptors keep copies.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+/// Overwrites what the test itself left on the stack: to bind a function at its first call, the
+/// dynamic linker saves the registers there, through which the password was copied.
+__attribute__((noinline)) void clearStack()
+{
+    char frame[1UL << 16];
+    explicit_bzero(frame, sizeof frame);
+}
+
+class VerifiedPasswordInMemory : public SuiteWithSlapd<VerifiedPasswordInMemory> {
+public:
+    static std::vector<std::string> options() { return {"--users", "5"}; }
+
+protected:
+    VerifiedPasswordInMemory()
+    {
+        // Joined here, so that it stands in no constant, and on the heap, so that it stands once.
+        m_password.reserve(2000);
+        m_password += "pw-";
+        m_password += "user0000001";
+    }
+
+    static LDAPLookup::Settings settings(bool isSecure)
+    {
+        auto settings = settingsFor({isSecure ? slapd().tlsPort() : slapd().port()});
+        settings.servers.front().secure = isSecure;
+        settings.tls.caFile = slapd().caFile();
+        return settings;
+    }
+
+    /// Verifies several times, on new connections and on kept ones.
+    void expectNothingLeft(LDAPLookup::Settings const& settings, VerifyOutcome outcome)
+    {
+        LDAPLookup lookup(settings);
+        clearStack();
+        ASSERT_EQ(occurrencesInMemory(m_password), 1U);
+
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(lookup.verify(addressOf(1), m_password).outcome, outcome);
+        }
+
+        EXPECT_EQ(occurrencesInMemory(m_password), 1U);
+    }
+
+    std::string m_password;
+};
+
+TEST_F(VerifiedPasswordInMemory, IsWipedAfterItIsAccepted)
+{
+    expectNothingLeft(settings(false), VerifyOutcome::Accepted);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedAfterItIsSentWithTls)
+{
+    expectNothingLeft(settings(true), VerifyOutcome::Accepted);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedAfterItIsDenied)
+{
+    m_password += " and a long tail that makes it wrong";
+
+    expectNothingLeft(settings(false), VerifyOutcome::Denied);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfItIsAsLongAsPossible)
+{
+    while (m_password.size() < 1024) {
+        m_password += static_cast<char>('a' + m_password.size() % 23);
+    }
+
+    expectNothingLeft(settings(true), VerifyOutcome::Denied);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfNoServerAnswers)
+{
+    slapd().pause();
+    auto late = settings(false);
+    late.deadline = std::chrono::milliseconds(100);
+
+    expectNothingLeft(late, VerifyOutcome::TryLater);
+    slapd().resume();
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfTheBindIsNotAnswered)
+{
+    auto late = settings(false);
+    late.deadline = std::chrono::milliseconds(300);
+    LDAPLookup lookup(late);
+    ASSERT_EQ(lookup.verify(addressOf(1), m_password).outcome, VerifyOutcome::Accepted);
+
+    slapd().pause();
+    EXPECT_EQ(lookup.verify(addressOf(1), m_password).outcome, VerifyOutcome::TryLater);
+    slapd().resume();
+
+    EXPECT_EQ(occurrencesInMemory(m_password), 1U);
+}
+
+#endif
+
+} // namespace SolvaneTest

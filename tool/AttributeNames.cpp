@@ -1,0 +1,102 @@
+// Scans filters, parses definitions of attribute types, compares names.
+#include "AttributeNames.h"
+
+#include "OpenLDAP.h"
+
+#include <solvart/StringHelpers.h>
+
+#include <ldap_schema.h>
+
+#include <algorithm>
+#include <memory>
+#include <numeric>
+
+namespace Solvane::Tool {
+
+namespace {
+
+std::string lower(std::string const& text) { return copyStringToLower(text); }
+
+/// How many letters must be added, removed, changed or exchanged with their neighbour (the distance
+/// of optimal string alignment).
+std::size_t distance(std::string const& left, std::string const& right)
+{
+    std::vector<std::size_t> beforeLast(right.size() + 1);
+    std::vector<std::size_t> last(right.size() + 1);
+    std::iota(last.begin(), last.end(), std::size_t{0});
+    for (std::size_t i = 1; i <= left.size(); ++i) {
+        std::vector<std::size_t> row(right.size() + 1, i);
+        for (std::size_t j = 1; j <= right.size(); ++j) {
+            std::size_t const change = left[i - 1] == right[j - 1] ? 0 : 1;
+            row[j] = std::min({last[j] + 1, row[j - 1] + 1, last[j - 1] + change});
+            bool const isExchange =
+                i > 1 && j > 1 && left[i - 1] == right[j - 2] && left[i - 2] == right[j - 1];
+            row[j] = isExchange ? std::min(row[j], beforeLast[j - 2] + 1) : row[j];
+        }
+        beforeLast = std::move(last);
+        last = std::move(row);
+    }
+    return last.back();
+}
+
+} // namespace
+
+std::vector<std::string> attributesInFilter(std::string const& filter)
+{
+    std::vector<std::string> names;
+    // In values, parentheses are escaped: each "(" begins a filter.
+    for (auto at = filter.find('('); at != std::string::npos; at = filter.find('(', at + 1)) {
+        auto const begin = filter.find_first_not_of(" (", at);
+        auto const end = std::min(filter.find_first_of("=~<>:;()&|!", at + 1), filter.size());
+        if (begin != std::string::npos && begin < end) {
+            std::string const name = filter.substr(begin, end - begin);
+            names.push_back(name.substr(0, name.find_last_not_of(' ') + 1));
+        }
+    }
+    return names;
+}
+
+std::string attributeNameOf(std::string const& selector)
+{
+    if (selector.find_first_of("*+@") != std::string::npos || selector == "1.1") {
+        return {};
+    }
+    return selector.substr(0, selector.find(';'));
+}
+
+void AttributeNames::add(std::string const& definition)
+{
+    int code = 0;
+    char const* position = nullptr;
+    std::unique_ptr<ldap_attributetype, void (*)(ldap_attributetype*)> const parsed(
+        ldap_str2attributetype(definition.c_str(), &code, &position, LDAP_SCHEMA_ALLOW_ALL),
+        ldap_attributetype_free);
+    if (!parsed) {
+        return;
+    }
+    if (parsed->at_oid != nullptr) {
+        m_lower.insert(lower(parsed->at_oid));
+    }
+    for (char** name = parsed->at_names; name != nullptr && *name != nullptr; ++name) {
+        m_lower.insert(lower(*name));
+        m_names.emplace_back(*name);
+    }
+}
+
+bool AttributeNames::has(std::string const& name) const { return m_lower.count(lower(name)) != 0; }
+
+std::string AttributeNames::similarTo(std::string const& name) const
+{
+    std::size_t nearest = std::clamp<std::size_t>(name.size() / 3, 1, 2) + 1;
+    std::string found;
+    for (std::string const& candidate : m_names) {
+        std::size_t const difference = distance(lower(name), lower(candidate));
+        if (difference < nearest) {
+            nearest = difference;
+            found = candidate;
+        }
+    }
+    return found;
+}
+
+} // namespace Solvane::Tool

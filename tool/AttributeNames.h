@@ -1,0 +1,35 @@
+// Attribute names: those that a filter names, and those that a server's schema knows.
+#ifndef SOLVANE_TOOL_ATTRIBUTE_NAMES_H
+#define SOLVANE_TOOL_ATTRIBUTE_NAMES_H
+
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Solvane::Tool {
+
+/// The attributes that a filter (RFC 4515) compares, in its order, without options such as ";lang-en".
+std::vector<std::string> attributesInFilter(std::string const& filter);
+
+/// Without its options; empty for what only stands for attributes, such as "*", "+" and "@person".
+std::string attributeNameOf(std::string const& selector);
+
+/// The attribute types of a schema. Case is ignored.
+class AttributeNames {
+public:
+    /// Adds the names and the OID of a definition (RFC 4512 section 4.1.2); ignores an invalid one.
+    void add(std::string const& definition);
+
+    bool isEmpty() const { return m_names.empty(); }
+    bool has(std::string const& name) const;
+    /// The name that was probably meant; empty if none is similar.
+    std::string similarTo(std::string const& name) const;
+
+private:
+    std::set<std::string> m_lower; ///< in lower case
+    std::vector<std::string> m_names;
+};
+
+} // namespace Solvane::Tool
+
+#endif
