@@ -9,8 +9,9 @@
 
 namespace Solvane::Lookup {
 
-/// The lock-out guard of the bind DN and its password. Many directories lock an account after a few
-/// failed binds, and a pool with a wrong password would send one per connection and retry.
+/// The lock-out guard of the bind DN and its password, or of a SASL identity. Many directories lock
+/// an account after a few failed binds, and a pool with a wrong password would send one per
+/// connection and retry.
 ///
 /// | known of the password         | a caller that wants to bind |
 /// |-------------------------------|-----------------------------|
@@ -56,7 +57,7 @@ public:
     Clock::time_point claimedUntil() const { return m_claimedUntil; }
     /// A server accepted them.
     void accepted();
-    /// A server refused them with code 49.
+    /// A server refused them.
     /// @param server  its place in the list
     void refused(std::size_t server, Verdict const& why, Clock::time_point now);
     /// The bind was not sent, or not answered.

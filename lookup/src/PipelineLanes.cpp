@@ -182,7 +182,7 @@ Clock::time_point Pipeline::shareOf(Task const& task) const
 
 void Pipeline::open(Pool::Lease lease, Task const& task)
 {
-    bool const asksWhoWeAre = !m_shared.settings.bindDn.empty() || task.answer.wasRepeated;
+    bool const asksWhoWeAre = !m_shared.settings.isAnonymous() || task.answer.wasRepeated;
     m_lanes.emplace_back(std::move(lease));
     ++m_connectionChanges;
     Lane& lane = m_lanes.back();
@@ -209,7 +209,7 @@ void Pipeline::advance(Lane& lane)
 void Pipeline::opened(Lane& lane)
 {
     PooledSession& session = *lane.lease;
-    bool const isBound = !m_shared.settings.bindDn.empty();
+    bool const isBound = !m_shared.settings.isAnonymous();
     session.hasAnswered = isBound || session.session.isDone(Step::identify);
     m_shared.pool.opened(session);
 }

@@ -15,7 +15,9 @@ namespace {
 /// Idle sessions expire after this time: firewalls and servers silently drop such connections.
 constexpr std::chrono::seconds idleTime(300);
 
+constexpr int inappropriateAuthentication = 48;
 constexpr int invalidCredentials = 49;
+constexpr int insufficientAccess = 50;
 constexpr int timedOut = -5;
 
 /// Files are not read for servers that do not need them.
@@ -24,6 +26,17 @@ std::shared_ptr<TlsContext> contextFor(Settings const& settings)
     bool const usesTls = std::any_of(settings.servers.begin(), settings.servers.end(),
                                      [](Server const& server) { return server.usesTls(); });
     return usesTls ? std::make_shared<TlsContext>(settings.tls) : nullptr;
+}
+
+/// Whether the bind failed for its credentials, so that another server would refuse them, too. For
+/// SASL they include the client certificate, from which a server may derive no identity (48), and
+/// the authorization id (50).
+bool areRefused(Session const& session, Mechanism mechanism)
+{
+    int const code = session.verdict().code;
+    bool const isOfSasl = mechanism != Mechanism::simple &&
+                          (code == inappropriateAuthentication || code == insufficientAccess);
+    return session.step() == Step::bind && (code == invalidCredentials || isOfSasl);
 }
 
 bool wasAsked(std::vector<Failure> const& failures, ServerRecord const& server)
@@ -77,7 +90,7 @@ void Pool::Lease::close()
 
 Pool::Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls, Pool* before)
     : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_totals(totals),
-      m_servers(settings), m_credentials(!settings.bindDn.empty(), settings.refusedHold)
+      m_servers(settings), m_credentials(!settings.isAnonymous(), settings.refusedHold)
 {
     if (before != nullptr) {
         inherit(*before);
@@ -294,6 +307,8 @@ SessionOptions Pool::optionsFor(ServerRecord const& server) const
     options.addresses = server.addresses;
     options.nameServers = m_settings.nameServers;
     options.tls = m_tls;
+    options.mechanism = m_settings.mechanism;
+    options.authorizationId = m_settings.authorizationId;
     options.bindDn = m_settings.bindDn;
     options.password = &m_settings.password;
     return options;
@@ -484,7 +499,7 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     PooledSession& session = *dropped.front();
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
-    bool const isRefused = why.code == invalidCredentials && session.session.step() == Step::bind;
+    bool const isRefused = areRefused(session.session, m_settings.mechanism);
     bool const isCredentialsFault = isRefused && !m_credentials.areAccepted();
     if (isRefused) {
         auto const& order = m_servers.inOrder();

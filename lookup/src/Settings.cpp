@@ -63,8 +63,31 @@ void checkServers(Settings const& settings)
     }
 }
 
+void checkSasl(Settings const& settings)
+{
+    require(settings.bindDn.empty() && settings.password.empty(),
+            "a SASL bind takes no bind DN and no password");
+    requirePlain("the authorization id", settings.authorizationId);
+    bool const isTyped = settings.authorizationId.rfind("dn:", 0) == 0 ||
+                         settings.authorizationId.rfind("u:", 0) == 0;
+    require(settings.authorizationId.empty() || isTyped,
+            "the authorization id does not begin with dn: or u:");
+    for (Server const& server : settings.servers) {
+        require(server.version != LDAPConnection::V2,
+                "a server has LDAPv2: a SASL bind needs LDAPv3");
+        require(settings.mechanism != Mechanism::external || server.usesTls() ||
+                    !server.socketPath.empty(),
+                "SASL EXTERNAL needs servers with TLS and a client certificate, or with a socket");
+    }
+}
+
 void checkCredentials(Settings const& settings)
 {
+    if (settings.mechanism != Mechanism::simple) {
+        checkSasl(settings);
+        return;
+    }
+    require(settings.authorizationId.empty(), "an authorization id is set without a SASL bind");
     requirePlain("the bind DN", settings.bindDn);
     require(settings.bindDn.empty() || !settings.password.empty(),
             "the bind DN has no password: servers treat an empty one as an anonymous bind");

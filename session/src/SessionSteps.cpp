@@ -89,7 +89,20 @@ std::string contradictionIn(SessionOptions const& options)
     if (options.startTls && options.version < 3) {
         return "StartTLS needs LDAPv3";
     }
-    return std::string();
+    if (options.mechanism != Mechanism::simple && options.version < 3) {
+        return "a SASL bind needs LDAPv3";
+    }
+    if (options.mechanism != Mechanism::external || !options.socketPath.empty()) {
+        return std::string();
+    }
+    if (!options.usesTls()) {
+        return "SASL EXTERNAL needs TLS with a client certificate, or a UNIX socket";
+    }
+    bool const lacksCertificate = options.tls && options.tls->verdict().isGood() &&
+                                  options.tls->policy().certificateFile.empty();
+    return lacksCertificate
+               ? "SASL EXTERNAL needs a client certificate: set its file and its key file"
+               : std::string();
 }
 
 } // namespace
@@ -151,7 +164,7 @@ bool Session::Steps::applies(Step step) const
     case Step::handshake:
         return options.usesTls();
     case Step::bind:
-        return options.mechanism != Mechanism::simple || !options.bindDn.empty();
+        return !options.isAnonymous();
     default:
         return true;
     }
@@ -332,7 +345,8 @@ Session::Steps::Progress Session::Steps::requestTls()
     return progress == Progress::done ? takeTlsResponse(answer.parsed) : progress;
 }
 
-/// Only "busy" passes by itself: servers without a certificate answer "unavailable" to every request.
+/// Only "busy" passes by itself: servers without a certificate answer "unavailable" to every
+/// request.
 Session::Steps::Progress Session::Steps::takeTlsResponse(LDAPMessageBuffer& answer)
 {
     Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
@@ -383,9 +397,19 @@ Session::Steps::Progress Session::Steps::handshake()
 
 bool Session::Steps::startBind()
 {
-    if (options.mechanism == Mechanism::gssapi) {
+    switch (options.mechanism) {
+    case Mechanism::simple:
+        return startSimpleBind();
+    case Mechanism::external:
+        return startExternalBind();
+    case Mechanism::gssapi:
         return startSaslBind();
     }
+    return false;
+}
+
+bool Session::Steps::startSimpleBind()
+{
     if (options.password == nullptr || options.password->empty()) {
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
              "an empty password is not sent: servers treat it as an anonymous bind");
@@ -397,12 +421,28 @@ bool Session::Steps::startBind()
         return false;
     }
     identity = Identity::Unconfirmed;
-    int const code = m_conversation->bind(options.bindDn, *options.password, m_id);
-    if (code != LDAP_SUCCESS) {
-        fail(outcomeOfBind(code), code, "cannot send the bind: " + wordsFor(code));
+    return wasSent(m_conversation->bind(options.bindDn, *options.password, m_id));
+}
+
+bool Session::Steps::startExternalBind()
+{
+    if (hasNul(options.authorizationId)) {
+        fail(Outcome::Misconfigured, LDAP_PARAM_ERROR,
+             "an authorization id with a NUL byte cannot be sent");
         return false;
     }
-    return true;
+    identity = Identity::Unconfirmed;
+    // Without an authorization id, the credentials are empty, but they are there: a server that gets
+    // none may ask for them (RFC 4422 appendix A).
+    return wasSent(m_conversation->saslBind("EXTERNAL", options.authorizationId, m_id));
+}
+
+bool Session::Steps::wasSent(int code)
+{
+    if (code != LDAP_SUCCESS) {
+        fail(outcomeOfBind(code), code, "cannot send the bind: " + wordsFor(code));
+    }
+    return code == LDAP_SUCCESS;
 }
 
 Session::Steps::Progress Session::Steps::bind()
@@ -454,6 +494,11 @@ Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& ans
     if (m_exchange &&
         (response.code == LDAP_SUCCESS || response.code == LDAP_SASL_BIND_IN_PROGRESS)) {
         return takeSaslResponse(answer, response.code);
+    }
+    if (response.code == LDAP_SASL_BIND_IN_PROGRESS && options.mechanism == Mechanism::external) {
+        return fail(Outcome::Refused, response.code,
+                    "the bind is refused: the server asks for another step of SASL EXTERNAL, which "
+                    "has none");
     }
     return response.code == LDAP_SUCCESS ? Progress::done
                                          : fail(outcomeOfBind(response.code), response.code,
@@ -512,8 +557,9 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
     }
     if (authorizationId.empty() || authorizationId == "dn:") {
         return fail(Outcome::Refused, LDAP_INAPPROPRIATE_AUTH,
-                    "accepted the bind but reports an anonymous identity; its answers would not "
-                    "be those for the bind DN");
+                    std::string("accepted the bind but reports an anonymous identity; its answers "
+                                "would not be those for the ") +
+                        (options.mechanism == Mechanism::simple ? "bind DN" : "SASL identity"));
     }
     identity = Identity::Confirmed;
     return Progress::done;
@@ -597,11 +643,16 @@ Verdict Session::Steps::broken(char const* during) const
         return failure(Outcome::TryLater, LDAP_SERVER_DOWN, "not connected");
     }
     Verdict const& fault = m_conversation->fault();
-    return fault.isGood()
-               ? failure(Outcome::TryLater, LDAP_SERVER_DOWN,
-                         "the connection belongs to another process")
-               : Verdict{fault.outcome, fault.code,
-                         uri + ": the connection broke during the " + during + ": " + fault.text};
+    if (fault.isGood()) {
+        return failure(Outcome::TryLater, LDAP_SERVER_DOWN,
+                       "the connection belongs to another process");
+    }
+    // In TLS 1.3 the server rejects a client certificate after the handshake, with an alert.
+    bool const isRejection = fault.code == LDAP_CONNECT_ERROR;
+    return failure(fault.outcome, fault.code,
+                   isRejection ? fault.text
+                               : std::string("the connection broke during the ") + during + ": " +
+                                     fault.text);
 }
 
 } // namespace Solvane::Lookup

@@ -86,6 +86,9 @@ private:
     bool sendTlsRequest();
     bool startHandshake();
     bool startBind();
+    bool startSimpleBind();
+    bool startExternalBind();
+    bool wasSent(int code);
     bool startSaslBind();
     bool sendSaslRound();
     bool startIdentify();

@@ -101,14 +101,14 @@ bool tellsStrength(std::string const& suite)
 
 std::string TlsPolicy::authorities() const
 {
-    if (!caFile.empty()) {
-        return caFile;
+    if (!caFile.empty() || !caFolder.empty()) {
+        return caFile.empty() ? caFolder : caFile;
     }
     std::string file = configured(LDAP_OPT_X_TLS_CACERTFILE);
     if (!file.empty()) {
         return file;
     }
-    std::string const folder = caFolder.empty() ? configured(LDAP_OPT_X_TLS_CACERTDIR) : caFolder;
+    std::string folder = configured(LDAP_OPT_X_TLS_CACERTDIR);
     return folder.empty() ? systemBundle() : folder;
 }
 
@@ -138,8 +138,10 @@ TlsContext::State::~State()
 
 void TlsContext::State::addConfigured()
 {
-    Lookup::addConfigured(policy.caFile, LDAP_OPT_X_TLS_CACERTFILE);
-    Lookup::addConfigured(policy.caFolder, LDAP_OPT_X_TLS_CACERTDIR);
+    if (policy.caFile.empty() && policy.caFolder.empty()) { // else only these are trusted
+        Lookup::addConfigured(policy.caFile, LDAP_OPT_X_TLS_CACERTFILE);
+        Lookup::addConfigured(policy.caFolder, LDAP_OPT_X_TLS_CACERTDIR);
+    }
     Lookup::addConfigured(policy.crlFile, LDAP_OPT_X_TLS_CRLFILE);
     Lookup::addConfigured(policy.cipherSuite, LDAP_OPT_X_TLS_CIPHER_SUITE);
     Lookup::addConfigured(policy.certificateFile, LDAP_OPT_X_TLS_CERTFILE);

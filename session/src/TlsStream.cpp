@@ -78,7 +78,7 @@ TlsStream::TlsStream(std::shared_ptr<TlsContext> context, Socket& socket, std::s
 {
     TlsContext::State const& shared = *m_context->m_state;
     if (gnutls_init(&m_session, GNUTLS_CLIENT | GNUTLS_NONBLOCK | GNUTLS_NO_SIGNAL |
-                                    GNUTLS_KEY_SHARE_TOP) < 0) {
+                                    GNUTLS_KEY_SHARE_TOP | GNUTLS_FORCE_CLIENT_CERT) < 0) {
         throw std::bad_alloc();
     }
     gnutls_transport_set_ptr(m_session, this);
@@ -370,9 +370,10 @@ Flow TlsStream::fail(int error)
                         m_socket.isOurs() ? std::strerror(m_socket.error())
                                           : "the connection belongs to another process");
     case GNUTLS_E_FATAL_ALERT_RECEIVED:
-        return isRefusedByAlert() ? refuse("the server refuses TLS: " + alertInWords())
-                                  : failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
-                                             "the server aborted TLS: " + alertInWords());
+        return isRefusedByAlert()
+                   ? refuse("the server refuses TLS: " + alertInWords() + certificateRemark())
+                   : failWith(Outcome::TryLater, LDAP_SERVER_DOWN,
+                              "the server aborted TLS: " + alertInWords());
     default:
         return isDisagreement(error)
                    ? refuse(std::string("no common TLS parameters: ") + gnutls_strerror(error))
@@ -381,14 +382,22 @@ Flow TlsStream::fail(int error)
     }
 }
 
-/// Some servers require a client certificate and close the connection without an alert if there is
-/// none; in TLS 1.3 only after the client's part of the handshake is done.
+/// Some servers require a client certificate and close the connection without an alert if they do
+/// not accept it; in TLS 1.3 only after the client's part of the handshake is done.
 std::string TlsStream::whyClosed() const
 {
-    bool const lacksCertificate = !m_hasReceived && m_context->policy().certificateFile.empty() &&
-                                  gnutls_certificate_client_get_request_status(m_session) > 0;
-    return std::string("the server closed the connection") +
-           (lacksCertificate ? "; it requested a client certificate, but none is configured" : "");
+    return "the server closed the connection" + certificateRemark();
+}
+
+/// What the server may have against our certificate, if it requested one and has sent no data.
+std::string TlsStream::certificateRemark() const
+{
+    if (m_hasReceived || gnutls_certificate_client_get_request_status(m_session) <= 0) {
+        return std::string();
+    }
+    std::string const& file = m_context->policy().certificateFile;
+    return file.empty() ? "; it requested a client certificate, but none is configured"
+                        : "; it may not accept the client certificate '" + oneLine(file) + '\'';
 }
 
 std::string TlsStream::alertInWords() const

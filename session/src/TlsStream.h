@@ -76,6 +76,7 @@ private:
     Flow failWith(Outcome outcome, int code, std::string const& why);
     Flow refuse(std::string const& why);
     std::string whyClosed() const;
+    std::string certificateRemark() const;
     std::string alertInWords() const;
     bool isRefusedByAlert() const;
 

@@ -121,6 +121,59 @@ TEST(LookupSettings, NeverBindWithAnEmptyPassword)
                 StartsWith("the password contains a NUL byte"));
 }
 
+TEST(LookupSettings, GiveASaslBindNoPassword)
+{
+    auto const refusalOfExternal = [](auto const& change) {
+        return refusalWith([&](Settings& s) {
+            s.mechanism = Lookup::Mechanism::external;
+            s.bindDn.clear();
+            s.password.clear();
+            s.servers[0].startTls = true;
+            change(s);
+        });
+    };
+
+    EXPECT_EQ(refusalOfExternal([](Settings&) {}), "");
+    EXPECT_EQ(refusalOfExternal([](Settings& s) {
+                  s.servers[0].startTls = false;
+                  s.servers[0].host.clear();
+                  s.servers[0].socketPath = "/run/slapd/ldapi";
+              }),
+              "");
+    EXPECT_EQ(refusalOfExternal([](Settings& s) { s.bindDn = readerDn; }),
+              "a SASL bind takes no bind DN and no password");
+    EXPECT_EQ(refusalOfExternal([](Settings& s) { s.password = readerPassword; }),
+              "a SASL bind takes no bind DN and no password");
+    EXPECT_EQ(refusalOfExternal([](Settings& s) { s.servers[0].startTls = false; }),
+              "SASL EXTERNAL needs servers with TLS and a client certificate, or with a socket");
+    EXPECT_EQ(refusalOfExternal([](Settings& s) {
+                  s.servers[0].startTls = false;
+                  s.servers[0].secure = true;
+                  s.servers[0].version = LDAPConnection::V2;
+              }),
+              "a server has LDAPv2: a SASL bind needs LDAPv3");
+}
+
+TEST(LookupSettings, HaveAnAuthorizationIdOfTheTwoKinds)
+{
+    auto const refusalOfId = [](std::string const& id) {
+        return refusalWith([&](Settings& s) {
+            s.mechanism = Lookup::Mechanism::external;
+            s.bindDn.clear();
+            s.password.clear();
+            s.servers[0].secure = true;
+            s.authorizationId = id;
+        });
+    };
+
+    EXPECT_EQ(refusalOfId("dn:cn=somebody"), "");
+    EXPECT_EQ(refusalOfId("u:somebody"), "");
+    EXPECT_EQ(refusalOfId("somebody"), "the authorization id does not begin with dn: or u:");
+    EXPECT_EQ(refusalOfId("u:a\nb"), "the authorization id contains a control character at byte 3");
+    EXPECT_EQ(refusalWith([](Settings& s) { s.authorizationId = "u:somebody"; }),
+              "an authorization id is set without a SASL bind");
+}
+
 TEST(LookupSettings, NameTheByteAtWhichATemplateIsWrong)
 {
     EXPECT_THAT(refusalWith([](Settings& s) { s.queryTemplate = "(mail=$x)"; }),

@@ -207,4 +207,147 @@ TEST(ADomainWithStartTls, IsNotBelievedIfItNamesAForeignHost)
     EXPECT_THAT(answer.text, HasSubstr("names only hosts outside of corp.test"));
 }
 
+// SASL EXTERNAL
+
+namespace {
+
+void authenticateBy(TlsIdentity const& identity, LDAPLookup::Settings& settings)
+{
+    settings.bindDn.clear();
+    settings.password.clear();
+    settings.mechanism = Lookup::Mechanism::external;
+    settings.tls.certificateFile = identity.certificateFile;
+    settings.tls.keyFile = identity.keyFile;
+}
+
+/// A server with TLS that answers binds with a code, and lookups with SASL EXTERNAL on it.
+class ExternalLookup : public testing::Test {
+protected:
+    LDAPLookup::Settings settings()
+    {
+        CertificateWish wish;
+        wish.isForClients = true;
+        auto settings = settingsFor({m_server.port()});
+        settings.servers.front().secure = true;
+        settings.tls.caFile = m_authority.file();
+        authenticateBy(m_authority.issue(wish), settings);
+        return settings;
+    }
+
+    Authority m_authority;
+    ServerTls m_tls{m_authority.issue()};
+    int m_code = 0;
+    std::string m_identity = "dn:cn=somebody";
+    ScriptedServer m_server{[this](Peer& peer) {
+        if (!peer.startTls(m_tls)) {
+            return;
+        }
+        if (m_code != 0) {
+            peer.send(bindResponse(messageIdOf(peer.receiveMessage()), m_code));
+        }
+        serving(answerFound, m_identity)(peer);
+    }};
+};
+
+} // namespace
+
+TEST_F(ExternalLookup, IsConfirmedByTheServer)
+{
+    LDAPLookup lookup(settings());
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.identity, Identity::Confirmed);
+    EXPECT_EQ(countOf(BindRequest, m_server.received()), 1U);
+    EXPECT_EQ(countOf(ExtendedRequest, m_server.received()), 1U);
+}
+
+TEST_F(ExternalLookup, IsRefusedIfTheServerKnowsNobody)
+{
+    m_identity.clear();
+    LDAPLookup lookup(settings());
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Refused);
+    EXPECT_EQ(answer.code, 48);
+    EXPECT_EQ(countOf(SearchRequest, m_server.received()), 0U);
+}
+
+TEST_F(ExternalLookup, ThatIsRefusedIsNotTriedAgainAtOnce)
+{
+    for (int const code : {48, 49, 50}) {
+        m_code = code;
+        auto const connections = m_server.connectionCount();
+        LDAPLookup lookup(settings());
+
+        auto const first = lookup.find(addressOf(1));
+        auto const second = lookup.find(addressOf(1));
+
+        EXPECT_EQ(first.outcome, Outcome::Refused);
+        EXPECT_EQ(second.code, code);
+        EXPECT_THAT(second.text, HasSubstr("not tried again for"));
+        EXPECT_EQ(m_server.connectionCount(), connections + 1);
+    }
+}
+
+TEST_F(ExternalLookup, WithoutACertificateIsMisconfigured)
+{
+    auto bare = settings();
+    bare.tls.certificateFile.clear();
+    bare.tls.keyFile.clear();
+    LDAPLookup lookup(bare);
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Misconfigured);
+    EXPECT_EQ(answer.code, -9);
+    EXPECT_THAT(answer.text, HasSubstr("SASL EXTERNAL needs a client certificate"));
+    EXPECT_EQ(m_server.connectionCount(), 0U);
+}
+
+class ExternalLookupByEveryWay : public SuiteWithSlapd<ExternalLookupByEveryWay>,
+                                 public testing::WithParamInterface<WayIn> {
+public:
+    static std::vector<std::string> options() { return {"--users", "5", "--client-certs", "try"}; }
+
+protected:
+    static LDAPLookup::Settings settings()
+    {
+        auto settings = settingsFor(slapd(), GetParam());
+        authenticateBy({slapd().tlsFile("client.pem"), slapd().tlsFile("client.key")}, settings);
+        return settings;
+    }
+};
+
+TEST_P(ExternalLookupByEveryWay, FindsWithItsIdentity)
+{
+    LDAPLookup lookup(settings());
+
+    auto const answers = answersTo(lookup, std::vector<std::string>(20, addressOf(2)));
+
+    for (Answered const& each : answers) {
+        EXPECT_EQ(each.answer.outcome, Outcome::Found) << each.answer.text;
+        EXPECT_EQ(each.answer.identity, Identity::Confirmed);
+    }
+}
+
+// Only bound users may read it.
+TEST_P(ExternalLookupByEveryWay, ReadsWhatAnonymousUsersCannot)
+{
+    auto bound = settings();
+    bound.base = "ou=private,dc=corp,dc=test";
+    bound.queryTemplate = "(cn=$u)";
+    auto anonymous = bound;
+    anonymous.mechanism = Lookup::Mechanism::simple;
+
+    EXPECT_EQ(LDAPLookup(bound).find("secret@corp.test").outcome, Outcome::Found);
+    EXPECT_NE(LDAPLookup(anonymous).find("secret@corp.test").outcome, Outcome::Found);
+}
+
+INSTANTIATE_TEST_SUITE_P(ToSlapd, ExternalLookupByEveryWay,
+                         testing::Values(WayIn::ldaps, WayIn::startTls, WayIn::ldapi),
+                         testing::PrintToStringParamName());
+
 } // namespace SolvaneTest

@@ -324,6 +324,30 @@ TEST(TlsContextFor, NothingSetTakesOpenLdapsConfiguration)
     EXPECT_EQ(kept.policy().minimumVersion, TlsVersion::tls12);
 }
 
+// A file of one's own is trusted instead of the host's authorities, not besides them.
+TEST(TlsContextFor, OwnAuthoritiesLeavesOpenLdapsAside)
+{
+    Authority const own;
+    Authority const hosts;
+    std::string const folder = std::filesystem::path(hosts.file()).parent_path();
+    std::string const file = hosts.file();
+    TlsPolicy ownFile;
+    ownFile.caFile = own.file();
+    TlsPolicy ownFolder;
+    ownFolder.caFolder = std::filesystem::path(own.file()).parent_path();
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, file.c_str());
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTDIR, folder.c_str());
+
+    TlsContext const byFile(ownFile);
+    TlsContext const byFolder(ownFolder);
+
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTFILE, nullptr);
+    ldap_set_option(nullptr, LDAP_OPT_X_TLS_CACERTDIR, nullptr);
+    EXPECT_EQ(byFile.policy().caFolder, "");
+    EXPECT_EQ(byFolder.policy().caFile, "");
+    EXPECT_EQ(byFolder.policy().caFolder, ownFolder.caFolder);
+}
+
 TEST(SessionWithUnusableFiles, IsMisconfiguredAndSendsNothing)
 {
     ScriptedServer server([](Peer& peer) { peer.receiveUntilClosed(); });

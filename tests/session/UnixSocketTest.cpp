@@ -219,6 +219,20 @@ TEST_F(SocketOfSlapd, TakesBindsAndSearches)
     EXPECT_THAT(typesFor(session, id), ElementsAre(LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_RESULT));
 }
 
+TEST_F(SocketOfSlapd, KnowsTheUserOfTheProcess)
+{
+    SessionOptions options = socketOptions();
+    options.mechanism = Mechanism::external;
+    Session session(options);
+
+    EXPECT_EQ(shown(session.reach(Step::identify, soon())), "Found 0 ");
+
+    EXPECT_EQ(session.identity(), Identity::Confirmed);
+    EXPECT_EQ(session.authorizationId(), "dn:gidNumber=" + std::to_string(getegid()) +
+                                             "+uidNumber=" + std::to_string(geteuid()) +
+                                             ",cn=peercred,cn=external,cn=auth");
+}
+
 TEST_F(SocketOfSlapd, IsStaleAfterTheServerStartedAgain)
 {
     Session session(socketOptions());

@@ -41,7 +41,10 @@ public:
     /// Path of its UNIX socket.
     std::filesystem::path socketPath() const { return m_directory / "ldapi"; }
     /// A file that testbed/mkcerts made.
-    std::filesystem::path tlsFile(char const* name) const { return m_directory / "tls" / name; }
+    std::filesystem::path tlsFile(std::string const& name) const
+    {
+        return m_directory / "tls" / name;
+    }
     /// The certificate of the authority that signed the server's.
     std::filesystem::path caFile() const { return m_directory / "tls" / "ca.pem"; }
     /// The DER certificate that the data holds as userCertificate;binary.

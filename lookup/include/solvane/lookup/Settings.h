@@ -98,6 +98,9 @@ struct Settings {
     /// Maximum of connections on which `verify` binds, for all threads together. They are no others
     /// than these, so it is also the maximum of binds at a time.
     unsigned int verifyConnections = 2;
+
+    /// Whether connections send no bind.
+    bool isAnonymous() const { return Lookup::isAnonymous(mechanism, bindDn); }
 };
 
 /// Validates settings without contacting a server. Thread-safe.

@@ -3,6 +3,8 @@
 #ifndef SOLVANE_SESSION_MECHANISM_H
 #define SOLVANE_SESSION_MECHANISM_H
 
+#include <string>
+
 namespace Solvane::Lookup {
 
 /// How a connection authenticates (RFC 4513 section 5).
@@ -11,6 +13,12 @@ enum class Mechanism {
     external, ///< SASL EXTERNAL: the client certificate, or the process's user on a UNIX socket
     gssapi,   ///< SASL GSSAPI (RFC 4752): Kerberos, with the ticket or keytab of the process
 };
+
+/// Whether a connection with this mechanism and bind DN sends no bind.
+inline bool isAnonymous(Mechanism mechanism, std::string const& bindDn)
+{
+    return mechanism == Mechanism::simple && bindDn.empty();
+}
 
 } // namespace Solvane::Lookup
 

@@ -59,6 +59,8 @@ struct SessionOptions {
 
     /// Whether the connection is encrypted, from the first byte or by StartTLS.
     bool usesTls() const { return secure || startTls; }
+    /// Whether no bind is sent.
+    bool isAnonymous() const { return Lookup::isAnonymous(mechanism, bindDn); }
 };
 
 /// A search, prepared once for many filters. Must outlive the call of `send`.
@@ -104,18 +106,21 @@ public:
     bool isDone(Step step) const;
     /// Good while nothing has failed. After a failure the session cannot be used any more.
     ///
-    /// before the first step: `Misconfigured` -9 for options that contradict each other. resolve: `TryLater` -1 the name does not resolve, -5 not in time, -10 no memory. connect:
-    /// `TryLater` -1 or -5, with each address and its cause; -2 no descriptor or memory for a
-    /// socket. startTls: `Refused` with the server's code if it refuses TLS, -11 if anything follows its
-    /// response; `TryLater` 51, -1, -4 or -5. handshake: `Refused` -11 with what is wrong with the certificate or the server's
-    /// TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5. bind: the server's code by
-    /// `outcomeOfBind`; an empty password, one with a NUL or a NUL in the DN is `Misconfigured` -9
-    /// and not sent. With GSSAPI, nothing is sent either without a valid ticket: `Misconfigured` -9 no
-    /// or an expired ticket, an unusable keytab, a clock that is off, or no GSSAPI plugin; `Refused` 49
-    /// an old key in the keytab; `Misconfigured` -6 the KDC does not know the server; `TryLater` -6 no
-    /// KDC answers, or any other failure of Kerberos. `Refused` -6 the server does not prove its
-    /// identity. The Kerberos library may wait for a KDC, and `advance` blocks meanwhile. identify: `Refused` if the server says "anonymous" in spite of a bind; -1, -4,
-    /// -5.
+    /// before the first step: `Misconfigured` -9 for options that contradict each other. resolve:
+    /// `TryLater` -1 the name does not resolve, -5 not in time, -10 no memory. connect: `TryLater`
+    /// -1 or -5, with each address and its cause; -2 no descriptor or memory for a socket.
+    /// startTls: `Refused` with the server's code if it refuses TLS, -11 if anything follows its
+    /// response; `TryLater` 51, -1, -4 or -5. handshake: `Refused` -11 with what is wrong with the
+    /// certificate or the server's TLS; `Misconfigured` -9 unusable files; `TryLater` -1 or -5.
+    /// bind: the server's code by `outcomeOfBind`; an empty password or one with a NUL, a NUL in a
+    /// name are `Misconfigured` -9, and nothing is sent; `Refused` -11 if a TLS 1.3 server rejects
+    /// the client certificate, which it does after the handshake. With GSSAPI, nothing is sent
+    /// either without a valid ticket: `Misconfigured` -9 no or an expired ticket, an unusable
+    /// keytab, a clock that is off, or no GSSAPI plugin; `Refused` 49 an old key in the keytab;
+    /// `Misconfigured` -6 the KDC does not know the server; `TryLater` -6 no KDC answers, or any
+    /// other failure of Kerberos. `Refused` -6 the server does not prove its identity. The Kerberos
+    /// library may wait for a KDC, and `advance` blocks meanwhile. identify: `Refused` if the
+    /// server says "anonymous" in spite of a bind; -1, -4, -5.
     Verdict const& verdict() const;
 
     // Properties of the connection

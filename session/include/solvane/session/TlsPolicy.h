@@ -29,10 +29,10 @@ enum class TlsVersion {
 /// (ldap.conf and the LDAPTLS_... environment variables), as named below.
 struct TlsPolicy {
     TlsVerify verify = TlsVerify::full; ///< how far certificates are verified
-    /// PEM file of trusted authorities; else TLS_CACERT. The system's bundle is used if neither
-    /// a file nor a folder is set.
+    /// PEM file of trusted authorities. If neither file nor folder is set here: TLS_CACERT and
+    /// TLS_CACERTDIR; if neither of those is set: the system's bundle.
     std::string caFile;
-    std::string caFolder; ///< folder of PEM files of trusted authorities; else TLS_CACERTDIR
+    std::string caFolder; ///< folder of PEM files of trusted authorities
     std::string crlFile;  ///< PEM file of revocation lists; else TLS_CRLFILE
     /// Priority string of GnuTLS, as "SECURE192:-VERS-ALL:+VERS-TLS1.3"; else TLS_CIPHER_SUITE,
     /// else the system's default.
