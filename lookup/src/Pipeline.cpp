@@ -57,7 +57,7 @@ Settings settingsOfLogins(Settings settings)
     settings.mechanism = Mechanism::simple;
     settings.authorizationId.clear();
     settings.bindDn.clear();
-    wipe(settings.password);
+    wipe(settings.password); // a copy
     settings.connections = settings.verifyConnections;
     return settings;
 }

@@ -6,6 +6,7 @@
 #include <solvane/session/ResultCodes.h>
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Solvane::Lookup {
@@ -612,12 +613,16 @@ void Pool::publish(ServerRecord& server)
 
 void Pool::put(Lease& lease)
 {
-    std::unique_ptr<PooledSession> session = std::move(lease.m_session);
-    auto const heardAt = session->session.heardAt(); // nearly now
-    session->expiresAt = heardAt + idleTime;
+    auto const heardAt = lease->session.heardAt(); // nearly now
+    lease->expiresAt = heardAt + idleTime;
     Idle dropped;
     Idle entry;
-    entry.push_back(std::move(session));
+    try {
+        entry.emplace_back();
+    } catch (std::bad_alloc const&) { // pipelines return their sessions in their destructors
+        return letGo(lease);
+    }
+    entry.front() = std::move(lease.m_session);
     std::lock_guard<std::mutex> const lock(m_mutex);
     endTrial(*entry.front());
     if (lease.m_process != m_process) {
