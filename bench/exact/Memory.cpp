@@ -77,8 +77,7 @@ void forget()
 
 void report(std::string const& name, unsigned int pieces)
 {
-    std::printf("%s allocations %.3f\n", name.c_str(),
-                static_cast<double>(g_allocations) / pieces);
+    std::printf("%s allocations %.3f\n", name.c_str(), static_cast<double>(g_allocations) / pieces);
     std::printf("%s memory %.3f\n", name.c_str(), static_cast<double>(g_keptBytes) / pieces);
 }
 

@@ -151,7 +151,7 @@ TEST(ConnectTo, AddressesOfBothFamiliesTriesThemInTurn)
     EXPECT_EQ(session.addresses()[3].host(), "127.0.0.1");
 }
 
-// Requests are batched before they are written: Nagle's algorithm would only hold the last one back.
+// Requests are batched before they are written: Nagle's algorithm would only hold them back.
 TEST(ConnectTo, AServerSendsSmallMessagesAtOnce)
 {
     ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });

@@ -117,6 +117,25 @@ TEST(BindOnAPeer, ThatIsSilentRunsOut)
                 AllOf(StartsWith("TryLater -5 "), HasSubstr("did not answer the bind within 0.")));
 }
 
+// RFC 4511 section 4.1.10: a referral is no part of a success.
+TEST(BindOnAPeer, ThatGrantsItAndRefersUsElsewhereIsNotBelieved)
+{
+    ScriptedServer const server([](Peer& peer) {
+        constexpr unsigned char bindResponseTag = 0x61;
+        constexpr unsigned char referralTag = 0xa3;
+        std::string const success("\x0a\x01\x00\x04\x00\x04\x00", 7);
+        peer.send(ldapMessage(
+            messageIdOf(peer.receiveMessage()),
+            berElement(bindResponseTag,
+                       success + berElement(referralTag, berElement(0x04, "ldap://b/")))));
+        peer.receiveUntilClosed();
+    });
+    Session session(boundOptions(server.port()));
+
+    EXPECT_THAT(shown(session.reach(Step::bind, soon())),
+                AllOf(StartsWith("TryLater -4 "), HasSubstr("invalid response to the bind")));
+}
+
 TEST(BindOnAPeer, ThatFloodsUsGetsNoMoreThanItsShareOfACall)
 {
     constexpr unsigned char intermediateTag = 0x79; // RFC 4511 section 4.13

@@ -249,6 +249,45 @@ TEST_P(TlsPeerThatBreaksOff, AtAnyByteOfTheHandshakeIsTriedLater)
 
 INSTANTIATE_TEST_SUITE_P(InEachVersion, TlsPeerThatBreaksOff, testing::Values(tls12, tls13));
 
+// Alerts (RFC 8446 section 6.2)
+
+TEST_F(TlsPeer, ThatSendsAnAlertRefusesOnlyIfItRejectsWhatWeOffer)
+{
+    struct {
+        char const* name;
+        char number;
+        bool isRefusal;
+    } const alerts[] = {
+        {"unexpected_message", 10, false},
+        {"handshake_failure", 40, true},
+        {"bad_certificate", 42, true},
+        {"unsupported_certificate", 43, true},
+        {"certificate_revoked", 44, true},
+        {"certificate_expired", 45, true},
+        {"certificate_unknown", 46, true},
+        {"illegal_parameter", 47, false},
+        {"unknown_ca", 48, true},
+        {"access_denied", 49, true},
+        {"decode_error", 50, false},
+        {"protocol_version", 70, true},
+        {"insufficient_security", 71, true},
+        {"internal_error", 80, false},
+        {"unrecognized_name", 112, true},
+        {"certificate_required", 116, true},
+    };
+    for (auto const& alert : alerts) {
+        ScriptedServer const server([&](Peer& peer) {
+            peer.send(std::string("\x15\x03\x03\x00\x02\x02", 6) + alert.number); // fatal
+            peer.receiveUntilClosed();
+        });
+        Session session(secureOptions(server.port(), good()));
+
+        EXPECT_THAT(shown(session.reach(Step::handshake, soon())),
+                    StartsWith(alert.isRefusal ? "Refused -11 " : "TryLater -1 "))
+            << alert.name;
+    }
+}
+
 // Resumption
 
 class ResumedTls : public testing::TestWithParam<char const*> {
