@@ -8,6 +8,7 @@
 #include "ScriptedServer.h"
 #include "Sessions.h"
 #include "Slapd.h"
+#include "ToleratedLeak.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -146,6 +147,7 @@ TEST_F(SessionByGssapi, MayNotActAsAnybody)
 
 TEST_F(SessionByGssapi, UsesTls)
 {
+    ToleratedLeak const leak;
     Session session(secureOptions());
 
     EXPECT_EQ(shown(session.reach(Step::identify, soon())), "Found 0 ");
@@ -157,6 +159,7 @@ TEST_F(SessionByGssapi, UsesTls)
 /// A slapd that compares the channel binding: the hash of its certificate.
 TEST_F(SessionByGssapi, IsBoundToTheCertificateOfTls)
 {
+    ToleratedLeak const leak;
     std::ofstream(kdc().file("binding.conf")) << "sasl-cbinding tls-endpoint\n";
     Slapd const binding({"--users", "1", "--kerberos", kdc().folder(), "--global-conf",
                          kdc().file("binding.conf")});
