@@ -280,6 +280,17 @@ def contender_lines(measured):
         ("bind", "library", "raw", "connect, bind and close"),
         ("bind over TLS", "raw again", "raw", "the same over TLS, raw calls: the noise"),
         ("bind over TLS", "library", "raw", "the same over TLS"),
+        ("verify", "raw again", "raw", "verify a password (search and bind), raw calls: the noise"),
+        ("verify", "raw, new connections", "raw", "raw calls, with a new connection for each bind"),
+        ("verify", "engine", "raw", "the engine's `verify`"),
+        ("verify over TLS", "raw again", "raw", "verify over TLS, raw calls: the noise"),
+        (
+            "verify over TLS",
+            "raw, new connections",
+            "raw",
+            "over TLS, raw calls, with a new connection for each bind",
+        ),
+        ("verify over TLS", "engine", "raw", "the engine's `verify` over TLS"),
         ("add", "raw again", "raw", "add, raw calls: the noise"),
         ("add", "library", "raw", "add, one at a time"),
         ("add", "library, 64 in flight", "raw, 64 in flight", "add, 64 in flight"),
@@ -543,7 +554,7 @@ def counted_lines(path=COUNTED):
         "",
         *paragraph(
             "Instructions, allocations and memory, counted by `scripts/bench --exact`, which fails "
-            "if a figure exceeds its limit or is worse than the last one. \"Of those in C\" is a "
+            'if a figure exceeds its limit or is worse than the last one. "Of those in C" is a '
             "ratio: 1.2 means 1.2 times as many."
         ),
         *table(["what", "last", "limit"], rows),

@@ -212,7 +212,9 @@ class Measurement:
 
     def directory(self, mode):
         with self._directory.sharing(mode):
-            self._directory_rows(f"{mode}.jsonl", self._scale.rounds, ["lookups", "binds", "adds"])
+            self._directory_rows(
+                f"{mode}.jsonl", self._scale.rounds, ["lookups", "binds", "verifies", "adds"]
+            )
             self._directory_rows(
                 f"{mode}-long.jsonl",
                 self._scale.few_rounds,

@@ -145,6 +145,15 @@ in_uri() {
     if [[ $1 == *:* ]]; then printf '[%s]' "$1"; else printf '%s' "$1"; fi
 }
 
+# use_kerberos DIR: exports what a server in DIR needs of its realm, if it has one.
+use_kerberos() {
+    local realm
+    [[ -f $1/kerberos ]] || return 0
+    realm=$(<"$1/kerberos")
+    export KRB5_CONFIG=$realm/krb5.conf KRB5_KTNAME=$realm/service.keytab KRB5RCACHENAME=none:
+    [[ ! -f $1/service.keytab ]] || KRB5_KTNAME=$1/service.keytab # readable for the server's account
+}
+
 # quoted TEXT: the text as one word of slapd.conf.
 quoted() {
     local text=${1//\\/\\\\}

@@ -18,9 +18,10 @@ using SolvaneBench::Options;
 using SolvaneBench::Rounds;
 
 std::map<std::string, void (*)(Options const&, Rounds const&)> const rowsByName = {
-    {"lookups", SolvaneBench::lookups}, {"windows", SolvaneBench::windows},
-    {"big", SolvaneBench::bigSearch},   {"binds", SolvaneBench::binds},
-    {"adds", SolvaneBench::adds},       {"threads", SolvaneBench::threads},
+    {"lookups", SolvaneBench::lookups},   {"windows", SolvaneBench::windows},
+    {"big", SolvaneBench::bigSearch},     {"binds", SolvaneBench::binds},
+    {"adds", SolvaneBench::adds},         {"threads", SolvaneBench::threads},
+    {"verifies", SolvaneBench::verifies},
 };
 
 [[noreturn]] void refuse(char const* what)

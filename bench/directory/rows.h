@@ -15,6 +15,8 @@ void windows(Options const& options, Rounds const& rounds);
 void bigSearch(Options const& options, Rounds const& rounds);
 /// Connect, bind, close: plain and TLS, and the duration of a TLS bind to a silent peer.
 void binds(Options const& options, Rounds const& rounds);
+/// Passwords verified: by the engine, and with raw calls on kept connections and on new ones.
+void verifies(Options const& options, Rounds const& rounds);
 /// Adds, one at a time and 64 in flight.
 void adds(Options const& options, Rounds const& rounds);
 /// Lookups from 1 to 64 threads: raw and kept connections, the pool, the engine.

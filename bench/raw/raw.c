@@ -39,6 +39,17 @@ static int code_of(LDAP* session, LDAPMessage* answer)
     return code;
 }
 
+void raw_bind(LDAP* session, char const* dn, char const* password)
+{
+    struct berval credentials;
+    int id = 0;
+    credentials.bv_val = strdup(password);
+    credentials.bv_len = strlen(password);
+    check(ldap_sasl_bind(session, dn, LDAP_SASL_SIMPLE, &credentials, NULL, NULL, &id), "bind");
+    free(credentials.bv_val);
+    check(code_of(session, take(session, id, LDAP_MSG_ONE)), "bind");
+}
+
 LDAP* raw_open(char const* uri, char const* dn, char const* password)
 {
     int const version = LDAP_VERSION3;
@@ -46,13 +57,7 @@ LDAP* raw_open(char const* uri, char const* dn, char const* password)
     check(ldap_initialize(&session, uri), "initialize");
     check(ldap_set_option(session, LDAP_OPT_PROTOCOL_VERSION, &version), "version");
     if (dn != NULL) {
-        struct berval credentials;
-        int id = 0;
-        credentials.bv_val = strdup(password);
-        credentials.bv_len = strlen(password);
-        check(ldap_sasl_bind(session, dn, LDAP_SASL_SIMPLE, &credentials, NULL, NULL, &id), "bind");
-        free(credentials.bv_val);
-        check(code_of(session, take(session, id, LDAP_MSG_ONE)), "bind");
+        raw_bind(session, dn, password);
     }
     return session;
 }

@@ -15,6 +15,8 @@ void raw_accept_any_certificate(void);
 /* A session of protocol version 3; connected and bound, unless dn is null. */
 LDAP* raw_open(char const* uri, char const* dn, char const* password);
 void raw_close(LDAP* session);
+/* Binds a session, again if it is bound; connects it first if need be. */
+void raw_bind(LDAP* session, char const* dn, char const* password);
 
 /* Sends a search below base; gives its message id. attributes ends with a null pointer. */
 int raw_send_search(LDAP* session, char const* base, char const* filter, char** attributes);

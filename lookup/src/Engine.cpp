@@ -1,6 +1,8 @@
 // Validates the settings, and makes what lookups share.
 #include "Engine.h"
 
+#include "PoolsAtFork.h"
+
 namespace Solvane::Lookup {
 
 namespace {
@@ -14,8 +16,27 @@ Settings const& checked(Settings const& settings)
 } // namespace
 
 Engine::Engine(Settings const& settings)
-    : m_current(std::make_shared<Shared>(checked(settings), m_totals))
+    : m_current(std::make_shared<Shared>(checked(settings), m_totals, nullptr)),
+      m_newest(m_current.get())
 {
+    PoolsAtFork::instance().add(m_mutex);
+}
+
+Engine::~Engine() { PoolsAtFork::instance().remove(m_mutex); }
+
+std::shared_ptr<Shared> Engine::current() const
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    return m_current;
+}
+
+void Engine::reconfigure(Settings const& settings)
+{
+    auto const before = current();
+    auto next = std::make_shared<Shared>(checked(settings), m_totals, before.get());
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_current.swap(next); // the earlier one is let go of after unlocking: it may close connections
+    m_newest.store(m_current.get(), std::memory_order_relaxed);
 }
 
 } // namespace Solvane::Lookup

@@ -7,24 +7,38 @@
 
 #include <solvane/ldap/RefCounted.h>
 
+#include <atomic>
 #include <memory>
+#include <mutex>
 
 namespace Solvane::Lookup {
 
-/// The settings in use, and what outlives them. Each caller owns a share of the settings that it
-/// began with. Thread-safe.
+/// The settings in use, and what outlives them. Each caller shares what it began with, so a change
+/// does not touch keys in flight: earlier settings, with their pool and its connections, end with
+/// their last user. Thread-safe.
 class Engine : public NonCopyable {
 public:
     /// @throws LDAPException  invalid settings
     explicit Engine(Settings const& settings);
+    ~Engine();
 
     /// The settings in use, with their pool.
-    std::shared_ptr<Shared> current() const { return m_current; }
+    std::shared_ptr<Shared> current() const;
+    /// Whether these settings are in use.
+    bool isCurrent(Shared const& shared) const
+    {
+        return m_newest.load(std::memory_order_relaxed) == &shared;
+    }
+    /// Puts other settings into use.
+    /// @throws LDAPException  invalid settings; nothing has changed
+    void reconfigure(Settings const& settings);
     Totals const& totals() const { return m_totals; }
 
 private:
     Totals m_totals;
-    std::shared_ptr<Shared> m_current;
+    mutable std::mutex m_mutex;
+    std::shared_ptr<Shared> m_current;   ///< guarded by m_mutex
+    std::atomic<Shared const*> m_newest; ///< `m_current`, written under m_mutex
 };
 
 } // namespace Solvane::Lookup

@@ -183,6 +183,8 @@ void LDAPLookup::findAll(Source const& source, int descriptor, Sink const& sink)
     Run(pipelines, source, descriptor, sink).toTheEnd();
 }
 
+void LDAPLookup::reconfigure(Settings const& settings) { m_engine->reconfigure(settings); }
+
 LDAPLookup::Statistics LDAPLookup::statistics() const
 {
     Lookup::Totals const& totals = m_engine->totals();

@@ -57,25 +57,28 @@ Settings settingsOfLogins(Settings settings)
     settings.mechanism = Mechanism::simple;
     settings.authorizationId.clear();
     settings.bindDn.clear();
-    settings.password.clear();
+    wipe(settings.password);
     settings.connections = settings.verifyConnections;
     return settings;
 }
 
 } // namespace
 
-Shared::Shared(Settings const& given, Totals& counts) : Shared(given, counts, nullptr)
+Shared::Shared(Settings const& given, Totals& counts, Shared* before)
+    : Shared(given, counts, nullptr, before == nullptr ? nullptr : &before->pool)
 {
-    logins.reset(new Shared(settingsOfLogins(settings), counts, pool.tls()));
+    logins.reset(new Shared(settingsOfLogins(settings), counts, pool.tls(), nullptr));
 }
 
-Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls)
-    : settings(given), queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
+Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
+               Pool* before)
+    : m_ownSettings(given), settings(m_ownSettings.get()),
+      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
-      totals(counts), pool(settings, counts, tls)
+      totals(counts), pool(settings, counts, tls, before)
 {
 }
 

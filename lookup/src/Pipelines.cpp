@@ -7,8 +7,9 @@ namespace Solvane::Lookup {
 
 Pipeline& Pipelines::latest()
 {
-    if (m_links.empty()) {
+    if (m_links.empty() || !m_engine.isCurrent(*m_links.back().shared)) {
         m_links.emplace_back(m_engine.current(), m_order);
+        removeIdle();
     }
     return m_links.back().pipeline;
 }

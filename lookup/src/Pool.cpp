@@ -75,11 +75,26 @@ void Pool::Lease::close()
 
 // Pool
 
-Pool::Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls)
+Pool::Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls, Pool* before)
     : m_settings(settings), m_tls(tls ? std::move(tls) : contextFor(settings)), m_totals(totals),
       m_servers(settings), m_credentials(!settings.bindDn.empty(), settings.refusedHold)
 {
+    if (before != nullptr) {
+        inherit(*before);
+    }
     PoolsAtFork::instance().add(*this);
+}
+
+/// What is known of credentials that stay the same: a wrong password must not be sent again.
+void Pool::inherit(Pool& before)
+{
+    Settings const& earlier = before.m_settings;
+    std::lock_guard<std::mutex> const lock(before.m_mutex);
+    if (m_settings.mechanism == earlier.mechanism && m_settings.bindDn == earlier.bindDn &&
+        m_settings.password == earlier.password && m_settings.refusedHold == earlier.refusedHold) {
+        m_credentials = before.m_credentials;
+        m_credentials.leftOpen(); // a bind that is under way there is not awaited here
+    }
 }
 
 Pool::~Pool() { PoolsAtFork::instance().remove(*this); }

@@ -47,9 +47,11 @@ struct PooledSession {
 /// own. Thread-safe; nothing is sent or received under its lock.
 class Pool : public NonCopyable {
 public:
-    /// Settings and totals must outlive it.
-    /// @param tls  of another pool with the same policy; null: its own, if a server needs one
-    Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls);
+    /// @param settings  must outlive it
+    /// @param totals    must outlive it
+    /// @param tls       of another pool with the same policy; null: its own, if a server needs one
+    /// @param before    the pool of the earlier settings; null: there are none
+    Pool(Settings const& settings, Totals& totals, std::shared_ptr<TlsContext> tls, Pool* before);
     ~Pool();
 
     /// A session in use. The destructor closes it unless it was returned with `giveBack`. Must not
@@ -167,6 +169,7 @@ private:
     /// those that fell silent and may be retried at once; those whose failures cost no time.
     enum class Among { eligible, silent, prompt };
 
+    void inherit(Pool& before);
     void decide(Outlook& outlook, Wish const& wish, Waiter& waiter, Idle& dropped);
     bool consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Waiter& waiter,
                   Among among, Clock::time_point now, Idle& dropped);

@@ -35,6 +35,18 @@ void PoolsAtFork::remove(Pool& pool)
     m_pools.remove(&pool);
 }
 
+void PoolsAtFork::add(std::mutex& mutex)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_engines.push_back(&mutex);
+}
+
+void PoolsAtFork::remove(std::mutex& mutex)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_engines.remove(&mutex);
+}
+
 void PoolsAtFork::lockAll()
 {
     PoolsAtFork& registry = instance();
@@ -42,11 +54,17 @@ void PoolsAtFork::lockAll()
     for (Pool* const pool : registry.m_pools) {
         pool->m_mutex.lock();
     }
+    for (std::mutex* const engine : registry.m_engines) {
+        engine->lock();
+    }
 }
 
 void PoolsAtFork::unlockAll()
 {
     PoolsAtFork& registry = instance();
+    for (std::mutex* const engine : registry.m_engines) {
+        engine->unlock();
+    }
     for (Pool* const pool : registry.m_pools) {
         pool->m_mutex.unlock();
     }

@@ -10,7 +10,7 @@ namespace Solvane::Lookup {
 
 class Pool;
 
-/// Locks every pool before a fork and unlocks it afterwards (`pthread_atfork`), so that no lock is
+/// Locks every engine and pool before a fork and unlocks it afterwards (`pthread_atfork`), so that no lock is
 /// held by a thread that does not exist in the child; and notifies the pools of the child. Counts
 /// forks for objects of one thread. Thread-safe.
 class PoolsAtFork {
@@ -19,6 +19,9 @@ public:
 
     void add(Pool& pool);
     void remove(Pool& pool);
+    /// The mutex of an engine; no other mutex may be locked under it.
+    void add(std::mutex& mutex);
+    void remove(std::mutex& mutex);
 
     /// How many forks made this process what it is: changes in a child.
     static unsigned long births() { return instance().m_births; }
@@ -35,6 +38,7 @@ private:
 
     std::mutex m_mutex; ///< locked before the pools' mutexes
     std::list<Pool*> m_pools;
+    std::list<std::mutex*> m_engines;
     std::atomic<unsigned long> m_births{0};
     std::atomic<unsigned long> m_forks{0};
 };

@@ -8,23 +8,40 @@
 
 #include <solvane/lookup/QueryTemplate.h>
 #include <solvane/lookup/Settings.h>
+#include <solvane/session/PlainText.h>
 
 #include <memory>
 
 namespace Solvane::Lookup {
 
+/// A copy of settings, whose password is wiped at its end.
+class OwnSettings : public NonCopyable {
+public:
+    explicit OwnSettings(Settings const& given) : m_settings(given) {}
+    ~OwnSettings() { wipe(m_settings.password); }
+
+    Settings const& get() const { return m_settings; }
+
+private:
+    Settings m_settings;
+};
+
 /// The settings, the objects prepared from them, and the pool. Thread-safe.
 struct Shared {
     /// @param counts  must outlive it
-    Shared(Settings const& given, Totals& counts);
+    /// @param before  that of the earlier settings; null: there are none
+    Shared(Settings const& given, Totals& counts, Shared* before);
 
 private:
     /// Without `logins`.
     /// @param tls  of another pool; null: its own
-    Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls);
+    Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
+           Pool* before);
+
+    OwnSettings m_ownSettings;
 
 public:
-    Settings const settings;
+    Settings const& settings;
     QueryTemplate const queryTemplate;
     KeyForms const forms;
     SearchRequest const request;

@@ -38,7 +38,7 @@ bool Session::Steps::startSaslBind()
              "an authorization id with a NUL byte cannot be sent");
         return false;
     }
-    bool const isPlain = tls() == nullptr && options.socketPath.empty();
+    bool const isPlain = tls() == nullptr;
     std::string const binding = tls() == nullptr ? std::string() : tls()->serverEndPoint();
     m_exchange = std::make_unique<SaslExchange>(serviceHost(options), options.authorizationId,
                                                 isPlain, binding);

@@ -12,7 +12,9 @@ USER1 = "uid=user0000001," + PEOPLE
 
 
 class Examples(DirectoryTest):
-    def example(self, name, *arguments, port=None, password=READER_PASSWORD, environment=None):
+    def example(
+        self, name, *arguments, port=None, password=READER_PASSWORD, environment=None, typed=""
+    ):
         command = [
             os.path.join(EXAMPLES, name),
             "127.0.0.1",
@@ -21,6 +23,7 @@ class Examples(DirectoryTest):
         ]
         done = subprocess.run(
             command,
+            input=typed.encode(),
             capture_output=True,
             timeout=DEADLINE,
             check=False,
@@ -78,6 +81,24 @@ class Examples(DirectoryTest):
         self.assertIn("user0000010@corp.test: defer, ldap://127.0.0.1:", down.output)
         self.assertEqual(refused.status, 78)
         self.assertIn("Invalid credentials", refused.output)
+
+    def test_verify_password_accepts_refuses_and_defers(self):
+        def verify(address, typed, **where):
+            return self.example("verify_password", READER, PEOPLE, address, typed=typed, **where)
+
+        right = verify("user0000001@corp.test", "pw-user0000001\n")
+        wrong = verify("user0000001@corp.test", "pw-user0000002\n")
+        unknown = verify("nobody@corp.test", "pw-user0000001\n")
+        empty = verify("user0000001@corp.test", "\n")
+        down = verify("user0000001@corp.test", "pw-user0000001\n", port=free_port())
+
+        self.assertEqual((right.status, right.output), (0, f"welcome, {USER1}\n"))
+        for refused in (wrong, unknown, empty):
+            self.assertEqual(
+                (refused.status, refused.output), (1, "refused: wrong address or password\n")
+            )
+        self.assertEqual((down.status, down.output), (75, "try later\n"))
+        self.assertIn("cannot connect", down.errors)
 
     def test_pooled_lookups_from_many_threads_share_connections(self):
         result = self.example("pooled_lookups", READER, PEOPLE, "8", "200")

@@ -133,6 +133,12 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
     case Role::resultCode: {
         auto const code = static_cast<signed char>(damaged);
         made.accepted = isBind ? codeOfBind(column, code) : codeOfRequest(column, code);
+        if (column == Column::verify) { // 49 becomes another one, too, and never 0
+            constexpr unsigned char invalidCredentials = 49; // the byte was 0
+            made.accepted =
+                anyOf({made.accepted,
+                       codeOfBind(column, static_cast<signed char>(invalidCredentials ^ damaged))});
+        }
         break;
     }
     case Role::messageId:

@@ -4,6 +4,7 @@
 #include "Crash.h"
 #include "Descriptor.h"
 #include "Expectations.h"
+#include "FaultyServer.h"
 #include "Resources.h"
 
 #include <algorithm>
@@ -183,6 +184,9 @@ void warmUp(Column column, Extent const& extent)
     dup2(standardError, STDERR_FILENO);
     std::signal(SIGPIPE, SIG_DFL);
     reportCrashes();
+    if (column == Column::verify) {
+        FaultyServer::spareReaders();
+    }
     warmUp(column, extent);
     for (std::size_t i = first; i < cases.size(); ++i) {
         say(pipe, "start");

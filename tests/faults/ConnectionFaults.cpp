@@ -174,7 +174,7 @@ Fault pausedAfterBind()
 {
     return {"paused-after-bind", "A real slapd is stopped after the bind and before the request.",
             [](Column column) {
-                if (column == Column::bind) {
+                if (requestOf(column) == Step::other) {
                     return std::string("no request follows the bind");
                 }
                 return column == Column::tool
@@ -247,31 +247,44 @@ FaultyServer::Script sendingAndMute(std::string const& bytes)
     };
 }
 
+/// Engine and tool distinguish a refused handshake from a broken connection.
+Accepted refusedHandshake(Column column, Accepted const& broken)
+{
+    switch (column) {
+    case Column::engine:
+    case Column::verify:
+        return {"Refused -11"};
+    case Column::tool:
+        return {"exit 77"};
+    default:
+        return broken;
+    }
+}
+
 Fault silentTls()
 {
-    return {
-        "tls", "An ldaps:// server that is silent, closes the connection, or does not speak TLS.",
-        always, [](Column column, Extent const& extent) {
-            Accepted const late = connectTrouble(column, Trouble::silent);
-            Accepted const broken = connectTrouble(column, Trouble::broken);
-            std::string const halfRecord("\x16\x03\x03\x00\x7a\x02\x00", 7);
-            // The engine tells that it is the server that refuses the handshake.
-            Accepted const refused = column == Column::engine ? Accepted{"Refused -11"} : broken;
-            std::string const alert("\x15\x03\x03\x00\x02\x02\x28", 7); // handshake failure
-            return std::vector<Case>{
-                secureCase("silent", sendingAndMute(""), late, extent),
-                secureCase("half a record", sendingAndMute(halfRecord), late, extent),
-                secureCase("alert", sendingAndMute(alert), refused, extent),
-                secureCase("plain text", sendingAndMute("HTTP/1.1 400 Bad Request\r\n\r\n"), broken,
-                           extent),
-                secureCase("plain LDAP", sendingAndMute(finalResponse(Step::bind, 1, 0)), broken,
-                           extent),
-                secureCase(
-                    "closed", [](Peer&) {}, broken, extent),
-                secureCase(
-                    "reset", [](Peer& peer) { peer.reset(); }, broken, extent),
-            };
-        }};
+    return {"tls",
+            "An ldaps:// server that is silent, closes the connection, or does not speak TLS.",
+            always, [](Column column, Extent const& extent) {
+                Accepted const late = connectTrouble(column, Trouble::silent);
+                Accepted const broken = connectTrouble(column, Trouble::broken);
+                std::string const halfRecord("\x16\x03\x03\x00\x7a\x02\x00", 7);
+                Accepted const refused = refusedHandshake(column, broken);
+                std::string const alert("\x15\x03\x03\x00\x02\x02\x28", 7); // handshake failure
+                return std::vector<Case>{
+                    secureCase("silent", sendingAndMute(""), late, extent),
+                    secureCase("half a record", sendingAndMute(halfRecord), late, extent),
+                    secureCase("alert", sendingAndMute(alert), refused, extent),
+                    secureCase("plain text", sendingAndMute("HTTP/1.1 400 Bad Request\r\n\r\n"),
+                               broken, extent),
+                    secureCase("plain LDAP", sendingAndMute(finalResponse(Step::bind, 1, 0)),
+                               broken, extent),
+                    secureCase(
+                        "closed", [](Peer&) {}, broken, extent),
+                    secureCase(
+                        "reset", [](Peer& peer) { peer.reset(); }, broken, extent),
+                };
+            }};
 }
 
 // Ends
@@ -315,7 +328,7 @@ Accepted acceptedAt(Step step, Moment moment, End end, Column column)
                                            troubleIn(requestOf(column), column, Trouble::broken)});
     // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end
     // of two connections.
-    bool const mayBreak = end == End::reset || column == Column::engine;
+    bool const mayBreak = end == End::reset || column == Column::engine || column == Column::verify;
     return mayBreak ? anyOf({after, broken}) : after;
 }
 

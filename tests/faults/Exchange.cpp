@@ -92,7 +92,8 @@ void walk(std::string const& bytes, std::size_t position, std::size_t end, std::
 
 char const* nameOf(Column column)
 {
-    constexpr char const* names[] = {"bind", "search", "add", "pool", "query", "engine", "tool"};
+    constexpr char const* names[] = {"bind",  "search", "add",    "pool",
+                                     "query", "engine", "verify", "tool"};
     return names[static_cast<int>(column)];
 }
 
@@ -116,6 +117,7 @@ Step requestOf(Column column)
 {
     switch (column) {
     case Column::bind:
+    case Column::verify:
         return Step::other;
     case Column::add:
         return Step::add;
@@ -124,14 +126,21 @@ Step requestOf(Column column)
     }
 }
 
+bool isBindOfReader(std::string const& request)
+{
+    return stepOf(request) == Step::bind && holds(request, readerDn);
+}
+
 std::vector<std::string> repliesTo(std::string const& request)
 {
     constexpr long invalidCredentials = 49;
     constexpr long protocolError = 2;
     int const id = messageIdOf(request);
     Step const step = stepOf(request);
-    bool const isReader = holds(request, readerDn) && holds(request, readerPassword);
-    if (step == Step::bind && !isReader) {
+    bool const isUser = step == Step::bind && bindContentOf(request).dn == userDn &&
+                        bindContentOf(request).password == userPassword;
+    bool const isReader = isBindOfReader(request) && holds(request, readerPassword);
+    if (step == Step::bind && !isReader && !isUser) {
         return {finalResponse(Step::bind, id, invalidCredentials)};
     }
     if (step == Step::search && !holds(request, userAddress)) { // no other user exists
@@ -186,7 +195,9 @@ std::vector<Reply> recordedReplies(Column column)
     if (column == Column::engine || column == Column::tool) {
         steps.push_back(Step::whoAmI);
     }
-    steps.push_back(requestOf(column));
+    if (column != Column::verify) {
+        steps.push_back(requestOf(column));
+    }
 
     std::vector<Reply> replies;
     int id = 1;

@@ -15,10 +15,13 @@ enum class Column {
     pool,   ///< a search on a connection of LDAPConnectionCache
     query,  ///< the query driver, with a bind of its own
     engine, ///< LDAPLookup: find, then findAll
-    tool,   ///< solvane-ldap lookup, as a process
+    /// LDAPLookup::verify with the right password and with a wrong one. Its exchange is that of the
+    /// user's bind; the search before is the engine's, and undisturbed.
+    verify,
+    tool, ///< solvane-ldap lookup, as a process
 };
-constexpr Column allColumns[] = {Column::bind,  Column::search, Column::add, Column::pool,
-                                 Column::query, Column::engine, Column::tool};
+constexpr Column allColumns[] = {Column::bind,  Column::search, Column::add,    Column::pool,
+                                 Column::query, Column::engine, Column::verify, Column::tool};
 char const* nameOf(Column column);
 
 // The only user on the servers of these tests, and the reader who may search it.
@@ -28,6 +31,7 @@ constexpr char userName[] = "Anna Berg 1";
 constexpr char people[] = "ou=people,dc=corp,dc=test";
 constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
 constexpr char readerPassword[] = "reader-pw";
+constexpr char userPassword[] = "pw-user0000001"; // as in testbed/gen-ldif
 constexpr char newDn[] = "uid=somebody,ou=new,dc=corp,dc=test";
 
 /// The steps of an exchange, by request.
@@ -38,6 +42,9 @@ Step requestOf(Column column);
 
 /// The answer to a request, message by message; empty for an unbind.
 std::vector<std::string> repliesTo(std::string const& request);
+
+/// Whether the request is a bind as the reader.
+bool isBindOfReader(std::string const& request);
 
 /// The messages of a good answer to a step.
 std::vector<std::string> repliesOf(Step step, int messageId);

@@ -22,6 +22,7 @@ Accepted ofBind(Column column, std::string const& place, std::string const& engi
     case Column::query:
         return {"error " + place.substr(0, place.find(' '))};
     case Column::engine:
+    case Column::verify:
         return {engine};
     case Column::tool:
         return {tool};
@@ -37,6 +38,7 @@ Accepted ofRequest(Column column, std::initializer_list<char const*> search,
     Accepted accepted;
     switch (column) {
     case Column::bind:
+    case Column::verify:
         return success(column);
     case Column::add:
         accepted.insert(add.begin(), add.end());
@@ -65,6 +67,7 @@ Accepted silentIn(Step step, Column column)
     case Column::query:
         return {step == Step::bind ? "unconfirmed" : "failed", "failed"};
     case Column::engine:
+    case Column::verify:
         return {"TryLater -5"};
     case Column::tool:
         return {"exit 75"};
@@ -124,6 +127,8 @@ Accepted success(Column column)
         return {"bound"};
     case Column::add:
         return {"added"};
+    case Column::verify:
+        return {"accepted", "denied"};
     case Column::tool:
         return {"exit 0"};
     default:
@@ -145,7 +150,7 @@ Accepted troubleIn(Step step, Column column, Trouble trouble)
     if (trouble == Trouble::silent) {
         return silentIn(step, column);
     }
-    if (step == Step::bind && column == Column::engine) {
+    if (step == Step::bind && (column == Column::engine || column == Column::verify)) {
         return brokenForEngine;
     }
     if (step == Step::bind) {
@@ -165,7 +170,7 @@ Accepted unreadable(Step step, Column column)
     if (!takesPart(step, column)) {
         return success(column);
     }
-    if (column == Column::engine) {
+    if (column == Column::engine || column == Column::verify) {
         return brokenForEngine;
     }
     if (step == Step::bind) {
@@ -177,8 +182,22 @@ Accepted unreadable(Step step, Column column)
         {"Add.cpp:137 (4/3) < Result.cpp:577 (1/6)", "Add.cpp:137 (4/3) < Result.cpp:541 (2/6)"});
 }
 
+/// The server's judgement counts, whatever the password is.
+Accepted codeOfLogin(long code)
+{
+    constexpr long judgements[] = {19, 48, 49};
+    if (code == 0) {
+        return {"accepted", "wrong accepted"};
+    }
+    return holds(judgements, code) ? Accepted{"right denied", "denied"}
+                                   : Accepted{engineWord(code, true)};
+}
+
 Accepted codeOfBind(Column column, long code)
 {
+    if (column == Column::verify) {
+        return codeOfLogin(code);
+    }
     if (code == 0) {
         return success(column);
     }
@@ -204,7 +223,7 @@ Accepted codeOfBind(Column column, long code)
 
 Accepted codeOfRequest(Column column, long code)
 {
-    if (code == 0 || column == Column::bind) {
+    if (code == 0 || column == Column::bind || column == Column::verify) {
         return success(column);
     }
     switch (column) {

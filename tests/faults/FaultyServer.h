@@ -28,6 +28,11 @@ public:
     using Script = std::function<void(Peer&)>;
 
     explicit FaultyServer(Script script);
+
+    /// From now on, all servers of this process serve every connection correctly that begins with a
+    /// bind as the reader: only those of users are disturbed.
+    static void spareReaders() { s_sparesReaders = true; }
+
     FaultyServer(FaultyServer const&) = delete;
     FaultyServer& operator=(FaultyServer const&) = delete;
     ~FaultyServer();
@@ -43,6 +48,8 @@ public:
 private:
     void acceptAll();
     void play(int socket);
+
+    static std::atomic<bool> s_sparesReaders;
 
     Script const m_script;
     Descriptor m_listener;
@@ -75,6 +82,8 @@ public:
     void endSending();
     /// Ends the connection with a reset.
     void reset();
+    /// Waits for the first message, which stays to be received; whether it is a reader's bind.
+    bool isOfReader();
     /// Receives without answering, until the client closes.
     void stayMute();
     /// Whether the server has been repaired.

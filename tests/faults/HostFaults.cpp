@@ -91,10 +91,11 @@ std::vector<Case> descriptorCases(Column column, Extent const& extent)
         return cases;
     }
     // The engine tells what this process lacks from a server that is down.
-    Accepted const trouble = column == Column::engine ? Accepted{"TryLater -2"}
-                                                      : connectTrouble(column, Trouble::broken);
+    bool const isEngine = column == Column::engine || column == Column::verify;
+    Accepted const trouble =
+        isEngine ? Accepted{"TryLater -2"} : connectTrouble(column, Trouble::broken);
     for (bool const isConnected : {false, true}) {
-        bool const keepsConnections = column == Column::pool || column == Column::engine;
+        bool const keepsConnections = column == Column::pool || isEngine;
         Case tried;
         tried.name = isConnected ? "after a run" : "none left";
         tried.site = [=] { return std::make_unique<NoDescriptorsSite>(port, isConnected); };
@@ -205,7 +206,7 @@ public:
 
     Came meet(Action& operation) override
     {
-        if (m_column == Column::bind || m_column == Column::engine) {
+        if (requestOf(m_column) == Step::other || m_column == Column::engine) {
             operation.run(m_where);
             forkAndWait();
             return operation.run(m_where);

@@ -296,6 +296,9 @@ Fault brokenPipe()
                                         troubleIn(Step::whoAmI, column, Trouble::broken)});
                 if (column == Column::bind) {
                     tried.accepted = success(column);
+                } else if (column == Column::verify) {
+                    tried.accepted =
+                        anyOf({success(column), troubleIn(Step::bind, column, Trouble::broken)});
                 } else if (column != Column::engine && column != Column::tool) {
                     tried.accepted = brokenBeforeRequest(column);
                 }

@@ -128,7 +128,9 @@ Fault bindCodes()
 Fault requestCodes()
 {
     return {"request-codes", "The search or add is answered with the same codes, without entries.",
-            [](Column column) { return column == Column::bind ? "see bind-codes" : std::string(); },
+            [](Column column) {
+                return requestOf(column) == Step::other ? "see bind-codes" : std::string();
+            },
             [](Column column, Extent const& extent) {
                 Step const step = requestOf(column);
                 std::vector<Case> cases;
@@ -253,7 +255,8 @@ Fault reordered()
 {
     return {"reordered", "Answers arrive in another order, or before their request.",
             [](Column column) {
-                return column == Column::bind ? "there is only one answer" : std::string();
+                return requestOf(column) == Step::other ? "there is only one answer"
+                                                        : std::string();
             },
             [](Column column, Extent const&) {
                 std::vector<Case> cases;

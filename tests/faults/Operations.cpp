@@ -295,13 +295,58 @@ public:
     }
 };
 
+LDAPLookup::Settings settingsFor(Target const& target)
+{
+    LDAPLookup::Server server;
+    server.host = target.host;
+    server.port = target.port;
+    server.secure = target.isSecure;
+    server.startTls = target.startsTls;
+    LDAPLookup::Settings settings;
+    settings.servers.push_back(server);
+    server.host = "127.0.0.1";
+    for (unsigned int const port : target.otherPorts) {
+        server.port = port;
+        settings.servers.push_back(server);
+    }
+    settings.nameServers = target.nameServers;
+    settings.networkTimeout = target.patience;
+    settings.deadline = target.deadline.count() != 0
+                            ? target.deadline
+                            : std::chrono::milliseconds(1500 * target.patience);
+    settings.bindDn = readerDn;
+    settings.password = readerPassword;
+    settings.base = people;
+    settings.queryTemplate = "(mail=$m)";
+    settings.attributes = {"cn", "mail"};
+    settings.connections = 2;
+    settings.tls.verify = Lookup::TlsVerify::none; // the handshake is what is disturbed here
+    settings.tls.certificateFile = target.certificateFile;
+    settings.tls.keyFile = target.keyFile;
+    // No back-off: each lookup must meet the fault itself.
+    settings.backOff = settings.longestBackOff = std::chrono::milliseconds(0);
+    settings.refusedHold = std::chrono::milliseconds(0);
+    return settings;
+}
+
+/// Whom an engine asks, and how patiently.
+using Where = std::tuple<std::string, unsigned int, bool, bool, unsigned int,
+                         std::vector<unsigned int>, std::chrono::milliseconds, std::string>;
+
+Where whereOf(Target const& target)
+{
+    return {target.host,     target.port,       target.isSecure, target.startsTls,
+            target.patience, target.otherPorts, target.deadline, target.certificateFile};
+}
+
+constexpr char const* outcomeNames[] = {"Found",    "NotFound", "Skipped",      "BadKey",
+                                        "TryLater", "Refused",  "Misconfigured"};
+
 class Engine : public Action {
 public:
     Came run(Target const& target) override
     {
-        auto const where = std::make_tuple(target.host, target.port, target.isSecure,
-                                           target.startsTls, target.patience, target.otherPorts,
-                                           target.deadline, target.certificateFile);
+        Where const where = whereOf(target);
         Came came = {SolvaneTest::wordFor([&] {
             if (!m_lookup || m_where != where) {
                 m_lookup.reset();
@@ -324,40 +369,6 @@ public:
     }
 
 private:
-    static LDAPLookup::Settings settingsFor(Target const& target)
-    {
-        LDAPLookup::Server server;
-        server.host = target.host;
-        server.port = target.port;
-        server.secure = target.isSecure;
-        server.startTls = target.startsTls;
-        LDAPLookup::Settings settings;
-        settings.servers.push_back(server);
-        server.host = "127.0.0.1";
-        for (unsigned int const port : target.otherPorts) {
-            server.port = port;
-            settings.servers.push_back(server);
-        }
-        settings.nameServers = target.nameServers;
-        settings.networkTimeout = target.patience;
-        settings.deadline = target.deadline.count() != 0
-                                ? target.deadline
-                                : std::chrono::milliseconds(1500 * target.patience);
-        settings.bindDn = readerDn;
-        settings.password = readerPassword;
-        settings.base = people;
-        settings.queryTemplate = "(mail=$m)";
-        settings.attributes = {"cn", "mail"};
-        settings.connections = 2;
-        settings.tls.verify = Lookup::TlsVerify::none; // the handshake is what is disturbed here
-        settings.tls.certificateFile = target.certificateFile;
-        settings.tls.keyFile = target.keyFile;
-        // No back-off: each lookup must meet the fault itself.
-        settings.backOff = settings.longestBackOff = std::chrono::milliseconds(0);
-        settings.refusedHold = std::chrono::milliseconds(0);
-        return settings;
-    }
-
     void findAll(Came& came)
     {
         constexpr int keys = 2;
@@ -380,9 +391,7 @@ private:
 
     static std::string wordOf(LDAPLookup::Answer const& answer)
     {
-        constexpr char const* names[] = {"Found",    "NotFound", "Skipped",      "BadKey",
-                                         "TryLater", "Refused",  "Misconfigured"};
-        std::string word = names[static_cast<int>(answer.outcome)];
+        std::string word = outcomeNames[static_cast<int>(answer.outcome)];
         if (answer.outcome == LDAPLookup::Outcome::Found) {
             word = wordFor(answer.entries);
         } else {
@@ -393,10 +402,47 @@ private:
     }
 
     std::unique_ptr<LDAPLookup> m_lookup;
-    /// Whom m_lookup asks, and how patiently.
-    std::tuple<std::string, unsigned int, bool, bool, unsigned int, std::vector<unsigned int>,
-               std::chrono::milliseconds, std::string>
-        m_where;
+    Where m_where;
+};
+
+/// With the right password: "accepted", "right denied". With a wrong one: "denied", "wrong
+/// accepted". Any other outcome by its name and code.
+class Verify : public Action {
+public:
+    Came run(Target const& target) override
+    {
+        Came came;
+        for (bool const isRight : {true, false}) {
+            came.push_back(SolvaneTest::wordFor([&] {
+                Where const where = whereOf(target);
+                if (!m_lookup || m_where != where) {
+                    m_lookup.reset();
+                    m_lookup = std::make_unique<LDAPLookup>(settingsFor(target));
+                    m_where = where;
+                }
+                return wordOf(m_lookup->verify(userAddress, isRight ? userPassword : "wrong"),
+                              isRight);
+            }));
+        }
+        return came;
+    }
+
+private:
+    static std::string wordOf(LDAPLookup::Verification const& verification, bool isRight)
+    {
+        switch (verification.outcome) {
+        case LDAPLookup::VerifyOutcome::Accepted:
+            return isRight ? "accepted" : "wrong accepted";
+        case LDAPLookup::VerifyOutcome::Denied:
+            return isRight ? "right denied" : "denied";
+        default: // they follow each other as those of lookups
+            return outcomeNames[static_cast<int>(verification.outcome) - 1] +
+                   (' ' + std::to_string(verification.code));
+        }
+    }
+
+    std::unique_ptr<LDAPLookup> m_lookup;
+    Where m_where;
 };
 
 class Tool : public Action {
@@ -490,6 +536,8 @@ std::unique_ptr<Action> makeAction(Column column, std::string const& tool)
         return std::make_unique<Query>();
     case Column::engine:
         return std::make_unique<Engine>();
+    case Column::verify:
+        return std::make_unique<Verify>();
     case Column::tool:
         break;
     }

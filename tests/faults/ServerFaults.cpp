@@ -26,6 +26,9 @@ constexpr Milliseconds generous{10000};
 std::function<std::string(Column)> onlyForTheEngine(char const* why)
 {
     return [why](Column column) {
+        if (column == Column::verify) {
+            return std::string("uses the engine's pool");
+        }
         bool const isThere = column == Column::engine || column == Column::tool;
         return isThere ? std::string() : std::string(why);
     };

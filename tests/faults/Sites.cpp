@@ -111,6 +111,7 @@ Accepted alteredEntry(Column column)
     switch (column) {
     case Column::bind:
     case Column::add:
+    case Column::verify:
         return {};
     case Column::tool:
         return {"exit 0 altered"};
@@ -124,6 +125,7 @@ Accepted nobody(Column column)
     switch (column) {
     case Column::bind:
     case Column::add:
+    case Column::verify:
         return {};
     case Column::engine:
         return {"NotFound 0"};

@@ -19,6 +19,7 @@ std::string engineAlone(Column column)
     switch (column) {
     case Column::engine:
         return std::string();
+    case Column::verify:
     case Column::tool:
         return "uses the engine's code";
     default:

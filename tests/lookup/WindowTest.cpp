@@ -15,31 +15,26 @@ TEST(TheWindow, BeginsAtItsLongest)
     EXPECT_FALSE(window.isNarrow());
 }
 
-TEST(TheWindow, IsHalvedWhenAConnectionThatAnsweredIsLost)
+TEST(TheWindow, NarrowsWhenAConnectionIsLost)
 {
-    Window window(128);
+    struct {
+        char const* shows;
+        std::size_t longest;
+        std::size_t lost;
+        bool hadAnswered;
+        std::size_t limit;
+    } const cases[] = {
+        {"it is halved when the connection had answered", 128, 128, true, 64},
+        {"it begins anew when the connection never answered", 128, 128, false, 1},
+        {"it stays when a search was alone", 32, 1, false, 32},
+    };
+    for (auto const& row : cases) {
+        Window window(row.longest);
 
-    window.lost(128, true);
+        window.lost(row.lost, row.hadAnswered);
 
-    EXPECT_EQ(window.limit(), 64U);
-}
-
-TEST(TheWindow, BeginsAnewWhenAConnectionThatNeverAnsweredIsLost)
-{
-    Window window(128);
-
-    window.lost(128, false);
-
-    EXPECT_EQ(window.limit(), 1U);
-}
-
-TEST(TheWindow, StaysWhenASearchWasAlone)
-{
-    Window window(32);
-
-    window.lost(1, false);
-
-    EXPECT_EQ(window.limit(), 32U);
+        EXPECT_EQ(window.limit(), row.limit) << row.shows;
+    }
 }
 
 TEST(TheWindow, DoublesUpToHalfOfWhatWasLostAndGrowsByOneFromThere)

@@ -122,6 +122,48 @@ DIFFERENCES = (
 )
 
 
+WAYS = (
+    ("PLAIN", "plain"),
+    ("LDAPS", "`ldaps://`"),
+    ("STARTTLS", "StartTLS"),
+    ("LDAPI", "`ldapi://`"),
+)
+IDENTITIES = (
+    ("nobody", "no bind"),
+    ("reader", "password"),
+    ("external", "SASL EXTERNAL"),
+    ("gssapi", "SASL GSSAPI"),
+)
+
+
+NOT_SENT = -9  # the session refuses, as there is no client certificate
+
+
+def way(name):
+    """A cell for a lookup by one way in, as one identity."""
+
+    def cell(server):
+        if server[name] == "":
+            return ABSENT
+        if int(server[name]) == NOT_SENT:
+            return "not possible"
+        if int(server[name]) == 0:
+            identity = shown(server[f"{name}_identity"])
+            return "answered" if identity == ABSENT else f"as `{identity}`"
+        words = shown(server[f"{name}_text"])
+        return f"code {server[name]}" + ("" if words == ABSENT else f": {words}")
+
+    return cell
+
+
+def ways():
+    return [
+        (f"{way_text}, {identity_text}", way(f"way_{way_name}_{identity_name}"))
+        for way_name, way_text in WAYS
+        for identity_name, identity_text in IDENTITIES
+    ]
+
+
 def table(servers, rows):
     lines = [["", *(server.name for server in servers)], ["---"] * (len(servers) + 1)]
     lines += [[label, *(cell(server) for server in servers)] for label, cell in rows]
@@ -161,18 +203,20 @@ def main():
 
     version = ("version", lambda server: server.version)
     differences = table(servers, [version, ("tests", passed()), *DIFFERENCES])
+    in_ways = table(servers, ways())
     suites = table(
         servers,
         [version, *((suite, passed(suite)) for suite in servers[0].suites()), ("all", passed())],
     )
     if arguments.write:
-        replace(TOP / "docs/guide/servers.md", differences)
+        replace(TOP / "docs/guide/servers.md", f"{differences}\n{in_ways}")
         if (TOP / "docs/reliability.md").exists():
             replace(
                 TOP / "docs/reliability.md",
                 f"{suites}\nHow they differ: [Directory servers](guide/servers.md#what-differs).\n",
             )
     print(differences)
+    print(in_ways)
     print(suites)
     sys.exit(any(run != good for run, good in (server.counts() for server in servers)))
 

@@ -5,6 +5,9 @@ SERVER_NAME=OpenLDAP
 SCRIPTS=slapd                # testbed/slapd-start and so on
 GUIDE='## OpenLDAP'          # its part of docs/guide/servers.md
 USERS=600
+START_OPTIONS='--client-certs allow'  # of slapd-start
+SOCKET=$SERVER_DIR/ldapi
+KERBEROS_HOST=localhost      # for which it has a principal
 
 # The data
 PEOPLE=ou=people,$BASE_DN
@@ -30,4 +33,10 @@ SIZE_LIMIT=500               # entries that the server sends at the most; empty:
 CLIENT_SIZE_LIMIT=4          # a search with a limit that is less than the entries found; 0: ignored
 WHO_AM_I=0                   # the question "Who am I?"
 VERSION_2=0                  # a bind of protocol version 2
+# Of a lookup by each way in: without a bind, with a password, by SASL EXTERNAL, by SASL GSSAPI; -9: not
+# possible, as there is no certificate
+WAY_PLAIN='0 0 -9 0'
+WAY_LDAPS='0 0 0 0'
+WAY_STARTTLS='0 0 0 0'
+WAY_LDAPI='0 0 0 0'
 VALUES_IN_SPITE_OF_TYPES_ONLY=0  # of an attribute, where types alone were asked for

@@ -11,6 +11,11 @@
 #include <csignal>
 #include <ctime>
 
+#include <ldap.h>
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 
 using namespace Solvane;
@@ -144,6 +149,34 @@ TEST(ConnectTo, AddressesOfBothFamiliesTriesThemInTurn)
     EXPECT_EQ(session.addresses()[1].host(), "127.0.0.1");
     EXPECT_EQ(session.addresses()[2].host(), "::ffff:127.0.0.1");
     EXPECT_EQ(session.addresses()[3].host(), "127.0.0.1");
+}
+
+// Requests are batched before they are written: Nagle's algorithm would only hold the last one back.
+TEST(ConnectTo, AServerSendsSmallMessagesAtOnce)
+{
+    ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });
+    Session session(plainOptions(server.port()));
+    session.reach(Step::connect, soon());
+    int socket = -1;
+    ldap_get_option(session.handle(), LDAP_OPT_DESC, &socket);
+
+    int isOn = 0;
+    socklen_t size = sizeof isOn;
+    getsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &isOn, &size);
+
+    EXPECT_NE(isOn, 0);
+}
+
+TEST(ConnectTo, ASecureServerWithoutTlsSettingsIsMisconfigured)
+{
+    ScriptedServer const server([](Peer& peer) { peer.receiveUntilClosed(); });
+    SessionOptions options = plainOptions(server.port());
+    options.secure = true;
+    Session session(options);
+
+    EXPECT_EQ(shown(session.reach(Step::handshake, soon())),
+              "Misconfigured -9 ldaps://127.0.0.1:" + std::to_string(server.port()) +
+                  ": TLS is not configured");
 }
 
 TEST(ConnectTo, AnAddressWithAZoneIsMisconfigured)

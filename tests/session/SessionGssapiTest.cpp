@@ -15,6 +15,8 @@
 #include <ldap.h>
 
 #include <atomic>
+#include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <thread>
@@ -37,12 +39,8 @@ protected:
             return;
         }
         s_kdc = std::make_unique<Kdc>();
-        std::ofstream(s_kdc->file("sasl.conf"))
-            << "sasl-host localhost\n"
-               "sasl-realm CORP.TEST\n"
-               "authz-regexp uid=([^,]*)(,cn=[^,]*)?,cn=gssapi,cn=auth cn=$1,dc=corp,dc=test\n";
         s_slapd = std::make_unique<Slapd>(
-            std::vector<std::string>{"--users", "20", "--global-conf", s_kdc->file("sasl.conf")});
+            std::vector<std::string>{"--users", "20", "--kerberos", s_kdc->folder()});
     }
     static void TearDownTestSuite()
     {
@@ -159,9 +157,9 @@ TEST_F(SessionByGssapi, UsesTls)
 /// A slapd that compares the channel binding: the hash of its certificate.
 TEST_F(SessionByGssapi, IsBoundToTheCertificateOfTls)
 {
-    std::ofstream(kdc().file("binding.conf"))
-        << std::ifstream(kdc().file("sasl.conf")).rdbuf() << "sasl-cbinding tls-endpoint\n";
-    Slapd const binding({"--users", "1", "--global-conf", kdc().file("binding.conf")});
+    std::ofstream(kdc().file("binding.conf")) << "sasl-cbinding tls-endpoint\n";
+    Slapd const binding({"--users", "1", "--kerberos", kdc().folder(), "--global-conf",
+                         kdc().file("binding.conf")});
     SessionOptions same = secureOptions();
     same.addresses = {*Address::parse("127.0.0.1", binding.tlsPort())};
     same.tls = std::make_shared<TlsContext>(policy(TlsVerify::full, binding.caFile().string()));
@@ -459,6 +457,27 @@ TEST_F(SessionByGssapi, SendsAndReceivesMoreThanAPacketHolds)
         "Found 0 ");
     EXPECT_EQ(typesFor(session, id),
               (std::vector<int>{LDAP_RES_SEARCH_ENTRY, LDAP_RES_SEARCH_RESULT}));
+}
+
+// The plugin
+
+/// Cyrus SASL looks for its plugins once, so the test runs itself where there are none.
+TEST(GssapiPlugin, IsNamedWhenItIsMissing)
+{
+    if (std::getenv("SASL_PATH") == nullptr) {
+        auto const outcome =
+            run({"env", "SASL_PATH=/nonexistent", std::filesystem::read_symlink("/proc/self/exe"),
+                 "--gtest_filter=GssapiPlugin.*"});
+        EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
+        return;
+    }
+    ScriptedServer const server([](ScriptedServer::Peer& peer) { peer.ignore(); });
+    SessionOptions options = plainOptions(server.port());
+    options.mechanism = Mechanism::gssapi;
+    Session session(options);
+
+    EXPECT_THAT(shown(session.reach(Step::bind, soon())),
+                AllOf(StartsWith("Misconfigured -9 "), HasSubstr("libsasl2-modules-gssapi-mit")));
 }
 
 // Forks

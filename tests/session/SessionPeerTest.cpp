@@ -517,6 +517,18 @@ TEST(AnswerOfAPeer, ThatIsLargerThanTheBoundBreaksTheSession)
                 AllOf(StartsWith("TryLater -4 "), HasSubstr("a message larger than 1000 bytes")));
 }
 
+TEST(AnswerOfAPeer, ThatIsAsLargeAsTheBoundIsTaken)
+{
+    auto const entryFor = [](int id) {
+        return searchEntry(id, "cn=x", {{"jpegPhoto", {std::string(2000, 'x')}}});
+    };
+    GrantedSession granted(answering(entryFor));
+    granted.open(entryFor(1).size());
+    granted.search();
+
+    EXPECT_EQ(next(*granted.session)->received, Received::message);
+}
+
 TEST(AnswerOfAPeer, ThatAnnouncesGigabytesBreaksTheSession)
 {
     GrantedSession granted(answering([](int) { return hugeMessageHeader(); }));

@@ -12,6 +12,7 @@
 #include <ldap.h>
 
 #include <atomic>
+#include <ctime>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -255,7 +256,11 @@ protected:
     /// A bound session with the server, with all input received.
     std::unique_ptr<Session> opened(std::string const& host = "localhost")
     {
-        SessionOptions options = secureOptions(m_server.port(), TlsPolicy(), host);
+        return opened(m_server.port(), host);
+    }
+    std::unique_ptr<Session> opened(unsigned int port, std::string const& host = "localhost")
+    {
+        SessionOptions options = secureOptions(port, TlsPolicy(), host);
         options.tls = m_context;
         options.bindDn = readerDn;
         options.password = &readerPassword;
@@ -333,6 +338,64 @@ TEST_P(ResumedTls, OfACertificateThatWasRefusedIsNotKept)
     EXPECT_EQ(first->verdict().outcome, Outcome::Refused);
     EXPECT_EQ(second->verdict().outcome, Outcome::Refused);
     EXPECT_EQ(m_resumed, 0);
+}
+
+// What was remembered of it may be the cause.
+TEST_P(ResumedTls, IsForgottenWhenAHandshakeFails)
+{
+    std::atomic<int> connections{0};
+    ScriptedServer const server([&](Peer& peer) {
+        if (++connections == 2) {
+            peer.send("no TLS");
+        } else if (peer.startTls(m_tls)) {
+            answerAll(peer);
+        }
+    });
+    auto const first = opened(server.port());
+    auto const second = opened(server.port());
+
+    auto const third = opened(server.port());
+
+    EXPECT_EQ(shown(first->verdict()), "Found 0 ");
+    EXPECT_FALSE(second->verdict().isGood());
+    EXPECT_EQ(shown(third->verdict()), "Found 0 ");
+    EXPECT_FALSE(third->isTlsResumed());
+}
+
+TEST_P(ResumedTls, IsVerifiedAnewOnceACertificateOfItsChainHasExpired)
+{
+    for (bool const isServers : {true, false}) { // or that of the authority between
+        Verdict verdict;
+        std::time_t end = 0;
+        std::unique_ptr<ServerTls> tls;
+        std::unique_ptr<ScriptedServer> server;
+        for (std::time_t const life : {2, 30}) { // the handshake may take long on a busy machine
+            CertificateWish own;
+            CertificateWish between;
+            between.commonName = "Between";
+            between.isAuthority = true;
+            end = std::time(nullptr) + life;
+            (isServers ? own : between).notAfter = end;
+            server.reset();
+            tls = std::make_unique<ServerTls>(m_authority.issueThrough(between, own), GetParam());
+            server = std::make_unique<ScriptedServer>([&](Peer& peer) {
+                if (peer.startTls(*tls)) {
+                    answerAll(peer);
+                }
+            });
+            verdict = opened(server->port())->verdict();
+            if (verdict.isGood()) {
+                break;
+            }
+        }
+        ASSERT_EQ(shown(verdict), "Found 0 ");
+        while (std::time(nullptr) <= end) {
+            std::this_thread::sleep_for(milliseconds(20));
+        }
+
+        EXPECT_THAT(shown(opened(server->port())->verdict()),
+                    AllOf(StartsWith("Refused -11 "), HasSubstr("expired on ")));
+    }
 }
 
 TEST_P(ResumedTls, IsSharedByThreads)

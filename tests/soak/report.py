@@ -55,7 +55,11 @@ def _memory(memory):
         f"{memory['first'] / 1024:.1f} MiB in the first third after warm-up, "
         f"{memory['last'] / 1024:.1f} MiB in the last"
     )
-    return text if memory["isJudged"] else text + " (not judged: the run is too short or has a sanitizer)"
+    return (
+        text
+        if memory["isJudged"]
+        else text + " (not judged: the run is too short or has a sanitizer)"
+    )
 
 
 def _table(head, rows):

@@ -38,15 +38,13 @@ Kdc::Kdc() : m_directory(m_folder.path() / "kdc")
 {
     runChecked({SOLVANE_TESTBED "/kdc-start", m_directory, "--owner", std::to_string(getpid())});
     setenv("KRB5_KDC_PROFILE", file("kdc.conf").c_str(), 1);
-    setenv("KRB5_KTNAME", file("service.keytab").c_str(), 1); // for servers
-    setenv("KRB5RCACHENAME", "none:", 1);
     useRealm();
 }
 
 Kdc::~Kdc()
 {
-    for (char const* const name : {"KRB5_CONFIG", "KRB5_KDC_PROFILE", "KRB5_KTNAME",
-                                   "KRB5RCACHENAME", "KRB5CCNAME", "KRB5_CLIENT_KTNAME"}) {
+    for (char const* const name :
+         {"KRB5_CONFIG", "KRB5_KDC_PROFILE", "KRB5CCNAME", "KRB5_CLIENT_KTNAME"}) {
         unsetenv(name);
     }
     try {

@@ -25,6 +25,8 @@ public:
     /// Skips the calling test; fails it if the environment variable CI is "true".
     static void reportMissing();
 
+    /// For `--kerberos` of testbed/slapd-start.
+    std::filesystem::path const& folder() const { return m_directory; }
     /// A file of the realm's folder, such as "service.keytab".
     std::filesystem::path file(std::string const& name) const { return m_directory / name; }
 

@@ -139,6 +139,17 @@ class Domains(ScriptedLookup):
         self.assertEqual((result.status, self.directory.count(SEARCH)), (1, 1), result.errors)
 
 
+def reading_keys(directory, *options, **streams):
+    """The tool, which reads keys from a pipe and writes a row for each into another."""
+    rows = "-b dc=x -t (mail=$m) -f - --format tsv".split()
+    return subprocess.Popen(
+        [TOOL, "lookup", "-H", directory.uri, *rows, *options],
+        stdin=subprocess.PIPE,
+        stdout=subprocess.PIPE,
+        **streams,
+    )
+
+
 class KeysOfAPipe(ToolTest):
     def test_are_searched_for_while_others_are_under_way(self):
         """The first key is answered only after the search for the second one came."""
@@ -153,29 +164,7 @@ class KeysOfAPipe(ToolTest):
                 silent(connection)
 
         directory = ScriptedDirectory(self, script)
-        with subprocess.Popen(
-            [
-                TOOL,
-                "lookup",
-                "-H",
-                directory.uri,
-                "-b",
-                "dc=x",
-                "-t",
-                "(mail=$m)",
-                "-j",
-                "1",
-                "--deadline",
-                "20",
-                "-f",
-                "-",
-                "--format",
-                "tsv",
-            ],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-            stderr=subprocess.PIPE,
-        ) as tool:
+        with reading_keys(directory, "-j", "1", "--deadline", "20", stderr=subprocess.PIPE) as tool:
             tool.stdin.write(b"first@x.test\n")
             tool.stdin.flush()
             self.assertTrue(heard.wait(DEADLINE))
@@ -192,24 +181,7 @@ class KeysOfAPipe(ToolTest):
     def test_are_answered_before_the_next_one_comes(self):
         """A dialogue: the next key is written when the answer to the one before it was read."""
         directory = ScriptedDirectory(self, serving(lambda request: request.empty()))
-        with subprocess.Popen(
-            [
-                TOOL,
-                "lookup",
-                "-H",
-                directory.uri,
-                "-b",
-                "dc=x",
-                "-t",
-                "(mail=$m)",
-                "-f",
-                "-",
-                "--format",
-                "tsv",
-            ],
-            stdin=subprocess.PIPE,
-            stdout=subprocess.PIPE,
-        ) as tool:
+        with reading_keys(directory) as tool:
             for number in range(50):
                 key = b"%d@x.test" % number
                 tool.stdin.write(key + b"\n")

@@ -81,20 +81,14 @@ TEST(AnAttribute, StartsWithoutValues)
     EXPECT_EQ(attribute.asString(','), "");
 }
 
-TEST(AnAttribute, IsMadeFromAnArrayOfValues)
+TEST(AnAttribute, IsMadeFromOneValueOrAnArray)
 {
     BerValues values({"one", "two"});
 
-    LDAPAttribute const attribute(LDAPAttributeType("cn"), values.array());
-
-    EXPECT_THAT(bytesOf(attribute), ElementsAre("one", "two"));
-}
-
-TEST(AnAttribute, IsMadeFromOneValue)
-{
-    LDAPAttribute const attribute(LDAPAttributeType("cn"), bufferOf("one"));
-
-    EXPECT_THAT(bytesOf(attribute), ElementsAre("one"));
+    EXPECT_THAT(bytesOf(LDAPAttribute(LDAPAttributeType("cn"), bufferOf("one"))),
+                ElementsAre("one"));
+    EXPECT_THAT(bytesOf(LDAPAttribute(LDAPAttributeType("cn"), values.array())),
+                ElementsAre("one", "two"));
 }
 
 TEST(AnAttribute, SharesTheDescriptionItWasGiven)
@@ -212,27 +206,18 @@ TEST(SettingAnArrayOfValues, ReplacesAllValues)
     EXPECT_THAT(bytesOf(attribute), ElementsAre("new"));
 }
 
-TEST(SettingAnArrayOfValues, LeavesNoneForANullArray)
-{
-    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
-
-    attribute.value(static_cast<berval**>(nullptr));
-
-    EXPECT_THAT(attribute.binaryValue(), IsEmpty());
-    EXPECT_THAT(attribute.value(), IsEmpty());
-    EXPECT_EQ(attribute.asString(','), "");
-}
-
-TEST(SettingAnArrayOfValues, LeavesNoneForAnEmptyArray)
+TEST(SettingAnArrayOfValues, LeavesNoneForANullOrEmptyArray)
 {
     BerValues none({});
-    LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
+    for (berval** const array : {static_cast<berval**>(nullptr), none.array()}) {
+        LDAPAttribute attribute(LDAPAttributeType("cn"), bufferOf("old"));
 
-    attribute.value(none.array());
+        attribute.value(array);
 
-    EXPECT_THAT(attribute.binaryValue(), IsEmpty());
-    EXPECT_THAT(attribute.value(), IsEmpty());
-    EXPECT_EQ(attribute.asString(','), "");
+        EXPECT_THAT(attribute.binaryValue(), IsEmpty());
+        EXPECT_THAT(attribute.value(), IsEmpty());
+        EXPECT_EQ(attribute.asString(','), "");
+    }
 }
 
 TEST(SettingAnArrayOfValues, TakesAnEmptyValueWithoutBytes)

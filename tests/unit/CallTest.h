@@ -17,7 +17,6 @@
 #include <climits>
 #include <condition_variable>
 #include <deque>
-#include <initializer_list>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -54,9 +53,9 @@ protected:
     }
 
     /// From now on `ldap_result` hands out these messages, one a call, and then times out.
-    void willReceive(std::initializer_list<LDAPMessage*> answers)
+    void willReceive(std::vector<LDAPMessage*> const& answers)
     {
-        m_answers.assign(answers);
+        m_answers.assign(answers.begin(), answers.end());
         openldap.ldap_result = [this](LDAP*, int, int, timeval*, LDAPMessage** message) {
             if (m_answers.empty()) {
                 return 0;

@@ -1,5 +1,6 @@
 // One answer, read by several threads at once. What these tests are for, ThreadSanitizer sees.
 #include "CallTest.h"
+#include "ForkedProcess.h"
 
 #include <atomic>
 #include <functional>
@@ -184,6 +185,46 @@ TEST_F(SeveralThreads, CopyABodyThatOthersRead)
                     }),
                     Each("a value of more than sixteen bytesa value of more than sixteen bytes"));
     }
+}
+
+// A child does not have the thread that would unlock what was locked at the time of the fork.
+TEST_F(SeveralThreads, LeaveAForkedChildAbleToReadWhatTheyRead)
+{
+    if (!allocatorForks) {
+        GTEST_SKIP() << "the allocator does not support forks of processes with several threads";
+    }
+    constexpr std::size_t values = 2000; // so many that the lock is held most of the time
+    LDAPAttributeImpl body;
+    for (std::size_t i = 0; i != values; ++i) {
+        body.value(std::string("a value of more than sixteen bytes"));
+    }
+    LDAPAttributeImpl const& reader = body;
+    reader.value();
+    std::atomic<bool> isOver{false};
+    std::atomic<int> copies{0};
+    std::list<std::thread> copying;
+    for (int i = 0; i != 3; ++i) {
+        copying.emplace_back([&] {
+            for (; !isOver; ++copies) {
+                LDAPAttributeImpl const copy(reader);
+            }
+        });
+    }
+
+    std::string wrong;
+    for (unsigned int i = 0; i != rounds && wrong.empty(); ++i) {
+        for (int const before = copies; copies == before; std::this_thread::yield()) {
+        }
+        wrong = ForkedProcess([&]() -> std::string {
+                    return reader.value().size() == values ? "" : "values are missing";
+                }).complaint();
+    }
+    isOver = true;
+    for (std::thread& thread : copying) {
+        thread.join();
+    }
+
+    EXPECT_EQ(wrong, "");
 }
 
 } // namespace

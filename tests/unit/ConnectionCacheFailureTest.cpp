@@ -20,6 +20,15 @@ protected:
         givenBack(cache.getConnection(serverAt(390)));
         openldap.forgetCalls();
     }
+    void expectEndOfABoundSession()
+    {
+        EXPECT_THAT(openldap.calls(),
+                    ElementsAreArray(joined({{"time"},
+                                             opening,
+                                             sendingBind,
+                                             awaitingBind,
+                                             {"ldap_unbind_ext session null null"}})));
+    }
     void TearDown() override
     {
         EXPECT_EQ(state(), "hits 0, size 2, pooled 2") << "a failure has changed the pool";
@@ -41,12 +50,7 @@ TEST_F(ARefusedBind, GivesANullConnectionAndEndsTheSession)
     LDAPConnection const connection = bound();
 
     EXPECT_TRUE(connection.isNull());
-    EXPECT_THAT(openldap.calls(),
-                ElementsAreArray(joined({{"time"},
-                                         opening,
-                                         sendingBind,
-                                         awaitingBind,
-                                         {"ldap_unbind_ext session null null"}})));
+    expectEndOfABoundSession();
 }
 
 TEST_F(ARefusedBind, ForWantOfAccessIsOneToo)
@@ -67,12 +71,7 @@ TEST_F(ARefusedBind, OfInvalidCredentialsIsReportedWithTheBindsOwnFailureAndEnds
     EXPECT_THAT(causeOf(thrown),
                 IsFault("Connection.cpp", 297, 4, 3,
                         "Error: 'Invalid credentials' during bind to ldap://[127.0.0.1]:389/"));
-    EXPECT_THAT(openldap.calls(),
-                ElementsAreArray(joined({{"time"},
-                                         opening,
-                                         sendingBind,
-                                         awaitingBind,
-                                         {"ldap_unbind_ext session null null"}})));
+    expectEndOfABoundSession();
 }
 
 TEST_F(ARefusedBind, WithAReferralIsReportedWithTheReferral)

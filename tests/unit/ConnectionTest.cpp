@@ -1,5 +1,6 @@
 // Connections that are open: the exact calls that test, configure and end a session.
 #include "CallTest.h"
+#include "ForkedProcess.h"
 
 #include <cerrno>
 
@@ -187,6 +188,19 @@ TEST_F(TheLivenessTest, AsksTheSessionForItsSocketAndTheSocketForItsError)
             EXPECT_EQ(connection.openldapErrorCode(), row.recorded);
         });
     }
+}
+
+TEST_F(TheLivenessTest, FailsInAChildOfTheProcessThatMadeTheSession)
+{
+    openldap.ldap_get_option = socketSeven;
+    openldap.getsockopt = pendingError(0);
+
+    std::string const wrong = ForkedProcess([&]() -> std::string {
+                                  return body().isValid() ? "it is valid" : "";
+                              }).complaint();
+
+    EXPECT_EQ(wrong, "");
+    EXPECT_TRUE(body().isValid());
 }
 
 } // namespace

@@ -55,17 +55,30 @@ std::string randomBytes(std::mt19937& random, std::size_t longest)
 
 } // namespace
 
-TEST(FormalizingAValue, GivesNothingForNothing)
+TEST(FormalizingAValue, EscapesTheCharactersThatFiltersGiveAMeaning)
 {
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter(""), "");
-}
-
-TEST(FormalizingAValue, EscapesEachCharacterThatFiltersGiveAMeaning)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("*"), "\\2A");
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("("), "\\28");
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter(")"), "\\29");
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("\\"), "\\5C");
+    struct {
+        char const* shows;
+        std::string value;
+        std::string formal;
+    } const cases[] = {
+        {"nothing", "", ""},
+        {"an asterisk", "*", "\\2A"},
+        {"an opening parenthesis", "(", "\\28"},
+        {"a closing parenthesis", ")", "\\29"},
+        {"a backslash", "\\", "\\5C"},
+        {"a whole filter", "(cn=*)", "\\28cn=\\2A\\29"},
+        {"a backslash between letters", "a\\b", "a\\5Cb"},
+        {"an escape is escaped again", "\\2A", "\\5C2A"},
+        {"the last character", "abc*", "abc\\2A"},
+        {"several in a row", "**()\\\\", "\\2A\\2A\\28\\29\\5C\\5C"},
+        {"none", "jdoe@corp.test", "jdoe@corp.test"},
+        {"what means something outside of values", "a&b|c!d=e~f<g>h", "a&b|c!d=e~f<g>h"},
+        {"zero bytes stay round an escape", std::string("\0*\0", 3), std::string("\0\\2A\0", 5)},
+    };
+    for (auto const& row : cases) {
+        EXPECT_EQ(LDAPUtil::formalizeQueryFilter(row.value), row.formal) << row.shows;
+    }
 }
 
 TEST(FormalizingAValue, CopiesEveryOtherByte)
@@ -78,42 +91,6 @@ TEST(FormalizingAValue, CopiesEveryOtherByte)
 
         EXPECT_EQ(LDAPUtil::formalizeQueryFilter(byte), byte) << "byte " << number;
     }
-}
-
-TEST(FormalizingAValue, EscapesParenthesesOfAWholeFilter)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("(cn=*)"), "\\28cn=\\2A\\29");
-}
-
-TEST(FormalizingAValue, EscapesABackslashBetweenLetters)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("a\\b"), "a\\5Cb");
-}
-
-TEST(FormalizingAValue, EscapesAnEscapeAgain)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("\\2A"), "\\5C2A");
-}
-
-TEST(FormalizingAValue, EndsWithTheEscapeOfALastSpecialCharacter)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("abc*"), "abc\\2A");
-}
-
-TEST(FormalizingAValue, EscapesSpecialCharactersInARow)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("**()\\\\"), "\\2A\\2A\\28\\29\\5C\\5C");
-}
-
-TEST(FormalizingAValue, LeavesAValueWithoutSpecialCharactersAlone)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("jdoe@corp.test"), "jdoe@corp.test");
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter("a&b|c!d=e~f<g>h"), "a&b|c!d=e~f<g>h");
-}
-
-TEST(FormalizingAValue, KeepsZeroBytesRoundAnEscape)
-{
-    EXPECT_EQ(LDAPUtil::formalizeQueryFilter(std::string("\0*\0", 3)), std::string("\0\\2A\0", 5));
 }
 
 TEST(FormalizingAValue, IsUndoneByTheFilterGrammar)
@@ -148,48 +125,28 @@ TEST(FormalizingAValue, IsUndoneByOpenLdap)
 
 TEST(InstantiatingATemplate, PutsThePartsOfTheAddressIn)
 {
-    EmailAddress const address("jdoe@corp.test");
-
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate("(&(uid=$u)(dc=$d)(mail=$m))", address),
-              "(&(uid=jdoe)(dc=corp.test)(mail=jdoe@corp.test))");
-}
-
-TEST(InstantiatingATemplate, EscapesThePartsOfTheAddress)
-{
-    EmailAddress const address("j*(doe)@corp\\test");
-
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate("(mail=$m)", address),
-              "(mail=j\\2A\\28doe\\29@corp\\5Ctest)");
-}
-
-TEST(InstantiatingATemplate, LosesTheTextBeforeTheOptionalValues)
-{
-    EmailAddress const address("jdoe@corp.test");
-
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate("(a=1)$b(uid=$u)", address), "(uid=jdoe)");
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate("(a=1)$g(uid=$u)", address), "(uid=jdoe)");
-}
-
-TEST(InstantiatingATemplate, PutsAHashForAnEmptyDomain)
-{
-    EmailAddress const address("jdoe");
-
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate("(dc=$d)", address), "(dc=#)");
-}
-
-TEST(InstantiatingATemplate, ReadsTheTemplateUpToItsFirstZeroByte)
-{
-    EmailAddress const address("jdoe@corp.test");
-
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate(std::string("(uid=$u)\0$", 10), address),
-              "(uid=jdoe)");
-}
-
-TEST(InstantiatingATemplate, SplitsTheAddressAtItsLastAt)
-{
-    EmailAddress const address("a@b@corp.test");
-
-    EXPECT_EQ(LDAPUtil::instanceFilterTemplate("$u|$d", address), "a@b|corp.test");
+    struct {
+        char const* shows;
+        std::string filterTemplate;
+        char const* address;
+        char const* filter;
+    } const cases[] = {
+        {"each part", "(&(uid=$u)(dc=$d)(mail=$m))", "jdoe@corp.test",
+         "(&(uid=jdoe)(dc=corp.test)(mail=jdoe@corp.test))"},
+        {"escaped", "(mail=$m)", "j*(doe)@corp\\test", "(mail=j\\2A\\28doe\\29@corp\\5Ctest)"},
+        {"it loses the text before an optional value", "(a=1)$b(uid=$u)", "jdoe@corp.test",
+         "(uid=jdoe)"},
+        {"also before the other one", "(a=1)$g(uid=$u)", "jdoe@corp.test", "(uid=jdoe)"},
+        {"a hash for an empty domain", "(dc=$d)", "jdoe", "(dc=#)"},
+        {"the template up to its first zero byte", std::string("(uid=$u)\0$", 10), "jdoe@corp.test",
+         "(uid=jdoe)"},
+        {"the address is split at its last at", "$u|$d", "a@b@corp.test", "a@b|corp.test"},
+    };
+    for (auto const& row : cases) {
+        EXPECT_EQ(LDAPUtil::instanceFilterTemplate(row.filterTemplate, EmailAddress(row.address)),
+                  row.filter)
+            << row.shows;
+    }
 }
 
 TEST(InstantiatingATemplate, PassesTheExceptionOfAMalformedTemplateOn)

@@ -264,6 +264,7 @@ Expansion const removals[] = {
     {"behind a hash: as many bytes", "($u$d${b})",          {"abc", "", "", ""},     "(aac)"},
     {"behind a hash, no text",       "($u$d${})",           {"abc", "", "", ""},     "(aabc)"},
     {"a hash alone",                 "$d${x}",              {"abc", "", "", ""},     "#"},
+    {"not a hash behind what it cut", "$u${b}$d${#}",       {"ab", "", "", ""},      "a#"},
     // How values and text compare.
     {"a value that was escaped",     "$u${*}",              {"a*b", "", "", ""},     "a\\2Ab"},
     {"the escape itself",            "$u${\\2A}",           {"a*b", "", "", ""},     "ab"},

@@ -94,33 +94,25 @@ INSTANTIATE_TEST_SUITE_P(InState, AResultHandledOutOfTurn, testing::Values(0, 1,
 
 // Single steps
 
-TEST_F(ABindingQuery, IsReadyOnceTheServerAccepts)
+TEST_F(ABindingQuery, IsReadyUnlessTheServerRefuses)
 {
-    auto const query = newQuery(true);
-    willReceive({bindResponse(LDAP_SUCCESS)});
+    struct {
+        char const* shows;
+        std::vector<LDAPMessage*> answers;
+        int state;
+    } const cases[] = {
+        {"the server accepts", {bindResponse(LDAP_SUCCESS)}, 3},
+        {"the time runs out", {}, 3},
+        {"the server refuses", {bindResponse(LDAP_INSUFFICIENT_ACCESS)}, 6},
+    };
+    for (auto const& row : cases) {
+        auto const query = newQuery(true);
+        willReceive(row.answers);
 
-    query->bind();
+        query->bind();
 
-    EXPECT_EQ(query->state(), 3);
-}
-
-TEST_F(ABindingQuery, IsReadyWhenTheTimeRunsOut)
-{
-    auto const query = newQuery(true);
-
-    query->bind();
-
-    EXPECT_EQ(query->state(), 3);
-}
-
-TEST_F(ABindingQuery, HasFailedOnceTheServerRefuses)
-{
-    auto const query = newQuery(true);
-    willReceive({bindResponse(LDAP_INSUFFICIENT_ACCESS)});
-
-    query->bind();
-
-    EXPECT_EQ(query->state(), 6);
+        EXPECT_EQ(query->state(), row.state) << row.shows;
+    }
 }
 
 TEST_F(ABindingQuery, StaysInNeedOfABindWhenTheBindCannotBeSent)

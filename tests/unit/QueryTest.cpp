@@ -288,24 +288,17 @@ TEST_F(AStartedQuery, LetsAnExhaustedMemoryPassWhileItBinds)
     EXPECT_EQ(query->state(), 0);
 }
 
-TEST_F(AStartedQuery, IsDoneWithoutASearch)
+TEST_F(AStartedQuery, IsDoneWithoutASearchAlsoAfterItsBind)
 {
     Query query(connection, 1000, 10, false);
-
     query.start();
-
     EXPECT_EQ(query.state(), 5);
     EXPECT_THAT(openldap.calls(), IsEmpty());
-}
 
-TEST_F(AStartedQuery, IsDoneAfterItsBindWithoutASearch)
-{
-    Query query(connection, 1000, 10, true);
+    Query binding(connection, 1000, 10, true);
     willReceive({bindResponse(LDAP_SUCCESS)});
-
-    query.start();
-
-    EXPECT_EQ(query.state(), 5);
+    binding.start();
+    EXPECT_EQ(binding.state(), 5);
 }
 
 TEST_F(AStartedQuery, FailsWhenTheTimeOfItsSearchRunsOut)
@@ -365,54 +358,33 @@ INSTANTIATE_TEST_SUITE_P(Number, AQueryInAStateThatStartLeavesAlone,
 
 // The end
 
-TEST_F(AnEndingQuery, ReturnsTheConnectionThatItTook)
+TEST_F(AnEndingQuery, ReturnsTheConnectionThatItTookUnlessItWasToldOtherwise)
 {
-    connection.cacheMarkAsUsed();
-    auto query = std::make_unique<Query>(1000, 10);
-    query->m_connection = connection;
+    struct {
+        char const* shows;
+        std::unique_ptr<Query> query;
+        bool isReturned;
+    } cases[] = {
+        {"it took one", std::make_unique<Query>(1000, 10), true},
+        {"it was made by default", std::make_unique<Query>(), true},
+        {"it was given one", newQuery(true), false},
+        {"it took one and is to keep it", std::make_unique<Query>(1000, 10), false},
+        {"it was given one and is to return it", newQuery(), true},
+    };
+    cases[3].query->returnConnectionToCache(false);
+    cases[4].query->returnConnectionToCache(true);
+    for (auto& row : cases) {
+        SCOPED_TRACE(row.shows);
+        row.query->m_connection = connection;
+        connection.cacheMarkAsUsed();
 
-    query.reset();
+        row.query.reset();
 
-    EXPECT_TRUE(connection.cacheMarkAsUsed());
-    EXPECT_FALSE(connection.cacheMarkAsUsed());
+        EXPECT_EQ(connection.cacheMarkAsUsed(), row.isReturned);
+        EXPECT_FALSE(connection.cacheMarkAsUsed());
+        connection.cacheMarkAsAvailable();
+    }
     EXPECT_THAT(openldap.calls(), IsEmpty());
-}
-
-TEST_F(AnEndingQuery, MadeByDefaultGivesItsConnectionBackToo)
-{
-    connection.cacheMarkAsUsed();
-    auto query = std::make_unique<Query>();
-    query->m_connection = connection;
-
-    query.reset();
-
-    EXPECT_TRUE(connection.cacheMarkAsUsed());
-}
-
-TEST_F(AnEndingQuery, LeavesAConnectionThatItWasGivenInUse)
-{
-    connection.cacheMarkAsUsed();
-    auto query = newQuery(true);
-
-    query.reset();
-
-    EXPECT_FALSE(connection.cacheMarkAsUsed());
-}
-
-TEST_F(AnEndingQuery, DoesWithItsConnectionAsItWasTold)
-{
-    connection.cacheMarkAsUsed();
-    auto kept = std::make_unique<Query>(1000, 10);
-    kept->m_connection = connection;
-    kept->returnConnectionToCache(false);
-    auto given = newQuery();
-    given->returnConnectionToCache(true);
-
-    kept.reset();
-    EXPECT_FALSE(connection.cacheMarkAsUsed());
-
-    given.reset();
-    EXPECT_TRUE(connection.cacheMarkAsUsed());
 }
 
 TEST_F(AnEndingQuery, WithoutAConnectionGivesNothingBack)

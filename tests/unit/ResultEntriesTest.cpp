@@ -255,6 +255,14 @@ TEST_F(AContinuationReference, ThatIsMalformedFreesWhatOpenLDAPReturned)
     EXPECT_THAT(openldap.calls(), Contains("ldap_value_free ['ldap://a/']").Times(1));
 }
 
+// OpenLDAP would end the process.
+TEST_F(AContinuationReference, ThatIsNotThereIsLeftAloneWithoutACall)
+{
+    result.parseSearchReference(chain);
+
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+}
+
 TEST_F(AContinuationReference, CanBeCheckedByItself)
 {
     take(messages.reference({"ldap://a/"}));

@@ -74,20 +74,14 @@ TEST(AnEntry, SharesTheBodyOfAnAppendedAttribute)
     EXPECT_THAT(entry.attributes().attributes().front().value(), ElementsAre("a"));
 }
 
-TEST(AnEntry, EqualsNothing)
+TEST(AnEntry, EqualsNothingAndIsNotFoundInAList)
 {
     LDAPSearchResultEntry entry("cn=a");
-    LDAPSearchResultEntry const same("cn=a");
     LDAPSearchResultEntry const& itself = entry;
+    std::list<LDAPSearchResultEntry> entries{entry};
 
     EXPECT_FALSE(entry == itself);
-    EXPECT_FALSE(entry == same);
-}
-
-TEST(AnEntry, IsNotFoundInAList)
-{
-    std::list<LDAPSearchResultEntry> entries{LDAPSearchResultEntry("cn=a")};
-
+    EXPECT_FALSE(entry == LDAPSearchResultEntry("cn=a"));
     EXPECT_EQ(std::find(entries.begin(), entries.end(), entries.front()), entries.end());
 }
 

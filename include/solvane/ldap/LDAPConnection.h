@@ -157,10 +157,11 @@ public:
     /// Authenticates with a SASL bind (RFC 4513 section 5.2), and waits for the result.
     ///
     /// Connects if there is no connection yet. The network timeout limits the connect and each response;
-    /// Kerberos has its own limits for its servers. From then on the session never connects again, not
-    /// even to bind. A security layer of `Gssapi` protects all that follows; the session's option
-    /// `LDAP_OPT_X_SASL_SECPROPS` and `ldap.conf` select it. The name in the ticket is OpenLDAP's: that
-    /// of the server's address in DNS.
+    /// Kerberos has its own limits for its servers. From then on the session never reconnects, not even
+    /// in `bind`. A security layer of `Gssapi` protects all that follows; the session's option
+    /// `LDAP_OPT_X_SASL_SECPROPS` and `ldap.conf` select it. The ticket must be for the name that DNS
+    /// returns for the server's address.
+    /// @param mechanism        which credentials to use
     /// @param authorizationId  identity to act as, "dn:..." or "u:..."; empty: the authenticated one
     /// @throws LDAPException  code 1, type 0, Security.cpp:101: null handle;
     ///                        code 4, type 3, Security.cpp:108: the connection was unbound;

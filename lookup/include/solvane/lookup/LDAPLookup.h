@@ -93,6 +93,15 @@ public:
     ///                  nothing sent
     Verification verify(std::string const& key, std::string const& password);
 
+    /// Changes the settings. Keys that begin later use the new ones, also those of a `findAll` or
+    /// a queue under way; keys in flight end with those that they began with. The new settings
+    /// have connections of their own, so there may be up to `connections` of each for a while; idle
+    /// connections of earlier settings are closed as soon as no key uses these settings. Files of
+    /// the TLS settings are read anew. The servers count as up; of credentials that stay the same,
+    /// a refusal is still known. The earlier password is wiped from memory. Thread-safe.
+    /// @throws LDAPException  as the constructor; nothing has changed then
+    void reconfigure(Settings const& settings);
+
     /// Counts since construction.
     struct Statistics {
         unsigned long opened = 0;   ///< connections opened and bound

@@ -36,12 +36,12 @@ enum class Denial {
 
 /// The result of verifying a password. A value.
 struct Verification {
-    VerifyOutcome outcome = VerifyOutcome::TryLater;
-    Denial denial = Denial::none; ///< if `Denied`
-    std::string dn;               ///< of the entry, once found
-    std::string server;           ///< URI of the server that answered or failed last
-    int code = 0;                 ///< as in `Verdict`
-    std::string text;             ///< cause, one line; never contains the password
+    VerifyOutcome outcome = VerifyOutcome::TryLater; ///< whether to let the user in
+    Denial denial = Denial::none;                    ///< if `Denied`
+    std::string dn;                                  ///< of the entry, once found
+    std::string server; ///< URI of the server that answered or failed last
+    int code = 0;       ///< as in `Verdict`
+    std::string text;   ///< cause, one line; never contains the password
     /// With `Accepted`: when the password expires, if the server warns of it.
     std::optional<std::chrono::seconds> expiresIn;
     /// With `Accepted`: how many more binds the server grants with this expired password.

@@ -28,8 +28,8 @@ struct BindResult {
     std::string serverText; ///< the server's diagnostic message, as sent; not safe to print
     /// Text of the code and everything that the server added, on one line.
     std::string words;
-    bool hasPolicy = false; ///< the response has a password policy control
-    PolicyError policyError = PolicyError::none;
+    bool hasPolicy = false;                      ///< the response has a password policy control
+    PolicyError policyError = PolicyError::none; ///< from that control
     /// Until the password expires, from the password policy control or Netscape's "password
     /// expiring" (2.16.840.1.113730.3.4.5).
     std::optional<std::chrono::seconds> expiresIn;

@@ -52,7 +52,7 @@ struct SessionOptions {
     std::vector<Address> addresses;                  ///< already resolved; empty: resolves the name
     std::vector<std::string> nameServers; ///< "address" or "address:port"; empty: the system's
     std::shared_ptr<TlsContext> tls;      ///< required for TLS; shared by all sessions of an engine
-    Mechanism mechanism = Mechanism::simple;
+    Mechanism mechanism = Mechanism::simple; ///< of the bind
     std::string authorizationId; ///< of a SASL bind, as "dn:..." or "u:..."; empty: the server's
     std::string bindDn;          ///< of a simple bind; empty: anonymous, no bind is sent
     std::string const* password = nullptr; ///< borrowed; must outlive the bind step

@@ -1,0 +1,349 @@
+// New settings while lookups are under way.
+#include "Eventually.h"
+#include "ForkedProcess.h"
+#include "ProcessMemory.h"
+#include "Queues.h"
+#include "Slapd.h"
+
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/session/PlainText.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <future>
+#include <list>
+#include <thread>
+
+using namespace Solvane;
+using Lookup::Outcome;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+namespace SolvaneTest {
+
+namespace {
+
+using Peer = ScriptedServer::Peer;
+using Supply = LDAPLookup::Supply;
+
+std::string uriOf(ScriptedServer const& server)
+{
+    return "ldap://127.0.0.1:" + std::to_string(server.port());
+}
+
+/// Answers each search when the test gives the cue.
+ScriptedServer::Script servingOnCue()
+{
+    return serving([](Peer& peer, std::string const& request) {
+        peer.awaitCue();
+        answerFound(peer, request);
+    });
+}
+
+bool hasSearch(ScriptedServer const& server)
+{
+    return countOf(SearchRequest, server.received()) != 0;
+}
+
+} // namespace
+
+TEST(NewSettings, AreUsedByTheNextKey)
+{
+    ScriptedServer first(serving(answerFound));
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup lookup(settingsFor({first.port()}));
+    auto const before = lookup.find(addressOf(1));
+
+    lookup.reconfigure(settingsFor({second.port()}));
+    auto const after = lookup.find(addressOf(1));
+
+    EXPECT_EQ(before.server, uriOf(first));
+    EXPECT_EQ(after.server, uriOf(second));
+    EXPECT_EQ(after.outcome, Outcome::Found);
+    EXPECT_TRUE(first.awaitEndedScripts(1)) << "its idle connection was not closed";
+    EXPECT_EQ(countOf(UnbindRequest, first.received()), 1U);
+    EXPECT_EQ(lookup.statistics().opened, 2U);
+}
+
+TEST(NewSettings, AreNotUsedIfTheyAreInvalid)
+{
+    ScriptedServer server(serving(answerFound));
+    LDAPLookup lookup(settingsFor({server.port()}));
+    lookup.find(addressOf(1));
+    auto invalid = settingsFor({server.port()});
+    invalid.connections = 0;
+
+    EXPECT_THROW(lookup.reconfigure(invalid), LDAPException);
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+    EXPECT_EQ(lookup.statistics().opened, 1U);
+}
+
+TEST(NewSettings, LeaveAKeyInFlightWithTheEarlierOnes)
+{
+    ScriptedServer first(servingOnCue());
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup lookup(settingsFor({first.port()}));
+    auto inFlight = std::async(std::launch::async, [&] { return lookup.find(addressOf(1)); });
+    ASSERT_TRUE(eventually([&] { return hasSearch(first); }));
+
+    lookup.reconfigure(settingsFor({second.port()}));
+    auto const after = lookup.find(addressOf(2));
+    first.giveCue();
+    auto const answer = inFlight.get();
+
+    EXPECT_EQ(after.server, uriOf(second));
+    EXPECT_EQ(answer.server, uriOf(first));
+    EXPECT_EQ(answer.outcome, Outcome::Found);
+    EXPECT_FALSE(answer.wasRepeated);
+    EXPECT_TRUE(first.awaitEndedScripts(1));
+}
+
+TEST(NewSettings, AreUsedByTheLaterKeysOfARunInOrder)
+{
+    ScriptedServer first(servingOnCue());
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup lookup(settingsFor({first.port()}));
+    int given = 0;
+    std::vector<std::string> servers;
+
+    lookup.findAll(
+        [&](std::string& key, bool) {
+            if (given == 1) {
+                if (!hasSearch(first)) {
+                    return Supply::nothing;
+                }
+                lookup.reconfigure(settingsFor({second.port()}));
+            } else if (given == 3) {
+                if (!hasSearch(second)) {
+                    return Supply::nothing;
+                }
+                first.giveCue();
+                return Supply::end;
+            }
+            key = addressOf(++given);
+            return Supply::key;
+        },
+        [&](std::string const& key, LDAPLookup::Answer&& answer) {
+            servers.push_back(key + ' ' + answer.server);
+            return true;
+        });
+
+    EXPECT_THAT(servers,
+                ElementsAre(addressOf(1) + ' ' + uriOf(first), addressOf(2) + ' ' + uriOf(second),
+                            addressOf(3) + ' ' + uriOf(second)));
+    EXPECT_TRUE(first.awaitEndedScripts(1));
+}
+
+TEST(NewSettings, AreUsedByTheLaterKeysOfAQueue)
+{
+    ScriptedServer first(servingOnCue());
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup lookup(settingsFor({first.port()}));
+    LDAPLookupQueue queue(lookup);
+    QueueLoop loop(queue);
+    queue.submit(addressOf(1), 1);
+    while (!hasSearch(first)) {
+        awaitReadable(queue.descriptor(), std::chrono::milliseconds(10));
+        loop.take();
+    }
+
+    lookup.reconfigure(settingsFor({second.port()}));
+    queue.submit(addressOf(2), 2);
+    bool const isSecondAnswered = loop.runUntil(1);
+    first.giveCue();
+    bool const isFirstAnswered = loop.runUntil(2);
+
+    ASSERT_TRUE(isSecondAnswered && isFirstAnswered);
+    EXPECT_EQ(loop.answer(2).server, uriOf(second));
+    EXPECT_EQ(loop.answer(1).server, uriOf(first));
+    EXPECT_TRUE(first.awaitEndedScripts(1));
+}
+
+TEST(NewSettings, CloseConnectionsThatAnIdleQueueOrRunUsed)
+{
+    ScriptedServer first(serving(answerFound));
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup lookup(settingsFor({first.port()}));
+    LDAPLookupQueue queue(lookup);
+    QueueLoop loop(queue);
+    queue.submit(addressOf(1), 1);
+    ASSERT_TRUE(loop.runUntil(1));
+    int given = 0;
+    bool areClosed = false;
+
+    lookup.findAll(
+        [&](std::string& key, bool mayWait) {
+            if (given == 1) {
+                if (!mayWait) {
+                    return Supply::nothing;
+                }
+                lookup.reconfigure(settingsFor({second.port()}));
+                areClosed = first.awaitEndedScripts(first.connectionCount());
+                return Supply::end;
+            }
+            key = addressOf(++given);
+            return Supply::key;
+        },
+        [](std::string const&, LDAPLookup::Answer&&) { return true; });
+
+    EXPECT_TRUE(areClosed);
+}
+
+TEST(NewSettings, ForgetARefusalOfOtherCredentialsOnly)
+{
+    ScriptedServer server([](Peer& peer) {
+        std::string const bind = peer.receiveMessage();
+        if (bind.find("right-pw") == std::string::npos) {
+            peer.send(bindResponse(messageIdOf(bind), 49));
+            return;
+        }
+        peer.send(bindResponse(messageIdOf(bind)));
+        serving(answerFound)(peer);
+    });
+    auto settings = settingsFor({server.port()});
+    LDAPLookup lookup(settings);
+    auto const refused = lookup.find(addressOf(1));
+
+    settings.deadline = std::chrono::milliseconds(5000);
+    lookup.reconfigure(settings);
+    auto const same = lookup.find(addressOf(1));
+    std::size_t const bindsOfTheWrong = countOf(BindRequest, server.received());
+    settings.password = "right-pw";
+    lookup.reconfigure(settings);
+    auto const other = lookup.find(addressOf(1));
+
+    EXPECT_EQ(refused.outcome, Outcome::Refused);
+    EXPECT_EQ(same.outcome, Outcome::Refused);
+    EXPECT_THAT(same.text, HasSubstr("not tried again for"));
+    EXPECT_EQ(bindsOfTheWrong, 1U);
+    EXPECT_EQ(other.outcome, Outcome::Found) << other.text;
+}
+
+TEST(NewSettings, LeaveNothingOfTheEarlierPasswordInMemory)
+{
+    ScriptedServer server(serving(answerFound));
+    std::string const half = "earlier-pass";
+    auto settings = settingsFor({server.port()});
+    settings.bindDn.clear();
+    settings.password.clear();
+    auto const anonymous = settings;
+    settings.bindDn = readerDn;
+    settings.password = half;
+    settings.password += "word-of-this-engine"; // nowhere in one piece
+    LDAPLookup lookup(settings);
+    Lookup::wipe(settings.password);
+    std::string const whole = half + "word-of-this-engine";
+    std::size_t const own = 1; // this test's
+
+    std::size_t const before = occurrencesInMemory(whole);
+    lookup.reconfigure(anonymous);
+    std::size_t const after = occurrencesInMemory(whole);
+
+    EXPECT_EQ(before, own + 1);
+    EXPECT_EQ(after, own);
+}
+
+TEST(AnEngine, LeavesNothingOfItsPasswordInMemory)
+{
+    ScriptedServer server(serving(answerFound));
+    std::string const half = "destroyed-pass";
+    auto settings = settingsFor({server.port()});
+    settings.password = half;
+    settings.password += "word-of-an-engine";
+    auto lookup = std::make_unique<LDAPLookup>(settings);
+    Lookup::wipe(settings.password);
+    std::string const whole = half + "word-of-an-engine";
+
+    std::size_t const before = occurrencesInMemory(whole);
+    lookup.reset();
+    std::size_t const after = occurrencesInMemory(whole);
+
+    EXPECT_EQ(before, 2U);
+    EXPECT_EQ(after, 1U);
+}
+
+class SettingsOfADirectory : public SuiteWithSlapd<SettingsOfADirectory> {
+public:
+    static std::vector<std::string> options() { return {"--users", "100"}; }
+};
+
+TEST_F(SettingsOfADirectory, ChangeAHundredTimesWhileEightThreadsAndAQueueLookUp)
+{
+    auto const settings = settingsFor({slapd().port()});
+    LDAPLookup lookup(settings);
+    std::atomic<bool> isOver{false};
+    std::atomic<int> wrong{0};
+    std::atomic<int> found{0};
+    auto const note = [&](LDAPLookup::Answer const& answer) {
+        ++(answer.outcome == Outcome::Found ? found : wrong);
+    };
+    std::list<std::thread> threads;
+    for (int thread = 0; thread < 7; ++thread) {
+        threads.emplace_back([&, thread] {
+            for (int user = thread; !isOver; ++user) {
+                note(lookup.find(addressOf(user % 100 + 1)));
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        LDAPLookupQueue queue(lookup);
+        for (Tag tag = 0; !isOver || queue.pending() != 0;) {
+            for (; !isOver && queue.pending() < 20; ++tag) {
+                queue.submit(addressOf(static_cast<int>(tag % 100) + 1), tag);
+            }
+            if (auto const result = queue.next(std::chrono::milliseconds(100))) {
+                note(result->answer);
+            }
+        }
+    });
+
+    for (unsigned int change = 0; change < 100; ++change) {
+        auto changed = settings;
+        changed.connections = 1 + change % 4;
+        lookup.reconfigure(changed);
+        int const seen = found;
+        EXPECT_TRUE(eventually([&] { return found > seen || wrong != 0; }));
+    }
+    lookup.reconfigure(settings);
+    isOver = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_EQ(wrong, 0);
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+    EXPECT_TRUE(eventually([&] { return slapd().connectionCount() <= 4; })) << "some leaked";
+}
+
+TEST_F(SettingsOfADirectory, MayChangeWhileTheProcessForks)
+{
+    if (!allocatorForks) {
+        GTEST_SKIP() << "the allocator does not support forks of processes with several threads";
+    }
+    auto const settings = settingsFor({slapd().port()});
+    LDAPLookup lookup(settings);
+    std::atomic<bool> isOver{false};
+    std::thread changer([&] {
+        while (!isOver) {
+            lookup.reconfigure(settings);
+        }
+    });
+
+    std::string wrong;
+    for (int round = 0; round < 20; ++round) {
+        wrong += ForkedProcess([&] {
+                     lookup.reconfigure(settings);
+                     auto const answer = lookup.find(addressOf(1));
+                     return answer.outcome == Outcome::Found ? std::string() : answer.text;
+                 }).complaint();
+    }
+    isOver = true;
+    changer.join();
+
+    EXPECT_EQ(wrong, "");
+}
+
+} // namespace SolvaneTest
