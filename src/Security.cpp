@@ -14,6 +14,8 @@
 #include <cstring>
 #include <mutex>
 
+#include <sasl/sasl.h>
+
 namespace Solvane {
 
 namespace {
@@ -36,27 +38,16 @@ constexpr TraceSite bindSaslFailedTrace  { traceUnit,  142, "bindSasl", Trace::c
 } // namespace at
 // clang-format on
 
-/// One question of a SASL mechanism, as OpenLDAP passes it to its callback: Cyrus SASL's
-/// sasl_interact_t. Nothing else of Cyrus SASL is needed here.
-struct SaslQuestion {
-    unsigned long id; // 0 ends the array
-    char const* challenge;
-    char const* prompt;
-    char const* defaultAnswer;
-    void const* answer;
-    unsigned int answerLength;
-};
-
 /// Answers the question for the authorization id; everything else gets its default.
 int answerQuestions(LDAP*, unsigned int, void* authorizationId, void* questions)
 {
-    constexpr unsigned long authorizationIdWanted = 0x4001; // SASL_CB_USER
-    for (auto* each = static_cast<SaslQuestion*>(questions); each->id != 0; ++each) {
-        char const* const answer = each->id == authorizationIdWanted
+    for (auto* each = static_cast<sasl_interact_t*>(questions); each->id != SASL_CB_LIST_END;
+         ++each) {
+        char const* const answer = each->id == SASL_CB_USER
                                        ? static_cast<std::string const*>(authorizationId)->c_str()
-                                       : each->defaultAnswer;
-        each->answer = answer;
-        each->answerLength = answer == nullptr ? 0 : static_cast<unsigned int>(std::strlen(answer));
+                                       : each->defresult;
+        each->result = answer;
+        each->len = answer == nullptr ? 0 : static_cast<unsigned int>(std::strlen(answer));
     }
     return LDAP_SUCCESS;
 }

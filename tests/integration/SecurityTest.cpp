@@ -2,6 +2,7 @@
 #include "Authority.h"
 #include "Directory.h"
 #include "Faults.h"
+#include "Kdc.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
 #include "ServerTls.h"
@@ -10,9 +11,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <filesystem>
+#include <fstream>
+#include <memory>
 
 #include <ldap.h>
+
+#include <unistd.h>
 
 using namespace Solvane;
 using testing::ElementsAre;
@@ -222,6 +228,128 @@ TEST_F(StartTls, GivesNoIdentityWithoutAClientCertificate)
     EXPECT_GT(connection.openldapErrorCode(), 0);
     EXPECT_THAT(namesIn(answerTo(connection, lookupOf("cn=secret,ou=private,dc=corp,dc=test"))),
                 IsEmpty());
+}
+
+/// A realm, and a slapd that belongs to it. Each test begins with a ticket of the reader.
+class BindByGssapi : public testing::Test {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (!Slapd::isInstalled() || !Kdc::isInstalled()) {
+            return;
+        }
+        s_kdc = std::make_unique<Kdc>();
+        // OpenLDAP asks for a ticket of this host when it is connected to a loopback address.
+        std::array<char, 256> host{};
+        gethostname(host.data(), host.size() - 1);
+        std::string const service = std::string("ldap/") + host.data();
+        s_kdc->administer({"addprinc", "-randkey", service});
+        s_kdc->administer({"ktadd", "-k", s_kdc->file("service.keytab"), service});
+        std::ofstream(s_kdc->file("sasl.conf"))
+            << "sasl-host " << host.data()
+            << "\nsasl-realm CORP.TEST\n"
+               "authz-regexp uid=([^,]*)(,cn=[^,]*)?,cn=gssapi,cn=auth cn=$1,dc=corp,dc=test\n";
+        s_slapd = std::make_unique<Slapd>(
+            std::vector<std::string>{"--users", "1", "--global-conf", s_kdc->file("sasl.conf")});
+    }
+    static void TearDownTestSuite()
+    {
+        s_slapd.reset();
+        s_kdc.reset();
+    }
+    void SetUp() override
+    {
+        if (!s_slapd) {
+            Kdc::reportMissing();
+            return;
+        }
+        s_kdc->useTicket("reader");
+        connection = LDAPConnection(plainServer(s_slapd->port()), false);
+    }
+
+    static Kdc& kdc() { return *s_kdc; }
+    static Slapd& slapd() { return *s_slapd; }
+
+    void expectToSeeWhatReadersSee()
+    {
+        EXPECT_THAT(namesIn(answerTo(connection, lookupOf("cn=secret,ou=private,dc=corp,dc=test"))),
+                    ElementsAre("cn=secret,ou=private,dc=corp,dc=test"));
+    }
+    std::string securityLayer() const
+    {
+        ber_len_t strength = 0; // there is no option without a layer
+        bool const has = ldap_get_option(static_cast<LDAP*>(connection.context()),
+                                         LDAP_OPT_X_SASL_SSF, &strength) == LDAP_OPT_SUCCESS;
+        return has && strength != 0 ? "some" : "none";
+    }
+
+    LDAPConnection connection;
+
+private:
+    static std::unique_ptr<Kdc> s_kdc;
+    static std::unique_ptr<Slapd> s_slapd;
+};
+
+std::unique_ptr<Kdc> BindByGssapi::s_kdc;
+std::unique_ptr<Slapd> BindByGssapi::s_slapd;
+
+TEST_F(BindByGssapi, CarriesLookupsUnderASecurityLayer)
+{
+    connection.bindSasl(LDAPConnection::Gssapi);
+
+    EXPECT_EQ(securityLayer(), "some");
+    expectToSeeWhatReadersSee();
+    LDAPResult const result = answerTo(connection, lookupOf("uid=bigphoto,ou=big,dc=corp,dc=test"));
+    EXPECT_THAT(valuesIn(result, "jpegPhoto"), ElementsAre(testing::SizeIs(1048576)));
+}
+
+TEST_F(BindByGssapi, WorksUnderTls)
+{
+    connection.impl()->setOption(LDAP_OPT_X_SASL_SECPROPS, "maxssf=0");
+
+    connection.startTls();
+    connection.bindSasl(LDAPConnection::Gssapi);
+
+    EXPECT_EQ(securityLayer(), "none");
+    expectToSeeWhatReadersSee();
+}
+
+TEST_F(BindByGssapi, ActsAsTheAuthorizationId)
+{
+    kdc().useTicket("admin"); // who may act as anybody
+
+    connection.bindSasl(LDAPConnection::Gssapi, "dn:cn=reader,dc=corp,dc=test");
+
+    expectToSeeWhatReadersSee();
+}
+
+TEST_F(BindByGssapi, FailsWithoutATicket)
+{
+    kdc().useCache(kdc().file("no-such-cache"));
+
+    auto const thrown = thrownBy([&] { connection.bindSasl(LDAPConnection::Gssapi); });
+
+    EXPECT_THAT(thrown, IsFault("Security.cpp", 136, 4, 3));
+    EXPECT_THAT(thrown.stringParameter(), HasSubstr("SASL(-1): generic failure: GSSAPI Error:"));
+}
+
+// The layer holds bytes back, which must not look like an answer for ever.
+TEST_F(BindByGssapi, NoticesTheEndOfItsConnection)
+{
+    Slapd server({"--users", "1", "--global-conf", kdc().file("sasl.conf")});
+    connection = LDAPConnection(plainServer(server.port()), false);
+    connection.bindSasl(LDAPConnection::Gssapi);
+    expectToSeeWhatReadersSee();
+    server.kill();
+    LDAPSearch search(connection, lookupOf("dc=corp,dc=test"));
+
+    auto const thrown = thrownBy([&] {
+        search.send();
+        search.wait(10);
+    });
+
+    EXPECT_EQ(thrown.getType(), 4);
+    EXPECT_THAT(thrownBy([&] { bindAsReader(connection); }), IsFault("Connection.cpp", 241, 4, 1));
 }
 
 } // namespace SolvaneTest

@@ -5,6 +5,8 @@
 #include <deque>
 #include <tuple>
 
+#include <sasl/sasl.h>
+
 namespace SolvaneTest {
 namespace {
 
@@ -42,6 +44,9 @@ protected:
     {
         openldap.ldap_start_tls = [](auto... arguments) { return sentAs(12, arguments...); };
         openldap.ldap_install_tls = [](auto...) { return LDAP_SUCCESS; };
+        // The first one of the process initialises TLS.
+        static_cast<void>(LDAPConnection(newServer(LDAPConnection::V3, true), false));
+        openldap.forgetCalls();
     }
 
     LDAPMessage* response(int code) { return messages.response(LDAP_RES_EXTENDED, code); }
@@ -403,30 +408,21 @@ TEST_F(BindSasl, WithGssapiEndsWhenTheServerStopsAnswering)
     EXPECT_EQ(connection.openldapErrorCode(), -5);
 }
 
-/// A question as Cyrus SASL lays it out.
-struct Question {
-    unsigned long id;
-    char const* challenge;
-    char const* prompt;
-    char const* fallback;
-    void const* answer;
-    unsigned int length;
-};
-
 TEST_F(BindSasl, WithGssapiAnswersTheQuestionForTheAuthorizationId)
 {
-    std::vector<Question> questions = {{0x4002, nullptr, "name", "me", nullptr, 9},
-                                       {0x4001, nullptr, "act as", "me", nullptr, 9},
-                                       {0x4004, nullptr, "password", nullptr, nullptr, 9},
-                                       {0, nullptr, nullptr, nullptr, nullptr, 0}};
+    std::vector<sasl_interact_t> questions = {
+        {SASL_CB_AUTHNAME, nullptr, "name", "me", nullptr, 9},
+        {SASL_CB_USER, nullptr, "act as", "me", nullptr, 9},
+        {SASL_CB_PASS, nullptr, "password", nullptr, nullptr, 9},
+        {SASL_CB_LIST_END, nullptr, nullptr, nullptr, nullptr, 0}};
     int rc = -1;
     std::vector<std::string> answers;
     openldap.ldap_sasl_interactive_bind = [&](LDAP* session, auto, auto, auto, auto,
                                               unsigned int flags, auto* interact, void* defaults,
                                               auto, auto, auto) {
         rc = interact(session, flags, defaults, questions.data());
-        for (Question const& each : questions) {
-            answers.emplace_back(static_cast<char const*>(each.answer), each.length);
+        for (sasl_interact_t const& each : questions) {
+            answers.emplace_back(static_cast<char const*>(each.result), each.len);
         }
         return LDAP_SUCCESS;
     };
