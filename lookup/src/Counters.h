@@ -3,6 +3,7 @@
 #define SOLVANE_LOOKUP_SRC_COUNTERS_H
 
 #include <atomic>
+#include <cstdint>
 
 namespace Solvane::Lookup {
 
@@ -11,6 +12,15 @@ struct Totals {
     std::atomic<unsigned long> opened{0};
     std::atomic<unsigned long> reused{0};
     std::atomic<unsigned long> stale{0};
+    std::atomic<unsigned long> repeated{0};
+    std::atomic<std::uint64_t> events{0}; ///< told to an observer
+};
+
+/// `ServerStatistics`, as threads count them.
+struct ServerCounters {
+    std::atomic<unsigned long> opened{0};
+    std::atomic<unsigned long> failed{0};
+    std::atomic<unsigned long> answered{0};
     std::atomic<unsigned long> repeated{0};
 };
 

@@ -191,4 +191,9 @@ LDAPLookup::Statistics LDAPLookup::statistics() const
     return {totals.opened, totals.reused, totals.stale, totals.repeated};
 }
 
+std::vector<LDAPLookup::ServerStatistics> LDAPLookup::servers() const
+{
+    return m_engine->current()->pool.servers();
+}
+
 } // namespace Solvane

@@ -307,6 +307,9 @@ void Pipeline::leave(Lane& lane, Trouble trouble, Verdict why, Task const* guilt
     }
     lane.lease.close();
     remove(lane);
+    if (!why.text.empty()) { // else the answer was too large
+        m_shared.pool.disconnected(server, why);
+    }
     auto const now = Clock::now();
     // In reverse, as each one is put in front of the others.
     for (auto next = tasks.rbegin(); next != tasks.rend(); ++next) {
@@ -343,10 +346,10 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     if (isItsFault) {
         task.lostOn = &server;
     }
+    m_shared.pool.repeated(server, failure.why);
     if (!isAskedAgain) {
         task.failures.push_back(std::move(failure));
     }
-    ++m_shared.totals.repeated;
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
     m_heldBytes -= task.bytes;

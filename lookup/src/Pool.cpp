@@ -20,6 +20,7 @@ constexpr int inappropriateAuthentication = 48;
 constexpr int invalidCredentials = 49;
 constexpr int insufficientAccess = 50;
 constexpr int timedOut = -5;
+constexpr int serverDown = -1;
 
 /// Files are not read for servers that do not need them.
 std::shared_ptr<TlsContext> contextFor(Settings const& settings)
@@ -109,6 +110,7 @@ void Pool::inherit(Pool& before)
         m_credentials = before.m_credentials;
         m_credentials.leftOpen(); // a bind that is under way there is not awaited here
     }
+    m_servers.inherit(before.m_servers);
 }
 
 Pool::~Pool() { PoolsAtFork::instance().remove(*this); }
@@ -129,10 +131,15 @@ Pool::Outlook Pool::checkOut(Wish const& wish, Waiter& waiter)
         }
         ++m_totals.stale;
         std::unique_ptr<PooledSession> const stale = std::move(outlook.lease.m_session);
+        if (!stale->hasExpired) {
+            disconnected(stale->server, {Outcome::TryLater, serverDown,
+                                         stale->server.uri + " closed an idle connection"});
+        }
         std::lock_guard<std::mutex> const lock(m_mutex);
         endTrial(*stale);
         // The caller keeps the room of the stale session: it is its turn.
         --m_count;
+        --stale->server.inUse;
         ++m_called;
         waiter.m_isRegistered = waiter.m_isCalled = true;
         waiter.m_process = m_known;
@@ -257,6 +264,7 @@ bool Pool::consider(Outlook& outlook, ServerRecord& server, Wish const& wish, Wa
     }
     std::unique_ptr<PooledSession> session = std::move(*idle);
     m_idle.erase(idle);
+    ++server.inUse;
     session->hasExpired = now >= session->expiresAt;
     session->isTrial = among != Among::prompt && server.health.claim(now);
     outlook.kind = Outlook::ready;
@@ -281,6 +289,7 @@ void Pool::open(Outlook& outlook, ServerRecord& server, Among among, Idle& dropp
     }
     auto session = std::make_unique<PooledSession>(optionsFor(server), server);
     ++m_count;
+    ++server.inUse;
     session->isFirstBind = !m_credentials.areAccepted();
     m_credentials.begin(Clock::now() + claimTime());
     if (among != Among::prompt) {
@@ -445,6 +454,9 @@ void Pool::afterFork(Idle& dropped)
     m_known = m_process;
     dropped.splice(dropped.end(), m_idle);
     m_count = m_called = 0;
+    for (ServerRecord* const server : m_servers.inOrder()) {
+        server->inUse = 0;
+    }
     m_waiters.clear();
     m_waitingForRoom = 0;
     m_credentials.leftOpen();
@@ -480,15 +492,18 @@ void Pool::opened(PooledSession& session)
     session.openedAt = now;
     session.isOpen = true;
     ++m_totals.opened;
-    std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
+    ++server.counters->opened;
+    Report report = this->report();
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    report.add(Event::Kind::connected, server.uri);
     m_credentials.accepted();
     session.isFirstBind = false;
     server.addresses = session.session.addresses();
     server.openedAt = now;
     server.health.connected(now);
     session.isTrial = session.isTrial && server.health.state() == ServerHealth::State::onTrial;
-    publish(server);
+    publish(server, &report);
     announce();
 }
 
@@ -498,14 +513,18 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     auto const now = Clock::now();
     dropped.push_back(std::move(lease.m_session));
     PooledSession& session = *dropped.front();
-    std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
+    ++server.counters->failed;
+    Report report = this->report();
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    report.add(Event::Kind::connectFailed, server.uri, why);
     bool const isRefused = areRefused(session.session, m_settings.mechanism);
     bool const isCredentialsFault = isRefused && !m_credentials.areAccepted();
     if (isRefused) {
         auto const& order = m_servers.inOrder();
         auto const position = std::find(order.begin(), order.end(), &server) - order.begin();
         m_credentials.refused(static_cast<std::size_t>(position), why, now);
+        report.add(Event::Kind::credentialsRefused, server.uri, why);
         session.isFirstBind = false;
     }
     bool const wasHeard = std::max(server.openedAt, load(server.heardAt)) >= begun;
@@ -524,11 +543,12 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
         } else {
             server.health.unreachable(why, now - begun, now);
         }
-        publish(server);
+        publish(server, &report);
         closeIdle(server, dropped);
     }
     endTrial(session);
     if (lease.m_process == m_process) {
+        --server.inUse;
         freeRoom();
     }
     announce();
@@ -553,13 +573,14 @@ Clock::duration Pool::proof() const
 void Pool::searchFailed(Failure const& failure)
 {
     Idle dropped;
+    Report report = this->report();
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = m_servers.record(failure.server);
     if (load(server.answeredAt) >= failure.sentAt) {
         return; // it answered other searches since
     }
     server.health.searchFailed(failure.why, failure.cost, Clock::now());
-    publish(server);
+    publish(server, &report);
     closeIdle(server, dropped);
     announce();
 }
@@ -568,13 +589,14 @@ void Pool::fellSilent(ServerRecord& server, Verdict const& why, Clock::duration 
 {
     Idle dropped;
     auto const now = Clock::now();
+    Report report = this->report();
     std::lock_guard<std::mutex> const lock(m_mutex);
     if (std::max(server.openedAt, load(server.heardAt)) >= now - cost / 2) {
         return; // it answered other searches: this search is slow, not the server
     }
     server.health.fellSilent(why, cost, now, load(server.answeredAt));
     server.addresses.clear();
-    publish(server);
+    publish(server, &report);
     closeIdle(server, dropped);
     announce();
 }
@@ -588,6 +610,7 @@ void Pool::lost(PooledSession& session, std::size_t inFlight)
 
 void Pool::noteAnswer(PooledSession& session)
 {
+    Report report = this->report();
     std::lock_guard<std::mutex> const lock(m_mutex);
     ServerRecord& server = session.server;
     server.window.answered(1);
@@ -596,17 +619,10 @@ void Pool::noteAnswer(PooledSession& session)
     if (wasAwaited) {
         server.health.answered(Clock::now());
     }
-    publish(server);
+    publish(server, &report);
     if (wasAwaited) {
         announce();
     }
-}
-
-void Pool::publish(ServerRecord& server)
-{
-    server.windowLimit.store(server.window.limit(), std::memory_order_relaxed);
-    server.isWindowNarrow.store(server.window.isNarrow(), std::memory_order_relaxed);
-    server.awaitsAnswer.store(server.health.awaitsAnswer(), std::memory_order_relaxed);
 }
 
 // Returning sessions. After a fork, a lease from the parent process occupies no room.
@@ -628,6 +644,7 @@ void Pool::put(Lease& lease)
     if (lease.m_process != m_process) {
         return;
     }
+    --entry.front()->server.inUse;
     m_idle.splice(m_idle.begin(), entry);
     if (heardAt >= m_idle.back()->expiresAt) {
         dropped.splice(dropped.end(), m_idle, std::prev(m_idle.end()));
@@ -642,6 +659,7 @@ void Pool::letGo(Lease& lease)
     std::lock_guard<std::mutex> const lock(m_mutex);
     endTrial(*session);
     if (lease.m_process == m_process) {
+        --session->server.inUse;
         freeRoom();
     }
 }

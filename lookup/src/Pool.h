@@ -5,9 +5,11 @@
 #include "Counters.h"
 #include "Credentials.h"
 #include "Failover.h"
+#include "Report.h"
 #include "ServerList.h"
 #include "Waiter.h"
 
+#include <solvane/lookup/ServerStatistics.h>
 #include <solvane/lookup/Settings.h>
 
 #include <solvane/session/Session.h>
@@ -137,6 +139,7 @@ public:
     void answered(PooledSession& session, Clock::time_point now)
     {
         storeLatest(session.server.answeredAt, now);
+        session.server.counters->answered.fetch_add(1, std::memory_order_relaxed);
         session.hasAnsweredSearch = true;
         if (session.server.awaitsAnswer.load(std::memory_order_relaxed) ||
             session.server.isWindowNarrow.load(std::memory_order_relaxed)) {
@@ -151,6 +154,13 @@ public:
     /// A connection was lost with searches in flight.
     void lost(PooledSession& session, std::size_t inFlight);
 
+    /// An open connection is given up.
+    void disconnected(ServerRecord const& server, Verdict const& why);
+    /// A search is sent again.
+    void repeated(ServerRecord const& server, Verdict const& why);
+
+    /// State and counts of the servers, in order.
+    std::vector<ServerStatistics> servers();
     /// The number of servers; each unresolved domain counts as one.
     std::size_t serverCount() const { return m_servers.size(); }
     /// How long a caller must have waited for its timeout to count as a failure of the server: a
@@ -196,7 +206,8 @@ private:
     void freeRoom();
     void closeIdle(ServerRecord const& server, Idle& dropped);
     void noteAnswer(PooledSession& session);
-    static void publish(ServerRecord& server);
+    Report report() { return Report(m_settings.observer.get(), m_totals); }
+    static void publish(ServerRecord& server, Report* report = nullptr);
 
     Settings const& m_settings;
     std::shared_ptr<TlsContext> const m_tls;

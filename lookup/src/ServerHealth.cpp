@@ -156,6 +156,7 @@ void ServerHealth::apply(Event event, Clock::time_point now, Failure const& fail
 void ServerHealth::beginBackOff(Failure const& failure, Clock::time_point now)
 {
     constexpr std::chrono::milliseconds prompt(100);
+    ++m_backOffs;
     m_failedAt = now;
     m_isRetryDue = false;
     // A refusal is never retried at once: repeated wrong passwords lock the account.

@@ -71,6 +71,8 @@ public:
     Clock::time_point trialEnd() const;
     /// The cause of the last failure.
     Verdict const& why() const { return m_why; }
+    /// How many back-offs began.
+    unsigned long backOffs() const { return m_backOffs; }
     /// When the back-off or the trial ends.
     Clock::time_point retryAt() const { return m_retryAt; }
 
@@ -119,6 +121,7 @@ private:
     bool m_isRetry = false; ///< the trial began before the back-off expired
     Clock::time_point m_retriedAt = Clock::time_point::min(); ///< the last such trial
     Clock::duration m_backOff{0};
+    unsigned long m_backOffs = 0;
     Clock::time_point m_claimedAt;
     Clock::time_point m_failedAt;
     Clock::time_point m_retryAt;

@@ -47,7 +47,12 @@ ServerRecord& ServerList::recordOf(Server const& server)
     if (known != m_records.end()) {
         return *known;
     }
-    return m_records.emplace_back(m_records.size(), server, std::move(uri), m_limits, m_window);
+    ServerRecord& added =
+        m_records.emplace_back(m_records.size(), server, std::move(uri), m_limits, m_window);
+    auto& counters = m_counters[added.uri];
+    counters = counters ? counters : std::make_shared<ServerCounters>();
+    added.counters = counters;
+    return added;
 }
 
 ServerRecord* ServerList::recordNamed(std::string const& uri) const
@@ -55,6 +60,16 @@ ServerRecord* ServerList::recordNamed(std::string const& uri) const
     auto const known = std::find_if(m_order.begin(), m_order.end(),
                                     [&](ServerRecord const* server) { return server->uri == uri; });
     return known == m_order.end() ? nullptr : *known;
+}
+
+void ServerList::inherit(ServerList const& before)
+{
+    for (auto const& [uri, counters] : before.m_counters) {
+        m_counters[uri] = counters;
+    }
+    for (ServerRecord& record : m_records) {
+        record.counters = m_counters[record.uri];
+    }
 }
 
 void ServerList::putInOrder()

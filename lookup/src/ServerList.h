@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <deque>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -37,6 +38,9 @@ struct ServerDomain {
 class ServerList {
 public:
     explicit ServerList(Settings const& settings);
+
+    /// Goes on with the counts of these servers.
+    void inherit(ServerList const& before);
 
     /// The number of servers; an unresolved domain counts as one. Thread-safe.
     std::size_t size() const { return m_size.load(std::memory_order_relaxed); }
@@ -68,6 +72,7 @@ private:
     ServerHealth::Limits m_limits;
     std::size_t m_window;
     bool m_verifiesNames; ///< of servers, in their certificates
+    std::map<std::string, std::shared_ptr<ServerCounters>> m_counters; ///< by URI
     std::deque<ServerRecord> m_records;
     std::deque<ServerDomain> m_domains;
     /// A row of the configured list: either of the two.

@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_SERVER_RECORD_H
 #define SOLVANE_LOOKUP_SRC_SERVER_RECORD_H
 
+#include "Counters.h"
 #include "ServerHealth.h"
 #include "Window.h"
 
@@ -10,6 +11,7 @@
 #include <solvane/session/Address.h>
 
 #include <atomic>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -35,8 +37,13 @@ struct ServerRecord {
     std::atomic<bool> awaitsAnswer{false};   ///< `health.awaitsAnswer()`
     std::atomic<bool> isWindowNarrow{false}; ///< `window.isNarrow()`
 
+    std::shared_ptr<ServerCounters> counters; ///< shared with records of other settings
+
     // Guarded by the pool's mutex.
     ServerHealth health;
+    unsigned long toldBackOffs = 0; ///< to the observer
+    bool isToldDown = false;        ///< and not told that it recovered
+    std::size_t inUse = 0;          ///< sessions in use and being opened
     Window window;
     std::vector<Address> addresses; ///< of the host, once resolved; cleared when the server fails
     Clock::time_point openedAt = Clock::time_point::min(); ///< of the last session

@@ -13,7 +13,7 @@ USER1 = "uid=user0000001," + PEOPLE
 
 class Examples(DirectoryTest):
     def example(
-        self, name, *arguments, port=None, password=READER_PASSWORD, environment=None, typed=""
+        self, name, *arguments, port=None, password=READER_PASSWORD, environment=None, stdin=b""
     ):
         command = [
             os.path.join(EXAMPLES, name),
@@ -23,7 +23,7 @@ class Examples(DirectoryTest):
         ]
         done = subprocess.run(
             command,
-            input=typed.encode(),
+            input=stdin,
             capture_output=True,
             timeout=DEADLINE,
             check=False,
@@ -84,7 +84,7 @@ class Examples(DirectoryTest):
 
     def test_verify_password_accepts_refuses_and_defers(self):
         def verify(address, typed, **where):
-            return self.example("verify_password", READER, PEOPLE, address, typed=typed, **where)
+            return self.example("verify_password", READER, PEOPLE, address, stdin=typed.encode(), **where)
 
         right = verify("user0000001@corp.test", "pw-user0000001\n")
         wrong = verify("user0000001@corp.test", "pw-user0000002\n")
@@ -99,6 +99,39 @@ class Examples(DirectoryTest):
             )
         self.assertEqual((down.status, down.output), (75, "try later\n"))
         self.assertIn("cannot connect", down.errors)
+
+    def test_poll_lookups_answer_each_line(self):
+        addresses = [f"user{number:07}@corp.test" for number in range(1, 51)] + ["nobody@corp.test"]
+        lines = "".join(address + "\n" for address in addresses * 100)
+
+        result = self.example("poll_lookups", READER, PEOPLE, stdin=lines.encode())
+        down = self.example(
+            "poll_lookups", READER, PEOPLE, stdin=b"user0000001@corp.test\n", port=free_port()
+        )
+
+        self.assertEqual((result.status, result.errors), (0, ""))
+        answers = sorted(result.lines, key=lambda line: int(line.split()[0]))
+        self.assertEqual(
+            answers,
+            [
+                f"{number} {address}: " + ("not found" if "nobody" in address else "found")
+                for number, address in enumerate(addresses * 100, 1)
+            ],
+        )
+        self.assertEqual((down.status, down.lines), (75, ["1 user0000001@corp.test: try later"]))
+
+    def test_asio_lookups_call_a_handler_for_each_address(self):
+        addresses = [f"user{number:07}@corp.test" for number in range(1, 51)]
+
+        both = self.example("asio_lookups", READER, PEOPLE, *addresses, "nobody@corp.test")
+        down = self.example("asio_lookups", READER, PEOPLE, addresses[0], port=free_port())
+
+        self.assertEqual((both.status, both.errors), (1, ""))
+        self.assertEqual(
+            sorted(both.lines),
+            ["nobody@corp.test: not found"] + [address + ": found" for address in addresses],
+        )
+        self.assertEqual((down.status, down.lines), (75, [addresses[0] + ": try later"]))
 
     def test_pooled_lookups_from_many_threads_share_connections(self):
         result = self.example("pooled_lookups", READER, PEOPLE, "8", "200")

@@ -9,6 +9,7 @@
 #include <solvane/lookup/Answer.h>
 #include <solvane/lookup/LDAPLookup.h>
 #include <solvane/lookup/LDAPLookupQueue.h>
+#include <solvane/lookup/Observer.h>
 #include <solvane/lookup/QueryTemplate.h>
 #include <solvane/lookup/Verification.h>
 #include <solvane/session/Certificate.h>

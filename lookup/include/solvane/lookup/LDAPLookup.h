@@ -4,12 +4,14 @@
 #define SOLVANE_LOOKUP_LDAP_LOOKUP_H
 
 #include <solvane/lookup/Answer.h>
+#include <solvane/lookup/ServerStatistics.h>
 #include <solvane/lookup/Settings.h>
 #include <solvane/lookup/Verification.h>
 
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 namespace Solvane {
 
@@ -111,6 +113,11 @@ public:
     };
     /// The current counts. Thread-safe.
     Statistics statistics() const;
+
+    using ServerStatistics = Lookup::ServerStatistics; ///< of one server
+    /// State and counts of each server of the settings in use, in order of preference. Servers of
+    /// a domain are listed once they are known. Without the connections of `verify`. Thread-safe.
+    std::vector<ServerStatistics> servers() const;
 
 private:
     friend class LDAPLookupQueue;

@@ -3,6 +3,7 @@
 #ifndef SOLVANE_LOOKUP_SETTINGS_H
 #define SOLVANE_LOOKUP_SETTINGS_H
 
+#include <solvane/lookup/Observer.h>
 #include <solvane/session/Export.h>
 #include <solvane/session/Mechanism.h>
 #include <solvane/session/TlsPolicy.h>
@@ -12,6 +13,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -98,6 +100,8 @@ struct Settings {
     /// Maximum of connections on which `verify` binds, for all threads together. They are no others
     /// than these, so it is also the maximum of binds at a time.
     unsigned int verifyConnections = 2;
+    /// Is told what happens to connections and servers; null: nobody is.
+    std::shared_ptr<Observer> observer = nullptr;
 
     /// Whether connections send no bind.
     bool isAnonymous() const { return Lookup::isAnonymous(mechanism, bindDn); }
