@@ -223,13 +223,14 @@ TEST_P(ClientCertificate, ThatExpiredIsNamed)
                                HasSubstr(m_mine.certificateFile)));
 }
 
+// It is sent although the server does not list its authority: the alert is not that none was sent.
 TEST_P(ClientCertificate, OfAnotherAuthorityIsNamed)
 {
     std::string const verdict = verdictWith(Shown::foreign);
 
-    EXPECT_THAT(verdict,
-                AllOf(StartsWith("Refused -11 "), Not(HasSubstr("broke")),
-                      HasSubstr("the server refuses TLS: "), HasSubstr(m_mine.certificateFile)));
+    EXPECT_THAT(verdict, AllOf(StartsWith("Refused -11 "), Not(HasSubstr("broke")),
+                               HasSubstr("the server refuses TLS: "), Not(HasSubstr("(116)")),
+                               Not(HasSubstr("(40)")), HasSubstr(m_mine.certificateFile)));
 }
 
 INSTANTIATE_TEST_SUITE_P(InEachVersion, ClientCertificate,
