@@ -143,7 +143,10 @@ bool ServerCheck::resolve()
     Verdict const verdict = m_session->reach(Lookup::Step::resolve, deadline());
     if (!verdict.isGood()) {
         m_report.failed(m_step, outcomeOf(verdict), withoutUri(verdict.text),
-                        "check the host name in -H and the name servers", watch.milliseconds());
+                        verdict.outcome == Lookup::Outcome::Misconfigured
+                            ? "correct the setting"
+                            : "check the host name in -H and the name servers",
+                        watch.milliseconds());
         return false;
     }
     std::vector<std::string> found;
