@@ -136,7 +136,8 @@ TEST_P(WayIntoAServer, IsAsTheProfileSays)
 
 INSTANTIATE_TEST_SUITE_P(All, WayIntoAServer,
                          testing::Combine(testing::Values("PLAIN", "LDAPS", "STARTTLS", "LDAPI"),
-                                          testing::Values(As::nobody, As::reader, As::gssapi)),
+                                          testing::Values(As::nobody, As::reader, As::external,
+                                                          As::gssapi)),
                          [](auto const& parameters) {
                              return std::string(std::get<0>(parameters.param)) + "As" +
                                     nameOf(std::get<1>(parameters.param));
