@@ -46,6 +46,20 @@ class CheckOfAWayIn(DirectoryTest, CheckTest):
         self.assertIn("unknown authority", steps.texts["chain"])
         self.assertEqual(steps.verdicts["bind"], "-")
 
+    def test_shows_the_client_certificate(self):
+        result, steps = self.check(
+            "-H", self.uri, *self.with_certificate(), "-Y", "external", *self.LOOKUP
+        )
+
+        self.assertEqual(result.status, 0, result.output)
+        self.assertEqual(steps.verdicts["client cert"], "ok")
+        self.assertRegex(
+            steps.texts["client cert"], r"^CN=reader,.*, expires in \d+ days, fits its key$"
+        )
+        self.assertEqual(steps.texts["SASL"], "with EXTERNAL")
+        self.assertEqual(steps.texts["who am I"], f"dn:{READER}")
+        self.assertNotIn("bind", steps.names)
+
     def test_warns_of_a_client_certificate_that_has_expired(self):
         _, steps = self.check("-H", self.uri, *self.with_certificate("client-expired"))
 

@@ -111,6 +111,25 @@ class ClientCertificate(WaysIn):
             ],
         ]
 
+    def test_is_an_identity(self):
+        for mechanism in ("external", "EXTERNAL"):
+            result = self.as_private("-Y", mechanism, *self.files())
+
+            self.assertEqual((result.status, result.errors), (0, ""), result.output)
+            self.assertIn("dn: cn=secret,", result.output)
+
+    def test_is_an_identity_from_the_file(self):
+        config = self.file(
+            "conf",
+            (
+                "start_tls = yes\nsasl_mechanism = external\n"
+                f"tls_ca_cert_file = {self.tls_file('ca.pem')}\n"
+                f"tls_cert = {self.tls_file('client.pem')}\ntls_key = {self.tls_file('client.key')}\n"
+            ).encode(),
+        )
+
+        self.assertEqual(self.as_private("-C", config).status, 0)
+
     def test_must_fit_its_key(self):
         options = self.files()
         options[-1] = self.tls_file("good.key")
