@@ -69,11 +69,7 @@ bool Session::Steps::sendSaslRound()
         fail(Outcome::Misconfigured, LDAP_PARAM_ERROR, "a SASL bind needs LDAPv3");
         return false;
     }
-    if (code != LDAP_SUCCESS) {
-        fail(outcomeOfBind(code), code, "cannot send the bind: " + wordsFor(code));
-        return false;
-    }
-    return true;
+    return wasBindSent(code);
 }
 
 /// Takes a bind response with code 14 or 0.

@@ -105,6 +105,16 @@ std::string contradictionIn(SessionOptions const& options)
                : std::string();
 }
 
+/// The response to a request whose responses have this type. Not parsed if it is of another one, or
+/// a success with referrals, which is contradictory (RFC 4511 section 4.1.10).
+Answer responseOf(LDAP* session, LDAPMessage* message, ber_tag_t type)
+{
+    Answer answer = parsed(session, message);
+    answer.isParsed = answer.isParsed && isType(message, type) &&
+                      (answer.code != LDAP_SUCCESS || !answer.isReferral);
+    return answer;
+}
+
 } // namespace
 
 Session::Steps::Steps(SessionOptions given)
@@ -214,13 +224,13 @@ Session::Steps::Progress Session::Steps::goOn(Step step)
     case Step::connect:
         return m_pathConnector ? connectToPath() : connect();
     case Step::startTls:
-        return requestTls();
+        return exchange(&Steps::takeTlsResponse);
     case Step::handshake:
         return handshake();
     case Step::bind:
-        return bind();
+        return exchange(&Steps::takeBindResponse);
     case Step::identify:
-        return identify();
+        return exchange(&Steps::takeIdentity);
     }
     return Progress::failed;
 }
@@ -330,30 +340,16 @@ bool Session::Steps::sendTlsRequest()
     if (!canUseTls()) {
         return false;
     }
-    int const code = m_conversation->startTls(m_id);
-    if (code != LDAP_SUCCESS) {
-        fail(Outcome::TryLater, code, "cannot send the StartTLS request: " + wordsFor(code));
-        return false;
-    }
-    return true;
-}
-
-Session::Steps::Progress Session::Steps::requestTls()
-{
-    Message answer;
-    Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeTlsResponse(answer.parsed) : progress;
+    return wasSent(m_conversation->startTls(m_id), Outcome::TryLater);
 }
 
 /// Only "busy" passes by itself: servers without a certificate answer "unavailable" to every
 /// request.
 Session::Steps::Progress Session::Steps::takeTlsResponse(LDAPMessageBuffer& answer)
 {
-    Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
-    bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
-    if (!isType(answer.get(), LDAP_RES_EXTENDED) || !response.isParsed || isContradiction) {
-        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                    "invalid response to the StartTLS request");
+    auto const response = responseOf(m_conversation->handle(), answer.get(), LDAP_RES_EXTENDED);
+    if (!response.isParsed) {
+        return failInvalid();
     }
     if (response.code != LDAP_SUCCESS) {
         return fail(response.code == LDAP_BUSY ? Outcome::TryLater : Outcome::Refused,
@@ -421,7 +417,7 @@ bool Session::Steps::startSimpleBind()
         return false;
     }
     identity = Identity::Unconfirmed;
-    return wasSent(m_conversation->bind(options.bindDn, *options.password, m_id));
+    return wasBindSent(m_conversation->bind(options.bindDn, *options.password, m_id));
 }
 
 bool Session::Steps::startExternalBind()
@@ -434,29 +430,33 @@ bool Session::Steps::startExternalBind()
     identity = Identity::Unconfirmed;
     // Without an authorization id, the credentials are empty, but they are there: a server that gets
     // none may ask for them (RFC 4422 appendix A).
-    return wasSent(m_conversation->saslBind("EXTERNAL", options.authorizationId, m_id));
+    return wasBindSent(m_conversation->saslBind("EXTERNAL", options.authorizationId, m_id));
 }
 
-bool Session::Steps::wasSent(int code)
+/// @param code  of the call that queued the request of the current step
+bool Session::Steps::wasSent(int code, Outcome otherwise)
 {
     if (code != LDAP_SUCCESS) {
-        fail(outcomeOfBind(code), code, "cannot send the bind: " + wordsFor(code));
+        fail(otherwise, code,
+             std::string("cannot send the ") + nameOf(static_cast<Step>(m_done)) + ": " +
+                 wordsFor(code));
     }
     return code == LDAP_SUCCESS;
 }
 
-Session::Steps::Progress Session::Steps::bind()
+bool Session::Steps::wasBindSent(int code) { return wasSent(code, outcomeOfBind(code)); }
+
+/// Awaits the answer to the request of the step, and takes it. Taking it may send another request.
+Session::Steps::Progress Session::Steps::exchange(Taking take)
 {
     Message answer;
-    Progress progress = awaitAnswer(answer);
-    while (progress == Progress::done) {
-        progress = takeBindResponse(answer.parsed);
+    while (awaitAnswer(answer) == Progress::done) {
+        Progress const progress = (this->*take)(answer.parsed);
         if (progress != Progress::waiting) {
             return progress;
         }
-        progress = awaitAnswer(answer); // writes the next round
     }
-    return progress;
+    return m_verdict.isGood() ? Progress::waiting : Progress::failed;
 }
 
 /// Awaits the final answer to the request of the step.
@@ -485,11 +485,9 @@ Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
 
 Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)
 {
-    Lookup::Answer const response = parsed(m_conversation->handle(), answer.get());
-    // A success with referrals is contradictory (RFC 4511 section 4.1.10).
-    bool const isContradiction = response.code == LDAP_SUCCESS && response.isReferral;
-    if (!isType(answer.get(), LDAP_RES_BIND) || !response.isParsed || isContradiction) {
-        return fail(Outcome::TryLater, LDAP_DECODING_ERROR, "invalid response to the bind");
+    auto const response = responseOf(m_conversation->handle(), answer.get(), LDAP_RES_BIND);
+    if (!response.isParsed) {
+        return failInvalid();
     }
     if (m_exchange &&
         (response.code == LDAP_SUCCESS || response.code == LDAP_SASL_BIND_IN_PROGRESS)) {
@@ -512,20 +510,9 @@ bool Session::Steps::startIdentify()
     // The kernel accepts connections for a stopped or killed server; only a reply proves that it is
     // alive. LDAPv2 has no extended operations.
     constexpr unsigned int firstThatKnowsTheQuestion = 3; // LDAPv2 has no extended operations
-    int const code = options.version < firstThatKnowsTheQuestion ? m_conversation->askForLife(m_id)
-                                                                 : m_conversation->whoAmI(m_id);
-    if (code != LDAP_SUCCESS) {
-        fail(Outcome::TryLater, code, "cannot send the who am I request: " + wordsFor(code));
-        return false;
-    }
-    return true;
-}
-
-Session::Steps::Progress Session::Steps::identify()
-{
-    Message answer;
-    Progress const progress = awaitAnswer(answer);
-    return progress == Progress::done ? takeIdentity(answer.parsed) : progress;
+    return wasSent(options.version < firstThatKnowsTheQuestion ? m_conversation->askForLife(m_id)
+                                                               : m_conversation->whoAmI(m_id),
+                   Outcome::TryLater);
 }
 
 Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
@@ -534,8 +521,7 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
     Lookup::Answer const response = parsed(session, answer.get());
     bool const isQuestion = isType(answer.get(), LDAP_RES_EXTENDED);
     if (!response.isParsed || (!isQuestion && !isType(answer.get(), LDAP_RES_SEARCH_RESULT))) {
-        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                    "invalid response to the who am I request");
+        return failInvalid();
     }
     if (response.code == LDAP_BUSY || response.code == LDAP_UNAVAILABLE ||
         response.code == LDAP_OTHER) {
@@ -546,8 +532,7 @@ Session::Steps::Progress Session::Steps::takeIdentity(LDAPMessageBuffer& answer)
     }
     OpenLDAPOwner<berval, releaseBerValue> name;
     if (ldap_parse_whoami(session, answer.get(), name.address()) != LDAP_SUCCESS) {
-        return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                    "invalid response to the who am I request");
+        return failInvalid();
     }
     authorizationId = name.get() == nullptr || name.get()->bv_val == nullptr
                           ? std::string()
@@ -597,6 +582,13 @@ Session::Steps::Progress Session::Steps::fail(Outcome outcome, int code, std::st
 Session::Steps::Progress Session::Steps::failAs(Verdict const& verdict)
 {
     return fail(verdict.outcome, verdict.code, verdict.text);
+}
+
+/// The response to the request of the current step is invalid.
+Session::Steps::Progress Session::Steps::failInvalid()
+{
+    return fail(Outcome::TryLater, LDAP_DECODING_ERROR,
+                std::string("invalid response to the ") + nameOf(static_cast<Step>(m_done)));
 }
 
 Session::Steps::Progress Session::Steps::failForTime(Step step)

@@ -78,21 +78,21 @@ private:
     Progress resolve();
     Progress connect();
     Progress connectToPath();
-    Progress requestTls();
     Progress handshake();
-    Progress bind();
-    Progress identify();
     bool canUseTls();
     bool sendTlsRequest();
     bool startHandshake();
     bool startBind();
     bool startSimpleBind();
     bool startExternalBind();
-    bool wasSent(int code);
+    bool wasSent(int code, Outcome otherwise);
+    bool wasBindSent(int code);
     bool startSaslBind();
     bool sendSaslRound();
     bool startIdentify();
 
+    using Taking = Progress (Steps::*)(LDAPMessageBuffer& answer);
+    Progress exchange(Taking take);
     Progress awaitAnswer(Message& answer);
     Progress takeTlsResponse(LDAPMessageBuffer& answer);
     Progress takeBindResponse(LDAPMessageBuffer& answer);
@@ -100,6 +100,7 @@ private:
     Progress takeIdentity(LDAPMessageBuffer& answer);
     Progress fail(Outcome outcome, int code, std::string const& text);
     Progress failAs(Verdict const& verdict);
+    Progress failInvalid();
     Progress failForTime(Step step);
     Progress failToConnect(bool lacksSocket, std::string const& why);
     Progress converse(Descriptor socket);

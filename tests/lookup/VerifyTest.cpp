@@ -14,7 +14,6 @@
 #include <chrono>
 #include <thread>
 
-
 using namespace Solvane;
 using Lookup::Denial;
 using Lookup::VerifyOutcome;

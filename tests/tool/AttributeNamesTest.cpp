@@ -73,7 +73,7 @@ TEST_F(KnownNames, AreThoseOfTheDefinitionsInAnyCaseAndTheirNumbers)
 TEST_F(KnownNames, AreSuggestedForMisspeltOnes)
 {
     EXPECT_EQ(names.similarTo("maill"), "mail");
-    EXPECT_EQ(names.similarTo("mial"), "mail");
+    EXPECT_EQ(names.similarTo("maik"), "mail");
     EXPECT_EQ(names.similarTo("CM"), "cn");
     EXPECT_EQ(names.similarTo("mailalternateadress"), "mailAlternateAddress");
 }
