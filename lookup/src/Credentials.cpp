@@ -1,7 +1,15 @@
 // One pending bind at a time, and a pause after a refusal.
 #include "Credentials.h"
 
+#include <ldap.h>
+
 namespace Solvane::Lookup {
+
+bool Credentials::areRefused(int code, Mechanism mechanism)
+{
+    bool const isOfSasl = code == LDAP_INAPPROPRIATE_AUTH || code == LDAP_INSUFFICIENT_ACCESS;
+    return code == LDAP_INVALID_CREDENTIALS || (isOfSasl && mechanism != Mechanism::simple);
+}
 
 Credentials::Turn Credentials::turn(Clock::time_point now) const
 {

@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_CREDENTIALS_H
 #define SOLVANE_LOOKUP_SRC_CREDENTIALS_H
 
+#include <solvane/session/Mechanism.h>
 #include <solvane/session/Verdict.h>
 
 #include <chrono>
@@ -28,6 +29,11 @@ public:
     /// @param isNeeded  false: anonymous, no limit
     /// @param hold      pause after a refusal
     Credentials(bool isNeeded, Clock::duration hold) : m_isAccepted(!isNeeded), m_hold(hold) {}
+
+    /// Whether a bind that failed with this code failed for its credentials, so that another server
+    /// would refuse them, too. For SASL they include the client certificate, from which a server may
+    /// derive no identity (48), and the authorization id (50).
+    static bool areRefused(int code, Mechanism mechanism);
 
     bool areAccepted() const { return m_isAccepted; }
     Clock::duration hold() const { return m_hold; }

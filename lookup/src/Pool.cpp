@@ -16,9 +16,6 @@ namespace {
 /// Idle sessions expire after this time: firewalls and servers silently drop such connections.
 constexpr std::chrono::seconds idleTime(300);
 
-constexpr int inappropriateAuthentication = 48;
-constexpr int invalidCredentials = 49;
-constexpr int insufficientAccess = 50;
 constexpr int timedOut = -5;
 constexpr int serverDown = -1;
 
@@ -28,17 +25,6 @@ std::shared_ptr<TlsContext> contextFor(Settings const& settings)
     bool const usesTls = std::any_of(settings.servers.begin(), settings.servers.end(),
                                      [](Server const& server) { return server.usesTls(); });
     return usesTls ? std::make_shared<TlsContext>(settings.tls) : nullptr;
-}
-
-/// Whether the bind failed for its credentials, so that another server would refuse them, too. For
-/// SASL they include the client certificate, from which a server may derive no identity (48), and
-/// the authorization id (50).
-bool areRefused(Session const& session, Mechanism mechanism)
-{
-    int const code = session.verdict().code;
-    bool const isOfSasl = mechanism != Mechanism::simple &&
-                          (code == inappropriateAuthentication || code == insufficientAccess);
-    return session.step() == Step::bind && (code == invalidCredentials || isOfSasl);
 }
 
 bool wasAsked(std::vector<Failure> const& failures, ServerRecord const& server)
@@ -518,7 +504,8 @@ Pool::Attempt Pool::failed(Lease& lease, Verdict const& why, Clock::time_point b
     Report report = this->report();
     std::lock_guard<std::mutex> const lock(m_mutex);
     report.add(Event::Kind::connectFailed, server.uri, why);
-    bool const isRefused = areRefused(session.session, m_settings.mechanism);
+    bool const isRefused = session.session.step() == Step::bind &&
+                           Credentials::areRefused(why.code, m_settings.mechanism);
     bool const isCredentialsFault = isRefused && !m_credentials.areAccepted();
     if (isRefused) {
         auto const& order = m_servers.inOrder();
