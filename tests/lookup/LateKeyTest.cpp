@@ -38,7 +38,7 @@ TEST(AKeyThatGetsNoConnectionToTheOtherServer, IsToBeTriedLaterWhateverTheFirstS
     settings.connections = 1;
     settings.deadline = std::chrono::seconds(1);
     Totals totals;
-    Shared shared(settings, totals);
+    Shared shared(settings, totals, nullptr);
     Pipeline one(shared, 1, 1);
     Pipeline other(shared, 1, 1);
 
