@@ -13,7 +13,6 @@
 
 #include <array>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 
 #include <ldap.h>
@@ -239,18 +238,10 @@ protected:
             return;
         }
         s_kdc = std::make_unique<Kdc>();
-        // OpenLDAP asks for a ticket of this host when it is connected to a loopback address.
-        std::array<char, 256> host{};
-        gethostname(host.data(), host.size() - 1);
-        std::string const service = std::string("ldap/") + host.data();
+        std::string const service = "ldap/" + hostName();
         s_kdc->administer({"addprinc", "-randkey", service});
         s_kdc->administer({"ktadd", "-k", s_kdc->file("service.keytab"), service});
-        std::ofstream(s_kdc->file("sasl.conf"))
-            << "sasl-host " << host.data()
-            << "\nsasl-realm CORP.TEST\n"
-               "authz-regexp uid=([^,]*)(,cn=[^,]*)?,cn=gssapi,cn=auth cn=$1,dc=corp,dc=test\n";
-        s_slapd = std::make_unique<Slapd>(
-            std::vector<std::string>{"--users", "1", "--global-conf", s_kdc->file("sasl.conf")});
+        s_slapd = std::make_unique<Slapd>(options());
     }
     static void TearDownTestSuite()
     {
@@ -269,6 +260,17 @@ protected:
 
     static Kdc& kdc() { return *s_kdc; }
     static Slapd& slapd() { return *s_slapd; }
+    static std::vector<std::string> options()
+    {
+        return {"--users", "1", "--kerberos", s_kdc->folder(), "--sasl-host", hostName()};
+    }
+    /// OpenLDAP asks for a ticket of this host when it is connected to a loopback address.
+    static std::string hostName()
+    {
+        std::array<char, 256> name{};
+        gethostname(name.data(), name.size() - 1);
+        return name.data();
+    }
 
     void expectToSeeWhatReadersSee()
     {
@@ -336,7 +338,7 @@ TEST_F(BindByGssapi, FailsWithoutATicket)
 // The layer holds bytes back, which must not look like an answer for ever.
 TEST_F(BindByGssapi, NoticesTheEndOfItsConnection)
 {
-    Slapd server({"--users", "1", "--global-conf", kdc().file("sasl.conf")});
+    Slapd server(options());
     connection = LDAPConnection(plainServer(server.port()), false);
     connection.bindSasl(LDAPConnection::Gssapi);
     expectToSeeWhatReadersSee();
