@@ -138,20 +138,19 @@ std::string wordsFor(Verification const& verification)
 std::string textRecord(std::string const& key, Verification const& verification)
 {
     std::string out = fmt::format("# {}: {}", oneLine(key), wordsFor(verification));
-    auto const append = std::back_inserter(out);
     if (!verification.text.empty()) {
-        fmt::format_to(append, ": {}", oneLine(verification.text));
+        out += fmt::format(": {}", oneLine(verification.text));
     }
     out += '\n';
     if (!verification.dn.empty()) {
-        fmt::format_to(append, "dn: {}\n", oneLine(verification.dn));
+        out += fmt::format("dn: {}\n", oneLine(verification.dn));
     }
     if (verification.expiresIn) {
-        fmt::format_to(append, "# the password expires in {} s\n", verification.expiresIn->count());
+        out += fmt::format("# the password expires in {} s\n", verification.expiresIn->count());
     }
     if (verification.graceLogins) {
-        fmt::format_to(append, "# the password has expired; grace logins left: {}\n",
-                       *verification.graceLogins);
+        out += fmt::format("# the password has expired; grace logins left: {}\n",
+                           *verification.graceLogins);
     }
     return out + '\n';
 }

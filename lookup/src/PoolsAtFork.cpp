@@ -55,7 +55,7 @@ void PoolsAtFork::lockAll()
         pool->m_mutex.lock();
     }
     for (std::mutex* const engine : registry.m_engines) {
-        engine->lock();
+        engine->lock(); // cppcheck-suppress localMutex  // unlocked by unlockAll
     }
 }
 

@@ -17,9 +17,6 @@ namespace Solvane::Lookup {
 
 namespace {
 
-constexpr std::size_t lengthBytes = 4; // before the token of a packet
-constexpr int bitsOfAByte = 8;
-
 /// OpenLDAP uses Cyrus SASL too, and sets its mutexes; so OpenLDAP is initialised first.
 int initialiseLibrary()
 {
@@ -307,7 +304,7 @@ bool SaslExchange::isNext(std::string_view token)
     }
     std::uint64_t number = 0;
     for (std::size_t i = numberAt; i < headerBytes; ++i) {
-        number = number << bitsOfAByte | static_cast<unsigned char>(token[i]);
+        number = number << CHAR_BIT | static_cast<unsigned char>(token[i]);
     }
     bool const isNext = !m_sequence || number == *m_sequence + 1;
     m_sequence = number;

@@ -24,6 +24,8 @@ public:
     static constexpr char mechanism[] = "GSSAPI";
     /// Size in bytes of the largest packet accepted from the server.
     static constexpr std::size_t largestPacket = 65536;
+    /// Bytes of the length before each packet (RFC 4422 section 3.7).
+    static constexpr std::size_t lengthBytes = 4;
 
     /// @param host             as configured; the service is "ldap/HOST"
     /// @param authorizationId  empty: the server chooses

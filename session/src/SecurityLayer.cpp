@@ -4,15 +4,14 @@
 #include "OpenLDAP.h"
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 
 namespace Solvane::Lookup {
 
 namespace {
 
-constexpr std::size_t lengthBytes = 4;
 constexpr std::size_t readAtOnce = 16384;
-constexpr int bitsOfAByte = 8;
 
 } // namespace
 
@@ -54,20 +53,20 @@ Flow SecurityLayer::receive(char* bytes, std::size_t room, std::size_t& count)
 /// The length that the next packet announces; 0 while its beginning is missing.
 std::size_t SecurityLayer::packetLength() const
 {
-    if (m_packets.size() - m_begin < lengthBytes) {
+    if (m_packets.size() - m_begin < SaslExchange::lengthBytes) {
         return 0;
     }
     std::size_t length = 0;
-    for (std::size_t i = 0; i < lengthBytes; ++i) {
-        length = length << bitsOfAByte | static_cast<unsigned char>(m_packets[m_begin + i]);
+    for (std::size_t i = 0; i < SaslExchange::lengthBytes; ++i) {
+        length = length << CHAR_BIT | static_cast<unsigned char>(m_packets[m_begin + i]);
     }
-    return length + lengthBytes;
+    return length + SaslExchange::lengthBytes;
 }
 
 bool SecurityLayer::hasPending() const
 {
     std::size_t const length = packetLength();
-    bool const isForged = length > SaslExchange::largestPacket + lengthBytes;
+    bool const isForged = length > SaslExchange::largestPacket + SaslExchange::lengthBytes;
     return !m_decoded.empty() ||
            (length != 0 && (isForged || length <= m_packets.size() - m_begin));
 }
@@ -76,10 +75,10 @@ bool SecurityLayer::hasPending() const
 bool SecurityLayer::decodeNext()
 {
     std::size_t const length = packetLength();
-    if (length > SaslExchange::largestPacket + lengthBytes) {
+    if (length > SaslExchange::largestPacket + SaslExchange::lengthBytes) {
         m_fault = Verdict{Outcome::TryLater, LDAP_DECODING_ERROR,
                           "the server sent data that is not protected as agreed: a packet of " +
-                              std::to_string(length - lengthBytes) + " bytes"};
+                              std::to_string(length - SaslExchange::lengthBytes) + " bytes"};
         return false;
     }
     if (length == 0 || length > m_packets.size() - m_begin) {

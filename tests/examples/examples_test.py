@@ -84,7 +84,9 @@ class Examples(DirectoryTest):
 
     def test_verify_password_accepts_refuses_and_defers(self):
         def verify(address, typed, **where):
-            return self.example("verify_password", READER, PEOPLE, address, stdin=typed.encode(), **where)
+            return self.example(
+                "verify_password", READER, PEOPLE, address, stdin=typed.encode(), **where
+            )
 
         right = verify("user0000001@corp.test", "pw-user0000001\n")
         wrong = verify("user0000001@corp.test", "pw-user0000002\n")
