@@ -49,7 +49,7 @@ std::string trimmed(std::string text)
 struct alignas(64) Slot { // a cache line
     std::mutex mutex;
 };
-Slot g_slots[61]; // prime: body addresses are multiples of a power of two
+Slot g_slots[31]; // prime: body addresses are multiples of a power of two
 
 void lockSlots()
 {
