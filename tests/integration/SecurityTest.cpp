@@ -7,6 +7,7 @@
 #include "ScriptedServer.h"
 #include "ServerTls.h"
 #include "Slapd.h"
+#include "ToleratedLeak.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -200,6 +201,8 @@ TEST(ASaslExternalBind, CarriesTheAuthorizationId)
 
 TEST_F(StartTls, GivesTheIdentityOfTheClientCertificate)
 {
+    ToleratedLeak const
+        leak; // OpenLDAP 2.5 on GnuTLS loses its copy of the certificate and the key
     std::filesystem::path const folder = slapd().caFile().parent_path();
     LDAPConnection connection(plainServer(slapd().port()), false);
     int const allow = LDAP_OPT_X_TLS_ALLOW;
@@ -307,6 +310,7 @@ TEST_F(BindByGssapi, CarriesLookupsUnderASecurityLayer)
 
 TEST_F(BindByGssapi, WorksUnderTls)
 {
+    ToleratedLeak const leak;
     connection.impl()->setOption(LDAP_OPT_X_SASL_SECPROPS, "maxssf=0");
 
     connection.startTls();

@@ -87,7 +87,8 @@ class Kerberos(ToolTest):
         result = run(
             *["lookup", "-Z", "--tls-ca", self.slapd.ca_file, "-H", self.uri, "-Y", "GSSAPI"],
             *[*PRIVATE, "secret"],
-            env=self.with_keytab(),
+            # Without a security layer, the plugin of Cyrus SASL loses the credentials of a bind.
+            env={**self.with_keytab(), "ASAN_OPTIONS": "detect_leaks=0"},
         )
 
         self.assertEqual((result.status, result.errors), (0, ""))
