@@ -322,7 +322,7 @@ TEST_F(BindByGssapi, WorksUnderTls)
 
 TEST_F(BindByGssapi, ActsAsTheAuthorizationId)
 {
-    kdc().useTicket("admin"); // who may act as anybody
+    kdc().useTicket("admin"); // who may act for every user
 
     connection.bindSasl(LDAPConnection::Gssapi, "dn:cn=reader,dc=corp,dc=test");
 

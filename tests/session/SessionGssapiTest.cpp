@@ -127,7 +127,7 @@ TEST_F(SessionByGssapi, TakesTheTicketByAKeytab)
 
 TEST_F(SessionByGssapi, ActsAsTheAuthorizationId)
 {
-    kdc().useTicket("admin"); // who may act as anybody
+    kdc().useTicket("admin"); // who may act for every user
     SessionOptions asReader = options();
     asReader.authorizationId = "dn:cn=reader,dc=corp,dc=test";
     Session session(asReader);
