@@ -23,13 +23,14 @@ TEST(AKeyThatGetsNoConnectionToTheOtherServer, IsToBeTriedLaterWhateverTheFirstS
 {
     int turns[2];
     ASSERT_EQ(pipe2(turns, O_CLOEXEC), 0);
+    Descriptor const readEnd(turns[0]); // closed after the script has ended
     ScriptedServer const first(serving([&](Peer& peer, std::string const& request) {
         if (request.find(addressOf(1)) != std::string::npos) {
             peer.send(searchDone(messageIdOf(request), 32));
             return;
         }
         // The other caller's answer has no end; an entry for each turn shows that it goes on.
-        for (char turn; read(turns[0], &turn, 1) == 1;) {
+        for (char turn; read(readEnd.number(), &turn, 1) == 1;) {
             peer.send(searchEntry(messageIdOf(request), people, {{"cn", {"x"}}}));
         }
     }));
@@ -66,7 +67,6 @@ TEST(AKeyThatGetsNoConnectionToTheOtherServer, IsToBeTriedLaterWhateverTheFirstS
     EXPECT_EQ(second.connectionCount(), 0U);
     EXPECT_EQ(answer.outcome, Outcome::TryLater);
     EXPECT_THAT(answer.text, HasSubstr("no other server was asked within the deadline of 1 s"));
-    close(turns[0]);
 }
 
 } // namespace SolvaneTest
