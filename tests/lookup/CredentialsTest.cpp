@@ -18,6 +18,18 @@ protected:
     Verdict const wrong = {Outcome::Refused, 49, "ldap://a:389: the bind is refused"};
 };
 
+TEST(CredentialsOfABind, AreRefusedBySomeCodesForSaslOnly)
+{
+    for (Mechanism const mechanism : {Mechanism::simple, Mechanism::external, Mechanism::gssapi}) {
+        bool const isOfSasl = mechanism != Mechanism::simple;
+        EXPECT_TRUE(Credentials::areRefused(49, mechanism));
+        EXPECT_EQ(Credentials::areRefused(48, mechanism), isOfSasl);
+        EXPECT_EQ(Credentials::areRefused(50, mechanism), isOfSasl);
+        EXPECT_FALSE(Credentials::areRefused(52, mechanism));
+        EXPECT_FALSE(Credentials::areRefused(-1, mechanism));
+    }
+}
+
 TEST_F(NewCredentials, AreTriedByOneCallerAtATime)
 {
     EXPECT_EQ(credentials.turn(now), Turn::bind);
