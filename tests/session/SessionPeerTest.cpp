@@ -12,6 +12,8 @@
 #include <ldap.h>
 #include <sys/ioctl.h>
 
+#include <future>
+
 using namespace Solvane;
 using namespace Solvane::Lookup;
 using std::chrono::milliseconds;
@@ -144,14 +146,17 @@ TEST(BindOnAPeer, ThatFloodsUsGetsNoMoreThanItsShareOfACall)
         flood += ldapMessage(1, berElement(intermediateTag, ""));
     }
     flood += bindResponse(1);
+    std::promise<void> begun; // begin() may read as well
     ScriptedServer const server([&](Peer& peer) {
         peer.receiveMessage();
+        begun.get_future().wait();
         peer.send(flood);
         peer.receiveUntilClosed();
     });
     Session session(boundOptions(server.port()));
     session.reach(Step::connect, soon());
     session.begin(Step::bind, soon());
+    begun.set_value();
     int socket = -1;
     ldap_get_option(session.handle(), LDAP_OPT_DESC, &socket);
     ASSERT_TRUE(eventually([&] {
