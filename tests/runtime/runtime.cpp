@@ -1,14 +1,19 @@
-// libsolvart++ of the smallest runtime: exceptions, bytes, locks, log and debug output.
-#include <solvart/Buffer.h>
-#include <solvart/Debug.h>
-#include <solvart/Exception.h>
-#include <solvart/Logger.h>
-#include <solvart/Mutex.h>
-#include <solvart/Semaphore.h>
+// The smallest runtime: each of its three libraries is compiled from its section.
+#include <solvart/runtime.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <exception>
+#include <ostream>
+
+#include <arpa/inet.h>
+#include <netdb.h>
+#include <strings.h>
+#include <sys/socket.h>
+
+// libsolvart++: exceptions, bytes, locks, log and debug output.
+#ifdef LIBSOLVART
 
 unsigned int basepp_dbg_mask_ = 0;
 
@@ -134,3 +139,110 @@ void Semaphore::post()
 }
 
 } // namespace Solvane
+
+#endif
+
+// libsolvaparser: addresses, URIs and strings. Text is taken as UTF-8.
+#ifdef LIBSOLVAPARSER
+
+namespace Solvane {
+
+namespace {
+
+char const blanks[] = " \t\n\v\f\r";
+
+char lowered(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
+
+} // namespace
+
+EmailAddress::EmailAddress(std::string const& text)
+    : m_local(text.substr(0, text.rfind('@'))),
+      m_domain(m_local.size() == text.size() ? "" : text.substr(m_local.size() + 1))
+{
+}
+
+std::string EmailAddress::local() const { return m_local; }
+std::string EmailAddress::domain() const { return m_domain; }
+
+Uri::Uri() = default;
+Uri::Uri(std::string const& text) : m_text(text) {}
+std::string Uri::asString() const { return m_text; }
+bool Uri::operator==(Uri const& other) const { return m_text == other.m_text; }
+
+void stringLeftTrim(std::string& text) { text.erase(0, text.find_first_not_of(blanks)); }
+void stringRightTrim(std::string& text) { text.erase(text.find_last_not_of(blanks) + 1); }
+
+void stringToLowerNoCopy(std::string& text)
+{
+    std::transform(text.begin(), text.end(), text.begin(), lowered);
+}
+
+std::string copyStringToLower(std::string const& text)
+{
+    std::string copy = text;
+    stringToLowerNoCopy(copy);
+    return copy;
+}
+
+int stringCompareNoCase(std::string const& left, std::string const& right, unsigned int length)
+{
+    return stringCompareNoCase(left.c_str(), right, length);
+}
+
+int stringCompareNoCase(char const* left, std::string const& right, unsigned int length)
+{
+    return length == 0 ? ::strcasecmp(left, right.c_str())
+                       : ::strncasecmp(left, right.c_str(), length);
+}
+
+void stringToUtf8(std::string const& text, Buffer& out, SVLStaticCharSetFallbacks const*)
+{
+    out.append(reinterpret_cast<unsigned char const*>(text.data()),
+               static_cast<unsigned int>(text.size()));
+}
+
+} // namespace Solvane
+
+#endif
+
+// liblwipc: hosts and their addresses.
+#ifdef LIBLWIPC
+
+namespace Solvane {
+
+Host::Host(std::string const& name, bool mustResolve)
+{
+    addrinfo hints = {};
+    hints.ai_socktype = SOCK_STREAM;
+    addrinfo* found = nullptr;
+    if (::getaddrinfo(name.c_str(), nullptr, &hints, &found) == 0) {
+        char text[NI_MAXHOST] = "";
+        ::getnameinfo(found->ai_addr, found->ai_addrlen, text, sizeof text, nullptr, 0,
+                      NI_NUMERICHOST);
+        ::freeaddrinfo(found);
+        m_address.reset(new IPAddress(text));
+    } else if (mustResolve) {
+        throw Exception("Host", 1, nullptr, 0);
+    }
+}
+
+bool Host::isNull() const { return m_address == nullptr; }
+IPAddress const* Host::address() const { return m_address.get(); }
+
+IPAddress::IPAddress(std::string const& text) : m_text(text) {}
+
+bool IPAddress::isValidIPAddress(std::string const& literal)
+{
+    unsigned char bytes[sizeof(in6_addr)];
+    return ::inet_pton(AF_INET, literal.c_str(), bytes) == 1 ||
+           ::inet_pton(AF_INET6, literal.c_str(), bytes) == 1;
+}
+
+std::ostream& operator<<(std::ostream& out, IPAddress const& address)
+{
+    return out << address.m_text;
+}
+
+} // namespace Solvane
+
+#endif
