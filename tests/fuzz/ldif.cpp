@@ -1,5 +1,5 @@
 // LDIF from anywhere: each record is an entry or a fault with its line, and the reader ends.
-#include "LdifReader.h"
+#include "Ldif.h"
 #include "Target.h"
 
 using namespace Solvane;

@@ -1,6 +1,6 @@
 // Command lines of "expand", the command that asks no server: printed, or refused in one line.
-#include "CommandLine.h"
-#include "Failure.h"
+#include "Commands.h"
+#include "Outcome.h"
 #include "Target.h"
 
 #include <algorithm>

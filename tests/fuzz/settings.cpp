@@ -1,5 +1,5 @@
 // Settings files: each is taken or refused with its line, and a refusal shows no password.
-#include "Failure.h"
+#include "Outcome.h"
 #include "SettingsFile.h"
 #include "Target.h"
 

@@ -1,5 +1,5 @@
-// Splits LDIF into records and lines; OpenLDAP's parser decodes each line.
-#include "LdifReader.h"
+// Splits LDIF into records and lines; OpenLDAP's functions decode each line, and write one.
+#include "Ldif.h"
 
 #include "OpenLDAP.h"
 #include "Text.h"
@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <memory>
+#include <new>
 
 #include <strings.h>
 
@@ -39,6 +41,10 @@ bool isBase64(std::string_view text)
     std::string_view const end = text.substr(padding);
     return text.size() % 4 == 0 && (end.empty() || end == "=" || end == "==");
 }
+
+struct FreeLber {
+    void operator()(char* memory) const { ber_memfree(memory); }
+};
 
 } // namespace
 
@@ -219,6 +225,17 @@ void LdifReader::refuse(LdifEntry const& entry, unsigned long line, std::string 
                         std::string const& remedy) const
 {
     throw LdifFault(entry, fmt::format("{}:{}: {}", m_name, line, cause), remedy);
+}
+
+void appendLdif(std::string& out, std::string const& name, std::string_view value, LdifForm form)
+{
+    int const kind = form == LdifForm::base64 ? LDIF_PUT_BINARY : LDIF_PUT_VALUE;
+    std::unique_ptr<char, FreeLber> const line(
+        ldif_put(kind, name.c_str(), value.data(), value.size()));
+    if (!line) {
+        throw std::bad_alloc();
+    }
+    out += line.get();
 }
 
 } // namespace Solvane::Tool

@@ -1,9 +1,9 @@
-// Reads entries to add from LDIF (RFC 2849).
-#ifndef SOLVANE_TOOL_LDIF_READER_H
-#define SOLVANE_TOOL_LDIF_READER_H
+// LDIF (RFC 2849): reads entries to add, and writes lines.
+#ifndef SOLVANE_TOOL_LDIF_H
+#define SOLVANE_TOOL_LDIF_H
 
-#include "Failure.h"
 #include "Files.h"
+#include "Outcome.h"
 
 #include <solvane/ldap/LDAPAttribute.h>
 
@@ -77,6 +77,16 @@ private:
     bool m_isComment = false; ///< whether the last line read belongs to a comment
     std::vector<Line> m_record;
 };
+
+/// How a value is written.
+enum class LdifForm {
+    asFits, ///< as text if possible, else in base64
+    base64, ///< always in base64
+};
+
+/// Appends a line with its newline, folded if it is long.
+void appendLdif(std::string& out, std::string const& name, std::string_view value,
+                LdifForm form = LdifForm::asFits);
 
 } // namespace Solvane::Tool
 

@@ -1,20 +1,31 @@
-// The options of every subcommand: servers, identity, TLS, diagnostics, output format.
+// Declares the options with CLI11. What neither they nor the settings file say comes from OpenLDAP's
+// configuration.
 #include "Options.h"
 
-#include "Failure.h"
 #include "OpenLDAP.h"
-#include "OpenLDAPDefaults.h"
 #include "OptionValues.h"
+#include "Outcome.h"
 #include "RecordWriter.h"
+#include "SettingValues.h"
 #include "Text.h"
 
+#include <solvane/ldap/impl/OpenLDAPOwners.h>
+
+#include <CLI/CLI.hpp>
 #include <fmt/format.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <string>
+#include <vector>
 
 #include <unistd.h>
 
 namespace Solvane::Tool {
 
 namespace {
+
+constexpr int anyNumber = CLI::detail::expected_max_vector_size;
 
 // OpenLDAP's debug levels "packets" and "BER" print the bytes of requests, including a bind's
 // password. No installed header defines them.
@@ -43,21 +54,176 @@ int debugLevelIn(std::string const& text)
                                                           : numberIn(text, 0, everyLevel));
 }
 
-/// The servers of OpenLDAP's configuration.
-std::vector<LDAPLookup::Server> configuredServers(Draft const& draft)
-{
-    Draft configured = draft;
-    configured.hosts = configuredUris();
-    return explainedBy("LDAPURI", Outcome::configuration, [&] { return configured.serverList(); });
-}
-
 /// CLI11 passes "true" for a flag without a value.
 std::string complaintAboutStats(std::string const& text)
 {
     return text == "true" || text == "json" ? "" : "unsupported format '" + oneLine(text) + '\'';
 }
 
+/// A process-wide option of OpenLDAP: of ldap.conf, ~/.ldaprc or an environment variable LDAP...
+std::string configured(int option)
+{
+    LDAPCharBuffer text;
+    ldap_get_option(nullptr, option, text.address());
+    return text.get() == nullptr ? std::string() : std::string(text.get());
+}
+
+/// The servers of LDAPURI or URI; empty if neither is set.
+std::vector<std::string> configuredUris()
+{
+    // Without a setting, OpenLDAP has a URI of its own, with a scope that no setting keeps.
+    constexpr char unset[] = "ldap://localhost:389/??base";
+    std::string const uris = configured(LDAP_OPT_URI);
+    return uris == unset ? std::vector<std::string>() : serversIn(uris);
+}
+
+/// The base of LDAPBASE or BASE; empty if neither is set.
+std::string configuredBase() { return configured(LDAP_OPT_DEFBASE); }
+
+/// The servers of OpenLDAP's configuration.
+std::vector<LDAPLookup::Server> configuredServers(Draft const& draft)
+{
+    Draft alone = draft;
+    alone.hosts = configuredUris();
+    return explainedBy("LDAPURI", Outcome::configuration, [&] { return alone.serverList(); });
+}
+
 } // namespace
+
+void SettingOptions::declareOn(CLI::App& app, Setting::Group group)
+{
+    for (Setting const& setting : settingsTable()) {
+        if (setting.group == group && setting.value.fromOption) {
+            declareOn(app, setting, setting.help);
+        }
+    }
+}
+
+void SettingOptions::declareOn(CLI::App& app, Setting const& setting, char const* help)
+{
+    CLI::Option* const option = declared(app, setting, help);
+    for (Setting const& other : settingsTable()) { // declared before it
+        if (&other == &setting) {
+            break;
+        }
+        if (other.name == std::string_view(setting.name)) {
+            option->excludes(app.get_option(CLI::detail::split(other.options, ',').back()));
+        }
+    }
+}
+
+CLI::Option* SettingOptions::declared(CLI::App& app, Setting const& setting, char const* help)
+{
+    if (std::string_view(setting.shape).empty()) {
+        return app.add_flag_function(
+            setting.options, [this, &setting](std::int64_t) { take(setting, "yes"); }, help);
+    }
+    auto* const option =
+        setting.isList
+            // One value per option: with a list, CLI11 would also take the arguments after it.
+            ? app.add_option_function<std::vector<std::string>>(
+                     setting.options,
+                     [this, &setting](std::vector<std::string> const& texts) {
+                         for (std::string const& text : texts) {
+                             take(setting, text);
+                         }
+                     },
+                     help)
+                  ->expected(1)
+                  ->take_all()
+                  ->allow_extra_args(false)
+            : app.add_option_function<std::string>(
+                  setting.options,
+                  [this, &setting](std::string const& text) { take(setting, text); }, help);
+    return option->type_name(setting.shape)->default_str(setting.defaultText());
+}
+
+void SettingOptions::take(Setting const& setting, std::string const& text)
+{
+    std::string_view const options = setting.options;
+    std::string const shown(options.substr(0, options.find(',')));
+    m_given.emplace_back(&setting, explainedBy(shown, Outcome::usage,
+                                               [&] { return setting.value.fromOption(text); }));
+}
+
+bool SettingOptions::has(std::string_view name) const
+{
+    return std::any_of(m_given.begin(), m_given.end(),
+                       [&](auto const& given) { return given.first->name == name; });
+}
+
+void SettingOptions::applyTo(Draft& draft) const
+{
+    for (auto const& [setting, assign] : m_given) {
+        assign(draft);
+        draft.given.insert(setting->name);
+    }
+}
+
+void KeyOptions::declareOn(CLI::App& app)
+{
+    // CLI11 splits "[a,b]" if an option allows extra arguments, and drops "{}" when it converts to
+    // a vector. So: any number of arguments, no extra ones, and the values read with results().
+    m_arguments = app.add_option("ADDRESS", "E-mail address, split at its last '@'; put -- before "
+                                            "one that begins with '-'")
+                      ->expected(anyNumber, anyNumber)
+                      ->take_all()
+                      ->allow_extra_args(false)
+                      ->type_name("");
+    m_fileOption = app.add_option("-f,--file", m_file,
+                                  "File with one address per line, '-' for standard input")
+                       ->type_name("FILE");
+}
+
+bool KeyOptions::isGiven() const { return m_arguments->count() != 0 || m_fileOption->count() != 0; }
+
+void KeyOptions::check() const
+{
+    if (!isGiven()) {
+        throw Failure(Outcome::usage, "no address given",
+                      "give addresses as arguments, or a file of them with -f");
+    }
+    if (m_arguments->count() != 0 && m_fileOption->count() != 0) {
+        throw Failure(Outcome::usage, "addresses are given both as arguments and with -f",
+                      "use one of the two");
+    }
+}
+
+bool KeyOptions::readsStandardInput() const { return m_file == "-"; }
+
+LDAPLookup::Supply KeyOptions::next(std::string& key, bool mayWait)
+{
+    if (m_fileOption->count() != 0) {
+        return reader().next(key, mayWait);
+    }
+    auto const& arguments = m_arguments->results();
+    if (m_used == arguments.size()) {
+        return LDAPLookup::Supply::end;
+    }
+    key = arguments[m_used++];
+    return LDAPLookup::Supply::key;
+}
+
+int KeyOptions::descriptor()
+{
+    return m_fileOption->count() != 0 && !reader().isRegular() ? reader().descriptor() : -1;
+}
+
+std::optional<unsigned long> KeyOptions::total()
+{
+    if (m_fileOption->count() != 0) {
+        return reader().count();
+    }
+    return m_arguments->count();
+}
+
+LineReader& KeyOptions::reader()
+{
+    if (!m_reader) {
+        m_reader = std::make_unique<LineReader>("the file of keys", m_file, m_separator);
+    }
+    return *m_reader;
+}
 
 void CommonOptions::declareOn(CLI::App& app)
 {
