@@ -1,5 +1,6 @@
-// The two parts of an e-mail address.
+// E-mail addresses and URIs, as text.
 #include <solvart/EmailAddress.h>
+#include <solvart/Uri.h>
 
 namespace Solvane {
 
@@ -11,5 +12,11 @@ EmailAddress::EmailAddress(std::string const& text)
         m_domain = text.substr(at + 1);
     }
 }
+
+Uri::Uri() = default;
+Uri::Uri(std::string const& text) : m_text(text) {}
+
+std::string Uri::asString() const { return m_text; }
+bool Uri::operator==(Uri const& other) const { return m_text == other.m_text; }
 
 } // namespace Solvane
