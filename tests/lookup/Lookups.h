@@ -1,4 +1,5 @@
-// Helpers for tests of lookups: settings, scripted servers, keys and answers.
+// Helpers for tests of lookups: settings, scripted servers, keys and answers, and event loops with one
+// queue.
 #ifndef SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 #define SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 
@@ -7,8 +8,12 @@
 #include "Slapd.h"
 
 #include <solvane/lookup/LDAPLookup.h>
+#include <solvane/lookup/LDAPLookupQueue.h>
 
+#include <chrono>
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -68,6 +73,38 @@ struct Answered {
 };
 /// Looks up all keys in one run.
 std::vector<Answered> answersTo(Solvane::LDAPLookup& lookup, std::vector<std::string> const& keys);
+
+using Tag = Solvane::LDAPLookupQueue::Tag;
+
+/// Waits until the descriptor is readable; false after the time.
+bool awaitReadable(int descriptor, std::chrono::milliseconds time = std::chrono::seconds(10));
+
+/// A loop that takes answers only when it is woken.
+class QueueLoop {
+public:
+    explicit QueueLoop(Solvane::LDAPLookupQueue& queue) : m_queue(queue) {}
+
+    /// Runs until there are this many answers in total; false: nothing woke it for ten seconds.
+    bool runUntil(std::size_t answers);
+    /// Runs for a time.
+    void runFor(std::chrono::milliseconds time);
+    /// Takes what is there.
+    void take();
+
+    /// The answers by tag; the last one of each.
+    std::map<Tag, Answered> const& answers() const { return m_answers; }
+    Solvane::LDAPLookup::Answer const& answer(Tag tag) const { return m_answers.at(tag).answer; }
+    /// How many answers were taken.
+    std::size_t count() const { return m_count; }
+    /// How often the loop was woken.
+    std::size_t wakeUps() const { return m_wakeUps; }
+
+private:
+    Solvane::LDAPLookupQueue& m_queue;
+    std::map<Tag, Answered> m_answers;
+    std::size_t m_count = 0;
+    std::size_t m_wakeUps = 0;
+};
 
 } // namespace SolvaneTest
 

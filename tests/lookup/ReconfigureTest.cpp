@@ -1,8 +1,8 @@
 // New settings while lookups are under way.
 #include "Eventually.h"
 #include "ForkedProcess.h"
+#include "Lookups.h"
 #include "ProcessMemory.h"
-#include "Queues.h"
 #include "Slapd.h"
 
 #include <solvane/ldap/LDAPException.h>
