@@ -1,5 +1,5 @@
-// Binds that a real directory grants and refuses, over TLS too, and the end of a session, as the program
-// and the server see it. The library encrypts and takes any certificate.
+// Binds that a real directory grants and refuses, over TLS too, and the end of a session, as the
+// program and the server see it. The library encrypts and takes any certificate.
 #include "Directory.h"
 #include "Eventually.h"
 #include "Faults.h"

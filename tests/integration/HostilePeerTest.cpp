@@ -1,5 +1,5 @@
-// Peers that no directory server is on purpose: silent, half-spoken, cut off, sending nonsense, or what
-// OpenLDAP does not take and then more.
+// Peers that no directory server is on purpose: silent, half-spoken, cut off, sending nonsense, or
+// what OpenLDAP does not take and then more.
 #include "Directory.h"
 #include "Eventually.h"
 #include "Faults.h"

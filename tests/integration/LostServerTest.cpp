@@ -1,5 +1,5 @@
-// A server that crashes, restarts, closes a connection or stops reading in the middle of a request. A bound
-// session must never continue as another identity, and nothing may end the process.
+// A server that crashes, restarts, closes a connection or stops reading in the middle of a request.
+// A bound session must never continue as another identity, and nothing may end the process.
 #include "Descriptor.h"
 #include "Directory.h"
 #include "Eventually.h"

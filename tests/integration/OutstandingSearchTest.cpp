@@ -1,4 +1,5 @@
-// Searches that are sent and not yet answered, awaited in any order or by a caller that polls the socket.
+// Searches that are sent and not yet answered, awaited in any order or by a caller that polls the
+// socket.
 #include "Directory.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"

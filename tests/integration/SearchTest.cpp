@@ -1,4 +1,5 @@
-// Searches in a real directory: what is found, what of it arrives, aliases, referrals, and the query driver.
+// Searches in a real directory: what is found, what of it arrives, aliases, referrals, and the
+// query driver.
 #include "Directory.h"
 #include "Faults.h"
 #include "Slapd.h"

@@ -1,5 +1,5 @@
-// Bulk lookups, from one thread or from a source that reads a pipe: every key gets its answer, in order,
-// also after failures.
+// Bulk lookups, from one thread or from a source that reads a pipe: every key gets its answer, in
+// order, also after failures.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"

@@ -1,5 +1,5 @@
-// Credentials: the lock-out guard, what a server's response to a bind says of a user, and which passwords
-// are sent.
+// Credentials: the lock-out guard, what a server's response to a bind says of a user, and which
+// passwords are sent.
 #include "Credentials.h"
 #include "Denials.h"
 

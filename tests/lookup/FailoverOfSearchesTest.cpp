@@ -1,5 +1,5 @@
-// Failover of searches: one server fails and another one answers, or none does; also when a server is
-// killed, and the kernel accepts its connections a moment longer.
+// Failover of searches: one server fails and another one answers, or none does; also when a server
+// is killed, and the kernel accepts its connections a moment longer.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"

@@ -1,5 +1,5 @@
-// Limits: bounds of answers and keys, links that are slow but not silent, and servers that limit how
-// many keys are in flight.
+// Limits: bounds of answers and keys, links that are slow but not silent, and servers that limit
+// how many keys are in flight.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"

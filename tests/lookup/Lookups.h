@@ -1,5 +1,5 @@
-// Helpers for tests of lookups: settings, scripted servers, keys and answers, and event loops with one
-// queue.
+// Helpers for tests of lookups: settings, scripted servers, keys and answers, and event loops with
+// one queue.
 #ifndef SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 #define SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 

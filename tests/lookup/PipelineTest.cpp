@@ -1,5 +1,5 @@
-// The pipeline of one connection: its window adapts to the server's limit of pending requests, and keys
-// end in time while other callers have the connections.
+// The pipeline of one connection: its window adapts to the server's limit of pending requests, and
+// keys end in time while other callers have the connections.
 #include "Pipeline.h"
 #include "Lookups.h"
 #include "Window.h"

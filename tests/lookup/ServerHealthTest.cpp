@@ -1,5 +1,5 @@
-// Servers: every transition of a server's state once, by name, and its times; and the failures of several
-// servers combined into one outcome.
+// Servers: every transition of a server's state once, by name, and its times; and the failures of
+// several servers combined into one outcome.
 #include "ServerHealth.h"
 #include "Failover.h"
 

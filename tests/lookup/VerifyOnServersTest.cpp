@@ -1,5 +1,5 @@
-// Verifying passwords on servers: with password policies, while servers and replicas fail, and what is
-// left of a password in memory.
+// Verifying passwords on servers: with password policies, while servers and replicas fail, and what
+// is left of a password in memory.
 #include "Eventually.h"
 #include "ForkedProcess.h"
 #include "Lookups.h"

@@ -1,4 +1,5 @@
-// Ways in of lookups: every way with every identity, Kerberos, and how few binds a wrong password costs.
+// Ways in of lookups: every way with every identity, Kerberos, and how few binds a wrong password
+// costs.
 #include "Authority.h"
 #include "Eventually.h"
 #include "ForkedProcess.h"

@@ -1,5 +1,5 @@
-// Connections with the object interface: binds that a server grants and refuses, and the pool, which
-// reuses and drops connections.
+// Connections with the object interface: binds that a server grants and refuses, and the pool,
+// which reuses and drops connections.
 #include "Directory.h"
 #include "Faults.h"
 #include "TestedServer.h"

@@ -1,5 +1,5 @@
-// The engine on a server: lookups, single and in bulk, passwords of users, and failover while a server
-// crashes, restarts or falls silent.
+// The engine on a server: lookups, single and in bulk, passwords of users, and failover while a
+// server crashes, restarts or falls silent.
 #include "Lookups.h"
 #include "TemporaryDirectory.h"
 #include "TestedServer.h"

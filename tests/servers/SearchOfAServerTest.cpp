@@ -1,5 +1,5 @@
-// Entries with the object interface: searches, values and results, and entries that are added and read
-// back.
+// Entries with the object interface: searches, values and results, and entries that are added and
+// read back.
 #include "Directory.h"
 #include "Faults.h"
 #include "TestedServer.h"

@@ -1,5 +1,5 @@
-// The engine's sessions: each way in with each identity, as in the matrix of the guide, TLS, limits,
-// references, and staleness.
+// The engine's sessions: each way in with each identity, as in the matrix of the guide, TLS,
+// limits, references, and staleness.
 #include "Eventually.h"
 #include "TestedServer.h"
 #include "ToleratedLeak.h"

@@ -1,5 +1,5 @@
-// The tool on a server, as an administrator runs it: the check command, and the guide's settings and
-// templates.
+// The tool on a server, as an administrator runs it: the check command, and the guide's settings
+// and templates.
 #include "Lookups.h"
 #include "Process.h"
 #include "TemporaryDirectory.h"

@@ -1,5 +1,5 @@
-// Binds of sessions: as requests on an open session, and by SASL EXTERNAL over TLS, also with client
-// certificates that a server does not accept.
+// Binds of sessions: as requests on an open session, and by SASL EXTERNAL over TLS, also with
+// client certificates that a server does not accept.
 #include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"

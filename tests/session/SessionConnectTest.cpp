@@ -1,5 +1,5 @@
-// From a name to a connection: host names and SRV records, several addresses, unreachable peers, and calls
-// at unusual times.
+// From a name to a connection: host names and SRV records, several addresses, unreachable peers,
+// and calls at unusual times.
 #include "Eventually.h"
 #include "HangingPort.h"
 #include "LdapMessages.h"

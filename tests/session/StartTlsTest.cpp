@@ -1,5 +1,5 @@
-// StartTLS: what is sent before TLS, and peers that refuse it, strip it or inject answers. TLS settings
-// from ldap.conf and the environment.
+// StartTLS: what is sent before TLS, and peers that refuse it, strip it or inject answers. TLS
+// settings from ldap.conf and the environment.
 #include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"

@@ -1,4 +1,5 @@
-// Addresses, waits, the meaning of result codes, validation of text, and how invalid bytes are shown.
+// Addresses, waits, the meaning of result codes, validation of text, and how invalid bytes are
+// shown.
 #include <solvane/session/Address.h>
 #include <solvane/session/PlainText.h>
 #include <solvane/session/ResultCodes.h>

@@ -1,4 +1,5 @@
-"""The command line itself: help, version, the same options in the documents, and what is wrong with it."""
+"""The command line itself: help, version, the same options in the documents, and what is wrong with
+it."""
 
 import os
 import re

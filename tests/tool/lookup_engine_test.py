@@ -1,5 +1,5 @@
-"""`solvane-ldap lookup` on scripted servers: references, sizes, domains, name servers, keys that come one
-by one, and servers that are down, silent, or make no sense: never "not found"."""
+"""`solvane-ldap lookup` on scripted servers: references, sizes, domains, name servers, keys that
+come one by one, and servers that are down, silent, or make no sense: never "not found"."""
 
 import json
 import os

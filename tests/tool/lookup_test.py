@@ -1,5 +1,5 @@
-"""`solvane-ldap lookup` against a directory: what is found, what is not, what is refused, and the forms of
-a record, with values of every kind."""
+"""`solvane-ldap lookup` against a directory: what is found, what is not, what is refused, and the
+forms of a record, with values of every kind."""
 
 import base64
 import json

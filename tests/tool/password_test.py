@@ -1,4 +1,5 @@
-"""Passwords: their sources, refused ones, those of users that are verified; and that none is ever shown."""
+"""Passwords: their sources, refused ones, those of users that are verified; and that none is ever
+shown."""
 
 import json
 import os

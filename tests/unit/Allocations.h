@@ -1,4 +1,5 @@
-// Counts, watches and fails allocations with new and delete, and hides known leaks from a leak checker.
+// Counts, watches and fails allocations with new and delete, and hides known leaks from a leak
+// checker.
 #ifndef SOLVANE_TESTS_UNIT_ALLOCATIONS_H
 #define SOLVANE_TESTS_UNIT_ALLOCATIONS_H
 

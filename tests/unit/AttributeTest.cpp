@@ -1,5 +1,5 @@
-// Attributes and their descriptions: values as bytes and as text, what is remembered of them, parsing,
-// options and comparison.
+// Attributes and their descriptions: values as bytes and as text, what is remembered of them,
+// parsing, options and comparison.
 #include <solvane/ldap/LDAPAttribute.h>
 
 #include "Faults.h"

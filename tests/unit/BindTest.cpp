@@ -1,5 +1,5 @@
-// Binds: the exact calls, what is stored when, what each answer, silence and failure leaves, and what
-// is reported.
+// Binds: the exact calls, what is stored when, what each answer, silence and failure leaves, and
+// what is reported.
 #include "CallTest.h"
 
 #include <cerrno>

@@ -1,5 +1,5 @@
-// The pool in trouble: what a lookup makes of failures and of memory that runs out, and that neither
-// changes the pool.
+// The pool in trouble: what a lookup makes of failures and of memory that runs out, and that
+// neither changes the pool.
 #include "Allocations.h"
 #include "Descriptor.h"
 #include "PoolTest.h"

@@ -1,5 +1,5 @@
-// Searches as values: escaping of values for filters, filter templates for one address, and parameters
-// as OpenLDAP's arguments.
+// Searches as values: escaping of values for filters, filter templates for one address, and
+// parameters as OpenLDAP's arguments.
 #include <solvane/ldap/LDAPRequest.h>
 #include <solvane/ldap/LDAPUtil.h>
 

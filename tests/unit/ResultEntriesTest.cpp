@@ -1,5 +1,5 @@
-// Entries of a result: how messages become entries and continuation references, call by call, also when
-// memory runs out, and reading them by several threads at once.
+// Entries of a result: how messages become entries and continuation references, call by call, also
+// when memory runs out, and reading them by several threads at once.
 #include "Allocations.h"
 #include "CallTest.h"
 #include "ForkedProcess.h"

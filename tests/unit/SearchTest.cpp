@@ -1,4 +1,5 @@
-// Searches: the exact arguments, what is stored when, and how messages, silence and failures end a wait.
+// Searches: the exact arguments, what is stored when, and how messages, silence and failures end a
+// wait.
 #include "CallTest.h"
 
 #include <solvart/Mutex.h>
