@@ -26,11 +26,6 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-std::string uriOf(ScriptedServer const& server)
-{
-    return "ldap://127.0.0.1:" + std::to_string(server.port());
-}
-
 OnSearch answering(int code)
 {
     return [code](Peer& peer, std::string const& request) {
@@ -296,19 +291,6 @@ TEST(AnIdleConnectionThatWasLost, IsReplacedByOneToTheSameServer)
 }
 
 // References
-
-namespace {
-
-void answerElsewhere(Peer& peer, std::string const& request)
-{
-    constexpr unsigned char searchReference = 0x73;
-    std::string const elsewhere = berElement(
-        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
-    int const id = messageIdOf(request);
-    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
-}
-
-} // namespace
 
 TEST(AnAnswerOfReferencesOnly, IsToBeTriedLater)
 {

@@ -97,6 +97,9 @@ LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way)
     return settings;
 }
 
+std::string uriOf(unsigned int port) { return "ldap://127.0.0.1:" + std::to_string(port); }
+std::string uriOf(ScriptedServer const& server) { return uriOf(server.port()); }
+
 std::string addressOf(int user)
 {
     char text[40];
@@ -128,6 +131,15 @@ void answerFound(ScriptedServer::Peer& peer, std::string const& request)
 void answerEmpty(ScriptedServer::Peer& peer, std::string const& request)
 {
     peer.send(searchDone(messageIdOf(request)));
+}
+
+void answerElsewhere(ScriptedServer::Peer& peer, std::string const& request)
+{
+    constexpr unsigned char searchReference = 0x73;
+    std::string const elsewhere = berElement(
+        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
+    int const id = messageIdOf(request);
+    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
 }
 
 std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages)

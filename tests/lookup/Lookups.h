@@ -40,6 +40,10 @@ void PrintTo(WayIn way, std::ostream* out);
 /// Settings for a slapd, bound as the reader, that verify its certificate.
 Solvane::LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way);
 
+/// The URI of a server on this port of 127.0.0.1.
+std::string uriOf(unsigned int port);
+std::string uriOf(ScriptedServer const& server);
+
 /// The n-th user's address.
 std::string addressOf(int user);
 
@@ -59,6 +63,8 @@ std::string whoAmIResponse(int messageId, std::string const& identity);
 void answerFound(ScriptedServer::Peer& peer, std::string const& request);
 /// Sends the end of the search only.
 void answerEmpty(ScriptedServer::Peer& peer, std::string const& request);
+/// Sends a search continuation and the end of the search.
+void answerElsewhere(ScriptedServer::Peer& peer, std::string const& request);
 
 /// How many of the messages are of this operation.
 std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages);

@@ -28,11 +28,6 @@ namespace {
 using Peer = ScriptedServer::Peer;
 using Supply = LDAPLookup::Supply;
 
-std::string uriOf(ScriptedServer const& server)
-{
-    return "ldap://127.0.0.1:" + std::to_string(server.port());
-}
-
 /// Answers each search when the test gives the cue.
 ScriptedServer::Script servingOnCue()
 {
