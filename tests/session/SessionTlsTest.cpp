@@ -494,7 +494,7 @@ TEST_F(CertificateOf, AServerTellsItsTime)
 TEST_F(CertificateOf, InvalidBytesIsRefused)
 {
     EXPECT_THROW(Certificate("no certificate"), LDAPException);
-    EXPECT_THROW(Certificate(std::string()), LDAPException);
+    EXPECT_THROW(Certificate{std::string()}, LDAPException);
 }
 
 TEST_F(CertificateOf, AServerIsForEachOfItsNames)
