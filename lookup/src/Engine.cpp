@@ -13,10 +13,24 @@ Settings const& checked(Settings const& settings)
     return settings;
 }
 
+std::shared_ptr<Shared> sharedWith(Settings const& settings, Shared const& other)
+{
+    requireSameConnections(checked(settings), other.settings);
+    return std::make_shared<Shared>(settings, other);
+}
+
 } // namespace
 
 Engine::Engine(Settings const& settings)
-    : m_current(std::make_shared<Shared>(checked(settings), m_totals, nullptr)),
+    : m_totals(std::make_shared<Totals>()),
+      m_current(std::make_shared<Shared>(checked(settings), m_totals, nullptr)),
+      m_newest(m_current.get())
+{
+    PoolsAtFork::instance().add(m_mutex);
+}
+
+Engine::Engine(Settings const& settings, Engine const& other)
+    : m_totals(other.m_totals), m_current(sharedWith(settings, *other.current())),
       m_newest(m_current.get())
 {
     PoolsAtFork::instance().add(m_mutex);

@@ -13,6 +13,9 @@
 
 namespace Solvane::Lookup {
 
+/// @throws LDAPException  `haveSameConnections` is false
+void requireSameConnections(Settings const& settings, Settings const& other);
+
 /// The settings in use, and what outlives them. Each caller shares what it began with, so a change
 /// does not touch keys in flight: earlier settings, with their pool and its connections, end with
 /// their last user. Thread-safe.
@@ -20,6 +23,9 @@ class Engine : public NonCopyable {
 public:
     /// @throws LDAPException  invalid settings
     explicit Engine(Settings const& settings);
+    /// On the connections of another one.
+    /// @throws LDAPException  invalid settings, or such that need other connections
+    Engine(Settings const& settings, Engine const& other);
     ~Engine();
 
     /// The settings in use, with their pool.
@@ -32,10 +38,10 @@ public:
     /// Puts other settings into use.
     /// @throws LDAPException  invalid settings; nothing has changed
     void reconfigure(Settings const& settings);
-    Totals const& totals() const { return m_totals; }
+    Totals const& totals() const { return *m_totals; }
 
 private:
-    Totals m_totals;
+    std::shared_ptr<Totals> const m_totals;
     mutable std::mutex m_mutex;
     std::shared_ptr<Shared> m_current;   ///< guarded by m_mutex
     std::atomic<Shared const*> m_newest; ///< `m_current`, written under m_mutex

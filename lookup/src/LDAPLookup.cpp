@@ -141,6 +141,11 @@ LDAPLookup::LDAPLookup(Settings const& settings)
 {
 }
 
+LDAPLookup::LDAPLookup(Settings const& settings, LDAPLookup const& other)
+    : m_engine(std::make_unique<Lookup::Engine>(settings, *other.m_engine))
+{
+}
+
 LDAPLookup::~LDAPLookup() = default;
 LDAPLookup::LDAPLookup(LDAPLookup&& other) noexcept = default;
 LDAPLookup& LDAPLookup::operator=(LDAPLookup&& other) noexcept = default;

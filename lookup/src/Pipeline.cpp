@@ -64,21 +64,36 @@ Settings settingsOfLogins(Settings settings)
 
 } // namespace
 
-Shared::Shared(Settings const& given, Totals& counts, Shared* before)
-    : Shared(given, counts, nullptr, before == nullptr ? nullptr : &before->pool)
+Shared::Shared(Settings const& given, std::shared_ptr<Totals> const& counts, Shared* before)
+    : Shared(std::make_shared<OwnSettings>(given), counts, nullptr,
+             before == nullptr ? nullptr : &before->pool)
 {
-    logins.reset(new Shared(settingsOfLogins(settings), counts, pool.tls(), nullptr));
+    logins.reset(new Shared(std::make_shared<OwnSettings>(settingsOfLogins(settings)), counts,
+                            pool.tls(), nullptr));
 }
 
-Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
-               Pool* before)
-    : m_ownSettings(given), settings(m_ownSettings.get()),
+Shared::Shared(Settings const& given, Shared const& other)
+    : Shared(std::make_shared<OwnSettings>(given), other.m_sharedPool)
+{
+    logins.reset(new Shared(std::make_shared<OwnSettings>(settingsOfLogins(settings)),
+                            other.logins->m_sharedPool));
+}
+
+Shared::Shared(std::shared_ptr<OwnSettings const> const& own, std::shared_ptr<Totals> const& counts,
+               std::shared_ptr<TlsContext> const& tls, Pool* before)
+    : Shared(own, std::make_shared<SharedPool>(own, counts, tls, before))
+{
+}
+
+Shared::Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPool> shared)
+    : m_ownSettings(std::move(own)), m_sharedPool(std::move(shared)),
+      settings(m_ownSettings->get()),
       queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
       forms(settings), request{settings.base,       settings.scope,      settings.deref,
                                settings.attributes, settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
-      totals(counts), pool(settings, counts, tls, before)
+      totals(*m_sharedPool->totals), pool(m_sharedPool->pool)
 {
 }
 

@@ -1,12 +1,16 @@
 // Validates the settings.
 #include <solvane/lookup/Settings.h>
 
+#include "Engine.h"
+
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/lookup/QueryTemplate.h>
 #include <solvane/session/Address.h>
 #include <solvane/session/PlainText.h>
 
+#include <algorithm>
 #include <string>
+#include <tuple>
 
 namespace Solvane::Lookup {
 
@@ -189,6 +193,36 @@ void validate(Settings const& settings)
     checkDomains(settings);
     checkTimes(settings);
     checkSizes(settings);
+}
+
+bool haveSameConnections(Settings const& one, Settings const& another)
+{
+    auto const ofTls = [](TlsPolicy const& tls) {
+        return std::tie(tls.verify, tls.caFile, tls.caFolder, tls.crlFile, tls.cipherSuite,
+                        tls.minimumVersion, tls.certificateFile, tls.keyFile);
+    };
+    auto const ofServer = [](Server const& server) {
+        return std::tie(server.host, server.port, server.secure, server.version, server.srvDomain,
+                        server.startTls, server.socketPath);
+    };
+    auto const ofConnections = [](Settings const& settings) {
+        return std::tie(settings.networkTimeout, settings.mechanism, settings.authorizationId,
+                        settings.bindDn, settings.password, settings.deadline, settings.connections,
+                        settings.backOff, settings.longestBackOff, settings.nameServers,
+                        settings.entryBytes, settings.refusedHold, settings.verifyConnections,
+                        settings.observer);
+    };
+    return ofConnections(one) == ofConnections(another) && ofTls(one.tls) == ofTls(another.tls) &&
+           std::equal(one.servers.begin(), one.servers.end(), another.servers.begin(),
+                      another.servers.end(), [&](Server const& left, Server const& right) {
+                          return ofServer(left) == ofServer(right);
+                      });
+}
+
+void requireSameConnections(Settings const& settings, Settings const& other)
+{
+    require(haveSameConnections(settings, other),
+            "the settings need other connections than those to share");
 }
 
 } // namespace Solvane::Lookup

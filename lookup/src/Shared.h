@@ -11,6 +11,7 @@
 #include <solvane/session/PlainText.h>
 
 #include <memory>
+#include <utility>
 
 namespace Solvane::Lookup {
 
@@ -26,19 +27,38 @@ private:
     Settings m_settings;
 };
 
+/// A pool, with what it refers to. Several lookups may share it. Thread-safe.
+struct SharedPool : public NonCopyable {
+    /// @param tls     of another pool; null: its own
+    /// @param before  the pool of the earlier settings; null: there are none
+    SharedPool(std::shared_ptr<OwnSettings const> given, std::shared_ptr<Totals> counts,
+               std::shared_ptr<TlsContext> const& tls, Pool* before)
+        : settings(std::move(given)), totals(std::move(counts)),
+          pool(settings->get(), *totals, tls, before)
+    {
+    }
+
+    std::shared_ptr<OwnSettings const> const settings;
+    std::shared_ptr<Totals> const totals;
+    Pool pool;
+};
+
 /// The settings, the objects prepared from them, and the pool. Thread-safe.
 struct Shared {
-    /// @param counts  must outlive it
     /// @param before  that of the earlier settings; null: there are none
-    Shared(Settings const& given, Totals& counts, Shared* before);
+    Shared(Settings const& given, std::shared_ptr<Totals> const& counts, Shared* before);
+    /// On the connections of another one.
+    /// @param given  differs from its settings only in what `haveSameConnections` allows
+    Shared(Settings const& given, Shared const& other);
 
 private:
-    /// Without `logins`.
-    /// @param tls  of another pool; null: its own
-    Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
-           Pool* before);
+    // Without `logins`.
+    Shared(std::shared_ptr<OwnSettings const> const& own, std::shared_ptr<Totals> const& counts,
+           std::shared_ptr<TlsContext> const& tls, Pool* before);
+    Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPool> shared);
 
-    OwnSettings m_ownSettings;
+    std::shared_ptr<OwnSettings const> const m_ownSettings;
+    std::shared_ptr<SharedPool> const m_sharedPool;
 
 public:
     Settings const& settings;
@@ -47,7 +67,7 @@ public:
     SearchRequest const request;
     SearchRequest const entryRequest; ///< for the DN alone, and whether there are several
     Totals& totals;
-    Pool pool;
+    Pool& pool;
     std::unique_ptr<Shared> logins; ///< of the connections on which users bind; null in itself
 };
 

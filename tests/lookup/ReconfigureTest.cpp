@@ -341,4 +341,98 @@ TEST_F(SettingsOfADirectory, MayChangeWhileTheProcessForks)
     EXPECT_EQ(wrong, "");
 }
 
+TEST(SharedConnections, ServeAnotherSearch)
+{
+    ScriptedServer server(serving(answerFound));
+    auto settings = settingsFor({server.port()});
+    LDAPLookup one(settings);
+    settings.queryTemplate = "(uid=$u)";
+    settings.attributes = {"cn"};
+    LDAPLookup another(settings, one);
+
+    one.find(addressOf(1));
+    auto const answer = another.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found);
+    EXPECT_THAT(answer.filter, HasSubstr("(uid="));
+    EXPECT_EQ(server.connectionCount(), 1U);
+    EXPECT_EQ(one.statistics().reused, 1U);
+    EXPECT_EQ(another.servers().front().answered, 2U);
+}
+
+TEST(SharedConnections, AreAtMostAsManyAsTheSettingsSay)
+{
+    ScriptedServer server(servingOnCue());
+    auto settings = settingsFor({server.port()});
+    settings.connections = 1;
+    LDAPLookup one(settings);
+    LDAPLookup another(settings, one);
+    auto first = std::async(std::launch::async, [&] { return one.find(addressOf(1)); });
+    ASSERT_TRUE(eventually([&] { return hasSearch(server); }));
+    auto second = std::async(std::launch::async, [&] { return another.find(addressOf(2)); });
+
+    server.giveCue();
+
+    EXPECT_EQ(first.get().outcome, Outcome::Found);
+    EXPECT_EQ(second.get().outcome, Outcome::Found);
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+TEST(SharedConnections, OutliveTheLookupThatOpenedThem)
+{
+    ScriptedServer server(serving(answerFound));
+    auto const settings = settingsFor({server.port()});
+    auto one = std::make_unique<LDAPLookup>(settings);
+    one->find(addressOf(1));
+    LDAPLookup another(settings, *one);
+
+    one.reset();
+
+    EXPECT_EQ(another.find(addressOf(1)).outcome, Outcome::Found);
+    EXPECT_EQ(another.statistics().opened, 1U);
+}
+
+TEST(SharedConnections, AreNotThoseOfNewSettings)
+{
+    ScriptedServer first(serving(answerFound));
+    ScriptedServer second(serving(answerFound));
+    LDAPLookup one(settingsFor({first.port()}));
+    LDAPLookup another(settingsFor({first.port()}), one);
+
+    another.reconfigure(settingsFor({second.port()}));
+
+    EXPECT_EQ(another.find(addressOf(1)).server, uriOf(second));
+    EXPECT_EQ(one.find(addressOf(1)).server, uriOf(first));
+}
+
+TEST(SharedConnections, NeedTheSameServersIdentityAndLimits)
+{
+    auto const settings = settingsFor({389});
+    LDAPLookup const one(settings);
+    auto const refused = [&](auto change) {
+        auto changed = settings;
+        change(changed);
+        try {
+            LDAPLookup const another(changed, one);
+        } catch (LDAPException const& fault) {
+            return fault.stringParameter() ==
+                   "the settings need other connections than those to share";
+        }
+        return false;
+    };
+    using Settings = LDAPLookup::Settings;
+
+    EXPECT_TRUE(refused([](Settings& each) { each.servers.front().port = 390; }));
+    EXPECT_TRUE(refused([](Settings& each) { each.servers.front().startTls = true; }));
+    EXPECT_TRUE(refused([](Settings& each) { each.servers.push_back(each.servers.front()); }));
+    EXPECT_TRUE(refused([](Settings& each) { each.password += "x"; }));
+    EXPECT_TRUE(refused([](Settings& each) { each.bindDn = "cn=other"; }));
+    EXPECT_TRUE(refused([](Settings& each) { each.tls.caFile = "/ca.pem"; }));
+    EXPECT_TRUE(refused([](Settings& each) { ++each.connections; }));
+    EXPECT_TRUE(refused([](Settings& each) { each.deadline *= 2; }));
+    EXPECT_FALSE(refused([](Settings& each) { each.base = "dc=other"; }));
+    EXPECT_FALSE(refused([](Settings& each) { each.domains = {"corp.test"}; }));
+    EXPECT_FALSE(refused([](Settings& each) { ++each.window; }));
+}
+
 } // namespace SolvaneTest

@@ -40,6 +40,12 @@ public:
     /// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: invalid settings; the text names
     ///                        the setting
     explicit LDAPLookup(Settings const& settings);
+    /// Another search on the connections of `other`: both together have at most `connections`, and
+    /// know the same about the servers; `statistics` and `servers` are those of both. Each may be
+    /// destroyed first. After `reconfigure` of one of them, that one has connections of its own.
+    /// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: invalid settings, or
+    ///                        `Lookup::haveSameConnections` is false
+    LDAPLookup(Settings const& settings, LDAPLookup const& other);
     ~LDAPLookup();
 
     /// Takes the connections and statistics of `other`, which then may only be assigned to or

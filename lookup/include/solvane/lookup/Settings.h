@@ -112,6 +112,12 @@ struct Settings {
 ///                        setting
 SOLVANE_LOOKUP_EXPORT void validate(Settings const& settings);
 
+/// Whether lookups with these settings can use the same connections: they differ at most in what
+/// is searched for (`base`, `scope`, `deref`, `queryTemplate`, `bValue`, `gValue`, `attributes`,
+/// `forms`, `extensionDelimiter`, `domains`, `asciiDomains`, `references`) and in the limits of one
+/// key (`entryLimit`, `timeLimit`, `keyBytes`, `answerBytes`, `window`). Thread-safe.
+SOLVANE_LOOKUP_EXPORT bool haveSameConnections(Settings const& one, Settings const& another);
+
 } // namespace Solvane::Lookup
 
 #endif
