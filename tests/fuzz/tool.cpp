@@ -71,8 +71,9 @@ void fuzz_ldif(std::uint8_t const* data, std::size_t size)
 /// Settings files: each is taken or refused with its line, and a refusal shows no password.
 void fuzz_settings(std::uint8_t const* data, std::size_t size)
 {
-    // A list of domains may name a file: only those that are written out are tried here.
-    if (textOf(data, size).find("domain") != std::string::npos) {
+    // Some settings may name files: they are not tried here.
+    std::string const text = textOf(data, size);
+    if (text.find("domain") != std::string::npos || text.find("include") != std::string::npos) {
         return;
     }
     InputFile const file(data, size);

@@ -301,5 +301,59 @@ class OnADirectory(DirectoryTest):
         )
 
 
+class Includes(ToolTest):
+    def expand(self, text):
+        return run("-C", self.file("conf", text), "expand", "a@x.test")
+
+    def test_are_read_beside_the_file(self):
+        self.file("common", b"query_filter = ($u=$b)\n")
+
+        result = self.expand(b"include = common\nb_value = 1\n")
+
+        self.assertEqual(result.lines, ["(a=1)"], result.errors)
+
+    def test_count_less_than_the_file_wherever_they_stand(self):
+        self.file("common", b"b_value = 2\ng_value = 3\n")
+
+        for text in (b"include = common\nb_value = 1\n", b"b_value = 1\ninclude = common\n"):
+            result = self.expand(text + b"query_filter = ($b=$g)\n")
+
+            self.assertEqual(result.lines, ["(1=3)"], result.errors)
+
+    def test_have_lines_of_their_own(self):
+        self.file("common", b"\n\nb_values = 2\n")
+
+        result = self.expand(b"include = common\n")
+
+        self.assert_fails(result, 78, "/common:3: unknown setting 'b_values'")
+
+    def test_must_agree_on_who_sets_a_name(self):
+        self.file("one", b"b_value = 1\n")
+        self.file("two", b"b_value = 1\n")
+
+        result = self.expand(b"include = one\ninclude = two\n")
+
+        self.assert_fails(result, 78, "/two:1: b_value is set twice")
+
+    def test_end_if_they_go_in_a_circle(self):
+        self.file("common", b"include = conf\n")
+
+        result = self.expand(b"include = common\n")
+
+        self.assert_fails(result, 78, "too many files include one another")
+
+    def test_must_exist(self):
+        result = self.expand(b"b_value = 1\ninclude = absent\n")
+
+        self.assert_fails(result, 78, "conf:2: ", "/absent': No such file")
+
+    def test_keep_their_passwords_from_others(self):
+        self.file("common", b"bind_pw = secret\n", mode=0o644)
+
+        result = self.expand(b"include = common\n")
+
+        self.assert_fails(result, 78, "/common:1: bind_pw: the file is readable by other users")
+
+
 if __name__ == "__main__":
     unittest.main()

@@ -33,7 +33,7 @@ public:
     /// @throws Failure  "configuration": there is no terminal, or the password is invalid
     void ask(std::string const& name);
 
-    /// Copies bytes that were read elsewhere.
+    /// Copies bytes that were read elsewhere, in place of the password.
     /// @param source  their origin, for the text of a failure
     /// @throws Failure  "configuration": the password is invalid
     void assign(std::string_view bytes, std::string const& source);

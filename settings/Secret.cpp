@@ -170,6 +170,7 @@ bool Secret::askOnce(int terminal, std::string const& prompt)
 
 void Secret::assign(std::string_view bytes, std::string const& source)
 {
+    wipe(m_text);
     for (char const byte : bytes) {
         append(byte, source);
     }
