@@ -105,6 +105,18 @@ such address\" (bounce) from \"lookup failed\" (defer).")
     set(CPACK_DEBIAN_TOOL_PACKAGE_SUGGESTS "bash-completion, libsolvane-ldap-doc")
 endif()
 
+if(SOLVANE_BUILD_SERVICE)
+    solvane_package(service solvane-ldapd mail
+        "answers mail servers' lookups and logins from LDAP directories"
+"A service between mail servers and LDAP directories. Postfix, Sendmail and
+Exim ask it for recipients and aliases by the socketmap protocol, and for
+logins by Dovecot's authentication protocol. All share a bounded number of
+connections, which fail over from server to server. While the directory is
+down, mail is deferred and never bounced.")
+    set(CPACK_COMPONENT_SERVICE_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_SUGGESTS "solvane-ldap, postfix, libsolvane-ldap-doc")
+endif()
+
 solvane_package(documentation libsolvane-ldap-doc doc
     "LDAP for mail servers: guide and examples"
 "Looks mail users up in LDAP directories, for mail servers. Distinguishes

@@ -58,6 +58,7 @@ endfunction()
 # libraries of these packages.
 function(finish_binaries component)
     file(GLOB binaries "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/bin/*"
+        "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/sbin/*"
         "${CPACK_TEMPORARY_DIRECTORY}/${component}/usr/${CPACK_SOLVANE_LIBDIR}/*.so.*.*")
     if(NOT binaries)
         return()

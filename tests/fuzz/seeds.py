@@ -8,6 +8,17 @@ import os
 import sys
 
 SEEDS = {
+    "auth": {
+        "cancel": b"AUTH\t1\tPLAIN\tsecured\tresp=AGFubmEAc2VjcmV0\nCANCEL\t1\n",
+        "login": (
+            b"CPID\t99\nAUTH\t1\tLOGIN\tservice=smtp\tsecured\nCONT\t1\tYW5uYQ==\n"
+            b"CONT\t1\tc2VjcmV0\n"
+        ),
+        "plain": (
+            b"CPID\t99\nAUTH\t1\tPLAIN\tservice=smtp\tnologin\tsecured\trip=192.0.2.9\t"
+            b"resp=AGFubmEAc2VjcmV0\nAUTH\t2\tPLAIN\tresp=AGEJYgpjAHg=\n"
+        ),
+    },
     "answer": {
         "entry": (
             b"0B\x02\x01\x01d=\x04\x09cn=a,dc=b000\x0e\x04\x02cn1\x08\x04\x01a\x04\x03b\0c0"
@@ -124,6 +135,11 @@ SEEDS = {
             b"scope = one\n"
             b"size_limit = 5\n"
         ),
+    },
+    "socketmap": {
+        "requests": b"21:users anna@corp.test,,0:,7:users a,",
+        "three": b"7:users a,0:,12:aliases b@c,,65:",
+        "zero": b"007:users a,",
     },
     "template": {
         "byte_behind_specifier": b' \xd5|(a=$b)(c=$g\xb9(d=$c)) \0u\0\0B)"\0(G',

@@ -1,0 +1,43 @@
+// The log of the service: standard error, which systemd passes to the journal.
+#ifndef SOLVANE_SERVICE_LOG_H
+#define SOLVANE_SERVICE_LOG_H
+
+#include <solvane/lookup/Observer.h>
+
+#include <string>
+
+namespace Solvane::Service {
+
+/// Writes lines. Thread-safe.
+class Log {
+public:
+    /// How important a line is, with syslog's numbers.
+    enum class Level { error = 3, warning = 4, notice = 5, info = 6 };
+
+    /// @param isJournal  standard error is the journal's: each line begins with its level
+    explicit Log(bool isJournal);
+    /// Whether the environment says that standard error is the journal's.
+    static bool isJournal();
+
+    /// Writes one line; control characters are escaped.
+    void write(Level level, std::string const& text);
+
+private:
+    bool const m_isJournal;
+};
+
+/// Logs what changes: servers lost and back, back-offs, refused credentials.
+class LoggedEvents final : public Lookup::Observer {
+public:
+    /// @param log  must outlive it
+    explicit LoggedEvents(Log& log) : m_log(log) {}
+
+    void happened(Lookup::Event const& event) override;
+
+private:
+    Log& m_log;
+};
+
+} // namespace Solvane::Service
+
+#endif

@@ -1,0 +1,87 @@
+// The service as a whole: its sockets, threads, signals and metrics.
+#ifndef SOLVANE_SERVICE_SERVICE_H
+#define SOLVANE_SERVICE_SERVICE_H
+
+#include "Listener.h"
+#include "Log.h"
+#include "LoginLimits.h"
+#include "Lookups.h"
+#include "Maps.h"
+#include "Metrics.h"
+#include "ServiceSettings.h"
+#include "Worker.h"
+
+#include <boost/asio/signal_set.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include <atomic>
+#include <chrono>
+#include <list>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Solvane::Service {
+
+/// Runs until SIGTERM or SIGINT. SIGHUP reads the maps anew: if something is wrong with them, those in
+/// use stay; else later requests go to the new ones.
+class Service {
+public:
+    /// @param folder     of the settings
+    /// @param statsFile  is written with the metrics every ten seconds; empty: none
+    Service(std::string folder, std::shared_ptr<Configuration const> configuration,
+            std::string statsFile, Log& log);
+    ~Service();
+    Service(Service const&) = delete;
+    Service& operator=(Service const&) = delete;
+
+    /// Opens the sockets, and serves.
+    /// @throws Failure        "configuration": a socket cannot be opened
+    /// @throws LDAPException  invalid settings of a map
+    void run();
+
+private:
+    void open();
+    void add(ClientKind kind, int descriptor, std::string const& path);
+    void accept(ClientKind kind, int descriptor);
+    void awaitSignal();
+    void reload();
+    void replaceMaps(std::vector<Tool::Failure>& faults);
+    void beginStop();
+    void awaitLastClient();
+    void stop();
+    std::string stats() const;
+    void keepStatsFile();
+    void writeStatsFile();
+    void keepWatchdog();
+
+    std::string const m_folder;
+    std::shared_ptr<Configuration const> const m_configuration; ///< of the start
+    std::string const m_statsFile;
+    Log& m_log;
+    Metrics m_metrics;
+    LoginLimits m_limits;
+    Environment m_environment;
+    std::shared_ptr<LoggedEvents> const m_observer;
+    std::shared_ptr<Maps> m_maps;
+    std::vector<std::unique_ptr<Worker>> const m_workers; ///< the first has the calling thread
+    std::vector<std::thread> m_threads;
+    std::size_t m_next = 0; ///< index of the worker for the next client
+    // All below belong to the first worker.
+    std::list<Listener> m_listeners;
+    boost::asio::signal_set m_signals;
+    boost::asio::steady_timer m_stopTimer;
+    boost::asio::steady_timer m_statsTimer;
+    boost::asio::steady_timer m_watchdogTimer;
+    std::chrono::steady_clock::time_point m_stopBy;
+    std::chrono::steady_clock::time_point m_nextComplaint; ///< about too many clients
+    std::atomic<std::size_t> m_alive{0}; ///< workers that have reacted since they were asked
+    bool m_asksWorkers = false;          ///< whether they react
+    bool m_isStopping = false;
+    bool m_hasStatsFile = true;
+};
+
+} // namespace Solvane::Service
+
+#endif

@@ -1,0 +1,604 @@
+"""The service as mail servers see it, with real and scripted directories."""
+
+import os
+import select
+import socket
+import time
+import unittest
+
+from ldapd import Client, Service, netstring
+from servers import (
+    SEARCH,
+    ScriptedDirectory,
+    Slapd,
+    eventually,
+    serving,
+    silent,
+)
+from support import PRIVATE, DirectoryTest, ToolTest, free_port
+
+ALIASES = """
+query_filter = (cn=$m)
+search_base = ou=people,dc=corp,dc=test
+result_attribute = mail
+"""
+
+
+class Lookups(DirectoryTest):
+    slapd_options = ["--users", "200"]
+
+    def test_answers_with_values(self):
+        service = Service(self, self.uri)
+
+        with service.client() as client:
+            self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
+            self.assertEqual(client.ask("users", "nobody@corp.test"), "NOTFOUND ")
+            self.assertEqual(client.ask("users", "user0000002@corp.test"), "OK user0000002")
+
+    def test_joins_values_by_commas(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = uid, mail\n"
+        service = Service(self, self.uri, maps={"users": users})
+
+        self.assertEqual(
+            service.ask("users", "user0000010@corp.test"),
+            "OK user0000010,user0000010@corp.test,ukasz.10@alias.corp.test",
+        )
+
+    def test_finds_nothing_without_a_value(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = jpegPhoto, telephoneNumber\n"
+        service = Service(self, self.uri, maps={"users": users})
+
+        self.assertEqual(service.ask("users", "user0000001@corp.test"), "NOTFOUND ")
+        self.assertEqual(service.stats()['solvane_ldapd_found_without_value_total{map="users"}'], 1)
+
+    def test_asks_no_server_for_other_domains(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = uid\ndomain = corp.test\n"
+        service = Service(self, f"ldap://127.0.0.1:{free_port()}", maps={"users": users})
+
+        self.assertEqual(service.ask("users", "anna@elsewhere.test"), "NOTFOUND ")
+        self.assertEqual(service.ask("users", "anna"), "NOTFOUND ")
+        self.assertTrue(service.ask("users", "anna@corp.test").startswith("TEMP "))
+
+    def test_says_which_map_is_missing(self):
+        service = Service(self, self.uri)
+
+        self.assertEqual(service.ask("alias", "a@corp.test"), "TEMP there is no map 'alias'")
+        self.assertEqual(service.stats()["solvane_ldapd_unknown_map_total"], 1)
+
+    def test_answers_requests_that_arrive_together_in_their_order(self):
+        service = Service(self, self.uri)
+
+        with service.client() as client:
+            numbers = range(1, 151)
+            for number in numbers:
+                client.send(netstring(f"users user{number:07d}@corp.test"))
+
+            for number in numbers:
+                self.assertEqual(client.read_netstring(), f"OK user{number:07d}")
+
+    def test_answers_requests_in_pieces(self):
+        service = Service(self, self.uri)
+
+        with service.client() as client:
+            for byte in netstring("users user0000001@corp.test"):
+                client.send(bytes([byte]))
+
+            self.assertEqual(client.read_netstring(), "OK user0000001")
+
+    def test_answers_a_client_that_ends_its_side(self):
+        service = Service(self, self.uri)
+
+        with service.client() as client:
+            client.send(netstring("users user0000001@corp.test"))
+            client.socket.shutdown(socket.SHUT_WR)
+
+            self.assertEqual(client.read_netstring(), "OK user0000001")
+            self.assertTrue(client.is_closed())
+
+    def test_maps_with_the_same_servers_share_connections(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = uid\n"
+        service = Service(self, self.uri, maps={"aliases": ALIASES, "users": users})
+
+        service.ask("users", "user0000001@corp.test")
+        service.ask("aliases", "nobody")
+
+        stats = service.stats()
+        labels = f'{{pool="aliases",server="{self.uri}"}}'
+        self.assertEqual(stats[f"solvane_ldapd_connections_opened_total{labels}"], 1)
+        self.assertEqual(stats[f"solvane_ldapd_searches_answered_total{labels}"], 2)
+
+    def test_serves_many_clients_in_several_threads(self):
+        service = Service(self, self.uri, "threads = 3\n", connections="2")
+        clients = [service.client() for _ in range(100)]
+
+        for number, client in enumerate(clients, 1):
+            client.send(netstring(f"users user{number:07d}@corp.test"))
+
+        for number, client in enumerate(clients, 1):
+            self.assertEqual(client.read_netstring(), f"OK user{number:07d}")
+        stats = service.stats()
+        labels = f'{{pool="users",server="{self.uri}"}}'
+        in_use = stats[f"solvane_ldapd_connections_in_use{labels}"]
+        self.assertLessEqual(in_use + stats[f"solvane_ldapd_connections_idle{labels}"], 2)
+        self.assertEqual(stats["solvane_ldapd_clients"], 101)
+
+    def test_counts_requests(self):
+        service = Service(self, self.uri)
+        service.ask("users", "user0000001@corp.test")
+        service.ask("users", "nobody@corp.test")
+
+        stats = service.stats()
+
+        requests = "solvane_ldapd_requests_total"
+        self.assertEqual(stats[f'{requests}{{map="users",outcome="found"}}'], 1)
+        self.assertEqual(stats[f'{requests}{{map="users",outcome="not found"}}'], 1)
+        self.assertEqual(stats['solvane_ldapd_request_seconds_count{map="users"}'], 2)
+        self.assertEqual(stats['solvane_ldapd_request_seconds_bucket{map="users",le="+Inf"}'], 2)
+        self.assertGreater(stats['solvane_ldapd_request_seconds_sum{map="users"}'], 0)
+
+    def test_writes_metrics_into_a_file(self):
+        path = os.path.join(self.folder, "metrics.prom")
+        Service(self, self.uri, arguments=("--stats-file", path))
+
+        self.assertTrue(os.path.exists(path))  # before the service says that it serves
+        with open(path, encoding="utf-8") as file:
+            self.assertIn("solvane_ldapd_clients 0\n", file.read())
+
+    def test_takes_the_password_of_the_map_rather_than_the_common_one(self):
+        users = "query_filter = (cn=secret)\nresult_attribute = description\n"
+        service = Service(
+            self,
+            self.uri,
+            maps={"users": users + "bind_pw = reader-pw\n"},
+            bind_pw="wrong-password",
+            search_base=PRIVATE,
+        )
+
+        self.assertEqual(service.ask("users", "a"), "OK seen only by bound users")
+
+    def test_logs_requests_if_asked(self):
+        service = Service(self, self.uri, "log_requests = yes\n")
+
+        service.ask("users", "user0000001@corp.test")
+
+        service.await_line("users user0000001@corp.test: found, ")
+
+    def test_keeps_answers_if_asked(self):
+        service = Service(self, self.uri, "cache_time = 600\ncache_negative_time = 600\n")
+        for _ in range(3):
+            self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
+            self.assertEqual(service.ask("users", "nobody@corp.test"), "NOTFOUND ")
+
+        stats = service.stats()
+
+        self.assertEqual(stats['solvane_ldapd_cache_hits_total{map="users"}'], 4)
+        self.assertEqual(stats['solvane_ldapd_request_seconds_count{map="users"}'], 2)
+        service.reload()
+        service.ask("users", "user0000001@corp.test")
+        self.assertEqual(service.stats()['solvane_ldapd_request_seconds_count{map="users"}'], 3)
+
+
+class Trouble(ToolTest):
+    def test_never_turns_down_into_unknown(self):
+        slapd = Slapd(self.addCleanup, "--users", "10")
+        service = Service(self, slapd.uri, "cache_negative_time = 600\n")
+        self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
+
+        slapd.stop()
+        reply = service.ask("users", "user0000001@corp.test")
+        self.assertTrue(reply.startswith("TEMP "), reply)
+        self.assertIn(slapd.uri, reply)
+        slapd.start()
+
+        self.assertTrue(
+            eventually(lambda: service.ask("users", "user0000001@corp.test") == "OK user0000001")
+        )
+        self.assertEqual(service.ask("users", "nobody@corp.test"), "NOTFOUND ")
+        self.assertTrue(any("is skipped for" in line for line in service.lines), service.lines)
+        self.assertTrue(any("serves again" in line for line in service.lines), service.lines)
+
+    def test_tells_no_secret(self):
+        service = Service(
+            self,
+            ScriptedDirectory(
+                self,
+                serving(None, on_bind=lambda request: request.result(0x61, 49)),
+            ).uri,
+        )
+
+        reply = service.ask("users", "a@corp.test")
+
+        self.assertTrue(reply.startswith("TEMP "), reply)
+        self.assertNotIn("reader-pw", reply + "\n".join(service.lines))
+
+    def test_asks_once_for_equal_keys(self):
+        release = []
+
+        def answer(request):
+            eventually(lambda: release)
+            return request.entry(uid=[b"anna"]) + request.result(0x65)
+
+        directory = ScriptedDirectory(self, serving(answer))
+        service = Service(self, directory.uri)
+        clients = [service.client() for _ in range(20)]
+        for client in clients:
+            client.send(netstring("users anna@corp.test"))
+        stats = 'solvane_ldapd_shared_answers_total{map="users"}'
+        self.assertTrue(eventually(lambda: service.stats()[stats] == 19))
+
+        release.append(True)
+
+        for client in clients:
+            self.assertEqual(client.read_netstring(), "OK anna")
+        self.assertEqual(directory.count(SEARCH), 1)
+
+
+class HostileClients(DirectoryTest):
+    slapd_options = ["--users", "20"]
+
+    def serves(self, service):
+        return service.ask("users", "user0000001@corp.test") == "OK user0000001"
+
+    def test_are_closed_for_garbage(self):
+        service = Service(self, self.uri)
+
+        with service.client() as client:
+            client.send(b"GET / HTTP/1.1\r\n\r\n")
+
+            self.assertTrue(client.is_closed())
+        self.assertTrue(self.serves(service))
+        self.assertEqual(service.stats()["solvane_ldapd_protocol_errors_total"], 1)
+
+    def test_are_closed_for_a_request_that_is_too_long(self):
+        service = Service(self, self.uri)
+
+        with service.client() as client:
+            client.send(b"16385:")
+
+            self.assertTrue(client.is_closed())
+
+    def test_are_closed_when_idle_even_if_they_send_bytes(self):
+        service = Service(self, self.uri, "idle_time = 1\n")
+
+        with service.client() as client:
+            client.send(b"9000:")
+            while not select.select([client.socket], [], [], 0.1)[0]:
+                client.send(b"x")
+
+            self.assertTrue(client.is_closed())
+
+    def test_are_turned_away_if_there_are_too_many(self):
+        service = Service(self, self.uri, "clients = 3\n")
+        clients = [service.client() for _ in range(3)]
+        for client in clients:
+            client.ask("users", "nobody@corp.test")
+
+        with service.client() as fourth:
+            self.assertTrue(fourth.is_closed())
+
+        self.assertEqual(service.stats()["solvane_ldapd_clients_turned_away_total"], 1)
+        clients[0].socket.close()
+        self.assertTrue(eventually(lambda: service.stats()["solvane_ldapd_clients"] == 3))
+        self.assertTrue(self.serves(service))
+
+    def test_wait_if_they_do_not_read_their_replies(self):
+        service = Service(self, self.uri, "idle_time = 2\n")
+        with service.client() as client:
+            client.socket.settimeout(1)
+            with self.assertRaises((TimeoutError, ConnectionError)):
+                while True:
+                    client.send(netstring("users user0000001@corp.test") * 1000)
+
+            self.assertTrue(self.serves(service))
+
+    def test_count_until_their_requests_are_answered(self):
+        directory = ScriptedDirectory(self, silent)
+        service = Service(
+            self, directory.uri, "clients = 5\nclient_requests = 2\n", bind="no", deadline="60"
+        )
+        for _ in range(5):
+            client = service.client()
+            client.send(netstring("users a@corp.test") + netstring("users b@corp.test"))
+            client.socket.close()
+        accepted = "solvane_ldapd_clients_accepted_total"
+        self.assertTrue(eventually(lambda: service.stats()[accepted] >= 6))
+
+        with service.client() as client:
+            self.assertTrue(client.is_closed())
+
+    def test_cost_no_descriptors(self):
+        service = Service(self, self.uri)
+        self.serves(service)
+        before = service.descriptors()
+        for content in (b"", b"1", b"5:abc", b"x", netstring("users nobody@corp.test") * 40):
+            for _ in range(20):
+                with Client(service.users_path) as client:
+                    client.send(content)
+
+        self.assertTrue(eventually(lambda: service.stats()["solvane_ldapd_clients"] == 1))
+        self.assertTrue(eventually(lambda: service.descriptors() <= before))
+
+
+class Reload(DirectoryTest):
+    slapd_options = ["--users", "200"]
+
+    def test_brings_new_maps_into_use(self):
+        service = Service(self, self.uri)
+        client = service.client()
+        self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
+
+        service.write_map("users", "query_filter = (mail=$m)\nresult_attribute = mail\n")
+        service.write_map("names", "query_filter = (uid=$u)\nresult_attribute = uid\n")
+        service.reload()
+
+        self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001@corp.test")
+        self.assertEqual(client.ask("names", "user0000002@corp.test"), "OK user0000002")
+        self.assertEqual(service.stats()["solvane_ldapd_reloads_total"], 1)
+
+    def test_keeps_connections_if_only_searches_change(self):
+        service = Service(self, self.uri)
+        service.ask("users", "user0000001@corp.test")
+
+        service.write_map("users", "query_filter = (mail=$m)\nresult_attribute = mail\n")
+        service.reload()
+        service.ask("users", "user0000001@corp.test")
+
+        labels = f'{{pool="users",server="{self.uri}"}}'
+        opened = service.stats()[f"solvane_ldapd_connections_opened_total{labels}"]
+        self.assertEqual(opened, 1)
+
+    def test_changes_nothing_if_the_new_settings_are_invalid(self):
+        service = Service(self, self.uri)
+
+        service.write_map("users", "query_filter = (mail=$m\nresult_attribute = uid\nscop = sub\n")
+        service.reload()
+
+        self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
+        self.assertTrue(any("users.conf:4: unknown setting" in line for line in service.lines))
+        self.assertEqual(service.stats()["solvane_ldapd_reloads_failed_total"], 1)
+
+    def test_loses_no_request(self):
+        service = Service(self, self.uri, "threads = 2\n")
+        clients = [service.client() for _ in range(10)]
+        for turn in range(20):
+            for number, client in enumerate(clients, 1):
+                client.send(netstring(f"users user{number:07d}@corp.test"))
+            if turn % 5 == 0:
+                service.reload()
+            for number, client in enumerate(clients, 1):
+                self.assertEqual(client.read_netstring(), f"OK user{number:07d}")
+
+
+class Stop(DirectoryTest):
+    slapd_options = ["--users", "20"]
+
+    def test_answers_requests_under_way_first(self):
+        release = []
+
+        def answer(request):
+            eventually(lambda: release)
+            return request.entry(uid=[b"anna"]) + request.result(0x65)
+
+        directory = ScriptedDirectory(self, serving(answer))
+        service = Service(self, directory.uri)
+        idle = service.client()
+        client = service.client()
+        client.send(netstring("users anna@corp.test"))
+        self.assertTrue(eventually(lambda: directory.count(SEARCH) == 1))
+
+        service.process.terminate()
+        self.assertTrue(idle.is_closed())
+        release.append(True)
+
+        self.assertEqual(client.read_netstring(), "OK anna")
+        self.assertEqual(service.process.wait(60), 0)
+        self.assertFalse(os.path.exists(service.users_path))
+
+    def test_does_not_wait_for_ever(self):
+        directory = ScriptedDirectory(self, silent)
+        service = Service(self, directory.uri, "stop_time = 1\n", deadline="300", timeout="300")
+        client = service.client()
+        client.send(netstring("users anna@corp.test"))
+        self.assertTrue(eventually(lambda: directory.connections))
+
+        begin = time.monotonic()
+        self.assertEqual(service.stop(), 0)
+
+        self.assertLess(time.monotonic() - begin, 60)
+
+    def test_leaves_a_socket_that_another_service_has(self):
+        service = Service(self, self.uri)
+        other = Service(self, self.uri, is_started=False)
+
+        with self.assertRaisesRegex(AssertionError, "cannot listen on unix:.*in use"):
+            other.start()
+
+        self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
+
+    def test_replaces_a_socket_that_was_left(self):
+        service = Service(self, self.uri)
+        service.process.kill()
+        service.process.wait(60)
+
+        again = Service(self, self.uri)
+
+        self.assertEqual(again.ask("users", "user0000001@corp.test"), "OK user0000001")
+
+
+class Logins(DirectoryTest):
+    slapd_options = ["--users", "20"]
+
+    def test_are_accepted_or_denied(self):
+        client = Service(self, self.uri).auth_client()
+
+        self.assertIn("MECH\tPLAIN\tplaintext\nMECH\tLOGIN\tplaintext\n", client.greeting)
+        self.assertEqual(
+            client.plain("user0000001@corp.test", "pw-user0000001"),
+            "OK\t1\tuser=user0000001@corp.test",
+        )
+        self.assertEqual(
+            client.plain("user0000001@corp.test", "wrong"), "FAIL\t1\tuser=user0000001@corp.test"
+        )
+        self.assertEqual(
+            client.plain("nobody@corp.test", "wrong"), "FAIL\t1\tuser=nobody@corp.test"
+        )
+
+    def test_are_refused_without_tls(self):
+        client = Service(self, self.uri).auth_client()
+
+        self.assertEqual(
+            client.plain("user0000001@corp.test", "pw-user0000001", parameters="nologin"),
+            "FAIL\t1\treason=passwords are refused without TLS",
+        )
+
+    def test_close_the_connection_while_the_directory_is_down(self):
+        client = Service(self, f"ldap://127.0.0.1:{free_port()}").auth_client()
+
+        with self.assertRaises(EOFError):
+            client.plain("user0000001@corp.test", "pw-user0000001")
+
+    def test_say_that_it_is_temporary_if_told_so(self):
+        client = Service(
+            self, f"ldap://127.0.0.1:{free_port()}", "auth_trouble = fail\n"
+        ).auth_client()
+
+        self.assertEqual(client.plain("anna", "secret"), "FAIL\t1\tuser=anna\ttemp\tcode=temp_fail")
+
+    def test_are_limited(self):
+        service = Service(self, self.uri, "auth_failures = 2\nauth_trouble = fail\n")
+        client = service.auth_client()
+        for _ in range(2):
+            client.plain("user0000001@corp.test", "wrong")
+
+        reply = client.plain("user0000001@corp.test", "pw-user0000001")
+
+        self.assertIn("temp_fail", reply)
+        stats = service.stats()
+        self.assertEqual(stats["solvane_ldapd_logins_limited_total"], 1)
+        self.assertEqual(stats['solvane_ldapd_logins_total{outcome="denied"}'], 2)
+
+    def test_leave_no_password_in_the_log(self):
+        service = Service(self, self.uri, "log_requests = yes\n")
+        client = service.auth_client()
+
+        client.plain("user0000001@corp.test", "pw-user0000001")
+        client.plain("user0000001@corp.test", "wrong-password")
+
+        service.await_line("login of user0000001@corp.test from 192.0.2.1: denied")
+        for secret in ("pw-user0000001", "wrong-password"):
+            self.assertNotIn(secret, "\n".join(service.lines))
+
+
+class Systemd(DirectoryTest):
+    slapd_options = ["--users", "20"]
+
+    def test_is_told_when_the_service_is_ready(self):
+        path = os.path.join(self.folder, "notify")
+        with socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            manager.bind(path)
+            manager.settimeout(60)
+            service = Service(self, self.uri, is_started=False)
+            service.start(env={**os.environ, "NOTIFY_SOCKET": path, "WATCHDOG_USEC": "400000"})
+
+            self.assertEqual(manager.recv(100), b"READY=1")
+            self.assertEqual(manager.recv(100), b"WATCHDOG=1")
+            self.assertEqual(manager.recv(100), b"WATCHDOG=1")
+            service.reload()
+            states = [manager.recv(100) for _ in range(20)]
+            self.assertTrue(any(b"RELOADING=1\nMONOTONIC_USEC=" in state for state in states))
+            self.assertIn(b"READY=1", states)
+            service.process.terminate()
+            self.assertTrue(eventually(lambda: manager.recv(100) == b"STOPPING=1"))
+
+    def test_opens_the_sockets(self):
+        path = os.path.join(self.folder, "activated")
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(path)
+            listener.listen()
+            service = Service(self, self.uri, is_started=False)
+
+            def pass_on():
+                os.dup2(listener.fileno(), 3)
+                os.set_inheritable(3, True)
+                os.environ.update(
+                    LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", LISTEN_FDNAMES="socketmap"
+                )
+
+            service.start(preexec_fn=pass_on, close_fds=False)
+
+            with Client(path) as client:
+                self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
+            self.assertFalse(os.path.exists(service.users_path))
+
+
+class Settings(ToolTest):
+    uri = "ldap://192.0.2.1"
+
+    def test_are_checked(self):
+        service = Service(self, self.uri, is_started=False)
+
+        result = service.check()
+
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+        self.assertIn("1 maps are valid", result.stdout)
+
+    def test_have_all_their_errors_told_at_once(self):
+        service = Service(
+            self,
+            self.uri,
+            "thread = 2\nclients = many\n",
+            maps={
+                "users": "query_filter = (mail=%s)\nresult_attribute = uid\nscope = all\n",
+                "aliases": "query_filter = (mail=$m)\n",
+            },
+            is_started=False,
+        )
+
+        result = service.check()
+
+        self.assertEqual(result.returncode, 78)
+        lines = result.stderr.splitlines()
+        for words in (
+            "service.conf:5: unknown setting 'thread'",
+            "service.conf:6: clients: 'many' is not a number",
+            "users.conf:2: query_filter: unsupported specifier '%s'",
+            "users.conf:4: scope: unsupported value 'all'",
+            "aliases.conf: result_attribute is not set",
+        ):
+            self.assertEqual(sum(words in line for line in lines), 1, (words, result.stderr))
+        self.assertEqual(len(lines), 5, result.stderr)
+
+    def test_name_the_line_of_an_included_file(self):
+        service = Service(self, self.uri, is_started=False, timeout="0")
+
+        result = service.check()
+
+        self.assertIn("common.settings:6: timeout: ", result.stderr)
+
+    def test_override_what_they_include(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = uid\nserver_host = [\n"
+        service = Service(self, "ldap://192.0.2.1", maps={"users": users}, is_started=False)
+
+        self.assertIn("users.conf:4: server_host: ", service.check().stderr)
+
+    def test_keep_passwords_from_others(self):
+        service = Service(self, self.uri, is_started=False)
+        os.chmod(os.path.join(service.folder, "common.settings"), 0o644)
+
+        result = service.check()
+
+        self.assertEqual(result.returncode, 78)
+        self.assertIn("readable by other users (mode 644)", result.stderr)
+
+    def test_need_a_map_for_logins(self):
+        service = Service(self, self.uri, is_started=False)
+        os.rename(
+            os.path.join(service.folder, "maps", "users.conf"),
+            os.path.join(service.folder, "maps", "other.conf"),
+        )
+
+        self.assertIn("auth_map: there is no map 'users'", service.check().stderr)
+
+
+if __name__ == "__main__":
+    unittest.main()
