@@ -2,6 +2,7 @@
 #include "Conversation.h"
 #include "MessageFrame.h"
 #include "NameService.h"
+#include "SaslExchange.h"
 
 #include "Allocations.h"
 #include "NameServer.h"
@@ -21,6 +22,8 @@
 #include <set>
 
 #include <arpa/nameser.h>
+#include <resolv.h>
+#include <sasl/sasl.h>
 #include <sys/socket.h>
 
 using namespace Solvane;
@@ -29,7 +32,42 @@ using testing::AnyOf;
 using testing::Contains;
 using testing::StartsWith;
 
+namespace {
+
+int g_nameServers = -1; ///< that this thread would have asked in the last sasl_client_new
+
+} // namespace
+
+// The linker leads the calls of sasl_client_new to the first, and names the library's the second.
+extern "C" {
+decltype(sasl_client_new) __real_sasl_client_new; // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+int __wrap_sasl_client_new(char const* service, char const* server, char const* local,
+                           char const* remote, sasl_callback_t const* callbacks, unsigned flags,
+                           sasl_conn_t** connection)
+{
+    g_nameServers = _res.nscount;
+    return __real_sasl_client_new(service, server, local, remote, callbacks, flags, connection);
+}
+}
+
 namespace SolvaneTest {
+
+// Kerberos
+
+// Cyrus SASL resolves the name of this machine. A silent name service must not delay the bind.
+TEST(ExchangeOfSasl, AsksNoNameServerForTheNameOfThisMachine)
+{
+    ASSERT_EQ(res_ninit(&_res), 0);
+    int const before = _res.nscount;
+    ASSERT_GT(before, 0);
+    SaslExchange exchange("localhost", "", false, "");
+
+    exchange.start();
+
+    EXPECT_EQ(g_nameServers, 0);
+    EXPECT_EQ(_res.nscount, before);
+}
 
 // Messages
 
