@@ -41,7 +41,11 @@ void QueueLoop::take()
 {
     while (auto result = m_queue.next()) {
         ++m_count;
-        m_answers[result->tag] = {result->key, std::move(result->answer)};
+        if (result->verification) {
+            m_verifications[result->tag] = *result->verification;
+        } else {
+            m_answers[result->tag] = {result->key, std::move(result->answer)};
+        }
     }
 }
 

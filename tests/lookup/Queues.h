@@ -22,7 +22,7 @@ class QueueLoop {
 public:
     explicit QueueLoop(Solvane::LDAPLookupQueue& queue) : m_queue(queue) {}
 
-    /// Runs until there are this many answers in total; false: nothing woke it for ten seconds.
+    /// Runs until this many were taken in total; false: nothing woke it for ten seconds.
     bool runUntil(std::size_t answers);
     /// Runs for a time.
     void runFor(std::chrono::milliseconds time);
@@ -32,7 +32,16 @@ public:
     /// The answers by tag; the last one of each.
     std::map<Tag, Answered> const& answers() const { return m_answers; }
     Solvane::LDAPLookup::Answer const& answer(Tag tag) const { return m_answers.at(tag).answer; }
-    /// How many answers were taken.
+    /// The verifications by tag; the last one of each.
+    std::map<Tag, Solvane::Lookup::Verification> const& verifications() const
+    {
+        return m_verifications;
+    }
+    Solvane::Lookup::Verification const& verification(Tag tag) const
+    {
+        return m_verifications.at(tag);
+    }
+    /// How many answers and verifications were taken.
     std::size_t count() const { return m_count; }
     /// How often the loop was woken.
     std::size_t wakeUps() const { return m_wakeUps; }
@@ -40,6 +49,7 @@ public:
 private:
     Solvane::LDAPLookupQueue& m_queue;
     std::map<Tag, Answered> m_answers;
+    std::map<Tag, Solvane::Lookup::Verification> m_verifications;
     std::size_t m_count = 0;
     std::size_t m_wakeUps = 0;
 };
