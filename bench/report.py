@@ -345,8 +345,6 @@ def window_lines(measured):
             f"with its defaults (four connections) has {bulk.text()} times the rate of one at a time."
         ),
         *table(["in flight", "rate / raw calls with as many", "rate / one at a time"], rows),
-        "![Lookups per second by searches in flight](figures/performance-window.svg)",
-        "",
     ]
 
 
@@ -378,7 +376,7 @@ def thread_lines(measured):
             ],
             rows,
         ),
-        "![Lookups per second by threads](figures/performance-threads.svg)",
+        "![Lookups per second by searches in flight, and by threads](figures/performance-rates.svg)",
         "",
     ]
 
@@ -417,18 +415,18 @@ def program_lines(measured):
 
 
 GROWTHS = (
-    ("entries", "entries", "entries of a search"),
-    ("attributes", "attributes", "attributes of an entry"),
-    ("values", "values", "values of an attribute"),
-    ("value size", "value-size", "bytes of a value"),
-    ("connections", "connections", "connections opened and bound"),
+    ("entries", "entries of a search"),
+    ("attributes", "attributes of an entry"),
+    ("values", "values of an attribute"),
+    ("value size", "bytes of a value"),
+    ("connections", "connections opened and bound"),
 )
 
 
 def growth_lines(measured):
     growth, values = measured.growth, measured.values
-    rows, images = [], []
-    for row, file, name in GROWTHS:
+    rows = []
+    for row, name in GROWTHS:
         library, raw = (growth.growth(row, who) for who in ("library", "raw"))
         in_order = growth.growth(row, "raw in order")
         rows.append(
@@ -441,30 +439,25 @@ def growth_lines(measured):
                 whose(exponent(library), exponent(raw)),
             ]
         )
-        images.append(f"![Cost by {name}](figures/performance-{file}.svg)")
-    for file, points, name in (
+    for points, name in (
         (
-            "checkout",
             values.growth("checkout, one idle", cpu=True),
             "checkout by connections, all but one busy",
         ),
         (
-            "checkout-threads",
             values.by_threads("checkout by threads", cpu=True),
             "checkout by threads that share 64 connections",
         ),
         (
-            None,
             growth.growth("attributes, engine", "engine"),
             "attributes of one entry, the engine's reader",
         ),
         (
-            None,
             growth.growth("values, engine", "engine"),
             "values of one attribute, the engine's reader",
         ),
-        (None, values.growth("template by specifiers", cpu=True), "template by specifiers"),
-        (None, values.growth("escape special", cpu=True), "escaping by bytes, all special"),
+        (values.growth("template by specifiers", cpu=True), "template by specifiers"),
+        (values.growth("escape special", cpu=True), "escaping by bytes, all special"),
     ):
         rows.append(
             [
@@ -476,9 +469,6 @@ def growth_lines(measured):
                 whose(exponent(points), 0),
             ]
         )
-        if file:
-            images.append(f"![Cost of a {name}](figures/performance-{file}.svg)")
-    images.append("![Memory by entries](figures/performance-memory.svg)")
     return [
         "### Growth",
         "",
@@ -500,7 +490,10 @@ def growth_lines(measured):
             "of the entry and copies each value. Raw calls in order use `ldap_get_attribute_ber`, "
             "which does neither."
         ),
-        *[line for image in images for line in (image, "")],
+        "![Processor time of searches and connections, and memory of entries, by size](figures/performance-growth.svg)",
+        "",
+        "![Checkouts from the pool by connections and by threads](figures/performance-checkouts.svg)",
+        "",
     ]
 
 
@@ -581,47 +574,22 @@ def drawn(measured):
         ]
 
     def fitted(name, points):
-        return f"{name}: exponent {exponent(points):.2f}", points
+        return f"{name}: k = {exponent(points):.2f}", points
 
-    yield "threads", plots.plot(
-        "Lookups by threads, a connection each",
-        "threads",
-        "lookups per second",
-        rates(
-            "threads",
-            (
-                ("raw", "raw calls"),
-                ("library", "kept connections"),
-                ("pool", "template and pool"),
-                ("engine", "engine"),
-            ),
-        ),
-        is_log_y=False,
-    )
-    yield "window", plots.plot(
-        "Lookups by searches in flight on one connection",
-        "searches in flight",
-        "lookups per second",
-        rates("window", (("raw", "raw calls"), ("library", "library"))),
-        is_log_y=False,
-    )
-    for row, file, axis in GROWTHS:
-        lines = [
-            fitted(name, growth.growth(row, who))
-            for who, name in (
-                ("raw", "raw calls"),
-                ("library", "library"),
-                ("raw in order", "raw calls in order"),
-            )
-            if growth.sizes(row, who)
-        ]
-        title = (
-            f"Processor time of a search by {axis}"
-            if row != "connections"
-            else "Processor time to open and bind connections"
-        )
-        yield file, plots.plot(title, axis, "processor time", lines, **seconds)
-    yield "memory", plots.plot(
+    def growths():
+        for row, axis in GROWTHS:
+            lines = [
+                fitted(name, growth.growth(row, who))
+                for who, name in (
+                    ("raw", "raw calls"),
+                    ("library", "library"),
+                    ("raw in order", "raw calls in order"),
+                )
+                if growth.sizes(row, who)
+            ]
+            yield plots.Panel(f"Time by {axis}", axis, "processor time", lines, **seconds)
+
+    memory = plots.Panel(
         "Memory of stored entries",
         "entries of a search",
         "bytes",
@@ -630,31 +598,55 @@ def drawn(measured):
             ("on the wire", growth.notes("entries", "wire", "bytes")),
         ],
     )
+    checkouts = values.growth("checkout, one idle", cpu=True)
+    by_threads = values.by_threads("checkout by threads")
 
-    def nanoseconds(points):
-        return [(size, cost * 1e-9) for size, cost in points]
-
-    yield "checkout", plots.plot(
-        "Checkout and return, all but one connection busy",
-        "connections in the pool",
-        "processor time",
-        [fitted("checkout", nanoseconds(values.growth("checkout, one idle", cpu=True)))],
-        **seconds,
-    )
-    yield "checkout-threads", plots.plot(
-        "Checkouts and returns by threads, 64 connections",
-        "threads",
-        "checkouts a second",
+    yield "rates", plots.plot(
+        "Lookups per second",
         [
-            (
-                "checkouts",
-                [
-                    (threads, 1e9 / cost)
-                    for threads, cost in values.by_threads("checkout by threads")
-                ],
-            )
+            plots.Panel(
+                "Searches in flight on one connection",
+                "searches in flight",
+                "lookups per second",
+                rates("window", (("raw", "raw calls"), ("library", "library"))),
+                is_log_y=False,
+            ),
+            plots.Panel(
+                "Threads, a connection each",
+                "threads",
+                "lookups per second",
+                rates(
+                    "threads",
+                    (
+                        ("raw", "raw calls"),
+                        ("library", "kept connections"),
+                        ("pool", "template and pool"),
+                        ("engine", "engine"),
+                    ),
+                ),
+                is_log_y=False,
+            ),
         ],
-        is_log_y=False,
+    )
+    yield "growth", plots.plot("Cost by size", [*growths(), memory])
+    yield "checkouts", plots.plot(
+        "Checkouts from the pool",
+        [
+            plots.Panel(
+                "Checkout and return, all but one busy",
+                "connections in the pool",
+                "processor time",
+                [fitted("checkout", [(size, cost * 1e-9) for size, cost in checkouts])],
+                **seconds,
+            ),
+            plots.Panel(
+                "Checkouts by threads, 64 connections",
+                "threads",
+                "checkouts per second",
+                [("checkouts", [(threads, 1e9 / cost) for threads, cost in by_threads])],
+                is_log_y=False,
+            ),
+        ],
     )
 
 

@@ -2,7 +2,7 @@
 #ifndef SOLVANE_TOOL_ADD_RUN_H
 #define SOLVANE_TOOL_ADD_RUN_H
 
-#include "LdifReader.h"
+#include "Ldif.h"
 #include "Outcome.h"
 
 #include <solvane/session/Session.h>

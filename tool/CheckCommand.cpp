@@ -4,11 +4,11 @@
 #include "AttributeNames.h"
 #include "CheckReport.h"
 #include "ClientCertificate.h"
-#include "Failure.h"
+#include "LookupSettings.h"
+#include "Outcome.h"
 #include "Secret.h"
 #include "ServerCheck.h"
 #include "Sessions.h"
-#include "Template.h"
 #include "Text.h"
 
 #include <solvane/ldap/LDAPException.h>

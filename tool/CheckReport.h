@@ -1,4 +1,5 @@
-// The results of a check's steps: printed as they end, or summarized in one line for monitoring.
+// The results of a check's steps: printed as they end, or summarized in one line for monitoring; and the
+// latencies of repeated ones.
 #ifndef SOLVANE_TOOL_CHECK_REPORT_H
 #define SOLVANE_TOOL_CHECK_REPORT_H
 
@@ -8,6 +9,7 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Solvane::Tool {
 
@@ -77,6 +79,25 @@ private:
     std::string m_firstFailure;
     std::string m_firstWarning;
     Outcome m_worst = Outcome::found;
+};
+
+/// Stores every measurement, so percentiles are exact.
+class Histogram {
+public:
+    void add(double milliseconds);
+
+    /// The `percent`th percentile: 0 is the minimum, 100 the maximum. The histogram must not be
+    /// empty.
+    double percentile(unsigned int percent) const;
+
+    /// "min 0.8, p50 1.2, p99 4.0, max 4.0 ms". The histogram must not be empty.
+    std::string summary() const;
+    /// A line for each range: its upper bound, a bar, a count. Bounds are 1, 2 and 5 times powers
+    /// of ten, from the first range with a measurement to the last.
+    std::vector<std::string> bars() const;
+
+private:
+    std::vector<double> m_sorted;
 };
 
 } // namespace Solvane::Tool

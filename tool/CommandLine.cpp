@@ -1,10 +1,9 @@
 // Parses the command line with CLI11; errors become one line.
-#include "CommandLine.h"
-
 #include "Commands.h"
-#include "Failure.h"
+
 #include "OpenLDAP.h"
 #include "Options.h"
+#include "Outcome.h"
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>

@@ -1,11 +1,10 @@
-// The subcommands of the tool.
+// The subcommands of the tool, and the command line that chooses one.
 #ifndef SOLVANE_TOOL_COMMANDS_H
 #define SOLVANE_TOOL_COMMANDS_H
 
 #include "Console.h"
 #include "Options.h"
 #include "Outcome.h"
-#include "SettingOptions.h"
 
 #include <solvane/lookup/QueryTemplate.h>
 
@@ -150,6 +149,12 @@ private:
     std::optional<std::string> m_file; ///< with the user's password
     std::optional<int> m_descriptor;   ///< likewise
 };
+
+/// Runs the tool.
+/// @return exit status of the process
+/// @throws Failure     an error to report
+/// @throws ReaderGone  the reader of standard output is gone
+int runCommandLine(int count, char** arguments, Output& output, Diagnostics& diagnostics);
 
 } // namespace Solvane::Tool
 

@@ -1,7 +1,7 @@
 // Reads and writes the standard streams by their descriptors.
 #include "Console.h"
 
-#include "Failure.h"
+#include "Outcome.h"
 
 #include <solvane/session/PlainText.h>
 

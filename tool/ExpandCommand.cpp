@@ -1,8 +1,8 @@
 // The "expand" command: filters, explanations, and the findings in a template.
 #include "Commands.h"
 
-#include "Failure.h"
-#include "Template.h"
+#include "LookupSettings.h"
+#include "Outcome.h"
 #include "Text.h"
 
 #include <solvane/ldap.h>

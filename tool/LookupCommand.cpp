@@ -1,19 +1,247 @@
-// The "lookup" command: its options and exit status.
+// The "lookup" command: its options and exit status; and its run over all keys, which writes records as
+// they arrive, and statistics at the end.
 #include "Commands.h"
 
-#include "Failure.h"
-#include "LookupRun.h"
+#include "Console.h"
+#include "Json.h"
 #include "LookupSettings.h"
 #include "OptionValues.h"
+#include "Options.h"
+#include "Outcome.h"
+#include "Progress.h"
+#include "RecordWriter.h"
+#include "Text.h"
+
+#include <solvane/lookup/LDAPLookup.h>
 
 #include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
+#include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <memory>
+#include <string>
+#include <vector>
 
 namespace Solvane::Tool {
 
 namespace {
+
+/// One run over all keys. Not thread-safe.
+class LookupRun {
+public:
+    /// @param single  more than one entry for a key is an error
+    LookupRun(LDAPLookup& lookup, CommonOptions const& common, std::unique_ptr<RecordWriter> writer,
+              bool single, Output& output, Diagnostics& diagnostics);
+
+    /// Looks up every key and writes one record for each.
+    /// @return the worst outcome
+    /// @throws Failure     the keys cannot be read, or the output cannot be written
+    /// @throws ReaderGone  the reader of standard output is gone
+    Outcome over(KeyOptions& keys);
+    /// Prints the statistics of --stats on standard error.
+    void printStatistics(Stats form) const;
+
+private:
+    /// The counts shown by `--stats`.
+    struct Counts {
+        unsigned long keys = 0;
+        unsigned long found = 0;
+        unsigned long notFound = 0;
+        unsigned long skipped = 0;
+        unsigned long errors = 0;
+    };
+
+    void take(Record const& record, Progress& progress);
+    void count(Record const& record);
+    void complain(Record const& record);
+    void endComplaint();
+    void flush();
+    double percentile(double part) const;
+
+    LDAPLookup& m_lookup;
+    bool m_isSingle;
+    bool m_countsTimes;
+    Output& m_output;
+    Diagnostics& m_diagnostics;
+    std::unique_ptr<RecordWriter> m_writer;
+    std::string m_pending;     ///< records not written yet
+    bool m_hasMoreKeys = true; ///< without waiting: records may be written together
+    Outcome m_worst = Outcome::found;
+    Counts m_counts;
+    std::string m_complaint;                   ///< the last error printed
+    unsigned long m_unspoken = 0;              ///< later keys with the same error
+    mutable std::vector<float> m_milliseconds; ///< of every key; only with --stats
+    std::chrono::steady_clock::time_point m_start;
+};
+
+/// Makes several entries an error (--single).
+void refuseSeveral(Record& record)
+{
+    Lookup::Answer& answer = record.answer;
+    record.hasTooManyEntries =
+        answer.outcome == Lookup::Outcome::Found && answer.entries.size() > 1;
+    if (record.hasTooManyEntries) {
+        answer.text = fmt::format("{} entries found, --single allows one", answer.entries.size());
+    }
+}
+
+LookupRun::LookupRun(LDAPLookup& lookup, CommonOptions const& common,
+                     std::unique_ptr<RecordWriter> writer, bool single, Output& output,
+                     Diagnostics& diagnostics)
+    : m_lookup(lookup), m_isSingle(single), m_countsTimes(common.stats() != Stats::none),
+      m_output(output), m_diagnostics(diagnostics), m_writer(std::move(writer)),
+      m_start(std::chrono::steady_clock::now())
+{
+}
+
+Outcome LookupRun::over(KeyOptions& keys)
+{
+    Progress progress(m_diagnostics, keys.total());
+    m_pending = m_writer->opening();
+    Record record;
+    auto const source = [&](std::string& key, bool mayWait) {
+        flush(); // print the answers before waiting for more keys
+        auto const supplied = keys.next(key, mayWait);
+        m_hasMoreKeys = supplied == LDAPLookup::Supply::key;
+        return supplied;
+    };
+    auto const sink = [&](std::string const& key, Lookup::Answer&& answer) {
+        record.key = key;
+        record.answer = std::move(answer);
+        if (m_isSingle) {
+            refuseSeveral(record);
+        }
+        take(record, progress);
+        return true;
+    };
+    if (int const descriptor = keys.descriptor(); descriptor >= 0) {
+        m_lookup.findAll(source, descriptor, sink);
+    } else {
+        m_lookup.findAll(source, sink);
+    }
+    flush();
+    endComplaint();
+    return m_worst;
+}
+
+void LookupRun::take(Record const& record, Progress& progress)
+{
+    count(record);
+    m_worst = worse(m_worst, outcomeOf(record));
+    complain(record);
+    m_writer->write(record, m_pending);
+    constexpr std::size_t large = 65536;
+    if (!m_hasMoreKeys || m_pending.size() >= large) {
+        flush();
+    }
+    progress.update(m_counts.keys);
+}
+
+void LookupRun::count(Record const& record)
+{
+    ++m_counts.keys;
+    std::string_view const status = statusOf(record);
+    ++(status == "found"      ? m_counts.found
+       : status == "notfound" ? m_counts.notFound
+       : status == "skipped"  ? m_counts.skipped
+                              : m_counts.errors);
+    if (m_countsTimes) {
+        m_milliseconds.push_back(static_cast<float>(record.answer.milliseconds));
+    }
+}
+
+/// Prints equal errors of consecutive keys once: if a server is down, they are all the same.
+void LookupRun::complain(Record const& record)
+{
+    Lookup::Answer const& answer = record.answer;
+    if (statusOf(record) == std::string_view("error")) {
+        auto complaint = fmt::format("{}; {}", answer.text, remedyFor(record));
+        if (complaint == m_complaint) {
+            ++m_unspoken;
+            return;
+        }
+        endComplaint();
+        m_diagnostics.error(record.key + ": " + complaint);
+        m_complaint = std::move(complaint);
+    } else if (m_diagnostics.level() == Diagnostics::Level::verbose) {
+        m_diagnostics.note(
+            fmt::format("{}: {} by {} in {:.1f} ms: {}{}", record.key, statusOf(record),
+                        answer.server.empty() ? "no server" : answer.server, answer.milliseconds,
+                        answer.filter, answer.text.empty() ? "" : "; " + answer.text));
+    }
+}
+
+void LookupRun::endComplaint()
+{
+    if (m_unspoken != 0) {
+        m_diagnostics.error(m_unspoken == 1
+                                ? "same error for 1 more key"
+                                : fmt::format("same error for {} more keys", m_unspoken));
+        m_unspoken = 0;
+    }
+}
+
+void LookupRun::flush()
+{
+    if (!m_pending.empty()) {
+        m_output.write(m_pending);
+        m_pending.clear();
+    }
+}
+
+/// The time in milliseconds within which this fraction of the keys was answered.
+double LookupRun::percentile(double part) const
+{
+    if (m_milliseconds.empty()) {
+        return 0;
+    }
+    auto const last = static_cast<double>(m_milliseconds.size() - 1);
+    auto const position = m_milliseconds.begin() + std::lround(part * last);
+    std::nth_element(m_milliseconds.begin(), position, m_milliseconds.end());
+    return static_cast<double>(*position);
+}
+
+void LookupRun::printStatistics(Stats form) const
+{
+    if (form == Stats::none) {
+        return;
+    }
+    std::chrono::duration<double> const taken = std::chrono::steady_clock::now() - m_start;
+    double const rate = static_cast<double>(m_counts.keys) / std::max(taken.count(), 1e-6);
+    LDAPLookup::Statistics const pool = m_lookup.statistics();
+    double const p50 = percentile(0.5);
+    double const p99 = percentile(0.99);
+    if (form == Stats::json) {
+        std::string text;
+        Json json(text);
+        json->StartObject();
+        json.key("keys")->Uint64(m_counts.keys);
+        json.key("found")->Uint64(m_counts.found);
+        json.key("notfound")->Uint64(m_counts.notFound);
+        json.key("skipped")->Uint64(m_counts.skipped);
+        json.key("errors")->Uint64(m_counts.errors);
+        json.key("repeats")->Uint64(pool.repeated);
+        json.key("pool_hits")->Uint64(pool.reused);
+        json.key("pool_misses")->Uint64(pool.opened);
+        json.key("stale")->Uint64(pool.stale);
+        json.key("p50_ms")->Double(p50);
+        json.key("p99_ms")->Double(p99);
+        json.key("seconds")->Double(taken.count());
+        json.key("keys_per_second")->Double(rate);
+        json->EndObject();
+        m_diagnostics.plain(text);
+        return;
+    }
+    m_diagnostics.plain(fmt::format("keys {}: found {}, not found {}, skipped {}, errors {}",
+                                    m_counts.keys, m_counts.found, m_counts.notFound,
+                                    m_counts.skipped, m_counts.errors));
+    m_diagnostics.plain(fmt::format("repeats {}, pool hits {}, pool misses {}, stale {}",
+                                    pool.repeated, pool.reused, pool.opened, pool.stale));
+    m_diagnostics.plain(fmt::format("p50 {:.2f} ms, p99 {:.2f} ms, {:.2f} s, {:.0f} keys/s", p50,
+                                    p99, taken.count(), rate));
+}
 
 constexpr char footer[] =
     "Each address gets one record, in the order given: found, not found, skipped, or an\n"

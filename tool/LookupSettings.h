@@ -1,15 +1,28 @@
-// What the commands that look addresses up have in common: their settings, and the engine.
+// What the commands that look addresses up have in common: their template, their settings, the engine.
 #ifndef SOLVANE_TOOL_LOOKUP_SETTINGS_H
 #define SOLVANE_TOOL_LOOKUP_SETTINGS_H
 
 #include "Options.h"
-#include "SettingOptions.h"
+#include "Outcome.h"
+#include "SettingsTable.h"
 
 #include <solvane/lookup/LDAPLookup.h>
+#include <solvane/lookup/QueryTemplate.h>
 
 #include <memory>
 
 namespace Solvane::Tool {
+
+/// Whether the settings have a template.
+bool hasTemplate(Draft const& draft);
+
+/// The template, not validated.
+/// @throws Failure  "usage": there is none
+Lookup::QueryTemplate templateOf(Draft const& draft);
+
+/// Validates the template.
+/// @throws Failure  "badInput": the first error; no lookup can succeed with it
+void requireSound(Lookup::QueryTemplate const& queryTemplate);
 
 /// An engine with the settings of the file, the common options and the command's own.
 /// @param password  receives the password of the bind, which the engine copies

@@ -1,19 +1,22 @@
-// Options shared by several subcommands, except those of the settings table. Values are validated
-// while the command line is parsed; an invalid one throws a Failure "usage".
+// Options that several subcommands have. Values are validated while the command line is parsed; an invalid
+// one throws a Failure "usage".
 #ifndef SOLVANE_TOOL_OPTIONS_H
 #define SOLVANE_TOOL_OPTIONS_H
 
 #include "Console.h"
 #include "Files.h"
 #include "Secret.h"
-#include "SettingOptions.h"
 #include "SettingsFile.h"
+#include "SettingsTable.h"
 
 #include <solvane/lookup/LDAPLookup.h>
 
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace CLI {
 class App;
@@ -21,6 +24,32 @@ class Option;
 } // namespace CLI
 
 namespace Solvane::Tool {
+
+/// The settings given on the command line. A Failure "usage" names the option.
+class SettingOptions {
+public:
+    SettingOptions() = default;
+    SettingOptions(SettingOptions const&) = delete; // the options hold its address
+    SettingOptions& operator=(SettingOptions const&) = delete;
+
+    /// Declares the options of a group, in the table's order.
+    void declareOn(CLI::App& app, Setting::Group group);
+    /// Declares one option.
+    /// @param help  replaces that of the table
+    void declareOn(CLI::App& app, Setting const& setting, char const* help);
+
+    /// Whether the command line sets this setting.
+    bool has(std::string_view name) const;
+    /// Applies the settings of the command line.
+    /// @throws Failure  "configuration": the template file cannot be read
+    void applyTo(Draft& draft) const;
+
+private:
+    CLI::Option* declared(CLI::App& app, Setting const& setting, char const* help);
+    void take(Setting const& setting, std::string const& text);
+
+    std::vector<std::pair<Setting const*, Setting::Assignment>> m_given;
+};
 
 /// Whether and how --stats prints figures at the end.
 enum class Stats { none, text, json };

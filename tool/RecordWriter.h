@@ -70,8 +70,6 @@ std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char r
 /// The one of "ldif", with less besides the entries.
 /// @param leaves  as the number of L's of ldapsearch: 2 leaves out comments, 3 also the version
 std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves);
-/// The one of "json".
-std::unique_ptr<RecordWriter> makeJsonWriter(char recordEnd);
 
 /// The bytes of a value, without a copy.
 inline std::string_view bytesOf(Buffer const& value)

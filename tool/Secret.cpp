@@ -1,24 +1,99 @@
-// Reads passwords byte by byte into memory that is wiped.
+// Reads passwords byte by byte into memory that is wiped; a terminal's echo is off meanwhile.
 #include "Secret.h"
 
-#include "Failure.h"
 #include "Files.h"
-#include "Terminal.h"
+#include "Outcome.h"
 #include "Text.h"
 
 #include <fmt/format.h>
 
+#include <array>
 #include <cerrno>
+#include <csignal>
 #include <cstring>
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/stat.h>
+#include <termios.h>
 #include <unistd.h>
 
 namespace Solvane::Tool {
 
 namespace {
+
+/// Turns echo off during its lifetime. A signal that would end or stop the process interrupts
+/// `waitFor` and takes effect after echo is on again. One object at a time; not thread-safe.
+class EchoOff {
+public:
+    explicit EchoOff(int terminal);
+    ~EchoOff();
+    EchoOff(EchoOff const&) = delete;
+    EchoOff& operator=(EchoOff const&) = delete;
+
+    /// Blocks until the terminal is ready for `events` of poll(2), or until a signal interrupts;
+    /// after a signal it only polls.
+    /// @return whether the terminal is ready
+    bool waitFor(short events) const;
+    static bool wasInterrupted();
+
+private:
+    static constexpr std::array<int, 5> signals = {SIGINT, SIGTERM, SIGQUIT, SIGHUP, SIGTSTP};
+
+    int m_terminal;
+    termios m_saved{};
+    std::array<struct sigaction, signals.size()> m_actions{};
+    sigset_t m_mask{};
+};
+
+volatile std::sig_atomic_t g_caughtSignal = 0;
+
+void remember(int signal) { g_caughtSignal = signal; }
+
+EchoOff::EchoOff(int terminal) : m_terminal(terminal)
+{
+    g_caughtSignal = 0;
+    struct sigaction remembering = {};
+    remembering.sa_handler = remember;
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+        sigaddset(&blocked, signals[i]);
+        sigaction(signals[i], &remembering, &m_actions[i]);
+    }
+    // Blocked except within ppoll: a signal just before a read would not interrupt that read.
+    pthread_sigmask(SIG_BLOCK, &blocked, &m_mask);
+    tcgetattr(m_terminal, &m_saved);
+    termios silent = m_saved;
+    silent.c_lflag &= ~static_cast<tcflag_t>(ECHO);
+    tcsetattr(m_terminal, TCSAFLUSH, &silent);
+}
+
+EchoOff::~EchoOff()
+{
+    tcsetattr(m_terminal, TCSAFLUSH, &m_saved);
+    for (std::size_t i = 0; i < signals.size(); ++i) {
+        sigaction(signals[i], &m_actions[i], nullptr);
+    }
+    if (wasInterrupted()) {
+        raise(g_caughtSignal);
+    }
+    pthread_sigmask(SIG_SETMASK, &m_mask, nullptr);
+}
+
+bool EchoOff::waitFor(short events) const
+{
+    pollfd waited = {m_terminal, events, 0};
+    int ready = 0;
+    do {
+        timespec const atOnce = {};
+        ready = wasInterrupted() ? ppoll(&waited, 1, &atOnce, nullptr)
+                                 : ppoll(&waited, 1, nullptr, &m_mask);
+    } while (ready < 0 && errno == EINTR && !wasInterrupted());
+    return ready > 0;
+}
+
+bool EchoOff::wasInterrupted() { return g_caughtSignal != 0; }
 
 void writeTo(int terminal, std::string const& text)
 {

@@ -1,8 +1,8 @@
 // Checks one server, from its host name to an answer.
 #include "ServerCheck.h"
 
+#include "CheckReport.h"
 #include "ClientCertificate.h"
-#include "Histogram.h"
 #include "OpenLDAP.h"
 #include "Text.h"
 

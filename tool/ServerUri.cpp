@@ -1,8 +1,8 @@
 // Parses server URIs with OpenLDAP, and checks what its parser accepts.
 #include "ServerUri.h"
 
-#include "Failure.h"
 #include "OpenLDAP.h"
+#include "Outcome.h"
 #include "Text.h"
 
 #include <fmt/format.h>

@@ -138,7 +138,7 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
     options.secure = server.secure;
     options.startTls = server.startTls;
     options.socketPath = server.socketPath;
-    options.version = server.version;
+    options.version = static_cast<unsigned int>(server.version);
     options.nameServers = settings.nameServers;
     options.networkTimeout = std::chrono::seconds(settings.networkTimeout);
     options.tls = std::move(tls);

@@ -2,7 +2,7 @@
 #ifndef SOLVANE_TOOL_SETTING_VALUES_H
 #define SOLVANE_TOOL_SETTING_VALUES_H
 
-#include "Failure.h"
+#include "Outcome.h"
 
 #include <solvane/lookup/LDAPLookup.h>
 

@@ -1,8 +1,8 @@
 // Parses a settings file line by line.
 #include "SettingsFile.h"
 
-#include "Failure.h"
 #include "Files.h"
+#include "Outcome.h"
 #include "SettingValues.h"
 #include "Text.h"
 

@@ -1,10 +1,10 @@
 // The "verify" command: whether a user's password is right.
 #include "Commands.h"
 
-#include "Failure.h"
 #include "Json.h"
 #include "LookupSettings.h"
 #include "OptionValues.h"
+#include "Outcome.h"
 #include "Text.h"
 
 #include <solvane/lookup/Verification.h>

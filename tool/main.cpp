@@ -1,7 +1,7 @@
 // The entry point of the tool: process-wide settings and the exit status.
-#include "CommandLine.h"
+#include "Commands.h"
 #include "Console.h"
-#include "Failure.h"
+#include "Outcome.h"
 
 #include <solvart/Exception.h>
 

@@ -1,7 +1,7 @@
 // One search that finds every entry, with all attributes.
 #include "rows.h"
 
-#include "EngineSession.h"
+#include "Library.h"
 #include "RawSession.h"
 
 #include <memory>

@@ -1,5 +1,5 @@
 // Counts of a piece of work, which are the same in every run. There are two implementations: one counts
-// instructions with callgrind, the other allocations and the memory in use. A program links one.
+// instructions with callgrind, the other allocations and the memory in use. COUNTS_INSTRUCTIONS chooses.
 #ifndef SOLVANE_BENCH_EXACT_COUNTING_H
 #define SOLVANE_BENCH_EXACT_COUNTING_H
 

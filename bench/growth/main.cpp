@@ -3,10 +3,9 @@
 // the client's thread. Prints records on standard output.
 //
 //   solvane_bench_growth [--quick]
-#include "EngineSession.h"
 #include "Library.h"
-#include "People.h"
 #include "RawSession.h"
+#include "ReplayServer.h"
 #include "Rounds.h"
 
 #include <cstdio>

@@ -1,8 +1,10 @@
-// The library's side of each comparison, written like a program.
+// The library's side of each comparison, written like a program; and a connection of the engine, without
+// its pool.
 #ifndef SOLVANE_BENCH_LIBRARY_H
 #define SOLVANE_BENCH_LIBRARY_H
 
 #include <solvane/ldap.h>
+#include <solvane/session/Session.h>
 
 #include <list>
 #include <string>
@@ -54,6 +56,21 @@ public:
 private:
     std::vector<std::string> m_names;
     std::vector<char*> m_pointers;
+};
+
+/// An open session on which searches are read as lookups read them.
+class EngineSession {
+public:
+    /// @param credentials  no DN: anonymous
+    EngineSession(std::string const& host, unsigned int port, Credentials const& credentials = {});
+
+    /// All entries of a search of the subtree; aborts the process if it fails.
+    std::list<Solvane::LDAPSearchResultEntry> search(std::string const& base,
+                                                     std::string const& filter);
+
+private:
+    Credentials const m_credentials;
+    Solvane::Lookup::Session m_session;
 };
 
 } // namespace SolvaneBench

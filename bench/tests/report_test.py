@@ -66,7 +66,7 @@ class APlot(unittest.TestCase):
     def setUp(self):
         import plots
 
-        svg = plots.plot(
+        first = plots.Panel(
             "Cost & size",
             "size",
             "cost",
@@ -76,6 +76,14 @@ class APlot(unittest.TestCase):
             ],
             y_label=plots.duration,
         )
+        second = plots.Panel(
+            "Rate",
+            "threads",
+            "per second",
+            [("pool", [(1, 30), (256, 20), (257, 10)])],
+            is_log_y=False,
+        )
+        svg = plots.plot("Costs", [first, second])
         self.texts = [
             each.text
             for each in xml.etree.ElementTree.fromstring(svg).iter(
@@ -83,13 +91,26 @@ class APlot(unittest.TestCase):
             )
         ]
 
-    def test_names_itself_its_axes_and_its_lines(self):
-        for text in ("Cost & size", "size", "cost", "raw <1>", "library"):
+    def test_names_its_panels_their_axes_and_lines(self):
+        for text in (
+            "Cost & size",
+            "size",
+            "cost",
+            "raw <1>",
+            "library",
+            "Rate",
+            "threads",
+            "pool",
+        ):
             self.assertIn(text, self.texts)
 
     def test_names_every_size_and_costs_with_their_unit(self):
         for text in ("1", "4,096", "10k", "1 ms", "100 ms"):
             self.assertIn(text, self.texts)
+
+    def test_names_no_size_over_another(self):
+        self.assertIn("256", self.texts)
+        self.assertNotIn("257", self.texts)
 
 
 if __name__ == "__main__":

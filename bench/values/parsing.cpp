@@ -1,6 +1,6 @@
 // Decoding of received messages: the library, and OpenLDAP's calls only.
-#include "People.h"
 #include "RawSession.h"
+#include "ReplayServer.h"
 
 #include <solvane/ldap.h>
 #include <solvane/ldap/impl.h>

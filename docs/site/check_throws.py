@@ -3,7 +3,7 @@
 
 The tables on top of src/*.cpp are the source: unit, line, code and type of each place. Each has its row in
 docs/guide/errors.md and stands in a public header, as "code 4, type 1, Connection.cpp:403"; neither tells
-of one that does not exist. docs/diagrams/exceptions.dot has them by code and type, null handles apart.
+of one that does not exist. docs/diagrams/diagrams.dot has them by code and type, null handles apart.
 """
 
 import pathlib
@@ -60,7 +60,7 @@ def headers():
 
 def diagram():
     """(unit, line): (code, type) of each leaf of the diagram."""
-    text = (ROOT / "docs/diagrams/exceptions.dot").read_text()
+    text = (ROOT / "docs/diagrams/diagrams.dot").read_text()
     sites = {}
     for code, kind, label in re.findall(r'n(\d)(\d) \[label="([^"]*)"', text):
         for unit, lines in re.findall(r"\\n(\w+) ([\d, ]+)", label):
@@ -85,7 +85,7 @@ def main():
     null_handles = {place for place, numbers in sites.items() if numbers == (1, 0)}
     faults = list(differences("docs/guide/errors.md", guide(), sites, sites.keys()))
     faults += differences(
-        "docs/diagrams/exceptions.dot", diagram(), sites, sites.keys() - null_handles
+        "docs/diagrams/diagrams.dot", diagram(), sites, sites.keys() - null_handles
     )
     told = {}
     for path, unit, line, code, kind in headers():

@@ -1,8 +1,9 @@
 #!/usr/bin/python3
-"""Draws the diagrams: draw.py [--check] - docs/diagrams/*.svg from *.dot, for light and dark pages.
+"""Draws the diagrams: draw.py [--check] - docs/diagrams/NAME.svg for light and dark pages, from each
+`digraph NAME` of diagrams.dot.
 
-The drawings are kept in the repository, where a forge shows them in the documents. Each names the text it
-was drawn from, so that --check finds one that is behind without drawing it again.
+The drawings are kept in the repository, where a forge shows them in the documents. Each has a stamp of the
+text it was drawn from, so that --check finds one that is behind without drawing it again.
 """
 
 import hashlib
@@ -50,13 +51,23 @@ text { fill: #dbe2e9; }
 </style>"""
 
 
+def sources():
+    """The text of each diagram by its name, with the comment above it."""
+    text = (FOLDER / "diagrams.dot").read_text()
+    found = re.findall(r'^((?://[^\n]*\n)*digraph "?([\w-]+)"? \{\n.*?^\}\n)', text, re.M | re.S)
+    return {name: source for source, name in found}
+
+
 def stamp(text):
-    """Names the text and the style of a drawing."""
+    """Stands for the text and the style of a drawing."""
     return "drawn from " + hashlib.sha256((text + STYLE).encode()).hexdigest()[:16]
 
 
-def draw(source):
-    text = source.read_text()
+def drawing(name):
+    return FOLDER / f"{name}.svg"
+
+
+def draw(name, text):
     drawn = subprocess.run(
         ["dot", "-Tsvg", *DEFAULTS],
         input=text,
@@ -67,28 +78,27 @@ def draw(source):
     )
     body = drawn.stdout[drawn.stdout.index("<svg") :]
     body = re.sub(r"<title>.*?</title>\n?|<!--.*?-->\n?", "", body, flags=re.S)
-    body = body.replace(">", f">\n<!-- {source.name}, {stamp(text)} -->\n{STYLE}", 1)
-    source.with_suffix(".svg").write_text(body)
+    body = body.replace(">", f">\n<!-- {name}, {stamp(text)} -->\n{STYLE}", 1)
+    drawing(name).write_text(body)
 
 
 def main(only_checks):
-    sources = sorted(FOLDER.glob("*.dot"))
+    texts = sources()
     behind = [
-        source
-        for source in sources
-        if not source.with_suffix(".svg").exists()
-        or stamp(source.read_text()) not in source.with_suffix(".svg").read_text()
+        name
+        for name, text in texts.items()
+        if not drawing(name).exists() or stamp(text) not in drawing(name).read_text()
     ]
+    alone = [path.name for path in sorted(FOLDER.glob("*.svg")) if path.stem not in texts]
+    for name in alone:
+        print(f"docs/diagrams/{name}: diagrams.dot has no such diagram", file=sys.stderr)
     if only_checks:
-        for source in behind:
-            print(
-                f"docs/diagrams/{source.name}: its drawing is behind; scripts/site --draw",
-                file=sys.stderr,
-            )
-        return 1 if behind else 0
-    for source in behind:
-        draw(source)
-    return 0
+        for name in behind:
+            print(f"docs/diagrams/{name}.svg is behind; scripts/site --draw", file=sys.stderr)
+        return 1 if behind or alone else 0
+    for name in behind:
+        draw(name, texts[name])
+    return 1 if alone else 0
 
 
 if __name__ == "__main__":

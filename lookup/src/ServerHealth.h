@@ -9,7 +9,7 @@
 namespace Solvane::Lookup {
 
 /// A state machine. The table of transitions is in ServerHealth.cpp, the diagram in
-/// docs/diagrams/server-states.dot. Not thread-safe: guarded by the pool's mutex.
+/// docs/diagrams/server-states.svg. Not thread-safe: guarded by the pool's mutex.
 class ServerHealth {
 public:
     enum class State {

@@ -1,15 +1,37 @@
 // Validates the settings.
 #include <solvane/lookup/Settings.h>
 
-#include "FaultSite.h"
-
+#include <solvane/ldap/LDAPException.h>
 #include <solvane/lookup/QueryTemplate.h>
 #include <solvane/session/Address.h>
 #include <solvane/session/PlainText.h>
 
+#include <string>
+
 namespace Solvane::Lookup {
 
 namespace {
+
+/// The source location that an exception reports.
+struct FaultSite {
+    char const* unit;
+    unsigned int line; ///< as reported; stays what it is when the source moves
+    int code;
+};
+
+namespace at {
+// clang-format off
+constexpr FaultSite settingRefused { "LDAPLookup.cpp", 20, 2 };
+// clang-format on
+} // namespace at
+
+LDAPException faultAt(FaultSite const& site, std::string const& text)
+{
+    constexpr int general = 0;
+    LDAPException fault("LDAPException", site.code, site.unit, site.line, general);
+    fault.stringParameter(text);
+    return fault;
+}
 
 void require(bool isRight, std::string const& text)
 {

@@ -2,7 +2,6 @@
 #include <solvane/session/Certificate.h>
 
 #include "CertificateFaults.h"
-#include "CertificateFiles.h"
 
 #include <solvane/ldap/LDAPException.h>
 

@@ -1,19 +1,24 @@
-// Parallel connection attempts.
+// Parallel connection attempts by TCP; and connect(2) to AF_UNIX.
 #include "Connector.h"
 
-#include "SocketErrors.h"
+#include <solvane/session/PlainText.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <iterator>
 
 #include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 namespace Solvane::Lookup {
 
 namespace {
 
 constexpr std::chrono::milliseconds headStart(250); // RFC 8305 section 8
+/// Before the next attempt at a UNIX socket while the server's queue is full.
+constexpr std::chrono::milliseconds pause(10);
 
 /// Alternates the address families, beginning with the first address's; each family keeps its
 /// order.
@@ -136,5 +141,39 @@ std::string Connector::failures() const
     }
     return text;
 }
+
+PathConnector::PathConnector(std::string path) : m_path(std::move(path)), m_nextAt(Clock::now()) {}
+
+void PathConnector::advance()
+{
+    if (isSettled() || Clock::now() < m_nextAt) {
+        return;
+    }
+    if (m_socket.number() == -1) {
+        m_socket = Descriptor(socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    }
+    if (m_socket.number() == -1) {
+        m_error = errno;
+        return;
+    }
+    sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    m_path.copy(address.sun_path, sizeof address.sun_path - 1);
+    if (connect(m_socket.number(), reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        m_isConnected = true;
+    } else if (errno == EAGAIN || errno == EINTR) {
+        m_nextAt = Clock::now() + pause;
+    } else {
+        m_error = errno;
+    }
+}
+
+std::string PathConnector::failure() const
+{
+    return oneLine(m_path) + ": " +
+           (m_error == 0 ? "the server accepts no connection" : wordsOf(m_error));
+}
+
+bool PathConnector::lacksSocket() const { return m_socket.number() == -1 && isLack(m_error); }
 
 } // namespace Solvane::Lookup

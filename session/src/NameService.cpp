@@ -3,9 +3,8 @@
 
 #include <solvane/session/PlainText.h>
 
-#include "Descriptor.h"
 #include "OpenLDAP.h"
-#include "SocketErrors.h"
+#include "Socket.h"
 
 #include <algorithm>
 #include <cerrno>

@@ -1,11 +1,10 @@
-// Runs Cyrus SASL, and explains what Kerberos says.
+// Runs Cyrus SASL, keeps its locks free at a fork, and explains what Kerberos says.
 #include "SaslExchange.h"
 
 #include <solvane/session/PlainText.h>
 
 #include "OpenLDAP.h"
 #include "ProcessDefaults.h"
-#include "SaslAtFork.h"
 
 #include <sasl/sasl.h>
 
@@ -13,9 +12,35 @@
 #include <climits>
 #include <iterator>
 
+#include <pthread.h>
+
 namespace Solvane::Lookup {
 
 namespace {
+
+// Cyrus SASL and the Kerberos library have locks of their own, and no handlers at a fork: a child forked
+// while another thread is inside would wait for them for ever. So a fork waits until no thread is inside.
+
+// Initialised at compile time. A fork goes before new callers, or it might wait for ever.
+pthread_rwlock_t g_lock = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+
+void lock() { pthread_rwlock_wrlock(&g_lock); }
+void unlock() { pthread_rwlock_unlock(&g_lock); }
+/// The lock belongs to a thread id that the child does not have: it starts with a new one.
+void renew()
+{
+    constexpr pthread_rwlock_t unlocked = PTHREAD_RWLOCK_WRITER_NONRECURSIVE_INITIALIZER_NP;
+    g_lock = unlocked;
+}
+
+[[maybe_unused]] int const g_watching = pthread_atfork(lock, unlock, renew);
+
+/// Held during a call of Cyrus SASL. Any number of threads may hold one, but a thread only one.
+class ForkGuard : public NonCopyable {
+public:
+    ForkGuard() { pthread_rwlock_rdlock(&g_lock); }
+    ~ForkGuard() { unlock(); }
+};
 
 /// OpenLDAP uses Cyrus SASL too, and sets its mutexes; so OpenLDAP is initialised first.
 int initialiseLibrary()
@@ -140,7 +165,7 @@ struct SaslExchange::Borrowed {
 
 void SaslExchange::Dispose::operator()(sasl_conn* connection) const
 {
-    SaslAtFork::Guard const guard;
+    ForkGuard const guard;
     sasl_dispose(&connection);
 }
 
@@ -161,7 +186,7 @@ bool SaslExchange::start()
     if (!prepare()) {
         return false;
     }
-    SaslAtFork::Guard const guard;
+    ForkGuard const guard;
     char const* bytes = nullptr;
     char const* chosen = nullptr;
     unsigned int length = 0;
@@ -177,7 +202,7 @@ bool SaslExchange::prepare()
     if (code != SASL_OK) {
         return failFirst(code);
     }
-    SaslAtFork::Guard const guard;
+    ForkGuard const guard;
     sasl_conn_t* connection = nullptr;
     code = sasl_client_new("ldap", m_host.c_str(), nullptr, nullptr, m_borrowed->callbacks, 0,
                            &connection);
@@ -202,7 +227,7 @@ bool SaslExchange::answer(std::string_view serverCredentials)
                     "the server continues an exchange that is complete");
     }
     isNext(serverCredentials); // remembers its number
-    SaslAtFork::Guard const guard;
+    ForkGuard const guard;
     char const* bytes = nullptr;
     unsigned int length = 0;
     int const code = sasl_client_step(m_connection.get(), serverCredentials.data(),
@@ -263,7 +288,7 @@ std::size_t SaslExchange::largestInput() const
 
 bool SaslExchange::encode(std::string_view bytes, std::string_view& result)
 {
-    SaslAtFork::Guard const guard;
+    ForkGuard const guard;
     char const* encoded = nullptr;
     unsigned int length = 0;
     int const code = sasl_encode(m_connection.get(), bytes.data(),
@@ -275,7 +300,7 @@ bool SaslExchange::encode(std::string_view bytes, std::string_view& result)
 
 bool SaslExchange::decode(std::string_view packet, std::string_view& result)
 {
-    SaslAtFork::Guard const guard;
+    ForkGuard const guard;
     char const* decoded = nullptr;
     unsigned int length = 0;
     int const code = sasl_decode(m_connection.get(), packet.data(),

@@ -7,7 +7,6 @@
 
 #include "Connector.h"
 #include "Conversation.h"
-#include "PathConnector.h"
 #include "SaslExchange.h"
 
 #include <algorithm>

@@ -1,18 +1,60 @@
-// A connected, non-blocking stream socket.
+// Sockets: what owns their descriptors, errors of their calls, and a connected one.
 #ifndef SOLVANE_SESSION_SRC_SOCKET_H
 #define SOLVANE_SESSION_SRC_SOCKET_H
 
 #include <solvane/session/Verdict.h>
 
 #include "CurrentProcess.h"
-#include "Descriptor.h"
 
+#include <cerrno>
 #include <cstddef>
+#include <cstring>
+#include <string>
+#include <utility>
 
 #include <sys/types.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 namespace Solvane::Lookup {
+
+/// Owns a file descriptor; the destructor closes it. -1: none.
+class Descriptor {
+public:
+    Descriptor() = default;
+    explicit Descriptor(int number) : m_number(number) {}
+    Descriptor(Descriptor&& other) noexcept : m_number(std::exchange(other.m_number, -1)) {}
+    Descriptor& operator=(Descriptor&& other) noexcept
+    {
+        std::swap(m_number, other.m_number);
+        return *this;
+    }
+    Descriptor(Descriptor const&) = delete;
+    Descriptor& operator=(Descriptor const&) = delete;
+    ~Descriptor()
+    {
+        if (m_number != -1) {
+            close(m_number);
+        }
+    }
+
+    int number() const { return m_number; }
+
+private:
+    int m_number = -1;
+};
+
+/// Whether socket(2) failed because this process or system has run out of something.
+inline bool isLack(int error)
+{
+    return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
+
+/// An error in words.
+inline std::string wordsOf(int error)
+{
+    return error == EMFILE ? "too many open files in this process" : std::strerror(error);
+}
 
 /// Result of a read or a write.
 enum class Flow {

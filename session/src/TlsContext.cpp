@@ -5,7 +5,7 @@
 
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
-#include "CertificateFiles.h"
+#include "CertificateFaults.h"
 #include "OpenLDAP.h"
 #include "ProcessDefaults.h"
 

@@ -3,7 +3,7 @@
 #include "Sites.h"
 
 #include "LdapMessages.h"
-#include "PeakOfMemory.h"
+#include "ProcessMemory.h"
 
 #include <algorithm>
 #include <random>

@@ -2,7 +2,6 @@
 #include "Expectations.h"
 #include "Sites.h"
 
-#include "HangingPort.h"
 #include "ScriptedServer.h"
 #include "Slapd.h"
 

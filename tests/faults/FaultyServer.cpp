@@ -1,9 +1,9 @@
 // Sockets never block; every wait is a poll that also sees the server's end.
 #include "FaultyServer.h"
 
-#include "AcceptLoop.h"
 #include "Exchange.h"
 #include "LdapMessages.h"
+#include "ScriptedServer.h"
 
 #include <array>
 #include <cerrno>

@@ -482,12 +482,12 @@ public:
                                        people,         "-t",
                                        "(mail=$m)",    "--attrs",
                                        "cn,mail",      userAddress});
-        Outcome const ended = SolvaneTest::run(command);
+        ProgramOutcome const ended = SolvaneTest::run(command);
         return {wordFor(ended)};
     }
 
 private:
-    static std::string wordFor(Outcome const& ended)
+    static std::string wordFor(ProgramOutcome const& ended)
     {
         std::string const word = "exit " + std::to_string(ended.exitStatus);
         std::string const record =

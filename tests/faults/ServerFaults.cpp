@@ -2,9 +2,9 @@
 #include "Expectations.h"
 #include "Sites.h"
 
-#include "HangingPort.h"
 #include "LdapMessages.h"
 #include "NameServer.h"
+#include "ScriptedServer.h"
 
 #include <memory>
 #include <utility>

@@ -2,7 +2,6 @@
 #include "Expectations.h"
 #include "Sites.h"
 
-#include "Authority.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
 #include "ServerTls.h"

@@ -2,8 +2,8 @@
 // them.
 #include "Directory.h"
 #include "Faults.h"
-#include "ForkedProcess.h"
 #include "LdapMessages.h"
+#include "Process.h"
 #include "ScriptedServer.h"
 #include "Slapd.h"
 

@@ -3,7 +3,7 @@
 #include "Eventually.h"
 #include "Faults.h"
 #include "LdapMessages.h"
-#include "PeakOfMemory.h"
+#include "ProcessMemory.h"
 #include "ScriptedServer.h"
 
 #include <gmock/gmock.h>

@@ -99,7 +99,8 @@ TEST_P(FirstSecureConnection, OfAProcessTakesAnyCertificate)
     }
     Slapd const slapd({"--users", "0", "--cert", GetParam()});
 
-    Outcome const outcome = run({SOLVANE_FIRST_SECURE_BIND, std::to_string(slapd.tlsPort())});
+    ProgramOutcome const outcome =
+        run({SOLVANE_FIRST_SECURE_BIND, std::to_string(slapd.tlsPort())});
 
     EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
 }

@@ -1,13 +1,12 @@
 // StartTLS and SASL binds, against slapd and against peers that cheat.
-#include "Authority.h"
 #include "Directory.h"
 #include "Faults.h"
 #include "Kdc.h"
 #include "LdapMessages.h"
+#include "ProcessMemory.h"
 #include "ScriptedServer.h"
 #include "ServerTls.h"
 #include "Slapd.h"
-#include "ToleratedLeak.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // Processes that fork with a lookup object that has connections open.
 #include "Eventually.h"
-#include "ForkedProcess.h"
 #include "Lookups.h"
+#include "Process.h"
 #include "Slapd.h"
 
 #include <gmock/gmock.h>

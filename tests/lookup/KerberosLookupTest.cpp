@@ -1,10 +1,10 @@
 // Lookups by Kerberos: with a keytab, in forked workers, and after the ticket was missing.
 #include "Eventually.h"
-#include "ForkedProcess.h"
 #include "Kdc.h"
 #include "Lookups.h"
+#include "Process.h"
+#include "ProcessMemory.h"
 #include "Slapd.h"
-#include "ToleratedLeak.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // After lookups a process forks, and all children use the lookup at the same time.
-#include "ForkedProcess.h"
 #include "Lookups.h"
+#include "Process.h"
 #include "Slapd.h"
 
 #include <gmock/gmock.h>

@@ -1,6 +1,6 @@
 // Processes that fork with a queue that has keys in flight.
 #include "Eventually.h"
-#include "ForkedProcess.h"
+#include "Process.h"
 #include "Queues.h"
 
 #include <gmock/gmock.h>

@@ -1,7 +1,7 @@
 // Passwords in a queue: each gets its own verification, and no other one's.
 #include "Eventually.h"
-#include "ForkedProcess.h"
 #include "Logins.h"
+#include "Process.h"
 #include "Queues.h"
 #include "Slapd.h"
 

@@ -1,6 +1,6 @@
 // New settings while lookups are under way.
 #include "Eventually.h"
-#include "ForkedProcess.h"
+#include "Process.h"
 #include "ProcessMemory.h"
 #include "Queues.h"
 #include "Slapd.h"

@@ -1,6 +1,5 @@
 // What one key, run or thread meets must not be another one's fault or end.
 #include "Eventually.h"
-#include "HangingPort.h"
 #include "LdapMessages.h"
 #include "Lookups.h"
 #include "NameServer.h"

@@ -1,6 +1,6 @@
 // What is left of a password in memory once it is verified.
-#include "ForkedProcess.h"
 #include "Lookups.h"
+#include "Process.h"
 #include "ProcessMemory.h"
 #include "Slapd.h"
 

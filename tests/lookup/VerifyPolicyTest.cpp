@@ -1,6 +1,5 @@
 // Verifying passwords on a slapd with password policies, and while its replicas fail.
 #include "Eventually.h"
-#include "ForkedProcess.h"
 #include "Lookups.h"
 #include "Process.h"
 #include "Slapd.h"

@@ -1,5 +1,4 @@
 // Lookups by every way in and with every identity, on a real server and on scripted ones.
-#include "Authority.h"
 #include "Eventually.h"
 #include "Lookups.h"
 #include "NameServer.h"

@@ -52,7 +52,7 @@ protected:
         std::filesystem::permissions(m_passwordFile, std::filesystem::perms::owner_read |
                                                          std::filesystem::perms::owner_write);
     }
-    SolvaneTest::Outcome check(std::string const& uri) const
+    SolvaneTest::ProgramOutcome check(std::string const& uri) const
     {
         return run({SOLVANE_TOOL, "check", "-H", uri, "--tls-ca", server()["CA_FILE"], "-D",
                     server()["READER_DN"], "-y", m_passwordFile, "-b", server()["PEOPLE"], "-t",

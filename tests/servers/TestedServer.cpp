@@ -33,7 +33,7 @@ std::string fromEnvironment(char const* name)
 
 std::string outputOf(std::vector<std::string> const& command)
 {
-    SolvaneTest::Outcome const outcome = run(command);
+    SolvaneTest::ProgramOutcome const outcome = run(command);
     if (outcome.exitStatus != 0) {
         throw std::runtime_error(command.front() + " failed: " + outcome.output);
     }

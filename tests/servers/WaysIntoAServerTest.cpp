@@ -1,6 +1,6 @@
 // Each way into a server, with each identity: the matrix of the guide.
+#include "ProcessMemory.h"
 #include "TestedServer.h"
-#include "ToleratedLeak.h"
 
 #include <solvane/session/Session.h>
 

@@ -30,7 +30,7 @@ protected:
     static void SetUpTestSuite()
     {
         s_folder = std::make_unique<TemporaryDirectory>();
-        Outcome const made = run({SOLVANE_MKCERTS, s_folder->path()});
+        ProgramOutcome const made = run({SOLVANE_MKCERTS, s_folder->path()});
         ASSERT_EQ(made.exitStatus, 0) << made.output;
     }
     static void TearDownTestSuite() { s_folder.reset(); }
@@ -39,8 +39,8 @@ protected:
 
     static Certificate read(std::string const& name)
     {
-        Outcome const made = run({"openssl", "x509", "-in", file(name), "-outform", "DER", "-out",
-                                  s_folder->path() / "read.der"});
+        ProgramOutcome const made = run({"openssl", "x509", "-in", file(name), "-outform", "DER",
+                                         "-out", s_folder->path() / "read.der"});
         EXPECT_EQ(made.exitStatus, 0) << made.output;
         std::ifstream stream(s_folder->path() / "read.der", std::ios::binary);
         return Certificate(std::string(std::istreambuf_iterator<char>(stream), {}));

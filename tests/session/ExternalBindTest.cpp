@@ -1,5 +1,4 @@
 // SASL EXTERNAL over TLS, and client certificates that a server does not accept.
-#include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"

@@ -1,6 +1,5 @@
 // Connecting: several addresses, unreachable peers, and calls at unusual times.
 #include "Eventually.h"
-#include "HangingPort.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
 #include "Sessions.h"

@@ -1,14 +1,13 @@
 // Binds by GSSAPI with a real KDC and slapd: with and without TLS, and what Kerberos may refuse.
 #include "Eventually.h"
-#include "ForkedProcess.h"
 #include "Kdc.h"
 #include "LdapMessages.h"
 #include "Process.h"
+#include "ProcessMemory.h"
 #include "Relay.h"
 #include "ScriptedServer.h"
 #include "Sessions.h"
 #include "Slapd.h"
-#include "ToleratedLeak.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

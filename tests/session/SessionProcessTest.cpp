@@ -1,5 +1,4 @@
 // Sessions and forked children, peers that stop reading, and the password in memory.
-#include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "ProcessMemory.h"

@@ -1,5 +1,4 @@
 // TLS peers that are silent, disconnect or send invalid data; and session resumption.
-#include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"

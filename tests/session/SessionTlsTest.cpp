@@ -1,5 +1,4 @@
 // TLS: kinds of certificates, versions, client certificates, and interrupted handshakes.
-#include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"

@@ -1,5 +1,4 @@
 // StartTLS: what is sent before TLS, and peers that refuse it, strip it or inject answers.
-#include "Authority.h"
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"

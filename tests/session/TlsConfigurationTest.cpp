@@ -1,6 +1,6 @@
 // TLS settings from ldap.conf and the environment, in a process of their own.
-#include "Authority.h"
 #include "Process.h"
+#include "ServerTls.h"
 #include "TemporaryDirectory.h"
 
 #include <gmock/gmock.h>

@@ -4,23 +4,89 @@
 // The password comes from the environment variable LDAP_PASSWORD. Every server is on 127.0.0.1. Says
 // on standard error when the load begins. Exit status: 0 the load was put on, whatever came of it; 2 it
 // was not. soak.py starts the servers, makes them fail meanwhile, and judges.
+#include "Exchange.h"
+#include "FaultyServer.h"
+#include "LdapMessages.h"
 #include "Load.h"
-#include "Surroundings.h"
+#include "NameServer.h"
 
 #include <CLI/CLI.hpp>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <iostream>
+#include <numeric>
 
 using namespace SolvaneTest;
 using Json = rapidjson::Writer<rapidjson::StringBuffer>;
 
 namespace {
+
+/// A name of two addresses: nobody listens at the first, the servers of the load are at the second.
+class HalfDeadName {
+public:
+    static constexpr char name[] = "ldap.corp.test";
+
+    HalfDeadName();
+
+    /// Of the name server that knows it.
+    std::string nameServer() const { return m_names.address(); }
+
+private:
+    NameServer m_names;
+};
+
+/// A server that accepts every bind and fails every search: it says in turn that it is busy, that
+/// something went wrong, what is not LDAP, and nothing more as it closes the connection.
+class SpoilingServer {
+public:
+    unsigned int port() const { return m_server.port(); }
+
+private:
+    FaultyServer m_server{spoil};
+
+    static void spoil(FaultyServer::Peer& peer);
+};
+
+HalfDeadName::HalfDeadName() { m_names.add(name, {"127.0.0.2", "127.0.0.1"}); }
+
+void SpoilingServer::spoil(FaultyServer::Peer& peer)
+{
+    constexpr long busy = 51;
+    constexpr long other = 80;
+    constexpr unsigned int ways = 4;
+    static std::atomic<unsigned int> asked{0};
+    for (;;) {
+        std::string const request = peer.receive();
+        if (request.empty()) {
+            return;
+        }
+        if (stepOf(request) != Step::search) {
+            std::vector<std::string> const replies = repliesTo(request);
+            peer.send(std::accumulate(replies.begin(), replies.end(), std::string()));
+            continue;
+        }
+        int const id = messageIdOf(request);
+        switch (asked++ % ways) {
+        case 0:
+            peer.send(finalResponse(Step::search, id, busy));
+            break;
+        case 1:
+            peer.send(finalResponse(Step::search, id, other));
+            break;
+        case 2:
+            peer.send("HTTP/1.1 400 Bad Request\r\n\r\n");
+            return;
+        default:
+            return;
+        }
+    }
+}
 
 struct Options {
     LoadSettings load;

@@ -1,7 +1,6 @@
 // Replaces single calls of OpenLDAP and of the C library.
 //
-// The linker's --wrap redirects the calls of a test program to here (FakeOpenLDAP.cmake has the
-// list). A call whose member is empty is forwarded to the real function.
+// The linker's --wrap redirects the calls of a test program to here (CMakeLists.txt has the list). A call whose member is empty is forwarded to the real function.
 #ifndef SOLVANE_TESTS_SUPPORT_FAKE_OPENLDAP_H
 #define SOLVANE_TESTS_SUPPORT_FAKE_OPENLDAP_H
 

@@ -20,7 +20,7 @@ namespace {
 
 void runChecked(std::vector<std::string> const& command)
 {
-    Outcome const outcome = run(command);
+    ProgramOutcome const outcome = run(command);
     if (outcome.exitStatus != 0) {
         throw std::runtime_error(command.front() + " failed: " + outcome.output);
     }

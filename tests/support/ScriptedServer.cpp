@@ -1,7 +1,6 @@
 // Sockets never block; every wait is a poll that also sees the server's end.
 #include "ScriptedServer.h"
 
-#include "AcceptLoop.h"
 #include "LdapMessages.h"
 
 #include <array>

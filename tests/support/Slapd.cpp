@@ -28,7 +28,7 @@ std::string testbed(std::string const& script, std::vector<std::string> const& a
 {
     std::vector<std::string> command = {std::string(SOLVANE_TESTBED "/") + script};
     command.insert(command.end(), arguments.begin(), arguments.end());
-    Outcome const outcome = run(command);
+    ProgramOutcome const outcome = run(command);
     if (outcome.exitStatus != 0) {
         throw std::runtime_error(script + " failed: " + outcome.output);
     }

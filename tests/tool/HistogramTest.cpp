@@ -1,5 +1,5 @@
 // Percentiles and bars of latencies.
-#include "Histogram.h"
+#include "CheckReport.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,7 +1,7 @@
 // What a server's URI is read as; refusals are tried on the tool itself.
 #include "ServerUri.h"
 
-#include "Failure.h"
+#include "Outcome.h"
 #include "SettingValues.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 // The table of settings, and what the manual pages say of its rows.
 #include "SettingsTable.h"
 
-#include "Failure.h"
 #include "Files.h"
+#include "Outcome.h"
 
 #include <gmock/gmock.h>
 

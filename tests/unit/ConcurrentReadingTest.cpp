@@ -1,6 +1,6 @@
 // One answer, read by several threads at once. What these tests are for, ThreadSanitizer sees.
 #include "CallTest.h"
-#include "ForkedProcess.h"
+#include "Process.h"
 
 #include <atomic>
 #include <functional>

@@ -1,6 +1,6 @@
 // Connections that are open: the exact calls that test, configure and end a session.
 #include "CallTest.h"
-#include "ForkedProcess.h"
+#include "Process.h"
 
 #include <cerrno>
 

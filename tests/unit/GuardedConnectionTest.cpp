@@ -1,7 +1,7 @@
 // A connection that the guard of its session let through: what its reads and writes wait for.
 #include "SocketGuardTest.h"
 
-#include "ForkedProcess.h"
+#include "Process.h"
 
 #include <algorithm>
 #include <cerrno>
