@@ -1,8 +1,10 @@
-// Scripted directories, and runs over lists of keys.
+// Scripted directories, runs over lists of keys, and loops with poll.
 #include "Lookups.h"
 
 #include <algorithm>
 #include <cstdio>
+
+#include <poll.h>
 
 using namespace Solvane;
 
@@ -95,6 +97,9 @@ LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way)
     return settings;
 }
 
+std::string uriOf(unsigned int port) { return "ldap://127.0.0.1:" + std::to_string(port); }
+std::string uriOf(ScriptedServer const& server) { return uriOf(server.port()); }
+
 std::string addressOf(int user)
 {
     char text[40];
@@ -117,6 +122,31 @@ std::string whoAmIResponse(int messageId, std::string const& identity)
     return extendedResponse(messageId, 0, identity);
 }
 
+ScriptedServer::Script loginServer(OnBind onBind, OnSearch onSearch)
+{
+    return
+        [onBind = std::move(onBind), onSearch = std::move(onSearch)](ScriptedServer::Peer& peer) {
+            std::string identity;
+            for (std::string request = peer.receiveMessage(); !request.empty();
+                 request = peer.receiveMessage()) {
+                int const id = messageIdOf(request);
+                if (operationOf(request) == SearchRequest) {
+                    onSearch(peer, request);
+                } else if (operationOf(request) == ExtendedRequest) {
+                    peer.send(whoAmIResponse(id, identity));
+                } else if (operationOf(request) == BindRequest) {
+                    std::string const dn = bindContentOf(request).dn;
+                    identity = "dn:" + dn;
+                    if (dn == readerDn) {
+                        peer.send(bindResponse(id));
+                    } else {
+                        onBind(peer, request);
+                    }
+                }
+            }
+        };
+}
+
 void answerFound(ScriptedServer::Peer& peer, std::string const& request)
 {
     int const id = messageIdOf(request);
@@ -126,6 +156,15 @@ void answerFound(ScriptedServer::Peer& peer, std::string const& request)
 void answerEmpty(ScriptedServer::Peer& peer, std::string const& request)
 {
     peer.send(searchDone(messageIdOf(request)));
+}
+
+void answerElsewhere(ScriptedServer::Peer& peer, std::string const& request)
+{
+    constexpr unsigned char searchReference = 0x73;
+    std::string const elsewhere = berElement(
+        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
+    int const id = messageIdOf(request);
+    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
 }
 
 std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages)
@@ -157,6 +196,50 @@ std::vector<Answered> answersTo(LDAPLookup& lookup, std::vector<std::string> con
         return true;
     });
     return answers;
+}
+
+bool awaitReadable(int descriptor, std::chrono::milliseconds time)
+{
+    pollfd polled{descriptor, POLLIN, 0};
+    return poll(&polled, 1, static_cast<int>(time.count())) == 1;
+}
+
+bool QueueLoop::runUntil(std::size_t answers)
+{
+    while (m_count < answers) {
+        if (!awaitReadable(m_queue.descriptor())) {
+            return false;
+        }
+        ++m_wakeUps;
+        take();
+    }
+    return true;
+}
+
+void QueueLoop::runFor(std::chrono::milliseconds time)
+{
+    auto const end = std::chrono::steady_clock::now() + time;
+    for (;;) {
+        auto const left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !awaitReadable(m_queue.descriptor(), left)) {
+            return;
+        }
+        ++m_wakeUps;
+        take();
+    }
+}
+
+void QueueLoop::take()
+{
+    while (auto result = m_queue.next()) {
+        ++m_count;
+        if (result->verification) {
+            m_verifications[result->tag] = *result->verification;
+        } else {
+            m_answers[result->tag] = {result->key, std::move(result->answer)};
+        }
+    }
 }
 
 } // namespace SolvaneTest

@@ -1,8 +1,7 @@
 // Passwords in a queue: each gets its own verification, and no other one's.
 #include "Eventually.h"
-#include "Logins.h"
+#include "Lookups.h"
 #include "Process.h"
-#include "Queues.h"
 #include "Slapd.h"
 
 #include <gmock/gmock.h>
@@ -218,7 +217,7 @@ TEST_F(PasswordInAQueue, IsVerifiedByAForkedChildForItself)
 
 TEST(PasswordInAQueueThatIsInvalid, IsNotSent)
 {
-    ScriptedServer const server(loginServer(judge));
+    ScriptedServer const server(loginServer(judge, answerUser));
     auto settings = settingsFor({server.port()});
     settings.domains = {"corp.test"};
     LDAPLookup lookup(settings);

@@ -1,7 +1,6 @@
 // Verifying a password: what is sent, and what each response of a server means.
 #include "Eventually.h"
 #include "LdapMessages.h"
-#include "Logins.h"
 #include "Lookups.h"
 #include "ScriptedServer.h"
 
@@ -12,6 +11,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <string>
 #include <thread>
 
 using namespace Solvane;
@@ -31,6 +32,21 @@ using Peer = ScriptedServer::Peer;
 constexpr char key[] = "anna@corp.test";
 constexpr char password[] = "correct horse";
 constexpr char policyControl[] = "1.3.6.1.4.1.42.2.27.8.5.1";
+
+constexpr char annaDn[] = "uid=anna,ou=people,dc=corp,dc=test";
+
+/// Finds Anna's entry.
+void answerAnna(ScriptedServer::Peer& peer, std::string const& request)
+{
+    int const id = messageIdOf(request);
+    peer.send(searchEntry(id, annaDn, {}) + searchDone(id));
+}
+
+/// A server that finds Anna's entry only.
+ScriptedServer::Script loginServer(OnBind onBind)
+{
+    return SolvaneTest::loginServer(std::move(onBind), answerAnna);
+}
 
 /// Replies to a login with this.
 OnBind replying(BindReply reply)
