@@ -1,6 +1,7 @@
 """The service as mail servers see it, with real and scripted directories."""
 
 import os
+import re
 import select
 import socket
 import time
@@ -589,6 +590,16 @@ class Settings(ToolTest):
 
         self.assertEqual(result.returncode, 78)
         self.assertIn("readable by other users (mode 644)", result.stderr)
+
+    def test_are_in_the_manual_page(self):
+        root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
+        with open(os.path.join(root, "docs/man/solvane-ldapd.8"), encoding="utf-8") as page:
+            described = re.findall(r"^\.It Cm (\w+)$", page.read(), re.MULTILINE)
+        with open(os.path.join(root, "service/ServiceSettings.cpp"), encoding="utf-8") as source:
+            known = re.findall(r"^ +\{ \"(\w+)\",", source.read(), re.MULTILINE)
+
+        self.assertGreater(len(known), 10)
+        self.assertEqual(sorted(described), sorted(known))
 
     def test_need_a_map_for_logins(self):
         service = Service(self, self.uri, is_started=False)
