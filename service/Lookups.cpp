@@ -2,8 +2,6 @@
 #include "Lookups.h"
 
 #include <boost/asio/posix/stream_descriptor.hpp>
-#include <boost/asio/post.hpp>
-#include <boost/asio/thread_pool.hpp>
 
 #include <fmt/format.h>
 
@@ -31,9 +29,8 @@ class MapQueue : public std::enable_shared_from_this<MapQueue> {
 public:
     MapQueue(boost::asio::io_context& context, Environment& environment, std::shared_ptr<Maps> maps,
              Map& map)
-        : m_context(context), m_environment(environment), m_maps(std::move(maps)), m_map(map),
-          m_queue(map.lookup), m_descriptor(context, m_queue.descriptor()),
-          m_kept(environment.settings.cacheEntries)
+        : m_environment(environment), m_maps(std::move(maps)), m_map(map), m_queue(map.lookup),
+          m_descriptor(context, m_queue.descriptor()), m_kept(environment.settings.cacheEntries)
     {
     }
     MapQueue(MapQueue const&) = delete;
@@ -73,27 +70,12 @@ public:
     void verify(std::string const& user, std::string const& password,
                 Lookups::VerifyHandler handler)
     {
-        ++m_verifying;
-        boost::asio::post(m_verifiers, [this, self = shared_from_this(), user,
-                                        secret = std::make_shared<Password>(password),
-                                        handler = std::move(handler)]() mutable {
-            auto verification = m_map.lookup.verify(user, secret->text());
-            boost::asio::post(m_context,
-                              [this, self = std::move(self), handler = std::move(handler),
-                               verification = std::move(verification)] {
-                                  --m_verifying;
-                                  handler(verification);
-                                  if (m_whenIdle && isIdle()) {
-                                      m_whenIdle();
-                                  }
-                              });
-        });
+        m_logins.emplace(++m_lastTag, std::move(handler));
+        m_queue.submitVerify(user, password, m_lastTag);
     }
 
-    /// Waits until no password is being verified.
-    void join() { m_verifiers.join(); }
     /// Whether no request is under way.
-    bool isIdle() const { return m_asked.empty() && m_verifying == 0; }
+    bool isIdle() const { return m_queue.pending() == 0; }
     /// Calls a function when that comes true.
     void whenIdle(std::function<void()> function) { m_whenIdle = std::move(function); }
 
@@ -118,7 +100,11 @@ private:
             if (!result) {
                 break;
             }
-            take(*result);
+            if (result->verification) {
+                m_logins.extract(result->tag).mapped()(*result->verification);
+            } else {
+                take(*result);
+            }
         }
         if (m_whenIdle && isIdle()) {
             m_whenIdle();
@@ -169,7 +155,6 @@ private:
         }
     }
 
-    boost::asio::io_context& m_context;
     Environment& m_environment;
     std::shared_ptr<Maps> const m_maps; ///< has `m_map`
     Map& m_map;
@@ -178,10 +163,9 @@ private:
     Recent<Kept> m_kept;
     std::unordered_map<std::string, LDAPLookupQueue::Tag> m_tags; ///< of keys under way
     std::unordered_map<LDAPLookupQueue::Tag, std::vector<Lookups::FindHandler>> m_asked;
+    std::unordered_map<LDAPLookupQueue::Tag, Lookups::VerifyHandler> m_logins;
     LDAPLookupQueue::Tag m_lastTag = 0;
-    std::size_t m_verifying = 0;
     std::function<void()> m_whenIdle;
-    boost::asio::thread_pool m_verifiers{m_map.settings.lookup.verifyConnections};
 };
 
 Lookups::Lookups(boost::asio::io_context& context, Environment& environment)
@@ -189,15 +173,7 @@ Lookups::Lookups(boost::asio::io_context& context, Environment& environment)
 {
 }
 
-Lookups::~Lookups()
-{
-    for (auto const& [name, queue] : m_queues) {
-        queue->join();
-    }
-    for (auto const& queue : m_earlier) {
-        queue->join();
-    }
-}
+Lookups::~Lookups() = default;
 
 void Lookups::use(std::shared_ptr<Maps> const& maps)
 {
