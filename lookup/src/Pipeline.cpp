@@ -73,9 +73,9 @@ Shared::Shared(Settings const& given, Totals& counts, Shared* before)
 Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext> const& tls,
                Pool* before)
     : m_ownSettings(given), settings(m_ownSettings.get()),
-      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
-      forms(settings), request{settings.base,       settings.scope,      settings.deref,
-                               settings.attributes, settings.entryLimit, settings.timeLimit},
+      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue), forms(settings),
+      rules(settings), request{settings.base,     settings.scope,      settings.deref,
+                               rules.requested(), settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
       totals(counts), pool(settings, counts, tls, before)
@@ -90,7 +90,8 @@ Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order 
 Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window,
                    SearchRequest const& request, Order order)
     : m_shared(shared), m_request(request), m_maximumLanes(lanes), m_window(window),
-      m_maximumTasks(std::size_t{8} * lanes * window), m_order(order)
+      m_maximumTasks(std::size_t{8} * lanes * window), m_order(order),
+      m_makesResults(shared.rules.areSet() && &request == &shared.request)
 {
 }
 
@@ -193,6 +194,7 @@ void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
 void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message)
 {
     Settings const& settings = m_shared.settings;
+    SearchRequest const& request = requestOf(task);
     std::list<LDAPSearchResultEntry>& entries = task.answer.entries;
     if (!readEntry(message.content, entries)) {
         leave(lane, Trouble::damaged,
@@ -203,15 +205,17 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     std::size_t const size = lane.lease->session.messageSize();
     task.bytes += size;
     m_heldBytes += size;
-    bool const isTooMany = m_request.entryLimit != 0 && entries.size() > m_request.entryLimit;
-    bool const isTooLarge = task.bytes > settings.answerBytes;
+    std::size_t const bytes = task.member ? task.member->key.bytes += size : task.bytes;
+    task.hasRanges = task.hasRanges || message.content.find(";range=") != std::string_view::npos;
+    bool const isTooMany = request.entryLimit != 0 && entries.size() > request.entryLimit;
+    bool const isTooLarge = bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond the limit
         lane.remove(task);
         --m_inFlight;
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
                isTooMany ? task.answer.server + " sent more than " +
-                               std::to_string(m_request.entryLimit) + " entries"
+                               std::to_string(request.entryLimit) + " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
         // More of this answer may arrive before the answers of the other searches.
@@ -231,6 +235,10 @@ void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& messag
     }
     lane.remove(task);
     --m_inFlight;
+    if (task.member && result.code == LDAP_NO_SUCH_OBJECT && isMissing(task)) {
+        task.member->isMissing = true;
+        result.code = LDAP_SUCCESS;
+    }
     if (result.code != LDAP_SUCCESS) {
         refused(lane, task,
                 {outcomeOfSearch(result.code), result.code,
@@ -239,10 +247,14 @@ void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& messag
     }
     m_shared.pool.answered(*lane.lease, lane.lease->session.heardAt());
     proveFailures(task);
-    if (task.answer.entries.empty()) {
+    if (task.member) {
+        concludeMember(task);
+    } else if (task.answer.entries.empty()) {
         concludeEmpty(task);
-    } else {
+    } else if (!m_makesResults && !task.hasRanges) {
         finish(task, Outcome::Found, result.code, std::string());
+    } else {
+        expand(task);
     }
 }
 
@@ -353,8 +365,12 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
     m_heldBytes -= task.bytes;
+    if (task.member) {
+        task.member->key.bytes -= task.bytes;
+    }
     task.bytes = 0;
     task.isReferred = false;
+    task.hasRanges = false;
     task.brokeOn = &server;
     task.brokeAt = now;
     m_waiting.push_back(&task);

@@ -38,11 +38,13 @@ bool Pipeline::wantsKeys() const
 {
     // A key that would only wait here stays in the source, where its deadline does not run. One
     // that waits for another server, as it failed on the first, does not hold up those that need
-    // not.
+    // not. Searches for members do not hold them up either, but a few keys with members to search
+    // do: in the source, the deadlines of further ones do not run.
     return std::none_of(m_waiting.begin(), m_waiting.end(),
-                        [](Task const* task) { return task->isFresh(); }) &&
-           m_tasks.size() < m_maximumTasks && m_inFlight < m_maximumLanes * m_window &&
-           m_heldBytes <= m_shared.settings.answerBytes;
+                        [](Task const* task) { return task->isFresh() && !task->member; }) &&
+           m_tasks.size() < m_maximumTasks &&
+           m_inFlight < m_maximumLanes * m_window + m_members.size() &&
+           m_expanding.size() < expandedAtOnce && m_heldBytes <= m_shared.settings.answerBytes;
 }
 
 void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag)
@@ -66,6 +68,14 @@ void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag)
     if (m_now >= task.deadline) { // it waited for its turn
         concludeUnsent(task);
         return;
+    }
+    if (m_makesResults) {
+        std::string const lack = m_shared.rules.format().lackOf(task.key);
+        if (!lack.empty()) {
+            finish(task, Outcome::NotFound, LDAP_SUCCESS,
+                   "the key has no " + lack + ", which the result format inserts");
+            return;
+        }
     }
     task.forms = m_shared.forms.of(task.key);
     if (prepareFilter(task)) {
@@ -106,7 +116,7 @@ void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& 
     std::chrono::duration<double, std::milli> const taken = m_now - task.start;
     task.answer.milliseconds = taken.count();
     task.isDone = true;
-    m_hasFinished = true;
+    (task.member ? m_hasFinishedMember : m_hasFinished) = true;
 }
 
 void Pipeline::collect()
@@ -134,6 +144,8 @@ std::size_t Pipeline::cancel(std::uint64_t tag)
             }
             if (current->lane != nullptr) {
                 abandon(*current->lane, *current);
+            } else if (current->expansion) {
+                dropMembers(*current);
             } else if (!current->isDone) {
                 m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &*current));
             }
@@ -260,11 +272,13 @@ void Pipeline::excuse(Clock::duration held)
     if (held < noticeable) {
         return;
     }
-    for (Task& task : m_tasks) {
-        if (!task.isDone) {
-            task.start += held;
-            task.deadline += held;
-            task.sentAt += held;
+    for (std::list<Task>* const tasks : {&m_tasks, &m_members}) {
+        for (Task& task : *tasks) {
+            if (!task.isDone) {
+                task.start += held;
+                task.deadline += held;
+                task.sentAt += held;
+            }
         }
     }
     for (Lane& lane : m_lanes) {
@@ -316,6 +330,10 @@ void Pipeline::expire(Clock::time_point now)
 
 void Pipeline::expireTask(Task& task, Clock::time_point now)
 {
+    if (task.expansion) {
+        expireMembers(task, now);
+        return;
+    }
     if (task.lane == nullptr) {
         m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
         if (!task.failures.empty()) {
@@ -325,15 +343,21 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
         }
         return;
     }
+    finish(task, Outcome::TryLater, LDAP_TIMEOUT,
+           task.lane->server->uri + " did not complete its answer within the deadline of " +
+               inSeconds(m_shared.settings.deadline));
+    giveUp(task, now);
+}
+
+/// Gives up a search whose time is over.
+void Pipeline::giveUp(Task& task, Clock::time_point now)
+{
     Lane& lane = *task.lane;
     // A key that waited at least proof() on this server, without a byte, is evidence of a silent
     // server.
     bool const isSilent =
         lane.lease->session.heardAt() < task.sentAt && now - task.sentAt >= m_shared.pool.proof();
     abandon(lane, task);
-    finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-           lane.server->uri + " did not complete its answer within the deadline of " +
-               inSeconds(m_shared.settings.deadline));
     if (isSilent) {
         expireLane(lane);
     }
