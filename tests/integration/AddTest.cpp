@@ -16,13 +16,6 @@ namespace SolvaneTest {
 
 namespace {
 
-LDAPAttribute attributeOf(std::string const& type, std::string const& value)
-{
-    LDAPAttribute attribute{LDAPAttributeType(type)};
-    attribute.value(value);
-    return attribute;
-}
-
 LDAPAttributeContainer personNamed(std::string const& name)
 {
     return LDAPAttributeContainer({attributeOf("objectClass", "inetOrgPerson"),

@@ -89,6 +89,13 @@ LDAPResult answerTo(LDAPConnection& connection, LDAPSearch::Parameter const& par
     return answerTo(search);
 }
 
+LDAPAttribute attributeOf(std::string const& type, std::string const& value)
+{
+    LDAPAttribute attribute{LDAPAttributeType(type)};
+    attribute.value(value);
+    return attribute;
+}
+
 std::vector<std::string> namesIn(LDAPResult const& result)
 {
     std::vector<std::string> names;

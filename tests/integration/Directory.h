@@ -37,6 +37,9 @@ Solvane::LDAPResult answerTo(Solvane::LDAPSearch& search);
 Solvane::LDAPResult answerTo(Solvane::LDAPConnection& connection,
                              Solvane::LDAPSearch::Parameter const& parameter);
 
+/// An attribute with one value.
+Solvane::LDAPAttribute attributeOf(std::string const& type, std::string const& value);
+
 /// The DNs of the entries found, in order.
 std::vector<std::string> namesIn(Solvane::LDAPResult const& result);
 /// The attribute descriptions of the only entry found, in order.

@@ -1,4 +1,5 @@
-// Failover of searches: one server fails and another one answers, or none does.
+// Failover of searches: one server fails and another one answers, or none does; also when a server
+// is killed, and the kernel accepts its connections a moment longer.
 #include "Eventually.h"
 #include "LdapMessages.h"
 #include "Lookups.h"
@@ -10,8 +11,11 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <memory>
+#include <vector>
 
 using namespace Solvane;
+using Lookup::Identity;
 using Lookup::Outcome;
 using std::chrono::milliseconds;
 using testing::HasSubstr;
@@ -21,11 +25,6 @@ namespace SolvaneTest {
 namespace {
 
 using Peer = ScriptedServer::Peer;
-
-std::string uriOf(ScriptedServer const& server)
-{
-    return "ldap://127.0.0.1:" + std::to_string(server.port());
-}
 
 OnSearch answering(int code)
 {
@@ -84,6 +83,30 @@ LDAPLookup::Settings settingsOf(std::vector<ScriptedServer*> const& servers)
     auto settings = SolvaneTest::settingsFor(ports);
     settings.networkTimeout = 1;
     settings.backOff = settings.longestBackOff = std::chrono::hours(1);
+    return settings;
+}
+
+constexpr unsigned char extendedRequest = 0x77;
+
+/// The scripts of the first connection and of all others.
+ScriptedServer::Script inTurn(ScriptedServer::Script first, ScriptedServer::Script others)
+{
+    auto const count = std::make_shared<std::atomic<unsigned int>>(0);
+    return [=](Peer& peer) { (count->fetch_add(1) == 0 ? first : others)(peer); };
+}
+
+/// Accepts a connection and closes it when the first request arrives.
+void die(Peer& peer)
+{
+    peer.receiveMessage();
+    peer.reset();
+}
+
+LDAPLookup::Settings withoutABind(std::vector<unsigned int> const& ports)
+{
+    LDAPLookup::Settings settings = settingsFor(ports);
+    settings.bindDn.clear();
+    settings.password.clear();
     return settings;
 }
 
@@ -269,19 +292,6 @@ TEST(AnIdleConnectionThatWasLost, IsReplacedByOneToTheSameServer)
 
 // References
 
-namespace {
-
-void answerElsewhere(Peer& peer, std::string const& request)
-{
-    constexpr unsigned char searchReference = 0x73;
-    std::string const elsewhere = berElement(
-        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
-    int const id = messageIdOf(request);
-    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
-}
-
-} // namespace
-
 TEST(AnAnswerOfReferencesOnly, IsToBeTriedLater)
 {
     ScriptedServer server(serving(answerElsewhere));
@@ -325,6 +335,126 @@ TEST(AnAnswerOfReferencesOnly, DoesNotMatterBesideAnEntry)
     LDAPLookup lookup(settingsOf({&server}));
 
     EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+}
+
+// Repeated searches when a server is killed: the kernel accepts connections a moment longer.
+
+TEST(ARepeatedSearchWithoutABind, GoesToTheNextServerAtOnceFromAConnectionThatWasNew)
+{
+    ScriptedServer dying(inTurn(serving(hangUp), die));
+    ScriptedServer const live(serving(answerFound, std::string()));
+    LDAPLookup lookup(withoutABind({dying.port(), live.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(live.port()));
+    EXPECT_TRUE(answer.wasRepeated);
+    EXPECT_EQ(dying.connectionCount(), 1U);
+}
+
+TEST(ARepeatedSearchWithoutABind, GoesToTheNextServerWhereTheFirstTakesConnectionsAndDies)
+{
+    std::atomic<int> searches{0};
+    OnSearch const second = [&](Peer& peer, std::string const& request) {
+        (++searches == 1 ? answerFound : hangUp)(peer, request);
+    };
+    ScriptedServer dying(inTurn(serving(second), die));
+    ScriptedServer const live(serving(answerFound, std::string()));
+    LDAPLookup lookup(withoutABind({dying.port(), live.port()}));
+    lookup.find(addressOf(1)); // the connection was idle then, and may have been lost unnoticed
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(live.port()));
+    EXPECT_TRUE(answer.wasRepeated);
+    EXPECT_EQ(dying.connectionCount(), 2U);
+}
+
+TEST(ARepeatedSearchWithoutABind, IsAskedOfAServerThatIsThereAgain)
+{
+    ScriptedServer server(inTurn(serving(hangUp), serving(answerFound, std::string())));
+    LDAPLookup lookup(withoutABind({server.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.identity, Identity::Anonymous);
+    EXPECT_TRUE(answer.wasRepeated);
+    EXPECT_EQ(countOf(extendedRequest, server.received()), 1U);
+    EXPECT_EQ(countOf(SearchRequest, server.received()), 2U);
+}
+
+TEST(ARepeatedSearchWithoutABind, IsAskedOfAServerThatCannotTellWhoAsks)
+{
+    ScriptedServer server(inTurn(serving(hangUp), servingWithoutWhoAmI(answerFound, 2)));
+    LDAPLookup lookup(withoutABind({server.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.identity, Identity::Anonymous);
+}
+
+TEST(ARepeatedSearchWithoutABind, GoesToTheNextServerWhereTheFirstSaysThatItIsUnavailable)
+{
+    constexpr int unavailable = 52;
+    ScriptedServer const leaving(
+        inTurn(serving(hangUp), servingWithoutWhoAmI(answerEmpty, unavailable)));
+    ScriptedServer const live(serving(answerFound, std::string()));
+    LDAPLookup lookup(withoutABind({leaving.port(), live.port()}));
+
+    auto const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.server, "ldap://127.0.0.1:" + std::to_string(live.port()));
+}
+
+TEST(ASearchWithoutABind, IsSentWithoutAnotherQuestionAtFirst)
+{
+    ScriptedServer server(serving(answerFound, std::string()));
+    LDAPLookup lookup(withoutABind({server.port()}));
+
+    EXPECT_EQ(lookup.find(addressOf(1)).outcome, Outcome::Found);
+    EXPECT_EQ(countOf(extendedRequest, server.received()), 0U);
+}
+
+// In one run, with many searches on the connections that break.
+TEST(ManySearchesWithoutABind, AreAllFoundWhereTheFirstServerDies)
+{
+    std::atomic<bool> isDying{false};
+    std::atomic<unsigned int> searches{0};
+    ScriptedServer const dying([&](Peer& peer) {
+        if (isDying) {
+            die(peer);
+            return;
+        }
+        serving([&](Peer& asking, std::string const& request) {
+            if (searches.fetch_add(1) >= 100) {
+                isDying = true;
+                asking.reset();
+            } else {
+                answerFound(asking, request);
+            }
+        })(peer);
+    });
+    ScriptedServer const live(serving(answerFound, std::string()));
+    auto settings = withoutABind({dying.port(), live.port()});
+    settings.connections = 4;
+    settings.window = 32;
+    LDAPLookup lookup(settings);
+    std::vector<std::string> keys;
+    for (int user = 0; user < 1000; ++user) {
+        keys.push_back(addressOf(user));
+    }
+
+    std::vector<Answered> const answers = answersTo(lookup, keys);
+
+    ASSERT_EQ(answers.size(), keys.size());
+    for (Answered const& each : answers) {
+        EXPECT_EQ(each.answer.outcome, Outcome::Found) << each.key << ": " << each.answer.text;
+    }
 }
 
 } // namespace SolvaneTest

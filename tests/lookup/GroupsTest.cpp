@@ -1,7 +1,6 @@
 // Lookups of groups: members, nested groups, ranges of values, formats, and failures on the way.
 #include "LdapMessages.h"
 #include "Lookups.h"
-#include "Queues.h"
 #include "ScriptedServer.h"
 
 #include <solvane/ldap.h>

@@ -26,8 +26,6 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 
-std::string uriOf(unsigned int port) { return "ldap://127.0.0.1:" + std::to_string(port); }
-
 void neverAnswer(Peer& peer, std::string const&) { peer.receiveUntilClosed(); }
 void hangUp(Peer& peer, std::string const&) { peer.reset(); }
 
@@ -356,15 +354,6 @@ TEST(LookupOnADowngradedConnection, AsksWhoWeAreOncePerConnection)
     constexpr unsigned char extendedRequest = 0x77;
     EXPECT_EQ(countOf(extendedRequest, server.received()), 1U);
     EXPECT_EQ(countOf(SearchRequest, server.received()), 2U);
-}
-
-void answerElsewhere(Peer& peer, std::string const& request)
-{
-    constexpr unsigned char searchReference = 0x73;
-    std::string const elsewhere = berElement(
-        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
-    int const id = messageIdOf(request);
-    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
 }
 
 TEST(LookupOnAPartOfTheDirectory, SaysWithNotFoundThatOtherServersWereNotAsked)

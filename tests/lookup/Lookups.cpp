@@ -1,8 +1,10 @@
-// Scripted directories, and runs over lists of keys.
+// Scripted directories, runs over lists of keys, and loops with poll.
 #include "Lookups.h"
 
 #include <algorithm>
 #include <cstdio>
+
+#include <poll.h>
 
 using namespace Solvane;
 
@@ -95,6 +97,9 @@ LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way)
     return settings;
 }
 
+std::string uriOf(unsigned int port) { return "ldap://127.0.0.1:" + std::to_string(port); }
+std::string uriOf(ScriptedServer const& server) { return uriOf(server.port()); }
+
 std::string addressOf(int user)
 {
     char text[40];
@@ -128,6 +133,15 @@ void answerEmpty(ScriptedServer::Peer& peer, std::string const& request)
     peer.send(searchDone(messageIdOf(request)));
 }
 
+void answerElsewhere(ScriptedServer::Peer& peer, std::string const& request)
+{
+    constexpr unsigned char searchReference = 0x73;
+    std::string const elsewhere = berElement(
+        searchReference, berElement(0x04, "ldap://other.test/ou=people,dc=corp,dc=test"));
+    int const id = messageIdOf(request);
+    peer.send(ldapMessage(id, elsewhere) + searchDone(id));
+}
+
 std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages)
 {
     return static_cast<std::size_t>(
@@ -157,6 +171,46 @@ std::vector<Answered> answersTo(LDAPLookup& lookup, std::vector<std::string> con
         return true;
     });
     return answers;
+}
+
+bool awaitReadable(int descriptor, std::chrono::milliseconds time)
+{
+    pollfd polled{descriptor, POLLIN, 0};
+    return poll(&polled, 1, static_cast<int>(time.count())) == 1;
+}
+
+bool QueueLoop::runUntil(std::size_t answers)
+{
+    while (m_count < answers) {
+        if (!awaitReadable(m_queue.descriptor())) {
+            return false;
+        }
+        ++m_wakeUps;
+        take();
+    }
+    return true;
+}
+
+void QueueLoop::runFor(std::chrono::milliseconds time)
+{
+    auto const end = std::chrono::steady_clock::now() + time;
+    for (;;) {
+        auto const left =
+            std::chrono::ceil<std::chrono::milliseconds>(end - std::chrono::steady_clock::now());
+        if (left.count() <= 0 || !awaitReadable(m_queue.descriptor(), left)) {
+            return;
+        }
+        ++m_wakeUps;
+        take();
+    }
+}
+
+void QueueLoop::take()
+{
+    while (auto result = m_queue.next()) {
+        ++m_count;
+        m_answers[result->tag] = {result->key, std::move(result->answer)};
+    }
 }
 
 } // namespace SolvaneTest

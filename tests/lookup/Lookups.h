@@ -1,4 +1,5 @@
-// Helpers for tests of lookups: settings, scripted servers, keys and answers.
+// Helpers for tests of lookups: settings, scripted servers, keys and answers, and event loops with
+// one queue.
 #ifndef SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 #define SOLVANE_TESTS_LOOKUP_LOOKUPS_H
 
@@ -7,8 +8,12 @@
 #include "Slapd.h"
 
 #include <solvane/lookup/LDAPLookup.h>
+#include <solvane/lookup/LDAPLookupQueue.h>
 
+#include <chrono>
+#include <cstddef>
 #include <functional>
+#include <map>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -35,6 +40,10 @@ void PrintTo(WayIn way, std::ostream* out);
 /// Settings for a slapd, bound as the reader, that verify its certificate.
 Solvane::LDAPLookup::Settings settingsFor(Slapd const& slapd, WayIn way);
 
+/// The URI of a server on this port of 127.0.0.1.
+std::string uriOf(unsigned int port);
+std::string uriOf(ScriptedServer const& server);
+
 /// The n-th user's address.
 std::string addressOf(int user);
 
@@ -54,6 +63,8 @@ std::string whoAmIResponse(int messageId, std::string const& identity);
 void answerFound(ScriptedServer::Peer& peer, std::string const& request);
 /// Sends the end of the search only.
 void answerEmpty(ScriptedServer::Peer& peer, std::string const& request);
+/// Sends a search continuation and the end of the search.
+void answerElsewhere(ScriptedServer::Peer& peer, std::string const& request);
 
 /// How many of the messages are of this operation.
 std::size_t countOf(unsigned char operation, std::vector<std::string> const& messages);
@@ -68,6 +79,38 @@ struct Answered {
 };
 /// Looks up all keys in one run.
 std::vector<Answered> answersTo(Solvane::LDAPLookup& lookup, std::vector<std::string> const& keys);
+
+using Tag = Solvane::LDAPLookupQueue::Tag;
+
+/// Waits until the descriptor is readable; false after the time.
+bool awaitReadable(int descriptor, std::chrono::milliseconds time = std::chrono::seconds(10));
+
+/// A loop that takes answers only when it is woken.
+class QueueLoop {
+public:
+    explicit QueueLoop(Solvane::LDAPLookupQueue& queue) : m_queue(queue) {}
+
+    /// Runs until there are this many answers in total; false: nothing woke it for ten seconds.
+    bool runUntil(std::size_t answers);
+    /// Runs for a time.
+    void runFor(std::chrono::milliseconds time);
+    /// Takes what is there.
+    void take();
+
+    /// The answers by tag; the last one of each.
+    std::map<Tag, Answered> const& answers() const { return m_answers; }
+    Solvane::LDAPLookup::Answer const& answer(Tag tag) const { return m_answers.at(tag).answer; }
+    /// How many answers were taken.
+    std::size_t count() const { return m_count; }
+    /// How often the loop was woken.
+    std::size_t wakeUps() const { return m_wakeUps; }
+
+private:
+    Solvane::LDAPLookupQueue& m_queue;
+    std::map<Tag, Answered> m_answers;
+    std::size_t m_count = 0;
+    std::size_t m_wakeUps = 0;
+};
 
 } // namespace SolvaneTest
 

@@ -1,6 +1,6 @@
 // What an observer is told, and what is counted for each server.
 #include "Eventually.h"
-#include "Queues.h"
+#include "Lookups.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
 // Keys that are cancelled in a queue.
 #include "Eventually.h"
-#include "Queues.h"
+#include "Lookups.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

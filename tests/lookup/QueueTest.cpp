@@ -1,6 +1,6 @@
 // A queue in an event loop: every key gets its answer, and the loop is woken when it should be.
 #include "Eventually.h"
-#include "Queues.h"
+#include "Lookups.h"
 #include "Slapd.h"
 
 #include <gmock/gmock.h>

@@ -1,8 +1,8 @@
 // New settings while lookups are under way.
 #include "Eventually.h"
+#include "Lookups.h"
 #include "Process.h"
 #include "ProcessMemory.h"
-#include "Queues.h"
 #include "Slapd.h"
 
 #include <solvane/ldap/LDAPException.h>
@@ -27,11 +27,6 @@ namespace {
 
 using Peer = ScriptedServer::Peer;
 using Supply = LDAPLookup::Supply;
-
-std::string uriOf(ScriptedServer const& server)
-{
-    return "ldap://127.0.0.1:" + std::to_string(server.port());
-}
 
 /// Answers each search when the test gives the cue.
 ScriptedServer::Script servingOnCue()

@@ -1,5 +1,7 @@
-// Every transition of a server's state once, by name, and its times.
+// Servers: every transition of a server's state once, by name, and its times; and the failures of
+// several servers combined into one outcome.
 #include "ServerHealth.h"
+#include "Failover.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -52,6 +54,17 @@ Row const rows[] = {
 Verdict const refused = {Outcome::TryLater, -1, "refused"};
 constexpr milliseconds quick(1);
 constexpr milliseconds slow(500);
+
+Failure failure(std::size_t server, Outcome outcome, int code, bool isFinal = false)
+{
+    std::string const uri = "ldap://server" + std::to_string(server);
+    Failure result;
+    result.server = server;
+    result.uri = uri;
+    result.why = {outcome, code, uri + ": " + std::to_string(code)};
+    result.isFinal = isFinal;
+    return result;
+}
 
 } // namespace
 
@@ -264,6 +277,60 @@ TEST_F(AServer, IsNotTriedAnewAtOnceASecondTimeWithoutAnAnswerBetween)
 
     EXPECT_FALSE(health.isRetryDue());
     EXPECT_EQ(health.retryAt(), in(seconds(2)));
+}
+
+// Combining the failures of several servers into one outcome.
+
+TEST(AKeyThatNoServerAnswered, IsMisconfiguredIfAllSaySo)
+{
+    auto const conclusion =
+        conclude({failure(0, Outcome::Misconfigured, 32), failure(1, Outcome::Misconfigured, 32)});
+
+    EXPECT_EQ(conclusion.verdict.outcome, Outcome::Misconfigured);
+    EXPECT_EQ(conclusion.verdict.code, 32);
+    EXPECT_EQ(conclusion.verdict.text, "ldap://server0: 32; ldap://server1: 32");
+    EXPECT_EQ(conclusion.server, "ldap://server0");
+}
+
+TEST(AKeyThatNoServerAnswered, IsRefusedIfAllRefuse)
+{
+    auto const conclusion =
+        conclude({failure(0, Outcome::Refused, 50), failure(1, Outcome::Refused, 53)});
+
+    EXPECT_EQ(conclusion.verdict.outcome, Outcome::Refused);
+    EXPECT_EQ(conclusion.verdict.code, 50);
+}
+
+TEST(AKeyThatNoServerAnswered, IsToBeTriedLaterIfTheyDiffer)
+{
+    auto const conclusion =
+        conclude({failure(0, Outcome::Refused, 50), failure(1, Outcome::Misconfigured, 32)});
+
+    EXPECT_EQ(conclusion.verdict.outcome, Outcome::TryLater);
+}
+
+TEST(AKeyThatNoServerAnswered, IsToBeTriedLaterIfOneCouldNotBeAsked)
+{
+    auto const conclusion =
+        conclude({failure(0, Outcome::Misconfigured, 32), failure(1, Outcome::TryLater, -1)});
+
+    EXPECT_EQ(conclusion.verdict.outcome, Outcome::TryLater);
+    EXPECT_EQ(conclusion.verdict.code, -1);
+    EXPECT_EQ(conclusion.server, "ldap://server1");
+}
+
+TEST(AKeyThatNoServerAnswered, IsRefusedIfTheCredentialsAreHeld)
+{
+    auto const conclusion =
+        conclude({failure(0, Outcome::TryLater, -1), failure(1, Outcome::Refused, 49, true)});
+
+    EXPECT_EQ(conclusion.verdict.outcome, Outcome::Refused);
+    EXPECT_EQ(conclusion.verdict.code, 49);
+}
+
+TEST(AKeyThatNoServerAnswered, IsToBeTriedLaterIfNoneIsKnown)
+{
+    EXPECT_EQ(conclude({}).verdict.outcome, Outcome::TryLater);
 }
 
 } // namespace SolvaneTest

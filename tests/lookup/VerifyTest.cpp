@@ -1,7 +1,6 @@
 // Verifying a password: what is sent, and what each response of a server means.
 #include "Eventually.h"
 #include "LdapMessages.h"
-#include "Logins.h"
 #include "Lookups.h"
 #include "ScriptedServer.h"
 
@@ -12,6 +11,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <functional>
+#include <string>
 #include <thread>
 
 using namespace Solvane;
@@ -31,6 +32,45 @@ using Peer = ScriptedServer::Peer;
 constexpr char key[] = "anna@corp.test";
 constexpr char password[] = "correct horse";
 constexpr char policyControl[] = "1.3.6.1.4.1.42.2.27.8.5.1";
+
+constexpr char annaDn[] = "uid=anna,ou=people,dc=corp,dc=test";
+
+/// Answers the bind of a user, given whole, on its connection.
+using OnBind = std::function<void(ScriptedServer::Peer&, std::string const& request)>;
+
+/// Finds Anna's entry.
+void answerAnna(ScriptedServer::Peer& peer, std::string const& request)
+{
+    int const id = messageIdOf(request);
+    peer.send(searchEntry(id, annaDn, {}) + searchDone(id));
+}
+
+/// A server's script: grants the reader's binds, leaves those of users to `onBind`, and searches to
+/// `onSearch`. "Who am I?" is answered with the identity of the last bind.
+ScriptedServer::Script loginServer(OnBind onBind, OnSearch onSearch = answerAnna)
+{
+    return
+        [onBind = std::move(onBind), onSearch = std::move(onSearch)](ScriptedServer::Peer& peer) {
+            std::string identity;
+            for (std::string request = peer.receiveMessage(); !request.empty();
+                 request = peer.receiveMessage()) {
+                int const id = messageIdOf(request);
+                if (operationOf(request) == SearchRequest) {
+                    onSearch(peer, request);
+                } else if (operationOf(request) == ExtendedRequest) {
+                    peer.send(whoAmIResponse(id, identity));
+                } else if (operationOf(request) == BindRequest) {
+                    std::string const dn = bindContentOf(request).dn;
+                    identity = "dn:" + dn;
+                    if (dn == readerDn) {
+                        peer.send(bindResponse(id));
+                    } else {
+                        onBind(peer, request);
+                    }
+                }
+            }
+        };
+}
 
 /// Replies to a login with this.
 OnBind replying(BindReply reply)

@@ -1,17 +1,31 @@
-// Lookups by every way in and with every identity, on a real server and on scripted ones.
+// Ways in of lookups: every way with every identity, Kerberos, and how few binds a wrong password
+// costs.
 #include "Eventually.h"
+#include "Kdc.h"
+#include "LdapMessages.h"
 #include "Lookups.h"
 #include "NameServer.h"
+#include "Process.h"
+#include "ProcessMemory.h"
+#include "ScriptedServer.h"
 #include "ServerTls.h"
 #include "Slapd.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <list>
+#include <memory>
+#include <thread>
+
 using namespace Solvane;
 using Lookup::Identity;
 using Lookup::Outcome;
+using std::chrono::milliseconds;
 using testing::AllOf;
+using testing::Each;
+using testing::Field;
 using testing::HasSubstr;
 using testing::StartsWith;
 
@@ -41,6 +55,59 @@ LDAPLookup::Settings startTlsSettings(std::vector<unsigned int> const& ports,
         server.startTls = true;
     }
     settings.tls.caFile = authority.file();
+    return settings;
+}
+
+constexpr int users = 30;
+
+/// Refuses binds, until told otherwise.
+class RefusingServer {
+public:
+    std::size_t binds() const { return countOf(BindRequest, m_server.received()); }
+    unsigned int port() const { return m_server.port(); }
+    void accept() { m_accepts = true; }
+    void giveCue() { m_server.giveCue(); }
+
+private:
+    void play(Peer& peer)
+    {
+        if (m_accepts) {
+            return serving(answerFound)(peer);
+        }
+        std::string const bind = peer.receiveMessage();
+        if (!bind.empty()) {
+            peer.awaitCue();
+            peer.send(bindResponse(messageIdOf(bind), 49));
+            peer.receiveUntilClosed();
+        }
+    }
+
+    std::atomic<bool> m_accepts{false};
+    ScriptedServer m_server{[this](Peer& peer) { play(peer); }};
+};
+
+std::vector<LDAPLookup::Answer> findOnThreads(
+    LDAPLookup& lookup, std::size_t threads, std::function<void()> const& meanwhile = [] {})
+{
+    std::vector<LDAPLookup::Answer> answers(threads);
+    std::vector<std::thread> running;
+    for (LDAPLookup::Answer& answer : answers) {
+        running.emplace_back([&] { answer = lookup.find(addressOf(1)); });
+    }
+    meanwhile();
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+    return answers;
+}
+
+auto const isRefused = testing::AllOf(Field(&LDAPLookup::Answer::outcome, Outcome::Refused),
+                                      Field(&LDAPLookup::Answer::code, 49));
+
+LDAPLookup::Settings settingsForThreads(std::vector<unsigned int> const& ports)
+{
+    auto settings = settingsFor(ports);
+    settings.connections = 16;
     return settings;
 }
 
@@ -348,5 +415,204 @@ TEST_P(ExternalLookupByEveryWay, ReadsWhatAnonymousUsersCannot)
 INSTANTIATE_TEST_SUITE_P(ToSlapd, ExternalLookupByEveryWay,
                          testing::Values(WayIn::ldaps, WayIn::startTls, WayIn::ldapi),
                          testing::PrintToStringParamName());
+
+// Lookups by Kerberos: with a keytab, in forked workers, and after the ticket was missing.
+
+class LookupByKerberos : public testing::TestWithParam<WayIn> {
+protected:
+    static void SetUpTestSuite()
+    {
+        if (Slapd::isInstalled() && Kdc::isInstalled()) {
+            s_kdc = std::make_unique<Kdc>();
+            s_slapd = std::make_unique<Slapd>(std::vector<std::string>{
+                "--users", std::to_string(users), "--kerberos", s_kdc->folder()});
+        }
+    }
+    static void TearDownTestSuite()
+    {
+        s_slapd.reset();
+        s_kdc.reset();
+    }
+    void SetUp() override
+    {
+        if (!s_slapd) {
+            Kdc::reportMissing();
+            return;
+        }
+        kdc().useKeytab(kdc().file("reader.keytab"));
+    }
+    static Kdc& kdc() { return *s_kdc; }
+
+    static LDAPLookup::Settings settings()
+    {
+        LDAPLookup::Settings settings = settingsFor(*s_slapd, GetParam());
+        settings.mechanism = Lookup::Mechanism::gssapi;
+        settings.bindDn.clear();
+        settings.password.clear();
+        settings.servers.front().host = "localhost"; // for which it has a principal
+        return settings;
+    }
+    static std::string wrongWith(LDAPLookup& lookup, int user)
+    {
+        LDAPLookup::Answer const answer = lookup.find(addressOf(user));
+        bool const isRight = answer.outcome == Outcome::Found && answer.entries.size() == 1 &&
+                             answer.identity == Lookup::Identity::Confirmed;
+        return isRight ? std::string() : testing::PrintToString(answer.outcome) + answer.text;
+    }
+
+private:
+    ToleratedLeak m_leak; // over TLS
+    static std::unique_ptr<Kdc> s_kdc;
+    static std::unique_ptr<Slapd> s_slapd;
+};
+
+std::unique_ptr<Kdc> LookupByKerberos::s_kdc;
+std::unique_ptr<Slapd> LookupByKerberos::s_slapd;
+
+TEST_P(LookupByKerberos, FindsInWorkersForkedAfterAFind)
+{
+    constexpr int workers = 4;
+    LDAPLookup lookup(settings());
+    ASSERT_EQ(wrongWith(lookup, 1), "");
+
+    for (int round = 0; round < rounds / 10; ++round) {
+        Gate gate;
+        std::list<ForkedProcess> children;
+        for (int i = 0; i < workers; ++i) {
+            children.emplace_back([&, i] {
+                gate.pass();
+                return wrongWith(lookup, i + 2);
+            });
+        }
+        gate.open();
+        EXPECT_EQ(wrongWith(lookup, workers + 2), "");
+        for (ForkedProcess& child : children) {
+            EXPECT_EQ(child.complaint(), "");
+        }
+    }
+}
+
+TEST_P(LookupByKerberos, FindsManyAtOnce)
+{
+    LDAPLookup lookup(settings());
+    std::vector<std::string> keys;
+    for (int i = 1; i <= users; ++i) {
+        keys.push_back(addressOf(i));
+    }
+
+    for (Answered const& answered : answersTo(lookup, keys)) {
+        EXPECT_EQ(answered.answer.outcome, Outcome::Found) << answered.answer.text;
+    }
+}
+
+TEST_P(LookupByKerberos, IsDeferredWithoutATicketAndFindsOnceThereIsOne)
+{
+    Kdc::useCache(kdc().file("none"));
+    LDAPLookup::Settings impatient = settings();
+    impatient.backOff = impatient.longestBackOff = std::chrono::milliseconds(1);
+    LDAPLookup lookup(impatient);
+
+    LDAPLookup::Answer const answer = lookup.find(addressOf(1));
+
+    EXPECT_EQ(answer.outcome, Outcome::Misconfigured);
+    EXPECT_THAT(answer.text, HasSubstr("No Kerberos credentials available"));
+    kdc().useTicket("reader");
+    EXPECT_TRUE(eventually([&] { return wrongWith(lookup, 1).empty(); }));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, LookupByKerberos,
+                         testing::Values(WayIn::plain, WayIn::ldaps, WayIn::startTls));
+
+// With a wrong password, few binds are sent.
+
+TEST(AWrongPassword, IsSentOnceForManyThreads)
+{
+    RefusingServer server;
+    LDAPLookup lookup(settingsForThreads({server.port()}));
+
+    auto const answers = findOnThreads(lookup, 16, [&] {
+        eventually([&] { return server.binds() != 0; });
+        server.giveCue();
+    });
+    auto const later = findOnThreads(lookup, 16);
+
+    EXPECT_THAT(answers, Each(isRefused));
+    EXPECT_THAT(later, Each(isRefused));
+    EXPECT_THAT(later.front().text, HasSubstr("not tried again for 60 s"));
+    EXPECT_THAT(later.front().text, testing::Not(HasSubstr(readerPassword)));
+    EXPECT_EQ(server.binds(), 1U);
+}
+
+TEST(AWrongPassword, IsSentOnceAgainWhenTheHoldIsOver)
+{
+    RefusingServer server;
+    server.giveCue();
+    auto settings = settingsForThreads({server.port()});
+    settings.refusedHold = milliseconds(1);
+    LDAPLookup lookup(settings);
+    lookup.find(addressOf(1));
+
+    bool const wasSent = eventually([&] {
+        lookup.find(addressOf(1));
+        return server.binds() == 2;
+    });
+
+    EXPECT_TRUE(wasSent);
+}
+
+TEST(AWrongPassword, IsNotTriedOnTheOtherServersMeanwhile)
+{
+    RefusingServer first;
+    RefusingServer second;
+    first.giveCue();
+    LDAPLookup lookup(settingsForThreads({first.port(), second.port()}));
+
+    auto const answers = findOnThreads(lookup, 16);
+
+    EXPECT_THAT(answers, Each(isRefused));
+    EXPECT_EQ(first.binds(), 1U);
+    EXPECT_EQ(second.binds(), 0U);
+}
+
+TEST(AWrongPassword, IsTriedOnTheNextServerWhenTheHoldIsOver)
+{
+    RefusingServer first;
+    RefusingServer second;
+    first.giveCue();
+    second.accept();
+    auto settings = settingsForThreads({first.port(), second.port()});
+    settings.refusedHold = milliseconds(1);
+    LDAPLookup lookup(settings);
+    lookup.find(addressOf(1));
+
+    bool const isServed =
+        eventually([&] { return lookup.find(addressOf(1)).outcome == Outcome::Found; });
+
+    EXPECT_TRUE(isServed);
+    EXPECT_EQ(first.binds(), 1U);
+}
+
+TEST(ARightPassword, IsSentByAllThreadsOnceItWasAccepted)
+{
+    ScriptedServer const server(serving(answerFound));
+    LDAPLookup lookup(settingsForThreads({server.port()}));
+
+    auto const answers = findOnThreads(lookup, 16);
+
+    EXPECT_THAT(answers, Each(Field(&LDAPLookup::Answer::outcome, Outcome::Found)));
+}
+
+TEST(ANewLookup, TriesItsPasswordAtOnce)
+{
+    RefusingServer server;
+    server.giveCue();
+    LDAPLookup wrong(settingsFor({server.port()}));
+    wrong.find(addressOf(1));
+    server.accept();
+
+    LDAPLookup right(settingsFor({server.port()}));
+
+    EXPECT_EQ(right.find(addressOf(1)).outcome, Outcome::Found);
+}
 
 } // namespace SolvaneTest

@@ -96,9 +96,10 @@ TestedServer::TestedServer(char const* variable) : m_environment(fromEnvironment
 
 void TestedServer::readValues()
 {
-    std::istringstream values(outputOf({"env", "-i", "PATH=/usr/bin:/bin", "bash", "-c",
-                                        R"(set -ae; . "$1"; . "$2"; env -0)", "bash", m_environment,
-                                        fromEnvironment("SOLVANE_SERVER_PROFILE")}));
+    std::istringstream values(outputOf(
+        {"env", "-i", "PATH=/usr/bin:/bin", "KIND=" + fromEnvironment("SOLVANE_SERVER_KIND"),
+         "bash", "-c", R"(set -ae; . "$1"; . "$2"; env -0)", "bash", m_environment,
+         fromEnvironment("SOLVANE_SERVER_PROFILES")}));
     for (std::string value; std::getline(values, value, '\0');) {
         std::string::size_type const end = value.find('=');
         m_values[value.substr(0, end)] = value.substr(end + 1);

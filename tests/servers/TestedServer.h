@@ -15,8 +15,8 @@
 
 namespace SolvaneTest {
 
-/// A server of testbed/, described by its server.env and a profile. slapd.profile documents the
-/// contents of a profile.
+/// A server of testbed/, described by its server.env and by what tests/servers/profiles says of its
+/// kind.
 class TestedServer {
 public:
     /// The servers of tests/servers/with-servers: same data, same names.
@@ -27,7 +27,7 @@ public:
     /// Writes the certificates of the authorities of both.
     static void writeAuthorities(std::string const& file);
 
-    /// A value of server.env or the profile.
+    /// A value of server.env or the profiles.
     /// @throws std::out_of_range  there is no value of this name
     std::string const& operator[](std::string const& name) const { return m_values.at(name); }
     int number(std::string const& name) const { return std::stoi(m_values.at(name)); }

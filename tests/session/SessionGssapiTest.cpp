@@ -4,7 +4,6 @@
 #include "LdapMessages.h"
 #include "Process.h"
 #include "ProcessMemory.h"
-#include "Relay.h"
 #include "ScriptedServer.h"
 #include "Sessions.h"
 #include "Slapd.h"

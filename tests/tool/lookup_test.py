@@ -1,8 +1,15 @@
-"""`solvane-ldap lookup` against a directory: what is found, what is not, and what is refused."""
+"""`solvane-ldap lookup` against a directory: what is found, what is not, what is refused, and the
+forms of a record, with values of every kind."""
 
+import base64
+import json
+import os
+import subprocess
 import unittest
 
-from support import PEOPLE, PRIVATE, READER, READER_PASSWORD, DirectoryTest
+from servers import ScriptedDirectory, hanging_up_after
+from support import DEADLINE, PEOPLE, PRIVATE, READER, READER_PASSWORD, DirectoryTest, ToolTest
+from support import entry, read_ldif, run, searched
 
 SUFFIX = "dc=corp,dc=test"
 CODES = "ou=codes,dc=corp,dc=test"
@@ -245,6 +252,296 @@ class LookupWhereAnonymousIsRefused(DirectoryTest):
         result = self.look_up("-P", "2", "-D", READER, "-y", password, "user0000001@corp.test")
 
         self.assert_fails(result, 78, "the bind is refused", "(2)", "-P")
+
+
+WITH_BINARY = "user0000100@corp.test"  # UTF-8 names, a photo, a certificate, an option
+
+
+class Formats(DirectoryTest):
+    def certificate(self):
+        with open(os.path.join(self.directory, "tls", "good.der"), "rb") as file:
+            return file.read()
+
+    def record_of(self, *arguments, **options):
+        """The only JSON record of a lookup."""
+        result = self.look_up("--format", "json", *arguments, **options)
+        self.assertEqual(len(result.lines), 1, result.output)
+        return json.loads(result.lines[0])
+
+    def test_json_has_every_field(self):
+        record = self.record_of("--attrs", "uid,mail", "user0000010@corp.test")
+
+        milliseconds = record.pop("ms")
+        self.assertGreater(milliseconds, 0)
+        self.assertEqual(
+            record,
+            {
+                "key": "user0000010@corp.test",
+                "status": "found",
+                "filter": "(mail=user0000010@corp.test)",
+                "server": self.uri,
+                "entries": [
+                    {
+                        "dn": "uid=user0000010,ou=people,dc=corp,dc=test",
+                        "attrs": {
+                            "uid": ["user0000010"],
+                            "mail": ["user0000010@corp.test", "ukasz.10@alias.corp.test"],
+                        },
+                    }
+                ],
+                "code": 0,
+                "text": "",
+                "retried": False,
+            },
+        )
+
+    def test_json_keeps_utf8_and_wraps_other_bytes(self):
+        record = self.record_of(WITH_BINARY)
+
+        attributes = record["entries"][0]["attrs"]
+        self.assertEqual(attributes["cn"], ["Zo\u00eb Berg 100"])
+        self.assertEqual(attributes["cn;lang-fr"], ["Monsieur 100"])
+        photo = base64.b64decode(attributes["jpegPhoto"][0]["base64"], validate=True)
+        self.assertTrue(photo.startswith(b"\xff\xd8\xff\xe0\x00\x10JFIF\x00"))
+        self.assertEqual(len(photo), 700)
+        self.assertEqual(
+            attributes["userCertificate;binary"],
+            [{"base64": base64.b64encode(self.certificate()).decode()}],
+        )
+
+    def test_json_says_what_was_not_found_and_what_failed(self):
+        missing = self.record_of("nobody@x")
+        failed = self.record_of("a@x", base="ou=missing,dc=corp,dc=test")
+        refused = self.record_of(b"\xff")
+
+        self.assertEqual(
+            (missing["status"], missing["code"], missing["entries"]), ("notfound", 0, [])
+        )
+        self.assertEqual((failed["status"], failed["code"]), ("error", 32))
+        self.assertIn("No such object", failed["text"])
+        self.assertEqual(
+            (refused["status"], refused["filter"], refused["server"]), ("error", None, None)
+        )
+        self.assertEqual(refused["key"], {"base64": "/w=="})
+
+    def test_json_fields_have_an_order(self):
+        record = self.record_of("nobody@x")
+
+        self.assertEqual(
+            list(record),
+            ["key", "status", "filter", "server", "entries", "code", "text", "ms", "retried"],
+        )
+
+    def test_values_are_one_line_for_each_address(self):
+        result = self.look_up(
+            "--format",
+            "values",
+            "--attrs",
+            "mail",
+            "user0000010@corp.test",
+            "nobody@x",
+            "user0000001@corp.test",
+        )
+
+        self.assertEqual(result.lines[0], "user0000010@corp.test,ukasz.10@alias.corp.test")
+        self.assertEqual(result.lines[1], "")
+        self.assertTrue(result.lines[2].startswith("user0000001@corp.test"), result.output)
+        self.assertEqual((result.status, len(result.lines)), (1, 3))
+
+    def test_tsv_has_the_key_the_values_and_the_status(self):
+        result = self.look_up(
+            "--format",
+            "tsv",
+            "--attrs",
+            "uid,mail",
+            "user0000010@corp.test",
+            "nobody@x",
+            b"a\tb\xff",
+        )
+
+        self.assertEqual(
+            result.lines[:2],
+            [
+                "user0000010@corp.test\tuser0000010,user0000010@corp.test,ukasz.10@alias.corp.test"
+                "\tfound",
+                "nobody@x\t\tnotfound",
+            ],
+        )
+        columns = result.lines[2].split("\t")
+        self.assertEqual(columns[:3], ["a\\x09b\\xFF", "", "error"])
+        self.assertEqual(len(columns), 4)
+        self.assertTrue(columns[3], result.output)
+
+    def test_tsv_names_what_is_skipped(self):
+        result = self.look_up("--format", "tsv", "--domains", "other.test", "user0000010@corp.test")
+
+        self.assertEqual((result.status, result.lines), (1, ["user0000010@corp.test\t\tskipped"]))
+
+    def test_text_names_what_is_skipped(self):
+        result = self.look_up("--domains", "other.test", "user0000010@corp.test")
+
+        self.assertTrue(
+            result.lines[0].startswith("# user0000010@corp.test: skipped"), result.output
+        )
+
+    def test_text_shows_the_class_of_an_error(self):
+        result = self.look_up("a@x", base="ou=missing,dc=corp,dc=test")
+
+        self.assertEqual(result.status, 78)
+        self.assertTrue(result.lines[0].startswith("# a@x: error 78: "), result.output)
+
+    def test_every_record_ends_with_nul_if_asked_for(self):
+        for form in ("text", "values", "tsv", "json", "ldif"):
+            with self.subTest(form=form):
+                result = self.look_up(
+                    "-0", "--format", form, "-f", "-", stdin=b"user0000010@corp.test\0nobody@x\0"
+                )
+
+                self.assertEqual(result.bytes.count(b"\0"), 2, result.output)
+                self.assertTrue(result.bytes.endswith(b"\0"), result.output)
+                for record in result.bytes.split(b"\0")[:2]:
+                    self.assertEqual(record.startswith(b"\n"), False, result.output)
+
+    def test_text_shows_utf8_and_encodes_other_bytes(self):
+        result = self.look_up(WITH_BINARY)
+
+        self.assertIn("cn: Zo\u00eb Berg 100", result.lines)
+        self.assertIn("cn;lang-fr: Monsieur 100", result.lines)
+        self.assertIn(
+            "userCertificate;binary:: " + base64.b64encode(self.certificate()).decode(),
+            result.lines,
+        )
+        self.assertEqual(sum(line.startswith("jpegPhoto:: ") for line in result.lines), 1)
+
+    def test_ldif_can_be_read_again(self):
+        result = self.look_up("--format", "ldif", WITH_BINARY, "nobody@x", "user0000001@corp.test")
+
+        self.assertEqual(result.status, 1)
+        self.assertIn("# nobody@x: not found", result.lines)
+        self.assertTrue(all(len(line) <= 78 for line in result.lines))
+        first, second = read_ldif(result.output)
+        self.assertEqual(first[0], ("dn", b"uid=user0000100,ou=people,dc=corp,dc=test"))
+        self.assertIn(("cn", "Zo\u00eb Berg 100".encode()), first)
+        self.assertIn(("userCertificate;binary", self.certificate()), first)
+        self.assertEqual(second[0], ("dn", b"uid=user0000001,ou=people,dc=corp,dc=test"))
+
+    def test_ldif_is_taken_by_a_directory(self):
+        found = self.look_up(
+            "--format",
+            "ldif",
+            "nobody@x",
+            WITH_BINARY,
+            "nobody@y",
+            "user0000001@corp.test",
+            "nobody@z",
+        )
+        ldif = self.file("found.ldif", found.bytes)
+
+        checked = subprocess.run(
+            ["ldapadd", "-x", "-n", "-H", self.uri, "-f", ldif],
+            capture_output=True,
+            timeout=DEADLINE,
+            check=False,
+        )
+
+        self.assertEqual(checked.returncode, 0, checked.stderr)
+        self.assertEqual(checked.stdout.count(b'!adding new entry "uid='), 2, checked.stdout)
+
+    def test_large_values_arrive_whole(self):
+        record = self.record_of("bigphoto@corp.test", base="ou=big,dc=corp,dc=test")
+
+        photo = record["entries"][0]["attrs"]["jpegPhoto"][0]["base64"]
+        self.assertEqual(len(base64.b64decode(photo, validate=True)), 1 << 20)
+
+
+class FormatsOfHostileValues(ToolTest):
+    """Values that no schema would let in."""
+
+    def look_up(self, form, *attributes, dn=b"cn=x"):
+        answer = entry(1, dn, *attributes) + searched(1)
+        directory = ScriptedDirectory(self, hanging_up_after(answer))
+        return run(
+            "lookup", "-H", directory.uri, "-b", "dc=x", "-t", "(cn=$u)", "--format", form, "a"
+        )
+
+    def test_text_stays_on_its_lines(self):
+        result = self.look_up(
+            "text",
+            (b"cn", [b"a\ndn: forged", b"", b" b ", b"\x1b[2J"]),
+            (b"x\n# forged", [b"1"]),
+            dn=b"cn=a\x07",
+        )
+
+        self.assertEqual(
+            result.lines,
+            [
+                "# a: found 1",
+                "dn:: Y249YQc=",
+                "cn:: YQpkbjogZm9yZ2Vk",
+                "cn: ",
+                "cn:  b ",
+                "cn:: G1sySg==",
+                "x\\x0A# forged: 1",
+                "",
+            ],
+        )
+
+    def test_values_and_tsv_stay_on_their_line(self):
+        for form, before, after in (("values", "", ""), ("tsv", "a\t", "\tfound")):
+            with self.subTest(form=form):
+                result = self.look_up(form, (b"cn", [b"a\tb\nc", b"", b"\xff,\x1b[2J"]))
+
+                self.assertEqual(result.lines, [before + "a\\x09b\\x0Ac,,\\xFF,\\x1B[2J" + after])
+
+    def test_json_stays_valid(self):
+        result = self.look_up(
+            "json",
+            (b"cn", [b'a\nb\0"', b"\xff"]),
+            (b"x\xff", [b"1"]),
+            (b"y;binary", [b"text"]),
+            dn=b"\xff",
+        )
+
+        entries = json.loads(result.output)["entries"]
+        self.assertEqual(
+            entries,
+            [
+                {
+                    "dn": {"base64": "/w=="},
+                    "attrs": {
+                        "cn": ['a\nb\0"', {"base64": "/w=="}],
+                        "x\\xFF": ["1"],
+                        "y;binary": [{"base64": "dGV4dA=="}],
+                    },
+                }
+            ],
+        )
+
+    def test_ldif_stays_readable(self):
+        result = self.look_up("ldif", (b"cn", [b"a\nb", b"", b" b", b":c", b"<d", b"e "]), dn=b"")
+
+        record = read_ldif(result.output)[0]
+        self.assertEqual(
+            record,
+            [
+                ("dn", b""),
+                ("cn", b"a\nb"),
+                ("cn", b""),
+                ("cn", b" b"),
+                ("cn", b":c"),
+                ("cn", b"<d"),
+                ("cn", b"e "),
+            ],
+        )
+
+    def test_messages_of_a_server_stay_on_one_line(self):
+        refusal = searched(1, 53, text=b"no\nforged: line \x1b[2J")
+        directory = ScriptedDirectory(self, hanging_up_after(refusal))
+
+        result = run("lookup", "-H", directory.uri, "-b", "dc=x", "-t", "(cn=$u)", "a")
+
+        self.assert_fails(result, 69, "no\\x0Aforged: line \\x1B[2J")
+        self.assertEqual(len(result.lines), 1)
 
 
 if __name__ == "__main__":

@@ -8,8 +8,7 @@ import time
 import unittest
 
 from servers import BIND_RESPONSE, ScriptedDirectory, eventually, serving, silent
-from support import DEADLINE, ToolTest, run
-from terminal import Terminal
+from support import DEADLINE, Terminal, ToolTest, run
 
 PROMPT = b"Password for cn=reader: "
 ERASED = b"\r\x1b[K"

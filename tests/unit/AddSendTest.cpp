@@ -1,8 +1,6 @@
 // Building and sending an add: the exact arguments, what is stored when, and what is reported.
-#include "AcceptedLeak.h"
 #include "Allocations.h"
 #include "CallTest.h"
-#include "OtherThread.h"
 
 #include <solvart/Mutex.h>
 

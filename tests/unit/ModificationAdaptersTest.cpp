@@ -1,5 +1,4 @@
 // The arrays that an add passes to OpenLDAP: layout, pointers and ownership.
-#include "AcceptedLeak.h"
 #include "Allocations.h"
 #include "CallTest.h"
 

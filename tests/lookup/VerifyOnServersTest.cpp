@@ -1,14 +1,20 @@
-// Verifying passwords on a slapd with password policies, and while its replicas fail.
+// Verifying passwords on servers: with password policies, while servers and replicas fail, and what
+// is left of a password in memory.
 #include "Eventually.h"
 #include "Lookups.h"
 #include "Process.h"
+#include "ProcessMemory.h"
 #include "Slapd.h"
 #include "TemporaryDirectory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
 #include <fstream>
+#include <thread>
+#include <vector>
 
 using namespace Solvane;
 using Lookup::Denial;
@@ -58,6 +64,58 @@ std::string agingOf(int user, std::string const& policy)
     return changeOf(user, "add: pwdPolicySubentry\npwdPolicySubentry: cn=" + policy +
                               ",dc=corp,dc=test\n-\nreplace: userPassword\nuserPassword: " +
                               passwordOf(user) + "\n");
+}
+
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+constexpr int threads = 16;
+#else
+constexpr int threads = 64;
+#endif
+constexpr int users = 40;
+
+/// What all threads were told.
+struct Tally {
+    std::atomic<int> accepted{0};
+    std::atomic<int> denied{0};
+    std::atomic<int> found{0};
+    std::atomic<int> unanswered{0};
+    std::atomic<int> wrong{0}; ///< anything that is not true
+
+    int answers() const { return accepted + denied + found; }
+};
+
+/// Whether the outcome says nothing about the user.
+bool isOpen(VerifyOutcome outcome) { return outcome == VerifyOutcome::TryLater; }
+
+void verifyOnce(LDAPLookup& lookup, Tally& tally, int user, bool isRight)
+{
+    // The wrong one is the right one of another user.
+    auto const verification = lookup.verify(addressOf(user), passwordOf(isRight ? user : user + 1));
+    if (isOpen(verification.outcome)) {
+        ++tally.unanswered;
+    } else if (isRight && verification.outcome == VerifyOutcome::Accepted) {
+        ++tally.accepted;
+    } else if (!isRight && verification.outcome == VerifyOutcome::Denied) {
+        ++tally.denied;
+    } else {
+        ++tally.wrong;
+        ADD_FAILURE() << (isRight ? "right" : "wrong")
+                      << " password: " << name(verification.outcome) << ' ' << verification.text;
+    }
+}
+
+void findOnce(LDAPLookup& lookup, Tally& tally, int user)
+{
+    auto const answer = lookup.find(addressOf(user));
+    if (answer.outcome == Lookup::Outcome::TryLater) {
+        ++tally.unanswered;
+    } else if (answer.outcome == Lookup::Outcome::Found &&
+               answer.identity == Lookup::Identity::Confirmed) {
+        ++tally.found;
+    } else {
+        ++tally.wrong;
+        ADD_FAILURE() << Lookup::name(answer.outcome) << ' ' << answer.text;
+    }
 }
 
 } // namespace
@@ -234,5 +292,165 @@ TEST_F(VerifyWithPolicies, WorksInChildrenAndAfterwardsInTheParent)
 
     EXPECT_EQ(verify(ordinary).outcome, VerifyOutcome::Accepted);
 }
+
+// Many threads verify passwords and look up addresses while servers are killed and paused.
+
+TEST(VerifyUnderTrouble, NeverAcceptsAWrongPasswordNorDeniesARightOne)
+{
+    Slapd first({"--users", std::to_string(users + 1)});
+    Slapd second({"--users", std::to_string(users + 1)});
+    auto settings = settingsFor({first.port(), second.port()});
+    settings.connections = settings.verifyConnections = 8;
+    settings.networkTimeout = 1;
+    settings.deadline = std::chrono::seconds(5);
+    settings.backOff = std::chrono::milliseconds(50);
+    settings.longestBackOff = std::chrono::milliseconds(200);
+    LDAPLookup lookup(settings);
+    Tally tally;
+    std::atomic<bool> isOver{false};
+    std::vector<std::thread> running;
+    auto const awaitAnswers = [&](int count) {
+        int const wanted = tally.answers() + count;
+        EXPECT_TRUE(eventually([&] { return tally.answers() >= wanted; }));
+    };
+
+    for (int thread = 0; thread < threads; ++thread) {
+        running.emplace_back([&, thread] {
+            for (int i = thread; !isOver; ++i) {
+                int const user = 1 + i % users;
+                i % 3 == 0 ? findOnce(lookup, tally, user)
+                           : verifyOnce(lookup, tally, user, i % 3 == 1);
+            }
+        });
+    }
+    awaitAnswers(100);
+    first.kill();
+    awaitAnswers(100);
+    first.restart();
+    awaitAnswers(100);
+    first.pause();
+    awaitAnswers(100);
+    first.resume();
+    second.pause();
+    awaitAnswers(100);
+    first.kill();
+    second.resume();
+    awaitAnswers(100);
+    second.kill();
+    first.restart();
+    awaitAnswers(100);
+    isOver = true;
+    for (std::thread& thread : running) {
+        thread.join();
+    }
+
+    EXPECT_EQ(tally.wrong, 0);
+    EXPECT_GT(tally.accepted, 0);
+    EXPECT_GT(tally.denied, 0);
+    EXPECT_GT(tally.found, 0);
+}
+
+// What is left of a password in memory once it is verified.
+
+// Under AddressSanitizer, freed memory stays as it was, and the interceptors keep copies.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+/// Overwrites what the test itself left on the stack: to bind a function at its first call, the
+/// dynamic linker saves the registers there, through which the password was copied.
+__attribute__((noinline)) void clearStack()
+{
+    char frame[1UL << 16];
+    explicit_bzero(frame, sizeof frame);
+}
+
+class VerifiedPasswordInMemory : public SuiteWithSlapd<VerifiedPasswordInMemory> {
+public:
+    static std::vector<std::string> options() { return {"--users", "5"}; }
+
+protected:
+    VerifiedPasswordInMemory()
+    {
+        // Joined here, so that it stands in no constant, and on the heap, so that it stands once.
+        m_password.reserve(2000);
+        m_password += "pw-";
+        m_password += "user0000001";
+    }
+
+    static LDAPLookup::Settings settings(bool isSecure)
+    {
+        auto settings = settingsFor({isSecure ? slapd().tlsPort() : slapd().port()});
+        settings.servers.front().secure = isSecure;
+        settings.tls.caFile = slapd().caFile();
+        return settings;
+    }
+
+    /// Verifies several times, on new connections and on kept ones.
+    void expectNothingLeft(LDAPLookup::Settings const& settings, VerifyOutcome outcome)
+    {
+        LDAPLookup lookup(settings);
+        clearStack();
+        ASSERT_EQ(occurrencesInMemory(m_password), 1U);
+
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(lookup.verify(addressOf(1), m_password).outcome, outcome);
+        }
+
+        EXPECT_EQ(occurrencesInMemory(m_password), 1U);
+    }
+
+    std::string m_password;
+};
+
+TEST_F(VerifiedPasswordInMemory, IsWipedAfterItIsAccepted)
+{
+    expectNothingLeft(settings(false), VerifyOutcome::Accepted);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedAfterItIsSentWithTls)
+{
+    expectNothingLeft(settings(true), VerifyOutcome::Accepted);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedAfterItIsDenied)
+{
+    m_password += " and a long tail that makes it wrong";
+
+    expectNothingLeft(settings(false), VerifyOutcome::Denied);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfItIsAsLongAsPossible)
+{
+    while (m_password.size() < 1024) {
+        m_password += static_cast<char>('a' + m_password.size() % 23);
+    }
+
+    expectNothingLeft(settings(true), VerifyOutcome::Denied);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfNoServerAnswers)
+{
+    slapd().pause();
+    auto late = settings(false);
+    late.deadline = std::chrono::milliseconds(100);
+
+    expectNothingLeft(late, VerifyOutcome::TryLater);
+    slapd().resume();
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfTheBindIsNotAnswered)
+{
+    auto late = settings(false);
+    late.deadline = std::chrono::milliseconds(300);
+    LDAPLookup lookup(late);
+    ASSERT_EQ(lookup.verify(addressOf(1), m_password).outcome, VerifyOutcome::Accepted);
+
+    slapd().pause();
+    EXPECT_EQ(lookup.verify(addressOf(1), m_password).outcome, VerifyOutcome::TryLater);
+    slapd().resume();
+
+    EXPECT_EQ(occurrencesInMemory(m_password), 1U);
+}
+
+#endif
 
 } // namespace SolvaneTest

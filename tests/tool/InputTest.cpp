@@ -1,8 +1,10 @@
-// The table of settings, and what the manual pages say of its rows.
-#include "SettingsTable.h"
-
+// What users write: the table of settings, URIs of servers, and names in filters.
+#include "AttributeNames.h"
 #include "Files.h"
 #include "Outcome.h"
+#include "ServerUri.h"
+#include "SettingValues.h"
+#include "SettingsTable.h"
 
 #include <gmock/gmock.h>
 
@@ -11,12 +13,18 @@
 #include <regex>
 #include <set>
 #include <sstream>
+#include <string>
+#include <tuple>
 
+namespace Solvane::Tool {
 namespace {
 
-using namespace Solvane::Tool;
 using testing::ContainsRegex;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::IsEmpty;
+
+// The table of settings, and what the manual pages say of its rows.
 
 std::string manualPage(std::string const& name)
 {
@@ -229,4 +237,182 @@ TEST(Draft, PrefersServersOfTheCommandLine)
     EXPECT_EQ(fromBoth.front().version, Solvane::LDAPConnection::V2);
 }
 
+// What a server's URI is read as; refusals are tried on the tool itself.
+
+auto partsOf(std::string const& text)
+{
+    ServerUri const uri(text);
+    return std::tuple(uri.host, uri.port, uri.isSecure);
+}
+
+TEST(AServerUri, HasTheDefaultPortOfItsScheme)
+{
+    EXPECT_EQ(partsOf("ldap://h"), std::tuple("h", 389U, false));
+    EXPECT_EQ(partsOf("ldaps://h/"), std::tuple("h", 636U, true));
+}
+
+TEST(AServerUri, MayNameAPort)
+{
+    EXPECT_EQ(partsOf("ldap://h.example:1"), std::tuple("h.example", 1U, false));
+    EXPECT_EQ(partsOf("ldaps://h.example:65535/"), std::tuple("h.example", 65535U, true));
+}
+
+TEST(AServerUri, HasAnIpv6AddressInBrackets)
+{
+    EXPECT_EQ(partsOf("ldap://[::1]"), std::tuple("::1", 389U, false));
+    EXPECT_EQ(partsOf("ldap://[2001:db8::1]:3389/"), std::tuple("2001:db8::1", 3389U, false));
+}
+
+TEST(AServerUri, HasASchemeInAnyCase)
+{
+    EXPECT_EQ(partsOf("LDAPS://h"), std::tuple("h", 636U, true));
+}
+
+auto partsOfHost(std::string const& text)
+{
+    ServerUri const uri = ServerUri::fromHost(text, 1389);
+    return std::tuple(uri.host, uri.port, uri.isSecure);
+}
+
+TEST(AServersHost, HasThePortOfTheOthersUnlessItNamesOne)
+{
+    EXPECT_EQ(partsOfHost("h.example"), std::tuple("h.example", 1389U, false));
+    EXPECT_EQ(partsOfHost("h.example:390"), std::tuple("h.example", 390U, false));
+    EXPECT_EQ(partsOfHost("192.0.2.1"), std::tuple("192.0.2.1", 1389U, false));
+}
+
+TEST(AServersHost, MayBeAnIpv6AddressWithOrWithoutBrackets)
+{
+    EXPECT_EQ(partsOfHost("::1"), std::tuple("::1", 1389U, false));
+    EXPECT_EQ(partsOfHost("[::1]"), std::tuple("::1", 1389U, false));
+    EXPECT_EQ(partsOfHost("[2001:db8::1]:390"), std::tuple("2001:db8::1", 390U, false));
+}
+
+TEST(AServersHost, MayBeAUri)
+{
+    EXPECT_EQ(partsOfHost("ldap://h"), std::tuple("h", 389U, false));
+    EXPECT_EQ(partsOfHost("ldaps://h"), std::tuple("h", 636U, true));
+}
+
+TEST(AServerUri, MayNameASocket)
+{
+    EXPECT_EQ(ServerUri("ldapi://%2Frun%2Fslapd%2Fldapi").socketPath, "/run/slapd/ldapi");
+    EXPECT_EQ(ServerUri("LDAPI://%2frun%2fa%20b/").socketPath, "/run/a b");
+    EXPECT_EQ(ServerUri("ldapi:///").socketPath, "/var/run/slapd/ldapi");
+    EXPECT_EQ(ServerUri::fromHost("ldapi://%2Fx", 1389).socketPath, "/x");
+    EXPECT_EQ(partsOf("ldapi://%2Fx"), std::tuple("", 0U, false));
+    EXPECT_EQ(ServerUri("ldap://h").socketPath, "");
+}
+
+auto domainOf(std::string const& text)
+{
+    ServerUri const uri(text);
+    return std::tuple(uri.host, uri.srvDomain, uri.isSecure);
+}
+
+TEST(AServerUri, MayNameADomain)
+{
+    EXPECT_EQ(domainOf("ldap+srv:///dc=example,dc=com"), std::tuple("", "example.com", false));
+    EXPECT_EQ(domainOf("ldaps+srv:///dc=example,dc=com"), std::tuple("", "example.com", true));
+    EXPECT_EQ(domainOf("LDAP+SRV:///DC=example,%20dc=co,dc=uk"),
+              std::tuple("", "example.co.uk", false));
+    EXPECT_EQ(ServerUri("ldap://h").srvDomain, "");
+}
+
+TEST(AServerUri, NamesADomainByItsPartsAlone)
+{
+    for (char const* const text :
+         {"ldap+srv:", "ldap+srv://", "ldap+srv:///", "ldap+srv://h/dc=x",
+          "ldap+srv:///example.com", "ldap+srv:///ou=x,dc=example,dc=com", "ldap+srv:///dc=x+dc=y",
+          "ldap+srv:///dc=", "ldap+srv:///dc=x?cn", "ldap+srv:///dc=x%0Ay"}) {
+        EXPECT_THROW(ServerUri{text}, Failure) << text;
+    }
+}
+
+TEST(AListOfServers, KeepsTheCommasOfADomain)
+{
+    EXPECT_THAT(
+        serversIn("a, ldap+srv:///dc=x,dc=y b ldaps+srv:///dc=z,ldap://c:1"),
+        testing::ElementsAre("a", "ldap+srv:///dc=x,dc=y", "b", "ldaps+srv:///dc=z", "ldap://c:1"));
+}
+
+// Names in filters, and names that a schema knows.
+
+TEST(AttributesInAFilter, AreThoseOfEachComparison)
+{
+    EXPECT_THAT(attributesInFilter("(|(mail=a@b)(&(uid~=a)(!(age>=3))(age<=9)))"),
+                ElementsAre("mail", "uid", "age", "age"));
+}
+
+TEST(AttributesInAFilter, HaveNoOptionsAndNoMatchingRules)
+{
+    EXPECT_THAT(attributesInFilter("(|(cn;lang-fr=a)(ou:dn:caseIgnoreMatch:=b))"),
+                ElementsAre("cn", "ou"));
+}
+
+TEST(AttributesInAFilter, MayBeSurroundedByBlanks)
+{
+    EXPECT_THAT(attributesInFilter("( mail =a)"), ElementsAre("mail"));
+}
+
+TEST(AttributesInAFilter, AreNotWantedFromARuleAloneOrFromNothing)
+{
+    EXPECT_THAT(attributesInFilter("(:caseExactMatch:=a)"), IsEmpty());
+    EXPECT_THAT(attributesInFilter("("), IsEmpty());
+    EXPECT_THAT(attributesInFilter(""), IsEmpty());
+}
+
+TEST(AnAttributeName, IsASelectorWithoutItsOptions)
+{
+    EXPECT_EQ(attributeNameOf("userCertificate;binary"), "userCertificate");
+    EXPECT_EQ(attributeNameOf("mail"), "mail");
+}
+
+TEST(AnAttributeName, IsNotASelectorOfMany)
+{
+    for (char const* const selector : {"*", "+", "@person", "1.1"}) {
+        EXPECT_EQ(attributeNameOf(selector), "") << selector;
+    }
+}
+
+class KnownNames : public testing::Test {
+protected:
+    KnownNames()
+    {
+        names.add("( 0.9.2342.19200300.100.1.3 NAME ( 'mail' 'rfc822Mailbox' ) SYNTAX "
+                  "1.3.6.1.4.1.1466.115.121.1.26{256} )");
+        names.add("( 2.5.4.3 NAME 'cn' SUP name )");
+        names.add("( 1.2.3.4 NAME 'mailAlternateAddress' )");
+        names.add("( garbage");
+    }
+
+    AttributeNames names;
+};
+
+TEST_F(KnownNames, AreThoseOfTheDefinitionsInAnyCaseAndTheirNumbers)
+{
+    EXPECT_TRUE(names.has("mail"));
+    EXPECT_TRUE(names.has("RFC822mailbox"));
+    EXPECT_TRUE(names.has("2.5.4.3"));
+    EXPECT_FALSE(names.has("name"));
+    EXPECT_FALSE(names.has("maill"));
+    EXPECT_TRUE(AttributeNames().isEmpty());
+}
+
+TEST_F(KnownNames, AreSuggestedForMisspeltOnes)
+{
+    EXPECT_EQ(names.similarTo("maill"), "mail");
+    EXPECT_EQ(names.similarTo("maik"), "mail");
+    EXPECT_EQ(names.similarTo("CM"), "cn");
+    EXPECT_EQ(names.similarTo("mailalternateadress"), "mailAlternateAddress");
+}
+
+TEST_F(KnownNames, AreNotSuggestedForOthers)
+{
+    EXPECT_EQ(names.similarTo("telephoneNumber"), "");
+    EXPECT_EQ(names.similarTo("uid"), "");
+    EXPECT_EQ(AttributeNames().similarTo("mail"), "");
+}
+
 } // namespace
+} // namespace Solvane::Tool
