@@ -121,10 +121,13 @@ void SettingsParser::parse()
         draft.lookup.mechanism = Lookup::Mechanism::simple;
         draft.lookup.authorizationId.clear();
     }
-    if (draft.has("tls_verify") && draft.has("tls_require_cert")) {
-        throw Failure(Outcome::configuration,
-                      m_file.m_path + ": tls_verify and tls_require_cert are both set",
-                      "remove one of them");
+    for (auto const& [name, other] : {std::make_pair("tls_verify", "tls_require_cert"),
+                                      std::make_pair("result_format", "result_filter")}) {
+        if (draft.has(name) && draft.has(other)) {
+            throw Failure(Outcome::configuration,
+                          fmt::format("{}: {} and {} are both set", m_file.m_path, name, other),
+                          "remove one of them");
+        }
     }
 }
 
