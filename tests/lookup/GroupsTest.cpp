@@ -640,7 +640,8 @@ protected:
         LDAPAdd request(connection, dn);
         request.attributes(attributes);
         request.send();
-        EXPECT_FALSE(request.wait(10) && request.result().resultCode() != 0) << name;
+        EXPECT_FALSE(request.wait(10)) << name;
+        EXPECT_EQ(request.result().resultCode(), 0) << name;
     }
 
     static Settings settings()
