@@ -108,11 +108,6 @@ Settings groupSettings(std::vector<ScriptedServer*> const& servers)
     return settings;
 }
 
-std::string uriOf(ScriptedServer const& server)
-{
-    return "ldap://127.0.0.1:" + std::to_string(server.port());
-}
-
 /// The bases of the searches that read one entry.
 std::vector<std::string> basesReadBy(ScriptedServer const& server)
 {
