@@ -61,7 +61,7 @@ std::string const* Pipeline::homeOf(Task const& task)
     if (task.member) {
         return &task.member->key.answer.server;
     }
-    return task.login == nullptr ? nullptr : &task.login->server;
+    return task.preference();
 }
 
 /// The least loaded open lane with room for the task; null if there is none. Members are searched
@@ -132,6 +132,14 @@ bool Pipeline::checkOut(Task& task)
                              !hasLane,     m_query == nullptr, homeOf(task)};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_isPoolFull = outlook.isFull;
+    bool const isRefused = outlook.kind == Pool::Outlook::refused;
+    if (task.preference() != nullptr &&
+        (isRefused || (outlook.lease && outlook.lease->server.uri != *task.preference()))) {
+        task.login->server.clear(); // it is down: any other will do
+        if (isRefused) {
+            return true; // perhaps on a lane that is here
+        }
+    }
     switch (outlook.kind) {
     case Pool::Outlook::ready:
         m_lanes.emplace_back(std::move(outlook.lease));
@@ -275,9 +283,9 @@ void Pipeline::send(Task& task, Lane& lane)
     task.answer.server = lane.server->uri;
     task.answer.identity = pooled.session.identity();
     Verdict const verdict =
-        task.login == nullptr
-            ? pooled.session.send(requestOf(task), task.answer.filter, task.messageId)
-            : pooled.session.authenticate(task.login->dn, task.login->password, task.messageId);
+        m_binds ? pooled.session.authenticate(task.login->verification.dn, task.login->password,
+                                              task.messageId)
+                : pooled.session.send(requestOf(task), task.answer.filter, task.messageId);
     if (!verdict.isGood() && verdict.code != LDAP_SERVER_DOWN) {
         finish(task, verdict.outcome, verdict.code, verdict.text);
         return;
@@ -339,6 +347,9 @@ void Pipeline::remove(Lane& lane)
 
 void Pipeline::rest()
 {
+    if (m_lanes.empty() && !m_query && !m_waiter.isQueued()) {
+        return;
+    }
     for (Lane& lane : m_lanes) {
         lane.end();
     }

@@ -25,7 +25,7 @@ struct MemberSearch;
 /// members is not done then: its expansion makes further tasks, which share its deadline.
 struct Task {
     std::string key;
-    Login* login = nullptr;               ///< binds as it instead of searching
+    std::unique_ptr<Login> login;         ///< its password is to be verified; null: a lookup
     std::unique_ptr<MemberSearch> member; ///< searches this instead of the key
     std::unique_ptr<Expansion> expansion; ///< of a key whose members are searched
     std::uint64_t tag = 0;                ///< the owner's name for it
@@ -55,10 +55,19 @@ struct Task {
 
     /// Whether nothing was tried for it yet.
     bool isFresh() const { return failures.empty() && brokeOn == nullptr; }
+    /// URI of the server that has to be asked as long as it is up; null: any.
+    std::string const* preference() const
+    {
+        bool const hasOne = login != nullptr && failures.empty() && !login->server.empty();
+        return hasOne ? &login->server : nullptr;
+    }
     /// Whether the pool treats both alike.
     bool isLike(Task const& other) const
     {
-        return brokeOn == other.brokeOn &&
+        std::string const* const mine = preference();
+        std::string const* const its = other.preference();
+        return (mine == nullptr || its == nullptr ? mine == its : *mine == *its) &&
+               brokeOn == other.brokeOn &&
                std::equal(failures.begin(), failures.end(), other.failures.begin(),
                           other.failures.end(), [](Failure const& one, Failure const& another) {
                               return one.server == another.server;

@@ -23,7 +23,10 @@ FaultyServer::Script sendingThrough(Sender const& send,
     return [=](Peer& peer) {
         std::size_t sent = 0;
         for (;;) {
-            std::string const request = peer.receive(sent == 0 ? Peer::forever : patience);
+            std::string request = peer.receive(sent == 0 ? Peer::forever : patience);
+            if (request.empty() && peer.isMended()) { // too late to close it
+                request = peer.receive();
+            }
             if (request.empty()) {
                 return;
             }
@@ -66,8 +69,8 @@ Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column c
             return troubleIn(reply.step, column, Trouble::broken);
         }
     }
-    // Of the engine's two keys, one may meet the end of two connections.
-    return column == Column::engine
+    // Of the engine's keys, one may meet the end of two connections.
+    return isLookup(column)
                ? anyOf({success(column), troubleIn(Step::search, column, Trouble::broken)})
                : success(column);
 }
@@ -118,8 +121,7 @@ bool isHarmless(Role role) { return role == Role::text || role == Role::resultCo
 /// The identity may read as refused or as empty.
 Accepted afterStrangeIdentity(Column column)
 {
-    return column == Column::engine ? Accepted{"found unconfirmed", "Refused 48"}
-                                    : Accepted{"exit 77"};
+    return isLookup(column) ? Accepted{"found unconfirmed", "Refused 48"} : Accepted{"exit 77"};
 }
 
 /// The accepted results of a changed byte: a failure of the step; or, if OpenLDAP ignores the byte,
@@ -152,6 +154,9 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
         break;
     default:
         made.accepted = anyOf({failed, success(column)});
+        if (isBind) { // if it is ignored, the server may close before the request arrives
+            made.accepted = anyOf({made.accepted, brokenBeforeRequest(column)});
+        }
         if (reply.isEntry) { // OpenLDAP's readers end alike at the end and at damage
             made.acceptedAsLimit = alteredEntry(column);
         }
@@ -159,7 +164,7 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
     if (reply.step == Step::whoAmI && role != Role::text) {
         made.accepted = anyOf({failed, success(column), afterStrangeIdentity(column)});
     }
-    if (column == Column::engine) { // of two keys that are asked for together, one is not hit
+    if (isLookup(column)) { // of keys that are asked for together, one is hit
         made.accepted = anyOf({made.accepted, success(column)});
     }
 }

@@ -109,7 +109,7 @@ public:
 
     Came meet(Action& operation) override
     {
-        if (m_moment == Moment::afterBind && m_column == Column::engine) {
+        if (m_moment == Moment::afterBind && isLookup(m_column)) {
             operation.run(running()); // leaves a bound connection behind
             slapd().pause();
             return operation.run(running());
@@ -251,6 +251,7 @@ Accepted refusedHandshake(Column column, Accepted const& broken)
 {
     switch (column) {
     case Column::engine:
+    case Column::submit:
     case Column::verify:
         return {"Refused -11"};
     case Column::tool:
@@ -325,9 +326,9 @@ Accepted acceptedAt(Step step, Moment moment, End end, Column column)
     Accepted const after = isLast ? success(column)
                                   : anyOf({brokenBeforeRequest(column),
                                            troubleIn(requestOf(column), column, Trouble::broken)});
-    // A reset may overtake what was sent before it. Of the engine's two keys, one may meet the end
-    // of two connections.
-    bool const mayBreak = end == End::reset || column == Column::engine || column == Column::verify;
+    // A reset may overtake what was sent before it. Of the engine's keys, one may meet the end of
+    // two connections.
+    bool const mayBreak = end == End::reset || usesEngine(column);
     return mayBreak ? anyOf({after, broken}) : after;
 }
 

@@ -92,8 +92,8 @@ void walk(std::string const& bytes, std::size_t position, std::size_t end, std::
 
 char const* nameOf(Column column)
 {
-    constexpr char const* names[] = {"bind",  "search", "add",    "pool",
-                                     "query", "engine", "verify", "tool"};
+    constexpr char const* names[] = {"bind",   "search", "add",    "pool", "query",
+                                     "engine", "submit", "verify", "tool"};
     return names[static_cast<int>(column)];
 }
 
@@ -192,7 +192,7 @@ std::vector<Role> rolesIn(std::string const& message)
 std::vector<Reply> recordedReplies(Column column)
 {
     std::vector<Step> steps = {Step::bind};
-    if (column == Column::engine || column == Column::tool) {
+    if (isLookup(column) || column == Column::tool) {
         steps.push_back(Step::whoAmI);
     }
     if (column != Column::verify) {

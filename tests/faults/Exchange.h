@@ -15,14 +15,23 @@ enum class Column {
     pool,   ///< a search on a connection of LDAPConnectionCache
     query,  ///< the query driver, with a bind of its own
     engine, ///< LDAPLookup: find, then findAll
+    submit, ///< LDAPLookupQueue: several keys at once, in a loop with poll
     /// LDAPLookup::verify with the right password and with a wrong one. Its exchange is that of the
     /// user's bind; the search before is the engine's, and undisturbed.
     verify,
     tool, ///< solvane-ldap lookup, as a process
 };
-constexpr Column allColumns[] = {Column::bind,  Column::search, Column::add,    Column::pool,
-                                 Column::query, Column::engine, Column::verify, Column::tool};
+constexpr Column allColumns[] = {Column::bind,   Column::search, Column::add,
+                                 Column::pool,   Column::query,  Column::engine,
+                                 Column::submit, Column::verify, Column::tool};
 char const* nameOf(Column column);
+/// Whether its results are answers of the engine in this process.
+constexpr bool isLookup(Column column)
+{
+    return column == Column::engine || column == Column::submit;
+}
+/// Whether it uses the engine in this process.
+constexpr bool usesEngine(Column column) { return isLookup(column) || column == Column::verify; }
 
 // The only user on the servers of these tests, and the reader who may search it.
 constexpr char userAddress[] = "user0000001@corp.test";

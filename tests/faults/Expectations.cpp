@@ -22,6 +22,7 @@ Accepted ofBind(Column column, std::string const& place, std::string const& engi
     case Column::query:
         return {"error " + place.substr(0, place.find(' '))};
     case Column::engine:
+    case Column::submit:
     case Column::verify:
         return {engine};
     case Column::tool:
@@ -50,6 +51,7 @@ Accepted ofRequest(Column column, std::initializer_list<char const*> search,
         }
         break;
     case Column::engine:
+    case Column::submit:
         accepted = brokenForEngine;
         break;
     case Column::tool:
@@ -67,6 +69,7 @@ Accepted silentIn(Step step, Column column)
     case Column::query:
         return {step == Step::bind ? "unconfirmed" : "failed", "failed"};
     case Column::engine:
+    case Column::submit:
     case Column::verify:
         return {"TryLater -5"};
     case Column::tool:
@@ -78,7 +81,7 @@ Accepted silentIn(Step step, Column column)
 
 bool takesPart(Step step, Column column)
 {
-    bool const asksWho = column == Column::engine || column == Column::tool;
+    bool const asksWho = isLookup(column) || column == Column::tool;
     return step == Step::bind || step == requestOf(column) || (step == Step::whoAmI && asksWho);
 }
 
@@ -150,7 +153,7 @@ Accepted troubleIn(Step step, Column column, Trouble trouble)
     if (trouble == Trouble::silent) {
         return silentIn(step, column);
     }
-    if (step == Step::bind && (column == Column::engine || column == Column::verify)) {
+    if (step == Step::bind && usesEngine(column)) {
         return brokenForEngine;
     }
     if (step == Step::bind) {
@@ -170,7 +173,7 @@ Accepted unreadable(Step step, Column column)
     if (!takesPart(step, column)) {
         return success(column);
     }
-    if (column == Column::engine || column == Column::verify) {
+    if (usesEngine(column)) {
         return brokenForEngine;
     }
     if (step == Step::bind) {
@@ -213,6 +216,7 @@ Accepted codeOfBind(Column column, long code)
     case Column::query:
         return {"failed"};
     case Column::engine:
+    case Column::submit:
         return {engine};
     case Column::tool:
         return {tool};
@@ -228,6 +232,7 @@ Accepted codeOfRequest(Column column, long code)
     }
     switch (column) {
     case Column::engine:
+    case Column::submit:
         return {engineWord(code, false)};
     case Column::tool:
         return {toolWord(code, false)};

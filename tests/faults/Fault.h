@@ -80,7 +80,7 @@ std::string always(Column);
 
 // The rows, by the place of the fault.
 std::vector<Fault> connectionFaults();
-std::vector<Fault> tlsFaults();
+std::vector<Fault> securityFaults();
 std::vector<Fault> serverFaults();
 std::vector<Fault> byteFaults();
 std::vector<Fault> messageFaults();

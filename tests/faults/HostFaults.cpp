@@ -91,11 +91,11 @@ std::vector<Case> descriptorCases(Column column, Extent const& extent)
         return cases;
     }
     // The engine tells what this process lacks from a server that is down.
-    bool const isEngine = column == Column::engine || column == Column::verify;
-    Accepted const trouble =
-        isEngine ? Accepted{"TryLater -2"} : connectTrouble(column, Trouble::broken);
+    Accepted const trouble = column == Column::submit ? Accepted{"system error 24"} // EMFILE
+                             : usesEngine(column)     ? Accepted{"TryLater -2"}
+                                                      : connectTrouble(column, Trouble::broken);
     for (bool const isConnected : {false, true}) {
-        bool const keepsConnections = column == Column::pool || isEngine;
+        bool const keepsConnections = column == Column::pool || usesEngine(column);
         Case tried;
         tried.name = isConnected ? "after a run" : "none left";
         tried.site = [=] { return std::make_unique<NoDescriptorsSite>(port, isConnected); };
@@ -206,7 +206,7 @@ public:
 
     Came meet(Action& operation) override
     {
-        if (requestOf(m_column) == Step::other || m_column == Column::engine) {
+        if (requestOf(m_column) == Step::other || isLookup(m_column)) {
             operation.run(m_where);
             forkAndWait();
             return operation.run(m_where);

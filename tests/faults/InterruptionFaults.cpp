@@ -299,7 +299,7 @@ Fault brokenPipe()
                 } else if (column == Column::verify) {
                     tried.accepted =
                         anyOf({success(column), troubleIn(Step::bind, column, Trouble::broken)});
-                } else if (column != Column::engine && column != Column::tool) {
+                } else if (!isLookup(column) && column != Column::tool) {
                     tried.accepted = brokenBeforeRequest(column);
                 }
                 return std::vector<Case>{tried};

@@ -131,8 +131,7 @@ Accepted failureAnywhere(Column column)
                           brokenBeforeRequest(column),
                           troubleIn(requestOf(column), column, Trouble::broken),
                           unreadable(requestOf(column), column)});
-    if (column == Column::engine ||
-        column == Column::verify) { // OpenLDAP's own codes: encoding, decoding, memory
+    if (usesEngine(column)) { // OpenLDAP's own codes: encoding, decoding, memory
         all.insert({"TryLater -3", "TryLater -4", "TryLater -10"});
         return all;
     }
@@ -160,6 +159,7 @@ Accepted halfTruths(Column column)
     case Column::verify: // the search is the engine's
         return {"Misconfigured 2", "Misconfigured -7", "LDAPLookup.cpp (2/0)"};
     case Column::engine:
+    case Column::submit:
         return anyOf(
             {noFilter, alteredEntry(column), {"Misconfigured -7", "LDAPLookup.cpp (2/0)"}});
     default:

@@ -317,7 +317,7 @@ Fault endless()
             },
             [](Column column, Extent const&) {
                 constexpr int sizeLimitExceeded = 4;
-                bool const countsEntries = column == Column::engine || column == Column::tool;
+                bool const countsEntries = isLookup(column) || column == Column::tool;
                 Accepted const overfull = codeOfRequest(column, sizeLimitExceeded);
                 std::vector<Case> cases = {serverCase(
                     "5000, then closed", flooding(5000),

@@ -18,11 +18,12 @@ struct Target {
     bool isSecure = false;
     /// Seconds for the network and for each answer.
     unsigned int patience = 10;
-    // For the engine alone.
+    // For the engine, the tool and `bind` alone.
     bool startsTls = false;
+    bool usesKerberos = false; ///< binds by the process's ticket
+    // For the engine and the tool alone.
     std::string certificateFile = {}; ///< of the client
     std::string keyFile = {};
-    // For the engine and the tool alone.
     std::string host = "127.0.0.1";
     std::vector<std::string> nameServers = {}; ///< empty: the system's
     std::vector<unsigned int> otherPorts = {}; ///< of 127.0.0.1: servers behind the first one
@@ -43,7 +44,7 @@ struct Target {
 /// - "Search.cpp:332 (4/4)": an LDAPException with its code and type; causes follow behind "<". Of
 ///   a query, "error Search.cpp:332".
 /// - "TryLater -1": outcome and code of the engine's answer. "exit 75": the tool's.
-/// - "out of memory": std::bad_alloc.
+/// - "out of memory": std::bad_alloc. "system error N": std::system_error, with errno.
 using Came = std::vector<std::string>;
 
 /// One operation with the handles that it keeps between runs: a pool, an engine.

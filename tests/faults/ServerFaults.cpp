@@ -29,7 +29,7 @@ std::function<std::string(Column)> onlyForTheEngine(char const* why)
         if (column == Column::verify) {
             return std::string("uses the engine's pool");
         }
-        bool const isThere = column == Column::engine || column == Column::tool;
+        bool const isThere = isLookup(column) || column == Column::tool;
         return isThere ? std::string() : std::string(why);
     };
 }

@@ -128,6 +128,7 @@ Accepted nobody(Column column)
     case Column::verify:
         return {};
     case Column::engine:
+    case Column::submit:
         return {"NotFound 0"};
     case Column::tool:
         return {"exit 1"};

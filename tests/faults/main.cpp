@@ -207,7 +207,7 @@ void printList(std::vector<Fault> const& faults)
 std::vector<Fault> allFaults()
 {
     std::vector<Fault> all;
-    for (auto const& kind : {connectionFaults(), tlsFaults(), serverFaults(), byteFaults(),
+    for (auto const& kind : {connectionFaults(), securityFaults(), serverFaults(), byteFaults(),
                              messageFaults(), hostFaults(), interruptionFaults(), memoryFaults()}) {
         all.insert(all.end(), kind.begin(), kind.end());
     }

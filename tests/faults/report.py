@@ -9,7 +9,7 @@ import json
 import re
 import sys
 
-COLUMNS = ["bind", "search", "add", "pool", "query", "engine", "verify", "tool"]
+COLUMNS = ["bind", "search", "add", "pool", "query", "engine", "submit", "verify", "tool"]
 START, END = "<!-- faults -->", "<!-- /faults -->"
 
 

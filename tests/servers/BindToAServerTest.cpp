@@ -80,6 +80,19 @@ TEST_F(BindToAServer, WithoutTlsEndsAsTheServerIsSet)
     EXPECT_EQ(result.errorMessage().empty(), !server().needsTls());
 }
 
+TEST_F(BindToAServer, IsGrantedOverStartTls)
+{
+    LDAPConnection connection(server().plainDescription(), false);
+
+    connection.startTls();
+    bool const isDone = bind(connection, reader(), password());
+
+    EXPECT_TRUE(isDone);
+    EXPECT_THAT(namesIn(answerTo(connection,
+                                 searchFor(server()["PEOPLE"], "(mail=user0000001@corp.test)"))),
+                SizeIs(1));
+}
+
 TEST_F(BindToAServer, TakesAPersonsPassword)
 {
     LDAPConnection connection = newConnection();

@@ -1,14 +1,18 @@
 // The engine on a server: lookups, single and in bulk, passwords of users, and failover while a
 // server crashes, restarts or falls silent.
+#include "Eventually.h"
 #include "Lookups.h"
+#include "Process.h"
 #include "TemporaryDirectory.h"
 #include "TestedServer.h"
 
 #include <solvane/ldap.h>
+#include <solvane/lookup/LDAPLookupQueue.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <set>
 
 using namespace Solvane;
@@ -283,9 +287,56 @@ TEST_F(LookupOnAServer, OfManyKeysGivesEachItsOwnEntryInOrder)
     EXPECT_EQ(lookup.statistics().opened, 3U);
 }
 
+// Other ways than ldaps:// and, where the server takes passwords without TLS, ldap://.
+
+class LookupOnAServerByWay : public ServerTestByWay {};
+
+TEST_P(LookupOnAServerByWay, FindsThePersonOfAnAddressAndNobodyElse)
+{
+    LDAPLookup lookup(settings());
+
+    auto const found = lookup.find(addressOf(7));
+    auto const notFound = lookup.find("nobody@corp.test");
+
+    EXPECT_EQ(found.outcome, Outcome::Found) << found.text;
+    ASSERT_THAT(found.entries, SizeIs(1));
+    EXPECT_EQ(found.entries.front().entryName(), server().personDn(7));
+    EXPECT_EQ(notFound.outcome, Outcome::NotFound) << notFound.text;
+    EXPECT_EQ(lookup.statistics().opened, 1U);
+}
+
+TEST_P(LookupOnAServerByWay, AnswersManyKeysOfALoop)
+{
+    constexpr int keys = 200;
+    LDAPLookup lookup(settings());
+    LDAPLookupQueue queue(lookup);
+    auto const userOf = [](LDAPLookupQueue::Tag tag) {
+        return static_cast<int>(tag) % server().number("USERS") + 1;
+    };
+
+    for (LDAPLookupQueue::Tag tag = 0; tag < keys; ++tag) {
+        queue.submit(addressOf(userOf(tag)), tag);
+    }
+    int answered = 0;
+    while (auto const result = queue.next(std::chrono::seconds(20))) {
+        ++answered;
+        ASSERT_EQ(result->answer.outcome, Outcome::Found) << result->answer.text;
+        ASSERT_THAT(result->answer.entries, SizeIs(1));
+        ASSERT_EQ(result->answer.entries.front().entryName(),
+                  server().personDn(userOf(result->tag)));
+    }
+
+    EXPECT_EQ(answered, keys);
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, LookupOnAServerByWay,
+                         testing::Values(Way{"StartTls", true, false}, Way{"Gssapi", false, true},
+                                         Way{"GssapiOverStartTls", true, true}),
+                         nameOf);
+
 // Passwords of users, on a healthy server.
 
-class VerifyOnAServer : public ServerTest {
+class VerifyOnAServer : public ServerTestByWay {
 protected:
     static std::string passwordOf(int user)
     {
@@ -293,10 +344,10 @@ protected:
         return "pw-" + address.substr(0, address.find('@'));
     }
 
-    LDAPLookup m_lookup{server().settings()};
+    LDAPLookup m_lookup{settings()};
 };
 
-TEST_F(VerifyOnAServer, AcceptsTheRightPassword)
+TEST_P(VerifyOnAServer, AcceptsTheRightPassword)
 {
     auto const verification = m_lookup.verify(addressOf(7), passwordOf(7));
 
@@ -305,7 +356,7 @@ TEST_F(VerifyOnAServer, AcceptsTheRightPassword)
     EXPECT_EQ(verification.dn, server().personDn(7));
 }
 
-TEST_F(VerifyOnAServer, DeniesAWrongOne)
+TEST_P(VerifyOnAServer, DeniesAWrongOne)
 {
     auto const verification = m_lookup.verify(addressOf(8), passwordOf(9));
 
@@ -314,9 +365,9 @@ TEST_F(VerifyOnAServer, DeniesAWrongOne)
     EXPECT_EQ(verification.code, 49);
 }
 
-TEST_F(VerifyOnAServer, JudgesEachUserAnewOnTheSameConnection)
+TEST_P(VerifyOnAServer, JudgesEachUserAnewOnTheSameConnection)
 {
-    auto one = server().settings();
+    auto one = settings();
     one.verifyConnections = 1;
     LDAPLookup lookup(one);
 
@@ -328,24 +379,93 @@ TEST_F(VerifyOnAServer, JudgesEachUserAnewOnTheSameConnection)
     }
 }
 
-TEST_F(VerifyOnAServer, FindsNoEntryOfAnUnknownAddress)
+TEST_P(VerifyOnAServer, FindsNoEntryOfAnUnknownAddress)
 {
     EXPECT_EQ(m_lookup.verify("nobody@corp.test", "secret").outcome, VerifyOutcome::NotFound);
 }
 
-TEST_F(VerifyOnAServer, RefusesTwoEntriesOfOneKey)
+TEST_P(VerifyOnAServer, RefusesTwoEntriesOfOneKey)
 {
-    auto loose = server().settings();
+    auto loose = settings();
     loose.queryTemplate = "(mail=user000000*)";
     LDAPLookup lookup(loose);
 
     EXPECT_EQ(lookup.verify(addressOf(1), passwordOf(1)).outcome, VerifyOutcome::Misconfigured);
 }
 
-TEST_F(VerifyOnAServer, SendsNoEmptyPassword)
+TEST_P(VerifyOnAServer, SendsNoEmptyPassword)
 {
     EXPECT_EQ(m_lookup.verify(addressOf(1), "").outcome, VerifyOutcome::BadKey);
 }
+
+INSTANTIATE_TEST_SUITE_P(Ways, VerifyOnAServer,
+                         testing::Values(Way{"AsTheServerIsSet"}, Way{"StartTls", true, false},
+                                         Way{"GssapiOverStartTls", true, true}),
+                         nameOf);
+
+/// People whom the server does not let in, by the profile's POLICIES.
+class DenialByAServer : public VerifyOnAServer {
+protected:
+    enum Person { guessed = 91, inactive, expired, reset };
+
+    static void SetUpTestSuite()
+    {
+        TemporaryDirectory const folder;
+        auto const file = folder.path() / "policies.ldif";
+        std::ofstream(file) << server()["POLICIES"];
+        auto const done =
+            run({"ldapmodify", "-x", "-o", "TLS_REQCERT=never", "-H", server()["LDAPS_URI"], "-D",
+                 server()["ADMIN_DN"], "-w", server()["ADMIN_PW"], "-f", file});
+        ASSERT_EQ(done.exitStatus, 0) << done.output;
+    }
+
+    /// With the right password.
+    LDAPLookup::Verification verify(Person person)
+    {
+        return m_lookup.verify(addressOf(person), passwordOf(person));
+    }
+    static void expect(Denial denial, LDAPLookup::Verification const& verification,
+                       std::string const& state)
+    {
+        EXPECT_EQ(verification.outcome, VerifyOutcome::Denied) << verification.text;
+        EXPECT_EQ(verification.denial, denial) << verification.text;
+        measured("denied_" + state, verification.code);
+        measured("denied_" + state + "_text", wordsOfServer(verification.text, verification.code));
+    }
+};
+
+TEST_P(DenialByAServer, IsOfAnAccountThatIsLockedAfterWrongPasswords)
+{
+    for (int i = 0; i < 4; ++i) {
+        EXPECT_EQ(m_lookup.verify(addressOf(guessed), "guess").outcome, VerifyOutcome::Denied);
+    }
+
+    expect(Denial::locked, verify(guessed), "guessed");
+}
+
+TEST_P(DenialByAServer, IsOfAnAccountThatTheAdministratorLocked)
+{
+    expect(Denial::locked, verify(inactive), "inactive");
+}
+
+TEST_P(DenialByAServer, IsOfAnExpiredPassword)
+{
+    if (server().number("PASSWORDS_EXPIRE") == 0) {
+        GTEST_SKIP() << "passwords do not expire so soon";
+    }
+    EXPECT_TRUE(eventually([&] { return verify(expired).denial == Denial::expired; }));
+
+    expect(Denial::expired, verify(expired), "expired");
+}
+
+TEST_P(DenialByAServer, IsOfAPasswordThatMustBeChanged)
+{
+    expect(Denial::mustChange, verify(reset), "reset");
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, DenialByAServer,
+                         testing::Values(Way{"AsTheServerIsSet"}, Way{"StartTls", true, false}),
+                         nameOf);
 
 // Lookups by the engine while a server crashes, restarts or falls silent, and failover to another
 // one.

@@ -347,11 +347,7 @@ TEST_P(WayIntoAServer, IsAsTheProfileSays)
         code = search(session, entries);
         measured(cell + "_identity", session.authorizationId());
     } else {
-        std::string const afterCode = std::to_string(code) + "): ";
-        auto const position = verdict.text.find(afterCode);
-        measured(cell + "_text", position == std::string::npos
-                                     ? std::string()
-                                     : verdict.text.substr(position + afterCode.size()));
+        measured(cell + "_text", wordsOfServer(verdict.text, code));
     }
 
     measured(cell, code);

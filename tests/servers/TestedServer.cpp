@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
+#include <ostream>
 #include <sstream>
 #include <stdexcept>
 
@@ -200,5 +201,37 @@ void ServerTest::TearDown()
         server().restart();
     }
 }
+
+std::string ServerTest::wordsOfServer(std::string const& text, int code)
+{
+    std::string const afterCode = '(' + std::to_string(code) + "): ";
+    auto const position = text.find(afterCode);
+    return position == std::string::npos ? std::string() : text.substr(position + afterCode.size());
+}
+
+void PrintTo(Way const& way, std::ostream* out) { *out << way.name; }
+
+LDAPLookup::Settings ServerTestByWay::settings()
+{
+    LDAPLookup::Settings settings = server().settings();
+    LDAPLookup::Server& only = settings.servers.front();
+    Way const& way = GetParam();
+    if (way.startsTls || way.usesKerberos) {
+        only.secure = false;
+        only.startTls = way.startsTls;
+        only.port = static_cast<unsigned int>(server().number("LDAP_PORT"));
+    }
+    if (way.usesKerberos) {
+        only.host = server()["KERBEROS_HOST"];
+        m_names.add(only.host, {server().host()});
+        settings.nameServers = {m_names.address()};
+        settings.mechanism = Lookup::Mechanism::gssapi;
+        settings.bindDn.clear();
+        settings.password.clear();
+    }
+    return settings;
+}
+
+std::string nameOf(testing::TestParamInfo<Way> const& way) { return way.param.name; }
 
 } // namespace SolvaneTest

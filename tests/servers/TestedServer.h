@@ -2,6 +2,9 @@
 #ifndef SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
 #define SOLVANE_TESTS_SERVERS_TESTED_SERVER_H
 
+#include "NameServer.h"
+#include "ProcessMemory.h"
+
 #include <solvane/ldap.h>
 #include <solvane/lookup/LDAPLookup.h>
 
@@ -84,7 +87,31 @@ protected:
         RecordProperty(what, value);
     }
     static void measured(std::string const& what, int value) { RecordProperty(what, value); }
+    /// The server's own words in a text of the library, behind its result code; empty if there are
+    /// none.
+    static std::string wordsOfServer(std::string const& text, int code);
 };
+
+/// How lookups reach a server, and as whom.
+struct Way {
+    std::string name;
+    bool startsTls = false;
+    bool usesKerberos = false;
+};
+void PrintTo(Way const& way, std::ostream* out);
+
+/// Base of suites with several ways.
+class ServerTestByWay : public ServerTest, public testing::WithParamInterface<Way> {
+protected:
+    /// Those of the server, by the way of the test.
+    Solvane::LDAPLookup::Settings settings();
+
+private:
+    NameServer m_names;         ///< knows the name for which the server has a principal
+    ToleratedLeak const m_leak; ///< of GSSAPI over TLS
+};
+
+std::string nameOf(testing::TestParamInfo<Way> const& way);
 
 } // namespace SolvaneTest
 

@@ -79,11 +79,36 @@ protected:
         std::filesystem::permissions(m_passwordFile, std::filesystem::perms::owner_read |
                                                          std::filesystem::perms::owner_write);
     }
-    SolvaneTest::ProgramOutcome check(std::string const& uri) const
+    SolvaneTest::ProgramOutcome check(std::string const& uri,
+                                      std::vector<std::string> const& options = {}) const
     {
-        return run({SOLVANE_TOOL, "check", "-H", uri, "--tls-ca", server()["CA_FILE"], "-D",
-                    server()["READER_DN"], "-y", m_passwordFile, "-b", server()["PEOPLE"], "-t",
-                    server()["TEMPLATE"], "--probe", addressOf(7), "--repeat", "5"});
+        std::vector<std::string> all = {"-D", server()["READER_DN"], "-y", m_passwordFile};
+        all.insert(all.end(), options.begin(), options.end());
+        return checkWith(uri, all);
+    }
+    /// The options say as whom.
+    static SolvaneTest::ProgramOutcome checkWith(std::string const& uri,
+                                                 std::vector<std::string> const& options)
+    {
+        std::vector<std::string> command = {SOLVANE_TOOL, "check",
+                                            "-H",         uri,
+                                            "--tls-ca",   server()["CA_FILE"],
+                                            "-b",         server()["PEOPLE"],
+                                            "-t",         server()["TEMPLATE"],
+                                            "--probe",    addressOf(7),
+                                            "--repeat",   "5"};
+        command.insert(command.end(), options.begin(), options.end());
+        return run(command);
+    }
+    static void expectPassed(SolvaneTest::ProgramOutcome const& outcome,
+                             std::vector<std::string> const& names)
+    {
+        auto steps = stepsOf(outcome.output);
+        EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
+        for (std::string const& name : names) {
+            EXPECT_EQ(steps[name].verdict, "ok") << name << '\n' << outcome.output;
+        }
+        EXPECT_EQ(steps["who am I"].verdict, server().number("WHO_AM_I") == 0 ? "ok" : "warning");
     }
 
 private:
@@ -98,14 +123,29 @@ TEST_F(CheckOfAServer, PassesEveryStepThatTheServerSupports)
     auto steps = stepsOf(outcome.output);
     measured("check", outcome.exitStatus);
     measured("check_who_am_i", steps["who am I"].verdict);
-    EXPECT_EQ(outcome.exitStatus, 0) << outcome.output;
-    for (char const* const name :
-         {"settings", "template", "resolution", "TCP", "TLS", "certificate", "name", "chain",
-          "bind", "root DSE", "base", "probe", "pool", "latency"}) {
-        EXPECT_EQ(steps[name].verdict, "ok") << name << '\n' << outcome.output;
-    }
-    EXPECT_EQ(steps["who am I"].verdict, server().number("WHO_AM_I") == 0 ? "ok" : "warning");
+    expectPassed(outcome,
+                 {"settings", "template", "resolution", "TCP", "TLS", "certificate", "name",
+                  "chain", "bind", "root DSE", "base", "probe", "pool", "latency"});
     EXPECT_THAT(steps["probe"].text, HasSubstr(server().personDn(7)));
+}
+
+TEST_F(CheckOfAServer, PassesByStartTls)
+{
+    auto const outcome = check(server()["LDAP_URI"], {"-ZZ"});
+
+    expectPassed(outcome, {"TCP", "StartTLS", "TLS", "certificate", "name", "chain", "bind",
+                           "probe", "pool"});
+}
+
+TEST_F(CheckOfAServer, PassesByKerberosOverStartTls)
+{
+    NameServer names;
+    names.add(server()["KERBEROS_HOST"], {server().host()});
+    std::string const uri = "ldap://" + server()["KERBEROS_HOST"] + ':' + server()["LDAP_PORT"];
+
+    auto const outcome = checkWith(uri, {"-ZZ", "-Y", "GSSAPI", "--name-servers", names.address()});
+
+    expectPassed(outcome, {"resolution", "StartTLS", "SASL", "probe", "pool"});
 }
 
 TEST_F(CheckOfAServer, TellsAWrongPassword)

@@ -18,6 +18,11 @@ TOP = pathlib.Path(__file__).resolve().parents[2]
 ABSENT = "–"
 
 
+def suite_of(test):
+    """Without the name of the instantiation, as in "Ways/LookupByAWay"."""
+    return test["classname"].rpartition("/")[2]
+
+
 class Server:
     """What the tests found out about a server."""
 
@@ -35,12 +40,12 @@ class Server:
         run = [
             test
             for test in self.tests
-            if test["result"] == "COMPLETED" and suite in (None, test["classname"])
+            if test["result"] == "COMPLETED" and suite in (None, suite_of(test))
         ]
         return len(run), sum("failures" not in test for test in run)
 
     def suites(self):
-        return list(dict.fromkeys(test["classname"] for test in self.tests))
+        return list(dict.fromkeys(suite_of(test) for test in self.tests))
 
     def __getitem__(self, name):
         return self.measured.get(name, "")
@@ -85,6 +90,11 @@ def limit(name):
     return cell
 
 
+def denial(state):
+    """A cell for the right password of a person in this state."""
+    return code(f"denied_{state}", "accepted, for the change only", f"denied_{state}_text")
+
+
 def check(server):
     warned = server["check_who_am_i"] == "warning"
     return f'exit status {server["check"]}' + (', "who am I" a warning' if warned else "")
@@ -98,6 +108,10 @@ DIFFERENCES = (
     ),
     ("password without TLS", code("plain_bind", "accepted", "plain_bind_text")),
     ("wrong password", code("wrong_password", "", "wrong_password_text")),
+    ("account locked after wrong passwords", denial("guessed")),
+    ("account locked by the administrator", denial("inactive")),
+    ("expired password", denial("expired")),
+    ("password that must be changed", denial("reset")),
     ("bind of protocol version 2", code("version_2", "accepted")),
     ("search without a bind", code("anonymous_search", "answered", "anonymous_search_text")),
     (
