@@ -1,24 +1,36 @@
-# How this repository's own targets are compiled. Link solvane_build_options privately.
+# How this repository's own targets are compiled. Link solvane_build_options privately; tests link
+# solvane_test_options. Tests do without UndefinedBehaviorSanitizer and line coverage: these are for the
+# product, and would make the tests take half as long again to compile.
 
-add_library(solvane_build_options INTERFACE)
-target_compile_options(solvane_build_options INTERFACE
+add_library(solvane_test_options INTERFACE)
+target_compile_options(solvane_test_options INTERFACE
     -Wall -Wextra -Wpedantic -Wconversion -Wsign-conversion -Wold-style-cast
     -Wnon-virtual-dtor -Woverloaded-virtual -Wcast-qual -Wformat=2 -Wundef -Wimplicit-fallthrough
     $<$<CXX_COMPILER_ID:GNU>:-Wshadow=local -Wduplicated-cond -Wlogical-op -Wuseless-cast>
     $<$<CXX_COMPILER_ID:Clang>:-Wunused-const-variable>
     $<$<BOOL:${SOLVANE_WARNINGS_AS_ERRORS}>:-Werror>
 )
-if(SOLVANE_SANITIZE)
-    target_compile_options(solvane_build_options INTERFACE
-        -fsanitize=${SOLVANE_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
-    target_link_options(solvane_build_options INTERFACE -fsanitize=${SOLVANE_SANITIZE})
+add_library(solvane_build_options INTERFACE)
+target_link_libraries(solvane_build_options INTERFACE solvane_test_options)
+string(REPLACE "," ";" sanitizers "${SOLVANE_SANITIZE}")
+foreach(sanitizer IN LISTS sanitizers)
+    if(sanitizer STREQUAL undefined)
+        target_compile_options(solvane_build_options INTERFACE -fsanitize=undefined)
+    else()
+        target_compile_options(solvane_test_options INTERFACE -fsanitize=${sanitizer})
+    endif()
+    target_link_options(solvane_test_options INTERFACE -fsanitize=${sanitizer})
+endforeach()
+if(sanitizers)
+    target_compile_options(solvane_test_options INTERFACE
+        -fno-omit-frame-pointer -fno-sanitize-recover=all)
 endif()
 if(SOLVANE_FUZZ)
     target_compile_options(solvane_build_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(SOLVANE_COVERAGE)
     target_compile_options(solvane_build_options INTERFACE --coverage)
-    target_link_options(solvane_build_options INTERFACE --coverage)
+    target_link_options(solvane_test_options INTERFACE --coverage)
 endif()
 
 # solvane_export_interface(TARGET NODE [PATTERN...]): makes the shared library export only its interface:

@@ -59,7 +59,7 @@ std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
                                    Diagnostics const& diagnostics)
 {
     auto const deadline = Lookup::Clock::now() + settings.deadline;
-    auto const lastStep = isAnonymous(settings) ? Lookup::Step::bind : Lookup::Step::identify;
+    auto const lastStep = settings.isAnonymous() ? Lookup::Step::bind : Lookup::Step::identify;
     Verdict last;
     for (LDAPLookup::Server const& listed : settings.servers) {
         ServersFound const found = serversOf(listed, settings, deadline);

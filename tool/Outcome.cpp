@@ -70,6 +70,7 @@ constexpr Remedy searchRemedies[] = {
     { LDAP_TIMEOUT,                   "try again later or raise -o nettimeout or --deadline" },
     { certificateRefused,             "run 'solvane-ldap check' for details, then correct --tls-ca or the host name in -H" },
     { LDAP_PARAM_ERROR,               nameAuthorities },
+    { LDAP_AUTH_UNKNOWN,              "check the host name in -H, its principal ldap/HOST, and the KDC" },
     { LDAP_FILTER_ERROR,              checkTemplate },
     { LDAP_NO_SUCH_ATTRIBUTE,         checkTemplate },
     { LDAP_UNDEFINED_TYPE,            checkTemplate },
@@ -224,11 +225,20 @@ Outcome outcomeOfAdd(int code)
 
 char const* remedyFor(Lookup::Answer const& answer)
 {
-    return remedyFor(answer.outcome, answer.code);
+    return remedyFor(Lookup::Verdict{answer.outcome, answer.code, answer.text});
 }
 
 char const* remedyFor(Lookup::Verdict const& verdict)
 {
+    // The code is that of every unusable setting.
+    if (verdict.code == LDAP_PARAM_ERROR &&
+        verdict.text.find("no Kerberos ticket") != std::string::npos) {
+        return "get a ticket with kinit, or name a keytab in KRB5_CLIENT_KTNAME";
+    }
+    if (verdict.code == LDAP_PARAM_ERROR &&
+        verdict.text.find("the mechanism GSSAPI") != std::string::npos) {
+        return "install it";
+    }
     return remedyFor(verdict.outcome, verdict.code);
 }
 

@@ -334,7 +334,7 @@ bool ServerCheck::bind()
 
 bool ServerCheck::askIdentity()
 {
-    if (isAnonymous(m_settings)) {
+    if (m_settings.isAnonymous()) {
         m_report.skipped(m_step, "anonymous");
         return true;
     }

@@ -111,11 +111,6 @@ ServersFound serversOf(LDAPLookup::Server const& server, LDAPLookup::Settings co
     return found;
 }
 
-bool isAnonymous(LDAPLookup::Settings const& settings)
-{
-    return settings.mechanism == Lookup::Mechanism::simple && settings.bindDn.empty();
-}
-
 std::string identityIn(LDAPLookup::Settings const& settings)
 {
     if (settings.mechanism == Lookup::Mechanism::simple) {

@@ -28,8 +28,6 @@ struct ServersFound {
 ServersFound serversOf(LDAPLookup::Server const& server, LDAPLookup::Settings const& settings,
                        Lookup::Clock::time_point deadline);
 
-/// Whether the settings have neither a DN to bind as nor a SASL mechanism.
-bool isAnonymous(LDAPLookup::Settings const& settings);
 /// How the settings authenticate, as "anonymous", "as cn=reader" or "with GSSAPI".
 std::string identityIn(LDAPLookup::Settings const& settings);
 

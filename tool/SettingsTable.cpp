@@ -134,7 +134,7 @@ std::vector<Setting> makeTable()
           value(&Draft::version, protocolIn), "LDAP protocol version" },
         { "timeout", Group::server, "-o", "nettimeout=S",
           value(&Settings::networkTimeout, seconds, networkTimeoutIn),
-          "Seconds to connect, and to wait for each answer" },
+          "Seconds for each step of connecting, and until a silent server counts as failed" },
         { "deadline", Group::server, "--deadline", "S", value(&Settings::deadline, durationIn),
           "Seconds for each key in total" },
         { "start_tls", Group::server, "-Z,--start-tls", "", value(&Draft::startTls, booleanIn),

@@ -4,7 +4,6 @@
 #include "Engine.h"
 #include "Pipeline.h"
 #include "Pipelines.h"
-#include "Verifier.h"
 
 #include <utility>
 
@@ -163,16 +162,18 @@ LDAPLookup::Answer LDAPLookup::find(std::string const& address)
 
 LDAPLookup::Verification LDAPLookup::verify(std::string const& key, std::string const& password)
 {
-    auto const shared = m_engine->current();
-    Lookup::Verifier verifier(*shared, key, password);
+    Lookup::PipelinePair pipelines(m_engine->current(), 1, 1, 1, Pipeline::Order::ofAnswers);
+    pipelines.finding.push(key, Clock::now(), 0, std::make_unique<Lookup::Login>(password));
+    pipelines.flush(); // sends the search
     Waits waits;
-    while (!verifier.isDone()) {
+    while (pipelines.answering() == nullptr) {
+        pipelines.rest(); // others may use the connection of the search from now on
         waits.clear();
-        verifier.waits(waits);
+        pipelines.waits(waits);
         waits.wait();
-        verifier.advance();
+        pipelines.run();
     }
-    return std::move(verifier.result());
+    return std::move(pipelines.answering()->front().login->verification);
 }
 
 void LDAPLookup::findAll(Source const& source, Sink const& sink) { findAll(source, -1, sink); }

@@ -26,8 +26,8 @@ Clock::time_point after(std::chrono::milliseconds time)
 
 } // namespace
 
-/// A key is in one of three places: submitted (`m_submitted`), in a pipeline, or answered in a
-/// pipeline. `advance` moves them on. The descriptor is signalled while an answer is here, or a
+/// A key is in one of three places: submitted (`m_keys`, `m_logins`), in a pipeline, or answered in
+/// a pipeline. `advance` moves them on. The descriptor is signalled while an answer is here, or a
 /// call changed something that `advance` has not seen yet.
 class LDAPLookupQueue::State {
 public:
@@ -44,10 +44,12 @@ public:
         }
     }
 
-    void submit(std::string key, Tag tag)
+    /// @param login  whose password is to be verified; null: a lookup
+    void submit(std::string key, Tag tag, std::unique_ptr<Lookup::Login> login)
     {
         enter();
-        m_submitted.push_back({std::move(key), tag, Clock::now()});
+        auto& submitted = login == nullptr ? m_keys : m_logins;
+        submitted.push_back({std::move(key), tag, Clock::now(), std::move(login)});
         ++m_pending;
         m_set.signal(true);
     }
@@ -78,15 +80,15 @@ public:
         enter();
         takeOver();
         std::size_t count = m_pipelines.cancel(tag);
-        for (auto key = m_submitted.begin(); key != m_submitted.end();) {
-            bool const isMeant = key->tag == tag;
-            key = isMeant ? m_submitted.erase(key) : std::next(key);
-            count += isMeant ? 1 : 0;
+        for (std::list<Submitted>* const submitted : {&m_keys, &m_logins}) {
+            std::size_t const before = submitted->size();
+            submitted->remove_if([tag](Submitted const& key) { return key.tag == tag; });
+            count += before - submitted->size();
         }
         m_pending -= count;
         m_pipelines.restIfDone();
         leave();
-        m_set.signal(m_pipelines.hasAnswer() || !m_submitted.empty());
+        m_set.signal(m_pending != 0); // there may be room for others now
     }
 
     std::size_t pending()
@@ -100,6 +102,7 @@ private:
         std::string key;
         Tag tag;
         Clock::time_point at;
+        std::unique_ptr<Lookup::Login> login;
     };
 
     /// Whether this process is a child, and the keys are its parent's.
@@ -111,7 +114,8 @@ private:
         if (isOfParent()) {
             m_set.renew();
             m_pipelines.disown();
-            m_submitted.clear();
+            m_keys.clear();
+            m_logins.clear();
             m_pending = 0;
             m_births = PoolsAtFork::births();
             m_forks = PoolsAtFork::forks();
@@ -136,20 +140,29 @@ private:
     }
 
     /// Moves submitted keys to the pipeline that takes them, also those that are late: the
-    /// pipeline concludes them.
+    /// pipeline concludes them. Keys do not wait for room on the connections for binds.
     void feed()
     {
-        if (m_submitted.empty()) {
+        if (m_logins.empty() && m_keys.empty()) {
             return;
         }
         auto const lateFrom = Clock::now() - m_pipelines.settings().deadline;
-        while (!m_submitted.empty() &&
-               (m_submitted.front().at <= lateFrom || m_pipelines.latest().wantsKeys())) {
-            Submitted& key = m_submitted.front();
-            m_pipelines.latest().push(std::move(key.key), key.at, key.tag);
-            m_submitted.pop_front();
+        while (!m_logins.empty() &&
+               (m_logins.front().at <= lateFrom || m_pipelines.wantsLogins())) {
+            feedFirst(m_logins);
+        }
+        while (!m_keys.empty() &&
+               (m_keys.front().at <= lateFrom || m_pipelines.latest().wantsKeys())) {
+            feedFirst(m_keys);
         }
         m_pipelines.flush();
+    }
+
+    void feedFirst(std::list<Submitted>& submitted)
+    {
+        Submitted& key = submitted.front();
+        m_pipelines.latest().push(std::move(key.key), key.at, key.tag, std::move(key.login));
+        submitted.pop_front();
     }
 
     void awaitAnswer(Clock::time_point end)
@@ -167,8 +180,10 @@ private:
     {
         m_waits.clear();
         m_pipelines.waits(m_waits);
-        if (!m_submitted.empty()) {
-            m_waits.until(m_submitted.front().at + m_pipelines.settings().deadline);
+        for (std::list<Submitted> const* const submitted : {&m_keys, &m_logins}) {
+            if (!submitted->empty()) {
+                m_waits.until(submitted->front().at + m_pipelines.settings().deadline);
+            }
         }
     }
 
@@ -185,14 +200,22 @@ private:
     Result taken()
     {
         Lookup::Task& task = m_pipelines.front();
-        Result result = {task.tag, std::move(task.key), std::move(task.answer)};
+        Result result;
+        result.tag = task.tag;
+        result.key = std::move(task.key);
+        if (task.login == nullptr) {
+            result.answer = std::move(task.answer);
+        } else {
+            result.verification = std::move(task.login->verification);
+        }
         m_pipelines.pop();
         --m_pending;
         return result;
     }
 
     Lookup::Pipelines m_pipelines;
-    std::list<Submitted> m_submitted; ///< in order; sent as the pipelines have room for them
+    std::list<Submitted> m_keys;   ///< in order; sent as the pipelines have room for them
+    std::list<Submitted> m_logins; ///< the same, whose passwords are to be verified
     std::size_t m_pending = 0;
     Lookup::PollSet m_set;
     Lookup::Waits m_waits;
@@ -209,7 +232,15 @@ LDAPLookupQueue::LDAPLookupQueue(LDAPLookup& lookup)
 
 LDAPLookupQueue::~LDAPLookupQueue() = default;
 
-void LDAPLookupQueue::submit(std::string key, Tag tag) { m_state->submit(std::move(key), tag); }
+void LDAPLookupQueue::submit(std::string key, Tag tag)
+{
+    m_state->submit(std::move(key), tag, nullptr);
+}
+
+void LDAPLookupQueue::submitVerify(std::string key, std::string const& password, Tag tag)
+{
+    m_state->submit(std::move(key), tag, std::make_unique<Lookup::Login>(password));
+}
 
 int LDAPLookupQueue::descriptor() const { return m_state->descriptor(); }
 

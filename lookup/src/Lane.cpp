@@ -12,6 +12,10 @@ bool Lane::suits(Task const& task) const
                     [&](Failure const& failure) { return failure.server == server->index; })) {
         return false;
     }
+    std::string const* const preference = task.preference();
+    if (preference != nullptr && *preference != server->uri) {
+        return false;
+    }
     if (!task.answer.wasRepeated || !isOpen()) {
         return true; // a lane being opened for a repeated task asks "Who am I?" before it is used
     }

@@ -1,7 +1,8 @@
-// The bind of a user whose password is verified.
+// A user's password, on its way to a verification.
 #ifndef SOLVANE_LOOKUP_SRC_LOGIN_H
 #define SOLVANE_LOOKUP_SRC_LOGIN_H
 
+#include <solvane/lookup/Answer.h>
 #include <solvane/lookup/Verification.h>
 
 #include <solvane/ldap/RefCounted.h>
@@ -12,18 +13,33 @@
 
 namespace Solvane::Lookup {
 
-/// A DN and a password, and what a server said to them. The password is wiped by the destructor,
-/// and never copied or moved: both would leave bytes behind. Not thread-safe.
+/// A password, and what is known about it. One pipeline finds the entry of its key, another one,
+/// whose pool has connections for this purpose only, binds as that entry:
+///
+///     finding --exactly one entry--> binding --response--> verification
+///        |                                                      ^
+///        +--anything else---------------------------------------+
+///
+/// The password is wiped once there is a verification, at the latest by the destructor. It is never
+/// copied or moved: both would leave bytes behind. Not thread-safe.
 struct Login : public NonCopyable {
     explicit Login(std::string const& secret) : password(secret) {}
     ~Login() { wipe(password); }
 
-    std::string dn;
-    std::string server; ///< to ask first, as its URI
-    std::string password;
+    /// Takes the answer to the search. Returns whether a bind is to follow; otherwise the
+    /// verification is complete.
+    bool takeEntry(Answer const& answer);
+    /// Takes the answer to the bind: the verification is complete.
+    void takeBind(Answer const& answer);
 
-    BindResult result;            ///< of the last bind that was answered
-    Denial denial = Denial::none; ///< by this result
+    std::string password;
+    std::string server;        ///< to ask first, as its URI; empty: any
+    BindResult response;       ///< the last one
+    Verification verification; ///< its DN and denial as soon as they are known
+
+private:
+    void finish(VerifyOutcome outcome, Answer const& answer);
+    void misconfigured(int code, Answer const& answer, std::string const& text);
 };
 
 } // namespace Solvane::Lookup

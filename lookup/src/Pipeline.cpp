@@ -82,15 +82,11 @@ Shared::Shared(Settings const& given, Totals& counts, std::shared_ptr<TlsContext
 {
 }
 
-Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order)
-    : Pipeline(shared, lanes, window, shared.request, order)
-{
-}
-
-Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window,
-                   SearchRequest const& request, Order order)
-    : m_shared(shared), m_request(request), m_maximumLanes(lanes), m_window(window),
-      m_maximumTasks(std::size_t{8} * lanes * window), m_order(order)
+Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order,
+                   Pipeline* binding)
+    : m_shared(shared), m_binds(shared.logins == nullptr), m_binding(binding),
+      m_maximumLanes(lanes), m_window(window), m_maximumTasks(std::size_t{8} * lanes * window),
+      m_order(order)
 {
 }
 
@@ -171,7 +167,7 @@ void Pipeline::drain(Lane& lane)
 
 void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
 {
-    if (task.login != nullptr) {
+    if (m_binds) {
         return takeLogin(lane, task, message);
     }
     switch (message.type) {
@@ -203,15 +199,16 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     std::size_t const size = lane.lease->session.messageSize();
     task.bytes += size;
     m_heldBytes += size;
-    bool const isTooMany = m_request.entryLimit != 0 && entries.size() > m_request.entryLimit;
+    unsigned int const entryLimit = requestOf(task).entryLimit;
+    bool const isTooMany = entryLimit != 0 && entries.size() > entryLimit;
     bool const isTooLarge = task.bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond the limit
         lane.remove(task);
         --m_inFlight;
         finish(task, Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
-               isTooMany ? task.answer.server + " sent more than " +
-                               std::to_string(m_request.entryLimit) + " entries"
+               isTooMany ? task.answer.server + " sent more than " + std::to_string(entryLimit) +
+                               " entries"
                          : task.answer.server + ": the answer is larger than " +
                                std::to_string(settings.answerBytes) + " bytes (answer_bytes)");
         // More of this answer may arrive before the answers of the other searches.
@@ -273,7 +270,9 @@ void Pipeline::proveFailures(Task const& task)
 
 void Pipeline::abandon(Lane& lane, Task& task)
 {
-    if (task.login == nullptr) { // a bind cannot be abandoned (RFC 4511 section 4.11)
+    if (m_binds) { // it cannot be abandoned (RFC 4511 section 4.11)
+        lane.isLeaving = true;
+    } else {
         lane.lease->session.abandon(task.messageId);
     }
     lane.isDoubtful = true;

@@ -16,7 +16,7 @@
 namespace Solvane::Lookup {
 
 /// Looks up the keys pushed into it and returns their answers, in the order of the keys or as they
-/// come. Each key is a task, each session a lane. A task moves through these states:
+/// come; or binds with the passwords pushed into it, on a pool of its own for that. Each key is a task, each session a lane. A task moves through these states:
 ///
 ///     waiting (m_waiting) --send--> in flight (lane->tasks) --result--> done (isDone) --pop-->
 ///     gone
@@ -32,12 +32,13 @@ public:
         ofKeys,    ///< as the keys were pushed
         ofAnswers, ///< as they come
     };
-    /// @param lanes   maximum number of sessions
-    /// @param window  maximum of searches in flight on each
-    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order = Order::ofKeys);
-    /// @param request  instead of that of all lookups; must outlive the pipeline
-    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, SearchRequest const& request,
-             Order order = Order::ofKeys);
+    /// @param shared   with that of logins, to look up; or that of logins itself, to bind
+    /// @param lanes    maximum number of sessions
+    /// @param window   maximum of searches in flight on each; one bind
+    /// @param binding  where passwords go on once their entry is found; must outlive the pipeline.
+    ///                 Null: there are none
+    Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order order = Order::ofKeys,
+             Pipeline* binding = nullptr);
     ~Pipeline();
 
     // Keys in, answers out
@@ -45,16 +46,13 @@ public:
     /// False while another key could not be sent at once.
     bool wantsKeys() const;
     /// Adds a key and starts its deadline.
-    void push(std::string key) { push(std::move(key), Clock::now(), 0); }
+    void push(std::string key) { push(std::move(key), Clock::now(), 0, nullptr); }
     /// Adds a key whose deadline has started.
-    /// @param start  not before that of an earlier key
     /// @param tag    for `cancel`
-    void push(std::string key, Clock::time_point start, std::uint64_t tag);
-    /// The same for a bind as a user. A pipeline has either keys or logins, the latter on a pool of
-    /// their own.
-    /// @param login  receives the response; must outlive the task
-    /// @param start  of its deadline
-    void push(Login& login, Clock::time_point start);
+    /// @param login  whose password is to be verified, only if answers are returned as they come.
+    ///               It then has the verification. Null: looks the key up
+    void push(std::string key, Clock::time_point start, std::uint64_t tag,
+              std::unique_ptr<Login> login);
     /// Drops the keys with this tag, whether under way or answered. Abandons their searches.
     /// Returns how many there were.
     std::size_t cancel(std::uint64_t tag);
@@ -118,7 +116,11 @@ private:
 
     // Keys: PipelineKeys.cpp
     std::list<Task>& returned() { return m_order == Order::ofKeys ? m_tasks : m_answered; }
+    Task& add(std::string key, Clock::time_point start);
+    bool isInvalid(Task& task);
     bool prepareFilter(Task& task);
+    SearchRequest const& requestOf(Task const& task) const;
+    bool isFull() const;
     void finish(Task& task, Outcome outcome, int code, std::string const& text);
     void concludeEmpty(Task& task);
     void conclude(Task& task, std::vector<Failure> const& others);
@@ -159,6 +161,7 @@ private:
     void takeEntry(Lane& lane, Task& task, Session::Message const& message);
     void takeResult(Lane& lane, Task& task, Session::Message const& message);
     void takeLogin(Lane& lane, Task& task, Session::Message const& message); // PipelineLogins.cpp
+    bool isVerified(Task& task);                                             // the same
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
     /// @param why  a copy, as the session that owns the original is destroyed
@@ -168,8 +171,8 @@ private:
     void proveFailures(Task const& task);
 
     Shared& m_shared;
-    SearchRequest const& m_request;
-    char const* m_requestName = "search"; ///< for messages
+    bool const m_binds; ///< as users, instead of searching
+    Pipeline* const m_binding;
     std::size_t const m_maximumLanes;
     std::size_t const m_window;
     std::size_t const m_maximumTasks; ///< including answers that wait for an earlier one

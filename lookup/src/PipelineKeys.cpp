@@ -1,6 +1,8 @@
 // Begin and end of tasks: filters, conclusions, deadlines.
 #include "Pipeline.h"
 
+#include "Denials.h"
+
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/session/PlainText.h>
 
@@ -45,33 +47,63 @@ bool Pipeline::wantsKeys() const
            m_heldBytes <= m_shared.settings.answerBytes;
 }
 
-void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag)
+void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag,
+                    std::unique_ptr<Login> login)
 {
-    m_now = std::max(m_now, start);
-    m_tasks.emplace_back();
-    Task& task = m_tasks.back();
-    task.key = std::move(key);
+    m_now = m_binds ? Clock::now() : std::max(m_now, start);
+    Task& task = add(std::move(key), start);
     task.tag = tag;
-    task.start = start;
-    task.deadline = start + m_shared.settings.deadline;
-    std::string const fault = m_shared.forms.faultOf(task.key);
-    if (!fault.empty()) {
-        finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
-        return;
-    }
-    if (!m_shared.forms.isServed(task.key)) {
-        finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
+    task.login = std::move(login);
+    if (!m_binds && isInvalid(task)) {
         return;
     }
     if (m_now >= task.deadline) { // it waited for its turn
         concludeUnsent(task);
         return;
     }
-    task.forms = m_shared.forms.of(task.key);
-    if (prepareFilter(task)) {
+    if (!m_binds) {
+        task.forms = m_shared.forms.of(task.key);
+    }
+    if (m_binds || prepareFilter(task)) {
         m_waiting.insert(m_waiting.begin(), &task);
         dispatch();
     }
+}
+
+/// Adds a task in the order of deadlines: a password may have waited for its entry, or a key for
+/// its turn, while later ones had not to.
+Task& Pipeline::add(std::string key, Clock::time_point start)
+{
+    auto const deadline = start + m_shared.settings.deadline;
+    auto place = m_tasks.end();
+    while (place != m_tasks.begin() && deadline < std::prev(place)->deadline) {
+        --place;
+    }
+    Task& task = *m_tasks.emplace(place);
+    task.key = std::move(key);
+    task.start = start;
+    task.deadline = deadline;
+    return task;
+}
+
+/// Whether nothing may be sent for the task, which is then done.
+bool Pipeline::isInvalid(Task& task)
+{
+    std::string fault = task.login == nullptr ? "" : faultOfPassword(task.login->password);
+    if (fault.empty()) {
+        fault = m_shared.forms.faultOf(task.key);
+    }
+    if (!fault.empty()) {
+        finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
+    } else if (!m_shared.forms.isServed(task.key)) {
+        finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
+    }
+    return task.isDone;
+}
+
+SearchRequest const& Pipeline::requestOf(Task const& task) const
+{
+    return task.login == nullptr ? m_shared.request : m_shared.entryRequest;
 }
 
 /// Makes the filter of a task. Returns false if there is none; the task is then done.
@@ -117,8 +149,14 @@ void Pipeline::collect()
     m_hasFinished = false;
     for (auto task = m_tasks.begin(); task != m_tasks.end();) {
         auto const current = task++;
-        if (current->isDone) {
+        if (!current->isDone) {
+            continue;
+        }
+        if (current->login == nullptr || isVerified(*current)) {
             m_answered.splice(m_answered.end(), m_tasks, current);
+        } else {
+            m_heldBytes -= current->bytes;
+            m_tasks.erase(current);
         }
     }
 }
@@ -142,6 +180,7 @@ std::size_t Pipeline::cancel(std::uint64_t tag)
             ++count;
         }
     }
+    endLeavingLanes();
     return count;
 }
 
@@ -206,12 +245,20 @@ void Pipeline::concludeLate(Task& task)
 /// Concludes a key whose time ended before anything was sent for it.
 void Pipeline::concludeUnsent(Task& task)
 {
-    bool const isFull = m_isPoolFull || std::any_of(m_lanes.begin(), m_lanes.end(),
-                                                    [](Lane const& lane) { return lane.isOpen(); });
+    // A password waits for its turn until there is room for its bind.
+    bool const wasFull =
+        isFull() || (task.login != nullptr && m_binding != nullptr && m_binding->isFull());
     finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-           (isFull ? "no connection became free within the deadline of "
-                   : "no connection was opened within the deadline of ") +
+           (wasFull ? "no connection became free within the deadline of "
+                    : "no connection was opened within the deadline of ") +
                inSeconds(m_shared.settings.deadline));
+}
+
+/// Whether all sessions are in use, here or elsewhere.
+bool Pipeline::isFull() const
+{
+    return m_isPoolFull || std::any_of(m_lanes.begin(), m_lanes.end(),
+                                       [](Lane const& lane) { return lane.isOpen(); });
 }
 
 // Time
@@ -344,7 +391,7 @@ void Pipeline::expireLane(Lane& lane)
     auto const limit = silence();
     Verdict const why = {
         Outcome::TryLater, LDAP_TIMEOUT,
-        lane.server->uri + " did not answer the " + m_requestName + " within " +
+        lane.server->uri + " did not answer the " + (m_binds ? "bind" : "search") + " within " +
             inSeconds(std::chrono::duration_cast<std::chrono::milliseconds>(limit))};
     m_shared.pool.fellSilent(*lane.server, why, limit);
     leave(lane, Trouble::silent, why);

@@ -103,12 +103,19 @@ bool Pipeline::endUselessLane()
 bool Pipeline::checkOut(Task& task)
 {
     bool const hasLane = canBeServed(task);
-    Pool::Wish const wish = {
-        m_now,        task.deadline,      task.failures,
-        task.brokeOn, task.brokeAt,       task.answer.wasRepeated,
-        !hasLane,     m_query == nullptr, task.login == nullptr ? nullptr : &task.login->server};
+    Pool::Wish const wish = {m_now,        task.deadline,      task.failures,
+                             task.brokeOn, task.brokeAt,       task.answer.wasRepeated,
+                             !hasLane,     m_query == nullptr, task.preference()};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_isPoolFull = outlook.isFull;
+    bool const isRefused = outlook.kind == Pool::Outlook::refused;
+    if (task.preference() != nullptr &&
+        (isRefused || (outlook.lease && outlook.lease->server.uri != *task.preference()))) {
+        task.login->server.clear(); // it is down: any other will do
+        if (isRefused) {
+            return true; // perhaps on a lane that is here
+        }
+    }
     switch (outlook.kind) {
     case Pool::Outlook::ready:
         m_lanes.emplace_back(std::move(outlook.lease));
@@ -252,9 +259,9 @@ void Pipeline::send(Task& task, Lane& lane)
     task.answer.server = lane.server->uri;
     task.answer.identity = pooled.session.identity();
     Verdict const verdict =
-        task.login == nullptr
-            ? pooled.session.send(m_request, task.answer.filter, task.messageId)
-            : pooled.session.authenticate(task.login->dn, task.login->password, task.messageId);
+        m_binds ? pooled.session.authenticate(task.login->verification.dn, task.login->password,
+                                              task.messageId)
+                : pooled.session.send(requestOf(task), task.answer.filter, task.messageId);
     if (!verdict.isGood() && verdict.code != LDAP_SERVER_DOWN) {
         finish(task, verdict.outcome, verdict.code, verdict.text);
         return;
@@ -316,6 +323,9 @@ void Pipeline::remove(Lane& lane)
 
 void Pipeline::rest()
 {
+    if (m_lanes.empty() && !m_query && !m_waiter.isQueued()) {
+        return;
+    }
     for (Lane& lane : m_lanes) {
         lane.end();
     }

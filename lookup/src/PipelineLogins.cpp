@@ -1,4 +1,4 @@
-// Binds of users, as tasks of a pipeline.
+// Binds of users, as tasks of a pipeline, and how they come there.
 #include "Pipeline.h"
 
 #include "Denials.h"
@@ -10,17 +10,19 @@
 
 namespace Solvane::Lookup {
 
-void Pipeline::push(Login& login, Clock::time_point start)
+/// Whether the password of a task that is done has a verification. If its entry was found, it has
+/// none yet: it goes on to be bound, and the task may be dropped.
+bool Pipeline::isVerified(Task& task)
 {
-    m_requestName = "bind";
-    m_tasks.emplace_back();
-    Task& task = m_tasks.back();
-    task.login = &login;
-    task.start = start;
-    task.deadline = start + m_shared.settings.deadline;
-    m_now = Clock::now();
-    m_waiting.insert(m_waiting.begin(), &task);
-    dispatch();
+    if (m_binds) {
+        task.login->takeBind(task.answer);
+        return true;
+    }
+    if (!task.login->takeEntry(task.answer)) {
+        return true;
+    }
+    m_binding->push(std::move(task.key), task.start, task.tag, std::move(task.login));
+    return false;
 }
 
 /// Takes the response to a bind. That a server denies it is final: to try a wrong password on every
@@ -29,7 +31,7 @@ void Pipeline::push(Login& login, Clock::time_point start)
 void Pipeline::takeLogin(Lane& lane, Task& task, Session::Message const& message)
 {
     Login& login = *task.login;
-    BindResult& result = login.result;
+    BindResult& result = login.response;
     if (!readBindResult(lane.lease->session, message, result)) {
         leave(lane, Trouble::damaged,
               {Outcome::TryLater, LDAP_DECODING_ERROR,
@@ -42,10 +44,10 @@ void Pipeline::takeLogin(Lane& lane, Task& task, Session::Message const& message
     if (result.words.find(login.password) != std::string::npos) {
         result.words = wordsFor(result.code); // a server that repeats the password
     }
-    login.denial = denialOf(result);
+    Denial const denial = login.verification.denial = denialOf(result);
     std::string const& server = task.answer.server;
-    if (result.code != LDAP_SUCCESS && login.denial == Denial::none) {
-        lane.isDoubtful = true;
+    if (result.code != LDAP_SUCCESS && denial == Denial::none) {
+        lane.isDoubtful = lane.isLeaving = true;
         bool const wantsTls = result.code == LDAP_CONFIDENTIALITY_REQUIRED ||
                               result.code == LDAP_STRONG_AUTH_REQUIRED;
         refused(lane, task,
@@ -56,11 +58,11 @@ void Pipeline::takeLogin(Lane& lane, Task& task, Session::Message const& message
     }
     m_shared.pool.answered(*lane.lease, lane.lease->session.heardAt());
     proveFailures(task);
-    if (login.denial == Denial::none) {
+    if (denial == Denial::none) {
         finish(task, Outcome::Found, result.code, std::string());
     } else {
         finish(task, Outcome::Refused, result.code,
-               server + ": " + describe(login.denial) + ": " + result.words);
+               server + ": " + describe(denial) + ": " + result.words);
     }
 }
 

@@ -5,36 +5,78 @@
 
 namespace Solvane::Lookup {
 
-Pipeline& Pipelines::latest()
+Pipeline* PipelinePair::answering()
+{
+    if (finding.hasAnswer()) {
+        return &finding;
+    }
+    return binding.hasAnswer() ? &binding : nullptr;
+}
+
+void PipelinePair::run()
+{
+    finding.run();
+    if (binding.isBusy()) {
+        binding.run();
+    }
+}
+
+void PipelinePair::flush()
+{
+    finding.flush();
+    finding.collect(); // may begin binds
+    binding.flush();
+    binding.collect();
+}
+
+void PipelinePair::waits(Waits& waits) const
+{
+    finding.waits(waits);
+    binding.waits(waits);
+}
+
+void PipelinePair::rest()
+{
+    for (Pipeline* const pipeline : {&finding, &binding}) {
+        if (!pipeline->isBusy()) {
+            pipeline->rest();
+        }
+    }
+}
+
+PipelinePair& Pipelines::newest()
 {
     if (m_links.empty() || !m_engine.isCurrent(*m_links.back().shared)) {
-        m_links.emplace_back(m_engine.current(), m_order);
+        auto shared = m_engine.current();
+        Settings const& settings = shared->settings;
+        m_links.emplace_back(std::move(shared), settings.connections, settings.window,
+                             settings.verifyConnections, m_order);
         removeIdle();
     }
-    return m_links.back().pipeline;
+    return m_links.back();
 }
 
 bool Pipelines::isIdle() const
 {
     return std::all_of(m_links.begin(), m_links.end(),
-                       [](Link const& link) { return link.pipeline.isIdle(); });
+                       [](PipelinePair const& link) { return link.isIdle(); });
 }
 
 bool Pipelines::isBusy() const
 {
     return std::any_of(m_links.begin(), m_links.end(),
-                       [](Link const& link) { return link.pipeline.isBusy(); });
+                       [](PipelinePair const& link) { return link.isBusy(); });
 }
 
 /// The pipeline with the next answer; null if there is none. In the order of the keys, only the
 /// first pipeline counts: it has the oldest key.
 Pipeline* Pipelines::answering() const
 {
-    for (Link const& link : m_links) {
-        if (link.pipeline.hasAnswer()) {
-            return const_cast<Pipeline*>(&link.pipeline);
+    for (PipelinePair const& link : m_links) {
+        if (Pipeline* const pipeline = const_cast<PipelinePair&>(link).answering()) {
+            return pipeline;
         }
-        if (m_order == Pipeline::Order::ofKeys && !link.pipeline.isIdle()) {
+        if (m_order == Pipeline::Order::ofKeys && !link.isIdle()) {
             return nullptr;
         }
     }
@@ -50,9 +92,9 @@ void Pipelines::pop()
 std::size_t Pipelines::cancel(std::uint64_t tag)
 {
     std::size_t count = 0;
-    for (Link& link : m_links) {
-        count += link.pipeline.cancel(tag);
-        link.pipeline.flush();
+    for (PipelinePair& link : m_links) {
+        count += link.finding.cancel(tag) + link.binding.cancel(tag);
+        link.flush();
     }
     removeIdle();
     return count;
@@ -60,46 +102,46 @@ std::size_t Pipelines::cancel(std::uint64_t tag)
 
 void Pipelines::run()
 {
-    for (Link& link : m_links) {
-        link.pipeline.run();
+    for (PipelinePair& link : m_links) {
+        link.run();
     }
     removeIdle();
 }
 
 void Pipelines::flush()
 {
-    for (Link& link : m_links) {
-        link.pipeline.flush();
-        link.pipeline.collect();
+    for (PipelinePair& link : m_links) {
+        link.flush();
     }
 }
 
 void Pipelines::waits(Waits& waits) const
 {
-    for (Link const& link : m_links) {
-        link.pipeline.waits(waits);
+    for (PipelinePair const& link : m_links) {
+        link.waits(waits);
     }
 }
 
 void Pipelines::excuse(Clock::duration held)
 {
-    for (Link& link : m_links) {
-        link.pipeline.excuse(held);
+    for (PipelinePair& link : m_links) {
+        link.finding.excuse(held); // passwords are verified from event loops only
     }
 }
 
 void Pipelines::excuseServers(Clock::time_point since)
 {
-    for (Link& link : m_links) {
-        link.pipeline.excuseServers(since);
+    for (PipelinePair& link : m_links) {
+        link.finding.excuseServers(since);
+        link.binding.excuseServers(since);
     }
 }
 
 unsigned long Pipelines::connectionChanges() const
 {
     unsigned long changes = m_pastChanges;
-    for (Link const& link : m_links) {
-        changes += link.pipeline.connectionChanges();
+    for (PipelinePair const& link : m_links) {
+        changes += link.connectionChanges();
     }
     return changes;
 }
@@ -108,10 +150,10 @@ void Pipelines::restIfDone()
 {
     for (auto link = m_links.begin(); link != m_links.end();) {
         auto const current = link++;
-        if (current->pipeline.isIdle()) {
+        if (current->isIdle()) {
             remove(current);
-        } else if (!current->pipeline.isBusy()) {
-            current->pipeline.rest();
+        } else {
+            current->rest();
         }
     }
 }
@@ -125,15 +167,16 @@ void Pipelines::rest()
 
 void Pipelines::disown()
 {
-    for (Link& link : m_links) {
-        link.pipeline.disown();
+    for (PipelinePair& link : m_links) {
+        link.finding.disown();
+        link.binding.disown();
     }
     rest();
 }
 
 Pipelines::Links::iterator Pipelines::remove(Links::iterator link)
 {
-    m_pastChanges += link->pipeline.connectionChanges() + 1; // also for the pool's event
+    m_pastChanges += link->connectionChanges() + 1; // also for the pools' events
     return m_links.erase(link);
 }
 
@@ -141,7 +184,7 @@ Pipelines::Links::iterator Pipelines::remove(Links::iterator link)
 void Pipelines::removeIdle()
 {
     for (auto link = m_links.begin(); link != m_links.end() && std::next(link) != m_links.end();) {
-        link = link->pipeline.isIdle() ? remove(link) : std::next(link);
+        link = link->isIdle() ? remove(link) : std::next(link);
     }
 }
 

@@ -10,16 +10,50 @@
 
 namespace Solvane::Lookup {
 
-/// A chain of pipelines: the last one takes new keys, with the settings in use; earlier ones exist
+/// The pipelines of one caller with the same settings: passwords go on from one to the other. Not
+/// thread-safe.
+struct PipelinePair : public NonCopyable {
+    /// @param lanes       maximum of sessions for searches
+    /// @param bindLanes   maximum of sessions for binds
+    PipelinePair(std::shared_ptr<Shared> taken, std::size_t lanes, std::size_t window,
+                 std::size_t bindLanes, Pipeline::Order order)
+        : shared(std::move(taken)),
+          binding(*shared->logins, bindLanes, 1, Pipeline::Order::ofAnswers),
+          finding(*shared, lanes, window, order, &binding)
+    {
+    }
+
+    bool isIdle() const { return finding.isIdle() && binding.isIdle(); }
+    bool isBusy() const { return finding.isBusy() || binding.isBusy(); }
+    /// The pipeline with the next answer; null if there is none.
+    Pipeline* answering();
+    void run();
+    void flush();
+    void waits(Waits& waits) const;
+    /// Returns the sessions on which nothing is under way.
+    void rest();
+    unsigned long connectionChanges() const
+    {
+        return finding.connectionChanges() + binding.connectionChanges();
+    }
+
+    std::shared_ptr<Shared> const shared;
+    Pipeline binding;
+    Pipeline finding; ///< of keys, and of the entries for passwords
+};
+
+/// A chain of pipelines: the last pair takes new keys, with the settings in use; earlier ones exist
 /// until their keys are done, with the settings that these began with. Not thread-safe.
 class Pipelines : public NonCopyable {
 public:
     Pipelines(Engine& engine, Pipeline::Order order) : m_engine(engine), m_order(order) {}
 
     /// The pipeline for new keys; valid until the next call of a function that is not const.
-    Pipeline& latest();
+    Pipeline& latest() { return newest().finding; }
+    /// Whether a password pushed into it could be verified soon.
+    bool wantsLogins() { return newest().finding.wantsKeys() && newest().binding.wantsKeys(); }
     /// The settings for new keys.
-    Settings const& settings() { return (void)latest(), m_links.back().shared->settings; }
+    Settings const& settings() { return newest().shared->settings; }
 
     // As those of a pipeline
 
@@ -44,17 +78,9 @@ public:
     void disown();
 
 private:
-    struct Link {
-        Link(std::shared_ptr<Shared> taken, Pipeline::Order order)
-            : shared(std::move(taken)),
-              pipeline(*shared, shared->settings.connections, shared->settings.window, order)
-        {
-        }
-        std::shared_ptr<Shared> shared;
-        Pipeline pipeline;
-    };
-    using Links = std::list<Link>;
+    using Links = std::list<PipelinePair>;
 
+    PipelinePair& newest();
     Pipeline* answering() const;
     Links::iterator remove(Links::iterator link);
     void removeIdle();

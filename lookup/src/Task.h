@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -20,7 +21,7 @@ struct Lane;
 /// Waits for a lane, then is in flight on it, and is done when it has its answer.
 struct Task {
     std::string key;
-    Login* login = nullptr;         ///< binds as it instead of searching
+    std::unique_ptr<Login> login;   ///< its password is to be verified; null: a lookup
     std::uint64_t tag = 0;          ///< the owner's name for it
     std::vector<std::string> forms; ///< empty: only the key itself
     std::size_t form = 0;           ///< index of the current form
@@ -47,10 +48,19 @@ struct Task {
 
     /// Whether nothing was tried for it yet.
     bool isFresh() const { return failures.empty() && brokeOn == nullptr; }
+    /// URI of the server that has to be asked as long as it is up; null: any.
+    std::string const* preference() const
+    {
+        bool const hasOne = login != nullptr && failures.empty() && !login->server.empty();
+        return hasOne ? &login->server : nullptr;
+    }
     /// Whether the pool treats both alike.
     bool isLike(Task const& other) const
     {
-        return brokeOn == other.brokeOn &&
+        std::string const* const mine = preference();
+        std::string const* const its = other.preference();
+        return (mine == nullptr || its == nullptr ? mine == its : *mine == *its) &&
+               brokeOn == other.brokeOn &&
                std::equal(failures.begin(), failures.end(), other.failures.begin(),
                           other.failures.end(), [](Failure const& one, Failure const& another) {
                               return one.server == another.server;

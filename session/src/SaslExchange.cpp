@@ -11,8 +11,10 @@
 #include <algorithm>
 #include <climits>
 #include <iterator>
+#include <utility>
 
 #include <pthread.h>
+#include <resolv.h>
 
 namespace Solvane::Lookup {
 
@@ -40,6 +42,24 @@ class ForkGuard : public NonCopyable {
 public:
     ForkGuard() { pthread_rwlock_rdlock(&g_lock); }
     ~ForkGuard() { unlock(); }
+};
+
+/// This thread asks no name server meanwhile; the hosts file still counts. Cyrus SASL looks up this
+/// machine's own name, which no mechanism here needs, and would wait for a name service that is silent.
+/// The C library has a resolver state for each thread.
+class NoNameServers : public NonCopyable {
+public:
+    NoNameServers()
+    {
+        if ((_res.options & RES_INIT) == 0) {
+            res_ninit(&_res);
+        }
+        m_count = std::exchange(_res.nscount, 0);
+    }
+    ~NoNameServers() { _res.nscount = m_count; }
+
+private:
+    int m_count = 0;
 };
 
 /// OpenLDAP uses Cyrus SASL too, and sets its mutexes; so OpenLDAP is initialised first.
@@ -204,8 +224,11 @@ bool SaslExchange::prepare()
     }
     ForkGuard const guard;
     sasl_conn_t* connection = nullptr;
-    code = sasl_client_new("ldap", m_host.c_str(), nullptr, nullptr, m_borrowed->callbacks, 0,
-                           &connection);
+    {
+        NoNameServers const none;
+        code = sasl_client_new("ldap", m_host.c_str(), nullptr, nullptr, m_borrowed->callbacks, 0,
+                               &connection);
+    }
     m_connection.reset(connection);
     if (code == SASL_OK) {
         sasl_security_properties_t properties = {};

@@ -36,6 +36,14 @@ std::string configured(int option)
     return text.get() == nullptr ? std::string() : std::string(text.get());
 }
 
+/// OpenLDAP's cipher suite is in the language of its TLS library, which may be another: Debian 13 has
+/// OpenSSL there.
+std::string configuredCiphers()
+{
+    return configured(LDAP_OPT_X_TLS_PACKAGE) == "GnuTLS" ? configured(LDAP_OPT_X_TLS_CIPHER_SUITE)
+                                                          : std::string();
+}
+
 void addConfigured(std::string& setting, int option)
 {
     if (setting.empty()) {
@@ -143,7 +151,9 @@ void TlsContext::State::addConfigured()
         Lookup::addConfigured(policy.caFolder, LDAP_OPT_X_TLS_CACERTDIR);
     }
     Lookup::addConfigured(policy.crlFile, LDAP_OPT_X_TLS_CRLFILE);
-    Lookup::addConfigured(policy.cipherSuite, LDAP_OPT_X_TLS_CIPHER_SUITE);
+    if (policy.cipherSuite.empty()) {
+        policy.cipherSuite = configuredCiphers();
+    }
     Lookup::addConfigured(policy.certificateFile, LDAP_OPT_X_TLS_CERTFILE);
     Lookup::addConfigured(policy.keyFile, LDAP_OPT_X_TLS_KEYFILE);
     if (policy.minimumVersion == TlsVersion::configured) {

@@ -2,9 +2,10 @@
 """follow.py PAGE: prints a shell script that does what a page of the guide says, step by step.
 
     ```sh       the commands run, all of a page in one shell
-    ```console  lines after "$ " run, lines after "(gdb) " are their input; every other line has to be
-                printed. The numbers of ports may differ.
-    others      become the file that the text before names, as in: Write `~/first/lookup.cpp`
+    ```console  lines after "$ " run, with those after "> " that continue them; lines after "(gdb) " are
+                their input; every other line has to be printed. The numbers of ports and times may differ.
+    others      become the file that the text before names, as in: Write `~/first/lookup.cpp`, or
+                In `krb5.conf`, set
 
 The script ends at the first line that fails and names the line of the page.
 """
@@ -15,14 +16,14 @@ import shlex
 import sys
 
 FENCE = re.compile(r"^```(\w*)$")
-FILE = re.compile(r"\bWrite `([^`]+)`")
+FILE = re.compile(r"\b(?i:write) `([^`]+)`|\bIn `([^`]+)`, set\b")
 PROLOGUE = r"""set -eu
 at=start
-trap 'rc=$?; [ "$rc" = 0 ] || echo "$at: failed" >&2' EXIT
+output=$(mktemp)
+trap 'rc=$?; [ "$rc" = 0 ] || { cat "$output"; echo "$at: failed"; } >&2; rm -f "$output"' EXIT
 printed() {
     grep -qE -- "^(\(gdb\) )*$1\$" "$output" || { echo "not printed: $1" >&2; exit 1; }
 }
-output=$(mktemp)
 """
 
 
@@ -44,7 +45,7 @@ def blocks(text):
             found.append((number + 1, language, file, []))
             file = None
         elif FILE.search(line):
-            file = FILE.search(line).group(1)
+            file = next(filter(None, FILE.search(line).groups()))
     return found
 
 
@@ -54,6 +55,8 @@ def console(lines):
     for line in lines:
         if line.startswith("$ "):
             commands.append(line[2:])
+        elif line.startswith("> ") and commands:
+            commands[-1] += "\n" + line[2:]
         elif line.startswith("(gdb) ") and commands:
             typed.setdefault(len(commands), []).append(line[len("(gdb) ") :])
         else:
@@ -70,15 +73,19 @@ def console(lines):
         )
     script += 'cat "$output"\n'
     for line in expected:
-        pattern = re.sub(r":\d{3,}", ":[0-9]+", re.sub(r"([][\\.^$*+?(){}|])", r"\\\1", line))
+        pattern = re.sub(r"([][\\.^$*+?(){}|])", r"\\\1", line)
+        pattern = re.sub(r":\d{3,}", ":[0-9]+", pattern)
+        pattern = re.sub(r" +\d+\\\.\d ms", " +[0-9]+\\.[0-9] ms", pattern)
         script += f"printed {shlex.quote(pattern)}\n"
     return script
 
 
-def steps(page, text):
-    """The script."""
+def steps(page, text, skipped=()):
+    """The script, without blocks in some languages."""
     script = PROLOGUE
     for number, language, file, lines in blocks(text):
+        if language in skipped:
+            continue
         script += f"at={shlex.quote(f'{page}:{number}')}\n"
         body = "".join(f"{line}\n" for line in lines)
         if language == "sh":

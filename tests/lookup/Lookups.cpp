@@ -122,6 +122,31 @@ std::string whoAmIResponse(int messageId, std::string const& identity)
     return extendedResponse(messageId, 0, identity);
 }
 
+ScriptedServer::Script loginServer(OnBind onBind, OnSearch onSearch)
+{
+    return
+        [onBind = std::move(onBind), onSearch = std::move(onSearch)](ScriptedServer::Peer& peer) {
+            std::string identity;
+            for (std::string request = peer.receiveMessage(); !request.empty();
+                 request = peer.receiveMessage()) {
+                int const id = messageIdOf(request);
+                if (operationOf(request) == SearchRequest) {
+                    onSearch(peer, request);
+                } else if (operationOf(request) == ExtendedRequest) {
+                    peer.send(whoAmIResponse(id, identity));
+                } else if (operationOf(request) == BindRequest) {
+                    std::string const dn = bindContentOf(request).dn;
+                    identity = "dn:" + dn;
+                    if (dn == readerDn) {
+                        peer.send(bindResponse(id));
+                    } else {
+                        onBind(peer, request);
+                    }
+                }
+            }
+        };
+}
+
 void answerFound(ScriptedServer::Peer& peer, std::string const& request)
 {
     int const id = messageIdOf(request);
@@ -209,7 +234,11 @@ void QueueLoop::take()
 {
     while (auto result = m_queue.next()) {
         ++m_count;
-        m_answers[result->tag] = {result->key, std::move(result->answer)};
+        if (result->verification) {
+            m_verifications[result->tag] = *result->verification;
+        } else {
+            m_answers[result->tag] = {result->key, std::move(result->answer)};
+        }
     }
 }
 

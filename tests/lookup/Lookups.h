@@ -56,6 +56,12 @@ ScriptedServer::Script serving(OnSearch onSearch, std::string const& identity = 
 /// The same for a server that does not support "Who am I?" and answers `code`.
 ScriptedServer::Script servingWithoutWhoAmI(OnSearch onSearch, int code);
 
+/// Answers the bind of a user, given whole, on its connection.
+using OnBind = std::function<void(ScriptedServer::Peer&, std::string const& request)>;
+/// A server's script: grants the reader's binds, leaves those of users to `onBind`, and searches to
+/// `onSearch`. "Who am I?" is answered with the identity of the last bind.
+ScriptedServer::Script loginServer(OnBind onBind, OnSearch onSearch);
+
 /// The answer to "Who am I?".
 std::string whoAmIResponse(int messageId, std::string const& identity);
 
@@ -90,7 +96,7 @@ class QueueLoop {
 public:
     explicit QueueLoop(Solvane::LDAPLookupQueue& queue) : m_queue(queue) {}
 
-    /// Runs until there are this many answers in total; false: nothing woke it for ten seconds.
+    /// Runs until this many were taken in total; false: nothing woke it for ten seconds.
     bool runUntil(std::size_t answers);
     /// Runs for a time.
     void runFor(std::chrono::milliseconds time);
@@ -100,7 +106,16 @@ public:
     /// The answers by tag; the last one of each.
     std::map<Tag, Answered> const& answers() const { return m_answers; }
     Solvane::LDAPLookup::Answer const& answer(Tag tag) const { return m_answers.at(tag).answer; }
-    /// How many answers were taken.
+    /// The verifications by tag; the last one of each.
+    std::map<Tag, Solvane::Lookup::Verification> const& verifications() const
+    {
+        return m_verifications;
+    }
+    Solvane::Lookup::Verification const& verification(Tag tag) const
+    {
+        return m_verifications.at(tag);
+    }
+    /// How many answers and verifications were taken.
     std::size_t count() const { return m_count; }
     /// How often the loop was woken.
     std::size_t wakeUps() const { return m_wakeUps; }
@@ -108,6 +123,7 @@ public:
 private:
     Solvane::LDAPLookupQueue& m_queue;
     std::map<Tag, Answered> m_answers;
+    std::map<Tag, Solvane::Lookup::Verification> m_verifications;
     std::size_t m_count = 0;
     std::size_t m_wakeUps = 0;
 };

@@ -451,6 +451,57 @@ TEST_F(VerifiedPasswordInMemory, IsWipedIfTheBindIsNotAnswered)
     EXPECT_EQ(occurrencesInMemory(m_password), 1U);
 }
 
+// In a queue, passwords wait, are given up with it, and are copied by a fork.
+
+TEST_F(VerifiedPasswordInMemory, IsWipedBeforeAQueueReturnsTheVerification)
+{
+    LDAPLookup lookup(settings(false));
+    LDAPLookupQueue queue(lookup);
+    clearStack();
+    ASSERT_EQ(occurrencesInMemory(m_password), 1U);
+
+    for (LDAPLookupQueue::Tag tag = 1; tag <= 10; ++tag) {
+        queue.submitVerify(addressOf(1), m_password, tag);
+    }
+    for (int count = 0; count < 10; ++count) {
+        auto const result = queue.next(std::chrono::seconds(10));
+        ASSERT_TRUE(result && result->verification);
+        EXPECT_EQ(result->verification->outcome, VerifyOutcome::Accepted);
+    }
+
+    EXPECT_EQ(occurrencesInMemory(m_password), 1U);
+}
+
+TEST_F(VerifiedPasswordInMemory, IsWipedIfAQueueGivesItUp)
+{
+    slapd().pause();
+    LDAPLookup lookup(settings(false));
+    auto queue = std::make_unique<LDAPLookupQueue>(lookup);
+    clearStack();
+    ASSERT_EQ(occurrencesInMemory(m_password), 1U);
+
+    for (LDAPLookupQueue::Tag tag = 1; tag <= 10; ++tag) {
+        queue->submitVerify(addressOf(1), m_password, tag);
+    }
+    EXPECT_FALSE(queue->next());
+    EXPECT_EQ(occurrencesInMemory(m_password), 11U);
+    for (LDAPLookupQueue::Tag tag = 1; tag <= 5; ++tag) {
+        queue->cancel(tag);
+    }
+    std::size_t const afterCancel = occurrencesInMemory(m_password);
+    std::string const inAChild = ForkedProcess([&] {
+                                     queue->pending(); // empties it
+                                     auto const left = occurrencesInMemory(m_password);
+                                     return left == 1 ? std::string() : std::to_string(left);
+                                 }).complaint();
+    queue.reset();
+    slapd().resume();
+
+    EXPECT_EQ(afterCancel, 6U);
+    EXPECT_EQ(inAChild, "");
+    EXPECT_EQ(occurrencesInMemory(m_password), 1U);
+}
+
 #endif
 
 } // namespace SolvaneTest

@@ -35,9 +35,6 @@ constexpr char policyControl[] = "1.3.6.1.4.1.42.2.27.8.5.1";
 
 constexpr char annaDn[] = "uid=anna,ou=people,dc=corp,dc=test";
 
-/// Answers the bind of a user, given whole, on its connection.
-using OnBind = std::function<void(ScriptedServer::Peer&, std::string const& request)>;
-
 /// Finds Anna's entry.
 void answerAnna(ScriptedServer::Peer& peer, std::string const& request)
 {
@@ -45,31 +42,10 @@ void answerAnna(ScriptedServer::Peer& peer, std::string const& request)
     peer.send(searchEntry(id, annaDn, {}) + searchDone(id));
 }
 
-/// A server's script: grants the reader's binds, leaves those of users to `onBind`, and searches to
-/// `onSearch`. "Who am I?" is answered with the identity of the last bind.
-ScriptedServer::Script loginServer(OnBind onBind, OnSearch onSearch = answerAnna)
+/// A server that finds Anna's entry only.
+ScriptedServer::Script loginServer(OnBind onBind)
 {
-    return
-        [onBind = std::move(onBind), onSearch = std::move(onSearch)](ScriptedServer::Peer& peer) {
-            std::string identity;
-            for (std::string request = peer.receiveMessage(); !request.empty();
-                 request = peer.receiveMessage()) {
-                int const id = messageIdOf(request);
-                if (operationOf(request) == SearchRequest) {
-                    onSearch(peer, request);
-                } else if (operationOf(request) == ExtendedRequest) {
-                    peer.send(whoAmIResponse(id, identity));
-                } else if (operationOf(request) == BindRequest) {
-                    std::string const dn = bindContentOf(request).dn;
-                    identity = "dn:" + dn;
-                    if (dn == readerDn) {
-                        peer.send(bindResponse(id));
-                    } else {
-                        onBind(peer, request);
-                    }
-                }
-            }
-        };
+    return SolvaneTest::loginServer(std::move(onBind), answerAnna);
 }
 
 /// Replies to a login with this.

@@ -389,7 +389,9 @@ TEST_P(ExternalBindOnSlapd, IsRefusedWithACertificateThatExpired)
     std::string const verdict =
         shown(Session(sessionOptions("client-expired")).reach(Step::identify, soon()));
 
-    EXPECT_THAT(verdict, AllOf(StartsWith("TryLater -1 "),
+    // A slapd with GnuTLS hangs up, one with OpenSSL says why.
+    EXPECT_THAT(verdict, AllOf(AnyOf(StartsWith("TryLater -1 "),
+                                     AllOf(StartsWith("Refused -11 "), HasSubstr("expired"))),
                                HasSubstr("it may not accept the client certificate '")));
 }
 

@@ -2,8 +2,10 @@
 #include "Conversation.h"
 #include "MessageFrame.h"
 #include "NameService.h"
+#include "SaslExchange.h"
 
 #include "Allocations.h"
+#include "LdapMessages.h"
 #include "NameServer.h"
 #include "ProcessMemory.h"
 #include "Sessions.h"
@@ -19,9 +21,14 @@
 #include <memory>
 #include <new>
 #include <set>
+#include <vector>
 
 #include <arpa/nameser.h>
+#include <poll.h>
+#include <resolv.h>
+#include <sasl/sasl.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 using namespace Solvane;
 using namespace Solvane::Lookup;
@@ -29,7 +36,42 @@ using testing::AnyOf;
 using testing::Contains;
 using testing::StartsWith;
 
+namespace {
+
+int g_nameServers = -1; ///< that this thread would have asked in the last sasl_client_new
+
+} // namespace
+
+// The linker leads the calls of sasl_client_new to the first, and names the library's the second.
+extern "C" {
+decltype(sasl_client_new) __real_sasl_client_new; // NOLINT(bugprone-reserved-identifier)
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+int __wrap_sasl_client_new(char const* service, char const* server, char const* local,
+                           char const* remote, sasl_callback_t const* callbacks, unsigned flags,
+                           sasl_conn_t** connection)
+{
+    g_nameServers = _res.nscount;
+    return __real_sasl_client_new(service, server, local, remote, callbacks, flags, connection);
+}
+}
+
 namespace SolvaneTest {
+
+// Kerberos
+
+// Cyrus SASL resolves the name of this machine. A silent name service must not delay the bind.
+TEST(ExchangeOfSasl, AsksNoNameServerForTheNameOfThisMachine)
+{
+    ASSERT_EQ(res_ninit(&_res), 0);
+    int const before = _res.nscount;
+    ASSERT_GT(before, 0);
+    SaslExchange exchange("localhost", "", false, "");
+
+    exchange.start();
+
+    EXPECT_EQ(g_nameServers, 0);
+    EXPECT_EQ(_res.nscount, before);
+}
 
 // Messages
 
@@ -72,6 +114,90 @@ TEST(PasswordThatIsNotWrittenYet, StandsNowhereElseInMemoryAfterTheUnbind)
     }
 }
 #endif
+
+// Output that the socket does not take
+
+/// A conversation with a peer in this test, and a bind that is larger than the socket's buffers.
+class ConversationWithALargeRequest : public testing::Test {
+protected:
+    ConversationWithALargeRequest()
+    {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0, ends), 0);
+        m_peer = ends[1];
+        m_conversation =
+            std::make_unique<Conversation>(Lookup::Descriptor(ends[0]), 3, 1UL << 20, patience);
+        int id = 0;
+        EXPECT_EQ(m_conversation->bind(std::string(largeSize, 'x'), "secret", id), 0);
+        channel().flush();
+        EXPECT_TRUE(channel().hasOutput());
+    }
+    ~ConversationWithALargeRequest() override { close(m_peer); }
+
+    Channel& channel() { return m_conversation->channel(); }
+    /// Receives what has arrived at the peer.
+    void drain() const
+    {
+        std::vector<char> bytes(largeSize);
+        while (recv(m_peer, bytes.data(), bytes.size(), 0) > 0) {
+        }
+    }
+    short awaited()
+    {
+        Waits waits;
+        channel().waits(waits);
+        return waits.descriptors().front().events;
+    }
+
+    static constexpr std::size_t largeSize = 8UL << 20;
+    static constexpr std::chrono::milliseconds patience{50};
+    int m_peer = -1;
+    std::unique_ptr<Conversation> m_conversation;
+};
+
+TEST_F(ConversationWithALargeRequest, AwaitsWritingUntilAllIsSent)
+{
+    EXPECT_EQ(awaited(), POLLIN | POLLOUT);
+
+    while (channel().hasOutput()) {
+        drain();
+        channel().flush();
+        ASSERT_EQ(shown(channel().fault()), "Found 0 ");
+    }
+
+    EXPECT_EQ(awaited(), POLLIN);
+}
+
+TEST_F(ConversationWithALargeRequest, LosesPatienceOnlyIfThePeerReadsNothing)
+{
+    auto const end = Clock::now() + 2 * patience; // longer than patience lasts
+    while (Clock::now() < end) {
+        Waits waits;
+        waits.until(end);
+        waits.wait();
+    }
+    drain();
+    channel().flush(); // goes on, and is blocked again
+
+    EXPECT_TRUE(channel().hasOutput());
+    EXPECT_EQ(shown(channel().fault()), "Found 0 ");
+}
+
+// The server's last message may say why it has closed the connection.
+TEST_F(ConversationWithALargeRequest, ReceivesWhatThePeerSentBeforeItTellsOfAFailedWrite)
+{
+    std::string const last = noticeOfDisconnection();
+    ASSERT_EQ(send(m_peer, last.data(), last.size(), 0), static_cast<ssize_t>(last.size()));
+    ASSERT_EQ(shutdown(m_peer, SHUT_RD), 0);
+
+    channel().flush();
+
+    EXPECT_THAT(shown(channel().fault()), StartsWith("TryLater -1 "));
+    EXPECT_EQ(channel().fill(), Channel::Input::message);
+    channel().drop();
+    EXPECT_EQ(channel().fill(), Channel::Input::broken);
+    EXPECT_THAT(shown(channel().fault()), testing::EndsWith("Broken pipe"));
+}
 
 // Names
 

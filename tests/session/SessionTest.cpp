@@ -95,6 +95,17 @@ TEST_F(SessionOnSlapd, IsOpenedInTwoParts)
     EXPECT_EQ(session->identity(), Identity::Confirmed);
 }
 
+TEST_F(SessionOnSlapd, GoesOnToTheFurthestStepThatItWasAskedFor)
+{
+    session = sessionAs(readerDn, &readerPassword);
+
+    session->begin(Step::identify, soon());
+    Verdict const verdict = session->reach(Step::connect, soon());
+
+    EXPECT_EQ(shown(verdict), "Found 0 ");
+    EXPECT_TRUE(session->isDone(Step::identify));
+}
+
 TEST_F(SessionOnSlapd, IsAnonymousWithoutABind)
 {
     session = sessionAs("", nullptr);

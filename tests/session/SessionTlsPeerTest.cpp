@@ -106,6 +106,54 @@ TEST_F(TlsPeer, ThatSpeaksNoTlsIsTriedLater)
                 AllOf(StartsWith("TryLater -1 "), HasSubstr("the server does not speak TLS")));
 }
 
+// RFC 6066 section 3: the name is sent without the dot that makes it absolute.
+TEST_F(TlsPeer, IsAskedForItsNameWithoutATrailingDot)
+{
+    ServerTls const tls(m_authority.issue(), tls12);
+    for (std::string const host : {"localhost", "localhost."}) {
+        std::string name;
+        ScriptedServer server([&](Peer& peer) {
+            if (peer.startTls(tls)) {
+                name = peer.askedName();
+                answerAll(peer);
+            }
+        });
+        SessionOptions options = secureOptions(server.port(), good(), host);
+        options.addresses = {*Address::parse("127.0.0.1", server.port())};
+        Session session(options);
+
+        Verdict const verdict = session.reach(Step::identify, soon());
+
+        EXPECT_EQ(shown(verdict), "Found 0 ");
+        EXPECT_EQ(name, "localhost") << host;
+    }
+}
+
+// RFC 5246 section 7.4.1.1. The certificate was verified for the first handshake only.
+TEST_F(TlsPeer, ThatWantsANewHandshakeIsRefusedItAndGoesOn)
+{
+    ServerTls const tls(m_authority.issue(), tls12);
+    std::atomic<bool> isRefused{false};
+    ScriptedServer const server([&](Peer& peer) {
+        if (peer.startTls(tls)) {
+            std::string const request = peer.receiveMessage();
+            isRefused = peer.isRefusedNewHandshake();
+            peer.send(searchDone(messageIdOf(request)));
+            answerAll(peer);
+        }
+    });
+    Session session(secureOptions(server.port(), good()));
+
+    ASSERT_EQ(shown(session.reach(Step::handshake, soon())), "Found 0 ");
+    int id = 0;
+    ASSERT_TRUE(session.send(peopleSearch(), "(uid=anna)", id).isGood());
+    auto const answer = next(session);
+
+    ASSERT_TRUE(answer);
+    EXPECT_EQ(answer->id, id);
+    EXPECT_TRUE(isRefused);
+}
+
 TEST_F(TlsPeer, ThatSpeaksLdapInsteadIsTriedLater)
 {
     ScriptedServer const server([](Peer& peer) {

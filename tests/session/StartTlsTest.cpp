@@ -15,6 +15,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include <ldap.h>
+
 using namespace Solvane;
 using namespace Solvane::Lookup;
 using std::chrono::milliseconds;
@@ -89,6 +91,17 @@ protected:
         std::string const path = m_folder.path() / name;
         std::ofstream(path) << text;
         return path;
+    }
+
+    /// What an OpenLDAP with GnuTLS has, and one with OpenSSL has not: lists of revocations, and
+    /// priority strings.
+    static std::string ofGnuTls(std::string const& text)
+    {
+        char* package = nullptr;
+        ldap_get_option(nullptr, LDAP_OPT_X_TLS_PACKAGE, static_cast<void*>(&package));
+        bool const isGnuTls = std::string(package) == "GnuTLS";
+        ldap_memfree(package);
+        return isGnuTls ? text : std::string();
     }
 
     TemporaryDirectory m_folder;
@@ -345,9 +358,9 @@ TEST_F(TlsConfiguration, IsTakenFromTheEnvironment)
         policyWith({"LDAPTLS_CACERT=" + m_authority.file(), "LDAPTLS_CRLFILE=" + m_revocations,
                     "LDAPTLS_CIPHER_SUITE=SECURE192", "LDAPTLS_PROTOCOL_MIN=3.4",
                     "LDAPTLS_CERT=" + m_mine.certificateFile, "LDAPTLS_KEY=" + m_mine.keyFile}),
-        "authorities " + m_authority.file() + "\nfolder \nrevocations " + m_revocations +
-            "\nciphers SECURE192\nversion 4\ncertificate " + m_mine.certificateFile + "\nkey " +
-            m_mine.keyFile + "\nverdict \n");
+        "authorities " + m_authority.file() + "\nfolder \nrevocations " + ofGnuTls(m_revocations) +
+            "\nciphers " + ofGnuTls("SECURE192") + "\nversion 4\ncertificate " +
+            m_mine.certificateFile + "\nkey " + m_mine.keyFile + "\nverdict \n");
 }
 
 TEST_F(TlsConfiguration, IsTakenFromTheHostsFile)
@@ -360,7 +373,8 @@ TEST_F(TlsConfiguration, IsTakenFromTheHostsFile)
 
     EXPECT_EQ(policyWith({"LDAPCONF=" + file}),
               "authorities " + m_authority.file() + "\nfolder " + folder + "\nrevocations " +
-                  m_revocations + "\nciphers NORMAL\nversion 2\ncertificate \nkey \nverdict \n");
+                  ofGnuTls(m_revocations) + "\nciphers " + ofGnuTls("NORMAL") +
+                  "\nversion 2\ncertificate \nkey \nverdict \n");
 }
 
 // They are a user's own: OpenLDAP ignores them in the host's file.

@@ -176,6 +176,27 @@ bool ScriptedServer::Peer::grantStartTls(ServerTls const& tls)
     return startTls(tls);
 }
 
+std::string ScriptedServer::Peer::askedName() const
+{
+    std::array<char, 256> name{};
+    size_t size = name.size();
+    unsigned int type = 0;
+    int const rc = gnutls_server_name_get(m_tls->get(), name.data(), &size, &type, 0);
+    return rc == 0 ? std::string(name.data()) : std::string();
+}
+
+bool ScriptedServer::Peer::isRefusedNewHandshake()
+{
+    gnutls_rehandshake(m_tls->get());
+    char byte = 0;
+    ssize_t rc = GNUTLS_E_AGAIN;
+    while (rc == GNUTLS_E_AGAIN && awaitTls()) {
+        rc = gnutls_record_recv(m_tls->get(), &byte, 1);
+    }
+    return rc == GNUTLS_E_WARNING_ALERT_RECEIVED &&
+           gnutls_alert_get(m_tls->get()) == GNUTLS_A_NO_RENEGOTIATION;
+}
+
 bool ScriptedServer::Peer::isTlsResumed() const
 {
     return gnutls_session_is_resumed(m_tls->get()) != 0;

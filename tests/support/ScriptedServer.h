@@ -147,6 +147,10 @@ public:
                   std::size_t cutAfter = std::numeric_limits<std::size_t>::max());
     /// Receives a StartTLS request, grants it and does the same.
     bool grantStartTls(ServerTls const& tls);
+    /// The host name that the client asked for in the handshake (RFC 6066 section 3).
+    std::string askedName() const;
+    /// Asks for another handshake (TLS 1.2). Returns whether the client refuses it by an alert.
+    bool isRefusedNewHandshake();
     /// Whether the client resumed an earlier TLS session.
     bool isTlsResumed() const;
     /// Sends additional TLS 1.3 tickets.

@@ -436,6 +436,20 @@ TEST(Remedies, NameOptionAndPackageWhereAuthoritiesAreMissing)
     EXPECT_THAT(remedy, testing::HasSubstr("the package ca-certificates"));
 }
 
+TEST(Remedies, NameHostAndKdcIfKerberosFails)
+{
+    for (Kind const kind : {Kind::TryLater, Kind::Refused, Kind::Misconfigured}) {
+        EXPECT_THAT(remedyFor(Lookup::Verdict{kind, -6, {}}),
+                    testing::AllOf(testing::HasSubstr("-H"), testing::HasSubstr("KDC")));
+    }
+    EXPECT_THAT(remedyFor(Lookup::Verdict{Kind::Misconfigured, -9,
+                                          "no Kerberos ticket for ldap/a.test: none available"}),
+                testing::HasSubstr("kinit"));
+    EXPECT_STREQ(remedyFor(Lookup::Verdict{Kind::Misconfigured, -9,
+                                           "the mechanism GSSAPI of Cyrus SASL is not installed"}),
+                 "install it");
+}
+
 TEST(Remedies, AreNotThereForWhatIsRight)
 {
     for (Kind const kind : {Kind::Found, Kind::NotFound, Kind::Skipped}) {

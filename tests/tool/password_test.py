@@ -11,9 +11,9 @@ import termios
 import time
 import unittest
 
-from servers import BIND, ScriptedDirectory, eventually, giving, silent
+from servers import BIND, ScriptedDirectory, Slapd, eventually, giving, silent
 from support import DEADLINE, PEOPLE, PRIVATE, READER, READER_PASSWORD, TOOL, DirectoryTest
-from support import Terminal, bound, free_port, run
+from support import Terminal, ToolTest, bound, free_port, run
 
 
 class Password(DirectoryTest):
@@ -405,6 +405,96 @@ class Verify(DirectoryTest):
             self.assertNotIn(PASSWORD, result.output + result.errors)
             self.assertNotIn(PASSWORD[:8], result.errors)
             self.assertIn("would print the password", result.errors)
+
+
+class PasswordPolicies(ToolTest):
+    """A slapd that locks accounts, and lets passwords expire."""
+
+    POLICY = """\
+dn: cn={name},dc=corp,dc=test
+changetype: add
+objectClass: device
+objectClass: pwdPolicy
+pwdAttribute: userPassword
+{lines}
+
+"""
+    CHANGE = """\
+dn: uid=user000000{user},ou=people,dc=corp,dc=test
+changetype: modify
+{lines}
+
+"""
+
+    def setUp(self):
+        super().setUp()
+        self.slapd = Slapd(
+            self.addCleanup,
+            *["--users", "5"],
+            *["--global-conf", self.file("global.conf", b"moduleload ppolicy\n")],
+            *[
+                "--db-conf",
+                self.file(
+                    "db.conf",
+                    b"overlay ppolicy\nppolicy_default cn=usual,dc=corp,dc=test\nppolicy_use_lockout\n",
+                ),
+            ],
+        )
+
+    def modify(self, *changes):
+        subprocess.run(
+            ["ldapmodify", "-x", "-H", self.slapd.uri, "-D", "cn=admin,dc=corp,dc=test"]
+            + ["-w", "secret"],
+            input="".join(changes).encode(),
+            check=True,
+            timeout=DEADLINE,
+            stdout=subprocess.DEVNULL,
+        )
+
+    def aging(self, user, policy):
+        """Begins the age of the password."""
+        lines = (
+            f"add: pwdPolicySubentry\npwdPolicySubentry: cn={policy},dc=corp,dc=test\n-\n"
+            f"replace: userPassword\nuserPassword: pw-user000000{user}"
+        )
+        return self.CHANGE.format(user=user, lines=lines)
+
+    def verify(self, user, *arguments):
+        password = self.file("user", f"pw-user000000{user}".encode())
+        return run(
+            *["verify", "-H", self.slapd.uri, "-b", PEOPLE, "-t", "(mail=$m)"],
+            *["--user-password-file", password, *arguments, f"user000000{user}@corp.test"],
+        )
+
+    def test_are_told(self):
+        self.modify(
+            self.POLICY.format(name="usual", lines="pwdLockout: TRUE\npwdMustChange: TRUE"),
+            self.POLICY.format(name="short", lines="pwdMaxAge: 1"),
+            self.POLICY.format(name="warning", lines="pwdMaxAge: 3600\npwdExpireWarning: 3600"),
+            self.CHANGE.format(
+                user=1, lines="add: pwdAccountLockedTime\npwdAccountLockedTime: 000001010000Z"
+            ),
+            self.CHANGE.format(user=2, lines="add: pwdReset\npwdReset: TRUE"),
+            self.aging(3, "short"),
+            self.aging(4, "warning"),
+        )
+        self.assertTrue(eventually(lambda: self.verify(3).status == 1), "it does not expire")
+
+        for user, reason, words in (
+            (1, "locked", "locked"),
+            (2, "must_change", "must be changed"),
+            (3, "expired", "has expired"),
+        ):
+            with self.subTest(reason=reason):
+                result = self.verify(user)
+                record = json.loads(self.verify(user, "--format", "json").output)
+
+                self.assertEqual((result.status, result.errors), (1, ""))
+                self.assertIn(words, result.output)
+                self.assertEqual((record["status"], record["reason"]), ("denied", reason))
+        warned = json.loads(self.verify(4, "--format", "json").output)
+        self.assertEqual((warned["status"], warned["reason"]), ("accepted", None))
+        self.assertLessEqual(warned["expires_in"], 3600)
 
 
 if __name__ == "__main__":
