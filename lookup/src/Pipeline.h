@@ -53,6 +53,12 @@ public:
     ///               It then has the verification. Null: looks the key up
     void push(std::string key, Clock::time_point start, std::uint64_t tag,
               std::unique_ptr<Login> login);
+    /// The first half of `push`, which sends nothing: all or nothing, if memory runs out. Returns
+    /// whether `dispatch` is to follow.
+    bool take(std::string& key, Clock::time_point start, std::uint64_t tag,
+              std::unique_ptr<Login>& login);
+    /// Sends what can be sent.
+    void dispatch();
     /// Drops the keys with this tag, whether under way or answered. Abandons their searches.
     /// Returns how many there were.
     std::size_t cancel(std::uint64_t tag);
@@ -116,7 +122,8 @@ private:
 
     // Keys: PipelineKeys.cpp
     std::list<Task>& returned() { return m_order == Order::ofKeys ? m_tasks : m_answered; }
-    Task& add(std::string key, Clock::time_point start);
+    std::list<Task>::iterator add(Clock::time_point start);
+    bool begin(Task& task);
     bool isInvalid(Task& task);
     bool prepareFilter(Task& task);
     SearchRequest const& requestOf(Task const& task) const;
@@ -132,7 +139,6 @@ private:
     Clock::duration silence() const;
 
     // Lanes: PipelineLanes.cpp
-    void dispatch();
     Lane* laneFor(Task const& task) const;
     bool isAwaited(Task const& task) const;
     bool canBeServed(Task const& task) const;

@@ -604,7 +604,7 @@ private:
 /// Without a descriptor, the sanitizer cannot examine the exception's type.
 __attribute__((no_sanitize("vptr"))) std::string wordFor(std::system_error const& fault)
 {
-    return "system error " + std::to_string(fault.code().value());
+    return std::string("system error: ") + fault.what();
 }
 
 } // namespace
