@@ -59,6 +59,12 @@ public:
     ///               It then has the verification. Null: looks the key up
     void push(std::string key, Clock::time_point start, std::uint64_t tag,
               std::unique_ptr<Login> login);
+    /// The first half of `push`, which sends nothing: all or nothing, if memory runs out. Returns
+    /// whether `dispatch` is to follow.
+    bool take(std::string& key, Clock::time_point start, std::uint64_t tag,
+              std::unique_ptr<Login>& login);
+    /// Sends what can be sent.
+    void dispatch();
     /// Drops the keys with this tag, whether under way or answered. Abandons their searches.
     /// Returns how many there were.
     std::size_t cancel(std::uint64_t tag);
@@ -122,7 +128,8 @@ private:
 
     // Keys: PipelineKeys.cpp
     std::list<Task>& returned() { return m_order == Order::ofKeys ? m_tasks : m_answered; }
-    Task& add(std::string key, Clock::time_point start);
+    std::list<Task>::iterator add(Clock::time_point start);
+    bool begin(Task& task);
     bool isInvalid(Task& task);
     bool prepareFilter(Task& task);
     SearchRequest const& requestOf(Task const& task) const;
@@ -152,7 +159,6 @@ private:
     std::size_t membersAtOnce() const;
 
     // Lanes: PipelineLanes.cpp
-    void dispatch();
     void sendWaiting();
     static std::string const* homeOf(Task const& task);
     Lane* laneFor(Task const& task) const;

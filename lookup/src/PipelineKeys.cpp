@@ -18,6 +18,12 @@ namespace {
 
 constexpr std::chrono::milliseconds noticeable(1);
 
+/// Removes a task that may be there: it is in no place if memory ran out while it was sent.
+void drop(std::vector<Task*>& waiting, Task const& task)
+{
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), &task), waiting.end());
+}
+
 /// How much of the time since the owner's last call was the owner's. If something is ready now, it
 /// may have been ready all the time. If nothing is, the peer was silent all the time; then only
 /// what exceeds the latest moment to wake up is the owner's.
@@ -52,40 +58,63 @@ bool Pipeline::wantsKeys() const
 void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag,
                     std::unique_ptr<Login> login)
 {
-    m_now = m_binds ? Clock::now() : std::max(m_now, start);
-    Task& task = add(std::move(key), start);
-    task.tag = tag;
-    task.login = std::move(login);
-    if (!m_binds && isInvalid(task)) {
-        return;
-    }
-    if (m_now >= task.deadline) { // it waited for its turn
-        concludeUnsent(task);
-        return;
-    }
-    if (!m_binds) {
-        task.forms = m_shared.forms.of(task.key);
-    }
-    if (m_binds || prepareFilter(task)) {
-        m_waiting.insert(m_waiting.begin(), &task);
+    if (take(key, start, tag, login)) {
         dispatch();
     }
 }
 
+bool Pipeline::take(std::string& key, Clock::time_point start, std::uint64_t tag,
+                    std::unique_ptr<Login>& login)
+{
+    m_now = m_binds ? Clock::now() : std::max(m_now, start);
+    auto const added = add(start);
+    Task& task = *added;
+    task.key = std::move(key);
+    task.tag = tag;
+    task.login = std::move(login);
+    try {
+        return begin(task);
+    } catch (...) {
+        key = std::move(task.key);
+        login = std::move(task.login);
+        m_tasks.erase(added);
+        throw;
+    }
+}
+
+/// Returns whether the task is to be sent; else it is done.
+bool Pipeline::begin(Task& task)
+{
+    if (!m_binds && isInvalid(task)) {
+        return false;
+    }
+    if (m_now >= task.deadline) { // it waited for its turn
+        concludeUnsent(task);
+        return false;
+    }
+    if (!m_binds) {
+        task.forms = m_shared.forms.of(task.key);
+        if (!prepareFilter(task)) {
+            return false;
+        }
+    }
+    m_waiting.insert(m_waiting.begin(), &task);
+    return true;
+}
+
 /// Adds a task in the order of deadlines: a password may have waited for its entry, or a key for
 /// its turn, while later ones had not to.
-Task& Pipeline::add(std::string key, Clock::time_point start)
+std::list<Task>::iterator Pipeline::add(Clock::time_point start)
 {
     auto const deadline = start + m_shared.settings.deadline;
     auto place = m_tasks.end();
     while (place != m_tasks.begin() && deadline < std::prev(place)->deadline) {
         --place;
     }
-    Task& task = *m_tasks.emplace(place);
-    task.key = std::move(key);
-    task.start = start;
-    task.deadline = deadline;
-    return task;
+    auto const added = m_tasks.emplace(place);
+    added->start = start;
+    added->deadline = deadline;
+    return added;
 }
 
 /// Whether nothing may be sent for the task, which is then done.
@@ -157,7 +186,6 @@ void Pipeline::collect()
     if (!m_hasFinished || m_order == Order::ofKeys) {
         return;
     }
-    m_hasFinished = false;
     for (auto task = m_tasks.begin(); task != m_tasks.end();) {
         auto const current = task++;
         if (!current->isDone) {
@@ -168,8 +196,10 @@ void Pipeline::collect()
         } else {
             m_heldBytes -= current->bytes;
             m_tasks.erase(current);
+            m_binding->dispatch();
         }
     }
+    m_hasFinished = false; // last: memory may run out above
 }
 
 std::size_t Pipeline::cancel(std::uint64_t tag)
@@ -186,7 +216,7 @@ std::size_t Pipeline::cancel(std::uint64_t tag)
             } else if (current->expansion) {
                 dropMembers(*current);
             } else if (!current->isDone) {
-                m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &*current));
+                drop(m_waiting, *current);
             }
             m_heldBytes -= current->bytes;
             tasks->erase(current);
@@ -383,7 +413,7 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
         return;
     }
     if (task.lane == nullptr) {
-        m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
+        drop(m_waiting, task);
         if (!task.failures.empty()) {
             concludeLate(task);
         } else {

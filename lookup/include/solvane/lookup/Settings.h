@@ -100,8 +100,8 @@ struct Settings {
     /// Looks up a non-ASCII domain also in its ASCII form (RFC 5891), and one in ASCII form also in
     /// Unicode.
     bool asciiDomains = true;
-    /// Maximum of connections on which `verify` binds, for all threads together. They are no others
-    /// than these, so it is also the maximum of binds at a time.
+    /// Maximum of connections on which `verify` and queues bind as users, for all threads together.
+    /// They are no others than these, so it is also the maximum of binds at a time.
     unsigned int verifyConnections = 2;
     /// Is told what happens to connections and servers; null: nobody is.
     std::shared_ptr<Observer> observer = nullptr;
