@@ -198,6 +198,22 @@ def targets(measured):
             pinned.cost("bind over TLS", "library", "raw"),
             pinned.cost("bind over TLS", "raw again", "raw"),
         ),
+        *[
+            no_more_than(
+                f"the engine's TLS connect and bind with a resumed session, TLS {version}, times the "
+                "processor time of a full handshake",
+                0.5,
+                pinned.cost("TLS session", "resumed", "full", size),
+                pinned.cost("TLS session", "full again", "full", size),
+            )
+            for version, size in (("1.2", 12), ("1.3", 13))
+        ],
+        no_more_than(
+            "memory of an idle TLS connection of the engine",
+            300,
+            Exactly(pinned.note("idle TLS session", "engine", "bytes") / 1000),
+            unit=" kB",
+        ),
         no_more_than(
             "TLS bind to a silent peer, beyond its timeout",
             1.0,
@@ -337,12 +353,16 @@ def window_lines(measured):
             ]
         )
     bulk = free.faster("window", "engine, all", "library one at a time", 64)
+    queue = free.faster("window", "engine, queue", "engine, all", 64)
+    cost = free.cost("window", "engine, queue", "engine, all", 64)
     return [
         "### Searches in flight",
         "",
         *paragraph(
             "One connection of the object interface; client and server free. The engine's `findAll` "
-            f"with its defaults (four connections) has {bulk.text()} times the rate of one at a time."
+            f"with its defaults (four connections) has {bulk.text()} times the rate of one at a time; "
+            f"`LDAPLookupQueue`, with 256 keys pending, {queue.text()} times the rate of `findAll` and "
+            f"{cost.text()} times its processor time."
         ),
         *table(["in flight", "rate / raw calls with as many", "rate / one at a time"], rows),
     ]

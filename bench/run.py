@@ -62,6 +62,7 @@ class Directory:
         with open(os.path.join(self._folder, "server.env"), encoding="utf-8") as settings:
             values = dict(line.strip().split("=", 1) for line in settings if "=" in line)
         self.port, self.secure_port = int(values["LDAP_PORT"]), int(values["LDAPS_PORT"])
+        self.ca_file = values["CA_FILE"]
         self._process = int(values["SERVER_PID"])
 
     def stop(self):
@@ -198,6 +199,8 @@ class Measurement:
                     str(self._directory.port),
                     "--secure-port",
                     str(self._directory.secure_port),
+                    "--ca",
+                    self._directory.ca_file,
                     "--users",
                     str(self._scale.users),
                     "--rounds",

@@ -63,7 +63,7 @@ int actOn(LDAPLookup::Verification const& verification)
     case LDAPLookup::VerifyOutcome::BadKey:
         std::cout << "refused: " << reasonOf(verification.denial) << '\n';
         return 1;
-    default: // the question was not answered: never let anybody in
+    default: // the question was not answered: never let the user in
         std::cout << "try later\n";
         std::cerr << verification.text << '\n';
         return verification.outcome == LDAPLookup::VerifyOutcome::TryLater ? EX_TEMPFAIL

@@ -63,6 +63,18 @@ std::string readFile(std::string const& what, std::string const& path)
     }
 }
 
+bool hasInput(int descriptor, int milliseconds)
+{
+    pollfd waited = {descriptor, POLLIN, 0};
+    return poll(&waited, 1, milliseconds) > 0;
+}
+
+bool waitForInput(int descriptor)
+{
+    hasInput(descriptor, -1);
+    return true;
+}
+
 std::string withoutLastNewline(std::string text)
 {
     if (!text.empty() && text.back() == '\n') {
@@ -124,14 +136,7 @@ bool LineReader::takeLine(std::string& line)
 }
 
 /// Whether a read would not block, or is allowed to.
-bool LineReader::mayRead(bool mayWait) const
-{
-    if (mayWait) {
-        return true;
-    }
-    pollfd waited = {m_descriptor, POLLIN, 0};
-    return poll(&waited, 1, 0) > 0;
-}
+bool LineReader::mayRead(bool mayWait) const { return mayWait || hasInput(m_descriptor, 0); }
 
 void LineReader::read()
 {
@@ -149,8 +154,7 @@ void LineReader::read()
     } else if (count == 0) {
         m_isAtEnd = true;
     } else if (errno == EAGAIN) { // another process made it non-blocking
-        pollfd waited = {m_descriptor, POLLIN, 0};
-        poll(&waited, 1, -1);
+        waitForInput(m_descriptor);
     } else if (errno != EINTR) {
         throw unusableFile(m_what, m_path, errno);
     }

@@ -37,6 +37,12 @@ Failure unusableFile(std::string const& what, std::string const& path, int error
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
 
+/// Whether a read of the descriptor would not block; waits at most `milliseconds`, -1 for ever.
+bool hasInput(int descriptor, int milliseconds);
+
+/// Blocks until the descriptor can be read; returns true.
+bool waitForInput(int descriptor);
+
 /// The text without one trailing newline.
 std::string withoutLastNewline(std::string text);
 

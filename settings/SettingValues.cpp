@@ -4,6 +4,7 @@
 #include "Files.h"
 #include "Text.h"
 
+#include <solvane/ldap/LDAPException.h>
 #include <solvane/session/Address.h>
 
 #include <fmt/format.h>
@@ -270,6 +271,21 @@ std::vector<std::string> attributesIn(std::string const& text)
 {
     return checked(wordsIn(text), isAttributeSelector, "attribute",
                    "separate names by commas, as in cn,mail");
+}
+
+std::string resultFormatIn(std::string const& text)
+{
+    LDAPLookup::Settings settings; // valid, except perhaps for the format
+    settings.servers = {{"localhost"}};
+    settings.queryTemplate = "(mail=$m)";
+    settings.attributes = {"mail"};
+    settings.resultFormat = text;
+    try {
+        Lookup::validate(settings);
+    } catch (LDAPException const& fault) {
+        refuse(fault.stringParameter(), "solvane-ldap.conf(5) lists the specifiers");
+    }
+    return text;
 }
 
 std::vector<std::string> domainsIn(std::string const& text)

@@ -60,6 +60,8 @@ std::vector<LDAPLookup::Form> formsIn(std::string const& text);
 char delimiterIn(std::string const& text);
 /// Attribute descriptions, separated by commas or white space.
 std::vector<std::string> attributesIn(std::string const& text);
+/// A text with the specifiers of a result format.
+std::string resultFormatIn(std::string const& text);
 /// Domains separated by commas or white space; "@FILE" or "/FILE" reads them from a file.
 /// @throws Failure  also "configuration": the file cannot be read
 std::vector<std::string> domainsIn(std::string const& text);

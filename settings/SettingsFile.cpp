@@ -273,10 +273,13 @@ void SettingsFile::finish(std::vector<Failure>& faults)
         m_draft.lookup.mechanism = Lookup::Mechanism::simple;
         m_draft.lookup.authorizationId.clear();
     }
-    if (m_draft.has("tls_verify") && m_draft.has("tls_require_cert")) {
-        faults.emplace_back(Outcome::configuration,
-                            m_path + ": tls_verify and tls_require_cert are both set",
-                            "remove one of them");
+    for (auto const& [name, other] : {std::make_pair("tls_verify", "tls_require_cert"),
+                                      std::make_pair("result_format", "result_filter")}) {
+        if (m_draft.has(name) && m_draft.has(other)) {
+            faults.emplace_back(Outcome::configuration,
+                                fmt::format("{}: {} and {} are both set", m_path, name, other),
+                                "remove one of them");
+        }
     }
 }
 

@@ -117,6 +117,14 @@ Setting::Value tlsRequireCert()
     return made;
 }
 
+/// The same.
+Setting::Value resultFilter()
+{
+    Setting::Value made = onlyOfFile(&Settings::resultFormat, resultFormatIn);
+    made.text = nullptr;
+    return made;
+}
+
 // clang-format off
 // NOLINTNEXTLINE(readability-function-size): the table is data
 std::vector<Setting> makeTable()
@@ -196,6 +204,26 @@ std::vector<Setting> makeTable()
         { "references", Group::search, "--references", "defer|ignore",
           value(&Settings::references, referencesIn),
           "Result of an answer with only references: try later, or not found" },
+
+        { "special_result_attribute", Group::results, "--special-attrs", "A,B",
+          value(&Settings::specialResultAttributes, attributesIn),
+          "Attributes that name members of a group, by DN or LDAP URL" },
+        { "leaf_result_attribute", Group::results, "--leaf-attrs", "A,B",
+          value(&Settings::leafResultAttributes, attributesIn),
+          "Attributes that count only in entries without members" },
+        { "terminal_result_attribute", Group::results, "--terminal-attrs", "A,B",
+          value(&Settings::terminalResultAttributes, attributesIn),
+          "Attributes that alone count in an entry that has some" },
+        { "expansion_limit", Group::results, "--expansion-limit", "N",
+          value(&Settings::expansionLimit, limit),
+          "Maximum number of results of an address; 0: no limit" },
+        { "recursion_limit", Group::results, "--recursion-limit", "N",
+          value(&Settings::recursionLimit, numberBetween(1, largestLimit)),
+          "Maximum number of levels of groups" },
+        { "result_format", Group::results, "--result-format", "FORMAT",
+          value(&Settings::resultFormat, resultFormatIn),
+          "Text that each value becomes, for example 'smtp:[%s]'" },
+        { "result_filter", Group::results, "", "FORMAT", resultFilter(), "" },
 
         { "query_filter", Group::queryTemplate, "-t,--template", "TEMPLATE",
           value(&Settings::queryTemplate, ourTemplate, textIn),

@@ -34,7 +34,7 @@ struct Draft {
 /// One row of the table.
 struct Setting {
     /// The group of options in the help.
-    enum class Group { server, identity, queryTemplate, search, bulk };
+    enum class Group { server, identity, queryTemplate, search, results, bulk };
     /// Stores a parsed value.
     using Assignment = std::function<void(Draft&)>;
     /// Parses a text.

@@ -228,14 +228,16 @@ std::string jsonRecordOf(LdifEntry const& entry, char end)
 
 /// Reads all records: calls `use` for each entry and `refuse` for each invalid record, until one of
 /// them returns false.
+/// @param awaitInput  is called while the input has no whole line
 template <typename Use, typename Refuse>
-void forEachEntry(std::string const& path, Use const& use, Refuse const& refuse)
+void forEachEntry(std::string const& path, LdifReader::AwaitInput const& awaitInput, Use const& use,
+                  Refuse const& refuse)
 {
     LdifReader reader(path);
     for (bool goesOn = true; goesOn;) {
         LdifEntry entry;
         try {
-            if (!reader.next(entry)) {
+            if (!reader.next(entry, awaitInput)) {
                 return;
             }
             goesOn = use(entry);
@@ -274,7 +276,7 @@ Outcome AddCommand::show(CommonOptions const& common, Output& output,
 {
     Outcome worst = Outcome::found;
     forEachEntry(
-        m_file,
+        m_file, waitForInput,
         [&](LdifEntry const& entry) {
             output.write(common.format() == "json" ? jsonRecordOf(entry, common.recordEnd())
                                                    : recordOf(entry, common.recordEnd()));
@@ -311,7 +313,7 @@ Outcome AddCommand::add(CommonOptions const& common, Output& output, Diagnostics
         [&](AddReport const& report) { reporter.take(report); });
     Outcome worst = Outcome::found;
     forEachEntry(
-        m_file,
+        m_file, [&](int descriptor) { return adds.awaitInput(descriptor); },
         [&](LdifEntry const& entry) {
             adds.add(entry);
             return adds.mayGoOn();

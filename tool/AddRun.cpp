@@ -1,6 +1,7 @@
 // Sends adds in order and matches the answers to them.
 #include "AddRun.h"
 
+#include "Files.h"
 #include "OpenLDAP.h"
 #include "Sessions.h"
 
@@ -111,6 +112,14 @@ void AddRun::refuse(LdifEntry const& entry, int code, std::string const& text,
     reportFinished();
 }
 
+bool AddRun::awaitInput(int descriptor)
+{
+    while (mayGoOn() && !m_inFlight.empty() && !hasInput(descriptor, 0)) {
+        awaitOne(descriptor);
+    }
+    return mayGoOn() && waitForInput(descriptor);
+}
+
 void AddRun::finish()
 {
     while (!m_inFlight.empty()) {
@@ -182,7 +191,8 @@ void AddRun::takeWhatCame()
     }
 }
 
-void AddRun::awaitOne()
+/// Takes one message, unless there is input first.
+void AddRun::awaitOne(int input)
 {
     Patience patience = {m_owedSince, m_limits.silence, Clock::time_point::max()};
     for (auto const& [id, pending] : m_inFlight) {
@@ -190,8 +200,10 @@ void AddRun::awaitOne()
     }
     LDAPMessageBuffer message;
     int id = 0;
-    auto const received = awaitMessage(*m_session, patience, message, id);
-    take(received, id, message);
+    auto const received = awaitMessage(*m_session, patience, message, id, input);
+    if (received != Session::Received::nothing || input == -1 || !hasInput(input, 0)) {
+        take(received, id, message);
+    }
 }
 
 void AddRun::take(Session::Received received, int id, LDAPMessageBuffer const& message)

@@ -62,6 +62,9 @@ public:
     /// Reports an invalid entry without sending it.
     void refuse(LdifEntry const& entry, int code, std::string const& text,
                 std::string const& remedy);
+    /// Blocks until the descriptor can be read, and reports the answers that arrive meanwhile.
+    /// Returns false when the run was stopped.
+    bool awaitInput(int descriptor);
     /// Awaits all answers.
     void finish();
     /// False after a failure, unless the run continues after failures.
@@ -81,7 +84,7 @@ private:
     void connect();
     void send(LdifEntry const& entry, std::string const& name);
     void takeWhatCame();
-    void awaitOne();
+    void awaitOne(int input = -1);
     void take(Lookup::Session::Received received, int id, LDAPMessageBuffer const& message);
     void lose(int code, std::string const& why);
     void settle(Pending& pending, int code, std::string const& text);

@@ -84,8 +84,13 @@ std::vector<std::string> attributesOf(Draft const& draft)
         } catch (LDAPException const&) { // the step "template" tells of it
         }
     }
-    for (std::string const& selector : draft.lookup.attributes) {
-        names.push_back(attributeNameOf(selector));
+    LDAPLookup::Settings const& settings = draft.lookup;
+    for (auto const* const list :
+         {&settings.attributes, &settings.specialResultAttributes, &settings.leafResultAttributes,
+          &settings.terminalResultAttributes}) {
+        for (std::string const& selector : *list) {
+            names.push_back(attributeNameOf(selector));
+        }
     }
     std::vector<std::string> unique;
     for (std::string const& name : names) {

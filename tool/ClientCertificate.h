@@ -12,7 +12,7 @@ namespace Solvane::Tool {
 
 /// "expires in 30 days", or "expired 3 days ago".
 std::string expiryOf(std::time_t end);
-/// Whether a certificate has ended, or ends so soon that somebody should act.
+/// Whether a certificate has ended, or ends so soon that an administrator should act.
 bool endsSoon(std::time_t end);
 
 /// Reports the step "client cert": its subject, its validity, and whether it fits its key. Reports

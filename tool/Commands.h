@@ -126,6 +126,7 @@ private:
     int m_ldifLeaves = 0;                 ///< number of L's; 0: --format decides
     std::optional<unsigned int> m_noUser; ///< exit status instead of "not found"
     bool m_isSingle = false;              ///< more than one entry for a key is an error
+    bool m_needsValue = false;            ///< found without a value counts as not found
     bool m_goesOn = false;                ///< asked for, and done anyway
 };
 

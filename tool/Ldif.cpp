@@ -53,10 +53,10 @@ LdifReader::LdifReader(std::string const& path)
 {
 }
 
-bool LdifReader::next(LdifEntry& entry)
+bool LdifReader::next(LdifEntry& entry, AwaitInput const& awaitInput)
 {
     do {
-        if (!readRecord()) {
+        if (!readRecord(awaitInput)) {
             return false;
         }
         takeVersion();
@@ -77,12 +77,12 @@ bool LdifReader::next(LdifEntry& entry)
 }
 
 /// Reads the lines up to the next empty one; drops comments, joins continuations. False at the end.
-bool LdifReader::readRecord()
+bool LdifReader::readRecord(AwaitInput const& awaitInput)
 {
     m_record.clear();
     m_isComment = false;
     std::string text;
-    while (m_lines.next(text, true) == LDAPLookup::Supply::key) {
+    while (readLine(text, awaitInput)) {
         ++m_number;
         if (!text.empty() && text.back() == '\r') {
             text.pop_back();
@@ -94,6 +94,20 @@ bool LdifReader::readRecord()
         }
     }
     return !m_record.empty();
+}
+
+bool LdifReader::readLine(std::string& line, AwaitInput const& awaitInput)
+{
+    for (;;) {
+        LDAPLookup::Supply const supply = m_lines.next(line, false);
+        if (supply != LDAPLookup::Supply::nothing) {
+            return supply == LDAPLookup::Supply::key;
+        }
+        if (!awaitInput(m_lines.descriptor())) {
+            m_record.clear(); // incomplete
+            return false;
+        }
+    }
 }
 
 void LdifReader::addLine(std::string const& text)

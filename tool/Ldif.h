@@ -7,6 +7,7 @@
 
 #include <solvane/ldap/LDAPAttribute.h>
 
+#include <functional>
 #include <list>
 #include <string>
 #include <string_view>
@@ -44,11 +45,15 @@ public:
     /// @throws Failure  "configuration": the file cannot be opened
     explicit LdifReader(std::string const& path);
 
+    /// Blocks until the descriptor can be read; returns false to stop reading.
+    using AwaitInput = std::function<bool(int descriptor)>;
+
     /// Reads the next entry.
+    /// @param awaitInput  is called while the input has no whole line
     /// @return false at the end
     /// @throws LdifFault  the record is malformed or unsupported; the text names file and line
     /// @throws Failure    "configuration": the file cannot be read
-    bool next(LdifEntry& entry);
+    bool next(LdifEntry& entry, AwaitInput const& awaitInput = waitForInput);
 
 private:
     struct Line {
@@ -60,7 +65,8 @@ private:
         std::string value;
     };
 
-    bool readRecord();
+    bool readRecord(AwaitInput const& awaitInput);
+    bool readLine(std::string& line, AwaitInput const& awaitInput);
     void addLine(std::string const& text);
     void takeVersion();
     void takeDn(LdifEntry& entry, Line& line) const;

@@ -28,12 +28,19 @@ namespace Solvane::Tool {
 
 namespace {
 
+/// What answers have, and must have.
+struct Expected {
+    bool isSingle;   ///< more than one entry for a key is an error
+    bool hasResults; ///< groups or a format are set
+    bool hasValues;  ///< values are asked for
+    bool needsValue; ///< found without a value counts as not found
+};
+
 /// One run over all keys. Not thread-safe.
 class LookupRun {
 public:
-    /// @param single  more than one entry for a key is an error
     LookupRun(LDAPLookup& lookup, CommonOptions const& common, std::unique_ptr<RecordWriter> writer,
-              bool single, Output& output, Diagnostics& diagnostics);
+              Expected expected, Output& output, Diagnostics& diagnostics);
 
     /// Looks up every key and writes one record for each.
     /// @return the worst outcome
@@ -61,7 +68,7 @@ private:
     double percentile(double part) const;
 
     LDAPLookup& m_lookup;
-    bool m_isSingle;
+    Expected m_expected;
     bool m_countsTimes;
     Output& m_output;
     Diagnostics& m_diagnostics;
@@ -87,10 +94,26 @@ void refuseSeveral(Record& record)
     }
 }
 
+/// Whether an answer has entries and none of the values that were asked for.
+bool isWithoutValue(Lookup::Answer const& answer, Expected const& expected)
+{
+    if (answer.outcome != Lookup::Outcome::Found || !expected.hasValues) {
+        return false;
+    }
+    if (expected.hasResults) {
+        return answer.results.empty();
+    }
+    return std::all_of(answer.entries.begin(), answer.entries.end(), [](auto const& entry) {
+        auto const& attributes = entry.attributes().attributes();
+        return std::all_of(attributes.begin(), attributes.end(),
+                           [](auto const& attribute) { return attribute.binaryValue().empty(); });
+    });
+}
+
 LookupRun::LookupRun(LDAPLookup& lookup, CommonOptions const& common,
-                     std::unique_ptr<RecordWriter> writer, bool single, Output& output,
+                     std::unique_ptr<RecordWriter> writer, Expected expected, Output& output,
                      Diagnostics& diagnostics)
-    : m_lookup(lookup), m_isSingle(single), m_countsTimes(common.stats() != Stats::none),
+    : m_lookup(lookup), m_expected(expected), m_countsTimes(common.stats() != Stats::none),
       m_output(output), m_diagnostics(diagnostics), m_writer(std::move(writer)),
       m_start(std::chrono::steady_clock::now())
 {
@@ -110,9 +133,12 @@ Outcome LookupRun::over(KeyOptions& keys)
     auto const sink = [&](std::string const& key, Lookup::Answer&& answer) {
         record.key = key;
         record.answer = std::move(answer);
-        if (m_isSingle) {
+        if (m_expected.isSingle) {
             refuseSeveral(record);
         }
+        record.hasResults = m_expected.hasResults;
+        record.isWithoutValue =
+            !record.hasTooManyEntries && isWithoutValue(record.answer, m_expected);
         take(record, progress);
         return true;
     };
@@ -129,7 +155,8 @@ Outcome LookupRun::over(KeyOptions& keys)
 void LookupRun::take(Record const& record, Progress& progress)
 {
     count(record);
-    m_worst = worse(m_worst, outcomeOf(record));
+    bool const isMissing = m_expected.needsValue && record.isWithoutValue;
+    m_worst = worse(m_worst, isMissing ? Outcome::notFound : outcomeOf(record));
     complain(record);
     m_writer->write(record, m_pending);
     constexpr std::size_t large = 65536;
@@ -143,7 +170,8 @@ void LookupRun::count(Record const& record)
 {
     ++m_counts.keys;
     std::string_view const status = statusOf(record);
-    ++(status == "found"      ? m_counts.found
+    bool const isFound = status == "found" || status == "novalue";
+    ++(isFound                ? m_counts.found
        : status == "notfound" ? m_counts.notFound
        : status == "skipped"  ? m_counts.skipped
                               : m_counts.errors);
@@ -244,8 +272,9 @@ void LookupRun::printStatistics(Stats form) const
 }
 
 constexpr char footer[] =
-    "Each address gets one record, in the order given: found, not found, skipped, or an\n"
-    "error. 'Not found' means that a server answered completely to the bound identity.\n"
+    "Each address gets one record, in the order given: found, found without a value, not\n"
+    "found, skipped, or an error. 'Not found' means that a server answered completely to the bound "
+    "identity.\n"
     "No option takes a password: other users could see it in the list of processes.\n\n"
     "Exit status, the worst of all addresses:\n"
     "   0  found\n"
@@ -265,10 +294,13 @@ void LookupCommand::declareOn(CLI::App& app)
 {
     m_settings.declareOn(app, Setting::Group::search);
     m_settings.declareOn(app, Setting::Group::queryTemplate);
+    m_settings.declareOn(app, Setting::Group::results);
     m_settings.declareOn(app, Setting::Group::bulk);
     app.add_flag("--single", m_isSingle, "More than one entry for an address is an error");
     addValue(app, "--nouser", m_noUser, numberBetween(1, 125), "STATUS",
              "Exit status instead of 1, for example 67 for mail servers");
+    app.add_flag("--nouser-without-value", m_needsValue,
+                 "In the exit status, found without a value counts as not found");
     app.add_flag("-c,--continue", m_goesOn, "Continue after an error; always on");
     app.add_flag("-L", m_ldifLeaves,
                  "Format ldif; -LL: without comments, also those for addresses that are not found; "
@@ -299,8 +331,11 @@ int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     }
     m_keys.separator(common.recordEnd());
     Secret password;
-    auto const lookup = makeLookup(common, m_settings, password);
-    LookupRun run(*lookup, common, writer(common), m_isSingle, output, diagnostics);
+    Draft const draft = lookupDraft(common, m_settings);
+    auto const lookup = makeLookup(common, draft, password);
+    bool const wantsNone = draft.lookup.attributes == std::vector<std::string>{"1.1"};
+    Expected const expected = {m_isSingle, draft.lookup.makesResults(), !wantsNone, m_needsValue};
+    LookupRun run(*lookup, common, writer(common), expected, output, diagnostics);
     Outcome const worst = run.over(m_keys);
     run.printStatistics(common.stats());
     if (worst == Outcome::notFound && m_noUser) {

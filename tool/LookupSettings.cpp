@@ -39,12 +39,17 @@ void requireSound(Lookup::QueryTemplate const& queryTemplate)
     }
 }
 
-std::unique_ptr<LDAPLookup> makeLookup(CommonOptions const& common, SettingOptions const& options,
-                                       Secret& password)
+Draft lookupDraft(CommonOptions const& common, SettingOptions const& options)
 {
     Draft draft = common.draft();
     options.applyTo(draft);
     requireBase(draft);
+    return draft;
+}
+
+std::unique_ptr<LDAPLookup> makeLookup(CommonOptions const& common, Draft const& draft,
+                                       Secret& password)
+{
     auto const queryTemplate = templateOf(draft);
     LDAPLookup::Settings const settings = common.settings(draft, password);
     requireSound(queryTemplate);

@@ -24,11 +24,15 @@ Lookup::QueryTemplate templateOf(Draft const& draft);
 /// @throws Failure  "badInput": the first error; no lookup can succeed with it
 void requireSound(Lookup::QueryTemplate const& queryTemplate);
 
-/// An engine with the settings of the file, the common options and the command's own.
+/// The settings of the file, the common options and the command's own.
+/// @throws Failure  "usage": there is no search base; "configuration": a file cannot be used
+Draft lookupDraft(CommonOptions const& common, SettingOptions const& options);
+
+/// An engine with these settings.
 /// @param password  receives the password of the bind, which the engine copies
-/// @throws Failure  "usage": no server, base or template, or what `CommonOptions::settings` throws;
+/// @throws Failure  "usage": no server or template, or what `CommonOptions::settings` throws;
 ///                  "badInput": the template is malformed; "configuration": unusable settings
-std::unique_ptr<LDAPLookup> makeLookup(CommonOptions const& common, SettingOptions const& options,
+std::unique_ptr<LDAPLookup> makeLookup(CommonOptions const& common, Draft const& draft,
                                        Secret& password);
 
 } // namespace Solvane::Tool

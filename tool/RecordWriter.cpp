@@ -24,7 +24,7 @@ char const* statusOf(Record const& record)
     }
     switch (record.answer.outcome) {
     case Lookup::Outcome::Found:
-        return "found";
+        return record.isWithoutValue ? "novalue" : "found";
     case Lookup::Outcome::NotFound:
         return "notfound";
     case Lookup::Outcome::Skipped:
@@ -63,8 +63,9 @@ void appendSummary(Record const& record, std::string& out)
     appendOneLine(out, record.key);
     out += ": ";
     std::string_view const status = statusOf(record);
-    if (status == "found") {
-        fmt::format_to(std::back_inserter(out), "found {}", answer.entries.size());
+    if (status == "found" || status == "novalue") {
+        fmt::format_to(std::back_inserter(out), "found {}{}", answer.entries.size(),
+                       status == "novalue" ? ", without a value" : "");
     } else if (status == "error") {
         appendError(record, out);
     } else {
@@ -84,6 +85,14 @@ void appendValues(Record const& record, std::string& out)
         return;
     }
     char const* separator = "";
+    for (std::string const& result : record.answer.results) {
+        out += separator;
+        appendOneLine(out, result);
+        separator = ",";
+    }
+    if (record.hasResults) {
+        return;
+    }
     for (LDAPSearchResultEntry const& entry : record.answer.entries) {
         for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
             for (Buffer const& value : attribute.binaryValue()) {
@@ -106,6 +115,13 @@ private:
         out += "# ";
         appendSummary(record, out);
         out += '\n';
+        if (record.hasResults) {
+            for (std::string const& result : record.answer.results) {
+                appendLine("result", result, out);
+            }
+            out += record.answer.results.empty() ? "" : "\n";
+            return;
+        }
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
             appendLine("dn", entry.entryName(), out);
             for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
@@ -160,7 +176,7 @@ private:
         appendValues(record, out);
         out += '\t';
         out += status;
-        bool const hasRemark = status == "notfound" && !record.answer.text.empty();
+        bool const hasRemark = status != "skipped" && !record.answer.text.empty();
         if (status == "error" || hasRemark) {
             out += '\t';
             appendOneLine(out, record.answer.text);
@@ -238,6 +254,13 @@ private:
             appendEntry(entry, json);
         }
         json->EndArray();
+        if (record.hasResults) {
+            json.key("results")->StartArray();
+            for (std::string const& result : answer.results) {
+                json.value(result);
+            }
+            json->EndArray();
+        }
         json.key("code")->Int(answer.code);
         json.key("text").string(oneLine(answer.text));
         std::string const milliseconds = fmt::format("{:.3f}", answer.milliseconds);

@@ -22,9 +22,11 @@ struct Record {
     /// With --single, an answer of several entries is an error. The server knows nothing of that:
     /// the answer's outcome and code stay its own.
     bool hasTooManyEntries = false;
+    bool hasResults = false;     ///< the values are the answer's results, not those of its entries
+    bool isWithoutValue = false; ///< found, but there is no value
 };
 
-/// "found", "notfound", "skipped" or "error".
+/// "found", "novalue", "notfound", "skipped" or "error".
 char const* statusOf(Record const& record);
 Outcome outcomeOf(Record const& record);
 /// What the user can do about it; empty where nothing is wrong.

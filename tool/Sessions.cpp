@@ -1,6 +1,7 @@
 // Options of sessions, and reading the messages of an answer.
 #include "Sessions.h"
 
+#include "Files.h"
 #include "OpenLDAP.h"
 #include "Text.h"
 
@@ -11,6 +12,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+
+#include <poll.h>
 
 namespace Solvane::Tool {
 
@@ -145,11 +148,11 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
 }
 
 Session::Received awaitMessage(Session& session, Patience const& patience,
-                               LDAPMessageBuffer& message, int& id)
+                               LDAPMessageBuffer& message, int& id, int input)
 {
     for (;;) {
         auto const received = session.receive(message, id);
-        if (received != Session::Received::nothing) {
+        if (received != Session::Received::nothing || (input != -1 && hasInput(input, 0))) {
             return received;
         }
         // Bytes of an incomplete message count: a slow link is not silence.
@@ -160,6 +163,7 @@ Session::Received awaitMessage(Session& session, Patience const& patience,
         }
         Lookup::Waits waits;
         session.waits(waits);
+        waits.add(input, POLLIN);
         waits.until(limit);
         waits.wait();
     }

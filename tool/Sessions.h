@@ -53,9 +53,10 @@ struct Patience {
 };
 
 /// Blocks until a message arrives or the connection breaks. Returns `nothing` when patience runs
-/// out.
+/// out, or when `input` can be read.
+/// @param input  a descriptor, or -1
 Lookup::Session::Received awaitMessage(Lookup::Session& session, Patience const& patience,
-                                       LDAPMessageBuffer& message, int& id);
+                                       LDAPMessageBuffer& message, int& id, int input = -1);
 
 /// Sends a search and blocks until its whole answer has arrived.
 /// @param silence   longest time without a byte from the server

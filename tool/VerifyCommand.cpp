@@ -222,7 +222,7 @@ int VerifyCommand::run(CommonOptions const& common, Output& output, Diagnostics&
                       "pass one of them another way, as in --password-fd 3 3<FILE");
     }
     Secret ofBind;
-    auto const lookup = makeLookup(common, m_settings, ofBind);
+    auto const lookup = makeLookup(common, lookupDraft(common, m_settings), ofBind);
     Secret ofUser(Secret::Owner::user);
     readPassword(ofUser);
     Verification const verification = lookup->verify(m_key, ofUser.text());

@@ -14,6 +14,8 @@
 #include <thread>
 #include <vector>
 
+#include <poll.h>
+
 namespace SolvaneBench {
 
 using Solvane::LDAPConnection;
@@ -269,6 +271,22 @@ void findAll(LDAPLookup& engine, Addresses& addresses, unsigned long count)
         });
 }
 
+/// Keeps as many keys pending as `findAll` has in flight.
+void findByQueue(Solvane::LDAPLookupQueue& queue, Addresses& addresses, unsigned long count)
+{
+    constexpr std::size_t enough = 256;
+    while (count > 0 || queue.pending() != 0) {
+        for (; count > 0 && queue.pending() < enough; --count) {
+            queue.submit(addresses.next(), count);
+        }
+        pollfd polled{queue.descriptor(), POLLIN, 0};
+        require(poll(&polled, 1, 10000) == 1, "wake-up");
+        while (auto const result = queue.next()) {
+            requireFound(result->answer);
+        }
+    }
+}
+
 Contender oneByOne(std::string const& name, RawLookups& lookups)
 {
     return {name, [&lookups](unsigned long count) { lookups.run(count); }};
@@ -300,6 +318,7 @@ void windows(Options const& options, Rounds const& rounds)
     KeptLookups kept(options);
     LDAPLookup engine(engineSettings(options, 4));
     LDAPLookup narrow(engineSettings(options, 1)); // a window of 32
+    Solvane::LDAPLookupQueue queue(engine);
     Addresses addresses(options.users);
     for (unsigned long const window : {1UL, 2UL, 4UL, 8UL, 16UL, 32UL, 64UL, 128UL}) {
         std::vector<Contender> contenders = {
@@ -312,6 +331,9 @@ void windows(Options const& options, Rounds const& rounds)
                                   [&](unsigned long count) { kept.runInBatches(count, window); }});
             contenders.push_back(
                 {"engine, all", [&](unsigned long count) { findAll(engine, addresses, count); }});
+            contenders.push_back({"engine, queue", [&](unsigned long count) {
+                                      findByQueue(queue, addresses, count);
+                                  }});
         }
         if (window == 32) {
             contenders.push_back({"engine, one connection",

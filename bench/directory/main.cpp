@@ -1,7 +1,7 @@
 // Rows measured against a real directory, each contender in turn; records on standard output.
 //
-//   solvane_bench_directory --port N --secure-port N --users N [--rounds N] [--block SECONDS]
-//                           ROW...
+//   solvane_bench_directory --port N --secure-port N --ca FILE --users N [--rounds N]
+//                           [--block SECONDS] ROW...
 #include "rows.h"
 
 #include <cstdio>
@@ -35,6 +35,7 @@ Options parsed(int count, char** words)
     Options options;
     static option const known[] = {{"port", required_argument, nullptr, 'p'},
                                    {"secure-port", required_argument, nullptr, 's'},
+                                   {"ca", required_argument, nullptr, 'c'},
                                    {"users", required_argument, nullptr, 'u'},
                                    {"rounds", required_argument, nullptr, 'r'},
                                    {"block", required_argument, nullptr, 'b'},
@@ -46,6 +47,9 @@ Options parsed(int count, char** words)
             break;
         case 's':
             options.securePort = static_cast<unsigned int>(std::stoul(optarg));
+            break;
+        case 'c':
+            options.caFile = optarg;
             break;
         case 'u':
             options.users = std::stoul(optarg);
@@ -61,8 +65,9 @@ Options parsed(int count, char** words)
         }
     }
     options.rows.assign(words + optind, words + count);
-    if (options.port == 0 || options.securePort == 0 || options.users == 0) {
-        refuse("needs --port, --secure-port and --users");
+    if (options.port == 0 || options.securePort == 0 || options.caFile.empty() ||
+        options.users == 0) {
+        refuse("needs --port, --secure-port, --ca and --users");
     }
     return options;
 }

@@ -15,6 +15,7 @@ struct Options {
     std::string host = "127.0.0.1";
     unsigned int port = 0;
     unsigned int securePort = 0;
+    std::string caFile;      ///< of the authority that signed the server's certificate
     unsigned long users = 0; ///< entries below ou=people
     unsigned int rounds = 15;
     double blockSeconds = 0.3;
@@ -50,7 +51,8 @@ void lookups(Options const& options, Rounds const& rounds);
 void windows(Options const& options, Rounds const& rounds);
 /// One search for all entries, stored, compared with a loop that stores nothing; and the memory.
 void bigSearch(Options const& options, Rounds const& rounds);
-/// Connect, bind, close: plain and TLS, and the duration of a TLS bind to a silent peer.
+/// Connect, bind, close: plain and TLS, and the duration of a TLS bind to a silent peer; the engine's
+/// TLS sessions, full and resumed, and their memory.
 void binds(Options const& options, Rounds const& rounds);
 /// Passwords verified: by the engine, and with raw calls on kept connections and on new ones.
 void verifies(Options const& options, Rounds const& rounds);

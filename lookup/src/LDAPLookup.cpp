@@ -152,7 +152,7 @@ LDAPLookup& LDAPLookup::operator=(LDAPLookup&& other) noexcept = default;
 LDAPLookup::Answer LDAPLookup::find(std::string const& address)
 {
     auto const shared = m_engine->current();
-    Pipeline pipeline(*shared, 1, 1);
+    Pipeline pipeline(*shared, 1, shared->settings.window); // for the members of a group
     pipeline.push(address);
     pipeline.flush(); // sends the search
     Waits waits;

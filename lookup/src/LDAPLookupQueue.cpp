@@ -64,13 +64,12 @@ public:
     {
         enter();
         if (!m_pipelines.hasAnswer()) {
-            takeOver();
-            m_pipelines.excuseServers(m_leftAt);
-            advance();
-            if (timeout.count() > 0) {
-                awaitAnswer(after(timeout));
+            try {
+                work(timeout);
+            } catch (...) {
+                m_set.signal(true); // the work is not done
+                throw;
             }
-            leave();
         }
         return m_pipelines.hasAnswer() ? std::optional<Result>(taken()) : std::nullopt;
     }
@@ -131,6 +130,17 @@ private:
         }
     }
 
+    void work(std::chrono::milliseconds timeout)
+    {
+        takeOver();
+        m_pipelines.excuseServers(m_leftAt);
+        advance();
+        if (timeout.count() > 0) {
+            awaitAnswer(after(timeout));
+        }
+        leave();
+    }
+
     /// Makes as much progress as possible without blocking.
     void advance()
     {
@@ -158,11 +168,16 @@ private:
         m_pipelines.flush();
     }
 
+    /// At each moment, the key is in one place: memory may run out.
     void feedFirst(std::list<Submitted>& submitted)
     {
         Submitted& key = submitted.front();
-        m_pipelines.latest().push(std::move(key.key), key.at, key.tag, std::move(key.login));
+        Pipeline& pipeline = m_pipelines.latest();
+        bool const isToBeSent = pipeline.take(key.key, key.at, key.tag, key.login);
         submitted.pop_front();
+        if (isToBeSent) {
+            pipeline.dispatch();
+        }
     }
 
     void awaitAnswer(Clock::time_point end)

@@ -89,8 +89,9 @@ Shared::Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPoo
     : m_ownSettings(std::move(own)), m_sharedPool(std::move(shared)),
       settings(m_ownSettings->get()),
       queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
-      forms(settings), request{settings.base,       settings.scope,      settings.deref,
-                               settings.attributes, settings.entryLimit, settings.timeLimit},
+      forms(settings),
+      rules(settings), request{settings.base,     settings.scope,      settings.deref,
+                               rules.requested(), settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
       totals(*m_sharedPool->totals), pool(m_sharedPool->pool)
@@ -101,7 +102,7 @@ Pipeline::Pipeline(Shared& shared, std::size_t lanes, std::size_t window, Order 
                    Pipeline* binding)
     : m_shared(shared), m_binds(shared.logins == nullptr), m_binding(binding),
       m_maximumLanes(lanes), m_window(window), m_maximumTasks(std::size_t{8} * lanes * window),
-      m_order(order)
+      m_order(order), m_makesResults(shared.rules.areSet())
 {
 }
 
@@ -204,6 +205,7 @@ void Pipeline::take(Lane& lane, Task& task, Session::Message const& message)
 void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message)
 {
     Settings const& settings = m_shared.settings;
+    unsigned int const entryLimit = requestOf(task).entryLimit;
     std::list<LDAPSearchResultEntry>& entries = task.answer.entries;
     if (!readEntry(message.content, entries)) {
         leave(lane, Trouble::damaged,
@@ -214,9 +216,10 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     std::size_t const size = lane.lease->session.messageSize();
     task.bytes += size;
     m_heldBytes += size;
-    unsigned int const entryLimit = requestOf(task).entryLimit;
+    std::size_t const bytes = task.member ? task.member->key.bytes += size : task.bytes;
+    task.hasRanges = task.hasRanges || message.content.find(";range=") != std::string_view::npos;
     bool const isTooMany = entryLimit != 0 && entries.size() > entryLimit;
-    bool const isTooLarge = task.bytes > settings.answerBytes;
+    bool const isTooLarge = bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {
         entries.pop_back(); // the one beyond the limit
         lane.remove(task);
@@ -243,6 +246,10 @@ void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& messag
     }
     lane.remove(task);
     --m_inFlight;
+    if (task.member && result.code == LDAP_NO_SUCH_OBJECT && isMissing(task)) {
+        task.member->isMissing = true;
+        result.code = LDAP_SUCCESS;
+    }
     if (result.code != LDAP_SUCCESS) {
         refused(lane, task,
                 {outcomeOfSearch(result.code), result.code,
@@ -251,10 +258,14 @@ void Pipeline::takeResult(Lane& lane, Task& task, Session::Message const& messag
     }
     m_shared.pool.answered(*lane.lease, lane.lease->session.heardAt());
     proveFailures(task);
-    if (task.answer.entries.empty()) {
+    if (task.member) {
+        concludeMember(task);
+    } else if (task.answer.entries.empty()) {
         concludeEmpty(task);
-    } else {
+    } else if (task.login != nullptr || (!m_makesResults && !task.hasRanges)) {
         finish(task, Outcome::Found, result.code, std::string());
+    } else {
+        expand(task);
     }
 }
 
@@ -367,8 +378,12 @@ void Pipeline::repeat(Task& task, ServerRecord const& server, Failure failure, b
     task.answer.wasRepeated = true;
     task.answer.entries.clear();
     m_heldBytes -= task.bytes;
+    if (task.member) {
+        task.member->key.bytes -= task.bytes;
+    }
     task.bytes = 0;
     task.isReferred = false;
+    task.hasRanges = false;
     task.brokeOn = &server;
     task.brokeAt = now;
     m_waiting.push_back(&task);

@@ -23,10 +23,16 @@ namespace Solvane::Lookup {
 ///          ^                             |
 ///          +------- repeat: connection lost, server silent or busy
 ///
+/// The members of groups are further tasks (`m_members`), on behalf of a key that is done when they
+/// all are: PipelineMembers.cpp.
+///
 /// Nothing blocks: the owner alternates `run` with a poll on `waits`. Not thread-safe; the `Shared`
 /// state of all pipelines is.
 class Pipeline : public NonCopyable {
 public:
+    /// How many keys with members to search may make a pipeline refuse further keys.
+    static constexpr std::size_t expandedAtOnce = 8;
+
     /// The order of the answers.
     enum class Order {
         ofKeys,    ///< as the keys were pushed
@@ -53,6 +59,12 @@ public:
     ///               It then has the verification. Null: looks the key up
     void push(std::string key, Clock::time_point start, std::uint64_t tag,
               std::unique_ptr<Login> login);
+    /// The first half of `push`, which sends nothing: all or nothing, if memory runs out. Returns
+    /// whether `dispatch` is to follow.
+    bool take(std::string& key, Clock::time_point start, std::uint64_t tag,
+              std::unique_ptr<Login>& login);
+    /// Sends what can be sent.
+    void dispatch();
     /// Drops the keys with this tag, whether under way or answered. Abandons their searches.
     /// Returns how many there were.
     std::size_t cancel(std::uint64_t tag);
@@ -116,7 +128,8 @@ private:
 
     // Keys: PipelineKeys.cpp
     std::list<Task>& returned() { return m_order == Order::ofKeys ? m_tasks : m_answered; }
-    Task& add(std::string key, Clock::time_point start);
+    std::list<Task>::iterator add(Clock::time_point start);
+    bool begin(Task& task);
     bool isInvalid(Task& task);
     bool prepareFilter(Task& task);
     SearchRequest const& requestOf(Task const& task) const;
@@ -128,11 +141,26 @@ private:
     void concludeUnsent(Task& task);
     void expire(Clock::time_point now);
     void expireTask(Task& task, Clock::time_point now);
+    void giveUp(Task& task, Clock::time_point now);
     void expireLane(Lane& lane);
     Clock::duration silence() const;
 
+    // Members of groups: PipelineMembers.cpp
+    bool isMissing(Task const& member) const;
+    void concludeMember(Task& member);
+    void expand(Task& key);
+    void goOn(Task& key);
+    void failMembers(Task& key, Verdict const& why);
+    void dropMembers(Task const& key);
+    void expireMembers(Task& key, Clock::time_point now);
+    bool advanceMembers();
+    void settle(Task& member);
+    bool startMembers();
+    std::size_t membersAtOnce() const;
+
     // Lanes: PipelineLanes.cpp
-    void dispatch();
+    void sendWaiting();
+    static std::string const* homeOf(Task const& task);
     Lane* laneFor(Task const& task) const;
     bool isAwaited(Task const& task) const;
     bool canBeServed(Task const& task) const;
@@ -177,11 +205,16 @@ private:
     std::size_t const m_window;
     std::size_t const m_maximumTasks; ///< including answers that wait for an earlier one
     Order const m_order;
+    bool const m_makesResults;
 
     std::list<Task> m_tasks;      ///< in the order of the keys; addresses are stable
     std::list<Task> m_answered;   ///< done; empty if answers are returned in the order of the keys
     bool m_hasFinished = false;   ///< a task is done since they were collected
     std::vector<Task*> m_waiting; ///< for a lane; the next one is at the end
+    std::list<Task> m_members;    ///< searches on behalf of keys, until they are settled
+    std::vector<Task*> m_expanding;   ///< keys with more searches to make, in order
+    std::size_t m_turn = 0;           ///< of these keys
+    bool m_hasFinishedMember = false; ///< one is to be settled
     Lanes m_lanes;
     std::unique_ptr<Query> m_query;
     std::size_t m_inFlight = 0;

@@ -18,6 +18,12 @@ namespace {
 
 constexpr std::chrono::milliseconds noticeable(1);
 
+/// Removes a task that may be there: it is in no place if memory ran out while it was sent.
+void drop(std::vector<Task*>& waiting, Task const& task)
+{
+    waiting.erase(std::remove(waiting.begin(), waiting.end(), &task), waiting.end());
+}
+
 /// How much of the time since the owner's last call was the owner's. If something is ready now, it
 /// may have been ready all the time. If nothing is, the peer was silent all the time; then only
 /// what exceeds the latest moment to wake up is the owner's.
@@ -40,50 +46,75 @@ bool Pipeline::wantsKeys() const
 {
     // A key that would only wait here stays in the source, where its deadline does not run. One
     // that waits for another server, as it failed on the first, does not hold up those that need
-    // not.
+    // not. Searches for members do not hold them up either, but a few keys with members to search
+    // do: in the source, the deadlines of further ones do not run.
     return std::none_of(m_waiting.begin(), m_waiting.end(),
-                        [](Task const* task) { return task->isFresh(); }) &&
-           m_tasks.size() < m_maximumTasks && m_inFlight < m_maximumLanes * m_window &&
-           m_heldBytes <= m_shared.settings.answerBytes;
+                        [](Task const* task) { return task->isFresh() && !task->member; }) &&
+           m_tasks.size() < m_maximumTasks &&
+           m_inFlight < m_maximumLanes * m_window + m_members.size() &&
+           m_expanding.size() < expandedAtOnce && m_heldBytes <= m_shared.settings.answerBytes;
 }
 
 void Pipeline::push(std::string key, Clock::time_point start, std::uint64_t tag,
                     std::unique_ptr<Login> login)
 {
-    m_now = m_binds ? Clock::now() : std::max(m_now, start);
-    Task& task = add(std::move(key), start);
-    task.tag = tag;
-    task.login = std::move(login);
-    if (!m_binds && isInvalid(task)) {
-        return;
-    }
-    if (m_now >= task.deadline) { // it waited for its turn
-        concludeUnsent(task);
-        return;
-    }
-    if (!m_binds) {
-        task.forms = m_shared.forms.of(task.key);
-    }
-    if (m_binds || prepareFilter(task)) {
-        m_waiting.insert(m_waiting.begin(), &task);
+    if (take(key, start, tag, login)) {
         dispatch();
     }
 }
 
+bool Pipeline::take(std::string& key, Clock::time_point start, std::uint64_t tag,
+                    std::unique_ptr<Login>& login)
+{
+    m_now = m_binds ? Clock::now() : std::max(m_now, start);
+    auto const added = add(start);
+    Task& task = *added;
+    task.key = std::move(key);
+    task.tag = tag;
+    task.login = std::move(login);
+    try {
+        return begin(task);
+    } catch (...) {
+        key = std::move(task.key);
+        login = std::move(task.login);
+        m_tasks.erase(added);
+        throw;
+    }
+}
+
+/// Returns whether the task is to be sent; else it is done.
+bool Pipeline::begin(Task& task)
+{
+    if (!m_binds && isInvalid(task)) {
+        return false;
+    }
+    if (m_now >= task.deadline) { // it waited for its turn
+        concludeUnsent(task);
+        return false;
+    }
+    if (!m_binds) {
+        task.forms = m_shared.forms.of(task.key);
+        if (!prepareFilter(task)) {
+            return false;
+        }
+    }
+    m_waiting.insert(m_waiting.begin(), &task);
+    return true;
+}
+
 /// Adds a task in the order of deadlines: a password may have waited for its entry, or a key for
 /// its turn, while later ones had not to.
-Task& Pipeline::add(std::string key, Clock::time_point start)
+std::list<Task>::iterator Pipeline::add(Clock::time_point start)
 {
     auto const deadline = start + m_shared.settings.deadline;
     auto place = m_tasks.end();
     while (place != m_tasks.begin() && deadline < std::prev(place)->deadline) {
         --place;
     }
-    Task& task = *m_tasks.emplace(place);
-    task.key = std::move(key);
-    task.start = start;
-    task.deadline = deadline;
-    return task;
+    auto const added = m_tasks.emplace(place);
+    added->start = start;
+    added->deadline = deadline;
+    return added;
 }
 
 /// Whether nothing may be sent for the task, which is then done.
@@ -97,12 +128,21 @@ bool Pipeline::isInvalid(Task& task)
         finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
     } else if (!m_shared.forms.isServed(task.key)) {
         finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
+    } else if (m_makesResults && task.login == nullptr) {
+        std::string const lack = m_shared.rules.format().lackOf(task.key);
+        if (!lack.empty()) {
+            finish(task, Outcome::NotFound, LDAP_SUCCESS,
+                   "the key has no " + lack + ", which the result format inserts");
+        }
     }
     return task.isDone;
 }
 
 SearchRequest const& Pipeline::requestOf(Task const& task) const
 {
+    if (task.member) {
+        return task.member->search.request;
+    }
     return task.login == nullptr ? m_shared.request : m_shared.entryRequest;
 }
 
@@ -138,7 +178,7 @@ void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& 
     std::chrono::duration<double, std::milli> const taken = m_now - task.start;
     task.answer.milliseconds = taken.count();
     task.isDone = true;
-    m_hasFinished = true;
+    (task.member ? m_hasFinishedMember : m_hasFinished) = true;
 }
 
 void Pipeline::collect()
@@ -146,7 +186,6 @@ void Pipeline::collect()
     if (!m_hasFinished || m_order == Order::ofKeys) {
         return;
     }
-    m_hasFinished = false;
     for (auto task = m_tasks.begin(); task != m_tasks.end();) {
         auto const current = task++;
         if (!current->isDone) {
@@ -157,8 +196,10 @@ void Pipeline::collect()
         } else {
             m_heldBytes -= current->bytes;
             m_tasks.erase(current);
+            m_binding->dispatch();
         }
     }
+    m_hasFinished = false; // last: memory may run out above
 }
 
 std::size_t Pipeline::cancel(std::uint64_t tag)
@@ -172,8 +213,10 @@ std::size_t Pipeline::cancel(std::uint64_t tag)
             }
             if (current->lane != nullptr) {
                 abandon(*current->lane, *current);
+            } else if (current->expansion) {
+                dropMembers(*current);
             } else if (!current->isDone) {
-                m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &*current));
+                drop(m_waiting, *current);
             }
             m_heldBytes -= current->bytes;
             tasks->erase(current);
@@ -307,11 +350,13 @@ void Pipeline::excuse(Clock::duration held)
     if (held < noticeable) {
         return;
     }
-    for (Task& task : m_tasks) {
-        if (!task.isDone) {
-            task.start += held;
-            task.deadline += held;
-            task.sentAt += held;
+    for (std::list<Task>* const tasks : {&m_tasks, &m_members}) {
+        for (Task& task : *tasks) {
+            if (!task.isDone) {
+                task.start += held;
+                task.deadline += held;
+                task.sentAt += held;
+            }
         }
     }
     for (Lane& lane : m_lanes) {
@@ -363,8 +408,12 @@ void Pipeline::expire(Clock::time_point now)
 
 void Pipeline::expireTask(Task& task, Clock::time_point now)
 {
+    if (task.expansion) {
+        expireMembers(task, now);
+        return;
+    }
     if (task.lane == nullptr) {
-        m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &task));
+        drop(m_waiting, task);
         if (!task.failures.empty()) {
             concludeLate(task);
         } else {
@@ -372,15 +421,21 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
         }
         return;
     }
+    finish(task, Outcome::TryLater, LDAP_TIMEOUT,
+           task.lane->server->uri + " did not complete its answer within the deadline of " +
+               inSeconds(m_shared.settings.deadline));
+    giveUp(task, now);
+}
+
+/// Gives up a search whose time is over.
+void Pipeline::giveUp(Task& task, Clock::time_point now)
+{
     Lane& lane = *task.lane;
     // A key that waited at least proof() on this server, without a byte, is evidence of a silent
     // server.
     bool const isSilent =
         lane.lease->session.heardAt() < task.sentAt && now - task.sentAt >= m_shared.pool.proof();
     abandon(lane, task);
-    finish(task, Outcome::TryLater, LDAP_TIMEOUT,
-           lane.server->uri + " did not complete its answer within the deadline of " +
-               inSeconds(m_shared.settings.deadline));
     if (isSilent) {
         expireLane(lane);
     }

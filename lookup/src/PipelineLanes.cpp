@@ -10,7 +10,7 @@ namespace Solvane::Lookup {
 /// Goes through all tasks that wait: one that has to wait for a session does not hold up those that
 /// need not. The pool is asked once for those that it treats alike. After each change it begins
 /// anew, as those that were passed may go on now.
-void Pipeline::dispatch()
+void Pipeline::sendWaiting()
 {
     m_lookAgainAt = Clock::time_point::max();
     std::vector<Task const*> told; // to wait
@@ -37,6 +37,14 @@ void Pipeline::dispatch()
     }
 }
 
+/// Sends what can be sent, also what members that are done lead to.
+void Pipeline::dispatch()
+{
+    do {
+        sendWaiting();
+    } while (advanceMembers());
+}
+
 /// Whether it is not worth asking the pool: for a task like one that was told to wait, while a
 /// session is being opened or a domain resolved for it, or without room for one more lane.
 bool Pipeline::mustWait(Task const& task, std::vector<Task const*> const& told)
@@ -47,12 +55,28 @@ bool Pipeline::mustWait(Task const& task, std::vector<Task const*> const& told)
     return isTold || isResolving || isAwaited(task) || !makesRoom(task);
 }
 
-/// The least loaded open lane with room for the task; null if there is none.
+/// URI of the server that a task prefers; null if it prefers none.
+std::string const* Pipeline::homeOf(Task const& task)
+{
+    if (task.member) {
+        return &task.member->key.answer.server;
+    }
+    return task.preference();
+}
+
+/// The least loaded open lane with room for the task; null if there is none. Members are searched
+/// on the server that returned the group, while a lane leads there: others may differ.
 Lane* Pipeline::laneFor(Task const& task) const
 {
+    std::string const* const home = homeOf(task);
+    bool const staysHome =
+        home != nullptr && std::any_of(m_lanes.begin(), m_lanes.end(), [&](Lane const& lane) {
+            return lane.isOpen() && lane.suits(task) && lane.server->uri == *home;
+        });
     Lane const* best = nullptr;
     for (Lane const& lane : m_lanes) {
         if (lane.isOpen() && lane.hasRoom(m_window) && lane.suits(task) &&
+            (!staysHome || lane.server->uri == *home) &&
             (best == nullptr || lane.tasks.size() < best->tasks.size())) {
             best = &lane;
         }
@@ -105,7 +129,7 @@ bool Pipeline::checkOut(Task& task)
     bool const hasLane = canBeServed(task);
     Pool::Wish const wish = {m_now,        task.deadline,      task.failures,
                              task.brokeOn, task.brokeAt,       task.answer.wasRepeated,
-                             !hasLane,     m_query == nullptr, task.preference()};
+                             !hasLane,     m_query == nullptr, homeOf(task)};
     Pool::Outlook outlook = m_shared.pool.checkOut(wish, m_waiter);
     m_isPoolFull = outlook.isFull;
     bool const isRefused = outlook.kind == Pool::Outlook::refused;

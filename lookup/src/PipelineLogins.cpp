@@ -11,7 +11,7 @@
 namespace Solvane::Lookup {
 
 /// Whether the password of a task that is done has a verification. If its entry was found, it has
-/// none yet: it goes on to be bound, and the task may be dropped.
+/// none yet: it is taken over by `m_binding`, and the task may be dropped.
 bool Pipeline::isVerified(Task& task)
 {
     if (m_binds) {
@@ -21,7 +21,7 @@ bool Pipeline::isVerified(Task& task)
     if (!task.login->takeEntry(task.answer)) {
         return true;
     }
-    m_binding->push(std::move(task.key), task.start, task.tag, std::move(task.login));
+    m_binding->take(task.key, task.start, task.tag, task.login);
     return false;
 }
 

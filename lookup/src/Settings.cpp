@@ -2,11 +2,14 @@
 #include <solvane/lookup/Settings.h>
 
 #include "Engine.h"
+#include "ResultRules.h"
 
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/lookup/QueryTemplate.h>
 #include <solvane/session/Address.h>
 #include <solvane/session/PlainText.h>
+
+#include <solvart/StringHelpers.h>
 
 #include <algorithm>
 #include <string>
@@ -123,6 +126,52 @@ void checkCredentials(Settings const& settings)
             "the password contains a NUL byte, which cannot be sent");
 }
 
+void checkAttributes(std::vector<std::string> const& names)
+{
+    for (std::string const& name : names) {
+        require(!name.empty(), "an attribute name is empty");
+        requirePlain("an attribute name", name);
+    }
+}
+
+void checkSpecial(std::string const& name, std::vector<std::string> const& others)
+{
+    bool const isBoth = std::any_of(others.begin(), others.end(), [&](std::string const& other) {
+        return stringCompareNoCase(name, other, 0) == 0;
+    });
+    require(!isBoth, "the special result attribute '" + name + "' is a result attribute too");
+}
+
+/// Groups and the format.
+void checkResults(Settings const& settings)
+{
+    checkAttributes(settings.specialResultAttributes);
+    checkAttributes(settings.leafResultAttributes);
+    checkAttributes(settings.terminalResultAttributes);
+    requirePlain("the result format", settings.resultFormat);
+    std::string const fault = ResultFormat::faultOf(settings.resultFormat);
+    require(fault.empty(), "the result format " + fault);
+    require(settings.recursionLimit >= 1, "the recursion limit must be at least 1");
+    if (!settings.makesResults()) {
+        return;
+    }
+    require(!settings.attributes.empty() || !settings.leafResultAttributes.empty() ||
+                !settings.terminalResultAttributes.empty(),
+            "groups, a result format or an expansion limit are set, but no result attribute");
+    for (auto const* const names : {&settings.attributes, &settings.leafResultAttributes,
+                                    &settings.terminalResultAttributes}) {
+        for (std::string const& name : *names) {
+            require(name != "*" && name != "+" && name != "1.1",
+                    "with groups, a result format or an expansion limit, result attributes are "
+                    "named one by one: '" +
+                        name + "' is none");
+        }
+        for (std::string const& name : settings.specialResultAttributes) {
+            checkSpecial(name, *names);
+        }
+    }
+}
+
 void checkSearch(Settings const& settings)
 {
     requirePlain("the base", settings.base);
@@ -130,10 +179,7 @@ void checkSearch(Settings const& settings)
             "the scope is invalid");
     require(settings.deref >= LDAPSearch::DerefNever && settings.deref <= LDAPSearch::DerefAlways,
             "the alias mode is invalid");
-    for (std::string const& name : settings.attributes) {
-        require(!name.empty(), "an attribute name is empty");
-        requirePlain("an attribute name", name);
-    }
+    checkAttributes(settings.attributes);
     require(!settings.forms.empty(), "the list of address forms is empty");
     QueryTemplate const queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
     for (QueryTemplate::Finding const& finding : queryTemplate.check()) {
@@ -190,6 +236,7 @@ void validate(Settings const& settings)
     checkServers(settings);
     checkCredentials(settings);
     checkSearch(settings);
+    checkResults(settings);
     checkDomains(settings);
     checkTimes(settings);
     checkSizes(settings);

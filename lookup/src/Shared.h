@@ -5,6 +5,7 @@
 #include "Counters.h"
 #include "KeyForms.h"
 #include "Pool.h"
+#include "ResultRules.h"
 
 #include <solvane/lookup/QueryTemplate.h>
 #include <solvane/lookup/Settings.h>
@@ -64,6 +65,7 @@ public:
     Settings const& settings;
     QueryTemplate const queryTemplate;
     KeyForms const forms;
+    ResultRules const rules;
     SearchRequest const request;
     SearchRequest const entryRequest; ///< for the DN alone, and whether there are several
     Totals& totals;

@@ -2,6 +2,7 @@
 #ifndef SOLVANE_LOOKUP_SRC_TASK_H
 #define SOLVANE_LOOKUP_SRC_TASK_H
 
+#include "Expansion.h"
 #include "Failover.h"
 #include "Login.h"
 #include "ServerRecord.h"
@@ -18,13 +19,18 @@ namespace Solvane::Lookup {
 
 struct Lane;
 
-/// Waits for a lane, then is in flight on it, and is done when it has its answer.
+struct MemberSearch;
+
+/// Waits for a lane, then is in flight on it, and is done when it has its answer. A key with
+/// members is not done then: its expansion makes further tasks, which share its deadline.
 struct Task {
     std::string key;
-    std::unique_ptr<Login> login;   ///< its password is to be verified; null: a lookup
-    std::uint64_t tag = 0;          ///< the owner's name for it
-    std::vector<std::string> forms; ///< empty: only the key itself
-    std::size_t form = 0;           ///< index of the current form
+    std::unique_ptr<Login> login;         ///< its password is to be verified; null: a lookup
+    std::unique_ptr<MemberSearch> member; ///< searches this instead of the key
+    std::unique_ptr<Expansion> expansion; ///< of a key whose members are searched
+    std::uint64_t tag = 0;                ///< the owner's name for it
+    std::vector<std::string> forms;       ///< empty: only the key itself
+    std::size_t form = 0;                 ///< index of the current form
     Clock::time_point start;
     Clock::time_point deadline;
     Answer answer;
@@ -34,8 +40,9 @@ struct Task {
     Lane* lane = nullptr; ///< null: none
     int messageId = 0;
     Clock::time_point sentAt;
-    std::size_t bytes = 0;    ///< of its entries
+    std::size_t bytes = 0;    ///< of its entries, and of a key's members
     bool isReferred = false;  ///< the answer has references to other servers
+    bool hasRanges = false;   ///< attributes came in part
     bool wasOnProven = false; ///< its session had answered a search before
 
     // Earlier attempts.
@@ -67,6 +74,13 @@ struct Task {
                           });
     }
     std::string const& text() const { return forms.empty() ? key : forms[form]; }
+};
+
+/// What a task searches on behalf of a key.
+struct MemberSearch {
+    Task& key;
+    Expansion::Search search;
+    bool isMissing = false; ///< the server has no such entry
 };
 
 } // namespace Solvane::Lookup

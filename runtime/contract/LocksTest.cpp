@@ -1,4 +1,4 @@
-// Mutual exclusion, and tokens taken and given back, by one thread and by several.
+// Mutual exclusion, and semaphore tokens, by one thread and by several.
 #include <solvart/Mutex.h>
 #include <solvart/Semaphore.h>
 

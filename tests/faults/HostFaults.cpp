@@ -91,9 +91,10 @@ std::vector<Case> descriptorCases(Column column, Extent const& extent)
         return cases;
     }
     // The engine tells what this process lacks from a server that is down.
-    Accepted const trouble = column == Column::submit ? Accepted{"system error 24"} // EMFILE
-                             : usesEngine(column)     ? Accepted{"TryLater -2"}
-                                                      : connectTrouble(column, Trouble::broken);
+    Accepted const trouble = column == Column::submit
+                                 ? Accepted{"system error: epoll_create1: Too many open files"}
+                             : usesEngine(column) ? Accepted{"TryLater -2"}
+                                                  : connectTrouble(column, Trouble::broken);
     for (bool const isConnected : {false, true}) {
         bool const keepsConnections = column == Column::pool || usesEngine(column);
         Case tried;

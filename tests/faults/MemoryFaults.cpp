@@ -110,7 +110,7 @@ Fault programMemory()
         "memory", "Each allocation of C++ fails in turn (operator new).", notForTheTool,
         [](Column column, Extent const& extent) {
             Accepted accepted = anyOf({success(column), {"out of memory"}});
-            if (column == Column::verify) { // OpenLDAP writes the request, which cannot throw
+            if (usesEngine(column)) { // OpenLDAP writes the request, which cannot throw
                 accepted.insert("TryLater -1");
             }
             return failingCases<MemorySite<FailingAllocation>>(

@@ -601,12 +601,6 @@ private:
     std::filesystem::path m_password;
 };
 
-/// Without a descriptor, the sanitizer cannot examine the exception's type.
-__attribute__((no_sanitize("vptr"))) std::string wordFor(std::system_error const& fault)
-{
-    return "system error " + std::to_string(fault.code().value());
-}
-
 } // namespace
 
 std::string wordFor(std::function<std::string()> const& work)
@@ -618,7 +612,7 @@ std::string wordFor(std::function<std::string()> const& work)
     } catch (std::bad_alloc const&) {
         return "out of memory";
     } catch (std::system_error const& fault) {
-        return wordFor(fault);
+        return std::string("system error: ") + fault.what();
     } catch (std::exception const& fault) {
         return std::string("std::exception: ") + fault.what();
     }

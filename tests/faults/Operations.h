@@ -44,7 +44,7 @@ struct Target {
 /// - "Search.cpp:332 (4/4)": an LDAPException with its code and type; causes follow behind "<". Of
 ///   a query, "error Search.cpp:332".
 /// - "TryLater -1": outcome and code of the engine's answer. "exit 75": the tool's.
-/// - "out of memory": std::bad_alloc. "system error N": std::system_error, with errno.
+/// - "out of memory": std::bad_alloc. "system error: ...": std::system_error, with its text.
 using Came = std::vector<std::string>;
 
 /// One operation with the handles that it keeps between runs: a pool, an engine.

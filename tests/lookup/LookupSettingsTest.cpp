@@ -217,4 +217,32 @@ TEST(LookupSettings, AreRefusedWhereATimeIsMeantToHaveNoEnd)
     EXPECT_EQ(refusalWith([](Settings& s) { s.deadline = s.longestBackOff = hours(8760); }), "");
 }
 
+TEST(LookupSettings, OfGroupsNameTheAttributesOfResults)
+{
+    auto const with = [](auto change) {
+        return refusalWith([&](Settings& s) {
+            s.specialResultAttributes = {"member"};
+            s.leafResultAttributes = {"mail"};
+            change(s);
+        });
+    };
+
+    EXPECT_EQ(with([](Settings&) {}), "");
+    EXPECT_THAT(with([](Settings& s) { s.leafResultAttributes.clear(); }),
+                HasSubstr("but no result attribute"));
+    EXPECT_THAT(refusalWith([](Settings& s) { s.resultFormat = "%u"; }),
+                HasSubstr("but no result attribute"));
+    EXPECT_THAT(refusalWith([](Settings& s) { s.expansionLimit = 1; }),
+                HasSubstr("but no result attribute"));
+    EXPECT_THAT(with([](Settings& s) { s.attributes = {"cn", "*"}; }), HasSubstr("'*' is none"));
+    EXPECT_THAT(with([](Settings& s) { s.attributes = {"Member"}; }),
+                HasSubstr("'member' is a result attribute too"));
+    EXPECT_THAT(with([](Settings& s) { s.terminalResultAttributes = {""}; }),
+                HasSubstr("an attribute name is empty"));
+    EXPECT_THAT(with([](Settings& s) { s.recursionLimit = 0; }), HasSubstr("at least 1"));
+    EXPECT_THAT(with([](Settings& s) { s.resultFormat = "%s%"; }),
+                HasSubstr("the result format ends with a single %"));
+    EXPECT_THAT(with([](Settings& s) { s.resultFormat = "a\nb"; }), HasSubstr("control character"));
+}
+
 } // namespace SolvaneTest

@@ -6,13 +6,14 @@
 #include "TemporaryDirectory.h"
 #include "TestedServer.h"
 
-#include <solvane/ldap/LDAPAttribute.h>
+#include <solvane/ldap.h>
 #include <solvane/lookup/LDAPLookupQueue.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <set>
 
 using namespace Solvane;
 using Lookup::Denial;
@@ -604,6 +605,101 @@ TEST_F(LostAndFoundServer, ThatCrashesUnderManyKeysLosesNone)
         ASSERT_EQ(answers[i].answer.outcome, Outcome::Found) << answers[i].answer.text;
     }
     EXPECT_GT(fromTheSecond, 0U);
+}
+
+// Groups within groups, and values that a server returns in ranges.
+
+class GroupsOnAServer : public ServerTest {
+protected:
+    static void SetUpTestSuite()
+    {
+        add("leaves", {server().personDn(1), server().personDn(2), server().personDn(3)});
+        add("branches", {server().personDn(4), dnOf("leaves"), server().personDn(1)});
+        add("tree", {dnOf("branches"), dnOf("leaves"), server().personDn(5)});
+    }
+
+    static std::string dnOf(std::string const& name)
+    {
+        return "cn=" + name + ',' + server()["NEW"];
+    }
+
+    static void add(std::string const& name, std::vector<std::string> const& members)
+    {
+        bool const isOfActiveDirectory = server()["PROGRAM"] == "samba";
+        LDAPAttributeContainer group;
+        for (auto const& [type, values] :
+             {Attribute("objectClass", {isOfActiveDirectory ? "group" : "groupOfNames"}),
+              Attribute("cn", {name}), Attribute("member", members)}) {
+            LDAPAttribute attribute{LDAPAttributeType(type)};
+            for (std::string const& value : values) {
+                attribute.value(value);
+            }
+            group.add(attribute);
+        }
+        LDAPConnection connection = server().bound();
+        std::string dn = dnOf(name);
+        LDAPAdd request(connection, dn);
+        request.attributes(group);
+        request.send();
+        EXPECT_FALSE(request.wait(10)) << name;
+        EXPECT_EQ(request.result().resultCode(), 0) << name;
+    }
+
+    static LDAPLookup::Settings groupSettings()
+    {
+        auto settings = server().settings();
+        settings.base = server()["NEW"];
+        settings.queryTemplate = "(cn=$u)";
+        settings.specialResultAttributes = {"member"};
+        settings.leafResultAttributes = {"mail"};
+        return settings;
+    }
+    static std::set<std::string> resultsOf(LDAPLookup::Answer const& answer)
+    {
+        return {answer.results.begin(), answer.results.end()};
+    }
+    static std::set<std::string> addresses(std::initializer_list<int> users)
+    {
+        std::set<std::string> all;
+        for (int const user : users) {
+            all.insert(addressOf(user));
+        }
+        return all;
+    }
+};
+
+TEST_F(GroupsOnAServer, AreFoundWithTheMembersOfTheirGroups)
+{
+    LDAPLookup lookup(groupSettings());
+
+    auto const answer = lookup.find("tree");
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(answer.text, "");
+    EXPECT_EQ(resultsOf(answer), addresses({1, 2, 3, 4, 5}));
+    EXPECT_THAT(answer.results, SizeIs(5));
+    EXPECT_EQ(lookup.find("tree").results, answer.results);
+}
+
+TEST_F(GroupsOnAServer, AreCompleteIfTheirMembersComeInRanges)
+{
+    if (server()["PROGRAM"] != "samba") {
+        GTEST_SKIP() << "this server returns no ranges";
+    }
+    auto plain = groupSettings();
+    plain.specialResultAttributes.clear();
+    plain.leafResultAttributes.clear();
+    plain.attributes = {"member;range=0-0"};
+    auto ranged = groupSettings();
+    ranged.specialResultAttributes = {"member;range=0-1"};
+
+    auto const entry = LDAPLookup(plain).find("leaves");
+    auto const answer = LDAPLookup(ranged).find("tree");
+
+    EXPECT_EQ(entry.outcome, Outcome::Found) << entry.text;
+    EXPECT_THAT(entry.values("member"), SizeIs(3));
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_EQ(resultsOf(answer), addresses({1, 2, 3, 4, 5}));
 }
 
 } // namespace SolvaneTest

@@ -143,7 +143,10 @@ TEST_F(CheckOfAServer, PassesByKerberosOverStartTls)
     names.add(server()["KERBEROS_HOST"], {server().host()});
     std::string const uri = "ldap://" + server()["KERBEROS_HOST"] + ':' + server()["LDAP_PORT"];
 
+    // Over TLS, the plugin of Cyrus SASL 2.1.28 loses the credentials of each bind.
+    setenv("ASAN_OPTIONS", "detect_leaks=0", 1);
     auto const outcome = checkWith(uri, {"-ZZ", "-Y", "GSSAPI", "--name-servers", names.address()});
+    unsetenv("ASAN_OPTIONS");
 
     expectPassed(outcome, {"resolution", "StartTLS", "SASL", "probe", "pool"});
 }

@@ -371,7 +371,7 @@ TEST_P(ExternalBindOnSlapd, IsTheSubjectOfTheCertificate)
     EXPECT_EQ(session.authorizationId(), std::string("dn:") + readerDn);
 }
 
-TEST_P(ExternalBindOnSlapd, MayNotBecomeSomebodyElse)
+TEST_P(ExternalBindOnSlapd, MayNotBecomeAnotherUser)
 {
     SessionOptions own = sessionOptions();
     own.authorizationId = std::string("dn:") + readerDn;

@@ -135,7 +135,7 @@ TEST_F(SessionByGssapi, ActsAsTheAuthorizationId)
     EXPECT_EQ(session.authorizationId(), "dn:cn=reader,dc=corp,dc=test");
 }
 
-TEST_F(SessionByGssapi, MayNotActAsAnybody)
+TEST_F(SessionByGssapi, MayNotActAsAnotherUser)
 {
     SessionOptions asAdmin = options();
     asAdmin.authorizationId = "dn:cn=admin,dc=corp,dc=test";

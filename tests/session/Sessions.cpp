@@ -70,6 +70,15 @@ TlsPolicy policy(TlsVerify verify, std::string const& caFile)
     return policy;
 }
 
+std::string ofGnuTls(std::string const& text)
+{
+    char* package = nullptr;
+    ldap_get_option(nullptr, LDAP_OPT_X_TLS_PACKAGE, static_cast<void*>(&package));
+    bool const isGnuTls = std::string(package) == "GnuTLS";
+    ldap_memfree(package);
+    return isGnuTls ? text : std::string();
+}
+
 NoDescriptors::NoDescriptors()
 {
     EXPECT_EQ(getrlimit(RLIMIT_NOFILE, &m_before), 0);

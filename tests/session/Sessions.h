@@ -42,6 +42,10 @@ Solvane::Lookup::SessionOptions startTlsOptions(unsigned int port,
 Solvane::Lookup::TlsPolicy policy(Solvane::Lookup::TlsVerify verify,
                                   std::string const& caFile = std::string());
 
+/// What an OpenLDAP with GnuTLS has, and one with OpenSSL has not, such as priority strings: the text, or
+/// nothing.
+std::string ofGnuTls(std::string const& text);
+
 /// While it exists, this process can open no further descriptor.
 class NoDescriptors {
 public:

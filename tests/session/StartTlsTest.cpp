@@ -15,8 +15,6 @@
 #include <filesystem>
 #include <fstream>
 
-#include <ldap.h>
-
 using namespace Solvane;
 using namespace Solvane::Lookup;
 using std::chrono::milliseconds;
@@ -91,17 +89,6 @@ protected:
         std::string const path = m_folder.path() / name;
         std::ofstream(path) << text;
         return path;
-    }
-
-    /// What an OpenLDAP with GnuTLS has, and one with OpenSSL has not: lists of revocations, and
-    /// priority strings.
-    static std::string ofGnuTls(std::string const& text)
-    {
-        char* package = nullptr;
-        ldap_get_option(nullptr, LDAP_OPT_X_TLS_PACKAGE, static_cast<void*>(&package));
-        bool const isGnuTls = std::string(package) == "GnuTLS";
-        ldap_memfree(package);
-        return isGnuTls ? text : std::string();
     }
 
     TemporaryDirectory m_folder;

@@ -62,7 +62,7 @@ public:
     FakeOpenLDAP& operator=(FakeOpenLDAP const&) = delete;
 
     /// Every call so far, in order: the function's name and the arguments that matter. Pointers
-    /// show as their names, as "null", or as "unknown"; memory that is given back shows its
+    /// show as their names, as "null", or as "unknown"; memory that is freed shows its
     /// content.
     std::vector<std::string> calls() const;
     /// Forgets the calls so far.

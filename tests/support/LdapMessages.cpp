@@ -216,4 +216,24 @@ BindContent bindContentOf(std::string const& message)
     return bind;
 }
 
+SearchContent searchContentOf(std::string const& message)
+{
+    std::string whole = message;
+    std::string content = takeElement(whole);
+    takeElement(content); // message id
+    std::string request = takeElement(content);
+    SearchContent search;
+    search.base = takeElement(request);
+    search.scope = takeElement(request).at(0);
+    takeElement(request); // aliases
+    takeElement(request); // size limit
+    takeElement(request); // time limit
+    takeElement(request); // types only
+    search.filter = takeElement(request);
+    for (std::string list = takeElement(request); !list.empty();) {
+        search.attributes.push_back(takeElement(list));
+    }
+    return search;
+}
+
 } // namespace SolvaneTest

@@ -60,6 +60,14 @@ struct BindContent {
     std::string controls; ///< as sent
 };
 BindContent bindContentOf(std::string const& message);
+/// The content of a search request.
+struct SearchContent {
+    std::string base;
+    int scope = 0;
+    std::string filter; ///< encoded
+    std::vector<std::string> attributes;
+};
+SearchContent searchContentOf(std::string const& message);
 /// The length of the message at the start of `bytes`; 0 while it is unknown.
 std::size_t messageLength(std::string const& bytes);
 

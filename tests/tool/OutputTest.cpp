@@ -148,6 +148,47 @@ TEST(TsvWriter, LeavesNoTabInAColumn)
     EXPECT_EQ(written("tsv", record), "> j\\x09doe\\x0A\ta\\x09b\tfound\n");
 }
 
+Record group(std::vector<std::string> results)
+{
+    Record record = jdoe();
+    record.hasResults = true;
+    record.isWithoutValue = results.empty();
+    record.answer.results = std::move(results);
+    return record;
+}
+
+TEST(EachWriter, WritesResultsInThePlaceOfTheValuesOfEntries)
+{
+    Record const record = group({"a@b", "c\n"});
+
+    EXPECT_EQ(written("text", record),
+              "> # jdoe@corp.test: found 2\nresult: a@b\nresult:: Ywo=\n\n");
+    EXPECT_EQ(written("values", record), "> a@b,c\\x0A\n");
+    EXPECT_EQ(written("tsv", record), "> jdoe@corp.test\ta@b,c\\x0A\tfound\n");
+    EXPECT_THAT(written("json", record),
+                testing::HasSubstr(R"("attrs":{"cn":["c"]}}],"results":["a@b","c\n"],"code":0)"));
+    EXPECT_THAT(written("ldif", record), testing::HasSubstr("dn: cn=a\n"));
+}
+
+TEST(EachWriter, TellsThatThereIsNoValue)
+{
+    Record const record = group({});
+
+    EXPECT_EQ(written("text", record), "> # jdoe@corp.test: found 2, without a value\n");
+    EXPECT_EQ(written("values", record), "> \n");
+    EXPECT_EQ(written("tsv", record), "> jdoe@corp.test\t\tnovalue\n");
+    EXPECT_THAT(written("json", record), testing::HasSubstr(R"("status":"novalue")"));
+    EXPECT_EQ(outcomeOf(record), Outcome::found);
+}
+
+TEST(TsvWriter, AppendsARemark)
+{
+    Record record = group({"a"});
+    record.answer.text = "member 'x' does not exist";
+
+    EXPECT_EQ(written("tsv", record), "> jdoe@corp.test\ta\tfound\tmember 'x' does not exist\n");
+}
+
 TEST(JsonWriter, WritesEveryField)
 {
     EXPECT_EQ(written("json", jdoe()),

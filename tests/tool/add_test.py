@@ -462,6 +462,37 @@ class ProgressOfAnAdd(DirectoryTest):
         self.assertNotIn("\x1b", result.errors)
 
 
+class AddFromAPipe(DirectoryTest):
+    slapd_options = ["--users", "1"]
+
+    def begin(self, entries):
+        """The tool, after it got these entries; more could follow."""
+        password = self.file("password", b"reader-pw\n")
+        process = subprocess.Popen(
+            [TOOL, "add", "-H", self.uri, "-D", READER, "-y", password],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+        )
+        self.addCleanup(process.stdout.close)
+        self.addCleanup(process.stdin.close)
+        self.addCleanup(process.kill)
+        process.stdin.write(entries.encode())
+        process.stdin.flush()
+        return process
+
+    def test_reports_each_answer_before_more_entries_come(self):
+        process = self.begin(unit("p0") + unit("p1"))
+
+        self.assertTrue(process.stdout.readline().startswith(b"added ou=p0,"))
+        self.assertTrue(process.stdout.readline().startswith(b"added ou=p1,"))
+
+    def test_ends_after_a_failure_though_more_could_come(self):
+        process = self.begin(unit("q0") + unit("q0"))
+
+        self.assertEqual(process.wait(DEADLINE), 73)
+        self.assertIn(b"exists ou=q0,", process.stdout.read())
+
+
 class AddToAServerThatEnds(DirectoryTest):
     slapd_options = ["--users", "1"]
 

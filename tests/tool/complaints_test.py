@@ -154,7 +154,7 @@ class AConnectionClosedForIdleness(LookupTest):
         dialogue = Dialogue(self, self.slapd.uri, "--stats=json", *arguments)
 
         first = dialogue.ask(USER)
-        self.assertTrue(eventually(self.slapd.has_hung_up_on_somebody))
+        self.assertTrue(eventually(self.slapd.has_closed_a_connection))
         second = dialogue.ask("user0000002@corp.test")
         third = dialogue.ask("nobody@corp.test")
         status, errors = dialogue.end()
@@ -378,7 +378,7 @@ class APlaceholder(ToolTest):
                 self.assertIn("template:", result.output)
                 self.assertEqual(result.status, 0 if "{" in template else 65)
 
-    def test_is_called_an_error_by_a_lookup_before_anybody_is_asked(self):
+    def test_is_called_an_error_by_a_lookup_before_any_server_is_asked(self):
         for template in ("(mail=$s)", "(mail=%s)"):
             with self.subTest(template=template):
                 directory = ScriptedDirectory(self, silent)

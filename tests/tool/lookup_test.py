@@ -237,6 +237,87 @@ class Lookup(DirectoryTest):
         self.assertEqual(result.status, 78)
 
 
+class Groups(DirectoryTest):
+    """Group "many" has 2,000 members, of which 20 are users here; every tenth has two addresses."""
+
+    slapd_options = ["--users", "20"]
+    options = ["--special-attrs", "member", "--leaf-attrs", "mail"]
+
+    def look_up_group(self, *arguments, key="many"):
+        return self.look_up(*self.options, *arguments, key, base=SUFFIX, template="(cn=$u)")
+
+    def test_prints_the_results_of_a_group(self):
+        result = self.look_up_group()
+
+        self.assertEqual((result.status, result.errors), (0, ""))
+        self.assertEqual(
+            result.lines[:2],
+            [
+                "# many: found 1: 1980 members do not exist, such as "
+                "'uid=user0000021,ou=people,dc=corp,dc=test'",
+                "result: user0000001@corp.test",
+            ],
+        )
+        self.assertEqual(len([line for line in result.lines if line.startswith("result: ")]), 22)
+
+    def test_prints_results_in_each_format(self):
+        values = self.look_up_group("--format", "values").lines[0].split(",")
+        columns = self.look_up_group("--format", "tsv").lines[0].split("\t")
+        record = json.loads(self.look_up_group("--format", "json").output)
+
+        self.assertEqual(len(values), 22)
+        self.assertEqual(columns[:3], ["many", ",".join(values), "found"])
+        self.assertIn("1980 members do not exist", columns[3])
+        self.assertEqual(record["results"], values)
+        self.assertEqual(len(record["entries"]), 1)
+
+    def test_defers_beyond_a_limit(self):
+        for option, text in (
+            (["--expansion-limit", "21"], "more than 21 values"),
+            (["--recursion-limit", "1"], "nested deeper than 1 level "),
+        ):
+            result = self.look_up_group(*option, "--format", "tsv")
+
+            self.assertEqual(result.status, 75)
+            self.assertIn(text, result.errors)
+            self.assertEqual(result.lines[0].split("\t")[:3], ["many", "", "error"])
+
+    def test_formats_values(self):
+        result = self.look_up(
+            "--attrs", "mail", "--result-format", "smtp:[%d] %U", "user0000003@corp.test"
+        )
+        invalid = self.look_up("--attrs", "mail", "--result-format", "%q", "x")
+
+        self.assertEqual(result.lines[1], "result: smtp:[corp.test] user0000003")
+        self.assert_fails(invalid, 64, "--result-format", "unknown specifier %q")
+
+    def test_tells_what_is_found_without_a_value(self):
+        lacking = ["--attrs", "telephoneNumber", "user0000001@corp.test"]
+        text = self.look_up(*lacking)
+        table = self.look_up(*lacking, "--format", "tsv")
+        group = self.look_up(
+            *["--special-attrs", "member", "--leaf-attrs", "title", "--format", "json", "many"],
+            base=SUFFIX,
+            template="(cn=$u)",
+        )
+
+        self.assertEqual(text.status, 0)
+        self.assertEqual(text.lines[0], "# user0000001@corp.test: found 1, without a value")
+        self.assertEqual(table.lines, ["user0000001@corp.test\t\tnovalue"])
+        record = json.loads(group.output)
+        self.assertEqual((record["status"], record["results"]), ("novalue", []))
+        self.assertEqual(self.look_up(*lacking, "--nouser-without-value").status, 1)
+        self.assertEqual(
+            self.look_up(*lacking, "--nouser-without-value", "--nouser", "67").status, 67
+        )
+        self.assertEqual(
+            self.look_up(
+                "--attrs", "1.1", "user0000001@corp.test", "--nouser-without-value"
+            ).status,
+            0,
+        )
+
+
 class LookupWhereAnonymousIsRefused(DirectoryTest):
     slapd_options = ["--users", "1", "--no-anon", "--no-v2"]
 

@@ -80,7 +80,7 @@ class Slapd:
     def resume(self):
         os.kill(self._pid, signal.SIGCONT)
 
-    def has_hung_up_on_somebody(self):
+    def has_closed_a_connection(self):
         """A client still holds its end of a connection that this server has closed."""
         port = f":{int(self._environment['LDAP_PORT']):04X}"
         with open("/proc/net/tcp", encoding="ascii") as table:

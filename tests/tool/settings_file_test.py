@@ -198,6 +198,17 @@ class OnADirectory(DirectoryTest):
 
         self.assertEqual(run("-C", path, "lookup", "user0000001@corp.test").status, 0)
 
+    def test_formats_results_under_both_names(self):
+        for name in ("result_format", "result_filter"):
+            path = self.everything(f"{name} = <%s>")
+            lookup = run("-C", path, "lookup", "--format", "values", "user0000001@corp.test")
+            invalid = run("-C", self.everything(f"{name} = %"), "lookup", "x")
+
+            self.assertEqual(lookup.lines, ["<user0000001>"], lookup.errors)
+            self.assert_fails(invalid, 78, f"conf:5: {name}", "single %")
+        both = self.everything("result_format = %s", "result_filter = %u")
+        self.assert_fails(run("-C", both, "lookup", "x"), 78, "result_format and result_filter")
+
     def test_binds_with_its_password(self):
         path = self.everything(f"bind_dn = {READER}", f"bind_pw = {READER_PASSWORD}")
 

@@ -59,7 +59,7 @@ class Prompt(ToolTest):
         self.assertNotIn(b"hunter2", terminal.shown)
         self.assertTrue(terminal.echoes())
 
-    def test_comes_before_anybody_is_connected_to(self):
+    def test_comes_before_any_server_is_connected_to(self):
         directory = self.found()
 
         self.start(directory)

@@ -48,7 +48,7 @@ public:
 
     /// Forgets what was noted so far.
     void forget() { m_events.clear(); }
-    /// The names of what was given back since then, in order; other memory is left out, and so is
+    /// The names of what was freed since then, in order; other memory is left out, and so is
     /// what became of memory that was allocated anew.
     std::vector<std::string> of(Named named) const;
 

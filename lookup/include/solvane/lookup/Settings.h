@@ -69,14 +69,16 @@ struct Settings {
     std::string queryTemplate;                          ///< for `LDAPUtil::sv_ldap_expand_query`
     std::string bValue;                                 ///< value of `$b`
     std::string gValue;                                 ///< value of `$g`
-    std::vector<std::string> attributes; ///< to return; empty asks for all user attributes
+    /// To return; empty asks for all user attributes. With groups or a format, those whose values
+    /// are results.
+    std::vector<std::string> attributes;
     /// Looked up in this order until an entry is found. Equal forms are looked up once.
     std::vector<Form> forms = {Form::full};
     char extensionDelimiter = '+'; ///< separates user and extension; 0: none
     /// Domains that are served, case ignored, in Unicode or in ASCII ("xn--..."); keys of others
     /// and keys without a domain are skipped. An empty list serves all; an empty domain is refused.
     std::vector<std::string> domains;
-    unsigned int entryLimit = 1000;            ///< for one key; more is `TryLater`; 0: no limit
+    unsigned int entryLimit = 1000;            ///< for one search; more is `TryLater`; 0: no limit
     unsigned int timeLimit = 0;                ///< seconds for the server's search; 0: no limit
     std::chrono::milliseconds deadline{15000}; ///< for one key in total; at most a year
     TlsPolicy tls;                             ///< for servers with `secure` or `startTls`
@@ -89,19 +91,48 @@ struct Settings {
 
     /// Name servers, "address" or "address:port"; empty: the system's.
     std::vector<std::string> nameServers = {};
-    std::size_t keyBytes = 1000;                  ///< maximum of a key; a longer one is `BadKey`
-    std::size_t entryBytes = 16UL * 1024 * 1024;  ///< maximum of one message of a server
-    std::size_t answerBytes = 64UL * 1024 * 1024; ///< maximum of all entries for one key
+    std::size_t keyBytes = 1000;                 ///< maximum of a key; a longer one is `BadKey`
+    std::size_t entryBytes = 16UL * 1024 * 1024; ///< maximum of one message of a server
+    std::size_t answerBytes =
+        64UL * 1024 * 1024; ///< maximum of all entries for one key, members too
     std::chrono::milliseconds refusedHold{60000}; ///< pause between a refused bind and the next one
     References references = References::defer;    ///< how to treat references
     /// Looks up a non-ASCII domain also in its ASCII form (RFC 5891), and one in ASCII form also in
     /// Unicode.
     bool asciiDomains = true;
-    /// Maximum of connections on which `verify` binds, for all threads together. They are no others
-    /// than these, so it is also the maximum of binds at a time.
+    /// Maximum of connections on which `verify` and queues bind as users, for all threads together.
+    /// They are no others than these, so it is also the maximum of binds at a time.
     unsigned int verifyConnections = 2;
     /// Is told what happens to connections and servers; null: nobody is.
     std::shared_ptr<Observer> observer = nullptr;
+
+    // Results: groups and formats, as Postfix's ldap_table(5) has them
+
+    /// Attributes that name members of a group, by DN or by LDAP URL (RFC 4516): the search goes on
+    /// there, for the same attributes. They are in none of the other lists.
+    std::vector<std::string> specialResultAttributes = {};
+    /// Attributes that are results only of an entry without values of `specialResultAttributes`.
+    std::vector<std::string> leafResultAttributes = {};
+    /// If an entry has values of these attributes, they are its only results, and the search does
+    /// not go on at its members.
+    std::vector<std::string> terminalResultAttributes = {};
+    unsigned int expansionLimit = 0; ///< results of one key; more is `TryLater`; 0: no limit
+    /// Levels of entries: 1 is those of the search itself, 2 also their members; more is
+    /// `TryLater`.
+    unsigned int recursionLimit = 1000;
+    /// The text that each value becomes: `%s` is the value, `%u` and `%d` its user and domain, `%S`,
+    /// `%U`, `%D` the same of the key, `%1` to `%9` the labels of the key's domain from the right,
+    /// `%%` a percent sign. A value without the part is left out; a key without it is `NotFound`.
+    /// Empty is "%s".
+    std::string resultFormat = "%s";
+
+    /// Whether answers have results: groups, a format or an expansion limit are set.
+    bool makesResults() const
+    {
+        return !specialResultAttributes.empty() || !leafResultAttributes.empty() ||
+               !terminalResultAttributes.empty() || expansionLimit != 0 ||
+               (!resultFormat.empty() && resultFormat != "%s");
+    }
 
     /// Whether connections send no bind.
     bool isAnonymous() const { return Lookup::isAnonymous(mechanism, bindDn); }
