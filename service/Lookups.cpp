@@ -116,7 +116,7 @@ private:
         auto const asked = m_asked.extract(result.tag);
         m_tags.erase(result.key);
         Lookup::Answer const& answer = result.answer;
-        Kept const taken = {replyTo(answer, m_map.settings.lookup.attributes), answer.outcome, {}};
+        Kept const taken = {replyTo(answer, m_map.settings.lookup), answer.outcome, {}};
         m_map.metrics->latency.add(answer.milliseconds);
         keep(result.key, taken);
         std::string const remark = fmt::format(", {:.1f} ms{}{}", answer.milliseconds,

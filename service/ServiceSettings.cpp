@@ -171,7 +171,9 @@ void requireComplete(Tool::Draft const& draft, bool hasPassword, bool isForLogin
             refuse(fmt::format("{} is not set", name), "add it");
         }
     }
-    if (lookup.attributes.empty() && !isForLogins) {
+    bool const hasResults = !lookup.attributes.empty() || !lookup.leafResultAttributes.empty() ||
+                            !lookup.terminalResultAttributes.empty();
+    if (!hasResults && !isForLogins) {
         refuse("result_attribute is not set", "name the attributes whose values are returned");
     }
     if (isSimple && !lookup.bindDn.empty() && !hasPassword) {

@@ -2,10 +2,12 @@
 #include "Socketmap.h"
 
 #include <solvane/lookup/Answer.h>
+#include <solvane/lookup/Settings.h>
 #include <solvane/session/PlainText.h>
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
 namespace Solvane::Service {
 
@@ -15,18 +17,19 @@ using Lookup::Outcome;
 
 constexpr std::size_t longestReason = 500; // mail servers log it
 
-/// The values of the attributes, of all entries in order, without empty ones.
-std::vector<std::string> valuesIn(Lookup::Answer const& answer,
-                                  std::vector<std::string> const& attributes)
+/// The values to return, without empty ones.
+std::vector<std::string> valuesIn(Lookup::Answer const& answer, Lookup::Settings const& settings)
 {
     std::vector<std::string> values;
-    for (std::string const& attribute : attributes) {
-        for (std::string& value : answer.values(attribute)) {
-            if (!value.empty()) {
-                values.push_back(std::move(value));
-            }
+    if (settings.makesResults()) {
+        values = answer.results;
+    } else {
+        for (std::string const& attribute : settings.attributes) {
+            std::vector<std::string> more = answer.values(attribute); // of all entries in order
+            std::move(more.begin(), more.end(), std::back_inserter(values));
         }
     }
+    values.erase(std::remove(values.begin(), values.end(), std::string()), values.end());
     return values;
 }
 
@@ -151,11 +154,11 @@ Reply Reply::tryLater(std::string_view reason)
     return {Kind::tryLater, "TEMP " + text};
 }
 
-Reply replyTo(Lookup::Answer const& answer, std::vector<std::string> const& attributes)
+Reply replyTo(Lookup::Answer const& answer, Lookup::Settings const& settings)
 {
     switch (answer.outcome) {
     case Outcome::Found: {
-        auto const values = valuesIn(answer, attributes);
+        auto const values = valuesIn(answer, settings);
         return values.empty() ? Reply::notFound() : replyWith(values, answer.server);
     }
     case Outcome::NotFound:

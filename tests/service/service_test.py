@@ -7,7 +7,7 @@ import socket
 import time
 import unittest
 
-from ldapd import Client, Service, netstring
+from ldapd import GROUPS, Client, Service, add_entries, group, netstring
 from servers import (
     SEARCH,
     ScriptedDirectory,
@@ -177,6 +177,51 @@ class Lookups(DirectoryTest):
         service.reload()
         service.ask("users", "user0000001@corp.test")
         self.assertEqual(service.stats()['solvane_ldapd_request_seconds_count{map="users"}'], 3)
+
+
+class Groups(DirectoryTest):
+    slapd_options = ["--users", "20"]
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        add_entries(
+            cls.uri,
+            group("all", 1, "inner", 2)
+            + group("inner", 3, 1, "all", 4)
+            + group("empty", "nobody"),
+        )
+
+    def test_are_answered_with_all_their_members(self):
+        service = Service(self, self.uri, maps={"users": GROUPS})
+
+        users = [f"user{number:07d}@corp.test" for number in (1, 3, 4, 2)]
+        self.assertEqual(service.ask("users", "all@corp.test"), "OK " + ",".join(users))
+
+    def test_are_not_found_without_a_member(self):
+        service = Service(self, self.uri, maps={"users": GROUPS})
+
+        self.assertEqual(service.ask("users", "empty@corp.test"), "NOTFOUND ")
+        self.assertEqual(service.ask("users", "nobody@corp.test"), "NOTFOUND ")
+
+    def test_are_never_shortened(self):
+        for limit in ("expansion_limit = 3\n", "recursion_limit = 1\n"):
+            with self.subTest(limit):
+                service = Service(
+                    self, self.uri, "cache_negative_time = 60\n", maps={"users": GROUPS + limit}
+                )
+
+                self.assertRegex(service.ask("users", "all@corp.test"), "^TEMP .*limit")
+                service.stop()
+
+    def test_values_have_the_format_of_the_map(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = mail\nresult_format = %u/smtp:[%S]\n"
+        service = Service(self, self.uri, maps={"users": users})
+
+        self.assertEqual(
+            service.ask("users", "user0000001@corp.test"),
+            "OK user0000001/smtp:[user0000001@corp.test]",
+        )
 
 
 class Trouble(ToolTest):
