@@ -192,7 +192,7 @@ void readMap(std::filesystem::path const& path, MapSettings& map, std::string co
 {
     map.name = mapNameIn(path.stem());
     std::size_t const before = faults.size();
-    Tool::SettingsFile const file(path, Tool::SettingsFile::Privacy::group, faults);
+    Tool::SettingsFile const file(path, Tool::Privacy::group, faults);
     if (faults.size() != before) {
         return;
     }
