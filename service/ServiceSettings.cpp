@@ -39,7 +39,7 @@ std::vector<Endpoint> endpointsIn(std::string const& text)
 {
     std::vector<Endpoint> endpoints;
     for (std::string const& word : Tool::wordsIn(text)) {
-        endpoints.push_back(endpointIn(word));
+        endpoints.push_back(Tool::endpointIn(word));
     }
     return endpoints;
 }
