@@ -39,7 +39,7 @@ std::vector<Endpoint> endpointsIn(std::string const& text)
 {
     std::vector<Endpoint> endpoints;
     for (std::string const& word : Tool::wordsIn(text)) {
-        endpoints.push_back(endpointIn(word));
+        endpoints.push_back(Tool::endpointIn(word));
     }
     return endpoints;
 }
@@ -192,7 +192,7 @@ void readMap(std::filesystem::path const& path, MapSettings& map, std::string co
 {
     map.name = mapNameIn(path.stem());
     std::size_t const before = faults.size();
-    Tool::SettingsFile const file(path, Tool::SettingsFile::Privacy::group, faults);
+    Tool::SettingsFile const file(path, Tool::Privacy::group, faults);
     if (faults.size() != before) {
         return;
     }
@@ -268,6 +268,30 @@ std::shared_ptr<Configuration const> readConfiguration(std::string const& folder
         Tool::explainedBy(service, Outcome::configuration, [&] { requireAuthMap(*configuration); });
     });
     return configuration;
+}
+
+std::vector<std::string> needingRestart(ServiceSettings const& running,
+                                        ServiceSettings const& changed)
+{
+    auto const differ = [](std::vector<Endpoint> const& left, std::vector<Endpoint> const& right) {
+        return !std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                           [](Endpoint const& one, Endpoint const& another) {
+                               return one.text() == another.text();
+                           });
+    };
+    std::vector<std::string> names;
+    for (auto const& [name, differs] :
+         {std::pair("listen_socketmap", differ(running.socketmap, changed.socketmap)),
+          std::pair("listen_auth", differ(running.auth, changed.auth)),
+          std::pair("stats_socket", differ(running.stats, changed.stats)),
+          std::pair("socket_mode", running.access.mode != changed.access.mode),
+          std::pair("socket_group", running.access.group != changed.access.group),
+          std::pair("threads", running.threads != changed.threads)}) {
+        if (differs) {
+            names.emplace_back(name);
+        }
+    }
+    return names;
 }
 
 } // namespace Solvane::Service

@@ -216,9 +216,10 @@ class Service:
             self.process.kill()
         self.process.wait(DEADLINE)
 
-    def check(self):
+    def check(self, **options):
         return subprocess.run(
             [LDAPD, "-C", self.folder, "--check"],
+            **options,
             capture_output=True,
             text=True,
             timeout=DEADLINE,

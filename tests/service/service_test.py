@@ -187,9 +187,7 @@ class Groups(DirectoryTest):
         super().setUpClass()
         add_entries(
             cls.uri,
-            group("all", 1, "inner", 2)
-            + group("inner", 3, 1, "all", 4)
-            + group("empty", "nobody"),
+            group("all", 1, "inner", 2) + group("inner", 3, 1, "all", 4) + group("empty", "nobody"),
         )
 
     def test_are_answered_with_all_their_members(self):
@@ -402,6 +400,28 @@ class Reload(DirectoryTest):
         self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
         self.assertTrue(any("users.conf:4: unknown setting" in line for line in service.lines))
         self.assertEqual(service.stats()["solvane_ldapd_reloads_failed_total"], 1)
+
+    def test_brings_new_settings_of_the_service_into_use(self):
+        service = Service(self, self.uri, "auth_trouble = fail\nauth_failures = 1\n")
+        client = service.auth_client()
+        client.plain("user0000001@corp.test", "wrong")
+        self.assertIn("temp", client.plain("user0000001@corp.test", "pw-user0000001"))
+
+        service.write_map("names", "query_filter = (uid=$u)\nresult_attribute = uid\n")
+        service.write_service(
+            "auth_failures = 0\nlog_requests = yes\ncache_time = 60\nclients = 2\nthreads = 2\n"
+        )
+        service.reload()
+
+        self.assertIn("OK", client.plain("user0000001@corp.test", "pw-user0000001"))
+        with service.client() as second, service.client() as third:
+            self.assertTrue(third.is_closed())
+            for _ in range(2):
+                self.assertEqual(second.ask("users", "user0000001@corp.test"), "OK user0000001")
+            self.assertEqual(second.ask("names", "user0000001"), "OK user0000001")
+        service.await_line("users user0000001@corp.test: found (kept)")
+        self.assertTrue(any("threads has changed: restart" in line for line in service.lines))
+        self.assertEqual(sum("has changed" in line for line in service.lines), 1, service.lines)
 
     def test_loses_no_request(self):
         service = Service(self, self.uri, "threads = 2\n")
@@ -635,6 +655,31 @@ class Settings(ToolTest):
 
         self.assertEqual(result.returncode, 78)
         self.assertIn("readable by other users (mode 644)", result.stderr)
+
+    @unittest.skipIf(os.getuid() != 0, "needs root to give files away")
+    def test_are_read_by_the_group_of_the_service_only(self):
+        service = Service(self, self.uri, is_started=False)
+        path = os.path.join(service.folder, "common.settings")
+        os.chmod(self.folder, 0o755)
+        for group, mode, is_accepted in (
+            (12345, 0o640, True),
+            (12345, 0o660, False),
+            (12345, 0o642, False),
+            (12346, 0o640, False),
+        ):
+            with self.subTest(group=group, mode=oct(mode)):
+                os.chown(path, 12345, group)
+                os.chmod(path, mode)
+                for name in os.listdir(os.path.join(service.folder, "maps")):
+                    os.chmod(os.path.join(service.folder, "maps", name), 0o644)
+
+                try:
+                    result = service.check(user=12345, group=12345, extra_groups=[])
+                except PermissionError:
+                    self.skipTest("other users cannot run the program")
+
+                self.assertEqual(result.returncode, 0 if is_accepted else 78, result.stderr)
+                self.assertEqual("able by other users" in result.stderr, not is_accepted)
 
     def test_are_in_the_manual_page(self):
         root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
