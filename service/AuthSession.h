@@ -51,8 +51,8 @@ class AuthSession {
 public:
     /// What `conclude` does when the password could not be verified.
     enum class Trouble {
-        close, ///< ends the connection: Postfix says 454
-        fail,  ///< FAIL with "temp": Postfix says 535, Exim 435
+        close, ///< ends the connection: Postfix says 454, Exim 435
+        fail,  ///< FAIL with "temp", which others know: Postfix and Exim say 535
     };
 
     /// What differs between sessions.
