@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+struct stat;
+
 namespace Solvane::Tool {
 
 /// Owns an open file descriptor; the destructor closes it.
@@ -36,6 +38,23 @@ Failure unusableFile(std::string const& what, std::string const& path, int error
 /// Reads a whole file into memory.
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
+
+/// Who may read a file with a password besides its owner.
+enum class Privacy {
+    owner, ///< only a service's group, whose members read the file of another owner
+    group, ///< a group of this process: it is the service, or root checks for the service
+};
+
+/// Requires that others can neither read nor write a file with a password, that its group cannot
+/// write it, and that it can read it only as `privacy` allows. A group with the name `serviceGroup`
+/// is always the service's.
+/// @param what    the file, for the message
+/// @param status  of the open file: another file may take its name at any time
+/// @throws Failure  "configuration"
+void requirePrivate(std::string const& what, struct stat const& status, Privacy privacy);
+
+/// The group of the service as its package creates it.
+constexpr char serviceGroup[] = "solvane-ldap";
 
 /// Whether a read of the descriptor would not block; waits at most `milliseconds`, -1 for ever.
 bool hasInput(int descriptor, int milliseconds);

@@ -143,12 +143,9 @@ SettingLines::SettingLines(std::string const& path) : m_path(path)
 {
     constexpr std::size_t largest = std::size_t{1024} * 1024;
     Descriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-    struct stat status = {};
-    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
+    if (!file.isOpen() || fstat(file.get(), &m_status) != 0) {
         throw unusableFile("the settings file", path, errno);
     }
-    // Checks the open file, not its name, which another file may take at any time.
-    m_mode = status.st_mode & 0777U;
     m_text.resize(largest); // once: growing would leave copies in memory
     std::size_t size = 0;
     for (ssize_t count = 1; count != 0 && size < m_text.size();) {
@@ -246,7 +243,7 @@ void SettingsFile::store(SettingLines const& lines, Setting const& setting,
                          std::string const& value)
 {
     if (setting.name == passwordName) {
-        requirePrivacy(lines);
+        requirePrivate("the file", lines.status(), m_privacy);
         m_password.assign(value, "the password");
         return;
     }
@@ -254,16 +251,6 @@ void SettingsFile::store(SettingLines const& lines, Setting const& setting,
         refuse(describe(*fault), "write the value in UTF-8 without control characters");
     }
     setting.value.fromFile(value)(m_draft);
-}
-
-void SettingsFile::requirePrivacy(SettingLines const& lines) const
-{
-    mode_t const others = m_privacy == Privacy::owner ? S_IRGRP | S_IROTH : S_IROTH;
-    if ((lines.mode() & others) != 0) {
-        refuse(fmt::format("the file is readable by other users (mode {:03o})", lines.mode()),
-               fmt::format("set mode {}, and change the password if others had access",
-                           m_privacy == Privacy::owner ? "600" : "640"));
-    }
 }
 
 void SettingsFile::finish(std::vector<Failure>& faults)

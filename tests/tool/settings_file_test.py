@@ -1,5 +1,6 @@
 """-C: the settings file, its grammar, its names, and what overrides it."""
 
+import os
 import unittest
 
 from support import PEOPLE, PRIVATE, READER, READER_PASSWORD, DirectoryTest, ToolTest, run
@@ -146,6 +147,31 @@ class Grammar(ToolTest):
                 )
 
         self.assertEqual(self.expand("query_filter = $u\n", mode=0o644).status, 0)
+
+    @unittest.skipIf(os.getuid() != 0, "needs root to give files away")
+    def test_with_a_password_is_read_by_the_group_of_a_service(self):
+        """Of another owner's file, this process is a reader by its group."""
+        path = self.file("conf", b"query_filter = $u\nbind_pw = hunter2\n")
+        own, other = os.getgid(), 12345
+        for owner, group, mode, is_accepted in (
+            (other, own, 0o640, True),
+            (other, own, 0o440, True),
+            (other, other, 0o640, False),
+            (0, own, 0o640, False),
+            (other, own, 0o660, False),
+            (other, own, 0o644, False),
+            (0, own, 0o602, False),
+            (0, own, 0o620, False),
+        ):
+            with self.subTest(owner=owner, group=group, mode=oct(mode)):
+                os.chown(path, owner, group)
+                os.chmod(path, mode)
+                result = run("-C", path, "expand", "a")
+
+                if is_accepted:
+                    self.assertEqual((result.status, result.errors), (0, ""))
+                else:
+                    self.assert_fails(result, 78, "able by other users", "set mode 600")
 
     def test_shows_no_password_of_a_wrong_line(self):
         for text in (
