@@ -18,7 +18,7 @@ namespace {
 
 using Role = ResultRules::Role;
 
-std::string_view textOf(Buffer const& bytes)
+std::string_view viewOf(Buffer const& bytes)
 {
     return {reinterpret_cast<char const*>(bytes.data()), bytes.length()};
 }
@@ -322,9 +322,9 @@ void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry, std::st
         ++role;
         for (Buffer const& value : attribute.binaryValue()) {
             if (isMember && value.length() != 0) { // else it stands for "no members"
-                record.items.push_back({std::string(), nodeOf(std::string(textOf(value)))});
+                record.items.push_back({std::string(), nodeOf(std::string(viewOf(value)))});
             } else if (isResult) {
-                if (auto text = m_rules.format().of(textOf(value), m_key)) {
+                if (auto text = m_rules.format().of(viewOf(value), m_key)) {
                     record.items.push_back({std::move(*text), none});
                     ++m_count;
                 }
