@@ -146,14 +146,15 @@ bool Pipeline::startMembers()
         Expansion::Search search;
         bool const isMade = key.expansion->next(search);
         if (isMade) {
-            std::list<Task> made(1); // elsewhere until it is complete: memory may run out
+            m_waiting.reserve(m_waiting.size() + 1); // all or nothing, if memory runs out
+            std::list<Task> made(1);
             Task& task = made.front();
             task.start = m_now;
             task.deadline = key.deadline;
             task.answer.filter = search.filter;
             task.member = std::make_unique<MemberSearch>(MemberSearch{key, std::move(search)});
-            m_waiting.insert(m_waiting.begin(), &task);
             m_members.splice(m_members.end(), made);
+            m_waiting.insert(m_waiting.begin(), &m_members.back());
             hasStarted = true;
         }
         if (!isMade || !key.expansion->hasNext()) {
