@@ -138,7 +138,7 @@ void checkAttributes(std::vector<std::string> const& names)
 /// What the server returns is known by its name, so each is named as the server names it.
 std::string resultTypeOf(std::string const& name)
 {
-    std::string const type = copyStringToLower(name.substr(0, name.find(';')));
+    std::string type = copyStringToLower(name.substr(0, name.find(';')));
     require(type != "*" && type != "+" && type != "1.1",
             "with groups, a result format or an expansion limit, write the names of the result "
             "attributes one by one, not '" +
