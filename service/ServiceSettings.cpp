@@ -11,14 +11,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <set>
 #include <string_view>
 #include <utility>
-
-#include <grp.h>
 
 namespace Solvane::Service {
 
@@ -57,12 +56,12 @@ mode_t modeIn(std::string const& text)
 
 gid_t groupIn(std::string const& text)
 {
-    ::group const* const found = getgrnam(text.c_str());
-    if (found == nullptr) {
+    auto const found = Tool::groupNamed(text);
+    if (!found) {
         refuse(fmt::format("there is no group '{}'", Tool::oneLine(text)),
                "create it, or name another");
     }
-    return found->gr_gid;
+    return *found;
 }
 
 AuthSession::Trouble troubleIn(std::string const& text)
@@ -161,6 +160,26 @@ void readService(std::string const& path, ServiceSettings& settings, Faults& fau
         faults);
 }
 
+/// Values are returned by the name under which a server sends them: "*" has none, and an OID is sent
+/// back as a name.
+void requireNames(LDAPLookup::Settings const& lookup)
+{
+    for (auto const& [setting, attributes] :
+         {std::pair("result_attribute", &lookup.attributes),
+          std::pair("special_result_attribute", &lookup.specialResultAttributes),
+          std::pair("leaf_result_attribute", &lookup.leafResultAttributes),
+          std::pair("terminal_result_attribute", &lookup.terminalResultAttributes)}) {
+        for (std::string const& attribute : *attributes) {
+            if (!Tool::isAlphanumeric(attribute.substr(0, 1), "") ||
+                std::isdigit(static_cast<unsigned char>(attribute.front())) != 0) {
+                refuse(fmt::format("{}: '{}' is not the name of an attribute", setting,
+                                   Tool::oneLine(attribute)),
+                       "write the name under which the server returns it, such as uid");
+            }
+        }
+    }
+}
+
 /// What a map needs besides valid settings.
 void requireComplete(Tool::Draft const& draft, bool hasPassword, bool isForLogins)
 {
@@ -176,6 +195,7 @@ void requireComplete(Tool::Draft const& draft, bool hasPassword, bool isForLogin
     if (!hasResults && !isForLogins) {
         refuse("result_attribute is not set", "name the attributes whose values are returned");
     }
+    requireNames(lookup);
     if (isSimple && !lookup.bindDn.empty() && !hasPassword) {
         refuse("bind_dn needs a password", "add bind_pw");
     }

@@ -1,6 +1,7 @@
 // Reads requests and writes replies. Nothing here does any input or output.
 #include "Socketmap.h"
 
+#include <solvane/ldap/LDAPAttribute.h>
 #include <solvane/lookup/Answer.h>
 #include <solvane/lookup/Settings.h>
 #include <solvane/session/PlainText.h>
@@ -31,6 +32,49 @@ std::vector<std::string> valuesIn(Lookup::Answer const& answer, Lookup::Settings
     }
     values.erase(std::remove(values.begin(), values.end(), std::string()), values.end());
     return values;
+}
+
+bool isAskedFor(std::string const& type, Lookup::Settings const& settings)
+{
+    LDAPAttributeType const returned(type);
+    for (auto const* const names :
+         {&settings.attributes, &settings.specialResultAttributes, &settings.leafResultAttributes,
+          &settings.terminalResultAttributes}) {
+        for (std::string const& name : *names) {
+            if (LDAPAttributeType(LDAPAttributeType(name).type()) == returned) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+/// The type of an attribute with values that was not asked for; empty if there is none. A server may
+/// return one by its main name instead of the name in the settings ("uid" for "userid").
+std::string unaskedIn(Lookup::Answer const& answer, Lookup::Settings const& settings)
+{
+    for (LDAPSearchResultEntry const& entry : answer.entries) {
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            std::string const& type = attribute.type().type();
+            if (!attribute.binaryValue().empty() && !isAskedFor(type, settings)) {
+                return type;
+            }
+        }
+    }
+    return {};
+}
+
+/// The reply for entries without a value.
+Reply replyWithout(Lookup::Answer const& answer, Lookup::Settings const& settings)
+{
+    std::string const unasked = unaskedIn(answer, settings);
+    if (unasked.empty()) {
+        return Reply::notFound();
+    }
+    return Reply::tryLater(answer.server +
+                           ": the entry has no value of the result attributes, but "
+                           "of '" +
+                           unasked + "': set result_attribute to the server's name");
 }
 
 Reply replyWith(std::vector<std::string> const& values, std::string const& server)
@@ -159,7 +203,7 @@ Reply replyTo(Lookup::Answer const& answer, Lookup::Settings const& settings)
     switch (answer.outcome) {
     case Outcome::Found: {
         auto const values = valuesIn(answer, settings);
-        return values.empty() ? Reply::notFound() : replyWith(values, answer.server);
+        return values.empty() ? replyWithout(answer, settings) : replyWith(values, answer.server);
     }
     case Outcome::NotFound:
     case Outcome::Skipped:

@@ -62,6 +62,7 @@ std::optional<Request> requestOf(std::string const& text);
 /// |--------------------------------------|------------|-------------------|
 /// | Found, with a value                  | `OK`       | uses the value    |
 /// | Found, without a value               | `NOTFOUND` | 550 for RCPT      |
+/// | Found, only with other attributes    | `TEMP`     | 451, logs reason  |
 /// | NotFound                             | `NOTFOUND` | 550               |
 /// | Skipped: the domain is not served    | `NOTFOUND` | 550               |
 /// | BadKey: the key cannot be an address | `NOTFOUND` | 550               |

@@ -185,8 +185,23 @@ TEST(SocketmapReply, HasTheValuesOfAllAttributesSeparatedByCommas)
 
 TEST(SocketmapReply, IsNotFoundForAnEntryWithoutAValue)
 {
-    EXPECT_EQ(replyTo(foundWith("cn", {"Anna"}), returning({"mail"})).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("mail", {}), returning({"mail"})).text, "NOTFOUND ");
     EXPECT_EQ(replyTo(foundWith("mail", {""}), returning({"mail"})).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("mail;lang-de", {"a"}), returning({"Mail"})).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("cn", {}), returning({"mail"})).text, "NOTFOUND ");
+}
+
+/// A server returns "uid" if it is asked for "userid": the user exists.
+TEST(SocketmapReply, DefersMailForAnAttributeOfAnotherName)
+{
+    EXPECT_EQ(replyTo(foundWith("uid", {"anna"}), returning({"userid"})).text,
+              "TEMP ldap://one.test:389: the entry has no value of the result attributes, but of "
+              "'uid': set result_attribute to the server's name");
+
+    Lookup::Settings group = returning({"userid"});
+    group.specialResultAttributes = {"member"};
+    EXPECT_THAT(replyTo(foundWith("uid", {"anna"}), group).text, StartsWith("TEMP "));
+    EXPECT_EQ(replyTo(foundWith("member", {"cn=bert"}), group).text, "NOTFOUND ");
 }
 
 TEST(SocketmapReply, HasTheResultsOfAMapWithGroups)

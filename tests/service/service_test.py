@@ -52,6 +52,12 @@ class Lookups(DirectoryTest):
         self.assertEqual(service.ask("users", "user0000001@corp.test"), "NOTFOUND ")
         self.assertEqual(service.stats()['solvane_ldapd_found_without_value_total{map="users"}'], 1)
 
+    def test_defers_mail_for_an_attribute_that_the_server_names_otherwise(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = userid\n"
+        service = Service(self, self.uri, maps={"users": users})
+
+        self.assertRegex(service.ask("users", "user0000001@corp.test"), "^TEMP .* but of 'uid': ")
+
     def test_asks_no_server_for_other_domains(self):
         users = "query_filter = (mail=$m)\nresult_attribute = uid\ndomain = corp.test\n"
         service = Service(self, f"ldap://127.0.0.1:{free_port()}", maps={"users": users})
@@ -680,6 +686,14 @@ class Settings(ToolTest):
 
                 self.assertEqual(result.returncode, 0 if is_accepted else 78, result.stderr)
                 self.assertEqual("able by other users" in result.stderr, not is_accepted)
+
+    def test_name_the_attributes_whose_values_are_returned(self):
+        for attribute in ("*", "+", "1.1", "@person", "0.9.2342.19200300.100.1.1"):
+            with self.subTest(attribute):
+                users = f"query_filter = (mail=$m)\nresult_attribute = mail, {attribute}\n"
+                service = Service(self, self.uri, maps={"users": users}, is_started=False)
+
+                self.assertIn(f"'{attribute}' is not the name of an attr", service.check().stderr)
 
     def test_are_in_the_manual_page(self):
         root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
