@@ -235,7 +235,10 @@ boot_root() {
         kill -0 "$booted_pid" 2>/dev/null || break
         sleep 0.1
     done
-    cat "$top/build/booted.log" >&2
+    {
+        cat "$top/build/booted.log"
+        in_booted systemctl --no-pager --failed || :
+    } >&2
     cannot "systemd does not start in a folder"
 }
 
