@@ -14,6 +14,7 @@ packages_demo=(ca-certificates)
 packages_directory=(slapd ldap-utils openssl python3 procps)
 packages_test=(libgtest-dev libgmock-dev locales gdb krb5-kdc krb5-admin-server krb5-user
     libsasl2-modules-gssapi-mit postfix)
+packages_unpacked=(exim4-daemon-light libidn12 sendmail-bin) # other mail servers, not to be installed
 packages_clang=(clang libclang-rt-dev)
 packages_lint=(clang-format clang-tidy clang cppcheck shellcheck codespell similarity-tester git
     black flake8 python3-pep8-naming)
@@ -91,6 +92,26 @@ ROOT
         die "could not install ${missing[*]}"
     fi
     rm -f "$log"
+}
+
+# unpack_packages FOLDER PACKAGE...: unpacks packages below FOLDER, without installing them. Returns 1 if
+# they cannot be downloaded.
+unpack_packages() {
+    local folder=$1 work package
+    shift
+    [[ ! -e $folder/complete ]] || return 0
+    work=$(mktemp -d)
+    if ! (cd "$work" && apt-get -q download "$@" >log 2>&1); then
+        printf 'cannot download %s: %s\n' "$*" "$(tail -n 1 "$work/log")" >&2
+        rm -rf "$work"
+        return 1
+    fi
+    mkdir -p "$folder"
+    for package in "$work"/*.deb; do
+        dpkg -x "$package" "$folder"
+    done
+    rm -rf "$work"
+    touch "$folder/complete"
 }
 
 # configure PRESET: configures build/PRESET.

@@ -667,14 +667,14 @@ class Settings(ToolTest):
         service = Service(self, self.uri, is_started=False)
         path = os.path.join(service.folder, "common.settings")
         os.chmod(self.folder, 0o755)
-        for group, mode, is_accepted in (
+        for owners, mode, is_accepted in (
             (12345, 0o640, True),
             (12345, 0o660, False),
             (12345, 0o642, False),
             (12346, 0o640, False),
         ):
-            with self.subTest(group=group, mode=oct(mode)):
-                os.chown(path, 12345, group)
+            with self.subTest(group=owners, mode=oct(mode)):
+                os.chown(path, 12345, owners)
                 os.chmod(path, mode)
                 for name in os.listdir(os.path.join(service.folder, "maps")):
                     os.chmod(os.path.join(service.folder, "maps", name), 0o644)
