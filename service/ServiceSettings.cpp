@@ -19,8 +19,6 @@
 #include <string_view>
 #include <utility>
 
-#include <grp.h>
-
 namespace Solvane::Service {
 
 namespace {
@@ -58,12 +56,12 @@ mode_t modeIn(std::string const& text)
 
 gid_t groupIn(std::string const& text)
 {
-    ::group const* const found = getgrnam(text.c_str());
-    if (found == nullptr) {
+    auto const found = Tool::groupNamed(text);
+    if (!found) {
         refuse(fmt::format("there is no group '{}'", Tool::oneLine(text)),
                "create it, or name another");
     }
-    return found->gr_gid;
+    return *found;
 }
 
 AuthSession::Trouble troubleIn(std::string const& text)

@@ -42,11 +42,21 @@ bool mayBeReadByItsGroup(struct stat const& status, Privacy privacy)
                                   : status.st_uid != geteuid() && hasGroup(status.st_gid)) {
         return true;
     }
-    ::group const* const service = getgrnam(serviceGroup);
-    return service != nullptr && service->gr_gid == status.st_gid;
+    return groupNamed(serviceGroup) == status.st_gid;
 }
 
 } // namespace
+
+std::optional<gid_t> groupNamed(std::string const& name)
+{
+    ::group found = {};
+    ::group* result = nullptr;
+    std::vector<char> names(1024);
+    while (getgrnam_r(name.c_str(), &found, names.data(), names.size(), &result) == ERANGE) {
+        names.resize(2 * names.size()); // it has many members
+    }
+    return result == nullptr ? std::nullopt : std::optional(found.gr_gid);
+}
 
 Descriptor::~Descriptor()
 {

@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include <sys/types.h>
+
 struct stat;
 
 namespace Solvane::Tool {
@@ -29,6 +31,9 @@ public:
 private:
     int m_descriptor;
 };
+
+/// A group's number; none if there is no such group, or none can be looked up.
+std::optional<gid_t> groupNamed(std::string const& name);
 
 /// The error for a file that cannot be read.
 /// @param what   its role, as "the template file"

@@ -88,8 +88,7 @@ Shared::Shared(std::shared_ptr<OwnSettings const> const& own, std::shared_ptr<To
 Shared::Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPool> shared)
     : m_ownSettings(std::move(own)), m_sharedPool(std::move(shared)),
       settings(m_ownSettings->get()),
-      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue),
-      forms(settings),
+      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue), forms(settings),
       rules(settings), request{settings.base,     settings.scope,      settings.deref,
                                rules.requested(), settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
@@ -217,7 +216,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     task.bytes += size;
     m_heldBytes += size;
     std::size_t const bytes = task.member ? task.member->key.bytes += size : task.bytes;
-    task.hasRanges = task.hasRanges || message.content.find(";range=") != std::string_view::npos;
+    task.hasRanges = task.hasRanges || ValueRange::isIn(message.content);
     bool const isTooMany = entryLimit != 0 && entries.size() > entryLimit;
     bool const isTooLarge = bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {

@@ -16,7 +16,8 @@
 namespace Solvane::Lookup {
 
 /// Looks up the keys pushed into it and returns their answers, in the order of the keys or as they
-/// come; or binds with the passwords pushed into it, on a pool of its own for that. Each key is a task, each session a lane. A task moves through these states:
+/// come; or binds with the passwords pushed into it, on a pool of its own for that. Each key is a
+/// task, each session a lane. A task moves through these states:
 ///
 ///     waiting (m_waiting) --send--> in flight (lane->tasks) --result--> done (isDone) --pop-->
 ///     gone
@@ -134,6 +135,7 @@ private:
     bool prepareFilter(Task& task);
     SearchRequest const& requestOf(Task const& task) const;
     bool isFull() const;
+    void dropWaiting(Task const& task);
     void finish(Task& task, Outcome outcome, int code, std::string const& text);
     void concludeEmpty(Task& task);
     void conclude(Task& task, std::vector<Failure> const& others);

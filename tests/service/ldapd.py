@@ -151,7 +151,7 @@ class Service:
             self.write_map(name, text)
         self.lines = []
         self._arguments = arguments
-        self.process = None
+        self.process = self._reader = None
         if is_started:
             self.start()
 
@@ -183,7 +183,8 @@ class Service:
             text=True,
             **options,
         )
-        threading.Thread(target=self._read, args=(self.process,)).start()
+        self._reader = threading.Thread(target=self._read, args=(self.process,))
+        self._reader.start()
         self.test.addCleanup(self.kill)
         self.await_line("serving")
 
@@ -198,6 +199,8 @@ class Service:
             or self.process.poll() is not None
         ):
             raise AssertionError(f"no line has '{words}': {self.lines}")
+        if self.process.poll() is not None:
+            self._reader.join(DEADLINE)  # its last lines too
         if sum(words in line for line in self.lines) < count:
             raise AssertionError(f"the service has ended: {self.lines}")
 
