@@ -94,6 +94,8 @@ public:
     void conclude(std::uint64_t number, Verdict verdict);
     /// The bytes to send; each is returned once.
     std::string takeOutput();
+    /// Whether the client has greeted.
+    bool hasVersion() const { return m_hasVersion; }
     /// Whether the connection is to be closed, without sending more.
     bool isOver() const { return m_isOver; }
     /// Why the peer broke the protocol; empty if it did not. One line.

@@ -12,6 +12,7 @@
 #include <random>
 #include <utility>
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace Solvane::Service {
@@ -39,21 +40,64 @@ AuthSession::Options authOptions(ServiceSettings const& settings)
     return options;
 }
 
+/// What an outcome means for the limits: names that cannot exist are not guessed.
+LoginLimits::Result resultOf(LDAPLookup::VerifyOutcome outcome)
+{
+    switch (outcome) {
+    case LDAPLookup::VerifyOutcome::Accepted:
+        return LoginLimits::Result::accepted;
+    case LDAPLookup::VerifyOutcome::Denied:
+    case LDAPLookup::VerifyOutcome::NotFound:
+        return LoginLimits::Result::denied;
+    case LDAPLookup::VerifyOutcome::Skipped:
+    case LDAPLookup::VerifyOutcome::BadKey:
+    case LDAPLookup::VerifyOutcome::TryLater:
+    case LDAPLookup::VerifyOutcome::Refused:
+    case LDAPLookup::VerifyOutcome::Misconfigured:
+        break;
+    }
+    return LoginLimits::Result::unanswered;
+}
+
 } // namespace
 
 // All clients
 
-Client::Client(ClientGroup const& group, int descriptor, std::chrono::seconds idleTime)
-    : m_group(group), m_socket(group.context, descriptor), m_timer(group.context),
-      m_idleTime(idleTime)
+Accepted::Accepted(int descriptor, Metrics& metrics) : m_descriptor(descriptor), m_metrics(&metrics)
 {
+    ++metrics.clients;
+}
+
+Accepted::~Accepted()
+{
+    if (m_descriptor >= 0) {
+        ::close(m_descriptor);
+    }
+    if (m_metrics != nullptr) {
+        --m_metrics->clients;
+    }
+}
+
+Accepted::Accepted(Accepted&& other) noexcept
+    : m_descriptor(std::exchange(other.m_descriptor, -1)),
+      m_metrics(std::exchange(other.m_metrics, nullptr))
+{
+}
+
+Client::Client(ClientGroup const& group, Accepted accepted, std::chrono::seconds idleTime)
+    : m_group(group), m_accepted(std::move(accepted)),
+      m_socket(group.context, m_accepted.descriptor()), m_timer(group.context), m_idleTime(idleTime)
+{
+    m_accepted.release();
+    int const on = 1; // ends the connection of a host that is gone; nothing happens on UNIX sockets
+    setsockopt(m_socket.native_handle(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
     m_group.members.insert(this);
 }
 
 Client::~Client()
 {
     m_group.members.erase(this);
-    --m_group.environment.metrics.clients;
+    explicit_bzero(m_input.data(), m_input.size()); // it may have a password
 }
 
 void Client::start()
@@ -148,7 +192,7 @@ void Client::write()
 void Client::breakOff(std::string const& fault)
 {
     ++m_group.environment.metrics.broken;
-    m_group.environment.log.write(Log::Level::warning, "closed a client: " + fault);
+    m_group.environment.broken.write(m_group.environment.log, "closed a client: " + fault);
     close();
 }
 
@@ -173,6 +217,9 @@ void Client::awaitIdleTime()
         if (isBusy() && !m_isWriting) {
             touch();
         }
+        if (Clock::now() >= m_idleUntil && !m_isWriting && !isExpired()) {
+            touch();
+        }
         if (Clock::now() < m_idleUntil) {
             awaitIdleTime();
         } else {
@@ -183,8 +230,8 @@ void Client::awaitIdleTime()
 
 // Keys
 
-SocketmapClient::SocketmapClient(ClientGroup const& group, int descriptor)
-    : Client(group, descriptor, group.lookups.settings().idleTime)
+SocketmapClient::SocketmapClient(ClientGroup const& group, Accepted accepted)
+    : Client(group, std::move(accepted), group.lookups.settings().idleTime)
 {
 }
 
@@ -241,10 +288,17 @@ void SocketmapClient::answer(std::size_t number, Reply const& reply)
 
 // Logins
 
-AuthClient::AuthClient(ClientGroup const& group, int descriptor)
-    : Client(group, descriptor, group.lookups.settings().idleTime),
+AuthClient::AuthClient(ClientGroup const& group, Accepted accepted)
+    : Client(group, std::move(accepted), group.lookups.settings().idleTime),
       m_session(authOptions(group.lookups.settings()))
 {
+}
+
+/// Logins that were cancelled count until they are answered, as the directory is still asked.
+bool AuthClient::hasRoom() const
+{
+    return m_verifying < m_group.lookups.settings().clientRequests &&
+           unsentBytes() < AuthSession::longestLine;
 }
 
 void AuthClient::serve()
@@ -253,8 +307,12 @@ void AuthClient::serve()
         return;
     }
     m_isServing = true;
-    while (auto login = m_session.nextLogin()) {
-        verify(std::move(*login));
+    while (m_verifying < m_group.lookups.settings().clientRequests) {
+        auto const login = m_session.nextLogin();
+        if (!login) {
+            break;
+        }
+        verify(*login);
     }
     m_isServing = false;
     send(m_session.takeOutput());
@@ -265,57 +323,70 @@ void AuthClient::serve()
     }
 }
 
-void AuthClient::verify(AuthSession::Login login)
+void AuthClient::verify(AuthSession::Login const& login)
 {
-    Environment& environment = m_group.environment;
-    if (!environment.limits.admits(login.user, login.remoteAddress, Clock::now())) {
-        ++environment.metrics.limitedLogins;
+    LoginLimits& limits = m_group.environment.limits;
+    auto const attempt = std::make_shared<LoginAttempt>();
+    attempt->user = login.user;
+    attempt->address = login.remoteAddress;
+    if (!limits.admits(*attempt, Clock::now())) {
+        ++m_group.environment.metrics.limitedLogins;
         m_session.conclude(login.number, AuthSession::Verdict());
         return;
     }
     ++m_verifying;
-    auto const shared = std::make_shared<AuthSession::Login>(std::move(login));
     m_group.lookups.verify(
-        shared->user, shared->password.text(),
-        [this, self = shared_from_this(), shared](LDAPLookup::Verification const& verification) {
+        login.user, login.password.text(),
+        [&limits, attempt](std::string const& dn) {
+            return limits.admitsBind(*attempt, dn, Clock::now());
+        },
+        [this, self = shared_from_this(), attempt,
+         number = login.number](LDAPLookup::Verification const& verification) {
             --m_verifying;
-            m_session.conclude(shared->number, judge(*shared, verification));
+            m_session.conclude(number, judge(*attempt, verification));
             proceed();
         });
 }
 
 /// Counts and logs the result of a login.
-AuthSession::Verdict AuthClient::judge(AuthSession::Login const& login,
+AuthSession::Verdict AuthClient::judge(LoginAttempt const& attempt,
                                        LDAPLookup::Verification const& verification)
 {
-    using Kind = AuthSession::Verdict::Kind;
     Environment& environment = m_group.environment;
-    auto const verdict = verdictOn(verification);
-    ++environment.metrics.logins[static_cast<std::size_t>(verification.outcome)];
-    environment.metrics.loginLatency.add(verification.milliseconds);
-    if (verdict.kind == Kind::accepted) {
-        environment.limits.succeeded(login.user);
-    } else if (verdict.kind == Kind::denied &&
-               environment.limits.failed(login.user, login.remoteAddress, Clock::now())) {
-        environment.log.write(
-            Log::Level::warning,
-            fmt::format("too many refused logins: {} from {}", login.user, login.remoteAddress));
+    bool const isAtLimit =
+        environment.limits.conclude(attempt, resultOf(verification.outcome), Clock::now());
+    if (isAtLimit) {
+        environment.log.write(Log::Level::warning,
+                              fmt::format("too many refused logins: {} from {}",
+                                          brief(attempt.user), brief(attempt.address)));
+    }
+    if (attempt.isLimited) {
+        ++environment.metrics.limitedLogins;
+    } else {
+        ++environment.metrics.logins[static_cast<std::size_t>(verification.outcome)];
+        environment.metrics.loginLatency.add(verification.milliseconds);
     }
     if (m_group.lookups.settings().logsRequests) {
-        environment.log.write(Log::Level::info,
-                              fmt::format("login of {} from {}: {}{}{}", login.user,
-                                          login.remoteAddress, name(verification.outcome),
-                                          verification.text.empty() ? "" : ", ",
-                                          verification.text));
+        log(attempt, verification);
     }
-    return verdict;
+    return verdictOn(verification);
+}
+
+void AuthClient::log(LoginAttempt const& attempt, LDAPLookup::Verification const& verification)
+{
+    m_group.environment.log.write(
+        Log::Level::info,
+        fmt::format("login of {} from {}: {}{}{}", brief(attempt.user), brief(attempt.address),
+                    attempt.isLimited ? "not tried" : name(verification.outcome),
+                    verification.text.empty() || attempt.isLimited ? "" : ", ",
+                    attempt.isLimited ? "" : verification.text));
 }
 
 // Metrics
 
-StatsClient::StatsClient(ClientGroup const& group, int descriptor,
+StatsClient::StatsClient(ClientGroup const& group, Accepted accepted,
                          std::function<std::string()> text)
-    : Client(group, descriptor, statsTime), m_text(std::move(text))
+    : Client(group, std::move(accepted), statsTime), m_text(std::move(text))
 {
 }
 

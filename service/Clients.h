@@ -34,14 +34,32 @@ struct ClientGroup {
     std::unordered_set<Client*>& members; ///< all clients that exist
 };
 
+/// A client that was accepted. Closes its descriptor, and stops counting it, when it is destroyed.
+class Accepted {
+public:
+    /// @param metrics  counts the client; must outlive it
+    Accepted(int descriptor, Metrics& metrics);
+    ~Accepted();
+    Accepted(Accepted&& other) noexcept;
+    Accepted& operator=(Accepted&& other) = delete;
+
+    int descriptor() const { return m_descriptor; }
+    /// The descriptor has another owner now.
+    void release() { m_descriptor = -1; }
+
+private:
+    int m_descriptor;
+    Metrics* m_metrics;
+};
+
 /// A connection. It is read while there is room for its requests; so one that sends more, or does not
 /// read its replies, waits. It is closed when it is idle for `idleTime`: bytes of an incomplete
 /// request do not count. It exists until its last request is answered, even if the client is gone, and
 /// counts as a client until then. Not thread-safe.
 class Client : public std::enable_shared_from_this<Client> {
 public:
-    /// @param descriptor  a connected socket that does not block; owned from now on
-    Client(ClientGroup const& group, int descriptor, std::chrono::seconds idleTime);
+    /// @param accepted  a connected socket that does not block
+    Client(ClientGroup const& group, Accepted accepted, std::chrono::seconds idleTime);
     virtual ~Client();
     Client(Client const&) = delete;
     Client& operator=(Client const&) = delete;
@@ -60,6 +78,8 @@ protected:
     virtual bool hasRoom() const { return true; }
     /// Whether requests are under way.
     virtual bool isBusy() const { return false; }
+    /// The idle time is over: whether the connection is to be closed.
+    virtual bool isExpired() { return true; }
 
     void send(std::string_view bytes);
     /// The idle time begins anew.
@@ -82,6 +102,7 @@ private:
     void write();
     void awaitIdleTime();
 
+    Accepted m_accepted;
     boost::asio::posix::stream_descriptor m_socket;
     boost::asio::steady_timer m_timer;
     std::chrono::seconds const m_idleTime;
@@ -99,7 +120,7 @@ private:
 /// A client that asks for keys.
 class SocketmapClient final : public Client {
 public:
-    SocketmapClient(ClientGroup const& group, int descriptor);
+    SocketmapClient(ClientGroup const& group, Accepted accepted);
 
 private:
     void received(std::string_view bytes) override { m_reader.add(bytes); }
@@ -115,19 +136,22 @@ private:
     bool m_isServing = false;
 };
 
-/// A client that asks for logins.
+/// A client that asks for logins. Once it has greeted, it is not closed when it is idle: Postfix keeps
+/// the connection for its next client, whose login would fail.
 class AuthClient final : public Client {
 public:
-    AuthClient(ClientGroup const& group, int descriptor);
+    AuthClient(ClientGroup const& group, Accepted accepted);
 
 private:
     void received(std::string_view bytes) override { m_session.add(bytes); }
     void serve() override;
-    bool hasRoom() const override { return unsentBytes() < AuthSession::longestLine; }
+    bool hasRoom() const override;
     bool isBusy() const override { return m_verifying != 0; }
-    void verify(AuthSession::Login login);
-    AuthSession::Verdict judge(AuthSession::Login const& login,
+    bool isExpired() override { return !m_session.hasVersion(); }
+    void verify(AuthSession::Login const& login);
+    AuthSession::Verdict judge(LoginAttempt const& attempt,
                                LDAPLookup::Verification const& verification);
+    void log(LoginAttempt const& attempt, LDAPLookup::Verification const& verification);
 
     AuthSession m_session;
     std::size_t m_verifying = 0;
@@ -138,7 +162,7 @@ private:
 class StatsClient final : public Client {
 public:
     /// @param text  returns the metrics
-    StatsClient(ClientGroup const& group, int descriptor, std::function<std::string()> text);
+    StatsClient(ClientGroup const& group, Accepted accepted, std::function<std::string()> text);
 
 private:
     void received(std::string_view bytes) override { m_request += bytes; }

@@ -90,6 +90,13 @@ void removeStale(Endpoint const& endpoint)
     unlink(endpoint.path.c_str());
 }
 
+void startListening(Socket const& socket, Endpoint const& endpoint)
+{
+    if (listen(socket.number(), backlog) != 0) {
+        refuse(endpoint, errno, "choose another socket");
+    }
+}
+
 void bindPath(Socket const& socket, Endpoint const& endpoint, SocketAccess const& access)
 {
     removeStale(endpoint);
@@ -102,6 +109,7 @@ void bindPath(Socket const& socket, Endpoint const& endpoint, SocketAccess const
         refuse(endpoint, error,
                "check that the folder exists and that the service may write to it");
     }
+    startListening(socket, endpoint); // at once: until then, it looks like a socket that was left
     char const* const path = endpoint.path.c_str();
     if ((access.group && chown(path, static_cast<uid_t>(-1), *access.group) != 0) ||
         chmod(path, access.mode) != 0) {
@@ -133,11 +141,9 @@ int listenOn(Endpoint const& endpoint, SocketAccess const& access)
     }
     if (endpoint.address) {
         bindAddress(socket, endpoint);
+        startListening(socket, endpoint);
     } else {
         bindPath(socket, endpoint, access);
-    }
-    if (listen(socket.number(), backlog) != 0) {
-        refuse(endpoint, errno, "choose another socket");
     }
     return socket.release();
 }
@@ -147,14 +153,19 @@ Listener::Listener(boost::asio::io_context& context, int descriptor, std::string
     : m_socket(context, descriptor), m_pause(context), m_path(std::move(path)),
       m_handler(std::move(handler))
 {
+    if (!m_path.empty()) {
+        lstat(m_path.c_str(), &m_file);
+    }
     await();
 }
 
 Listener::~Listener()
 {
     *m_isAlive = false;
-    if (!m_path.empty()) {
-        unlink(m_path.c_str());
+    struct stat status = {};
+    if (!m_path.empty() && lstat(m_path.c_str(), &status) == 0 && status.st_dev == m_file.st_dev &&
+        status.st_ino == m_file.st_ino) {
+        unlink(m_path.c_str()); // else another process has taken the path
     }
 }
 

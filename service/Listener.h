@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 namespace Solvane::Service {
@@ -37,7 +38,8 @@ public:
     using Handler = std::function<void(int descriptor)>;
 
     /// @param descriptor  a listening socket, owned from now on
-    /// @param path        of a UNIX socket that the destructor removes; empty: none
+    /// @param path        of a UNIX socket that the destructor removes, unless another process has
+    ///                    taken the path; empty: none
     Listener(boost::asio::io_context& context, int descriptor, std::string path, Handler handler);
     ~Listener();
     Listener(Listener const&) = delete;
@@ -51,6 +53,7 @@ private:
     boost::asio::posix::stream_descriptor m_socket;
     boost::asio::steady_timer m_pause;
     std::string const m_path;
+    struct stat m_file {}; ///< at the path
     Handler const m_handler;
     std::shared_ptr<bool> m_isAlive = std::make_shared<bool>(true); ///< for pending handlers
 };

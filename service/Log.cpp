@@ -56,6 +56,29 @@ void Log::write(Level level, std::string const& text)
     (void)!::write(STDERR_FILENO, line.data(), line.size()); // there is nowhere to report it
 }
 
+std::string brief(std::string_view text)
+{
+    constexpr std::size_t longest = 200;
+    std::string shown = Lookup::oneLine(text.substr(0, longest));
+    return text.size() > longest ? shown + "..." : shown;
+}
+
+void RareWarning::write(Log& log, std::string const& text)
+{
+    constexpr std::chrono::seconds interval(60);
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    auto const now = std::chrono::steady_clock::now();
+    if (now < m_next) {
+        ++m_leftOut;
+        return;
+    }
+    m_next = now + interval;
+    std::string const remark =
+        m_leftOut == 0 ? "" : " (" + std::to_string(m_leftOut) + " like it since the last one)";
+    m_leftOut = 0;
+    log.write(Log::Level::warning, text + remark);
+}
+
 void LoggedEvents::happened(Lookup::Event const& event)
 {
     std::string const line = lineFor(event);

@@ -4,7 +4,10 @@
 
 #include <solvane/lookup/Observer.h>
 
+#include <chrono>
+#include <mutex>
 #include <string>
+#include <string_view>
 
 namespace Solvane::Service {
 
@@ -24,6 +27,21 @@ public:
 
 private:
     bool const m_isJournal;
+};
+
+/// A text of a client on one line, and shortened: it may be long.
+std::string brief(std::string_view text);
+
+/// A warning that clients can provoke: written at most once a minute, with the number of those left
+/// out. Thread-safe.
+class RareWarning {
+public:
+    void write(Log& log, std::string const& text);
+
+private:
+    std::mutex m_mutex; ///< guards the members below
+    std::chrono::steady_clock::time_point m_next;
+    unsigned long m_leftOut = 0;
 };
 
 /// Logs what changes: servers lost and back, back-offs, refused credentials.

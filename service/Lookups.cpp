@@ -6,7 +6,6 @@
 #include <fmt/format.h>
 
 #include <chrono>
-#include <system_error>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -67,11 +66,11 @@ public:
         m_asked[asked->second].push_back(std::move(handler));
     }
 
-    void verify(std::string const& user, std::string const& password,
+    void verify(std::string const& user, std::string const& password, Lookup::BindGuard mayBind,
                 Lookups::VerifyHandler handler)
     {
         m_logins.emplace(++m_lastTag, std::move(handler));
-        m_queue.submitVerify(user, password, m_lastTag);
+        m_queue.submitVerify(user, password, m_lastTag, std::move(mayBind));
     }
 
     /// Whether no request is under way.
@@ -150,7 +149,7 @@ private:
         }
         if (m_maps->service().logsRequests) {
             m_environment.log.write(Log::Level::info,
-                                    fmt::format("{} {}: {}{}", m_map.settings.name, key,
+                                    fmt::format("{} {}: {}{}", m_map.settings.name, brief(key),
                                                 Lookup::name(answer.outcome), remark));
         }
     }
@@ -175,19 +174,20 @@ Lookups::Lookups(boost::asio::io_context& context, Environment& environment)
 
 Lookups::~Lookups() = default;
 
-void Lookups::use(std::shared_ptr<Maps> const& maps)
+Lookups::Queues Lookups::prepare(std::shared_ptr<Maps> const& maps)
 {
     Queues queues;
-    try {
-        for (Map& map : maps->all()) {
-            auto const queue = std::make_shared<MapQueue>(m_context, m_environment, maps, map);
-            queue->await();
-            queues.emplace(map.settings.name, queue);
-        }
-    } catch (std::system_error const& fault) { // no descriptor is left
-        m_environment.log.write(Log::Level::error,
-                                std::string("cannot use the maps: ") + fault.what());
-        return;
+    for (Map& map : maps->all()) {
+        queues.emplace(map.settings.name,
+                       std::make_shared<MapQueue>(m_context, m_environment, maps, map));
+    }
+    return queues;
+}
+
+void Lookups::use(std::shared_ptr<Maps> const& maps, Queues queues)
+{
+    for (auto const& [name, queue] : queues) {
+        queue->await();
     }
     m_queues.swap(queues);
     m_maps = maps;
@@ -215,7 +215,8 @@ void Lookups::find(Request const& request, FindHandler handler)
     queue->second->find(request.key, std::move(handler));
 }
 
-void Lookups::verify(std::string const& user, std::string const& password, VerifyHandler handler)
+void Lookups::verify(std::string const& user, std::string const& password,
+                     Lookup::BindGuard mayBind, VerifyHandler handler)
 {
     auto const queue = m_queues.find(settings().authMap);
     if (queue == m_queues.end()) {
@@ -225,7 +226,7 @@ void Lookups::verify(std::string const& user, std::string const& password, Verif
         handler(none);
         return;
     }
-    queue->second->verify(user, password, std::move(handler));
+    queue->second->verify(user, password, std::move(mayBind), std::move(handler));
 }
 
 } // namespace Solvane::Service

@@ -30,6 +30,8 @@ struct Environment {
     Metrics& metrics;
     Log& log;
     LoginLimits& limits;
+    RareWarning broken;   ///< about clients that broke the protocol
+    RareWarning unserved; ///< about clients that could not be served
 };
 
 /// Answers requests in the thread of an `io_context`: from the cache, together with an equal request
@@ -45,8 +47,13 @@ public:
     Lookups(Lookups const&) = delete;
     Lookups& operator=(Lookups const&) = delete;
 
-    /// Puts maps and settings into use. Call it before the others.
-    void use(std::shared_ptr<Maps> const& maps);
+    using Queues = std::map<std::string, std::shared_ptr<MapQueue>>; ///< by the name of the map
+
+    /// Makes the queues of maps, for `use`. Thread-safe.
+    /// @throws std::system_error  the process has no descriptor left
+    Queues prepare(std::shared_ptr<Maps> const& maps);
+    /// Puts maps and settings into use, with their queues. Call it before the others.
+    void use(std::shared_ptr<Maps> const& maps, Queues queues);
     /// Those in use.
     ServiceSettings const& settings() const { return m_maps->service(); }
 
@@ -54,11 +61,11 @@ public:
     void find(Request const& request, FindHandler handler);
     /// Verifies a password in the map for logins. The handler is called once, perhaps before `verify`
     /// returns.
-    void verify(std::string const& user, std::string const& password, VerifyHandler handler);
+    /// @param mayBind  as for `LDAPLookupQueue::submitVerify`
+    void verify(std::string const& user, std::string const& password, Lookup::BindGuard mayBind,
+                VerifyHandler handler);
 
 private:
-    using Queues = std::map<std::string, std::shared_ptr<MapQueue>>; ///< by the name of the map
-
     void dropIdle();
 
     boost::asio::io_context& m_context;

@@ -71,6 +71,9 @@ std::vector<PoolState> Maps::pools() const
         if (map.hasOwnPool) {
             pools.push_back({map.settings.name, map.lookup.servers()});
         }
+        if (map.settings.name == service().authMap) {
+            pools.push_back({map.settings.name + " (logins)", map.lookup.verifyServers()});
+        }
     }
     return pools;
 }

@@ -37,7 +37,7 @@ public:
 
     std::list<Map>& all() { return m_maps; }
     ServiceSettings const& service() const { return m_configuration->service; }
-    /// The servers of each pool.
+    /// The servers of each pool; logins have one of their own.
     std::vector<PoolState> pools() const;
 
 private:

@@ -16,8 +16,10 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <system_error>
 #include <utility>
 
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -30,7 +32,6 @@ using Tool::Failure;
 using Tool::Outcome;
 
 constexpr std::chrono::seconds statsInterval(10);
-constexpr std::chrono::seconds complaintInterval(60);
 constexpr std::chrono::milliseconds lastClientInterval(20);
 constexpr long spareStatsClients = 10; ///< metrics can be read while there are too many clients
 
@@ -59,6 +60,20 @@ void requireListening(int descriptor)
     }
 }
 
+/// Lets SIGHUP through, which `main` has blocked.
+void unblockReload()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGHUP);
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+}
+
+LoginLimits::Bounds boundsIn(ServiceSettings const& settings)
+{
+    return {settings.authFailures, settings.authAddressFailures, settings.authFailuresTime};
+}
+
 std::vector<std::unique_ptr<Worker>>
 makeWorkers(Environment& environment, std::function<std::string()> const& stats, unsigned int count)
 {
@@ -74,10 +89,9 @@ makeWorkers(Environment& environment, std::function<std::string()> const& stats,
 Service::Service(std::string folder, std::shared_ptr<Configuration const> configuration,
                  std::string statsFile, Log& log)
     : m_folder(std::move(folder)), m_configuration(std::move(configuration)),
-      m_statsFile(std::move(statsFile)), m_log(log),
-      m_limits(m_configuration->service.authFailures, m_configuration->service.authFailuresTime),
-      m_environment{m_metrics, m_log, m_limits}, m_observer(std::make_shared<LoggedEvents>(log)),
-      m_maps(std::make_shared<Maps>(m_configuration, m_metrics, m_observer, nullptr)),
+      m_statsFile(std::move(statsFile)), m_log(log), m_limits(boundsIn(m_configuration->service)),
+      m_environment{m_metrics, m_log, m_limits, {}, {}},
+      m_observer(std::make_shared<LoggedEvents>(log)), m_maps(makeMaps(m_configuration, nullptr)),
       m_workers(makeWorkers(
           m_environment, [this] { return stats(); }, m_configuration->service.threads)),
       m_signals(m_workers.front()->context()), m_stopTimer(m_workers.front()->context()),
@@ -90,15 +104,12 @@ Service::~Service() { stop(); }
 void Service::run()
 {
     open();
-    for (auto const& worker : m_workers) {
-        worker->use(m_maps);
-        if (worker != m_workers.front()) {
-            m_threads.emplace_back([started = worker.get()] { started->run(); });
-        }
-    }
+    use(m_maps);
+    startThreads();
     for (int const signal : {SIGHUP, SIGTERM, SIGINT}) {
         m_signals.add(signal);
     }
+    unblockReload(); // it may have come already
     awaitSignal();
     keepStatsFile();
     keepWatchdog();
@@ -107,6 +118,86 @@ void Service::run()
     notifySystemd("READY=1");
     m_workers.front()->run();
     stop();
+    for (std::exception_ptr const& end : m_ends) {
+        if (end) {
+            std::rethrow_exception(end);
+        }
+    }
+}
+
+/// An internal error in one thread ends the service: systemd starts it anew.
+void Service::startThreads()
+{
+    m_ends.resize(m_workers.size());
+    for (std::size_t i = 1; i < m_workers.size(); ++i) {
+        m_threads.emplace_back([this, i] {
+            try {
+                m_workers[i]->run();
+            } catch (...) {
+                m_ends[i] = std::current_exception();
+                m_workers.front()->stop();
+            }
+        });
+    }
+}
+
+// Maps
+
+std::shared_ptr<Maps> Service::makeMaps(std::shared_ptr<Configuration const> const& configuration,
+                                        Maps const* before)
+{
+    try {
+        return std::make_shared<Maps>(configuration, m_metrics, m_observer, before);
+    } catch (LDAPException const& fault) {
+        throw Failure(Outcome::configuration, fault.stringParameter(), "correct the settings");
+    }
+}
+
+/// Puts maps into use in all threads, or in none.
+void Service::use(std::shared_ptr<Maps> const& maps)
+{
+    std::vector<Lookups::Queues> queues;
+    try {
+        for (auto const& worker : m_workers) {
+            queues.push_back(worker->prepare(maps));
+        }
+    } catch (std::system_error const& fault) {
+        throw Failure(Outcome::configuration, fmt::format("cannot use the maps: {}", fault.what()),
+                      "raise the limit of open files");
+    }
+    m_maps = maps;
+    for (std::size_t i = 0; i < m_workers.size(); ++i) {
+        m_workers[i]->use(maps, std::move(queues[i]));
+    }
+    limitClients();
+}
+
+/// Leaves descriptors for what is no client, also while a reload makes all queues and connections a
+/// second time: without them, every lookup would fail.
+void Service::limitClients()
+{
+    constexpr long spare = 16;
+    constexpr long ofQueue = 3;
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    ServiceSettings const& settings = m_maps->service();
+    long maps = 0;
+    for (Map const& map : m_maps->all()) {
+        bool const isForLogins = map.settings.name == settings.authMap;
+        maps += ofQueue * static_cast<long>(m_workers.size()) +
+                (map.hasOwnPool ? static_cast<long>(map.settings.lookup.connections) : 0) +
+                (isForLogins ? static_cast<long>(map.settings.lookup.verifyConnections) : 0);
+    }
+    long const others =
+        spare + spareStatsClients + static_cast<long>(m_listeners.size()) + 2 * maps;
+    long const room =
+        std::max(1L, static_cast<long>(std::min<rlim_t>(limit.rlim_cur, 1 << 30)) - others);
+    m_mostClients = std::min(static_cast<long>(settings.clients), room);
+    if (m_mostClients < static_cast<long>(settings.clients)) {
+        m_log.write(Log::Level::warning,
+                    fmt::format("the limit of open files ({}) allows {} clients: raise it",
+                                limit.rlim_cur, m_mostClients));
+    }
 }
 
 // Sockets
@@ -154,25 +245,21 @@ void Service::add(ClientKind kind, int descriptor, std::string const& path)
 
 void Service::accept(ClientKind kind, int descriptor)
 {
-    long const most = static_cast<long>(m_maps->service().clients) +
-                      (kind == ClientKind::stats ? spareStatsClients : 0);
-    if (m_metrics.clients.load() >= most) {
-        close(descriptor);
+    long const most = m_mostClients + (kind == ClientKind::stats ? spareStatsClients : 0);
+    bool const isTurnedAway = m_metrics.clients.load() >= most;
+    Accepted accepted(descriptor, m_metrics);
+    if (isTurnedAway) {
         ++m_metrics.turnedAway;
-        if (Clock::now() >= m_nextComplaint) {
-            m_nextComplaint = Clock::now() + complaintInterval;
-            m_log.write(Log::Level::warning,
-                        fmt::format("there are {} clients: others are turned away", most));
-        }
+        m_turnedAway.write(m_log,
+                           fmt::format("there are {} clients: others are turned away", most));
         return;
     }
-    ++m_metrics.clients;
     ++m_metrics.accepted;
     if (kind == ClientKind::stats) {
-        m_workers.front()->adopt(kind, descriptor);
+        m_workers.front()->adopt(kind, std::move(accepted));
         return;
     }
-    m_workers[m_next]->adopt(kind, descriptor);
+    m_workers[m_next]->adopt(kind, std::move(accepted));
     m_next = (m_next + 1) % m_workers.size();
 }
 
@@ -185,7 +272,9 @@ void Service::awaitSignal()
             return;
         }
         if (signal == SIGHUP) {
-            reload();
+            if (!m_isStopping) {
+                reload();
+            }
         } else if (m_isStopping) {
             stop();
         } else {
@@ -221,17 +310,13 @@ void Service::replaceMaps(std::vector<Failure>& faults)
         return;
     }
     try {
-        m_maps = std::make_shared<Maps>(configuration, m_metrics, m_observer, m_maps.get());
-    } catch (LDAPException const& fault) {
-        faults.emplace_back(Outcome::configuration, fault.stringParameter(),
-                            "correct the settings");
+        use(makeMaps(configuration, m_maps.get()));
+    } catch (Failure const& fault) {
+        faults.push_back(fault);
         return;
     }
     ServiceSettings const& settings = configuration->service;
-    m_limits.change(settings.authFailures, settings.authFailuresTime);
-    for (auto const& worker : m_workers) {
-        worker->use(m_maps);
-    }
+    m_limits.change(boundsIn(settings));
     for (std::string const& name : needingRestart(m_configuration->service, settings)) {
         m_log.write(Log::Level::warning,
                     fmt::format("{} has changed: restart the service to use it", name));
@@ -301,6 +386,7 @@ void Service::keepStatsFile()
 /// Who reads the file sees a whole one.
 void Service::writeStatsFile()
 {
+    errno = 0;
     std::string const temporary = m_statsFile + ".new";
     std::ofstream file(temporary, std::ios::trunc);
     file << stats();

@@ -16,6 +16,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <exception>
 #include <list>
 #include <memory>
 #include <string>
@@ -30,6 +31,7 @@ class Service {
 public:
     /// @param folder     of the settings
     /// @param statsFile  is written with the metrics every ten seconds; empty: none
+    /// @throws Failure   "configuration": invalid settings of a map
     Service(std::string folder, std::shared_ptr<Configuration const> configuration,
             std::string statsFile, Log& log);
     ~Service();
@@ -37,11 +39,17 @@ public:
     Service& operator=(Service const&) = delete;
 
     /// Opens the sockets, and serves.
-    /// @throws Failure        "configuration": a socket cannot be opened
-    /// @throws LDAPException  invalid settings of a map
+    /// @throws Failure         "configuration": a socket cannot be opened, or there are not enough
+    ///                         descriptors
+    /// @throws std::exception  an internal error in a thread
     void run();
 
 private:
+    std::shared_ptr<Maps> makeMaps(std::shared_ptr<Configuration const> const& configuration,
+                                   Maps const* before);
+    void use(std::shared_ptr<Maps> const& maps);
+    void limitClients();
+    void startThreads();
     void open();
     void add(ClientKind kind, int descriptor, std::string const& path);
     void accept(ClientKind kind, int descriptor);
@@ -67,6 +75,8 @@ private:
     std::shared_ptr<Maps> m_maps;
     std::vector<std::unique_ptr<Worker>> const m_workers; ///< the first has the calling thread
     std::vector<std::thread> m_threads;
+    std::vector<std::exception_ptr> m_ends; ///< of the workers' threads; null: as told
+    long m_mostClients = 0;
     std::size_t m_next = 0; ///< index of the worker for the next client
     // All below belong to the first worker.
     std::list<Listener> m_listeners;
@@ -75,7 +85,7 @@ private:
     boost::asio::steady_timer m_statsTimer;
     boost::asio::steady_timer m_watchdogTimer;
     std::chrono::steady_clock::time_point m_stopBy;
-    std::chrono::steady_clock::time_point m_nextComplaint; ///< about too many clients
+    RareWarning m_turnedAway;            ///< about too many clients
     std::atomic<std::size_t> m_alive{0}; ///< workers that have reacted since they were asked
     bool m_asksWorkers = false;          ///< whether they react
     bool m_isStopping = false;

@@ -114,6 +114,7 @@ std::vector<Row> const& table()
         { "auth_trouble",        storing(&S::authTrouble, troubleIn) },
         { "auth_needs_tls",      storing(&S::authNeedsTls, Tool::booleanIn) },
         { "auth_failures",       storing(&S::authFailures, Tool::numberBetween(0, 1000000)) },
+        { "auth_address_failures", storing(&S::authAddressFailures, Tool::numberBetween(0, 1000000)) },
         { "auth_failures_time",  storing(&S::authFailuresTime, Tool::durationIn) },
         { "threads",             storing(&S::threads, Tool::numberBetween(1, 64)) },
         { "clients",             storing(&S::clients, countIn) },
@@ -148,8 +149,7 @@ void readService(std::string const& path, ServiceSettings& settings, Faults& fau
             auto const row = std::find_if(table().begin(), table().end(),
                                           [&](Row const& each) { return each.name == name; });
             if (row == table().end()) {
-                refuse(fmt::format("unknown setting '{}'", Tool::oneLine(name)),
-                       "solvane-ldapd(8) lists the names");
+                refuse(Tool::unknownSetting(name), "solvane-ldapd(8) lists the names");
             }
             if (!given.insert(row->name).second) {
                 refuse(fmt::format("{} is set twice", name), "remove one of the lines");
@@ -237,7 +237,8 @@ void readMaps(std::filesystem::path const& folder, Configuration& configuration,
     std::set<std::filesystem::path> paths; // in the order of their names
     for (auto entry = std::filesystem::directory_iterator(folder, error);
          !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        if (entry->path().extension() == ".conf") {
+        std::filesystem::path const name = entry->path().filename();
+        if (name.extension() == ".conf" && name.string().front() != '.') { // not an editor's
             paths.insert(entry->path());
         }
     }

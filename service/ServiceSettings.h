@@ -26,8 +26,8 @@ struct ServiceSettings {
     std::string authMap;             ///< the map whose entries log in; empty: none
     AuthSession::Trouble authTrouble = AuthSession::Trouble::close;
     bool authNeedsTls = true;
-    unsigned int authFailures =
-        10; ///< of a user or an address within `authFailuresTime`; 0: no limit
+    unsigned int authFailures = 10;         ///< of a user within `authFailuresTime`; 0: no limit
+    unsigned int authAddressFailures = 100; ///< from an address; 0: no limit
     std::chrono::seconds authFailuresTime{300};
     unsigned int threads = 1;
     unsigned int clients = 1000;

@@ -4,6 +4,8 @@
 #include <boost/asio/dispatch.hpp>
 #include <boost/asio/post.hpp>
 
+#include <exception>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -15,34 +17,41 @@ Worker::Worker(Environment& environment, std::function<std::string()> stats)
 {
 }
 
-void Worker::adopt(ClientKind kind, int descriptor)
+void Worker::adopt(ClientKind kind, Accepted accepted)
 {
-    boost::asio::dispatch(m_context, [this, kind, descriptor] {
-        auto const client = clientFor(kind, descriptor);
-        client->start();
-        if (m_isDraining) {
-            client->drain();
+    boost::asio::dispatch(m_context, [this, kind, accepted = std::move(accepted)]() mutable {
+        try {
+            auto const client = clientFor(kind, std::move(accepted));
+            client->start();
+            if (m_isDraining) {
+                client->drain();
+            }
+        } catch (std::exception const& fault) { // such as: the kernel has no memory to watch it
+            m_environment.unserved.write(m_environment.log,
+                                         std::string("cannot serve a client: ") + fault.what());
         }
     });
 }
 
-std::shared_ptr<Client> Worker::clientFor(ClientKind kind, int descriptor)
+std::shared_ptr<Client> Worker::clientFor(ClientKind kind, Accepted accepted)
 {
     ClientGroup const group = {m_context, m_environment, m_lookups, m_clients};
     switch (kind) {
     case ClientKind::auth:
-        return std::make_shared<AuthClient>(group, descriptor);
+        return std::make_shared<AuthClient>(group, std::move(accepted));
     case ClientKind::stats:
-        return std::make_shared<StatsClient>(group, descriptor, m_stats);
+        return std::make_shared<StatsClient>(group, std::move(accepted), m_stats);
     case ClientKind::socketmap:
         break;
     }
-    return std::make_shared<SocketmapClient>(group, descriptor);
+    return std::make_shared<SocketmapClient>(group, std::move(accepted));
 }
 
-void Worker::use(std::shared_ptr<Maps> const& maps)
+void Worker::use(std::shared_ptr<Maps> const& maps, Lookups::Queues queues)
 {
-    boost::asio::post(m_context, [this, maps] { m_lookups.use(maps); });
+    boost::asio::post(m_context, [this, maps, queues = std::move(queues)]() mutable {
+        m_lookups.use(maps, std::move(queues));
+    });
 }
 
 void Worker::drain()

@@ -34,15 +34,16 @@ public:
     void run() { m_context.run(); }
     /// Ends `run`, whatever is under way. Thread-safe.
     void stop() { m_context.stop(); }
-    /// Serves a client; owns its descriptor. Thread-safe.
-    void adopt(ClientKind kind, int descriptor);
-    /// Puts maps into use for later requests. Thread-safe.
-    void use(std::shared_ptr<Maps> const& maps);
+    /// Serves a client, or closes it if that is impossible. Thread-safe.
+    void adopt(ClientKind kind, Accepted accepted);
+    /// As those of `Lookups`; `use` is for later requests. Thread-safe.
+    Lookups::Queues prepare(std::shared_ptr<Maps> const& maps) { return m_lookups.prepare(maps); }
+    void use(std::shared_ptr<Maps> const& maps, Lookups::Queues queues);
     /// Takes no further requests, and closes clients once theirs are answered. Thread-safe.
     void drain();
 
 private:
-    std::shared_ptr<Client> clientFor(ClientKind kind, int descriptor);
+    std::shared_ptr<Client> clientFor(ClientKind kind, Accepted accepted);
 
     Environment& m_environment;
     std::function<std::string()> const m_stats;

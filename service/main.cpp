@@ -93,6 +93,15 @@ void raiseLimitOfFiles()
     }
 }
 
+/// A SIGHUP that comes before the service can take it must not end the process: it waits.
+void blockReload()
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGHUP);
+    sigprocmask(SIG_BLOCK, &signals, nullptr);
+}
+
 int run(Options const& options, Log& log)
 {
     std::vector<Failure> faults;
@@ -119,6 +128,7 @@ int run(Options const& options, Log& log)
 int main(int count, char** arguments)
 {
     std::signal(SIGPIPE, SIG_IGN); // write() reports it
+    blockReload();
     int status = EX_OK;
     auto const options = optionsOf(count, arguments, status);
     if (!options) {

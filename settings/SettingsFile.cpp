@@ -139,6 +139,13 @@ std::string besides(std::string const& path, std::string const& included)
 
 } // namespace
 
+std::string unknownSetting(std::string_view name)
+{
+    // What is no name is not shown: it may be a secret, as in "bind_pw: secret=1".
+    return isAlphanumeric(name, "_-.") ? fmt::format("unknown setting '{}'", name)
+                                       : "the text before '=' is not the name of a setting";
+}
+
 SettingLines::SettingLines(std::string const& path) : m_path(path)
 {
     constexpr std::size_t largest = std::size_t{1024} * 1024;
@@ -213,12 +220,14 @@ void SettingsFile::take(SettingLines const& lines, unsigned int depth, std::stri
     }
     Setting const* const setting = settingOfFile(name);
     if (setting == nullptr) {
-        refuse(fmt::format("unknown setting '{}'", oneLine(name)),
-               "solvane-ldap.conf(5) lists the names");
+        refuse(unknownSetting(name), "solvane-ldap.conf(5) lists the names");
     }
     bool const isUnused = isOverridden(*setting, depth);
     explainedBy(setting->name, Outcome::configuration, [&] {
         if (isUnused) {
+            if (setting->name == passwordName) {
+                requirePrivate("the file", lines.status(), m_privacy);
+            }
             setting->value.fromFile(value); // only validates it
         } else {
             store(lines, *setting, value);

@@ -47,6 +47,9 @@ private:
     struct stat m_status {};
 };
 
+/// The message about the name of a setting that does not exist.
+std::string unknownSetting(std::string_view name);
+
 /// The validated contents of a settings file and of the files that it includes. The password is
 /// stored apart from the other settings.
 class SettingsFile {

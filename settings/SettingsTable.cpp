@@ -241,6 +241,8 @@ std::vector<Setting> makeTable()
         { "window", Group::bulk, "--window", "N",
           value(&Settings::window, numberBetween(1, widestWindow)),
           "Maximum number of searches in flight on each connection" },
+        { "verify_connections", Group::bulk, "", "N",
+          onlyOfFile(&Settings::verifyConnections, numberBetween(1, mostConnections)), "" },
         { "domain", Group::bulk, "--domains", "LIST|@FILE", value(&Settings::domains, domainsIn),
           "Served domains, separated by commas; addresses in other domains are skipped" },
         { "forms", Group::bulk, "--forms", "full,noext,bare,domain",

@@ -202,4 +202,9 @@ std::vector<LDAPLookup::ServerStatistics> LDAPLookup::servers() const
     return m_engine->current()->pool.servers();
 }
 
+std::vector<LDAPLookup::ServerStatistics> LDAPLookup::verifyServers() const
+{
+    return m_engine->current()->logins->pool.servers();
+}
+
 } // namespace Solvane

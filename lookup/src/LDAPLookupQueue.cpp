@@ -252,9 +252,11 @@ void LDAPLookupQueue::submit(std::string key, Tag tag)
     m_state->submit(std::move(key), tag, nullptr);
 }
 
-void LDAPLookupQueue::submitVerify(std::string key, std::string const& password, Tag tag)
+void LDAPLookupQueue::submitVerify(std::string key, std::string const& password, Tag tag,
+                                   Lookup::BindGuard mayBind)
 {
-    m_state->submit(std::move(key), tag, std::make_unique<Lookup::Login>(password));
+    m_state->submit(std::move(key), tag,
+                    std::make_unique<Lookup::Login>(password, std::move(mayBind)));
 }
 
 int LDAPLookupQueue::descriptor() const { return m_state->descriptor(); }

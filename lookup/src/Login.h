@@ -10,6 +10,7 @@
 #include <solvane/session/PlainText.h>
 
 #include <string>
+#include <utility>
 
 namespace Solvane::Lookup {
 
@@ -23,7 +24,11 @@ namespace Solvane::Lookup {
 /// The password is wiped once there is a verification, at the latest by the destructor. It is never
 /// copied or moved: both would leave bytes behind. Not thread-safe.
 struct Login : public NonCopyable {
-    explicit Login(std::string const& secret) : password(secret) {}
+    /// @param guard  as for `LDAPLookupQueue::submitVerify`
+    explicit Login(std::string const& secret, BindGuard guard = nullptr)
+        : password(secret), mayBind(std::move(guard))
+    {
+    }
     ~Login() { wipe(password); }
 
     /// Takes the answer to the search. Returns whether a bind is to follow; otherwise the
@@ -33,6 +38,7 @@ struct Login : public NonCopyable {
     void takeBind(Answer const& answer);
 
     std::string password;
+    BindGuard mayBind;         ///< empty: it always may
     std::string server;        ///< to ask first, as its URI; empty: any
     BindResult response;       ///< the last one
     Verification verification; ///< its DN and denial as soon as they are known

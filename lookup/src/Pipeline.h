@@ -192,6 +192,7 @@ private:
     void takeResult(Lane& lane, Task& task, Session::Message const& message);
     void takeLogin(Lane& lane, Task& task, Session::Message const& message); // PipelineLogins.cpp
     bool isVerified(Task& task);                                             // the same
+    bool isPermitted(Task& task);                                            // the same
     void refused(Lane& lane, Task& task, Verdict const& why);
     void abandon(Lane& lane, Task& task);
     /// @param why  a copy, as the session that owns the original is destroyed

@@ -279,6 +279,9 @@ void Pipeline::notOpened(Lane& lane)
 
 void Pipeline::send(Task& task, Lane& lane)
 {
+    if (m_binds && !isPermitted(task)) {
+        return;
+    }
     PooledSession& pooled = *lane.lease;
     task.answer.server = lane.server->uri;
     task.answer.identity = pooled.session.identity();

@@ -42,6 +42,18 @@ bool Pipeline::isVerified(Task& task)
     return false;
 }
 
+/// Whether the owner of a password permits to send it. If not, the task is done.
+bool Pipeline::isPermitted(Task& task)
+{
+    Login const& login = *task.login;
+    if (login.mayBind && !login.mayBind(login.verification.dn)) {
+        finish(task, Outcome::TryLater, LDAP_ADMINLIMIT_EXCEEDED,
+               "the bind was not permitted, and not sent");
+        return false;
+    }
+    return true;
+}
+
 /// Takes the response to a bind. That a server denies it is final: to try a wrong password on every
 /// server would count against the account on each of them, and lock it. A server that cannot answer
 /// fails over.

@@ -238,6 +238,58 @@ TEST(PasswordInAQueueThatIsInvalid, IsNotSent)
     EXPECT_EQ(server.connectionCount(), 0U);
 }
 
+// Permission
+
+TEST_F(PasswordInAQueue, IsSentOnlyIfItsCallerPermitsTheBind)
+{
+    LDAPLookup lookup(settings());
+    LDAPLookupQueue queue(lookup);
+    QueueLoop loop(queue);
+    std::vector<std::string> asked;
+    auto const answering = [&asked](bool answer) {
+        return [&asked, answer](std::string const& dn) {
+            asked.push_back(dn);
+            return answer;
+        };
+    };
+
+    queue.submitVerify(addressOf(1), passwordOf(1), 1, answering(false));
+    queue.submitVerify("nobody@corp.test", passwordOf(1), 2, answering(false));
+    ASSERT_TRUE(loop.runUntil(2));
+    auto const servers = lookup.verifyServers();
+    queue.submitVerify(addressOf(1), passwordOf(1), 3, answering(true));
+    ASSERT_TRUE(loop.runUntil(3));
+
+    EXPECT_EQ(loop.verification(1).outcome, VerifyOutcome::TryLater);
+    EXPECT_EQ(loop.verification(1).text, "the bind was not permitted, and not sent");
+    EXPECT_EQ(loop.verification(2).outcome, VerifyOutcome::NotFound);
+    EXPECT_EQ(loop.verification(3).outcome, VerifyOutcome::Accepted);
+    std::string const dn = "uid=user0000001,ou=people,dc=corp,dc=test";
+    EXPECT_THAT(asked, ElementsAre(dn, dn));
+    ASSERT_EQ(servers.size(), 1U);
+    EXPECT_EQ(servers.front().answered, 0U);
+    EXPECT_EQ(lookup.verifyServers().front().answered, 1U);
+}
+
+TEST(BindOfAQueue, IsPermittedAnewForEachServer)
+{
+    ScriptedServer const broken(
+        loginServer([](Peer& peer, std::string const&) { peer.reset(); }, answerUser));
+    ScriptedServer const sound(loginServer(judge, answerUser));
+    auto settings = settingsFor({broken.port(), sound.port()});
+    LDAPLookup lookup(settings);
+    LDAPLookupQueue queue(lookup);
+    QueueLoop loop(queue);
+    int permitted = 0;
+
+    queue.submitVerify(addressOf(1), password, 1,
+                       [&](std::string const&) { return ++permitted > 0; });
+    ASSERT_TRUE(loop.runUntil(1));
+
+    EXPECT_EQ(loop.verification(1).outcome, VerifyOutcome::Accepted);
+    EXPECT_GE(permitted, 2);
+}
+
 // Connections
 
 TEST(BindsOfAQueue, AreAsManyAtATimeAsTheSettingsAllow)

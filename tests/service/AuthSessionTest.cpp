@@ -408,76 +408,191 @@ TEST(AuthVerdict, SaysWhyAnAccountIsDenied)
 
 class LimitedLogins : public testing::Test {
 protected:
-    void fail(int count, std::string const& user, std::string const& address)
+    using Result = LoginLimits::Result;
+
+    /// Whether a login is admitted, before the search and before the bind; concludes it if so.
+    /// @param dn  of its entry; empty: it is not found
+    bool tries(std::string const& user, std::string const& address, std::string const& dn,
+               Result result = Result::denied)
     {
-        for (int i = 0; i < count; ++i) {
-            limits.failed(user, address, now);
+        LoginAttempt attempt;
+        attempt.user = user;
+        attempt.address = address;
+        if (!limits.admits(attempt, now)) {
+            return false;
         }
+        bool const mayBind = dn.empty() || limits.admitsBind(attempt, dn, now);
+        isAtLimit = limits.conclude(attempt, mayBind ? result : Result::unanswered, now);
+        return mayBind;
     }
 
-    LoginLimits limits{3, seconds(60)};
+    bool admits(std::string const& user, std::string const& address, std::string const& dn = "")
+    {
+        return tries(user, address, dn, Result::unanswered);
+    }
+
+    LoginLimits limits{{3, 5, seconds(60)}};
     LoginLimits::Clock::time_point now = LoginLimits::Clock::now();
+    bool isAtLimit = false;
 };
 
 TEST_F(LimitedLogins, EndAfterTooManyFailuresOfAUser)
 {
-    fail(2, "anna", "192.0.2.1");
-    EXPECT_TRUE(limits.admits("anna", "", now));
+    tries("anna", "192.0.2.1", "");
+    tries("anna", "192.0.2.2", "");
+    EXPECT_FALSE(isAtLimit);
+    EXPECT_TRUE(admits("anna", ""));
 
-    EXPECT_TRUE(limits.failed("anna", "192.0.2.2", now)); // tells that it is the last one
+    tries("anna", "192.0.2.3", "");
 
-    EXPECT_FALSE(limits.admits("anna", "192.0.2.3", now));
-    EXPECT_TRUE(limits.admits("bert", "192.0.2.3", now));
+    EXPECT_TRUE(isAtLimit);
+    EXPECT_FALSE(admits("anna", "192.0.2.4"));
+    EXPECT_TRUE(admits("bert", "192.0.2.4"));
+}
+
+/// A directory locks entries, whatever name found them.
+TEST_F(LimitedLogins, EndAfterTooManyFailuresOfAnEntry)
+{
+    EXPECT_TRUE(tries("anna+1@corp.test", "", "uid=anna,dc=corp"));
+    EXPECT_TRUE(tries("anna+2@corp.test", "", "uid=anna,dc=corp"));
+    EXPECT_TRUE(tries("anna+3@corp.test", "", "uid=Anna,dc=corp"));
+
+    EXPECT_FALSE(admits("anna@corp.test", "192.0.2.4", "uid=anna,dc=corp"));
+    EXPECT_TRUE(admits("bert@corp.test", "192.0.2.4", "uid=bert,dc=corp"));
+}
+
+TEST_F(LimitedLogins, DoNotBeginAgainInAnotherSpelling)
+{
+    tries("anna maria@corp.test", "", "");
+    tries(" Anna  MARIA@CORP.test", "", "");
+    tries("anna maria@corp.test ", "", "");
+
+    EXPECT_FALSE(admits("anna maria@corp.test", ""));
+    EXPECT_TRUE(admits("annamaria@corp.test", ""));
+}
+
+TEST_F(LimitedLogins, CountWhileTheyAreUnderWay)
+{
+    LoginAttempt attempts[4];
+    std::string const dn = "uid=anna,dc=corp";
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_TRUE(limits.admitsBind(attempts[i], dn, now));
+        EXPECT_TRUE(limits.admitsBind(attempts[i], dn, now)); // on another server: counts once
+    }
+    EXPECT_FALSE(limits.admitsBind(attempts[3], dn, now));
+    EXPECT_TRUE(attempts[3].isLimited);
+
+    limits.conclude(attempts[0], Result::unanswered, now);
+    EXPECT_TRUE(limits.admitsBind(attempts[0] = {}, dn, now));
+    limits.conclude(attempts[0], Result::denied, now);
+    EXPECT_FALSE(limits.admitsBind(attempts[0] = {}, dn, now));
+    limits.conclude(attempts[1], Result::accepted, now);
+    EXPECT_TRUE(limits.admitsBind(attempts[0] = {}, dn, now));
 }
 
 TEST_F(LimitedLogins, EndAfterTooManyFailuresFromAnAddress)
 {
-    fail(1, "a", "192.0.2.1");
-    fail(1, "b", "192.0.2.1");
-    fail(1, "c", "192.0.2.1");
+    for (char const* const user : {"a", "b", "c", "d", "e"}) {
+        EXPECT_TRUE(tries(user, "192.0.2.1", ""));
+    }
+    EXPECT_TRUE(isAtLimit);
 
-    EXPECT_FALSE(limits.admits("d", "192.0.2.1", now));
-    EXPECT_TRUE(limits.admits("d", "192.0.2.2", now));
-    EXPECT_TRUE(limits.admits("d", "", now));
+    EXPECT_FALSE(admits("f", "192.0.2.1"));
+    EXPECT_FALSE(admits("f", "::ffff:192.0.2.1"));
+    EXPECT_TRUE(admits("f", "192.0.2.2"));
+    EXPECT_TRUE(admits("f", ""));
 }
 
-TEST_F(LimitedLogins, DoNotBeginAgainInAnotherCase)
+TEST_F(LimitedLogins, TakeANetworkOfIpv6AsOneAddress)
 {
-    fail(2, "anna@corp.test", "");
-    fail(1, "Anna@CORP.test", "");
+    for (char const* const user : {"a", "b", "c", "d", "e"}) {
+        tries(user, std::string("2001:db8:0:1::") + user, "");
+    }
 
-    EXPECT_FALSE(limits.admits("ANNA@corp.test", "", now));
+    EXPECT_FALSE(admits("f", "2001:db8:0:1:2:3:4:5"));
+    EXPECT_TRUE(admits("f", "2001:db8:0:2::1"));
+}
+
+/// One phone with an old password, or a guesser in the same office, must not keep the others out.
+TEST_F(LimitedLogins, GoOnForUsersThatLoggedInFromTheAddressBefore)
+{
+    tries("anna", "192.0.2.1", "uid=anna", Result::accepted);
+    for (char const* const user : {"a", "b", "c", "d", "e"}) {
+        tries(user, "192.0.2.1", "");
+    }
+
+    EXPECT_TRUE(admits("Anna", "192.0.2.1"));
+    EXPECT_FALSE(admits("bert", "192.0.2.1"));
+    now += std::chrono::hours(24);
+    for (char const* const user : {"a", "b", "c", "d", "e"}) {
+        tries(user, "192.0.2.1", "");
+    }
+    EXPECT_FALSE(admits("anna", "192.0.2.1"));
+}
+
+TEST_F(LimitedLogins, AreNotLimitedFromLoopback)
+{
+    for (std::string const address : {"127.0.0.1", "127.8.8.8", "::1", "::ffff:127.0.0.1"}) {
+        for (int user = 0; user < 20; ++user) {
+            EXPECT_TRUE(tries(address + std::to_string(user), address, "")) << address;
+        }
+    }
 }
 
 TEST_F(LimitedLogins, BeginAgainLater)
 {
-    fail(3, "anna", "192.0.2.1");
+    for (int i = 0; i < 3; ++i) {
+        tries("anna", "192.0.2.1", "uid=anna");
+    }
+    EXPECT_FALSE(admits("anna", "", "uid=anna"));
 
     now += seconds(60);
 
-    EXPECT_TRUE(limits.admits("anna", "192.0.2.1", now));
-    fail(1, "anna", "192.0.2.1");
-    EXPECT_TRUE(limits.admits("anna", "192.0.2.1", now));
+    EXPECT_TRUE(tries("anna", "192.0.2.1", "uid=anna"));
+    EXPECT_TRUE(admits("anna", "192.0.2.1", "uid=anna"));
 }
 
 TEST_F(LimitedLogins, BeginAgainForAUserWhoseLoginIsAccepted)
 {
-    fail(2, "anna", "192.0.2.1");
+    tries("anna", "192.0.2.1", "uid=anna");
+    tries("anna", "192.0.2.1", "uid=anna");
 
-    limits.succeeded("anna");
-    fail(2, "anna", "");
+    tries("anna", "192.0.2.1", "uid=anna", Result::accepted);
+    tries("anna", "", "uid=anna");
+    tries("anna", "", "uid=anna");
 
-    EXPECT_TRUE(limits.admits("anna", "", now));
+    EXPECT_TRUE(admits("anna", "", "uid=anna"));
+}
+
+TEST_F(LimitedLogins, DoNotCountWhatTheDirectoryDidNotAnswer)
+{
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(tries("anna", "192.0.2.1", "uid=anna", Result::unanswered));
+    }
 }
 
 TEST_F(LimitedLogins, HaveNoLimitIfItIsZero)
 {
-    LoginLimits unlimited(0, seconds(60));
-    for (int i = 0; i < 100; ++i) {
-        unlimited.failed("anna", "192.0.2.1", now);
-    }
+    limits.change({0, 0, seconds(60)});
 
-    EXPECT_TRUE(unlimited.admits("anna", "192.0.2.1", now));
+    for (int i = 0; i < 100; ++i) {
+        EXPECT_TRUE(tries("anna", "192.0.2.1", "uid=anna"));
+        EXPECT_FALSE(isAtLimit);
+    }
+}
+
+TEST(RecentValues, AreForgottenFromTheOldestOn)
+{
+    Recent<int, std::size_t> recent(10);
+    recent.store(11, 1);
+    recent.store(12, 2);
+    recent.store(13, 1);
+
+    recent.forgetWhile([](int value) { return value < 2; });
+
+    EXPECT_EQ(recent.size(), 2U);
+    EXPECT_EQ(recent.find(11), nullptr);
+    EXPECT_NE(recent.find(13), nullptr);
 }
 
 TEST(RecentValues, AreBounded)

@@ -116,9 +116,13 @@ class AuthClient(Client):
     def line(self):
         return self.read_until(b"\n").decode()
 
-    def plain(self, user, password, number=1, parameters="secured\trip=192.0.2.1"):
+    def begin(self, user, password, number=1, parameters="secured\trip=192.0.2.1"):
+        """Sends a login, without waiting for its result."""
         response = base64.b64encode(f"\0{user}\0{password}".encode()).decode()
         self.send(f"AUTH\t{number}\tPLAIN\tservice=smtp\t{parameters}\tresp={response}\n".encode())
+
+    def plain(self, user, password, number=1, parameters="secured\trip=192.0.2.1"):
+        self.begin(user, password, number, parameters)
         return self.line()
 
 

@@ -100,6 +100,27 @@ class Settings(ToolTest):
 
                 self.assertIn(f"'{attribute}' is not the name of an attr", service.check().stderr)
 
+    def test_keep_passwords_from_others_even_if_they_are_overridden(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = uid\nbind_pw = another\n"
+        service = Service(self, self.uri, maps={"users": users}, is_started=False)
+        os.chmod(os.path.join(service.folder, "common.settings"), 0o644)
+
+        self.assertIn("by other users (mode 644)", service.check().stderr)
+
+    def test_show_no_text_that_is_not_a_name(self):
+        service = Service(self, self.uri, "bind_pw: secret=1\n", is_started=False)
+
+        result = service.check()
+
+        self.assertIn("the text before '=' is not the name of a setting", result.stderr)
+        self.assertNotIn("secret", result.stderr)
+
+    def test_are_not_in_hidden_files(self):
+        service = Service(self, self.uri, is_started=False)
+        os.symlink("nowhere", os.path.join(service.folder, "maps", ".#users.conf"))
+
+        self.assertEqual(service.check().returncode, 0)
+
     def test_are_in_the_manual_page(self):
         root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")
         with open(os.path.join(root, "docs/man/solvane-ldapd.8"), encoding="utf-8") as page:

@@ -124,6 +124,8 @@ public:
     /// State and counts of each server of the settings in use, in order of preference. Servers of
     /// a domain are listed once they are known. Without the connections of `verify`. Thread-safe.
     std::vector<ServerStatistics> servers() const;
+    /// The same for the connections of `verify`; its `answered` counts binds. Thread-safe.
+    std::vector<ServerStatistics> verifyServers() const;
 
 private:
     friend class LDAPLookupQueue;

@@ -68,7 +68,11 @@ public:
     /// @param password  as for `LDAPLookup::verify`. The queue's copy is wiped before the
     ///                  verification is returned, and by `cancel` and the destructor
     /// @param tag       returned with the verification
-    void submitVerify(std::string key, std::string const& password, Tag tag);
+    /// @param mayBind   asked just before the bind, when its DN is known; if it returns false,
+    ///                  nothing is sent, and the outcome is `TryLater`. So a caller can limit the
+    ///                  attempts on an account, however its key is spelled. Empty: always
+    void submitVerify(std::string key, std::string const& password, Tag tag,
+                      Lookup::BindGuard mayBind = nullptr);
 
     /// The descriptor to poll for input (poll, select, epoll). Owned by the queue, and the same
     /// for its lifetime. Readable while `next` can return an answer or do something.

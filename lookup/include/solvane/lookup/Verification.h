@@ -6,6 +6,7 @@
 #include <solvane/session/Export.h>
 
 #include <chrono>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -48,6 +49,11 @@ struct Verification {
     std::optional<unsigned int> graceLogins;
     double milliseconds = 0; ///< from start to end
 };
+
+/// Whether a password may be sent to a server, as a bind as the entry `dn`. Called in the thread that
+/// runs the verification, just before the bind; again for each server that is asked, if one cannot
+/// answer. Must not throw.
+using BindGuard = std::function<bool(std::string const& dn)>;
 
 /// The name of an outcome, as "denied".
 SOLVANE_LOOKUP_EXPORT char const* name(VerifyOutcome outcome);
