@@ -34,7 +34,8 @@ class HostileClients(DirectoryTest):
                 self.assertTrue(client.is_closed())
 
         self.assertEqual(service.stats()["solvane_ldapd_protocol_errors_total"], 50)
-        self.assertEqual(sum("closed a client" in line for line in service.lines), 1)
+        service.await_line("closed a client: it sent a malformed netstring")
+        self.assertLess(sum("closed a client" in line for line in service.lines), 5)
 
     def test_leave_descriptors_for_lookups(self):
         service = Service(self, self.uri, is_started=False)
@@ -218,7 +219,7 @@ class Logins(DirectoryTest):
         self.assertIn("OK\t40\t", client.plain("user0000001@corp.test", "pw-user0000001", 40))
 
     def test_are_taken_from_a_mail_server_that_was_idle(self):
-        service = Service(self, self.uri, "idle_time = 1\n")
+        service = Service(self, self.uri, "idle_time = 2\n")
         client = service.auth_client()
         client.plain("nobody@corp.test", "wrong")
         other = Client(service.auth_path)  # does not greet
