@@ -32,15 +32,20 @@ public:
     /// Passes every setting on, in order.
     /// @param faults  receives a Failure "configuration" for each setting that is malformed or was
     ///                refused
-    void read(Taker const& take, std::vector<Failure>& faults) const;
+    /// @param line    receives the number of the line on which a setting begins, before it is
+    ///                passed on; may be null
+    void read(Taker const& take, std::vector<Failure>& faults, unsigned long* line = nullptr) const;
 
     std::string const& path() const { return m_path; }
     unsigned int mode() const { return m_mode; } ///< permissions
+    /// Whether root has given the file to a group of users, such as that of a service.
+    bool isOfService() const { return m_isOfService; }
 
 private:
     std::string m_path;
     std::string m_text;
     unsigned int m_mode = 0;
+    bool m_isOfService = false;
 };
 
 /// The validated contents of a settings file and of the files that it includes. The password is
@@ -49,7 +54,7 @@ class SettingsFile {
 public:
     /// Who may read a file with a password besides its owner.
     enum class Privacy {
-        owner, ///< nobody
+        owner, ///< its group if root has given it to one; else nobody
         group, ///< its group: that of a service
     };
 
@@ -84,6 +89,8 @@ private:
     Draft m_draft;
     Secret m_password;
     std::map<std::string_view, unsigned int> m_depths; ///< of the files that set each name
+    unsigned long m_line = 0;                          ///< on which the current setting begins
+    std::string m_templatePlace;                       ///< file and line of the template
 };
 
 } // namespace Solvane::Tool

@@ -139,7 +139,8 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     AddCommand add;
     CheckCommand check;
     VerifyCommand verify;
-    std::array<Command*, 5> const commands = {&expand, &lookup, &verify, &add, &check};
+    ImportCommand import;
+    std::array<Command*, 6> const commands = {&expand, &lookup, &verify, &add, &check, &import};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");
