@@ -97,6 +97,10 @@ class Records:
         """How many times the processor time."""
         return ratios(self.each(row, contender, "cpu", size), self.each(row, than, "cpu", size))
 
+    def figure(self, row, contender, what, size=None):
+        """What each round says of something other than its time."""
+        return Figure.of([record[what] for record in self._of(row, contender, size)])
+
     def note(self, row, contender, what, size=None):
         found = [record[what] for record in self._of(row, contender, size) if what in record]
         if not found:

@@ -14,7 +14,7 @@ import os
 import sys
 import textwrap
 
-from figures import Microbenchmarks, Records, exponent
+from figures import Microbenchmarks, Records, exponent, ratios
 
 BEGIN, END = "<!-- measured: begin -->", "<!-- measured: end -->"
 QUIET = 0.5  # maximum load average per processor at which rates are reliable
@@ -90,6 +90,7 @@ class Measured:
         self.pinned = self._records("pinned.jsonl", "pinned-long.jsonl")
         self.free = self._records("free.jsonl", "free-long.jsonl")
         self.programs = self._records("programs.jsonl")
+        self.service = self._records("service.jsonl")
 
     def _text(self, name):
         with open(os.path.join(self._folder, name), encoding="utf-8") as opened:
@@ -247,6 +248,26 @@ def targets(measured):
             "the same over a round trip of 5 ms",
             100,
             programs.faster("bulk, far", "tool", "postmap"),
+        ),
+        *service_targets(measured),
+    ]
+
+
+def service_targets(measured):
+    return [
+        no_less_than(
+            "the service asked by 100 clients, times 100 processes of `postmap` with their own LDAP "
+            "tables",
+            2.0,
+            ratios(
+                measured.service.each("postmap", "ldap", "seconds"),
+                measured.service.each("table", "service", "seconds", 100),
+            ),
+        ),
+        no_more_than(
+            "connections to the directory meanwhile",
+            8,
+            measured.service.figure("table", "service", "connections", 100),
         ),
     ]
 
@@ -431,6 +452,52 @@ def program_lines(measured):
             "programs, including their start, compared with one in C that uses raw calls."
         ),
         *table(["", "rate", "processor time"], rows),
+    ]
+
+
+def service_lines(measured):
+    service = measured.service
+    rows = []
+    for contender, name in (("service", "service"), ("proxymap", "Postfix's `proxymap`")):
+        for clients in service.sizes("table", contender):
+            rows.append(
+                [
+                    name,
+                    str(clients),
+                    service.rate("table", contender, clients).text(0),
+                    *(
+                        service.figure("table", contender, what, clients).text()
+                        for what in ("p50", "p99")
+                    ),
+                    service.figure("table", contender, "connections", clients).text(0),
+                ]
+            )
+    for contender, name in (
+        ("service", "service, asked by `postmap`"),
+        ("ldap", "`postmap`'s own LDAP table"),
+    ):
+        rows.append(
+            [
+                name,
+                "100 processes",
+                service.rate("postmap", contender).text(0),
+                "",
+                "",
+                service.figure("postmap", contender, "connections").text(0),
+            ]
+        )
+    return [
+        "### Service",
+        "",
+        *paragraph(
+            "`solvane-ldapd` and Postfix's `proxymap` with the same table, asked by the same clients, "
+            "each with one request at a time. Below, whole processes of `postmap`, including their "
+            "start. Clients, service and directory share the processors."
+        ),
+        *table(
+            ["", "clients", "requests per second", "p50, ms", "p99, ms", "connections"],
+            rows,
+        ),
     ]
 
 
@@ -689,6 +756,7 @@ def main():
         window_lines,
         thread_lines,
         program_lines,
+        service_lines,
         growth_lines,
         value_lines,
     ):

@@ -20,6 +20,7 @@ import tempfile
 import time
 
 import bulk_lookups
+import service_lookups
 
 PINNED, FREE = "pinned", "free"
 
@@ -33,6 +34,7 @@ class Scale:
         self.few_rounds = rounds or (3 if is_quick else 9)  # of what takes seconds
         self.block = 0.05 if is_quick else 0.25
         self.keys = 2000 if is_quick else 10000
+        self.process_keys = 50 if is_quick else 200  # of each of 100 processes
         self.far_keys = 50 if is_quick else 200
         self.repetitions = rounds or (3 if is_quick else 9)
         self.micro_seconds = 0.01 if is_quick else 0.05
@@ -277,6 +279,15 @@ class Measurement:
                 record,
             )
 
+    def service(self):
+        peers = service_lookups.Peers(self._build, self._folder, self._directory.port)
+        keys, few = (
+            bulk_lookups.Keys(count, self._scale.users)
+            for count in (self._scale.keys, self._scale.process_keys)
+        )
+        with peers, self._output.recording("service.jsonl") as record:
+            service_lookups.compare(self._scale.few_rounds, peers, keys, few, record)
+
 
 def main():
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
@@ -306,6 +317,7 @@ def main():
             ("directory, client and server on one processor", lambda: run.directory(PINNED)),
             ("directory, client and server free", lambda: run.directory(FREE)),
             ("programs beside each other", run.programs),
+            ("the service beside Postfix", run.service),
         ):
             start = time.monotonic()
             part()

@@ -10,10 +10,11 @@ export PATH
 # Debian packages, by purpose.
 packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-dev
     libgnutls28-dev libc-ares-dev libidn2-dev libsasl2-dev libcli11-dev libfmt-dev rapidjson-dev)
-packages_demo=(ca-certificates)
+packages_demo=(ca-certificates postfix)
 packages_directory=(slapd ldap-utils openssl python3 procps)
 packages_test=(libgtest-dev libgmock-dev locales gdb krb5-kdc krb5-admin-server krb5-user
     libsasl2-modules-gssapi-mit postfix postfix-ldap)
+packages_unpacked=(exim4-daemon-light libidn12 sendmail-bin) # other mail servers, not to be installed
 packages_clang=(clang libclang-rt-dev)
 packages_lint=(clang-format clang-tidy clang cppcheck shellcheck codespell similarity-tester git
     black flake8 python3-pep8-naming)
@@ -21,7 +22,7 @@ packages_coverage=(gcovr)
 packages_consumer=(pkg-config)
 packages_package=(dpkg-dev file)
 packages_package_check=(lintian)
-packages_debian=(mmdebstrap python3)
+packages_debian=(mmdebstrap python3 iproute2 procps)
 packages_abi=(abigail-tools)
 packages_bench=(libbenchmark-dev postfix postfix-ldap python3-ldap python3-matplotlib libnet-ldap-perl perl)
 packages_389=(389-ds-base libnss3-tools)
@@ -91,6 +92,26 @@ ROOT
         die "could not install ${missing[*]}"
     fi
     rm -f "$log"
+}
+
+# unpack_packages FOLDER PACKAGE...: unpacks packages below FOLDER, without installing them. Returns 1 if
+# they cannot be downloaded.
+unpack_packages() {
+    local folder=$1 work package
+    shift
+    [[ ! -e $folder/complete ]] || return 0
+    work=$(mktemp -d)
+    if ! (cd "$work" && apt-get -q download "$@" >log 2>&1); then
+        printf 'cannot download %s: %s\n' "$*" "$(tail -n 1 "$work/log")" >&2
+        rm -rf "$work"
+        return 1
+    fi
+    mkdir -p "$folder"
+    for package in "$work"/*.deb; do
+        dpkg -x "$package" "$folder"
+    done
+    rm -rf "$work"
+    touch "$folder/complete"
 }
 
 # configure PRESET: configures build/PRESET.
@@ -169,9 +190,71 @@ in_root() {
     wait "$in_root_pid"
 }
 
+# boot_root ROOT: starts systemd in that folder, with processes, loopback network and control groups of its
+# own; in_booted COMMAND... runs a command there. It ends with leave_root.
+boot_root() {
+    local root=$1 groups try
+    groups=$(awk '$3 == "cgroup2" { print $2; exit }' /proc/self/mounts)
+    [[ -n $groups ]] || cannot "there is no hierarchy of control groups, version 2"
+    booted_group=$groups/solvane-$$
+    mkdir "$booted_group"
+    (
+        echo "$BASHPID" >"$booted_group/cgroup.procs"
+        # shellcheck disable=SC2016  # for the inner shell
+        exec unshare --mount --pid --ipc --uts --net --cgroup --fork --kill-child sh -ec '
+            cd "$1"
+            ip link set lo up
+            hostname "$(cat etc/hostname)"
+            mount --bind "$1" "$1"
+            cd "$1"
+            mount -t proc proc proc
+            mount -t sysfs -o ro sysfs sys
+            mount -t cgroup2 cgroup2 sys/fs/cgroup
+            mount -t tmpfs -o mode=755 tmpfs run
+            mount -t tmpfs -o mode=755 tmpfs dev
+            for device in null zero full random urandom tty; do
+                touch "dev/$device"
+                mount --bind "/dev/$device" "dev/$device"
+            done
+            mkdir dev/pts dev/shm
+            mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts
+            ln -s pts/ptmx dev/ptmx
+            mount -t tmpfs tmpfs dev/shm
+            pivot_root . mnt
+            exec env -i container=other PATH=/usr/sbin:/usr/bin:/sbin:/bin sh -c "umount -l /mnt
+                exec /lib/systemd/systemd --system --log-target=console"
+        ' sh "$root" >"$top/build/booted.log" 2>&1
+    ) &
+    booted_pid=$!
+    for ((try = 0; try < 300; ++try)); do
+        systemd_pid=$(pgrep -P "$booted_pid") || :
+        if [[ -n $systemd_pid && $(<"/proc/$systemd_pid/comm") == systemd ]] &&
+            in_booted systemctl is-system-running --wait >/dev/null 2>&1; then
+            return
+        fi
+        kill -0 "$booted_pid" 2>/dev/null || break
+        sleep 0.1
+    done
+    cat "$top/build/booted.log" >&2
+    cannot "systemd does not start in a folder"
+}
+
+in_booted() {
+    timeout 1200 nsenter --target "$systemd_pid" --all env -i HOME=/root LC_ALL=C.UTF-8 \
+        PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"
+}
+
 leave_root() {
     [[ -z ${in_root_pid:-} ]] || kill "$in_root_pid" 2>/dev/null || :
-    wait
+    [[ -z ${booted_pid:-} ]] || kill -KILL "$booted_pid" 2>/dev/null || :
+    { wait; } 2>/dev/null # without bash's word on what was killed
+    if [[ -n ${booted_group:-} ]]; then
+        # Its processes are gone once the groups can be removed.
+        # shellcheck disable=SC2016  # for the inner shell
+        timeout 30 sh -c 'until find "$1" -depth -type d -exec rmdir {} + 2>/dev/null; do sleep 0.1; done' \
+            sh "$booted_group" || :
+        booted_group=
+    fi
 }
 
 # build PRESET [TARGET...]: configures and builds build/PRESET; builds of one preset are serialised.

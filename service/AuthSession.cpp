@@ -77,13 +77,28 @@ bool decode(std::string_view text, std::string& out)
     return (bits & ((1U << count) - 1)) == 0;
 }
 
-/// The value of the field "name=..."; null if there is none.
-std::string_view const* find(std::vector<std::string_view> const& fields, std::string_view name)
+/// Whether both are the same word: mail servers pass a mechanism on as their client wrote it.
+bool isSameWord(std::string_view one, std::string_view other)
 {
-    auto const found = std::find_if(fields.begin(), fields.end(), [&](std::string_view field) {
-        return field.substr(0, name.size()) == name;
-    });
-    return found == fields.end() ? nullptr : &*found;
+    auto const inUpperCase = [](char letter) {
+        return letter >= 'a' && letter <= 'z' ? static_cast<char>(letter - 'a' + 'A') : letter;
+    };
+    return std::equal(one.begin(), one.end(), other.begin(), other.end(),
+                      [&](char a, char b) { return inUpperCase(a) == inUpperCase(b); });
+}
+
+/// Whether a field is "name=...".
+bool hasName(std::string_view field, std::string_view name)
+{
+    return field.substr(0, name.size()) == name && field.substr(name.size(), 1) == "=";
+}
+
+/// The value of the field "name=..."; empty if there is none.
+std::string_view valueOf(std::vector<std::string_view> const& fields, std::string_view name)
+{
+    auto const found = std::find_if(fields.begin(), fields.end(),
+                                    [&](std::string_view field) { return hasName(field, name); });
+    return found == fields.end() ? std::string_view() : found->substr(name.size() + 1);
 }
 
 } // namespace
@@ -158,7 +173,7 @@ void AuthSession::begin(Fields const& fields)
         breakOff("malformed AUTH");
         return;
     }
-    if (m_exchanges.size() >= m_options.mostLogins) {
+    if (!makeRoom()) {
         breakOff("more than " + std::to_string(m_options.mostLogins) + " logins at a time");
         return;
     }
@@ -167,26 +182,52 @@ void AuthSession::begin(Fields const& fields)
         breakOff("AUTH with the id of a login that is under way");
         return;
     }
-    bool const isPlain = fields[2] == "PLAIN";
-    exchange->second.isLogin = fields[2] == "LOGIN";
+    exchange->second.begun = ++m_lastBegun;
+    bool const isPlain = isSameWord(fields[2], "PLAIN");
+    exchange->second.isLogin = isSameWord(fields[2], "LOGIN");
     if (!isPlain && !exchange->second.isLogin) {
         refuse(exchange, "unsupported mechanism");
         return;
     }
+    auto const last = std::find_if(fields.begin() + 3, fields.end(), [](std::string_view field) {
+        return hasName(field, "resp"); // the last one: what follows is ignored
+    });
+    Fields const parameters(fields.begin() + 3, last);
     if (m_options.needsSecured &&
-        std::find(fields.begin() + 3, fields.end(), "secured") == fields.end()) {
+        std::find(parameters.begin(), parameters.end(), "secured") == parameters.end()) {
         refuse(exchange, "passwords are refused without TLS");
         return;
     }
-    if (auto const* const address = find(fields, "rip=")) {
-        exchange->second.remoteAddress = unescaped(address->substr(4)).value_or("");
-    }
-    auto const* const response = find(fields, "resp=");
-    if (response != nullptr) {
-        respond(exchange, response->substr(5));
-    } else {
+    exchange->second.remoteAddress = unescaped(valueOf(parameters, "rip")).value_or("");
+    // Exim always sends "resp=", empty if its client sent no initial response. "=" stands for an
+    // empty one (RFC 4954 section 4), which is no name.
+    std::string_view const response = valueOf(Fields(last, fields.end()), "resp");
+    if (response.empty() || (exchange->second.isLogin && response == "=")) {
         ask(*id, isPlain ? "" : "VXNlcm5hbWU6"); // "Username:"
+    } else {
+        respond(exchange, response);
     }
+}
+
+/// Makes sure that one more login may begin. Forgets the one that was asked first if necessary.
+/// Returns false if all are being verified.
+bool AuthSession::makeRoom()
+{
+    if (m_exchanges.size() < m_options.mostLogins) {
+        return true;
+    }
+    auto oldest = m_exchanges.end();
+    for (auto exchange = m_exchanges.begin(); exchange != m_exchanges.end(); ++exchange) {
+        if (exchange->second.number == 0 &&
+            (oldest == m_exchanges.end() || exchange->second.begun < oldest->second.begun)) {
+            oldest = exchange;
+        }
+    }
+    if (oldest == m_exchanges.end()) {
+        return false;
+    }
+    m_exchanges.erase(oldest);
+    return true;
 }
 
 void AuthSession::goOn(Fields const& fields)
@@ -197,8 +238,12 @@ void AuthSession::goOn(Fields const& fields)
         return;
     }
     auto const exchange = m_exchanges.find(*id);
-    if (exchange == m_exchanges.end() || exchange->second.number != 0) {
-        breakOff("CONT with the id of no login that was asked");
+    if (exchange == m_exchanges.end()) {
+        fail(*id, "", "temp\tcode=temp_fail\treason=the login has been forgotten");
+        return;
+    }
+    if (exchange->second.number != 0) {
+        breakOff("CONT for a login that is being verified");
         return;
     }
     respond(exchange, fields[2]);

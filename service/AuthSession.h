@@ -43,13 +43,16 @@ private:
 ///       |                               +--+ (name, then password) |   +--CANCEL--> gone
 ///       +--initial response is complete----------------------------+
 ///
+/// A mail server need not cancel the logins that its clients abandon. So a login that was asked is
+/// forgotten if there would be more than `mostLogins` otherwise, the oldest first.
+///
 /// Not thread-safe.
 class AuthSession {
 public:
     /// What `conclude` does when the password could not be verified.
     enum class Trouble {
-        close, ///< ends the connection: Postfix says 454
-        fail,  ///< FAIL with "temp": Postfix says 535, Exim 435
+        close, ///< ends the connection: Postfix says 454, Exim 435
+        fail,  ///< FAIL with "temp", which others know: Postfix and Exim say 535
     };
 
     /// What differs between sessions.
@@ -59,7 +62,7 @@ public:
         std::string cookie;           ///< hexadecimal
         bool needsSecured = true;     ///< refuses logins without "secured"
         Trouble trouble = Trouble::close;
-        std::size_t mostLogins = 16; ///< at the same time
+        std::size_t mostLogins = 16; ///< at the same time; with more being verified, it is over
     };
 
     /// A login whose password is to be verified.
@@ -109,6 +112,7 @@ private:
         std::string user;         ///< of LOGIN, once it is known
         bool hasUser = false;     ///< whether it is
         std::uint64_t number = 0; ///< not 0: the password is being verified
+        std::uint64_t begun = 0;  ///< in the order of AUTH
         std::string remoteAddress;
     };
     using Exchanges = std::map<std::uint32_t, Exchange>;
@@ -118,6 +122,7 @@ private:
     void begin(Fields const& fields);
     void goOn(Fields const& fields);
     void cancel(Fields const& fields);
+    bool makeRoom();
     void respond(Exchanges::iterator exchange, std::string_view base64);
     void respondPlain(Exchanges::iterator exchange, std::string_view message);
     void verify(Exchanges::iterator exchange, std::string user, std::string_view password);
@@ -133,6 +138,7 @@ private:
     Exchanges m_exchanges;
     std::list<Login> m_logins;
     std::uint64_t m_lastNumber = 0;
+    std::uint64_t m_lastBegun = 0;
     bool m_hasVersion = false;
     bool m_isOver = false;
 };

@@ -184,13 +184,13 @@ void Client::awaitIdleTime()
 // Keys
 
 SocketmapClient::SocketmapClient(ClientGroup const& group, int descriptor)
-    : Client(group, descriptor, group.environment.settings.idleTime)
+    : Client(group, descriptor, group.lookups.settings().idleTime)
 {
 }
 
 bool SocketmapClient::hasRoom() const
 {
-    return m_replies.size() < m_group.environment.settings.clientRequests &&
+    return m_replies.size() < m_group.lookups.settings().clientRequests &&
            unsentBytes() < longestReply;
 }
 
@@ -242,8 +242,8 @@ void SocketmapClient::answer(std::size_t number, Reply const& reply)
 // Logins
 
 AuthClient::AuthClient(ClientGroup const& group, int descriptor)
-    : Client(group, descriptor, group.environment.settings.idleTime),
-      m_session(authOptions(group.environment.settings))
+    : Client(group, descriptor, group.lookups.settings().idleTime),
+      m_session(authOptions(group.lookups.settings()))
 {
 }
 
@@ -301,7 +301,7 @@ AuthSession::Verdict AuthClient::judge(AuthSession::Login const& login,
             Log::Level::warning,
             fmt::format("too many refused logins: {} from {}", login.user, login.remoteAddress));
     }
-    if (environment.settings.logsRequests) {
+    if (m_group.lookups.settings().logsRequests) {
         environment.log.write(Log::Level::info,
                               fmt::format("login of {} from {}: {}{}{}", login.user,
                                           login.remoteAddress, name(verification.outcome),

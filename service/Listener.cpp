@@ -2,9 +2,6 @@
 #include "Listener.h"
 
 #include "Outcome.h"
-#include "SettingValues.h"
-
-#include <solvane/session/PlainText.h>
 
 #include <fmt/format.h>
 
@@ -127,44 +124,6 @@ void bindAddress(Socket const& socket, Endpoint const& endpoint)
 }
 
 } // namespace
-
-std::string Endpoint::text() const
-{
-    if (!address) {
-        return "unix:" + path;
-    }
-    std::string const host =
-        address->family() == AF_INET6 ? '[' + address->host() + ']' : address->host();
-    return fmt::format("inet:{}:{}", host, address->port());
-}
-
-Endpoint endpointIn(std::string const& text)
-{
-    constexpr char remedy[] = "write unix:/absolute/path, inet:127.0.0.1:PORT or inet:[::1]:PORT";
-    Endpoint endpoint;
-    if (text.rfind("unix:", 0) == 0) {
-        endpoint.path = text.substr(5);
-        std::string const fault = Lookup::faultInSocketPath(endpoint.path);
-        if (!fault.empty()) {
-            throw Failure(Outcome::usage,
-                          fmt::format("the path in '{}' {}", Lookup::oneLine(text), fault), remedy);
-        }
-        return endpoint;
-    }
-    auto const colon = text.rfind(':');
-    if (text.rfind("inet:", 0) == 0 && colon > 4) {
-        std::string host = text.substr(5, colon - 5);
-        bool const isBracketed = host.size() > 1 && host.front() == '[' && host.back() == ']';
-        host = isBracketed ? host.substr(1, host.size() - 2) : host;
-        endpoint.address =
-            Lookup::Address::parse(host, Tool::numberIn(text.substr(colon + 1), 1, 65535));
-        if (endpoint.address && isBracketed == (endpoint.address->family() == AF_INET6)) {
-            return endpoint;
-        }
-    }
-    throw Failure(Outcome::usage, fmt::format("invalid socket '{}'", Lookup::oneLine(text)),
-                  remedy);
-}
 
 int listenOn(Endpoint const& endpoint, SocketAccess const& access)
 {

@@ -2,7 +2,7 @@
 #ifndef SOLVANE_SERVICE_LISTENER_H
 #define SOLVANE_SERVICE_LISTENER_H
 
-#include <solvane/session/Address.h>
+#include "SettingValues.h"
 
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/posix/stream_descriptor.hpp>
@@ -17,18 +17,7 @@
 
 namespace Solvane::Service {
 
-/// Where to listen: a UNIX socket, or an address with a port.
-struct Endpoint {
-    std::string path; ///< empty: `address` is set
-    std::optional<Lookup::Address> address;
-
-    /// As it is written: "unix:/run/users" or "inet:127.0.0.1:2000".
-    std::string text() const;
-};
-
-/// Parses "unix:PATH" or "inet:ADDRESS:PORT", with an IPv6 address in brackets.
-/// @throws Failure  "usage": it is neither
-Endpoint endpointIn(std::string const& text);
+using Tool::Endpoint;
 
 /// Who may use a UNIX socket.
 struct SocketAccess {

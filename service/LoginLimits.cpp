@@ -22,6 +22,13 @@ LoginLimits::LoginLimits(unsigned int most, std::chrono::seconds time) : m_most(
 {
 }
 
+void LoginLimits::change(unsigned int most, std::chrono::seconds time)
+{
+    std::lock_guard<std::mutex> const lock(m_mutex);
+    m_most = most;
+    m_time = time;
+}
+
 bool LoginLimits::admits(std::string const& user, std::string const& address, Clock::time_point now)
 {
     std::lock_guard<std::mutex> const lock(m_mutex);

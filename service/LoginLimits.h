@@ -19,6 +19,8 @@ public:
     /// @param most  failures; 0: no limit
     /// @param time  from the first failure until they are forgotten
     LoginLimits(unsigned int most, std::chrono::seconds time);
+    /// Other limits from now on. Failures before are not forgotten, and keep their time.
+    void change(unsigned int most, std::chrono::seconds time);
 
     /// Whether a login may be tried.
     /// @param address  empty: unknown, and not limited
@@ -40,9 +42,9 @@ private:
     bool isFull(Counts& counts, std::string const& name, Clock::time_point now);
     bool count(Counts& counts, std::string const& name, Clock::time_point now);
 
-    unsigned int const m_most;
-    std::chrono::seconds const m_time;
     std::mutex m_mutex; ///< guards the members below
+    unsigned int m_most;
+    std::chrono::seconds m_time;
     Counts m_users{mostNames};
     Counts m_addresses{mostNames};
 };

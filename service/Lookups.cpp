@@ -30,7 +30,7 @@ public:
     MapQueue(boost::asio::io_context& context, Environment& environment, std::shared_ptr<Maps> maps,
              Map& map)
         : m_environment(environment), m_maps(std::move(maps)), m_map(map), m_queue(map.lookup),
-          m_descriptor(context, m_queue.descriptor()), m_kept(environment.settings.cacheEntries)
+          m_descriptor(context, m_queue.descriptor()), m_kept(m_maps->service().cacheEntries)
     {
     }
     MapQueue(MapQueue const&) = delete;
@@ -116,7 +116,7 @@ private:
         auto const asked = m_asked.extract(result.tag);
         m_tags.erase(result.key);
         Lookup::Answer const& answer = result.answer;
-        Kept const taken = {replyTo(answer, m_map.settings.lookup.attributes), answer.outcome, {}};
+        Kept const taken = {replyTo(answer, m_map.settings.lookup), answer.outcome, {}};
         m_map.metrics->latency.add(answer.milliseconds);
         keep(result.key, taken);
         std::string const remark = fmt::format(", {:.1f} ms{}{}", answer.milliseconds,
@@ -131,7 +131,7 @@ private:
     void keep(std::string const& key, Kept taken)
     {
         bool const isSaid = taken.outcome == Outcome::Found || taken.outcome == Outcome::NotFound;
-        ServiceSettings const& settings = m_environment.settings;
+        ServiceSettings const& settings = m_maps->service();
         auto const time = taken.reply.kind == Reply::Kind::found ? settings.cacheTime
                                                                  : settings.cacheNegativeTime;
         if (isSaid && taken.reply.kind != Reply::Kind::tryLater && time.count() > 0 &&
@@ -148,7 +148,7 @@ private:
         if (answer.outcome == Outcome::Found && answer.reply.kind == Reply::Kind::notFound) {
             ++m_map.metrics->withoutValue;
         }
-        if (m_environment.settings.logsRequests) {
+        if (m_maps->service().logsRequests) {
             m_environment.log.write(Log::Level::info,
                                     fmt::format("{} {}: {}{}", m_map.settings.name, key,
                                                 Lookup::name(answer.outcome), remark));
@@ -190,7 +190,7 @@ void Lookups::use(std::shared_ptr<Maps> const& maps)
         return;
     }
     m_queues.swap(queues);
-    m_authMap = maps->service().authMap;
+    m_maps = maps;
     for (auto const& [name, queue] : queues) {
         if (!queue->isIdle()) {
             m_earlier.push_back(queue);
@@ -217,7 +217,7 @@ void Lookups::find(Request const& request, FindHandler handler)
 
 void Lookups::verify(std::string const& user, std::string const& password, VerifyHandler handler)
 {
-    auto const queue = m_queues.find(m_authMap);
+    auto const queue = m_queues.find(settings().authMap);
     if (queue == m_queues.end()) {
         LDAPLookup::Verification none;
         none.outcome = LDAPLookup::VerifyOutcome::Misconfigured;

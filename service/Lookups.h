@@ -27,7 +27,6 @@ class MapQueue;
 
 /// What all threads share. Thread-safe.
 struct Environment {
-    ServiceSettings const& settings; ///< of the start; a reload only changes maps
     Metrics& metrics;
     Log& log;
     LoginLimits& limits;
@@ -46,8 +45,10 @@ public:
     Lookups(Lookups const&) = delete;
     Lookups& operator=(Lookups const&) = delete;
 
-    /// Puts maps into use.
+    /// Puts maps and settings into use. Call it before the others.
     void use(std::shared_ptr<Maps> const& maps);
+    /// Those in use.
+    ServiceSettings const& settings() const { return m_maps->service(); }
 
     /// Looks a key up. The handler is called once, perhaps before `find` returns.
     void find(Request const& request, FindHandler handler);
@@ -62,8 +63,8 @@ private:
 
     boost::asio::io_context& m_context;
     Environment& m_environment;
-    Queues m_queues;
-    std::string m_authMap;
+    std::shared_ptr<Maps> m_maps;
+    Queues m_queues;                                ///< of m_maps
     std::list<std::shared_ptr<MapQueue>> m_earlier; ///< with requests under way
 };
 

@@ -177,6 +177,8 @@ std::string Metrics::text(std::vector<PoolState> const& pools) const
     std::string text;
     describe(text, "info", "gauge", "Version of the program");
     append(text, "info", "version=" + quoted(SOLVANE_SERVICE_VERSION), 1);
+    appendOne(text, "start_time_seconds", "gauge", "When it started, in seconds since 1970",
+              std::chrono::system_clock::to_time_t(started));
     appendOne(text, "clients", "gauge", "Connected clients", clients.load());
     appendOne(text, "clients_accepted_total", "counter", "Clients that connected", accepted.load());
     appendOne(text, "clients_turned_away_total", "counter",

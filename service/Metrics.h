@@ -61,6 +61,7 @@ public:
 
     static constexpr std::size_t verifyOutcomes = 8; ///< values of `Lookup::VerifyOutcome`
 
+    std::chrono::system_clock::time_point const started = std::chrono::system_clock::now();
     std::array<Counter, verifyOutcomes> logins{}; ///< by outcome
     Counter limitedLogins{0};                     ///< not tried, after too many failures
     LatencyHistogram loginLatency;

@@ -76,8 +76,7 @@ Service::Service(std::string folder, std::shared_ptr<Configuration const> config
     : m_folder(std::move(folder)), m_configuration(std::move(configuration)),
       m_statsFile(std::move(statsFile)), m_log(log),
       m_limits(m_configuration->service.authFailures, m_configuration->service.authFailuresTime),
-      m_environment{m_configuration->service, m_metrics, m_log, m_limits},
-      m_observer(std::make_shared<LoggedEvents>(log)),
+      m_environment{m_metrics, m_log, m_limits}, m_observer(std::make_shared<LoggedEvents>(log)),
       m_maps(std::make_shared<Maps>(m_configuration, m_metrics, m_observer, nullptr)),
       m_workers(makeWorkers(
           m_environment, [this] { return stats(); }, m_configuration->service.threads)),
@@ -155,7 +154,7 @@ void Service::add(ClientKind kind, int descriptor, std::string const& path)
 
 void Service::accept(ClientKind kind, int descriptor)
 {
-    long const most = static_cast<long>(m_configuration->service.clients) +
+    long const most = static_cast<long>(m_maps->service().clients) +
                       (kind == ClientKind::stats ? spareStatsClients : 0);
     if (m_metrics.clients.load() >= most) {
         close(descriptor);
@@ -206,7 +205,8 @@ void Service::reload()
     }
     if (faults.empty()) {
         ++m_metrics.reloads;
-        m_log.write(Log::Level::notice, fmt::format("read {} maps anew", m_maps->all().size()));
+        m_log.write(Log::Level::notice,
+                    fmt::format("read the settings and {} maps anew", m_maps->all().size()));
     } else {
         ++m_metrics.failedReloads;
         m_log.write(Log::Level::error, "the new settings are invalid: those in use stay");
@@ -227,8 +227,14 @@ void Service::replaceMaps(std::vector<Failure>& faults)
                             "correct the settings");
         return;
     }
+    ServiceSettings const& settings = configuration->service;
+    m_limits.change(settings.authFailures, settings.authFailuresTime);
     for (auto const& worker : m_workers) {
         worker->use(m_maps);
+    }
+    for (std::string const& name : needingRestart(m_configuration->service, settings)) {
+        m_log.write(Log::Level::warning,
+                    fmt::format("{} has changed: restart the service to use it", name));
     }
 }
 
@@ -242,7 +248,7 @@ void Service::beginStop()
     for (auto const& worker : m_workers) {
         worker->drain();
     }
-    m_stopBy = Clock::now() + m_configuration->service.stopTime;
+    m_stopBy = Clock::now() + m_maps->service().stopTime;
     awaitLastClient();
 }
 

@@ -24,8 +24,8 @@
 
 namespace Solvane::Service {
 
-/// Runs until SIGTERM or SIGINT. SIGHUP reads the maps anew: if something is wrong with them, those in
-/// use stay; else later requests go to the new ones.
+/// Runs until SIGTERM or SIGINT. SIGHUP reads the settings and maps anew: if something is wrong with
+/// them, those in use stay; else later requests go to the new ones. Sockets and threads stay as they are.
 class Service {
 public:
     /// @param folder     of the settings

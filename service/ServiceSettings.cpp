@@ -11,14 +11,13 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <filesystem>
 #include <functional>
 #include <set>
 #include <string_view>
 #include <utility>
-
-#include <grp.h>
 
 namespace Solvane::Service {
 
@@ -39,7 +38,7 @@ std::vector<Endpoint> endpointsIn(std::string const& text)
 {
     std::vector<Endpoint> endpoints;
     for (std::string const& word : Tool::wordsIn(text)) {
-        endpoints.push_back(endpointIn(word));
+        endpoints.push_back(Tool::endpointIn(word));
     }
     return endpoints;
 }
@@ -57,12 +56,12 @@ mode_t modeIn(std::string const& text)
 
 gid_t groupIn(std::string const& text)
 {
-    ::group const* const found = getgrnam(text.c_str());
-    if (found == nullptr) {
+    auto const found = Tool::groupNamed(text);
+    if (!found) {
         refuse(fmt::format("there is no group '{}'", Tool::oneLine(text)),
                "create it, or name another");
     }
-    return found->gr_gid;
+    return *found;
 }
 
 AuthSession::Trouble troubleIn(std::string const& text)
@@ -161,6 +160,26 @@ void readService(std::string const& path, ServiceSettings& settings, Faults& fau
         faults);
 }
 
+/// Values are returned by the name under which a server sends them: "*" has none, and an OID is sent
+/// back as a name.
+void requireNames(LDAPLookup::Settings const& lookup)
+{
+    for (auto const& [setting, attributes] :
+         {std::pair("result_attribute", &lookup.attributes),
+          std::pair("special_result_attribute", &lookup.specialResultAttributes),
+          std::pair("leaf_result_attribute", &lookup.leafResultAttributes),
+          std::pair("terminal_result_attribute", &lookup.terminalResultAttributes)}) {
+        for (std::string const& attribute : *attributes) {
+            if (!Tool::isAlphanumeric(attribute.substr(0, 1), "") ||
+                std::isdigit(static_cast<unsigned char>(attribute.front())) != 0) {
+                refuse(fmt::format("{}: '{}' is not the name of an attribute", setting,
+                                   Tool::oneLine(attribute)),
+                       "write the name under which the server returns it, such as uid");
+            }
+        }
+    }
+}
+
 /// What a map needs besides valid settings.
 void requireComplete(Tool::Draft const& draft, bool hasPassword, bool isForLogins)
 {
@@ -171,9 +190,12 @@ void requireComplete(Tool::Draft const& draft, bool hasPassword, bool isForLogin
             refuse(fmt::format("{} is not set", name), "add it");
         }
     }
-    if (lookup.attributes.empty() && !isForLogins) {
+    bool const hasResults = !lookup.attributes.empty() || !lookup.leafResultAttributes.empty() ||
+                            !lookup.terminalResultAttributes.empty();
+    if (!hasResults && !isForLogins) {
         refuse("result_attribute is not set", "name the attributes whose values are returned");
     }
+    requireNames(lookup);
     if (isSimple && !lookup.bindDn.empty() && !hasPassword) {
         refuse("bind_dn needs a password", "add bind_pw");
     }
@@ -190,7 +212,7 @@ void readMap(std::filesystem::path const& path, MapSettings& map, std::string co
 {
     map.name = mapNameIn(path.stem());
     std::size_t const before = faults.size();
-    Tool::SettingsFile const file(path, Tool::SettingsFile::Privacy::group, faults);
+    Tool::SettingsFile const file(path, Tool::Privacy::group, faults);
     if (faults.size() != before) {
         return;
     }
@@ -266,6 +288,30 @@ std::shared_ptr<Configuration const> readConfiguration(std::string const& folder
         Tool::explainedBy(service, Outcome::configuration, [&] { requireAuthMap(*configuration); });
     });
     return configuration;
+}
+
+std::vector<std::string> needingRestart(ServiceSettings const& running,
+                                        ServiceSettings const& changed)
+{
+    auto const differ = [](std::vector<Endpoint> const& left, std::vector<Endpoint> const& right) {
+        return !std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                           [](Endpoint const& one, Endpoint const& another) {
+                               return one.text() == another.text();
+                           });
+    };
+    std::vector<std::string> names;
+    for (auto const& [name, differs] :
+         {std::pair("listen_socketmap", differ(running.socketmap, changed.socketmap)),
+          std::pair("listen_auth", differ(running.auth, changed.auth)),
+          std::pair("stats_socket", differ(running.stats, changed.stats)),
+          std::pair("socket_mode", running.access.mode != changed.access.mode),
+          std::pair("socket_group", running.access.group != changed.access.group),
+          std::pair("threads", running.threads != changed.threads)}) {
+        if (differs) {
+            names.emplace_back(name);
+        }
+    }
+    return names;
 }
 
 } // namespace Solvane::Service

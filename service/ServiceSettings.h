@@ -63,6 +63,10 @@ struct Configuration {
 std::shared_ptr<Configuration const> readConfiguration(std::string const& folder,
                                                        std::vector<Tool::Failure>& faults);
 
+/// The names of the settings that differ, of those that a running service cannot change.
+std::vector<std::string> needingRestart(ServiceSettings const& running,
+                                        ServiceSettings const& changed);
+
 } // namespace Solvane::Service
 
 #endif

@@ -1,11 +1,14 @@
 // Reads requests and writes replies. Nothing here does any input or output.
 #include "Socketmap.h"
 
+#include <solvane/ldap/LDAPAttribute.h>
 #include <solvane/lookup/Answer.h>
+#include <solvane/lookup/Settings.h>
 #include <solvane/session/PlainText.h>
 
 #include <algorithm>
 #include <charconv>
+#include <iterator>
 
 namespace Solvane::Service {
 
@@ -15,19 +18,63 @@ using Lookup::Outcome;
 
 constexpr std::size_t longestReason = 500; // mail servers log it
 
-/// The values of the attributes, of all entries in order, without empty ones.
-std::vector<std::string> valuesIn(Lookup::Answer const& answer,
-                                  std::vector<std::string> const& attributes)
+/// The values to return, without empty ones.
+std::vector<std::string> valuesIn(Lookup::Answer const& answer, Lookup::Settings const& settings)
 {
     std::vector<std::string> values;
-    for (std::string const& attribute : attributes) {
-        for (std::string& value : answer.values(attribute)) {
-            if (!value.empty()) {
-                values.push_back(std::move(value));
+    if (settings.makesResults()) {
+        values = answer.results;
+    } else {
+        for (std::string const& attribute : settings.attributes) {
+            std::vector<std::string> more = answer.values(attribute); // of all entries in order
+            std::move(more.begin(), more.end(), std::back_inserter(values));
+        }
+    }
+    values.erase(std::remove(values.begin(), values.end(), std::string()), values.end());
+    return values;
+}
+
+bool isAskedFor(std::string const& type, Lookup::Settings const& settings)
+{
+    LDAPAttributeType const returned(type);
+    for (auto const* const names :
+         {&settings.attributes, &settings.specialResultAttributes, &settings.leafResultAttributes,
+          &settings.terminalResultAttributes}) {
+        for (std::string const& name : *names) {
+            if (LDAPAttributeType(LDAPAttributeType(name).type()) == returned) {
+                return true;
             }
         }
     }
-    return values;
+    return false;
+}
+
+/// The type of an attribute with values that was not asked for; empty if there is none. A server may
+/// return one by its main name instead of the name in the settings ("uid" for "userid").
+std::string unaskedIn(Lookup::Answer const& answer, Lookup::Settings const& settings)
+{
+    for (LDAPSearchResultEntry const& entry : answer.entries) {
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            std::string const& type = attribute.type().type();
+            if (!attribute.binaryValue().empty() && !isAskedFor(type, settings)) {
+                return type;
+            }
+        }
+    }
+    return {};
+}
+
+/// The reply for entries without a value.
+Reply replyWithout(Lookup::Answer const& answer, Lookup::Settings const& settings)
+{
+    std::string const unasked = unaskedIn(answer, settings);
+    if (unasked.empty()) {
+        return Reply::notFound();
+    }
+    return Reply::tryLater(answer.server +
+                           ": the entry has no value of the result attributes, but "
+                           "of '" +
+                           unasked + "': set result_attribute to the server's name");
 }
 
 Reply replyWith(std::vector<std::string> const& values, std::string const& server)
@@ -151,12 +198,12 @@ Reply Reply::tryLater(std::string_view reason)
     return {Kind::tryLater, "TEMP " + text};
 }
 
-Reply replyTo(Lookup::Answer const& answer, std::vector<std::string> const& attributes)
+Reply replyTo(Lookup::Answer const& answer, Lookup::Settings const& settings)
 {
     switch (answer.outcome) {
     case Outcome::Found: {
-        auto const values = valuesIn(answer, attributes);
-        return values.empty() ? Reply::notFound() : replyWith(values, answer.server);
+        auto const values = valuesIn(answer, settings);
+        return values.empty() ? replyWithout(answer, settings) : replyWith(values, answer.server);
     }
     case Outcome::NotFound:
     case Outcome::Skipped:

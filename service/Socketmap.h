@@ -10,6 +10,7 @@
 
 namespace Solvane::Lookup {
 struct Answer;
+struct Settings;
 } // namespace Solvane::Lookup
 
 namespace Solvane::Service {
@@ -61,6 +62,7 @@ std::optional<Request> requestOf(std::string const& text);
 /// |--------------------------------------|------------|-------------------|
 /// | Found, with a value                  | `OK`       | uses the value    |
 /// | Found, without a value               | `NOTFOUND` | 550 for RCPT      |
+/// | Found, only with other attributes    | `TEMP`     | 451, logs reason  |
 /// | NotFound                             | `NOTFOUND` | 550               |
 /// | Skipped: the domain is not served    | `NOTFOUND` | 550               |
 /// | BadKey: the key cannot be an address | `NOTFOUND` | 550               |
@@ -81,9 +83,10 @@ struct Reply {
     static Reply tryLater(std::string_view reason);
 };
 
-/// The reply for an answer of the engine.
-/// @param attributes  whose values are returned, joined by commas
-Reply replyTo(Lookup::Answer const& answer, std::vector<std::string> const& attributes);
+/// The reply for an answer of the engine: its results if the settings make them, else the values of
+/// the result attributes in the order of the settings; joined by commas.
+/// @param settings  of the map
+Reply replyTo(Lookup::Answer const& answer, Lookup::Settings const& settings);
 
 } // namespace Solvane::Service
 

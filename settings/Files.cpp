@@ -10,6 +10,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,7 +34,36 @@ std::size_t lengthOfMark(std::string_view text)
     return text.substr(0, byteOrderMark.size()) == byteOrderMark ? byteOrderMark.size() : 0;
 }
 
+/// Whether this process is a member.
+bool hasGroup(gid_t group)
+{
+    std::vector<gid_t> groups(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+    int const count = getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(static_cast<std::size_t>(std::max(count, 0)));
+    return group == getegid() || std::find(groups.begin(), groups.end(), group) != groups.end();
+}
+
+bool mayBeReadByItsGroup(struct stat const& status, Privacy privacy)
+{
+    if (privacy == Privacy::group ? geteuid() == 0 || hasGroup(status.st_gid)
+                                  : status.st_uid != geteuid() && hasGroup(status.st_gid)) {
+        return true;
+    }
+    return groupNamed(serviceGroup) == status.st_gid;
+}
+
 } // namespace
+
+std::optional<gid_t> groupNamed(std::string const& name)
+{
+    ::group found = {};
+    ::group* result = nullptr;
+    std::vector<char> names(1024);
+    while (getgrnam_r(name.c_str(), &found, names.data(), names.size(), &result) == ERANGE) {
+        names.resize(2 * names.size()); // it has many members
+    }
+    return result == nullptr ? std::nullopt : std::optional(found.gr_gid);
+}
 
 Descriptor::~Descriptor()
 {
@@ -67,6 +97,24 @@ std::string readFile(std::string const& what, std::string const& path)
         } else if (errno != EINTR) {
             throw unusableFile(what, path, errno);
         }
+    }
+}
+
+void requirePrivate(std::string const& what, struct stat const& status, Privacy privacy)
+{
+    unsigned int const mode = status.st_mode & 0777U;
+    bool const isWritable = (mode & (S_IWGRP | S_IWOTH)) != 0;
+    bool const isReadable =
+        (mode & S_IROTH) != 0 || ((mode & S_IRGRP) != 0 && !mayBeReadByItsGroup(status, privacy));
+    if (isReadable || isWritable) {
+        throw Failure(
+            Outcome::configuration,
+            fmt::format("{} is {} by other users (mode {:03o})", what,
+                        isReadable ? "readable" : "writable", mode),
+            privacy == Privacy::owner
+                ? "set mode 600, and change the password if others had access"
+                : "set mode 640 with the group of the service, and change the password if others "
+                  "had access");
     }
 }
 

@@ -12,6 +12,10 @@
 #include <string_view>
 #include <vector>
 
+#include <sys/types.h>
+
+struct stat;
+
 namespace Solvane::Tool {
 
 /// Owns an open file descriptor; the destructor closes it.
@@ -29,6 +33,9 @@ private:
     int m_descriptor;
 };
 
+/// A group's number; none if there is no such group, or none can be looked up.
+std::optional<gid_t> groupNamed(std::string const& name);
+
 /// The error for a file that cannot be read.
 /// @param what   its role, as "the template file"
 /// @param error  errno
@@ -40,6 +47,23 @@ constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 /// Reads a whole text file into memory, without a byte order mark.
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
+
+/// Who may read a file with a password besides its owner.
+enum class Privacy {
+    owner, ///< only a service's group, whose members read the file of another owner
+    group, ///< a group of this process: it is the service, or root checks for the service
+};
+
+/// Requires that others can neither read nor write a file with a password, that its group cannot
+/// write it, and that it can read it only as `privacy` allows. A group with the name `serviceGroup`
+/// is always the service's.
+/// @param what    the file, for the message
+/// @param status  of the open file: another file may take its name at any time
+/// @throws Failure  "configuration"
+void requirePrivate(std::string const& what, struct stat const& status, Privacy privacy);
+
+/// The group of the service as its package creates it.
+constexpr char serviceGroup[] = "solvane-ldap";
 
 /// Whether a read of the descriptor would not block; waits at most `milliseconds`, -1 for ever.
 bool hasInput(int descriptor, int milliseconds);

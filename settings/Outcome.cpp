@@ -54,9 +54,14 @@ constexpr char askAnother[] = "ask the server that holds the data (-H)";
 constexpr char askAdministrator[] = "ask the server's administrator";
 constexpr char checkTemplate[] = "check the template with 'solvane-ldap expand --lint'";
 constexpr char checkPassword[] = "check -D and the password";
-// DN and password are validated before they are sent, so what remains is the list of authorities.
 constexpr char nameAuthorities[] =
     "give the CA's file with --tls-ca or install the package ca-certificates";
+constexpr char correctClientCertificate[] = "correct --tls-cert and --tls-key";
+constexpr char presentCertificate[] = "give a client certificate with --tls-cert and --tls-key";
+constexpr char agreeOnTls[] =
+    "compare --tls-min and --tls-ciphers with the versions and ciphers of the server";
+constexpr char configureCertificate[] = "configure a certificate on the server";
+constexpr char useVersion3[] = "use version 3 (-P 3)";
 constexpr char useTls[] = "use ldaps:// in -H";
 constexpr char bindOtherwise[] = "bind with a DN and password (-D)";
 constexpr char mendAlias[] = "correct the alias or search with -a never";
@@ -69,7 +74,6 @@ constexpr Remedy searchRemedies[] = {
     { LDAP_SERVER_DOWN,               checkServer },
     { LDAP_TIMEOUT,                   "try again later or raise -o nettimeout or --deadline" },
     { certificateRefused,             "run 'solvane-ldap check' for details, then correct --tls-ca or the host name in -H" },
-    { LDAP_PARAM_ERROR,               nameAuthorities },
     { LDAP_AUTH_UNKNOWN,              "check the host name in -H, its principal ldap/HOST, and the KDC" },
     { LDAP_FILTER_ERROR,              checkTemplate },
     { LDAP_NO_SUCH_ATTRIBUTE,         checkTemplate },
@@ -111,6 +115,73 @@ constexpr Remedy addRemedies[] = {
     { LDAP_INSUFFICIENT_ACCESS,       "bind with a DN that may write there (-D)" },
 };
 // clang-format on
+
+/// A cause that a text names, and its remedy.
+struct Cause {
+    char const* words;
+    char const* remedy;
+};
+
+// The codes alone do not tell these causes apart. If a text names several, the first one counts.
+// clang-format off
+constexpr Cause settingCauses[] = {
+    { "no Kerberos ticket",                   "get a ticket with kinit, or name a keytab in KRB5_CLIENT_KTNAME" },
+    { "the mechanism GSSAPI",                 "install it" },
+    { "the system's CA bundle",               nameAuthorities },
+    { "the CA file '",                        nameAuthorities },
+    { "the CA folder '",                      "correct --tls-ca-dir" },
+    { "the CRL file '",                       "correct --tls-crl" },
+    { "the client certificate has no key",    "give its key with --tls-key" },
+    { "the client certificate is missing",    "give it with --tls-cert" },
+    { "the client certificate '",             correctClientCertificate },
+    { "the certificate file '",               "correct --tls-cert" },
+    { "the key file '",                       "correct --tls-key" },
+    { "the cipher suite '",                   "correct --tls-ciphers" },
+    { "the path of the socket",               "correct the path in -H" },
+    { "on a UNIX socket",                     "leave StartTLS (-Z) out" },
+    { "TLS from the first byte",              "use StartTLS (-Z) with ldap:// only" },
+    { "StartTLS needs LDAPv3",                useVersion3 },
+    { "a SASL bind needs LDAPv3",             useVersion3 },
+    { "SASL EXTERNAL needs",                  presentCertificate },
+    { "an empty password",                    "give the password of the bind DN" },
+};
+constexpr Cause refusalCauses[] = { // what the server has against this side
+    { "it requested a client certificate",    presentCertificate },
+    { "may not accept the client certificate",
+      "use a client certificate that is valid and signed by an authority of the server (--tls-cert)" },
+    { "the server does not speak TLS",        "correct the scheme or the port in -H" },
+    { "the server refuses TLS",               agreeOnTls },
+    { "no common TLS parameters",             agreeOnTls },
+};
+constexpr Cause trustCauses[] = { // what this side has against the server
+    { "follows the response to StartTLS",     "find out who injects it, or use ldaps://" },
+    { "the server sent no certificate",       configureCertificate },
+    { "the server sent an invalid",           configureCertificate },
+    { "the certificate does not match",       "use one of the certificate's names in -H" },
+    { "self-signed",                          "give the certificate's file with --tls-ca" },
+    { "signed by an unknown authority",       "give the CA's file with --tls-ca" },
+    { "that is not a CA",                     "have the server's certificate signed by a CA" },
+    { "the revocation list is out of date",   "fetch the authority's new revocation list (--tls-crl)" },
+    { "the revocation list is dated",         "correct the clock of this host, or fetch another revocation list (--tls-crl)" },
+    { "revoked",                              "replace the server's certificate: its authority has revoked it" },
+    { "expired on",                           "renew the certificate that has expired" },
+    { "not valid before",                     "correct the clock of this host, or the certificate" },
+    { "too weak",                             "replace the certificate by one with a stronger key and signature" },
+    { "not valid for servers",                "replace the server's certificate by one for servers" },
+    { "invalid signature",                    "replace the server's certificate" },
+};
+// clang-format on
+
+/// The remedy of the first cause that a text names; `other` if it names none.
+template <std::size_t count>
+char const* remedyIn(Cause const (&causes)[count], std::string const& text, char const* other)
+{
+    auto const* const named =
+        std::find_if(std::begin(causes), std::end(causes), [&text](Cause const& cause) {
+            return text.find(cause.words) != std::string::npos;
+        });
+    return named != std::end(causes) ? named->remedy : other;
+}
 
 template <std::size_t count>
 char const* remedyIn(Remedy const (&remedies)[count], int code, char const* other)
@@ -230,16 +301,17 @@ char const* remedyFor(Lookup::Answer const& answer)
 
 char const* remedyFor(Lookup::Verdict const& verdict)
 {
-    // The code is that of every unusable setting.
-    if (verdict.code == LDAP_PARAM_ERROR &&
-        verdict.text.find("no Kerberos ticket") != std::string::npos) {
-        return "get a ticket with kinit, or name a keytab in KRB5_CLIENT_KTNAME";
+    char const* const remedy = remedyFor(verdict.outcome, verdict.code);
+    switch (verdict.code) {
+    case LDAP_PARAM_ERROR:
+        return remedyIn(settingCauses, verdict.text, remedy);
+    case certificateRefused:
+        return remedyIn(refusalCauses, verdict.text, remedyIn(trustCauses, verdict.text, remedy));
+    case LDAP_SERVER_DOWN:
+        return remedyIn(refusalCauses, verdict.text, remedy);
+    default:
+        return remedy;
     }
-    if (verdict.code == LDAP_PARAM_ERROR &&
-        verdict.text.find("the mechanism GSSAPI") != std::string::npos) {
-        return "install it";
-    }
-    return remedyFor(verdict.outcome, verdict.code);
 }
 
 char const* remedyForAdd(int code)

@@ -115,13 +115,7 @@ void Secret::readFile(std::string const& path)
     if (!file.isOpen() || fstat(file.get(), &status) != 0) {
         throw unusableFile(source, path, errno);
     }
-    // Checks the open file, not its name, which another file may take at any time.
-    if ((status.st_mode & (S_IRGRP | S_IROTH)) != 0) {
-        throw Failure(Outcome::configuration,
-                      fmt::format("{} '{}' is readable by other users (mode {:03o})", source, path,
-                                  status.st_mode & 0777U),
-                      "set mode 600, and change the password if others had access");
-    }
+    requirePrivate(fmt::format("{} '{}'", source, path), status, Privacy::owner);
     readToEnd(file.get(), fmt::format("{} '{}'", source, path));
 }
 

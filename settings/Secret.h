@@ -21,7 +21,7 @@ public:
     Secret(Secret const&) = delete;
     Secret& operator=(Secret const&) = delete;
 
-    /// Reads a file that only its owner can read.
+    /// Reads a file that others cannot read (`requirePrivate`).
     /// @throws Failure  "configuration": it cannot be read, others can read it, or the password is
     ///                  invalid (empty, with a NUL byte, or longer than `longest` bytes). An empty
     ///                  one of a user is "badInput"

@@ -5,7 +5,6 @@
 #include "Text.h"
 
 #include <solvane/ldap/LDAPException.h>
-#include <solvane/session/Address.h>
 
 #include <fmt/format.h>
 
@@ -400,6 +399,42 @@ std::vector<std::string> serversIn(std::string const& text)
         }
     }
     return servers;
+}
+
+std::string Endpoint::text() const
+{
+    if (!address) {
+        return "unix:" + path;
+    }
+    std::string const host =
+        address->family() == AF_INET6 ? '[' + address->host() + ']' : address->host();
+    return fmt::format("inet:{}:{}", host, address->port());
+}
+
+Endpoint endpointIn(std::string const& text)
+{
+    constexpr char remedy[] = "write unix:/absolute/path, inet:127.0.0.1:PORT or inet:[::1]:PORT";
+    Endpoint endpoint;
+    if (text.rfind("unix:", 0) == 0) {
+        endpoint.path = text.substr(5);
+        std::string const fault = Lookup::faultInSocketPath(endpoint.path);
+        if (!fault.empty()) {
+            throw Failure(Outcome::usage, fmt::format("the path in '{}' {}", oneLine(text), fault),
+                          remedy);
+        }
+        return endpoint;
+    }
+    auto const colon = text.rfind(':');
+    if (text.rfind("inet:", 0) == 0 && colon > 4) {
+        std::string host = text.substr(5, colon - 5);
+        bool const isBracketed = host.size() > 1 && host.front() == '[' && host.back() == ']';
+        host = isBracketed ? host.substr(1, host.size() - 2) : host;
+        endpoint.address = Lookup::Address::parse(host, numberIn(text.substr(colon + 1), 1, 65535));
+        if (endpoint.address && isBracketed == (endpoint.address->family() == AF_INET6)) {
+            return endpoint;
+        }
+    }
+    throw Failure(Outcome::usage, fmt::format("invalid socket '{}'", oneLine(text)), remedy);
 }
 
 std::vector<std::string> wordsIn(std::string_view text)

@@ -5,8 +5,10 @@
 #include "Outcome.h"
 
 #include <solvane/lookup/LDAPLookup.h>
+#include <solvane/session/Address.h>
 
 #include <chrono>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,6 +21,15 @@ constexpr unsigned int longestSeconds = 2147483;
 constexpr unsigned int largestLimit = 2147483647;
 constexpr unsigned int mostConnections = 1024;
 constexpr unsigned int widestWindow = 65536;
+
+/// The socket of a service: a UNIX socket, or an address with a port.
+struct Endpoint {
+    std::string path; ///< empty: `address` is set
+    std::optional<Lookup::Address> address;
+
+    /// As it is written: "unix:/run/users" or "inet:127.0.0.1:2000".
+    std::string text() const;
+};
 
 // Each throws a Failure "usage" if the text is invalid. The message does not name the option or
 // setting; `explainedBy` adds it.
@@ -96,6 +107,9 @@ std::string const& textOf(std::string const& value);
 /// Hosts and URIs separated by commas or white space. Commas inside a domain's URI
 /// ("ldap+srv:///dc=example,dc=com") belong to it.
 std::vector<std::string> serversIn(std::string const& text);
+
+/// "unix:PATH" or "inet:ADDRESS:PORT", with an IPv6 address in brackets.
+Endpoint endpointIn(std::string const& text);
 
 /// The words of a text, separated by commas and white space.
 std::vector<std::string> wordsIn(std::string_view text);

@@ -148,13 +148,9 @@ SettingLines::SettingLines(std::string const& path) : m_path(path)
 {
     constexpr std::size_t largest = std::size_t{1024} * 1024;
     Descriptor const file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY));
-    struct stat status = {};
-    if (!file.isOpen() || fstat(file.get(), &status) != 0) {
+    if (!file.isOpen() || fstat(file.get(), &m_status) != 0) {
         throw unusableFile("the settings file", path, errno);
     }
-    // Checks the open file, not its name, which another file may take at any time.
-    m_mode = status.st_mode & 0777U;
-    m_isOfService = status.st_uid == 0 && status.st_gid != 0;
     m_text.resize(largest); // once: growing would leave copies in memory
     std::size_t size = 0;
     for (ssize_t count = 1; count != 0 && size < m_text.size();) {
@@ -255,7 +251,7 @@ void SettingsFile::store(SettingLines const& lines, Setting const& setting,
                          std::string const& value)
 {
     if (setting.name == passwordName) {
-        requirePrivacy(lines);
+        requirePrivate("the file", lines.status(), m_privacy);
         m_password.assign(value, "the password");
         return;
     }
@@ -265,19 +261,6 @@ void SettingsFile::store(SettingLines const& lines, Setting const& setting,
     setting.value.fromFile(value)(m_draft);
     if (setting.name == templateName) {
         m_templatePlace = fmt::format("{}:{}", lines.path(), m_line);
-    }
-}
-
-void SettingsFile::requirePrivacy(SettingLines const& lines) const
-{
-    bool const isForGroup = m_privacy == Privacy::group || lines.isOfService();
-    mode_t const readers = isForGroup ? S_IROTH : S_IRGRP | S_IROTH;
-    mode_t const writers = S_IWGRP | S_IWOTH;
-    if ((lines.mode() & (readers | writers)) != 0) {
-        refuse(fmt::format("the file is {} by other users (mode {:03o})",
-                           (lines.mode() & readers) != 0 ? "readable" : "writable", lines.mode()),
-               fmt::format("set mode {}, and change the password if others had access",
-                           isForGroup ? "640" : "600"));
     }
 }
 

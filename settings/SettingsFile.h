@@ -3,6 +3,7 @@
 #ifndef SOLVANE_TOOL_SETTINGS_FILE_H
 #define SOLVANE_TOOL_SETTINGS_FILE_H
 
+#include "Files.h"
 #include "Outcome.h"
 #include "Secret.h"
 #include "SettingsTable.h"
@@ -12,6 +13,8 @@
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include <sys/stat.h>
 
 namespace Solvane::Tool {
 
@@ -37,27 +40,19 @@ public:
     void read(Taker const& take, std::vector<Failure>& faults, unsigned long* line = nullptr) const;
 
     std::string const& path() const { return m_path; }
-    unsigned int mode() const { return m_mode; } ///< permissions
-    /// Whether root has given the file to a group of users, such as that of a service.
-    bool isOfService() const { return m_isOfService; }
+    /// Of the open file, not of its name, which another file may take at any time.
+    struct stat const& status() const { return m_status; }
 
 private:
     std::string m_path;
     std::string m_text;
-    unsigned int m_mode = 0;
-    bool m_isOfService = false;
+    struct stat m_status {};
 };
 
 /// The validated contents of a settings file and of the files that it includes. The password is
 /// stored apart from the other settings.
 class SettingsFile {
 public:
-    /// Who may read a file with a password besides its owner.
-    enum class Privacy {
-        owner, ///< its group if root has given it to one; else nobody
-        group, ///< its group: that of a service
-    };
-
     /// No file: every setting has its default.
     SettingsFile();
     /// Reads a file.
@@ -81,7 +76,6 @@ private:
               std::string const& value, std::vector<Failure>& faults);
     bool isOverridden(Setting const& setting, unsigned int depth);
     void store(SettingLines const& lines, Setting const& setting, std::string const& value);
-    void requirePrivacy(SettingLines const& lines) const;
     void finish(std::vector<Failure>& faults);
 
     std::string m_path;

@@ -2,13 +2,13 @@
 #include "Commands.h"
 
 #include "CheckReport.h"
-#include "ClientCertificate.h"
 #include "LookupSettings.h"
 #include "Outcome.h"
 #include "Secret.h"
 #include "ServerCheck.h"
 #include "Sessions.h"
 #include "Text.h"
+#include "TlsCheck.h"
 
 #include <solvane/ldap/LDAPException.h>
 
@@ -25,11 +25,12 @@ constexpr unsigned int mostRepeats = 100000;
 
 constexpr char footer[] =
     "Each step prints a line: ok, warning, FAILED, or '-' if it was skipped; its time; and\n"
-    "the result, or the cause and the remedy. Steps: settings, template and client\n"
-    "certificate, then for each server resolution, TCP or socket, StartTLS, TLS (version,\n"
-    "certificate, name, chain), bind or SASL, who am I, root DSE, base, references below it,\n"
-    "schema, a lookup of the address, a second one on the same connection, latencies. A\n"
-    "domain has the step SRV before those of its servers.\n\n"
+    "the result, or the cause and the remedy. Steps: settings, template and, if a server uses\n"
+    "TLS, each part of its policy (verification, version, ciphers, authorities, revocation\n"
+    "lists, client certificate) with its origin; then for each server resolution, TCP or\n"
+    "socket, StartTLS, TLS (version, certificate, name, chain, revocation), bind or SASL, who\n"
+    "am I, root DSE, base, references below it, schema, a lookup of the address, a second one\n"
+    "on the same connection, latencies. A domain has the step SRV before its servers.\n\n"
     "Exit status, the worst of all steps:\n"
     "   0  all passed, with or without warnings\n"
     "   1  no entry for the address of --probe\n"
@@ -165,7 +166,7 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
     probe.attributes = attributesOf(draft);
     auto const usesTls = [](LDAPLookup::Server const& server) { return server.usesTls(); };
     if (std::any_of(settings.servers.begin(), settings.servers.end(), usesTls)) {
-        checkClientCertificate(settings.tls, report);
+        checkTls(settings.tls, report);
     }
     for (LDAPLookup::Server const& listed : settings.servers) {
         for (LDAPLookup::Server const& server : resolved(listed, settings, report)) {

@@ -140,7 +140,9 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     CheckCommand check;
     VerifyCommand verify;
     ImportCommand import;
-    std::array<Command*, 6> const commands = {&expand, &lookup, &verify, &add, &check, &import};
+    StatusCommand status;
+    std::array<Command*, 7> const commands = {&expand, &lookup, &verify, &add,
+                                              &check,  &import, &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

@@ -148,6 +148,22 @@ private:
     bool m_goesOn = false;                ///< asked for, and done anyway
 };
 
+/// "status": the statistics of a running service.
+class StatusCommand final : public Command {
+public:
+    char const* name() const override { return "status"; }
+    char const* description() const override
+    {
+        return "Show the statistics of a running solvane-ldapd";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    std::string m_socket = "unix:/run/solvane-ldap/stats";
+    std::string m_interval; ///< of --watch; "true" without a value; empty: once
+};
+
 /// "verify": whether the password of an address is right.
 class VerifyCommand final : public Command {
 public:

@@ -249,7 +249,7 @@ private:
 TableImport::TableImport(std::string const& path, std::string const& source) : m_path(path)
 {
     SettingLines const lines(path);
-    m_mode = lines.mode();
+    m_mode = lines.status().st_mode & 0777U;
     std::vector<Failure> faults;
     unsigned long line = 0;
     std::string const prefix = source.empty() ? "" : source + '_';

@@ -241,7 +241,7 @@ void CommonOptions::declareIdentityOn(CLI::App& app)
     auto* const prompt =
         app.add_flag("-W,--ask-password", m_asksPassword, "Ask for the password at the terminal");
     auto* const file = addValue(app, "-y,--password-file", m_passwordFile, textIn, "FILE",
-                                "Read the password from a file that only its owner can read; "
+                                "Read the password from a file that others cannot read; "
                                 "one trailing newline is removed");
     auto* const descriptor = addValue(app, "--password-fd", m_passwordDescriptor, descriptorIn, "N",
                                       "Read the password from this file descriptor, to its end");

@@ -2,9 +2,9 @@
 #include "ServerCheck.h"
 
 #include "CheckReport.h"
-#include "ClientCertificate.h"
 #include "OpenLDAP.h"
 #include "Text.h"
+#include "TlsCheck.h"
 
 #include <solvane/ldap/LDAPException.h>
 
@@ -95,6 +95,7 @@ void ServerCheck::run()
         { "certificate", &ServerCheck::judgeCertificate, &ServerCheck::usesTls     },
         { "name",        &ServerCheck::judgeName,        &ServerCheck::usesTls     },
         { "chain",       &ServerCheck::judgeChain,       &ServerCheck::usesTls     },
+        { "revocation",  &ServerCheck::judgeRevocation,  &ServerCheck::readsLists  },
         { "bind",        &ServerCheck::bind,             &ServerCheck::bindsSimply },
         { "SASL",        &ServerCheck::bind,             &ServerCheck::bindsBySasl },
         { "who am I",    &ServerCheck::askIdentity,      &ServerCheck::isAny       },
@@ -268,8 +269,28 @@ bool ServerCheck::judgeChain()
     judge(verdict.isGood(), isDemanded,
           verdict.isGood() ? "trusted by " + m_tls->policy().authorities()
                            : withoutUri(verdict.text),
-          "give the CA's file with --tls-ca, or renew the certificate", watch);
+          remedyFor(verdict), watch);
     return m_isTrusted;
+}
+
+/// A revoked certificate has failed the step before. Without a list of its issuer, it would not have.
+bool ServerCheck::judgeRevocation()
+{
+    auto const& certificate = m_session->certificate();
+    std::string const issuer = certificate ? certificate->issuer() : std::string();
+    auto const lists = issuersOfRevocations(m_tls->policy().crlFile);
+    if (std::find(lists.begin(), lists.end(), issuer) != lists.end()) {
+        m_report.passed(m_step, "not revoked by " + issuer);
+    } else {
+        m_report.warned(
+            m_step, fmt::format("there is no list of {}: its revocations are not known", issuer));
+    }
+    return true;
+}
+
+bool ServerCheck::readsLists() const
+{
+    return m_tls && m_settings.tls.verify != TlsVerify::none && !m_tls->policy().crlFile.empty();
 }
 
 /// The session's own verdict if it verified the chain alone; else that of a second session, which

@@ -50,6 +50,7 @@ private:
     bool judgeCertificate();
     bool judgeName();
     bool judgeChain();
+    bool judgeRevocation();
     bool bind();
     bool askIdentity();
     bool readRootDse();
@@ -66,6 +67,7 @@ private:
     bool hasSocket() const { return !hasHost(); }
     bool startsTls() const { return m_server.startTls; }
     bool usesTls() const { return m_server.usesTls(); }
+    bool readsLists() const;
     bool bindsSimply() const { return m_settings.mechanism == Lookup::Mechanism::simple; }
     bool bindsBySasl() const { return !bindsSimply(); }
 

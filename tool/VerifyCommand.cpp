@@ -190,9 +190,8 @@ void VerifyCommand::declareOn(CLI::App& app)
         m_settings.declareOn(app, setting, setting.help);
     }
     app.add_option("ADDRESS", m_key, "E-mail address of the user")->type_name("")->required();
-    auto* const file =
-        addValue(app, "--user-password-file", m_file, textIn, "FILE",
-                 "Read the user's password from a file that only its owner can read");
+    auto* const file = addValue(app, "--user-password-file", m_file, textIn, "FILE",
+                                "Read the user's password from a file that others cannot read");
     addValue(app, "--user-password-fd", m_descriptor, descriptorIn, "N",
              "Read the user's password from this file descriptor, to its end")
         ->excludes(file);

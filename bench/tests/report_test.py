@@ -2,6 +2,7 @@
 """What bench/report.py and bench/plots.py make of figures."""
 
 import importlib.util
+import json
 import os
 import sys
 import unittest
@@ -14,6 +15,49 @@ import report  # noqa: E402
 
 def figure(median, spread=0.01):
     return figures.Figure(median, spread, 9)
+
+
+class Measured:
+    """Two rounds of the service and of Postfix's tables."""
+
+    def __init__(self, seconds, table_seconds):
+        def turn(row, contender, size, number, seconds):
+            turn = {"row": row, "contender": contender, "size": size, "round": number}
+            return json.dumps(
+                turn | {"operations": 100, "seconds": seconds, "p50": 1, "p99": 2, "connections": 4}
+            )
+
+        self.service = figures.Records(
+            [
+                turn(*of, number, taken)
+                for number in range(2)
+                for of, taken in (
+                    (("table", "service", 100), seconds),
+                    (("postmap", "service", 100), seconds),
+                    (("postmap", "ldap", 100), table_seconds),
+                )
+            ]
+        )
+
+
+class TheService(unittest.TestCase):
+    def test_is_compared_with_as_many_processes(self):
+        rate, connections = report.service_targets(Measured(0.1, 0.3))
+
+        self.assertAlmostEqual(rate.figure.median, 3.0)
+        self.assertEqual(connections.figure.median, 4)
+        self.assertTrue(report.service_targets(Measured(0.1, 0.15))[0].is_missed())
+
+    def test_has_a_line_for_each_number_of_clients(self):
+        lines = report.service_lines(Measured(0.1, 0.3))  # without proxymap
+
+        self.assertIn(
+            "| service | 100 | 1000 ± 0 | 1.00 ± 0.00 | 2.00 ± 0.00 | 4 ± 0 |".replace(
+                " ±", "\u00a0±"
+            ).replace("± ", "±\u00a0"),
+            lines,
+        )
+        self.assertFalse(any("proxymap` |" in line for line in lines))
 
 
 class ATarget(unittest.TestCase):

@@ -114,7 +114,21 @@ logins by Dovecot's authentication protocol. All share a bounded number of
 connections, which fail over from server to server. While the directory is
 down, mail is deferred and never bounced.")
     set(CPACK_COMPONENT_SERVICE_DEPENDS ${CPACK_COMPONENT_LIBRARY_DEPENDS} library)
-    set(CPACK_DEBIAN_SERVICE_PACKAGE_SUGGESTS "solvane-ldap, postfix, libsolvane-ldap-doc")
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_DEPENDS adduser)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_RECOMMENDS solvane-ldap)
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_SUGGESTS "postfix, libsolvane-ldap-doc")
+    set(_installed "${PROJECT_SOURCE_DIR}/service/installed")
+    install(FILES "${_installed}/service.conf"
+        DESTINATION /etc/solvane-ldap COMPONENT service EXCLUDE_FROM_ALL)
+    install(FILES "${_installed}/users.conf.example"
+        DESTINATION /etc/solvane-ldap/maps COMPONENT service EXCLUDE_FROM_ALL)
+    file(WRITE "${_control}/conffiles"
+        "/etc/solvane-ldap/service.conf\n/etc/solvane-ldap/maps/users.conf.example\n")
+    set(CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA "${_control}/conffiles")
+    foreach(script postinst prerm postrm)
+        configure_file("${CMAKE_CURRENT_LIST_DIR}/solvane-ldapd.scripts" "${_control}/${script}" COPYONLY)
+        list(APPEND CPACK_DEBIAN_SERVICE_PACKAGE_CONTROL_EXTRA "${_control}/${script}")
+    endforeach()
 endif()
 
 solvane_package(documentation libsolvane-ldap-doc doc

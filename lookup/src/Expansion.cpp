@@ -18,7 +18,7 @@ namespace {
 
 using Role = ResultRules::Role;
 
-std::string_view textOf(Buffer const& bytes)
+std::string_view viewOf(Buffer const& bytes)
 {
     return {reinterpret_cast<char const*>(bytes.data()), bytes.length()};
 }
@@ -44,7 +44,7 @@ LDAPAttribute const* continuation(LDAPSearchResultEntry const& entry, std::strin
 {
     for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
         auto const found = ValueRange::in(attribute.type().asString());
-        if (found && found->begin == from && (found->isLast || found->end >= from) &&
+        if (found && found->begin == from && found->has(attribute.binaryValue().size()) &&
             LDAPAttributeType(found->name) == LDAPAttributeType(name)) {
             range = *found;
             return &attribute;
@@ -68,6 +68,7 @@ bool Expansion::Part::isComplete() const
 
 void Expansion::begin(Entries& entries, std::string const& server)
 {
+    m_server = server;
     m_nodes.emplace_back();
     for (auto entry = entries.begin(); entry != entries.end();) {
         auto const current = entry++;
@@ -92,7 +93,7 @@ bool Expansion::next(Search& search)
         search.name = memberNamed(reference);
         Verdict const verdict = m_rules.makeSearch(reference, search.request, search.filter);
         if (!verdict.isGood()) {
-            fail(verdict.outcome, verdict.code, search.name + ": " + verdict.text);
+            fail(verdict.outcome, verdict.code, m_server, search.name + ": " + verdict.text);
             return false;
         }
         if (search.request.attributes != m_rules.requested()) {
@@ -112,18 +113,21 @@ bool Expansion::next(Search& search)
 void Expansion::take(Search const& search, Entries& entries, std::string const& server,
                      bool isMissing)
 {
-    --m_open;
+    bool const readsOne = search.request.scope == LDAP_SCOPE_BASE && search.filter == everyEntry;
     if (search.part != 0) {
         takeMore(search, entries, server);
+    } else if (readsOne && entries.empty() && !isMissing) {
+        // It exists, or else the server would have said that it does not.
+        fail(Outcome::Refused, LDAP_INSUFFICIENT_ACCESS, server,
+             search.name + " was not returned: does this identity have the right to read it?");
     } else {
-        bool const readsOne =
-            search.request.scope == LDAP_SCOPE_BASE && search.filter == everyEntry;
-        m_nodes[search.node].isMissing = isMissing || (readsOne && entries.empty());
+        m_nodes[search.node].isMissing = isMissing;
         for (auto entry = entries.begin(); entry != entries.end();) {
             auto const current = entry++;
             add(entries, current, search, server);
         }
     }
+    --m_open; // last: if memory runs out before, the list never becomes complete
     nextLevel();
 }
 
@@ -143,10 +147,13 @@ void Expansion::add(Entries& entries, Entries::iterator entry, Search const& sea
     if (search.selection.empty() && m_nodesByName.emplace("dn " + dn, m_nodes.size()).second) {
         m_nodes.push_back({entry->dn(), {record}}); // a member of this DN is found already
     }
+    if (!hasValidRanges(*entry, server)) {
+        return;
+    }
     auto const& attributes = entry->attributes().attributes();
     if (std::none_of(attributes.begin(), attributes.end(),
                      [](LDAPAttribute const& attribute) { return firstRange(attribute); })) {
-        fill(m_records[record], *entry);
+        fill(m_records[record], *entry, server);
         return;
     }
     m_parts.push_back(partOf(entry));
@@ -162,6 +169,28 @@ void Expansion::add(Entries& entries, Entries::iterator entry, Search const& sea
     } else {
         m_rest.push_back(m_parts.size());
     }
+}
+
+/// Whether each range of an entry begins with the first value, or was asked for, and has as many
+/// values as it says. A wrong one would be taken for all values.
+bool Expansion::hasValidRanges(LDAPSearchResultEntry const& entry, std::string const& server)
+{
+    auto const& requested = m_rules.requested();
+    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        std::string const& name = attribute.type().asString();
+        auto const range = ValueRange::in(name);
+        bool const isAskedFor =
+            std::find(requested.begin(), requested.end(), name) != requested.end();
+        if (range ? range->has(attribute.binaryValue().size()) && (range->begin == 0 || isAskedFor)
+                  : !ValueRange::isIn(name)) {
+            continue;
+        }
+        fail(Outcome::TryLater, LDAP_DECODING_ERROR, server,
+             "'" + oneLine(entry.dn()) + "' has an invalid range of values, '" + oneLine(name) +
+                 '\'');
+        return false;
+    }
+    return true;
 }
 
 /// The attributes of an entry, without those that are empty because their values come in ranges.
@@ -230,9 +259,9 @@ void Expansion::takeMore(Search const& search, Entries const& entries, std::stri
                     ? nullptr
                     : continuation(entries.front(), attribute.name, attribute.next, range);
             if (more == nullptr) {
-                fail(Outcome::TryLater, LDAP_DECODING_ERROR,
-                     server + " did not send " + search.name + " from number " +
-                         std::to_string(attribute.next) + " of '" + oneLine(attribute.name) + '\'');
+                fail(Outcome::TryLater, LDAP_DECODING_ERROR, server,
+                     search.name + " from number " + std::to_string(attribute.next) + " of '" +
+                         oneLine(attribute.name) + "' were not returned");
                 return;
             }
             append(attribute.values, *more);
@@ -254,7 +283,7 @@ void Expansion::complete(Part& part)
         attributes.push_back(attribute.values);
     }
     *part.entry = LDAPSearchResultEntry(part.entry->dn(), attributes);
-    fill(m_records[part.record], *part.entry);
+    fill(m_records[part.record], *part.entry, part.server);
     part.attributes.clear();
     if (part.isHeld) {
         m_held.erase(part.entry);
@@ -262,7 +291,7 @@ void Expansion::complete(Part& part)
 }
 
 /// Makes an entry's results and further searches.
-void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry)
+void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry, std::string const& server)
 {
     if (!m_rules.areSet()) {
         return;
@@ -277,6 +306,12 @@ void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry)
         hasTerminal = hasTerminal || (role == Role::terminal && hasValues);
         hasMembers = hasMembers || (role == Role::special && hasValues);
         roles.push_back(role);
+        if (role == Role::none && hasValues) { // perhaps another name for a list of members
+            fail(Outcome::Misconfigured, LDAP_NO_SUCH_ATTRIBUTE, server,
+                 "returned '" + oneLine(attribute.type().asString()) +
+                     "', which is not the name of a result attribute in the settings: write the "
+                     "names that the server uses");
+        }
     }
     auto role = roles.begin();
     for (LDAPAttribute const& attribute : attributes) {
@@ -287,9 +322,9 @@ void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry)
         ++role;
         for (Buffer const& value : attribute.binaryValue()) {
             if (isMember && value.length() != 0) { // else it stands for "no members"
-                record.items.push_back({std::string(), nodeOf(std::string(textOf(value)))});
+                record.items.push_back({std::string(), nodeOf(std::string(viewOf(value)))});
             } else if (isResult) {
-                if (auto text = m_rules.format().of(textOf(value), m_key)) {
+                if (auto text = m_rules.format().of(viewOf(value), m_key)) {
                     record.items.push_back({std::move(*text), none});
                     ++m_count;
                 }
@@ -297,7 +332,7 @@ void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry)
         }
     }
     if (m_settings.expansionLimit != 0 && m_count > m_settings.expansionLimit) {
-        fail(Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
+        fail(Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, m_server,
              "there are more than " + std::to_string(m_settings.expansionLimit) +
                  " values (expansion_limit)");
     }
@@ -325,7 +360,7 @@ void Expansion::nextLevel()
         return;
     }
     if (++m_level > m_settings.recursionLimit) {
-        fail(Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED,
+        fail(Outcome::TryLater, LDAP_SIZELIMIT_EXCEEDED, m_server,
              "groups are nested deeper than " + std::to_string(m_settings.recursionLimit) +
                  (m_settings.recursionLimit == 1 ? " level" : " levels") +
                  " (recursion_limit), at " + memberNamed(m_nodes[m_later.front()].reference));
@@ -335,10 +370,10 @@ void Expansion::nextLevel()
     m_later.clear();
 }
 
-void Expansion::fail(Outcome outcome, int code, std::string const& text)
+void Expansion::fail(Outcome outcome, int code, std::string const& server, std::string const& text)
 {
     if (m_verdict.isGood()) {
-        m_verdict = {outcome, code, text};
+        m_verdict = {outcome, code, server + ": " + text};
     }
 }
 

@@ -52,13 +52,14 @@ public:
     /// came in part become complete there.
     /// @param server  URI of the server that returned them
     void begin(Entries& entries, std::string const& server);
-    /// Makes the next search to be sent; false if there is none before others are answered.
+    /// Makes the next search to be sent. False if there is none, now or at all.
     bool next(Search& search);
     /// Whether `next` may have one.
     bool hasNext() const { return m_verdict.isGood() && !(m_rest.empty() && m_ready.empty()); }
     /// Takes the complete answer to a search.
     /// @param entries    some are moved away
-    /// @param isMissing  the server has no such entry, or no such base
+    /// @param isMissing  the server has no such entry, or no such base. Otherwise a search that
+    ///                   reads one entry must return it
     void take(Search const& search, Entries& entries, std::string const& server, bool isMissing);
 
     /// Whether all searches are answered.
@@ -110,18 +111,20 @@ private:
 
     void add(Entries& entries, Entries::iterator entry, Search const& search,
              std::string const& server);
+    bool hasValidRanges(LDAPSearchResultEntry const& entry, std::string const& server);
     Part partOf(Entries::iterator entry) const;
     void takeMore(Search const& search, Entries const& entries, std::string const& server);
     void complete(Part& part);
-    void fill(Record& record, LDAPSearchResultEntry const& entry);
+    void fill(Record& record, LDAPSearchResultEntry const& entry, std::string const& server);
     void makeMoreSearch(Search& search, std::size_t number);
     std::size_t nodeOf(std::string const& reference);
     void nextLevel();
-    void fail(Outcome outcome, int code, std::string const& text);
+    void fail(Outcome outcome, int code, std::string const& server, std::string const& text);
 
     ResultRules const& m_rules;
     Settings const& m_settings;
     std::string const& m_key;
+    std::string m_server; ///< that returned the key's own entries
     std::vector<Node> m_nodes;
     std::unordered_map<std::string, std::size_t> m_nodesByName;
     std::vector<Record> m_records;

@@ -218,7 +218,7 @@ void Pipeline::takeEntry(Lane& lane, Task& task, Session::Message const& message
     task.bytes += size;
     m_heldBytes += size;
     std::size_t const bytes = task.member ? task.member->key.bytes += size : task.bytes;
-    task.hasRanges = task.hasRanges || message.content.find(";range=") != std::string_view::npos;
+    task.hasRanges = task.hasRanges || ValueRange::isIn(message.content);
     bool const isTooMany = entryLimit != 0 && entries.size() > entryLimit;
     bool const isTooLarge = bytes > settings.answerBytes;
     if (isTooMany || isTooLarge) {

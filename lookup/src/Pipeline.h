@@ -16,7 +16,8 @@
 namespace Solvane::Lookup {
 
 /// Looks up the keys pushed into it and returns their answers, in the order of the keys or as they
-/// come; or binds with the passwords pushed into it, on a pool of its own for that. Each key is a task, each session a lane. A task moves through these states:
+/// come; or binds with the passwords pushed into it, on a pool of its own for that. Each key is a
+/// task, each session a lane. A task moves through these states:
 ///
 ///     waiting (m_waiting) --send--> in flight (lane->tasks) --result--> done (isDone) --pop-->
 ///     gone
@@ -135,6 +136,7 @@ private:
     SearchRequest const& requestOf(Task const& task) const;
     std::string lackOf(Task const& task) const;
     bool isFull() const;
+    void dropWaiting(Task const& task);
     void finish(Task& task, Outcome outcome, int code, std::string const& text);
     void concludeEmpty(Task& task);
     void conclude(Task& task, std::vector<Failure> const& others);

@@ -18,12 +18,6 @@ namespace {
 
 constexpr std::chrono::milliseconds noticeable(1);
 
-/// Removes a task that may be there: it is in no place if memory ran out while it was sent.
-void drop(std::vector<Task*>& waiting, Task const& task)
-{
-    waiting.erase(std::remove(waiting.begin(), waiting.end(), &task), waiting.end());
-}
-
 /// How much of the time since the owner's last call was the owner's. If something is ready now, it
 /// may have been ready all the time. If nothing is, the peer was silent all the time; then only
 /// what exceeds the latest moment to wake up is the owner's.
@@ -193,6 +187,12 @@ bool Pipeline::prepareFilter(Task& task)
     return true;
 }
 
+/// Removes a task that may wait: it is in no place if memory ran out while it was sent.
+void Pipeline::dropWaiting(Task const& task)
+{
+    m_waiting.erase(std::remove(m_waiting.begin(), m_waiting.end(), &task), m_waiting.end());
+}
+
 void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& text)
 {
     if (task.request && outcome == Outcome::Misconfigured && code == LDAP_NO_SUCH_OBJECT) {
@@ -245,7 +245,7 @@ std::size_t Pipeline::cancel(std::uint64_t tag)
             } else if (current->expansion) {
                 dropMembers(*current);
             } else if (!current->isDone) {
-                drop(m_waiting, *current);
+                dropWaiting(*current);
             }
             m_heldBytes -= current->bytes;
             tasks->erase(current);
@@ -442,7 +442,7 @@ void Pipeline::expireTask(Task& task, Clock::time_point now)
         return;
     }
     if (task.lane == nullptr) {
-        drop(m_waiting, task);
+        dropWaiting(task);
         if (!task.failures.empty()) {
             concludeLate(task);
         } else {

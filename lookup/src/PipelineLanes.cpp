@@ -310,7 +310,9 @@ void Pipeline::leaveOneLaneToOthers()
     if (m_lanes.empty() || !m_shared.pool.isWaitedFor()) {
         return;
     }
-    if (!m_waiting.empty()) {
+    bool const lacksLane = std::any_of(m_waiting.begin(), m_waiting.end(),
+                                       [&](Task const* task) { return !canBeServed(*task); });
+    if (lacksLane) {
         endUselessLane();
         return;
     }

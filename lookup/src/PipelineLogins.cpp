@@ -4,11 +4,28 @@
 #include "Denials.h"
 
 #include <solvane/session/BindResult.h>
+#include <solvane/session/PlainText.h>
 #include <solvane/session/ResultCodes.h>
 
 #include <ldap.h>
 
 namespace Solvane::Lookup {
+
+namespace {
+
+/// Drops the server's text if it repeats the password: it must not be shown or logged, as `words`
+/// are. They escape what cannot be printed, so a password there may be found in the original only.
+void forget(std::string const& password, BindResult& result)
+{
+    if (result.words.find(password) != std::string::npos ||
+        result.serverText.find(password) != std::string::npos) {
+        wipe(result.words);
+        result.words = wordsFor(result.code);
+    }
+    wipe(result.serverText);
+}
+
+} // namespace
 
 /// Whether the password of a task that is done has a verification. If its entry was found, it has
 /// none yet: it is taken over by `m_binding`, and the task may be dropped.
@@ -41,10 +58,8 @@ void Pipeline::takeLogin(Lane& lane, Task& task, Session::Message const& message
     }
     lane.remove(task);
     --m_inFlight;
-    if (result.words.find(login.password) != std::string::npos) {
-        result.words = wordsFor(result.code); // a server that repeats the password
-    }
     Denial const denial = login.verification.denial = denialOf(result);
+    forget(login.password, result);
     std::string const& server = task.answer.server;
     if (result.code != LDAP_SUCCESS && denial == Denial::none) {
         lane.isDoubtful = lane.isLeaving = true;

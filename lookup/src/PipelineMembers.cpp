@@ -18,13 +18,12 @@ void Pipeline::expand(Task& key)
     goOn(key);
 }
 
-/// Concludes a key whose members are all known, or has further ones searched.
+/// Concludes a key whose members are all known, or notes that there are more to search.
 void Pipeline::goOn(Task& key)
 {
     Expansion& expansion = *key.expansion;
     if (!expansion.verdict().isGood()) {
-        Verdict const why = expansion.verdict();
-        failMembers(key, {why.outcome, why.code, key.answer.server + ": " + why.text});
+        failMembers(key, Verdict(expansion.verdict()));
     } else if (expansion.isDone()) {
         key.answer.results = expansion.results();
         std::string const remark = expansion.remark();
@@ -56,7 +55,7 @@ void Pipeline::dropMembers(Task const& key)
         if (current->lane != nullptr) {
             abandon(*current->lane, *current);
         } else if (!current->isDone) {
-            m_waiting.erase(std::find(m_waiting.begin(), m_waiting.end(), &*current));
+            dropWaiting(*current);
         }
         m_members.erase(current);
     }
@@ -131,27 +130,31 @@ void Pipeline::settle(Task& member)
         failMembers(key, {answer.outcome, answer.code, search.name + ": " + answer.text});
         return;
     }
-    key.expansion->take(search, answer.entries, answer.server, member.member->isMissing);
+    // A reference that is to be ignored stands for an entry that is not here.
+    bool const isMissing = member.member->isMissing || member.isReferred;
+    key.expansion->take(search, answer.entries, answer.server, isMissing);
     goOn(key);
 }
 
-/// Makes searches for members while there is room, in turn for the keys that came first: a large
+/// Makes searches for members while there is room, in turn for all keys that have some: a large
 /// group delays others, but none waits for its end. The searches wait behind those of keys.
 bool Pipeline::startMembers()
 {
     bool hasStarted = false;
     while (!m_expanding.empty() && m_members.size() < membersAtOnce()) {
-        Task& key = *m_expanding[m_turn++ % std::min(m_expanding.size(), expandedAtOnce)];
+        Task& key = *m_expanding[m_turn++ % m_expanding.size()];
         Expansion::Search search;
         bool const isMade = key.expansion->next(search);
         if (isMade) {
-            m_members.emplace_back();
-            Task& task = m_members.back();
+            m_waiting.reserve(m_waiting.size() + 1); // all or nothing, if memory runs out
+            std::list<Task> made(1);
+            Task& task = made.front();
             task.start = m_now;
             task.deadline = key.deadline;
             task.answer.filter = search.filter;
             task.member = std::make_unique<MemberSearch>(MemberSearch{key, std::move(search)});
-            m_waiting.insert(m_waiting.begin(), &task);
+            m_members.splice(m_members.end(), made);
+            m_waiting.insert(m_waiting.begin(), &m_members.back());
             hasStarted = true;
         }
         if (!isMade || !key.expansion->hasNext()) {

@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <limits>
 #include <utility>
 
 #include <ldap.h>
@@ -122,6 +123,20 @@ std::string escaped(std::string_view text)
     return out;
 }
 
+constexpr std::string_view optionName = ";range=";
+
+/// Where the option "range" begins; npos if there is none.
+std::size_t rangeOption(std::string_view text)
+{
+    auto at = text.find(';');
+    while (at != std::string_view::npos &&
+           (text.size() - at < optionName.size() ||
+            strncasecmp(text.data() + at, optionName.data(), optionName.size()) != 0)) {
+        at = text.find(';', at + 1);
+    }
+    return at;
+}
+
 /// The description without the option "range".
 std::string withoutRange(std::string const& description)
 {
@@ -140,11 +155,11 @@ Verdict invalid(int code, std::string const& text) { return {Outcome::Misconfigu
 /// One part of an RDN; the lengths keep different ones apart.
 std::string textOf(LDAPAVA const& part)
 {
-    std::string const name = copyStringToLower({part.la_attr.bv_val, part.la_attr.bv_len});
-    std::string const value = part.la_value.bv_len == 0
-                                  ? std::string()
-                                  : copyStringToLower({part.la_value.bv_val, part.la_value.bv_len});
-    return name + '=' + std::to_string(value.size()) + ':' + value;
+    std::string name = copyStringToLower({part.la_attr.bv_val, part.la_attr.bv_len});
+    std::string_view const value =
+        part.la_value.bv_len == 0 ? std::string_view()
+                                  : std::string_view(part.la_value.bv_val, part.la_value.bv_len);
+    return name.append(1, '=').append(std::to_string(value.size())).append(1, ':').append(value);
 }
 
 } // namespace
@@ -236,6 +251,9 @@ std::vector<ResultFormat::Insertion> ResultFormat::insertionsForKey(std::string_
 
 std::optional<std::string> ResultFormat::of(std::string_view value, std::string_view key) const
 {
+    if (value.empty()) {
+        return std::nullopt;
+    }
     Parts const valueParts(value);
     std::string const whole = keyOf(key);
     Parts const keyParts(whole);
@@ -256,32 +274,32 @@ std::optional<std::string> ResultFormat::of(std::string_view value, std::string_
 
 // ValueRange
 
+bool ValueRange::isIn(std::string_view text) { return rangeOption(text) != std::string_view::npos; }
+
 std::optional<ValueRange> ValueRange::in(std::string const& description)
 {
-    constexpr std::string_view option = ";range=";
-    for (auto at = description.find(';'); at != std::string::npos;
-         at = description.find(';', at + 1)) {
-        if (strncasecmp(description.c_str() + at, option.data(), option.size()) != 0) {
-            continue;
-        }
-        char const* const begin = description.c_str() + at + option.size();
-        char const* const end =
-            description.c_str() + std::min(description.find(';', at + 1), description.size());
-        ValueRange range;
-        auto const first = std::from_chars(begin, end, range.begin);
-        if (first.ec != std::errc() || first.ptr == end || *first.ptr != '-') {
-            return std::nullopt;
-        }
-        std::string_view const rest(first.ptr + 1, static_cast<std::size_t>(end - first.ptr - 1));
-        range.isLast = rest == "*";
-        auto const last = std::from_chars(first.ptr + 1, end, range.end);
-        if (!range.isLast && (last.ec != std::errc() || last.ptr != end)) {
-            return std::nullopt;
-        }
-        range.name = description.substr(0, at) + end;
-        return range;
+    auto const at = rangeOption(description);
+    if (at == std::string::npos) {
+        return std::nullopt;
     }
-    return std::nullopt;
+    char const* const begin = description.c_str() + at + optionName.size();
+    char const* const end =
+        description.c_str() + std::min(description.find(';', at + 1), description.size());
+    ValueRange range;
+    auto const first = std::from_chars(begin, end, range.begin);
+    if (first.ec != std::errc() || first.ptr == end || *first.ptr != '-') {
+        return std::nullopt;
+    }
+    std::string_view const rest(first.ptr + 1, static_cast<std::size_t>(end - first.ptr - 1));
+    range.isLast = rest == "*";
+    auto const last = std::from_chars(first.ptr + 1, end, range.end);
+    constexpr auto most = std::numeric_limits<std::size_t>::max();
+    if (!range.isLast && (last.ec != std::errc() || last.ptr != end || range.end < range.begin ||
+                          range.end == most)) {
+        return std::nullopt;
+    }
+    range.name = description.substr(0, at) + end;
+    return range;
 }
 
 // ResultRules
@@ -394,7 +412,7 @@ std::string normalizedDn(std::string const& dn)
     berval text = {dn.size(), const_cast<char*>(dn.data())};
     DnBuffer parsed;
     if (ldap_bv2dn(&text, parsed.address(), LDAP_DN_FORMAT_LDAP) != LDAP_SUCCESS) {
-        return copyStringToLower(dn);
+        return dn;
     }
     std::string normalized;
     for (LDAPRDN* rdn = parsed.get(); rdn != nullptr && *rdn != nullptr; ++rdn) {

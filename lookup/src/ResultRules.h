@@ -19,7 +19,7 @@ namespace Solvane::Lookup {
 ///
 /// | specifier | inserts                            | without it                        |
 /// |-----------|------------------------------------|-----------------------------------|
-/// | %s        | the value                          | an empty value is left out        |
+/// | %s        | the value                          |                                   |
 /// | %u        | its user; without "@", all of it   | a value without one is left out   |
 /// | %d        | its domain                         | a value without one is left out   |
 /// | %S %U %D  | the same of the key                | the key has no results            |
@@ -27,6 +27,7 @@ namespace Solvane::Lookup {
 /// |           | last one first                     |                                   |
 /// | %%        | a percent sign                     |                                   |
 ///
+/// An empty value is left out. The key is the one looked up, also if a shorter form found it.
 /// Immutable, so thread-safe.
 class ResultFormat {
 public:
@@ -78,8 +79,12 @@ struct ValueRange {
     std::size_t end = 0; ///< of the last value; not if `isLast`
     bool isLast = false; ///< `member;range=1500-*`
 
-    /// None if the description has no such option.
+    /// Whether a description, or another text, has such an option, be it valid or not.
+    static bool isIn(std::string_view text);
+    /// None if the description has no such option, or an invalid one.
     static std::optional<ValueRange> in(std::string const& description);
+    /// Whether so many values are the range.
+    bool has(std::size_t count) const { return isLast || count == end - begin + 1; }
 };
 
 /// The attributes of the settings, prepared for use. Immutable, so thread-safe.
@@ -134,8 +139,9 @@ private:
 /// Matches every entry: the filter of a search that reads one.
 constexpr char everyEntry[] = "(objectClass=*)";
 
-/// A text that is the same for DNs that differ in case, in blanks around their parts, in escapes or
-/// in the order within an RDN (RFC 4514). The schema is unknown here, so case never counts.
+/// A text that is the same for DNs that differ in the case of attribute types, in blanks around
+/// their parts, in escapes or in the order within an RDN (RFC 4514). The case of values counts: the
+/// schema, which says whether it matters, is unknown here.
 std::string normalizedDn(std::string const& dn);
 
 } // namespace Solvane::Lookup

@@ -8,7 +8,6 @@ namespace Solvane::Lookup {
 namespace {
 
 using State = ServerHealth::State;
-using Event = ServerHealth::Event;
 using Action = ServerHealth::Action;
 using Transition = ServerHealth::Transition;
 

@@ -134,10 +134,27 @@ void checkAttributes(std::vector<std::string> const& names)
     }
 }
 
+/// A name of an attribute whose values are results or members, without options and in lower case.
+/// What the server returns is known by its name, so each is named as the server names it.
+std::string resultTypeOf(std::string const& name)
+{
+    std::string type = copyStringToLower(name.substr(0, name.find(';')));
+    require(type != "*" && type != "+" && type != "1.1",
+            "with groups, a result format or an expansion limit, write the names of the result "
+            "attributes one by one, not '" +
+                name + '\'');
+    require(type.empty() || type.front() < '0' || type.front() > '9',
+            "with groups, a result format or an expansion limit, write the name of the result "
+            "attribute '" +
+                name + "', not its object identifier");
+    return type;
+}
+
 void checkSpecial(std::string const& name, std::vector<std::string> const& others)
 {
+    std::string const type = resultTypeOf(name);
     bool const isBoth = std::any_of(others.begin(), others.end(), [&](std::string const& other) {
-        return stringCompareNoCase(name, other, 0) == 0;
+        return type == resultTypeOf(other);
     });
     require(!isBoth, "the special result attribute '" + name + "' is a result attribute too");
 }
@@ -171,10 +188,7 @@ void checkResults(Settings const& settings)
     for (auto const* const names : {&settings.attributes, &settings.leafResultAttributes,
                                     &settings.terminalResultAttributes}) {
         for (std::string const& name : *names) {
-            require(name != "*" && name != "+" && name != "1.1",
-                    "with groups, a result format or an expansion limit, result attributes are "
-                    "named one by one: '" +
-                        name + "' is none");
+            resultTypeOf(name);
         }
         for (std::string const& name : settings.specialResultAttributes) {
             checkSpecial(name, *names);

@@ -47,7 +47,14 @@ struct Answer {
     bool isReferral = false;
 };
 
-Answer parsed(LDAP* session, LDAPMessage* message)
+/// Whether a server repeats a secret in its texts, which must not be shown or logged then.
+bool repeats(std::string const& text, std::string const* secret)
+{
+    return secret != nullptr && !secret->empty() && text.find(*secret) != std::string::npos;
+}
+
+/// @param secret  that the request contained; null: none
+Answer parsed(LDAP* session, LDAPMessage* message, std::string const* secret = nullptr)
 {
     int code = LDAP_SUCCESS;
     LDAPCharBuffer matched;
@@ -65,6 +72,10 @@ Answer parsed(LDAP* session, LDAPMessage* message)
     for (char** referral = referrals.get(); referral != nullptr && *referral != nullptr;
          ++referral) {
         words += ", see " + oneLine(*referral);
+    }
+    if (repeats(textOf(text), secret) || repeats(textOf(matched), secret) ||
+        repeats(words, secret)) {
+        words = wordsFor(code);
     }
     return {true, code, words, referrals.get() != nullptr && *referrals.get() != nullptr};
 }
@@ -107,9 +118,10 @@ std::string contradictionIn(SessionOptions const& options)
 
 /// The response to a request whose responses have this type. Not parsed if it is of another one, or
 /// a success with referrals, which is contradictory (RFC 4511 section 4.1.10).
-Answer responseOf(LDAP* session, LDAPMessage* message, ber_tag_t type)
+Answer responseOf(LDAP* session, LDAPMessage* message, ber_tag_t type,
+                  std::string const* secret = nullptr)
 {
-    Answer answer = parsed(session, message);
+    Answer answer = parsed(session, message, secret);
     answer.isParsed = answer.isParsed && isType(message, type) &&
                       (answer.code != LDAP_SUCCESS || !answer.isReferral);
     return answer;
@@ -485,7 +497,9 @@ Session::Steps::Progress Session::Steps::awaitAnswer(Message& answer)
 
 Session::Steps::Progress Session::Steps::takeBindResponse(LDAPMessageBuffer& answer)
 {
-    auto const response = responseOf(m_conversation->handle(), answer.get(), LDAP_RES_BIND);
+    bool const sentPassword = options.mechanism == Mechanism::simple;
+    auto const response = responseOf(m_conversation->handle(), answer.get(), LDAP_RES_BIND,
+                                     sentPassword ? options.password : nullptr);
     if (!response.isParsed) {
         return failInvalid();
     }

@@ -5,7 +5,7 @@
     ```console  lines after "$ " run, with those after "> " that continue them; lines after "(gdb) " are
                 their input; every other line has to be printed. The numbers of ports and times may differ.
     others      become the file that the text before names, as in: Write `~/first/lookup.cpp`, or
-                In `krb5.conf`, set
+                In `krb5.conf`, set; or are appended to it, as in: Add to `/etc/postfix/main.cf`
 
 The script ends at the first line that fails and names the line of the page.
 """
@@ -17,6 +17,7 @@ import sys
 
 FENCE = re.compile(r"^```(\w*)$")
 FILE = re.compile(r"\b(?i:write) `([^`]+)`|\bIn `([^`]+)`, set\b")
+APPENDED = re.compile(r"\bAdd to `([^`]+)`")
 PROLOGUE = r"""set -eu
 at=start
 output=$(mktemp)
@@ -32,7 +33,8 @@ class Fault(Exception):
 
 
 def blocks(text):
-    """(line, language, file, lines) of each block; `file` is what the text before says to write."""
+    """(line, language, file, lines) of each block; `file` is where the text before says to write, as
+    a shell redirects output."""
     found, language, file = [], None, None
     for number, line in enumerate(text.splitlines(), 1):
         match = FENCE.match(line)
@@ -45,7 +47,9 @@ def blocks(text):
             found.append((number + 1, language, file, []))
             file = None
         elif FILE.search(line):
-            file = next(filter(None, FILE.search(line).groups()))
+            file = ">" + next(filter(None, FILE.search(line).groups()))
+        elif APPENDED.search(line):
+            file = ">>" + APPENDED.search(line).group(1)
     return found
 
 
@@ -98,7 +102,7 @@ def steps(page, text, skipped=()):
         elif file is None:
             raise Fault(f"{number}: the text before does not say which file to write")
         else:
-            script += f"cat >{file} <<'END OF FILE'\n{body}END OF FILE\n"
+            script += f"cat {file} <<'END OF FILE'\n{body}END OF FILE\n"
     return script
 
 

@@ -132,6 +132,13 @@ class Following(unittest.TestCase):
         )
         self.assertEqual((done.returncode, done.stdout), (0, "$one\n"))
 
+    def test_lines_are_added_to_a_file(self):
+        done = self.follow(
+            *["```sh", "echo one >a.txt", "```", "Add to `a.txt`:", "```ini", "$two", "```"],
+            *["```sh", "cat a.txt", "```"],
+        )
+        self.assertEqual((done.returncode, done.stdout), (0, "one\n$two\n"))
+
     def test_what_fails_is_named_by_its_line(self):
         done = self.follow("# Title", "```sh", "false", "```", "```sh", "touch later", "```")
         self.assertIn("page.md:3: failed", done.stderr)

@@ -2,6 +2,7 @@
 #include "Expansion.h"
 
 #include <solvane/ldap/LDAPAttribute.h>
+#include <solvart/StringHelpers.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -111,7 +112,7 @@ private:
     std::optional<LDAPSearchResultEntry> entryOf(std::string const& dn) const
     {
         for (auto const& [name, attributes] : m_entries) {
-            if (normalizedDn(name) == normalizedDn(dn)) {
+            if (stringCompareNoCase(name, dn, 0) == 0) {
                 return entry(name, attributes);
             }
         }
@@ -168,7 +169,7 @@ TEST(AResultFormat, InsertsPartsOfTheValue)
     EXPECT_THAT(formatted("%u", "k", values), ElementsAre("anna", "plain", "user"));
     EXPECT_THAT(formatted("%d", "k", values), ElementsAre("corp.t", "empty"));
     EXPECT_THAT(formatted("<%u at %d>", "k", values), ElementsAre("<anna at corp.t>"));
-    EXPECT_THAT(formatted("OK", "k", {"a", "b"}), ElementsAre("OK", "OK"));
+    EXPECT_THAT(formatted("OK", "k", {"a", "", "b"}), ElementsAre("OK", "OK"));
     EXPECT_THAT(formatted("100%%s", "k", {"a"}), ElementsAre("100%s"));
     EXPECT_THAT(formatted("%u%u", "k", {"a@b@c"}), ElementsAre("a@ba@b"));
 }
@@ -220,11 +221,16 @@ TEST(ARangeOfValues, IsReadFromTheDescription)
 
 TEST(ARangeOfValues, IsNotReadFromAnythingElse)
 {
-    for (char const* const text : {"member", "range=0-1", "member;binary", "member;range=",
-                                   "member;range=1", "member;range=a-b", "member;range=0-",
-                                   "member;range=0-1x", "member;range=-1-5", "member;ranges=0-1"}) {
+    for (char const* const text :
+         {"member", "range=0-1", "member;binary", "member;range=", "member;range=1",
+          "member;range=a-b", "member;range=0-", "member;range=0-1x", "member;range=-1-5",
+          "member;ranges=0-1", "member;range=5-2", "member;range=0-18446744073709551615",
+          "member;range=0-99999999999999999999999"}) {
         EXPECT_FALSE(ValueRange::in(text)) << text;
     }
+    EXPECT_TRUE(ValueRange::isIn("member;Range=5-2"));
+    EXPECT_FALSE(ValueRange::isIn("member;x"));
+    EXPECT_FALSE(ValueRange::isIn("member;ranges=0-1;range"));
 }
 
 // References to members
@@ -233,13 +239,14 @@ TEST(ANormalizedDn, IsTheSameForEveryWayToWriteIt)
 {
     std::string const dn = normalizedDn("uid=anna,dc=corp,dc=test");
 
-    EXPECT_EQ(normalizedDn("UID=Anna, DC=Corp , DC=TEST"), dn);
+    EXPECT_EQ(normalizedDn("UID=anna, DC=corp , Dc=test"), dn);
     EXPECT_EQ(normalizedDn("uid=\\61nna,dc=corp,dc=test"), dn);
-    EXPECT_EQ(normalizedDn("cn=a+sn=b,dc=t"), normalizedDn("SN=B+CN=A,dc=t"));
+    EXPECT_EQ(normalizedDn("cn=a+sn=b,dc=t"), normalizedDn("SN=b+CN=a,dc=t"));
+    EXPECT_NE(normalizedDn("uid=Anna,dc=corp,dc=test"), dn); // its syntax may be caseExactString
     EXPECT_NE(normalizedDn("uid=ann,dc=corp,dc=test"), dn);
     EXPECT_NE(normalizedDn("uid=anna,dc=test"), dn);
     EXPECT_NE(normalizedDn("cn=a\\,dc\\=t"), normalizedDn("cn=a,dc=t"));
-    EXPECT_EQ(normalizedDn("no DN"), normalizedDn("NO dn"));
+    EXPECT_EQ(normalizedDn("no DN"), "no DN");
 }
 
 TEST(AReferenceToAMember, IsADn)
@@ -339,7 +346,7 @@ TEST(AGroup, HasEachEntryOnceAndEndsItsLoops)
 
     for (bool const isReversed : {false, true}) {
         EXPECT_THAT(directory.resultsOf("all", isReversed), ElementsAre("anna", "bert"));
-        EXPECT_EQ(directory.searches().size(), 4U); // none for the group itself
+        EXPECT_EQ(directory.searches().size(), 5U); // none for the group, one for "ALL"
     }
 }
 
@@ -354,6 +361,52 @@ TEST(AGroup, TellsWhichMembersDoNotExist)
     EXPECT_EQ(directory.remark(), "member 'cn=gone,dc=t' does not exist");
     EXPECT_THAT(directory.resultsOf("worse", true), ElementsAre("anna"));
     EXPECT_EQ(directory.remark(), "2 members do not exist, such as 'cn=gone,dc=t'");
+}
+
+TEST(AGroup, HasMembersThatDifferInCase)
+{
+    auto const settings = groupSettings();
+    ResultRules const rules(settings);
+    std::string const key = "key";
+    Expansion expansion(rules, settings, key);
+    Expansion::Entries found = {
+        entry("cn=all,dc=t", {{"member", {"xid=aB,dc=t", "xid=Ab,dc=t", "XID=aB, dc=t"}}})};
+    expansion.begin(found, server);
+    for (Expansion::Search search; expansion.next(search);) {
+        Expansion::Entries one = {entry(search.request.base, {{"mail", {search.request.base}}})};
+        expansion.take(search, one, server, false);
+    }
+
+    EXPECT_THAT(expansion.results(), ElementsAre("xid=aB,dc=t", "xid=Ab,dc=t"));
+}
+
+TEST(AGroup, WithAMemberThatIsNotReturnedIsRefused)
+{
+    auto const settings = groupSettings();
+    ResultRules const rules(settings);
+    std::string const key = "key";
+    Expansion expansion(rules, settings, key);
+    Expansion::Entries found = {entry("cn=all,dc=t", {{"member", {"cn=secret,dc=t"}}})};
+    expansion.begin(found, server);
+    Expansion::Search search;
+    ASSERT_TRUE(expansion.next(search));
+    Expansion::Entries nothing;
+    expansion.take(search, nothing, "ldap://two", false);
+
+    EXPECT_EQ(expansion.verdict().outcome, Outcome::Refused);
+    EXPECT_EQ(expansion.verdict().code, 50);
+    EXPECT_EQ(expansion.verdict().text, "ldap://two: member 'cn=secret,dc=t' was not returned: "
+                                        "does this identity have the right to read it?");
+}
+
+TEST(AGroup, WithAnAttributeOfAnotherNameIsMisconfigured)
+{
+    Directory directory; // as a server answers if a setting has an alias or an OID
+    directory.add("cn=all,dc=t", {{"uniqueMember", {"cn=anna,dc=t"}}, {"mail", {"all"}}});
+
+    EXPECT_THAT(directory.resultsOf("all"), IsEmpty());
+    EXPECT_EQ(directory.verdict().outcome, Outcome::Misconfigured);
+    EXPECT_THAT(directory.verdict().text, HasSubstr("ldap://one: returned 'uniqueMember'"));
 }
 
 TEST(AGroup, WithAnEmptyMemberHasNoOtherResults)
@@ -417,12 +470,13 @@ TEST(AGroup, BeyondALimitIsNotShortened)
     EXPECT_THAT(few.resultsOf("all"), ElementsAre("a", "b"));
     EXPECT_THAT(few.resultsOf("more"), IsEmpty());
     EXPECT_EQ(few.verdict().outcome, Outcome::TryLater);
-    EXPECT_EQ(few.verdict().text, "there are more than 2 values (expansion_limit)");
+    EXPECT_EQ(few.verdict().text, "ldap://one: there are more than 2 values (expansion_limit)");
     EXPECT_THAT(flat.resultsOf("all"), ElementsAre("a", "b"));
     EXPECT_THAT(flat.resultsOf("more"), IsEmpty());
     EXPECT_EQ(flat.verdict().outcome, Outcome::TryLater);
     EXPECT_EQ(flat.verdict().text,
-              "groups are nested deeper than 2 levels (recursion_limit), at member 'cn=b,dc=t'");
+              "ldap://one: groups are nested deeper than 2 levels (recursion_limit), at member "
+              "'cn=b,dc=t'");
 }
 
 TEST(AGroup, MayBeNestedDeeply)
@@ -475,7 +529,14 @@ protected:
         return all;
     }
 
-    Settings settings;
+    static Settings requesting(std::vector<std::string> const& attributes)
+    {
+        Settings settings;
+        settings.attributes = attributes;
+        return settings;
+    }
+
+    Settings settings = requesting({"cn", "member", "member;range=2-3", "sn"});
     std::string key = "key";
     ResultRules rules{settings};
     Expansion expansion{rules, settings, key};
@@ -530,7 +591,27 @@ TEST_F(AnAttributeInRanges, IsNotShortenedIfTheRestDoesNotCome)
 
     EXPECT_EQ(expansion.verdict().outcome, Outcome::TryLater);
     EXPECT_THAT(expansion.verdict().text,
-                HasSubstr("did not send the values of 'cn=all,dc=t' from number 2 of 'member'"));
+                HasSubstr("ldap://one: the values of 'cn=all,dc=t' from number 2 of 'member' were "
+                          "not returned"));
+}
+
+TEST(AGroupInRanges, WithAnInvalidRangeIsTriedLater)
+{
+    Attributes const ranges = {{"member;range=1-*", {"cn=anna,dc=t"}},
+                               {"member;range=5-2", {"cn=anna,dc=t"}},
+                               {"member;range=0-0x", {"cn=anna,dc=t"}},
+                               {"Member;Range=0-99999999999999999999999", {"cn=anna,dc=t"}},
+                               {"member;range=0-18446744073709551615", {"cn=anna,dc=t"}},
+                               {"member;range=0-9", {"cn=anna,dc=t"}}};
+    for (auto const& [name, values] : ranges) {
+        Directory directory;
+        directory.add("cn=all,dc=t", {{name, values}});
+        directory.person("anna");
+
+        EXPECT_THAT(directory.resultsOf("all"), IsEmpty()) << name;
+        EXPECT_EQ(directory.verdict().outcome, Outcome::TryLater) << name;
+        EXPECT_THAT(directory.verdict().text, HasSubstr("invalid range of values, '" + name));
+    }
 }
 
 TEST(AGroupInRanges, IsExpandedWhole)

@@ -11,6 +11,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <future>
 #include <map>
 #include <set>
 #include <thread>
@@ -53,8 +54,6 @@ Tree nestedGroups()
     }
     return tree;
 }
-
-std::string nameOf(std::string const& key) { return key.substr(0, key.find('@')); }
 
 /// The name that a key's filter looks for: the filter's second element, up to the "@".
 std::string nameIn(SearchContent const& search)
@@ -213,7 +212,7 @@ TEST(AGroupOfADirectory, IsFoundWithoutTheMembersThatDoNotExist)
 
 TEST(AGroupOfADirectory, MayBeFoundWithoutValues)
 {
-    Tree const tree = {{dnOf("empty"), {{"member", {""}}}}, {dnOf("anna"), {{"cn", {"Anna"}}}}};
+    Tree const tree = {{dnOf("empty"), {{"member", {""}}}}, {dnOf("anna"), {}}};
     ScriptedServer server(serving(answering(tree)));
     LDAPLookup lookup(groupSettings({&server}));
 
@@ -520,6 +519,53 @@ TEST(APassword, IsVerifiedWithoutTheMembersOfTheEntry)
 
 // Many keys
 
+// A group fills the window of a server more than once.
+TEST(AGroupOfADirectory, LeavesTheConnectionToAnotherLookup)
+{
+    constexpr std::size_t size = 400;
+    Tree tree = nestedGroups();
+    std::vector<std::string> names;
+    for (std::size_t i = 0; i < size; ++i) {
+        names.push_back("m" + std::to_string(i));
+        tree[dnOf(names.back())] = person(names.back());
+    }
+    tree[dnOf("large")] = group(names);
+    std::atomic<std::size_t> members(0);
+    std::promise<void> hasBegun;
+    std::promise<void> cue;
+    ScriptedServer server(serving([&](Peer& peer, std::string const& request) {
+        if (searchContentOf(request).scope == 0) {
+            if (++members == 10) {
+                hasBegun.set_value();
+                cue.get_future().wait();
+            }
+            std::this_thread::sleep_for(milliseconds(2)); // so that it does not end at once
+        }
+        peer.send(answerOf(tree, request));
+    }));
+    auto settings = groupSettings({&server});
+    settings.connections = 1;
+    settings.deadline = std::chrono::minutes(1);
+    settings.window = 2;
+    LDAPLookup other(settings);
+    settings.window = 32;
+    LDAPLookup lookup(settings, other);
+    auto large = std::async(std::launch::async, [&] { return lookup.find("large@corp.test"); });
+    hasBegun.get_future().wait();
+    auto small = std::async(std::launch::async, [&] {
+        cue.set_value();
+        auto answer = other.find("anna@corp.test");
+        return std::make_pair(std::move(answer), members.load());
+    });
+
+    auto const [answer, membersBefore] = small.get();
+
+    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
+    EXPECT_LT(membersBefore, size);
+    EXPECT_THAT(large.get().results, SizeIs(size));
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
 TEST(AQueueWithGroups, AnswersOtherKeysBeforeALargeGroup)
 {
     Tree tree = nestedGroups();
@@ -576,152 +622,6 @@ TEST(AQueueWithGroups, GivesUpTheMembersOfACancelledGroup)
     EXPECT_THAT(result->answer.results, ElementsAre("anna@corp.test"));
     EXPECT_EQ(queue.pending(), 0U);
     EXPECT_EQ(countOf(AbandonRequest, server.received()), 1U);
-}
-
-// A real directory
-
-class GroupsOnADirectory : public SuiteWithSlapd<GroupsOnADirectory> {
-public:
-    static std::vector<std::string> options() { return {"--users", "2000"}; }
-
-    static void SetUpTestSuite()
-    {
-        SuiteWithSlapd::SetUpTestSuite();
-        if (!hasSlapd()) {
-            return;
-        }
-        add("leaf", {userDn(1), userDn(2)}, {});
-        add("middle", {newDn("leaf"), userDn(3), newDn("top")}, {});
-        add("top", {newDn("middle"), userDn(1), newDn("gone")},
-            {"ldap:///ou=people,dc=corp,dc=test?mail?one?(employeeNumber=1*9)"});
-        for (int i = 0; i < 40; ++i) {
-            std::vector<std::string> members = {newDn("leaf")};
-            for (int user = 0; user < 20; ++user) {
-                members.push_back(userDn(100 + i + user));
-            }
-            add("g" + std::to_string(i), members, {});
-        }
-    }
-
-protected:
-    static std::string userDn(int user) { return "uid=" + nameOf(addressOf(user)) + ',' + people; }
-    static std::string newDn(std::string const& name)
-    {
-        return "cn=" + name + ",ou=new,dc=corp,dc=test";
-    }
-
-    static void add(std::string const& name, std::vector<std::string> const& members,
-                    std::vector<std::string> const& urls)
-    {
-        LDAPConnection connection(LDAPConnection::RefServer(slapd().host(), slapd().port(),
-                                                            LDAPConnection::V3, false, 10, false,
-                                                            false),
-                                  false);
-        connection.bind(readerDn, readerPassword, LDAPConnection::Synchronous);
-        LDAPAttributeContainer attributes;
-        for (auto const& [type, values] :
-             {Attribute("objectClass", {"groupOfNames", "extensibleObject"}),
-              Attribute("cn", {name}), Attribute("mail", {name + "@groups.test"}),
-              Attribute("member", members), Attribute("labeledURI", urls)}) {
-            LDAPAttribute attribute{LDAPAttributeType(type)};
-            for (std::string const& value : values) {
-                attribute.value(value);
-            }
-            if (!values.empty()) {
-                attributes.add(attribute);
-            }
-        }
-        std::string dn = newDn(name);
-        LDAPAdd request(connection, dn);
-        request.attributes(attributes);
-        request.send();
-        EXPECT_FALSE(request.wait(10)) << name;
-        EXPECT_EQ(request.result().resultCode(), 0) << name;
-    }
-
-    static Settings settings()
-    {
-        auto settings = settingsFor({slapd().port()});
-        settings.base = "dc=corp,dc=test";
-        settings.specialResultAttributes = {"member", "labeledURI"};
-        settings.leafResultAttributes = {"mail"};
-        return settings;
-    }
-};
-
-TEST_F(GroupsOnADirectory, AreNestedLoopedDynamicAndIncomplete)
-{
-    auto const answer = answerTo("top@groups.test", settings());
-
-    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
-    EXPECT_THAT(answer.text, HasSubstr("'" + newDn("gone") + "' does not exist"));
-    std::set<std::string> expected = {addressOf(1), addressOf(2), addressOf(3)};
-    for (int user = 1; user <= 2000; ++user) {
-        std::string const number = std::to_string(user);
-        if (number.front() == '1' && number.back() == '9' && number.size() > 1) {
-            expected.insert(addressOf(user));
-        }
-    }
-    EXPECT_EQ(std::set<std::string>(answer.results.begin(), answer.results.end()), expected);
-    EXPECT_EQ(answer.results.size(), expected.size());
-    EXPECT_EQ(answerTo("top@groups.test", settings()).results, answer.results);
-}
-
-TEST_F(GroupsOnADirectory, MayHaveTwoThousandMembers)
-{
-    auto many = settings();
-    many.queryTemplate = "(cn=$u)";
-
-    auto const answer = answerTo("many@groups.test", many);
-
-    EXPECT_EQ(answer.outcome, Outcome::Found) << answer.text;
-    EXPECT_EQ(answer.text, "");
-    std::set<std::string> const distinct(answer.results.begin(), answer.results.end());
-    EXPECT_EQ(distinct.count(addressOf(2000)), 1U);
-    EXPECT_EQ(answer.results.size(), 2200U); // every tenth user has two addresses
-}
-
-TEST_F(GroupsOnADirectory, AreFoundManyAtATime)
-{
-    auto few = settings();
-    few.connections = 2;
-    few.window = 8;
-    LDAPLookup lookup(few);
-    std::vector<std::string> keys;
-    for (int i = 0; i < 400; ++i) {
-        keys.push_back(i % 4 == 3 ? addressOf(i + 1)
-                                  : "g" + std::to_string(i % 40) + "@groups.test");
-    }
-
-    auto const answers = answersTo(lookup, keys);
-
-    ASSERT_EQ(answers.size(), keys.size());
-    for (Answered const& each : answers) {
-        EXPECT_EQ(each.answer.outcome, Outcome::Found) << each.key << ": " << each.answer.text;
-        EXPECT_GE(each.answer.results.size(), each.key.front() == 'g' ? 22U : 1U) << each.key;
-        EXPECT_EQ(each.answer.results.front(), each.key.front() == 'g' ? addressOf(1) : each.key);
-    }
-}
-
-TEST_F(GroupsOnADirectory, AreFoundByManyThreads)
-{
-    LDAPLookup lookup(settings());
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> threads;
-    for (int thread = 0; thread < 8; ++thread) {
-        threads.emplace_back([&, thread] {
-            for (int i = 0; i < 10; ++i) {
-                auto const answer =
-                    lookup.find("g" + std::to_string((thread + i) % 40) + "@groups.test");
-                wrong += answer.outcome == Outcome::Found && answer.results.size() >= 22 ? 0 : 1;
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-
-    EXPECT_EQ(wrong, 0);
 }
 
 } // namespace SolvaneTest

@@ -234,7 +234,10 @@ TEST(LookupSettings, OfGroupsNameTheAttributesOfResults)
                 HasSubstr("but no result attribute"));
     EXPECT_THAT(refusalWith([](Settings& s) { s.expansionLimit = 1; }),
                 HasSubstr("but no result attribute"));
-    EXPECT_THAT(with([](Settings& s) { s.attributes = {"cn", "*"}; }), HasSubstr("'*' is none"));
+    EXPECT_THAT(with([](Settings& s) {
+                    s.attributes = {"cn", "*"};
+                }),
+                HasSubstr("one by one, not '*'"));
     EXPECT_THAT(with([](Settings& s) { s.attributes = {"Member"}; }),
                 HasSubstr("'member' is a result attribute too"));
     EXPECT_THAT(with([](Settings& s) { s.terminalResultAttributes = {""}; }),

@@ -110,8 +110,7 @@ TEST(AKeyThatGetsNoConnectionToTheOtherServer, IsToBeTriedLaterWhateverTheFirstS
     auto settings = settingsFor({first.port(), second.port()});
     settings.connections = 1;
     settings.deadline = std::chrono::seconds(1);
-    Totals totals;
-    Shared shared(settings, totals, nullptr);
+    Shared shared(settings, std::make_shared<Totals>(), nullptr);
     Pipeline one(shared, 1, 1);
     Pipeline other(shared, 1, 1);
 

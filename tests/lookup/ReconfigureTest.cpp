@@ -433,6 +433,8 @@ TEST(SharedConnections, NeedTheSameServersIdentityAndLimits)
     EXPECT_FALSE(refused([](Settings& each) { each.base = "dc=other"; }));
     EXPECT_FALSE(refused([](Settings& each) { each.domains = {"corp.test"}; }));
     EXPECT_FALSE(refused([](Settings& each) { ++each.window; }));
+    EXPECT_FALSE(refused([](Settings& each) { each.specialResultAttributes = {"member"}; }));
+    EXPECT_FALSE(refused([](Settings& each) { each.resultFormat = "<%s>"; }));
 }
 
 } // namespace SolvaneTest

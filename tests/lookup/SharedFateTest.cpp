@@ -88,6 +88,38 @@ TEST_P(TwoRunsThatFailOver, DoNotWaitForEachOthersConnections)
 
 INSTANTIATE_TEST_SUITE_P(WhateverTheServerSays, TwoRunsThatFailOver, testing::Values(51, 32));
 
+/// OpenLDAP's own codes for a lost server and a local error.
+class ANegativeResultCode : public testing::TestWithParam<int> {};
+
+TEST_P(ANegativeResultCode, IsTheAnswerToItsKeyAndLeavesTheOthersAlone)
+{
+    std::string first;
+    ScriptedServer const server(serving([&](Peer& peer, std::string const& request) {
+        if (first.empty()) { // answered when the second search is in flight too
+            first = request;
+            return;
+        }
+        std::string const code(1, static_cast<char>(GetParam()));
+        std::string const noTexts("\x04\0\x04\0", 4);
+        peer.send(
+            ldapMessage(messageIdOf(first), berElement(0x65, berElement(0x0a, code) + noTexts)));
+        answerFound(peer, request);
+    }));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const answers = answersTo(lookup, {addressOf(1), addressOf(2)});
+    auto const next = lookup.find(addressOf(3));
+
+    EXPECT_EQ(answers.front().answer.outcome, Outcome::TryLater);
+    EXPECT_EQ(answers.front().answer.code, GetParam());
+    EXPECT_EQ(answers.back().answer.outcome, Outcome::Found);
+    EXPECT_FALSE(answers.back().answer.wasRepeated);
+    EXPECT_FALSE(next.wasRepeated);
+    EXPECT_EQ(server.connectionCount(), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(OfOpenLdap, ANegativeResultCode, testing::Values(-1, -2));
+
 TEST(AKeyWhoseTimeEnds, IsToBeTriedLaterIfAnotherServerHangs)
 {
     ScriptedServer first(serving([](Peer& peer, std::string const& request) {

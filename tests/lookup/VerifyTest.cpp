@@ -20,6 +20,7 @@ using Lookup::Denial;
 using Lookup::VerifyOutcome;
 using std::chrono::milliseconds;
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -361,6 +362,30 @@ TEST(ResponseToALogin, DoesNotPutAPasswordIntoTheText)
     EXPECT_EQ(verification.outcome, VerifyOutcome::Denied);
     EXPECT_THAT(verification.text, HasSubstr("Invalid credentials (49)"));
     EXPECT_THAT(verification.text, Not(HasSubstr(password)));
+}
+
+TEST(ResponseToALogin, DoesNotPutAnEscapedPasswordIntoTheText)
+{
+    std::string const strange = "between\ttabs\tand more";
+    ScriptedServer const server(loginServer(replying({49, "not the password: " + strange})));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const verification = lookup.verify(key, strange);
+
+    EXPECT_EQ(verification.outcome, VerifyOutcome::Denied);
+    EXPECT_THAT(verification.text, EndsWith("Invalid credentials (49)"));
+}
+
+TEST(ResponseToALogin, IsUnderstoodThoughItRepeatsThePassword)
+{
+    ScriptedServer const server(
+        loginServer(replying({49, "AcceptSecurityContext, data 532, v4563"})));
+    LDAPLookup lookup(settingsFor({server.port()}));
+
+    auto const verification = lookup.verify(key, "532");
+
+    EXPECT_EQ(verification.denial, Denial::expired);
+    EXPECT_THAT(verification.text, EndsWith("Invalid credentials (49)"));
 }
 
 // Several servers

@@ -126,6 +126,47 @@ TEST_F(AuthProtocol, TakesTheNameOfLoginAsItsInitialResponse)
     EXPECT_EQ(session.nextLogin()->password.text(), "secret");
 }
 
+/// Exim always sends "resp=", empty if its client sent no initial response.
+TEST_F(AuthProtocol, AsksIfTheInitialResponseIsEmpty)
+{
+    shakeHands();
+
+    EXPECT_EQ(exchange("AUTH\t1\tPLAIN\tsecured\tresp="), "CONT\t1\t\n");
+    EXPECT_EQ(exchange("AUTH\t2\tLOGIN\tsecured\tresp="), "CONT\t2\tVXNlcm5hbWU6\n");
+    EXPECT_EQ(exchange("AUTH\t3\tLOGIN\tsecured\tresp=="), "CONT\t3\tVXNlcm5hbWU6\n");
+    exchange(std::string("CONT\t1\t") + plainOfAnna);
+    exchange(std::string("CONT\t2\t") + anna);
+    exchange(std::string("CONT\t2\t") + secret);
+
+    for (int i = 0; i < 2; ++i) {
+        auto const login = session.nextLogin();
+        ASSERT_TRUE(login.has_value());
+        EXPECT_EQ(login->user, "anna");
+        EXPECT_EQ(login->password.text(), "secret");
+    }
+}
+
+TEST_F(AuthProtocol, TakesMechanismsInAnyCase)
+{
+    shakeHands();
+
+    exchange(std::string("AUTH\t1\tplain\tsecured\tresp=") + plainOfAnna);
+
+    EXPECT_TRUE(session.nextLogin().has_value());
+    EXPECT_EQ(exchange("AUTH\t2\tLogin\tsecured"), "CONT\t2\tVXNlcm5hbWU6\n");
+}
+
+TEST_F(AuthProtocol, TakesNoParameterFromTheResponse)
+{
+    shakeHands();
+
+    EXPECT_EQ(exchange("AUTH\t1\tPLAIN\tresp=\tsecured"),
+              "FAIL\t1\treason=passwords are refused without TLS\n");
+    exchange(std::string("AUTH\t2\tPLAIN\tsecured\tresp=") + plainOfAnna + "\trip=192.0.2.9");
+
+    EXPECT_THAT(session.nextLogin()->remoteAddress, IsEmpty());
+}
+
 TEST_F(AuthProtocol, AnswersInAnyOrder)
 {
     shakeHands();
@@ -215,7 +256,7 @@ TEST_F(AuthProtocol, RefusesMalformedResponses)
 {
     shakeHands();
 
-    for (std::string const response : {"", "====", "A", "AG==x", "YW5uYQ==", "AGFubmE*", "AAAA"}) {
+    for (std::string const response : {"=", "====", "A", "AG==x", "YW5uYQ==", "AGFubmE*", "AAAA"}) {
         EXPECT_THAT(exchange("AUTH\t1\tPLAIN\tsecured\tresp=" + response), HasSubstr("FAIL\t1\t"))
             << response;
         EXPECT_FALSE(session.nextLogin().has_value()) << response;
@@ -286,17 +327,38 @@ TEST_F(AuthProtocol, EndsForTooManyLoginsAtATime)
     shakeHands();
 
     for (int id = 1; id <= 5; ++id) {
-        exchange("AUTH\t" + std::to_string(id) + "\tPLAIN\tsecured");
+        exchange("AUTH\t" + std::to_string(id) + "\tPLAIN\tsecured\tresp=" + plainOfAnna);
     }
 
     EXPECT_EQ(session.fault(), "more than 4 logins at a time");
 }
 
+/// Postfix does not cancel the login of a client that hangs up before it sends its password.
+TEST_F(AuthProtocol, ForgetsLoginsThatWereAbandoned)
+{
+    shakeHands();
+    exchange(std::string("AUTH\t9\tPLAIN\tsecured\tresp=") + plainOfAnna);
+    for (int id = 50; id > 10; --id) {
+        EXPECT_EQ(exchange("AUTH\t" + std::to_string(id) + "\tPLAIN\tsecured"),
+                  "CONT\t" + std::to_string(id) + "\t\n");
+    }
+    EXPECT_EQ(session.pending(), 4U);
+
+    EXPECT_EQ(exchange(std::string("CONT\t14\t") + plainOfAnna),
+              "FAIL\t14\ttemp\tcode=temp_fail\treason=the login has been forgotten\n");
+    session.conclude(session.nextLogin()->number, {Kind::accepted}); // the first is not forgotten
+    EXPECT_EQ(session.takeOutput(), "OK\t9\tuser=anna\n");
+    exchange(std::string("CONT\t11\t") + plainOfAnna);
+    EXPECT_TRUE(session.nextLogin().has_value());
+    EXPECT_FALSE(session.isOver());
+}
+
 TEST_F(AuthProtocol, EndsForIdsThatMakeNoSense)
 {
     for (std::string const lines :
-         {"AUTH\tx\tPLAIN", "AUTH\t4294967296\tPLAIN", "AUTH\t-1\tPLAIN", "AUTH\t1", "CONT\t5\t",
-          "CANCEL", "AUTH\t1\tPLAIN\tsecured\nAUTH\t1\tPLAIN\tsecured"}) {
+         {"AUTH\tx\tPLAIN", "AUTH\t4294967296\tPLAIN", "AUTH\t-1\tPLAIN", "AUTH\t1", "CONT\t5",
+          "CANCEL", "AUTH\t1\tPLAIN\tsecured\nAUTH\t1\tPLAIN\tsecured",
+          "AUTH\t1\tPLAIN\tsecured\tresp=AGEAYg==\nCONT\t1\tAGEAYg=="}) {
         AuthSession other(options());
         other.add("VERSION\t1\t2\n" + lines + "\n");
 

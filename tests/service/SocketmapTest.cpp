@@ -2,6 +2,7 @@
 #include "Socketmap.h"
 
 #include <solvane/lookup/Answer.h>
+#include <solvane/lookup/Settings.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -52,6 +53,14 @@ Lookup::Answer foundWith(std::string const& name, std::vector<std::string> const
     answer.server = "ldap://one.test:389";
     answer.entries.push_back(entryWith(name, values));
     return answer;
+}
+
+/// The settings of a map with these result attributes.
+Lookup::Settings returning(std::vector<std::string> const& attributes)
+{
+    Lookup::Settings settings;
+    settings.attributes = attributes;
+    return settings;
 }
 
 Lookup::Answer answerWith(Lookup::Outcome outcome, std::string const& text = "")
@@ -168,7 +177,7 @@ TEST(SocketmapReply, HasTheValuesOfAllAttributesSeparatedByCommas)
     Lookup::Answer answer = foundWith("mail", {"anna@corp.test", "a@corp.test"});
     answer.entries.push_back(entryWith("maildrop", {"anna"}));
 
-    Reply const reply = replyTo(answer, {"maildrop", "mail"});
+    Reply const reply = replyTo(answer, returning({"maildrop", "mail"}));
 
     EXPECT_EQ(reply.kind, Reply::Kind::found);
     EXPECT_EQ(reply.text, "OK anna,anna@corp.test,a@corp.test");
@@ -176,15 +185,41 @@ TEST(SocketmapReply, HasTheValuesOfAllAttributesSeparatedByCommas)
 
 TEST(SocketmapReply, IsNotFoundForAnEntryWithoutAValue)
 {
-    EXPECT_EQ(replyTo(foundWith("cn", {"Anna"}), {"mail"}).text, "NOTFOUND ");
-    EXPECT_EQ(replyTo(foundWith("mail", {""}), {"mail"}).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("mail", {}), returning({"mail"})).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("mail", {""}), returning({"mail"})).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("mail;lang-de", {"a"}), returning({"Mail"})).text, "NOTFOUND ");
+    EXPECT_EQ(replyTo(foundWith("cn", {}), returning({"mail"})).text, "NOTFOUND ");
+}
+
+/// A server returns "uid" if it is asked for "userid": the user exists.
+TEST(SocketmapReply, DefersMailForAnAttributeOfAnotherName)
+{
+    EXPECT_EQ(replyTo(foundWith("uid", {"anna"}), returning({"userid"})).text,
+              "TEMP ldap://one.test:389: the entry has no value of the result attributes, but of "
+              "'uid': set result_attribute to the server's name");
+
+    Lookup::Settings group = returning({"userid"});
+    group.specialResultAttributes = {"member"};
+    EXPECT_THAT(replyTo(foundWith("uid", {"anna"}), group).text, StartsWith("TEMP "));
+    EXPECT_EQ(replyTo(foundWith("member", {"cn=bert"}), group).text, "NOTFOUND ");
+}
+
+TEST(SocketmapReply, HasTheResultsOfAMapWithGroups)
+{
+    Lookup::Answer answer = foundWith("mail", {"staff@corp.test"});
+    Lookup::Settings settings = returning({"mail"});
+    settings.specialResultAttributes = {"member"};
+
+    EXPECT_EQ(replyTo(answer, settings).text, "NOTFOUND ");
+    answer.results = {"anna@corp.test", "", "bert@corp.test"};
+    EXPECT_EQ(replyTo(answer, settings).text, "OK anna@corp.test,bert@corp.test");
 }
 
 TEST(SocketmapReply, IsNotFoundForKeysThatCannotExist)
 {
     for (auto const outcome :
          {Lookup::Outcome::NotFound, Lookup::Outcome::Skipped, Lookup::Outcome::BadKey}) {
-        EXPECT_EQ(replyTo(answerWith(outcome), {"mail"}).text, "NOTFOUND ");
+        EXPECT_EQ(replyTo(answerWith(outcome), returning({"mail"})).text, "NOTFOUND ");
     }
 }
 
@@ -192,7 +227,8 @@ TEST(SocketmapReply, DefersMailForAnyTrouble)
 {
     for (auto const outcome :
          {Lookup::Outcome::TryLater, Lookup::Outcome::Refused, Lookup::Outcome::Misconfigured}) {
-        Reply const reply = replyTo(answerWith(outcome, "no answer within 15 s"), {"mail"});
+        Reply const reply =
+            replyTo(answerWith(outcome, "no answer within 15 s"), returning({"mail"}));
 
         EXPECT_EQ(reply.kind, Reply::Kind::tryLater);
         EXPECT_EQ(reply.text, "TEMP ldap://one.test:389: no answer within 15 s");
@@ -204,7 +240,8 @@ TEST(SocketmapReply, DoesNotNameTheServerTwice)
     auto const answer =
         answerWith(Lookup::Outcome::TryLater, "cannot connect to ldap://one.test:389");
 
-    EXPECT_EQ(replyTo(answer, {"mail"}).text, "TEMP cannot connect to ldap://one.test:389");
+    EXPECT_EQ(replyTo(answer, returning({"mail"})).text,
+              "TEMP cannot connect to ldap://one.test:389");
 }
 
 TEST(SocketmapReply, DefersMailForEntriesThatCameBeforeALimit)
@@ -213,12 +250,12 @@ TEST(SocketmapReply, DefersMailForEntriesThatCameBeforeALimit)
     answer.outcome = Lookup::Outcome::TryLater;
     answer.text = "size limit exceeded";
 
-    EXPECT_THAT(replyTo(answer, {"mail"}).text, StartsWith("TEMP "));
+    EXPECT_THAT(replyTo(answer, returning({"mail"})).text, StartsWith("TEMP "));
 }
 
 TEST(SocketmapReply, DefersMailForAValueWithControlCharacters)
 {
-    EXPECT_THAT(replyTo(foundWith("mail", {"a@corp.test\nb"}), {"mail"}).text,
+    EXPECT_THAT(replyTo(foundWith("mail", {"a@corp.test\nb"}), returning({"mail"})).text,
                 HasSubstr("TEMP ldap://one.test:389: a value contains a control character"));
 }
 
@@ -226,10 +263,11 @@ TEST(SocketmapReply, HasAtMostAHundredThousandBytes)
 {
     std::string const fits(longestReply - 3, 'x');
 
-    EXPECT_EQ(replyTo(foundWith("mail", {fits}), {"mail"}).text.size(), longestReply);
-    EXPECT_THAT(replyTo(foundWith("mail", {fits + "x"}), {"mail"}).text,
+    EXPECT_EQ(replyTo(foundWith("mail", {fits}), returning({"mail"})).text.size(), longestReply);
+    EXPECT_THAT(replyTo(foundWith("mail", {fits + "x"}), returning({"mail"})).text,
                 HasSubstr("the values have more than 100000 bytes"));
-    EXPECT_THAT(replyTo(foundWith("mail", {fits, "x"}), {"mail"}).text, StartsWith("TEMP "));
+    EXPECT_THAT(replyTo(foundWith("mail", {fits, "x"}), returning({"mail"})).text,
+                StartsWith("TEMP "));
 }
 
 TEST(SocketmapReply, PutsTheReasonOnOneShortLine)

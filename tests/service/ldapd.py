@@ -12,10 +12,46 @@ from support import DEADLINE, PEOPLE, READER, READER_PASSWORD
 
 LDAPD = os.environ["SOLVANE_LDAPD"]
 
+NEW = "ou=new,dc=corp,dc=test"
+
+# The mail addresses of a group's members, and of the groups' in it.
+GROUPS = f"""
+query_filter = (mail=$m)
+search_base = {NEW}
+special_result_attribute = member
+leaf_result_attribute = mail
+"""
+
 
 def netstring(text):
     content = text if isinstance(text, bytes) else text.encode()
     return b"%d:%s," % (len(content), content)
+
+
+def add_entries(uri, ldif):
+    """Adds entries below NEW."""
+    subprocess.run(
+        ["ldapadd", "-x", "-H", uri, "-D", READER, "-w", READER_PASSWORD],
+        input=ldif.encode(),
+        check=True,
+        capture_output=True,
+        timeout=DEADLINE,
+    )
+
+
+def group(name, *members):
+    """The LDIF of a group below NEW; a member is the number of a user, or the name of a group."""
+    lines = [
+        f"dn: cn={name},{NEW}",
+        "objectClass: groupOfNames",
+        "objectClass: extensibleObject",
+        f"cn: {name}",
+        f"mail: {name}@corp.test",
+    ]
+    for member in members:
+        dn = f"uid=user{member:07d},{PEOPLE}" if isinstance(member, int) else f"cn={member},{NEW}"
+        lines.append(f"member: {dn}")
+    return "\n".join(lines) + "\n\n"
 
 
 class Client:
@@ -111,7 +147,7 @@ class Service:
             self.write_map(name, text)
         self.lines = []
         self._arguments = arguments
-        self.process = None
+        self.process = self._reader = None
         if is_started:
             self.start()
 
@@ -143,7 +179,8 @@ class Service:
             text=True,
             **options,
         )
-        threading.Thread(target=self._read, args=(self.process,)).start()
+        self._reader = threading.Thread(target=self._read, args=(self.process,))
+        self._reader.start()
         self.test.addCleanup(self.kill)
         self.await_line("serving")
 
@@ -158,6 +195,8 @@ class Service:
             or self.process.poll() is not None
         ):
             raise AssertionError(f"no line has '{words}': {self.lines}")
+        if self.process.poll() is not None:
+            self._reader.join(DEADLINE)  # its last lines too
         if sum(words in line for line in self.lines) < count:
             raise AssertionError(f"the service has ended: {self.lines}")
 
@@ -180,9 +219,10 @@ class Service:
             self.process.kill()
         self.process.wait(DEADLINE)
 
-    def check(self):
+    def check(self, **options):
         return subprocess.run(
             [LDAPD, "-C", self.folder, "--check"],
+            **options,
             capture_output=True,
             text=True,
             timeout=DEADLINE,

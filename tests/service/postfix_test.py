@@ -1,14 +1,17 @@
 """A real Postfix asks the service: recipients, mail to a sink over LMTP, logins."""
 
+import collections
 import os
+import random
 import shutil
 import smtplib
 import socketserver
 import subprocess
 import threading
+import time
 import unittest
 
-from ldapd import Service
+from ldapd import GROUPS, Service, add_entries, group
 from servers import Slapd, eventually
 from support import DEADLINE, ToolTest, free_port
 
@@ -45,14 +48,17 @@ inet_protocols = ipv4
 disable_dns_lookups = yes
 smtpd_peername_lookup = no
 smtpd_error_sleep_time = 0
-smtpd_soft_error_limit = 1000
-smtpd_hard_error_limit = 1000
-smtpd_junk_command_limit = 1000
+smtpd_soft_error_limit = 1000000
+smtpd_hard_error_limit = 1000000
+smtpd_junk_command_limit = 1000000
+smtpd_client_connection_count_limit = 0
+default_process_limit = 300
 maillog_file = {folder}/log
 maillog_file_prefixes = {folder}
 virtual_mailbox_domains = corp.test
 virtual_mailbox_maps = socketmap:unix:{socketmap}:users
 virtual_alias_maps = socketmap:unix:{socketmap}:aliases
+virtual_alias_domains =
 virtual_transport = lmtp:unix:{folder}/lmtp
 smtpd_sasl_auth_enable = yes
 smtpd_sasl_type = dovecot
@@ -63,7 +69,7 @@ queue_run_delay = 2s
 """
 
 USERS = "query_filter = (mail=$m)\nresult_attribute = uid\n"
-ALIASES = "query_filter = (&(cn=$u)(objectClass=person))\nresult_attribute = mail\n"
+TOO_MANY = 452  # recipients of one message
 KNOWN = "user0000001@corp.test"
 
 
@@ -127,8 +133,8 @@ class Postfix:
         )
         return done.stdout, done.returncode
 
-    def session(self):
-        session = smtplib.SMTP("127.0.0.1", self.port, timeout=DEADLINE)
+    def session(self, timeout=DEADLINE):
+        session = smtplib.SMTP("127.0.0.1", self.port, timeout=timeout)
         session.ehlo()
         return session
 
@@ -185,10 +191,29 @@ class LmtpSink(socketserver.ThreadingUnixStreamServer):
         test.addCleanup(self.shutdown)
 
 
-@unittest.skipIf(
+def connections_to(ports, process):
+    """How many connections to these ports a process has, or is opening."""
+    folder = f"/proc/{process}/fd"
+    sockets = set()
+    for name in os.listdir(folder):
+        try:
+            sockets.add(os.readlink(os.path.join(folder, name)))
+        except FileNotFoundError:
+            pass  # closed meanwhile
+    with open("/proc/net/tcp", encoding="ascii") as table:
+        rows = [row.split() for row in list(table)[1:]]
+    return sum(
+        int(row[2].split(":")[1], 16) in ports and f"socket:[{row[9]}]" in sockets for row in rows
+    )
+
+
+needs_postfix = unittest.skipIf(
     os.getuid() != 0 or (shutil.which("postfix") is None and not os.environ.get("CI")),
     "needs Postfix, and root to start it",
 )
+
+
+@needs_postfix
 class WithPostfix(ToolTest):
     def setUp(self):
         super().setUp()
@@ -197,8 +222,8 @@ class WithPostfix(ToolTest):
             self,
             self.slapd.uri,
             "socket_mode = 0666\nauth_needs_tls = no\n",
-            maps={"users": USERS, "aliases": ALIASES},
-            deadline="10",
+            maps={"users": USERS, "aliases": GROUPS},
+            deadline="3",
         )
         self.postfix = Postfix(self, self.service)
 
@@ -216,14 +241,17 @@ class WithPostfix(ToolTest):
         self.assertIn("User unknown in virtual mailbox table", text)
 
         self.slapd.stop()
-        for address in (KNOWN, "nobody@corp.test"):
+        for address in (KNOWN, "nobody@corp.test", "first@corp.test"):
             self.assertEqual(self.postfix.recipient(address)[0], 451)
         self.assertIn(self.slapd.uri, self.postfix.log())
         self.slapd.start()
 
         self.assertTrue(eventually(lambda: self.postfix.recipient(KNOWN)[0] == 250))
-        code, text = self.postfix.recipient("nobody@corp.test")
-        self.assertEqual(code, 550, (text, self.postfix.log(), self.service.lines))
+        # Postfix remembers a failed question for a domain: virtual_alias_domains is empty, so that
+        # it asks none.
+        for address in ("nobody@corp.test", "first@corp.test"):
+            code, text = self.postfix.recipient(address)
+            self.assertEqual(code, 550, (text, self.postfix.log(), self.service.lines))
 
     def test_logins_are_temporary_failures_while_the_directory_is_down(self):
         for mechanism in ("PLAIN", "LOGIN"):
@@ -249,6 +277,21 @@ class WithPostfix(ToolTest):
         self.assertTrue(eventually(lambda: len(sink.delivered) >= 2), self.postfix.log())
         self.assertEqual(sorted(sink.delivered), [KNOWN, "user0000002@corp.test"])
 
+    def test_a_message_to_a_list_is_delivered_to_each_member_once(self):
+        """The list has a list in it that has it again, and a member twice."""
+        add_entries(self.slapd.uri, group("all", 1, "inner", 2) + group("inner", 3, 1, "all", 4, 5))
+        sink = LmtpSink(self, os.path.join(self.postfix.folder, "lmtp"))
+        with self.postfix.session() as session:
+            session.sendmail(
+                "sender@example.test", ["all@corp.test"], "Subject: test\r\n\r\nHi\r\n"
+            )
+
+        self.assertTrue(eventually(lambda: len(sink.delivered) >= 5), self.postfix.log())
+        self.assertTrue(eventually(lambda: self.postfix.log().count("removed") >= 1))
+        self.assertEqual(
+            sorted(sink.delivered), [f"user{number:07d}@corp.test" for number in range(1, 6)]
+        )
+
     def test_a_reload_in_the_middle_of_sessions_fails_nobody(self):
         codes = []
 
@@ -265,6 +308,122 @@ class WithPostfix(ToolTest):
             thread.join()
 
         self.assertEqual(set(codes), {250})
+
+
+class Sessions:
+    """SMTP sessions that ask for recipients at once, until they are told to end."""
+
+    def __init__(self, postfix, count, users):
+        self.codes = collections.Counter()  # of pairs: whether the recipient exists, and the code
+        self.failures = []  # that ended a session
+        self.is_over = threading.Event()
+        self._postfix = postfix
+        self._users = users
+        self._lock = threading.Lock()
+        self.busy = 0  # sessions that have had an answer
+        self._threads = [threading.Thread(target=self._run, args=(i,)) for i in range(count)]
+        for thread in self._threads:
+            thread.start()
+
+    def end(self):
+        self.is_over.set()
+        for thread in self._threads:
+            thread.join()
+
+    def _run(self, number):
+        choice = random.Random(number)
+        try:
+            with self._postfix.session(timeout=5 * DEADLINE) as session:
+                session.mail("sender@example.test")
+                is_first = True
+                while not self.is_over.is_set():
+                    exists = choice.random() < 0.7
+                    name = "user" if exists else "nobody"
+                    address = f"{name}{choice.randint(1, self._users):07d}@corp.test"
+                    code = session.rcpt(address)[0]
+                    with self._lock:
+                        self.codes[exists, code] += 1
+                        self.busy += is_first
+                        is_first = False
+                    if code == TOO_MANY:
+                        session.rset()
+                        session.mail("sender@example.test")
+        except (OSError, smtplib.SMTPException) as failure:
+            self.failures.append(repr(failure))
+
+
+@needs_postfix
+class Storm(ToolTest):
+    """SOLVANE_POSTFIX_SECONDS says for how long; 10 by default."""
+
+    SECONDS = float(os.environ.get("SOLVANE_POSTFIX_SECONDS", "10"))
+    SESSIONS = 200
+    CONNECTIONS = 4
+    USERS = 50
+
+    def setUp(self):
+        super().setUp()
+        self.servers = [Slapd(self.addCleanup, "--users", str(self.USERS)) for _ in range(2)]
+        self.service = Service(
+            self,
+            " ".join(server.uri for server in self.servers),
+            "socket_mode = 0666\n",
+            maps={"users": USERS, "aliases": GROUPS},
+            connections=str(self.CONNECTIONS),
+            timeout="2",
+            deadline="5",
+        )
+        self.postfix = Postfix(self, self.service)
+        self.most_connections = 0
+
+    def watch(self, is_over):
+        ports = {int(server.uri.rpartition(":")[2]) for server in self.servers}
+        while not is_over.wait(0.02):
+            count = connections_to(ports, self.service.process.pid)
+            self.most_connections = max(self.most_connections, count)
+
+    def disturb(self, choice, until):
+        """Kills and pauses servers, also both at once, and reloads in between."""
+        while time.monotonic() < until:
+            victims = choice.sample(self.servers, choice.choice((1, 1, 2)))
+            is_kill = choice.random() < 0.5
+            for victim in victims:
+                if is_kill:
+                    victim.kill()
+                else:
+                    victim.pause()
+            time.sleep(choice.uniform(0.1, 4))
+            self.service.reload()
+            for victim in victims:
+                if is_kill:
+                    victim.start()
+                else:
+                    victim.resume()
+            time.sleep(choice.uniform(0.1, 2))
+
+    def test_gives_no_wrong_code(self):
+        sessions = Sessions(self.postfix, self.SESSIONS, self.USERS)
+        self.addCleanup(sessions.end)
+        watcher = threading.Thread(target=self.watch, args=(sessions.is_over,))
+        watcher.start()
+        is_busy = any(eventually(lambda: sessions.busy == self.SESSIONS) for _ in range(5))
+        self.assertTrue(is_busy, (sessions.codes, sessions.failures))
+
+        self.disturb(random.Random(1), time.monotonic() + self.SECONDS)
+
+        before = sessions.codes.copy()
+        for expected in ((True, 250), (False, 550)):  # with the servers up again
+            self.assertTrue(eventually(lambda e=expected: sessions.codes[e] > before[e] + 10))
+        sessions.end()
+        watcher.join()
+        print(self.SECONDS, "s:", dict(sessions.codes), "connections:", self.most_connections)
+        allowed = {(True, 250), (False, 550)}
+        allowed |= {(exists, code) for exists in (True, False) for code in (451, TOO_MANY)}
+        self.assertEqual(sessions.failures, [])
+        self.assertLessEqual(set(sessions.codes), allowed, sessions.codes)
+        self.assertGreater(sessions.codes[True, 451], 0)
+        self.assertTrue(1 <= self.most_connections <= self.CONNECTIONS, self.most_connections)
+        self.assertTrue(any("serves again" in line for line in self.service.lines))
 
 
 if __name__ == "__main__":

@@ -7,7 +7,7 @@ import socket
 import time
 import unittest
 
-from ldapd import Client, Service, netstring
+from ldapd import GROUPS, Client, Service, add_entries, group, netstring
 from servers import (
     SEARCH,
     ScriptedDirectory,
@@ -51,6 +51,12 @@ class Lookups(DirectoryTest):
 
         self.assertEqual(service.ask("users", "user0000001@corp.test"), "NOTFOUND ")
         self.assertEqual(service.stats()['solvane_ldapd_found_without_value_total{map="users"}'], 1)
+
+    def test_defers_mail_for_an_attribute_that_the_server_names_otherwise(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = userid\n"
+        service = Service(self, self.uri, maps={"users": users})
+
+        self.assertRegex(service.ask("users", "user0000001@corp.test"), "^TEMP .* but of 'uid': ")
 
     def test_asks_no_server_for_other_domains(self):
         users = "query_filter = (mail=$m)\nresult_attribute = uid\ndomain = corp.test\n"
@@ -177,6 +183,49 @@ class Lookups(DirectoryTest):
         service.reload()
         service.ask("users", "user0000001@corp.test")
         self.assertEqual(service.stats()['solvane_ldapd_request_seconds_count{map="users"}'], 3)
+
+
+class Groups(DirectoryTest):
+    slapd_options = ["--users", "20"]
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        add_entries(
+            cls.uri,
+            group("all", 1, "inner", 2) + group("inner", 3, 1, "all", 4) + group("empty", "nobody"),
+        )
+
+    def test_are_answered_with_all_their_members(self):
+        service = Service(self, self.uri, maps={"users": GROUPS})
+
+        users = [f"user{number:07d}@corp.test" for number in (1, 3, 4, 2)]
+        self.assertEqual(service.ask("users", "all@corp.test"), "OK " + ",".join(users))
+
+    def test_are_not_found_without_a_member(self):
+        service = Service(self, self.uri, maps={"users": GROUPS})
+
+        self.assertEqual(service.ask("users", "empty@corp.test"), "NOTFOUND ")
+        self.assertEqual(service.ask("users", "nobody@corp.test"), "NOTFOUND ")
+
+    def test_are_never_shortened(self):
+        for limit in ("expansion_limit = 3\n", "recursion_limit = 1\n"):
+            with self.subTest(limit):
+                service = Service(
+                    self, self.uri, "cache_negative_time = 60\n", maps={"users": GROUPS + limit}
+                )
+
+                self.assertRegex(service.ask("users", "all@corp.test"), "^TEMP .*limit")
+                service.stop()
+
+    def test_values_have_the_format_of_the_map(self):
+        users = "query_filter = (mail=$m)\nresult_attribute = mail\nresult_format = %u/smtp:[%S]\n"
+        service = Service(self, self.uri, maps={"users": users})
+
+        self.assertEqual(
+            service.ask("users", "user0000001@corp.test"),
+            "OK user0000001/smtp:[user0000001@corp.test]",
+        )
 
 
 class Trouble(ToolTest):
@@ -357,6 +406,28 @@ class Reload(DirectoryTest):
         self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
         self.assertTrue(any("users.conf:4: unknown setting" in line for line in service.lines))
         self.assertEqual(service.stats()["solvane_ldapd_reloads_failed_total"], 1)
+
+    def test_brings_new_settings_of_the_service_into_use(self):
+        service = Service(self, self.uri, "auth_trouble = fail\nauth_failures = 1\n")
+        client = service.auth_client()
+        client.plain("user0000001@corp.test", "wrong")
+        self.assertIn("temp", client.plain("user0000001@corp.test", "pw-user0000001"))
+
+        service.write_map("names", "query_filter = (uid=$u)\nresult_attribute = uid\n")
+        service.write_service(
+            "auth_failures = 0\nlog_requests = yes\ncache_time = 60\nclients = 2\nthreads = 2\n"
+        )
+        service.reload()
+
+        self.assertIn("OK", client.plain("user0000001@corp.test", "pw-user0000001"))
+        with service.client() as second, service.client() as third:
+            self.assertTrue(third.is_closed())
+            for _ in range(2):
+                self.assertEqual(second.ask("users", "user0000001@corp.test"), "OK user0000001")
+            self.assertEqual(second.ask("names", "user0000001"), "OK user0000001")
+        service.await_line("users user0000001@corp.test: found (kept)")
+        self.assertTrue(any("threads has changed: restart" in line for line in service.lines))
+        self.assertEqual(sum("has changed" in line for line in service.lines), 1, service.lines)
 
     def test_loses_no_request(self):
         service = Service(self, self.uri, "threads = 2\n")
@@ -590,6 +661,39 @@ class Settings(ToolTest):
 
         self.assertEqual(result.returncode, 78)
         self.assertIn("readable by other users (mode 644)", result.stderr)
+
+    @unittest.skipIf(os.getuid() != 0, "needs root to give files away")
+    def test_are_read_by_the_group_of_the_service_only(self):
+        service = Service(self, self.uri, is_started=False)
+        path = os.path.join(service.folder, "common.settings")
+        os.chmod(self.folder, 0o755)
+        for owners, mode, is_accepted in (
+            (12345, 0o640, True),
+            (12345, 0o660, False),
+            (12345, 0o642, False),
+            (12346, 0o640, False),
+        ):
+            with self.subTest(group=owners, mode=oct(mode)):
+                os.chown(path, 12345, owners)
+                os.chmod(path, mode)
+                for name in os.listdir(os.path.join(service.folder, "maps")):
+                    os.chmod(os.path.join(service.folder, "maps", name), 0o644)
+
+                try:
+                    result = service.check(user=12345, group=12345, extra_groups=[])
+                except PermissionError:
+                    self.skipTest("other users cannot run the program")
+
+                self.assertEqual(result.returncode, 0 if is_accepted else 78, result.stderr)
+                self.assertEqual("able by other users" in result.stderr, not is_accepted)
+
+    def test_name_the_attributes_whose_values_are_returned(self):
+        for attribute in ("*", "+", "1.1", "@person", "0.9.2342.19200300.100.1.1"):
+            with self.subTest(attribute):
+                users = f"query_filter = (mail=$m)\nresult_attribute = mail, {attribute}\n"
+                service = Service(self, self.uri, maps={"users": users}, is_started=False)
+
+                self.assertIn(f"'{attribute}' is not the name of an attr", service.check().stderr)
 
     def test_are_in_the_manual_page(self):
         root = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "..")

@@ -18,6 +18,7 @@ using namespace Solvane;
 using namespace Solvane::Lookup;
 using testing::AllOf;
 using testing::AnyOf;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -159,6 +160,27 @@ TEST(OpenSession, SendsNoBindWhileAnotherRequestIsPending)
     ASSERT_TRUE(session.send(peopleSearch(), "(cn=x)", id).isGood());
 
     EXPECT_THAT(shown(session.authenticate(userDn, "password", id)), HasSubstr("pending"));
+}
+
+TEST(RefusedBind, ThatRepeatsThePasswordIsNotQuoted)
+{
+    for (std::string const password : {"not-the-word", "between\ttabs\tand more"}) {
+        ScriptedServer const server([&password](Peer& peer) {
+            BindReply reply;
+            reply.code = 49;
+            reply.text = "nobody has " + password;
+            peer.send(bindResponse(messageIdOf(peer.receiveMessage()), reply));
+            peer.receiveUntilClosed();
+        });
+        SessionOptions options = plainOptions(server.port());
+        options.bindDn = userDn;
+        options.password = &password;
+
+        Session session(options);
+
+        EXPECT_THAT(shown(session.reach(Step::identify, soon())),
+                    AllOf(StartsWith("Refused 49 "), EndsWith("Invalid credentials (49)")));
+    }
 }
 
 TEST(BindResponseToRead, IsNoMessageOfAnotherType)

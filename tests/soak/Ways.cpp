@@ -1,6 +1,16 @@
 // The engine does everything itself; with the pool, the caller does.
 #include "Ways.h"
 
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <sstream>
+#include <utility>
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
 namespace SolvaneTest {
 
 using Solvane::LDAPConnection;
@@ -28,6 +38,60 @@ LDAPLookup::Answer noAnswer(int code, std::string const& text)
     answer.text = text;
     return answer;
 }
+
+/// A connection to the service; the destructor closes it.
+class SocketmapConnection {
+public:
+    SocketmapConnection() = default;
+    ~SocketmapConnection() { close(); }
+    SocketmapConnection(SocketmapConnection const&) = delete;
+    SocketmapConnection& operator=(SocketmapConnection const&) = delete;
+
+    /// Sends a request and returns the reply; empty if either fails.
+    std::string exchange(std::string const& path, std::string const& request)
+    {
+        std::string const sent = std::to_string(request.size()) + ':' + request + ',';
+        if (!open(path) || send(m_socket, sent.data(), sent.size(), MSG_NOSIGNAL) !=
+                               static_cast<ssize_t>(sent.size())) {
+            return close();
+        }
+        std::string reply;
+        while (reply.empty() || reply.back() != ',') { // values of the load end in no comma
+            std::array<char, 4096> part{};
+            ssize_t const count = recv(m_socket, part.data(), part.size(), 0);
+            if (count <= 0) {
+                return close();
+            }
+            reply.append(part.data(), static_cast<std::size_t>(count));
+        }
+        reply.pop_back();
+        return reply.substr(reply.find(':') + 1);
+    }
+
+private:
+    bool open(std::string const& path)
+    {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        if (m_socket < 0) {
+            m_socket = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+            return m_socket >= 0 && connect(m_socket, reinterpret_cast<sockaddr const*>(&address),
+                                            sizeof address) == 0;
+        }
+        return true;
+    }
+
+    std::string close()
+    {
+        if (m_socket >= 0) {
+            ::close(std::exchange(m_socket, -1));
+        }
+        return {};
+    }
+
+    int m_socket = -1;
+};
 
 } // namespace
 
@@ -109,6 +173,46 @@ LDAPLookup::Answer PoolWay::search(LDAPConnection& connection, std::string const
 std::map<std::string, unsigned long> PoolWay::statistics() const
 {
     return {{"reused", m_pool.cacheHits().value()}, {"repeated", m_repeated}};
+}
+
+ServiceWay::ServiceWay(std::string socket, std::string base)
+    : m_socket(std::move(socket)), m_base(std::move(base))
+{
+}
+
+std::string ServiceWay::ask(std::string const& address)
+{
+    thread_local SocketmapConnection connection;
+    return connection.exchange(m_socket, "users " + address);
+}
+
+LDAPLookup::Answer ServiceWay::lookUp(std::string const& address)
+{
+    std::string const reply = ask(address);
+    LDAPLookup::Answer answer;
+    if (reply.rfind("TEMP ", 0) == 0) {
+        return noAnswer(0, reply.substr(5));
+    }
+    if (reply == "NOTFOUND ") {
+        answer.outcome = LDAPLookup::Outcome::NotFound;
+        return answer;
+    }
+    if (reply.rfind("OK ", 0) != 0) {
+        answer.outcome = LDAPLookup::Outcome::Misconfigured;
+        answer.text = "the service replies '" + reply + '\'';
+        return answer;
+    }
+    std::istringstream values(reply.substr(3));
+    std::string name;
+    std::getline(values, name, ',');
+    Solvane::LDAPAttribute mail{Solvane::LDAPAttributeType("mail")};
+    for (std::string value; std::getline(values, value, ',');) {
+        mail.value(value);
+    }
+    answer.outcome = LDAPLookup::Outcome::Found;
+    answer.entries.emplace_back("uid=" + name + ',' + m_base,
+                                std::list<Solvane::LDAPAttribute>{mail});
+    return answer;
 }
 
 } // namespace SolvaneTest

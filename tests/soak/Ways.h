@@ -55,6 +55,26 @@ private:
     std::atomic<unsigned long> m_repeated{0};
 };
 
+/// The service, asked by the socketmap protocol: each thread has a connection of its own. Its map returns
+/// uid and mail.
+class ServiceWay : public Way {
+public:
+    /// @param socket  path of a UNIX socket
+    /// @param base    of the entries
+    ServiceWay(std::string socket, std::string base);
+
+    /// An answer without an entry is `Misconfigured` if the service itself fails.
+    Solvane::LDAPLookup::Answer lookUp(std::string const& address) override;
+    /// The service counts for itself.
+    std::map<std::string, unsigned long> statistics() const override { return {}; }
+
+private:
+    std::string ask(std::string const& address);
+
+    std::string const m_socket;
+    std::string const m_base;
+};
+
 } // namespace SolvaneTest
 
 #endif

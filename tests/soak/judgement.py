@@ -123,12 +123,24 @@ def complaints(soak):
     descriptors = soak["descriptors"]
     if descriptors["after"] != descriptors["before"]:
         found.append(f"descriptors: {descriptors['before']} before, {descriptors['after']} after")
-    memory = soak["memory"]
-    if memory["isJudged"]:
-        grown = memory["last"] - memory["first"]
-        if grown > memory_tolerance(memory["first"]):
+    found += growth_complaints("memory", soak["memory"])
+    service = soak.get("service")
+    if service is not None:
+        found += growth_complaints("memory of the service", service["memory"])
+        most = service["before"] + service["connections"]
+        if service["after"] > most:
             found.append(
-                f"memory: grew by {grown:.0f} KiB after warm-up; "
-                f"{memory_tolerance(memory['first']):.0f} KiB are allowed"
+                f"descriptors of the service: {service['before']} before, {service['after']} after; "
+                f"at most {most} are allowed"
             )
     return found
+
+
+def growth_complaints(what, memory):
+    grown = memory["last"] - memory["first"] if memory["isJudged"] else 0
+    if not memory["isJudged"] or grown <= memory_tolerance(memory["first"]):
+        return []
+    return [
+        f"{what}: grew by {grown:.0f} KiB after warm-up; "
+        f"{memory_tolerance(memory['first']):.0f} KiB are allowed"
+    ]

@@ -9,6 +9,7 @@ WAYS = {
     "engine-name": "engine, name with a dead address",
     "engine-spoiled": "engine, list with a server that fails every search",
     "pool-balancer": "pool, balancer",
+    "service": "service, list of both servers",
 }
 KINDS = {
     "crash": "killed (SIGKILL), started again",
@@ -20,13 +21,14 @@ KINDS = {
 
 ABOUT = f"""\
 `scripts/soak` runs lookups in many threads while it kills, pauses and restarts two replicated servers at
-random, and the balancer closes idle connections. A fifth of the threads each uses
+random, and the balancer closes idle connections. A sixth of the threads each uses
 
 - the engine through the balancer,
 - the engine with both servers in its list,
 - the engine through the balancer, under a name with two addresses, one of which refuses connections,
 - the engine with three servers in its list, the first of which accepts every bind and fails every search,
-- the pool through the balancer.
+- the pool through the balancer,
+- the service `solvane-ldapd`, which has both servers in its list, by the socketmap protocol.
 
 Four of five lookups are for an existing user, and the answer must be that user. The fifth is for an
 address that does not exist. The run fails on a wrong answer, a leaked descriptor, growing memory, or more
@@ -60,6 +62,15 @@ def _memory(memory):
         if memory["isJudged"]
         else text + " (not judged: the run is too short or has a sanitizer)"
     )
+
+
+def _service(service):
+    if service is None:
+        return []
+    return [
+        f"- The service: {_memory(service['memory'])}; descriptors: {service['before']} before, "
+        f"{service['after']} after, of these up to {service['connections']} connections."
+    ]
 
 
 def _table(head, rows):
@@ -136,6 +147,7 @@ def section(soak):
         f"- Descriptors: {descriptors['before']} before, {descriptors['after']} after, "
         f"{descriptors['most']} at most.",
         f"- Memory (resident set): {_memory(memory)}.",
+        *_service(soak.get("service")),
         "- Idle connections closed by the balancer, detected on checkout: "
         f"{_counted(ways, 'stale')}. Lookups retried on another connection: "
         f"{_counted(ways, 'repeated')}.",

@@ -96,6 +96,7 @@ struct Options {
     unsigned int balancer = 0;           ///< port
     std::vector<unsigned int> providers; ///< ports
     unsigned int connections = 8;        ///< of each engine
+    std::string service;                 ///< its socketmap socket; empty: it is not used
     std::vector<std::string> ways;       ///< that are used; empty: all
 };
 
@@ -109,9 +110,10 @@ Options optionsFrom(CLI::App& program, int count, char** arguments)
     program.add_option("--users", options.load.users)->check(CLI::PositiveNumber);
     program.add_option("--seed", options.load.seed);
     program.add_option("--connections", options.connections)->check(CLI::PositiveNumber);
+    program.add_option("--service", options.service);
     program.add_option("--way", options.ways)
-        ->check(CLI::IsMember(
-            {"engine-balancer", "engine-list", "engine-name", "engine-spoiled", "pool-balancer"}));
+        ->check(CLI::IsMember({"engine-balancer", "engine-list", "engine-name", "engine-spoiled",
+                               "pool-balancer", "service"}));
     program.add_option("--bind-dn", options.bindDn)->required();
     program.add_option("--base", options.load.base)->required();
     program.add_option("--balancer", options.balancer)->required();
@@ -182,6 +184,10 @@ Load loadFor(Options const& options)
     }
     if (isUsed("pool-balancer")) {
         load.parties.push_back({"pool-balancer", std::make_unique<PoolWay>(balanced)});
+    }
+    if (!options.service.empty() && isUsed("service")) {
+        load.parties.push_back(
+            {"service", std::make_unique<ServiceWay>(options.service, options.load.base)});
     }
     return load;
 }

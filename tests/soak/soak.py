@@ -8,6 +8,7 @@ server was up; with 2 where it could not be run.
 """
 
 import argparse
+import contextlib
 import json
 import os
 import platform
@@ -34,6 +35,7 @@ def arguments():
     parser = argparse.ArgumentParser(description=__doc__.partition("\n")[0])
     parser.add_argument("seconds", type=int)
     parser.add_argument("--program", required=True, help="solvane_soak")
+    parser.add_argument("--service", help="solvane-ldapd; without it, the service is not used")
     parser.add_argument("--testbed", required=True, help="the folder testbed")
     parser.add_argument("--preset", default="?", help="how the program was built, for the report")
     parser.add_argument("--threads", type=int, default=64)
@@ -58,10 +60,85 @@ def installed(program):
     return shutil.which(program, path=search)
 
 
-class Load:
-    """A running solvane_soak, and its memory and descriptors."""
+def usage(process):
+    """The resident set of a process in KiB, and its descriptors; empty if it has ended."""
+    folder = f"/proc/{process}"
+    page = os.sysconf("SC_PAGE_SIZE") // 1024
+    try:
+        with open(folder + "/statm", encoding="ascii") as file:
+            return int(file.read().split()[1]) * page, len(os.listdir(folder + "/fd"))
+    except (OSError, IndexError):
+        return None
 
-    def __init__(self, options, servers, tide):
+
+class Service:
+    """A running solvane-ldapd with both servers in its list; a context manager."""
+
+    def __init__(self, options, servers, folder):
+        self.socket = os.path.join(folder, "socketmap")
+        self.connections = max(2, options.threads // 6)
+        self.before = self.after = None
+        self._folder = os.path.join(folder, "service")
+        self._program = options.service
+        os.makedirs(os.path.join(self._folder, "maps"))
+        values = {
+            "server_host": ", ".join(f"ldap://127.0.0.1:{each.port}" for each in servers.providers),
+            "bind_dn": servers.settings["READER_DN"],
+            "bind_pw": servers.settings["READER_PW"],
+            "search_base": "ou=people," + servers.settings["BASE_DN"],
+            "query_filter": "(mail=$m)",
+            "result_attribute": "uid, mail",
+            "connections": self.connections,
+            "timeout": 1,
+            "deadline": 5,
+        }
+        self._write("maps/users.conf", values)
+        self._write("service.conf", {"listen_socketmap": "unix:" + self.socket, "threads": 2})
+
+    def _write(self, name, values):
+        path = os.path.join(self._folder, name)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write("".join(f"{setting} = {value}\n" for setting, value in values.items()))
+        os.chmod(path, 0o600)
+
+    def __enter__(self):
+        self._process = subprocess.Popen(
+            [self._program, "-C", self._folder], stderr=subprocess.DEVNULL
+        )
+        end = time.monotonic() + 30
+        while not os.path.exists(self.socket):
+            if self._process.poll() is not None or time.monotonic() > end:
+                raise RuntimeError("solvane-ldapd does not begin")
+            time.sleep(0.05)
+        self.before = self.usage()[1]
+        return self
+
+    def __exit__(self, *_):
+        self._process.terminate()
+        try:
+            self._process.wait(30)
+        except subprocess.TimeoutExpired:
+            self._process.kill()
+            self._process.wait()
+            raise
+
+    def usage(self):
+        return usage(self._process.pid)
+
+    def settle(self):
+        """Counts its descriptors once its clients are gone, or after a timeout."""
+        end = time.monotonic() + 10
+        while True:
+            self.after = self.usage()[1]
+            if self.after <= self.before + self.connections or time.monotonic() > end:
+                return
+            time.sleep(0.1)
+
+
+class Load:
+    """A running solvane_soak, and its memory and descriptors; those of the service too."""
+
+    def __init__(self, options, servers, tide, service):
         command = [
             options.program,
             "--seconds",
@@ -87,6 +164,9 @@ class Load:
         ]
         for provider in servers.providers:
             command += ["--provider", provider.port]
+        if service is not None:
+            command += ["--service", service.socket]
+        self._service = service
         environment = {
             **os.environ,
             "LDAPNOINIT": "1",
@@ -99,6 +179,7 @@ class Load:
             stderr=subprocess.PIPE,
         )
         self.samples = []  # moment, resident set in KiB, descriptors
+        self.service_samples = []
         self.is_over = threading.Event()
         self._sampler = threading.Thread(target=self._sample)
         if self._process.stderr.readline() != b"load begins\n":
@@ -107,15 +188,13 @@ class Load:
         self._sampler.start()
 
     def _sample(self):
-        process = f"/proc/{self._process.pid}"
-        page = os.sysconf("SC_PAGE_SIZE") // 1024
         while not self.is_over.wait(0.5):
-            try:
-                with open(process + "/statm", encoding="ascii") as file:
-                    resident = int(file.read().split()[1]) * page
-                self.samples.append((time.monotonic(), resident, len(os.listdir(process + "/fd"))))
-            except (OSError, IndexError):  # it has just ended
-                return
+            for samples, used in (
+                (self.samples, usage(self._process.pid)),
+                (self.service_samples, self._service and self._service.usage()),
+            ):
+                if used:
+                    samples.append((time.monotonic(), *used))
 
     def result(self, seconds):
         """Its report. Kills it if that takes too long."""
@@ -196,9 +275,15 @@ def run(options, folder):
     # Tides long enough for the balancer to close what is idle meanwhile.
     tide = min(20, max(5, options.seconds / 4))
     idle = max(1, int(tide / 10))
-    with cluster.Cluster(options.testbed, os.path.join(folder, "cluster"), USERS, idle) as servers:
+    with contextlib.ExitStack() as stack:
+        servers = stack.enter_context(
+            cluster.Cluster(options.testbed, os.path.join(folder, "cluster"), USERS, idle)
+        )
+        service = (
+            stack.enter_context(Service(options, servers, folder)) if options.service else None
+        )
         averages = [os.getloadavg()[0]]
-        load = Load(options, servers, tide)
+        load = Load(options, servers, tide, service)
         try:
             writer = Writer(servers, options.seed)
             writing = threading.Thread(target=writer.run, args=(load.is_over,))
@@ -216,6 +301,14 @@ def run(options, folder):
         finally:
             load.end()
         averages.append(os.getloadavg()[0])
+        if service is not None:
+            service.settle()
+            soak["service"] = {
+                "before": service.before,
+                "after": service.after,
+                "connections": service.connections,
+                "samples": load.service_samples,
+            }
         soak.update(entries=writer.held(), added=len(writer.names))
         soak.update(
             faults=faults.log,
@@ -238,10 +331,15 @@ def evaluate(soak, options):
     is_sanitized = (
         "san" in options.preset or "address" in options.preset or "thread" in options.preset
     )
-    memory = judgement.memory_growth(soak["samples"], start, end) or {}
-    memory["isJudged"] = (
-        "first" in memory and not is_sanitized and options.seconds >= judgement.SHORTEST_FOR_MEMORY
-    )
+
+    def growth(samples):
+        memory = judgement.memory_growth(samples, start, end) or {}
+        is_long = options.seconds >= judgement.SHORTEST_FOR_MEMORY
+        return {**memory, "isJudged": "first" in memory and not is_sanitized and is_long}
+
+    memory = growth(soak["samples"])
+    if "service" in soak:
+        soak["service"]["memory"] = growth(soak["service"]["samples"])
     soak["descriptors"]["most"] = max((count for _, _, count in soak["samples"]), default=0)
     soak.update(
         date=time.strftime("%Y-%m-%d"),

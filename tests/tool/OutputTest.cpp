@@ -502,10 +502,53 @@ TEST(Remedies, AreThereForWhateverIsWrong)
 
 TEST(Remedies, NameOptionAndPackageWhereAuthoritiesAreMissing)
 {
-    std::string const remedy = remedyFor(Lookup::Verdict{Kind::Misconfigured, -9, {}});
+    std::string const remedy = remedyFor(Lookup::Verdict{
+        Kind::Misconfigured, -9, "ldaps://a.test: the system's CA bundle is missing"});
 
     EXPECT_THAT(remedy, testing::HasSubstr("--tls-ca"));
     EXPECT_THAT(remedy, testing::HasSubstr("the package ca-certificates"));
+}
+
+TEST(Remedies, SpeakOfTheSettingThatIsWrong)
+{
+    for (auto const& [text, remedy] : std::vector<std::pair<std::string, std::string>>{
+             {"the CA folder '/x' cannot be read: ", "--tls-ca-dir"},
+             {"the CRL file '/x' contains no revocation lists", "--tls-crl"},
+             {"the client certificate has no key: set the key file, too", "--tls-key"},
+             {"the client certificate is missing: a key file is set", "--tls-cert"},
+             {"the client certificate '/x' with the key '/y' cannot be used", "--tls-key"},
+             {"the certificate file '/x' cannot be read: ", "--tls-cert"},
+             {"the key file '/y' cannot be read: ", "--tls-key"},
+             {"the cipher suite 'x' is not a valid GnuTLS priority string", "--tls-ciphers"},
+             {"SASL EXTERNAL needs a client certificate", "--tls-cert"},
+             {"StartTLS needs LDAPv3", "-P 3"},
+             {"an empty password is not sent", "password"},
+         }) {
+        EXPECT_THAT(
+            remedyFor(Lookup::Verdict{Kind::Misconfigured, -9, "ldaps://a.test: " + text}),
+            testing::AllOf(testing::HasSubstr(remedy), testing::Not(testing::HasSubstr("ca-cert"))))
+            << text;
+    }
+    EXPECT_STREQ(remedyFor(Lookup::Verdict{Kind::Misconfigured, -9, "anything else"}),
+                 "correct the setting");
+}
+
+TEST(Remedies, TellWhatTheServerHasAgainstUsFromWhatWeHaveAgainstIt)
+{
+    auto const remedyOf = [](int code, char const* text) {
+        return remedyFor(Lookup::Verdict{code == -1 ? Kind::TryLater : Kind::Refused, code, text});
+    };
+
+    EXPECT_THAT(remedyOf(-11, "the server refuses TLS: Certificate was revoked (44); it may not "
+                              "accept the client certificate '/x'"),
+                testing::HasSubstr("client certificate"));
+    EXPECT_THAT(remedyOf(-11, "the certificate is not accepted: revoked"),
+                testing::HasSubstr("the server's certificate"));
+    EXPECT_THAT(remedyOf(-1, "the server closed the connection; it requested a client certificate, "
+                             "but none is configured"),
+                testing::HasSubstr("--tls-cert"));
+    EXPECT_THAT(remedyOf(-1, "the server does not speak TLS"), testing::HasSubstr("-H"));
+    EXPECT_THAT(remedyOf(-1, "cannot connect"), testing::HasSubstr("is running"));
 }
 
 TEST(Remedies, NameHostAndKdcIfKerberosFails)

@@ -1,11 +1,19 @@
-"""The steps of a check that not every server has: StartTLS, sockets, identities, schema, aliases."""
+"""The steps of a check that not every server has: TLS settings, StartTLS, sockets, identities, schema,
+aliases."""
 
 import os
+import ssl
 import unittest
 
 from check_test import CheckTest
-from servers import EXTENDED_RESPONSE, ScriptedDirectory, giving
-from support import PEOPLE, READER, DirectoryTest, message, outcome
+from servers import (
+    EXTENDED_RESPONSE,
+    Certificates,
+    ScriptedDirectory,
+    giving,
+    serving,
+)
+from support import PEOPLE, READER, DirectoryTest, free_port, message, outcome, run
 
 
 class CheckOfAWayIn(DirectoryTest, CheckTest):
@@ -32,7 +40,7 @@ class CheckOfAWayIn(DirectoryTest, CheckTest):
 
         self.assertEqual(result.status, 0, result.output)
         self.assertEqual(
-            steps.names[2:9],
+            steps.names[8:15],
             ["resolution", "TCP", "StartTLS", "TLS", "certificate", "name", "chain"],
         )
         self.assertEqual(steps.verdicts["StartTLS"], "ok")
@@ -54,7 +62,8 @@ class CheckOfAWayIn(DirectoryTest, CheckTest):
         self.assertEqual(result.status, 0, result.output)
         self.assertEqual(steps.verdicts["client cert"], "ok")
         self.assertRegex(
-            steps.texts["client cert"], r"^CN=reader,.*, expires in \d+ days, fits its key$"
+            steps.texts["client cert"],
+            r"^CN=reader,.*, expires in \d+ days, fits its key; from the settings$",
         )
         self.assertEqual(steps.texts["SASL"], "with EXTERNAL")
         self.assertEqual(steps.texts["who am I"], f"dn:{READER}")
@@ -178,6 +187,284 @@ class CheckOfABase(DirectoryTest, CheckTest):
         _, steps = self.as_reader(self.uri, "-b", self.ALIAS, "-a", "search")
 
         self.assertEqual(steps.verdicts["base"], "warning")
+
+
+class TlsTest(CheckTest):
+    @classmethod
+    def setUpClass(cls):
+        cls.certificates = Certificates(cls.addClassCleanup)
+
+    def tls(self, *names):
+        """Files of certificates, keys and lists."""
+        return [self.certificates.file(name) for name in names]
+
+    def options(self, **files):
+        """`ca="ca.pem"` is --tls-ca with that file."""
+        return [
+            word
+            for name, file in files.items()
+            for word in (f"--tls-{name}", self.certificates.file(file))
+        ]
+
+
+class CheckOfTheTlsPolicy(TlsTest):
+    """Without a server: these steps come before."""
+
+    def policy(self, *options, **more):
+        _, steps = self.check("-H", f"ldaps://127.0.0.1:{free_port()}", *options, **more)
+        return steps
+
+    def assert_step(self, steps, name, verdict, *words):
+        self.assertEqual(steps.verdicts[name], verdict, steps.texts[name])
+        for word in words:
+            self.assertIn(word, steps.texts[name])
+
+    def test_shows_the_defaults(self):
+        steps = self.policy()
+
+        self.assertEqual(steps.texts["verification"][:5], "full:")
+        self.assertEqual(steps.texts["TLS version"], "1.2 or later; default")
+        self.assertEqual(steps.texts["ciphers"], "those of GnuTLS; default")
+        self.assertEqual(steps.texts["revocations"], "skipped: no revocation list is set")
+        self.assertEqual(steps.texts["client cert"], "skipped: none is set")
+        self.assertRegex(steps.texts["authorities"], "the system's; default$|ca-certificates$")
+
+    def test_shows_what_the_settings_say(self):
+        steps = self.policy(
+            *self.options(ca="ca.pem", crl="crl.pem", cert="client.pem", key="client.key"),
+            *["--tls-min", "1.3", "--tls-ciphers", "SECURE192"],
+        )
+
+        self.assertEqual(steps.texts["TLS version"], "1.3 or later; from the settings")
+        self.assertEqual(steps.texts["ciphers"], "SECURE192; from the settings")
+        self.assertRegex(
+            steps.texts["authorities"],
+            r"/ca\.pem: CN=Throwaway test authority, expires in \d+ days; from the settings$",
+        )
+        self.assertRegex(
+            steps.texts["revocations"],
+            r"/crl\.pem: list of CN=Throwaway test authority, of 0 days ago, next update in \d+ days; "
+            r"from the settings$",
+        )
+        self.assertRegex(steps.texts["client cert"], "; from the settings$")
+
+    def environment(self, **variables):
+        """OpenLDAP's settings are those of files and variables of this test only."""
+        kept = {name: value for name, value in os.environ.items() if not name.startswith("LDAP")}
+        empty = self.file("empty.conf", b"")
+        return {**kept, "HOME": self.folder, "LDAPCONF": empty, **variables}
+
+    def test_names_the_file_of_openldap(self):
+        host = self.file(
+            "host.conf",
+            f"#TLS_CACERT /nonexistent\nTLS_CACERT /nonexistent\n"
+            f"tls_cacert\t{self.certificates.file('ca.pem')} \nTLS_PROTOCOL_MIN 3.4\n".encode(),
+        )
+        user = self.file(
+            ".ldaprc",
+            f"TLS_CERT {self.certificates.file('client.pem')}\n"
+            f"TLS_KEY {self.certificates.file('client.key')}\n".encode(),
+        )
+
+        steps = self.policy(env=self.environment(LDAPCONF=host))
+
+        self.assertTrue(steps.texts["authorities"].endswith(f"; from TLS_CACERT in {host}"))
+        self.assertEqual(
+            steps.texts["TLS version"], f"1.3 or later; from TLS_PROTOCOL_MIN in {host}"
+        )
+        self.assertTrue(
+            steps.texts["client cert"].endswith(
+                f"; from TLS_CERT in {user}, the key " f"from TLS_KEY in {user}"
+            )
+        )
+
+    def test_names_the_variable_of_openldap(self):
+        host = self.file("host.conf", b"TLS_CACERT /nonexistent\nTLS_PROTOCOL_MIN 3.4\n")
+        environment = self.environment(
+            LDAPCONF=host,
+            LDAPTLS_CACERT=self.certificates.file("ca.pem"),
+            LDAPTLS_CACERTDIR=self.certificates.folder,
+            LDAPTLS_PROTOCOL_MIN="3.3",
+        )
+
+        steps = self.policy(env=environment)
+
+        self.assertRegex(
+            steps.texts["authorities"],
+            r"\d+ certificates; from LDAPTLS_CACERT in the environment, from LDAPTLS_CACERTDIR in the "
+            r"environment$",
+        )
+        self.assertEqual(
+            steps.texts["TLS version"],
+            "1.2 or later; from LDAPTLS_PROTOCOL_MIN in the environment",
+        )
+
+    def test_prefers_the_settings(self):
+        steps = self.policy(
+            *self.options(ca="ca.pem"),
+            env=self.environment(LDAPTLS_CACERT="/nonexistent", LDAPTLS_PROTOCOL_MIN="3.4"),
+        )
+
+        self.assert_step(steps, "authorities", "ok", "; from the settings")
+
+    def test_judges_each_part(self):
+        ours = ["--tls-ca", *self.tls("ca.pem")]
+        client = self.options(cert="client.pem", key="client.key")
+        for step, verdict, words, options in (
+            ("verification", "warning", "any server is accepted", ["--tls-verify", "none"]),
+            ("verification", "ok", "for any host", ["--tls-verify", "chain"]),
+            ("TLS version", "warning", "obsolete", ["--tls-min", "1.0"]),
+            ("TLS version", "warning", "obsolete", ["--tls-min", "1.1"]),
+            ("ciphers", "FAILED", "error at 'BOGUS'", ["--tls-ciphers", "NORMAL:BOGUS"]),
+            ("ciphers", "warning", "3DES", ["--tls-ciphers", "NORMAL:+3DES-CBC"]),
+            ("ciphers", "warning", "weak keys", ["--tls-ciphers", "NORMAL:%PROFILE_LOW"]),
+            ("ciphers", "ok", "", ["--tls-ciphers", "NORMAL:-VERS-ALL:+VERS-TLS1.2"]),
+            (
+                "ciphers",
+                "FAILED",
+                "excludes every version",
+                ["--tls-ciphers", "NORMAL:-VERS-ALL:+VERS-TLS1.2", "--tls-min", "1.3"],
+            ),
+            ("authorities", "FAILED", "cannot be read", ["--tls-ca", "/nonexistent"]),
+            ("authorities", "FAILED", "no certificates", ["--tls-ca", *self.tls("good.key")]),
+            ("authorities", "FAILED", "correct --tls-ca-dir", ["--tls-ca-dir", "/nonexistent"]),
+            ("authorities", "warning", "expired", ["--tls-ca", *self.tls("expired.pem")]),
+            ("authorities", "-", "not used", [*ours, "--tls-verify", "none"]),
+            (
+                "revocations",
+                "warning",
+                "out of date",
+                self.options(ca="ca.pem", crl="crl-expired.pem"),
+            ),
+            ("revocations", "FAILED", "correct --tls-crl", ["--tls-crl", "/nonexistent"]),
+            ("revocations", "FAILED", "no usable", self.options(ca="ca.pem", crl="good.pem")),
+            (
+                "revocations",
+                "-",
+                "not used",
+                [*self.options(crl="crl.pem"), "--tls-verify", "none"],
+            ),
+            ("client cert", "ok", "fits its key", client),
+            ("client cert", "FAILED", "give its key with --tls-key", client[:2]),
+            ("client cert", "FAILED", "give it with --tls-cert", client[2:]),
+            ("client cert", "FAILED", "correct --tls-key", [*client[:3], "/nonexistent"]),
+            (
+                "client cert",
+                "FAILED",
+                "correct --tls-cert and --tls-key",
+                self.options(cert="client.pem", key="good.key"),
+            ),
+            (
+                "client cert",
+                "warning",
+                "not valid yet",
+                self.options(cert="future.pem", key="future.key"),
+            ),
+        ):
+            with self.subTest(step=step, options=options):
+                steps = self.policy(*options)
+
+                self.assert_step(steps, step, verdict, words)
+
+    def test_warns_of_a_key_that_everybody_can_read(self):
+        with open(self.certificates.file("client.key"), "rb") as key:
+            readable = self.file("client.key", key.read(), 0o644)
+
+        steps = self.policy("--tls-cert", *self.tls("client.pem"), "--tls-key", readable)
+
+        self.assert_step(
+            steps, "client cert", "warning", "every user of this host can read the key"
+        )
+
+
+class CheckOfATlsServer(TlsTest):
+    def check_server(self, options, **tls):
+        script = serving(lambda request: request.empty())
+        directory = ScriptedDirectory(self, script, self.certificates.server(**tls))
+        return self.as_reader(directory.uri, *options)
+
+    def test_says_whose_list_names_no_revocation(self):
+        _, steps = self.check_server(self.options(ca="ca.pem", crl="crl.pem"))
+
+        self.assertEqual(steps.verdicts["revocation"], "ok")
+        self.assertEqual(steps.texts["revocation"], "not revoked by CN=Throwaway test authority")
+        self.assertEqual(steps.verdicts["bind"], "ok")
+
+    def test_warns_if_no_list_is_of_the_authority(self):
+        _, steps = self.check_server(self.options(ca="ca.pem", crl="crl-other.pem"))
+
+        self.assertEqual(steps.verdicts["chain"], "ok")
+        self.assertEqual(steps.verdicts["revocation"], "warning")
+        self.assertIn("no list of CN=Throwaway test authority", steps.texts["revocation"])
+
+    def test_names_the_cause_and_its_remedy(self):
+        ca = self.options(ca="ca.pem")
+        client = self.options(ca="ca.pem", cert="client-expired.pem", key="client-expired.key")
+        until_12 = {"at_most": ssl.TLSVersion.TLSv1_2}
+        one_cipher = {**until_12, "ciphers": "ECDHE-ECDSA-AES256-GCM-SHA384"}
+        for step, cause, remedy, options, tls in (
+            ("chain", "expired on", "renew the certificate", ca, {"name": "expired"}),
+            ("chain", "not valid before", "correct the clock", ca, {"name": "future"}),
+            ("chain", "too weak", "stronger key", ca, {"name": "weak"}),
+            ("chain", "not valid for servers", "by one for servers", ca, {"name": "client"}),
+            ("chain", "self-signed", "give the certificate's file", ca, {"name": "bad"}),
+            ("chain", "unknown authority", "give the CA's file", self.options(ca="bad.pem"), {}),
+            ("name", "does not match", "names in -H", ca, {"name": "bad"}),
+            (
+                "chain",
+                "revoked",
+                "its authority has revoked it",
+                self.options(ca="ca.pem", crl="crl.pem"),
+                {"name": "revoked"},
+            ),
+            (
+                "chain",
+                "revoked",
+                "its authority has revoked it",
+                self.options(ca="ca.pem", crl="crl-expired.pem"),
+                {"name": "revoked"},
+            ),
+            ("TLS", "refuses TLS", "compare --tls-min", [*ca, "--tls-min", "1.3"], until_12),
+            (
+                "TLS",
+                "refuses TLS",
+                "--tls-ciphers",
+                [*ca, "--tls-ciphers", "NORMAL:-CIPHER-ALL:+AES-128-GCM"],
+                one_cipher,
+            ),
+            (
+                "bind",
+                "requested a client certificate",
+                "give a client certificate with --tls-cert",
+                ca,
+                {"demands_certificate": True},
+            ),
+            (
+                "bind",
+                "client-expired.pem",
+                "use a client certificate that is valid",
+                client,
+                {"demands_certificate": True},
+            ),
+        ):
+            with self.subTest(cause=cause, tls=tls):
+                result, steps = self.check_server(options, **tls)
+
+                self.assertEqual(result.status, 77, result.output)
+                self.assertEqual(steps.verdicts[step], "FAILED", result.output)
+                self.assertIn(cause, steps.texts[step])
+                self.assertIn(remedy, steps.texts[step].partition("; ")[2])
+
+    def test_names_the_remedy_in_a_lookup_too(self):
+        script = serving(lambda request: request.empty())
+        directory = ScriptedDirectory(self, script, self.certificates.server("expired"))
+
+        result = run(
+            *["lookup", "-H", directory.uri, *self.options(ca="ca.pem")],
+            *["-b", PEOPLE, "-t", "(mail=$m)", "user@corp.test"],
+        )
+
+        self.assert_fails(result, 77, "expired on", "renew the certificate that has expired")
 
 
 if __name__ == "__main__":

@@ -6,6 +6,7 @@ import select
 import shutil
 import signal
 import socket
+import ssl
 import struct
 import subprocess
 import tempfile
@@ -170,6 +171,28 @@ class Connection:
         except OSError:
             pass  # the client had enough
 
+    def secure(self, context):
+        """Does the handshake of TLS; returns whether the client agreed."""
+        plain = socket.socket
+        self._peer = context.wrap_socket(
+            self._peer, server_side=True, do_handshake_on_connect=False
+        )
+        try:
+            self._peer.do_handshake()
+            return True
+        except OSError:
+            pass
+        try:  # a close with unread data would discard the alert on its way
+            plain.shutdown(self._peer, socket.SHUT_WR)
+            while plain.recv(self._peer, 65536):
+                pass
+        except OSError:
+            pass
+        return False
+
+    def close(self):
+        self._peer.close()
+
     def reset(self):
         self._peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))
         self._peer.close()
@@ -198,12 +221,40 @@ class Connection:
         return header + int.from_bytes(self._pending[2:header].ljust(header - 2, b"\xff"), "big")
 
 
+class Certificates:
+    """The files of mkcerts, in a folder that is removed with the test class."""
+
+    def __init__(self, add_cleanup):
+        if shutil.which("openssl") is None and not os.environ.get("CI"):
+            raise unittest.SkipTest("openssl is not installed")
+        self.folder = tempfile.mkdtemp(prefix="solvane-tool-")
+        add_cleanup(shutil.rmtree, self.folder)
+        subprocess.run([os.path.join(TESTBED, "mkcerts"), self.folder], check=True)
+
+    def file(self, name):
+        return os.path.join(self.folder, name)
+
+    def server(self, name="good", ciphers="DEFAULT", at_most=None, demands_certificate=False):
+        """The TLS of a server with this certificate, which may be weak, up to this version."""
+        context = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
+        context.set_ciphers(ciphers + "@SECLEVEL=0")
+        context.load_cert_chain(self.file(name + ".pem"), self.file(name + ".key"))
+        if at_most is not None:
+            context.maximum_version = at_most
+        if demands_certificate:
+            context.load_verify_locations(self.file("ca.pem"))
+            context.verify_mode = ssl.CERT_REQUIRED
+        return context
+
+
 class ScriptedDirectory:
     """Plays a script on each connection, and hangs up when the script returns."""
 
-    def __init__(self, test, script):
+    def __init__(self, test, script, tls=None):
+        """`tls`: of an ldaps:// server, an ssl.SSLContext."""
         self.connections = []
         self._script = script
+        self._tls = tls
         self._sockets = []
         self._threads = []
         self._listener = socket.create_server(("127.0.0.1", 0))
@@ -213,7 +264,8 @@ class ScriptedDirectory:
 
     @property
     def uri(self):
-        return f"ldap://127.0.0.1:{self._listener.getsockname()[1]}"
+        scheme = "ldap" if self._tls is None else "ldaps"
+        return f"{scheme}://127.0.0.1:{self._listener.getsockname()[1]}"
 
     def count(self, operation):
         return sum(connection.operations.count(operation) for connection in self.connections)
@@ -227,14 +279,15 @@ class ScriptedDirectory:
             peer.settimeout(DEADLINE)
             self._sockets.append(peer)
             self.connections.append(Connection(peer))
-            self._threads.append(
-                threading.Thread(target=self._play, args=(peer, self.connections[-1]))
-            )
+            self._threads.append(threading.Thread(target=self._play, args=self.connections[-1:]))
             self._threads[-1].start()
 
-    def _play(self, peer, connection):
-        with peer:
-            self._script(connection)
+    def _play(self, connection):
+        try:
+            if self._tls is None or connection.secure(self._tls):
+                self._script(connection)
+        finally:
+            connection.close()
 
     def _stop(self):
         # Wakes a blocked accept(); close() alone does not.

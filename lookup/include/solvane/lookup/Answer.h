@@ -35,8 +35,8 @@ struct Answer {
     std::vector<std::string> forms;
     /// The values of the result attributes, of the entries and of the members of groups, formatted:
     /// depth first, in the directory's order, each entry once. Filled if the settings ask for it
-    /// (`Settings::makesResults`: groups, a format or an expansion limit) and the outcome is `Found`; empty then means that the entries
-    /// found have no such values.
+    /// (`Settings::makesResults`: groups, a format or an expansion limit) and the outcome is
+    /// `Found`; empty then means that the entries found have no such values.
     std::vector<std::string> results = {};
 
     /// The first value of the attribute `name` in the first entry that has one; empty without one.

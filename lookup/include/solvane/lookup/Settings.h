@@ -152,8 +152,10 @@ SOLVANE_LOOKUP_EXPORT void validate(Settings const& settings);
 
 /// Whether lookups with these settings can use the same connections: they differ at most in what
 /// is searched for (`base`, `scope`, `deref`, `queryTemplate`, `bValue`, `gValue`, `attributes`,
-/// `forms`, `extensionDelimiter`, `domains`, `asciiDomains`, `references`, `postfixRules`), in the
-/// results, and in the limits of one key (`entryLimit`, `timeLimit`, `keyBytes`, `answerBytes`, `window`). Thread-safe.
+/// `forms`, `extensionDelimiter`, `domains`, `asciiDomains`, `references`, `postfixRules`), in what
+/// becomes of it (groups and their limits, `resultFormat`) and in the limits of one key
+/// (`entryLimit`, `timeLimit`, `keyBytes`, `answerBytes`). Also in `window`: that of the first
+/// lookup is where each server's own limit begins. Thread-safe.
 SOLVANE_LOOKUP_EXPORT bool haveSameConnections(Settings const& one, Settings const& another);
 
 } // namespace Solvane::Lookup

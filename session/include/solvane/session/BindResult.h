@@ -25,7 +25,9 @@ struct BindResult {
     };
 
     int code = 0;           ///< LDAP result code
-    std::string serverText; ///< the server's diagnostic message, as sent; not safe to print
+    /// The server's diagnostic message, as sent; not safe to print. Like `words`, it may repeat the
+    /// password of the bind: search both for it before they are shown or logged.
+    std::string serverText;
     /// Text of the code and everything that the server added, on one line.
     std::string words;
     bool hasPolicy = false;                      ///< the response has a password policy control
