@@ -13,7 +13,7 @@ packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-d
 packages_demo=(ca-certificates postfix)
 packages_directory=(slapd ldap-utils openssl python3 procps)
 packages_test=(libgtest-dev libgmock-dev locales gdb krb5-kdc krb5-admin-server krb5-user
-    libsasl2-modules-gssapi-mit postfix)
+    libsasl2-modules-gssapi-mit postfix postfix-ldap)
 packages_unpacked=(exim4-daemon-light libidn12 sendmail-bin) # other mail servers, not to be installed
 packages_clang=(clang libclang-rt-dev)
 packages_lint=(clang-format clang-tidy clang cppcheck shellcheck codespell similarity-tester git

@@ -7,6 +7,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include <fcntl.h>
 #include <grp.h>
@@ -25,6 +26,12 @@ constexpr std::size_t bufferSize = std::size_t{64} * 1024; // initial; grows for
 int openForReading(std::string const& path)
 {
     return open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+}
+
+/// The bytes of a byte order mark at the beginning; 0 without one.
+std::size_t lengthOfMark(std::string_view text)
+{
+    return text.substr(0, byteOrderMark.size()) == byteOrderMark ? byteOrderMark.size() : 0;
 }
 
 /// Whether this process is a member.
@@ -83,7 +90,7 @@ std::string readFile(std::string const& what, std::string const& path)
     for (;;) {
         ssize_t const count = read(file.get(), part.data(), part.size());
         if (count == 0) {
-            return text;
+            return text.substr(lengthOfMark(text));
         }
         if (count > 0) {
             text.append(part.data(), static_cast<std::size_t>(count));
@@ -180,6 +187,9 @@ bool LineReader::takeLine(std::string& line)
     line.assign(begin, end);
     m_begin += line.size() + (found != nullptr ? 1 : 0);
     m_scanned = m_begin;
+    if (std::exchange(m_isFirst, false)) {
+        line.erase(0, lengthOfMark(line));
+    }
     return true;
 }
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <sys/types.h>
@@ -40,7 +41,10 @@ std::optional<gid_t> groupNamed(std::string const& name);
 /// @param error  errno
 Failure unusableFile(std::string const& what, std::string const& path, int error);
 
-/// Reads a whole file into memory.
+/// Some programs begin a text with it (U+FEFF in UTF-8). It is no part of the text.
+constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
+
+/// Reads a whole text file into memory, without a byte order mark.
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
 
@@ -70,7 +74,8 @@ bool waitForInput(int descriptor);
 /// The text without one trailing newline.
 std::string withoutLastNewline(std::string text);
 
-/// Reads the lines of a file, or of standard input for "-". Lines may have any length.
+/// Reads the lines of a file, or of standard input for "-". Lines may have any length. A byte order
+/// mark before the first one is dropped.
 class LineReader {
 public:
     /// @param what       the file's role, as "the file of keys"
@@ -106,6 +111,7 @@ private:
     std::size_t m_scanned = 0; ///< no separator from m_begin up to here
     std::size_t m_end = 0;     ///< of the bytes read
     bool m_isAtEnd = false;
+    bool m_isFirst = true; ///< the next line is the first
 };
 
 } // namespace Solvane::Tool

@@ -95,7 +95,7 @@ std::string wordFor(Value value, Word<Value> const (&words)[count])
     return found == std::end(words) ? std::string() : found->first;
 }
 
-bool isPrintable(char character) { return character > ' ' && character <= '~'; }
+bool isGraphic(char character) { return character > ' ' && character <= '~'; }
 
 /// The characters of attribute descriptions (RFC 4512 section 2.5), and of `*`, `+` and `@class`.
 bool isAttributeSelector(std::string const& text) { return isAlphanumeric(text, "-.;*+@_"); }
@@ -117,11 +117,6 @@ bool isNameServer(std::string const& text)
     }
     numberIn(text.substr(colon + 1), 1, 65535); // throws for an invalid port
     return true;
-}
-
-bool isDomain(std::string const& text)
-{
-    return !faultIn(text) && text.find('@') == std::string::npos;
 }
 
 /// Returns the words if there are any and `isOne` accepts each; else throws.
@@ -259,7 +254,7 @@ char delimiterIn(std::string const& text)
     if (text.empty()) {
         return '\0';
     }
-    if (text.size() > 1 || !isPrintable(text.front()) || text.front() == '@') {
+    if (text.size() > 1 || !isGraphic(text.front()) || text.front() == '@') {
         refuse(fmt::format("invalid delimiter '{}'", oneLine(text)),
                "give one ASCII character other than '@', or nothing");
     }
@@ -289,11 +284,33 @@ std::string resultFormatIn(std::string const& text)
 
 std::vector<std::string> domainsIn(std::string const& text)
 {
-    bool const isMarked = !text.empty() && text.front() == '@';
-    bool const isFile = isMarked || (!text.empty() && text.front() == '/');
+    std::vector<std::string> domains;
+    std::vector<std::string> words = wordsIn(text);
+    // A path may contain blanks: what follows it are domains only if they look like some.
+    bool const isPath = !text.empty() && (text.front() == '@' || text.front() == '/');
+    if (isPath && std::none_of(words.begin() + 1, words.end(), isDomain)) {
+        words = {text};
+    }
+    for (std::string& word : words) {
+        bool const isMarked = word.front() == '@';
+        if (!isMarked && word.front() != '/') {
+            domains.push_back(std::move(word));
+            continue;
+        }
+        for (std::string& domain : domainsOf(word.substr(isMarked ? 1 : 0))) {
+            domains.push_back(std::move(domain));
+        }
+    }
     // An empty list would mean that all domains are served.
-    return checked(isFile ? domainsOf(text.substr(isMarked ? 1 : 0)) : wordsIn(text), isDomain,
-                   "domain", "list domains as in example.com,example.org");
+    return checked(std::move(domains), isDomain, "domain",
+                   "list domains as in example.com,example.org, or name a file, as in "
+                   "/etc/mail/domains");
+}
+
+bool isDomain(std::string const& text)
+{
+    return !text.empty() && !faultIn(text) && text.front() != '.' &&
+           text.find_first_of("@:/!$%*()\"'=;<>|\\") == std::string::npos;
 }
 
 std::string dnIn(std::string const& text)
@@ -315,7 +332,7 @@ std::string bindDnIn(std::string const& text)
 
 std::string ourTemplate(std::string const& text)
 {
-    constexpr std::string_view theirs = "suSUdD123456789%";
+    constexpr std::string_view theirs = "suSUdDnL123456789%{";
     for (auto at = text.find('%'); at != std::string::npos; at = text.find('%', at + 1)) {
         if (at + 1 < text.size() && theirs.find(text[at + 1]) != std::string_view::npos) {
             refuse(fmt::format("unsupported specifier '{}'", text.substr(at, 2)),

@@ -73,14 +73,17 @@ char delimiterIn(std::string const& text);
 std::vector<std::string> attributesIn(std::string const& text);
 /// A text with the specifiers of a result format.
 std::string resultFormatIn(std::string const& text);
-/// Domains separated by commas or white space; "@FILE" or "/FILE" reads them from a file.
+/// Whether the text can be a domain: neither a path, nor the name of a lookup table, nor an address.
+bool isDomain(std::string const& text);
+/// Domains separated by commas or white space; "@FILE" or "/FILE" in their place reads a file.
 /// @throws Failure  also "configuration": the file cannot be read
 std::vector<std::string> domainsIn(std::string const& text);
 /// A DN, possibly empty, in UTF-8 without control characters.
 std::string dnIn(std::string const& text);
 /// The same, but not empty.
 std::string bindDnIn(std::string const& text);
-/// A template. Refuses Postfix's specifiers ("%s"), which would be searched for literally.
+/// A template. Refuses specifiers of other programs ("%s", "%{user}"), which would be searched for
+/// literally.
 std::string ourTemplate(std::string const& text);
 
 // The texts of values, as written in the settings file.

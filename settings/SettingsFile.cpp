@@ -21,6 +21,7 @@ namespace {
 
 constexpr std::string_view blanks = " \t\r";
 constexpr std::string_view includeName = "include";
+constexpr std::string_view templateName = "query_filter";
 constexpr unsigned int deepestInclude = 8;
 
 std::string_view trimmed(std::string_view text)
@@ -35,8 +36,8 @@ std::string_view trimmed(std::string_view text)
 class SettingsParser {
 public:
     SettingsParser(std::string const& path, std::size_t size, SettingLines::Taker const& take,
-                   std::vector<Failure>& faults)
-        : m_path(path), m_take(take), m_faults(faults)
+                   std::vector<Failure>& faults, unsigned long* begin)
+        : m_path(path), m_take(take), m_faults(faults), m_shownBegin(begin)
     {
         m_value.reserve(size + 1); // once: growing would leave copies in memory
     }
@@ -56,6 +57,7 @@ private:
     std::string const& m_path;
     SettingLines::Taker const& m_take;
     std::vector<Failure>& m_faults;
+    unsigned long* m_shownBegin; ///< receives `m_begin`; may be null
     unsigned long m_line = 0;
     unsigned long m_begin = 0;  ///< line on which the current setting begins
     bool m_hasSetting = false;  ///< whether there is one
@@ -111,6 +113,9 @@ void SettingsParser::finishSetting()
 {
     if (m_hasSetting) {
         m_hasSetting = false;
+        if (m_shownBegin != nullptr) {
+            *m_shownBegin = m_begin;
+        }
         try {
             explainedBy(place(), Outcome::configuration, [&] { m_take(m_name, m_value); });
         } catch (Failure const& failure) {
@@ -167,13 +172,16 @@ SettingLines::SettingLines(std::string const& path) : m_path(path)
                "check that it is a settings file");
     }
     m_text.resize(size);
+    if (m_text.compare(0, byteOrderMark.size(), byteOrderMark) == 0) {
+        m_text.erase(0, byteOrderMark.size());
+    }
 }
 
 SettingLines::~SettingLines() { wipe(m_text); }
 
-void SettingLines::read(Taker const& take, std::vector<Failure>& faults) const
+void SettingLines::read(Taker const& take, std::vector<Failure>& faults, unsigned long* line) const
 {
-    SettingsParser(m_path, m_text.size(), take, faults).parse(m_text);
+    SettingsParser(m_path, m_text.size(), take, faults, line).parse(m_text);
 }
 
 SettingsFile::SettingsFile() = default;
@@ -205,7 +213,7 @@ void SettingsFile::read(std::string const& path, unsigned int depth, std::vector
     SettingLines const lines(path);
     lines.read([&](std::string_view name,
                    std::string const& value) { take(lines, depth, name, value, faults); },
-               faults);
+               faults, &m_line);
 }
 
 void SettingsFile::take(SettingLines const& lines, unsigned int depth, std::string_view name,
@@ -260,6 +268,9 @@ void SettingsFile::store(SettingLines const& lines, Setting const& setting,
         refuse(describe(*fault), "write the value in UTF-8 without control characters");
     }
     setting.value.fromFile(value)(m_draft);
+    if (setting.name == templateName) {
+        m_templatePlace = fmt::format("{}:{}", lines.path(), m_line);
+    }
 }
 
 void SettingsFile::finish(std::vector<Failure>& faults)
@@ -268,6 +279,14 @@ void SettingsFile::finish(std::vector<Failure>& faults)
         m_draft.lookup.bindDn.clear();
         m_draft.lookup.mechanism = Lookup::Mechanism::simple;
         m_draft.lookup.authorizationId.clear();
+    }
+    if (!m_draft.lookup.postfixRules && !m_templatePlace.empty()) { // it may follow the template
+        try {
+            explainedBy(fmt::format("{}: {}", m_templatePlace, templateName),
+                        Outcome::configuration, [&] { ourTemplate(m_draft.lookup.queryTemplate); });
+        } catch (Failure const& failure) {
+            faults.push_back(failure);
+        }
     }
     for (auto const& [name, other] : {std::make_pair("tls_verify", "tls_require_cert"),
                                       std::make_pair("result_format", "result_filter")}) {

@@ -35,7 +35,9 @@ public:
     /// Passes every setting on, in order.
     /// @param faults  receives a Failure "configuration" for each setting that is malformed or was
     ///                refused
-    void read(Taker const& take, std::vector<Failure>& faults) const;
+    /// @param line    receives the number of the line on which a setting begins, before it is
+    ///                passed on; may be null
+    void read(Taker const& take, std::vector<Failure>& faults, unsigned long* line = nullptr) const;
 
     std::string const& path() const { return m_path; }
     /// Of the open file, not of its name, which another file may take at any time.
@@ -84,6 +86,8 @@ private:
     Draft m_draft;
     Secret m_password;
     std::map<std::string_view, unsigned int> m_depths; ///< of the files that set each name
+    unsigned long m_line = 0;                          ///< on which the current setting begins
+    std::string m_templatePlace;                       ///< file and line of the template
 };
 
 } // namespace Solvane::Tool

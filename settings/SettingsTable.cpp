@@ -226,7 +226,7 @@ std::vector<Setting> makeTable()
         { "result_filter", Group::results, "", "FORMAT", resultFilter(), "" },
 
         { "query_filter", Group::queryTemplate, "-t,--template", "TEMPLATE",
-          value(&Settings::queryTemplate, ourTemplate, textIn),
+          value(&Settings::queryTemplate, textIn),
           "Query template, for example '(mail=$m)'" },
         { "query_filter", Group::queryTemplate, "-T,--template-file", "FILE", templateFile(),
           "File with the template on one line" },
@@ -234,6 +234,9 @@ std::vector<Setting> makeTable()
           value(&Settings::bValue, textIn), "Value of $b; --b for short" },
         { "g_value", Group::queryTemplate, "--g-value", "VALUE",
           value(&Settings::gValue, textIn), "Value of $g; --g for short" },
+
+        { "postfix_rules", Group::queryTemplate, "", "yes|no",
+          onlyOfFile(&Settings::postfixRules, booleanIn), "" },
 
         { "connections", Group::bulk, "-j,--connections", "JOBS",
           value(&Settings::connections, numberBetween(1, mostConnections)),

@@ -16,10 +16,28 @@ bool isAlphanumeric(std::string_view text, std::string_view others)
 
 void appendOneLine(std::string& out, std::string_view text)
 {
-    if (faultIn(text)) {
-        out.append(oneLine(text));
-    } else {
+    if (isPrintable(text)) {
         out.append(text);
+    } else {
+        out.append(oneLine(text));
+    }
+}
+
+void appendField(std::string& out, std::string_view text, std::string_view separators)
+{
+    constexpr char digits[] = "0123456789ABCDEF";
+    for (;;) {
+        auto const special = std::find_if(text.begin(), text.end(), [&](char character) {
+            return character == '\\' || separators.find(character) != std::string_view::npos;
+        });
+        auto const length = static_cast<std::string_view::size_type>(special - text.begin());
+        appendOneLine(out, text.substr(0, length));
+        if (special == text.end()) {
+            return;
+        }
+        auto const byte = static_cast<unsigned char>(*special);
+        out.append("\\x").append({digits[byte >> 4], digits[byte & 0x0F]});
+        text.remove_prefix(length + 1);
     }
 }
 

@@ -12,6 +12,7 @@ namespace Solvane::Tool {
 using Lookup::describe;
 using Lookup::faultIn;
 using Lookup::hasNul;
+using Lookup::isPrintable;
 using Lookup::isUtf8;
 using Lookup::oneLine;
 using Lookup::TextFault;
@@ -32,6 +33,10 @@ template <typename Texts> std::string joined(Texts const& texts, char const* sep
 
 /// Appends `oneLine(text)`; without a copy if the text is already a plain line.
 void appendOneLine(std::string& out, std::string_view text);
+
+/// Appends a text that can be restored: `oneLine(text)` with `\` and the ASCII characters of
+/// `separators` as `\xNN`, too.
+void appendField(std::string& out, std::string_view text, std::string_view separators);
 
 /// Appends the bytes in base64 (RFC 4648 section 4).
 void appendBase64(std::string& out, std::string_view bytes);

@@ -2,6 +2,7 @@
 #include "AttributeNames.h"
 
 #include "OpenLDAP.h"
+#include "Sessions.h"
 
 #include <solvart/StringHelpers.h>
 
@@ -97,6 +98,43 @@ std::string AttributeNames::similarTo(std::string const& name) const
         }
     }
     return found;
+}
+
+AttributeNames schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
+                        Lookup::Clock::time_point deadline)
+{
+    auto const read = [&](std::string const& base, char const* attribute, char const* filter) {
+        Lookup::SearchRequest request;
+        request.base = base;
+        request.scope = LDAP_SCOPE_BASE;
+        request.attributes = {attribute};
+        return searchOn(session, request, filter, silence, deadline).entries;
+    };
+    AttributeNames names;
+    auto const root = read(std::string(), "subschemaSubentry", "(objectClass=*)");
+    auto const places =
+        root.empty() ? std::vector<std::string>() : valuesOf(root.front(), "subschemaSubentry");
+    if (places.empty()) {
+        return names;
+    }
+    for (LDAPSearchResultEntry const& entry :
+         read(places.front(), "attributeTypes", "(objectClass=subschema)")) {
+        for (std::string const& definition : valuesOf(entry, "attributeTypes")) {
+            names.add(definition);
+        }
+    }
+    return names;
+}
+
+std::vector<std::string> valuesOf(LDAPSearchResultEntry const& entry, std::string const& name)
+{
+    std::vector<std::string> values;
+    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        if (lower(attribute.type().asString()) == lower(name)) {
+            values.insert(values.end(), attribute.value().begin(), attribute.value().end());
+        }
+    }
+    return values;
 }
 
 } // namespace Solvane::Tool

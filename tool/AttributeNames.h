@@ -2,6 +2,11 @@
 #ifndef SOLVANE_TOOL_ATTRIBUTE_NAMES_H
 #define SOLVANE_TOOL_ATTRIBUTE_NAMES_H
 
+#include <solvane/session/Session.h>
+
+#include <solvane/ldap/LDAPResult.h>
+
+#include <chrono>
 #include <set>
 #include <string>
 #include <vector>
@@ -29,6 +34,16 @@ private:
     std::set<std::string> m_lower; ///< in lower case
     std::vector<std::string> m_names;
 };
+
+/// The attributes of a server's schema (RFC 4512 section 4.2); none if it is not readable.
+/// @param session   a bound one
+/// @param silence   longest time without a byte from the server
+/// @param deadline  for each of the two searches
+AttributeNames schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
+                        Lookup::Clock::time_point deadline);
+
+/// The values of an attribute; empty if the entry lacks it.
+std::vector<std::string> valuesOf(LDAPSearchResultEntry const& entry, std::string const& name);
 
 } // namespace Solvane::Tool
 

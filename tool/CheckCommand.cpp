@@ -1,7 +1,6 @@
 // The "check" command: settings and template first, then each server.
 #include "Commands.h"
 
-#include "AttributeNames.h"
 #include "CheckReport.h"
 #include "LookupSettings.h"
 #include "Outcome.h"
@@ -73,33 +72,6 @@ bool checkTemplate(Lookup::QueryTemplate const& queryTemplate, CheckReport& repo
         report.passed("template", queryTemplate.text(), watch.milliseconds());
     }
     return isUsable;
-}
-
-/// The attributes of the template's filter, if it makes one, and of the list to return; each once.
-std::vector<std::string> attributesOf(Draft const& draft)
-{
-    std::vector<std::string> names;
-    if (hasTemplate(draft)) {
-        try {
-            names = attributesInFilter(templateOf(draft).expand(EmailAddress("user@example.com")));
-        } catch (LDAPException const&) { // the step "template" tells of it
-        }
-    }
-    LDAPLookup::Settings const& settings = draft.lookup;
-    for (auto const* const list :
-         {&settings.attributes, &settings.specialResultAttributes, &settings.leafResultAttributes,
-          &settings.terminalResultAttributes}) {
-        for (std::string const& selector : *list) {
-            names.push_back(attributeNameOf(selector));
-        }
-    }
-    std::vector<std::string> unique;
-    for (std::string const& name : names) {
-        if (!name.empty() && std::find(unique.begin(), unique.end(), name) == unique.end()) {
-            unique.push_back(name);
-        }
-    }
-    return unique;
 }
 
 /// Expands a row of the server list into servers. A domain reports the step SRV; if it has no

@@ -139,8 +139,10 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     AddCommand add;
     CheckCommand check;
     VerifyCommand verify;
+    ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 6> const commands = {&expand, &lookup, &verify, &add, &check, &status};
+    std::array<Command*, 7> const commands = {&expand, &lookup, &verify, &add,
+                                              &check,  &import, &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

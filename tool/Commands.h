@@ -107,6 +107,24 @@ private:
     bool m_lints = false;
 };
 
+/// "import": one of Postfix's LDAP tables, made settings.
+class ImportCommand final : public Command {
+public:
+    char const* name() const override { return "import"; }
+    char const* description() const override
+    {
+        return "Make settings of one of Postfix's LDAP tables";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    std::string m_table;
+    std::string m_source; ///< empty: the file has one table
+    std::string m_output; ///< empty: standard output
+    bool m_replaces = false;
+};
+
 /// "lookup": the entries that a template finds for each address.
 class LookupCommand final : public Command {
 public:

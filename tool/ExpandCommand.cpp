@@ -93,7 +93,11 @@ void requireAddress(std::string const& key)
 ///                  would match every entry, none, or wrong ones
 std::string filterFor(QueryTemplate const& queryTemplate, std::string const& key)
 {
-    std::string filter = queryTemplate.expand(EmailAddress(key));
+    if (std::string const lack = queryTemplate.lackOf(key); !lack.empty()) {
+        refuse(fmt::format("the address '{}' has no {}, which the template inserts", key, lack),
+               "it is not found, and no server is asked");
+    }
+    std::string filter = queryTemplate.expand(key);
     if (filter.empty()) {
         refuse(fmt::format("the template '{}' expands to an empty filter for '{}'",
                            oneLine(queryTemplate.text()), key),

@@ -12,17 +12,59 @@
 
 namespace Solvane::Tool {
 
-/// The end of a text, as RapidJSON's writer wants it.
+/// The end of a text, as RapidJSON's writer wants it. Escapes what a terminal would obey or reorder:
+/// DEL, the control characters beyond ASCII, and bidirectional controls.
 class JsonText {
 public:
     using Ch = char;
 
     explicit JsonText(std::string& text) : m_text(text) {}
-    void Put(Ch character) { m_text += character; }
+    void Put(Ch character)
+    {
+        if (m_held.empty() && static_cast<unsigned char>(character) < 0x7F) {
+            m_text += character;
+        } else {
+            putCharacter(character);
+        }
+    }
     void Flush() {}
 
 private:
+    /// Holds the bytes of a character back until it is complete. The text is valid UTF-8.
+    void putCharacter(Ch byte)
+    {
+        m_held += byte;
+        auto const lead = static_cast<unsigned char>(m_held.front());
+        std::size_t const length =
+            1U + (lead >= 0xC0 ? 1U : 0U) + (lead >= 0xE0 ? 1U : 0U) + (lead >= 0xF0 ? 1U : 0U);
+        if (m_held.size() < length) {
+            return;
+        }
+        if (isPrintable(m_held)) {
+            m_text += m_held;
+        } else {
+            appendEscape(length);
+        }
+        m_held.clear();
+    }
+
+    /// All such characters have four hexadecimal digits.
+    void appendEscape(std::size_t length)
+    {
+        constexpr char digits[] = "0123456789abcdef";
+        unsigned int character = length == 1 ? 0x7F : 0;
+        for (std::size_t i = 0; length > 1 && i < length; ++i) {
+            auto const byte = static_cast<unsigned char>(m_held[i]);
+            character = character << 6 | (byte & (i == 0 ? 0xFFU >> (length + 1) : 0x3FU));
+        }
+        m_text += "\\u";
+        for (unsigned int shift = 16; shift > 0; shift -= 4) {
+            m_text += digits[character >> (shift - 4) & 0x0FU];
+        }
+    }
+
     std::string& m_text;
+    std::string m_held; ///< a character that is not complete
 };
 
 /// Appends one value to a text. `operator->` has RapidJSON's calls; the others take texts of any bytes.

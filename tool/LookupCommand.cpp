@@ -47,6 +47,8 @@ public:
     /// @throws Failure     the keys cannot be read, or the output cannot be written
     /// @throws ReaderGone  the reader of standard output is gone
     Outcome over(KeyOptions& keys);
+    /// Whether servers answered for some addresses, and none of all addresses was found.
+    bool foundNothing() const { return m_counts.notFound > 0 && m_counts.found == 0; }
     /// Prints the statistics of --stats on standard error.
     void printStatistics(Stats form) const;
 
@@ -332,12 +334,19 @@ int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     m_keys.separator(common.recordEnd());
     Secret password;
     Draft const draft = lookupDraft(common, m_settings);
-    auto const lookup = makeLookup(common, draft, password);
+    Lookup::QueryTemplate const queryTemplate = templateOf(draft);
+    LDAPLookup::Settings settings = common.settings(draft, password);
+    auto const lookup = makeLookup(draft, settings);
+    tellDoubts(queryTemplate, diagnostics);
     bool const wantsNone = draft.lookup.attributes == std::vector<std::string>{"1.1"};
     Expected const expected = {m_isSingle, draft.lookup.makesResults(), !wantsNone, m_needsValue};
     LookupRun run(*lookup, common, writer(common), expected, output, diagnostics);
     Outcome const worst = run.over(m_keys);
     run.printStatistics(common.stats());
+    if (run.foundNothing() && diagnostics.level() != Diagnostics::Level::quiet) {
+        tellDoubts(draft, settings, diagnostics);
+    }
+    wipe(settings.password);
     if (worst == Outcome::notFound && m_noUser) {
         return static_cast<int>(*m_noUser);
     }

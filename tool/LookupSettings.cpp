@@ -1,7 +1,9 @@
 // The template and the settings of a lookup; the engine validates them.
 #include "LookupSettings.h"
 
+#include "AttributeNames.h"
 #include "Outcome.h"
+#include "Sessions.h"
 #include "Text.h"
 
 #include <solvane/ldap/LDAPException.h>
@@ -9,6 +11,8 @@
 #include <fmt/format.h>
 
 #include <algorithm>
+
+#include <ldap.h>
 
 namespace Solvane::Tool {
 
@@ -20,8 +24,7 @@ Lookup::QueryTemplate templateOf(Draft const& draft)
         throw Failure(Outcome::usage, "no template given",
                       "add -t TEMPLATE or -T FILE, or set query_filter in the settings file (-C)");
     }
-    LDAPLookup::Settings const& settings = draft.lookup;
-    return Lookup::QueryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
+    return Lookup::QueryTemplate(draft.lookup);
 }
 
 void requireSound(Lookup::QueryTemplate const& queryTemplate)
@@ -39,6 +42,93 @@ void requireSound(Lookup::QueryTemplate const& queryTemplate)
     }
 }
 
+void tellDoubts(Lookup::QueryTemplate const& queryTemplate, Diagnostics const& diagnostics)
+{
+    for (auto const& finding : queryTemplate.check()) {
+        if (finding.concernsAll) {
+            diagnostics.error(fmt::format("warning: template '{}' at byte {}: {}",
+                                          queryTemplate.text(), finding.position, finding.text));
+        }
+    }
+}
+
+std::vector<std::string> attributesOf(Draft const& draft)
+{
+    std::vector<std::string> names;
+    if (hasTemplate(draft)) {
+        try {
+            names = attributesInFilter(templateOf(draft).expand(EmailAddress("user@example.com")));
+        } catch (LDAPException const&) { // the step "template" tells of it
+        }
+    }
+    LDAPLookup::Settings const& settings = draft.lookup;
+    for (auto const* const list :
+         {&settings.attributes, &settings.specialResultAttributes, &settings.leafResultAttributes,
+          &settings.terminalResultAttributes}) {
+        for (std::string const& selector : *list) {
+            names.push_back(attributeNameOf(selector));
+        }
+    }
+    std::vector<std::string> unique;
+    for (std::string const& name : names) {
+        if (!name.empty() && std::find(unique.begin(), unique.end(), name) == unique.end()) {
+            unique.push_back(name);
+        }
+    }
+    return unique;
+}
+
+/// On a session that is bound.
+void tellDoubts(Lookup::Session& session, Draft const& draft, LDAPLookup::Settings const& settings,
+                Lookup::Clock::time_point deadline, Diagnostics const& diagnostics)
+{
+    std::chrono::seconds const silence(settings.networkTimeout);
+    auto const tell = [&](std::string const& text) {
+        diagnostics.error(fmt::format("warning: {}: {}", session.uri(), text));
+    };
+    if (!settings.postfixRules && settings.deref != LDAPSearch::DerefFinding &&
+        settings.deref != LDAPSearch::DerefAlways) {
+        Lookup::SearchRequest request;
+        request.base = settings.base;
+        request.scope = LDAP_SCOPE_BASE;
+        request.attributes = {"objectClass", "aliasedObjectName"};
+        SearchEnd const end = searchOn(session, request, "(objectClass=alias)", silence, deadline);
+        if (!end.entries.empty()) {
+            tell(fmt::format("the base {} is an alias: nothing below it is found; use its target, "
+                             "or dereference = find",
+                             settings.base));
+        }
+    }
+    AttributeNames const known = schemaOf(session, silence, deadline);
+    for (std::string const& name : attributesOf(draft)) {
+        if (!known.isEmpty() && !known.has(name)) {
+            std::string const similar = known.similarTo(name);
+            tell(fmt::format("the server does not know the attribute '{}'{}", name,
+                             similar.empty() ? "" : fmt::format(" (similar: '{}')", similar)));
+        }
+    }
+}
+
+void tellDoubts(Draft const& draft, LDAPLookup::Settings const& settings,
+                Diagnostics const& diagnostics)
+{
+    auto const deadline = Lookup::Clock::now() + std::chrono::seconds(settings.networkTimeout);
+    for (LDAPLookup::Server const& listed : settings.servers) {
+        for (LDAPLookup::Server const& server : serversOf(listed, settings, deadline).servers) {
+            auto const tls =
+                server.usesTls() ? std::make_shared<Lookup::TlsContext>(settings.tls) : nullptr;
+            if (tls && !tls->verdict().isGood()) {
+                continue;
+            }
+            Lookup::Session session(sessionOptions(settings, server, tls));
+            if (session.reach(Lookup::Step::identify, deadline).isGood()) {
+                tellDoubts(session, draft, settings, deadline, diagnostics);
+                return;
+            }
+        }
+    }
+}
+
 Draft lookupDraft(CommonOptions const& common, SettingOptions const& options)
 {
     Draft draft = common.draft();
@@ -50,9 +140,16 @@ Draft lookupDraft(CommonOptions const& common, SettingOptions const& options)
 std::unique_ptr<LDAPLookup> makeLookup(CommonOptions const& common, Draft const& draft,
                                        Secret& password)
 {
-    auto const queryTemplate = templateOf(draft);
-    LDAPLookup::Settings const settings = common.settings(draft, password);
-    requireSound(queryTemplate);
+    templateOf(draft);
+    LDAPLookup::Settings settings = common.settings(draft, password);
+    auto made = makeLookup(draft, settings);
+    wipe(settings.password);
+    return made;
+}
+
+std::unique_ptr<LDAPLookup> makeLookup(Draft const& draft, LDAPLookup::Settings const& settings)
+{
+    requireSound(templateOf(draft));
     try {
         return std::make_unique<LDAPLookup>(settings);
     } catch (LDAPException const& fault) {

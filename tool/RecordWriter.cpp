@@ -87,7 +87,7 @@ void appendValues(Record const& record, std::string& out)
     char const* separator = "";
     for (std::string const& result : record.answer.results) {
         out += separator;
-        appendOneLine(out, result);
+        appendField(out, result, ",");
         separator = ",";
     }
     if (record.hasResults) {
@@ -97,7 +97,7 @@ void appendValues(Record const& record, std::string& out)
         for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
             for (Buffer const& value : attribute.binaryValue()) {
                 out += separator;
-                appendOneLine(out, bytesOf(value));
+                appendField(out, bytesOf(value), ",");
                 separator = ",";
             }
         }
@@ -138,7 +138,7 @@ private:
     static void appendLine(std::string_view name, std::string_view value, std::string& out)
     {
         appendOneLine(out, name);
-        if (faultIn(value)) {
+        if (!isPrintable(value)) {
             out += ":: ";
             appendBase64(out, value);
         } else {
@@ -171,7 +171,7 @@ private:
     void append(Record const& record, std::string& out) const override
     {
         std::string_view const status = statusOf(record);
-        appendOneLine(out, record.key); // leaves no tab in a column
+        appendField(out, record.key, ""); // leaves no tab in a column
         out += '\t';
         appendValues(record, out);
         out += '\t';
@@ -179,7 +179,7 @@ private:
         bool const hasRemark = status != "skipped" && !record.answer.text.empty();
         if (status == "error" || hasRemark) {
             out += '\t';
-            appendOneLine(out, record.answer.text);
+            appendField(out, record.answer.text, "");
         }
         out += '\n';
     }

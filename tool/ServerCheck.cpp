@@ -34,18 +34,6 @@ bool isSameName(std::string const& left, std::string const& right)
     return copyStringToLower(left) == copyStringToLower(right);
 }
 
-/// The values of an attribute; empty if the entry lacks it.
-std::vector<std::string> valuesOf(LDAPSearchResultEntry const& entry, std::string const& name)
-{
-    std::vector<std::string> values;
-    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-        if (isSameName(attribute.type().asString(), name)) {
-            values.insert(values.end(), attribute.value().begin(), attribute.value().end());
-        }
-    }
-    return values;
-}
-
 /// The entry that an alias stands for (RFC 4512 section 2.6); empty if the entry is no alias.
 std::string aliasedBy(LDAPSearchResultEntry const& entry)
 {
@@ -389,8 +377,7 @@ bool ServerCheck::readRootDse()
 
 bool ServerCheck::findBase()
 {
-    if (m_settings.base.empty()) {
-        m_report.skipped(m_step, "no base given (-b)");
+    if (!requireBase()) {
         return true;
     }
     Stopwatch const watch;
@@ -418,8 +405,7 @@ bool ServerCheck::findBase()
 /// tree: an answer with references and no entry does not prove that an address is unknown.
 bool ServerCheck::findReferences()
 {
-    if (m_settings.base.empty()) {
-        m_report.skipped(m_step, "no base given (-b)");
+    if (!requireBase()) {
         return true;
     }
     Stopwatch const watch;
@@ -456,7 +442,7 @@ bool ServerCheck::checkSchema()
         return true;
     }
     Stopwatch const watch;
-    AttributeNames const known = schema();
+    AttributeNames const known = schemaOf(*m_session, silence(), deadline());
     std::string unknown;
     for (std::string const& name : m_probe.attributes) {
         if (known.has(name)) {
@@ -476,25 +462,6 @@ bool ServerCheck::checkSchema()
                         watch.milliseconds());
     }
     return m_session->verdict().isGood();
-}
-
-/// The attributes of the server's schema (RFC 4512 section 4.2); none if it is not readable.
-AttributeNames ServerCheck::schema()
-{
-    AttributeNames names;
-    SearchEnd const root = search(std::string(), {"subschemaSubentry"});
-    auto const places = root.entries.empty() ? std::vector<std::string>()
-                                             : valuesOf(root.entries.front(), "subschemaSubentry");
-    if (places.empty()) {
-        return names;
-    }
-    SearchEnd const found = search(places.front(), {"attributeTypes"}, "(objectClass=subschema)");
-    for (LDAPSearchResultEntry const& entry : found.entries) {
-        for (std::string const& definition : valuesOf(entry, "attributeTypes")) {
-            names.add(definition);
-        }
-    }
-    return names;
 }
 
 /// Reads one entry.
@@ -564,6 +531,16 @@ bool ServerCheck::measure()
     m_report.passed(m_step, latencies.summary(), watch.milliseconds());
     for (std::string const& bar : latencies.bars()) {
         m_report.detail(bar);
+    }
+    return true;
+}
+
+bool ServerCheck::requireBase()
+{
+    bool const isOfKey = m_settings.postfixRules && m_settings.base.find('%') != std::string::npos;
+    if (isOfKey || m_settings.base.empty()) {
+        m_report.skipped(m_step, isOfKey ? "made from the address" : "no base given (-b)");
+        return false;
     }
     return true;
 }

@@ -75,12 +75,12 @@ private:
     bool take(LDAPLookup::Answer const& answer);
     void judge(bool isGood, bool isDemanded, std::string const& text, std::string const& remedy,
                Stopwatch const& watch);
+    bool requireBase();
     bool requireKey();
     void showOtherAddresses();
     Lookup::Verdict chainVerdict() const;
     SearchEnd search(std::string const& base, std::vector<std::string> const& attributes,
                      char const* filter = "(objectClass=*)");
-    AttributeNames schema();
     std::string withoutUri(std::string const& text) const;
     std::chrono::milliseconds silence() const;
     Lookup::Clock::time_point deadline() const;

@@ -79,7 +79,8 @@ std::string otherFormOf(std::string const& domain)
 
 KeyForms::KeyForms(Settings const& settings)
     : m_forms(settings.forms), m_delimiter(settings.extensionDelimiter),
-      m_isInternational(settings.asciiDomains), m_keyBytes(settings.keyBytes)
+      m_isInternational(settings.asciiDomains && !settings.postfixRules),
+      m_needsUser(settings.postfixRules && !settings.domains.empty()), m_keyBytes(settings.keyBytes)
 {
     for (std::string const& domain : settings.domains) {
         m_domains.insert(copyStringToLower(domain));
@@ -107,6 +108,9 @@ bool KeyForms::isServed(std::string const& key) const
 {
     if (m_domains.empty()) {
         return true;
+    }
+    if (m_needsUser && key.rfind('@') == 0) {
+        return false;
     }
     std::string const domain = copyStringToLower(std::string(domainOf(key)));
     if (m_domains.count(domain) != 0) {

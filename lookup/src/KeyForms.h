@@ -31,6 +31,7 @@ private:
     std::vector<Form> m_forms;
     char m_delimiter;
     bool m_isInternational;
+    bool m_needsUser; ///< a key without a user is not served
     std::size_t m_keyBytes;
     std::set<std::string> m_domains; ///< in lower case, and in ASCII form
 };

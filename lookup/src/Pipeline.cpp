@@ -87,8 +87,10 @@ Shared::Shared(std::shared_ptr<OwnSettings const> const& own, std::shared_ptr<To
 
 Shared::Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPool> shared)
     : m_ownSettings(std::move(own)), m_sharedPool(std::move(shared)),
-      settings(m_ownSettings->get()),
-      queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue), forms(settings),
+      settings(m_ownSettings->get()), queryTemplate(settings), forms(settings),
+      baseFormat(settings.postfixRules && settings.base.find('%') != std::string::npos
+                     ? std::make_unique<ResultFormat const>(settings.base, true)
+                     : nullptr),
       rules(settings), request{settings.base,     settings.scope,      settings.deref,
                                rules.requested(), settings.entryLimit, settings.timeLimit},
       entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,

@@ -134,6 +134,7 @@ private:
     bool isInvalid(Task& task);
     bool prepareFilter(Task& task);
     SearchRequest const& requestOf(Task const& task) const;
+    std::string lackOf(Task const& task) const;
     bool isFull() const;
     void dropWaiting(Task const& task);
     void finish(Task& task, Outcome outcome, int code, std::string const& text);

@@ -122,20 +122,38 @@ bool Pipeline::isInvalid(Task& task)
         finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
     } else if (!m_shared.forms.isServed(task.key)) {
         finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
-    } else if (m_makesResults && task.login == nullptr) {
-        std::string const lack = m_shared.rules.format().lackOf(task.key);
-        if (!lack.empty()) {
-            finish(task, Outcome::NotFound, LDAP_SUCCESS,
-                   "the key has no " + lack + ", which the result format inserts");
-        }
+    } else if (std::string const lack = lackOf(task); !lack.empty()) {
+        finish(task, Outcome::NotFound, LDAP_SUCCESS, "the key has no " + lack);
     }
     return task.isDone;
+}
+
+/// What the key of a task lacks, and what inserts it, in words; empty if it lacks nothing.
+std::string Pipeline::lackOf(Task const& task) const
+{
+    if (std::string const lack = m_shared.queryTemplate.lackOf(task.key); !lack.empty()) {
+        return lack + ", which the template inserts";
+    }
+    if (m_shared.baseFormat) {
+        if (std::string const lack = m_shared.baseFormat->lackForKey(task.key); !lack.empty()) {
+            return lack + ", which the base inserts";
+        }
+    }
+    if (m_makesResults && task.login == nullptr) {
+        if (std::string const lack = m_shared.rules.format().lackOf(task.key); !lack.empty()) {
+            return lack + ", which the result format inserts";
+        }
+    }
+    return std::string();
 }
 
 SearchRequest const& Pipeline::requestOf(Task const& task) const
 {
     if (task.member) {
         return task.member->search.request;
+    }
+    if (task.request) {
+        return *task.request;
     }
     return task.login == nullptr ? m_shared.request : m_shared.entryRequest;
 }
@@ -149,7 +167,7 @@ bool Pipeline::prepareFilter(Task& task)
         task.answer.forms.push_back(task.text());
     }
     try {
-        filter = m_shared.queryTemplate.expand(EmailAddress(task.text()));
+        filter = m_shared.queryTemplate.expand(task.text());
     } catch (LDAPException const& malformed) {
         fault = malformed.stringParameter();
     }
@@ -160,8 +178,13 @@ bool Pipeline::prepareFilter(Task& task)
     }
     if (!fault.empty()) {
         finish(task, Outcome::Misconfigured, LDAP_FILTER_ERROR, fault);
+        return false;
     }
-    return fault.empty();
+    if (m_shared.baseFormat) {
+        task.request = std::make_unique<SearchRequest>(requestOf(task));
+        task.request->base = m_shared.baseFormat->forKey(task.text());
+    }
+    return true;
 }
 
 /// Removes a task that may wait: it is in no place if memory ran out while it was sent.
@@ -172,6 +195,12 @@ void Pipeline::dropWaiting(Task const& task)
 
 void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& text)
 {
+    if (task.request && outcome == Outcome::Misconfigured && code == LDAP_NO_SUCH_OBJECT) {
+        // The base is made from the key: it exists for some keys only.
+        finish(task, Outcome::NotFound, LDAP_SUCCESS,
+               "there is no base '" + oneLine(task.request->base) + "'");
+        return;
+    }
     task.answer.outcome = outcome;
     task.answer.code = code;
     task.answer.text = text;

@@ -2,6 +2,8 @@
 // checks a template by parsing it and by expanding it for several kinds of addresses.
 #include <solvane/lookup/QueryTemplate.h>
 
+#include "ResultRules.h"
+
 #include <solvane/session/PlainText.h>
 
 #include <solvane/ldap.h>
@@ -151,6 +153,8 @@ void explainInsertion(QueryTemplate::Step& step, std::string const& literal,
 
 // Checking
 
+constexpr char sameForAll[] = "no specifier for the address: every address finds the same entries";
+
 /// A `\` that is not followed by two hexadecimal digits.
 bool hasBrokenEscape(std::string const& text)
 {
@@ -163,6 +167,11 @@ bool hasBrokenEscape(std::string const& text)
         }
     }
     return false;
+}
+
+std::string textOf(EmailAddress const& address)
+{
+    return address.domain().empty() ? address.local() : address.local() + '@' + address.domain();
 }
 
 constexpr char ordinary[] = "user@domain.test";
@@ -191,6 +200,7 @@ public:
         }
         inspectParentheses();
         inspectAddress();
+        inspectForeign();
         if (!isMalformed()) {
             inspectRemovals();
         }
@@ -313,29 +323,50 @@ private:
         if (isNamed || isMalformed() || m_body.isEmpty()) {
             return;
         }
-        Size const percent = percentSpecifier();
-        if (percent != std::string::npos) {
-            add(Weight::error, {percent, percent + 2},
+        Range const foreign = foreignSpecifier(0);
+        if (!foreign.isEmpty()) {
+            add(Weight::error, foreign,
                 "unsupported specifier; use '$m' for the address, '$u' for its local part, '$d' "
-                "for "
-                "its domain");
+                "for its domain");
         } else {
-            add(Weight::warning, m_body,
-                "no specifier for the address: every address finds the same entries");
+            add(Weight::warning, m_body, sameForAll);
         }
     }
 
-    /// The position of a specifier of mail servers' lookup tables, as "%s"; npos without one.
-    Size percentSpecifier() const
+    /// Beside a specifier for the address, those of other programs may be meant as text.
+    void inspectForeign()
     {
-        Size at = m_text.find('%');
-        while (
-            at != std::string::npos &&
-            (at + 1 >= m_text.size() ||
-             std::string_view("suUdDSW123456789").find(m_text[at + 1]) == std::string_view::npos)) {
-            at = m_text.find('%', at + 1);
+        if (hasError()) {
+            return;
         }
-        return at;
+        for (Range found = foreignSpecifier(0); !found.isEmpty();
+             found = foreignSpecifier(found.end)) {
+            add(Weight::warning, found,
+                "plain text, not a specifier; use '$m' for the address, '$u' for its local part, "
+                "'$d' for its domain");
+            m_findings.back().concernsAll = true;
+        }
+    }
+
+    /// The next specifier of the lookup tables of mail servers, as "%s", "%Lu" and "%{user}"; empty
+    /// without one.
+    Range foreignSpecifier(Size from) const
+    {
+        for (Size at = m_text.find('%', from); at != std::string::npos && at + 1 < m_text.size();
+             at = m_text.find('%', at + 1)) {
+            char const letter = m_text[at + 1];
+            if (letter == '{' && m_text.find('}', at) != std::string::npos) {
+                return {at, m_text.find('}', at) + 1};
+            }
+            if (std::string_view("suUdDSWn123456789").find(letter) != std::string_view::npos) {
+                return {at, at + 2};
+            }
+            if (letter == 'L' && at + 2 < m_text.size() &&
+                std::string_view("und").find(m_text[at + 2]) != std::string_view::npos) {
+                return {at, at + 3};
+            }
+        }
+        return {from, from};
     }
 
     /// Checks the template's own text that is part of the filter; inserted values are escaped.
@@ -442,6 +473,31 @@ private:
     std::vector<Finding> m_findings;
 };
 
+/// Checks a template by Postfix's rules.
+/// @param format  null if the text is invalid
+std::vector<Finding> inspectPostfix(std::string const& text, ResultFormat const* format)
+{
+    if (auto const fault = faultIn(text)) {
+        return {{Weight::error, fault->position, 1, describe(*fault)}};
+    }
+    if (bodyOf(text).isEmpty()) {
+        return {{Weight::error, 0, text.size(),
+                 "expands to an empty filter, which matches every entry"}};
+    }
+    if (format == nullptr) {
+        return {{Weight::error, 0, text.size(),
+                 "the template " + ResultFormat::faultOf(text) + "; use %s %u %d, %1 to %9, %%"}};
+    }
+    std::string const filter = format->forKey("user@a.b.c.d.e.f.g.h.domain.test");
+    if (!isFilter(filter)) {
+        return {{Weight::error, 0, text.size(), "OpenLDAP rejects the filter: " + oneLine(filter)}};
+    }
+    if (format->insertionsForKey(ordinary).empty()) {
+        return {{Weight::warning, 0, text.size(), sameForAll}};
+    }
+    return {};
+}
+
 struct FreeElement {
     void operator()(BerElement* element) const { ber_free(element, 1); }
 };
@@ -454,8 +510,38 @@ QueryTemplate::QueryTemplate(std::string const& text, std::string const& bValue,
 {
 }
 
+QueryTemplate::QueryTemplate(Settings const& settings)
+    : m_text(settings.queryTemplate), m_bValue(settings.bValue), m_gValue(settings.gValue),
+      m_isPostfix(settings.postfixRules)
+{
+    if (m_isPostfix && ResultFormat::faultOf(m_text).empty()) {
+        m_format = std::make_shared<ResultFormat>(m_text, true);
+    }
+}
+
+std::string QueryTemplate::expand(std::string const& key) const
+{
+    if (!m_isPostfix) {
+        return expand(EmailAddress(key));
+    }
+    if (!m_format) {
+        LDAPException fault("LDAPException", 2, "LDAPLookup.cpp", 20, 0);
+        fault.stringParameter("the template " + ResultFormat::faultOf(m_text));
+        throw fault;
+    }
+    return m_format->forKey(key);
+}
+
+std::string QueryTemplate::lackOf(std::string const& key) const
+{
+    return m_format ? m_format->lackForKey(key) : std::string();
+}
+
 std::string QueryTemplate::expand(EmailAddress const& address) const
 {
+    if (m_isPostfix) {
+        return expand(textOf(address));
+    }
     return LDAPUtil::sv_ldap_expand_query(m_text, address.local(), address.domain(), m_bValue,
                                           m_gValue);
 }
@@ -463,6 +549,13 @@ std::string QueryTemplate::expand(EmailAddress const& address) const
 std::vector<QueryTemplate::Step> QueryTemplate::explain(EmailAddress const& address) const
 {
     std::vector<Step> steps;
+    if (m_isPostfix) {
+        for (auto const& part : m_format ? m_format->insertionsForKey(textOf(address))
+                                         : std::vector<ResultFormat::Insertion>()) {
+            steps.push_back({part.position, {'%', part.specifier}, {}, part.text, {}, {}});
+        }
+        return steps;
+    }
     std::string before;
     // Each prefix of the template that ends with a specifier is a template too. The difference
     // between the expansions of two consecutive prefixes is the effect of the last specifier.
@@ -491,7 +584,8 @@ std::vector<QueryTemplate::Step> QueryTemplate::explain(EmailAddress const& addr
 
 std::vector<Finding> QueryTemplate::check() const
 {
-    return Inspection(m_text, m_bValue, m_gValue).run();
+    return m_isPostfix ? inspectPostfix(m_text, m_format.get())
+                       : Inspection(m_text, m_bValue, m_gValue).run();
 }
 
 bool isFilter(std::string const& filter)

@@ -87,6 +87,42 @@ bool isOfValue(char specifier)
     return std::string_view("sud").find(specifier) != std::string_view::npos;
 }
 
+/// What a specifier inserts, in words.
+std::string nameOf(char specifier)
+{
+    switch (specifier) {
+    case 's':
+    case 'S':
+        return "text";
+    case 'u':
+    case 'U':
+        return "user";
+    case 'd':
+    case 'D':
+        return "domain";
+    default:
+        return std::string("label ") + specifier + " of a domain";
+    }
+}
+
+/// The text with each special character of filters (RFC 4515) and of DNs (RFC 4514) as `\NN`, which
+/// both allow for every character.
+std::string escaped(std::string_view text)
+{
+    constexpr char digits[] = "0123456789ABCDEF";
+    constexpr std::string_view special = "*()\\,+\"<>;=# "; // keys have no control characters
+    std::string out;
+    for (char const character : text) {
+        if (special.find(character) == std::string_view::npos) {
+            out += character;
+            continue;
+        }
+        auto const byte = static_cast<unsigned char>(character);
+        out.append({'\\', digits[byte >> 4], digits[byte & 0x0F]});
+    }
+    return out;
+}
+
 constexpr std::string_view optionName = ";range=";
 
 /// Where the option "range" begins; npos if there is none.
@@ -143,7 +179,7 @@ std::string ResultFormat::faultOf(std::string const& text)
     return std::string();
 }
 
-ResultFormat::ResultFormat(std::string const& text)
+ResultFormat::ResultFormat(std::string const& text, bool lowersKeys) : m_lowersKeys(lowersKeys)
 {
     std::string literal;
     for (std::size_t at = 0; at < text.size(); ++at) {
@@ -151,10 +187,15 @@ ResultFormat::ResultFormat(std::string const& text)
             literal += text[at];
             continue;
         }
-        m_pieces.push_back({'\0', std::exchange(literal, std::string())});
-        m_pieces.push_back({text[at], std::string()});
+        m_pieces.push_back({'\0', std::exchange(literal, std::string()), 0});
+        m_pieces.push_back({text[at], std::string(), at - 1});
     }
-    m_pieces.push_back({'\0', literal});
+    m_pieces.push_back({'\0', literal, 0});
+}
+
+std::string ResultFormat::keyOf(std::string_view key) const
+{
+    return m_lowersKeys ? copyStringToLower(std::string(key)) : std::string(key);
 }
 
 std::string ResultFormat::lackOf(std::string_view key) const
@@ -166,11 +207,46 @@ std::string ResultFormat::lackOf(std::string_view key) const
             !inserted(specifier, Parts({}), parts).empty()) {
             continue;
         }
-        return specifier == 'U'   ? "user"
-               : specifier == 'D' ? "domain"
-                                  : std::string("label ") + specifier + " of a domain";
+        return nameOf(specifier);
     }
     return std::string();
+}
+
+std::string ResultFormat::lackForKey(std::string_view key) const
+{
+    Parts const parts(key);
+    for (Piece const& piece : m_pieces) {
+        if (piece.specifier != '\0' && inserted(piece.specifier, parts, parts).empty()) {
+            return nameOf(piece.specifier);
+        }
+    }
+    return std::string();
+}
+
+std::string ResultFormat::forKey(std::string_view key) const
+{
+    std::string const whole = keyOf(key);
+    Parts const parts(whole);
+    std::string text;
+    for (Piece const& piece : m_pieces) {
+        text += piece.specifier == '\0' ? piece.literal
+                                        : escaped(inserted(piece.specifier, parts, parts));
+    }
+    return text;
+}
+
+std::vector<ResultFormat::Insertion> ResultFormat::insertionsForKey(std::string_view key) const
+{
+    std::string const whole = keyOf(key);
+    Parts const parts(whole);
+    std::vector<Insertion> insertions;
+    for (Piece const& piece : m_pieces) {
+        if (piece.specifier != '\0') {
+            insertions.push_back({piece.position, piece.specifier,
+                                  escaped(inserted(piece.specifier, parts, parts))});
+        }
+    }
+    return insertions;
 }
 
 std::optional<std::string> ResultFormat::of(std::string_view value, std::string_view key) const
@@ -179,7 +255,8 @@ std::optional<std::string> ResultFormat::of(std::string_view value, std::string_
         return std::nullopt;
     }
     Parts const valueParts(value);
-    Parts const keyParts(key);
+    std::string const whole = keyOf(key);
+    Parts const keyParts(whole);
     std::string text;
     for (Piece const& piece : m_pieces) {
         if (piece.specifier == '\0') {
@@ -229,7 +306,7 @@ std::optional<ValueRange> ValueRange::in(std::string const& description)
 
 ResultRules::ResultRules(Settings const& settings)
     : m_request{{}, LDAP_SCOPE_BASE, settings.deref, {}, settings.entryLimit, settings.timeLimit},
-      m_format(settings.resultFormat.empty() ? "%s" : settings.resultFormat),
+      m_format(settings.resultFormat.empty() ? "%s" : settings.resultFormat, settings.postfixRules),
       m_areSet(settings.makesResults())
 {
     if (!m_areSet) {

@@ -34,21 +34,41 @@ public:
     /// Why a format is invalid; empty if it is valid.
     static std::string faultOf(std::string const& text);
 
-    /// @param text  a valid one
-    explicit ResultFormat(std::string const& text);
+    /// @param text        a valid one
+    /// @param lowersKeys  inserts parts of keys in lower case
+    explicit ResultFormat(std::string const& text, bool lowersKeys = false);
 
     /// What the key lacks, as "domain"; empty if it has all that the format inserts of it.
     std::string lackOf(std::string_view key) const;
     /// The text for a value; none if the value, or the key, lacks a part.
     std::optional<std::string> of(std::string_view value, std::string_view key) const;
 
+    // As a filter or DN for a key: %s, %u, %d are its parts too.
+
+    /// What the key lacks; empty if it has all that is inserted.
+    std::string lackForKey(std::string_view key) const;
+    /// The text for a key that lacks nothing; special characters of filters and DNs are escaped.
+    std::string forKey(std::string_view key) const;
+    /// One inserted part.
+    struct Insertion {
+        std::size_t position; ///< of the specifier in the format
+        char specifier;       ///< its letter or digit
+        std::string text;     ///< escaped
+    };
+    /// Everything that is inserted for a key, in order.
+    std::vector<Insertion> insertionsForKey(std::string_view key) const;
+
 private:
     /// A specifier's letter, or 0 for literal text.
     struct Piece {
         char specifier;
         std::string literal;
+        std::size_t position; ///< of the specifier
     };
+    std::string keyOf(std::string_view key) const;
+
     std::vector<Piece> m_pieces;
+    bool m_lowersKeys;
 };
 
 /// The option "range" of an attribute, by which Active Directory returns many values in parts:

@@ -159,6 +159,16 @@ void checkSpecial(std::string const& name, std::vector<std::string> const& other
     require(!isBoth, "the special result attribute '" + name + "' is a result attribute too");
 }
 
+void checkPostfixRules(Settings const& settings)
+{
+    if (settings.postfixRules) {
+        std::string const fault = ResultFormat::faultOf(settings.base);
+        require(fault.empty(), "the base " + fault);
+        require(settings.forms == std::vector<Form>{Form::full},
+                "by Postfix's rules, keys have no other forms");
+    }
+}
+
 /// Groups and the format.
 void checkResults(Settings const& settings)
 {
@@ -195,7 +205,7 @@ void checkSearch(Settings const& settings)
             "the alias mode is invalid");
     checkAttributes(settings.attributes);
     require(!settings.forms.empty(), "the list of address forms is empty");
-    QueryTemplate const queryTemplate(settings.queryTemplate, settings.bValue, settings.gValue);
+    QueryTemplate const queryTemplate(settings);
     for (QueryTemplate::Finding const& finding : queryTemplate.check()) {
         require(finding.weight != QueryTemplate::Finding::Weight::error,
                 "error in the template at byte " + std::to_string(finding.position) + ": " +
@@ -250,6 +260,7 @@ void validate(Settings const& settings)
     checkServers(settings);
     checkCredentials(settings);
     checkSearch(settings);
+    checkPostfixRules(settings);
     checkResults(settings);
     checkDomains(settings);
     checkTimes(settings);

@@ -65,6 +65,7 @@ public:
     Settings const& settings;
     QueryTemplate const queryTemplate;
     KeyForms const forms;
+    std::unique_ptr<ResultFormat const> const baseFormat; ///< null if all keys have the same base
     ResultRules const rules;
     SearchRequest const request;
     SearchRequest const entryRequest; ///< for the DN alone, and whether there are several

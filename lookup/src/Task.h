@@ -25,12 +25,13 @@ struct MemberSearch;
 /// members is not done then: its expansion makes further tasks, which share its deadline.
 struct Task {
     std::string key;
-    std::unique_ptr<Login> login;         ///< its password is to be verified; null: a lookup
-    std::unique_ptr<MemberSearch> member; ///< searches this instead of the key
-    std::unique_ptr<Expansion> expansion; ///< of a key whose members are searched
-    std::uint64_t tag = 0;                ///< the owner's name for it
-    std::vector<std::string> forms;       ///< empty: only the key itself
-    std::size_t form = 0;                 ///< index of the current form
+    std::unique_ptr<Login> login;           ///< its password is to be verified; null: a lookup
+    std::unique_ptr<MemberSearch> member;   ///< searches this instead of the key
+    std::unique_ptr<Expansion> expansion;   ///< of a key whose members are searched
+    std::unique_ptr<SearchRequest> request; ///< with a base of its own; null: as for all keys
+    std::uint64_t tag = 0;                  ///< the owner's name for it
+    std::vector<std::string> forms;         ///< empty: only the key itself
+    std::size_t form = 0;                   ///< index of the current form
     Clock::time_point start;
     Clock::time_point deadline;
     Answer answer;

@@ -67,6 +67,14 @@ bool isControl(char32_t character)
     return character < 0x20 || (character >= 0x7F && character <= 0x9F);
 }
 
+/// Marks, embeddings, overrides and isolates (Unicode, UAX #9).
+bool isBidirectional(char32_t character)
+{
+    return character == 0x061C || character == 0x200E || character == 0x200F ||
+           (character >= 0x202A && character <= 0x202E) ||
+           (character >= 0x2066 && character <= 0x2069);
+}
+
 bool isAscii(char byte) { return static_cast<unsigned char>(byte) < 0x80; }
 
 bool isPlainAscii(char byte) { return isAscii(byte) && byte >= 0x20 && byte != 0x7F; }
@@ -139,7 +147,7 @@ std::string oneLine(std::string_view text)
         }
         Decoded const next = decode(text);
         std::string_view const bytes = text.substr(0, next.length == 0 ? 1 : next.length);
-        if (next.length != 0 && !isControl(next.character)) {
+        if (next.length != 0 && !isControl(next.character) && !isBidirectional(next.character)) {
             shown.append(bytes);
         } else {
             std::for_each(bytes.begin(), bytes.end(),
@@ -147,6 +155,19 @@ std::string oneLine(std::string_view text)
         }
         text.remove_prefix(bytes.size());
     }
+}
+
+bool isPrintable(std::string_view text)
+{
+    for (text.remove_prefix(plainAsciiOf(text)); !text.empty();
+         text.remove_prefix(plainAsciiOf(text))) {
+        Decoded const next = decode(text);
+        if (next.length == 0 || isControl(next.character) || isBidirectional(next.character)) {
+            return false;
+        }
+        text.remove_prefix(next.length);
+    }
+    return true;
 }
 
 bool isBlank(std::string_view text)

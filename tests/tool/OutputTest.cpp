@@ -148,6 +148,25 @@ TEST(TsvWriter, LeavesNoTabInAColumn)
     EXPECT_EQ(written("tsv", record), "> j\\x09doe\\x0A\ta\\x09b\tfound\n");
 }
 
+TEST(TsvWriter, LeavesValuesThatCanBeRestored)
+{
+    Record record = found({{"cn=a", {attribute("cn", {"a,b", "\\x2C", "c\xE2\x80\xAE"})}}});
+    record.key = "a,b\\@x";
+
+    EXPECT_EQ(written("tsv", record),
+              "> a,b\\x5C@x\ta\\x2Cb,\\x5Cx2C,c\\xE2\\x80\\xAE\tfound\n");
+    EXPECT_EQ(written("values", record), "> a\\x2Cb,\\x5Cx2C,c\\xE2\\x80\\xAE\n");
+}
+
+TEST(TextWriter, LeavesTheDirectionOfTextAlone)
+{
+    Record record = found({{"cn=a", {attribute("cn", {"x\xE2\x80\xAEy"})}}}); // U+202E
+    record.key = "\xD8\x9Cz";                                                // U+061C
+
+    EXPECT_EQ(written("text", record),
+              "> # \\xD8\\x9Cz: found 1\ndn: cn=a\ncn:: eOKArnk=\n\n");
+}
+
 Record group(std::vector<std::string> results)
 {
     Record record = jdoe();
@@ -229,6 +248,18 @@ TEST(JsonWriter, EscapesAndWrapsBytes)
         testing::HasSubstr(R"([{"dn":{"base64":"/w=="},"attrs":{"cn":["a\"\\\n\u0000z",)"
                            R"({"base64":"wA=="}],"x\\x0Ay":[],)"
                            R"("c;binary":[{"base64":"TWFueQ=="},{"base64":""}]}}])"));
+}
+
+TEST(JsonWriter, EscapesWhatATerminalObeysOrReorders)
+{
+    Record record = found(
+        {{"cn=a", {attribute("cn", {"\x7F\xC2\x9B" "31m\xE2\x81\xA6", "\xE2\x82\xAC\xF0\x9F\x98\x80"})}}});
+    record.key = "\xD8\x9C\xC3\xBC";
+
+    EXPECT_THAT(written("json", record),
+                testing::AllOf(testing::HasSubstr("\"key\":\"\\u061c\xC3\xBC\""),
+                               testing::HasSubstr(R"(["\u007f\u009b31m\u2066",)"),
+                               testing::HasSubstr("\xE2\x82\xAC\xF0\x9F\x98\x80\"]")));
 }
 
 TEST(JsonWriter, GathersTheValuesOfARepeatedAttribute)

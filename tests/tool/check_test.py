@@ -378,6 +378,26 @@ class CheckOnAScriptedDirectory(CheckTest):
         self.assertEqual(result.status, 75)
         self.assertIn("did not answer the bind within 1 s", steps.texts["bind"])
 
+    def test_ends_each_step_with_a_silent_server_after_the_network_timeout(self):
+        """A deadline of ten minutes would end the test."""
+        root = tlv(0x30, tlv(0x04, b"supportedLDAPVersion"), tlv(0x31, tlv(0x04, b"3")))
+        dse = message(3, tlv(0x64, tlv(0x04, b""), tlv(0x30, root)))
+        for step, answers in (
+            ("who am I", [bound(), b""]),
+            ("root DSE", [bound(), identity(2, 0, b"dn:cn=x"), b""]),
+            (
+                "base",
+                [bound(), identity(2, 0, b"dn:cn=x"), dse + message(3, outcome(0x65, 0)), b""],
+            ),
+        ):
+            with self.subTest(step):
+                arguments = ["--deadline", "600", "-b", PEOPLE]
+                result, steps = self.answered(*answers, arguments=arguments)
+
+                self.assertEqual(result.status, 75, result.output)
+                self.assertEqual(steps.verdicts[step], "FAILED", result.output)
+                self.assertRegex(steps.texts[step], "within 1 s|no answer in time")
+
     def test_fails_where_the_bind_made_nobody_of_us(self):
         result, steps = self.answered(bound(), identity(2, 0, b""))
 

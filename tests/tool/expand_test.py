@@ -180,6 +180,18 @@ class ExpandLint(ToolTest):
             ],
         )
 
+    def test_warns_of_specifiers_of_other_programs(self):
+        for specifier in ("%s", "%n", "%Lu", "%{user}", "%1"):
+            with self.subTest(specifier):
+                result = run("expand", "--lint", "-t", f"(|(mail=$m)(uid={specifier}))")
+
+                self.assertEqual((result.status, len(result.lines)), (0, 3))
+                self.assertIn("template:16: warning: plain text, not a specifier", result.lines[0])
+                self.assertEqual(result.lines[2], " " * 16 + "^" + "~" * (len(specifier) - 1))
+                alone = run("expand", "--lint", "-t", f"(uid={specifier})")
+                self.assertIn("template:5: error: unsupported specifier", alone.lines[0])
+        self.assertEqual(run("expand", "--lint", "-t", "(|(mail=$m)(cn=100%)(cn=%%))").output, "")
+
     def test_succeeds_with_warnings(self):
         result = run("expand", "--lint", "-t", "(&(uid=$u)(dc=$d))")
 

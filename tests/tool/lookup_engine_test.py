@@ -111,6 +111,7 @@ class Sizes(ScriptedLookup):
     def test_bound_the_key(self):
         result = self.look_up(
             lambda request: request.empty(),
+            "-q",
             "--key-bytes",
             "10",
             "a@x.test",
@@ -138,7 +139,7 @@ class Domains(ScriptedLookup):
         self.assertEqual(result.status, 0, result.errors)
 
     def test_are_looked_up_as_they_are_if_told_so(self):
-        result = self.ask("--ascii-domains", "no", "user@m\u00fcnchen.test")
+        result = self.ask("-q", "--ascii-domains", "no", "user@m\u00fcnchen.test")
 
         self.assertEqual((result.status, self.directory.count(SEARCH)), (1, 1), result.errors)
 

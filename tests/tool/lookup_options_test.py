@@ -294,7 +294,7 @@ class OptionsOnADirectory(DirectoryTest):
 
         def asked(*arguments):
             before = len(directory.connections)
-            self.look_up(*arguments, uri=directory.uri, template="(m=<$u|$d>)")
+            self.look_up("-q", *arguments, uri=directory.uri, template="(m=<$u|$d>)")
             return [
                 request.content[request.content.index(b"<") :].partition(b">")[0].decode()
                 for connection in directory.connections[before:]

@@ -291,6 +291,25 @@ class Groups(DirectoryTest):
         self.assertEqual(result.lines[1], "result: smtp:[corp.test] user0000003")
         self.assert_fails(invalid, 64, "--result-format", "unknown specifier %q")
 
+    def test_warns_once_if_nothing_can_be_found(self):
+        """Of what no answer shows: every address is not found."""
+        nobody = ["a@corp.test", "b@corp.test"]
+        for template, base, attributes, word in (
+            ("(maill=$m)", PEOPLE, "cn", "does not know the attribute 'maill' (similar: 'mail')"),
+            ("(mail=$m)", PEOPLE, "cnn", "does not know the attribute 'cnn'"),
+            ("(mail=$m)", "cn=people,ou=aliases,dc=corp,dc=test", "cn", "is an alias"),
+            ("(&(mail=$m)(cn=%n))", PEOPLE, "cn", "plain text, not a specifier"),
+        ):
+            with self.subTest(word):
+                result = self.look_up(*nobody, "--attrs", attributes, template=template, base=base)
+
+                self.assertEqual((result.status, len(result.error_lines)), (1, 1), result.errors)
+                self.assertIn("warning: ", result.errors)
+                self.assertIn(word, result.errors)
+        quiet = self.look_up(*nobody, "-q", template="(maill=$m)")
+        self.assertEqual((quiet.status, quiet.errors), (1, ""))
+        self.assertEqual(self.look_up(*nobody).errors, "")
+
     def test_tells_what_is_found_without_a_value(self):
         lacking = ["--attrs", "telephoneNumber", "user0000001@corp.test"]
         text = self.look_up(*lacking)
@@ -572,7 +591,9 @@ class FormatsOfHostileValues(ToolTest):
             with self.subTest(form=form):
                 result = self.look_up(form, (b"cn", [b"a\tb\nc", b"", b"\xff,\x1b[2J"]))
 
-                self.assertEqual(result.lines, [before + "a\\x09b\\x0Ac,,\\xFF,\\x1B[2J" + after])
+                self.assertEqual(
+                    result.lines, [before + "a\\x09b\\x0Ac,,\\xFF\\x2C\\x1B[2J" + after]
+                )
 
     def test_json_stays_valid(self):
         result = self.look_up(

@@ -136,7 +136,7 @@ class Grammar(ToolTest):
             self.assert_fails(run("-C", path, "expand", "-t", "x", "a"), 78, word)
 
     def test_is_refused_with_a_password_that_others_can_read(self):
-        for mode in (0o640, 0o604, 0o644):
+        for mode in (0o640, 0o604, 0o644, 0o602, 0o620):
             with self.subTest(mode=oct(mode)):
                 self.assert_refused(
                     "query_filter = $u\nbind_pw = hunter2\n",
@@ -147,6 +147,39 @@ class Grammar(ToolTest):
                 )
 
         self.assertEqual(self.expand("query_filter = $u\n", mode=0o644).status, 0)
+
+    def test_may_begin_with_a_byte_order_mark(self):
+        result = self.expand("\ufeffquery_filter = ($u)\n")
+        template = self.file("template", "\ufeff[$u]".encode())
+        keys = self.file("keys", "\ufeffa\n\ufeffb\n".encode())
+
+        self.assertEqual(result.lines, ["(a+b)"])
+        expanded = run("expand", "-T", template, "-f", keys)
+        self.assertEqual(expanded.output, "[a]\n[\ufeffb]\n")
+
+    def test_takes_domains_and_files_of_them(self):
+        listed = self.file("domains", "\ufeffb.test # comment\nc.test\n".encode())
+        for text in (f"a.test, {listed}", f"{listed} a.test", f"@{listed},a.test", "a.test"):
+            with self.subTest(text):
+                self.assertEqual(self.expand(f"query_filter = $u\ndomain = {text}\n").status, 0)
+        for text, word in (
+            ("a.test, hash:/etc/domains", "invalid domain 'hash:/etc/domains'"),
+            ("texthash:/etc/domains", "invalid domain 'texthash:/etc/domains'"),
+            ("a.test, !b.test", "invalid domain '!b.test'"),
+            (".a.test", "invalid domain '.a.test'"),
+            ("$mydestination", "invalid domain '$mydestination'"),
+            ("a.test, /no/such/file", "cannot read the file of domains '/no/such/file'"),
+        ):
+            with self.subTest(text):
+                self.assert_refused(f"query_filter = $u\ndomain = {text}\n", 2, word)
+
+    def test_looks_up_as_postfix_only_if_asked_to(self):
+        rules = "postfix_rules = yes\n"
+        for template in ("(mail=%s)", "(uid=%Lu)", "(uid=%{user})", "(uid=%n)"):
+            self.assert_refused(f"query_filter = {template}\n", 1, "$m")
+        result = self.expand("query_filter = (mail=%s)\n" + rules)  # in any order
+        self.assertEqual(result.lines, ["(mail=a\\2Bb@x.test)"])
+        self.assertEqual(self.expand(rules + "query_filter = (x=%n)\n").status, 65)
 
     @unittest.skipIf(os.getuid() != 0, "needs root to give files away")
     def test_with_a_password_is_read_by_the_group_of_a_service(self):

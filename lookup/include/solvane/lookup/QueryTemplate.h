@@ -3,14 +3,18 @@
 #ifndef SOLVANE_LOOKUP_QUERY_TEMPLATE_H
 #define SOLVANE_LOOKUP_QUERY_TEMPLATE_H
 
+#include <solvane/lookup/Settings.h>
 #include <solvane/session/Export.h>
 
 #include <solvart/EmailAddress.h>
 
+#include <memory>
 #include <string>
 #include <vector>
 
 namespace Solvane::Lookup {
+
+class ResultFormat;
 
 /// A template with the values of `$b` and `$g`. `LDAPUtil` expands it. A value; its const calls are
 /// thread-safe.
@@ -20,6 +24,8 @@ public:
     /// this text from 0, including leading blanks.
     explicit QueryTemplate(std::string const& text, std::string const& bValue = std::string(),
                            std::string const& gValue = std::string());
+    /// The template of settings, in the language that they choose (`Settings::postfixRules`).
+    explicit QueryTemplate(Settings const& settings);
 
     /// The template as given.
     std::string const& text() const { return m_text; }
@@ -28,6 +34,12 @@ public:
     /// @throws LDAPException  as `LDAPUtil::sv_ldap_expand_query`: the template is malformed; the
     ///                        text names the error
     std::string expand(EmailAddress const& address) const;
+    /// The filter for a key as it is given.
+    /// @throws LDAPException  the same
+    std::string expand(std::string const& key) const;
+    /// What the key lacks of the parts that a template by Postfix's rules inserts, as "domain": it
+    /// must not be searched. Empty if it lacks nothing, and for other templates.
+    std::string lackOf(std::string const& key) const;
 
     /// What one specifier did.
     struct Step {
@@ -55,6 +67,7 @@ public:
         std::string::size_type position; ///< of the first byte concerned
         std::string::size_type length;   ///< bytes concerned; 0: the position itself
         std::string text;                ///< one line
+        bool concernsAll = false;        ///< a specifier of another program, which matters always
     };
 
     /// All findings, by position; contacts no server.
@@ -63,7 +76,8 @@ public:
     /// or an inserted value; unbalanced parentheses; an empty expansion; a filter that OpenLDAP
     /// rejects, if no other error explains it.
     ///
-    /// Warnings: no specifier for the address; text dropped before `$c`, `${` or an empty value;
+    /// Warnings: no specifier for the address; a specifier of another program, such as `%n` and
+    /// `%{user}`, which is plain text; text dropped before `$c`, `${` or an empty value;
     /// `#` for an empty domain; a `${...}` that can match nothing, splits escapes or cuts into
     /// other text; a filter that OpenLDAP rejects only for addresses without user or domain.
     std::vector<Finding> check() const;
@@ -72,6 +86,8 @@ private:
     std::string m_text;
     std::string m_bValue;
     std::string m_gValue;
+    bool m_isPostfix = false;
+    std::shared_ptr<ResultFormat const> m_format; ///< of one by Postfix's rules, if it is valid
 };
 
 /// Whether OpenLDAP accepts `filter` (RFC 4515) for a search; sends nothing. False for an empty

@@ -66,9 +66,9 @@ struct Settings {
     std::string base;            ///< search base
     LDAPSearch::Scope scope = LDAPSearch::ScopeSubtree; ///< search scope
     LDAPSearch::Deref deref = LDAPSearch::DerefNever;   ///< when to dereference aliases
-    std::string queryTemplate;                          ///< for `LDAPUtil::sv_ldap_expand_query`
-    std::string bValue;                                 ///< value of `$b`
-    std::string gValue;                                 ///< value of `$g`
+    std::string queryTemplate; ///< for `LDAPUtil::sv_ldap_expand_query`, or as `postfixRules` says
+    std::string bValue;        ///< value of `$b`
+    std::string gValue;        ///< value of `$g`
     /// To return; empty asks for all user attributes. With groups or a format, those whose values
     /// are results.
     std::vector<std::string> attributes;
@@ -126,6 +126,13 @@ struct Settings {
     /// Empty is "%s".
     std::string resultFormat = "%s";
 
+    /// Keys as in Postfix's ldap_table(5). `queryTemplate` and `base` have the specifiers of
+    /// `resultFormat`, and all of them insert parts of the key, escaped; `$` is plain text. Keys are
+    /// looked up in lower case and in no other form: `forms` must be {full}, `asciiDomains` has no
+    /// effect. A key that lacks a part is `NotFound` and not searched, and so is one for which
+    /// `base` becomes a DN that no server has. With `domains`, a key without a user is skipped.
+    bool postfixRules = false;
+
     /// Whether answers have results: groups, a format or an expansion limit are set.
     bool makesResults() const
     {
@@ -145,10 +152,10 @@ SOLVANE_LOOKUP_EXPORT void validate(Settings const& settings);
 
 /// Whether lookups with these settings can use the same connections: they differ at most in what
 /// is searched for (`base`, `scope`, `deref`, `queryTemplate`, `bValue`, `gValue`, `attributes`,
-/// `forms`, `extensionDelimiter`, `domains`, `asciiDomains`, `references`), in what becomes of it
-/// (groups and their limits, `resultFormat`) and in the limits of one key (`entryLimit`,
-/// `timeLimit`, `keyBytes`, `answerBytes`). Also in `window`: that of the first lookup is where each
-/// server's own limit begins. Thread-safe.
+/// `forms`, `extensionDelimiter`, `domains`, `asciiDomains`, `references`, `postfixRules`), in what
+/// becomes of it (groups and their limits, `resultFormat`) and in the limits of one key
+/// (`entryLimit`, `timeLimit`, `keyBytes`, `answerBytes`). Also in `window`: that of the first
+/// lookup is where each server's own limit begins. Thread-safe.
 SOLVANE_LOOKUP_EXPORT bool haveSameConnections(Settings const& one, Settings const& another);
 
 } // namespace Solvane::Lookup

@@ -29,9 +29,13 @@ SOLVANE_LOOKUP_EXPORT std::string describe(TextFault const& fault);
 /// True for valid UTF-8, including control characters.
 SOLVANE_LOOKUP_EXPORT bool isUtf8(std::string_view bytes);
 
-/// The text with every byte of a control character and of invalid UTF-8 as `\xNN`, so that it stays
-/// on one line and is safe to print on a terminal. Use it for all text from servers and users.
+/// The text with every byte of a control character, of a bidirectional control (which reorders what
+/// a reader sees) and of invalid UTF-8 as `\xNN`, so that it stays on one line and is safe to print
+/// on a terminal. Use it for all text from servers and users.
 SOLVANE_LOOKUP_EXPORT std::string oneLine(std::string_view text);
+
+/// Whether `oneLine` returns the text unchanged.
+SOLVANE_LOOKUP_EXPORT bool isPrintable(std::string_view text);
 
 /// True if the text has only blanks, tabs and line ends.
 SOLVANE_LOOKUP_EXPORT bool isBlank(std::string_view text);
