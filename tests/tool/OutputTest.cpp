@@ -153,18 +153,16 @@ TEST(TsvWriter, LeavesValuesThatCanBeRestored)
     Record record = found({{"cn=a", {attribute("cn", {"a,b", "\\x2C", "c\xE2\x80\xAE"})}}});
     record.key = "a,b\\@x";
 
-    EXPECT_EQ(written("tsv", record),
-              "> a,b\\x5C@x\ta\\x2Cb,\\x5Cx2C,c\\xE2\\x80\\xAE\tfound\n");
+    EXPECT_EQ(written("tsv", record), "> a,b\\x5C@x\ta\\x2Cb,\\x5Cx2C,c\\xE2\\x80\\xAE\tfound\n");
     EXPECT_EQ(written("values", record), "> a\\x2Cb,\\x5Cx2C,c\\xE2\\x80\\xAE\n");
 }
 
 TEST(TextWriter, LeavesTheDirectionOfTextAlone)
 {
     Record record = found({{"cn=a", {attribute("cn", {"x\xE2\x80\xAEy"})}}}); // U+202E
-    record.key = "\xD8\x9Cz";                                                // U+061C
+    record.key = "\xD8\x9Cz";                                                 // U+061C
 
-    EXPECT_EQ(written("text", record),
-              "> # \\xD8\\x9Cz: found 1\ndn: cn=a\ncn:: eOKArnk=\n\n");
+    EXPECT_EQ(written("text", record), "> # \\xD8\\x9Cz: found 1\ndn: cn=a\ncn:: eOKArnk=\n\n");
 }
 
 Record group(std::vector<std::string> results)
@@ -252,8 +250,10 @@ TEST(JsonWriter, EscapesAndWrapsBytes)
 
 TEST(JsonWriter, EscapesWhatATerminalObeysOrReorders)
 {
-    Record record = found(
-        {{"cn=a", {attribute("cn", {"\x7F\xC2\x9B" "31m\xE2\x81\xA6", "\xE2\x82\xAC\xF0\x9F\x98\x80"})}}});
+    Record record = found({{"cn=a",
+                            {attribute("cn", {"\x7F\xC2\x9B"
+                                              "31m\xE2\x81\xA6",
+                                              "\xE2\x82\xAC\xF0\x9F\x98\x80"})}}});
     record.key = "\xD8\x9C\xC3\xBC";
 
     EXPECT_THAT(written("json", record),

@@ -24,7 +24,7 @@ struct BindResult {
         changeAfterReset ///< 2
     };
 
-    int code = 0;           ///< LDAP result code
+    int code = 0; ///< LDAP result code
     /// The server's diagnostic message, as sent; not safe to print. Like `words`, it may repeat the
     /// password of the bind: search both for it before they are shown or logged.
     std::string serverText;
