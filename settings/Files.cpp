@@ -1,4 +1,4 @@
-// Reads files.
+// Reads and writes files.
 #include "Files.h"
 
 #include <fmt/format.h>
@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <cstring>
 #include <utility>
 
@@ -50,6 +51,19 @@ bool mayBeReadByItsGroup(struct stat const& status, Privacy privacy)
         return true;
     }
     return groupNamed(serviceGroup) == status.st_gid;
+}
+
+void writeWhole(int descriptor, std::string const& path, std::string_view text)
+{
+    while (!text.empty()) {
+        ssize_t const count = write(descriptor, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            throw Failure(Outcome::outputFailed,
+                          fmt::format("cannot write '{}': {}", path, strerror(errno)),
+                          "check its folder");
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
 }
 
 } // namespace
@@ -245,6 +259,36 @@ std::optional<unsigned long> LineReader::count() const
             static_cast<unsigned long>(std::count(part.begin(), part.begin() + count, m_separator));
         last = part[static_cast<std::size_t>(count) - 1];
         position += count;
+    }
+}
+
+void writeFile(std::string const& path, std::string const& text, bool replaces)
+{
+    std::string beside = path + ".XXXXXX";
+    Descriptor const file(mkstemp(beside.data())); // mode 600
+    auto const fail = [&](int error) {
+        unlink(beside.c_str());
+        bool const isThere = error == EEXIST;
+        throw Failure(isThere ? Outcome::usage : Outcome::outputFailed,
+                      fmt::format("cannot write '{}': {}", path, strerror(error)),
+                      isThere ? "use --force to replace it" : "check its folder");
+    };
+    if (!file.isOpen()) {
+        fail(errno);
+    }
+    try {
+        writeWhole(file.get(), path, text);
+    } catch (Failure const&) {
+        unlink(beside.c_str());
+        throw;
+    }
+    int const rc =
+        replaces ? rename(beside.c_str(), path.c_str()) : link(beside.c_str(), path.c_str());
+    if (rc != 0) {
+        fail(errno);
+    }
+    if (!replaces) {
+        unlink(beside.c_str());
     }
 }
 

@@ -1,4 +1,4 @@
-// Reads the files given on the command line.
+// Reads and writes the files given on the command line.
 #ifndef SOLVANE_TOOL_FILES_H
 #define SOLVANE_TOOL_FILES_H
 
@@ -47,6 +47,11 @@ constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 /// Reads a whole text file into memory, without a byte order mark.
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
+
+/// Writes a file of mode 600 that appears at once as a whole.
+/// @param replaces  an existing file is replaced
+/// @throws Failure  "usage": there is one already; "output failed"
+void writeFile(std::string const& path, std::string const& text, bool replaces);
 
 /// Who may read a file with a password besides its owner.
 enum class Privacy {

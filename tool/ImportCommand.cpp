@@ -1,5 +1,5 @@
-// The "import" command: settings that ask a directory as one of Postfix's LDAP tables does (ldap_table(5)),
-// and what differs.
+// The "import" command: settings that ask a directory as one of Postfix's LDAP tables does
+// (ldap_table(5)), and what differs.
 #include "Commands.h"
 
 #include "Files.h"
@@ -114,59 +114,17 @@ std::vector<std::string> domainsOfTable(std::string const& table)
     while (!rest.empty()) {
         std::string_view const line = rest.substr(0, rest.find('\n'));
         std::string const key(line.substr(0, line.find('\t')));
-        if (isDomain(key)) { // no other can match
+        if (isDomain(key) && key == lower(key)) { // no other can match
             domains.push_back(key);
         }
         rest.remove_prefix(std::min(rest.size(), line.size() + 1));
     }
+    if (domains.empty()) {
+        refuse(fmt::format("the table '{}' has no domain, so no address is ever found",
+                           oneLine(table)),
+               "list the domains");
+    }
     return domains;
-}
-
-// Files
-
-void writeWhole(int descriptor, std::string const& path, std::string_view text)
-{
-    while (!text.empty()) {
-        ssize_t const count = write(descriptor, text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            throw Failure(Outcome::outputFailed,
-                          fmt::format("cannot write '{}': {}", path, strerror(errno)),
-                          "check its folder");
-        }
-        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-}
-
-/// Writes a file of mode 600 that appears at once as a whole.
-/// @param replaces  an existing file is replaced
-void writeFile(std::string const& path, std::string const& text, bool replaces)
-{
-    std::string beside = path + ".XXXXXX";
-    Descriptor const file(mkstemp(beside.data())); // mode 600
-    auto const fail = [&](int error) {
-        unlink(beside.c_str());
-        bool const isThere = error == EEXIST;
-        throw Failure(isThere ? Outcome::usage : Outcome::outputFailed,
-                      fmt::format("cannot write '{}': {}", path, strerror(error)),
-                      isThere ? "use --force to replace it" : "check its folder");
-    };
-    if (!file.isOpen()) {
-        fail(errno);
-    }
-    try {
-        writeWhole(file.get(), path, text);
-    } catch (Failure const&) {
-        unlink(beside.c_str());
-        throw;
-    }
-    int const rc =
-        replaces ? rename(beside.c_str(), path.c_str()) : link(beside.c_str(), path.c_str());
-    if (rc != 0) {
-        fail(errno);
-    }
-    if (!replaces) {
-        unlink(beside.c_str());
-    }
 }
 
 /// One table on its way to our settings. Not thread-safe.
@@ -260,7 +218,7 @@ TableImport::TableImport(std::string const& path, std::string const& source) : m
             }
             std::string const own(name.substr(prefix.size()));
             take(own, value, line);
-            if (!prefix.empty() && own != passwordName && value.find('$') != std::string::npos) {
+            if (!prefix.empty() && value.find('$') != std::string::npos) {
                 fail(own.c_str(),
                      Failure(Outcome::configuration,
                              "it has a '$', which Postfix expands in main.cf", "write its value"));
@@ -280,13 +238,18 @@ TableImport::TableImport(std::string const& path, std::string const& source) : m
 TableImport::~TableImport()
 {
     wipe(m_password);
-    if (auto const found = m_values.find(passwordName); found != m_values.end()) {
-        wipe(found->second.text);
+    for (auto& [name, value] : m_values) { // a misspelt name may have it, too
+        wipe(value.text);
     }
 }
 
 void TableImport::take(std::string const& name, std::string const& value, unsigned long line)
 {
+    if (!isAlphanumeric(name, "_-.")) {
+        m_messages.push_back(
+            {line, fmt::format("{}:{}: warning: {}", m_path, line, unknownSetting(name))});
+        return;
+    }
     Value& taken = m_values[name];
     if (taken.line != 0) {
         warn(name.c_str(), fmt::format("it is set again in line {}, which counts", line));
@@ -330,11 +293,11 @@ std::optional<unsigned int> TableImport::numberOf(char const* name, unsigned int
 bool TableImport::isYes(char const* name)
 {
     std::string const text = lower(textOf(name, "no"));
-    if (text != "yes" && text != "no" && text != "1" && text != "0") {
+    if (text != "yes" && text != "no") {
         fail(name, Failure(Outcome::configuration, fmt::format("unsupported value '{}'", text),
                            "choose yes or no"));
     }
-    return text == "yes" || text == "1";
+    return text == "yes";
 }
 
 void TableImport::write(char const* name, std::string const& value, char const* origin)
@@ -585,6 +548,13 @@ void TableImport::convertResults()
          {"special_result_attribute", "leaf_result_attribute", "terminal_result_attribute"}) {
         pass(name);
     }
+    for (char const* const name : {"result_attribute", "special_result_attribute",
+                                   "leaf_result_attribute", "terminal_result_attribute"}) {
+        if (textOf(name).find_first_of("*+@") != std::string::npos) { // no value has such a name
+            fail(name, Failure(Outcome::configuration, "Postfix finds nothing with '*', '+' or '@'",
+                               "name the attributes"));
+        }
+    }
     unsigned int const expansion = numberOf("expansion_limit", 0, largestLimit).value_or(0);
     if (expansion != 0) {
         write("expansion_limit", std::to_string(expansion), "expansion_limit");
@@ -688,9 +658,10 @@ void ImportCommand::declareOn(CLI::App& app)
         ->type_name("");
     app.add_option("--source", m_source, "Name of a table whose settings are in main.cf")
         ->type_name("NAME");
-    app.add_option("--output", m_output, "File to write; default: standard output")
-        ->type_name("FILE");
-    app.add_flag("--force", m_replaces, "Replace an existing file");
+    auto* const output =
+        app.add_option("--output", m_output, "File to write; default: standard output")
+            ->type_name("FILE");
+    app.add_flag("--force", m_replaces, "Replace an existing file")->needs(output);
     app.footer(footer);
 }
 

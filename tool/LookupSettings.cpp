@@ -86,10 +86,11 @@ void tellDoubts(Lookup::Session& session, Draft const& draft, LDAPLookup::Settin
     auto const tell = [&](std::string const& text) {
         diagnostics.error(fmt::format("warning: {}: {}", session.uri(), text));
     };
-    if (!settings.postfixRules && settings.deref != LDAPSearch::DerefFinding &&
+    auto const base = Lookup::baseOfAllKeys(settings);
+    if (base && settings.deref != LDAPSearch::DerefFinding &&
         settings.deref != LDAPSearch::DerefAlways) {
         Lookup::SearchRequest request;
-        request.base = settings.base;
+        request.base = *base;
         request.scope = LDAP_SCOPE_BASE;
         request.attributes = {"objectClass", "aliasedObjectName"};
         SearchEnd const end = searchOn(session, request, "(objectClass=alias)", silence, deadline);

@@ -537,7 +537,7 @@ bool ServerCheck::measure()
 
 bool ServerCheck::requireBase()
 {
-    bool const isOfKey = m_settings.postfixRules && m_settings.base.find('%') != std::string::npos;
+    bool const isOfKey = !Lookup::baseOfAllKeys(m_settings);
     if (isOfKey || m_settings.base.empty()) {
         m_report.skipped(m_step, isOfKey ? "made from the address" : "no base given (-b)");
         return false;

@@ -88,12 +88,16 @@ Shared::Shared(std::shared_ptr<OwnSettings const> const& own, std::shared_ptr<To
 Shared::Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPool> shared)
     : m_ownSettings(std::move(own)), m_sharedPool(std::move(shared)),
       settings(m_ownSettings->get()), queryTemplate(settings), forms(settings),
-      baseFormat(settings.postfixRules && settings.base.find('%') != std::string::npos
-                     ? std::make_unique<ResultFormat const>(settings.base, true)
-                     : nullptr),
-      rules(settings), request{settings.base,     settings.scope,      settings.deref,
-                               rules.requested(), settings.entryLimit, settings.timeLimit},
-      entryRequest{settings.base,     settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
+      baseFormat(baseOfAllKeys(settings)
+                     ? nullptr
+                     : std::make_unique<ResultFormat const>(settings.base, true)),
+      rules(settings), request{baseOfAllKeys(settings).value_or(std::string()),
+                               settings.scope,
+                               settings.deref,
+                               rules.requested(),
+                               settings.entryLimit,
+                               settings.timeLimit},
+      entryRequest{request.base,      settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
       totals(*m_sharedPool->totals), pool(m_sharedPool->pool)
 {

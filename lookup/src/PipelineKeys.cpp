@@ -195,8 +195,10 @@ void Pipeline::dropWaiting(Task const& task)
 
 void Pipeline::finish(Task& task, Outcome outcome, int code, std::string const& text)
 {
-    if (task.request && outcome == Outcome::Misconfigured && code == LDAP_NO_SUCH_OBJECT) {
-        // The base is made from the key: it exists for some keys only.
+    if (task.request && task.answer.entries.empty() && outcome == Outcome::Misconfigured &&
+        code == LDAP_NO_SUCH_OBJECT) {
+        // The base is made from the key: it exists for some keys only. If there are entries, the
+        // code is that of a further search for them.
         finish(task, Outcome::NotFound, LDAP_SUCCESS,
                "there is no base '" + oneLine(task.request->base) + "'");
         return;

@@ -38,6 +38,8 @@ public:
     /// @param lowersKeys  inserts parts of keys in lower case
     explicit ResultFormat(std::string const& text, bool lowersKeys = false);
 
+    /// Whether it inserts anything.
+    bool hasSpecifiers() const { return m_pieces.size() > 1; }
     /// What the key lacks, as "domain"; empty if it has all that the format inserts of it.
     std::string lackOf(std::string_view key) const;
     /// The text for a value; none if the value, or the key, lacks a part.

@@ -267,6 +267,15 @@ void validate(Settings const& settings)
     checkSizes(settings);
 }
 
+std::optional<std::string> baseOfAllKeys(Settings const& settings)
+{
+    if (!settings.postfixRules) {
+        return settings.base;
+    }
+    ResultFormat const format(settings.base);
+    return format.hasSpecifiers() ? std::nullopt : std::optional(format.forKey(std::string()));
+}
+
 bool haveSameConnections(Settings const& one, Settings const& another)
 {
     auto const ofTls = [](TlsPolicy const& tls) {

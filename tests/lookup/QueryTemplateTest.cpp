@@ -231,7 +231,8 @@ TEST(QueryTemplateCheck, PointsAtTheSpecifierOfAnotherSystem)
                 ElementsAre(isError(10, 2, "'$u' for its local part")));
     EXPECT_THAT(findingsOf("(cn=100%)"),
                 ElementsAre(isWarning(0, 9, "no specifier for the address")));
-    EXPECT_THAT(findingsOf("(&(x=%s)(mail=$m))"), IsEmpty());
+    EXPECT_THAT(findingsOf("(&(x=%s)(mail=$m))"),
+                ElementsAre(isWarning(5, 2, "plain text, not a specifier")));
 }
 
 TEST(QueryTemplateCheck, PointsAtATemplateThatComesOutEmpty)

@@ -535,7 +535,7 @@ class ACertificate(LookupTest):
             ["--tls-ca", self.other_authority()],
             77,
             "the certificate is not accepted: ",
-            "solvane-ldap check",
+            "give the CA's file with --tls-ca",
         )
 
     def test_is_refused_when_its_time_is_over(self):

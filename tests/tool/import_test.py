@@ -314,6 +314,25 @@ class Tables(DirectoryTest):
                 self.assertEqual(self.by_tool(path), theirs)
                 self.assertTrue(theirs, "the table finds nothing: it proves nothing")
 
+    def test_a_missing_base_is_not_found_only_if_it_is_made_from_the_key(self):
+        table = "server_host = {uri}\nsearch_base = %s\nquery_filter = (mail=%%s)\nresult_attribute = mail\n"
+        for base, status in (("ou=%d,dc=corp,dc=test", 1), ("o=100%%,dc=corp,dc=test", 78)):
+            with self.subTest(base):
+                path = self.imported(self.table(table % base))
+
+                self.assertEqual(run("-C", path, "lookup", "-q", "a@b.c").status, status)
+                checked = run("-C", path, "check", "a@b.c").output
+                self.assertEqual("made from the address" in checked, status == 1)
+
+    def test_a_table_without_domains_is_not_every_domain(self):
+        self.file("none", b"@corp.test yes\nCorp.test yes\n")
+        table = self.table("server_host = h\nsearch_base = dc=x\ndomain = texthash:{folder}/none\n")
+
+        result = run("import", table, env={**os.environ, "MAIL_CONFIG": self.postfix})
+        self.assertEqual((result.status, result.output), (78, ""))
+        self.assertIn("t.cf:3".replace("t.cf", "table.cf"), result.errors)
+        self.assertIn("has no domain, so no address is ever found", result.errors)
+
 
 class Words(ToolTest):
     """What an import says; no server and no Postfix are needed."""
@@ -426,6 +445,9 @@ class Words(ToolTest):
             ("bind_dn = cn=x", "there is no bind_pw"),
             ("bind = sasl", "no mechanism is named"),
             ("bind = sasl\nsasl_mechs = PLAIN LOGIN", "unsupported mechanism 'PLAIN LOGIN'"),
+            ("result_attribute = mail, *", "Postfix finds nothing with '*'"),
+            ("leaf_result_attribute = +", "Postfix finds nothing with '*'"),
+            ("start_tls = 1", "unsupported value '1'"),
             ("domain = nosuchtype:/table", "'nosuchtype:/table' cannot be read"),
             ("domain = /no/such/file", "cannot read the file of domains"),
         ):
@@ -446,6 +468,9 @@ class Words(ToolTest):
         self.assertIn("bind_pw: other users have access to the table (mode 644)", written.errors)
         for result in (shown, written):
             self.assertNotIn("heim", result.output + result.errors)
+        misspelt = self.importing(self.TABLE + "bind_pw: geheim = x\nbind_pw geheim = x\n")
+        self.assertEqual(misspelt.errors.count("is not the name of a setting"), 2, misspelt.errors)
+        self.assertNotIn("heim", misspelt.errors)
         self.assertEqual(os.stat(output).st_mode & 0o777, 0o600)
         with open(output, encoding="utf-8") as file:
             self.assertIn("bind_pw = ge heim\n", file.read())
@@ -459,6 +484,7 @@ class Words(ToolTest):
         self.assertEqual(self.importing(self.TABLE, "--output", output, "--force").status, 0)
         self.assertEqual(os.stat(output).st_mode & 0o777, 0o600)
         self.assertEqual(sorted(os.listdir(self.folder)), ["out.conf", "t.cf"])
+        self.assertEqual(self.importing(self.TABLE, "--force").status, 64)
         missing = os.path.join(self.folder, "no/out.conf")
         self.assert_fails(self.importing(self.TABLE, "--output", missing), 74, "No such file")
 
@@ -470,6 +496,10 @@ class Words(ToolTest):
         self.assertEqual((dollar.status, dollar.output), (78, ""))
         self.assertIn("t.cf:4: search_base: it has a '$', which Postfix expands", dollar.errors)
         self.assert_fails(self.importing(text, "--source", "z"), 78, "no table 'z'")
+        secret = self.importing(text + "x_bind_dn = cn=r\nx_bind_pw = ge$$heim\n", "--source", "x")
+        self.assertEqual(secret.status, 78)
+        self.assertIn("bind_pw: it has a '$'", secret.errors)
+        self.assertNotIn("heim", secret.errors)
 
     def test_makes_settings_that_expand(self):
         made = self.importing(

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -149,6 +150,9 @@ struct Settings {
 /// @throws LDAPException  code 2, type 0, LDAPLookup.cpp:20: invalid settings; the text names the
 ///                        setting
 SOLVANE_LOOKUP_EXPORT void validate(Settings const& settings);
+
+/// The base of all keys; none if it is made from each key (`Settings::postfixRules`). Thread-safe.
+SOLVANE_LOOKUP_EXPORT std::optional<std::string> baseOfAllKeys(Settings const& settings);
 
 /// Whether lookups with these settings can use the same connections: they differ at most in what
 /// is searched for (`base`, `scope`, `deref`, `queryTemplate`, `bValue`, `gValue`, `attributes`,
