@@ -321,11 +321,13 @@ class Tables(DirectoryTest):
                 path = self.imported(self.table(table % base))
 
                 self.assertEqual(run("-C", path, "lookup", "-q", "a@b.c").status, status)
-                checked = run("-C", path, "check", "a@b.c").output
-                self.assertEqual("made from the address" in checked, status == 1)
+                checked = run("-C", path, "check", "--probe", "a@b.c")
+                self.assertEqual(
+                    "made from the address" in checked.output, status == 1, checked.errors
+                )
 
     def test_a_table_without_domains_is_not_every_domain(self):
-        self.file("none", b"@corp.test yes\nCorp.test yes\n")
+        self.file("none", b"@corp.test yes\n")
         table = self.table("server_host = h\nsearch_base = dc=x\ndomain = texthash:{folder}/none\n")
 
         result = run("import", table, env={**os.environ, "MAIL_CONFIG": self.postfix})
