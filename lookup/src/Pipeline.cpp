@@ -91,12 +91,14 @@ Shared::Shared(std::shared_ptr<OwnSettings const> own, std::shared_ptr<SharedPoo
       baseFormat(baseOfAllKeys(settings)
                      ? nullptr
                      : std::make_unique<ResultFormat const>(settings.base, true)),
-      rules(settings), request{baseOfAllKeys(settings).value_or(std::string()),
-                               settings.scope,
-                               settings.deref,
-                               rules.requested(),
-                               settings.entryLimit,
-                               settings.timeLimit},
+      rules(settings),
+      needsParts(settings.postfixRules || rules.areSet()), request{baseOfAllKeys(settings).value_or(
+                                                                       std::string()),
+                                                                   settings.scope,
+                                                                   settings.deref,
+                                                                   rules.requested(),
+                                                                   settings.entryLimit,
+                                                                   settings.timeLimit},
       entryRequest{request.base,      settings.scope, settings.deref, {LDAP_NO_ATTRS}, 2,
                    settings.timeLimit},
       totals(*m_sharedPool->totals), pool(m_sharedPool->pool)

@@ -122,8 +122,11 @@ bool Pipeline::isInvalid(Task& task)
         finish(task, Outcome::BadKey, LDAP_PARAM_ERROR, fault);
     } else if (!m_shared.forms.isServed(task.key)) {
         finish(task, Outcome::Skipped, LDAP_SUCCESS, "the domain is not served here");
-    } else if (std::string const lack = lackOf(task); !lack.empty()) {
-        finish(task, Outcome::NotFound, LDAP_SUCCESS, "the key has no " + lack);
+    } else if (m_shared.needsParts) {
+        std::string const lack = lackOf(task);
+        if (!lack.empty()) {
+            finish(task, Outcome::NotFound, LDAP_SUCCESS, "the key has no " + lack);
+        }
     }
     return task.isDone;
 }

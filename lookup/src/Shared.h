@@ -67,6 +67,7 @@ public:
     KeyForms const forms;
     std::unique_ptr<ResultFormat const> const baseFormat; ///< null if all keys have the same base
     ResultRules const rules;
+    bool const needsParts; ///< some keys may lack a part that is inserted
     SearchRequest const request;
     SearchRequest const entryRequest; ///< for the DN alone, and whether there are several
     Totals& totals;

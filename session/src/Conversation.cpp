@@ -223,13 +223,17 @@ bool Conversation::take(MessageFrame const& front, Session::Message& message, bo
 }
 
 /// Makes OpenLDAP parse the message at the front, which is complete, so it does not block. OpenLDAP
-/// refuses while the session's last error is -1 or -2; a server may have sent that as a result code.
+/// refuses, before it reads, while the session's last error is -1 or -2; a server may have sent that
+/// as a result code.
 bool Conversation::parse(LDAPMessageBuffer& message)
 {
-    setOption(LDAP_OPT_RESULT_CODE, LDAP_SUCCESS);
     m_channel.deliver();
     timeval atOnce = {0, 0};
-    int const type = ldap_result(m_handle, LDAP_RES_ANY, LDAP_MSG_ONE, &atOnce, message.address());
+    int type = ldap_result(m_handle, LDAP_RES_ANY, LDAP_MSG_ONE, &atOnce, message.address());
+    if (type < 0) {
+        setOption(LDAP_OPT_RESULT_CODE, LDAP_SUCCESS);
+        type = ldap_result(m_handle, LDAP_RES_ANY, LDAP_MSG_ONE, &atOnce, message.address());
+    }
     m_channel.drop();
     return type > 0 || failInvalid();
 }
