@@ -14,6 +14,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <mutex>
+
 using namespace Solvane;
 using namespace Solvane::Lookup;
 using testing::AllOf;
@@ -95,7 +98,19 @@ protected:
     Authority m_authority;
     ServerTls m_tls{m_authority.issue()};
     TlsPolicy m_policy;
-    int m_code = 0;
+    void answerWith(std::string const& identity)
+    {
+        std::lock_guard const lock(m_mutex);
+        m_identity = identity;
+    }
+    std::string identity()
+    {
+        std::lock_guard const lock(m_mutex);
+        return m_identity;
+    }
+
+    std::atomic<int> m_code{0};
+    std::mutex m_mutex;
     std::string m_identity = "dn:cn=somebody";
     ScriptedServer m_server{[this](Peer& peer) {
         if (!peer.startTls(m_tls)) {
@@ -105,7 +120,7 @@ protected:
              request = peer.receiveMessage()) {
             int const id = messageIdOf(request);
             peer.send(operationOf(request) == BindRequest ? bindResponse(id, m_code)
-                                                          : whoAmIResponse(id, m_identity));
+                                                          : whoAmIResponse(id, identity()));
         }
     }};
 };
@@ -259,7 +274,7 @@ TEST_F(ExternalBind, HasNoSecondStep)
 TEST_F(ExternalBind, IsNotTakenForAnAnonymousOne)
 {
     for (char const* const nobody : {"", "dn:"}) {
-        m_identity = nobody;
+        answerWith(nobody);
         EXPECT_THAT(shown(Session(options()).reach(Step::identify, soon())),
                     AllOf(StartsWith("Refused 48 "), HasSubstr("anonymous identity"),
                           HasSubstr("those for the SASL identity")));
