@@ -34,8 +34,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-extern char** environ;
-
 namespace Solvane::Tool {
 
 namespace {
