@@ -327,6 +327,29 @@ std::string StatusReport::serversText() const
     return out;
 }
 
+void StatusReport::appendServers(Json& json) const
+{
+    json.key("servers")->StartArray();
+    for (Sample const& server : samples("server_up")) {
+        json->StartObject();
+        for (auto const& [name, text] : server.labels) {
+            json.key(name).value(text);
+        }
+        json.key("up")->Bool(server.value != 0);
+        for (auto const& [member, name] :
+             {std::pair("backoff_s", "server_backoff_seconds"),
+              std::pair("idle", "connections_idle"), std::pair("in_use", "connections_in_use"),
+              std::pair("opened", "connections_opened_total"),
+              std::pair("failed", "connections_failed_total"),
+              std::pair("answered", "searches_answered_total"),
+              std::pair("repeated", "searches_repeated_total")}) {
+            appendNumber(json, member, value(name, server.labels));
+        }
+        json->EndObject();
+    }
+    json->EndArray();
+}
+
 std::string StatusReport::json(double now) const
 {
     std::string out;
@@ -370,25 +393,7 @@ std::string StatusReport::json(double now) const
     }
     appendNumber(json, "not_tried", value("logins_limited_total"));
     json->EndObject();
-    json.key("servers")->StartArray();
-    for (Sample const& server : samples("server_up")) {
-        json->StartObject();
-        for (auto const& [name, text] : server.labels) {
-            json.key(name).value(text);
-        }
-        json.key("up")->Bool(server.value != 0);
-        for (auto const& [member, name] :
-             {std::pair("backoff_s", "server_backoff_seconds"),
-              std::pair("idle", "connections_idle"), std::pair("in_use", "connections_in_use"),
-              std::pair("opened", "connections_opened_total"),
-              std::pair("failed", "connections_failed_total"),
-              std::pair("answered", "searches_answered_total"),
-              std::pair("repeated", "searches_repeated_total")}) {
-            appendNumber(json, member, value(name, server.labels));
-        }
-        json->EndObject();
-    }
-    json->EndArray();
+    appendServers(json);
     json->EndObject();
     return out;
 }

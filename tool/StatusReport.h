@@ -12,6 +12,8 @@
 
 namespace Solvane::Tool {
 
+class Json;
+
 /// The metrics of the service at one moment. A value.
 class StatusReport {
 public:
@@ -50,6 +52,7 @@ private:
     std::string mapsText(StatusReport const* before, double seconds) const;
     std::string loginsText(StatusReport const* before) const;
     std::string serversText() const;
+    void appendServers(Json& json) const;
 
     std::map<std::string, std::vector<Sample>> m_samples; ///< by name, without the common prefix
 };
