@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <fstream>
+#include <iterator>
 #include <memory>
 #include <optional>
 
@@ -475,9 +476,8 @@ std::vector<std::string> issuersOfRevocations(std::string const& file)
         readRevocations(file, lists);
     } catch (Failure const&) { // the step "revocation" of the settings tells of it
     }
-    for (Revocations const& list : lists) {
-        issuers.push_back(list.issuer);
-    }
+    std::transform(lists.begin(), lists.end(), std::back_inserter(issuers),
+                   [](Revocations const& list) { return list.issuer; });
     return issuers;
 }
 
