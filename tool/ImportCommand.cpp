@@ -656,15 +656,17 @@ void ImportCommand::declareOn(CLI::App& app)
         ->type_name("");
     app.add_option("--source", m_source, "Name of a table whose settings are in main.cf")
         ->type_name("NAME");
-    auto* const output =
-        app.add_option("--output", m_output, "File to write; default: standard output")
-            ->type_name("FILE");
-    app.add_flag("--force", m_replaces, "Replace an existing file")->needs(output);
+    app.add_option("--output", m_output, "File to write; default: standard output")
+        ->type_name("FILE");
+    app.add_flag("--force", m_replaces, "Replace an existing file");
     app.footer(footer);
 }
 
 int ImportCommand::run(CommonOptions const&, Output& output, Diagnostics& diagnostics)
 {
+    if (m_replaces && m_output.empty()) {
+        throw Failure(Outcome::usage, "--force replaces a file", "name it with --output");
+    }
     TableImport table(m_table, m_source);
     table.convert();
     if (table.report(diagnostics)) {
