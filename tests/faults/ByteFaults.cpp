@@ -69,10 +69,12 @@ Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column c
             return troubleIn(reply.step, column, Trouble::broken);
         }
     }
-    // Of the engine's keys, one may meet the end of two connections.
-    return isLookup(column)
-               ? anyOf({success(column), troubleIn(Step::search, column, Trouble::broken)})
-               : success(column);
+    // Of the engine's keys and logins, one may meet the end of two connections.
+    if (isLookup(column) || column == Column::verify) {
+        Step const last = column == Column::verify ? Step::bind : Step::search;
+        return anyOf({success(column), troubleIn(last, column, Trouble::broken)});
+    }
+    return success(column);
 }
 
 Fault cut()
