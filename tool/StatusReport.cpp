@@ -280,7 +280,7 @@ std::string StatusReport::mapsText(StatusReport const* before, double seconds) c
     return table(rows);
 }
 
-/// Empty if nobody has logged in.
+/// Empty if there was no login.
 std::string StatusReport::loginsText(StatusReport const* before) const
 {
     double const all = value("logins_total");

@@ -183,7 +183,7 @@ TEST(RefusedBind, ThatRepeatsThePasswordIsNotQuoted)
         ScriptedServer const server([&password](Peer& peer) {
             BindReply reply;
             reply.code = 49;
-            reply.text = "nobody has " + password;
+            reply.text = "not valid: " + password;
             peer.send(bindResponse(messageIdOf(peer.receiveMessage()), reply));
             peer.receiveUntilClosed();
         });
