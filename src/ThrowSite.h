@@ -33,7 +33,12 @@ enum class Stage : int {
     search = 4,
     referral = 5,
     parse = 6,
-    add = 7
+    add = 7,
+    modify = 8,
+    remove = 9,
+    rename = 10,
+    compare = 11,
+    extended = 12
 };
 
 /// A place that throws.

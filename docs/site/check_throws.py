@@ -39,7 +39,7 @@ def sources():
 def guide():
     """The same from the tables of the guide; the first type of a place counts."""
     rows = re.findall(
-        r"^\| (\w+) \| (\d+) \| (\d) \| (\d)", (ROOT / "docs/guide/errors.md").read_text(), re.M
+        r"^\| (\w+) \| (\d+) \| (\d) \| (\d+)", (ROOT / "docs/guide/errors.md").read_text(), re.M
     )
     return {(unit, int(line)): (int(code), int(kind)) for unit, line, code, kind in rows}
 
@@ -50,7 +50,7 @@ def headers():
         for path in sorted((ROOT / folder).rglob("*.h")):
             text = re.sub(r"\n *///(?!<)? *", " ", path.read_text())
             for code, kind, places in re.findall(
-                r"code (\d), type (\d),((?: (?:and )?\w+\.cpp:\d+(?: and \d+)?,?)+)", text
+                r"code (\d), type (\d+),((?: (?:and )?\w+\.cpp:\d+(?: and \d+)?,?)+)", text
             ):
                 unit = None
                 for name, line in re.findall(r"(?:(\w+)\.cpp:| and )(\d+)", places):
@@ -62,7 +62,7 @@ def diagram():
     """(unit, line): (code, type) of each leaf of the diagram."""
     text = (ROOT / "docs/diagrams/diagrams.dot").read_text()
     sites = {}
-    for code, kind, label in re.findall(r'n(\d)(\d) \[label="([^"]*)"', text):
+    for code, kind, label in re.findall(r'n(\d)(\d+) \[label="([^"]*)"', text):
         for unit, lines in re.findall(r"\\n(\w+) ([\d, ]+)", label):
             sites.update({(unit, int(line)): (int(code), int(kind)) for line in lines.split(",")})
     return sites

@@ -8,9 +8,16 @@
 
 #include <solvane/ldap/DebugLogOpenLDAP.h>
 #include <solvane/ldap/LDAPAttribute.h>
+#include <solvane/ldap/LDAPBinaryAdd.h>
+#include <solvane/ldap/LDAPCompare.h>
 #include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/LDAPDelete.h>
 #include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPExtended.h>
+#include <solvane/ldap/LDAPModify.h>
+#include <solvane/ldap/LDAPOperation.h>
 #include <solvane/ldap/LDAPQuery.h>
+#include <solvane/ldap/LDAPRename.h>
 #include <solvane/ldap/LDAPRequest.h>
 #include <solvane/ldap/LDAPResult.h>
 #include <solvane/ldap/LDAPUtil.h>

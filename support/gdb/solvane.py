@@ -317,7 +317,8 @@ PRINTERS = {
     "LDAPResult": Result,
     "LDAPConnection": Connection,
     "LDAPConnection::RefServer": RefServer,
-    "(LDAPRequest|LDAPSearch|LDAPAdd)": Request,
+    "(LDAPRequest|LDAPSearch|LDAPAdd|LDAPOperation)": Request,
+    "LDAP(BinaryAdd|Compare|Delete|Extended|Modify|Rename)": Request,
     "(LDAP)?Exception": Failure,
     "(LDAPConnectionImpl|_LDAPQuery|LDAPLookup::Settings)": WithCredential,
 }

@@ -1,5 +1,5 @@
-// The code of the guide's pages on TLS, identities, passwords, event loops and Kerberos, run against a
-// real directory.
+// The code of the guide's pages on changes, TLS, identities, passwords, event loops and Kerberos, run
+// against a real directory.
 #include "Kdc.h"
 #include "Process.h"
 #include "ProcessMemory.h"
@@ -38,6 +38,7 @@ constexpr char anna[] = "user0000001@corp.test";
 constexpr char annasDn[] = "uid=user0000001,ou=people,dc=corp,dc=test";
 constexpr char annasPassword[] = "pw-user0000001";
 constexpr char readerDn[] = "cn=reader,dc=corp,dc=test";
+constexpr char adminDn[] = "cn=admin,dc=corp,dc=test";
 
 /// Puts the test's value where the page has an example.
 template <typename Value> void replace(Value& value, Value const& onThePage, Value const& here)
@@ -93,6 +94,41 @@ protected:
                                          LDAPConnection::V3, isSecure, 10, false, false);
     }
 };
+
+// changing.md
+
+TEST_F(TheGuidesCode, ChangesEntries)
+{
+    LDAPConnection connection(server(false), false);
+    connection.bind(adminDn, "secret", LDAPConnection::Synchronous);
+    std::string const moved = "cn=moved,ou=new,dc=corp,dc=test";
+    std::string const photo("\xff\xd8\0\0\xff\xd9", 6);
+    std::string const lara = "cn=lara,ou=new,dc=corp,dc=test";
+
+    EXPECT_EQ(addWithPhoto(connection, lara, "lara", photo), 0);
+    EXPECT_EQ(changeAddress(connection, lara, "lara@corp.test", photo), 16);
+    LDAPModify number(connection, lara);
+    number.replace("employeeNumber", {"1"});
+    EXPECT_EQ(resultOf(number), 0);
+    EXPECT_EQ(changeAddress(connection, lara, "lara@corp.test", photo), 0);
+    EXPECT_EQ(resultOf(number), 0);
+    EXPECT_EQ(moveUser(connection, lara, "moved", "ou=new,dc=corp,dc=test"), 0);
+    EXPECT_FALSE(deleteUser(connection, moved, "2"));
+    EXPECT_TRUE(deleteUser(connection, moved, "1"));
+    EXPECT_EQ(deleteReferral(connection, "cn=elsewhere,ou=referrals,dc=corp,dc=test"), 0);
+    EXPECT_EQ(identityOf(connection), std::string("dn:") + adminDn);
+}
+
+TEST_F(TheGuidesCode, ChangesAPassword)
+{
+    constexpr char dn[] = "uid=user0000002,ou=people,dc=corp,dc=test";
+    LDAPConnection connection(server(false), false);
+    connection.bind(dn, "pw-user0000002", LDAPConnection::Synchronous);
+
+    EXPECT_FALSE(changePassword(connection, "wrong", "new"));
+    EXPECT_TRUE(changePassword(connection, "pw-user0000002", "new"));
+    EXPECT_NO_THROW(connection.bind(dn, "new", LDAPConnection::Synchronous));
+}
 
 // passwords.md
 

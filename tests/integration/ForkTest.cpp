@@ -198,8 +198,10 @@ TEST_P(AForkedChild, CannotUseItsParentsConnection)
         LDAPSearch search(connection, searchFor(people, "(uid=user0000001)"));
         std::string dn = "cn=x,ou=new,dc=corp,dc=test";
         LDAPAdd add(connection, dn);
+        LDAPDelete deletion(connection, dn);
         return unlessThrows("Search.cpp", 270, [&] { search.send(); }) +
                unlessThrows("Add.cpp", 83, [&] { add.send(); }) +
+               unlessThrows("Changes.cpp", 31, [&] { deletion.send(); }) +
                unlessThrows("Connection.cpp", 241, [&] { bindAsReader(another); });
     });
 
@@ -221,6 +223,24 @@ TEST_P(AForkedChild, DoesNotWaitForAnswersToItsParent)
     EXPECT_EQ(wrong, "");
     EXPECT_FALSE(search.wait(10));
     EXPECT_EQ(search.result().searchResultEntries().size(), 1U);
+}
+
+TEST_P(AForkedChild, NeitherAwaitsNorCancelsARequestOfItsParent)
+{
+    LDAPExtended request = LDAPExtended::whoAmI(connection);
+    slapd().pause();
+    request.send();
+
+    std::string const wrong = wrongInAChild([&]() -> std::string {
+        std::string const waited = unlessThrows("Extended.cpp", 91, [&] { request.wait(1000); });
+        request.cancel();
+        return waited + (request.id() == 0 ? "" : "still in flight");
+    });
+    slapd().resume();
+
+    EXPECT_EQ(wrong, "");
+    EXPECT_FALSE(request.wait(10));
+    EXPECT_EQ(request.responseValue(), "dn:cn=reader,dc=corp,dc=test");
 }
 
 TEST_P(AForkedChild, MayConnectASessionThatItsParentDidNot)

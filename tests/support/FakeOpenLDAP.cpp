@@ -21,10 +21,17 @@ DECLARE_REAL(ldap_install_tls);
 DECLARE_REAL(ldap_tls_inplace);
 DECLARE_REAL(ldap_search_ext);
 DECLARE_REAL(ldap_add_ext);
+DECLARE_REAL(ldap_delete_ext);
+DECLARE_REAL(ldap_compare_ext);
+DECLARE_REAL(ldap_rename);
+DECLARE_REAL(ldap_modify_ext);
+DECLARE_REAL(ldap_extended_operation);
+DECLARE_REAL(ldap_abandon_ext);
 DECLARE_REAL(ldap_result);
 DECLARE_REAL(ldap_msgtype);
 DECLARE_REAL(ldap_parse_result);
 DECLARE_REAL(ldap_parse_reference);
+DECLARE_REAL(ldap_parse_extended_result);
 DECLARE_REAL(ldap_count_messages);
 DECLARE_REAL(ldap_first_message);
 DECLARE_REAL(ldap_next_message);
@@ -36,6 +43,7 @@ DECLARE_REAL(ldap_msgfree);
 DECLARE_REAL(ldap_memfree);
 DECLARE_REAL(ldap_value_free);
 DECLARE_REAL(ldap_value_free_len);
+DECLARE_REAL(ldap_controls_free);
 DECLARE_REAL(ber_free);
 DECLARE_REAL(ber_bvfree);
 DECLARE_REAL(ber_str2bv);
@@ -93,6 +101,12 @@ std::string shown(LDAPMod const* mod)
     bool const isBinary = (mod->mod_op & LDAP_MOD_BVALUES) != 0;
     return std::to_string(mod->mod_op) + ' ' + quoted(mod->mod_type) + ' ' +
            (isBinary ? shownArray(mod->mod_bvalues) : shownArray(mod->mod_values));
+}
+
+std::string shown(LDAPControl const* control)
+{
+    return quoted(control->ldctl_oid) + (control->ldctl_iscritical != 0 ? " critical " : " ") +
+           shown(&control->ldctl_value);
 }
 
 std::string shown(timeval const* time)
@@ -370,8 +384,54 @@ int __wrap_ldap_search_ext(LDAP* session, char const* base, int scope, char cons
 int __wrap_ldap_add_ext(LDAP* session, char const* dn, LDAPMod** mods, LDAPControl** server,
                         LDAPControl** client, int* id)
 {
-    record("ldap_add_ext", named(session), dn, shownArray(mods), named(server), named(client));
+    record("ldap_add_ext", named(session), dn, shownArray(mods), shownArray(server),
+           shownArray(client));
     return RUN(ldap_add_ext, session, dn, mods, server, client, id);
+}
+
+int __wrap_ldap_delete_ext(LDAP* session, char const* dn, LDAPControl** server,
+                           LDAPControl** client, int* id)
+{
+    record("ldap_delete_ext", named(session), dn, shownArray(server), shownArray(client));
+    return RUN(ldap_delete_ext, session, dn, server, client, id);
+}
+
+int __wrap_ldap_compare_ext(LDAP* session, char const* dn, char const* type, berval* value,
+                            LDAPControl** server, LDAPControl** client, int* id)
+{
+    record("ldap_compare_ext", named(session), dn, type, value, shownArray(server),
+           shownArray(client));
+    return RUN(ldap_compare_ext, session, dn, type, value, server, client, id);
+}
+
+int __wrap_ldap_rename(LDAP* session, char const* dn, char const* newRdn, char const* newSuperior,
+                       int deletesOld, LDAPControl** server, LDAPControl** client, int* id)
+{
+    record("ldap_rename", named(session), dn, newRdn, newSuperior, deletesOld, shownArray(server),
+           shownArray(client));
+    return RUN(ldap_rename, session, dn, newRdn, newSuperior, deletesOld, server, client, id);
+}
+
+int __wrap_ldap_modify_ext(LDAP* session, char const* dn, LDAPMod** mods, LDAPControl** server,
+                           LDAPControl** client, int* id)
+{
+    record("ldap_modify_ext", named(session), dn, shownArray(mods), shownArray(server),
+           shownArray(client));
+    return RUN(ldap_modify_ext, session, dn, mods, server, client, id);
+}
+
+int __wrap_ldap_extended_operation(LDAP* session, char const* oid, berval* value,
+                                   LDAPControl** server, LDAPControl** client, int* id)
+{
+    record("ldap_extended_operation", named(session), oid, value, shownArray(server),
+           shownArray(client));
+    return RUN(ldap_extended_operation, session, oid, value, server, client, id);
+}
+
+int __wrap_ldap_abandon_ext(LDAP* session, int id, LDAPControl** server, LDAPControl** client)
+{
+    record("ldap_abandon_ext", named(session), id, shownArray(server), shownArray(client));
+    return RUN(ldap_abandon_ext, session, id, server, client);
 }
 
 // Answers
@@ -403,6 +463,13 @@ int __wrap_ldap_parse_reference(LDAP* session, LDAPMessage* message, char*** ref
 {
     record("ldap_parse_reference", named(session), named(message), named(controls), freeIt);
     return RUN(ldap_parse_reference, session, message, references, controls, freeIt);
+}
+
+int __wrap_ldap_parse_extended_result(LDAP* session, LDAPMessage* message, char** oid,
+                                      berval** value, int freeIt)
+{
+    record("ldap_parse_extended_result", named(session), named(message), freeIt);
+    return RUN(ldap_parse_extended_result, session, message, oid, value, freeIt);
 }
 
 int __wrap_ldap_count_messages(LDAP* session, LDAPMessage* chain)
@@ -473,6 +540,12 @@ void __wrap_ldap_value_free_len(berval** values)
 {
     record("ldap_value_free_len", shownArray(values));
     RUN(ldap_value_free_len, values);
+}
+
+void __wrap_ldap_controls_free(LDAPControl** controls)
+{
+    record("ldap_controls_free", shownArray(controls));
+    RUN(ldap_controls_free, controls);
 }
 
 void __wrap_ber_free(BerElement* element, int freeBuffer)

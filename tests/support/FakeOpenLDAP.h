@@ -86,10 +86,17 @@ public:
     Replacement<decltype(::ldap_tls_inplace)> ldap_tls_inplace;
     Replacement<decltype(::ldap_search_ext)> ldap_search_ext;
     Replacement<decltype(::ldap_add_ext)> ldap_add_ext;
+    Replacement<decltype(::ldap_delete_ext)> ldap_delete_ext;
+    Replacement<decltype(::ldap_compare_ext)> ldap_compare_ext;
+    Replacement<decltype(::ldap_rename)> ldap_rename;
+    Replacement<decltype(::ldap_modify_ext)> ldap_modify_ext;
+    Replacement<decltype(::ldap_extended_operation)> ldap_extended_operation;
+    Replacement<decltype(::ldap_abandon_ext)> ldap_abandon_ext;
     Replacement<decltype(::ldap_result)> ldap_result;
     Replacement<decltype(::ldap_msgtype)> ldap_msgtype;
     Replacement<decltype(::ldap_parse_result)> ldap_parse_result;
     Replacement<decltype(::ldap_parse_reference)> ldap_parse_reference;
+    Replacement<decltype(::ldap_parse_extended_result)> ldap_parse_extended_result;
     Replacement<decltype(::ldap_count_messages)> ldap_count_messages;
     Replacement<decltype(::ldap_first_message)> ldap_first_message;
     Replacement<decltype(::ldap_next_message)> ldap_next_message;
@@ -101,6 +108,7 @@ public:
     Replacement<decltype(::ldap_memfree)> ldap_memfree;
     Replacement<decltype(::ldap_value_free)> ldap_value_free;
     Replacement<decltype(::ldap_value_free_len)> ldap_value_free_len;
+    Replacement<decltype(::ldap_controls_free)> ldap_controls_free;
     Replacement<decltype(::ber_free)> ber_free;
     Replacement<decltype(::ber_bvfree)> ber_bvfree;
     Replacement<decltype(::ber_str2bv)> ber_str2bv;

@@ -63,24 +63,30 @@ ReceivedMessages::~ReceivedMessages()
     close(m_server);
 }
 
-LDAPMessage* ReceivedMessages::operation(ber_tag_t tag, std::string const& content)
+LDAPMessage* ReceivedMessages::operation(ber_tag_t tag, std::string const& content,
+                                         std::string const& controls)
 {
     RealCalls const unseen;
     int const id = newRequest();
-    sendOperation(id, tag, content);
+    sendOperation(id, tag, content, controls);
     return received(id, LDAP_MSG_ONE);
 }
 
 LDAPMessage* ReceivedMessages::response(ber_tag_t tag, int code, std::string const& matchedDN,
                                         std::string const& text,
-                                        std::vector<std::string> const& referrals)
+                                        std::vector<std::string> const& referrals,
+                                        std::vector<Control> const& controls)
 {
     std::string content = berElement(LBER_ENUMERATED, std::string(1, static_cast<char>(code))) +
                           octets(matchedDN) + octets(text);
     if (!referrals.empty()) {
         content += berElement(LDAP_TAG_REFERRAL, allOctets(referrals));
     }
-    return operation(tag, content);
+    std::string list;
+    for (auto const& [oid, value] : controls) {
+        list += berElement(LBER_SEQUENCE, octets(oid) + octets(value));
+    }
+    return operation(tag, content, list.empty() ? list : berElement(LDAP_TAG_CONTROLS, list));
 }
 
 LDAPMessage* ReceivedMessages::entry(std::string const& dn,
@@ -122,9 +128,11 @@ int ReceivedMessages::newRequest()
     return id;
 }
 
-void ReceivedMessages::sendOperation(int id, ber_tag_t tag, std::string const& content)
+void ReceivedMessages::sendOperation(int id, ber_tag_t tag, std::string const& content,
+                                     std::string const& controls)
 {
-    std::string const bytes = ldapMessage(id, berElement(static_cast<unsigned char>(tag), content));
+    std::string const bytes =
+        ldapMessage(id, berElement(static_cast<unsigned char>(tag), content) + controls);
     ssize_t const count = write(m_server, bytes.data(), bytes.size());
     require(count == static_cast<ssize_t>(bytes.size()), "write");
 }

@@ -24,12 +24,15 @@ public:
     /// A session that parses messages; owned by this object.
     LDAP* session() const { return m_session; }
 
-    /// A message with a protocol operation of this tag; `content` is sent unchanged.
-    LDAPMessage* operation(ber_tag_t tag, std::string const& content);
+    /// A message with a protocol operation of this tag; `content` is sent unchanged, and so are the
+    /// controls, with their tag.
+    LDAPMessage* operation(ber_tag_t tag, std::string const& content,
+                           std::string const& controls = "");
     /// A final response (RFC 4511 section 4.1.9).
     LDAPMessage* response(ber_tag_t tag, int code, std::string const& matchedDN = "",
                           std::string const& text = "",
-                          std::vector<std::string> const& referrals = {});
+                          std::vector<std::string> const& referrals = {},
+                          std::vector<Control> const& controls = {});
     LDAPMessage* entry(std::string const& dn, std::vector<Attribute> const& attributes = {});
     /// Several entries without attributes in one chain.
     LDAPMessage* entries(std::vector<std::string> const& dns);
@@ -39,7 +42,8 @@ public:
 
 private:
     int newRequest();
-    void sendOperation(int id, ber_tag_t tag, std::string const& content);
+    void sendOperation(int id, ber_tag_t tag, std::string const& content,
+                       std::string const& controls = "");
     LDAPMessage* received(int id, int all);
 
     LDAP* m_session;

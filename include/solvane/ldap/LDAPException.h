@@ -15,7 +15,7 @@ namespace Solvane {
 /// parse a response; 2 invalid input; 4 the server, the network or OpenLDAP failed, or another
 /// exception is the cause. `getType()` is the stage: 0 general, 1 connecting (server unreachable), 2
 /// an OpenLDAP option, 3 bind, and waiting for an add, 4 search, 5 referral, 6 decoding a response,
-/// 7 sending an add. `fileName()` and `lineNumber()` identify the place that reported it; they are
+/// 7 sending an add, 8 modify, 9 delete, 10 rename, 11 compare, 12 extended operation. `fileName()` and `lineNumber()` identify the place that reported it; they are
 /// constants and do not change with the source.
 ///
 /// `Exception` has no base class: `catch (std::exception const&)` does not catch it. Thread-safe for

@@ -1,0 +1,261 @@
+// Controls, and what all operations with one response have in common.
+#include <solvane/ldap/LDAPOperation.h>
+
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
+#include <solvane/ldap/impl/LDAPResultImpl.h>
+#include <solvane/ldap/impl/OpenLDAPOwners.h>
+
+#include "Operation.h"
+
+#include <cerrno>
+
+#include <unistd.h>
+
+namespace Solvane {
+
+namespace {
+// clang-format off
+namespace at { // what unit "Operation" reports
+constexpr char unit[] = "Operation.cpp";
+constexpr char traceUnit[] = "Operation";
+//                                                line  fault                stage
+constexpr ThrowSite controls             { unit,   34, Fault::nullHandle,   Stage::general };
+constexpr ThrowSite responseControls     { unit,   43, Fault::nullHandle,   Stage::general };
+constexpr ThrowSite sendNoConnection     { unit,   61, Fault::nullHandle,   Stage::general };
+constexpr ThrowSite zeroByte             { unit,   70, Fault::invalidInput, Stage::general };
+constexpr ThrowSite notInFlight          { unit,   92, Fault::invalidInput, Stage::general };
+constexpr ThrowSite foreignResponse      { unit,  103, Fault::failed,       Stage::parse   };
+constexpr ThrowSite unreadableResponse   { unit,  112, Fault::refused,      Stage::parse   };
+//                                                line  function  mask
+constexpr TraceSite sendRefusedTrace     { traceUnit,   82, "send",   Trace::error };
+constexpr TraceSite waitFailedTrace      { traceUnit,   98, "wait",   Trace::error };
+constexpr TraceSite cancelFailedTrace    { traceUnit,  121, "cancel", Trace::error };
+} // namespace at
+// clang-format on
+
+void releaseControls(::LDAPControl** controls) { ldap_controls_free(controls); }
+using ControlsBuffer = OpenLDAPOwner<::LDAPControl*, releaseControls>;
+
+/// A control of a response, where criticality has no meaning (OpenLDAP inverts it).
+LDAPOperation::Control valueOf(::LDAPControl const& control)
+{
+    std::string const oid = control.ldctl_oid;
+    berval const& value = control.ldctl_value;
+    return value.bv_val == nullptr
+               ? LDAPOperation::Control(oid, false)
+               : LDAPOperation::Control(oid, false, std::string(value.bv_val, value.bv_len));
+}
+
+} // namespace
+
+// Controls
+
+LDAPOperation::Control::Control(std::string const& oid, bool critical)
+    : m_oid(oid), m_isCritical(critical), m_hasValue(false)
+{
+}
+
+LDAPOperation::Control::Control(std::string const& oid, bool critical, std::string const& value)
+    : m_oid(oid), m_value(value), m_isCritical(critical), m_hasValue(true)
+{
+}
+
+LDAPOperation::Control::Control(Control const& other) = default;
+LDAPOperation::Control& LDAPOperation::Control::operator=(Control const& other) = default;
+LDAPOperation::Control::~Control() = default;
+
+char const* textOf(std::string const& text)
+{
+    std::string::size_type const zero = text.find('\0');
+    if (zero != std::string::npos) {
+        throw fault(at::zeroByte, "A zero byte follows '" + text.substr(0, zero) + "'");
+    }
+    return text.c_str();
+}
+
+ControlArray::ControlArray(std::list<LDAPOperation::Control> const& controls)
+{
+    if (controls.empty()) {
+        return;
+    }
+    m_controls.reserve(controls.size());
+    m_pointers.reserve(controls.size() + 1);
+    for (LDAPOperation::Control const& control : controls) {
+        berval const value = control.hasValue() ? bytesOf(control.value()) : berval{0, nullptr};
+        char const critical = control.isCritical() ? 1 : 0;
+        m_controls.push_back({const_cast<char*>(textOf(control.oid())), value, critical});
+        m_pointers.push_back(&m_controls.back());
+    }
+    m_pointers.push_back(nullptr);
+}
+
+// Handle
+
+LDAPOperation::LDAPOperation() = default;
+
+// The base class takes no const reference, but only reads it.
+LDAPOperation::LDAPOperation(LDAPOperation const& other)
+    : LDAPRequest(const_cast<LDAPOperation&>(other))
+{
+}
+
+LDAPOperation& LDAPOperation::operator=(LDAPOperation const& other) = default;
+LDAPOperation::~LDAPOperation() = default;
+
+std::list<LDAPOperation::Control>& LDAPOperation::controls()
+{
+    return operationOf<LDAPOperationImpl>(m_impl, at::controls).controls();
+}
+
+std::list<LDAPOperation::Control> const& LDAPOperation::responseControls() const
+{
+    return operationOf<LDAPOperationImpl>(m_impl, at::responseControls).responseControls();
+}
+
+// Body
+
+LDAPOperationImpl::LDAPOperationImpl(LDAPConnection const& connection, OperationKind const& kind,
+                                     std::string const& subject)
+    : m_kind(kind), m_subject(subject), m_isInFlight(false)
+{
+    m_connection = connection;
+}
+
+LDAPOperationImpl::~LDAPOperationImpl() = default;
+
+LDAPResult const& LDAPOperationImpl::result() const { return m_result; }
+
+LDAP* LDAPOperationImpl::session() const { return m_connection.impl()->session(); }
+
+void LDAPOperationImpl::send()
+{
+    Synchronized const lock(m_mutex);
+    if (m_connection.isNull()) {
+        throw fault(at::sendNoConnection, "The LDAP connection is null");
+    }
+    abandon();
+    m_result = LDAPResult();
+    m_responseControls.clear();
+    forgetResponse();
+
+    ControlArray controls(m_controls);
+    int messageId = 0;
+    int const rc =
+        session() == nullptr ? LDAP_SERVER_DOWN : request(session(), controls.get(), &messageId);
+    int const error = errno;
+    if (rc != LDAP_SUCCESS) {
+        record(at::sendRefusedTrace, rc, error);
+        throw failure(m_kind.refused, rc);
+    }
+    id(messageId);
+    m_isInFlight = true;
+}
+
+bool LDAPOperationImpl::wait(unsigned int timeoutSeconds)
+{
+    Synchronized const lock(m_mutex);
+    if (!m_isInFlight && m_result.isNull()) {
+        // OpenLDAP would wait for messages that answer no request.
+        throw fault(at::notInFlight, "The request is not in flight");
+    }
+    timeval timeout = timeoutOf(timeoutSeconds);
+    while (m_isInFlight) {
+        LDAPMessageBuffer message;
+        int const rc = session() == nullptr ? LDAP_SERVER_DOWN
+                                            : ldap_result(session(), id(), LDAP_MSG_ONE, &timeout,
+                                                          message.address());
+        int const error = errno;
+        if (rc == 0) {
+            return true;
+        }
+        if (rc < 0) {
+            record(at::waitFailedTrace, rc, error);
+            throw failure(m_kind.failed, rc);
+        }
+        ber_tag_t const type = static_cast<ber_tag_t>(rc);
+        if (type != LDAP_RES_INTERMEDIATE) { // those are dropped
+            m_isInFlight = false;
+            takeResponse(type, message);
+        }
+    }
+    return false;
+}
+
+/// Keeps the final response.
+void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
+{
+    if (type != m_kind.response) {
+        m_connection.openldapErrorCode(LDAP_DECODING_ERROR);
+        throw failure(at::foreignResponse, LDAP_DECODING_ERROR);
+    }
+    readControls(message.get());
+    int const rc = readResponse(session(), message.get());
+    if (rc != LDAP_SUCCESS) {
+        throw failure(at::unreadableResponse, rc);
+    }
+    m_result = LDAPResult(m_connection);
+    try {
+        m_result.impl()->parseMessage(message);
+    } catch (...) {
+        if (m_result.resultCode() == LDAP_SUCCESS) {
+            m_result = LDAPResult(); // not decoded: it must not pass for a success
+        }
+        throw;
+    }
+}
+
+void LDAPOperationImpl::readControls(LDAPMessage* message)
+{
+    ControlsBuffer controls;
+    int const rc = ldap_parse_result(session(), message, nullptr, nullptr, nullptr, nullptr,
+                                     controls.address(), 0);
+    if (rc != LDAP_SUCCESS) {
+        throw failure(at::unreadableResponse, rc);
+    }
+    for (::LDAPControl** each = controls.get(); each != nullptr && *each != nullptr; ++each) {
+        m_responseControls.push_back(valueOf(**each));
+    }
+}
+
+int LDAPOperationImpl::readResponse(LDAP*, LDAPMessage*) { return LDAP_SUCCESS; }
+
+void LDAPOperationImpl::forgetResponse() {}
+
+void LDAPOperationImpl::cancel()
+{
+    Synchronized const lock(m_mutex);
+    abandon();
+}
+
+/// Abandons the request if it is in flight. OpenLDAP then drops its response, even one that has arrived.
+void LDAPOperationImpl::abandon()
+{
+    if (!m_isInFlight) {
+        return;
+    }
+    m_isInFlight = false;
+    int const abandoned = id();
+    id(0);
+    if (session() == nullptr) {
+        return;
+    }
+    int const rc = ldap_abandon_ext(session(), abandoned, nullptr, nullptr);
+    int const error = errno;
+    if (rc != LDAP_SUCCESS) {
+        record(at::cancelFailedTrace, rc, error);
+    }
+}
+
+/// Records a failure on the connection, so that the pool drops it, and traces it.
+void LDAPOperationImpl::record(TraceSite const& site, int rc, int error)
+{
+    m_connection.openldapErrorCode(rc);
+    SOLVANE_TRACE(site, "tid=%d ldaperror=%d, errno = %d", gettid(), rc, error);
+}
+
+LDAPException LDAPOperationImpl::failure(ThrowSite const& site, int rc) const
+{
+    return fault(site, std::string(ldap_err2string(rc)) + " : " + m_subject);
+}
+
+} // namespace Solvane

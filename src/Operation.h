@@ -1,0 +1,106 @@
+// The body of requests with one response: what delete, compare, rename, modify, the binary add and
+// extended operations have in common.
+#ifndef SOLVANE_LDAP_SRC_OPERATION_H
+#define SOLVANE_LDAP_SRC_OPERATION_H
+
+#include <solvane/ldap/LDAPOperation.h>
+#include <solvane/ldap/impl/LDAPRequestImpl.h>
+
+#include "OpenLDAP.h"
+#include "ThrowSite.h"
+
+#include <list>
+#include <string>
+#include <vector>
+
+namespace Solvane {
+
+class LDAPMessageBuffer;
+
+/// Bytes with their length, for the duration of one call of OpenLDAP.
+inline berval bytesOf(std::string const& bytes)
+{
+    return berval{bytes.size(), const_cast<char*>(bytes.data())};
+}
+
+/// A text for OpenLDAP, which ends it at its first zero byte.
+/// @throws LDAPException  it has one
+char const* textOf(std::string const& text);
+
+/// A list of controls as OpenLDAP takes it. The list must outlive it, unchanged.
+class ControlArray : public NonCopyable {
+public:
+    /// @throws LDAPException  an object identifier has a zero byte
+    explicit ControlArray(std::list<LDAPOperation::Control> const& controls);
+
+    /// Null-terminated; null if there are no controls.
+    ::LDAPControl** get() { return m_pointers.empty() ? nullptr : m_pointers.data(); }
+
+private:
+    std::vector<::LDAPControl> m_controls;
+    std::vector<::LDAPControl*> m_pointers;
+};
+
+/// What an operation reports, and its response.
+struct OperationKind {
+    ThrowSite refused; ///< by `send`
+    ThrowSite failed;  ///< by `wait`
+    ber_tag_t response;
+};
+
+/// The body of a request with one response. Derived classes hold the contents of the request, and send
+/// it with one call of OpenLDAP.
+class LDAPOperationImpl : public LDAPRequestImpl {
+public:
+    ~LDAPOperationImpl() override;
+
+    void send() override;
+    bool wait(unsigned int timeout) override;
+    LDAPResult const& result() const override;
+    void cancel() override;
+
+    std::list<LDAPOperation::Control>& controls() { return m_controls; }
+    std::list<LDAPOperation::Control> const& responseControls() const { return m_responseControls; }
+
+protected:
+    /// @param subject  what exceptions name: a DN or an object identifier
+    LDAPOperationImpl(LDAPConnection const& connection, OperationKind const& kind,
+                      std::string const& subject);
+
+    std::string& subject() { return m_subject; }
+
+private:
+    /// Calls OpenLDAP with the request. Returns its result code.
+    /// @throws LDAPException  the request is invalid
+    virtual int request(LDAP* session, ::LDAPControl** controls, int* messageId) = 0;
+    /// Reads what only this operation's response has. Returns OpenLDAP's result code.
+    virtual int readResponse(LDAP* session, LDAPMessage* message);
+    /// Drops the response of an earlier `send`.
+    virtual void forgetResponse();
+
+    LDAP* session() const;
+    void abandon();
+    void record(TraceSite const& site, int rc, int error);
+    LDAPException failure(ThrowSite const& site, int rc) const;
+    void takeResponse(ber_tag_t type, LDAPMessageBuffer& message);
+    void readControls(LDAPMessage* message);
+
+    OperationKind const& m_kind; // of static storage
+    std::string m_subject;
+    std::list<LDAPOperation::Control> m_controls;
+    std::list<LDAPOperation::Control> m_responseControls;
+    LDAPResult m_result; // null unless the request is complete
+    bool m_isInFlight;
+};
+
+/// The body of an operation's handle. Throws std::bad_cast for the body of another request, which can
+/// be assigned through the base class.
+template <typename Body>
+Body& operationOf(BodyReference<LDAPRequestImpl> const& handle, ThrowSite const& site)
+{
+    return dynamic_cast<Body&>(bodyOf(handle, site));
+}
+
+} // namespace Solvane
+
+#endif
