@@ -11,6 +11,7 @@
 #include <solvane/ldap/LDAPBinaryAdd.h>
 #include <solvane/ldap/LDAPCompare.h>
 #include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/LDAPControls.h>
 #include <solvane/ldap/LDAPDelete.h>
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/ldap/LDAPExtended.h>

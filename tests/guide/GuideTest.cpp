@@ -119,6 +119,26 @@ TEST_F(TheGuidesCode, ChangesEntries)
     EXPECT_EQ(identityOf(connection), std::string("dn:") + adminDn);
 }
 
+TEST_F(TheGuidesCode, DeletesAnEntryThatIsUnchanged)
+{
+    LDAPConnection connection(server(false), false);
+    connection.bind(adminDn, "secret", LDAPConnection::Synchronous);
+    std::string const dn = "cn=unchanged,ou=new,dc=corp,dc=test";
+    LDAPSearchResultEntry last("");
+    ASSERT_EQ(addWithPhoto(connection, dn, "unchanged", "\xff\xd8\xff\xd9"), 0);
+    LDAPSearch::Parameter parameter(dn);
+    parameter.attributes = {LDAPAttributeType("entryCSN")};
+    LDAPSearch search(connection, parameter);
+    search.send();
+    ASSERT_FALSE(search.wait(10));
+    LDAPSearchResultEntry const found = search.result().searchResultEntries().front();
+    std::string const csn = found.attributes().attributes().front().value().front();
+
+    EXPECT_FALSE(deleteUnchanged(connection, dn, "20000101000000.000000Z#000000#000#000000", last));
+    EXPECT_TRUE(deleteUnchanged(connection, dn, csn, last));
+    EXPECT_EQ(last.entryName(), dn);
+}
+
 TEST_F(TheGuidesCode, ChangesAPassword)
 {
     constexpr char dn[] = "uid=user0000002,ou=people,dc=corp,dc=test";
