@@ -134,9 +134,8 @@ void LDAPOperationImpl::send()
         throw fault(at::sendNoConnection, "The LDAP connection is null");
     }
     abandon();
-    m_result = LDAPResult();
-    m_responseControls.clear();
-    forgetResponse();
+    id(0);
+    forgetAll();
 
     ControlArray controls(m_controls);
     int messageId = 0;
@@ -188,20 +187,28 @@ void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
         m_connection.openldapErrorCode(LDAP_DECODING_ERROR);
         throw failure(at::foreignResponse, LDAP_DECODING_ERROR);
     }
-    readControls(message.get());
-    int const rc = readResponse(session(), message.get());
-    if (rc != LDAP_SUCCESS) {
-        throw failure(at::unreadableResponse, rc);
-    }
-    m_result = LDAPResult(m_connection);
     try {
+        readControls(message.get());
+        int const rc = readResponse(session(), message.get());
+        if (rc != LDAP_SUCCESS) {
+            throw failure(at::unreadableResponse, rc);
+        }
+        m_result = LDAPResult(m_connection);
         m_result.impl()->parseMessage(message);
     } catch (...) {
-        if (m_result.resultCode() == LDAP_SUCCESS) {
-            m_result = LDAPResult(); // not decoded: it must not pass for a success
+        if (m_result.isNull() || m_result.resultCode() == LDAP_SUCCESS) {
+            forgetAll(); // not decoded: it must not pass for a success
         }
         throw;
     }
+}
+
+/// Drops the response of an earlier `send`, or what was decoded of a malformed one.
+void LDAPOperationImpl::forgetAll()
+{
+    m_result = LDAPResult();
+    m_responseControls.clear();
+    forgetResponse();
 }
 
 void LDAPOperationImpl::readControls(LDAPMessage* message)

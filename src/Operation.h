@@ -75,13 +75,14 @@ private:
     virtual int request(LDAP* session, ::LDAPControl** controls, int* messageId) = 0;
     /// Reads what only this operation's response has. Returns OpenLDAP's result code.
     virtual int readResponse(LDAP* session, LDAPMessage* message);
-    /// Drops the response of an earlier `send`.
+    /// Drops what `readResponse` has read.
     virtual void forgetResponse();
 
     LDAP* session() const;
     void abandon();
     void record(TraceSite const& site, int rc, int error);
     LDAPException failure(ThrowSite const& site, int rc) const;
+    void forgetAll();
     void takeResponse(ber_tag_t type, LDAPMessageBuffer& message);
     void readControls(LDAPMessage* message);
 

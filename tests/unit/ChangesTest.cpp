@@ -1,5 +1,8 @@
 // Delete, compare, rename, modify and the binary add: the exact arguments, and what each reports.
+#include "Allocations.h"
 #include "CallTest.h"
+
+#include <new>
 
 namespace SolvaneTest {
 namespace {
@@ -266,6 +269,33 @@ TEST_F(AModify, HandsNoNullValueToOpenLDAP)
     request.send();
 
     EXPECT_FALSE(isNull);
+}
+
+// A leak checker sees what an earlier failure would have lost.
+TEST_F(AModify, IsSentWholeOnceThereIsMemoryForIt)
+{
+    LDAPModify request(connection, dn);
+    request.add("cn", {"a", "b\0c"s});
+    request.replace("title", {});
+    request.controls().push_back(Control("1.2", true, "x"));
+    unsigned int failures = 0;
+
+    for (bool isSent = false; !isSent; ++failures) {
+        openldap.forgetCalls();
+        FailingAllocation const failing(failures);
+        try {
+            request.send();
+            isSent = true;
+        } catch (std::bad_alloc const&) {
+            EXPECT_EQ(request.id(), 0);
+        }
+    }
+
+    EXPECT_GT(failures, 5U);
+    EXPECT_EQ(request.id(), 3);
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_modify_ext session 'cn=a,dc=example' [128 'cn' ['a' 'b\0c'] 130 "
+                            "'title' []] ['1.2' critical 'x'] null"s));
 }
 
 TEST_F(AModify, IsCompleteWithItsResponse)

@@ -158,6 +158,19 @@ TEST_F(AnOperationThatIsRefused, IsNotInFlightAndCanBeSentAgain)
     EXPECT_EQ(request.id(), 4);
 }
 
+TEST_F(AnOperationThatIsRefused, HasNoIdEvenIfItWasSentBefore)
+{
+    willReceive({response()});
+    request.send();
+    request.wait(5);
+    willRefuse(LDAP_SERVER_DOWN);
+
+    thrownBy([&] { request.send(); });
+
+    EXPECT_EQ(request.id(), 0);
+    EXPECT_TRUE(request.result().isNull());
+}
+
 TEST_F(AnOperationThatIsRefused, ForWantOfAConnectionSaysSo)
 {
     LDAPDelete orphan(LDAPConnection(), "cn=a");
@@ -445,9 +458,9 @@ TEST_F(AFailingWaitForAnOperation, ReceivesControlsThatCannotBeDecoded)
     EXPECT_THAT(request.responseControls(), IsEmpty());
 }
 
-TEST_F(AFailingWaitForAnOperation, LeavesNoResultThatPassesForASuccess)
+TEST_F(AFailingWaitForAnOperation, LeavesNothingThatPassesForASuccess)
 {
-    willReceive({response()});
+    willReceive({messages.response(LDAP_RES_DELETE, LDAP_SUCCESS, "", "", {}, {{"1.5", "x"}})});
     openldap.ldap_parse_result = [](LDAP* session, LDAPMessage* message, int* code, auto, auto,
                                     auto, LDAPControl*** controls, auto) {
         return code == nullptr ? ldap_parse_result(session, message, nullptr, nullptr, nullptr,
@@ -459,6 +472,8 @@ TEST_F(AFailingWaitForAnOperation, LeavesNoResultThatPassesForASuccess)
 
     EXPECT_THAT(thrown, IsFault("Result.cpp", 577, 1, 6, "Out of memory"));
     EXPECT_TRUE(request.result().isNull());
+    EXPECT_THAT(request.responseControls(), IsEmpty());
+    EXPECT_THAT(thrownBy([&] { request.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));
 }
 
 // Canceling
