@@ -28,9 +28,8 @@ public:
 
     /// A key of a sort (RFC 2891).
     struct SortKey {
-        std::string type; ///< attribute description
-        std::string rule =
-            {}; ///< ordering rule, by name or object identifier; empty: the type's own
+        std::string type;       ///< attribute description
+        std::string rule = {};  ///< ordering rule, a name or OID; empty: the type's own
         bool isReverse = false; ///< from the largest to the smallest
     };
 
