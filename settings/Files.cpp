@@ -66,6 +66,44 @@ void writeWhole(int descriptor, std::string const& path, std::string_view text)
     }
 }
 
+/// A group's name, or its number.
+std::string nameOf(gid_t group)
+{
+    ::group found = {};
+    ::group* result = nullptr;
+    std::vector<char> names(1024);
+    while (getgrgid_r(group, &found, names.data(), names.size(), &result) == ERANGE) {
+        names.resize(2 * names.size());
+    }
+    return result == nullptr ? std::to_string(group) : result->gr_name;
+}
+
+/// Gives a new file of mode 600 the group of the one that it replaces, and the mode unless that one
+/// is open to others: the new one may contain a password. Returns what is not kept, in words.
+std::string takeAccess(int descriptor, std::string const& replaced)
+{
+    struct stat status = {};
+    struct stat own = {};
+    constexpr mode_t shared = S_IWGRP | S_IRWXO;
+    if (stat(replaced.c_str(), &status) != 0 || fstat(descriptor, &own) != 0) {
+        return {};
+    }
+    // The group first: until then, the mode would admit another one.
+    if (status.st_gid != own.st_gid &&
+        fchown(descriptor, static_cast<uid_t>(-1), status.st_gid) != 0) {
+        return fmt::format("the group '{}' cannot be kept: {}", nameOf(status.st_gid),
+                           strerror(errno));
+    }
+    if ((status.st_mode & shared) != 0) {
+        return fmt::format("the mode {:03o} is not kept", status.st_mode & 0777U);
+    }
+    if (fchmod(descriptor, status.st_mode & 0777U) != 0) {
+        return fmt::format("the mode {:03o} cannot be kept: {}", status.st_mode & 0777U,
+                           strerror(errno));
+    }
+    return {};
+}
+
 } // namespace
 
 std::optional<gid_t> groupNamed(std::string const& name)
@@ -262,8 +300,13 @@ std::optional<unsigned long> LineReader::count() const
     }
 }
 
-void writeFile(std::string const& path, std::string const& text, bool replaces)
+std::string writeFile(std::string const& path, std::string const& text, bool replaces)
 {
+    struct stat status = {};
+    if (replaces && stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw Failure(Outcome::usage, fmt::format("'{}' is not a regular file", path),
+                      "name a file, which may exist");
+    }
     std::string beside = path + ".XXXXXX";
     Descriptor const file(mkstemp(beside.data())); // mode 600
     auto const fail = [&](int error) {
@@ -276,8 +319,12 @@ void writeFile(std::string const& path, std::string const& text, bool replaces)
     if (!file.isOpen()) {
         fail(errno);
     }
+    std::string unkept;
     try {
         writeWhole(file.get(), path, text);
+        if (replaces) {
+            unkept = takeAccess(file.get(), path);
+        }
     } catch (Failure const&) {
         unlink(beside.c_str());
         throw;
@@ -290,6 +337,7 @@ void writeFile(std::string const& path, std::string const& text, bool replaces)
     if (!replaces) {
         unlink(beside.c_str());
     }
+    return unkept;
 }
 
 } // namespace Solvane::Tool
