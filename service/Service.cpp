@@ -235,12 +235,24 @@ void Service::open()
         throw Failure(Outcome::configuration, "there is no socket to listen on",
                       "set listen_socketmap or listen_auth in service.conf");
     }
+    requireAuthMap(settings);
 }
 
 void Service::add(ClientKind kind, int descriptor, std::string const& path)
 {
     m_listeners.emplace_back(m_workers.front()->context(), descriptor, path,
                              [this, kind](int client) { accept(kind, client); });
+    m_takesLogins |= kind == ClientKind::auth;
+}
+
+/// The settings alone do not know of systemd's sockets, nor of those that were opened at the start.
+void Service::requireAuthMap(ServiceSettings const& settings) const
+{
+    if (m_takesLogins && settings.authMap.empty()) {
+        throw Failure(Outcome::configuration,
+                      "there is a socket for logins, but auth_map is not set",
+                      "set it in service.conf, or close the socket and start the service anew");
+    }
 }
 
 void Service::accept(ClientKind kind, int descriptor)
@@ -310,6 +322,7 @@ void Service::replaceMaps(std::vector<Failure>& faults)
         return;
     }
     try {
+        requireAuthMap(configuration->service);
         use(makeMaps(configuration, m_maps.get()));
     } catch (Failure const& fault) {
         faults.push_back(fault);

@@ -52,6 +52,7 @@ private:
     void startThreads();
     void open();
     void add(ClientKind kind, int descriptor, std::string const& path);
+    void requireAuthMap(ServiceSettings const& settings) const;
     void accept(ClientKind kind, int descriptor);
     void awaitSignal();
     void reload();
@@ -80,6 +81,7 @@ private:
     std::size_t m_next = 0; ///< index of the worker for the next client
     // All below belong to the first worker.
     std::list<Listener> m_listeners;
+    bool m_takesLogins = false; ///< one of the listeners does
     boost::asio::signal_set m_signals;
     boost::asio::steady_timer m_stopTimer;
     boost::asio::steady_timer m_statsTimer;

@@ -155,11 +155,12 @@ class Service:
         if is_started:
             self.start()
 
-    def write_service(self, text):
+    def write_service(self, text, has_logins=True):
+        logins = f"listen_auth = unix:{self.auth_path}\nauth_map = users\n" if has_logins else ""
         with open(os.path.join(self.folder, "service.conf"), "w", encoding="utf-8") as file:
             file.write(
-                f"listen_socketmap = unix:{self.users_path}\nlisten_auth = unix:{self.auth_path}\n"
-                f"stats_socket = unix:{self.stats_path}\nauth_map = users\n{text}"
+                f"listen_socketmap = unix:{self.users_path}\n"
+                f"stats_socket = unix:{self.stats_path}\n{logins}{text}"
             )
 
     def write_map(self, name, text):

@@ -6,7 +6,7 @@ import socket
 import time
 import unittest
 
-from ldapd import GROUPS, Client, Service, add_entries, group, netstring
+from ldapd import GROUPS, AuthClient, Client, Service, add_entries, group, netstring
 from servers import (
     SEARCH,
     ScriptedDirectory,
@@ -16,6 +16,8 @@ from servers import (
     silent,
 )
 from support import PRIVATE, DirectoryTest, ToolTest, free_port
+
+CONFIGURATION = 78  # the exit status for wrong settings
 
 ALIASES = """
 query_filter = (cn=$m)
@@ -463,25 +465,51 @@ class Systemd(DirectoryTest):
             service.process.terminate()
             self.assertTrue(eventually(lambda: manager.recv(100) == b"STOPPING=1"))
 
-    def test_opens_the_sockets(self):
+    def start_with_socket(self, service, kind):
+        """Starts it with an open socket of this kind, as systemd does, and returns the path."""
         path = os.path.join(self.folder, "activated")
         with socket.socket(socket.AF_UNIX) as listener:
             listener.bind(path)
             listener.listen()
-            service = Service(self, self.uri, is_started=False)
 
             def pass_on():
                 os.dup2(listener.fileno(), 3)
                 os.set_inheritable(3, True)
-                os.environ.update(
-                    LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", LISTEN_FDNAMES="socketmap"
-                )
+                os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", LISTEN_FDNAMES=kind)
 
             service.start(preexec_fn=pass_on, close_fds=False)
+        return path
 
-            with Client(path) as client:
-                self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
-            self.assertFalse(os.path.exists(service.users_path))
+    def test_opens_the_sockets(self):
+        service = Service(self, self.uri, is_started=False)
+
+        path = self.start_with_socket(service, "socketmap")
+
+        with Client(path) as client:
+            self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
+        self.assertFalse(os.path.exists(service.users_path))
+
+    def test_opens_no_socket_for_logins_without_a_map_for_them(self):
+        service = Service(self, self.uri, is_started=False)
+        service.write_service("", has_logins=False)
+
+        with self.assertRaisesRegex(AssertionError, "a socket for logins, but auth_map is not set"):
+            self.start_with_socket(service, "auth")
+
+        self.assertEqual(service.process.returncode, CONFIGURATION)
+        self.assertFalse(os.path.exists(service.users_path))
+
+    def test_keeps_the_map_for_logins_as_long_as_its_socket_is_open(self):
+        service = Service(self, self.uri, is_started=False)
+        service.write_service("auth_map = users\n", has_logins=False)
+        path = self.start_with_socket(service, "auth")
+
+        service.write_service("", has_logins=False)
+        service.reload()
+
+        service.await_line("a socket for logins, but auth_map is not set")
+        with AuthClient(path) as client:
+            self.assertIn("OK\t", client.plain("user0000001@corp.test", "pw-user0000001"))
 
 
 if __name__ == "__main__":
