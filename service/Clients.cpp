@@ -379,7 +379,7 @@ void AuthClient::log(LoginAttempt const& attempt, LDAPLookup::Verification const
         fmt::format("login of {} from {}: {}{}{}", brief(attempt.user), brief(attempt.address),
                     attempt.isLimited ? "not tried" : name(verification.outcome),
                     verification.text.empty() || attempt.isLimited ? "" : ", ",
-                    attempt.isLimited ? "" : verification.text));
+                    attempt.isLimited ? "" : brief(verification.text, longestServerText)));
 }
 
 // Metrics
