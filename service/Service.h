@@ -13,12 +13,14 @@
 
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
 
 #include <atomic>
 #include <chrono>
 #include <exception>
 #include <list>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -62,7 +64,7 @@ private:
     void stop();
     std::string stats() const;
     void keepStatsFile();
-    void writeStatsFile();
+    void writeStatsFile(std::string const& text);
     void keepWatchdog();
 
     std::string const m_folder;
@@ -91,7 +93,9 @@ private:
     std::atomic<std::size_t> m_alive{0}; ///< workers that have reacted since they were asked
     bool m_asksWorkers = false;          ///< whether they react
     bool m_isStopping = false;
-    bool m_hasStatsFile = true;
+    std::atomic<bool> m_isWritingStats{false};
+    bool m_hasStatsFile = true; ///< belongs to the thread of m_statsWriter
+    std::optional<boost::asio::thread_pool> m_statsWriter; ///< one thread; empty: there is no file
 };
 
 } // namespace Solvane::Service

@@ -146,11 +146,40 @@ class Lookups(DirectoryTest):
 
     def test_writes_metrics_into_a_file(self):
         path = os.path.join(self.folder, "metrics.prom")
+        before = os.umask(0o077)
+        self.addCleanup(os.umask, before)
         Service(self, self.uri, arguments=("--stats-file", path))
 
-        self.assertTrue(os.path.exists(path))  # before the service says that it serves
+        self.assertTrue(eventually(lambda: os.path.exists(path)))
         with open(path, encoding="utf-8") as file:
             self.assertIn("solvane_ldapd_clients 0\n", file.read())
+            self.assertEqual(os.fstat(file.fileno()).st_mode & 0o777, 0o644)
+
+    def test_answers_while_the_file_of_metrics_cannot_be_written(self):
+        path = os.path.join(self.folder, "metrics.prom")
+        os.mkfifo(path + ".new")  # an open of it waits for a reader
+        service = Service(self, self.uri, arguments=("--stats-file", path))
+
+        self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
+
+        with open(path + ".new", encoding="utf-8") as file:
+            self.assertIn("solvane_ldapd_clients 0\n", file.read())
+        self.assertEqual(service.stop(), 0)
+
+    def test_says_why_the_file_of_metrics_cannot_be_written(self):
+        os.symlink("elsewhere", os.path.join(self.folder, "link.new"))
+        os.mkdir(os.path.join(self.folder, "taken"))
+        for name, words in (
+            ("link", "Too many levels of symbolic links"),
+            ("none/metrics", "No such file or directory"),
+            ("taken", "Is a directory"),
+        ):
+            with self.subTest(words):
+                file = os.path.join(self.folder, name)
+                service = Service(self, self.uri, arguments=("--stats-file", file))
+
+                service.await_line(f"cannot write '{file}': {words}; check its folder")
+                service.stop()
 
     def test_takes_the_password_of_the_map_rather_than_the_common_one(self):
         users = "query_filter = (cn=secret)\nresult_attribute = description\n"
@@ -170,6 +199,40 @@ class Lookups(DirectoryTest):
         service.ask("users", "user0000001@corp.test")
 
         service.await_line("users user0000001@corp.test: found, ")
+
+    def test_logs_requests_and_answers_shortened_on_one_line(self):
+        text = "no\u202e" + 50000 * "x"
+
+        def deny(request):
+            is_reader = b"cn=reader" in request.content
+            return request.result(0x61, 0 if is_reader else 49, text=text.encode())
+
+        directory = ScriptedDirectory(
+            self, serving(lambda request: request.entry() + request.result(0x65), on_bind=deny)
+        )
+        service = Service(self, directory.uri, "log_requests = yes\n")
+        service.ask("users", "a\u202e\n" + 5000 * "b")
+        service.auth_client().plain("anna", "wrong")
+        service.stop()
+
+        directory = ScriptedDirectory(
+            self,
+            serving(None, on_bind=lambda request: request.result(0x61, 49, text=text.encode())),
+        )
+        other = Service(self, directory.uri)
+        other.ask("users", "anna@corp.test")
+        other.stop()
+
+        for lines, words in (
+            (service.lines, "users a\\xE2\\x80\\xAE\\x0Abbb"),
+            (service.lines, "login of anna from 192.0.2.1: denied, "),
+            (other.lines, "refuses the credentials: "),
+        ):
+            found = [line for line in lines if words in line]
+            self.assertEqual(len(found), 1, (words, lines))
+            self.assertLess(len(found[0]), 800)
+            self.assertNotIn("\u202e", found[0])
+            self.assertIn("\\xE2\\x80\\xAE", found[0])
 
     def test_keeps_answers_if_asked(self):
         service = Service(self, self.uri, "cache_time = 600\ncache_negative_time = 600\n")
