@@ -5,7 +5,7 @@ import select
 import unittest
 
 from ldapd import Client, Service, netstring
-from servers import ScriptedDirectory, eventually, serving, silent
+from servers import SEARCH, SEARCH_DONE, ScriptedDirectory, eventually, serving, silent
 from support import DirectoryTest, free_port
 
 
@@ -93,6 +93,33 @@ class HostileClients(DirectoryTest):
                     client.send(netstring("users user0000001@corp.test") * 1000)
 
             self.assertTrue(self.serves(service))
+
+    def test_wait_while_long_replies_wait_for_an_earlier_one(self):
+        release = []
+
+        def answer(request):
+            if b"slow" in request.content:
+                eventually(lambda: release)
+            return request.entry(uid=[b"x" * 60000]) + request.result(SEARCH_DONE)
+
+        directory = ScriptedDirectory(self, serving(answer))
+        service = Service(self, directory.uri, connections="2", window="1", bind="no")
+        with service.client() as client:
+            client.send(netstring("users slow"))
+            self.assertTrue(eventually(lambda: directory.count(SEARCH) == 1))
+            for count in (2, 3):
+                client.send(netstring(f"users {count}"))
+                self.assertTrue(eventually(lambda c=count: directory.count(SEARCH) == c))
+                found = 'solvane_ldapd_requests_total{map="users",outcome="found"}'
+                self.assertTrue(eventually(lambda c=count: service.stats()[found] == c - 1))
+
+            client.send(netstring("users later"))
+            service.ask("users", "another")  # asked for later, and answered
+
+            self.assertEqual(directory.count(SEARCH), 4)
+            release.append(True)
+            for _ in range(4):
+                self.assertEqual(len(client.read_netstring()), len("OK ") + 60000)
 
     def test_count_until_their_requests_are_answered(self):
         directory = ScriptedDirectory(self, silent)
