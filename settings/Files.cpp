@@ -53,19 +53,6 @@ bool mayBeReadByItsGroup(struct stat const& status, Privacy privacy)
     return groupNamed(serviceGroup) == status.st_gid;
 }
 
-void writeWhole(int descriptor, std::string const& path, std::string_view text)
-{
-    while (!text.empty()) {
-        ssize_t const count = write(descriptor, text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            throw Failure(Outcome::outputFailed,
-                          fmt::format("cannot write '{}': {}", path, strerror(errno)),
-                          "check its folder");
-        }
-        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-}
-
 /// A group's name, or its number.
 std::string nameOf(gid_t group)
 {
@@ -300,6 +287,23 @@ std::optional<unsigned long> LineReader::count() const
     }
 }
 
+Failure unwritableFile(std::string const& path, int error)
+{
+    return {Outcome::outputFailed, fmt::format("cannot write '{}': {}", path, strerror(error)),
+            "check its folder"};
+}
+
+void writeWhole(int descriptor, std::string const& path, std::string_view text)
+{
+    while (!text.empty()) {
+        ssize_t const count = write(descriptor, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            throw unwritableFile(path, errno);
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
 std::string writeFile(std::string const& path, std::string const& text, bool replaces)
 {
     struct stat status = {};
@@ -311,10 +315,12 @@ std::string writeFile(std::string const& path, std::string const& text, bool rep
     Descriptor const file(mkstemp(beside.data())); // mode 600
     auto const fail = [&](int error) {
         unlink(beside.c_str());
-        bool const isThere = error == EEXIST;
-        throw Failure(isThere ? Outcome::usage : Outcome::outputFailed,
-                      fmt::format("cannot write '{}': {}", path, strerror(error)),
-                      isThere ? "use --force to replace it" : "check its folder");
+        if (error == EEXIST) {
+            throw Failure(Outcome::usage,
+                          fmt::format("cannot write '{}': {}", path, strerror(error)),
+                          "use --force to replace it");
+        }
+        throw unwritableFile(path, error);
     };
     if (!file.isOpen()) {
         fail(errno);

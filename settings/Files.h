@@ -48,6 +48,15 @@ constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
 
+/// The error for a file that cannot be written.
+/// @param error  errno
+Failure unwritableFile(std::string const& path, int error);
+
+/// Writes a text into an open file.
+/// @param path  of the file, for the message
+/// @throws Failure  "output failed"
+void writeWhole(int descriptor, std::string const& path, std::string_view text);
+
 /// Writes a file of mode 600 that appears at once as a whole.
 /// @param replaces  an existing file is replaced. Its group stays, and so does its mode if others
 ///                  have no access and the group cannot write

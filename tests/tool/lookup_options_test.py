@@ -286,6 +286,7 @@ class OptionsOnADirectory(DirectoryTest):
         directory = ScriptedDirectory(self, silent)
 
         result = self.look_up("--domains", "corp.test", "a@x", "b@y", uri=directory.uri)
+        directory.finish()
 
         self.assertEqual((result.status, directory.connections), (1, []))
 
@@ -394,6 +395,7 @@ class OptionsOnADirectory(DirectoryTest):
                     *[f"u{n}@x" for n in range(12)],
                     uri=directory.uri,
                 )
+                directory.finish()
 
                 self.assertEqual(result.status, 0, result.errors)
                 self.assertEqual(len(directory.connections), connections)
