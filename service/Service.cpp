@@ -390,7 +390,7 @@ void Service::keepStatsFile()
         return;
     }
     if (!m_statsWriter) {
-        m_statsWriter.emplace(1);
+        m_statsWriter = std::make_unique<boost::asio::thread_pool>(1);
     }
     if (!m_isWritingStats.exchange(true)) { // else the last one is still being written
         boost::asio::post(*m_statsWriter, [this, text = stats()] {

@@ -20,7 +20,6 @@
 #include <exception>
 #include <list>
 #include <memory>
-#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -95,7 +94,7 @@ private:
     bool m_isStopping = false;
     std::atomic<bool> m_isWritingStats{false};
     bool m_hasStatsFile = true; ///< belongs to the thread of m_statsWriter
-    std::optional<boost::asio::thread_pool> m_statsWriter; ///< one thread; empty: there is no file
+    std::unique_ptr<boost::asio::thread_pool> m_statsWriter; ///< one thread; null: there is no file
 };
 
 } // namespace Solvane::Service
