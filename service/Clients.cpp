@@ -238,7 +238,7 @@ SocketmapClient::SocketmapClient(ClientGroup const& group, Accepted accepted)
 bool SocketmapClient::hasRoom() const
 {
     return m_replies.size() < m_group.lookups.settings().clientRequests &&
-           unsentBytes() < longestReply;
+           unsentBytes() + m_heldBytes < longestReply;
 }
 
 void SocketmapClient::serve()
@@ -278,7 +278,9 @@ void SocketmapClient::ask(std::string const& text)
 void SocketmapClient::answer(std::size_t number, Reply const& reply)
 {
     m_replies[number - m_firstNumber] = netstring(reply.text);
+    m_heldBytes += m_replies[number - m_firstNumber]->size();
     while (!m_replies.empty() && m_replies.front()) {
+        m_heldBytes -= m_replies.front()->size();
         send(*m_replies.front());
         m_replies.pop_front();
         ++m_firstNumber;
@@ -379,7 +381,7 @@ void AuthClient::log(LoginAttempt const& attempt, LDAPLookup::Verification const
         fmt::format("login of {} from {}: {}{}{}", brief(attempt.user), brief(attempt.address),
                     attempt.isLimited ? "not tried" : name(verification.outcome),
                     verification.text.empty() || attempt.isLimited ? "" : ", ",
-                    attempt.isLimited ? "" : verification.text));
+                    attempt.isLimited ? "" : brief(verification.text, longestServerText)));
 }
 
 // Metrics

@@ -133,6 +133,7 @@ private:
     NetstringReader m_reader{longestRequest};
     std::deque<std::optional<std::string>> m_replies; ///< in the order of the requests
     std::size_t m_firstNumber = 0;                    ///< of the first of m_replies
+    std::size_t m_heldBytes = 0;                      ///< of replies that wait for an earlier one
     bool m_isServing = false;
 };
 

@@ -17,16 +17,16 @@ using Kind = Lookup::Event::Kind;
 /// The line for an event; empty if it is of no interest: connections come and go.
 std::string lineFor(Lookup::Event const& event)
 {
+    std::string const why = brief(event.why.text, longestServerText);
     switch (event.kind) {
     case Kind::backOff:
-        return event.server + " is skipped for " + Lookup::inSeconds(event.backOff) + ": " +
-               event.why.text;
+        return event.server + " is skipped for " + Lookup::inSeconds(event.backOff) + ": " + why;
     case Kind::recovered:
         return event.server + " serves again";
     case Kind::credentialsRefused:
-        return event.server + " refuses the credentials: " + event.why.text;
+        return event.server + " refuses the credentials: " + why;
     case Kind::disconnected:
-        return "connection to " + event.server + " lost: " + event.why.text;
+        return "connection to " + event.server + " lost: " + why;
     case Kind::connected:
     case Kind::connectFailed:
     case Kind::repeated:
@@ -56,9 +56,8 @@ void Log::write(Level level, std::string const& text)
     (void)!::write(STDERR_FILENO, line.data(), line.size()); // there is nowhere to report it
 }
 
-std::string brief(std::string_view text)
+std::string brief(std::string_view text, std::size_t longest)
 {
-    constexpr std::size_t longest = 200;
     std::string shown = Lookup::oneLine(text.substr(0, longest));
     return text.size() > longest ? shown + "..." : shown;
 }

@@ -5,6 +5,7 @@
 #include <solvane/lookup/Observer.h>
 
 #include <chrono>
+#include <cstddef>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -22,15 +23,18 @@ public:
     /// Whether the environment says that standard error is the journal's.
     static bool isJournal();
 
-    /// Writes one line; control characters are escaped.
+    /// Writes one line; control characters and bidirectional ones are escaped.
     void write(Level level, std::string const& text);
 
 private:
     bool const m_isJournal;
 };
 
-/// A text of a client on one line, and shortened: it may be long.
-std::string brief(std::string_view text);
+constexpr std::size_t longestName = 200;       ///< bytes of a client's text in a line
+constexpr std::size_t longestServerText = 500; ///< bytes of a server's
+
+/// A text of a client or a server on one line, and shortened: it may be long.
+std::string brief(std::string_view text, std::size_t longest = longestName);
 
 /// A warning that clients can provoke: written at most once a minute, with the number of those left
 /// out. Thread-safe.

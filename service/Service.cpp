@@ -1,6 +1,7 @@
 // Starts, reloads and stops the service.
 #include "Service.h"
 
+#include "Files.h"
 #include "Systemd.h"
 
 #include <solvane/ldap/LDAPException.h>
@@ -13,14 +14,14 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
-#include <fstream>
 #include <map>
 #include <system_error>
 #include <utility>
 
+#include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace Solvane::Service {
@@ -235,12 +236,24 @@ void Service::open()
         throw Failure(Outcome::configuration, "there is no socket to listen on",
                       "set listen_socketmap or listen_auth in service.conf");
     }
+    requireAuthMap(settings);
 }
 
 void Service::add(ClientKind kind, int descriptor, std::string const& path)
 {
     m_listeners.emplace_back(m_workers.front()->context(), descriptor, path,
                              [this, kind](int client) { accept(kind, client); });
+    m_takesLogins |= kind == ClientKind::auth;
+}
+
+/// The settings alone do not know of systemd's sockets, nor of those that were opened at the start.
+void Service::requireAuthMap(ServiceSettings const& settings) const
+{
+    if (m_takesLogins && settings.authMap.empty()) {
+        throw Failure(Outcome::configuration,
+                      "there is a socket for logins, but auth_map is not set",
+                      "set it in service.conf, or close the socket and start the service anew");
+    }
 }
 
 void Service::accept(ClientKind kind, int descriptor)
@@ -310,6 +323,7 @@ void Service::replaceMaps(std::vector<Failure>& faults)
         return;
     }
     try {
+        requireAuthMap(configuration->service);
         use(makeMaps(configuration, m_maps.get()));
     } catch (Failure const& fault) {
         faults.push_back(fault);
@@ -369,12 +383,21 @@ void Service::stop()
 
 std::string Service::stats() const { return m_metrics.text(m_maps->pools()); }
 
+/// The file is written in a thread of its own: a slow disk holds up no client.
 void Service::keepStatsFile()
 {
     if (m_statsFile.empty()) {
         return;
     }
-    writeStatsFile();
+    if (!m_statsWriter) {
+        m_statsWriter = std::make_unique<boost::asio::thread_pool>(1);
+    }
+    if (!m_isWritingStats.exchange(true)) { // else the last one is still being written
+        boost::asio::post(*m_statsWriter, [this, text = stats()] {
+            writeStatsFile(text);
+            m_isWritingStats = false;
+        });
+    }
     m_statsTimer.expires_after(statsInterval);
     m_statsTimer.async_wait([this](boost::system::error_code const& error) {
         if (!error) {
@@ -384,19 +407,26 @@ void Service::keepStatsFile()
 }
 
 /// Who reads the file sees a whole one.
-void Service::writeStatsFile()
+void Service::writeStatsFile(std::string const& text)
 {
-    errno = 0;
+    constexpr mode_t mode = 0644; // for the programs that collect metrics, whatever the umask
     std::string const temporary = m_statsFile + ".new";
-    std::ofstream file(temporary, std::ios::trunc);
-    file << stats();
-    file.close();
-    bool const isWritten = file && std::rename(temporary.c_str(), m_statsFile.c_str()) == 0;
-    if (!isWritten && m_hasStatsFile) {
-        m_log.write(Log::Level::warning,
-                    fmt::format("cannot write {}: {}", m_statsFile, strerror(errno)));
+    try {
+        Tool::Descriptor const file(
+            ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, mode));
+        if (!file.isOpen() || fchmod(file.get(), mode) != 0) {
+            throw Tool::unwritableFile(m_statsFile, errno);
+        }
+        Tool::writeWhole(file.get(), m_statsFile, text);
+        if (std::rename(temporary.c_str(), m_statsFile.c_str()) != 0) {
+            throw Tool::unwritableFile(m_statsFile, errno);
+        }
+        m_hasStatsFile = true;
+    } catch (Failure const& fault) {
+        if (std::exchange(m_hasStatsFile, false)) {
+            m_log.write(Log::Level::warning, fault.what());
+        }
     }
-    m_hasStatsFile = isWritten;
 }
 
 /// Tells systemd that every thread still reacts.

@@ -13,6 +13,7 @@
 
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
+#include <boost/asio/thread_pool.hpp>
 
 #include <atomic>
 #include <chrono>
@@ -52,6 +53,7 @@ private:
     void startThreads();
     void open();
     void add(ClientKind kind, int descriptor, std::string const& path);
+    void requireAuthMap(ServiceSettings const& settings) const;
     void accept(ClientKind kind, int descriptor);
     void awaitSignal();
     void reload();
@@ -61,7 +63,7 @@ private:
     void stop();
     std::string stats() const;
     void keepStatsFile();
-    void writeStatsFile();
+    void writeStatsFile(std::string const& text);
     void keepWatchdog();
 
     std::string const m_folder;
@@ -80,6 +82,7 @@ private:
     std::size_t m_next = 0; ///< index of the worker for the next client
     // All below belong to the first worker.
     std::list<Listener> m_listeners;
+    bool m_takesLogins = false; ///< one of the listeners does
     boost::asio::signal_set m_signals;
     boost::asio::steady_timer m_stopTimer;
     boost::asio::steady_timer m_statsTimer;
@@ -89,7 +92,9 @@ private:
     std::atomic<std::size_t> m_alive{0}; ///< workers that have reacted since they were asked
     bool m_asksWorkers = false;          ///< whether they react
     bool m_isStopping = false;
-    bool m_hasStatsFile = true;
+    std::atomic<bool> m_isWritingStats{false};
+    bool m_hasStatsFile = true; ///< belongs to the thread of m_statsWriter
+    std::unique_ptr<boost::asio::thread_pool> m_statsWriter; ///< one thread; null: there is no file
 };
 
 } // namespace Solvane::Service

@@ -53,17 +53,42 @@ bool mayBeReadByItsGroup(struct stat const& status, Privacy privacy)
     return groupNamed(serviceGroup) == status.st_gid;
 }
 
-void writeWhole(int descriptor, std::string const& path, std::string_view text)
+/// A group's name, or its number.
+std::string nameOf(gid_t group)
 {
-    while (!text.empty()) {
-        ssize_t const count = write(descriptor, text.data(), text.size());
-        if (count < 0 && errno != EINTR) {
-            throw Failure(Outcome::outputFailed,
-                          fmt::format("cannot write '{}': {}", path, strerror(errno)),
-                          "check its folder");
-        }
-        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    ::group found = {};
+    ::group* result = nullptr;
+    std::vector<char> names(1024);
+    while (getgrgid_r(group, &found, names.data(), names.size(), &result) == ERANGE) {
+        names.resize(2 * names.size());
     }
+    return result == nullptr ? std::to_string(group) : result->gr_name;
+}
+
+/// Gives a new file of mode 600 the group of the one that it replaces, and the mode unless that one
+/// is open to others: the new one may contain a password. Returns what is not kept, in words.
+std::string takeAccess(int descriptor, std::string const& replaced)
+{
+    struct stat status = {};
+    struct stat own = {};
+    constexpr mode_t shared = S_IWGRP | S_IRWXO;
+    if (stat(replaced.c_str(), &status) != 0 || fstat(descriptor, &own) != 0) {
+        return {};
+    }
+    // The group first: until then, the mode would admit another one.
+    if (status.st_gid != own.st_gid &&
+        fchown(descriptor, static_cast<uid_t>(-1), status.st_gid) != 0) {
+        return fmt::format("the group '{}' cannot be kept: {}", nameOf(status.st_gid),
+                           strerror(errno));
+    }
+    if ((status.st_mode & shared) != 0) {
+        return fmt::format("the mode {:03o} is not kept", status.st_mode & 0777U);
+    }
+    if (fchmod(descriptor, status.st_mode & 0777U) != 0) {
+        return fmt::format("the mode {:03o} cannot be kept: {}", status.st_mode & 0777U,
+                           strerror(errno));
+    }
+    return {};
 }
 
 } // namespace
@@ -262,22 +287,50 @@ std::optional<unsigned long> LineReader::count() const
     }
 }
 
-void writeFile(std::string const& path, std::string const& text, bool replaces)
+Failure unwritableFile(std::string const& path, int error)
 {
+    return {Outcome::outputFailed, fmt::format("cannot write '{}': {}", path, strerror(error)),
+            "check its folder"};
+}
+
+void writeWhole(int descriptor, std::string const& path, std::string_view text)
+{
+    while (!text.empty()) {
+        ssize_t const count = write(descriptor, text.data(), text.size());
+        if (count < 0 && errno != EINTR) {
+            throw unwritableFile(path, errno);
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+}
+
+std::string writeFile(std::string const& path, std::string const& text, bool replaces)
+{
+    struct stat status = {};
+    if (replaces && stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
+        throw Failure(Outcome::usage, fmt::format("'{}' is not a regular file", path),
+                      "name a file, which may exist");
+    }
     std::string beside = path + ".XXXXXX";
     Descriptor const file(mkstemp(beside.data())); // mode 600
     auto const fail = [&](int error) {
         unlink(beside.c_str());
-        bool const isThere = error == EEXIST;
-        throw Failure(isThere ? Outcome::usage : Outcome::outputFailed,
-                      fmt::format("cannot write '{}': {}", path, strerror(error)),
-                      isThere ? "use --force to replace it" : "check its folder");
+        if (error == EEXIST) {
+            throw Failure(Outcome::usage,
+                          fmt::format("cannot write '{}': {}", path, strerror(error)),
+                          "use --force to replace it");
+        }
+        throw unwritableFile(path, error);
     };
     if (!file.isOpen()) {
         fail(errno);
     }
+    std::string unkept;
     try {
         writeWhole(file.get(), path, text);
+        if (replaces) {
+            unkept = takeAccess(file.get(), path);
+        }
     } catch (Failure const&) {
         unlink(beside.c_str());
         throw;
@@ -290,6 +343,7 @@ void writeFile(std::string const& path, std::string const& text, bool replaces)
     if (!replaces) {
         unlink(beside.c_str());
     }
+    return unkept;
 }
 
 } // namespace Solvane::Tool

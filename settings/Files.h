@@ -48,10 +48,22 @@ constexpr std::string_view byteOrderMark = "\xEF\xBB\xBF";
 /// @throws Failure  "configuration": the file cannot be read
 std::string readFile(std::string const& what, std::string const& path);
 
+/// The error for a file that cannot be written.
+/// @param error  errno
+Failure unwritableFile(std::string const& path, int error);
+
+/// Writes a text into an open file.
+/// @param path  of the file, for the message
+/// @throws Failure  "output failed"
+void writeWhole(int descriptor, std::string const& path, std::string_view text);
+
 /// Writes a file of mode 600 that appears at once as a whole.
-/// @param replaces  an existing file is replaced
-/// @throws Failure  "usage": there is one already; "output failed"
-void writeFile(std::string const& path, std::string const& text, bool replaces);
+/// @param replaces  an existing file is replaced. Its group stays, and so does its mode if others
+///                  have no access and the group cannot write
+/// @return what of a replaced file is not kept, as "the mode 644 is not kept": then the mode is 600;
+///         empty if all is
+/// @throws Failure  "usage": there is one already, or something else than a file; "output failed"
+std::string writeFile(std::string const& path, std::string const& text, bool replaces);
 
 /// Who may read a file with a password besides its owner.
 enum class Privacy {

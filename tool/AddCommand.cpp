@@ -58,6 +58,7 @@ std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
                                    std::shared_ptr<Lookup::TlsContext> const& tls,
                                    Diagnostics const& diagnostics)
 {
+    Session::initializeOpenLdap();
     auto const deadline = Lookup::Clock::now() + settings.deadline;
     auto const lastStep = settings.isAnonymous() ? Lookup::Step::bind : Lookup::Step::identify;
     Verdict last;

@@ -151,6 +151,7 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
     completeBase(draft);
     LDAPLookup::Settings settings = common.settings(draft, password);
     report.passed("settings", described(settings), watch.milliseconds());
+    Lookup::Session::initializeOpenLdap();
 
     Probe probe = {m_probe, m_repeat, std::string(), {}};
     if (!hasTemplate(draft)) {

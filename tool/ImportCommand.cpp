@@ -42,8 +42,8 @@ constexpr char footer[] =
     "Reads a table of Postfix's type ldap (ldap_table(5)) and writes settings that find the\n"
     "same values, for -C and for the maps of solvane-ldapd. Messages say what differs. If\n"
     "anything cannot be imported, all errors are reported and nothing is written.\n\n"
-    "The file of --output has mode 600, as it may contain a password. Standard output gets\n"
-    "no password.\n\n"
+    "The file of --output has mode 600, as it may contain a password. --force keeps the group\n"
+    "of a file, and its mode if others have no access. Standard output gets no password.\n\n"
     "Exit status: 0 imported, 64 usage error, 74 cannot write, 78 the table cannot be\n"
     "imported.";
 
@@ -681,13 +681,17 @@ int ImportCommand::run(CommonOptions const&, Output& output, Diagnostics& diagno
         return exitStatusOf(Outcome::found);
     }
     std::string text = table.text(true);
+    std::string unkept;
     try {
-        writeFile(m_output, text, m_replaces);
+        unkept = writeFile(m_output, text, m_replaces);
     } catch (Failure const&) {
         wipe(text);
         throw;
     }
     wipe(text);
+    if (!unkept.empty()) {
+        diagnostics.error(fmt::format("{}: warning: {}; its mode is 600 now", m_output, unkept));
+    }
     return exitStatusOf(Outcome::found);
 }
 

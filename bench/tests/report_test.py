@@ -11,6 +11,7 @@ import xml.etree.ElementTree
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir))
 import figures  # noqa: E402
 import report  # noqa: E402
+import targets  # noqa: E402
 
 
 def figure(median, spread=0.01):
@@ -42,11 +43,11 @@ class Measured:
 
 class TheService(unittest.TestCase):
     def test_is_compared_with_as_many_processes(self):
-        rate, connections = report.service_targets(Measured(0.1, 0.3))
+        rate, connections = targets.service_targets(Measured(0.1, 0.3))
 
         self.assertAlmostEqual(rate.figure.median, 3.0)
         self.assertEqual(connections.figure.median, 4)
-        self.assertTrue(report.service_targets(Measured(0.1, 0.15))[0].is_missed())
+        self.assertTrue(targets.service_targets(Measured(0.1, 0.15))[0].is_missed())
 
     def test_has_a_line_for_each_number_of_clients(self):
         lines = report.service_lines(Measured(0.1, 0.3))  # without proxymap
@@ -62,28 +63,28 @@ class TheService(unittest.TestCase):
 
 class ATarget(unittest.TestCase):
     def test_is_met_at_its_bound(self):
-        self.assertEqual(report.no_less_than("rate", 0.98, figure(0.98)).verdict(), "met")
-        self.assertEqual(report.no_more_than("time", 4, figure(4.0)).verdict(), "met")
+        self.assertEqual(targets.no_less_than("rate", 0.98, figure(0.98)).verdict(), "met")
+        self.assertEqual(targets.no_more_than("time", 4, figure(4.0)).verdict(), "met")
 
     def test_is_missed_beyond_the_noise(self):
-        target = report.no_less_than("rate", 0.98, figure(0.90), again=figure(1.02, 0.03))
+        target = targets.no_less_than("rate", 0.98, figure(0.90), again=figure(1.02, 0.03))
 
         self.assertTrue(target.is_missed())
         self.assertEqual(target.verdict(), "**missed**")
 
     def test_is_not_judged_within_the_noise(self):
-        target = report.no_less_than("rate", 0.98, figure(0.94), again=figure(1.02, 0.03))
+        target = targets.no_less_than("rate", 0.98, figure(0.94), again=figure(1.02, 0.03))
 
         self.assertFalse(target.is_missed())
         self.assertEqual(target.verdict(), "missed by less than the noise")
 
     def test_of_a_most_is_missed_above(self):
-        self.assertTrue(report.no_more_than("time", 4, figure(5, 0.5)).is_missed())
-        self.assertFalse(report.no_more_than("time", 4, figure(4.4, 0.5)).is_missed())
+        self.assertTrue(targets.no_more_than("time", 4, figure(5, 0.5)).is_missed())
+        self.assertFalse(targets.no_more_than("time", 4, figure(4.4, 0.5)).is_missed())
 
     def test_shows_bound_and_figure_with_their_unit(self):
         self.assertEqual(
-            report.no_more_than("time", 4, figure(3.5, 0.25), unit=" µs").row(),
+            targets.no_more_than("time", 4, figure(3.5, 0.25), unit=" µs").row(),
             ["time", "≤ 4 µs", "3.50 ± 0.25 µs", "met"],
         )
 

@@ -3,6 +3,8 @@
 
 #include "PoolsAtFork.h"
 
+#include <solvane/session/Session.h>
+
 namespace Solvane::Lookup {
 
 namespace {
@@ -26,6 +28,7 @@ Engine::Engine(Settings const& settings)
       m_current(std::make_shared<Shared>(checked(settings), m_totals, nullptr)),
       m_newest(m_current.get())
 {
+    Session::initializeOpenLdap();
     PoolsAtFork::instance().add(m_mutex);
 }
 

@@ -5,6 +5,7 @@
 
 #include <solvane/ldap/LDAPAttribute.h>
 #include <solvart/Buffer.h>
+#include <solvart/StringHelpers.h>
 
 #include <algorithm>
 #include <string_view>
@@ -143,7 +144,7 @@ void Expansion::add(Entries& entries, Entries::iterator entry, Search const& sea
     if (!isNew) {
         return;
     }
-    m_records.emplace_back();
+    m_records.push_back({dn, {}, false});
     if (search.selection.empty() && m_nodesByName.emplace("dn " + dn, m_nodes.size()).second) {
         m_nodes.push_back({entry->dn(), {record}}); // a member of this DN is found already
     }
@@ -153,7 +154,7 @@ void Expansion::add(Entries& entries, Entries::iterator entry, Search const& sea
     auto const& attributes = entry->attributes().attributes();
     if (std::none_of(attributes.begin(), attributes.end(),
                      [](LDAPAttribute const& attribute) { return firstRange(attribute); })) {
-        fill(m_records[record], *entry, server);
+        fill(record, *entry, server);
         return;
     }
     m_parts.push_back(partOf(entry));
@@ -283,7 +284,7 @@ void Expansion::complete(Part& part)
         attributes.push_back(attribute.values);
     }
     *part.entry = LDAPSearchResultEntry(part.entry->dn(), attributes);
-    fill(m_records[part.record], *part.entry, part.server);
+    fill(part.record, *part.entry, part.server);
     part.attributes.clear();
     if (part.isHeld) {
         m_held.erase(part.entry);
@@ -291,7 +292,8 @@ void Expansion::complete(Part& part)
 }
 
 /// Makes an entry's results and further searches.
-void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry, std::string const& server)
+void Expansion::fill(std::size_t record, LDAPSearchResultEntry const& entry,
+                     std::string const& server)
 {
     if (!m_rules.areSet()) {
         return;
@@ -320,13 +322,17 @@ void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry, std::st
                                   : *role == Role::result || (*role == Role::leaf && !hasMembers);
         bool const isMember = *role == Role::special && !hasTerminal;
         ++role;
+        std::size_t const source = isResult ? sourceOf(record, attribute.type().asString()) : none;
         for (Buffer const& value : attribute.binaryValue()) {
             if (isMember && value.length() != 0) { // else it stands for "no members"
-                record.items.push_back({std::string(), nodeOf(std::string(viewOf(value)))});
+                std::size_t const node = nodeOf(std::string(viewOf(value)));
+                m_records[record].items.push_back({std::string(), node, none});
             } else if (isResult) {
                 if (auto text = m_rules.format().of(viewOf(value), m_key)) {
-                    record.items.push_back({std::move(*text), none});
-                    ++m_count;
+                    m_records[record].items.push_back({std::move(*text), none, source});
+                    if (m_sources[source].counted == record) {
+                        ++m_count;
+                    }
                 }
             }
         }
@@ -336,6 +342,17 @@ void Expansion::fill(Record& record, LDAPSearchResultEntry const& entry, std::st
              "there are more than " + std::to_string(m_settings.expansionLimit) +
                  " values (expansion_limit)");
     }
+}
+
+/// The attribute of a record's entry as a source of results.
+std::size_t Expansion::sourceOf(std::size_t record, std::string const& attribute)
+{
+    auto const [known, isNew] = m_sourcesByName.emplace(
+        m_records[record].dn + '\n' + copyStringToLower(attribute), m_sources.size());
+    if (isNew) {
+        m_sources.push_back({record});
+    }
+    return known->second;
 }
 
 /// The search that a value names; new ones belong to the next level.
@@ -395,7 +412,8 @@ std::vector<std::string> Expansion::results()
             path.pop_back();
             continue;
         }
-        Record& record = m_records[node.records[place.record]];
+        std::size_t const number = node.records[place.record];
+        Record& record = m_records[number];
         bool const isKnown = place.item == 0 && std::exchange(record.isVisited, true);
         if (isKnown || place.item == record.items.size()) {
             ++place.record;
@@ -404,7 +422,11 @@ std::vector<std::string> Expansion::results()
         }
         Item& item = record.items[place.item++];
         if (item.node == none) {
-            results.push_back(std::move(item.result));
+            std::size_t& giver = m_sources[item.source].giver;
+            giver = giver == none ? number : giver;
+            if (giver == number) {
+                results.push_back(std::move(item.result));
+            }
         } else if (Node& member = m_nodes[item.node]; !std::exchange(member.isVisited, true)) {
             if (member.isMissing && m_missing++ == 0) {
                 m_firstMissing = member.reference;

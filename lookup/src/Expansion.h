@@ -24,10 +24,11 @@ namespace Solvane::Lookup {
 ///     search of cn=sales --> cn=sales --> search of uid=bert, search of uid=anna (known)
 ///
 /// The owner sends what `next` makes, any number at a time, and passes the entries to `take`. Each
-/// search and each entry exists once, so loops end. All searches of a level are answered before
-/// those of the next one begin, so the level of a search is its least distance from the key, in
-/// whatever order answers arrive. `results` walks the graph depth first, in the order of the
-/// directory's values. Sends nothing; not thread-safe.
+/// search and each entry exists once, so loops end; an entry that URLs find with different
+/// attributes gives each attribute once. All searches of a level are answered before those of the
+/// next one begin, so the level of a search is its least distance from the key, in whatever order
+/// answers arrive. `results` walks the graph depth first, in the order of the directory's values.
+/// Sends nothing; not thread-safe.
 class Expansion : public NonCopyable {
 public:
     using Entries = std::list<LDAPSearchResultEntry>;
@@ -86,11 +87,18 @@ private:
     struct Item {
         std::string result;
         std::size_t node = none;
+        std::size_t source = none; ///< of the result
     };
-    /// What an entry contributes.
+    /// What an entry contributes. It has one for each selection of attributes that finds it.
     struct Record {
+        std::string dn; ///< normalized
         std::vector<Item> items;
         bool isVisited = false;
+    };
+    /// An attribute of an entry. Several records may have its values; one gives them.
+    struct Source {
+        std::size_t counted;      ///< the record whose values count for the limit
+        std::size_t giver = none; ///< the record that stands first in the results
     };
     /// An entry of which some attributes came in part.
     struct Part {
@@ -115,7 +123,8 @@ private:
     Part partOf(Entries::iterator entry) const;
     void takeMore(Search const& search, Entries const& entries, std::string const& server);
     void complete(Part& part);
-    void fill(Record& record, LDAPSearchResultEntry const& entry, std::string const& server);
+    void fill(std::size_t record, LDAPSearchResultEntry const& entry, std::string const& server);
+    std::size_t sourceOf(std::size_t record, std::string const& attribute);
     void makeMoreSearch(Search& search, std::size_t number);
     std::size_t nodeOf(std::string const& reference);
     void nextLevel();
@@ -129,6 +138,8 @@ private:
     std::unordered_map<std::string, std::size_t> m_nodesByName;
     std::vector<Record> m_records;
     std::unordered_map<std::string, std::size_t> m_recordsByName;
+    std::vector<Source> m_sources;
+    std::unordered_map<std::string, std::size_t> m_sourcesByName;
     std::deque<Part> m_parts;
     Entries m_held;                   ///< entries of members that are not complete
     std::deque<std::size_t> m_rest;   ///< numbers of parts to go on with

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 
+#include <ldap.h>
+
 namespace Solvane::Lookup {
 
 namespace {
@@ -41,6 +43,11 @@ Conclusion conclude(std::vector<Failure> const& failures)
     taken = std::find_if(first, failures.end(), [](Failure const& failure) {
         return failure.why.outcome == Outcome::TryLater;
     });
+    if (taken == failures.end()) {
+        taken = std::find_if(first, failures.end(), [](Failure const& failure) {
+            return failure.why.code != LDAP_NO_SUCH_OBJECT;
+        });
+    }
     Failure const& source = taken != failures.end() ? *taken : *first;
     Outcome const outcome = areAlike ? source.why.outcome : Outcome::TryLater;
     return {{outcome, source.why.code, textOf(failures)}, source.uri};

@@ -26,7 +26,8 @@ struct Failure {
 /// The outcome of a key that no server answered. If all servers failed with the same outcome, it is
 /// that one. Otherwise it is `TryLater`: the server that could have answered may be temporarily
 /// down. Example: one replica refuses the base (`Misconfigured`), another one is down (`TryLater`).
-/// A final failure (wrong credentials, invalid setting) decides alone.
+/// A final failure (wrong credentials, invalid setting) decides alone. The code is that of a base
+/// that does not exist only if all servers said so: it may mean that the key does not exist.
 struct Conclusion {
     Verdict verdict;
     std::string server; ///< the URI of the server that it comes from

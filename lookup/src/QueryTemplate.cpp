@@ -474,8 +474,10 @@ private:
 };
 
 /// Checks a template by Postfix's rules.
-/// @param format  null if the text is invalid
-std::vector<Finding> inspectPostfix(std::string const& text, ResultFormat const* format)
+/// @param format      null if the text is invalid
+/// @param isBaseMade  the base inserts parts of the key, so the template need not
+std::vector<Finding> inspectPostfix(std::string const& text, ResultFormat const* format,
+                                    bool isBaseMade)
 {
     if (auto const fault = faultIn(text)) {
         return {{Weight::error, fault->position, 1, describe(*fault)}};
@@ -492,7 +494,7 @@ std::vector<Finding> inspectPostfix(std::string const& text, ResultFormat const*
     if (!isFilter(filter)) {
         return {{Weight::error, 0, text.size(), "OpenLDAP rejects the filter: " + oneLine(filter)}};
     }
-    if (format->insertionsForKey(ordinary).empty()) {
+    if (!isBaseMade && !format->hasSpecifiers()) {
         return {{Weight::warning, 0, text.size(), sameForAll}};
     }
     return {};
@@ -512,7 +514,7 @@ QueryTemplate::QueryTemplate(std::string const& text, std::string const& bValue,
 
 QueryTemplate::QueryTemplate(Settings const& settings)
     : m_text(settings.queryTemplate), m_bValue(settings.bValue), m_gValue(settings.gValue),
-      m_isPostfix(settings.postfixRules)
+      m_isPostfix(settings.postfixRules), m_isBaseMade(!baseOfAllKeys(settings))
 {
     if (m_isPostfix && ResultFormat::faultOf(m_text).empty()) {
         m_format = std::make_shared<ResultFormat>(m_text, true);
@@ -584,7 +586,7 @@ std::vector<QueryTemplate::Step> QueryTemplate::explain(EmailAddress const& addr
 
 std::vector<Finding> QueryTemplate::check() const
 {
-    return m_isPostfix ? inspectPostfix(m_text, m_format.get())
+    return m_isPostfix ? inspectPostfix(m_text, m_format.get(), m_isBaseMade)
                        : Inspection(m_text, m_bValue, m_gValue).run();
 }
 

@@ -7,11 +7,14 @@
 #include <solvart/StringHelpers.h>
 
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <limits>
 #include <utility>
 
+#include <arpa/inet.h>
 #include <ldap.h>
+#include <netinet/in.h>
 #include <strings.h>
 
 namespace Solvane::Lookup {
@@ -121,6 +124,26 @@ std::string escaped(std::string_view text)
         out.append({'\\', digits[byte >> 4], digits[byte & 0x0F]});
     }
     return out;
+}
+
+/// A text that is the same for all ways to write a server's host: in any case, with the dot of the
+/// root, an IPv6 address in any form. The path of a socket stays as it is.
+std::string normalizedHost(std::string const& host)
+{
+    if (!host.empty() && host.front() == '/') {
+        return host;
+    }
+    std::array<unsigned char, sizeof(in6_addr)> address{};
+    std::array<char, INET6_ADDRSTRLEN> text{};
+    if (inet_pton(AF_INET6, host.c_str(), address.data()) == 1 &&
+        inet_ntop(AF_INET6, address.data(), text.data(), text.size()) != nullptr) {
+        return text.data();
+    }
+    std::string name = copyStringToLower(host);
+    if (name.size() > 1 && name.back() == '.') {
+        name.pop_back();
+    }
+    return name;
 }
 
 constexpr std::string_view optionName = ";range=";
@@ -326,7 +349,8 @@ ResultRules::ResultRules(Settings const& settings)
         }
     }
     for (Server const& server : settings.servers) {
-        m_hosts.push_back(server.host);
+        m_hosts.push_back(
+            normalizedHost(server.socketPath.empty() ? server.host : server.socketPath));
     }
 }
 
@@ -368,9 +392,10 @@ Verdict ResultRules::makeUrlSearch(std::string const& reference, SearchRequest& 
     LDAPURLDesc const& parts = *url.get();
     std::string const host = parts.lud_host == nullptr ? "" : parts.lud_host;
     if (!host.empty() &&
-        std::none_of(m_hosts.begin(), m_hosts.end(),
-                     [&](std::string const& known) { return isSame(known, host); })) {
-        return invalid(LDAP_PARAM_ERROR, "the LDAP URL names another server, which is not asked");
+        std::find(m_hosts.begin(), m_hosts.end(), normalizedHost(host)) == m_hosts.end()) {
+        return invalid(LDAP_PARAM_ERROR,
+                       "the LDAP URL names another server, '" + oneLine(host) +
+                           "', which is not asked: only those of the settings are");
     }
     if (parts.lud_crit_exts != 0) {
         return invalid(LDAP_PARAM_ERROR, "the LDAP URL has a critical extension");

@@ -132,7 +132,7 @@ private:
     };
     std::vector<Name> m_names; ///< the highest role first
     std::vector<std::string> m_requested;
-    std::vector<std::string> m_hosts; ///< of the servers
+    std::vector<std::string> m_hosts; ///< of the servers, and sockets; normalized
     SearchRequest m_request;          ///< of members, without base and attributes
     ResultFormat m_format;
     bool m_areSet;

@@ -95,7 +95,9 @@ int Conversation::bind(std::string const& dn, std::string const& password, int& 
         ldap_sasl_bind(m_handle, dn.c_str(), LDAP_SASL_SIMPLE, const_cast<berval*>(&credentials),
                        asksForPolicy ? controls : nullptr, nullptr, &id);
     m_channel.handlesSecret(false);
-    return sent(code, id);
+    int const result = sent(code, id);
+    m_bindId = id;
+    return result;
 }
 
 int Conversation::saslBind(char const* mechanism, std::string_view credentials, int& id)
@@ -264,9 +266,10 @@ void Conversation::takeNotice()
     bool const isRead = ber_scanf(element, "{i{emm", &id, &code, &matched, &text) != LBER_ERROR &&
                         ber_scanf(element, "m", &name) != LBER_ERROR && name.bv_val != nullptr;
     if (isRead && std::string_view(name.bv_val, name.bv_len) == LDAP_NOTICE_OF_DISCONNECTION) {
+        bool const mayRepeatPassword = isAwaited(m_bindId);
+        std::string const told(text.bv_val, mayRepeatPassword ? 0 : text.bv_len);
         m_channel.fail(Outcome::TryLater, LDAP_SERVER_DOWN,
-                       "the server is closing the connection: " +
-                           wordsFor(code, std::string(text.bv_val, text.bv_len)));
+                       "the server is closing the connection: " + wordsFor(code, told));
     }
 }
 

@@ -67,6 +67,7 @@ private:
     Channel m_channel;
     LDAP* m_handle = nullptr;
     std::vector<int> m_awaited;      // ids of pending requests, ascending
+    int m_bindId = 0;                // of the last bind with a password
     std::vector<char*> m_attributes; // of the last search, null-terminated for OpenLDAP
     int m_deref = 0;                 // current option of the session
     int m_timeLimit = 0;

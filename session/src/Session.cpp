@@ -8,6 +8,8 @@
 
 #include <utility>
 
+#include <ldap.h>
+
 namespace Solvane::Lookup {
 
 namespace {
@@ -18,6 +20,12 @@ std::optional<Certificate> const g_none;
 
 Session::Session(SessionOptions options) : m_steps(std::make_unique<Steps>(std::move(options))) {}
 Session::~Session() = default;
+
+void Session::initializeOpenLdap()
+{
+    int version = 0; // any of the defaults
+    ldap_get_option(nullptr, LDAP_OPT_PROTOCOL_VERSION, &version);
+}
 
 // Opening
 

@@ -69,7 +69,8 @@ Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column c
             return troubleIn(reply.step, column, Trouble::broken);
         }
     }
-    // Of the engine's keys and logins, one may meet the end of two connections.
+    // Of the engine's keys and logins, one may meet the end of two connections: if the first is
+    // closed late, the repeat's sign of life uses up the bytes of the second.
     if (isLookup(column) || column == Column::verify) {
         Step const last = column == Column::verify ? Step::bind : Step::search;
         return anyOf({success(column), troubleIn(last, column, Trouble::broken)});

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <list>
 #include <optional>
 
@@ -109,11 +110,18 @@ public:
     std::string const& remark() const { return m_remark; }
 
 private:
-    std::optional<LDAPSearchResultEntry> entryOf(std::string const& dn) const
+    std::optional<LDAPSearchResultEntry> entryOf(std::string const& dn,
+                                                 std::vector<std::string> const& only = {}) const
     {
         for (auto const& [name, attributes] : m_entries) {
             if (stringCompareNoCase(name, dn, 0) == 0) {
-                return entry(name, attributes);
+                Attributes kept;
+                std::copy_if(attributes.begin(), attributes.end(), std::back_inserter(kept),
+                             [&](auto const& attribute) {
+                                 return only.empty() ||
+                                        std::count(only.begin(), only.end(), attribute.first) != 0;
+                             });
+                return entry(name, kept);
             }
         }
         return std::nullopt;
@@ -128,7 +136,7 @@ private:
         for (Expansion::Search const& search : searches) {
             m_searches.push_back(search.request.base);
             Expansion::Entries entries;
-            if (auto const found = entryOf(search.request.base)) {
+            if (auto const found = entryOf(search.request.base, search.request.attributes)) {
                 entries.push_back(*found);
             }
             bool const isMissing = entries.empty();
@@ -275,6 +283,29 @@ TEST(AReferenceToAMember, IsAnLdapUrl)
     EXPECT_THAT(host.request.attributes, ElementsAre("mail"));
 }
 
+TEST(AReferenceToAMember, MayNameAServerOfTheSettings)
+{
+    auto settings = groupSettings();
+    settings.servers.resize(4);
+    settings.servers[1].host = "2001:db8::1";
+    settings.servers[2].socketPath = "/run/slapd/ldapi";
+    settings.servers[3].srvDomain = "corp.test";
+
+    for (char const* const url :
+         {"ldap:///dc=t", "ldap://ldap.corp.test", "ldap://LDAP.Corp.test./dc=t",
+          "ldaps://ldap.corp.test:636/dc=t", "ldap://ldap.corp.test:1389/dc=t",
+          "ldap://[2001:DB8:0::1]/dc=t", "ldapi://%2Frun%2Fslapd%2Fldapi/dc=t"}) {
+        EXPECT_TRUE(searchFor(url, settings).verdict.isGood()) << url;
+    }
+    for (char const* const url :
+         {"ldap://corp.test/dc=t", "ldap://ldap.corp.test.test/dc=t", "ldap://[2001:db8::2]/dc=t",
+          "ldap://127.0.0.1/dc=t", "ldapi://%2Frun%2Fslapd%2FLdapi/dc=t", "ldap://./dc=t"}) {
+        Made const made = searchFor(url, settings);
+        EXPECT_EQ(made.verdict.outcome, Outcome::Misconfigured) << url;
+        EXPECT_THAT(made.verdict.text, HasSubstr("names another server")) << url;
+    }
+}
+
 TEST(AReferenceToAMember, SelectsAttributesWithOptions)
 {
     auto settings = groupSettings();
@@ -295,7 +326,8 @@ TEST(AReferenceToAMember, IsMisconfiguredIfItCannotBeFollowed)
           std::string("dc=t\0,dc=u", 10)}) {
         EXPECT_EQ(searchFor(reference).verdict.outcome, Outcome::Misconfigured) << reference;
     }
-    EXPECT_THAT(searchFor("ldap://other.corp.test/dc=t").verdict.text, HasSubstr("another server"));
+    EXPECT_THAT(searchFor("ldap://other.corp.test/dc=t").verdict.text,
+                HasSubstr("another server, 'other.corp.test', which is not asked"));
 }
 
 // Roles
@@ -347,6 +379,30 @@ TEST(AGroup, HasEachEntryOnceAndEndsItsLoops)
     for (bool const isReversed : {false, true}) {
         EXPECT_THAT(directory.resultsOf("all", isReversed), ElementsAre("anna", "bert"));
         EXPECT_EQ(directory.searches().size(), 5U); // none for the group, one for "ALL"
+    }
+}
+
+TEST(AGroup, HasAnEntryOnceThatUrlsFindToo)
+{
+    auto settings = groupSettings();
+    settings.attributes = {"mobile"};
+    settings.expansionLimit = 4;
+    Directory directory(settings);
+    std::string const anna = "cn=anna,dc=t";
+    std::string const url = "ldap:///cn=anna,dc=t?";
+    directory.add(anna, {{"mobile", {"+1", "+2"}}, {"mail", {"anna"}}});
+    directory.person("bert");
+    directory.add("cn=dn,dc=t", {{"member", {"cn=bert,dc=t", url + "mail?base", anna}}});
+    directory.add(
+        "cn=urls,dc=t",
+        {{"member", {url + "mobile,sn", url + "Mail", "cn=bert,dc=t", url + "mail,mobile?sub"}}});
+    directory.add("cn=both,dc=t", {{"member", {"cn=urls,dc=t", anna, "cn=dn,dc=t"}}});
+    for (bool const isReversed : {false, true}) {
+        EXPECT_THAT(directory.resultsOf("dn", isReversed), ElementsAre("bert", "anna", "+1", "+2"));
+        EXPECT_THAT(directory.resultsOf("urls", isReversed),
+                    ElementsAre("+1", "+2", "anna", "bert"));
+        EXPECT_THAT(directory.resultsOf("both", isReversed),
+                    ElementsAre("+1", "+2", "anna", "bert"));
     }
 }
 

@@ -217,6 +217,27 @@ TEST(AKeyThatEveryServerFails, IsMisconfiguredIfNoneHasTheBase)
     EXPECT_THAT(answer.text, HasSubstr(uriOf(second)));
 }
 
+TEST(AKeyThatEveryServerFails, IsNotFoundIfItMakesABaseThatNoneHas)
+{
+    std::pair<OnSearch, Outcome> const seconds[] = {
+        {answering(32), Outcome::NotFound},     {answering(0), Outcome::NotFound},
+        {answering(2), Outcome::Misconfigured}, {answering(50), Outcome::TryLater},
+        {answering(51), Outcome::TryLater},     {hangUp, Outcome::TryLater}};
+    for (auto const& [onSearch, outcome] : seconds) {
+        ScriptedServer first(serving(answering(32)));
+        ScriptedServer second(serving(onSearch));
+        auto settings = settingsOf({&first, &second});
+        settings.postfixRules = true;
+        settings.base = "ou=%d,dc=t";
+        settings.queryTemplate = "(mail=%s)";
+        LDAPLookup lookup(settings);
+
+        auto const answer = lookup.find(addressOf(1));
+
+        EXPECT_EQ(answer.outcome, outcome) << answer.text;
+    }
+}
+
 TEST(AKeyThatEveryServerFails, IsRefusedIfAllRefuse)
 {
     ScriptedServer first(serving(answering(50)));

@@ -402,7 +402,7 @@ TEST(ADynamicGroup, OfAnotherServerIsMisconfigured)
     auto const answer = answerTo("all@corp.test", groupSettings({&server}));
 
     EXPECT_EQ(answer.outcome, Outcome::Misconfigured);
-    EXPECT_THAT(answer.text, HasSubstr("names another server"));
+    EXPECT_THAT(answer.text, HasSubstr("names another server, 'elsewhere.corp.test'"));
     EXPECT_THAT(answer.results, IsEmpty());
 }
 

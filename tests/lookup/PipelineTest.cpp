@@ -1,11 +1,14 @@
 // The pipeline of one connection: its window adapts to the server's limit of pending requests, and
-// keys end in time while other callers have the connections.
+// keys end in time while other callers have the connections, or while OpenLDAP is initialised.
 #include "Pipeline.h"
 #include "Lookups.h"
 #include "Window.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -15,6 +18,19 @@ using namespace Solvane::Lookup;
 using Solvane::Lookup::Window;
 using testing::Contains;
 using testing::HasSubstr;
+
+namespace {
+
+int g_ownNames = 0; ///< how often OpenLDAP asked for the name of this host
+
+} // namespace
+
+/// In place of the system's, also for OpenLDAP: it resolves the name next, which may take long.
+extern "C" int gethostname(char* name, std::size_t length) noexcept
+{
+    ++g_ownNames;
+    return std::snprintf(name, length, "localhost") < 0 ? -1 : 0;
+}
 
 namespace SolvaneTest {
 
@@ -138,6 +154,18 @@ TEST(AKeyThatGetsNoConnectionToTheOtherServer, IsToBeTriedLaterWhateverTheFirstS
     EXPECT_EQ(second.connectionCount(), 0U);
     EXPECT_EQ(answer.outcome, Outcome::TryLater);
     EXPECT_THAT(answer.text, HasSubstr("no other server was asked within the deadline of 1 s"));
+}
+
+TEST(OpenLdap, IsInitializedBeforeTheDeadlineOfAKeyBegins)
+{
+    GTEST_FLAG_SET(death_test_style, "threadsafe"); // in a process of its own
+    auto const asksWhenTheEngineIsMade = [] {
+        int const before = g_ownNames;
+        LDAPLookup const lookup(settingsFor({1}));
+        std::exit(before == 0 && g_ownNames == 1 ? 0 : 1);
+    };
+
+    EXPECT_EXIT(asksWhenTheEngineIsMade(), testing::ExitedWithCode(0), "");
 }
 
 } // namespace SolvaneTest

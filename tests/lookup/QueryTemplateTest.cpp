@@ -343,6 +343,20 @@ TEST(QueryTemplateCheck, SaysTextOfOneLineOnly)
     }
 }
 
+TEST(QueryTemplateCheck, AllowsATemplateOfPostfixWithoutTheAddressIfTheBaseHasIt)
+{
+    Settings settings;
+    settings.postfixRules = true;
+    settings.queryTemplate = "(objectClass=*)";
+    settings.base = "ou=100%%,dc=t";
+
+    auto const findings = QueryTemplate(settings).check();
+    ASSERT_EQ(findings.size(), 1U);
+    EXPECT_THAT(findings[0].text, HasSubstr("every address finds the same entries"));
+    settings.base = "cn=%u,dc=t";
+    EXPECT_THAT(QueryTemplate(settings).check(), IsEmpty());
+}
+
 // Filters
 
 TEST(Filter, IsWhatOpenLDAPTakes)

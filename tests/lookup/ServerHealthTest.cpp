@@ -292,6 +292,17 @@ TEST(AKeyThatNoServerAnswered, IsMisconfiguredIfAllSaySo)
     EXPECT_EQ(conclusion.server, "ldap://server0");
 }
 
+TEST(AKeyThatNoServerAnswered, HasNoBaseOnlyIfAllSaySo)
+{
+    for (auto const& [one, another] : {std::pair(32, 2), std::pair(2, 32)}) {
+        auto const conclusion = conclude(
+            {failure(0, Outcome::Misconfigured, one), failure(1, Outcome::Misconfigured, another)});
+
+        EXPECT_EQ(conclusion.verdict.outcome, Outcome::Misconfigured);
+        EXPECT_EQ(conclusion.verdict.code, 2);
+    }
+}
+
 TEST(AKeyThatNoServerAnswered, IsRefusedIfAllRefuse)
 {
     auto const conclusion =

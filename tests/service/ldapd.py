@@ -155,11 +155,12 @@ class Service:
         if is_started:
             self.start()
 
-    def write_service(self, text):
+    def write_service(self, text, has_logins=True):
+        logins = f"listen_auth = unix:{self.auth_path}\nauth_map = users\n" if has_logins else ""
         with open(os.path.join(self.folder, "service.conf"), "w", encoding="utf-8") as file:
             file.write(
-                f"listen_socketmap = unix:{self.users_path}\nlisten_auth = unix:{self.auth_path}\n"
-                f"stats_socket = unix:{self.stats_path}\nauth_map = users\n{text}"
+                f"listen_socketmap = unix:{self.users_path}\n"
+                f"stats_socket = unix:{self.stats_path}\n{logins}{text}"
             )
 
     def write_map(self, name, text):
@@ -176,6 +177,7 @@ class Service:
         os.chmod(path, 0o640)
 
     def start(self, **options):
+        before = self.count("serving")
         # pylint: disable=consider-using-with
         self.process = subprocess.Popen(
             [LDAPD, "-C", self.folder, *self._arguments],
@@ -186,37 +188,39 @@ class Service:
         self._reader = threading.Thread(target=self._read, args=(self.process,))
         self._reader.start()
         self.test.addCleanup(self.kill)
-        self.await_line("serving")
+        self.await_line("serving", before + 1)
 
     def _read(self, process):
         with process.stderr:
             for line in process.stderr:
                 self.lines.append(line.rstrip("\n"))
 
+    def count(self, *words):
+        """The number of lines so far that have one of these words. More may be on their way."""
+        return sum(any(word in line for word in words) for line in self.lines)
+
     def await_line(self, words, count=1):
-        if not eventually(
-            lambda: sum(words in line for line in self.lines) >= count
-            or self.process.poll() is not None
-        ):
+        """Lines arrive some time after the replies of the service: wait for them."""
+        if not eventually(lambda: self.count(words) >= count or self.process.poll() is not None):
             raise AssertionError(f"no line has '{words}': {self.lines}")
         if self.process.poll() is not None:
             self._reader.join(DEADLINE)  # its last lines too
-        if sum(words in line for line in self.lines) < count:
+        if self.count(words) < count:
             raise AssertionError(f"the service has ended: {self.lines}")
 
     def reload(self):
         """Returns once the service has read its settings, or refused them."""
-        before = sum("anew" in line or "in use stay" in line for line in self.lines)
+        before = self.count("anew", "in use stay")
         self.process.send_signal(signal.SIGHUP)
-        if not eventually(
-            lambda: sum("anew" in line or "in use stay" in line for line in self.lines) > before
-        ):
+        if not eventually(lambda: self.count("anew", "in use stay") > before):
             raise AssertionError(self.lines)
 
     def stop(self):
-        """Returns the exit status."""
+        """Returns the exit status. `lines` are complete then: what they lack was not written."""
         self.process.terminate()
-        return self.process.wait(DEADLINE)
+        status = self.process.wait(DEADLINE)
+        self._reader.join(DEADLINE)
+        return status
 
     def kill(self):
         if self.process.poll() is None:

@@ -6,7 +6,7 @@ import socket
 import time
 import unittest
 
-from ldapd import GROUPS, Client, Service, add_entries, group, netstring
+from ldapd import GROUPS, AuthClient, Client, Service, add_entries, group, netstring
 from servers import (
     SEARCH,
     ScriptedDirectory,
@@ -16,6 +16,8 @@ from servers import (
     silent,
 )
 from support import PRIVATE, DirectoryTest, ToolTest, free_port
+
+CONFIGURATION = 78  # the exit status for wrong settings
 
 ALIASES = """
 query_filter = (cn=$m)
@@ -144,11 +146,40 @@ class Lookups(DirectoryTest):
 
     def test_writes_metrics_into_a_file(self):
         path = os.path.join(self.folder, "metrics.prom")
+        before = os.umask(0o077)
+        self.addCleanup(os.umask, before)
         Service(self, self.uri, arguments=("--stats-file", path))
 
-        self.assertTrue(os.path.exists(path))  # before the service says that it serves
+        self.assertTrue(eventually(lambda: os.path.exists(path)))
         with open(path, encoding="utf-8") as file:
             self.assertIn("solvane_ldapd_clients 0\n", file.read())
+            self.assertEqual(os.fstat(file.fileno()).st_mode & 0o777, 0o644)
+
+    def test_answers_while_the_file_of_metrics_cannot_be_written(self):
+        path = os.path.join(self.folder, "metrics.prom")
+        os.mkfifo(path + ".new")  # an open of it waits for a reader
+        service = Service(self, self.uri, arguments=("--stats-file", path))
+
+        self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
+
+        with open(path + ".new", encoding="utf-8") as file:
+            self.assertIn("solvane_ldapd_clients 0\n", file.read())
+        self.assertEqual(service.stop(), 0)
+
+    def test_says_why_the_file_of_metrics_cannot_be_written(self):
+        os.symlink("elsewhere", os.path.join(self.folder, "link.new"))
+        os.mkdir(os.path.join(self.folder, "taken"))
+        for name, words in (
+            ("link", "Too many levels of symbolic links"),
+            ("none/metrics", "No such file or directory"),
+            ("taken", "Is a directory"),
+        ):
+            with self.subTest(words):
+                file = os.path.join(self.folder, name)
+                service = Service(self, self.uri, arguments=("--stats-file", file))
+
+                service.await_line(f"cannot write '{file}': {words}; check its folder")
+                service.stop()
 
     def test_takes_the_password_of_the_map_rather_than_the_common_one(self):
         users = "query_filter = (cn=secret)\nresult_attribute = description\n"
@@ -168,6 +199,40 @@ class Lookups(DirectoryTest):
         service.ask("users", "user0000001@corp.test")
 
         service.await_line("users user0000001@corp.test: found, ")
+
+    def test_logs_requests_and_answers_shortened_on_one_line(self):
+        text = "no\u202e" + 50000 * "x"
+
+        def deny(request):
+            is_reader = b"cn=reader" in request.content
+            return request.result(0x61, 0 if is_reader else 49, text=text.encode())
+
+        directory = ScriptedDirectory(
+            self, serving(lambda request: request.entry() + request.result(0x65), on_bind=deny)
+        )
+        service = Service(self, directory.uri, "log_requests = yes\n")
+        service.ask("users", "a\u202e\n" + 5000 * "b")
+        service.auth_client().plain("anna", "wrong")
+        service.stop()
+
+        directory = ScriptedDirectory(
+            self,
+            serving(None, on_bind=lambda request: request.result(0x61, 49, text=text.encode())),
+        )
+        other = Service(self, directory.uri)
+        other.ask("users", "anna@corp.test")
+        other.stop()
+
+        for lines, words in (
+            (service.lines, "users a\\xE2\\x80\\xAE\\x0Abbb"),
+            (service.lines, "login of anna from 192.0.2.1: denied, "),
+            (other.lines, "refuses the credentials: "),
+        ):
+            found = [line for line in lines if words in line]
+            self.assertEqual(len(found), 1, (words, lines))
+            self.assertLess(len(found[0]), 800)
+            self.assertNotIn("\u202e", found[0])
+            self.assertIn("\\xE2\\x80\\xAE", found[0])
 
     def test_keeps_answers_if_asked(self):
         service = Service(self, self.uri, "cache_time = 600\ncache_negative_time = 600\n")
@@ -243,8 +308,8 @@ class Trouble(ToolTest):
             eventually(lambda: service.ask("users", "user0000001@corp.test") == "OK user0000001")
         )
         self.assertEqual(service.ask("users", "nobody@corp.test"), "NOTFOUND ")
-        self.assertTrue(any("is skipped for" in line for line in service.lines), service.lines)
-        self.assertTrue(any("serves again" in line for line in service.lines), service.lines)
+        service.await_line("is skipped for")
+        service.await_line("serves again")
 
     def test_tells_no_secret(self):
         service = Service(
@@ -258,6 +323,8 @@ class Trouble(ToolTest):
         reply = service.ask("users", "a@corp.test")
 
         self.assertTrue(reply.startswith("TEMP "), reply)
+        service.await_line("refuses the credentials")
+        service.stop()
         self.assertNotIn("reader-pw", reply + "\n".join(service.lines))
 
     def test_asks_once_for_equal_keys(self):
@@ -317,7 +384,7 @@ class Reload(DirectoryTest):
         service.reload()
 
         self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
-        self.assertTrue(any("users.conf:4: unknown setting" in line for line in service.lines))
+        service.await_line("users.conf:4: unknown setting")
         self.assertEqual(service.stats()["solvane_ldapd_reloads_failed_total"], 1)
 
     def test_brings_new_settings_of_the_service_into_use(self):
@@ -339,8 +406,9 @@ class Reload(DirectoryTest):
                 self.assertEqual(second.ask("users", "user0000001@corp.test"), "OK user0000001")
             self.assertEqual(second.ask("names", "user0000001"), "OK user0000001")
         service.await_line("users user0000001@corp.test: found (kept)")
-        self.assertTrue(any("threads has changed: restart" in line for line in service.lines))
-        self.assertEqual(sum("has changed" in line for line in service.lines), 1, service.lines)
+        service.await_line("threads has changed: restart")
+        service.stop()
+        self.assertEqual(service.count("has changed"), 1, service.lines)
 
     def test_changes_nothing_without_enough_descriptors(self):
         service = Service(self, self.uri)
@@ -355,7 +423,7 @@ class Reload(DirectoryTest):
         service.reload()
         resource.prlimit(pid, resource.RLIMIT_NOFILE, limits)
 
-        self.assertTrue(any("cannot use the maps: " in line for line in service.lines))
+        service.await_line("cannot use the maps: ")
         self.assertEqual(service.ask("users", "user0000001@corp.test"), "OK user0000001")
         self.assertEqual(service.ask("m0", "user0000001"), "TEMP there is no map 'm0'")
         service.reload()
@@ -460,25 +528,51 @@ class Systemd(DirectoryTest):
             service.process.terminate()
             self.assertTrue(eventually(lambda: manager.recv(100) == b"STOPPING=1"))
 
-    def test_opens_the_sockets(self):
+    def start_with_socket(self, service, kind):
+        """Starts it with an open socket of this kind, as systemd does, and returns the path."""
         path = os.path.join(self.folder, "activated")
         with socket.socket(socket.AF_UNIX) as listener:
             listener.bind(path)
             listener.listen()
-            service = Service(self, self.uri, is_started=False)
 
             def pass_on():
                 os.dup2(listener.fileno(), 3)
                 os.set_inheritable(3, True)
-                os.environ.update(
-                    LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", LISTEN_FDNAMES="socketmap"
-                )
+                os.environ.update(LISTEN_PID=str(os.getpid()), LISTEN_FDS="1", LISTEN_FDNAMES=kind)
 
             service.start(preexec_fn=pass_on, close_fds=False)
+        return path
 
-            with Client(path) as client:
-                self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
-            self.assertFalse(os.path.exists(service.users_path))
+    def test_opens_the_sockets(self):
+        service = Service(self, self.uri, is_started=False)
+
+        path = self.start_with_socket(service, "socketmap")
+
+        with Client(path) as client:
+            self.assertEqual(client.ask("users", "user0000001@corp.test"), "OK user0000001")
+        self.assertFalse(os.path.exists(service.users_path))
+
+    def test_opens_no_socket_for_logins_without_a_map_for_them(self):
+        service = Service(self, self.uri, is_started=False)
+        service.write_service("", has_logins=False)
+
+        with self.assertRaisesRegex(AssertionError, "a socket for logins, but auth_map is not set"):
+            self.start_with_socket(service, "auth")
+
+        self.assertEqual(service.process.returncode, CONFIGURATION)
+        self.assertFalse(os.path.exists(service.users_path))
+
+    def test_keeps_the_map_for_logins_as_long_as_its_socket_is_open(self):
+        service = Service(self, self.uri, is_started=False)
+        service.write_service("auth_map = users\n", has_logins=False)
+        path = self.start_with_socket(service, "auth")
+
+        service.write_service("", has_logins=False)
+        service.reload()
+
+        service.await_line("a socket for logins, but auth_map is not set")
+        with AuthClient(path) as client:
+            self.assertIn("OK\t", client.plain("user0000001@corp.test", "pw-user0000001"))
 
 
 if __name__ == "__main__":

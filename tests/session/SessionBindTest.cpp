@@ -198,6 +198,40 @@ TEST(RefusedBind, ThatRepeatsThePasswordIsNotQuoted)
     }
 }
 
+TEST(NoticeOfDisconnection, InPlaceOfABindResponseIsNotQuoted)
+{
+    std::string const password = "not-the-word";
+    ScriptedServer const server([&password](Peer& peer) {
+        peer.receiveMessage();
+        peer.send(noticeOfDisconnection("too many binds with " + password));
+        peer.receiveUntilClosed();
+    });
+    SessionOptions options = plainOptions(server.port());
+    options.bindDn = userDn;
+    options.password = &password;
+
+    Session session(options);
+
+    EXPECT_THAT(shown(session.reach(Step::identify, soon())),
+                AllOf(StartsWith("TryLater -1 "), HasSubstr("Server is unavailable (52)"),
+                      Not(HasSubstr("too many"))));
+}
+
+TEST(NoticeOfDisconnection, AfterTheBindIsQuoted)
+{
+    ScriptedServer const server([](Peer& peer) {
+        peer.send(bindResponse(messageIdOf(peer.receiveMessage()), 0));
+        peer.receiveMessage();
+        peer.send(noticeOfDisconnection("idle for too long"));
+        peer.receiveUntilClosed();
+    });
+
+    Session session(boundOptions(server.port()));
+
+    EXPECT_THAT(shown(session.reach(Step::identify, soon())),
+                HasSubstr("Server is unavailable (52): idle for too long"));
+}
+
 TEST(BindResponseToRead, IsNoMessageOfAnotherType)
 {
     ScriptedServer const server([](Peer& peer) {

@@ -102,13 +102,19 @@ class Service:
         os.chmod(path, 0o600)
 
     def __enter__(self):
-        self._process = subprocess.Popen(
-            [self._program, "-C", self._folder], stderr=subprocess.DEVNULL
-        )
+        path = os.path.join(self._folder, "log")
+        with open(path, "w", encoding="utf-8") as log:
+            self._process = subprocess.Popen([self._program, "-C", self._folder], stderr=log)
         end = time.monotonic() + 30
-        while not os.path.exists(self.socket):
+        while True:  # its socket exists before it has all its descriptors
+            with open(path, encoding="utf-8") as log:
+                said = log.read()
+            if "serving" in said:
+                break
             if self._process.poll() is not None or time.monotonic() > end:
-                raise RuntimeError("solvane-ldapd does not begin")
+                self._process.kill()
+                self._process.wait()
+                raise RuntimeError("solvane-ldapd does not begin: " + said)
             time.sleep(0.05)
         self.before = self.usage()[1]
         return self

@@ -52,9 +52,10 @@ std::string number(unsigned char tag, int value)
 
 std::string octets(std::string const& text) { return berElement(octetStringTag, text); }
 
-std::string ldapResult(unsigned char tag, int code, std::string const& more = std::string())
+std::string ldapResult(unsigned char tag, int code, std::string const& more = std::string(),
+                       std::string const& text = std::string())
 {
-    return berElement(tag, number(enumeratedTag, code) + octets("") + octets("") + more);
+    return berElement(tag, number(enumeratedTag, code) + octets("") + octets(text) + more);
 }
 
 /// Start and length of an element's content; a length of 0 bytes means not known yet.
@@ -166,11 +167,11 @@ std::string startTlsResponse(int messageId, int code, std::string const& text)
                                             berElement(responseNameTag, startTlsName)));
 }
 
-std::string noticeOfDisconnection()
+std::string noticeOfDisconnection(std::string const& text)
 {
     constexpr int unavailable = 52;
     return ldapMessage(0, ldapResult(extendedResponseTag, unavailable,
-                                     berElement(responseNameTag, noticeOfDisconnectionName)));
+                                     berElement(responseNameTag, noticeOfDisconnectionName), text));
 }
 
 std::string hugeMessageHeader() { return "\x30\x84\x7f\xff\xff\xff"; }

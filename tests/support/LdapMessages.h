@@ -46,7 +46,7 @@ std::string startTlsRequest(int messageId);
 /// A server's answer to it, with a diagnostic text.
 std::string startTlsResponse(int messageId, int code = 0, std::string const& text = std::string());
 /// A notice of disconnection (RFC 4511 section 4.4.1).
-std::string noticeOfDisconnection();
+std::string noticeOfDisconnection(std::string const& text = std::string());
 /// The start of a message that claims to be 2 GB long.
 std::string hugeMessageHeader();
 

@@ -367,7 +367,9 @@ class AddToADirectory(DirectoryTest):
 class AddToAPeer(ToolTest):
     def add(self, script, text, *arguments):
         self.directory = ScriptedDirectory(self, script)
-        return run("add", "-H", self.directory.uri, *arguments, stdin=text.encode())
+        result = run("add", "-H", self.directory.uri, *arguments, stdin=text.encode())
+        self.directory.finish()
+        return result
 
     def test_does_not_know_what_became_of_entries_on_a_lost_connection(self):
         result = self.add(

@@ -216,6 +216,7 @@ class AConnectionThatLostItsBind(LookupTest):
 
     def assert_never_asks_anonymously(self, directory, status):
         result = self.look_up(directory.uri, *self.as_reader(), *QUICK, "a@x", "b@x")
+        directory.finish()
 
         self.assertEqual(result.status, status, result.errors)
         self.assertNotIn("not found", result.output)
@@ -247,6 +248,7 @@ class AConnectionThatLostItsBind(LookupTest):
 
         directory = ScriptedDirectory(self, script)
         result = self.look_up(directory.uri, *self.as_reader(), *QUICK, "-q", "a@x")
+        directory.finish()
 
         # Repeated, and bound again before: so the second answer counts.
         self.assertEqual((result.status, result.lines), (1, ["# a@x: not found"]))
@@ -321,6 +323,7 @@ class OneServerOfAList(LookupTest):
         second = ScriptedDirectory(self, silent)
 
         self.assert_others_answer([self.slapd.uri, second.uri])
+        second.finish()
         self.assertEqual(second.connections, [])
 
     def test_is_replaced_when_it_stops_in_the_middle(self):
@@ -384,6 +387,7 @@ class APlaceholder(ToolTest):
                 directory = ScriptedDirectory(self, silent)
 
                 result = run("lookup", "-H", directory.uri, "-b", "dc=x", "-t", template, "a@x")
+                directory.finish()
 
                 self.assert_fails(result, 65, "at byte 6", "expand --lint")
                 self.assertEqual(directory.connections, [])
@@ -603,6 +607,7 @@ class ASecret(LookupTest):
                     result = self.look_up(
                         directory.uri, "-D", "cn=x", "-y", self.password, *QUICK, *options, "a@x"
                     )
+                    directory.finish()
 
                     self.assertIn(b"hunter2", directory.connections[0].requests[0].content)
                     self.assertNotIn("hunter2", result.output + result.errors)

@@ -2,11 +2,12 @@
 
 import os
 import shutil
+import stat
 import subprocess
 import tempfile
 import unittest
 
-from support import DEADLINE, DirectoryTest, ToolTest, run
+from support import DEADLINE, TOOL, DirectoryTest, ToolTest, run
 
 POSTMAP = shutil.which("postmap", path=os.environ.get("PATH", "") + ":/usr/sbin")
 
@@ -487,8 +488,60 @@ class Words(ToolTest):
         self.assertEqual(os.stat(output).st_mode & 0o777, 0o600)
         self.assertEqual(sorted(os.listdir(self.folder)), ["out.conf", "t.cf"])
         self.assertEqual(self.importing(self.TABLE, "--force").status, 64)
+        fifo = os.path.join(self.folder, "fifo")
+        os.mkfifo(fifo)
+        replaced = self.importing(self.TABLE, "--output", fifo, "--force")
+        self.assert_fails(replaced, 64, "is not a regular file")
+        self.assertTrue(stat.S_ISFIFO(os.stat(fifo).st_mode))
         missing = os.path.join(self.folder, "no/out.conf")
         self.assert_fails(self.importing(self.TABLE, "--output", missing), 74, "No such file")
+
+    def access(self, path):
+        status = os.stat(path)
+        return status.st_gid, status.st_mode & 0o777
+
+    def test_keeps_the_mode_of_a_file_that_it_replaces(self):
+        own = self.access(self.folder)[0]
+        for mode, kept in ((0o640, 0o640), (0o440, 0o440), (0o400, 0o400), (0o600, 0o600)):
+            with self.subTest(oct(mode)):
+                output = self.file("out.conf", b"", mode)
+                result = self.importing(self.TABLE, "--output", output, "--force")
+
+                self.assertEqual((result.status, result.errors), (0, ""))
+                self.assertEqual(self.access(output), (own, kept))
+                os.unlink(output)
+        for mode in (0o644, 0o660, 0o604):
+            with self.subTest(oct(mode)):
+                output = self.file("out.conf", b"", mode)
+                group = 12345 if os.getuid() == 0 else own
+                os.chown(output, -1, group)
+                result = self.importing(self.TABLE, "--output", output, "--force")
+
+                words = f"out.conf: warning: the mode {mode:o} is not kept; its mode is 600 now"
+                self.assertEqual((result.status, len(result.error_lines)), (0, 1), result.errors)
+                self.assertIn(words, result.errors)
+                self.assertEqual(self.access(output), (group, 0o600))
+
+    @unittest.skipIf(os.getuid() != 0, "needs root to give files away")
+    def test_keeps_the_group_of_a_file_that_it_replaces(self):
+        output = self.file("out.conf", b"", 0o640)
+        os.chown(output, -1, 12345)
+        kept = self.importing(self.TABLE, "--output", output, "--force")
+        self.assertEqual((kept.status, kept.errors), (0, ""))
+        self.assertEqual(self.access(output), (12345, 0o640))
+
+        table = os.path.join(self.folder, "t.cf")
+        command = [TOOL, "import", table, "--output", output, "--force"]
+        lost = subprocess.run(
+            ["setpriv", "--bounding-set=-all", *command],
+            capture_output=True,
+            timeout=DEADLINE,
+            check=False,
+        )
+        words = b"out.conf: warning: the group '12345' cannot be kept: "
+        self.assertEqual((lost.returncode, lost.stderr.count(b"\n")), (0, 1), lost.stderr)
+        self.assertIn(words, lost.stderr)
+        self.assertEqual(self.access(output), (os.getegid(), 0o600))
 
     def test_reads_a_table_of_main_cf(self):
         text = "myhostname = a.b\nx_server_host = h\nx_search_base = dc=x\ny_search_base = dc=$y\n"

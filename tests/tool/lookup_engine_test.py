@@ -25,7 +25,7 @@ def records(result):
 class ScriptedLookup(ToolTest):
     def look_up(self, on_search, *arguments, **options):
         self.directory = ScriptedDirectory(self, serving(on_search))
-        return run(
+        result = run(
             "lookup",
             "-H",
             self.directory.uri,
@@ -38,6 +38,8 @@ class ScriptedLookup(ToolTest):
             *arguments,
             **options,
         )
+        self.directory.finish()
+        return result
 
 
 class ReferencesAlone(ScriptedLookup):

@@ -336,6 +336,7 @@ class Verify(DirectoryTest):
         directory = ScriptedDirectory(self, giving(bound()))
 
         result = self.verify("", uri=directory.uri)
+        directory.finish()
 
         self.assert_fails(result, 65, "is empty", "never sent")
         self.assertEqual(directory.connections, [])

@@ -258,6 +258,7 @@ class ScriptedDirectory:
         self._sockets = []
         self._threads = []
         self._listener = socket.create_server(("127.0.0.1", 0))
+        self._last_client = None  # an address
         self._acceptor = threading.Thread(target=self._accept)
         self._acceptor.start()
         test.addCleanup(self._stop)
@@ -267,14 +268,25 @@ class ScriptedDirectory:
         scheme = "ldap" if self._tls is None else "ldaps"
         return f"{scheme}://127.0.0.1:{self._listener.getsockname()[1]}"
 
+    def finish(self):
+        """Returns once everything is in `connections` that clients sent; they have ended."""
+        with socket.socket() as last:  # accepted after all others
+            last.bind(("127.0.0.1", 0))
+            self._last_client = last.getsockname()
+            last.connect(self._listener.getsockname())
+            self._join()
+
     def count(self, operation):
         return sum(connection.operations.count(operation) for connection in self.connections)
 
     def _accept(self):
         while True:
             try:
-                peer, _ = self._listener.accept()
+                peer, address = self._listener.accept()
             except OSError:
+                return
+            if address == self._last_client:
+                peer.close()
                 return
             peer.settimeout(DEADLINE)
             self._sockets.append(peer)
@@ -296,9 +308,13 @@ class ScriptedDirectory:
                 waiting.shutdown(socket.SHUT_RDWR)
             except OSError:
                 pass
-        for thread in [self._acceptor, *self._threads]:
-            thread.join(DEADLINE)
+        self._join()
         self._listener.close()
+
+    def _join(self):
+        self._acceptor.join(DEADLINE)  # it begins the others
+        for thread in self._threads:
+            thread.join(DEADLINE)
 
 
 def granted(request):

@@ -63,6 +63,7 @@ class Prompt(ToolTest):
         directory = self.found()
 
         self.start(directory)
+        directory.finish()
 
         self.assertEqual(directory.connections, [])
 
@@ -83,6 +84,7 @@ class Prompt(ToolTest):
 
                 terminal.type(b"half" + key)
                 status = terminal.read_to_end()
+                directory.finish()
 
                 self.assertEqual(status, -number)
                 self.assertTrue(terminal.echoes())

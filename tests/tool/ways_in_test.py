@@ -63,6 +63,7 @@ class StartTls(WaysIn):
         result = self.look_up(
             KEY, "-Z", "-D", READER, "-y", self.file("pw", b"reader-pw"), uri=directory.uri
         )
+        directory.finish()
 
         self.assertNotEqual(result.status, 0)
         self.assertIn("StartTLS", result.errors)

@@ -76,7 +76,7 @@ public:
     /// or an inserted value; unbalanced parentheses; an empty expansion; a filter that OpenLDAP
     /// rejects, if no other error explains it.
     ///
-    /// Warnings: no specifier for the address; a specifier of another program, such as `%n` and
+    /// Warnings: no specifier for the address, unless the base has one; a specifier of another program, such as `%n` and
     /// `%{user}`, which is plain text; text dropped before `$c`, `${` or an empty value;
     /// `#` for an empty domain; a `${...}` that can match nothing, splits escapes or cuts into
     /// other text; a filter that OpenLDAP rejects only for addresses without user or domain.
@@ -87,6 +87,7 @@ private:
     std::string m_bValue;
     std::string m_gValue;
     bool m_isPostfix = false;
+    bool m_isBaseMade = false;                    ///< of parts of the key, by Postfix's rules
     std::shared_ptr<ResultFormat const> m_format; ///< of one by Postfix's rules, if it is valid
 };
 

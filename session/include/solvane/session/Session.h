@@ -85,6 +85,11 @@ public:
     /// Sends an unbind if the connection is intact, and closes it. Never blocks.
     ~Session();
 
+    /// Initialises OpenLDAP, which it would else do itself in the first session of a process: it looks
+    /// up the host's own name, and waits as long as the system's resolver does. Call it where that
+    /// does no harm, before a deadline begins. Thread-safe.
+    static void initializeOpenLdap();
+
     // Opening
 
     /// Starts all steps up to and including `last`. The deadline bounds all of them together, the
