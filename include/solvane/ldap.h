@@ -9,6 +9,7 @@
 #include <solvane/ldap/DebugLogOpenLDAP.h>
 #include <solvane/ldap/LDAPAttribute.h>
 #include <solvane/ldap/LDAPConnection.h>
+#include <solvane/ldap/LDAPDistinguishedName.h>
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/ldap/LDAPQuery.h>
 #include <solvane/ldap/LDAPRequest.h>

@@ -64,6 +64,11 @@ SEEDS = {
         "empty": b";a\0;",
         "options": b"userCertificate;binary; lang-fr\0x-opt",
     },
+    "dn": {
+        "encoded": b"1.3.6.1.4.1.1466.0=#04024869,cn=",
+        "escapes": b'CN=James \\"Jim\\" Smith\\, III\\0d\\ ,DC=\xc3\xa4',
+        "spaces": b" ou = Sales + CN=J.  Smith , dc = net ",
+    },
     "entry": {
         "cut": b"\x04\x04cn=x0\x0b0\x09\x04\x02cn1\x03",
         "empty": b"\x04\x000\0",

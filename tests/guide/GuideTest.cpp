@@ -1,5 +1,5 @@
 // The code of the guide's pages on TLS, identities, passwords, event loops and Kerberos, run against a
-// real directory.
+// real directory, and of the page on values.
 #include "Kdc.h"
 #include "Process.h"
 #include "ProcessMemory.h"
@@ -20,6 +20,7 @@
 #include <functional>
 #include <list>
 #include <map>
+#include <optional>
 #include <string>
 #include <utility>
 
@@ -93,6 +94,17 @@ protected:
                                          LDAPConnection::V3, isSecure, 10, false, false);
     }
 };
+
+// values.md
+
+TEST(TheGuidesValues, NameUsersAndGroups)
+{
+    EXPECT_EQ(userDn("a,ou=admins"), R"(uid=a\,ou=admins,ou=people,dc=corp,dc=test)");
+    EXPECT_EQ(groupOf("cn=x, OU=Staff, ou=Groups,dc=corp,dc=test"), "Staff");
+    EXPECT_EQ(groupOf("ou=groups,dc=corp,dc=test"), std::nullopt);
+    EXPECT_EQ(groupOf(R"(cn=a\,ou=groups,dc=corp,dc=test)"), std::nullopt);
+    EXPECT_EQ(groupOf("a"), std::nullopt);
+}
 
 // passwords.md
 
