@@ -11,6 +11,7 @@
 #include <solvane/ldap/LDAPConnection.h>
 #include <solvane/ldap/LDAPDistinguishedName.h>
 #include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPFilter.h>
 #include <solvane/ldap/LDAPQuery.h>
 #include <solvane/ldap/LDAPRequest.h>
 #include <solvane/ldap/LDAPResult.h>

@@ -97,6 +97,13 @@ SEEDS = {
         "bytes": b"\xc3\xa4\xff()",
         "hostile": b"j*doe)(uid=*\\\0x",
     },
+    "filter": {
+        "comparisons": b"(&(a>=1)(b<=2)(c~=3)(d=*)(e=*x*y)(f=x*)(! (g=)) )",
+        "deep": b"(!" * 99 + b"(a=b)" + b")" * 99,
+        "escapes": b"(cn;lang-fr=*\\2A*\\00\\\\\xc3\xa4)",
+        "extensible": b"(|(sn:dn:2.4.6.8.10:=x)(:caseExactMatch:=y)(o:dn:=z)(1.2:=))",
+        "item": b"uid=a b",
+    },
     "ldif": {
         "refused": (
             b"dn: cn=a\n"

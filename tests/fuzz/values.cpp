@@ -1,4 +1,4 @@
-// Targets of the values: DNs. FUZZ_TARGET chooses the one of a program.
+// Targets of the values: DNs and filters. FUZZ_TARGET chooses the one of a program.
 #include "Target.h"
 
 #include <solvane/ldap.h>
@@ -8,6 +8,9 @@
 #include <optional>
 
 #include <ldap.h>
+
+// Exported by libldap, declared in no installed header: encodes a filter.
+extern "C" int ldap_pvt_put_filter(BerElement* out, char const* text);
 
 using namespace Solvane;
 using SolvaneTest::require;
@@ -78,6 +81,103 @@ bool mayDiffer(std::string const& text)
                        [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
 }
 
+using Bytes = std::unique_ptr<BerElement, void (*)(BerElement*)>;
+
+Bytes emptyBytes()
+{
+    return {ber_alloc_t(LBER_USE_DER), [](BerElement* bytes) { ber_free(bytes, 1); }};
+}
+
+std::string contentOf(Bytes const& bytes)
+{
+    berval content{0, nullptr};
+    require(ber_flatten2(bytes.get(), &content, 0) == 0, "the filter fits into memory");
+    return {content.bv_val, content.bv_len};
+}
+
+void put(BerElement* out, ber_tag_t tag, std::string const& bytes)
+{
+    ber_put_ostring(out, bytes.data(), bytes.size(), tag);
+}
+
+void putExtensible(BerElement* out, LDAPFilter const& filter)
+{
+    if (!filter.rule().empty()) {
+        put(out, LDAP_FILTER_EXT_OID, filter.rule());
+    }
+    if (!filter.attribute().empty()) {
+        put(out, LDAP_FILTER_EXT_TYPE, filter.attribute());
+    }
+    put(out, LDAP_FILTER_EXT_VALUE, filter.values().front());
+    if (filter.dnAttributes()) {
+        ber_put_boolean(out, 1, LDAP_FILTER_EXT_DNATTRS);
+    }
+}
+
+void putSubstrings(BerElement* out, LDAPFilter const& filter)
+{
+    std::vector<std::string> const& parts = filter.values();
+    put(out, LBER_OCTETSTRING, filter.attribute());
+    ber_start_seq(out, LBER_SEQUENCE);
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        if (!parts[i].empty()) {
+            put(out,
+                i == 0                  ? LDAP_SUBSTRING_INITIAL
+                : i + 1 == parts.size() ? LDAP_SUBSTRING_FINAL
+                                        : LDAP_SUBSTRING_ANY,
+                parts[i]);
+        }
+    }
+    ber_put_seq(out);
+}
+
+/// The filter as it is sent (RFC 4511 section 4.5.1).
+void putFilter(BerElement* out, LDAPFilter const& filter)
+{
+    using Kind = LDAPFilter::Kind;
+    static ber_tag_t const tags[] = {
+        LDAP_FILTER_AND,        LDAP_FILTER_OR, LDAP_FILTER_NOT, LDAP_FILTER_EQUALITY,
+        LDAP_FILTER_SUBSTRINGS, LDAP_FILTER_GE, LDAP_FILTER_LE,  LDAP_FILTER_PRESENT,
+        LDAP_FILTER_APPROX,     LDAP_FILTER_EXT};
+    ber_tag_t const tag = tags[static_cast<int>(filter.kind())];
+    if (filter.kind() == Kind::Present) {
+        return put(out, tag, filter.attribute());
+    }
+    ber_start_seq(out, tag);
+    if (filter.kind() == Kind::Extensible) {
+        putExtensible(out, filter);
+    } else if (filter.kind() == Kind::Substring) {
+        putSubstrings(out, filter);
+    } else if (!filter.values().empty()) {
+        put(out, LBER_OCTETSTRING, filter.attribute());
+        put(out, LBER_OCTETSTRING, filter.values().front());
+    }
+    for (LDAPFilter const& each : filter.filters()) {
+        putFilter(out, each);
+    }
+    ber_put_seq(out);
+}
+
+/// The filter as OpenLDAP would send it; empty if it refuses the text, or sends nothing, as of blanks.
+std::optional<std::string> filterByOpenLdap(std::string const& text)
+{
+    Bytes const bytes = emptyBytes();
+    if (ldap_pvt_put_filter(bytes.get(), text.c_str()) != 0) {
+        return std::nullopt;
+    }
+    std::string const content = contentOf(bytes);
+    return content.empty() ? std::nullopt : std::make_optional(content);
+}
+
+/// Whether a text has what is refused although OpenLDAP accepts it.
+bool isBeyondOpenLdap(std::string const& text)
+{
+    return text.find('\0') != std::string::npos || text.find("::=") != std::string::npos ||
+           std::count(text.begin(), text.end(), '(') > LDAPFilter::maxDepth ||
+           std::any_of(text.begin(), text.end(),
+                       [](char byte) { return static_cast<unsigned char>(byte) >= 0x80; });
+}
+
 } // namespace
 
 namespace SolvaneTest {
@@ -105,6 +205,26 @@ void fuzz_dn(std::uint8_t const* data, std::size_t size)
     require(isSame(Name::parse(written).rdns(), name->rdns()), "the text is read as the same");
     require(Name::parse(name->normalized()) == *name, "a normalized name is equal");
     require(name->isEmpty() || name->isBelow(name->parent()), "a name is below its parent");
+}
+
+/// Filters: read as OpenLDAP reads them, to the byte that is sent, and written so that they are read as
+/// the same.
+void fuzz_filter(std::uint8_t const* data, std::size_t size)
+{
+    std::string const text = textOf(data, size);
+
+    auto const filter = resultOf([&] { return LDAPFilter::parse(text); });
+
+    if (!filter) {
+        require(isBeyondOpenLdap(text) || !filterByOpenLdap(text), "OpenLDAP reads no more");
+        return;
+    }
+    Bytes const sent = emptyBytes();
+    putFilter(sent.get(), *filter);
+    require(filterByOpenLdap(text) == contentOf(sent), "OpenLDAP reads the same");
+    std::string const written = filter->text();
+    require(filterByOpenLdap(written) == contentOf(sent), "OpenLDAP reads the text as the same");
+    require(LDAPFilter::parse(written).text() == written, "the text is read as the same");
 }
 
 } // namespace SolvaneTest

@@ -106,6 +106,14 @@ TEST(TheGuidesValues, NameUsersAndGroups)
     EXPECT_EQ(groupOf("a"), std::nullopt);
 }
 
+TEST(TheGuidesValues, AreFilters)
+{
+    EXPECT_EQ(peopleNamed({"a*", "b"}),
+              R"((&(objectClass=person)(cn=*a\2A*b*)(!(pwdAccountLockedTime=*))))");
+    EXPECT_TRUE(asksForPasswords(LDAPFilter::parse("(&(cn=a)(!(USERPASSWORD=*)))")));
+    EXPECT_FALSE(asksForPasswords(LDAPFilter::parse("(|(cn=userPassword))")));
+}
+
 // passwords.md
 
 TEST_F(TheGuidesCode, DecidesOnALogin)
