@@ -12,6 +12,7 @@
 #include <solvane/ldap/LDAPDistinguishedName.h>
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/ldap/LDAPFilter.h>
+#include <solvane/ldap/LDAPLdif.h>
 #include <solvane/ldap/LDAPQuery.h>
 #include <solvane/ldap/LDAPRequest.h>
 #include <solvane/ldap/LDAPResult.h>

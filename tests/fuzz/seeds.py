@@ -130,10 +130,26 @@ SEEDS = {
             b"cn: b\n"
         ),
     },
+    "ldif_line": {
+        "base64": b"cn;lang-de:: YWI=  ",
+        "text": b"a_b.1-c:  x:y <z ",
+    },
     "options": {
         "explain": b"-t\0(mail=$m)\0--explain\0a@b",
         "lint": b"--lint\0-t\0($u",
         "refused": b"--bind\0-w\0secret",
+    },
+    "ldif_records": {
+        "changes": (
+            b"dn: cn=a\ncontrol: 1.2 true:: AAE=\nchangetype: modify\nadd: cn\ncn: b\n-\n"
+            b"delete: sn\n-\nreplace: x\nx:: /w==\n\ndn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\n"
+            b"deleteoldrdn: 1\nnewsuperior: dc=c\n\ndn: cn=b\nchangetype: delete\n"
+        ),
+        "content": (
+            b"\xef\xbb\xbfversion: 1\r\n# c\n  d\ndn:: Y249w6Q=\nobjectClass: top\ndescription: a\n"
+            b"  b\nuserPassword: x\n\n\ndn: cn=b\ncn\n\ndn: cn=c\njpegPhoto:< file:///x\n"
+        ),
+        "large": b"dn: cn=a\ncn: " + b"x" * 300 + b"\ncn: y\n\ndn: cn=b\n",
     },
     "settings": {
         "unknown": b"nonsense = 1\n",

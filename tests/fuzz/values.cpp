@@ -1,4 +1,4 @@
-// Targets of the values: DNs and filters. FUZZ_TARGET chooses the one of a program.
+// Targets of the values: DNs, filters and LDIF. FUZZ_TARGET chooses the one of a program.
 #include "Target.h"
 
 #include <solvane/ldap.h>
@@ -8,6 +8,7 @@
 #include <optional>
 
 #include <ldap.h>
+#include <ldif.h>
 
 // Exported by libldap, declared in no installed header: encodes a filter.
 extern "C" int ldap_pvt_put_filter(BerElement* out, char const* text);
@@ -169,6 +170,92 @@ std::optional<std::string> filterByOpenLdap(std::string const& text)
     return content.empty() ? std::nullopt : std::make_optional(content);
 }
 
+using Record = LDAPLdifRecord;
+
+bool isSame(Record::Attribute const& left, Record::Attribute const& right)
+{
+    return left.description == right.description && left.value == right.value;
+}
+
+bool isSame(Record::Control const& left, Record::Control const& right)
+{
+    return left.oid == right.oid && left.isCritical == right.isCritical &&
+           left.value == right.value;
+}
+
+bool isSame(Record::Change const& left, Record::Change const& right)
+{
+    return left.operation == right.operation && left.attribute == right.attribute &&
+           left.values == right.values;
+}
+
+template <typename Parts> bool areSame(Parts const& left, Parts const& right)
+{
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](auto const& one, auto const& other) { return isSame(one, other); });
+}
+
+bool isSame(Record const& left, Record const& right)
+{
+    return left.dn == right.dn && left.type == right.type &&
+           areSame(left.controls, right.controls) && areSame(left.attributes, right.attributes) &&
+           areSame(left.changes, right.changes) && left.newRdn == right.newRdn &&
+           left.deletesOldRdn == right.deletesOldRdn && left.newSuperior == right.newSuperior;
+}
+
+LDAPLdifReader::Source sourceOf(std::string const& text, std::size_t most)
+{
+    return [&text, most, position = std::size_t{0}](char* buffer, std::size_t size) mutable {
+        std::size_t const count = text.copy(buffer, std::min(size, most), position);
+        position += count;
+        return count;
+    };
+}
+
+/// What a reader made of a text: the valid records, and the errors.
+struct Reading {
+    std::vector<Record> records;
+    std::vector<std::string> errors;
+};
+
+Reading readingOf(std::string const& text, std::size_t most,
+                  LDAPLdifReader::Options const& options = {})
+{
+    LDAPLdifReader reader(sourceOf(text, most), options);
+    Reading reading;
+    for (;;) {
+        require(reading.records.size() + reading.errors.size() <= text.size(), "the reader ends");
+        Record record;
+        try {
+            if (!reader.next(record)) {
+                return reading;
+            }
+            reading.records.push_back(record);
+        } catch (LDAPException const& fault) {
+            require(fault.code() == 2 && fault.getType() == 0,
+                    "a malformed record is invalid input");
+            require(record.line == 0 ||
+                        record.line <= static_cast<unsigned long>(fault.intParameter()),
+                    "an error is within its record");
+            reading.errors.push_back(fault.stringParameter());
+        }
+    }
+}
+
+/// A line as OpenLDAP reads it.
+Record::Attribute attributeByOpenLdap(std::string line)
+{
+    berval name{0, nullptr};
+    berval value{0, nullptr};
+    int isAllocated = 0;
+    require(ldif_parse_line2(line.data(), &name, &value, &isAllocated) == 0, "OpenLDAP reads it");
+    Record::Attribute attribute{{name.bv_val, name.bv_len}, {value.bv_val, value.bv_len}, 0};
+    if (isAllocated != 0) {
+        ber_memfree(value.bv_val);
+    }
+    return attribute;
+}
+
 /// Whether a text has what is refused although OpenLDAP accepts it.
 bool isBeyondOpenLdap(std::string const& text)
 {
@@ -225,6 +312,55 @@ void fuzz_filter(std::uint8_t const* data, std::size_t size)
     std::string const written = filter->text();
     require(filterByOpenLdap(written) == contentOf(sent), "OpenLDAP reads the text as the same");
     require(LDAPFilter::parse(written).text() == written, "the text is read as the same");
+}
+
+/// LDIF: each record is valid or an error, however the bytes arrive; what is read is written so that it is
+/// read as the same.
+void fuzz_ldif_records(std::uint8_t const* data, std::size_t size)
+{
+    std::string const text = textOf(data, size);
+    Reading const reading = readingOf(text, text.size() + 1);
+    Reading const inParts = readingOf(text, 3);
+    bool const areRecordsSame =
+        std::equal(reading.records.begin(), reading.records.end(), inParts.records.begin(),
+                   inParts.records.end(),
+                   [](Record const& one, Record const& other) { return isSame(one, other); });
+    require(areRecordsSame && reading.errors == inParts.errors,
+            "parts of any size are read as the same");
+    for (Record const& record : reading.records) {
+        std::string written;
+        try {
+            LDAPLdif::append(written, record);
+        } catch (LDAPException const&) { // such as an attribute called "control"
+            require(written.empty(), "nothing is left of what cannot be written");
+            continue;
+        }
+        auto const again = readingOf(written, 16384);
+        require(again.errors.empty() && again.records.size() == 1 &&
+                    isSame(again.records.front(), record),
+                "the text is read as the same");
+    }
+    LDAPLdifReader::Options small;
+    small.maxBytes = 200;
+    for (Record const& record : readingOf(text, 5, small).records) {
+        require(record.dn.size() <= small.maxBytes, "a record is not larger than allowed");
+    }
+}
+
+/// Lines of LDIF: read as OpenLDAP reads them.
+void fuzz_ldif_line(std::uint8_t const* data, std::size_t size)
+{
+    std::string line = textOf(data, size);
+    // OpenLDAP ignores other white space than spaces too, and refuses empty base64.
+    if (line.find_first_of("\t\n\v\f\r") != std::string::npos ||
+        line.find_last_not_of(' ') == line.find("::") + 1) {
+        return;
+    }
+    auto const reading = readingOf("dn: cn=a\n" + line, 16384);
+    if (!reading.records.empty() && !reading.records.front().attributes.empty()) {
+        require(isSame(attributeByOpenLdap(line), reading.records.front().attributes.front()),
+                "OpenLDAP reads the same");
+    }
 }
 
 } // namespace SolvaneTest

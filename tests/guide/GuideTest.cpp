@@ -18,9 +18,12 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <istream>
 #include <list>
 #include <map>
 #include <optional>
+#include <ostream>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -112,6 +115,19 @@ TEST(TheGuidesValues, AreFilters)
               R"((&(objectClass=person)(cn=*a\2A*b*)(!(pwdAccountLockedTime=*))))");
     EXPECT_TRUE(asksForPasswords(LDAPFilter::parse("(&(cn=a)(!(USERPASSWORD=*)))")));
     EXPECT_FALSE(asksForPasswords(LDAPFilter::parse("(|(cn=userPassword))")));
+}
+
+TEST(TheGuidesValues, AreRecords)
+{
+    std::istringstream in("dn: cn=a\nchangetype: delete\n\ndn: cn=b\ncn:: YQ\n\ndn: cn=c\n"
+                          "changetype: modify\ndelete: sn\n-\n");
+    std::ostringstream out;
+    std::ostringstream errors;
+
+    copyHarmless(in, out, errors);
+
+    EXPECT_EQ(out.str(), "dn: cn=c\nchangetype: modify\ndelete: sn\n-\n\n");
+    EXPECT_EQ(errors.str(), "line 5: invalid base64; correct the value\n");
 }
 
 // passwords.md
