@@ -29,15 +29,14 @@ bool isIn(std::string_view characters, char character)
     return characters.find(character) != std::string_view::npos;
 }
 
-/// Reads text by the grammar, from the left to the right.
-class NameReader {
+class NameReader : TextScanner {
 public:
-    explicit NameReader(std::string_view text) : m_text(text) {}
+    explicit NameReader(std::string_view text) : TextScanner(text, at::malformed, "DN") {}
 
     std::vector<RDN> whole()
     {
         std::vector<RDN> rdns;
-        if (m_text.empty()) {
+        if (isAtEnd()) {
             return rdns;
         }
         do {
@@ -50,28 +49,6 @@ public:
     }
 
 private:
-    [[noreturn]] void refuse(char const* cause) const
-    {
-        LDAPException exception =
-            fault(at::malformed, "invalid DN at byte " + std::to_string(m_position) + ": " + cause);
-        exception.intParameter(static_cast<int>(m_position));
-        throw exception;
-    }
-
-    bool isAtEnd() const { return m_position == m_text.size(); }
-    bool isAt(char character) const { return !isAtEnd() && m_text[m_position] == character; }
-    bool skip(char character)
-    {
-        bool const isThere = isAt(character);
-        m_position += isThere ? 1 : 0;
-        return isThere;
-    }
-    void skipSpaces()
-    {
-        while (skip(' ')) {
-        }
-    }
-
     RDN rdn()
     {
         RDN assertions;
@@ -84,99 +61,54 @@ private:
     Assertion assertion()
     {
         Assertion assertion;
-        skipSpaces();
-        assertion.type = type();
-        skipSpaces();
+        skipAll(" ");
+        std::size_t const begin = position();
+        assertion.type = takeName("-.");
+        if (!isTypeName(assertion.type)) {
+            refuse("expected an attribute type", begin);
+        }
+        skipAll(" ");
         if (!skip('=')) {
             refuse("expected '=' after the attribute type");
         }
-        skipSpaces();
+        skipAll(" ");
         assertion.isEncoded = skip('#');
         assertion.value = assertion.isEncoded ? encoded() : string();
         return assertion;
-    }
-
-    std::string type()
-    {
-        std::size_t const begin = m_position;
-        while (!isAtEnd() && (isAlphanumeric(m_text[m_position]) || isAt('-') || isAt('.'))) {
-            ++m_position;
-        }
-        std::string_view const name = m_text.substr(begin, m_position - begin);
-        if (!isTypeName(name)) {
-            m_position = begin;
-            refuse("expected an attribute type");
-        }
-        return std::string(name);
     }
 
     /// After "#".
     std::string encoded()
     {
         std::string bytes;
-        while (!isAtEnd() && hexDigit(m_text[m_position]) >= 0) {
-            bytes += byteOfDigits();
+        while (isAtHexDigit()) {
+            bytes += takeHexPair();
         }
         if (bytes.empty()) {
             refuse("expected hexadecimal digits after '#'");
         }
-        skipSpaces();
+        skipAll(" ");
         return bytes;
-    }
-
-    char byteOfDigits()
-    {
-        int const high = isAtEnd() ? -1 : hexDigit(m_text[m_position]);
-        int const low = m_position + 1 < m_text.size() ? hexDigit(m_text[m_position + 1]) : -1;
-        if (high < 0 || low < 0) {
-            refuse("expected two hexadecimal digits");
-        }
-        m_position += 2;
-        return static_cast<char>(high * 16 + low);
     }
 
     std::string string()
     {
         std::string value;
         std::size_t kept = 0; // without spaces at the end that are not escaped
-        while (!isAtEnd() && !isAt(',') && !isAt('+')) {
+        while (!isAtEnd() && !isAtOneOf(",+")) {
             bool const isSpace = isAt(' ');
             if (skip('\\')) {
-                value += escapedByte();
+                value += isAtOneOf(" \"#+,;<=>\\") ? takeByte() : takeHexPair();
+            } else if (isAtOneOf(std::string_view("\";<>\0", 5))) {
+                refuse("this character needs a backslash");
             } else {
-                appendCharacter(value);
+                takeCharacter(value);
             }
             kept = isSpace ? kept : value.size();
         }
         value.resize(kept);
         return value;
     }
-
-    /// After a backslash.
-    char escapedByte()
-    {
-        if (!isAtEnd() && isIn(" \"#+,;<=>\\", m_text[m_position])) {
-            return m_text[m_position++];
-        }
-        return byteOfDigits();
-    }
-
-    void appendCharacter(std::string& value)
-    {
-        if (isIn(std::string_view("\";<>\0", 5), m_text[m_position])) {
-            refuse("this character needs a backslash");
-        }
-        std::string_view const rest = m_text.substr(m_position);
-        std::size_t const length = characterLength(rest);
-        if (length == 0) {
-            refuse("invalid UTF-8");
-        }
-        value.append(rest, 0, length);
-        m_position += length;
-    }
-
-    std::string_view m_text;
-    std::size_t m_position = 0;
 };
 
 /// Whether the character at this position needs a backslash before it.

@@ -22,10 +22,10 @@ constexpr ThrowSite tooDeep    { unit,  139, Fault::invalidInput, Stage::general
 
 using Kind = LDAPFilter::Kind;
 
-/// Reads text by the grammar, from the left to the right. What it has read needs no further check.
-class FilterReader {
+/// What it has read needs no further check.
+class FilterReader : TextScanner {
 public:
-    explicit FilterReader(std::string_view text) : m_text(text) {}
+    explicit FilterReader(std::string_view text) : TextScanner(text, at::malformed, "filter") {}
 
     LDAPFilter whole()
     {
@@ -37,28 +37,7 @@ public:
     }
 
 private:
-    [[noreturn]] void refuse(char const* cause) const { refuse(cause, m_position); }
-    [[noreturn]] static void refuse(char const* cause, std::size_t position)
-    {
-        LDAPException exception = fault(at::malformed, "invalid filter at byte " +
-                                                           std::to_string(position) + ": " + cause);
-        exception.intParameter(static_cast<int>(position));
-        throw exception;
-    }
-
-    bool isAtEnd() const { return m_position == m_text.size(); }
-    bool isAt(char character) const { return !isAtEnd() && m_text[m_position] == character; }
-    bool skip(char character)
-    {
-        bool const isThere = isAt(character);
-        m_position += isThere ? 1 : 0;
-        return isThere;
-    }
-    void skipBlanks()
-    {
-        while (skip(' ') || skip('\t') || skip('\n')) {
-        }
-    }
+    void skipBlanks() { skipAll(" \t\n"); }
 
     /// @param depth  of this filter; the outermost one has 1
     LDAPFilter filter(unsigned int depth)
@@ -103,8 +82,8 @@ private:
 
     LDAPFilter comparison()
     {
-        std::size_t const begin = m_position;
-        std::string const attribute = name(";");
+        std::size_t const begin = position();
+        std::string const attribute = takeName("-.;");
         if (isAt(':')) {
             return extensible(attribute, begin);
         }
@@ -124,17 +103,6 @@ private:
         return make(attribute, value());
     }
 
-    /// Letters, digits, "-", "." and `others`.
-    std::string name(std::string_view others)
-    {
-        std::size_t const begin = m_position;
-        while (!isAtEnd() && (isAlphanumeric(m_text[m_position]) || isAt('-') || isAt('.') ||
-                              others.find(m_text[m_position]) != std::string_view::npos)) {
-            ++m_position;
-        }
-        return std::string(m_text.substr(begin, m_position - begin));
-    }
-
     /// After the attribute: [":dn"] [":" rule] ":=" value.
     LDAPFilter extensible(std::string const& attribute, std::size_t begin)
     {
@@ -150,14 +118,14 @@ private:
             if (skip('=')) {
                 break;
             }
-            std::size_t const position = m_position;
-            std::string const part = name("");
+            std::size_t const partBegin = position();
+            std::string const part = takeName("-.");
             if (!hasDn && rule.empty() && isSame(part, "dn")) {
                 hasDn = true;
             } else if (rule.empty() && isTypeName(part)) {
                 rule = part;
             } else {
-                refuse("expected 'dn' or a matching rule", position);
+                refuse("expected 'dn' or a matching rule", partBegin);
             }
         }
         if (attribute.empty() && rule.empty()) {
@@ -190,42 +158,17 @@ private:
     std::string value()
     {
         std::string bytes;
-        while (!isAtEnd() && !isAt(')') && !isAt('*')) {
-            if (skip('\\')) {
-                bytes += escapedByte();
-                continue;
-            }
-            if (isAt('(') || isAt('\0')) {
+        while (!isAtEnd() && !isAtOneOf(")*")) {
+            if (skip('\\')) { // the characters themselves are escapes of LDAPv2
+                bytes += isAtOneOf("*()\\") ? takeByte() : takeHexPair();
+            } else if (isAtOneOf(std::string_view("(\0", 2))) {
                 refuse("this character needs an escape");
+            } else {
+                takeCharacter(bytes);
             }
-            std::string_view const rest = m_text.substr(m_position);
-            std::size_t const length = characterLength(rest);
-            if (length == 0) {
-                refuse("invalid UTF-8");
-            }
-            bytes.append(rest, 0, length);
-            m_position += length;
         }
         return bytes;
     }
-
-    /// After a backslash.
-    char escapedByte()
-    {
-        if (isAt('*') || isAt('(') || isAt(')') || isAt('\\')) { // of LDAPv2
-            return m_text[m_position++];
-        }
-        int const high = isAtEnd() ? -1 : hexDigit(m_text[m_position]);
-        int const low = m_position + 1 < m_text.size() ? hexDigit(m_text[m_position + 1]) : -1;
-        if (high < 0 || low < 0) {
-            refuse("expected two hexadecimal digits");
-        }
-        m_position += 2;
-        return static_cast<char>(high * 16 + low);
-    }
-
-    std::string_view m_text;
-    std::size_t m_position = 0;
 };
 
 void appendEscaped(std::string& out, std::string_view value)

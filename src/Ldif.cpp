@@ -130,9 +130,11 @@ void requireWritable(bool isWritable, std::string const& name)
 /// Reads one record from its lines.
 class RecordReader {
 public:
-    RecordReader(std::vector<Line> const& lines, LDAPLdifReader::Options const& options,
-                 Record& record)
-        : m_lines(lines), m_options(options), m_record(record), m_bytesLeft(options.maxBytes)
+    /// @param first  of the record's lines
+    RecordReader(std::vector<Line> const& lines, std::size_t first,
+                 LDAPLdifReader::Options const& options, Record& record)
+        : m_lines(lines), m_options(options), m_record(record), m_next(first),
+          m_bytesLeft(options.maxBytes)
     {
     }
 
@@ -425,7 +427,7 @@ private:
     std::vector<Line> const& m_lines;
     LDAPLdifReader::Options const& m_options;
     Record& m_record;
-    std::size_t m_next = 0;
+    std::size_t m_next;
     std::size_t m_bytesLeft; ///< of files
 };
 
@@ -448,12 +450,12 @@ public:
                 return false;
             }
             // Whatever becomes of them, the lines are used up.
-            std::vector<Line> lines = std::exchange(m_lines, {});
+            std::vector<Line> const lines = std::exchange(m_lines, {});
             m_size = 0;
-            takeVersion(lines, record);
-            if (!lines.empty()) {
-                record.line = lines.front().number;
-                RecordReader(lines, m_options, record).run();
+            std::size_t const first = isVersion(lines.front(), record) ? 1 : 0;
+            if (lines.size() > first) {
+                record.line = lines[first].number;
+                RecordReader(lines, first, m_options, record).run();
                 return true;
             }
         }
@@ -558,21 +560,20 @@ private:
         }
     }
 
-    /// Removes the "version:" line from the first record.
-    void takeVersion(std::vector<Line>& lines, Record& record)
+    /// Whether the line is the version, before the first record.
+    bool isVersion(Line const& line, Record& record)
     {
         bool const isFirst = std::exchange(m_isFirst, false);
-        Line const& first = lines.front();
-        if (!isFirst || !isSame(first.text.substr(0, 8), "version:")) {
-            return;
+        if (!isFirst || !isSame(line.text.substr(0, 8), "version:")) {
+            return false;
         }
-        record.line = first.number;
-        std::string_view const version = withoutSpaces(std::string_view(first.text).substr(8));
+        record.line = line.number;
+        std::string_view const version = withoutSpaces(std::string_view(line.text).substr(8));
         if (version != "1") {
-            refuse(first.number, "unsupported LDIF version '" + std::string(version) + "'",
+            refuse(line.number, "unsupported LDIF version '" + std::string(version) + "'",
                    "write version: 1");
         }
-        lines.erase(lines.begin());
+        return true;
     }
 
     Source m_source;

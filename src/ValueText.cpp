@@ -162,4 +162,55 @@ bool isDescription(std::string_view text)
     return true;
 }
 
+void TextScanner::refuse(char const* cause, std::size_t position) const
+{
+    LDAPException exception = fault(m_site, std::string("invalid ") + m_what + " at byte " +
+                                                std::to_string(position) + ": " + cause);
+    exception.intParameter(static_cast<int>(position));
+    throw exception;
+}
+
+bool TextScanner::skip(char character)
+{
+    bool const isThere = isAt(character);
+    m_position += isThere ? 1 : 0;
+    return isThere;
+}
+
+void TextScanner::skipAll(std::string_view characters)
+{
+    m_position = std::min(m_text.find_first_not_of(characters, m_position), m_text.size());
+}
+
+std::string TextScanner::takeName(std::string_view others)
+{
+    std::size_t const begin = m_position;
+    while (!isAtEnd() && (isAlphanumeric(m_text[m_position]) || isAtOneOf(others))) {
+        ++m_position;
+    }
+    return std::string(m_text.substr(begin, m_position - begin));
+}
+
+char TextScanner::takeHexPair()
+{
+    int const high = isAtEnd() ? -1 : hexDigit(m_text[m_position]);
+    int const low = m_position + 1 < m_text.size() ? hexDigit(m_text[m_position + 1]) : -1;
+    if (high < 0 || low < 0) {
+        refuse("expected two hexadecimal digits");
+    }
+    m_position += 2;
+    return static_cast<char>(high * 16 + low);
+}
+
+void TextScanner::takeCharacter(std::string& value)
+{
+    std::string_view const rest = m_text.substr(m_position);
+    std::size_t const length = characterLength(rest);
+    if (length == 0) {
+        refuse("invalid UTF-8");
+    }
+    value.append(rest, 0, length);
+    m_position += length;
+}
+
 } // namespace Solvane

@@ -3,6 +3,8 @@
 #ifndef SOLVANE_LDAP_SRC_VALUE_TEXT_H
 #define SOLVANE_LDAP_SRC_VALUE_TEXT_H
 
+#include "ThrowSite.h"
+
 #include <string>
 #include <string_view>
 
@@ -35,6 +37,48 @@ bool isTypeName(std::string_view text);
 /// Whether the text is a type name, followed by options of letters, digits and "-", each after a ";" (RFC
 /// 4512 section 2.5).
 bool isDescription(std::string_view text);
+
+/// Reads a text by a grammar, from the left to the right. Its errors have the position.
+class TextScanner {
+protected:
+    /// @param site  reports an error
+    /// @param what  the text is, as "DN"
+    TextScanner(std::string_view text, ThrowSite const& site, char const* what)
+        : m_text(text), m_site(site), m_what(what)
+    {
+    }
+
+    [[noreturn]] void refuse(char const* cause) const { refuse(cause, m_position); }
+    [[noreturn]] void refuse(char const* cause, std::size_t position) const;
+
+    std::size_t position() const { return m_position; }
+    bool isAtEnd() const { return m_position == m_text.size(); }
+    bool isAt(char character) const { return !isAtEnd() && m_text[m_position] == character; }
+    bool isAtOneOf(std::string_view characters) const
+    {
+        return !isAtEnd() && characters.find(m_text[m_position]) != std::string_view::npos;
+    }
+    /// Skips the next character if it is this one.
+    bool skip(char character);
+    /// Skips all that follow each other.
+    void skipAll(std::string_view characters);
+
+    /// Letters, digits and `others`; may be empty.
+    std::string takeName(std::string_view others);
+    /// A byte, which must not be at the end.
+    char takeByte() { return m_text[m_position++]; }
+    /// Two hexadecimal digits.
+    char takeHexPair();
+    /// Appends the next character, which must be UTF-8.
+    void takeCharacter(std::string& value);
+    bool isAtHexDigit() const { return !isAtEnd() && hexDigit(m_text[m_position]) >= 0; }
+
+private:
+    std::string_view m_text;
+    ThrowSite const& m_site;
+    char const* m_what;
+    std::size_t m_position = 0;
+};
 
 } // namespace Solvane
 

@@ -351,7 +351,9 @@ void fuzz_ldif_records(std::uint8_t const* data, std::size_t size)
 void fuzz_ldif_line(std::uint8_t const* data, std::size_t size)
 {
     std::string line = textOf(data, size);
-    // OpenLDAP ignores other white space than spaces too, and refuses empty base64.
+    // OpenLDAP ignores other white space than spaces too, and refuses empty base64 and spaces after it.
+    bool const isBase64 = line.find("::") == line.find(':');
+    line.erase(isBase64 ? line.find_last_not_of(' ') + 1 : line.size());
     if (line.find_first_of("\t\n\v\f\r") != std::string::npos ||
         line.find_last_not_of(' ') == line.find("::") + 1) {
         return;

@@ -283,7 +283,7 @@ TEST(ComparingDistinguishedNames, DistinguishesEverythingElse)
     }
 }
 
-TEST(AParent, IsTheNameWithoutItsFirst)
+TEST(TheParent, IsTheNameWithoutItsFirst)
 {
     Name const name = Name::parse(R"(cn=a\,b+sn=c,ou=d,dc=e)");
 
@@ -291,7 +291,7 @@ TEST(AParent, IsTheNameWithoutItsFirst)
     EXPECT_EQ(name.parent().parent().parent(), Name());
 }
 
-TEST(AParent, IsMissingAtTheRoot)
+TEST(TheParent, IsMissingAtTheRoot)
 {
     EXPECT_THAT(
         thrownBy([] { Name().parent(); }),

@@ -54,9 +54,10 @@ public:
     static LDAPFilter present(std::string const& attribute);
     /// The attribute has a value that begins with `initial`, contains each of `any` in this order,
     /// and ends with `final`, without overlaps.
-    /// @param initial  empty: the value may begin with anything
-    /// @param any      none of them empty
-    /// @param final    empty: the value may end with anything
+    /// @param attribute  a description
+    /// @param initial    empty: the value may begin with anything
+    /// @param any        none of them empty
+    /// @param final      empty: the value may end with anything
     /// @throws LDAPException  code 2, type 0, Filter.cpp:104: invalid attribute description, an empty
     ///                        part in `any`, or no part at all
     static LDAPFilter substring(std::string const& attribute, std::string const& initial,

@@ -22,32 +22,37 @@ struct LDAPLdifRecord {
     /// What the record is.
     enum class Type {
         Content, ///< an entry, without a changetype
-        Add,
-        Delete,
-        Modify,
-        Rename, ///< changetype modrdn or moddn
+        Add,     ///< changetype add
+        Delete,  ///< changetype delete
+        Modify,  ///< changetype modify
+        Rename,  ///< changetype modrdn or moddn
     };
     /// A value of an attribute.
     struct Attribute {
         std::string description; ///< as written
         std::string value;       ///< any bytes
-        unsigned long line = 0;
+        unsigned long line = 0;  ///< where it begins
     };
     /// A control of the request (RFC 4511 section 4.1.11).
     struct Control {
-        std::string oid;
-        bool isCritical = false;
+        std::string oid;                  ///< its type
+        bool isCritical = false;          ///< the server must refuse what it cannot control
         std::optional<std::string> value; ///< any bytes
-        unsigned long line = 0;
+        unsigned long line = 0;           ///< where it begins
     };
     /// A change of one attribute.
     struct Change {
         /// How the attribute changes.
-        enum class Operation { Add, Delete, Replace, Increment };
-        Operation operation = Operation::Add;
-        std::string attribute;           ///< description, as written
-        std::vector<std::string> values; ///< any bytes; none: the whole attribute
-        unsigned long line = 0;
+        enum class Operation {
+            Add,      ///< the values are added
+            Delete,   ///< the values are deleted
+            Replace,  ///< the values replace all others
+            Increment ///< the value is added to a number (RFC 4525)
+        };
+        Operation operation = Operation::Add; ///< how the attribute changes
+        std::string attribute;                ///< description, as written
+        std::vector<std::string> values;      ///< any bytes; none: the whole attribute
+        unsigned long line = 0;               ///< where it begins
     };
 
     unsigned long line = 0;     ///< where the record begins
@@ -89,7 +94,9 @@ public:
     explicit LDAPLdifReader(Source source);
     /// A reader with options.
     LDAPLdifReader(Source source, Options const& options);
+    /// Takes the state of `other`, which must not be used any more.
     LDAPLdifReader(LDAPLdifReader&& other) noexcept;
+    /// The same.
     LDAPLdifReader& operator=(LDAPLdifReader&& other) noexcept;
     ~LDAPLdifReader();
 
@@ -117,6 +124,7 @@ private:
 class SOLVANE_LDAP_EXPORT LDAPLdif {
 public:
     /// Appends a line with its newline.
+    /// @param out    the string that grows
     /// @param name   letters, digits, "-", ".", ";" and "_"
     /// @param value  any bytes
     /// @throws LDAPException  code 2, type 0, Ldif.cpp:152: another character in the name, which could
