@@ -197,11 +197,11 @@ void Reporter::printFigures()
 std::string recordOf(LdifEntry const& entry, char end)
 {
     std::string text;
-    appendLdif(text, "dn", entry.dn);
-    appendLdif(text, "changetype", "add");
+    LDAPLdif::appendLine(text, "dn", entry.dn);
+    LDAPLdif::appendLine(text, "changetype", "add");
     for (LDAPAttribute const& attribute : entry.attributes) {
         for (std::string const& value : attribute.value()) {
-            appendLdif(text, attribute.type().asString(), value);
+            LDAPLdif::appendLine(text, attribute.type().asString(), value);
         }
     }
     return text + end;

@@ -5,6 +5,7 @@
 #include "OpenLDAP.h"
 #include "Sessions.h"
 
+#include <solvane/ldap/LDAPDistinguishedName.h>
 #include <solvane/ldap/impl/LDAPAdapters.h>
 
 #include <fmt/format.h>
@@ -18,34 +19,20 @@ namespace {
 
 using Lookup::Session;
 
-void freeDn(LDAPDN dn) { ldap_dnfree(dn); }
-using Dn = std::unique_ptr<std::remove_pointer_t<LDAPDN>, void (*)(LDAPDN)>;
-
-char inLowerCase(char character)
-{
-    return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
-                                                : character;
-}
-
 /// A DN and its ancestors, nearest first, normalized for comparison; empty if the text is not a
 /// valid DN.
 std::vector<std::string> namesOf(std::string const& text)
 {
-    LDAPDN parsed = nullptr;
-    if (ldap_str2dn(text.c_str(), &parsed, LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) {
-        return {};
-    }
-    Dn const dn(parsed, freeDn);
     std::vector<std::string> names;
-    for (LDAPDN part = parsed; part != nullptr && *part != nullptr; ++part) {
-        LDAPCharBuffer written;
-        if (ldap_dn2str(part, written.address(), LDAP_DN_FORMAT_LDAPV3) != LDAP_SUCCESS) {
-            return {};
+    try {
+        LDAPDistinguishedName const name = LDAPDistinguishedName::parse(text);
+        for (auto rdn = name.rdns().rbegin(); rdn != name.rdns().rend(); ++rdn) {
+            std::string const above = names.empty() ? "" : ',' + names.back();
+            names.push_back(LDAPDistinguishedName({*rdn}).normalized() + above);
         }
-        std::string name = written.get();
-        std::transform(name.begin(), name.end(), name.begin(), inLowerCase);
-        names.push_back(std::move(name));
+    } catch (LDAPException const&) { // "invalid DN" is all that is reported
     }
+    std::reverse(names.begin(), names.end());
     return names;
 }
 

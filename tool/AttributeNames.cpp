@@ -1,9 +1,11 @@
-// Scans filters, parses definitions of attribute types, compares names.
+// Collects names in filters, parses definitions of attribute types, compares names.
 #include "AttributeNames.h"
 
 #include "OpenLDAP.h"
 #include "Sessions.h"
 
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPFilter.h>
 #include <solvart/StringHelpers.h>
 
 #include <ldap_schema.h>
@@ -40,19 +42,25 @@ std::size_t distance(std::string const& left, std::string const& right)
     return last.back();
 }
 
+void appendAttributes(std::vector<std::string>& names, LDAPFilter const& filter)
+{
+    std::string const name = attributeNameOf(filter.attribute());
+    if (!name.empty()) {
+        names.push_back(name);
+    }
+    for (LDAPFilter const& each : filter.filters()) {
+        appendAttributes(names, each);
+    }
+}
+
 } // namespace
 
 std::vector<std::string> attributesInFilter(std::string const& filter)
 {
     std::vector<std::string> names;
-    // In values, parentheses are escaped: each "(" begins a filter.
-    for (auto at = filter.find('('); at != std::string::npos; at = filter.find('(', at + 1)) {
-        auto const begin = filter.find_first_not_of(" (", at);
-        auto const end = std::min(filter.find_first_of("=~<>:;()&|!", at + 1), filter.size());
-        if (begin != std::string::npos && begin < end) {
-            std::string const name = filter.substr(begin, end - begin);
-            names.push_back(name.substr(0, name.find_last_not_of(' ') + 1));
-        }
+    try {
+        appendAttributes(names, LDAPFilter::parse(filter));
+    } catch (LDAPException const&) { // the check of the template tells of it
     }
     return names;
 }

@@ -13,7 +13,8 @@
 
 namespace Solvane::Tool {
 
-/// The attributes that a filter (RFC 4515) compares, in its order, without options such as ";lang-en".
+/// The attributes that a filter (RFC 4515) compares, in its order, without options such as ";lang-en". None
+/// of an invalid filter.
 std::vector<std::string> attributesInFilter(std::string const& filter);
 
 /// Without its options; empty for what only stands for attributes, such as "*", "+" and "@person".

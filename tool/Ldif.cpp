@@ -1,255 +1,132 @@
-// Splits LDIF into records and lines; OpenLDAP's functions decode each line, and write one.
+// Entries of the records that LDAPLdifReader reads, and the tool's words for what is wrong with them.
 #include "Ldif.h"
 
-#include "OpenLDAP.h"
 #include "Text.h"
 
 #include <fmt/format.h>
 
 #include <algorithm>
-#include <memory>
-#include <new>
-
-#include <strings.h>
 
 namespace Solvane::Tool {
 
 namespace {
 
-bool isSame(std::string const& left, char const* right)
+/// The changetype of a record that adds nothing; null of one that does.
+char const* otherTypeOf(LDAPLdifRecord const& record)
 {
-    return strcasecmp(left.c_str(), right) == 0;
-}
-
-/// Whether the text has only characters of attribute descriptions (RFC 4512 section 2.5).
-bool isDescription(std::string const& text)
-{
-    return !text.empty() && isAlphanumeric(text, "-.;_");
-}
-
-/// Whether the text is base64 (RFC 4648 section 4), ignoring surrounding spaces.
-bool isBase64(std::string_view text)
-{
-    constexpr std::string_view alphabet =
-        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    auto const begin = text.find_first_not_of(' ');
-    if (begin == std::string_view::npos) {
-        return true;
+    switch (record.type) {
+    case LDAPLdifRecord::Type::Delete:
+        return "delete";
+    case LDAPLdifRecord::Type::Modify:
+        return "modify";
+    case LDAPLdifRecord::Type::Rename:
+        return "modrdn";
+    default:
+        return nullptr;
     }
-    text = text.substr(begin, text.find_last_not_of(' ') - begin + 1);
-    auto const padding = std::min(text.find_first_not_of(alphabet), text.size());
-    std::string_view const end = text.substr(padding);
-    return text.size() % 4 == 0 && (end.empty() || end == "=" || end == "==");
 }
-
-struct FreeLber {
-    void operator()(char* memory) const { ber_memfree(memory); }
-};
 
 } // namespace
 
 LdifReader::LdifReader(std::string const& path)
-    : m_name(path == "-" ? "standard input" : oneLine(path)), m_lines("the LDIF file", path, '\n')
+    : m_name(path == "-" ? "standard input" : oneLine(path)), m_lines("the LDIF file", path, '\n'),
+      m_reader([this](char* buffer, std::size_t size) { return read(buffer, size); })
 {
 }
 
 bool LdifReader::next(LdifEntry& entry, AwaitInput const& awaitInput)
 {
-    do {
-        if (!readRecord(awaitInput)) {
+    LDAPLdifRecord record;
+    m_awaitInput = &awaitInput;
+    try {
+        if (!m_reader.next(record) || m_isStopped) { // if stopped, the record may be incomplete
             return false;
         }
-        takeVersion();
-    } while (m_record.empty());
-
-    entry = LdifEntry();
-    entry.line = m_record.front().number;
-    takeDn(entry, m_record.front());
-    bool isHead = true; // controls and changetype precede the attributes
-    for (auto line = m_record.begin() + 1; line != m_record.end(); ++line) {
-        takeAttribute(entry, *line, isHead);
-        isHead = entry.attributes.empty();
+    } catch (LDAPException const& fault) {
+        if (m_isStopped) {
+            return false;
+        }
+        refuse(record, fault);
     }
-    if (entry.attributes.empty()) {
-        refuse(entry, entry.line, "the entry has no attributes", "give it at least objectClass");
-    }
+    entry = entryOf(record);
     return true;
 }
 
-/// Reads the lines up to the next empty one; drops comments, joins continuations. False at the end.
-bool LdifReader::readRecord(AwaitInput const& awaitInput)
+/// The source of the reader: one line at a time, so that a record is complete with the empty line after
+/// it, whatever follows.
+std::size_t LdifReader::read(char* buffer, std::size_t size)
 {
-    m_record.clear();
-    m_isComment = false;
-    std::string text;
-    while (readLine(text, awaitInput)) {
-        ++m_number;
-        if (!text.empty() && text.back() == '\r') {
-            text.pop_back();
-        }
-        if (!text.empty()) {
-            addLine(text);
-        } else if (!m_record.empty()) {
-            return true;
-        }
-    }
-    return !m_record.empty();
-}
-
-bool LdifReader::readLine(std::string& line, AwaitInput const& awaitInput)
-{
-    for (;;) {
-        LDAPLookup::Supply const supply = m_lines.next(line, false);
-        if (supply != LDAPLookup::Supply::nothing) {
-            return supply == LDAPLookup::Supply::key;
-        }
-        if (!awaitInput(m_lines.descriptor())) {
-            m_record.clear(); // incomplete
-            return false;
+    while (m_taken == m_line.size()) {
+        m_taken = 0;
+        m_line.clear();
+        LDAPLookup::Supply const supply = m_lines.next(m_line, false);
+        if (supply == LDAPLookup::Supply::key) {
+            m_line += '\n';
+        } else if (supply == LDAPLookup::Supply::end) {
+            return 0;
+        } else if (!(*m_awaitInput)(m_lines.descriptor())) {
+            m_isStopped = true;
+            return 0;
         }
     }
+    std::size_t const count = m_line.copy(buffer, size, m_taken);
+    m_taken += count;
+    return count;
 }
 
-void LdifReader::addLine(std::string const& text)
+LdifEntry LdifReader::entryOf(LDAPLdifRecord const& record) const
 {
-    bool const isContinuation = text.front() == ' ';
-    m_isComment = isContinuation ? m_isComment : text.front() == '#';
-    if (m_isComment) {
-        return;
+    if (!record.controls.empty()) {
+        refuse(record, record.controls.front().line, "controls are not supported",
+               "remove the line");
     }
-    if (isContinuation && !m_record.empty()) {
-        m_record.back().text.append(text, 1);
-    } else {
-        m_record.push_back({m_number, text});
+    if (char const* const type = otherTypeOf(record)) {
+        refuse(record, record.typeLine, fmt::format("unsupported changetype '{}'", type),
+               "only add is supported");
     }
-}
-
-/// Removes the "version:" line from the first record.
-void LdifReader::takeVersion()
-{
-    LdifEntry nothing;
-    nothing.line = m_record.front().number;
-    bool const isVersion =
-        strncasecmp(m_record.front().text.c_str(), "version:", 8) == 0 && m_isFirst;
-    m_isFirst = false;
-    if (!isVersion) {
-        return;
+    if (record.dn.empty()) {
+        refuse(record, record.line, "the DN is empty", "correct the DN");
     }
-    Part const version = parse(nothing, m_record.front());
-    if (version.value != "1") {
-        refuse(nothing, nothing.line,
-               fmt::format("unsupported LDIF version '{}'", oneLine(version.value)),
-               "write version: 1");
+    if (record.attributes.empty()) {
+        refuse(record, record.line, "the entry has no attributes", "give it at least objectClass");
     }
-    m_record.erase(m_record.begin());
-}
-
-void LdifReader::takeDn(LdifEntry& entry, Line& line) const
-{
-    Part part = parse(entry, line);
-    if (isSame(part.name, "include")) {
-        refuse(entry, line.number, "include is not supported", "add the files one by one");
-    }
-    if (!isSame(part.name, "dn")) {
-        refuse(entry, line.number,
-               fmt::format("the record starts with '{}', not with dn", oneLine(part.name)),
-               "start each record with dn:, after an empty line");
-    }
-    if (hasNul(part.value) || !isUtf8(part.value) || part.value.empty()) {
-        refuse(entry, line.number, "the DN is empty or not valid UTF-8", "correct the DN");
-    }
-    entry.dn = std::move(part.value);
-}
-
-void LdifReader::takeAttribute(LdifEntry& entry, Line& line, bool isHead) const
-{
-    Part const part = parse(entry, line);
-    if (isHead && isSame(part.name, "changetype")) {
-        if (!isSame(part.value, "add")) {
-            refuse(entry, line.number,
-                   fmt::format("unsupported changetype '{}'", oneLine(part.value)),
-                   "only add is supported");
+    LdifEntry entry{record.line, record.dn, {}};
+    for (LDAPLdifRecord::Attribute const& each : record.attributes) {
+        LDAPAttributeType const type(each.description);
+        if (hasNul(each.value) && !type.isBinary()) {
+            refuse(record, each.line,
+                   fmt::format("the value of {} contains a NUL byte and would be cut there",
+                               each.description),
+                   "only attributes with the option ;binary may contain one");
         }
-        return;
+        auto const known =
+            std::find_if(entry.attributes.begin(), entry.attributes.end(),
+                         [&](LDAPAttribute const& attribute) { return attribute.type() == type; });
+        if (known != entry.attributes.end()) {
+            known->value(each.value);
+        } else {
+            entry.attributes.emplace_back(type);
+            entry.attributes.back().value(each.value);
+        }
     }
-    if (isHead && isSame(part.name, "control")) {
-        refuse(entry, line.number, "controls are not supported", "remove the line");
-    }
-    if (isSame(part.name, "dn")) {
-        refuse(entry, line.number, "second DN in one record", "put an empty line between records");
-    }
-    addValue(entry, line, part);
+    return entry;
 }
 
-void LdifReader::addValue(LdifEntry& entry, Line const& line, Part const& part) const
+/// The text of the fault is "line N: cause; remedy".
+void LdifReader::refuse(LDAPLdifRecord const& record, LDAPException const& fault) const
 {
-    if (!isDescription(part.name)) {
-        refuse(entry, line.number, fmt::format("invalid attribute name '{}'", oneLine(part.name)),
-               "write attribute: value");
-    }
-    LDAPAttributeType const type(part.name);
-    if (hasNul(part.value) && !type.isBinary()) {
-        refuse(entry, line.number,
-               fmt::format("the value of {} contains a NUL byte and would be cut there", part.name),
-               "only attributes with the option ;binary may contain one");
-    }
-    auto const known =
-        std::find_if(entry.attributes.begin(), entry.attributes.end(),
-                     [&](LDAPAttribute const& attribute) { return attribute.type() == type; });
-    if (known != entry.attributes.end()) {
-        known->value(part.value);
-    } else {
-        entry.attributes.emplace_back(type);
-        entry.attributes.back().value(part.value);
-    }
+    std::string const& text = fault.stringParameter();
+    auto const begin = text.find(": ") + 2;
+    auto const end = text.rfind("; ");
+    refuse(record, static_cast<unsigned long>(fault.intParameter()),
+           oneLine(text.substr(begin, end - begin)), text.substr(end + 2));
 }
 
-LdifReader::Part LdifReader::parse(LdifEntry const& entry, Line& line) const
-{
-    if (hasNul(line.text)) {
-        refuse(entry, line.number, "the line contains a NUL byte", "encode the value in base64");
-    }
-    auto const colon = line.text.find(':');
-    if (colon == std::string::npos || colon == 0) {
-        refuse(entry, line.number, "the line is not of the form 'attribute: value'",
-               "start a continuation line with one space, and a comment with '#'");
-    }
-    if (line.text[colon + 1] == '<') { // checked here because OpenLDAP's parser would fetch it
-        refuse(entry, line.number, "values from a URL are not supported",
-               "write the value in base64 after '::'");
-    }
-    // Checked here because OpenLDAP's parser prints an error on standard error.
-    if (line.text[colon + 1] == ':' && !isBase64(std::string_view(line.text).substr(colon + 2))) {
-        refuse(entry, line.number, "invalid base64", "correct the value");
-    }
-    berval name = {};
-    berval value = {};
-    int isAllocated = 0;
-    if (ldif_parse_line2(line.text.data(), &name, &value, &isAllocated) != 0) {
-        refuse(entry, line.number, "malformed line", "write attribute: value");
-    }
-    Part part{std::string(name.bv_val, name.bv_len), std::string(value.bv_val, value.bv_len)};
-    if (isAllocated != 0) {
-        ber_memfree(value.bv_val);
-    }
-    return part;
-}
-
-void LdifReader::refuse(LdifEntry const& entry, unsigned long line, std::string const& cause,
+void LdifReader::refuse(LDAPLdifRecord const& record, unsigned long line, std::string const& cause,
                         std::string const& remedy) const
 {
-    throw LdifFault(entry, fmt::format("{}:{}: {}", m_name, line, cause), remedy);
-}
-
-void appendLdif(std::string& out, std::string const& name, std::string_view value, LdifForm form)
-{
-    int const kind = form == LdifForm::base64 ? LDIF_PUT_BINARY : LDIF_PUT_VALUE;
-    std::unique_ptr<char, FreeLber> const line(
-        ldif_put(kind, name.c_str(), value.data(), value.size()));
-    if (!line) {
-        throw std::bad_alloc();
-    }
-    out += line.get();
+    throw LdifFault({record.line, record.dn, {}}, fmt::format("{}:{}: {}", m_name, line, cause),
+                    remedy);
 }
 
 } // namespace Solvane::Tool

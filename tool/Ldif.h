@@ -1,4 +1,4 @@
-// LDIF (RFC 2849): reads entries to add, and writes lines.
+// LDIF (RFC 2849): reads entries to add, from a file that may be slow.
 #ifndef SOLVANE_TOOL_LDIF_H
 #define SOLVANE_TOOL_LDIF_H
 
@@ -6,12 +6,12 @@
 #include "Outcome.h"
 
 #include <solvane/ldap/LDAPAttribute.h>
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPLdif.h>
 
 #include <functional>
 #include <list>
 #include <string>
-#include <string_view>
-#include <vector>
 
 namespace Solvane::Tool {
 
@@ -30,7 +30,7 @@ public:
     {
     }
 
-    /// The part of the record that was read.
+    /// Line and DN of the record.
     LdifEntry const& entry() const { return m_entry; }
 
 private:
@@ -44,6 +44,8 @@ public:
     /// @param path  "-" for standard input
     /// @throws Failure  "configuration": the file cannot be opened
     explicit LdifReader(std::string const& path);
+    LdifReader(LdifReader const&) = delete;
+    LdifReader& operator=(LdifReader const&) = delete;
 
     /// Blocks until the descriptor can be read; returns false to stop reading.
     using AwaitInput = std::function<bool(int descriptor)>;
@@ -56,43 +58,20 @@ public:
     bool next(LdifEntry& entry, AwaitInput const& awaitInput = waitForInput);
 
 private:
-    struct Line {
-        unsigned long number = 0;
-        std::string text; ///< with its continuations
-    };
-    struct Part {
-        std::string name;
-        std::string value;
-    };
-
-    bool readRecord(AwaitInput const& awaitInput);
-    bool readLine(std::string& line, AwaitInput const& awaitInput);
-    void addLine(std::string const& text);
-    void takeVersion();
-    void takeDn(LdifEntry& entry, Line& line) const;
-    void takeAttribute(LdifEntry& entry, Line& line, bool isHead) const;
-    void addValue(LdifEntry& entry, Line const& line, Part const& part) const;
-    Part parse(LdifEntry const& entry, Line& line) const;
-    [[noreturn]] void refuse(LdifEntry const& entry, unsigned long line, std::string const& cause,
-                             std::string const& remedy) const;
+    std::size_t read(char* buffer, std::size_t size);
+    LdifEntry entryOf(LDAPLdifRecord const& record) const;
+    [[noreturn]] void refuse(LDAPLdifRecord const& record, LDAPException const& fault) const;
+    [[noreturn]] void refuse(LDAPLdifRecord const& record, unsigned long line,
+                             std::string const& cause, std::string const& remedy) const;
 
     std::string m_name;
     LineReader m_lines;
-    unsigned long m_number = 0; ///< of the last line read
-    bool m_isFirst = true;
-    bool m_isComment = false; ///< whether the last line read belongs to a comment
-    std::vector<Line> m_record;
+    std::string m_line;                       ///< with its newline
+    std::size_t m_taken = 0;                  ///< bytes of the line that were passed on
+    AwaitInput const* m_awaitInput = nullptr; ///< of the call under way
+    bool m_isStopped = false;
+    LDAPLdifReader m_reader;
 };
-
-/// How a value is written.
-enum class LdifForm {
-    asFits, ///< as text if possible, else in base64
-    base64, ///< always in base64
-};
-
-/// Appends a line with its newline, folded if it is long.
-void appendLdif(std::string& out, std::string const& name, std::string_view value,
-                LdifForm form = LdifForm::asFits);
 
 } // namespace Solvane::Tool
 

@@ -3,8 +3,10 @@
 #include "RecordWriter.h"
 
 #include "Json.h"
-#include "Ldif.h"
 #include "Text.h"
+
+#include <solvane/ldap/LDAPException.h>
+#include <solvane/ldap/LDAPLdif.h>
 
 #include <fmt/format.h>
 
@@ -203,16 +205,25 @@ private:
             out += '\n';
         }
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-            appendLdif(out, "dn", entry.entryName());
+            LDAPLdif::appendLine(out, "dn", entry.entryName());
             for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-                LDAPAttributeType const& type = attribute.type();
-                std::string const name = oneLine(type.asString());
+                std::string const& name = attribute.type().asString();
                 for (Buffer const& value : attribute.binaryValue()) {
-                    appendLdif(out, name, bytesOf(value),
-                               type.isBinary() ? LdifForm::base64 : LdifForm::asFits);
+                    appendLine(name, bytesOf(value), out);
                 }
             }
             out += '\n';
+        }
+    }
+
+    /// A name that would change what the line means, which no sound server sends, becomes a comment.
+    static void appendLine(std::string const& name, std::string_view value, std::string& out)
+    {
+        try {
+            LDAPLdif::appendLine(out, name, value);
+        } catch (LDAPException const&) {
+            fmt::format_to(std::back_inserter(out), "# invalid attribute name: {}\n",
+                           oneLine(name));
         }
     }
 

@@ -13,8 +13,11 @@
 #include <solvane/ldap/LDAPConnection.h>
 #include <solvane/ldap/LDAPControls.h>
 #include <solvane/ldap/LDAPDelete.h>
+#include <solvane/ldap/LDAPDistinguishedName.h>
 #include <solvane/ldap/LDAPException.h>
 #include <solvane/ldap/LDAPExtended.h>
+#include <solvane/ldap/LDAPFilter.h>
+#include <solvane/ldap/LDAPLdif.h>
 #include <solvane/ldap/LDAPModify.h>
 #include <solvane/ldap/LDAPOperation.h>
 #include <solvane/ldap/LDAPQuery.h>

@@ -12,14 +12,7 @@
 #include <algorithm>
 #include <cctype>
 #include <memory>
-#include <new>
 #include <string_view>
-
-#include <lber.h>
-
-// OpenLDAP's parser of search filters; exported, but not declared in an installed header. The
-// declared one, ldap_put_vrFilter, parses another grammar (RFC 3876).
-extern "C" int ldap_pvt_put_filter(BerElement* element, char const* filter);
 
 namespace Solvane::Lookup {
 
@@ -179,6 +172,17 @@ constexpr char ordinary[] = "user@domain.test";
 constexpr char const* unusual[] = {"user", "@domain.test"};
 /// Each escaped character, followed by a letter that is not a hexadecimal digit.
 constexpr char hostile[] = "x*y(z)x\\y@x*y(z)x\\y";
+
+/// Why a filter is invalid; empty if it is valid.
+std::string faultOfFilter(std::string const& filter)
+{
+    try {
+        LDAPFilter::parse(filter);
+        return {};
+    } catch (LDAPException const& fault) {
+        return fault.stringParameter();
+    }
+}
 
 /// One check of a template.
 class Inspection {
@@ -457,11 +461,13 @@ private:
     bool inspectFilterOf(char const* address, Weight weight)
     {
         std::string const filter = expanded(m_body.end, address);
-        if (isFilter(filter)) {
+        std::string const fault = faultOfFilter(filter);
+        if (fault.empty()) {
             return true;
         }
         add(weight, m_body,
-            std::string("OpenLDAP rejects the filter for ") + address + ": " + oneLine(filter));
+            std::string("OpenLDAP rejects the filter for ") + address + ": " + oneLine(filter) +
+                ": " + fault);
         return false;
     }
 
@@ -491,18 +497,16 @@ std::vector<Finding> inspectPostfix(std::string const& text, ResultFormat const*
                  "the template " + ResultFormat::faultOf(text) + "; use %s %u %d, %1 to %9, %%"}};
     }
     std::string const filter = format->forKey("user@a.b.c.d.e.f.g.h.domain.test");
-    if (!isFilter(filter)) {
-        return {{Weight::error, 0, text.size(), "OpenLDAP rejects the filter: " + oneLine(filter)}};
+    std::string const fault = faultOfFilter(filter);
+    if (!fault.empty()) {
+        return {{Weight::error, 0, text.size(),
+                 "OpenLDAP rejects the filter: " + oneLine(filter) + ": " + fault}};
     }
     if (!isBaseMade && !format->hasSpecifiers()) {
         return {{Weight::warning, 0, text.size(), sameForAll}};
     }
     return {};
 }
-
-struct FreeElement {
-    void operator()(BerElement* element) const { ber_free(element, 1); }
-};
 
 } // namespace
 
@@ -590,17 +594,6 @@ std::vector<Finding> QueryTemplate::check() const
                        : Inspection(m_text, m_bValue, m_gValue).run();
 }
 
-bool isFilter(std::string const& filter)
-{
-    // OpenLDAP stops at the first NUL, and encodes nothing for blanks.
-    if (filter.find('\0') != std::string::npos || bodyOf(filter).isEmpty()) {
-        return false;
-    }
-    std::unique_ptr<BerElement, FreeElement> const encoded(ber_alloc_t(LBER_USE_DER));
-    if (!encoded) {
-        throw std::bad_alloc();
-    }
-    return ldap_pvt_put_filter(encoded.get(), filter.c_str()) == 0;
-}
+bool isFilter(std::string const& filter) { return faultOfFilter(filter).empty(); }
 
 } // namespace Solvane::Lookup

@@ -64,6 +64,11 @@ SEEDS = {
         "empty": b";a\0;",
         "options": b"userCertificate;binary; lang-fr\0x-opt",
     },
+    "dn": {
+        "encoded": b"1.3.6.1.4.1.1466.0=#04024869,cn=",
+        "escapes": b'CN=James \\"Jim\\" Smith\\, III\\0d\\ ,DC=\xc3\xa4',
+        "spaces": b" ou = Sales + CN=J.  Smith , dc = net ",
+    },
     "entry": {
         "cut": b"\x04\x04cn=x0\x0b0\x09\x04\x02cn1\x03",
         "empty": b"\x04\x000\0",
@@ -92,6 +97,13 @@ SEEDS = {
         "bytes": b"\xc3\xa4\xff()",
         "hostile": b"j*doe)(uid=*\\\0x",
     },
+    "filter": {
+        "comparisons": b"(&(a>=1)(b<=2)(c~=3)(d=*)(e=*x*y)(f=x*)(! (g=)) )",
+        "deep": b"(!" * 99 + b"(a=b)" + b")" * 99,
+        "escapes": b"(cn;lang-fr=*\\2A*\\00\\\\\xc3\xa4)",
+        "extensible": b"(|(sn:dn:2.4.6.8.10:=x)(:caseExactMatch:=y)(o:dn:=z)(1.2:=))",
+        "item": b"uid=a b",
+    },
     "ldif": {
         "refused": (
             b"dn: cn=a\n"
@@ -118,10 +130,26 @@ SEEDS = {
             b"cn: b\n"
         ),
     },
+    "ldif_line": {
+        "base64": b"cn;lang-de:: YWI=  ",
+        "text": b"a_b.1-c:  x:y <z ",
+    },
     "options": {
         "explain": b"-t\0(mail=$m)\0--explain\0a@b",
         "lint": b"--lint\0-t\0($u",
         "refused": b"--bind\0-w\0secret",
+    },
+    "ldif_records": {
+        "changes": (
+            b"dn: cn=a\ncontrol: 1.2 true:: AAE=\nchangetype: modify\nadd: cn\ncn: b\n-\n"
+            b"delete: sn\n-\nreplace: x\nx:: /w==\n\ndn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\n"
+            b"deleteoldrdn: 1\nnewsuperior: dc=c\n\ndn: cn=b\nchangetype: delete\n"
+        ),
+        "content": (
+            b"\xef\xbb\xbfversion: 1\r\n# c\n  d\ndn:: Y249w6Q=\nobjectClass: top\ndescription: a\n"
+            b"  b\nuserPassword: x\n\n\ndn: cn=b\ncn\n\ndn: cn=c\njpegPhoto:< file:///x\n"
+        ),
+        "large": b"dn: cn=a\ncn: " + b"x" * 300 + b"\ncn: y\n\ndn: cn=b\n",
     },
     "settings": {
         "unknown": b"nonsense = 1\n",

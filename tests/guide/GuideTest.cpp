@@ -1,5 +1,5 @@
 // The code of the guide's pages on changes, TLS, identities, passwords, event loops and Kerberos, run
-// against a real directory.
+// against a real directory, and of the page on values.
 #include "Kdc.h"
 #include "Process.h"
 #include "ProcessMemory.h"
@@ -18,8 +18,12 @@
 #include <chrono>
 #include <cstddef>
 #include <functional>
+#include <istream>
 #include <list>
 #include <map>
+#include <optional>
+#include <ostream>
+#include <sstream>
 #include <string>
 #include <utility>
 
@@ -148,6 +152,38 @@ TEST_F(TheGuidesCode, ChangesAPassword)
     EXPECT_FALSE(changePassword(connection, "wrong", "new"));
     EXPECT_TRUE(changePassword(connection, "pw-user0000002", "new"));
     EXPECT_NO_THROW(connection.bind(dn, "new", LDAPConnection::Synchronous));
+}
+
+// values.md
+
+TEST(TheGuidesValues, NameUsersAndGroups)
+{
+    EXPECT_EQ(userDn("a,ou=admins"), R"(uid=a\,ou=admins,ou=people,dc=corp,dc=test)");
+    EXPECT_EQ(groupOf("cn=x, OU=Staff, ou=Groups,dc=corp,dc=test"), "Staff");
+    EXPECT_EQ(groupOf("ou=groups,dc=corp,dc=test"), std::nullopt);
+    EXPECT_EQ(groupOf(R"(cn=a\,ou=groups,dc=corp,dc=test)"), std::nullopt);
+    EXPECT_EQ(groupOf("a"), std::nullopt);
+}
+
+TEST(TheGuidesValues, AreFilters)
+{
+    EXPECT_EQ(peopleNamed({"a*", "b"}),
+              R"((&(objectClass=person)(cn=*a\2A*b*)(!(pwdAccountLockedTime=*))))");
+    EXPECT_TRUE(asksForPasswords(LDAPFilter::parse("(&(cn=a)(!(USERPASSWORD=*)))")));
+    EXPECT_FALSE(asksForPasswords(LDAPFilter::parse("(|(cn=userPassword))")));
+}
+
+TEST(TheGuidesValues, AreRecords)
+{
+    std::istringstream in("dn: cn=a\nchangetype: delete\n\ndn: cn=b\ncn:: YQ\n\ndn: cn=c\n"
+                          "changetype: modify\ndelete: sn\n-\n");
+    std::ostringstream out;
+    std::ostringstream errors;
+
+    copyHarmless(in, out, errors);
+
+    EXPECT_EQ(out.str(), "dn: cn=c\nchangetype: modify\ndelete: sn\n-\n\n");
+    EXPECT_EQ(errors.str(), "line 5: invalid base64; correct the value\n");
 }
 
 // passwords.md

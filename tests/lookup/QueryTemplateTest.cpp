@@ -326,6 +326,8 @@ TEST(QueryTemplateCheck, PointsAtATemplateWhoseFilterOpenLDAPRefuses)
     EXPECT_THAT(findingsOf("(uid=$u)(cn=$u)"),
                 ElementsAre(isError(0, 15, ": (uid=user)(cn=user)")));
     EXPECT_THAT(findingsOf("(cn=\\x$u)"), ElementsAre(isError(0, 9, "OpenLDAP rejects")));
+    EXPECT_THAT(findingsOf("(cn=\\x$u)"),
+                ElementsAre(isError(0, 9, "at byte 5: expected two hexadecimal digits")));
 }
 
 TEST(QueryTemplateCheck, WarnsWhereOpenLDAPRefusesAFilterOfUnusualAddressesOnly)
@@ -377,11 +379,18 @@ TEST(Filter, IsNothingElse)
     }
 }
 
+TEST(Filter, IsUtf8)
+{
+    EXPECT_FALSE(isFilter("(cn=\xFF)"));
+    EXPECT_TRUE(isFilter("(cn=\\FF)"));
+}
+
 TEST(Filter, HasNoNul)
 {
     EXPECT_FALSE(isFilter("uid=a\0"s));
     EXPECT_FALSE(isFilter("uid=a\0b"s));
     EXPECT_FALSE(isFilter("\0"s));
+    EXPECT_FALSE(isFilter("(uid=a\0)"s));
 }
 
 } // namespace

@@ -350,15 +350,16 @@ TEST(AttributesInAFilter, HaveNoOptionsAndNoMatchingRules)
                 ElementsAre("cn", "ou"));
 }
 
-TEST(AttributesInAFilter, MayBeSurroundedByBlanks)
+TEST(AttributesInAFilter, MayFollowBlanks)
 {
-    EXPECT_THAT(attributesInFilter("( mail =a)"), ElementsAre("mail"));
+    EXPECT_THAT(attributesInFilter("(& ( mail=a))"), ElementsAre("mail"));
 }
 
-TEST(AttributesInAFilter, AreNotWantedFromARuleAloneOrFromNothing)
+TEST(AttributesInAFilter, AreNotWantedFromARuleAloneOrFromAnInvalidFilter)
 {
     EXPECT_THAT(attributesInFilter("(:caseExactMatch:=a)"), IsEmpty());
     EXPECT_THAT(attributesInFilter("("), IsEmpty());
+    EXPECT_THAT(attributesInFilter("(mail =a)"), IsEmpty());
     EXPECT_THAT(attributesInFilter(""), IsEmpty());
 }
 

@@ -286,6 +286,16 @@ TEST(LdifWriter, EncodesWhatIsDeclaredBinary)
                 testing::HasSubstr("\nc;binary:: TWFueQ==\n"));
 }
 
+TEST(LdifWriter, LetsNoNameOfAnAttributeChangeWhatALineMeans)
+{
+    Record const record =
+        found({{"cn=a", {attribute("cn\nsn: b", {"a"}), attribute("b:", {"c"})}}});
+
+    EXPECT_EQ(written("ldif", record), "> # jdoe@corp.test: found 1\ndn: cn=a\n"
+                                       "# invalid attribute name: cn\\x0Asn: b\n"
+                                       "# invalid attribute name: b:\n\n");
+}
+
 TEST(RecordEnd, TakesThePlaceOfTheLastNewline)
 {
     Record const record = found({{"cn=a", {attribute("cn", {"a"})}}});

@@ -135,6 +135,8 @@ class Ldif(ToolTest):
             ("dn: ou=a\ncontrol: 1.2.3\nchangetype: add\nou: a\n", 2, ["controls"]),
             ("dn: ou=a\ncn: x\njpegPhoto:: AAEA\n", 3, ["NUL byte", ";binary"]),
             (b"dn: ou=a\nou: a\0b\n", 2, ["NUL byte", "base64"]),
+            ("dn: ou=a\nchangetype: x\n", 2, ["'x'"]),
+            ("dn: ou=a\nchangetype: add\n", 1, ["no attributes"]),
         ):
             with self.subTest(text=text):
                 self.assert_refused(text, line, *words)

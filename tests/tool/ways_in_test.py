@@ -277,6 +277,22 @@ class Ldif(WaysIn):
         self.assertNotIn("#", outputs[2].output)
         self.assertEqual(outputs[2].output, "version: 1\n\n" + outputs[3].output)
 
+    def test_has_the_bytes_that_ldapsearch_prints(self):
+        bind = ["-D", READER, "-y", self.file("pw", b"reader-pw")]
+        everything = "(|(uid=$u)(objectClass=*))"
+        for base in ("ou=big,dc=corp,dc=test", "ou=escapes,dc=corp,dc=test"):
+            with self.subTest(base=base):
+                ours = self.look_up("a@b", "-LLL", *bind, base=base, template=everything)
+                theirs = subprocess.run(
+                    ["ldapsearch", "-LLL", "-x", "-H", self.uri, "-b", base, *bind],
+                    capture_output=True,
+                    timeout=DEADLINE,
+                    check=True,
+                )
+
+                self.assertIn(b"dn:: " if "escapes" in base else b"jpegPhoto:: ", theirs.stdout)
+                self.assertEqual(ours.bytes, theirs.stdout)
+
     def test_is_no_other_format(self):
         self.assert_fails(self.look_up(KEY, "-LLL", "--format", "json"), 64, "--format json")
         self.found("-LLL", "--format", "ldif")

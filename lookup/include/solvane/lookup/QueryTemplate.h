@@ -91,8 +91,9 @@ private:
     std::shared_ptr<ResultFormat const> m_format; ///< of one by Postfix's rules, if it is valid
 };
 
-/// Whether OpenLDAP accepts `filter` (RFC 4515) for a search; sends nothing. False for an empty
-/// filter, and for one with a NUL byte, at which OpenLDAP would cut it. Thread-safe.
+/// Whether `LDAPFilter::parse` accepts `filter` (RFC 4515); sends nothing. OpenLDAP then accepts it for
+/// a search. False for an empty filter, for one with a NUL byte, at which OpenLDAP would cut it, and
+/// for invalid UTF-8. Thread-safe.
 SOLVANE_LOOKUP_EXPORT bool isFilter(std::string const& filter);
 
 } // namespace Solvane::Lookup

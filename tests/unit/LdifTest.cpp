@@ -1,0 +1,699 @@
+// LDIF: records read in bounded memory, and written as OpenLDAP's tools write them.
+#include <solvane/ldap/LDAPLdif.h>
+
+#include "Faults.h"
+#include "TemporaryDirectory.h"
+
+#include <solvane/ldap/LDAPResult.h>
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <fstream>
+#include <random>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+using namespace Solvane;
+using namespace std::string_literals;
+using SolvaneTest::IsFault;
+using SolvaneTest::thrownBy;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::Field;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::SizeIs;
+using testing::StartsWith;
+
+namespace {
+
+using Record = LDAPLdifRecord;
+using Type = Record::Type;
+using Operation = Record::Change::Operation;
+
+/// A source that returns at most `most` bytes a call.
+LDAPLdifReader::Source sourceOf(std::string const& text, std::size_t most = 7)
+{
+    return [text, most, position = std::size_t{0}](char* buffer, std::size_t size) mutable {
+        std::size_t const count = text.copy(buffer, std::min(size, most), position);
+        position += count;
+        return count;
+    };
+}
+
+std::vector<Record> recordsIn(std::string const& text, LDAPLdifReader::Options const& options = {})
+{
+    LDAPLdifReader reader(sourceOf(text), options);
+    std::vector<Record> records;
+    for (Record record; reader.next(record);) {
+        records.push_back(record);
+    }
+    return records;
+}
+
+/// The only record of a text.
+Record recordIn(std::string const& text, LDAPLdifReader::Options const& options = {})
+{
+    return recordsIn(text, options).at(0);
+}
+
+/// The text of the error of the first record that has one.
+std::string errorIn(std::string const& text, LDAPLdifReader::Options const& options = {})
+{
+    auto const thrown = thrownBy([&] { recordsIn(text, options); });
+    EXPECT_THAT(thrown, IsFault("Ldif.cpp", 73, 2, 0));
+    EXPECT_THAT(
+        thrown.stringParameter(),
+        AllOf(StartsWith("line " + std::to_string(thrown.intParameter()) + ": "), HasSubstr("; ")));
+    return thrown.stringParameter();
+}
+
+/// The attributes, one "name=value" after the other.
+std::string textOf(std::vector<Record::Attribute> const& attributes)
+{
+    std::string text;
+    for (Record::Attribute const& each : attributes) {
+        text += (text.empty() ? "" : "|") + each.description + '=' + each.value;
+    }
+    return text;
+}
+
+auto isAttribute(std::string const& description, std::string const& value)
+{
+    return AllOf(Field(&Record::Attribute::description, description),
+                 Field(&Record::Attribute::value, value));
+}
+
+auto isChange(Operation operation, std::string const& attribute,
+              std::vector<std::string> const& values)
+{
+    return AllOf(Field(&Record::Change::operation, operation),
+                 Field(&Record::Change::attribute, attribute),
+                 Field(&Record::Change::values, values));
+}
+
+std::string written(Record const& record)
+{
+    std::string text;
+    LDAPLdif::append(text, record);
+    return text;
+}
+
+constexpr char barbara[] = "cn=Barbara Jensen, ou=Product Development, dc=airius, dc=com";
+
+} // namespace
+
+// The examples of RFC 2849.
+
+TEST(LdifExample, One)
+{
+    auto const records =
+        recordsIn("version: 1\n"
+                  "dn: cn=Barbara Jensen, ou=Product Development, dc=airius, dc=com\n"
+                  "objectclass: top\nobjectclass: person\nobjectclass: organizationalPerson\n"
+                  "cn: Barbara Jensen\n"
+                  "cn: Barbara J Jensen\n"
+                  "cn: Babs Jensen\n"
+                  "sn: Jensen\n"
+                  "uid: bjensen\n"
+                  "telephonenumber: +1 408 555 1212\n"
+                  "description: A big sailing fan.\n"
+                  "\n"
+                  "dn: cn=Bjorn Jensen, ou=Accounting, dc=airius, dc=com\n"
+                  "objectclass: top\nobjectclass: person\nobjectclass: organizationalPerson\n"
+                  "cn: Bjorn Jensen\n"
+                  "sn: Jensen\n"
+                  "telephonenumber: +1 408 555 1212\n");
+
+    ASSERT_THAT(records, SizeIs(2));
+    EXPECT_EQ(records[0].dn, barbara);
+    EXPECT_EQ(records[0].line, 2U);
+    EXPECT_EQ(records[0].type, Type::Content);
+    EXPECT_EQ(textOf(records[0].attributes),
+              "objectclass=top|objectclass=person|objectclass=organizationalPerson|"
+              "cn=Barbara Jensen|cn=Barbara J Jensen|cn=Babs Jensen|sn=Jensen|uid=bjensen|"
+              "telephonenumber=+1 408 555 1212|description=A big sailing fan.");
+    EXPECT_EQ(records[1].dn, "cn=Bjorn Jensen, ou=Accounting, dc=airius, dc=com");
+    EXPECT_EQ(records[1].line, 14U);
+    EXPECT_THAT(records[1].attributes, SizeIs(6));
+}
+
+TEST(LdifExample, TwoWithFoldedLines)
+{
+    Record const record =
+        recordIn("version: 1\n"
+                 "dn:cn=Barbara Jensen, ou=Product Development, dc=airius, dc=com\n"
+                 "objectclass:top\n"
+                 "objectclass:person\n"
+                 "objectclass:organizationalPerson\n"
+                 "cn:Barbara Jensen\ncn:Barbara J Jensen\ncn:Babs Jensen\n"
+                 "sn:Jensen\n"
+                 "uid:bjensen\n"
+                 "telephonenumber:+1 408 555 1212\n"
+                 "description:Babs is a big sailing fan, and travels extensively in sea\n"
+                 " rch of perfect sailing conditions.\n"
+                 "title:Product Manager, Rod and Reel Division\n");
+
+    EXPECT_EQ(record.dn, barbara);
+    ASSERT_THAT(record.attributes, SizeIs(11));
+    EXPECT_THAT(record.attributes[9],
+                isAttribute("description", "Babs is a big sailing fan, and travels extensively in "
+                                           "search of perfect sailing conditions."));
+    EXPECT_EQ(record.attributes[9].line, 12U);
+    EXPECT_THAT(record.attributes[10],
+                isAttribute("title", "Product Manager, Rod and Reel Division"));
+    EXPECT_EQ(record.attributes[10].line, 14U);
+}
+
+TEST(LdifExample, ThreeWithBase64)
+{
+    Record const record =
+        recordIn("version: 1\n"
+                 "dn: cn=Gern Jensen, ou=Product Testing, dc=airius, dc=com\n"
+                 "objectclass: top\nobjectclass: person\nobjectclass: organizationalPerson\n"
+                 "cn: Gern Jensen\n"
+                 "cn: Gern O Jensen\n"
+                 "sn: Jensen\n"
+                 "uid: gernj\n"
+                 "telephonenumber: +1 408 555 1212\n"
+                 "description:: V2hhdCBhIGNhcmVmdWwgcmVhZGVyIHlvdSBhcmUhICBUaGlzIHZhbHVl\n"
+                 " IGlzIGJhc2UtNjQtZW5jb2RlZCBiZWNhdXNlIGl0IGhhcyBhIGNvbnRyb2wgY2hhcmFjdG\n"
+                 " VyIGluIGl0IChhIENSKS4NICBCeSB0aGUgd2F5LCB5b3Ugc2hvdWxkIHJlYWxseSBnZXQg\n"
+                 " b3V0IG1vcmUu\n");
+
+    EXPECT_EQ(record.attributes.back().value,
+              "What a careful reader you are!  This value is base-64-encoded because it has a "
+              "control character in it (a CR).\r  By the way, you should really get out more.");
+}
+
+TEST(LdifExample, FourWithOtherLanguages)
+{
+    auto const records = recordsIn("version: 1\n"
+                                   "dn:: b3U95Za25qWt6YOoLG89QWlyaXVz\n"
+                                   "# dn:: ou=<JapaneseOU>,o=Airius\n"
+                                   "objectclass: top\n"
+                                   "objectclass: organizationalUnit\n"
+                                   "ou:: 5Za25qWt6YOo\n"
+                                   "# ou:: <JapaneseOU>\n"
+                                   "ou;lang-ja:: 5Za25qWt6YOo\n"
+                                   "# ou;lang-ja:: <JapaneseOU>\n"
+                                   "ou;lang-ja;phonetic:: 44GI44GE44GO44KH44GG44G2\n"
+                                   "# ou;lang-ja:: <JapaneseOU_in_phonetic_representation>\n"
+                                   "ou;lang-en: Sales\n"
+                                   "description: Japanese office\n"
+                                   "\n"
+                                   "dn:: dWlkPXJvZ2FzYXdhcmEsb3U95Za25qWt6YOoLG89QWlyaXVz\n"
+                                   "# dn:: uid=<uid>,ou=<JapaneseOU>,o=Airius\n"
+                                   "userpassword: {SHA}O3HSv1MusyL4kTjP+HKI5uxuNoM=\n"
+                                   "cn;lang-ja:: 5bCP56yg5Y6fIOODreODieODi+ODvA==\n"
+                                   "# cn;lang-ja:: <JapaneseCn>\n"
+                                   "preferredlanguage: ja\n");
+
+    ASSERT_THAT(records, SizeIs(2));
+    EXPECT_EQ(records[0].dn, "ou=\u55b6\u696d\u90e8,o=Airius");
+    EXPECT_THAT(records[0].attributes[4],
+                isAttribute("ou;lang-ja;phonetic", "\u3048\u3044\u304e\u3087\u3046\u3076"));
+    EXPECT_EQ(records[1].dn, "uid=rogasawara,ou=\u55b6\u696d\u90e8,o=Airius");
+    EXPECT_THAT(
+        records[1].attributes,
+        ElementsAre(isAttribute("userpassword", "{SHA}O3HSv1MusyL4kTjP+HKI5uxuNoM="),
+                    isAttribute("cn;lang-ja", "\u5c0f\u7b20\u539f \u30ed\u30c9\u30cb\u30fc"),
+                    isAttribute("preferredlanguage", "ja")));
+}
+
+TEST(LdifExample, FiveWithAFileThatMustBeAllowed)
+{
+    EXPECT_EQ(errorIn("version: 1\n"
+                      "dn: cn=Horatio Jensen, ou=Product Testing, dc=airius, dc=com\n"
+                      "objectclass: top\n"
+                      "jpegphoto:< file:///usr/local/directory/photos/hjensen.jpg\n"),
+              "line 4: values from a URL are not supported; write the value in base64 after '::'");
+}
+
+TEST(LdifExample, SixWithChanges)
+{
+    auto const records =
+        recordsIn("version: 1\n"
+                  "# Add a new entry\n"
+                  "dn: cn=Fiona Jensen, ou=Marketing, dc=airius, dc=com\n"
+                  "changetype: add\n"
+                  "objectclass: top\nobjectclass: person\nobjectclass: organizationalPerson\n"
+                  "cn: Fiona Jensen\n"
+                  "sn: Jensen\n"
+                  "uid: fiona\n"
+                  "telephonenumber: +1 408 555 1212\n"
+                  "\n"
+                  "# Delete an existing entry\n"
+                  "dn: cn=Robert Jensen, ou=Marketing, dc=airius, dc=com\n"
+                  "changetype: delete\n"
+                  "\n"
+                  "# Modify an entry's relative distinguished name\n"
+                  "dn: cn=Paul Jensen, ou=Product Development, dc=airius, dc=com\n"
+                  "changetype: modrdn\n"
+                  "newrdn: cn=Paula Jensen\n"
+                  "deleteoldrdn: 1\n"
+                  "\n"
+                  "# Rename an entry and move all of its children to a new location in\n"
+                  "# the directory tree (only implemented by LDAPv3 servers).\n"
+                  "dn: ou=PD Accountants, ou=Product Development, dc=airius, dc=com\n"
+                  "changetype: modrdn\n"
+                  "newrdn: ou=Product Development Accountants\n"
+                  "deleteoldrdn: 0\n"
+                  "newsuperior: ou=Accounting, dc=airius, dc=com\n"
+                  "\n"
+                  "# Modify an entry: add an additional value to the postaladdress\n"
+                  "# attribute, completely delete the description attribute, replace\n"
+                  "# the telephonenumber attribute with two values, and delete a specific\n"
+                  "# value from the facsimiletelephonenumber attribute\n"
+                  "dn: cn=Paula Jensen, ou=Product Development, dc=airius, dc=com\n"
+                  "changetype: modify\n"
+                  "add: postaladdress\n"
+                  "postaladdress: 123 Anystreet $ Sunnyvale, CA $ 94086\n"
+                  "-\n"
+                  "delete: description\n"
+                  "-\n"
+                  "replace: telephonenumber\n"
+                  "telephonenumber: +1 408 555 1234\n"
+                  "telephonenumber: +1 408 555 5678\n"
+                  "-\n"
+                  "delete: facsimiletelephonenumber\n"
+                  "facsimiletelephonenumber: +1 408 555 9876\n"
+                  "-\n"
+                  "\n"
+                  "# Modify an entry: replace the postaladdress attribute with an empty\n"
+                  "# set of values (which will cause the attribute to be removed), and\n"
+                  "# delete the entire description attribute. Note that the first will\n"
+                  "# always succeed, while the second will only succeed if at least\n"
+                  "# one value for the description attribute is present.\n"
+                  "dn: cn=Ingrid Jensen, ou=Product Support, dc=airius, dc=com\n"
+                  "changetype: modify\n"
+                  "replace: postaladdress\n"
+                  "-\n"
+                  "delete: description\n"
+                  "-\n");
+
+    ASSERT_THAT(records, SizeIs(6));
+    EXPECT_EQ(records[0].type, Type::Add);
+    EXPECT_EQ(records[0].typeLine, 4U);
+    EXPECT_THAT(records[0].attributes, SizeIs(7));
+    EXPECT_EQ(records[1].type, Type::Delete);
+    EXPECT_EQ(records[2].type, Type::Rename);
+    EXPECT_EQ(records[2].newRdn, "cn=Paula Jensen");
+    EXPECT_TRUE(records[2].deletesOldRdn);
+    EXPECT_EQ(records[2].newSuperior, std::nullopt);
+    EXPECT_EQ(records[3].newRdn, "ou=Product Development Accountants");
+    EXPECT_FALSE(records[3].deletesOldRdn);
+    EXPECT_EQ(records[3].newSuperior, "ou=Accounting, dc=airius, dc=com");
+    EXPECT_THAT(
+        records[4].changes,
+        ElementsAre(
+            isChange(Operation::Add, "postaladdress", {"123 Anystreet $ Sunnyvale, CA $ 94086"}),
+            isChange(Operation::Delete, "description", {}),
+            isChange(Operation::Replace, "telephonenumber", {"+1 408 555 1234", "+1 408 555 5678"}),
+            isChange(Operation::Delete, "facsimiletelephonenumber", {"+1 408 555 9876"})));
+    EXPECT_THAT(records[5].changes, ElementsAre(isChange(Operation::Replace, "postaladdress", {}),
+                                                isChange(Operation::Delete, "description", {})));
+}
+
+TEST(LdifExample, SevenWithAControl)
+{
+    Record const record = recordIn("version: 1\n"
+                                   "# Delete an entry. The operation will attach the LDAPv3\n"
+                                   "# Tree Delete Control defined in [9]. The criticality\n"
+                                   "# field is \"true\" and the controlValue field is\n"
+                                   "# absent, as required by [9].\n"
+                                   "dn: ou=Product Development, dc=airius, dc=com\n"
+                                   "control: 1.2.840.113556.1.4.805 true\n"
+                                   "changetype: delete\n");
+
+    EXPECT_EQ(record.type, Type::Delete);
+    ASSERT_THAT(record.controls, SizeIs(1));
+    EXPECT_EQ(record.controls[0].oid, "1.2.840.113556.1.4.805");
+    EXPECT_TRUE(record.controls[0].isCritical);
+    EXPECT_EQ(record.controls[0].value, std::nullopt);
+    EXPECT_EQ(record.controls[0].line, 7U);
+}
+
+// Beyond the examples.
+
+TEST(ReadingLdif, TakesAnyValue)
+{
+    Record const record = recordIn("dn: cn=a\n"
+                                   "a:\n"
+                                   "b: \n"
+                                   "c::\n"
+                                   "d:: AAE=\n"
+                                   "e::  /w==  \n"
+                                   "f: a:b <c \n"
+                                   "g_h;x-y: \xC3\xA4\xFF\n"
+                                   "1.2.3: i\r\n"
+                                   "j:: YR==\n");
+
+    EXPECT_EQ(textOf(record.attributes),
+              "a=|b=|c=|d=\0\x01|e=\xFF|f=a:b <c |g_h;x-y=\xC3\xA4\xFF|1.2.3=i|j=a"s);
+}
+
+TEST(ReadingLdif, SkipsEmptyLinesCommentsAndAByteOrderMark)
+{
+    auto const records = recordsIn("\xEF\xBB\xBF# a\n b\n\n\r\n\ndn: cn=a\n# c\n  d\ncn:\n  e\n\n\n"
+                                   "# only\n\ndn: cn=f\n");
+
+    ASSERT_THAT(records, SizeIs(2));
+    EXPECT_EQ(records[0].line, 6U);
+    EXPECT_EQ(textOf(records[0].attributes), "cn=e");
+    EXPECT_EQ(records[1].dn, "cn=f");
+    EXPECT_THAT(records[1].attributes, IsEmpty());
+    EXPECT_THAT(recordsIn(""), IsEmpty());
+    EXPECT_THAT(recordsIn("version: 1"), IsEmpty());
+    EXPECT_EQ(recordIn("dn:").dn, "");
+}
+
+TEST(ReadingLdif, TakesControlsInEveryForm)
+{
+    auto const controls = recordIn("dn: cn=a\n"
+                                   "control:1.2\n"
+                                   "control: 1.3 FALSE\n"
+                                   "control: 1.4 true: a b\n"
+                                   "control: 1.5:: AAE=\n"
+                                   "control: 1.6 :\n"
+                                   "changetype: delete\n")
+                              .controls;
+
+    ASSERT_THAT(controls, SizeIs(5));
+    EXPECT_EQ(controls[0].oid, "1.2");
+    EXPECT_FALSE(controls[0].isCritical || controls[1].isCritical || controls[3].isCritical);
+    EXPECT_TRUE(controls[2].isCritical);
+    EXPECT_EQ(controls[1].value, std::nullopt);
+    EXPECT_EQ(controls[2].value, "a b");
+    EXPECT_EQ(controls[3].value, "\0\x01"s);
+    EXPECT_EQ(controls[4].value, "");
+}
+
+TEST(ReadingLdif, TakesChangesWithoutADashAtTheEndAndIncrements)
+{
+    EXPECT_THAT(
+        recordIn("dn: cn=a\nchangetype: modify\nincrement: n\nN: 1\n-\nadd: cn;x\ncn;X: b\n")
+            .changes,
+        ElementsAre(isChange(Operation::Increment, "n", {"1"}),
+                    isChange(Operation::Add, "cn;x", {"b"})));
+    EXPECT_THAT(recordIn("dn: cn=a\nchangetype: modify\n").changes, IsEmpty());
+    EXPECT_EQ(recordIn("dn: cn=a\nchangetype: MODDN\nnewrdn: cn=b\ndeleteoldrdn: 0\n").type,
+              Type::Rename);
+}
+
+TEST(ReadingLdif, NamesLineCauseAndRemedyOfAnError)
+{
+    std::string const form = "the line is not of the form 'attribute: value'; start a continuation "
+                             "line with one space, and a comment with '#'";
+    std::string const beginning = ", not with dn; start each record with dn:, after an empty line";
+    struct {
+        std::string text;
+        std::string error;
+    } const cases[] = {
+        {"version: 2\ndn: cn=a\n", "line 1: unsupported LDIF version '2'; write version: 1"},
+        {"\n\ncn: a\n", "line 3: the record starts with 'cn'" + beginning},
+        {"dn: cn=a\n\nversion: 1\ndn: cn=b\n",
+         "line 3: the record starts with 'version'" + beginning},
+        {"include: file:///a\n", "line 1: include is not supported; add the files one by one"},
+        {"dn:: /w==\n", "line 1: the DN is not valid UTF-8; correct the DN"},
+        {"dn:: AA==\n", "line 1: the DN is not valid UTF-8; correct the DN"},
+        {"dn:: AAA\n", "line 1: invalid base64; correct the value"},
+        {"dn: cn=a\ncn:: A===\n", "line 2: invalid base64; correct the value"},
+        {"dn: cn=a\ncn:: AA=A\n", "line 2: invalid base64; correct the value"},
+        {"dn: cn=a\ncn:: A A=\n", "line 2: invalid base64; correct the value"},
+        {"dn: cn=a\ncn a\n", "line 2: " + form},
+        {"dn: cn=a\n: a\n", "line 2: " + form},
+        {"dn: cn=a\nc n: a\n", "line 2: invalid attribute name 'c n'; write attribute: value"},
+        {"dn: cn=a\ncn: a\0b\n"s,
+         "line 2: the line contains a NUL byte; encode the value in base64"},
+        {"dn: cn=a\ncn: a\ndn: cn=b\n",
+         "line 3: second DN in one record; put an empty line between records"},
+        {"dn: cn=a\nchangetype: x\n",
+         "line 2: unsupported changetype 'x'; write add, delete, modify or modrdn"},
+        {"dn: cn=a\ncontrol: 1.2\ncn: a\n",
+         "line 2: a control without a changetype; write changetype: after the controls"},
+        {"dn: cn=a\ncontrol: cn\nchangetype: delete\n",
+         "line 2: malformed control; write control: OID [true|false][: value]"},
+        {"dn: cn=a\ncontrol: 1.2 maybe\nchangetype: delete\n",
+         "line 2: malformed control; write control: OID [true|false][: value]"},
+        {"dn: cn=a\ncontrol:\nchangetype: delete\n",
+         "line 2: malformed control; write control: OID [true|false][: value]"},
+        {"dn: cn=a\nchangetype: delete\ncn: a\n",
+         "line 3: a line after the end of the change; put an empty line between records"},
+        {"dn: cn=a\nchangetype: modify\nput: cn\n",
+         "line 3: unsupported change 'put'; write add, delete, replace or increment"},
+        {"dn: cn=a\nchangetype: modify\nadd: c n\n",
+         "line 3: invalid attribute name 'c n'; write attribute: value"},
+        {"dn: cn=a\nchangetype: modify\nadd: cn\n-\n",
+         "line 3: the change of cn has no value; give it one"},
+        {"dn: cn=a\nchangetype: modify\nadd: cn\ncn: a\nsn: b\n",
+         "line 5: expected a value of cn, found sn; end each change with a line '-'"},
+        {"dn: cn=a\nchangetype: modify\n-\n", "line 3: " + form},
+        {"dn: cn=a\nchangetype: modrdn\n", "line 2: expected newrdn; complete the record"},
+        {"dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\nnewsuperior: cn=c\n",
+         "line 4: expected deleteoldrdn; complete the record"},
+        {"dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 2\n",
+         "line 4: deleteoldrdn is not 0 or 1; write 1 to delete the old value"},
+        {"dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\ncn: a\n",
+         "line 5: a line after the end of the change; put an empty line between records"},
+    };
+    for (auto const& row : cases) {
+        EXPECT_EQ(errorIn(row.text), row.error) << row.text;
+    }
+}
+
+TEST(ReadingLdif, GoesOnAfterAnInvalidRecord)
+{
+    LDAPLdifReader reader(sourceOf("dn: cn=a\ncn a\ncn: x\n\ndn: cn=b\n"));
+    Record record;
+
+    EXPECT_THAT(thrownBy([&] { reader.next(record); }), IsFault("Ldif.cpp", 73, 2, 0));
+    EXPECT_EQ(record.dn, "cn=a");
+    EXPECT_EQ(record.line, 1U);
+    ASSERT_TRUE(reader.next(record));
+    EXPECT_EQ(record.dn, "cn=b");
+    EXPECT_EQ(record.line, 5U);
+    EXPECT_FALSE(reader.next(record));
+    EXPECT_FALSE(reader.next(record));
+}
+
+TEST(ReadingLdif, ReportsARecordAsSoonAsItsEmptyLineHasCome)
+{
+    std::vector<std::string> parts{"dn: cn=a\ncn:", " b\n\n", ""};
+    std::size_t calls = 0;
+    LDAPLdifReader reader(
+        [&](char* buffer, std::size_t size) { return parts.at(calls++).copy(buffer, size); });
+    Record record;
+
+    ASSERT_TRUE(reader.next(record));
+    EXPECT_EQ(calls, 2U);
+    EXPECT_EQ(textOf(record.attributes), "cn=b");
+    EXPECT_FALSE(reader.next(record));
+}
+
+TEST(ReadingLdif, ContinuesWhereAnExceptionOfTheSourceInterruptedIt)
+{
+    LDAPLdifReader reader([calls = 0, rest = sourceOf("dn: cn=a\ncn: b\n\n", 4)](
+                              char* buffer, std::size_t size) mutable {
+        if (++calls == 3) {
+            throw std::runtime_error("no input");
+        }
+        return rest(buffer, size);
+    });
+    Record record;
+
+    EXPECT_THROW(reader.next(record), std::runtime_error);
+    ASSERT_TRUE(reader.next(record));
+    EXPECT_EQ(record.dn, "cn=a");
+    EXPECT_EQ(textOf(record.attributes), "cn=b");
+}
+
+TEST(ReadingLdif, RefusesARecordThatIsTooLargeAndSkipsIt)
+{
+    LDAPLdifReader::Options options;
+    options.maxBytes = 1000;
+    std::string const manyLines = [] {
+        std::string lines;
+        for (int i = 0; i < 500; ++i) {
+            lines += "cn: a\n";
+        }
+        return lines;
+    }();
+    for (std::string const& large :
+         {"cn: " + std::string(100000, 'a') + "\ncn: b\n", "cn: " + std::string(100000, 'a') + "\n",
+          manyLines,
+          "cn: a\n " + std::string(20000, 'a') + "\n " + std::string(20000, 'a') + "\n"}) {
+        for (std::size_t const most : {std::size_t{1}, std::size_t{997}, std::size_t{16384}}) {
+            LDAPLdifReader reader(sourceOf("version: 1\ndn: cn=a\n" + large + "\ndn: cn=b\n", most),
+                                  options);
+            Record record;
+
+            auto const thrown = thrownBy([&] { reader.next(record); });
+            EXPECT_THAT(thrown, IsFault("Ldif.cpp", 73, 2, 0));
+            EXPECT_THAT(thrown.stringParameter(), HasSubstr("is larger than 1000 bytes; "));
+            EXPECT_EQ(record.line, static_cast<unsigned long>(thrown.intParameter()));
+            ASSERT_TRUE(reader.next(record)) << most;
+            EXPECT_EQ(record.dn, "cn=b");
+            EXPECT_FALSE(reader.next(record));
+        }
+    }
+}
+
+TEST(ReadingLdif, LimitsTheFilesOfARecordTogether)
+{
+    SolvaneTest::TemporaryDirectory const folder;
+    std::string const file = (folder.path() / "photo").string();
+    std::ofstream(file) << std::string(600, 'x');
+    LDAPLdifReader::Options options;
+    options.mayReadFiles = true;
+    options.maxBytes = 1000;
+    std::string const one = "dn: cn=a\ncn:< file://" + file + "\n";
+
+    EXPECT_EQ(recordsIn(one + "\n" + one, options).size(), 2U);
+    EXPECT_THAT(errorIn(one + "sn:< file://" + file + "\n", options),
+                StartsWith("line 3: the files of this record are larger than 1000 bytes"));
+}
+
+TEST(ReadingLdif, SkipsCommentsOfAnyLength)
+{
+    LDAPLdifReader::Options options;
+    options.maxBytes = 1000;
+    std::string const comment = "#" + std::string(50000, 'a') + "\n " + std::string(50000, 'b');
+
+    for (std::size_t const most : {std::size_t{1}, std::size_t{997}, std::size_t{16384}}) {
+        LDAPLdifReader reader(sourceOf(comment + "\ndn: cn=a\n" + comment + "\r\ncn: b\n", most),
+                              options);
+        Record record;
+
+        ASSERT_TRUE(reader.next(record)) << most;
+        EXPECT_EQ(record.line, 3U);
+        EXPECT_EQ(textOf(record.attributes), "cn=b");
+    }
+}
+
+TEST(ReadingLdif, RefusesALineWithoutEndBeforeItFillsTheMemory)
+{
+    LDAPLdifReader::Options options;
+    options.maxBytes = 100000;
+    std::size_t calls = 0;
+    LDAPLdifReader reader(
+        [&calls](char* buffer, std::size_t size) {
+            ++calls;
+            std::fill_n(buffer, size, 'a');
+            return size;
+        },
+        options);
+    Record record;
+
+    EXPECT_THAT(thrownBy([&] { reader.next(record); }), IsFault("Ldif.cpp", 73, 2, 0));
+    EXPECT_LE(calls, 8U);
+}
+
+TEST(ReadingLdif, TakesValuesFromFilesIfAllowed)
+{
+    SolvaneTest::TemporaryDirectory const folder;
+    std::string const file = (folder.path() / "photo").string();
+    std::ofstream(file) << "\xFF\0photo"s;
+    LDAPLdifReader::Options options;
+    options.mayReadFiles = true;
+    std::string const head = "dn: cn=a\njpegPhoto:< file://";
+
+    EXPECT_EQ(textOf(recordIn(head + file + "\n", options).attributes), "jpegPhoto=\xFF\0photo"s);
+
+    EXPECT_THAT(errorIn(head + file + "\n"), HasSubstr("are not supported"));
+    for (char const* const url :
+         {"http://localhost/a", "file://host/a", "file:a", "/etc/passwd", "file:", ""}) {
+        EXPECT_THAT(errorIn("dn: cn=a\ncn:< "s + url + "\n", options),
+                    HasSubstr("is not a file of this machine"))
+            << url;
+    }
+    auto const missing = thrownBy([&] { recordIn(head + file + "x\n", options); });
+    EXPECT_THAT(missing, IsFault("Ldif.cpp", 118, 4, 0));
+    EXPECT_THAT(missing.stringParameter(),
+                AllOf(StartsWith("line 2: cannot open file:///"), HasSubstr("No such file")));
+    EXPECT_THAT(thrownBy([&] { recordIn(head + "/\n", options); }), IsFault("Ldif.cpp", 118, 4, 0));
+    options.maxBytes = 300;
+    EXPECT_THAT(errorIn("dn: cn=a\ncn:< file:///dev/zero\n", options),
+                HasSubstr("are larger than 300 bytes"));
+}
+
+TEST(WritingLdif, IsWhatWasRead)
+{
+    std::string const text = "dn: cn=a\n"
+                             "control: 1.2 true\n"
+                             "control: 1.3 false:: AAE=\n"
+                             "changetype: modify\n"
+                             "add: cn\ncn: a\ncn:: w6Q=\n-\n"
+                             "delete: sn\n-\n"
+                             "replace: userPassword\nuserPassword:: c2VjcmV0\n-\n"
+                             "increment: n\nn: 1\n-\n"
+                             "\n"
+                             "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\n"
+                             "newsuperior: dc=c\n"
+                             "\n"
+                             "dn: cn=a\nchangetype: delete\n"
+                             "\n"
+                             "dn: cn=a\nchangetype: add\ncn: a\n"
+                             "\n"
+                             "dn:: Y249w6Q=\ncn: a\ndescription:\n"
+                             "\n";
+    std::string again;
+    for (Record const& record : recordsIn(text)) {
+        LDAPLdif::append(again, record);
+    }
+
+    EXPECT_EQ(again, text);
+}
+
+TEST(WritingLdif, FoldsLinesThatAreReadAsTheSame)
+{
+    Record record;
+    record.dn = "cn=" + std::string(200, 'a');
+    std::mt19937 random(28490001);
+    for (std::size_t size = 0; size < 300; ++size) {
+        std::string value(size, 'x');
+        if (size % 3 != 0) {
+            std::generate(value.begin(), value.end(),
+                          [&random] { return static_cast<char>(random()); });
+        }
+        record.attributes.push_back({"cn", value, 0});
+    }
+
+    std::string const text = written(record);
+
+    EXPECT_EQ(recordIn(text).dn, record.dn);
+    EXPECT_EQ(textOf(recordIn(text).attributes), textOf(record.attributes));
+    for (std::size_t begin = 0; begin < text.size();) {
+        std::size_t const end = text.find('\n', begin);
+        ASSERT_LE(end - begin, 78U);
+        begin = end + 1;
+    }
+}
+
+TEST(WritingLdif, RefusesNamesThatWouldMeanSomethingElse)
+{
+    for (char const* const name :
+         {"", "c n", "cn:", "cn\nsn", "c\xC3\xA4", "dn", "ChangeType", "control"}) {
+        Record record;
+        record.attributes = {{"cn", "a", 0}, {name, "b", 0}};
+        std::string text = "before";
+
+        EXPECT_THAT(thrownBy([&] { LDAPLdif::append(text, record); }),
+                    IsFault("Ldif.cpp", 152, 2, 0))
+            << name;
+        EXPECT_EQ(text, "before");
+    }
+    for (char const* const oid : {"", "cn", "1.2 true", "1.2\n"}) {
+        Record record;
+        record.type = Type::Delete;
+        record.controls = {{oid, false, {}, 0}};
+        EXPECT_THAT(thrownBy([&] { written(record); }), IsFault("Ldif.cpp", 152, 2, 0)) << oid;
+    }
+    EXPECT_THAT(thrownBy([] {
+                    std::string text;
+                    LDAPLdif::appendLine(text, "a b", "c");
+                }),
+                IsFault("Ldif.cpp", 152, 2, 0, "the name 'a b' cannot be written as LDIF"));
+}
