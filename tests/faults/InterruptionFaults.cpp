@@ -215,7 +215,7 @@ public:
         Target where = m_where;
         where.toolPrefix = {"/bin/sh", "-c",
                             "\"$@\" & tool=$!; while kill -STOP $tool 2>/dev/null; do "
-                            "kill -CONT $tool; sleep 0.004; done; wait $tool",
+                            "kill -CONT $tool 2>/dev/null; sleep 0.004; done; wait $tool",
                             "sh"};
         return where;
     }

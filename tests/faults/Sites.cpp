@@ -51,7 +51,8 @@ FaultyServer::Script serveUntil(Step step, Answer const& answer)
                 return;
             }
             std::vector<std::string> const replies = repliesTo(request);
-            if (stepOf(request) == step) {
+            // A connection that was opened in vain may be used after the mending.
+            if (stepOf(request) == step && !peer.isMended()) {
                 answer(peer, replies, request);
                 return;
             }

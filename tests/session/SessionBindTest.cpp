@@ -37,6 +37,15 @@ using Received = Session::Received;
 
 constexpr char userDn[] = "uid=user,dc=corp,dc=test";
 
+/// @param password  must outlive the bind
+SessionOptions optionsOfUser(unsigned int port, std::string const& password)
+{
+    SessionOptions options = plainOptions(port);
+    options.bindDn = userDn;
+    options.password = &password;
+    return options;
+}
+
 /// Answers each bind with the number of its attempt as result code, from 0.
 ScriptedServer::Script counting()
 {
@@ -187,11 +196,7 @@ TEST(RefusedBind, ThatRepeatsThePasswordIsNotQuoted)
             peer.send(bindResponse(messageIdOf(peer.receiveMessage()), reply));
             peer.receiveUntilClosed();
         });
-        SessionOptions options = plainOptions(server.port());
-        options.bindDn = userDn;
-        options.password = &password;
-
-        Session session(options);
+        Session session(optionsOfUser(server.port(), password));
 
         EXPECT_THAT(shown(session.reach(Step::identify, soon())),
                     AllOf(StartsWith("Refused 49 "), EndsWith("Invalid credentials (49)")));
@@ -206,11 +211,7 @@ TEST(NoticeOfDisconnection, InPlaceOfABindResponseIsNotQuoted)
         peer.send(noticeOfDisconnection("too many binds with " + password));
         peer.receiveUntilClosed();
     });
-    SessionOptions options = plainOptions(server.port());
-    options.bindDn = userDn;
-    options.password = &password;
-
-    Session session(options);
+    Session session(optionsOfUser(server.port(), password));
 
     EXPECT_THAT(shown(session.reach(Step::identify, soon())),
                 AllOf(StartsWith("TryLater -1 "), HasSubstr("Server is unavailable (52)"),
