@@ -136,7 +136,7 @@ class LmtpSink(socketserver.ThreadingUnixStreamServer):
 
 
 def connections_to(ports, process):
-    """How many connections to these ports a process has, or is opening."""
+    """The connections to these ports that a process has, or is opening."""
     folder = f"/proc/{process}/fd"
     sockets = set()
     for name in os.listdir(folder):
@@ -146,9 +146,11 @@ def connections_to(ports, process):
             pass  # closed meanwhile
     with open("/proc/net/tcp", encoding="ascii") as table:
         rows = [row.split() for row in list(table)[1:]]
-    return sum(
-        int(row[2].split(":")[1], 16) in ports and f"socket:[{row[9]}]" in sockets for row in rows
-    )
+    return {
+        row[9]
+        for row in rows
+        if int(row[2].split(":")[1], 16) in ports and f"socket:[{row[9]}]" in sockets
+    }
 
 
 needs_postfix = unittest.skipIf(
@@ -323,9 +325,12 @@ class Storm(ToolTest):
 
     def watch(self, is_over):
         ports = {int(server.uri.rpartition(":")[2]) for server in self.servers}
+        before = set()
         while not is_over.wait(0.02):
-            count = connections_to(ports, self.service.process.pid)
-            self.most_connections = max(self.most_connections, count)
+            # A look takes time, in which one is closed and another one is opened.
+            now = connections_to(ports, self.service.process.pid)
+            self.most_connections = max(self.most_connections, len(now & before))
+            before = now
 
     def disturb(self, choice, until):
         """Kills and pauses servers, also both at once, and reloads in between."""
