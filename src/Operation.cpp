@@ -1,4 +1,4 @@
-// Controls, and what all operations with one response have in common.
+// Controls, and what all operations have in common.
 #include <solvane/ldap/LDAPOperation.h>
 
 #include <solvane/ldap/impl/LDAPConnectionImpl.h>
@@ -130,15 +130,29 @@ LDAP* LDAPOperationImpl::session() const { return m_connection.impl()->session()
 void LDAPOperationImpl::send()
 {
     Synchronized const lock(m_mutex);
+    begin();
+    dispatch(m_controls);
+}
+
+void LDAPOperationImpl::begin()
+{
     if (m_connection.isNull()) {
         throw fault(at::sendNoConnection, "The LDAP connection is null");
     }
     abandon();
+    forget();
+}
+
+void LDAPOperationImpl::forget()
+{
     m_result = LDAPResult();
     m_responseControls.clear();
     forgetResponse();
+}
 
-    ControlArray controls(m_controls);
+void LDAPOperationImpl::dispatch(std::list<LDAPOperation::Control> const& list)
+{
+    ControlArray controls(list);
     int messageId = 0;
     int const rc =
         session() == nullptr ? LDAP_SERVER_DOWN : request(session(), controls.get(), &messageId);
@@ -151,34 +165,48 @@ void LDAPOperationImpl::send()
     m_isInFlight = true;
 }
 
-bool LDAPOperationImpl::wait(unsigned int timeoutSeconds)
+void LDAPOperationImpl::requireSent() const
 {
-    Synchronized const lock(m_mutex);
     if (!m_isInFlight && m_result.isNull()) {
         // OpenLDAP would wait for messages that answer no request.
         throw fault(at::notInFlight, "The request is not in flight");
     }
-    timeval timeout = timeoutOf(timeoutSeconds);
+}
+
+bool LDAPOperationImpl::wait(unsigned int timeoutSeconds)
+{
+    Synchronized const lock(m_mutex);
+    requireSent();
     while (m_isInFlight) {
         LDAPMessageBuffer message;
-        int const rc = session() == nullptr ? LDAP_SERVER_DOWN
-                                            : ldap_result(session(), id(), LDAP_MSG_ONE, &timeout,
-                                                          message.address());
-        int const error = errno;
-        if (rc == 0) {
+        ber_tag_t const type = receive(timeoutOf(timeoutSeconds), message);
+        if (type == 0) {
             return true;
         }
-        if (rc < 0) {
-            record(at::waitFailedTrace, rc, error);
-            throw failure(m_kind.failed, rc);
-        }
-        ber_tag_t const type = static_cast<ber_tag_t>(rc);
         if (type != LDAP_RES_INTERMEDIATE) { // those are dropped
-            m_isInFlight = false;
-            takeResponse(type, message);
+            complete(type, message);
         }
     }
     return false;
+}
+
+ber_tag_t LDAPOperationImpl::receive(timeval timeout, LDAPMessageBuffer& message)
+{
+    int const rc = session() == nullptr
+                       ? LDAP_SERVER_DOWN
+                       : ldap_result(session(), id(), LDAP_MSG_ONE, &timeout, message.address());
+    int const error = errno;
+    if (rc < 0) {
+        record(at::waitFailedTrace, rc, error);
+        throw failure(m_kind.failed, rc);
+    }
+    return static_cast<ber_tag_t>(rc);
+}
+
+void LDAPOperationImpl::complete(ber_tag_t type, LDAPMessageBuffer& message)
+{
+    m_isInFlight = false;
+    takeResponse(type, message);
 }
 
 /// Keeps the final response.
@@ -227,7 +255,6 @@ void LDAPOperationImpl::cancel()
     abandon();
 }
 
-/// Abandons the request if it is in flight. OpenLDAP then drops its response, even one that has arrived.
 void LDAPOperationImpl::abandon()
 {
     if (!m_isInFlight) {
