@@ -1,7 +1,8 @@
-// BER values by liblber: those of extended operations and of controls.
+// BER values by liblber: those of extended operations and of controls, and search entries.
 #ifndef SOLVANE_LDAP_SRC_BER_CODING_H
 #define SOLVANE_LDAP_SRC_BER_CODING_H
 
+#include <solvane/ldap/LDAPResult.h>
 #include <solvane/ldap/RefCounted.h>
 
 #include "OpenLDAP.h"
@@ -9,6 +10,7 @@
 
 #include <new>
 #include <string>
+#include <utility>
 
 #include <string.h>
 
@@ -129,6 +131,26 @@ private:
     ThrowSite const& m_site;
     char const* m_what;
 };
+
+/// Decodes the content of a search entry (RFC 4511 section 4.5.2), or throws the exception of the site.
+inline LDAPSearchResultEntry entryOf(berval content, ThrowSite const& site, char const* what)
+{
+    BerDecoder fields(content, site, what);
+    LDAPSearchResultEntry entry(fields.octets());
+    BerDecoder attributes(fields.content(LBER_SEQUENCE), site, what);
+    fields.end();
+    while (!attributes.isAtEnd()) {
+        BerDecoder parts(attributes.content(LBER_SEQUENCE), site, what);
+        LDAPAttribute attribute{LDAPAttributeType(parts.octets())};
+        BerDecoder values(parts.content(LBER_SET), site, what);
+        parts.end();
+        while (!values.isAtEnd()) {
+            attribute.value(values.octets());
+        }
+        entry.appendAttribute(std::move(attribute));
+    }
+    return entry;
+}
 
 } // namespace Solvane
 

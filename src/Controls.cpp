@@ -41,10 +41,11 @@ LDAPOperation::Control const* find(std::list<LDAPOperation::Control> const& cont
     return nullptr;
 }
 
-/// Decodes a response control.
+constexpr char decoded[] = "response control";
+
 class ControlDecoder : public BerDecoder {
 public:
-    explicit ControlDecoder(berval bytes) : BerDecoder(bytes, at::malformed, "response control") {}
+    explicit ControlDecoder(berval bytes) : BerDecoder(bytes, at::malformed, decoded) {}
 };
 
 /// The content of a value that is one element with this tag. The control must outlive it.
@@ -67,18 +68,6 @@ LDAPOperation::Control readControl(char const* oid, std::list<std::string> const
     return LDAPOperation::Control(oid, critical, value.put("}").bytes());
 }
 
-LDAPAttribute attributeOf(berval bytes)
-{
-    ControlDecoder fields(bytes);
-    LDAPAttribute attribute{LDAPAttributeType(fields.octets())};
-    ControlDecoder values(fields.content(LBER_SET));
-    fields.end();
-    while (!values.isAtEnd()) {
-        attribute.value(values.octets());
-    }
-    return attribute;
-}
-
 /// Decodes the entry of a control (RFC 4511 section 4.5.2).
 bool readEntry(std::list<LDAPOperation::Control> const& controls, char const* oid,
                LDAPSearchResultEntry& entry)
@@ -87,14 +76,7 @@ bool readEntry(std::list<LDAPOperation::Control> const& controls, char const* oi
     if (control == nullptr) {
         return false;
     }
-    ControlDecoder fields(contentOf(*control, LDAP_RES_SEARCH_ENTRY));
-    LDAPSearchResultEntry found(fields.octets());
-    ControlDecoder attributes(fields.content(LBER_SEQUENCE));
-    fields.end();
-    while (!attributes.isAtEnd()) {
-        found.appendAttribute(attributeOf(attributes.content(LBER_SEQUENCE)));
-    }
-    entry = found;
+    entry = entryOf(contentOf(*control, LDAP_RES_SEARCH_ENTRY), at::malformed, decoded);
     return true;
 }
 

@@ -1,4 +1,4 @@
-// Controls, and what all operations with one response have in common.
+// Controls, and what all operations have in common.
 #include <solvane/ldap/LDAPOperation.h>
 
 #include <solvane/ldap/impl/LDAPConnectionImpl.h>
@@ -130,14 +130,31 @@ LDAP* LDAPOperationImpl::session() const { return m_connection.impl()->session()
 void LDAPOperationImpl::send()
 {
     Synchronized const lock(m_mutex);
+    begin();
+    dispatch(m_controls);
+}
+
+void LDAPOperationImpl::begin()
+{
     if (m_connection.isNull()) {
         throw fault(at::sendNoConnection, "The LDAP connection is null");
     }
     abandon();
     id(0);
-    forgetAll();
+    forget();
+}
 
-    ControlArray controls(m_controls);
+/// Drops the response of an earlier `send`, or what was decoded of a malformed one.
+void LDAPOperationImpl::forget()
+{
+    m_result = LDAPResult();
+    m_responseControls.clear();
+    forgetResponse();
+}
+
+void LDAPOperationImpl::dispatch(std::list<LDAPOperation::Control> const& list)
+{
+    ControlArray controls(list);
     int messageId = 0;
     int const rc =
         session() == nullptr ? LDAP_SERVER_DOWN : request(session(), controls.get(), &messageId);
@@ -150,34 +167,48 @@ void LDAPOperationImpl::send()
     m_isInFlight = true;
 }
 
-bool LDAPOperationImpl::wait(unsigned int timeoutSeconds)
+void LDAPOperationImpl::requireSent() const
 {
-    Synchronized const lock(m_mutex);
     if (!m_isInFlight && m_result.isNull()) {
         // OpenLDAP would wait for messages that answer no request.
         throw fault(at::notInFlight, "The request is not in flight");
     }
-    timeval timeout = timeoutOf(timeoutSeconds);
+}
+
+bool LDAPOperationImpl::wait(unsigned int timeoutSeconds)
+{
+    Synchronized const lock(m_mutex);
+    requireSent();
     while (m_isInFlight) {
         LDAPMessageBuffer message;
-        int const rc = session() == nullptr ? LDAP_SERVER_DOWN
-                                            : ldap_result(session(), id(), LDAP_MSG_ONE, &timeout,
-                                                          message.address());
-        int const error = errno;
-        if (rc == 0) {
+        ber_tag_t const type = receive(timeoutOf(timeoutSeconds), message);
+        if (type == 0) {
             return true;
         }
-        if (rc < 0) {
-            record(at::waitFailedTrace, rc, error);
-            throw failure(m_kind.failed, rc);
-        }
-        ber_tag_t const type = static_cast<ber_tag_t>(rc);
         if (type != LDAP_RES_INTERMEDIATE) { // those are dropped
-            m_isInFlight = false;
-            takeResponse(type, message);
+            complete(type, message);
         }
     }
     return false;
+}
+
+ber_tag_t LDAPOperationImpl::receive(timeval timeout, LDAPMessageBuffer& message)
+{
+    int const rc = session() == nullptr
+                       ? LDAP_SERVER_DOWN
+                       : ldap_result(session(), id(), LDAP_MSG_ONE, &timeout, message.address());
+    int const error = errno;
+    if (rc < 0) {
+        record(at::waitFailedTrace, rc, error);
+        throw failure(m_kind.failed, rc);
+    }
+    return static_cast<ber_tag_t>(rc);
+}
+
+void LDAPOperationImpl::complete(ber_tag_t type, LDAPMessageBuffer& message)
+{
+    m_isInFlight = false;
+    takeResponse(type, message);
 }
 
 /// Keeps the final response.
@@ -197,18 +228,10 @@ void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
         m_result.impl()->parseMessage(message);
     } catch (...) {
         if (m_result.isNull() || m_result.resultCode() == LDAP_SUCCESS) {
-            forgetAll(); // not decoded: it must not pass for a success
+            forget(); // not decoded: it must not pass for a success
         }
         throw;
     }
-}
-
-/// Drops the response of an earlier `send`, or what was decoded of a malformed one.
-void LDAPOperationImpl::forgetAll()
-{
-    m_result = LDAPResult();
-    m_responseControls.clear();
-    forgetResponse();
 }
 
 void LDAPOperationImpl::readControls(LDAPMessage* message)
@@ -234,7 +257,6 @@ void LDAPOperationImpl::cancel()
     abandon();
 }
 
-/// Abandons the request if it is in flight. OpenLDAP then drops its response, even one that has arrived.
 void LDAPOperationImpl::abandon()
 {
     if (!m_isInFlight) {

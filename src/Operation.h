@@ -1,5 +1,5 @@
-// The body of requests with one response: what delete, compare, rename, modify, the binary add and
-// extended operations have in common.
+// The body of operations: what delete, compare, rename, modify, the binary add, extended operations and
+// streamed searches have in common.
 #ifndef SOLVANE_LDAP_SRC_OPERATION_H
 #define SOLVANE_LDAP_SRC_OPERATION_H
 
@@ -48,8 +48,8 @@ struct OperationKind {
     ber_tag_t response;
 };
 
-/// The body of a request with one response. Derived classes hold the contents of the request, and send
-/// it with one call of OpenLDAP.
+/// The body of a request with one response, unless a derived class takes what comes before it. Derived
+/// classes hold the contents of the request, and send it with one call of OpenLDAP.
 class LDAPOperationImpl : public LDAPRequestImpl {
 public:
     ~LDAPOperationImpl() override;
@@ -69,6 +69,28 @@ protected:
 
     std::string& subject() { return m_subject; }
 
+    // The steps of sending and waiting, for operations that repeat them. The caller holds the mutex.
+
+    /// Abandons the request in flight, if any, and drops the last response.
+    /// @throws LDAPException  the connection is a null handle
+    void begin();
+    /// Sends the request with these controls.
+    void dispatch(std::list<LDAPOperation::Control> const& controls);
+    bool isInFlight() const { return m_isInFlight; }
+    /// @throws LDAPException  the request is neither in flight nor complete
+    void requireSent() const;
+    /// Takes the next message of the request. Returns its type; 0: none arrived in time.
+    ber_tag_t receive(timeval timeout, LDAPMessageBuffer& message);
+    /// Takes the final response. The request is no longer in flight, whatever is thrown.
+    void complete(ber_tag_t type, LDAPMessageBuffer& message);
+    /// Abandons the request if it is in flight. OpenLDAP then drops its responses, even those that have
+    /// arrived.
+    void abandon();
+    /// The request is no longer in flight: the connection broke.
+    void lose() { m_isInFlight = false; }
+    /// Drops the response, as before the first `send`.
+    void forget();
+
 private:
     /// Calls OpenLDAP with the request. Returns its result code.
     /// @throws LDAPException  the request is invalid
@@ -79,10 +101,8 @@ private:
     virtual void forgetResponse();
 
     LDAP* session() const;
-    void abandon();
     void record(TraceSite const& site, int rc, int error);
     LDAPException failure(ThrowSite const& site, int rc) const;
-    void forgetAll();
     void takeResponse(ber_tag_t type, LDAPMessageBuffer& message);
     void readControls(LDAPMessage* message);
 

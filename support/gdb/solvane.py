@@ -318,7 +318,7 @@ PRINTERS = {
     "LDAPConnection": Connection,
     "LDAPConnection::RefServer": RefServer,
     "(LDAPRequest|LDAPSearch|LDAPAdd|LDAPOperation)": Request,
-    "LDAP(BinaryAdd|Compare|Delete|Extended|Modify|Rename)": Request,
+    "LDAP(BinaryAdd|Compare|Delete|Extended|Modify|Rename|SearchStream)": Request,
     "(LDAP)?Exception": Failure,
     "(LDAPConnectionImpl|_LDAPQuery|LDAPLookup::Settings)": WithCredential,
 }

@@ -1,5 +1,5 @@
-// The code of the guide's pages on changes, TLS, identities, passwords, event loops and Kerberos, run
-// against a real directory, and of the page on values.
+// The code of the guide's pages on searches, changes, TLS, identities, passwords, event loops and Kerberos,
+// run against a real directory, and of the page on values.
 #include "Kdc.h"
 #include "Process.h"
 #include "ProcessMemory.h"
@@ -17,15 +17,19 @@
 
 #include <chrono>
 #include <cstddef>
+#include <ctime>
 #include <functional>
+#include <iostream>
 #include <istream>
 #include <list>
 #include <map>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <sstream>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <ldap.h>
 #include <poll.h>
@@ -98,6 +102,48 @@ protected:
                                          LDAPConnection::V3, isSecure, 10, false, false);
     }
 };
+
+// searching.md
+
+TEST_F(TheGuidesCode, Searches)
+{
+    LDAPConnection connection(server(false), true);
+    LDAPSearch search(connection, mailOf("user0000001"));
+    search.send();
+
+    EXPECT_TRUE(finishBy(search, time(nullptr) + 10));
+
+    LDAPResult const result = answerOf(connection, mailOf("user0000001"));
+    ASSERT_EQ(result.searchResultEntries().size(), 1U);
+    LDAPSearchResultEntry const& found = result.searchResultEntries().front();
+    EXPECT_EQ(found.entryName(), search.result().searchResultEntries().front().entryName());
+    EXPECT_THAT(attributeOf(found, LDAPAttributeType("MAIL")).value(), testing::ElementsAre(anna));
+    EXPECT_TRUE(attributeOf(found, LDAPAttributeType("sn")).isNull());
+    testing::internal::CaptureStdout();
+    print(found);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(),
+                testing::HasSubstr(std::string("mail: ") + anna));
+    EXPECT_EQ(foundTogether(connection, {"(uid=user0000001)", "(uid=nobody)", "(uid=user0000002)"}),
+              2U);
+}
+
+TEST_F(TheGuidesCode, SearchesInAStream)
+{
+    LDAPConnection connection(server(false), true);
+    std::vector<std::string> names;
+    auto const noteUpTo = [&names](std::size_t most) {
+        return [&names, most](LDAPSearchResultEntry const& entry) {
+            names.push_back(entry.entryName());
+            return names.size() != most;
+        };
+    };
+
+    EXPECT_EQ(forEachUser(connection, noteUpTo(1000)), 20U);
+    EXPECT_EQ(names.size(), 20U);
+    EXPECT_EQ(names.front(), annasDn);
+    names.clear();
+    EXPECT_EQ(forEachUser(connection, noteUpTo(3)), 3U);
+}
 
 // changing.md
 

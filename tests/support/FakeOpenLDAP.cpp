@@ -376,7 +376,7 @@ int __wrap_ldap_search_ext(LDAP* session, char const* base, int scope, char cons
                            LDAPControl** client, timeval* timeout, int sizeLimit, int* id)
 {
     record("ldap_search_ext", named(session), base, scope, filter, shownArray(attributes),
-           attrsOnly, named(server), named(client), shown(timeout), sizeLimit);
+           attrsOnly, shownArray(server), shownArray(client), shown(timeout), sizeLimit);
     return RUN(ldap_search_ext, session, base, scope, filter, attributes, attrsOnly, server, client,
                timeout, sizeLimit, id);
 }

@@ -12,7 +12,7 @@
 
 namespace Solvane {
 
-/// Base of delete, compare, rename, modify, the binary add and extended operations.
+/// Base of delete, compare, rename, modify, the binary add, extended operations and streamed searches.
 ///
 /// `send`, `wait`, `result` and `cancel` are those of `LDAPRequest`, and differ from a search's and an
 /// add's in the following:
