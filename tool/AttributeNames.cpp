@@ -1,4 +1,4 @@
-// Collects names in filters, parses definitions of attribute types, compares names.
+// Collects names in filters, reads schemas, compares names.
 #include "AttributeNames.h"
 
 #include "OpenLDAP.h"
@@ -8,10 +8,7 @@
 #include <solvane/ldap/LDAPFilter.h>
 #include <solvart/StringHelpers.h>
 
-#include <ldap_schema.h>
-
 #include <algorithm>
-#include <memory>
 #include <numeric>
 
 namespace Solvane::Tool {
@@ -73,43 +70,24 @@ std::string attributeNameOf(std::string const& selector)
     return selector.substr(0, selector.find(';'));
 }
 
-void AttributeNames::add(std::string const& definition)
-{
-    int code = 0;
-    char const* position = nullptr;
-    std::unique_ptr<ldap_attributetype, void (*)(ldap_attributetype*)> const parsed(
-        ldap_str2attributetype(definition.c_str(), &code, &position, LDAP_SCHEMA_ALLOW_ALL),
-        ldap_attributetype_free);
-    if (!parsed) {
-        return;
-    }
-    if (parsed->at_oid != nullptr) {
-        m_lower.insert(lower(parsed->at_oid));
-    }
-    for (char** name = parsed->at_names; name != nullptr && *name != nullptr; ++name) {
-        m_lower.insert(lower(*name));
-        m_names.emplace_back(*name);
-    }
-}
-
-bool AttributeNames::has(std::string const& name) const { return m_lower.count(lower(name)) != 0; }
-
-std::string AttributeNames::similarTo(std::string const& name) const
+std::string similarAttribute(LDAPSchema const& schema, std::string const& name)
 {
     std::size_t nearest = std::clamp<std::size_t>(name.size() / 3, 1, 2) + 1;
     std::string found;
-    for (std::string const& candidate : m_names) {
-        std::size_t const difference = distance(lower(name), lower(candidate));
-        if (difference < nearest) {
-            nearest = difference;
-            found = candidate;
+    for (LDAPSchema::AttributeType const& type : schema.attributeTypes()) {
+        for (std::string const& candidate : type.names) {
+            std::size_t const difference = distance(lower(name), lower(candidate));
+            if (difference < nearest) {
+                nearest = difference;
+                found = candidate;
+            }
         }
     }
     return found;
 }
 
-AttributeNames schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
-                        Lookup::Clock::time_point deadline)
+LDAPSchema schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
+                    Lookup::Clock::time_point deadline)
 {
     auto const read = [&](std::string const& base, char const* attribute, char const* filter) {
         Lookup::SearchRequest request;
@@ -118,20 +96,14 @@ AttributeNames schemaOf(Lookup::Session& session, std::chrono::milliseconds sile
         request.attributes = {attribute};
         return searchOn(session, request, filter, silence, deadline).entries;
     };
-    AttributeNames names;
     auto const root = read(std::string(), "subschemaSubentry", "(objectClass=*)");
     auto const places =
         root.empty() ? std::vector<std::string>() : valuesOf(root.front(), "subschemaSubentry");
     if (places.empty()) {
-        return names;
+        return {};
     }
-    for (LDAPSearchResultEntry const& entry :
-         read(places.front(), "attributeTypes", "(objectClass=subschema)")) {
-        for (std::string const& definition : valuesOf(entry, "attributeTypes")) {
-            names.add(definition);
-        }
-    }
-    return names;
+    auto const entries = read(places.front(), "attributeTypes", "(objectClass=subschema)");
+    return entries.empty() ? LDAPSchema() : LDAPSchema(entries.front());
 }
 
 std::vector<std::string> valuesOf(LDAPSearchResultEntry const& entry, std::string const& name)

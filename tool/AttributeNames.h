@@ -5,9 +5,9 @@
 #include <solvane/session/Session.h>
 
 #include <solvane/ldap/LDAPResult.h>
+#include <solvane/ldap/LDAPSchema.h>
 
 #include <chrono>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -20,27 +20,14 @@ std::vector<std::string> attributesInFilter(std::string const& filter);
 /// Without its options; empty for what only stands for attributes, such as "*", "+" and "@person".
 std::string attributeNameOf(std::string const& selector);
 
-/// The attribute types of a schema. Case is ignored.
-class AttributeNames {
-public:
-    /// Adds the names and the OID of a definition (RFC 4512 section 4.1.2); ignores an invalid one.
-    void add(std::string const& definition);
+/// The name in the schema that was probably meant; empty if none is similar. Case is ignored.
+std::string similarAttribute(LDAPSchema const& schema, std::string const& name);
 
-    bool isEmpty() const { return m_names.empty(); }
-    bool has(std::string const& name) const;
-    /// The name that was probably meant; empty if none is similar.
-    std::string similarTo(std::string const& name) const;
-
-private:
-    std::set<std::string> m_lower; ///< in lower case
-    std::vector<std::string> m_names;
-};
-
-/// The attributes of a server's schema (RFC 4512 section 4.2); none if it is not readable.
+/// A server's schema (RFC 4512 section 4.2); empty if it is not readable.
 /// @param session   a bound one
 /// @param silence   longest time without a byte from the server
 /// @param deadline  for each of the two searches
-AttributeNames schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
+LDAPSchema schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
                         Lookup::Clock::time_point deadline);
 
 /// The values of an attribute; empty if the entry lacks it.

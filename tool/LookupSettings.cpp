@@ -100,10 +100,10 @@ void tellDoubts(Lookup::Session& session, Draft const& draft, LDAPLookup::Settin
                              settings.base));
         }
     }
-    AttributeNames const known = schemaOf(session, silence, deadline);
+    LDAPSchema const known = schemaOf(session, silence, deadline);
     for (std::string const& name : attributesOf(draft)) {
-        if (!known.isEmpty() && !known.has(name)) {
-            std::string const similar = known.similarTo(name);
+        if (!known.attributeTypes().empty() && known.find(name) == nullptr) {
+            std::string const similar = similarAttribute(known, name);
             tell(fmt::format("the server does not know the attribute '{}'{}", name,
                              similar.empty() ? "" : fmt::format(" (similar: '{}')", similar)));
         }

@@ -442,17 +442,17 @@ bool ServerCheck::checkSchema()
         return true;
     }
     Stopwatch const watch;
-    AttributeNames const known = schemaOf(*m_session, silence(), deadline());
+    LDAPSchema const known = schemaOf(*m_session, silence(), deadline());
     std::string unknown;
     for (std::string const& name : m_probe.attributes) {
-        if (known.has(name)) {
+        if (known.find(name) != nullptr) {
             continue;
         }
-        std::string const similar = known.similarTo(name);
+        std::string const similar = similarAttribute(known, name);
         unknown += fmt::format("{}'{}'{}", unknown.empty() ? "" : ", ", name,
                                similar.empty() ? "" : fmt::format(" (similar: '{}')", similar));
     }
-    if (known.isEmpty()) {
+    if (known.attributeTypes().empty()) {
         m_report.skipped(m_step, "not readable");
     } else if (!unknown.empty()) {
         m_report.warned(m_step, "the server does not know the attribute " + unknown,

@@ -24,6 +24,8 @@
 #include <solvane/ldap/LDAPRename.h>
 #include <solvane/ldap/LDAPRequest.h>
 #include <solvane/ldap/LDAPResult.h>
+#include <solvane/ldap/LDAPResultCodes.h>
+#include <solvane/ldap/LDAPSchema.h>
 #include <solvane/ldap/LDAPSearchStream.h>
 #include <solvane/ldap/LDAPUtil.h>
 #include <solvane/ldap/RefCounted.h>

@@ -1,6 +1,7 @@
 // The table of result codes and outcomes.
 #include <solvane/session/ResultCodes.h>
 
+#include <solvane/ldap/LDAPResultCodes.h>
 #include <solvane/session/PlainText.h>
 
 #include "OpenLDAP.h"
@@ -106,7 +107,7 @@ bool speaksOfProcess(int code) { return code == LDAP_LOCAL_ERROR || code == LDAP
 
 std::string wordsFor(int code, std::string const& serverText)
 {
-    std::string words = std::string(ldap_err2string(code)) + " (" + std::to_string(code) + ')';
+    std::string words = LDAPResultCodes::text(code);
     if (!serverText.empty() && serverText != ldap_err2string(code)) {
         words += ": " + oneLine(serverText);
     }

@@ -232,6 +232,26 @@ TEST(TheGuidesValues, AreRecords)
     EXPECT_EQ(errors.str(), "line 5: invalid base64; correct the value\n");
 }
 
+TEST_F(TheGuidesCode, DoubtsAttributesThatTheServerDoesNotKnow)
+{
+    LDAPConnection const connection(server(false), true);
+
+    EXPECT_EQ(doubtAbout(connection, "mail"), "");
+    EXPECT_EQ(doubtAbout(connection, "2.5.4.3"), "");
+    EXPECT_THAT(doubtAbout(connection, "maill"), testing::HasSubstr("nothing will be found"));
+    EXPECT_THAT(doubtAbout(connection, "jpegPhoto"), testing::HasSubstr("cannot compare"));
+}
+
+TEST_F(TheGuidesCode, ExplainsAResult)
+{
+    LDAPConnection connection(server(false), true);
+    LDAPDelete request(connection, "cn=nothing,dc=corp,dc=test");
+    request.send();
+    ASSERT_FALSE(request.wait(10));
+
+    EXPECT_THAT(explain(request.result()), testing::MatchesRegex("[a-zA-Z]+: [A-Z].+[.]"));
+}
+
 // passwords.md
 
 TEST_F(TheGuidesCode, DecidesOnALogin)
