@@ -64,6 +64,13 @@ SEEDS = {
         "empty": b";a\0;",
         "options": b"userCertificate;binary; lang-fr\0x-opt",
     },
+    "controls": {
+        "entry": b"\x03d\x1e\x04\x04cn=a0\x160\x09\x04\x02cn1\x03\x04\x01a0\x09\x04\x02sn1\x03\x04\x01b",
+        "page": b"\x000\x09\x02\x01\x64\x04\x04\0abc",
+        "policy": b"\x020\x08\xa0\x03\x80\x01\x3c\x81\x01\x02",
+        "policy_logins": b"\x020\x05\xa0\x03\x81\x01\x05",
+        "sort": b"\x010\x07\x0a\x01\x10\x80\x02cn",
+    },
     "dn": {
         "encoded": b"1.3.6.1.4.1.1466.0=#04024869,cn=",
         "escapes": b'CN=James \\"Jim\\" Smith\\, III\\0d\\ ,DC=\xc3\xa4',
@@ -150,6 +157,13 @@ SEEDS = {
             b"  b\nuserPassword: x\n\n\ndn: cn=b\ncn\n\ndn: cn=c\njpegPhoto:< file:///x\n"
         ),
         "large": b"dn: cn=a\ncn: " + b"x" * 300 + b"\ncn: y\n\ndn: cn=b\n",
+    },
+    "schema": {
+        "mail": (
+            b"( 0.9.2342.19200300.100.1.3 NAME ( 'mail' 'rfc822Mailbox' ) DESC 'x' EQUALITY "
+            b"caseIgnoreIA5Match SYNTAX 1.3.6.1.4.1.1466.115.121.1.26{256} )"
+        ),
+        "usage": b"( 2.5.18.1 NAME 'a' SUP a OBSOLETE SINGLE-VALUE NO-USER-MODIFICATION USAGE dSAOperation )",
     },
     "settings": {
         "unknown": b"nonsense = 1\n",

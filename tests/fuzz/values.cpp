@@ -1,4 +1,4 @@
-// Targets of the values: DNs, filters and LDIF. FUZZ_TARGET chooses the one of a program.
+// Targets of the values: DNs, filters, LDIF and schemas. FUZZ_TARGET chooses the one of a program.
 #include "Target.h"
 
 #include <solvane/ldap.h>
@@ -345,6 +345,25 @@ void fuzz_ldif_records(std::uint8_t const* data, std::size_t size)
     for (Record const& record : readingOf(text, 5, small).records) {
         require(record.dn.size() <= small.maxBytes, "a record is not larger than allowed");
     }
+}
+
+/// Definitions of attribute types: found by their names and OID.
+void fuzz_schema(std::uint8_t const* data, std::size_t size)
+{
+    std::string const definition = textOf(data, size);
+    LDAPSchema schema;
+    if (!resultOf([&] { return schema.add(definition), true; })) {
+        require(schema.attributeTypes().empty(), "nothing is kept of what is malformed");
+        return;
+    }
+    LDAPSchema::AttributeType const& type = schema.attributeTypes().at(0);
+    require(type.oid.find(';') != std::string::npos || schema.find(type.oid) == &type,
+            "a type is found by its OID");
+    for (std::string const& name : type.names) {
+        require(name.find(';') != std::string::npos || schema.find(name) == &type,
+                "a type is found by its names");
+    }
+    schema.resolved(type);
 }
 
 /// Lines of LDIF: read as OpenLDAP reads them.
