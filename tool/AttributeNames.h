@@ -28,7 +28,7 @@ std::string similarAttribute(LDAPSchema const& schema, std::string const& name);
 /// @param silence   longest time without a byte from the server
 /// @param deadline  for each of the two searches
 LDAPSchema schemaOf(Lookup::Session& session, std::chrono::milliseconds silence,
-                        Lookup::Clock::time_point deadline);
+                    Lookup::Clock::time_point deadline);
 
 /// The values of an attribute; empty if the entry lacks it.
 std::vector<std::string> valuesOf(LDAPSearchResultEntry const& entry, std::string const& name);
