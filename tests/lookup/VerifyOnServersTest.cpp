@@ -375,6 +375,8 @@ protected:
         m_password += "pw-";
         m_password += "user0000001";
     }
+    // Freed memory may keep it, where the next test would find it.
+    ~VerifiedPasswordInMemory() override { explicit_bzero(&m_password[0], m_password.size()); }
 
     static LDAPLookup::Settings settings(bool isSecure)
     {
