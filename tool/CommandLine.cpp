@@ -139,10 +139,12 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     AddCommand add;
     CheckCommand check;
     VerifyCommand verify;
+    CompareCommand compare;
+    WhoAmICommand whoAmI;
     ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 7> const commands = {&expand, &lookup, &verify, &add,
-                                              &check,  &import, &status};
+    std::array<Command*, 9> const commands = {&expand, &lookup, &verify, &add,   &compare,
+                                              &whoAmI, &check,  &import, &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

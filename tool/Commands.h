@@ -82,6 +82,19 @@ private:
     bool m_isForNagios = false;
 };
 
+/// "compare": whether an entry has a value.
+class CompareCommand final : public Command {
+public:
+    char const* name() const override { return "compare"; }
+    char const* description() const override { return "Ask whether an entry has a value"; }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    std::string m_dn;
+    std::string m_assertion; ///< attribute:value or attribute::base64
+};
+
 /// "expand": what filter a template makes of an address, and what is wrong with the template, without
 /// any network.
 class ExpandCommand final : public Command {
@@ -183,6 +196,18 @@ private:
     std::string m_key;
     std::optional<std::string> m_file; ///< with the user's password
     std::optional<int> m_descriptor;   ///< likewise
+};
+
+/// "whoami": the identity that a server sees.
+class WhoAmICommand final : public Command {
+public:
+    char const* name() const override { return "whoami"; }
+    char const* description() const override
+    {
+        return "Print the identity that the server sees after the bind";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 };
 
 /// Runs the tool.
