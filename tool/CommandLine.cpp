@@ -140,11 +140,12 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     CheckCommand check;
     VerifyCommand verify;
     CompareCommand compare;
+    PasswdCommand passwd;
     WhoAmICommand whoAmI;
     ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 9> const commands = {&expand, &lookup, &verify, &add,   &compare,
-                                              &whoAmI, &check,  &import, &status};
+    std::array<Command*, 10> const commands = {&expand, &lookup, &verify, &add,    &compare,
+                                               &passwd, &whoAmI, &check,  &import, &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

@@ -161,6 +161,37 @@ private:
     bool m_goesOn = false;                ///< asked for, and done anyway
 };
 
+/// "passwd": a new password for a user.
+class PasswdCommand final : public Command {
+public:
+    char const* name() const override { return "passwd"; }
+    char const* description() const override { return "Change the password of a user"; }
+    void declareOn(CLI::App& app) override;
+    bool sendsPassword() const override { return true; }
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    /// Where a password comes from.
+    struct Source {
+        bool asks = false;               ///< at the terminal
+        std::optional<std::string> file; ///< else from this file
+        std::optional<int> descriptor;   ///< else from this descriptor
+
+        bool isGiven() const { return asks || file || descriptor; }
+        bool isPrompted() const { return !file && !descriptor; }
+        void declareOn(CLI::App& app, char const* letterOfPrompt, char const* letterOfFile,
+                       std::string const& which);
+        void read(Secret& password, std::string const& user) const;
+    };
+
+    void check(CommonOptions const& common, bool isBound) const;
+
+    std::string m_user; ///< empty: the identity of the bind
+    Source m_new;
+    Source m_old;
+    bool m_generates = false;
+};
+
 /// "status": the statistics of a running service.
 class StatusCommand final : public Command {
 public:

@@ -359,6 +359,7 @@ COMMANDS = [
     "verify",
     "add",
     "compare",
+    "passwd",
     "whoami",
     "check",
     "import",
