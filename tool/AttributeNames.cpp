@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <memory>
 #include <numeric>
+#include <sstream>
 
 namespace Solvane::Tool {
 
@@ -83,16 +84,45 @@ void AttributeNames::add(std::string const& definition)
     if (!parsed) {
         return;
     }
-    if (parsed->at_oid != nullptr) {
-        m_lower.insert(lower(parsed->at_oid));
+    std::string const oid = parsed->at_oid == nullptr ? "" : lower(parsed->at_oid);
+    if (parsed->at_no_user_mod != 0) {
+        m_servers.insert(oid);
+    }
+    if (!oid.empty()) {
+        m_oids.emplace(oid, oid);
     }
     for (char** name = parsed->at_names; name != nullptr && *name != nullptr; ++name) {
-        m_lower.insert(lower(*name));
+        m_oids.emplace(lower(*name), oid.empty() ? lower(*name) : oid);
         m_names.emplace_back(*name);
     }
 }
 
-bool AttributeNames::has(std::string const& name) const { return m_lower.count(lower(name)) != 0; }
+bool AttributeNames::has(std::string const& name) const { return m_oids.count(lower(name)) != 0; }
+
+std::string AttributeNames::keyOf(std::string const& description) const
+{
+    std::istringstream parts(lower(description));
+    std::string key;
+    std::getline(parts, key, ';');
+    auto const known = m_oids.find(key);
+    if (known != m_oids.end()) {
+        key = known->second;
+    }
+    std::set<std::string> options;
+    for (std::string option; std::getline(parts, option, ';');) {
+        options.insert(option);
+    }
+    for (std::string const& option : options) {
+        key += ';' + option;
+    }
+    return key;
+}
+
+bool AttributeNames::isServers(std::string const& description) const
+{
+    std::string const key = keyOf(description);
+    return m_servers.count(key.substr(0, key.find(';'))) != 0;
+}
 
 std::string AttributeNames::similarTo(std::string const& name) const
 {

@@ -7,6 +7,7 @@
 #include <solvane/ldap/LDAPResult.h>
 
 #include <chrono>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
@@ -28,11 +29,17 @@ public:
 
     bool isEmpty() const { return m_names.empty(); }
     bool has(std::string const& name) const;
+    /// What is equal for all descriptions of one attribute: its OID, or an unknown name, and its
+    /// options in order.
+    std::string keyOf(std::string const& description) const;
+    /// Whether only the server may change the attribute (NO-USER-MODIFICATION).
+    bool isServers(std::string const& description) const;
     /// The name that was probably meant; empty if none is similar.
     std::string similarTo(std::string const& name) const;
 
 private:
-    std::set<std::string> m_lower; ///< in lower case
+    std::map<std::string, std::string> m_oids; ///< by names and OIDs, in lower case
+    std::set<std::string> m_servers;           ///< OIDs that only the server may change
     std::vector<std::string> m_names;
 };
 

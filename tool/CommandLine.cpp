@@ -137,6 +137,7 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     ExpandCommand expand;
     LookupCommand lookup;
     AddCommand add;
+    ApplyCommand apply;
     CheckCommand check;
     VerifyCommand verify;
     CompareCommand compare;
@@ -144,7 +145,7 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     WhoAmICommand whoAmI;
     ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 10> const commands = {&expand, &lookup, &verify, &add,    &compare,
+    std::array<Command*, 11> const commands = {&expand, &lookup, &verify, &add,    &apply, &compare,
                                                &passwd, &whoAmI, &check,  &import, &status};
 
     CommonOptions common;

@@ -61,6 +61,27 @@ private:
     bool m_onlyShows = false;
 };
 
+/// "apply": the changes of an LDIF file, made in a directory.
+class ApplyCommand final : public Command {
+public:
+    char const* name() const override { return "apply"; }
+    char const* description() const override
+    {
+        return "Apply the changes of an LDIF file; can write a file that undoes them";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    Outcome apply(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
+    Outcome show(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
+
+    std::string m_file = "-";
+    std::string m_undoFile; ///< empty: none
+    bool m_goesOn = false;
+    bool m_onlyShows = false;
+};
+
 /// "check": every step from the settings to an answer, for one server after the other.
 class CheckCommand final : public Command {
 public:

@@ -358,6 +358,7 @@ COMMANDS = [
     "lookup",
     "verify",
     "add",
+    "apply",
     "compare",
     "passwd",
     "whoami",
