@@ -46,6 +46,26 @@ private:
     sigset_t m_mask{};
 };
 
+/// How an owner's password is spoken of.
+struct Wording {
+    char const* prompt;
+    char const* password;
+    char const* descriptorOption;
+    char const* otherSources;
+};
+
+// clang-format off
+constexpr Wording wordings[] = { // in the order of Owner
+    {"Password",                "the password (-W)",   "--password-fd",      "-y FILE or --password-fd N"},
+    {"Password",                "the user's password", "--user-password-fd", "--user-password-file FILE or --user-password-fd N"},
+    {"Old password",            "the old password",    "--old-password-fd",  "-t FILE or --old-password-fd N"},
+    {"New password",            "the new password",    "--new-password-fd",  "-T FILE or --new-password-fd N"},
+    {"Repeat the new password", "the new password",    "--new-password-fd",  "-T FILE or --new-password-fd N"},
+};
+// clang-format on
+
+Wording const& wordingFor(Secret::Owner owner) { return wordings[static_cast<std::size_t>(owner)]; }
+
 volatile std::sig_atomic_t g_caughtSignal = 0;
 
 void remember(int signal) { g_caughtSignal = signal; }
@@ -122,22 +142,19 @@ void Secret::readFile(std::string const& path)
 void Secret::readDescriptor(int descriptor)
 {
     readToEnd(descriptor,
-              fmt::format("descriptor {} ({})", descriptor,
-                          m_owner == Owner::user ? "--user-password-fd" : "--password-fd"));
+              fmt::format("descriptor {} ({})", descriptor, wordingFor(m_owner).descriptorOption));
 }
 
 void Secret::ask(std::string const& name)
 {
     Descriptor const terminal(open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
     if (!terminal.isOpen()) {
-        bool const isUsers = m_owner == Owner::user;
         throw Failure(Outcome::configuration,
-                      isUsers ? "no terminal to ask for the user's password"
-                              : "no terminal to ask for the password (-W)",
-                      isUsers ? "use --user-password-file FILE or --user-password-fd N"
-                              : "use -y FILE or --password-fd N");
+                      fmt::format("no terminal to ask for {}", wordingFor(m_owner).password),
+                      fmt::format("use {}", wordingFor(m_owner).otherSources));
     }
-    std::string const prompt = fmt::format("Password for {}: ", oneLine(name));
+    std::string const prompt =
+        fmt::format("{} for {}: ", wordingFor(m_owner).prompt, oneLine(name));
     while (!askOnce(terminal.get(), prompt)) {
         wipe(m_text);
     }
@@ -215,9 +232,10 @@ void Secret::append(char byte, std::string const& source)
 
 void Secret::finish(std::string const& source)
 {
-    if (m_text.empty() && m_owner == Owner::user) {
-        throw Failure(Outcome::badInput, fmt::format("{} is empty", source),
-                      "give the user's password; an empty one is never sent");
+    if (m_text.empty() && m_owner != Owner::bindDn) {
+        throw Failure(
+            Outcome::badInput, fmt::format("{} is empty", source),
+            fmt::format("give {}; an empty one is never sent", wordingFor(m_owner).password));
     }
     if (m_text.empty()) {
         throw Failure(

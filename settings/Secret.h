@@ -12,8 +12,11 @@ class Secret {
 public:
     /// Whose password it is, for prompts and failures.
     enum class Owner {
-        bindDn, ///< the DN of the options
-        user,   ///< the user whose password is verified
+        bindDn,           ///< the DN of the options
+        user,             ///< the user whose password is verified
+        oldPassword,      ///< the user whose password is changed
+        newPassword,      ///< likewise
+        repeatedPassword, ///< the same, typed again
     };
 
     explicit Secret(Owner owner = Owner::bindDn);

@@ -1,12 +1,15 @@
 // Extended operations.
 #include <solvane/ldap/LDAPExtended.h>
 
+#include <solvane/ldap/impl/LDAPConnectionImpl.h>
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
 #include "BerCoding.h"
 #include "Operation.h"
+#include "SocketGuard.h"
 
 #include <memory>
+#include <optional>
 
 namespace Solvane {
 
@@ -68,6 +71,10 @@ private:
         }
         if (m_isWiped) {
             throw fault(at::sentBefore, "The passwords were wiped when they were sent");
+        }
+        std::optional<SocketGuard::SecretScope> secret;
+        if (m_kind == Value::wiped) {
+            secret.emplace(m_connection.impl()->guard());
         }
         berval value = bytesOf(m_value);
         int const rc = ldap_extended_operation(session, textOf(subject()),

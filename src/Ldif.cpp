@@ -15,7 +15,13 @@
 #include <new>
 #include <utility>
 
+#if __has_include(<ldif.h>)
 #include <ldif.h>
+#else // OpenLDAP 2.4 exports these functions, and installs no header that declares them
+extern "C" char* ldif_put(int form, char const* name, char const* value, ber_len_t length);
+extern "C" std::FILE* ldif_open_url(char const* url);
+#define LDIF_PUT_VALUE 1
+#endif
 
 namespace Solvane {
 

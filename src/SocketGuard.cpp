@@ -8,6 +8,7 @@
 #include <climits>
 
 #include <poll.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -143,8 +144,8 @@ SocketGuard::SocketGuard(std::chrono::milliseconds networkTimeout,
                          unsigned long maximumMessageBytes)
     : m_callback{connected, disconnected, this}, m_networkTimeout(networkTimeout),
       m_maximumMessageBytes(maximumMessageBytes), m_connectsItself(true), m_isBinding(false),
-      m_connectsNoMore(false), m_socket(nullptr), m_process(currentProcess()), m_error(0),
-      m_hasSent(false), m_isInMessage(false), m_emptyReads(0), m_unheeded(0)
+      m_connectsNoMore(false), m_isSecret(false), m_socket(nullptr), m_process(currentProcess()),
+      m_error(0), m_hasSent(false), m_isInMessage(false), m_emptyReads(0), m_unheeded(0)
 {
 }
 
@@ -366,7 +367,11 @@ ber_slen_t SocketGuard::writeMessage(Sockbuf_IO_Desc* layer, void* bytes, ber_le
     }
     MessageScope const scope(guard);
     ber_slen_t const count = LBER_SBIOD_WRITE_NEXT(layer, bytes, length);
-    if (count > 0 || (wouldBlock() && guard.mayBeConnecting())) {
+    bool const isForLater = count <= 0 && wouldBlock() && guard.mayBeConnecting();
+    if (guard.m_isSecret && !isForLater) {
+        explicit_bzero(bytes, count > 0 ? static_cast<std::size_t>(count) : length);
+    }
+    if (count > 0 || isForLater) {
         return count;
     }
     // OpenLDAP would take these errors as "send the rest later".

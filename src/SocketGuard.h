@@ -82,6 +82,17 @@ public:
         BindScope m_bind;
     };
 
+    /// During its lifetime, messages are wiped where OpenLDAP keeps them, as soon as they are written:
+    /// it would free them unwiped after the response.
+    class SecretScope : public NonCopyable {
+    public:
+        explicit SecretScope(SocketGuard& guard) : m_guard(guard) { m_guard.m_isSecret = true; }
+        ~SecretScope() { m_guard.m_isSecret = false; }
+
+    private:
+        SocketGuard& m_guard;
+    };
+
 private:
     class MessageScope;
 
@@ -119,6 +130,7 @@ private:
     bool m_connectsItself; // outside of binds
     bool m_isBinding;
     bool m_connectsNoMore; // not even within a bind
+    bool m_isSecret;       // messages that are written contain a password
     // Of the current connection; a session without referral chasing has one at a time.
     Sockbuf* m_socket;       // null without one
     unsigned long m_process; // that connected, or is to

@@ -1,14 +1,13 @@
 // Sends adds in order and matches the answers to them.
 #include "AddRun.h"
 
+#include "Change.h"
 #include "Files.h"
 #include "OpenLDAP.h"
 #include "Sessions.h"
 
 #include <solvane/ldap/LDAPDistinguishedName.h>
 #include <solvane/ldap/impl/LDAPAdapters.h>
-
-#include <fmt/format.h>
 
 #include <algorithm>
 #include <utility>
@@ -46,22 +45,6 @@ AddReport::Status statusOf(int code)
     default:
         return AddReport::Status::refused;
     }
-}
-
-/// OpenLDAP's text for a result code, and the server's own text if any; without the code itself.
-std::string wordsFor(ResultMessage const& result)
-{
-    if (result.code == LDAP_SUCCESS) {
-        return {};
-    }
-    std::string words = ldap_err2string(result.code);
-    if (!result.text.empty() && result.text != words) {
-        words += ": " + result.text;
-    }
-    if (!result.matched.empty()) {
-        words += fmt::format(", matched DN '{}'", result.matched);
-    }
-    return words + pointersTo(result.referrals);
 }
 
 } // namespace

@@ -10,6 +10,8 @@
 
 #include <algorithm>
 #include <numeric>
+#include <set>
+#include <sstream>
 
 namespace Solvane::Tool {
 
@@ -68,6 +70,25 @@ std::string attributeNameOf(std::string const& selector)
         return {};
     }
     return selector.substr(0, selector.find(';'));
+}
+
+std::string attributeKey(LDAPSchema const& schema, std::string const& description)
+{
+    std::istringstream parts(lower(description));
+    std::string key;
+    std::getline(parts, key, ';');
+    LDAPSchema::AttributeType const* const known = schema.find(key);
+    if (known != nullptr && !known->oid.empty()) {
+        key = lower(known->oid);
+    }
+    std::set<std::string> options;
+    for (std::string option; std::getline(parts, option, ';');) {
+        options.insert(option);
+    }
+    for (std::string const& option : options) {
+        key += ';' + option;
+    }
+    return key;
 }
 
 std::string similarAttribute(LDAPSchema const& schema, std::string const& name)

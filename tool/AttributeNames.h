@@ -20,6 +20,10 @@ std::vector<std::string> attributesInFilter(std::string const& filter);
 /// Without its options; empty for what only stands for attributes, such as "*", "+" and "@person".
 std::string attributeNameOf(std::string const& selector);
 
+/// What is equal for all descriptions of one attribute: its OID, or an unknown name, and its options in
+/// order; in lower case.
+std::string attributeKey(LDAPSchema const& schema, std::string const& description);
+
 /// The name in the schema that was probably meant; empty if none is similar. Case is ignored.
 std::string similarAttribute(LDAPSchema const& schema, std::string const& name);
 

@@ -137,12 +137,16 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     ExpandCommand expand;
     LookupCommand lookup;
     AddCommand add;
+    ApplyCommand apply;
     CheckCommand check;
     VerifyCommand verify;
+    CompareCommand compare;
+    PasswdCommand passwd;
+    WhoAmICommand whoAmI;
     ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 7> const commands = {&expand, &lookup, &verify, &add,
-                                              &check,  &import, &status};
+    std::array<Command*, 11> const commands = {&expand, &lookup, &verify, &add,    &apply, &compare,
+                                               &passwd, &whoAmI, &check,  &import, &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

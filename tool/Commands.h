@@ -61,6 +61,27 @@ private:
     bool m_onlyShows = false;
 };
 
+/// "apply": the changes of an LDIF file, made in a directory.
+class ApplyCommand final : public Command {
+public:
+    char const* name() const override { return "apply"; }
+    char const* description() const override
+    {
+        return "Apply the changes of an LDIF file; can write a file that undoes them";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    Outcome apply(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
+    Outcome show(CommonOptions const& common, Output& output, Diagnostics& diagnostics) const;
+
+    std::string m_file = "-";
+    std::string m_undoFile; ///< empty: none
+    bool m_goesOn = false;
+    bool m_onlyShows = false;
+};
+
 /// "check": every step from the settings to an answer, for one server after the other.
 class CheckCommand final : public Command {
 public:
@@ -80,6 +101,19 @@ private:
     std::string m_probe; ///< key to look up; empty: none
     unsigned int m_repeat = 0;
     bool m_isForNagios = false;
+};
+
+/// "compare": whether an entry has a value.
+class CompareCommand final : public Command {
+public:
+    char const* name() const override { return "compare"; }
+    char const* description() const override { return "Ask whether an entry has a value"; }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    std::string m_dn;
+    std::string m_assertion; ///< attribute:value or attribute::base64
 };
 
 /// "expand": what filter a template makes of an address, and what is wrong with the template, without
@@ -148,6 +182,37 @@ private:
     bool m_goesOn = false;                ///< asked for, and done anyway
 };
 
+/// "passwd": a new password for a user.
+class PasswdCommand final : public Command {
+public:
+    char const* name() const override { return "passwd"; }
+    char const* description() const override { return "Change the password of a user"; }
+    void declareOn(CLI::App& app) override;
+    bool sendsPassword() const override { return true; }
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    /// Where a password comes from.
+    struct Source {
+        bool asks = false;               ///< at the terminal
+        std::optional<std::string> file; ///< else from this file
+        std::optional<int> descriptor;   ///< else from this descriptor
+
+        bool isGiven() const { return asks || file || descriptor; }
+        bool isPrompted() const { return !file && !descriptor; }
+        void declareOn(CLI::App& app, char const* letterOfPrompt, char const* letterOfFile,
+                       std::string const& which);
+        void read(Secret& password, std::string const& user) const;
+    };
+
+    void check(CommonOptions const& common, bool isBound) const;
+
+    std::string m_user; ///< empty: the identity of the bind
+    Source m_new;
+    Source m_old;
+    bool m_generates = false;
+};
+
 /// "status": the statistics of a running service.
 class StatusCommand final : public Command {
 public:
@@ -183,6 +248,18 @@ private:
     std::string m_key;
     std::optional<std::string> m_file; ///< with the user's password
     std::optional<int> m_descriptor;   ///< likewise
+};
+
+/// "whoami": the identity that a server sees.
+class WhoAmICommand final : public Command {
+public:
+    char const* name() const override { return "whoami"; }
+    char const* description() const override
+    {
+        return "Print the identity that the server sees after the bind";
+    }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 };
 
 /// Runs the tool.

@@ -28,8 +28,10 @@ char const* otherTypeOf(LDAPLdifRecord const& record)
 
 } // namespace
 
-LdifReader::LdifReader(std::string const& path)
-    : m_name(path == "-" ? "standard input" : oneLine(path)), m_lines("the LDIF file", path, '\n'),
+LdifReader::LdifReader(std::string const& path) : LdifReader(path, path) {}
+
+LdifReader::LdifReader(std::string const& path, std::string const& name)
+    : m_name(name == "-" ? "standard input" : oneLine(name)), m_lines("the LDIF file", path, '\n'),
       m_reader([this](char* buffer, std::size_t size) { return read(buffer, size); })
 {
 }
@@ -37,19 +39,24 @@ LdifReader::LdifReader(std::string const& path)
 bool LdifReader::next(LdifEntry& entry, AwaitInput const& awaitInput)
 {
     LDAPLdifRecord record;
+    if (!next(record, awaitInput)) {
+        return false;
+    }
+    entry = entryOf(record);
+    return true;
+}
+
+bool LdifReader::next(LDAPLdifRecord& record, AwaitInput const& awaitInput)
+{
     m_awaitInput = &awaitInput;
     try {
-        if (!m_reader.next(record) || m_isStopped) { // if stopped, the record may be incomplete
-            return false;
-        }
+        return m_reader.next(record) && !m_isStopped; // if stopped, the record may be incomplete
     } catch (LDAPException const& fault) {
         if (m_isStopped) {
             return false;
         }
         refuse(record, fault);
     }
-    entry = entryOf(record);
-    return true;
 }
 
 /// The source of the reader: one line at a time, so that a record is complete with the empty line after

@@ -1,4 +1,4 @@
-// LDIF (RFC 2849): reads entries to add, from a file that may be slow.
+// LDIF (RFC 2849): reads entries and changes, from a file that may be slow.
 #ifndef SOLVANE_TOOL_LDIF_H
 #define SOLVANE_TOOL_LDIF_H
 
@@ -37,13 +37,15 @@ private:
     LdifEntry m_entry;
 };
 
-/// Reads content records, and change records of type add. Values from URLs and included files are
+/// Reads entries: content records, and change records of type add; or records of any kind. Values from URLs and included files are
 /// refused: LDIF from another source must not read files of the user who loads it. Not thread-safe.
 class LdifReader {
 public:
     /// @param path  "-" for standard input
     /// @throws Failure  "configuration": the file cannot be opened
     explicit LdifReader(std::string const& path);
+    /// @param name  of the file, for messages
+    LdifReader(std::string const& path, std::string const& name);
     LdifReader(LdifReader const&) = delete;
     LdifReader& operator=(LdifReader const&) = delete;
 
@@ -56,6 +58,8 @@ public:
     /// @throws LdifFault  the record is malformed or unsupported; the text names file and line
     /// @throws Failure    "configuration": the file cannot be read
     bool next(LdifEntry& entry, AwaitInput const& awaitInput = waitForInput);
+    /// The same for a record of any kind.
+    bool next(LDAPLdifRecord& record, AwaitInput const& awaitInput = waitForInput);
 
 private:
     std::size_t read(char* buffer, std::size_t size);

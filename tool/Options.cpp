@@ -378,6 +378,15 @@ Stats CommonOptions::stats() const
     return m_stats == "json" ? Stats::json : Stats::text;
 }
 
+void CommonOptions::requireTextOrJson(char const* command) const
+{
+    if (m_format != "text" && m_format != "json") {
+        throw Failure(Outcome::usage,
+                      fmt::format("{} does not support --format {}", command, m_format),
+                      "choose text or json");
+    }
+}
+
 bool CommonOptions::readsStandardInput() const { return m_passwordDescriptor == STDIN_FILENO; }
 
 void CommonOptions::debugOpenLDAP(Diagnostics const& diagnostics, bool sendsPassword) const

@@ -80,6 +80,8 @@ public:
     Stats stats() const;
     /// One of `recordFormats`.
     std::string const& format() const { return m_format; }
+    /// @throws Failure  "usage": the command supports no other formats, and another one is chosen
+    void requireTextOrJson(char const* command) const;
     /// Ends each key of the input and each record of the output: newline, or NUL with -0.
     char recordEnd() const { return m_endsInNul ? '\0' : '\n'; }
     /// Whether the password is read from descriptor 0.

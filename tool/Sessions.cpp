@@ -1,8 +1,10 @@
 // Options of sessions, and reading the messages of an answer.
 #include "Sessions.h"
 
+#include "Console.h"
 #include "Files.h"
 #include "OpenLDAP.h"
+#include "Outcome.h"
 #include "Text.h"
 
 #include <solvane/session/EntryReader.h>
@@ -37,6 +39,14 @@ std::string lineOf(LDAPCharBuffer const& text)
 }
 
 constexpr char damaged[] = "the server sent an invalid response";
+
+/// The verdict for a response that did not come: the connection broke, or the time ran out.
+Verdict verdictWithout(Session::Received received, Session const& session)
+{
+    return received == Session::Received::broken
+               ? session.verdict()
+               : Verdict{Lookup::Outcome::TryLater, LDAP_TIMEOUT, "no answer in time"};
+}
 
 bool takeReference(Session const& session, LDAPMessageBuffer const& message, SearchEnd& end)
 {
@@ -147,6 +157,34 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
     return options;
 }
 
+std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
+                                   std::shared_ptr<Lookup::TlsContext> const& tls,
+                                   Lookup::Step last, Diagnostics const& diagnostics)
+{
+    Session::initializeOpenLdap();
+    auto const deadline = Clock::now() + settings.deadline;
+    Verdict verdict;
+    for (LDAPLookup::Server const& listed : settings.servers) {
+        ServersFound const found = serversOf(listed, settings, deadline);
+        verdict = found.verdict;
+        if (!verdict.isGood()) {
+            diagnostics.note(verdict.text);
+        }
+        for (LDAPLookup::Server const& server : found.servers) {
+            auto session = std::make_unique<Session>(sessionOptions(settings, server, tls));
+            verdict = session->reach(last, deadline);
+            if (verdict.isGood()) {
+                return session;
+            }
+            if (verdict.outcome != Lookup::Outcome::TryLater) {
+                throw Failure(outcomeOf(verdict), verdict.text, remedyFor(verdict), verdict.code);
+            }
+            diagnostics.note(verdict.text);
+        }
+    }
+    throw Failure(outcomeOf(verdict), verdict.text, remedyFor(verdict), verdict.code);
+}
+
 Session::Received awaitMessage(Session& session, Patience const& patience,
                                LDAPMessageBuffer& message, int& id, int input)
 {
@@ -197,6 +235,37 @@ std::string pointersTo(std::vector<std::string> const& uris)
     return text;
 }
 
+Verdict request(Session& session, Send const& send, int type, LDAPLookup::Settings const& settings,
+                LDAPMessageBuffer& message, ResultMessage& result)
+{
+    int wanted = 0;
+    if (int const code = send(session.handle(), wanted); code != LDAP_SUCCESS) {
+        return {Lookup::Outcome::TryLater, code,
+                std::string("cannot send the request: ") + Lookup::wordsFor(code)};
+    }
+    session.expect(wanted);
+    session.flush();
+    auto const now = Clock::now();
+    Patience const patience = {now, std::chrono::seconds(settings.networkTimeout),
+                               now + settings.deadline};
+    for (;;) {
+        message.free();
+        int id = 0;
+        auto const received = awaitMessage(session, patience, message, id);
+        if (received != Session::Received::message) {
+            return verdictWithout(received, session);
+        }
+        int const got = ldap_msgtype(message.get());
+        if (id != wanted || got == LDAP_RES_INTERMEDIATE) {
+            continue;
+        }
+        result = resultIn(session, message);
+        return got == type && result.code != LDAP_DECODING_ERROR
+                   ? Verdict()
+                   : Verdict{Lookup::Outcome::TryLater, LDAP_DECODING_ERROR, damaged};
+    }
+}
+
 SearchEnd searchOn(Session& session, Lookup::SearchRequest const& request,
                    std::string const& filter, milliseconds silence, Clock::time_point deadline)
 {
@@ -212,10 +281,7 @@ SearchEnd searchOn(Session& session, Lookup::SearchRequest const& request,
             hasEnded = id == wanted && takeMessage(session, message, end);
         } else {
             hasEnded = true;
-            end.verdict =
-                received == Session::Received::broken
-                    ? session.verdict()
-                    : Verdict{Lookup::Outcome::TryLater, LDAP_TIMEOUT, "no answer in time"};
+            end.verdict = verdictWithout(received, session);
         }
     }
     return end;

@@ -8,12 +8,15 @@
 #include <solvane/ldap/LDAPResult.h>
 
 #include <chrono>
+#include <functional>
 #include <list>
 #include <memory>
 #include <string>
 #include <vector>
 
 namespace Solvane::Tool {
+
+class Diagnostics;
 
 /// The servers of one row of the server list.
 struct ServersFound {
@@ -37,6 +40,15 @@ std::string identityIn(LDAPLookup::Settings const& settings);
 Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
                                       LDAPLookup::Server const& server,
                                       std::shared_ptr<Lookup::TlsContext> tls);
+
+/// Connects to the first reachable server of the list, up to the step `last`. A refused bind ends the
+/// search: trying the next server would count as another failed login and could lock the account.
+/// @param settings     borrowed; must outlive the session's bind
+/// @param diagnostics  is told why a server is skipped
+/// @throws Failure  no server can be reached, or one refuses
+std::unique_ptr<Lookup::Session> openFirst(LDAPLookup::Settings const& settings,
+                                           std::shared_ptr<Lookup::TlsContext> const& tls,
+                                           Lookup::Step last, Diagnostics const& diagnostics);
 
 /// How a search ended, and what it found.
 struct SearchEnd {
@@ -74,6 +86,19 @@ struct ResultMessage {
 };
 
 ResultMessage resultIn(Lookup::Session const& session, LDAPMessageBuffer const& message);
+
+/// Sends a request by OpenLDAP's session and returns OpenLDAP's code.
+/// @param id  receives the message id
+using Send = std::function<int(LDAP* handle, int& id)>;
+
+/// Sends a request that has one response, and blocks until it has arrived.
+/// @param type     LDAP_RES_... of the response
+/// @param message  receives and owns the response
+/// @param result   receives its result, whatever the code
+/// @return good unless no response came
+Lookup::Verdict request(Lookup::Session& session, Send const& send, int type,
+                        LDAPLookup::Settings const& settings, LDAPMessageBuffer& message,
+                        ResultMessage& result);
 
 /// ", see URI" for each URI, on one line.
 std::string pointersTo(std::vector<std::string> const& uris);

@@ -211,11 +211,7 @@ void VerifyCommand::readPassword(Secret& password) const
 
 int VerifyCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
 {
-    if (common.format() != "text" && common.format() != "json") {
-        throw Failure(Outcome::usage,
-                      fmt::format("verify does not support --format {}", common.format()),
-                      "choose text or json");
-    }
+    common.requireTextOrJson(name());
     if (m_descriptor == STDIN_FILENO && common.readsStandardInput()) {
         throw Failure(Outcome::usage, "both passwords are read from standard input",
                       "pass one of them another way, as in --password-fd 3 3<FILE");

@@ -3,6 +3,7 @@
 #include "Directory.h"
 #include "Faults.h"
 #include "LdapMessages.h"
+#include "ProcessMemory.h"
 #include "ScriptedServer.h"
 #include "Slapd.h"
 
@@ -294,6 +295,92 @@ TEST_F(OperationsOnADirectory, GoOnWhileARequestThatWasCanceledIsStillAtWork)
 }
 
 // Peers
+
+// Under AddressSanitizer, freed memory stays as it was, and the interceptors keep copies.
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+class AChangeOfPassword : public OperationsOnADirectory {
+protected:
+    AChangeOfPassword()
+    {
+        // Joined here, so that they stand in no constant, and on the heap, so that they stand once.
+        for (std::string* const each : {&m_old, &m_new}) {
+            each->reserve(2000);
+            *each += each == &m_old ? "pw-" : "new-";
+            *each += "user0000003";
+        }
+    }
+    void TearDown() override { explicit_bzero(&m_new[0], m_new.size()); }
+
+    /// How often one of the passwords stands in memory besides its string.
+    std::size_t copies() const
+    {
+        clearStack();
+        return occurrencesInMemory(m_old) - 1 + occurrencesInMemory(m_new) - 1;
+    }
+    /// Changes the password of a connection, back and forth.
+    void expectNothingLeft(LDAPConnection& administrator)
+    {
+        ASSERT_EQ(copies(), 0U);
+        for (int i = 0; i < 4; ++i) {
+            LDAPExtended change = LDAPExtended::modifyPassword(
+                administrator, "uid=user0000003,ou=people,dc=corp,dc=test", m_old, m_new);
+            change.send();
+            EXPECT_EQ(copies(), 0U) << "sent";
+            ASSERT_FALSE(change.wait(10));
+            EXPECT_EQ(change.result().resultCode(), 0);
+            EXPECT_EQ(copies(), 0U) << "answered";
+            m_old.swap(m_new);
+        }
+        EXPECT_EQ(copies(), 0U) << "destroyed";
+    }
+    static LDAPConnection administratorOf(LDAPConnection::RefServer const& server)
+    {
+        LDAPConnection administrator(server, false);
+        administrator.bind("cn=admin,dc=corp,dc=test", "secret", LDAPConnection::Synchronous);
+        return administrator;
+    }
+
+    std::string m_old;
+    std::string m_new;
+
+private:
+    /// Overwrites what the test itself left on the stack: to bind a function at its first call, the
+    /// dynamic linker saves the registers there, through which the password was copied.
+    __attribute__((noinline)) static void clearStack()
+    {
+        char frame[1UL << 16];
+        explicit_bzero(frame, sizeof frame);
+    }
+};
+
+TEST_F(AChangeOfPassword, LeavesNoPasswordInMemory)
+{
+    LDAPConnection administrator = administratorOf(plainServer(slapd().port()));
+
+    expectNothingLeft(administrator);
+}
+
+TEST_F(AChangeOfPassword, LeavesNoPasswordInMemoryWithTls)
+{
+    LDAPConnection administrator = administratorOf(secureServer(slapd().tlsPort()));
+
+    expectNothingLeft(administrator);
+}
+
+TEST_F(AChangeOfPassword, LeavesNoPasswordInMemoryIfNothingCanBeSent)
+{
+    LDAPConnection lost = administratorOf(plainServer(slapd().port()));
+    {
+        LDAPExtended change = LDAPExtended::modifyPassword(lost, "", m_old, m_new);
+        lost.unbind();
+        EXPECT_THROW(change.send(), LDAPException);
+    }
+
+    EXPECT_EQ(copies(), 0U);
+}
+
+#endif
 
 namespace {
 

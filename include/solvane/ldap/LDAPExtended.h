@@ -48,7 +48,8 @@ public:
     /// password is wrong, 50 not permitted, 19 the new one is against a policy, and so on.
     ///
     /// The passwords are sent with all their bytes; use TLS. This library writes them to no log and no
-    /// exception, and wipes its copy when OpenLDAP has taken the request.
+    /// exception. It wipes its copy and OpenLDAP's when the request is written; a network timeout of 0,
+    /// with which OpenLDAP may write it later, leaves OpenLDAP's.
     /// @param connection   shared with the request
     /// @param user         the user's DN, or another name that the server understands; empty: the
     ///                     identity that the connection is bound as
@@ -59,7 +60,8 @@ public:
     static LDAPExtended modifyPassword(LDAPConnection const& connection, std::string const& user,
                                        std::string const& oldPassword,
                                        std::string const& newPassword);
-    /// The same with a password that the server generates; `generatedPassword` has it.
+    /// The same with a password that the server generates; `generatedPassword` has it. OpenLDAP frees
+    /// the response, with that password, without wiping it.
     static LDAPExtended generatePassword(LDAPConnection const& connection, std::string const& user,
                                          std::string const& oldPassword);
 

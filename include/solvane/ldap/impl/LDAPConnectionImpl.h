@@ -65,6 +65,8 @@ public:
     LDAP* session() const { return m_sessionEnded ? nullptr : m_context; }
     /// Limits the size of a message from the server, in bytes, from the next connect on.
     void maximumMessageSize(unsigned long bytes);
+    /// What guards the session's connection.
+    SocketGuard& guard() { return *m_guard; }
 
     // The state, used by handles, the pool and tests.
     LDAPConnection::RefServer m_server;  ///< shared; never empty

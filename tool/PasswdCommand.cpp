@@ -1,0 +1,251 @@
+// The "passwd" command: one change of a password (RFC 3062).
+#include "Commands.h"
+
+#include "Json.h"
+#include "OpenLDAP.h"
+#include "OptionValues.h"
+#include "Secret.h"
+#include "Sessions.h"
+#include "Text.h"
+
+#include <solvane/session/ResultCodes.h>
+
+#include <CLI/CLI.hpp>
+#include <fmt/format.h>
+
+#include <algorithm>
+#include <array>
+#include <memory>
+
+#include <unistd.h>
+
+namespace Solvane::Tool {
+
+namespace {
+
+using Lookup::Verdict;
+
+constexpr char footer[] =
+    "Changes the password of USER, a DN or another name that the server understands; without it,\n"
+    "that of the identity of the bind. The new password is asked for at the terminal, or read\n"
+    "from a file or a descriptor, and so is the old one, which some servers require. -W, -y and\n"
+    "--password-fd name the password of -D. No option takes a password.\n\n"
+    "Exit status:\n"
+    "   0  changed\n"
+    "  64  usage error\n"
+    "  65  invalid password or user, or a password that a policy refuses\n"
+    "  69  refused permanently, unsupported, or referred to another server\n"
+    "  74  cannot write to standard output\n"
+    "  75  try later: servers down, no answer in time, busy\n"
+    "  77  credentials, access or certificate refused\n"
+    "  78  an unusable setting, file or password";
+
+int descriptorIn(std::string const& text) { return static_cast<int>(numberIn(text, 0, 1000000)); }
+
+[[noreturn]] void refuseUsage(std::string const& cause, std::string const& remedy)
+{
+    throw Failure(Outcome::usage, cause, remedy);
+}
+
+/// The password that the server has generated.
+/// @throws Failure  there is none
+void readGenerated(Lookup::Session const& session, LDAPMessageBuffer const& message,
+                   Secret& password)
+{
+    berval generated = {0, nullptr};
+    int const rc = ldap_parse_passwd(session.handle(), message.get(), &generated);
+    auto const wiped = [&generated](char* bytes) {
+        explicit_bzero(bytes, generated.bv_len);
+        ber_memfree(bytes);
+    };
+    std::unique_ptr<char, decltype(wiped)> const owner(generated.bv_val, wiped);
+    if (rc != LDAP_SUCCESS || generated.bv_len == 0) {
+        throw Failure(Outcome::tryLater,
+                      "the password is changed, but the server did not say to what",
+                      "set another one with -S", rc);
+    }
+    password.assign({generated.bv_val, generated.bv_len}, "the password of the server");
+}
+
+berval bytesOf(std::optional<Secret> const& password)
+{
+    return password ? berval{password->text().size(), const_cast<char*>(password->text().data())}
+                    : berval{0, nullptr};
+}
+
+/// @throws Failure  unless the server has changed the password
+void requireSuccess(Verdict verdict, ResultMessage const& result, bool sendsOld)
+{
+    if (!verdict.isGood()) {
+        throw Failure(outcomeOf(verdict), verdict.text,
+                      "the password may be changed: try the new one before you set it again",
+                      verdict.code);
+    }
+    if (result.code == LDAP_SUCCESS) {
+        return;
+    }
+    std::string const text =
+        Lookup::wordsFor(result.code, result.text) + pointersTo(result.referrals);
+    verdict = {Lookup::outcomeOfSearch(result.code), result.code, text};
+    switch (result.code) {
+    case LDAP_PROTOCOL_ERROR:
+        throw Failure(Outcome::refused, text, "the server does not support changes of passwords",
+                      result.code);
+    case LDAP_CONSTRAINT_VIOLATION:
+        throw Failure(Outcome::badInput, text, "choose another password", result.code);
+    case LDAP_NO_SUCH_OBJECT:
+    case LDAP_INVALID_DN_SYNTAX:
+    case LDAP_INVALID_SYNTAX:
+        throw Failure(Outcome::badInput, text, "correct the user", result.code);
+    case LDAP_UNWILLING_TO_PERFORM:
+    case LDAP_INVALID_CREDENTIALS:
+        throw Failure(outcomeOf(verdict), text,
+                      sendsOld ? "check the old password" : "give the old password with -A",
+                      result.code);
+    case LDAP_INSUFFICIENT_ACCESS:
+    case LDAP_STRONG_AUTH_REQUIRED:
+        throw Failure(outcomeOf(verdict), text, "bind as the user or as an administrator (-D)",
+                      result.code);
+    default:
+        throw Failure(outcomeOf(verdict), text, remedyFor(verdict), result.code);
+    }
+}
+
+} // namespace
+
+void PasswdCommand::Source::declareOn(CLI::App& app, char const* letterOfPrompt,
+                                      char const* letterOfFile, std::string const& which)
+{
+    auto* const prompt =
+        app.add_flag(fmt::format("{},--ask-{}-password", letterOfPrompt, which), asks,
+                     fmt::format("Ask for the {} password at the terminal", which));
+    auto* const fromFile = addValue(
+        app, fmt::format("{},--{}-password-file", letterOfFile, which), file, textIn, "FILE",
+        fmt::format("Read the {} password from a file that others cannot read", which));
+    auto* const fromDescriptor =
+        addValue(app, fmt::format("--{}-password-fd", which), descriptor, descriptorIn, "N",
+                 fmt::format("Read the {} password from this file descriptor, to its end", which));
+    prompt->excludes(fromFile)->excludes(fromDescriptor);
+    fromFile->excludes(fromDescriptor);
+}
+
+void PasswdCommand::Source::read(Secret& password, std::string const& user) const
+{
+    if (file) {
+        password.readFile(*file);
+    } else if (descriptor) {
+        password.readDescriptor(*descriptor);
+    } else {
+        password.ask(user);
+    }
+}
+
+void PasswdCommand::declareOn(CLI::App& app)
+{
+    app.add_option("USER", m_user, "The user; default: the identity of the bind")->type_name("");
+    m_new.declareOn(app, "-S", "-T", "new");
+    m_old.declareOn(app, "-A", "-t", "old");
+    app.add_flag("--generate", m_generates, "Have the server generate the password, and print it");
+    for (char const* const letter : {"-s", "-a"}) { // of ldappasswd
+        app.add_option_function<std::string>(
+               letter,
+               [letter](std::string const&) {
+                   refuseUsage(
+                       fmt::format("{} is not supported: other users can see arguments", letter),
+                       "pass the password with -S, -T FILE or --new-password-fd N, the old one "
+                       "with -A, -t FILE or --old-password-fd N");
+               })
+            ->group(""); // not in the help
+    }
+    app.footer(footer);
+}
+
+/// @throws Failure  "usage"
+void PasswdCommand::check(CommonOptions const& common, bool isBound) const
+{
+    common.requireTextOrJson(name());
+    if (m_generates && m_new.isGiven()) {
+        refuseUsage("a new password is given, and the server is to generate it",
+                    "omit one of the options");
+    }
+    if (m_user.empty() && !isBound) {
+        refuseUsage("no user given", "name one, or bind as it with -D");
+    }
+    std::array<bool, 3> const readers = {common.readsStandardInput(),
+                                         m_new.descriptor == STDIN_FILENO,
+                                         m_old.descriptor == STDIN_FILENO};
+    if (std::count(readers.begin(), readers.end(), true) > 1) {
+        refuseUsage("two passwords are read from standard input",
+                    "pass one of them another way, as in --password-fd 3 3<FILE");
+    }
+}
+
+int PasswdCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
+{
+    Draft const draft = common.draft();
+    check(common, !draft.lookup.isAnonymous());
+    Secret ofBind;
+    LDAPLookup::Settings const settings = common.settings(draft, ofBind);
+    std::string const who = !m_user.empty()            ? m_user
+                            : !settings.bindDn.empty() ? settings.bindDn
+                                                       : "the identity of the bind";
+    std::optional<Secret> old;
+    if (m_old.isGiven()) {
+        m_old.read(old.emplace(Secret::Owner::oldPassword), who);
+    }
+    std::optional<Secret> fresh;
+    if (!m_generates) {
+        m_new.read(fresh.emplace(Secret::Owner::newPassword), who);
+        if (m_new.isPrompted()) {
+            Secret repeated(Secret::Owner::repeatedPassword);
+            repeated.ask(who);
+            if (repeated.text() != fresh->text()) {
+                throw Failure(Outcome::badInput, "the two passwords differ; nothing was changed",
+                              "type the same one twice");
+            }
+        }
+    }
+
+    auto const tls = std::make_shared<Lookup::TlsContext>(settings.tls);
+    auto const lastStep = settings.isAnonymous() ? Lookup::Step::bind : Lookup::Step::identify;
+    auto const session = openFirst(settings, tls, lastStep, diagnostics);
+    LDAPMessageBuffer message;
+    ResultMessage result;
+    Verdict const verdict = request(
+        *session,
+        [&](LDAP* handle, int& id) {
+            berval user = {m_user.size(), m_user.data()};
+            berval oldBytes = bytesOf(old);
+            berval newBytes = bytesOf(fresh);
+            return ldap_passwd(handle, m_user.empty() ? nullptr : &user, old ? &oldBytes : nullptr,
+                               fresh ? &newBytes : nullptr, nullptr, nullptr, &id);
+        },
+        LDAP_RES_EXTENDED, settings, message, result);
+    requireSuccess(verdict, result, old.has_value());
+    Secret generated(Secret::Owner::newPassword);
+    if (m_generates) {
+        readGenerated(*session, message, generated);
+    }
+
+    std::string record;
+    if (common.format() == "json") {
+        Json json(record);
+        json->StartObject();
+        json.key("user").optional(m_user);
+        json.key("status").string("changed");
+        if (m_generates) {
+            json.key("password").value(generated.text());
+        }
+        json.key("server").string(session->uri());
+        json->EndObject();
+    } else {
+        record = fmt::format("changed {}", oneLine(who));
+        if (m_generates) {
+            record += fmt::format(", the new password is {}", oneLine(generated.text()));
+        }
+    }
+    output.write(record + common.recordEnd());
+    return exitStatusOf(Outcome::found);
+}
+
+} // namespace Solvane::Tool
