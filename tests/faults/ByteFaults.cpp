@@ -61,7 +61,7 @@ Accepted afterCut(std::vector<Reply> const& replies, std::size_t count, Column c
         std::size_t const start = end;
         end += reply.bytes.size();
         if (count == start && reply.step != Step::bind &&
-            !(reply.step == Step::search && !reply.isEntry)) {
+            !(isSearch(reply.step) && !reply.isEntry)) {
             return anyOf(
                 {brokenBeforeRequest(column), troubleIn(reply.step, column, Trouble::broken)});
         }
@@ -131,6 +131,7 @@ Accepted afterStrangeIdentity(Column column)
 /// the result without the change.
 void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged, Column column)
 {
+    constexpr long unwillingToPerform = 53;
     bool const isBind = reply.step == Step::bind;
     Accepted const failed =
         anyOf({troubleIn(reply.step, column, Trouble::broken), unreadable(reply.step, column)});
@@ -149,19 +150,26 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
     case Role::messageId:
         made.accepted = failed;
         if (reply.isEntry) {
+            made.accepted = anyOf({failed, troubleAfter(reply.step, column)});
             made.acceptedAsLimit = nobody(column);
         }
+        break;
+    case Role::control: // a cookie that the server does not know, or no control at all
+        made.accepted = anyOf({failed, success(column), codeOfRequest(column, unwillingToPerform)});
+        made.acceptedAsLimit = nobody(column);
         break;
     case Role::text:
         made.accepted = anyOf({success(column), alteredEntry(column)});
         break;
     default:
-        made.accepted = anyOf({failed, success(column)});
+        made.accepted = anyOf({failed, success(column), troubleAfter(reply.step, column)});
         if (isBind) { // if it is ignored, the server may close before the request arrives
             made.accepted = anyOf({made.accepted, brokenBeforeRequest(column)});
         }
         if (reply.isEntry) { // OpenLDAP's readers end alike at the end and at damage
             made.acceptedAsLimit = alteredEntry(column);
+        } else if (reply.step == Step::page) { // without its control
+            made.acceptedAsLimit = nobody(column);
         }
     }
     if (reply.step == Step::whoAmI && role != Role::text) {
@@ -207,8 +215,8 @@ Fault flipped()
             "OpenLDAP drops an entry that arrives with the wrong message id; what remains is a "
             "complete answer without entries. Plain LDAP does not protect integrity: use TLS. "
             "OpenLDAP's functions for reading an entry return the same at its end and at damaged "
-            "data, so part of an entry may be missing. liblber leaks a half-read message if its "
-            "length changes."};
+            "data, so part of an entry may be missing. A page whose control is damaged looks like "
+            "the last one. liblber leaks a half-read message if its length changes."};
 }
 
 // Dripped

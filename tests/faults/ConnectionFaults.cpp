@@ -121,7 +121,9 @@ public:
     {
         slapd().resume();
         Target where = running();
-        if (m_column == Column::add) { // the first add may have been carried out meanwhile
+        // The first request may have been carried out meanwhile, and a stream finds other users.
+        bool const isOnlyRead = requestOf(m_column) == Step::search || m_column == Column::compare;
+        if (!isOnlyRead && requestOf(m_column) != Step::other) {
             where.port = m_healthyPort;
         }
         return where;

@@ -1,4 +1,4 @@
-// A directory of one user.
+// A directory of one user, and of three for streams.
 #include "Exchange.h"
 
 #include "LdapMessages.h"
@@ -10,6 +10,12 @@ namespace SolvaneTest {
 namespace {
 
 constexpr unsigned char addRequest = 0x68;
+constexpr unsigned char modifyRequest = 0x66;
+constexpr unsigned char deleteRequest = 0x4a;
+constexpr unsigned char compareRequest = 0x6e;
+constexpr unsigned char controlsTag = 0xa0;
+constexpr char pagedResults[] = "1.2.840.113556.1.4.319";
+constexpr char cookie[] = "the-next-page";
 constexpr unsigned char constructedBit = 0x20;
 constexpr unsigned char integerTag = 0x02;
 constexpr unsigned char enumeratedTag = 0x0a;
@@ -25,9 +31,17 @@ unsigned char responseTagOf(Step step)
     case Step::bind:
         return 0x61;
     case Step::search:
+    case Step::page:
+    case Step::nextPage:
         return 0x65;
     case Step::add:
         return 0x69;
+    case Step::modify:
+        return 0x67;
+    case Step::remove:
+        return 0x6b;
+    case Step::compare:
+        return 0x6f;
     default:
         return 0x78;
     }
@@ -61,8 +75,33 @@ bool holds(std::string const& bytes, char const* text)
     return bytes.find(text) != std::string::npos;
 }
 
+/// Whether a request for a page names the page before: it does not end with an empty text.
+bool hasCookie(std::string const& request)
+{
+    std::string const emptyCookie("\x04\0", 2);
+    return request.compare(request.size() - emptyCookie.size(), emptyCookie.size(), emptyCookie) !=
+           0;
+}
+
+/// The final response of a page (RFC 2696).
+std::string pageDone(int messageId, std::string const& nextCookie)
+{
+    std::string const value =
+        berElement(0x30, berElement(integerTag, signedNumber(0)) + berElement(0x04, nextCookie));
+    std::string const control =
+        berElement(0x30, berElement(0x04, pagedResults) + berElement(0x04, value));
+    return ldapMessage(messageId, berElement(responseTagOf(Step::page), resultFields(0)) +
+                                      berElement(controlsTag, control));
+}
+
+std::string streamedEntry(int messageId, int user)
+{
+    return searchEntry(messageId, streamedDn(user), {{"mail", {streamedAddress(user)}}});
+}
+
 /// Appends the roles of the elements between two positions.
-void walk(std::string const& bytes, std::size_t position, std::size_t end, std::vector<Role>& roles)
+void walk(std::string const& bytes, std::size_t position, std::size_t end, std::vector<Role>& roles,
+          Role leaf = Role::text)
 {
     while (position < end) {
         unsigned char const tag = byteAt(bytes, position);
@@ -77,11 +116,12 @@ void walk(std::string const& bytes, std::size_t position, std::size_t end, std::
         roles.insert(roles.end(), 1 + lengthBytes, isId ? Role::messageId : Role::length);
         position += 2 + lengthBytes;
         if ((tag & constructedBit) != 0) {
-            walk(bytes, position, position + length, roles);
+            walk(bytes, position, position + length, roles,
+                 tag == controlsTag ? Role::control : leaf);
         } else {
             Role const role = isId                   ? Role::messageId
                               : tag == enumeratedTag ? Role::resultCode
-                                                     : Role::text;
+                                                     : leaf;
             roles.insert(roles.end(), length, role);
         }
         position += length;
@@ -92,10 +132,15 @@ void walk(std::string const& bytes, std::size_t position, std::size_t end, std::
 
 char const* nameOf(Column column)
 {
-    constexpr char const* names[] = {"bind",   "search", "add",    "pool", "query",
-                                     "engine", "submit", "verify", "tool"};
+    constexpr char const* names[] = {"bind",    "search", "add",  "modify", "delete",
+                                     "compare", "stream", "pool", "query",  "engine",
+                                     "submit",  "verify", "tool"};
     return names[static_cast<int>(column)];
 }
+
+std::string streamedDn(int user) { return "uid=user000000" + std::to_string(user) + ',' + people; }
+
+std::string streamedAddress(int user) { return "user000000" + std::to_string(user) + "@corp.test"; }
 
 Step stepOf(std::string const& request)
 {
@@ -105,9 +150,18 @@ Step stepOf(std::string const& request)
     case ExtendedRequest:
         return request == startTlsRequest(messageIdOf(request)) ? Step::other : Step::whoAmI;
     case SearchRequest:
+        if (holds(request, pagedResults)) {
+            return hasCookie(request) ? Step::nextPage : Step::page;
+        }
         return Step::search;
     case addRequest:
         return Step::add;
+    case modifyRequest:
+        return Step::modify;
+    case deleteRequest:
+        return Step::remove;
+    case compareRequest:
+        return Step::compare;
     default:
         return Step::other;
     }
@@ -121,6 +175,14 @@ Step requestOf(Column column)
         return Step::other;
     case Column::add:
         return Step::add;
+    case Column::modify:
+        return Step::modify;
+    case Column::remove:
+        return Step::remove;
+    case Column::compare:
+        return Step::compare;
+    case Column::stream:
+        return Step::page;
     default:
         return Step::search;
     }
@@ -135,6 +197,7 @@ std::vector<std::string> repliesTo(std::string const& request)
 {
     constexpr long invalidCredentials = 49;
     constexpr long protocolError = 2;
+    constexpr long unwillingToPerform = 53;
     int const id = messageIdOf(request);
     Step const step = stepOf(request);
     bool const isUser = step == Step::bind && bindContentOf(request).dn == userDn &&
@@ -146,16 +209,27 @@ std::vector<std::string> repliesTo(std::string const& request)
     if (step == Step::search && !holds(request, userAddress)) { // no other user exists
         return {finalResponse(Step::search, id, protocolError)};
     }
+    if (step == Step::nextPage && !holds(request, cookie)) {
+        return {finalResponse(Step::nextPage, id, unwillingToPerform)};
+    }
     return repliesOf(step, id);
 }
 
 std::vector<std::string> repliesOf(Step step, int messageId)
 {
+    constexpr long compareTrue = 6;
     switch (step) {
     case Step::whoAmI:
         return {whoAmIResponse(messageId)};
     case Step::search:
         return {userEntry(messageId), finalResponse(Step::search, messageId, 0)};
+    case Step::page:
+        return {streamedEntry(messageId, 1), streamedEntry(messageId, 2),
+                pageDone(messageId, cookie)};
+    case Step::nextPage:
+        return {streamedEntry(messageId, 3), pageDone(messageId, std::string())};
+    case Step::compare:
+        return {finalResponse(step, messageId, compareTrue)};
     case Step::other:
         return {};
     default:
@@ -197,6 +271,9 @@ std::vector<Reply> recordedReplies(Column column)
     }
     if (column != Column::verify) {
         steps.push_back(requestOf(column));
+    }
+    if (column == Column::stream) {
+        steps.push_back(Step::nextPage);
     }
 
     std::vector<Reply> replies;

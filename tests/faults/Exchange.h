@@ -12,6 +12,10 @@ enum class Column {
     bind,
     search,
     add,
+    modify,
+    remove, ///< "delete"
+    compare,
+    stream, ///< LDAPSearchStream: three entries, in pages of two
     pool,   ///< a search on a connection of LDAPConnectionCache
     query,  ///< the query driver, with a bind of its own
     engine, ///< LDAPLookup: find, then findAll
@@ -21,9 +25,10 @@ enum class Column {
     verify,
     tool, ///< solvane-ldap lookup, as a process
 };
-constexpr Column allColumns[] = {Column::bind,   Column::search, Column::add,
-                                 Column::pool,   Column::query,  Column::engine,
-                                 Column::submit, Column::verify, Column::tool};
+constexpr Column allColumns[] = {Column::bind,   Column::search,  Column::add,    Column::modify,
+                                 Column::remove, Column::compare, Column::stream, Column::pool,
+                                 Column::query,  Column::engine,  Column::submit, Column::verify,
+                                 Column::tool};
 char const* nameOf(Column column);
 /// Whether its results are answers of the engine in this process.
 constexpr bool isLookup(Column column)
@@ -33,7 +38,7 @@ constexpr bool isLookup(Column column)
 /// Whether it uses the engine in this process.
 constexpr bool usesEngine(Column column) { return isLookup(column) || column == Column::verify; }
 
-// The only user on the servers of these tests, and the reader who may search it.
+// The user on the servers of these tests, and the reader who may search it.
 constexpr char userAddress[] = "user0000001@corp.test";
 constexpr char userDn[] = "uid=user0000001,ou=people,dc=corp,dc=test";
 constexpr char userName[] = "Anna Berg 1";
@@ -43,10 +48,21 @@ constexpr char readerPassword[] = "reader-pw";
 constexpr char userPassword[] = "pw-user0000001"; // as in testbed/gen-ldif
 constexpr char newDn[] = "uid=somebody,ou=new,dc=corp,dc=test";
 
-/// The steps of an exchange, by request.
-enum class Step { bind, whoAmI, search, add, other };
+// The users that a stream finds. They have no attribute but the address.
+constexpr int streamedUsers = 3;
+constexpr int pageSize = 2;
+std::string streamedDn(int user);
+std::string streamedAddress(int user);
+
+/// The steps of an exchange, by request. The two of a stream are its pages.
+enum class Step { bind, whoAmI, search, add, modify, remove, compare, page, nextPage, other };
+/// Whether it is answered with entries.
+constexpr bool isSearch(Step step)
+{
+    return step == Step::search || step == Step::page || step == Step::nextPage;
+}
 Step stepOf(std::string const& request);
-/// The step after the bind in a column's exchange; `other` if there is none.
+/// The first step after the bind in a column's exchange; `other` if there is none.
 Step requestOf(Column column);
 
 /// The answer to a request, message by message; empty for an unbind.
@@ -70,7 +86,8 @@ enum class Role {
     length,
     messageId, ///< and its length
     resultCode,
-    text, ///< of a name, a value or a diagnostic text: nothing in the message depends on it
+    text,    ///< of a name, a value or a diagnostic text: nothing in the message depends on it
+    control, ///< identifier or value of a control
 };
 /// The role of each byte of a whole message.
 std::vector<Role> rolesIn(std::string const& message);

@@ -32,35 +32,62 @@ Accepted ofBind(Column column, std::string const& place, std::string const& engi
     }
 }
 
-/// A failure of the request after the bind. `search` may name several places.
-Accepted ofRequest(Column column, std::initializer_list<char const*> search,
-                   std::initializer_list<char const*> add)
+/// The places of a failed request, in the columns that report them.
+struct Places {
+    Accepted lost;       ///< the connection, while the answer is awaited
+    Accepted notSent;    ///< the connection was lost before
+    Accepted unreadable; ///< the answer is malformed
+};
+
+Places placesOf(Column column)
 {
-    Accepted accepted;
+    // Common to all operations of their family.
+    Accepted const unreadable = {"Operation.cpp:103 (4/6)", "Operation.cpp:112 (1/6)"};
+    switch (column) {
+    case Column::add:
+        return {{"Add.cpp:137 (4/3) < Add.cpp:124 (4/3)"},
+                {"Add.cpp:83 (1/7)"},
+                {"Add.cpp:137 (4/3) < Result.cpp:577 (1/6)",
+                 "Add.cpp:137 (4/3) < Result.cpp:541 (2/6)"}};
+    case Column::modify:
+        return {{"Changes.cpp:165 (4/8)"}, {"Changes.cpp:158 (4/8)"}, unreadable};
+    case Column::remove:
+        return {{"Changes.cpp:38 (4/9)"}, {"Changes.cpp:31 (4/9)"}, unreadable};
+    case Column::compare:
+        return {{"Changes.cpp:68 (4/11)"}, {"Changes.cpp:61 (4/11)"}, unreadable};
+    case Column::stream:
+        return {{"SearchStream.cpp:91 (4/4)"},
+                {"SearchStream.cpp:84 (4/4)"},
+                anyOf({unreadable, {"SearchStream.cpp:102 (4/6)", "Controls.cpp:84 (1/6)"}})};
+    default:
+        return {{"Search.cpp:332 (4/4)"},
+                {"Search.cpp:270 (4/4)"},
+                {"Result.cpp:577 (1/6)", "Result.cpp:541 (2/6)", "Result.cpp:646 (4/5)"}};
+    }
+}
+
+/// A failure of a request after the bind, at these places.
+Accepted ofRequest(Column column, Accepted const& places)
+{
     switch (column) {
     case Column::bind:
     case Column::verify:
         return success(column);
-    case Column::add:
-        accepted.insert(add.begin(), add.end());
-        break;
-    case Column::query:
-        for (char const* const place : search) {
-            std::string const text = place;
-            accepted.insert("error " + text.substr(0, text.find(' ')));
+    case Column::query: {
+        Accepted accepted;
+        for (std::string const& place : places) {
+            accepted.insert("error " + place.substr(0, place.find(' ')));
         }
-        break;
+        return accepted;
+    }
     case Column::engine:
     case Column::submit:
-        accepted = brokenForEngine;
-        break;
+        return brokenForEngine;
     case Column::tool:
-        accepted = {"exit 75"};
-        break;
+        return {"exit 75"};
     default:
-        accepted.insert(search.begin(), search.end());
+        return places;
     }
-    return accepted;
 }
 
 Accepted silentIn(Step step, Column column)
@@ -82,7 +109,9 @@ Accepted silentIn(Step step, Column column)
 bool takesPart(Step step, Column column)
 {
     bool const asksWho = isLookup(column) || column == Column::tool;
-    return step == Step::bind || step == requestOf(column) || (step == Step::whoAmI && asksWho);
+    bool const isNextPage = step == Step::nextPage && column == Column::stream;
+    return step == Step::bind || step == requestOf(column) || isNextPage ||
+           (step == Step::whoAmI && asksWho);
 }
 
 template <std::size_t count> bool holds(long const (&codes)[count], long code)
@@ -130,6 +159,12 @@ Accepted success(Column column)
         return {"bound"};
     case Column::add:
         return {"added"};
+    case Column::modify:
+        return {"modified"};
+    case Column::remove:
+        return {"deleted"};
+    case Column::compare:
+        return {"true"};
     case Column::verify:
         return {"accepted", "denied"};
     case Column::tool:
@@ -159,13 +194,20 @@ Accepted troubleIn(Step step, Column column, Trouble trouble)
     if (step == Step::bind) {
         return ofBind(column, "Connection.cpp:315 (4/3)", std::string(), "exit 75");
     }
-    return ofRequest(column, {"Search.cpp:332 (4/4)"}, {"Add.cpp:137 (4/3) < Add.cpp:124 (4/3)"});
+    Places const places = placesOf(column);
+    return ofRequest(column,
+                     step == Step::nextPage ? anyOf({places.lost, places.notSent}) : places.lost);
+}
+
+Accepted troubleAfter(Step step, Column column)
+{
+    return step == Step::page ? troubleIn(Step::nextPage, column, Trouble::broken) : Accepted();
 }
 
 Accepted brokenBeforeRequest(Column column)
 {
-    return ofRequest(column, {"Search.cpp:270 (4/4)", "Search.cpp:332 (4/4)"},
-                     {"Add.cpp:83 (1/7)", "Add.cpp:137 (4/3) < Add.cpp:124 (4/3)"});
+    Places const places = placesOf(column);
+    return ofRequest(column, anyOf({places.notSent, places.lost}));
 }
 
 Accepted unreadable(Step step, Column column)
@@ -180,9 +222,7 @@ Accepted unreadable(Step step, Column column)
         return anyOf({ofBind(column, "Result.cpp:577 (1/6)", std::string(), "exit 75"),
                       ofBind(column, "Result.cpp:541 (2/6)", std::string(), "exit 75")});
     }
-    return ofRequest(
-        column, {"Result.cpp:577 (1/6)", "Result.cpp:541 (2/6)", "Result.cpp:646 (4/5)"},
-        {"Add.cpp:137 (4/3) < Result.cpp:577 (1/6)", "Add.cpp:137 (4/3) < Result.cpp:541 (2/6)"});
+    return ofRequest(column, placesOf(column).unreadable);
 }
 
 /// The server's judgement counts, whatever the password is.
@@ -227,10 +267,17 @@ Accepted codeOfBind(Column column, long code)
 
 Accepted codeOfRequest(Column column, long code)
 {
-    if (code == 0 || column == Column::bind || column == Column::verify) {
+    bool const isAnswered = column != Column::compare && code == 0;
+    if (isAnswered || column == Column::bind || column == Column::verify) {
         return success(column);
     }
+    constexpr long compareFalse = 5;
+    constexpr long compareTrue = 6;
     switch (column) {
+    case Column::compare:
+        return {code == compareTrue    ? "true"
+                : code == compareFalse ? "false"
+                                       : "code " + std::to_string(code)};
     case Column::engine:
     case Column::submit:
         return {engineWord(code, false)};

@@ -21,6 +21,8 @@ Accepted success(Column column);
 Accepted connectTrouble(Column column, Trouble trouble);
 /// A disturbance in the answer to a step of the column's exchange; success if it lacks that step.
 Accepted troubleIn(Step step, Column column, Trouble trouble);
+/// A step has succeeded but the connection is lost afterwards; empty unless the next step is a page.
+Accepted troubleAfter(Step step, Column column);
 /// The connection is lost when the request after the bind is sent.
 Accepted brokenBeforeRequest(Column column);
 /// A malformed response of this step that OpenLDAP passes on.

@@ -155,7 +155,12 @@ Accepted halfTruths(Column column)
     switch (column) {
     case Column::bind:
     case Column::add:
+    case Column::modify:
+    case Column::remove:
+    case Column::compare:
         return {};
+    case Column::stream:
+        return anyOf({noFilter, alteredEntry(column), nobody(column)});
     case Column::verify: // the search is the engine's
         return {"Misconfigured 2", "Misconfigured -7", "LDAPLookup.cpp (2/0)"};
     case Column::engine:

@@ -51,7 +51,7 @@ Fault notice()
                         cases.push_back(serverCase(
                             nameOf(step) + end,
                             noticing(step, noticeOfDisconnection(), false, closes), broken));
-                        if (step == Step::search) {
+                        if (isSearch(step)) {
                             cases.push_back(serverCase(
                                 "behind the entry" + end,
                                 noticing(step, noticeOfDisconnection(), true, closes), broken));
@@ -127,18 +127,23 @@ Fault bindCodes()
 
 Fault requestCodes()
 {
-    return {"request-codes", "The search or add is answered with the same codes, without entries.",
+    return {"request-codes", "The request is answered with the same codes, without entries.",
             [](Column column) {
                 return requestOf(column) == Step::other ? "see bind-codes" : std::string();
             },
             [](Column column, Extent const& extent) {
-                Step const step = requestOf(column);
                 std::vector<Case> cases;
-                for (long const code : codes(extent.stride)) {
-                    cases.push_back(serverCase(std::to_string(code), answeringWith(step, code),
-                                               code == 0 && step == Step::search
-                                                   ? nobody(column)
-                                                   : codeOfRequest(column, code)));
+                for (Step const step : stepsOf(column)) {
+                    if (step == Step::bind || step == Step::whoAmI) {
+                        continue;
+                    }
+                    for (long const code : codes(extent.stride)) {
+                        std::string const which = step == Step::nextPage ? ", next page" : "";
+                        cases.push_back(
+                            serverCase(std::to_string(code) + which, answeringWith(step, code),
+                                       code == 0 && isSearch(step) ? nobody(column)
+                                                                   : codeOfRequest(column, code)));
+                    }
                 }
                 return cases;
             }};
@@ -183,11 +188,11 @@ Fault wrongIds()
                 cases.push_back(serverCase(nameOf(step) + std::string(", left open"),
                                            misleading(step, Misled::all, 100, false),
                                            troubleIn(step, column, Trouble::silent), 1));
-                if (step == Step::search) {
+                if (isSearch(step)) {
                     cases.push_back(serverCase("final response",
                                                misleading(step, Misled::last, 100, true), broken));
-                    cases.push_back(
-                        serverCase("entry", misleading(step, Misled::entry, 100, true), broken));
+                    cases.push_back(serverCase("entry", misleading(step, Misled::entry, 100, true),
+                                               anyOf({broken, troubleAfter(step, column)})));
                     cases.back().acceptedAsLimit = nobody(column);
                 }
             }
@@ -228,6 +233,8 @@ Fault duplicated()
                                                success(column)));
                     if (step == Step::search && column == Column::tool) { // shows both
                         cases.back().accepted = alteredEntry(column);
+                    } else if (column == Column::stream && isSearch(step)) {
+                        cases.back().accepted = {"found more"};
                     }
                     cases.push_back(serverCase(std::string("answer to ") + nameOf(step),
                                                serveWith(step, answerTwice), success(column)));
@@ -274,9 +281,9 @@ Fault reordered()
                                                    success(column)));
                     }
                 }
-                if (requestOf(column) == Step::search) {
+                if (isSearch(steps.back())) {
                     cases.push_back(serverCase("entry behind the final response",
-                                               serveWith(Step::search, finalResponseFirst), {}));
+                                               serveWith(steps.back(), finalResponseFirst), {}));
                     cases.back().acceptedAsLimit = nobody(column);
                 }
                 return cases;
@@ -297,9 +304,9 @@ std::string manyEntries(int messageId, int count)
 }
 
 /// Sends entries while the client receives them.
-FaultyServer::Script flooding(int limit)
+FaultyServer::Script flooding(Step step, int limit)
 {
-    return serveUntil(Step::search, [limit](Peer& peer, auto const&, std::string const& request) {
+    return serveUntil(step, [limit](Peer& peer, auto const&, std::string const& request) {
         constexpr int atOnce = 100;
         std::string const entries = manyEntries(messageIdOf(request), atOnce);
         for (int sent = 0; sent < limit && peer.send(entries); sent += atOnce) {
@@ -312,22 +319,23 @@ Fault endless()
     return {"endless",
             "An endless stream of entries, and 5000 entries after which the connection breaks.",
             [](Column column) {
-                return requestOf(column) == Step::search ? std::string()
-                                                         : "the answer has no entries";
+                return isSearch(requestOf(column)) ? std::string() : "the answer has no entries";
             },
             [](Column column, Extent const&) {
                 constexpr int sizeLimitExceeded = 4;
+                Step const step = requestOf(column);
                 bool const countsEntries = isLookup(column) || column == Column::tool;
                 Accepted const overfull = codeOfRequest(column, sizeLimitExceeded);
                 std::vector<Case> cases = {serverCase(
-                    "5000, then closed", flooding(5000),
-                    countsEntries ? overfull : troubleIn(Step::search, column, Trouble::broken))};
+                    "5000, then closed", flooding(step, 5000),
+                    countsEntries ? overfull : troubleIn(step, column, Trouble::broken))};
                 if (countsEntries) {
-                    cases.push_back(serverCase("without end", flooding(INT_MAX), overfull));
+                    cases.push_back(serverCase("without end", flooding(step, INT_MAX), overfull));
                 }
                 return cases;
             },
-            "The timeouts of search, pool and query apply to each message, as documented. Only the "
+            "The timeouts of search, stream, pool and query apply to each message, as documented. "
+            "Only the "
             "engine and the tool are tested with an endless answer."};
 }
 

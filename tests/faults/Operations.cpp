@@ -78,18 +78,6 @@ LDAPSearch::Parameter lookUpUser()
     return parameter;
 }
 
-std::string valuesOf(LDAPSearchResultEntry const& entry)
-{
-    std::string text = entry.entryName();
-    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-        text += '|' + attribute.type().asString();
-        for (std::string const& value : attribute.value()) {
-            text += '=' + value;
-        }
-    }
-    return text;
-}
-
 bool isUser(LDAPSearchResultEntry const& entry)
 {
     std::string const values = valuesOf(entry);
@@ -122,13 +110,6 @@ std::string confirmationOf(LDAPConnection const& connection)
     return answer.resultCode() == 0 ? "bound" : "refused " + std::to_string(answer.resultCode());
 }
 
-std::string bindTo(LDAPConnection& connection, Target const& target)
-{
-    connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
-    connection.bindWait(target.patience);
-    return confirmationOf(connection);
-}
-
 std::string searchOn(LDAPConnection& connection, Target const& target)
 {
     target.afterBind();
@@ -148,7 +129,7 @@ public:
     Came run(Target const& target) override
     {
         return {SolvaneTest::wordFor([&] {
-            LDAPConnection connection(serverOf(target), false);
+            LDAPConnection connection = connectionTo(target);
             if (target.startsTls) {
                 connection.startTls();
             }
@@ -166,7 +147,7 @@ public:
     Came run(Target const& target) override
     {
         return {SolvaneTest::wordFor([&] {
-            LDAPConnection connection(serverOf(target), false);
+            LDAPConnection connection = connectionTo(target);
             std::string const bound = bindTo(connection, target);
             return bound == "bound" ? searchOn(connection, target) : bound;
         })};
@@ -178,7 +159,7 @@ public:
     Came run(Target const& target) override
     {
         return {SolvaneTest::wordFor([&] {
-            LDAPConnection connection(serverOf(target), false);
+            LDAPConnection connection = connectionTo(target);
             std::string const bound = bindTo(connection, target);
             return bound == "bound" ? addOn(connection, target) : bound;
         })};
@@ -298,7 +279,7 @@ public:
     Came run(Target const& target) override
     {
         return {SolvaneTest::wordFor([&] {
-            LDAPConnection connection(serverOf(target), false);
+            LDAPConnection connection = connectionTo(target);
             UserQuery query(connection, target);
             query.start();
             return query.word();
@@ -603,6 +584,30 @@ private:
 
 } // namespace
 
+std::string valuesOf(LDAPSearchResultEntry const& entry)
+{
+    std::string text = entry.entryName();
+    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        text += '|' + attribute.type().asString();
+        for (std::string const& value : attribute.value()) {
+            text += '=' + value;
+        }
+    }
+    return text;
+}
+
+LDAPConnection connectionTo(Target const& target)
+{
+    return LDAPConnection(serverOf(target), false);
+}
+
+std::string bindTo(LDAPConnection& connection, Target const& target)
+{
+    connection.bind(readerDn, readerPassword, LDAPConnection::Asynchronous);
+    connection.bindWait(target.patience);
+    return confirmationOf(connection);
+}
+
 std::string wordFor(std::function<std::string()> const& work)
 {
     try {
@@ -627,6 +632,11 @@ std::unique_ptr<Action> makeAction(Column column, std::string const& tool)
         return std::make_unique<Search>();
     case Column::add:
         return std::make_unique<Add>();
+    case Column::modify:
+    case Column::remove:
+    case Column::compare:
+    case Column::stream:
+        return makeRequest(column);
     case Column::pool:
         return std::make_unique<PoolLookup>();
     case Column::query:

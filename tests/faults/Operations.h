@@ -10,6 +10,11 @@
 #include <string>
 #include <vector>
 
+namespace Solvane {
+class LDAPConnection;
+class LDAPSearchResultEntry;
+} // namespace Solvane
+
 namespace SolvaneTest {
 
 /// The server of an operation, and its timeouts.
@@ -37,8 +42,10 @@ struct Target {
 
 /// The result of an operation, as one word or one place in the source:
 ///
-/// - "bound", "added", "found", "not found", "code N": the server's answer. "found altered" is an
-///   entry that differs from the user's.
+/// - "bound", "added", "modified", "deleted", "true", "false", "found", "not found", "code N": the
+///   server's answer. "found altered" is an entry that differs from the user's. Of a stream, "found
+///   less" and "found more" are a success without all entries, or with too many; "... after one
+///   twice" is a failure after an entry that came twice.
 /// - "refused N": the bind's code. "unconfirmed": no answer to the bind in time. "no answer": no
 ///   answer to the request.
 /// - "Search.cpp:332 (4/4)": an LDAPException with its code and type; causes follow behind "<". Of
@@ -57,6 +64,18 @@ public:
 
 /// @param tool  path of solvane-ldap
 std::unique_ptr<Action> makeAction(Column column, std::string const& tool);
+
+/// One of the requests beside search and add, on a connection of its own: modify, remove, compare,
+/// stream.
+std::unique_ptr<Action> makeRequest(Column column);
+
+/// A new connection, not yet bound.
+Solvane::LDAPConnection connectionTo(Target const& target);
+/// Binds it as the reader; returns "bound", "unconfirmed" or "refused N".
+std::string bindTo(Solvane::LDAPConnection& connection, Target const& target);
+
+/// The DN, and the attributes with their values.
+std::string valuesOf(Solvane::LDAPSearchResultEntry const& entry);
 
 /// Runs `work`; returns a failure as a word.
 std::string wordFor(std::function<std::string()> const& work);

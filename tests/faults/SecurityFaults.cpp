@@ -29,6 +29,10 @@ std::string notForOthers(Column column)
     switch (column) {
     case Column::search:
     case Column::add:
+    case Column::modify:
+    case Column::remove:
+    case Column::compare:
+    case Column::stream:
         return "see bind";
     case Column::pool:
     case Column::query:

@@ -89,7 +89,8 @@ std::vector<Step> stepsOf(Column column)
 
 char const* nameOf(Step step)
 {
-    constexpr char const* names[] = {"bind", "who-am-i", "search", "add", "other"};
+    constexpr char const* names[] = {"bind",   "who-am-i", "search", "add",       "modify",
+                                     "delete", "compare",  "page",   "next page", "other"};
     return names[static_cast<int>(step)];
 }
 
@@ -109,11 +110,10 @@ Accepted exitStatuses(std::initializer_list<int> statuses)
 
 Accepted alteredEntry(Column column)
 {
-    switch (column) {
-    case Column::bind:
-    case Column::add:
-    case Column::verify:
+    if (!isSearch(requestOf(column))) {
         return {};
+    }
+    switch (column) {
     case Column::tool:
         return {"exit 0 altered"};
     default:
@@ -123,11 +123,12 @@ Accepted alteredEntry(Column column)
 
 Accepted nobody(Column column)
 {
-    switch (column) {
-    case Column::bind:
-    case Column::add:
-    case Column::verify:
+    if (!isSearch(requestOf(column))) {
         return {};
+    }
+    switch (column) {
+    case Column::stream:
+        return {"found less", "not found"};
     case Column::engine:
     case Column::submit:
         return {"NotFound 0"};

@@ -65,7 +65,7 @@ std::string joined(std::vector<std::string> const& pieces);
 Accepted exitStatuses(std::initializer_list<int> statuses);
 /// The result of a column for an altered entry; empty if it does not search.
 Accepted alteredEntry(Column column);
-/// The result of a column for a complete answer without entries.
+/// The result of a column for a complete answer without entries; of a stream, for one without some.
 Accepted nobody(Column column);
 
 } // namespace SolvaneTest

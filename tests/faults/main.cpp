@@ -191,6 +191,24 @@ void printNotApplicable(Fault const& fault, Column column, std::string const& wh
         .print();
 }
 
+/// The maximum number of cases of a cell; 0: all. The tool's are a process each; what is left out of the
+/// other cells by a quick run is code that they share.
+unsigned int mostCases(Column column, bool isQuick)
+{
+    switch (column) {
+    case Column::tool:
+        return isQuick ? 4 : 60;
+    case Column::modify:
+    case Column::remove:
+    case Column::compare:
+        return isQuick ? 12 : 0;
+    case Column::stream:
+        return isQuick ? 60 : 0;
+    default:
+        return 0;
+    }
+}
+
 void printList(std::vector<Fault> const& faults)
 {
     for (Fault const& fault : faults) {
@@ -245,7 +263,6 @@ int run(Options const& options)
     constexpr unsigned int everySeventh = 7;
     Extent extent;
     extent.stride = options.isQuick ? everySeventh : 1;
-    unsigned int const mostRunsOfTool = options.isQuick ? 4 : 60; // a process each
     extent.healthyPort = healthy.port();
     extent.tool = options.tool;
     extent.preload = options.preload;
@@ -265,7 +282,7 @@ int run(Options const& options)
                 printNotApplicable(fault, column, why);
                 continue;
             }
-            extent.most = column == Column::tool ? mostRunsOfTool : 0;
+            extent.most = mostCases(column, options.isQuick);
             CellReport const report = runCell(fault, column, extent);
             print(fault, column, report);
             isGood = isGood && report.failures.empty();

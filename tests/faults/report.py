@@ -9,7 +9,8 @@ import json
 import re
 import sys
 
-COLUMNS = ["bind", "search", "add", "pool", "query", "engine", "submit", "verify", "tool"]
+COLUMNS = ["bind", "search", "add", "modify", "delete", "compare", "stream"]
+COLUMNS += ["pool", "query", "engine", "submit", "verify", "tool"]
 START, END = "<!-- faults -->", "<!-- /faults -->"
 
 

@@ -142,6 +142,28 @@ TEST_P(DenialByAServer, IsOfAPasswordThatMustBeChanged)
     expect(Denial::mustChange, verify(reset), "reset");
 }
 
+TEST_P(DenialByAServer, OfAnotherRequestWhileThePasswordMustBeChanged)
+{
+    if (!server().has("RESET_MODIFY")) {
+        GTEST_SKIP() << "the server refuses the bind";
+    }
+    std::string const dn = server().personDn(reset);
+    LDAPConnection user(server().description(), false);
+    user.bind(dn, passwordOf(reset), LDAPConnection::Synchronous);
+    LDAPModify request(user, dn);
+    request.replace("sn", {"other"});
+    request.controls() = {LDAPControls::passwordPolicy()};
+    request.send();
+
+    ASSERT_FALSE(request.wait(10));
+
+    LDAPControls::PasswordPolicy policy;
+    EXPECT_EQ(request.result().resultCode(), server().number("RESET_MODIFY"));
+    EXPECT_EQ(LDAPControls::passwordPolicy(request.responseControls(), policy),
+              server().number("RESET_ERROR") >= 0);
+    EXPECT_EQ(policy.error, server().number("RESET_ERROR"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Ways, DenialByAServer,
                          testing::Values(Way{"AsTheServerIsSet"}, Way{"StartTls", true, false}),
                          nameOf);

@@ -95,6 +95,26 @@ def denial(state):
     return code(f"denied_{state}", "accepted, for the change only", f"denied_{state}_text")
 
 
+UNSUPPORTED, CLOSED = (2, 12), -2
+
+
+def request(name, good="supported", other=None):
+    """A cell for a request or a critical control. good: words for code 0; other: for further codes that
+    are no refusal."""
+
+    def cell(server):
+        if server[name] == "":
+            return ABSENT
+        answer = int(server[name])
+        if answer in {0: good, **(other or {})}:
+            return {0: good, **(other or {})}[answer]
+        if answer == CLOSED:
+            return "not supported: closes the connection"
+        return f"not supported: code {answer}" if answer in UNSUPPORTED else f"code {answer}"
+
+    return cell
+
+
 def check(server):
     warned = server["check_who_am_i"] == "warning"
     return f'exit status {server["check"]}' + (', "who am I" a warning' if warned else "")
@@ -130,6 +150,28 @@ DIFFERENCES = (
     ("a person's certificate", plain("certificate", quoted=True)),
     ("add of `userCertificate;binary`", code("binary_option", "stored")),
     ("add with an unknown type", code("undefined_type", "stored")),
+    ("modify with an increment", request("increment")),
+    ("rename that keeps the values of the old name", request("keep_old_rdn")),
+    ("compare with an attribute that the entry lacks", request("compare_missing")),
+    ("change of a password (RFC 3062), by the administrator", request("passwd")),
+    ("the same by the user, with a wrong old password", request("passwd_wrong")),
+    ("cancel (RFC 3909)", request("cancel", other={119: "supported"})),
+    (
+        "unknown critical control",
+        request("control_unknown", other={12: "code 12", CLOSED: "closes the connection"}),
+    ),
+    ("control: pages, in a stream", lambda server: "supported" if server["pages"] else ABSENT),
+    ("control: sort", request("control_sort")),
+    ("control: assertion", request("control_assertion", other={122: "supported"})),
+    ("control: pre-read", request("control_pre_read")),
+    ("control: post-read", request("control_post_read")),
+    (
+        "control: proxied authorization, as a user without rights",
+        request("control_proxy", other={50: "supported: code 50"}),
+    ),
+    ("control: ManageDsaIT", request("control_manage")),
+    ("control: subentries", request("control_subentries")),
+    ("control: password policy", request("control_policy")),
     ("TLS", plain("tls")),
     ("`check` with `ldaps://`", check),
     ("`check` with `ldap://`", lambda server: f'exit status {server["check_without_tls"]}'),
