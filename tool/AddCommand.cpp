@@ -22,9 +22,6 @@ namespace Solvane::Tool {
 
 namespace {
 
-using Lookup::Session;
-using Lookup::Verdict;
-
 constexpr char footer[] =
     "Records are entries, or changes of type add. Each entry gets one line, in the order of the\n"
     "file: added DN, exists DN, refused CODE DN: TEXT, or unknown DN: TEXT if no answer came;\n"
@@ -48,40 +45,6 @@ char const* nameOf(AddReport::Status status)
 {
     // cppcheck-suppress CastIntegerToAddressAtReturn ; the integer is an index into texts
     return statusNames[static_cast<std::size_t>(status)];
-}
-
-// Servers
-
-/// Connects to the first reachable server of the list. A refused bind ends the search: trying the
-/// next server would count as another failed login and could lock the account.
-std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
-                                   std::shared_ptr<Lookup::TlsContext> const& tls,
-                                   Diagnostics const& diagnostics)
-{
-    Session::initializeOpenLdap();
-    auto const deadline = Lookup::Clock::now() + settings.deadline;
-    auto const lastStep = settings.isAnonymous() ? Lookup::Step::bind : Lookup::Step::identify;
-    Verdict last;
-    for (LDAPLookup::Server const& listed : settings.servers) {
-        ServersFound const found = serversOf(listed, settings, deadline);
-        last = found.verdict;
-        if (!last.isGood()) {
-            diagnostics.note(last.text);
-        }
-        for (LDAPLookup::Server const& server : found.servers) {
-            auto session = std::make_unique<Session>(sessionOptions(settings, server, tls));
-            last = session->reach(lastStep, deadline);
-            if (last.isGood()) {
-                diagnostics.note(fmt::format("adding to {}", session->uri()));
-                return session;
-            }
-            if (last.outcome != Lookup::Outcome::TryLater) {
-                throw Failure(outcomeOf(last), last.text, remedyFor(last), last.code);
-            }
-            diagnostics.note(last.text);
-        }
-    }
-    throw Failure(outcomeOf(last), last.text, remedyFor(last), last.code);
 }
 
 // Reports
@@ -309,8 +272,14 @@ Outcome AddCommand::add(CommonOptions const& common, Output& output, Diagnostics
 
     Reporter reporter(common, output, diagnostics);
     auto const tls = std::make_shared<Lookup::TlsContext>(settings.tls);
+    auto const lastStep = settings.isAnonymous() ? Lookup::Step::bind : Lookup::Step::identify;
     AddRun adds(
-        limits, [&] { return openFirst(settings, tls, diagnostics); },
+        limits,
+        [&] {
+            auto session = openFirst(settings, tls, lastStep, diagnostics);
+            diagnostics.note(fmt::format("adding to {}", session->uri()));
+            return session;
+        },
         [&](AddReport const& report) { reporter.take(report); });
     Outcome worst = Outcome::found;
     forEachEntry(

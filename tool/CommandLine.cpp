@@ -136,13 +136,14 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
 {
     ExpandCommand expand;
     LookupCommand lookup;
+    SearchCommand search;
     AddCommand add;
     CheckCommand check;
     VerifyCommand verify;
     ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 7> const commands = {&expand, &lookup, &verify, &add,
-                                              &check,  &import, &status};
+    std::array<Command*, 8> const commands = {&expand, &lookup, &search, &verify,
+                                              &add,    &check,  &import, &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

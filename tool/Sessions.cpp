@@ -1,8 +1,10 @@
 // Options of sessions, and reading the messages of an answer.
 #include "Sessions.h"
 
+#include "Console.h"
 #include "Files.h"
 #include "OpenLDAP.h"
+#include "Outcome.h"
 #include "Text.h"
 
 #include <solvane/session/EntryReader.h>
@@ -145,6 +147,34 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
     options.bindDn = settings.bindDn;
     options.password = &settings.password;
     return options;
+}
+
+std::unique_ptr<Session> openFirst(LDAPLookup::Settings const& settings,
+                                   std::shared_ptr<Lookup::TlsContext> const& tls,
+                                   Lookup::Step last, Diagnostics const& diagnostics)
+{
+    Session::initializeOpenLdap();
+    auto const deadline = Clock::now() + settings.deadline;
+    Verdict verdict;
+    for (LDAPLookup::Server const& listed : settings.servers) {
+        ServersFound const found = serversOf(listed, settings, deadline);
+        verdict = found.verdict;
+        if (!verdict.isGood()) {
+            diagnostics.note(verdict.text);
+        }
+        for (LDAPLookup::Server const& server : found.servers) {
+            auto session = std::make_unique<Session>(sessionOptions(settings, server, tls));
+            verdict = session->reach(last, deadline);
+            if (verdict.isGood()) {
+                return session;
+            }
+            if (verdict.outcome != Lookup::Outcome::TryLater) {
+                throw Failure(outcomeOf(verdict), verdict.text, remedyFor(verdict), verdict.code);
+            }
+            diagnostics.note(verdict.text);
+        }
+    }
+    throw Failure(outcomeOf(verdict), verdict.text, remedyFor(verdict), verdict.code);
 }
 
 Session::Received awaitMessage(Session& session, Patience const& patience,

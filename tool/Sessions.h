@@ -15,6 +15,8 @@
 
 namespace Solvane::Tool {
 
+class Diagnostics;
+
 /// The servers of one row of the server list.
 struct ServersFound {
     Lookup::Verdict verdict;
@@ -37,6 +39,15 @@ std::string identityIn(LDAPLookup::Settings const& settings);
 Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
                                       LDAPLookup::Server const& server,
                                       std::shared_ptr<Lookup::TlsContext> tls);
+
+/// Connects to the first reachable server of the list, up to the step `last`. A refused bind ends the
+/// search: trying the next server would count as another failed login and could lock the account.
+/// @param settings     borrowed; must outlive the session's bind
+/// @param diagnostics  is told why a server is skipped
+/// @throws Failure  no server can be reached, or one refuses
+std::unique_ptr<Lookup::Session> openFirst(LDAPLookup::Settings const& settings,
+                                           std::shared_ptr<Lookup::TlsContext> const& tls,
+                                           Lookup::Step last, Diagnostics const& diagnostics);
 
 /// How a search ended, and what it found.
 struct SearchEnd {

@@ -34,7 +34,7 @@ class CommandLine(ToolTest):
 
     def test_answers_whoever_asks_for_help_or_version_behind_a_command(self):
         self.assertRegex(run("lookup", "-V").output, "^solvane-ldap ")
-        for command in ("expand", "lookup", "verify", "add", "check", "import", "status"):
+        for command in COMMANDS:
             self.assertIn("'solvane-ldap --help'", run(command, "-h").output)
 
     def test_refuses_what_it_does_not_know(self):
@@ -353,7 +353,7 @@ class StandardOutput(ToolTest):
 
 
 SOURCE = os.path.dirname(TESTBED)
-COMMANDS = ["expand", "lookup", "verify", "add", "check", "import", "status"]
+COMMANDS = ["expand", "lookup", "search", "verify", "add", "check", "import", "status"]
 OPTION = re.compile(r"^  ((?:-\w|--[\w-]+)(?:,--?[\w-]+)*)", re.MULTILINE)
 EVERYWHERE = {"-V", "--version"}  # taken behind a command too, but of no use there
 
