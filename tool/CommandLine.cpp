@@ -136,6 +136,7 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
 {
     ExpandCommand expand;
     LookupCommand lookup;
+    SearchCommand search;
     AddCommand add;
     ApplyCommand apply;
     CheckCommand check;
@@ -145,8 +146,9 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     WhoAmICommand whoAmI;
     ImportCommand import;
     StatusCommand status;
-    std::array<Command*, 11> const commands = {&expand, &lookup, &verify, &add,    &apply, &compare,
-                                               &passwd, &whoAmI, &check,  &import, &status};
+    std::array<Command*, 12> const commands = {&expand, &lookup, &search,  &verify,
+                                               &add,    &apply,  &compare, &passwd,
+                                               &whoAmI, &check,  &import,  &status};
 
     CommonOptions common;
     CLI::App app("Try, check and run directory lookups.", "solvane-ldap");

@@ -8,19 +8,24 @@
 
 #include <solvane/lookup/QueryTemplate.h>
 
+#include <solvane/ldap/LDAPControls.h>
+
+#include <list>
 #include <memory>
 #include <optional>
 #include <string>
 
 namespace CLI {
 class App;
-}
+class Option;
+} // namespace CLI
 
 namespace Solvane::Tool {
 
 class CheckReport;
 class CommonOptions;
 class RecordWriter;
+struct SearchQuery;
 
 /// Declares its options, and runs once they are read.
 class Command {
@@ -211,6 +216,30 @@ private:
     Source m_new;
     Source m_old;
     bool m_generates = false;
+};
+
+/// "search": the entries that a filter finds, as they come.
+class SearchCommand final : public Command {
+public:
+    char const* name() const override { return "search"; }
+    char const* description() const override { return "Print the entries that a filter finds"; }
+    void declareOn(CLI::App& app) override;
+    int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
+
+private:
+    SearchQuery query() const;
+    std::unique_ptr<RecordWriter> writer(CommonOptions const& common) const;
+
+    SettingOptions m_settings;
+    CLI::Option const* m_arguments = nullptr; ///< a filter, and attributes
+    std::optional<unsigned int> m_sizeLimit;
+    std::optional<unsigned int> m_timeLimit;
+    std::optional<unsigned int> m_pageSize;
+    std::optional<std::list<LDAPControls::SortKey>> m_sortKeys;
+    int m_manages = 0;    ///< number of M's; 2: critical
+    int m_ldifLeaves = 0; ///< number of L's; 0: --format decides
+    bool m_isTypesOnly = false;
+    bool m_onlyCounts = false;
 };
 
 /// "status": the statistics of a running service.

@@ -79,6 +79,19 @@ void appendSummary(Record const& record, std::string& out)
     }
 }
 
+/// Appends every value of an entry.
+/// @param separator  before the first value; a comma after it
+void appendValues(LDAPSearchResultEntry const& entry, char const*& separator, std::string& out)
+{
+    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        for (Buffer const& value : attribute.binaryValue()) {
+            out += separator;
+            appendField(out, bytesOf(value), ",");
+            separator = ",";
+        }
+    }
+}
+
 /// Appends every value of what was found, on one line, separated by commas. Nothing for an error:
 /// values that came before it are not all of them.
 void appendValues(Record const& record, std::string& out)
@@ -96,13 +109,7 @@ void appendValues(Record const& record, std::string& out)
         return;
     }
     for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-            for (Buffer const& value : attribute.binaryValue()) {
-                out += separator;
-                appendField(out, bytesOf(value), ",");
-                separator = ",";
-            }
-        }
+        appendValues(entry, separator, out);
     }
 }
 
@@ -125,15 +132,34 @@ private:
             return;
         }
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-            appendLine("dn", entry.entryName(), out);
-            for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-                std::string const& name = attribute.type().asString();
-                for (Buffer const& value : attribute.binaryValue()) {
-                    appendLine(name, bytesOf(value), out);
-                }
+            appendEntry(entry, out);
+        }
+    }
+
+    void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const override
+    {
+        appendLine("dn", entry.entryName(), out);
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            std::string const& name = attribute.type().asString();
+            if (attribute.binaryValue().empty()) { // types only
+                appendOneLine(out, name);
+                out += ":\n";
             }
+            for (Buffer const& value : attribute.binaryValue()) {
+                appendLine(name, bytesOf(value), out);
+            }
+        }
+        out += '\n';
+    }
+
+    void appendReference(std::vector<std::string> const& uris, std::string& out) const override
+    {
+        for (std::string const& uri : uris) {
+            out += "# ref: ";
+            appendOneLine(out, uri);
             out += '\n';
         }
+        out += '\n';
     }
 
     /// As LDIF writes it, except that UTF-8 stays readable.
@@ -162,6 +188,15 @@ private:
         appendValues(record, out);
         out += '\n';
     }
+
+    void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const override
+    {
+        char const* separator = "";
+        appendValues(entry, separator, out);
+        out += '\n';
+    }
+
+    bool writesReferences() const override { return false; }
 };
 
 /// Lines of a table. The second column is what "postmap -q" would print.
@@ -185,6 +220,16 @@ private:
         }
         out += '\n';
     }
+
+    void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const override
+    {
+        appendField(out, entry.entryName(), "");
+        char const* separator = "\t";
+        appendValues(entry, separator, out);
+        out += *separator == '\t' ? "\t\n" : "\n";
+    }
+
+    bool writesReferences() const override { return false; }
 };
 
 /// What a directory can load.
@@ -205,15 +250,38 @@ private:
             out += '\n';
         }
         for (LDAPSearchResultEntry const& entry : record.answer.entries) {
-            LDAPLdif::appendLine(out, "dn", entry.entryName());
-            for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-                std::string const& name = attribute.type().asString();
-                for (Buffer const& value : attribute.binaryValue()) {
-                    appendLine(name, bytesOf(value), out);
-                }
+            appendEntry(entry, out);
+        }
+    }
+
+    void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const override
+    {
+        LDAPLdif::appendLine(out, "dn", entry.entryName());
+        for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
+            std::string const& name = attribute.type().asString();
+            if (attribute.binaryValue().empty()) { // types only
+                appendLine(name, "", out);
+            }
+            for (Buffer const& value : attribute.binaryValue()) {
+                appendLine(name, bytesOf(value), out);
+            }
+        }
+        out += '\n';
+    }
+
+    /// As ldapsearch writes it: comments, which it folds after 79 bytes.
+    void appendReference(std::vector<std::string> const& uris, std::string& out) const override
+    {
+        constexpr std::size_t width = 79;
+        for (std::string const& uri : uris) {
+            std::string const line = "# ref" + oneLine(uri);
+            out += line.substr(0, width);
+            for (std::size_t at = width; at < line.size(); at += width - 1) {
+                out += "\n " + line.substr(at, width - 1);
             }
             out += '\n';
         }
+        out += '\n';
     }
 
     /// A name that would change what the line means, which no sound server sends, becomes a comment.
@@ -262,7 +330,7 @@ private:
         json.key("server").optional(answer.server);
         json.key("entries")->StartArray();
         for (LDAPSearchResultEntry const& entry : answer.entries) {
-            appendEntry(entry, json);
+            appendObject(entry, json);
         }
         json->EndArray();
         if (record.hasResults) {
@@ -284,7 +352,27 @@ private:
         out += '\n';
     }
 
-    static void appendEntry(LDAPSearchResultEntry const& entry, Json& json)
+    void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const override
+    {
+        Json json(out);
+        appendObject(entry, json);
+        out += '\n';
+    }
+
+    void appendReference(std::vector<std::string> const& uris, std::string& out) const override
+    {
+        Json json(out);
+        json->StartObject();
+        json.key("references")->StartArray();
+        for (std::string const& uri : uris) {
+            json.value(uri);
+        }
+        json->EndArray();
+        json->EndObject();
+        out += '\n';
+    }
+
+    static void appendObject(LDAPSearchResultEntry const& entry, Json& json)
     {
         json->StartObject();
         json.key("dn").value(entry.entryName());

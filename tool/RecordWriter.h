@@ -46,16 +46,41 @@ public:
     /// Appends a record to `out`.
     void write(Record const& record, std::string& out) const
     {
-        std::size_t const before = out.size();
-        append(record, out);
-        if (out.size() != before) {
-            out.back() = m_recordEnd;
+        ended(out, [&] { append(record, out); });
+    }
+    /// Appends an entry as a record of its own.
+    void writeEntry(LDAPSearchResultEntry const& entry, std::string& out) const
+    {
+        ended(out, [&] { appendEntry(entry, out); });
+    }
+    /// Whether there is a form for references.
+    virtual bool writesReferences() const { return true; }
+    /// Appends the URIs of a continuation reference as a record, if there is a form for them.
+    void writeReference(std::vector<std::string> const& uris, std::string& out) const
+    {
+        if (writesReferences()) {
+            ended(out, [&] { appendReference(uris, out); });
         }
     }
+
+protected:
+    /// Appends an entry; ends with a newline.
+    virtual void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const = 0;
 
 private:
     /// Appends a record that ends with a newline, or nothing.
     virtual void append(Record const& record, std::string& out) const = 0;
+    /// Appends URIs; ends with a newline.
+    virtual void appendReference(std::vector<std::string> const&, std::string&) const {}
+
+    template <typename Append> void ended(std::string& out, Append const& append) const
+    {
+        std::size_t const before = out.size();
+        append();
+        if (out.size() != before) {
+            out.back() = m_recordEnd;
+        }
+    }
 
     char m_recordEnd;
 };

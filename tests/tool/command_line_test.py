@@ -356,6 +356,7 @@ SOURCE = os.path.dirname(TESTBED)
 COMMANDS = [
     "expand",
     "lookup",
+    "search",
     "verify",
     "add",
     "apply",
