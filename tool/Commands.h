@@ -227,7 +227,8 @@ public:
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
-    SearchQuery query() const;
+    SearchQuery query(Draft& draft) const;
+    void takeArguments(SearchQuery& query) const;
     std::unique_ptr<RecordWriter> writer(CommonOptions const& common) const;
 
     SettingOptions m_settings;

@@ -209,7 +209,7 @@ Outcome outcomeOfEnd(Lookup::Verdict const& verdict)
                                                                : outcomeOf(verdict);
 }
 
-std::string remedyForEnd(Lookup::Verdict const& verdict, SearchQuery const& query, bool sorts,
+std::string remedyForEnd(Lookup::Verdict const& verdict, SearchQuery const& query,
                          unsigned long entries)
 {
     switch (verdict.code) {
@@ -226,7 +226,7 @@ std::string remedyForEnd(Lookup::Verdict const& verdict, SearchQuery const& quer
         return "leave out what the server does not support: --page-size, --sort or -MM";
     case LDAP_NO_SUCH_ATTRIBUTE:
     case LDAP_INAPPROPRIATE_MATCHING:
-        if (sorts) {
+        if (query.sorts) {
             return "correct the keys of --sort; one without an ordering rule needs it named, as in "
                    "cn:caseIgnoreOrderingMatch";
         }
@@ -239,6 +239,74 @@ std::string remedyForEnd(Lookup::Verdict const& verdict, SearchQuery const& quer
     default:
         return remedyFor(verdict);
     }
+}
+
+/// How a search ended.
+struct Ending {
+    Lookup::Verdict verdict;
+    int signal = 0; ///< that interrupted it; 0: none
+    bool isUnsorted = false;
+
+    bool isWhole() const { return signal == 0 && verdict.isGood(); }
+};
+
+/// Searches until the end, and closes the session.
+Ending stream(std::unique_ptr<Lookup::Session> session, SearchQuery const& query,
+              std::chrono::milliseconds silence, SearchOutput& results)
+{
+    Interruption const interruption;
+    SearchRun search(*session, query, silence, [&] { results.flush(); });
+    for (auto item = search.next(); item != SearchRun::Item::end; item = search.next()) {
+        results.take(search, item);
+    }
+    results.flush();
+    return {search.verdict(), Interruption::signal(), search.sortResult().code != LDAP_SUCCESS};
+}
+
+/// Says why a search ended early. Does not return after a signal: the shell learns of it by a second one.
+Outcome outcomeOfPart(Ending const& ending, SearchQuery const& query, unsigned long entries,
+                      Diagnostics const& diagnostics)
+{
+    std::string const soFar = counted(entries, "entry", "entries");
+    if (ending.signal != 0) {
+        diagnostics.error(fmt::format("interrupted after {}; the result is incomplete", soFar));
+        std::raise(ending.signal);
+        return Outcome::tryLater;
+    }
+    diagnostics.error(fmt::format("{}, after {}; {}", ending.verdict.text, soFar,
+                                  remedyForEnd(ending.verdict, query, entries)));
+    return outcomeOfEnd(ending.verdict);
+}
+
+/// Tells of references that nothing else shows.
+Outcome outcomeOfWhole(SearchOutput const& results, bool ignoresReferences,
+                       Diagnostics const& diagnostics)
+{
+    bool const hasOnlyReferences =
+        results.references() != 0 && results.entries() == 0 && !ignoresReferences;
+    if (hasOnlyReferences || (results.hidesReferences() && !ignoresReferences)) {
+        diagnostics.error(fmt::format(
+            "{} to other servers not followed; ask these servers (-H), or see referral entries "
+            "with -M",
+            counted(results.references(), "reference", "references")));
+    }
+    if (results.entries() != 0) {
+        return Outcome::found;
+    }
+    return hasOnlyReferences ? Outcome::refused : Outcome::notFound;
+}
+
+/// @param isOption  the base is that of the command line
+std::string baseOf(Draft const& draft, bool isOption)
+{
+    if (isOption) {
+        return draft.lookup.base;
+    }
+    auto const base = Lookup::baseOfAllKeys(draft.lookup);
+    if (!base) {
+        refuse("the search base of the settings file is made from each address", "add -b BASE");
+    }
+    return *base;
 }
 
 } // namespace
@@ -277,11 +345,35 @@ void SearchCommand::declareOn(CLI::App& app)
     app.footer(footer);
 }
 
-/// All except the base.
-/// @throws Failure  "badInput": the filter is invalid; "usage": an attribute is
-SearchQuery SearchCommand::query() const
+/// @throws Failure  "badInput": the filter is invalid; "usage": an attribute is, or there is no base
+SearchQuery SearchCommand::query(Draft& draft) const
 {
     SearchQuery query;
+    takeArguments(query);
+    requireBase(draft);
+    query.base = baseOf(draft, m_settings.has("search_base"));
+    query.scope = LDAPSearchAdapter::fromScope(draft.lookup.scope);
+    query.deref = LDAPSearchAdapter::fromDeref(draft.lookup.deref);
+    query.isTypesOnly = m_isTypesOnly;
+    query.sizeLimit = m_sizeLimit.value_or(0);
+    query.timeLimit = m_timeLimit.value_or(0);
+    query.pageSize = m_pageSize.value_or(0);
+    if (m_sortKeys) {
+        query.controls.push_back(LDAPControls::sort(*m_sortKeys));
+        query.sorts = true;
+    }
+    if (m_manages != 0) {
+        query.controls.push_back(LDAPControls::manageDsaIT(m_manages > 1));
+    }
+    if (m_onlyCounts) {
+        query.attributes = {LDAP_NO_ATTRS};
+    }
+    return query;
+}
+
+/// A filter, unless the first argument is an attribute; and attributes.
+void SearchCommand::takeArguments(SearchQuery& query) const
+{
     query.filter = "(objectClass=*)";
     auto const& arguments = m_arguments->results();
     auto first = arguments.begin();
@@ -298,20 +390,6 @@ SearchQuery SearchCommand::query() const
             query.attributes.push_back(name);
         }
     });
-    query.isTypesOnly = m_isTypesOnly;
-    query.sizeLimit = m_sizeLimit.value_or(0);
-    query.timeLimit = m_timeLimit.value_or(0);
-    query.pageSize = m_pageSize.value_or(0);
-    if (m_sortKeys) {
-        query.controls.push_back(LDAPControls::sort(*m_sortKeys));
-    }
-    if (m_manages != 0) {
-        query.controls.push_back(LDAPControls::manageDsaIT(m_manages > 1));
-    }
-    if (m_onlyCounts) {
-        query.attributes = {LDAP_NO_ATTRS};
-    }
-    return query;
 }
 
 std::unique_ptr<RecordWriter> SearchCommand::writer(CommonOptions const& common) const
@@ -328,20 +406,10 @@ std::unique_ptr<RecordWriter> SearchCommand::writer(CommonOptions const& common)
 
 int SearchCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
 {
-    SearchQuery query = this->query();
-    auto records = writer(common);
     Draft draft = common.draft();
     m_settings.applyTo(draft);
-    requireBase(draft);
-    auto const base = m_settings.has("search_base") ? std::optional(draft.lookup.base)
-                                                    : Lookup::baseOfAllKeys(draft.lookup);
-    if (!base) {
-        refuse("the search base of the settings file is made from each address", "add -b BASE");
-    }
-    query.base = *base;
-    query.scope = LDAPSearchAdapter::fromScope(draft.lookup.scope);
-    query.deref = LDAPSearchAdapter::fromDeref(draft.lookup.deref);
-
+    SearchQuery const query = this->query(draft);
+    auto records = writer(common);
     Secret password;
     LDAPLookup::Settings settings = common.settings(draft, password);
     auto const tls = std::make_shared<Lookup::TlsContext>(settings.tls);
@@ -351,51 +419,20 @@ int SearchCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     diagnostics.note(fmt::format("searching {}", session->uri()));
 
     SearchOutput results(common, std::move(records), m_onlyCounts, output, diagnostics);
-    int signal = 0;
-    Lookup::Verdict verdict;
-    {
-        Interruption const interruption;
-        SearchRun search(*session, query, std::chrono::seconds(settings.networkTimeout),
-                         [&] { results.flush(); });
-        for (auto item = search.next(); item != SearchRun::Item::end; item = search.next()) {
-            results.take(search, item);
-        }
-        results.flush();
-        session.reset(); // the server stops sending
-        verdict = search.verdict();
-        signal = interruption.signal();
-        if (search.sortResult().code != LDAP_SUCCESS && verdict.isGood()) {
-            diagnostics.error("warning: the server did not sort the entries");
-        }
-    }
-    if (signal == 0 && verdict.isGood()) {
+    Ending const ending =
+        stream(std::move(session), query, std::chrono::seconds(settings.networkTimeout), results);
+    if (ending.isWhole()) {
         results.writeCount();
     }
     results.printStatistics();
-    std::string const soFar = counted(results.entries(), "entry", "entries");
-    if (signal != 0) {
-        diagnostics.error(fmt::format("interrupted after {}; the result is incomplete", soFar));
-        std::raise(signal); // the shell learns that it was the signal
+    if (!ending.isWhole()) {
+        return exitStatusOf(outcomeOfPart(ending, query, results.entries(), diagnostics));
     }
-    if (!verdict.isGood()) {
-        diagnostics.error(
-            fmt::format("{}, after {}; {}", verdict.text, soFar,
-                        remedyForEnd(verdict, query, m_sortKeys.has_value(), results.entries())));
-        return exitStatusOf(outcomeOfEnd(verdict));
+    if (ending.isUnsorted) {
+        diagnostics.error("warning: the server did not sort the entries; leave --sort out");
     }
     bool const ignoresReferences = draft.lookup.references == Lookup::References::ignore;
-    bool const hasOnlyReferences = results.references() != 0 && results.entries() == 0;
-    if (!ignoresReferences && (hasOnlyReferences || results.hidesReferences())) {
-        diagnostics.error(fmt::format(
-            "{} to other servers not followed; ask these servers (-H), or see referral entries "
-            "with -M",
-            counted(results.references(), "reference", "references")));
-    }
-    if (results.entries() != 0) {
-        return exitStatusOf(Outcome::found);
-    }
-    return exitStatusOf(hasOnlyReferences && !ignoresReferences ? Outcome::refused
-                                                                : Outcome::notFound);
+    return exitStatusOf(outcomeOfWhole(results, ignoresReferences, diagnostics));
 }
 
 } // namespace Solvane::Tool

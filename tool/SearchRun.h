@@ -27,6 +27,7 @@ struct SearchQuery {
     unsigned int sizeLimit = 0;                 ///< 0: none
     unsigned int timeLimit = 0;                 ///< seconds at the server; 0: none
     unsigned int pageSize = 0;                  ///< entries; 0: no pages
+    bool sorts = false;                         ///< one of the controls is for that
     std::list<LDAPOperation::Control> controls; ///< besides that of the pages
 };
 

@@ -5,6 +5,7 @@ import json
 import os
 import signal
 import subprocess
+import threading
 import unittest
 
 from servers import (
@@ -15,7 +16,7 @@ from servers import (
     serving,
     silent,
 )
-from support import DEADLINE, PEOPLE, TOOL, DirectoryTest, ToolTest, free_port, run, tlv
+from support import DEADLINE, PEOPLE, TOOL, DirectoryTest, Terminal, ToolTest, free_port, run, tlv
 
 SUFFIX = "dc=corp,dc=test"
 ODD = f"ou=odd,{SUFFIX}"
@@ -527,6 +528,60 @@ class Faults(ToolTest):
             _, errors = running.communicate(timeout=DEADLINE)
 
         self.assertEqual(running.returncode, -signal.SIGTERM, errors)
+
+
+class LongRuns(ToolTest):
+    def test_shows_its_progress_on_a_terminal(self):
+        hurry = threading.Event()
+
+        def script(connection):
+            request = connection.receive()
+            while not hurry.wait(0.02):
+                connection.send(request.entry(cn=[b"one"]))
+            connection.send(request.empty())
+            silent(connection)
+
+        directory = ScriptedDirectory(self, script)
+        self.addCleanup(hurry.set)
+        with open(os.path.join(self.folder, "records"), "wb") as records:
+            terminal = Terminal(
+                self.addCleanup,
+                *["search", "-H", directory.uri, "-b", "dc=x", "cn=*"],
+                output=records.fileno(),
+            )
+
+        terminal.read_until(b"/s")
+        hurry.set()
+        status = terminal.read_to_end()
+
+        self.assertEqual(status, 0, terminal.shown)
+        self.assertRegex(terminal.shown, rb"\r\x1b\[K\d+ \d+/s")
+        self.assertTrue(terminal.shown.endswith(b"\r\x1b[K"), terminal.shown)
+
+    def test_takes_the_memory_of_a_short_one(self):
+        """Entries of 128 MB in all, to a reader that takes them as they come."""
+
+        def script(connection):
+            request = connection.receive()
+            one = request.entry(description=[b"x" * 65536])
+            for _ in range(2048):
+                connection.send(one)
+            connection.send(request.empty())
+            silent(connection)
+
+        directory = ScriptedDirectory(self, script)
+        # ASan keeps what is freed, up to this size.
+        options = os.environ.get("ASAN_OPTIONS", "") + ":quarantine_size_mb=1"
+        with subprocess.Popen(
+            [TOOL, "search", "-H", directory.uri, "-b", "dc=x", "--format", "values", "cn=*"],
+            stdout=subprocess.DEVNULL,
+            env={**os.environ, "ASAN_OPTIONS": options},
+        ) as running:
+            _, status, usage = os.wait4(running.pid, 0)
+            running.returncode = os.waitstatus_to_exitcode(status)
+
+        self.assertEqual(running.returncode, 0)
+        self.assertLess(usage.ru_maxrss, 96 * 1024)  # kilobytes
 
 
 class Killed(ToolTest):
