@@ -9,14 +9,10 @@ import unittest
 
 from servers import (
     ADD,
-    BIND,
-    EXTENDED,
-    EXTENDED_RESPONSE,
     SEARCH,
     SEARCH_DONE,
     ScriptedDirectory,
     Slapd,
-    eventually,
 )
 from support import DEADLINE, TOOL, DirectoryTest, ToolTest, outcome, run, tlv
 
