@@ -46,7 +46,7 @@ struct Assertion {
 std::string bytesIn(std::string const& base64)
 {
     std::string text = base64; // the function takes no const pointer
-    gnutls_datum_t const encoded = {reinterpret_cast<unsigned char*>(&text[0]),
+    gnutls_datum_t const encoded = {reinterpret_cast<unsigned char*>(text.data()),
                                     static_cast<unsigned int>(text.size())};
     gnutls_datum_t bytes = {};
     if (!text.empty() && gnutls_base64_decode2(&encoded, &bytes) < 0) {

@@ -2,20 +2,17 @@
 
 import json
 import os
+import resource
 import signal
 import subprocess
 import unittest
 
 from servers import (
     ADD,
-    BIND,
-    EXTENDED,
-    EXTENDED_RESPONSE,
     SEARCH,
     SEARCH_DONE,
     ScriptedDirectory,
     Slapd,
-    eventually,
 )
 from support import DEADLINE, TOOL, DirectoryTest, ToolTest, outcome, run, tlv
 
@@ -289,6 +286,25 @@ class Applied(DirectoryTest):
             self.assertEqual(result.status, 69, result.errors)
             self.assertIn(f"refused {code} ", result.output)
             self.assertIn(words, result.errors)
+
+    def test_ends_if_the_undo_cannot_be_written(self):
+        """The undo of what was changed before stays usable."""
+        before = self.tree()
+        text = "".join(f"dn: ou={n},{NEW}\nobjectClass: organizationalUnit\n\n" for n in "abc")
+        result = run(
+            *["apply", *self.admin(), "-c", "--pre-read", self.undo],
+            stdin=text.encode(),
+            restore_signals=False,  # SIGXFSZ stays ignored
+            preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (160, 160)),
+        )
+
+        self.assertEqual(result.status, 74, result.errors)
+        self.assertEqual(result.lines, [f"added ou=a,{NEW}", f"added ou=b,{NEW}"])
+        self.assertIn("after the record at line 4: 2 applied", result.error_lines[0])
+        self.assertIn("cannot write", result.error_lines[-1])
+        back = run("apply", *self.admin(), self.undo)
+        self.assertEqual((back.status, back.output), (0, f"deleted ou=a,{NEW}\n"))
+        self.assertEqual(self.set_up(f"dn: ou=b,{NEW}\nchangetype: delete\n"), before)
 
     def test_applies_the_journal_of_a_killed_run_backwards(self):
         before = self.tree()
