@@ -21,6 +21,7 @@ import time
 
 import bulk_lookups
 import service_lookups
+import streams
 
 PINNED, FREE = "pinned", "free"
 
@@ -218,7 +219,9 @@ class Measurement:
     def directory(self, mode):
         with self._directory.sharing(mode):
             self._directory_rows(
-                f"{mode}.jsonl", self._scale.rounds, ["lookups", "binds", "verifies", "adds"]
+                f"{mode}.jsonl",
+                self._scale.rounds,
+                ["lookups", "binds", "verifies", "adds", "changes"],
             )
             self._directory_rows(
                 f"{mode}-long.jsonl",
@@ -279,6 +282,16 @@ class Measurement:
                 record,
             )
 
+    def streams(self):
+        programs = streams.Programs(
+            self._build, self._folder, self._directory.port, self._scale.users
+        )
+        with self._output.recording("streams.jsonl") as record:
+            with self._directory.sharing(PINNED):
+                bulk_lookups.compare(
+                    "stream", self._scale.few_rounds, programs.contenders(), record
+                )
+
     def service(self):
         peers = service_lookups.Peers(self._build, self._folder, self._directory.port)
         keys, few = (
@@ -317,6 +330,7 @@ def main():
             ("directory, client and server on one processor", lambda: run.directory(PINNED)),
             ("directory, client and server free", lambda: run.directory(FREE)),
             ("programs beside each other", run.programs),
+            ("streams beside each other", run.streams),
             ("the service beside Postfix", run.service),
         ):
             start = time.monotonic()

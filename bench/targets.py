@@ -180,6 +180,7 @@ def targets(measured):
             1.05,
             pinned.faster("add", "library, 64 in flight", "library"),
         ),
+        *change_targets(measured),
         no_less_than(
             "the tool, one in flight, times the rate of `postmap -q -`",
             2.0,
@@ -198,6 +199,27 @@ def targets(measured):
             programs.faster("bulk, far", "tool", "postmap"),
         ),
         *service_targets(measured),
+    ]
+
+
+def change_targets(measured):
+    pinned = measured.pinned
+    return [
+        *[
+            no_less_than(
+                f"{row}, times raw calls' rate; one processor",
+                0.97,
+                pinned.faster(row, "library", "raw"),
+                pinned.faster(row, "raw again", "raw"),
+            )
+            for row in ("modify", "delete")
+        ],
+        no_more_than(
+            f"memory of a program that streams {measured.machine['users']:,} entries",
+            20,
+            measured.streams.figure("stream", "stream", "peak"),
+            unit=" MB",
+        ),
     ]
 
 

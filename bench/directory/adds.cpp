@@ -63,7 +63,7 @@ public:
         std::deque<int> underway;
         for (; count > 0; --count) {
             if (underway.size() == window) {
-                raw_await_add(m_session.get(), underway.front());
+                raw_await_change(m_session.get(), underway.front());
                 underway.pop_front();
             }
             std::string const name = nextName();
@@ -71,7 +71,7 @@ public:
                 raw_send_add(m_session.get(), dnOf(name).c_str(), RawAttributes(name).array()));
         }
         for (int const id : underway) {
-            raw_await_add(m_session.get(), id);
+            raw_await_change(m_session.get(), id);
         }
     }
 

@@ -1,4 +1,4 @@
-// One search that finds every entry, with all attributes.
+// One search that finds every entry, with all attributes: stored, and streamed.
 #include "rows.h"
 
 #include "Library.h"
@@ -10,6 +10,7 @@ namespace SolvaneBench {
 
 using Solvane::LDAPConnection;
 using Solvane::LDAPSearch;
+using Solvane::LDAPSearchStream;
 
 namespace {
 
@@ -22,6 +23,22 @@ std::unique_ptr<LDAPSearch> sentBy(LDAPConnection& connection)
     auto search = std::make_unique<LDAPSearch>(connection, parameter);
     search->send();
     return search;
+}
+
+/// Reads every entry of a stream, and stores none.
+void readStream(LDAPConnection const& connection, int pageSize, unsigned long expected)
+{
+    LDAPSearchStream::Parameter parameter(people());
+    parameter.filter = everybody;
+    parameter.pageSize = pageSize;
+    LDAPSearchStream stream(connection, parameter);
+    stream.send();
+    unsigned long entries = 0;
+    while (stream.next(30) == LDAPSearchStream::ItemEntry) {
+        require(readEntry(stream.entry()) > 0, "entry of a stream");
+        ++entries;
+    }
+    require(entries == expected && stream.result().resultCode() == 0, "entries of a stream");
 }
 
 /// The heap memory of a search that stores everything, and the bytes received.
@@ -73,6 +90,8 @@ void bigSearch(Options const& options, Rounds const& rounds)
                    {{"raw", times([&] { discard(raw); })},
                     {"raw again", times([&] { discard(again); })},
                     {"library", times([&] { awaitAndRead(*sentBy(connection), options.users); })},
+                    {"stream", times([&] { readStream(connection, 0, options.users); })},
+                    {"stream, pages", times([&] { readStream(connection, 1000, options.users); })},
                     {"engine", times(keep)}},
                    options.users);
 }

@@ -21,7 +21,7 @@ std::map<std::string, void (*)(Options const&, Rounds const&)> const rowsByName 
     {"lookups", SolvaneBench::lookups},   {"windows", SolvaneBench::windows},
     {"big", SolvaneBench::bigSearch},     {"binds", SolvaneBench::binds},
     {"adds", SolvaneBench::adds},         {"threads", SolvaneBench::threads},
-    {"verifies", SolvaneBench::verifies},
+    {"verifies", SolvaneBench::verifies}, {"changes", SolvaneBench::changes},
 };
 
 [[noreturn]] void refuse(char const* what)

@@ -49,7 +49,8 @@ private:
 void lookups(Options const& options, Rounds const& rounds);
 /// 1, 8 and 64 searches in flight on one connection; the engine's bulk run.
 void windows(Options const& options, Rounds const& rounds);
-/// One search for all entries, stored, compared with a loop that stores nothing; and the memory.
+/// One search for all entries, stored and streamed, compared with a loop that stores nothing; and the
+/// memory of what is stored.
 void bigSearch(Options const& options, Rounds const& rounds);
 /// Connect, bind, close: plain and TLS, and the duration of a TLS bind to a silent peer; the engine's
 /// TLS sessions, full and resumed, and their memory.
@@ -58,6 +59,8 @@ void binds(Options const& options, Rounds const& rounds);
 void verifies(Options const& options, Rounds const& rounds);
 /// Adds, one at a time and 64 in flight.
 void adds(Options const& options, Rounds const& rounds);
+/// Modifies and deletes, one at a time.
+void changes(Options const& options, Rounds const& rounds);
 /// Lookups from 1 to 64 threads: raw and kept connections, the pool, the engine.
 void threads(Options const& options, Rounds const& rounds);
 

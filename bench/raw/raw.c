@@ -152,9 +152,23 @@ int raw_send_add(LDAP* session, char const* dn, LDAPMod** attributes)
     return id;
 }
 
-void raw_await_add(LDAP* session, int id)
+int raw_send_modify(LDAP* session, char const* dn, LDAPMod** changes)
 {
-    check(code_of(session, take(session, id, LDAP_MSG_ONE)), "add");
+    int id = 0;
+    check(ldap_modify_ext(session, dn, changes, NULL, NULL, &id), "modify");
+    return id;
+}
+
+int raw_send_delete(LDAP* session, char const* dn)
+{
+    int id = 0;
+    check(ldap_delete_ext(session, dn, NULL, NULL, &id), "delete");
+    return id;
+}
+
+void raw_await_change(LDAP* session, int id)
+{
+    check(code_of(session, take(session, id, LDAP_MSG_ONE)), "change");
 }
 
 unsigned long raw_received_bytes(LDAP* session)

@@ -32,8 +32,11 @@ unsigned long raw_read_entry(LDAP* session, LDAPMessage* entry);
 
 /* Sends an add; gives its message id. */
 int raw_send_add(LDAP* session, char const* dn, LDAPMod** attributes);
-/* Takes the answer to an add, which must be success. */
-void raw_await_add(LDAP* session, int id);
+/* The same for a modify and a delete. */
+int raw_send_modify(LDAP* session, char const* dn, LDAPMod** changes);
+int raw_send_delete(LDAP* session, char const* dn);
+/* Takes the answer to one of these, which must be success. */
+void raw_await_change(LDAP* session, int id);
 
 /* Bytes that a session's connection has received since it was opened. */
 unsigned long raw_received_bytes(LDAP* session);

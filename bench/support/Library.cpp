@@ -50,16 +50,22 @@ void await(LDAPSearch& search)
     }
 }
 
+unsigned long readEntry(Solvane::LDAPSearchResultEntry const& entry)
+{
+    unsigned long bytes = entry.entryName().size();
+    for (Solvane::LDAPAttribute const& attribute : entry.attributes().attributes()) {
+        for (Solvane::Buffer const& value : attribute.binaryValue()) {
+            bytes += value.length();
+        }
+    }
+    return bytes;
+}
+
 unsigned long readEntries(std::list<Solvane::LDAPSearchResultEntry> const& entries)
 {
     unsigned long bytes = 0;
     for (Solvane::LDAPSearchResultEntry const& entry : entries) {
-        bytes += entry.entryName().size();
-        for (Solvane::LDAPAttribute const& attribute : entry.attributes().attributes()) {
-            for (Solvane::Buffer const& value : attribute.binaryValue()) {
-                bytes += value.length();
-            }
-        }
+        bytes += readEntry(entry);
     }
     return bytes;
 }

@@ -27,6 +27,7 @@ Solvane::LDAPConnection openBound(Solvane::LDAPConnection::RefServer const& serv
 /// Waits for a search to end.
 void await(Solvane::LDAPSearch& search);
 /// Reads the DN, every attribute and every value. Returns the number of their bytes.
+unsigned long readEntry(Solvane::LDAPSearchResultEntry const& entry);
 unsigned long readEntries(std::list<Solvane::LDAPSearchResultEntry> const& entries);
 
 /// Waits for a search and reads its result; aborts the process unless it has `expected` entries.

@@ -21,6 +21,17 @@ unsigned long heapBytes()
     return info.uordblks + info.hblkhd;
 }
 
+namespace {
+
+void prepare(Contender const& contender, unsigned long operations)
+{
+    if (contender.prepare) {
+        contender.prepare(operations);
+    }
+}
+
+} // namespace
+
 Rounds::Rounds(unsigned int rounds, double blockSeconds, Cpu cpu)
     : m_rounds(rounds), m_blockSeconds(blockSeconds),
       m_cpuClock(cpu == Cpu::thread ? CLOCK_THREAD_CPUTIME_ID : CLOCK_PROCESS_CPUTIME_ID)
@@ -31,6 +42,7 @@ unsigned long Rounds::operationsOfABlock(Contender const& contender) const
 {
     unsigned long operations = 1;
     for (;;) {
+        prepare(contender, operations);
         double const start = secondsOn(CLOCK_MONOTONIC);
         contender.work(operations);
         double const seconds = secondsOn(CLOCK_MONOTONIC) - start;
@@ -44,6 +56,7 @@ unsigned long Rounds::operationsOfABlock(Contender const& contender) const
 
 Rounds::Time Rounds::timeOf(Contender const& contender, unsigned long operations) const
 {
+    prepare(contender, operations);
     double const start = secondsOn(CLOCK_MONOTONIC);
     double const cpuStart = secondsOn(m_cpuClock);
     contender.work(operations);
@@ -59,6 +72,7 @@ void Rounds::compare(std::string const& row, std::vector<Contender> const& conte
     unsigned long const slices = std::min(mostSlices, wanted / least);
     unsigned long const operations = wanted / slices;
     for (Contender const& contender : contenders) {
+        prepare(contender, operations);
         contender.work(operations); // warms the caches before the first turn
     }
     for (unsigned int round = 0; round < m_rounds; ++round) {

@@ -14,6 +14,8 @@ struct Contender {
     std::string name;
     /// Does this number of operations.
     std::function<void(unsigned long operations)> work;
+    /// Makes what that many operations need; not measured. Empty: nothing.
+    std::function<void(unsigned long operations)> prepare = {};
 };
 
 /// Whose processor time counts.

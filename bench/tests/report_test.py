@@ -11,6 +11,7 @@ import xml.etree.ElementTree
 sys.path.insert(0, os.path.join(os.path.dirname(os.path.abspath(__file__)), os.pardir))
 import figures  # noqa: E402
 import report  # noqa: E402
+import streams  # noqa: E402
 import targets  # noqa: E402
 
 
@@ -59,6 +60,75 @@ class TheService(unittest.TestCase):
             lines,
         )
         self.assertFalse(any("proxymap` |" in line for line in lines))
+
+
+class Streams:
+    """Two rounds of streams and changes, without python-ldap."""
+
+    machine = {"users": 1000}
+
+    def __init__(self, peak, change_seconds=1.0):
+        def records(*turns):
+            return figures.Records(
+                [
+                    json.dumps(
+                        {"row": row, "contender": contender, "size": 0, "round": number}
+                        | {"operations": 100, "seconds": seconds, "cpu": seconds, "peak": peak}
+                    )
+                    for number in range(2)
+                    for row, contender, seconds in turns
+                ]
+            )
+
+        self.streams = records(
+            ("stream", "raw", 1.0),
+            ("stream", "raw again", 1.0),
+            ("stream", "stream", 2.0),
+            ("stream", "stream, pages", 4.0),
+            ("stream", "ldapsearch", 8.0),
+        )
+        self.pinned = records(
+            *(
+                (row, contender, seconds)
+                for row in ("modify", "delete")
+                for contender, seconds in (
+                    ("raw", 1.0),
+                    ("raw again", 1.0),
+                    ("library", change_seconds),
+                )
+            )
+        )
+
+
+class TheStreams(unittest.TestCase):
+    def test_have_a_line_for_each_program_that_is_installed(self):
+        text = "\n".join(report.stream_lines(Streams(12.0))).replace("\u00a0", " ")
+
+        self.assertIn("| `LDAPSearchStream` | 0.50 ± 0.00 | 2.00 ± 0.00 | 12.0 ± 0.0 |", text)
+        self.assertIn("| python-ldap, one message at a time | skipped: not installed |", text)
+        self.assertIn("1,000 entries", text)
+
+    def test_are_judged_by_their_memory(self):
+        self.assertFalse(targets.change_targets(Streams(19.0))[-1].is_missed())
+        self.assertTrue(targets.change_targets(Streams(21.0))[-1].is_missed())
+
+    def test_are_counted_in_the_output_of_ldapsearch(self):
+        self.assertEqual(streams.entries_of_ldif(b"dn: cn=a\ncn: a\n\ndn:: Y249Yg==\ncn: b\n"), 2)
+
+    def test_become_records_of_seconds_and_megabytes(self):
+        self.assertEqual(
+            streams.turn_of("1.5 0.25 12000\n", 10),
+            {"operations": 10, "seconds": 1.5, "cpu": 0.25, "peak": 12.0},
+        )
+
+
+class Changes(unittest.TestCase):
+    def test_are_compared_with_raw_calls(self):
+        modify, delete, _ = targets.change_targets(Streams(1.0, change_seconds=1.25))
+
+        self.assertAlmostEqual(modify.figure.median, 0.8)
+        self.assertTrue(modify.is_missed() and delete.is_missed())
+        self.assertFalse(any(each.is_missed() for each in targets.change_targets(Streams(1.0))))
 
 
 class ATarget(unittest.TestCase):

@@ -12,7 +12,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <fstream>
 #include <set>
 
 #include <ldap.h>
@@ -244,25 +243,6 @@ struct SentStream {
 };
 
 std::string twoEntries(int id) { return searchEntry(id, "cn=a", {}) + searchEntry(id, "cn=b", {}); }
-
-/// The growth of the resident memory of this process, in megabytes.
-class ResidentMemory {
-public:
-    ResidentMemory() : m_before(now()) {}
-    long growth() const { return now() - m_before; }
-
-private:
-    static long now()
-    {
-        std::ifstream status("/proc/self/statm");
-        long all = 0;
-        long resident = 0;
-        status >> all >> resident;
-        return resident * sysconf(_SC_PAGESIZE) / (1L << 20);
-    }
-
-    long m_before;
-};
 
 } // namespace
 

@@ -37,6 +37,25 @@ inline long peakOfMemory()
     throw std::runtime_error("no VmPeak");
 }
 
+/// The growth of the resident memory of this process, in megabytes.
+class ResidentMemory {
+public:
+    ResidentMemory() : m_before(now()) {}
+    long growth() const { return now() - m_before; }
+
+private:
+    static long now()
+    {
+        std::ifstream status("/proc/self/statm");
+        long all = 0;
+        long resident = 0;
+        status >> all >> resident;
+        return resident * sysconf(_SC_PAGESIZE) / (1L << 20);
+    }
+
+    long m_before;
+};
+
 /// How often a text stands in this process's writable memory: heap, stacks and variables. Reads it
 /// through a buffer of its own, which is wiped, so that it never finds what it has read.
 inline std::size_t occurrencesInMemory(std::string const& text)

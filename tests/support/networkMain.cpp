@@ -109,6 +109,14 @@ void Watchdog::run()
     }
 }
 
+/// Of the environment variable SOLVANE_TEST_SECONDS, for tests that are run with more data; else a minute.
+std::chrono::seconds limitOfATest()
+{
+    constexpr long minute = 60;
+    char const* const seconds = std::getenv("SOLVANE_TEST_SECONDS");
+    return std::chrono::seconds(seconds == nullptr ? minute : std::stol(seconds));
+}
+
 } // namespace SolvaneTest
 
 int main(int argumentCount, char** arguments)
@@ -117,6 +125,6 @@ int main(int argumentCount, char** arguments)
     // The parent process may ignore it; here a SIGPIPE raised by the library must end the tests.
     std::signal(SIGPIPE, SIG_DFL);
     testing::UnitTest::GetInstance()->listeners().Append(
-        new SolvaneTest::Watchdog(std::chrono::seconds(60)));
+        new SolvaneTest::Watchdog(SolvaneTest::limitOfATest()));
     return RUN_ALL_TESTS();
 }
