@@ -244,22 +244,11 @@ void Reporter::printStop()
 void Reporter::printFigures()
 {
     m_progress.finish();
-    std::chrono::duration<double, std::milli> const taken =
-        std::chrono::steady_clock::now() - m_start;
-    if (m_common.stats() == Stats::json) {
-        std::string text;
-        Json json(text);
-        json->StartObject();
-        for (std::size_t i = 0; i < statusNames.size(); ++i) {
-            json.key(statusNames[i])->Uint64(m_counts[i]);
-        }
-        json.key("ms")->Double(taken.count());
-        json->EndObject();
-        m_diagnostics.plain(text);
-    } else if (m_common.stats() == Stats::text) {
-        m_diagnostics.plain(fmt::format("{} applied, {} refused, {} unknown in {:.0f} ms",
-                                        m_counts[0], m_counts[1], m_counts[2], taken.count()));
-    }
+    printCounts(m_diagnostics, m_common.stats(),
+                {{statusNames[0], "applied", m_counts[0]},
+                 {statusNames[1], "refused", m_counts[1]},
+                 {statusNames[2], "unknown", m_counts[2]}},
+                m_start);
 }
 
 // The run

@@ -1,5 +1,7 @@
-// Draws the progress line, and limits how often.
+// Draws the progress line, limits how often, and prints figures at the end.
 #include "Progress.h"
+
+#include "Json.h"
 
 #include <fmt/format.h>
 
@@ -102,6 +104,29 @@ std::string Progress::lineFor(unsigned long done, double seconds, unsigned int c
     // The last column stays empty, or the cursor would move to the next line.
     line.resize(std::min<std::size_t>(line.size(), columns - 1));
     return line;
+}
+
+void printCounts(Diagnostics const& diagnostics, Stats stats, std::vector<Count> const& counts,
+                 std::chrono::steady_clock::time_point start)
+{
+    std::chrono::duration<double, std::milli> const taken =
+        std::chrono::steady_clock::now() - start;
+    std::string text;
+    if (stats == Stats::json) {
+        Json json(text);
+        json->StartObject();
+        for (Count const& count : counts) {
+            json.key(count.name)->Uint64(count.number);
+        }
+        json.key("ms")->Double(taken.count());
+        json->EndObject();
+        diagnostics.plain(text);
+    } else if (stats == Stats::text) {
+        for (Count const& count : counts) {
+            text += fmt::format("{}{} {}", text.empty() ? "" : ", ", count.number, count.statement);
+        }
+        diagnostics.plain(fmt::format("{} in {:.0f} ms", text, taken.count()));
+    }
 }
 
 } // namespace Solvane::Tool

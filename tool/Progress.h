@@ -1,12 +1,14 @@
-// Shows the progress of a long run on a terminal.
+// Shows the progress of a long run on a terminal, and its figures at the end.
 #ifndef SOLVANE_TOOL_PROGRESS_H
 #define SOLVANE_TOOL_PROGRESS_H
 
 #include "Console.h"
+#include "Options.h"
 
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 namespace Solvane::Tool {
 
@@ -48,6 +50,17 @@ private:
     Clock::time_point m_lastLook;
     Clock::time_point m_nextLine;
 };
+
+/// How often something happened in a run.
+struct Count {
+    char const* name;      ///< in JSON
+    char const* statement; ///< behind the number, as "exist"
+    unsigned long number;
+};
+
+/// Prints the figures of --stats for a run that began at `start`, if they are asked for.
+void printCounts(Diagnostics const& diagnostics, Stats stats, std::vector<Count> const& counts,
+                 std::chrono::steady_clock::time_point start);
 
 } // namespace Solvane::Tool
 
