@@ -33,6 +33,7 @@ constexpr ThrowSite refused          { unit,   84, Fault::failed,       Stage::s
 constexpr ThrowSite failed           { unit,   91, Fault::failed,       Stage::search  };
 constexpr ThrowSite damagedEntry     { unit,  102, Fault::failed,       Stage::parse   };
 constexpr ThrowSite damagedReference { unit,  111, Fault::failed,       Stage::parse   };
+constexpr ThrowSite lostControl      { unit,  120, Fault::failed,       Stage::parse   };
 } // namespace at
 // clang-format on
 
@@ -297,7 +298,10 @@ bool LDAPSearchStreamImpl::hasNextPage(std::string& cookie) const
         return false;
     }
     LDAPControls::Page page;
-    LDAPControls::pagedResults(responseControls(), page);
+    if (!LDAPControls::pagedResults(responseControls(), page)) {
+        // It is critical, so that the server may not ignore it: there may be more pages.
+        throw fault(at::lostControl, "The response lacks the control of its page");
+    }
     cookie = page.cookie;
     return !cookie.empty();
 }

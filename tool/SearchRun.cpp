@@ -265,13 +265,14 @@ void SearchRun::takeResult(LDAPMessageBuffer const& message)
     ResultMessage const result = resultIn(m_session, message);
     std::list<LDAPOperation::Control> controls;
     LDAPControls::Page page;
+    bool isPage = false;
     try {
         if (result.code == LDAP_DECODING_ERROR || !readControls(m_session, message, controls)) {
             finishDamaged();
             return;
         }
         LDAPControls::sort(controls, m_sortResult);
-        LDAPControls::pagedResults(controls, page);
+        isPage = LDAPControls::pagedResults(controls, page);
     } catch (LDAPException const&) { // "malformed control" is all that it says
         finishDamaged();
         return;
@@ -279,6 +280,8 @@ void SearchRun::takeResult(LDAPMessageBuffer const& message)
     if (result.code != LDAP_SUCCESS) {
         finish({Lookup::outcomeOfSearch(result.code), result.code,
                 fmt::format("{}: {}", m_session.uri(), wordsOf(result))});
+    } else if (m_query.pageSize != 0 && !isPage) { // the control is critical: more may follow
+        finishDamaged();
     } else if (m_query.pageSize != 0 && !page.cookie.empty()) {
         sendRequest(page.cookie);
     } else {

@@ -467,6 +467,15 @@ class Faults(ToolTest):
         self.assertEqual(directory.connections[0].operations.count(SEARCH), 2)
         self.assertIn(b"next", directory.connections[0].requests[1].content)
 
+    def test_reports_a_page_that_may_not_be_the_last(self):
+        def answer(request):  # the response to a page without its control
+            return request.entry(cn=[b"one"]) + request.result(SEARCH_DONE)
+
+        result = self.search(ScriptedDirectory(self, serving(answer)), "--page-size", "1")
+
+        self.assert_fails(result, 75, "after 1 entry", "invalid response")
+        self.assertEqual(result.output, "one\n")
+
     def test_fails_over_to_a_server_that_can_be_reached(self):
         directory = ScriptedDirectory(self, serving(lambda request: request.found()))
         dead = f"ldap://127.0.0.1:{free_port()}"

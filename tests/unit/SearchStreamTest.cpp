@@ -605,14 +605,17 @@ TEST_F(PagesOfAStream, EndWithCode12IfTheServerDoesNotSupportThem)
     EXPECT_EQ(stream.result().resultCode(), 12);
 }
 
-TEST_F(PagesOfAStream, AreOneIfTheServerIgnoresTheControl)
+// There may be more of them.
+TEST_F(PagesOfAStream, EndWithAFaultIfAResponseLacksTheControl)
 {
-    willReceive({messages.entry("cn=a"), messages.entry("cn=b"), messages.entry("cn=c"), done()});
+    willReceive({messages.entry("cn=a"), pageEndBeforeAnother(), messages.entry("cn=b"), done()});
     stream.send();
+    ASSERT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
+    ASSERT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
 
-    EXPECT_FALSE(stream.wait(5));
-    EXPECT_EQ(stream.result().resultCode(), 0);
-    EXPECT_EQ(stream.id(), 3);
+    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("SearchStream.cpp", 120, 4, 6));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
+    expectOver();
 }
 
 TEST_F(PagesOfAStream, AreNotThoseOfACallerWhoSendsTheControlHimself)

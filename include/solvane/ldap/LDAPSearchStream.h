@@ -24,8 +24,7 @@ namespace Solvane {
 /// pages. With pages (RFC 2696), the server sends at most one page ahead of you.
 ///
 /// The pages are one search: `next` asks for the next page when it has taken the last entry of one. A
-/// server that does not support pages answers with code 12. If it ignores the control, all entries come
-/// as one page. Servers keep one paged search for each connection.
+/// server that does not support pages answers with code 12. Servers keep one paged search for each connection.
 ///
 /// `send`, `cancel` and the controls are those of `LDAPOperation`, with this:
 /// - `send` copies the parameters and controls, for all pages.
@@ -89,6 +88,8 @@ public:
     ///                        that broke;
     ///                        code 4, type 6, SearchStream.cpp:102: malformed entry;
     ///                        code 4, type 6, SearchStream.cpp:111: malformed reference;
+    ///                        code 4, type 6, SearchStream.cpp:120: the server says of a page that it
+    ///                        is complete, but not whether it is the last one;
     ///                        code 1, type 6, Controls.cpp:84: malformed control of a page;
     ///                        what `send` throws for the next page, and `LDAPOperation`'s `wait`
     /// @note All of these but that of a null handle, of a request that is not in flight and of a referral
