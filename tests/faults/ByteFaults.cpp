@@ -168,8 +168,6 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
         }
         if (reply.isEntry) { // OpenLDAP's readers end alike at the end and at damage
             made.acceptedAsLimit = alteredEntry(column);
-        } else if (reply.step == Step::page) { // without its control
-            made.acceptedAsLimit = nobody(column);
         }
     }
     if (reply.step == Step::whoAmI && role != Role::text) {
@@ -182,41 +180,41 @@ void judgeFlip(Case& made, Reply const& reply, Role role, unsigned char damaged,
 
 Fault flipped()
 {
-    return {"flipped",
-            "One byte of the recorded answers is changed; every byte in turn, in several ways.",
-            always,
-            [](Column column, Extent const& extent) {
-                constexpr unsigned char flips[] = {0x01, 0x80, 0xff};
-                std::vector<Case> cases;
-                std::size_t start = 0;
-                std::size_t turn = 0;
-                for (Reply const& reply : recordedReplies(column)) {
-                    std::vector<Role> const roles = rolesIn(reply.bytes);
-                    for (std::size_t i = 0; i < reply.bytes.size(); ++i) {
-                        for (unsigned char const bits : flips) {
-                            if (turn++ % extent.stride != 0) {
-                                continue;
-                            }
-                            Case made = serverCase(
-                                "byte " + std::to_string(start + i) + " ^ " + std::to_string(bits),
-                                flipping({start + i, bits},
-                                         isHarmless(roles[i]) ? Peer::forever : shortly),
-                                {});
-                            auto const before = static_cast<unsigned char>(reply.bytes[i]);
-                            judgeFlip(made, reply, roles[i], before ^ bits, column);
-                            made.mayOpenLdapLeak = true;
-                            cases.push_back(made);
+    return {
+        "flipped",
+        "One byte of the recorded answers is changed; every byte in turn, in several ways.", always,
+        [](Column column, Extent const& extent) {
+            constexpr unsigned char flips[] = {0x01, 0x80, 0xff};
+            std::vector<Case> cases;
+            std::size_t start = 0;
+            std::size_t turn = 0;
+            for (Reply const& reply : recordedReplies(column)) {
+                std::vector<Role> const roles = rolesIn(reply.bytes);
+                for (std::size_t i = 0; i < reply.bytes.size(); ++i) {
+                    for (unsigned char const bits : flips) {
+                        if (turn++ % extent.stride != 0) {
+                            continue;
                         }
+                        Case made = serverCase(
+                            "byte " + std::to_string(start + i) + " ^ " + std::to_string(bits),
+                            flipping({start + i, bits},
+                                     isHarmless(roles[i]) ? Peer::forever : shortly),
+                            {});
+                        auto const before = static_cast<unsigned char>(reply.bytes[i]);
+                        judgeFlip(made, reply, roles[i], before ^ bits, column);
+                        made.mayOpenLdapLeak = true;
+                        cases.push_back(made);
                     }
-                    start += reply.bytes.size();
                 }
-                return cases;
-            },
-            "OpenLDAP drops an entry that arrives with the wrong message id; what remains is a "
-            "complete answer without entries. Plain LDAP does not protect integrity: use TLS. "
-            "OpenLDAP's functions for reading an entry return the same at its end and at damaged "
-            "data, so part of an entry may be missing. A page whose control is damaged looks like "
-            "the last one. liblber leaks a half-read message if its length changes."};
+                start += reply.bytes.size();
+            }
+            return cases;
+        },
+        "OpenLDAP drops an entry that arrives with the wrong message id; what remains is a "
+        "complete answer without entries. Plain LDAP does not protect integrity: use TLS. "
+        "OpenLDAP's functions for reading an entry return the same at its end and at damaged "
+        "data, so part of an entry may be missing. liblber leaks a half-read message if its length "
+        "changes."};
 }
 
 // Dripped

@@ -58,7 +58,9 @@ Places placesOf(Column column)
     case Column::stream:
         return {{"SearchStream.cpp:91 (4/4)"},
                 {"SearchStream.cpp:84 (4/4)"},
-                anyOf({unreadable, {"SearchStream.cpp:102 (4/6)", "Controls.cpp:84 (1/6)"}})};
+                anyOf({unreadable,
+                       {"SearchStream.cpp:102 (4/6)", "SearchStream.cpp:120 (4/6)",
+                        "Controls.cpp:84 (1/6)"}})};
     default:
         return {{"Search.cpp:332 (4/4)"},
                 {"Search.cpp:270 (4/4)"},
