@@ -16,7 +16,7 @@ class SOLVANE_LDAP_EXPORT LDAPResultCodes {
 public:
     /// A code, its name and what it means. The texts live as long as the program.
     struct Code {
-        int value;
+        int value;        ///< as servers send it
         char const* name; ///< as "noSuchObject"; of negative codes the constant, as "LDAP_TIMEOUT"
         char const* meaning; ///< a sentence for administrators
     };

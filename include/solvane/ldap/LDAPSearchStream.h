@@ -67,9 +67,10 @@ public:
 
     /// A null handle.
     LDAPSearchStream();
-    /// A search on `connection` with a copy of `parameter`. Sends nothing.
-    /// @param parameter  `sizeLimit` in entries, `timeLimit` in seconds; 0: OpenLDAP's configuration
-    ///                   decides, and the server
+    /// A search. Sends nothing.
+    /// @param connection  shared
+    /// @param parameter   copied; `sizeLimit` in entries, `timeLimit` in seconds; 0: OpenLDAP's
+    ///                    configuration decides, and the server
     LDAPSearchStream(LDAPConnection const& connection, Parameter const& parameter);
     /// Shares the body.
     LDAPSearchStream(LDAPSearchStream const& other);
