@@ -211,6 +211,7 @@ private:
     };
 
     void check(CommonOptions const& common, bool isBound) const;
+    void readNew(Secret& password, std::string const& user) const;
 
     std::string m_user; ///< empty: the identity of the bind
     Source m_new;

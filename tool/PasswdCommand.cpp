@@ -180,6 +180,20 @@ void PasswdCommand::check(CommonOptions const& common, bool isBound) const
     }
 }
 
+/// Reads the new password; at the terminal, twice.
+void PasswdCommand::readNew(Secret& password, std::string const& user) const
+{
+    m_new.read(password, user);
+    if (m_new.isPrompted()) {
+        Secret repeated(Secret::Owner::repeatedPassword);
+        repeated.ask(user);
+        if (repeated.text() != password.text()) {
+            throw Failure(Outcome::badInput, "the two passwords differ; nothing was changed",
+                          "type the same one twice");
+        }
+    }
+}
+
 int PasswdCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
 {
     Draft const draft = common.draft();
@@ -195,15 +209,7 @@ int PasswdCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     }
     std::optional<Secret> fresh;
     if (!m_generates) {
-        m_new.read(fresh.emplace(Secret::Owner::newPassword), who);
-        if (m_new.isPrompted()) {
-            Secret repeated(Secret::Owner::repeatedPassword);
-            repeated.ask(who);
-            if (repeated.text() != fresh->text()) {
-                throw Failure(Outcome::badInput, "the two passwords differ; nothing was changed",
-                              "type the same one twice");
-            }
-        }
+        readNew(fresh.emplace(Secret::Owner::newPassword), who);
     }
 
     auto const tls = std::make_shared<Lookup::TlsContext>(settings.tls);
