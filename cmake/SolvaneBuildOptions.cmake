@@ -1,6 +1,6 @@
 # How this repository's own targets are compiled. Link solvane_build_options privately; tests link
-# solvane_test_options. Tests do without UndefinedBehaviorSanitizer and line coverage: these are for the
-# product, and would make the tests take half as long again to compile.
+# solvane_test_options. Tests do without UndefinedBehaviorSanitizer, which is for the product: they would take
+# half as long again to compile.
 
 add_library(solvane_test_options INTERFACE)
 target_compile_options(solvane_test_options INTERFACE
@@ -29,9 +29,15 @@ if(SOLVANE_FUZZ)
     target_compile_options(solvane_build_options INTERFACE -fsanitize=fuzzer-no-link)
 endif()
 if(SOLVANE_COVERAGE)
-    target_compile_options(solvane_build_options INTERFACE --coverage)
     target_link_options(solvane_test_options INTERFACE --coverage)
 endif()
+
+# solvane_count_lines(TARGET): counts the executed lines of a library, with SOLVANE_COVERAGE.
+function(solvane_count_lines target)
+    if(SOLVANE_COVERAGE)
+        target_compile_options(${target} PRIVATE --coverage)
+    endif()
+endfunction()
 
 # solvane_export_interface(TARGET NODE [PATTERN...]): makes the shared library export only its interface:
 # namespace Solvane and symbols that match a pattern. NODE is the symbols' version, or empty for none

@@ -5,6 +5,7 @@
 #include "Json.h"
 #include "Ldif.h"
 #include "OpenLDAP.h"
+#include "OptionList.h"
 #include "Options.h"
 #include "Outcome.h"
 #include "Progress.h"
@@ -12,7 +13,6 @@
 #include "Sessions.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <array>
@@ -202,15 +202,13 @@ void forEachEntry(std::string const& path, LdifReader::AwaitInput const& awaitIn
 
 } // namespace
 
-void AddCommand::declareOn(CLI::App& app)
+void AddCommand::declareOn(OptionList& options)
 {
-    app.add_option("-f,--file", m_file, "LDIF file, '-' for standard input")
-        ->type_name("FILE")
-        ->capture_default_str();
-    app.add_flag("-c,--continue", m_goesOn, "Continue after a failure");
-    app.add_flag("-n,--dry-run", m_onlyShows, "Print what would be sent; contact no server");
-    m_settings.declareOn(app, *settingOfFile("window"), "Maximum number of adds in flight");
-    app.footer(footer);
+    options.value("-f,--file", m_file, "FILE", "LDIF file, '-' for standard input").showsDefault();
+    options.flag("-c,--continue", m_goesOn, "Continue after a failure");
+    options.flag("-n,--dry-run", m_onlyShows, "Print what would be sent; contact no server");
+    m_settings.declareOn(options, *settingOfFile("window"), "Maximum number of adds in flight");
+    options.footer(footer);
 }
 
 int AddCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)

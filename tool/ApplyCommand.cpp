@@ -5,6 +5,7 @@
 #include "Json.h"
 #include "Ldif.h"
 #include "OpenLDAP.h"
+#include "OptionList.h"
 #include "Outcome.h"
 #include "Progress.h"
 #include "Secret.h"
@@ -15,7 +16,6 @@
 
 #include <solvane/ldap/LDAPControls.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -478,20 +478,16 @@ bool applyAll(LdifReader& reader, ApplyRun& run, Reporter& reporter, bool goesOn
 
 } // namespace
 
-void ApplyCommand::declareOn(CLI::App& app)
+void ApplyCommand::declareOn(OptionList& options)
 {
-    auto* const file = app.add_option("FILE", m_file, "LDIF file; default: standard input");
-    file->type_name("");
-    app.add_option("-f,--file", m_file, "The same, '-' for standard input")
-        ->type_name("FILE")
-        ->excludes(file);
-    app.add_flag("-c,--continue", m_goesOn, "Continue after a failure");
-    auto* const shows =
-        app.add_flag("-n,--dry-run", m_onlyShows, "Read the records; contact no server");
-    app.add_option("--pre-read", m_undoFile, "Write a new file of changes that undo the run")
-        ->type_name("FILE")
-        ->excludes(shows);
-    app.footer(footer);
+    auto const file = options.value("FILE", m_file, "", "LDIF file; default: standard input");
+    options.value("-f,--file", m_file, "FILE", "The same, '-' for standard input").excludes(file);
+    options.flag("-c,--continue", m_goesOn, "Continue after a failure");
+    auto const shows =
+        options.flag("-n,--dry-run", m_onlyShows, "Read the records; contact no server");
+    options.value("--pre-read", m_undoFile, "FILE", "Write a new file of changes that undo the run")
+        .excludes(shows);
+    options.footer(footer);
 }
 
 int ApplyCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)

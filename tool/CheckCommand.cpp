@@ -3,6 +3,7 @@
 
 #include "CheckReport.h"
 #include "LookupSettings.h"
+#include "OptionList.h"
 #include "Outcome.h"
 #include "Secret.h"
 #include "ServerCheck.h"
@@ -12,7 +13,6 @@
 
 #include <solvane/ldap/LDAPException.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -103,17 +103,16 @@ std::vector<LDAPLookup::Server> resolved(LDAPLookup::Server const& listed,
 
 } // namespace
 
-void CheckCommand::declareOn(CLI::App& app)
+void CheckCommand::declareOn(OptionList& options)
 {
-    m_settings.declareOn(app, Setting::Group::search);
-    m_settings.declareOn(app, Setting::Group::queryTemplate);
-    app.add_option("--probe", m_probe, "Look up this address on each server")->type_name("KEY");
-    app.add_option("--repeat", m_repeat, "Repeat the lookup N times and show latencies")
-        ->type_name("N")
-        ->check(CLI::Range(0U, mostRepeats));
-    app.add_flag("--nagios", m_isForNagios,
+    m_settings.declareOn(options, Setting::Group::search);
+    m_settings.declareOn(options, Setting::Group::queryTemplate);
+    options.value("--probe", m_probe, "KEY", "Look up this address on each server");
+    options.value("--repeat", m_repeat, numberBetween(0, mostRepeats), "N",
+                  "Repeat the lookup N times and show latencies");
+    options.flag("--nagios", m_isForNagios,
                  "Print one line and set the exit status for a monitoring system");
-    app.footer(footer);
+    options.footer(footer);
 }
 
 int CheckCommand::run(CommonOptions const& common, Output& output, Diagnostics&)
@@ -140,7 +139,7 @@ int CheckCommand::run(CommonOptions const& common, Output& output, Diagnostics&)
 
 void CheckCommand::check(CommonOptions const& common, CheckReport& report)
 {
-    if (m_repeat > 0 && m_probe.empty()) {
+    if (m_repeat.value_or(0) > 0 && m_probe.empty()) {
         throw Failure(Outcome::usage, "--repeat needs an address to look up",
                       "give one with --probe");
     }
@@ -153,7 +152,7 @@ void CheckCommand::check(CommonOptions const& common, CheckReport& report)
     report.passed("settings", described(settings), watch.milliseconds());
     Lookup::Session::initializeOpenLdap();
 
-    Probe probe = {m_probe, m_repeat, std::string(), {}};
+    Probe probe = {m_probe, m_repeat.value_or(0), std::string(), {}};
     if (!hasTemplate(draft)) {
         report.skipped("template", "no template given (-t)");
     } else if (!checkTemplate(templateOf(draft), report)) {

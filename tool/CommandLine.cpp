@@ -2,6 +2,7 @@
 #include "Commands.h"
 
 #include "OpenLDAP.h"
+#include "OptionList.h"
 #include "Options.h"
 #include "Outcome.h"
 
@@ -155,11 +156,13 @@ int runCommandLine(int count, char** arguments, Output& output, Diagnostics& dia
     app.require_subcommand(1);
     app.set_version_flag("-V,--version", versionText);
     app.fallthrough(); // common options are allowed before and after the command
-    common.declareOn(app);
+    OptionList ofAll(app);
+    common.declareOn(ofAll);
     for (Command* const command : commands) {
         CLI::App& declared = *app.add_subcommand(command->name(), command->description());
-        command->declareOn(declared);
-        common.declareOnCommand(declared);
+        OptionList options(declared);
+        command->declareOn(options);
+        common.declareOnCommand(options);
         declared.footer(declared.get_footer() + "\n\n" + commonOptionsNote);
     }
     try {

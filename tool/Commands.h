@@ -3,6 +3,7 @@
 #define SOLVANE_TOOL_COMMANDS_H
 
 #include "Console.h"
+#include "OptionList.h"
 #include "Options.h"
 #include "Outcome.h"
 
@@ -14,11 +15,6 @@
 #include <memory>
 #include <optional>
 #include <string>
-
-namespace CLI {
-class App;
-class Option;
-} // namespace CLI
 
 namespace Solvane::Tool {
 
@@ -37,7 +33,7 @@ public:
 
     virtual char const* name() const = 0;
     virtual char const* description() const = 0;
-    virtual void declareOn(CLI::App& app) = 0;
+    virtual void declareOn(OptionList& options) = 0;
     /// Whether it sends a password besides that of the common options.
     virtual bool sendsPassword() const { return false; }
 
@@ -53,7 +49,7 @@ class AddCommand final : public Command {
 public:
     char const* name() const override { return "add"; }
     char const* description() const override { return "Add the entries of an LDIF file"; }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -74,7 +70,7 @@ public:
     {
         return "Apply the changes of an LDIF file; can write a file that undoes them";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -95,7 +91,7 @@ public:
     {
         return "Try every step of a lookup and say which fails, and why";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     /// @return the table's exit status, or with --nagios 0 to 3
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
@@ -104,7 +100,7 @@ private:
 
     SettingOptions m_settings;
     std::string m_probe; ///< key to look up; empty: none
-    unsigned int m_repeat = 0;
+    std::optional<unsigned int> m_repeat;
     bool m_isForNagios = false;
 };
 
@@ -113,7 +109,7 @@ class CompareCommand final : public Command {
 public:
     char const* name() const override { return "compare"; }
     char const* description() const override { return "Ask whether an entry has a value"; }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -130,7 +126,7 @@ public:
     {
         return "Print the filter that a template makes of each address; asks no server";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -154,7 +150,7 @@ public:
     {
         return "Make settings of one of Postfix's LDAP tables";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -172,7 +168,7 @@ public:
     {
         return "Search a directory for each address and print what it has";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -192,7 +188,7 @@ class PasswdCommand final : public Command {
 public:
     char const* name() const override { return "passwd"; }
     char const* description() const override { return "Change the password of a user"; }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     bool sendsPassword() const override { return true; }
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
@@ -205,7 +201,7 @@ private:
 
         bool isGiven() const { return asks || file || descriptor; }
         bool isPrompted() const { return !file && !descriptor; }
-        void declareOn(CLI::App& app, char const* letterOfPrompt, char const* letterOfFile,
+        void declareOn(OptionList& options, char const* letterOfPrompt, char const* letterOfFile,
                        std::string const& which);
         void read(Secret& password, std::string const& user) const;
     };
@@ -224,7 +220,7 @@ class SearchCommand final : public Command {
 public:
     char const* name() const override { return "search"; }
     char const* description() const override { return "Print the entries that a filter finds"; }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -233,7 +229,7 @@ private:
     std::unique_ptr<RecordWriter> writer(CommonOptions const& common) const;
 
     SettingOptions m_settings;
-    CLI::Option const* m_arguments = nullptr; ///< a filter, and attributes
+    DeclaredOption m_arguments; ///< a filter, and attributes
     std::optional<unsigned int> m_sizeLimit;
     std::optional<unsigned int> m_timeLimit;
     std::optional<unsigned int> m_pageSize;
@@ -252,7 +248,7 @@ public:
     {
         return "Show the statistics of a running solvane-ldapd";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -268,7 +264,7 @@ public:
     {
         return "Verify the password of an address by a bind as its entry";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     bool sendsPassword() const override { return true; }
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
@@ -289,7 +285,7 @@ public:
     {
         return "Print the identity that the server sees after the bind";
     }
-    void declareOn(CLI::App& app) override;
+    void declareOn(OptionList& options) override;
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 };
 

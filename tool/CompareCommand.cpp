@@ -3,6 +3,7 @@
 
 #include "Json.h"
 #include "OpenLDAP.h"
+#include "OptionList.h"
 #include "Secret.h"
 #include "Sessions.h"
 #include "Text.h"
@@ -11,7 +12,6 @@
 
 #include <gnutls/gnutls.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <memory>
@@ -124,13 +124,13 @@ std::string jsonRecord(std::string const& dn, Assertion const& assertion, char c
 
 } // namespace
 
-void CompareCommand::declareOn(CLI::App& app)
+void CompareCommand::declareOn(OptionList& options)
 {
-    app.add_option("DN", m_dn, "The entry")->type_name("")->required();
-    app.add_option("ASSERTION", m_assertion, "The value, as attribute:value or attribute::base64")
-        ->type_name("")
-        ->required();
-    app.footer(footer);
+    options.value("DN", m_dn, "", "The entry").required();
+    options
+        .value("ASSERTION", m_assertion, "", "The value, as attribute:value or attribute::base64")
+        .required();
+    options.footer(footer);
 }
 
 int CompareCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)

@@ -2,12 +2,12 @@
 #include "Commands.h"
 
 #include "LookupSettings.h"
+#include "OptionList.h"
 #include "Outcome.h"
 #include "Text.h"
 
 #include <solvane/ldap.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -178,13 +178,13 @@ private:
     std::string m_gathered;
 };
 
-void ExpandCommand::declareOn(CLI::App& app)
+void ExpandCommand::declareOn(OptionList& options)
 {
-    m_settings.declareOn(app, Setting::Group::queryTemplate);
-    m_keys.declareOn(app);
-    app.add_flag("--explain", m_explains, "Explain before each filter what every specifier did");
-    app.add_flag("--lint", m_lints, "Report errors in the template; addresses are optional");
-    app.footer(footer);
+    m_settings.declareOn(options, Setting::Group::queryTemplate);
+    m_keys.declareOn(options);
+    options.flag("--explain", m_explains, "Explain before each filter what every specifier did");
+    options.flag("--lint", m_lints, "Report errors in the template; addresses are optional");
+    options.footer(footer);
 }
 
 int ExpandCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)

@@ -3,6 +3,7 @@
 #include "Commands.h"
 
 #include "Files.h"
+#include "OptionList.h"
 #include "Outcome.h"
 #include "ServerUri.h"
 #include "SettingValues.h"
@@ -13,7 +14,6 @@
 
 #include <solvart/StringHelpers.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 #include <gnutls/gnutls.h>
 
@@ -649,17 +649,14 @@ std::string TableImport::text(bool withPassword) const
 
 } // namespace
 
-void ImportCommand::declareOn(CLI::App& app)
+void ImportCommand::declareOn(OptionList& options)
 {
-    app.add_option("TABLE", m_table, "File of the table, as /etc/postfix/ldap-aliases.cf")
-        ->required()
-        ->type_name("");
-    app.add_option("--source", m_source, "Name of a table whose settings are in main.cf")
-        ->type_name("NAME");
-    app.add_option("--output", m_output, "File to write; default: standard output")
-        ->type_name("FILE");
-    app.add_flag("--force", m_replaces, "Replace an existing file");
-    app.footer(footer);
+    options.value("TABLE", m_table, "", "File of the table, as /etc/postfix/ldap-aliases.cf")
+        .required();
+    options.value("--source", m_source, "NAME", "Name of a table whose settings are in main.cf");
+    options.value("--output", m_output, "FILE", "File to write; default: standard output");
+    options.flag("--force", m_replaces, "Replace an existing file");
+    options.footer(footer);
 }
 
 int ImportCommand::run(CommonOptions const&, Output& output, Diagnostics& diagnostics)

@@ -5,7 +5,7 @@
 #include "Console.h"
 #include "Json.h"
 #include "LookupSettings.h"
-#include "OptionValues.h"
+#include "OptionList.h"
 #include "Options.h"
 #include "Outcome.h"
 #include "Progress.h"
@@ -14,7 +14,6 @@
 
 #include <solvane/lookup/LDAPLookup.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -292,23 +291,23 @@ constexpr char footer[] =
 
 } // namespace
 
-void LookupCommand::declareOn(CLI::App& app)
+void LookupCommand::declareOn(OptionList& options)
 {
-    m_settings.declareOn(app, Setting::Group::search);
-    m_settings.declareOn(app, Setting::Group::queryTemplate);
-    m_settings.declareOn(app, Setting::Group::results);
-    m_settings.declareOn(app, Setting::Group::bulk);
-    app.add_flag("--single", m_isSingle, "More than one entry for an address is an error");
-    addValue(app, "--nouser", m_noUser, numberBetween(1, 125), "STATUS",
-             "Exit status instead of 1, for example 67 for mail servers");
-    app.add_flag("--nouser-without-value", m_needsValue,
+    m_settings.declareOn(options, Setting::Group::search);
+    m_settings.declareOn(options, Setting::Group::queryTemplate);
+    m_settings.declareOn(options, Setting::Group::results);
+    m_settings.declareOn(options, Setting::Group::bulk);
+    options.flag("--single", m_isSingle, "More than one entry for an address is an error");
+    options.value("--nouser", m_noUser, numberBetween(1, 125), "STATUS",
+                  "Exit status instead of 1, for example 67 for mail servers");
+    options.flag("--nouser-without-value", m_needsValue,
                  "In the exit status, found without a value counts as not found");
-    app.add_flag("-c,--continue", m_goesOn, "Continue after an error; always on");
-    app.add_flag("-L", m_ldifLeaves,
+    options.flag("-c,--continue", m_goesOn, "Continue after an error; always on");
+    options.flag("-L", m_ldifLeaves,
                  "Format ldif; -LL: without comments, also those for addresses that are not found; "
                  "-LLL: without the version, too");
-    m_keys.declareOn(app);
-    app.footer(footer);
+    m_keys.declareOn(options);
+    options.footer(footer);
 }
 
 std::unique_ptr<RecordWriter> LookupCommand::writer(CommonOptions const& common) const

@@ -1,9 +1,9 @@
-// Declares the options with CLI11. What neither they nor the settings file say comes from OpenLDAP's
+// Declares the options, and applies them. What neither they nor the settings file say comes from OpenLDAP's
 // configuration.
 #include "Options.h"
 
 #include "OpenLDAP.h"
-#include "OptionValues.h"
+#include "OptionList.h"
 #include "Outcome.h"
 #include "RecordWriter.h"
 #include "SettingValues.h"
@@ -11,7 +11,6 @@
 
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -24,8 +23,6 @@
 namespace Solvane::Tool {
 
 namespace {
-
-constexpr int anyNumber = CLI::detail::expected_max_vector_size;
 
 // OpenLDAP's debug levels "packets" and "BER" print the bytes of requests, including a bind's
 // password. No installed header defines them.
@@ -90,52 +87,41 @@ std::vector<LDAPLookup::Server> configuredServers(Draft const& draft)
 
 } // namespace
 
-void SettingOptions::declareOn(CLI::App& app, Setting::Group group)
+void SettingOptions::declareOn(OptionList& options, Setting::Group group)
 {
     for (Setting const& setting : settingsTable()) {
         if (setting.group == group && setting.value.fromOption) {
-            declareOn(app, setting, setting.help);
+            declareOn(options, setting, setting.help);
         }
     }
 }
 
-void SettingOptions::declareOn(CLI::App& app, Setting const& setting, char const* help)
+void SettingOptions::declareOn(OptionList& options, Setting const& setting, char const* help)
 {
-    CLI::Option* const option = declared(app, setting, help);
+    DeclaredOption option = declared(options, setting, help);
     for (Setting const& other : settingsTable()) { // declared before it
         if (&other == &setting) {
             break;
         }
         if (other.name == std::string_view(setting.name)) {
-            option->excludes(app.get_option(CLI::detail::split(other.options, ',').back()));
+            std::string_view const names = other.options;
+            option.excludes(options.declared(std::string(names.substr(names.rfind(',') + 1))));
         }
     }
 }
 
-CLI::Option* SettingOptions::declared(CLI::App& app, Setting const& setting, char const* help)
+DeclaredOption SettingOptions::declared(OptionList& options, Setting const& setting,
+                                        char const* help)
 {
     if (std::string_view(setting.shape).empty()) {
-        return app.add_flag_function(
-            setting.options, [this, &setting](std::int64_t) { take(setting, "yes"); }, help);
+        return options.flag(
+            setting.options, [this, &setting] { take(setting, "yes"); }, help);
     }
-    auto* const option =
-        setting.isList
-            // One value per option: with a list, CLI11 would also take the arguments after it.
-            ? app.add_option_function<std::vector<std::string>>(
-                     setting.options,
-                     [this, &setting](std::vector<std::string> const& texts) {
-                         for (std::string const& text : texts) {
-                             take(setting, text);
-                         }
-                     },
-                     help)
-                  ->expected(1)
-                  ->take_all()
-                  ->allow_extra_args(false)
-            : app.add_option_function<std::string>(
-                  setting.options,
-                  [this, &setting](std::string const& text) { take(setting, text); }, help);
-    return option->type_name(setting.shape)->default_str(setting.defaultText());
+    auto const each = [this, &setting](std::string const& text) { take(setting, text); };
+    DeclaredOption option = setting.isList
+                                ? options.values(setting.options, each, setting.shape, help)
+                                : options.value(setting.options, each, setting.shape, help);
+    return option.showsDefault(setting.defaultText());
 }
 
 void SettingOptions::take(Setting const& setting, std::string const& text)
@@ -160,22 +146,16 @@ void SettingOptions::applyTo(Draft& draft) const
     }
 }
 
-void KeyOptions::declareOn(CLI::App& app)
+void KeyOptions::declareOn(OptionList& options)
 {
-    // CLI11 splits "[a,b]" if an option allows extra arguments, and drops "{}" when it converts to
-    // a vector. So: any number of arguments, no extra ones, and the values read with results().
-    m_arguments = app.add_option("ADDRESS", "E-mail address, split at its last '@'; put -- before "
-                                            "one that begins with '-'")
-                      ->expected(anyNumber, anyNumber)
-                      ->take_all()
-                      ->allow_extra_args(false)
-                      ->type_name("");
-    m_fileOption = app.add_option("-f,--file", m_file,
-                                  "File with one address per line, '-' for standard input")
-                       ->type_name("FILE");
+    m_arguments = options.arguments("ADDRESS",
+                                    "E-mail address, split at its last '@'; put -- before one that "
+                                    "begins with '-'");
+    m_fileOption = options.value("-f,--file", m_file, "FILE",
+                                 "File with one address per line, '-' for standard input");
 }
 
-bool KeyOptions::isGiven() const { return m_arguments->count() != 0 || m_fileOption->count() != 0; }
+bool KeyOptions::isGiven() const { return m_arguments.count() != 0 || m_fileOption.count() != 0; }
 
 void KeyOptions::check() const
 {
@@ -183,7 +163,7 @@ void KeyOptions::check() const
         throw Failure(Outcome::usage, "no address given",
                       "give addresses as arguments, or a file of them with -f");
     }
-    if (m_arguments->count() != 0 && m_fileOption->count() != 0) {
+    if (m_arguments.count() != 0 && m_fileOption.count() != 0) {
         throw Failure(Outcome::usage, "addresses are given both as arguments and with -f",
                       "use one of the two");
     }
@@ -193,10 +173,10 @@ bool KeyOptions::readsStandardInput() const { return m_file == "-"; }
 
 LDAPLookup::Supply KeyOptions::next(std::string& key, bool mayWait)
 {
-    if (m_fileOption->count() != 0) {
+    if (m_fileOption.count() != 0) {
         return reader().next(key, mayWait);
     }
-    auto const& arguments = m_arguments->results();
+    auto const& arguments = m_arguments.texts();
     if (m_used == arguments.size()) {
         return LDAPLookup::Supply::end;
     }
@@ -206,15 +186,15 @@ LDAPLookup::Supply KeyOptions::next(std::string& key, bool mayWait)
 
 int KeyOptions::descriptor()
 {
-    return m_fileOption->count() != 0 && !reader().isRegular() ? reader().descriptor() : -1;
+    return m_fileOption.count() != 0 && !reader().isRegular() ? reader().descriptor() : -1;
 }
 
 std::optional<unsigned long> KeyOptions::total()
 {
-    if (m_fileOption->count() != 0) {
+    if (m_fileOption.count() != 0) {
         return reader().count();
     }
-    return m_arguments->count();
+    return m_arguments.count();
 }
 
 LineReader& KeyOptions::reader()
@@ -225,56 +205,56 @@ LineReader& KeyOptions::reader()
     return *m_reader;
 }
 
-void CommonOptions::declareOn(CLI::App& app)
+void CommonOptions::declareOn(OptionList& options)
 {
-    addValue(app, "-C,--config", m_settingsPath, textIn, "FILE",
-             "Settings file, see solvane-ldap.conf(5); options override it");
-    m_settings.declareOn(app, Setting::Group::server);
-    declareIdentityOn(app);
-    declareDiagnosticsOn(app);
-    declareOutputOn(app);
+    options.value("-C,--config", m_settingsPath, textIn, "FILE",
+                  "Settings file, see solvane-ldap.conf(5); options override it");
+    m_settings.declareOn(options, Setting::Group::server);
+    declareIdentityOn(options);
+    declareDiagnosticsOn(options);
+    declareOutputOn(options);
 }
 
-void CommonOptions::declareIdentityOn(CLI::App& app)
+void CommonOptions::declareIdentityOn(OptionList& options)
 {
-    m_settings.declareOn(app, Setting::Group::identity);
-    auto* const prompt =
-        app.add_flag("-W,--ask-password", m_asksPassword, "Ask for the password at the terminal");
-    auto* const file = addValue(app, "-y,--password-file", m_passwordFile, textIn, "FILE",
-                                "Read the password from a file that others cannot read; "
-                                "one trailing newline is removed");
-    auto* const descriptor = addValue(app, "--password-fd", m_passwordDescriptor, descriptorIn, "N",
-                                      "Read the password from this file descriptor, to its end");
-    prompt->excludes(file)->excludes(descriptor);
-    file->excludes(descriptor);
+    m_settings.declareOn(options, Setting::Group::identity);
+    auto prompt =
+        options.flag("-W,--ask-password", m_asksPassword, "Ask for the password at the terminal");
+    auto file = options.value("-y,--password-file", m_passwordFile, textIn, "FILE",
+                              "Read the password from a file that others cannot read; "
+                              "one trailing newline is removed");
+    auto const descriptor =
+        options.value("--password-fd", m_passwordDescriptor, descriptorIn, "N",
+                      "Read the password from this file descriptor, to its end");
+    prompt.excludes(file).excludes(descriptor);
+    file.excludes(descriptor);
 }
 
-void CommonOptions::declareDiagnosticsOn(CLI::App& app)
+void CommonOptions::declareDiagnosticsOn(OptionList& options)
 {
-    auto* const verbose =
-        app.add_flag("-v,--verbose", m_isVerbose, "Describe each step on standard error");
-    app.add_flag("-q,--quiet", m_isQuiet, "Print no messages on standard error")->excludes(verbose);
-    addValue(app, "-d,--debug", m_debugLevel, debugLevelIn, "LEVEL",
-             "OpenLDAP's own debug output: a sum of its levels, or 'any'; levels that would print "
-             "the password stay off");
-    app.add_flag("--stats", m_stats, "Print statistics on standard error at the end")
-        ->check(CLI::Validator(complaintAboutStats, ""))
-        ->type_name("[=json]");
+    auto const verbose =
+        options.flag("-v,--verbose", m_isVerbose, "Describe each step on standard error");
+    options.flag("-q,--quiet", m_isQuiet, "Print no messages on standard error").excludes(verbose);
+    options.value(
+        "-d,--debug", m_debugLevel, debugLevelIn, "LEVEL",
+        "OpenLDAP's own debug output: a sum of its levels, or 'any'; levels that would print "
+        "the password stay off");
+    options.flag("--stats", m_stats, "[=json]", "Print statistics on standard error at the end")
+        .check(complaintAboutStats);
 }
 
-void CommonOptions::declareOutputOn(CLI::App& app)
+void CommonOptions::declareOutputOn(OptionList& options)
 {
-    app.add_option("--format", m_format, "Output format of the records")
-        ->check(CLI::IsMember(recordFormats()))
-        ->type_name("")
-        ->capture_default_str();
-    declareOnCommand(app);
+    options.value("--format", m_format, "", "Output format of the records")
+        .oneOf(recordFormats())
+        .showsDefault();
+    declareOnCommand(options);
 }
 
-void CommonOptions::declareOnCommand(CLI::App& command)
+void CommonOptions::declareOnCommand(OptionList& options)
 {
     // CLI11 reads "-0" as a negative number unless the subcommand itself declares it.
-    command.add_flag("-0,--null", m_endsInNul, "End keys and records by NUL instead of newline");
+    options.flag("-0,--null", m_endsInNul, "End keys and records by NUL instead of newline");
 }
 
 SettingsFile const& CommonOptions::file() const

@@ -5,6 +5,7 @@
 
 #include "Console.h"
 #include "Files.h"
+#include "OptionList.h"
 #include "Secret.h"
 #include "SettingsFile.h"
 #include "SettingsTable.h"
@@ -18,11 +19,6 @@
 #include <utility>
 #include <vector>
 
-namespace CLI {
-class App;
-class Option;
-} // namespace CLI
-
 namespace Solvane::Tool {
 
 /// The settings given on the command line. A Failure "usage" names the option.
@@ -33,10 +29,10 @@ public:
     SettingOptions& operator=(SettingOptions const&) = delete;
 
     /// Declares the options of a group, in the table's order.
-    void declareOn(CLI::App& app, Setting::Group group);
+    void declareOn(OptionList& options, Setting::Group group);
     /// Declares one option.
     /// @param help  replaces that of the table
-    void declareOn(CLI::App& app, Setting const& setting, char const* help);
+    void declareOn(OptionList& options, Setting const& setting, char const* help);
 
     /// Whether the command line sets this setting.
     bool has(std::string_view name) const;
@@ -45,7 +41,7 @@ public:
     void applyTo(Draft& draft) const;
 
 private:
-    CLI::Option* declared(CLI::App& app, Setting const& setting, char const* help);
+    DeclaredOption declared(OptionList& options, Setting const& setting, char const* help);
     void take(Setting const& setting, std::string const& text);
 
     std::vector<std::pair<Setting const*, Setting::Assignment>> m_given;
@@ -58,9 +54,9 @@ enum class Stats { none, text, json };
 class CommonOptions {
 public:
     /// Declares the options on the program.
-    void declareOn(CLI::App& app);
+    void declareOn(OptionList& options);
     /// Declares on a subcommand the options that CLI11 does not find on the program.
-    void declareOnCommand(CLI::App& command);
+    void declareOnCommand(OptionList& options);
 
     /// The settings file of -C, read at the first call; without -C an empty one.
     /// @throws Failure  "configuration"
@@ -92,9 +88,9 @@ public:
     void debugOpenLDAP(Diagnostics const& diagnostics, bool sendsPassword) const;
 
 private:
-    void declareIdentityOn(CLI::App& app);
-    void declareDiagnosticsOn(CLI::App& app);
-    void declareOutputOn(CLI::App& app);
+    void declareIdentityOn(OptionList& options);
+    void declareDiagnosticsOn(OptionList& options);
+    void declareOutputOn(OptionList& options);
     void completeIdentity(LDAPLookup::Settings& settings) const;
     void readPassword(Secret& password, std::string const& dn) const;
     bool namesPassword() const;
@@ -123,7 +119,7 @@ void requireBase(Draft& draft);
 /// The keys: arguments, or the lines of a file. Not thread-safe.
 class KeyOptions {
 public:
-    void declareOn(CLI::App& app);
+    void declareOn(OptionList& options);
     bool isGiven() const;
     /// @throws Failure  "usage": no keys, or both arguments and a file
     void check() const;
@@ -149,8 +145,8 @@ private:
     char m_separator = '\n';
     std::size_t m_used = 0; ///< arguments returned so far
     std::unique_ptr<LineReader> m_reader;
-    CLI::Option const* m_arguments = nullptr;
-    CLI::Option const* m_fileOption = nullptr;
+    DeclaredOption m_arguments;
+    DeclaredOption m_fileOption;
 };
 
 } // namespace Solvane::Tool

@@ -3,14 +3,13 @@
 
 #include "Json.h"
 #include "OpenLDAP.h"
-#include "OptionValues.h"
+#include "OptionList.h"
 #include "Secret.h"
 #include "Sessions.h"
 #include "Text.h"
 
 #include <solvane/session/ResultCodes.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -113,20 +112,19 @@ void requireSuccess(Verdict verdict, ResultMessage const& result, bool sendsOld)
 
 } // namespace
 
-void PasswdCommand::Source::declareOn(CLI::App& app, char const* letterOfPrompt,
+void PasswdCommand::Source::declareOn(OptionList& options, char const* letterOfPrompt,
                                       char const* letterOfFile, std::string const& which)
 {
-    auto* const prompt =
-        app.add_flag(fmt::format("{},--ask-{}-password", letterOfPrompt, which), asks,
-                     fmt::format("Ask for the {} password at the terminal", which));
-    auto* const fromFile = addValue(
-        app, fmt::format("{},--{}-password-file", letterOfFile, which), file, textIn, "FILE",
+    auto prompt = options.flag(fmt::format("{},--ask-{}-password", letterOfPrompt, which), asks,
+                               fmt::format("Ask for the {} password at the terminal", which));
+    auto fromFile = options.value(
+        fmt::format("{},--{}-password-file", letterOfFile, which), file, textIn, "FILE",
         fmt::format("Read the {} password from a file that others cannot read", which));
-    auto* const fromDescriptor =
-        addValue(app, fmt::format("--{}-password-fd", which), descriptor, descriptorIn, "N",
-                 fmt::format("Read the {} password from this file descriptor, to its end", which));
-    prompt->excludes(fromFile)->excludes(fromDescriptor);
-    fromFile->excludes(fromDescriptor);
+    auto const fromDescriptor = options.value(
+        fmt::format("--{}-password-fd", which), descriptor, descriptorIn, "N",
+        fmt::format("Read the {} password from this file descriptor, to its end", which));
+    prompt.excludes(fromFile).excludes(fromDescriptor);
+    fromFile.excludes(fromDescriptor);
 }
 
 void PasswdCommand::Source::read(Secret& password, std::string const& user) const
@@ -140,24 +138,26 @@ void PasswdCommand::Source::read(Secret& password, std::string const& user) cons
     }
 }
 
-void PasswdCommand::declareOn(CLI::App& app)
+void PasswdCommand::declareOn(OptionList& options)
 {
-    app.add_option("USER", m_user, "The user; default: the identity of the bind")->type_name("");
-    m_new.declareOn(app, "-S", "-T", "new");
-    m_old.declareOn(app, "-A", "-t", "old");
-    app.add_flag("--generate", m_generates, "Have the server generate the password, and print it");
+    options.value("USER", m_user, "", "The user; default: the identity of the bind");
+    m_new.declareOn(options, "-S", "-T", "new");
+    m_old.declareOn(options, "-A", "-t", "old");
+    options.flag("--generate", m_generates, "Have the server generate the password, and print it");
     for (char const* const letter : {"-s", "-a"}) { // of ldappasswd
-        app.add_option_function<std::string>(
-               letter,
-               [letter](std::string const&) {
-                   refuseUsage(
-                       fmt::format("{} is not supported: other users can see arguments", letter),
-                       "pass the password with -S, -T FILE or --new-password-fd N, the old one "
-                       "with -A, -t FILE or --old-password-fd N");
-               })
-            ->group(""); // not in the help
+        options
+            .value(
+                letter,
+                [letter](std::string const&) {
+                    refuseUsage(
+                        fmt::format("{} is not supported: other users can see arguments", letter),
+                        "pass the password with -S, -T FILE or --new-password-fd N, the old one "
+                        "with -A, -t FILE or --old-password-fd N");
+                },
+                "", "")
+            .isHidden();
     }
-    app.footer(footer);
+    options.footer(footer);
 }
 
 /// @throws Failure  "usage"

@@ -3,7 +3,7 @@
 
 #include "Json.h"
 #include "OpenLDAP.h"
-#include "OptionValues.h"
+#include "OptionList.h"
 #include "Options.h"
 #include "Outcome.h"
 #include "Progress.h"
@@ -17,7 +17,6 @@
 #include <solvane/ldap/LDAPFilter.h>
 #include <solvane/ldap/impl/LDAPAdapters.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -27,8 +26,6 @@
 namespace Solvane::Tool {
 
 namespace {
-
-constexpr int anyNumber = CLI::detail::expected_max_vector_size;
 
 constexpr char footer[] =
     "The first argument is the filter if it contains '='; all others are attributes, such as cn,\n"
@@ -311,38 +308,33 @@ std::string baseOf(Draft const& draft, bool isOption)
 
 } // namespace
 
-void SearchCommand::declareOn(CLI::App& app)
+void SearchCommand::declareOn(OptionList& options)
 {
     for (char const* const name : {"search_base", "scope", "dereference"}) {
         Setting const& setting = *settingOfFile(name);
-        m_settings.declareOn(app, setting, setting.help);
+        m_settings.declareOn(options, setting, setting.help);
     }
-    m_settings.declareOn(app, *settingOfFile("references"),
+    m_settings.declareOn(options, *settingOfFile("references"),
                          "Exit status of a search that finds only references: 69, or 1 as without "
                          "them");
     auto const limit = numberBetween(0, largestLimit);
-    addValue(app, "-z,--size-limit", m_sizeLimit, limit, "N",
-             "Maximum number of entries; default: no limit");
-    addValue(app, "-l,--time-limit", m_timeLimit, limit, "S",
-             "Time limit on the server in seconds; default: no limit");
-    addValue(app, "--page-size", m_pageSize, numberBetween(1, largestLimit), "N",
-             "Fetch pages of so many entries (RFC 2696)");
-    addValue(app, "--sort", m_sortKeys, sortKeysIn, "KEYS",
-             "Have the server sort (RFC 2891) by [-]ATTRIBUTE[:RULE], separated by commas; -: "
-             "descending");
-    app.add_flag("-M,--manage-dsa-it", m_manages,
+    options.value("-z,--size-limit", m_sizeLimit, limit, "N",
+                  "Maximum number of entries; default: no limit");
+    options.value("-l,--time-limit", m_timeLimit, limit, "S",
+                  "Time limit on the server in seconds; default: no limit");
+    options.value("--page-size", m_pageSize, numberBetween(1, largestLimit), "N",
+                  "Fetch pages of so many entries (RFC 2696)");
+    options.value("--sort", m_sortKeys, sortKeysIn, "KEYS",
+                  "Have the server sort (RFC 2891) by [-]ATTRIBUTE[:RULE], separated by commas; -: "
+                  "descending");
+    options.flag("-M,--manage-dsa-it", m_manages,
                  "Return referral entries themselves (RFC 3296); -MM: required");
-    app.add_flag("-A,--types-only", m_isTypesOnly, "Return attributes without their values");
-    app.add_flag("--count", m_onlyCounts, "Print only the number of entries");
-    app.add_flag("-L", m_ldifLeaves,
+    options.flag("-A,--types-only", m_isTypesOnly, "Return attributes without their values");
+    options.flag("--count", m_onlyCounts, "Print only the number of entries");
+    options.flag("-L", m_ldifLeaves,
                  "Format ldif; -L and -LL: with the version, -LLL: without, as --format ldif");
-    // The same rules as for keys: CLI11 must not split or convert the arguments.
-    m_arguments = app.add_option("FILTER", "Filter, default (objectClass=*), and attributes")
-                      ->expected(anyNumber, anyNumber)
-                      ->take_all()
-                      ->allow_extra_args(false)
-                      ->type_name("");
-    app.footer(footer);
+    m_arguments = options.arguments("FILTER", "Filter, default (objectClass=*), and attributes");
+    options.footer(footer);
 }
 
 /// @throws Failure  "badInput": the filter is invalid; "usage": an attribute is, or there is no base
@@ -375,7 +367,7 @@ SearchQuery SearchCommand::query(Draft& draft) const
 void SearchCommand::takeArguments(SearchQuery& query) const
 {
     query.filter = "(objectClass=*)";
-    auto const& arguments = m_arguments->results();
+    auto const& arguments = m_arguments.texts();
     auto first = arguments.begin();
     if (first != arguments.end() && first->find('=') != std::string::npos) {
         query.filter = *first++;

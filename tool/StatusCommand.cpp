@@ -2,12 +2,11 @@
 #include "Commands.h"
 
 #include "Files.h"
-#include "OptionValues.h"
+#include "OptionList.h"
 #include "SettingValues.h"
 #include "StatusReport.h"
 #include "Text.h"
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <array>
@@ -126,14 +125,12 @@ double secondsNow()
 
 } // namespace
 
-void StatusCommand::declareOn(CLI::App& app)
+void StatusCommand::declareOn(OptionList& options)
 {
-    app.add_option("SOCKET", m_socket, "The service's stats_socket")
-        ->type_name("")
-        ->capture_default_str();
-    app.add_flag("--watch", m_interval, "Show it again and again, every second or every S seconds")
-        ->type_name("[=S]");
-    app.footer(footer);
+    options.value("SOCKET", m_socket, "", "The service's stats_socket").showsDefault();
+    options.flag("--watch", m_interval, "[=S]",
+                 "Show it again and again, every second or every S seconds");
+    options.footer(footer);
 }
 
 int StatusCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)

@@ -3,13 +3,12 @@
 
 #include "Json.h"
 #include "LookupSettings.h"
-#include "OptionValues.h"
+#include "OptionList.h"
 #include "Outcome.h"
 #include "Text.h"
 
 #include <solvane/lookup/Verification.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 #include <iterator>
@@ -181,21 +180,22 @@ std::string jsonRecord(std::string const& key, Verification const& verification)
 
 } // namespace
 
-void VerifyCommand::declareOn(CLI::App& app)
+void VerifyCommand::declareOn(OptionList& options)
 {
-    m_settings.declareOn(app, Setting::Group::search);
-    m_settings.declareOn(app, Setting::Group::queryTemplate);
+    m_settings.declareOn(options, Setting::Group::search);
+    m_settings.declareOn(options, Setting::Group::queryTemplate);
     for (char const* const name : {"domain", "forms", "delimiter", "ascii_domains", "key_bytes"}) {
         Setting const& setting = *settingOfFile(name);
-        m_settings.declareOn(app, setting, setting.help);
+        m_settings.declareOn(options, setting, setting.help);
     }
-    app.add_option("ADDRESS", m_key, "E-mail address of the user")->type_name("")->required();
-    auto* const file = addValue(app, "--user-password-file", m_file, textIn, "FILE",
-                                "Read the user's password from a file that others cannot read");
-    addValue(app, "--user-password-fd", m_descriptor, descriptorIn, "N",
-             "Read the user's password from this file descriptor, to its end")
-        ->excludes(file);
-    app.footer(footer);
+    options.value("ADDRESS", m_key, "", "E-mail address of the user").required();
+    auto const file = options.value("--user-password-file", m_file, textIn, "FILE",
+                                    "Read the user's password from a file that others cannot read");
+    options
+        .value("--user-password-fd", m_descriptor, descriptorIn, "N",
+               "Read the user's password from this file descriptor, to its end")
+        .excludes(file);
+    options.footer(footer);
 }
 
 void VerifyCommand::readPassword(Secret& password) const

@@ -3,13 +3,13 @@
 
 #include "Json.h"
 #include "OpenLDAP.h"
+#include "OptionList.h"
 #include "Secret.h"
 #include "Sessions.h"
 #include "Text.h"
 
 #include <solvane/session/ResultCodes.h>
 
-#include <CLI/CLI.hpp>
 #include <fmt/format.h>
 
 namespace Solvane::Tool {
@@ -61,7 +61,7 @@ void requireAnswer(Lookup::Verdict verdict, ResultMessage const& result)
 
 } // namespace
 
-void WhoAmICommand::declareOn(CLI::App& app) { app.footer(footer); }
+void WhoAmICommand::declareOn(OptionList& options) { options.footer(footer); }
 
 int WhoAmICommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
 {
