@@ -6,6 +6,8 @@
 
 #include <solvane/ldap/LDAPException.h>
 
+#include <solvane/ldap/LDAPLdif.h>
+
 #include <fmt/format.h>
 
 #include <algorithm>
@@ -97,8 +99,12 @@ std::string wordFor(Value value, Word<Value> const (&words)[count])
 
 bool isGraphic(char character) { return character > ' ' && character <= '~'; }
 
-/// The characters of attribute descriptions (RFC 4512 section 2.5), and of `*`, `+` and `@class`.
-bool isAttributeSelector(std::string const& text) { return isAlphanumeric(text, "-.;*+@_"); }
+/// The characters of attribute descriptions (RFC 4512 section 2.5), of `*`, `+` and `@class`, and of Active
+/// Directory's `member;range=1500-*`.
+bool isAttributeSelector(std::string const& text)
+{
+    return isAlphanumeric(text, "-.;*+@_=") && text.find('=') >= text.find(';');
+}
 
 /// Whether the text is an IP address, with or without a port.
 bool isNameServer(std::string const& text)
@@ -176,11 +182,22 @@ bool booleanIn(std::string const& text)
     return text == "yes";
 }
 
+std::optional<std::size_t> ldifWrapIn(std::string const& text)
+{
+    constexpr std::string_view name = "ldif-wrap=";
+    if (text.compare(0, name.size(), name) != 0) {
+        return {};
+    }
+    std::string const width = text.substr(name.size());
+    return width == "no" ? LDAPLdif::unfolded : numberIn(width, 2, 1000000);
+}
+
 unsigned int networkTimeoutIn(std::string const& text)
 {
     constexpr std::string_view name = "nettimeout=";
     if (text.compare(0, name.size(), name) != 0) {
-        refuse(fmt::format("unsupported option '{}'", text), "write -o nettimeout=SECONDS");
+        refuse(fmt::format("unsupported option '{}'", text),
+               "write -o nettimeout=SECONDS or -o ldif-wrap=WIDTH");
     }
     return numberIn(text.substr(name.size()), 1, longestSeconds);
 }

@@ -8,6 +8,7 @@
 #include <solvane/session/Address.h>
 
 #include <chrono>
+#include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -46,6 +47,8 @@ inline std::string textIn(std::string const& text) { return text; }
 std::chrono::seconds durationIn(std::string const& text);
 /// "yes" or "no".
 bool booleanIn(std::string const& text);
+/// The width in "ldif-wrap=WIDTH" or "ldif-wrap=no"; nothing if the text has another name.
+std::optional<std::size_t> ldifWrapIn(std::string const& text);
 /// The seconds in "nettimeout=SECONDS".
 unsigned int networkTimeoutIn(std::string const& text);
 LDAPConnection::Protocol protocolIn(std::string const& text);

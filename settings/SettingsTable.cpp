@@ -77,6 +77,20 @@ Setting::Value serverList()
     return made;
 }
 
+/// An option of OpenLDAP's tools may be another one.
+Setting::Value networkTimeout()
+{
+    auto const ofFile = numberBetween(1, longestSeconds);
+    Setting::Value made = value(&Settings::networkTimeout, ofFile, networkTimeoutIn);
+    made.fromOption = [timeout = made.fromOption](std::string const& text) -> Setting::Assignment {
+        if (auto const width = ldifWrapIn(text)) {
+            return [width](Draft& draft) { draft.ldifWidth = *width; };
+        }
+        return timeout(text);
+    };
+    return made;
+}
+
 /// The file is read when the run begins, not while the command line is parsed.
 Setting::Value templateFile()
 {
@@ -129,7 +143,6 @@ Setting::Value resultFilter()
 // NOLINTNEXTLINE(readability-function-size): the table is data
 std::vector<Setting> makeTable()
 {
-    auto const seconds = numberBetween(1, longestSeconds);
     auto const limit = numberBetween(0, largestLimit);
     auto const bytes = numberBetween(1024, largestLimit);
     return {
@@ -141,8 +154,9 @@ std::vector<Setting> makeTable()
         { "version", Group::server, "-P,--protocol", "2|3",
           value(&Draft::version, protocolIn), "LDAP protocol version" },
         { "timeout", Group::server, "-o", "nettimeout=S",
-          value(&Settings::networkTimeout, seconds, networkTimeoutIn),
-          "Seconds for each step of connecting, and until a silent server counts as failed" },
+          networkTimeout(),
+          "Seconds for each step of connecting, and until a silent server counts as failed; or "
+          "ldif-wrap=N|no: fold lines of LDIF after N bytes, or not", true },
         { "deadline", Group::server, "--deadline", "S", value(&Settings::deadline, durationIn),
           "Seconds for each key in total" },
         { "start_tls", Group::server, "-Z,--start-tls", "", value(&Draft::startTls, booleanIn),

@@ -7,6 +7,9 @@
 
 #include <solvane/lookup/LDAPLookup.h>
 
+#include <solvane/ldap/LDAPLdif.h>
+
+#include <cstddef>
 #include <functional>
 #include <set>
 #include <string>
@@ -24,7 +27,8 @@ struct Draft {
     LDAPConnection::Protocol version = LDAPLookup::Server().version;
     bool startTls = false; ///< on every ldap:// server
     bool binds = true;
-    std::set<std::string_view> given; ///< names of the settings that were set
+    std::size_t ldifWidth = LDAPLdif::defaultWidth; ///< of lines of LDIF
+    std::set<std::string_view> given;               ///< names of the settings that were set
 
     bool has(std::string_view name) const { return given.count(name) != 0; }
     /// The servers in the order to try them.

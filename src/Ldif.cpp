@@ -18,7 +18,8 @@
 #if __has_include(<ldif.h>)
 #include <ldif.h>
 #else // OpenLDAP 2.4 exports these functions, and installs no header that declares them
-extern "C" char* ldif_put(int form, char const* name, char const* value, ber_len_t length);
+extern "C" char* ldif_put_wrap(int form, char const* name, char const* value, ber_len_t length,
+                               ber_len_t width);
 extern "C" std::FILE* ldif_open_url(char const* url);
 #define LDIF_PUT_VALUE 1
 #endif
@@ -55,13 +56,16 @@ struct Line {
     throw exception;
 }
 
-/// Whether the text has only characters of attribute descriptions, and "_", which some servers allow.
+/// Whether the text has only characters of attribute descriptions, and those that some servers allow: "_",
+/// and in options "=", as in "member;range=0-1499".
 bool isName(std::string_view text)
 {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](char character) {
-        return isAlphanumeric(character) ||
-               std::string_view("-.;_").find(character) != std::string_view::npos;
-    });
+    auto const options = text.find(';');
+    return !text.empty() && text.find('=') >= options &&
+           std::all_of(text.begin(), text.end(), [](char character) {
+               return isAlphanumeric(character) ||
+                      std::string_view("-.;_=").find(character) != std::string_view::npos;
+           });
 }
 
 /// Whether a line with this name means something else than a value of an attribute.
@@ -609,12 +613,15 @@ LDAPLdifReader::~LDAPLdifReader() = default;
 
 bool LDAPLdifReader::next(LDAPLdifRecord& record) { return m_state->next(record); }
 
-void LDAPLdif::appendLine(std::string& out, std::string const& name, std::string_view value)
+void LDAPLdif::appendLine(std::string& out, std::string const& name, std::string_view value,
+                          std::size_t width)
 {
     requireWritable(isName(name), name);
     char const* const bytes = value.data() == nullptr ? "" : value.data();
     std::unique_ptr<char, void (*)(void*)> const line(
-        ldif_put(LDIF_PUT_VALUE, name.c_str(), bytes, value.size()), ber_memfree);
+        ldif_put_wrap(LDIF_PUT_VALUE, name.c_str(), bytes, value.size(),
+                      std::max<std::size_t>(width, 2)),
+        ber_memfree);
     if (!line) {
         throw std::bad_alloc();
     }

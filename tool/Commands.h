@@ -172,7 +172,7 @@ public:
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
-    std::unique_ptr<RecordWriter> writer(CommonOptions const& common) const;
+    std::unique_ptr<RecordWriter> writer(CommonOptions const& common, Draft const& draft) const;
 
     SettingOptions m_settings;
     KeyOptions m_keys;
@@ -226,13 +226,16 @@ public:
 private:
     SearchQuery query(Draft& draft) const;
     void takeArguments(SearchQuery& query) const;
-    std::unique_ptr<RecordWriter> writer(CommonOptions const& common) const;
+    void takeExtension(std::string const& text);
+    std::unique_ptr<RecordWriter> writer(CommonOptions const& common, Draft const& draft) const;
 
     SettingOptions m_settings;
     DeclaredOption m_arguments; ///< a filter, and attributes
+    std::optional<int> m_scope; ///< LDAP_SCOPE_...; empty: that of the settings
     std::optional<unsigned int> m_sizeLimit;
     std::optional<unsigned int> m_timeLimit;
     std::optional<unsigned int> m_pageSize;
+    std::optional<bool> m_subentries; ///< whether subentries are visible (RFC 3672)
     std::optional<std::list<LDAPControls::SortKey>> m_sortKeys;
     int m_manages = 0;    ///< number of M's; 2: critical
     int m_ldifLeaves = 0; ///< number of L's; 0: --format decides

@@ -310,9 +310,10 @@ void LookupCommand::declareOn(OptionList& options)
     options.footer(footer);
 }
 
-std::unique_ptr<RecordWriter> LookupCommand::writer(CommonOptions const& common) const
+std::unique_ptr<RecordWriter> LookupCommand::writer(CommonOptions const& common,
+                                                    Draft const& draft) const
 {
-    if (m_ldifLeaves == 0) {
+    if (m_ldifLeaves == 0 && common.format() != "ldif") {
         return makeRecordWriter(common.format(), common.recordEnd());
     }
     if (common.format() != "text" && common.format() != "ldif") { // text is the default
@@ -320,7 +321,7 @@ std::unique_ptr<RecordWriter> LookupCommand::writer(CommonOptions const& common)
                       fmt::format("-L and --format {} contradict each other", common.format()),
                       "remove one of them");
     }
-    return makeLdifWriter(common.recordEnd(), m_ldifLeaves);
+    return makeLdifWriter(common.recordEnd(), std::max(m_ldifLeaves, 1), draft.ldifWidth);
 }
 
 int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics& diagnostics)
@@ -339,7 +340,7 @@ int LookupCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     tellDoubts(queryTemplate, diagnostics);
     bool const wantsNone = draft.lookup.attributes == std::vector<std::string>{"1.1"};
     Expected const expected = {m_isSingle, draft.lookup.makesResults(), !wantsNone, m_needsValue};
-    LookupRun run(*lookup, common, writer(common), expected, output, diagnostics);
+    LookupRun run(*lookup, common, writer(common, draft), expected, output, diagnostics);
     Outcome const worst = run.over(m_keys);
     run.printStatistics(common.stats());
     if (run.foundNothing() && diagnostics.level() != Diagnostics::Level::quiet) {

@@ -235,7 +235,8 @@ private:
 /// What a directory can load.
 class LdifWriter final : public RecordWriter {
 public:
-    explicit LdifWriter(char recordEnd, int leaves = 1) : RecordWriter(recordEnd), m_leaves(leaves)
+    LdifWriter(char recordEnd, int leaves, std::size_t width)
+        : RecordWriter(recordEnd), m_leaves(leaves), m_width(width)
     {
     }
 
@@ -256,7 +257,7 @@ private:
 
     void appendEntry(LDAPSearchResultEntry const& entry, std::string& out) const override
     {
-        LDAPLdif::appendLine(out, "dn", entry.entryName());
+        LDAPLdif::appendLine(out, "dn", entry.entryName(), m_width);
         for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
             std::string const& name = attribute.type().asString();
             if (attribute.binaryValue().empty()) { // types only
@@ -269,15 +270,16 @@ private:
         out += '\n';
     }
 
-    /// As ldapsearch writes it: comments, which it folds after 79 bytes.
+    /// As ldapsearch writes it: comments, which it folds one byte later.
     void appendReference(std::vector<std::string> const& uris, std::string& out) const override
     {
-        constexpr std::size_t width = 79;
         for (std::string const& uri : uris) {
             std::string const line = "# ref" + oneLine(uri);
-            out += line.substr(0, width);
-            for (std::size_t at = width; at < line.size(); at += width - 1) {
-                out += "\n " + line.substr(at, width - 1);
+            constexpr std::size_t shortest = 4;
+            std::size_t at = std::max(std::min(m_width, line.size()), shortest) + 1;
+            out += line.substr(0, at);
+            for (; at < line.size(); at += m_width) {
+                out += "\n " + line.substr(at, m_width);
             }
             out += '\n';
         }
@@ -285,10 +287,10 @@ private:
     }
 
     /// A name that would change what the line means, which no sound server sends, becomes a comment.
-    static void appendLine(std::string const& name, std::string_view value, std::string& out)
+    void appendLine(std::string const& name, std::string_view value, std::string& out) const
     {
         try {
-            LDAPLdif::appendLine(out, name, value);
+            LDAPLdif::appendLine(out, name, value, m_width);
         } catch (LDAPException const&) {
             fmt::format_to(std::back_inserter(out), "# invalid attribute name: {}\n",
                            oneLine(name));
@@ -296,6 +298,7 @@ private:
     }
 
     int m_leaves;
+    std::size_t m_width;
 };
 
 /// An attribute with its name at hand.
@@ -414,13 +417,18 @@ template <typename Writer> std::unique_ptr<RecordWriter> make(char recordEnd)
     return std::make_unique<Writer>(recordEnd);
 }
 
+std::unique_ptr<RecordWriter> makeLdif(char recordEnd)
+{
+    return makeLdifWriter(recordEnd, 1, LDAPLdif::defaultWidth);
+}
+
 using Make = std::unique_ptr<RecordWriter> (*)(char recordEnd);
 
 constexpr std::array<std::pair<char const*, Make>, 5> writers = {{{"text", make<TextWriter>},
                                                                   {"values", make<ValuesWriter>},
                                                                   {"tsv", make<TsvWriter>},
                                                                   {"json", make<JsonWriter>},
-                                                                  {"ldif", make<LdifWriter>}}};
+                                                                  {"ldif", makeLdif}}};
 
 } // namespace
 
@@ -445,9 +453,9 @@ std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char r
     return chosen->second(recordEnd);
 }
 
-std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves)
+std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves, std::size_t width)
 {
-    return std::make_unique<LdifWriter>(recordEnd, leaves);
+    return std::make_unique<LdifWriter>(recordEnd, leaves, width);
 }
 
 } // namespace Solvane::Tool

@@ -96,7 +96,8 @@ std::vector<std::string> const& recordFormats();
 std::unique_ptr<RecordWriter> makeRecordWriter(std::string const& format, char recordEnd);
 /// The one of "ldif", with less besides the entries.
 /// @param leaves  as the number of L's of ldapsearch: 2 leaves out comments, 3 also the version
-std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves);
+/// @param width   bytes after which lines are folded
+std::unique_ptr<RecordWriter> makeLdifWriter(char recordEnd, int leaves, std::size_t width);
 
 /// The bytes of a value, without a copy.
 inline std::string_view bytesOf(Buffer const& value)

@@ -22,6 +22,10 @@
 #include <algorithm>
 #include <chrono>
 #include <csignal>
+#include <string_view>
+#include <utility>
+
+#include <strings.h>
 
 namespace Solvane::Tool {
 
@@ -74,6 +78,38 @@ std::list<LDAPControls::SortKey> sortKeysIn(std::string const& text)
     }
     return keys;
 }
+
+int searchScopeIn(std::string const& text)
+{
+    // clang-format off
+    constexpr std::pair<char const*, int> scopes[] = {
+        { "base",        LDAP_SCOPE_BASE },
+        { "one",         LDAP_SCOPE_ONELEVEL },
+        { "onelevel",    LDAP_SCOPE_ONELEVEL },
+        { "sub",         LDAP_SCOPE_SUBTREE },
+        { "subtree",     LDAP_SCOPE_SUBTREE },
+        { "children",    LDAP_SCOPE_CHILDREN },
+        { "subordinate", LDAP_SCOPE_CHILDREN },
+    };
+    // clang-format on
+    for (auto const& [name, scope] : scopes) {
+        if (strcasecmp(text.c_str(), name) == 0) {
+            return scope;
+        }
+    }
+    refuse(fmt::format("unsupported value '{}'", oneLine(text)),
+           "choose one of base, one, sub, children");
+}
+
+unsigned int limitIn(std::string const& text)
+{
+    if (text == "none") {
+        return 0;
+    }
+    return text == "max" ? largestLimit : numberIn(text, 0, largestLimit);
+}
+
+unsigned int pageSizeIn(std::string const& text) { return numberIn(text, 1, largestLimit); }
 
 /// The filter, which OpenLDAP would else refuse after the connection is open, without saying where.
 void requireSound(std::string const& filter)
@@ -209,16 +245,24 @@ Outcome outcomeOfEnd(Lookup::Verdict const& verdict)
 std::string remedyForEnd(Lookup::Verdict const& verdict, SearchQuery const& query,
                          unsigned long entries)
 {
+    char const* const narrower = query.pageSize == 0
+                                     ? "narrow the filter or fetch pages (--page-size)"
+                                     : "narrow the filter";
     switch (verdict.code) {
     case LDAP_SIZELIMIT_EXCEEDED:
-        return query.sizeLimit != 0 && entries >= query.sizeLimit
-                   ? "raise -z or narrow the filter"
-                   : "narrow the filter or fetch pages (--page-size)";
+        return query.sizeLimit != 0 && entries >= query.sizeLimit ? "raise -z or narrow the filter"
+                                                                  : narrower;
     case LDAP_TIMELIMIT_EXCEEDED:
-        return query.timeLimit != 0 ? "narrow the filter or raise -l"
-                                    : "narrow the filter or fetch pages (--page-size)";
+        return query.timeLimit != 0 ? "narrow the filter or raise -l" : narrower;
     case LDAP_ADMINLIMIT_EXCEEDED:
-        return "narrow the filter or fetch pages (--page-size)";
+        return narrower;
+    case LDAP_TIMEOUT: // --deadline limits connecting only
+        return "try again later or raise -o nettimeout";
+    case LDAP_PROTOCOL_ERROR:
+        if (query.scope == LDAP_SCOPE_CHILDREN) {
+            return "choose another scope: the server may lack the scope children";
+        }
+        return remedyFor(verdict);
     case LDAP_UNAVAILABLE_CRITICAL_EXTENSION:
         return "leave out what the server does not support: --page-size, --sort or -MM";
     case LDAP_NO_SUCH_ATTRIBUTE:
@@ -310,23 +354,28 @@ std::string baseOf(Draft const& draft, bool isOption)
 
 void SearchCommand::declareOn(OptionList& options)
 {
-    for (char const* const name : {"search_base", "scope", "dereference"}) {
+    for (char const* const name : {"search_base", "dereference"}) {
         Setting const& setting = *settingOfFile(name);
         m_settings.declareOn(options, setting, setting.help);
     }
+    options.value("-s,--scope", m_scope, searchScopeIn, "base|one|sub|children", "Search scope")
+        .showsDefault("sub");
     m_settings.declareOn(options, *settingOfFile("references"),
                          "Exit status of a search that finds only references: 69, or 1 as without "
                          "them");
-    auto const limit = numberBetween(0, largestLimit);
-    options.value("-z,--size-limit", m_sizeLimit, limit, "N",
+    options.value("-z,--size-limit", m_sizeLimit, limitIn, "N|none|max",
                   "Maximum number of entries; default: no limit");
-    options.value("-l,--time-limit", m_timeLimit, limit, "S",
+    options.value("-l,--time-limit", m_timeLimit, limitIn, "S|none|max",
                   "Time limit on the server in seconds; default: no limit");
-    options.value("--page-size", m_pageSize, numberBetween(1, largestLimit), "N",
+    options.value("--page-size", m_pageSize, pageSizeIn, "N",
                   "Fetch pages of so many entries (RFC 2696)");
     options.value("--sort", m_sortKeys, sortKeysIn, "KEYS",
                   "Have the server sort (RFC 2891) by [-]ATTRIBUTE[:RULE], separated by commas; -: "
                   "descending");
+    options.values(
+        "-E", [this](std::string const& text) { takeExtension(text); }, "[!]EXTENSION",
+        "As ldapsearch: pr=N is --page-size N, sss=KEYS is --sort KEYS, subentries[=true|false] "
+        "returns only subentries (RFC 3672), or none");
     options.flag("-M,--manage-dsa-it", m_manages,
                  "Return referral entries themselves (RFC 3296); -MM: required");
     options.flag("-A,--types-only", m_isTypesOnly, "Return attributes without their values");
@@ -337,6 +386,28 @@ void SearchCommand::declareOn(OptionList& options)
     options.footer(footer);
 }
 
+/// Takes an extension in the form of ldapsearch. Those of pages and subentries are always critical; a "!"
+/// changes nothing, also for the sort, which the server then says that it did not do.
+void SearchCommand::takeExtension(std::string const& text)
+{
+    std::string_view const rest = std::string_view(text).substr(text.rfind('!', 0) == 0 ? 1 : 0);
+    std::string const name(rest.substr(0, rest.find('=')));
+    std::string value(rest.substr(std::min(name.size() + 1, rest.size())));
+    explainedBy("-E " + name, Outcome::usage, [&] {
+        if (name == "pr") { // a prompt would end the stream
+            m_pageSize = pageSizeIn(value.substr(0, value.find('/')));
+        } else if (name == "sss") {
+            std::replace(value.begin(), value.end(), '/', ',');
+            m_sortKeys = sortKeysIn(value);
+        } else if (name == "subentries" && (value.empty() || value == "true" || value == "false")) {
+            m_subentries = value != "false";
+        } else {
+            refuse(fmt::format("unsupported extension '{}'", oneLine(text)),
+                   "choose one of pr=N, sss=KEYS, subentries, subentries=false");
+        }
+    });
+}
+
 /// @throws Failure  "badInput": the filter is invalid; "usage": an attribute is, or there is no base
 SearchQuery SearchCommand::query(Draft& draft) const
 {
@@ -344,15 +415,20 @@ SearchQuery SearchCommand::query(Draft& draft) const
     takeArguments(query);
     requireBase(draft);
     query.base = baseOf(draft, m_settings.has("search_base"));
-    query.scope = LDAPSearchAdapter::fromScope(draft.lookup.scope);
+    query.scope = m_scope.value_or(LDAPSearchAdapter::fromScope(draft.lookup.scope));
     query.deref = LDAPSearchAdapter::fromDeref(draft.lookup.deref);
     query.isTypesOnly = m_isTypesOnly;
     query.sizeLimit = m_sizeLimit.value_or(0);
     query.timeLimit = m_timeLimit.value_or(0);
-    query.pageSize = m_pageSize.value_or(0);
+    // The server should ignore pages of the limit's size (RFC 2696 section 3).
+    bool const fitsPage = query.sizeLimit != 0 && m_pageSize.value_or(0) >= query.sizeLimit;
+    query.pageSize = fitsPage ? 0 : m_pageSize.value_or(0);
     if (m_sortKeys) {
         query.controls.push_back(LDAPControls::sort(*m_sortKeys));
         query.sorts = true;
+    }
+    if (m_subentries) {
+        query.controls.push_back(LDAPControls::subentries(*m_subentries));
     }
     if (m_manages != 0) {
         query.controls.push_back(LDAPControls::manageDsaIT(m_manages > 1));
@@ -384,14 +460,16 @@ void SearchCommand::takeArguments(SearchQuery& query) const
     });
 }
 
-std::unique_ptr<RecordWriter> SearchCommand::writer(CommonOptions const& common) const
+std::unique_ptr<RecordWriter> SearchCommand::writer(CommonOptions const& common,
+                                                    Draft const& draft) const
 {
     if (m_ldifLeaves != 0 && common.format() != "text" && common.format() != "ldif") {
         refuse(fmt::format("-L and --format {} contradict each other", common.format()),
                "remove one of them");
     }
     if (m_ldifLeaves != 0 || common.format() == "ldif") {
-        return makeLdifWriter(common.recordEnd(), m_ldifLeaves == 0 ? 3 : m_ldifLeaves);
+        return makeLdifWriter(common.recordEnd(), m_ldifLeaves == 0 ? 3 : m_ldifLeaves,
+                              draft.ldifWidth);
     }
     return makeRecordWriter(common.format(), common.recordEnd());
 }
@@ -401,7 +479,7 @@ int SearchCommand::run(CommonOptions const& common, Output& output, Diagnostics&
     Draft draft = common.draft();
     m_settings.applyTo(draft);
     SearchQuery const query = this->query(draft);
-    auto records = writer(common);
+    auto records = writer(common, draft);
     Secret password;
     LDAPLookup::Settings settings = common.settings(draft, password);
     auto const tls = std::make_shared<Lookup::TlsContext>(settings.tls);

@@ -174,7 +174,7 @@ void SearchRun::sendRequest(std::string const& cookie)
                             Lookup::wordsFor(code))});
         return;
     }
-    m_session.expect(m_id);
+    m_session.expect(m_id, "search");
     m_session.flush();
 }
 

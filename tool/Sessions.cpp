@@ -154,6 +154,7 @@ Lookup::SessionOptions sessionOptions(LDAPLookup::Settings const& settings,
     options.authorizationId = settings.authorizationId;
     options.bindDn = settings.bindDn;
     options.password = &settings.password;
+    options.messageBytes = settings.entryBytes;
     return options;
 }
 

@@ -83,6 +83,7 @@ std::string const& Session::authorizationId() const { return m_steps->authorizat
 
 Verdict Session::send(SearchRequest const& request, std::string const& filter, int& id)
 {
+    m_steps->request = "search";
     // OpenLDAP cuts both at a NUL, and a truncated filter would match other entries.
     if (isBlank(filter) || hasNul(filter) || hasNul(request.base)) {
         return m_steps->failure(Outcome::Misconfigured, LDAP_FILTER_ERROR,
@@ -128,8 +129,9 @@ Verdict Session::authenticate(std::string const& dn, std::string const& password
                                                        "cannot send the bind: " + wordsFor(code));
 }
 
-void Session::expect(int id)
+void Session::expect(int id, char const* kind)
 {
+    m_steps->request = kind;
     if (Conversation* const conversation = m_steps->conversation()) {
         conversation->expect(id);
     }

@@ -61,7 +61,7 @@ public:
     std::string peer;
     Identity identity = Identity::Anonymous;
     std::string authorizationId;
-    char const* request = "search"; ///< the last kind of request, for messages
+    char const* request = "request"; ///< the last kind of request, for messages
 
 private:
     /// Result of continuing a step.

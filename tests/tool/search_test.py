@@ -103,7 +103,16 @@ class Search(DirectoryTest):
             ["-MM", "(objectClass=referral)", "*", "ref"],
             ["cn=values", "1.1"],
             ["-z", "2"],
+            ["-z", "max"],
+            ["-z", "none", "-l", "max"],
             ["-a", "always", "sn"],
+            ["-s", "children"],
+            ["-s", "SubOrdinate", "cn"],
+            ["-s", "onelevel", "cn"],
+            ["-o", "ldif-wrap=no", "*", "ref"],
+            ["-o", "ldif-wrap=20", "*", "ref"],
+            ["-o", "ldif-wrap=2", "*"],
+            ["-o", "ldif-wrap=78", "*", "ref"],
         ):
             with self.subTest(arguments=arguments):
                 expected = self.ldapsearch(*as_admin, "-w", "secret", *arguments, base=ODD)
@@ -130,6 +139,11 @@ class Search(DirectoryTest):
                 paged = self.search("--format", "ldif", "--page-size", size, *whole)
 
                 self.assertEqual((paged.status, paged.bytes), (0, unpaged.bytes), paged.errors)
+        for extension in ("pr=2", "!pr=3/noprompt"):
+            with self.subTest(extension=extension):
+                paged = self.search("--format", "ldif", "-E", extension, *whole)
+
+                self.assertEqual((paged.status, paged.bytes), (0, unpaged.bytes), paged.errors)
 
     def test_ends_at_the_limit_of_the_server_with_what_came(self):
         result = self.search("--format", "ldif", "(uid=*)", "uid", base=PEOPLE)
@@ -142,6 +156,29 @@ class Search(DirectoryTest):
 
         self.assert_fails(result, 75, "Size limit exceeded (4)", "after 3 entries", "raise -z")
         self.assertEqual(result.output.count("dn: "), 3)
+
+    def test_pages_as_large_as_its_own_limit_are_none(self):
+        """The server ignores their control, as it should (RFC 2696 section 3)."""
+        for size in ("20", "21"):
+            with self.subTest(size=size):
+                result = self.search(
+                    "-z", "20", "--page-size", size, "(uid=user000000*)", base=PEOPLE
+                )
+
+                self.assertEqual((result.status, result.errors), (0, ""))
+
+    def test_returns_subentries_only_if_asked(self):
+        for arguments, names in (
+            (["-E", "subentries"], []),
+            (["-E", "subentries=true"], []),
+            (["-E", "subentries=false"], ["user0000001"]),
+        ):
+            with self.subTest(arguments=arguments):
+                result = self.search(
+                    "--format", "values", *arguments, "(uid=user0000001)", "uid", base=PEOPLE
+                )
+
+                self.assertEqual(result.lines, names, result.errors)
 
     def test_counts(self):
         for arguments, printed in (
@@ -332,6 +369,7 @@ class Sorting(ToolTest):
             for pages in ([], ["--page-size", "7"]):
                 with self.subTest(keys=keys, pages=pages):
                     self.assertEqual(found("--sort", keys, *pages), expected)
+            self.assertEqual(found("-E", "sss=" + keys.replace(",", "/")), expected)
 
         self.assert_fails(run(*asked, "--sort", "uid"), 65, "(18)", "ordering rule")
 
@@ -370,6 +408,15 @@ class Requests(ToolTest):
             (["--sort", "cn:"], 64, "sort key"),
             (["--sort", ":rule"], 64, "sort key"),
             (["-s", "all"], 64, "base"),
+            (["-s", ""], 64, "children"),
+            (["-E", "pr=0"], 64, "from 1"),
+            (["-E", "pr"], 64, "from 1"),
+            (["-E", "sss="], 64, "sort key"),
+            (["-E", "subentries=no"], 64, "subentries"),
+            (["-E", "vlv=1"], 64, "-E vlv: unsupported extension"),
+            (["-o", "ldif-wrap=1"], 64, "from 2"),
+            (["-o", "ldif-wrap="], 64, "from 2"),
+            (["cn=x", "member=0"], 64, "attribute"),
         ):
             with self.subTest(arguments=arguments):
                 self.assert_fails(run(*searching, *arguments), status, word)
@@ -396,6 +443,46 @@ class Requests(ToolTest):
         )
         self.assertEqual(sent.operation, SEARCH)
         self.assertIn(fields, sent.content)
+
+    def test_asks_for_a_range_and_prints_it(self):
+        """Active Directory's form of an attribute with many values."""
+        directory = ScriptedDirectory(
+            self,
+            serving(
+                lambda request: request.entry(**{"member;range=2-3": [b"a", b"b"]})
+                + request.result(SEARCH_DONE)
+            ),
+        )
+
+        result = run(
+            *["search", "-H", directory.uri, "-b", "dc=x", "-LLL", "cn=x", "member;range=2-*"]
+        )
+        directory.finish()
+
+        self.assertEqual(result.status, 0, result.errors)
+        self.assertIn("\nmember;range=2-3: a\nmember;range=2-3: b\n", result.output)
+        asked = tlv(0x30, tlv(0x04, b"member;range=2-*"))
+        self.assertIn(asked, directory.connections[0].requests[0].content)
+
+    def test_refuses_an_entry_larger_than_the_limit(self):
+        directory = ScriptedDirectory(
+            self,
+            serving(lambda request: request.entry(cn=[b"x" * 5000]) + request.result(SEARCH_DONE)),
+        )
+        searching = ["search", "-H", directory.uri, "-b", "dc=x", "cn=x"]
+
+        self.assertEqual(run(*searching).status, 0)
+        self.assert_fails(run(*searching, "--entry-bytes", "4096"), 75, "larger than 4096 bytes")
+
+    def test_says_that_a_server_may_lack_the_scope_children(self):
+        refusing = serving(lambda request: request.result(SEARCH_DONE, 2))
+        directory = ScriptedDirectory(self, refusing)
+
+        result = run("search", "-H", directory.uri, "-b", "dc=x", "-s", "children", "cn=x")
+        directory.finish()
+
+        self.assert_fails(result, 78, "(2)", "lack the scope children")
+        self.assertIn(tlv(0x0A, b"\x03"), directory.connections[0].requests[0].content)
 
     def test_asks_for_no_attributes_to_count(self):
         directory = ScriptedDirectory(self, serving(lambda request: request.found()))
@@ -517,26 +604,35 @@ class Faults(ToolTest):
                 self.assertIn(b"interrupted after 1 entry; ", errors)
 
     def test_a_signal_that_is_ignored_stays_so(self):
+        ignored = threading.Event()
+
         def script(connection):
             request = connection.receive()
             connection.send(request.entry(cn=[b"one"]))
-            if connection.has_more() or connection.receive() is None:
-                return
+            ignored.wait(DEADLINE)
+            connection.send(request.entry(cn=[b"two"]))
+            silent(connection)
 
         directory = ScriptedDirectory(self, script)
         command = 'trap "" INT; exec "$0" "$@"'
         with subprocess.Popen(
-            ["sh", "-c", command, TOOL, "search", "-H", directory.uri, "-b", "dc=x", "cn"],
+            [
+                *["sh", "-c", command, TOOL, "search", "-H", directory.uri, "-b", "dc=x"],
+                *["--format", "values", "cn"],
+            ],
             stdout=subprocess.PIPE,
             bufsize=0,  # communicate() skips what readline() has buffered
             stderr=subprocess.PIPE,
         ) as running:
             running.stdout.readline()
             running.send_signal(signal.SIGINT)
+            ignored.set()
+            self.assertEqual(running.stdout.readline(), b"two\n")
             running.send_signal(signal.SIGTERM)
             _, errors = running.communicate(timeout=DEADLINE)
 
         self.assertEqual(running.returncode, -signal.SIGTERM, errors)
+        self.assertIn(b"interrupted after 2 entries; ", errors)
 
 
 class LongRuns(ToolTest):

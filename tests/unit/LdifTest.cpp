@@ -672,6 +672,36 @@ TEST(WritingLdif, FoldsLinesThatAreReadAsTheSame)
     }
 }
 
+TEST(WritingLdif, FoldsAfterAWidth)
+{
+    auto const folded = [](std::size_t width) {
+        std::string text;
+        LDAPLdif::appendLine(text, "description", std::string(100, 'x'), width);
+        return text;
+    };
+
+    EXPECT_EQ(folded(LDAPLdif::unfolded), "description: " + std::string(100, 'x') + '\n');
+    EXPECT_EQ(folded(60),
+              "description: " + std::string(47, 'x') + "\n " + std::string(53, 'x') + '\n');
+    EXPECT_EQ(folded(78), folded(LDAPLdif::defaultWidth));
+    EXPECT_EQ(folded(78).find('\n'), 78);
+    for (std::size_t const width : {0UL, 1UL, 2UL}) {
+        EXPECT_EQ(folded(width), folded(2)) << width;
+    }
+}
+
+TEST(WritingLdif, WritesARangeOfValues)
+{
+    std::string text;
+    LDAPLdif::appendLine(text, "member;range=0-1", "cn=a");
+    EXPECT_EQ(text, "member;range=0-1: cn=a\n");
+    for (char const* const name : {"=", "cn=a", "c=n;range", "=;"}) {
+        EXPECT_THAT(thrownBy([&] { LDAPLdif::appendLine(text, name, "b"); }),
+                    IsFault("Ldif.cpp", 152, 2, 0))
+            << name;
+    }
+}
+
 TEST(WritingLdif, RefusesNamesThatWouldMeanSomethingElse)
 {
     for (char const* const name :

@@ -123,13 +123,18 @@ private:
 /// base64. All functions are static and thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPLdif {
 public:
+    static constexpr std::size_t defaultWidth = 78;          ///< of lines, as of OpenLDAP's tools
+    static constexpr std::size_t unfolded = std::size_t(-1); ///< width of lines that are not folded
+
     /// Appends a line with its newline.
     /// @param out    the string that grows
-    /// @param name   letters, digits, "-", ".", ";" and "_"
+    /// @param name   letters, digits, "-", ".", ";" and "_", and "=" behind the first ";"
     /// @param value  any bytes
+    /// @param width  bytes after which lines are folded, at least 2; or `unfolded`
     /// @throws LDAPException  code 2, type 0, Ldif.cpp:152: another character in the name, which could
     ///                        change what the line means
-    static void appendLine(std::string& out, std::string const& name, std::string_view value);
+    static void appendLine(std::string& out, std::string const& name, std::string_view value,
+                           std::size_t width = defaultWidth);
     /// Appends an entry, followed by an empty line: the bytes that "ldapsearch -LLL" prints for it.
     /// @throws LDAPException  code 2, type 0, Ldif.cpp:152: an attribute's name has other characters,
     ///                        or is "dn", "changetype" or "control". `out` is unchanged

@@ -159,8 +159,9 @@ public:
     Verdict authenticate(std::string const& dn, std::string const& password, int& id);
     /// Makes `receive` return the answers to a request that the caller sent with `handle`; answers
     /// to unknown requests are dropped.
-    /// @param id  its message id, greater than all previous ones
-    void expect(int id);
+    /// @param id    its message id, greater than all previous ones
+    /// @param kind  of the request, for messages; a literal
+    void expect(int id, char const* kind = "request");
     /// Abandons a request; answers that still arrive are dropped.
     void abandon(int id);
     /// Writes queued requests, as far as the socket accepts them.
