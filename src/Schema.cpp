@@ -52,6 +52,19 @@ ParsedType parsed(std::string const& definition)
 
 std::string textOrNone(char const* text) { return text == nullptr ? std::string() : text; }
 
+/// A quoted string, in which \27 stands for ' and \5C for a backslash (RFC 4512 section 4.1).
+std::string unquoted(std::string const& text)
+{
+    std::string out;
+    for (std::size_t at = 0; at < text.size(); ++at) {
+        std::string_view const escape = std::string_view(text).substr(at, 3);
+        bool const isEscape = escape == "\\27" || isSame(escape, "\\5c");
+        out += isEscape && escape[1] == '2' ? '\'' : text[at];
+        at += isEscape ? 2 : 0;
+    }
+    return out;
+}
+
 AttributeType valueOf(ldap_attributetype const& parsed)
 {
     AttributeType type;
@@ -59,13 +72,13 @@ AttributeType valueOf(ldap_attributetype const& parsed)
     for (char** name = parsed.at_names; name != nullptr && *name != nullptr; ++name) {
         type.names.emplace_back(*name);
     }
-    type.description = textOrNone(parsed.at_desc);
+    type.description = unquoted(textOrNone(parsed.at_desc));
     type.superior = textOrNone(parsed.at_sup_oid);
     type.equality = textOrNone(parsed.at_equality_oid);
     type.ordering = textOrNone(parsed.at_ordering_oid);
     type.substring = textOrNone(parsed.at_substr_oid);
     type.syntax = textOrNone(parsed.at_syntax_oid);
-    type.maxLength = parsed.at_syntax_len;
+    type.maxLength = std::max(parsed.at_syntax_len, 0); // too large a number overflows in OpenLDAP
     type.isObsolete = parsed.at_obsolete != 0;
     type.isSingleValued = parsed.at_single_value != 0;
     type.isCollective = parsed.at_collective != 0;
@@ -168,7 +181,8 @@ void LDAPSchema::add(std::string const& definition)
 
 AttributeType const* LDAPSchema::find(std::string const& description) const
 {
-    auto const found = m_index.find(keyOf(description));
+    std::string const key = keyOf(description);
+    auto const found = key.empty() ? m_index.end() : m_index.find(key); // a type may lack an OID
     return found == m_index.end() ? nullptr : &m_types[found->second];
 }
 
@@ -184,13 +198,16 @@ AttributeType LDAPSchema::resolved(AttributeType const& type) const
     AttributeType const* superior = find(type.superior);
     // A chain longer than the schema is a circle.
     for (std::size_t steps = 0; superior != nullptr && steps < m_types.size(); ++steps) {
-        for (auto const member : {&AttributeType::equality, &AttributeType::ordering,
-                                  &AttributeType::substring, &AttributeType::syntax}) {
+        for (auto const member :
+             {&AttributeType::equality, &AttributeType::ordering, &AttributeType::substring}) {
             if ((whole.*member).empty()) {
                 whole.*member = superior->*member;
             }
         }
-        whole.maxLength = whole.maxLength == 0 ? superior->maxLength : whole.maxLength;
+        if (whole.syntax.empty()) { // the length belongs to it
+            whole.syntax = superior->syntax;
+            whole.maxLength = superior->maxLength;
+        }
         superior = find(superior->superior);
     }
     return whole;

@@ -116,6 +116,23 @@ void appendHexPair(std::string& out, char byte)
     appendHex(out, byte);
 }
 
+std::string shown(std::string_view text)
+{
+    constexpr std::size_t most = 64;
+    std::string out;
+    for (std::string_view rest = text.substr(0, most); !rest.empty();) {
+        std::size_t const length = characterLength(rest);
+        if (length == 0 || isControl(rest.front())) {
+            appendHexPair(out, rest.front());
+            rest.remove_prefix(1);
+        } else {
+            out += rest.substr(0, length);
+            rest.remove_prefix(length);
+        }
+    }
+    return text.size() > most ? out + "..." : out;
+}
+
 bool isControl(char character)
 {
     return static_cast<unsigned char>(character) < 0x20 || character == 0x7F;

@@ -23,6 +23,9 @@ void appendHex(std::string& out, char byte);
 /// Appends a backslash and the two digits of a byte.
 void appendHexPair(std::string& out, char byte);
 
+/// The text for a message: at most 64 bytes, without control characters and invalid UTF-8.
+std::string shown(std::string_view text);
+
 bool isControl(char character);
 bool isAlphanumeric(char character);
 /// With ASCII letters in lower case; other bytes are unchanged.

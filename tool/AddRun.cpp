@@ -10,6 +10,7 @@
 #include <solvane/ldap/impl/LDAPAdapters.h>
 
 #include <algorithm>
+#include <string_view>
 #include <utility>
 
 namespace Solvane::Tool {
@@ -18,21 +19,28 @@ namespace {
 
 using Lookup::Session;
 
-/// A DN and its ancestors, nearest first, normalized for comparison; empty if the text is not a
-/// valid DN.
-std::vector<std::string> namesOf(std::string const& text)
+/// The DN, normalized for comparison; empty if it is invalid.
+std::string normalized(std::string const& dn)
 {
-    std::vector<std::string> names;
     try {
-        LDAPDistinguishedName const name = LDAPDistinguishedName::parse(text);
-        for (auto rdn = name.rdns().rbegin(); rdn != name.rdns().rend(); ++rdn) {
-            std::string const above = names.empty() ? "" : ',' + names.back();
-            names.push_back(LDAPDistinguishedName({*rdn}).normalized() + above);
-        }
+        return LDAPDistinguishedName::parse(dn).normalized();
     } catch (LDAPException const&) { // "invalid DN" is all that is reported
+        return {};
     }
-    std::reverse(names.begin(), names.end());
-    return names;
+}
+
+/// Whether a DN is another one or below it; both are normalized.
+bool isAtOrBelow(std::string_view dn, std::string_view base)
+{
+    if (dn.size() <= base.size()) {
+        return dn == base;
+    }
+    std::size_t const comma = dn.size() - base.size() - 1;
+    std::size_t escapes = 0; // a comma behind an odd number of them belongs to a value
+    while (escapes < comma && dn[comma - 1 - escapes] == '\\') {
+        ++escapes;
+    }
+    return dn[comma] == ',' && escapes % 2 == 0 && dn.substr(comma + 1) == base;
 }
 
 AddReport::Status statusOf(int code)
@@ -56,18 +64,18 @@ AddRun::AddRun(Limits const& limits, Connect connect, Sink sink)
 
 void AddRun::add(LdifEntry const& entry)
 {
-    std::vector<std::string> const names = namesOf(entry.dn);
-    if (names.empty()) {
+    std::string const name = normalized(entry.dn);
+    if (name.empty()) {
         refuse(entry, LDAP_INVALID_DN_SYNTAX, "invalid DN", "correct the DN");
         return;
     }
     takeWhatCame();
-    while (mustWait(names)) {
+    while (mustWait(name)) {
         awaitOne();
     }
     if (mayGoOn()) {
         connect();
-        send(entry, names.front());
+        send(entry, name);
     }
 }
 
@@ -141,11 +149,11 @@ void AddRun::send(LdifEntry const& entry, std::string const& name)
 }
 
 /// Whether the window is full, or one of the DNs (the entry itself or an ancestor) is in flight.
-bool AddRun::mustWait(std::vector<std::string> const& names) const
+bool AddRun::mustWait(std::string const& name) const
 {
     return m_inFlight.size() >= m_limits.window ||
-           std::any_of(names.begin(), names.end(),
-                       [&](std::string const& name) { return m_names.count(name) != 0; });
+           std::any_of(m_names.begin(), m_names.end(),
+                       [&](std::string const& other) { return isAtOrBelow(name, other); });
 }
 
 void AddRun::takeWhatCame()

@@ -90,7 +90,7 @@ private:
     void settle(Pending& pending, int code, std::string const& text);
     void conclude(Pending& pending);
     void reportFinished();
-    bool mustWait(std::vector<std::string> const& names) const;
+    bool mustWait(std::string const& name) const;
 
     Limits m_limits;
     Connect m_connect;

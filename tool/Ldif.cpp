@@ -5,7 +5,9 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <map>
+
+#include <strings.h>
 
 namespace Solvane::Tool {
 
@@ -98,6 +100,10 @@ LdifEntry LdifReader::entryOf(LDAPLdifRecord const& record) const
         refuse(record, record.line, "the entry has no attributes", "give it at least objectClass");
     }
     LdifEntry entry{record.line, record.dn, {}};
+    auto const isLess = [](std::string const& left, std::string const& right) {
+        return strcasecmp(left.c_str(), right.c_str()) < 0;
+    };
+    std::map<std::string, LDAPAttribute*, decltype(isLess)> known(isLess);
     for (LDAPLdifRecord::Attribute const& each : record.attributes) {
         LDAPAttributeType const type(each.description);
         if (hasNul(each.value) && !type.isBinary()) {
@@ -106,15 +112,11 @@ LdifEntry LdifReader::entryOf(LDAPLdifRecord const& record) const
                                each.description),
                    "only attributes with the option ;binary may contain one");
         }
-        auto const known =
-            std::find_if(entry.attributes.begin(), entry.attributes.end(),
-                         [&](LDAPAttribute const& attribute) { return attribute.type() == type; });
-        if (known != entry.attributes.end()) {
-            known->value(each.value);
-        } else {
-            entry.attributes.emplace_back(type);
-            entry.attributes.back().value(each.value);
+        LDAPAttribute*& attribute = known[each.description];
+        if (attribute == nullptr) {
+            attribute = &entry.attributes.emplace_back(type);
         }
+        attribute->value(each.value);
     }
     return entry;
 }

@@ -286,11 +286,12 @@ private:
         out += '\n';
     }
 
-    /// A name that would change what the line means, which no sound server sends, becomes a comment.
+    /// A name that would change what the line or the record means, which no sound server sends, becomes a
+    /// comment.
     void appendLine(std::string const& name, std::string_view value, std::string& out) const
     {
         try {
-            LDAPLdif::appendLine(out, name, value, m_width);
+            LDAPLdif::appendValue(out, name, value, m_width);
         } catch (LDAPException const&) {
             fmt::format_to(std::back_inserter(out), "# invalid attribute name: {}\n",
                            oneLine(name));

@@ -357,11 +357,12 @@ void fuzz_schema(std::uint8_t const* data, std::size_t size)
         return;
     }
     LDAPSchema::AttributeType const& type = schema.attributeTypes().at(0);
-    require(type.oid.find(';') != std::string::npos || schema.find(type.oid) == &type,
-            "a type is found by its OID");
+    auto const isKey = [](std::string const& name) {
+        return !name.empty() && name.find(';') == std::string::npos;
+    };
+    require(!isKey(type.oid) || schema.find(type.oid) == &type, "a type is found by its OID");
     for (std::string const& name : type.names) {
-        require(name.find(';') != std::string::npos || schema.find(name) == &type,
-                "a type is found by its names");
+        require(!isKey(name) || schema.find(name) == &type, "a type is found by its names");
     }
     schema.resolved(type);
 }

@@ -294,6 +294,11 @@ TEST(LdifWriter, LetsNoNameOfAnAttributeChangeWhatALineMeans)
     EXPECT_EQ(written("ldif", record), "> # jdoe@corp.test: found 1\ndn: cn=a\n"
                                        "# invalid attribute name: cn\\x0Asn: b\n"
                                        "# invalid attribute name: b:\n\n");
+    for (char const* const name : {"changetype", "ChangeType", "control", "dn"}) {
+        EXPECT_EQ(written("ldif", found({{"cn=a", {attribute(name, {"delete"})}}})),
+                  "> # jdoe@corp.test: found 1\ndn: cn=a\n# invalid attribute name: "s + name +
+                      "\n\n");
+    }
 }
 
 TEST(RecordEnd, TakesThePlaceOfTheLastNewline)

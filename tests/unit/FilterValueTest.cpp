@@ -93,7 +93,7 @@ TEST(AFilter, HasTheTreeOfTheExamplesOfTheRfc)
          {// RFC 4515 section 4
           "(cn=Babs Jensen)", "(!(cn=Tim Howes))",
           "(&(objectClass=Person)(|(sn=Jensen)(cn=Babs J*)))", "(o=univ*of*mich*)", "(seeAlso=)",
-          R"(o=Parens R Us \28for all your parenthetical needs\29)", R"((cn=*\2A*))",
+          R"((o=Parens R Us \28for all your parenthetical needs\29))", R"((cn=*\2A*))",
           R"((filename=C:\5cMyFile))", R"((bin=\00\00\00\04))", R"((sn=Lu\c4\8di\c4\87))",
           R"((1.3.6.1.4.1.1466.0=\04\02\48\69))"}) {
         LDAPFilter const filter = LDAPFilter::parse(text);

@@ -458,10 +458,44 @@ TEST(ReadingLdif, NamesLineCauseAndRemedyOfAnError)
          "line 4: deleteoldrdn is not 0 or 1; write 1 to delete the old value"},
         {"dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\ncn: a\n",
          "line 5: a line after the end of the change; put an empty line between records"},
+        {"dn: cn=a\nchangetype: modrdn\nnewrdn:\ndeleteoldrdn: 1\n",
+         "line 3: the new RDN is empty; write newrdn: type=value"},
+        {"dn: cn=a\nou: a\nchangetype: delete\n",
+         "line 3: 'changetype' after the first attribute; write it before the attributes, control "
+         "before changetype"},
+        {"dn: cn=a\nchangetype: add\nControl: 1.2 true\ncn: a\n",
+         "line 3: 'Control' after the first attribute; write it before the attributes, control "
+         "before changetype"},
+        {"dn:< file:///f\n", "line 1: 'dn:<' is not a line of LDIF; write 'dn:' and the text"},
+        {"dn: cn=a\nchangetype:: YWRk\n",
+         "line 2: 'changetype::' is not a line of LDIF; write 'changetype:' and the text"},
+        {"dn: cn=a\nchangetype: modify\nadd:: Y24=\n",
+         "line 3: 'add::' is not a line of LDIF; write 'add:' and the text"},
+        {"dn: cn=a\nchangetype: modrdn\nnewrdn:< file:///f\n",
+         "line 3: 'newrdn:<' is not a line of LDIF; write 'newrdn:' and the text"},
+        {"dn: cn=a\nchangetype: a\x1B\xFF\xC3\xA4\n",
+         "line 2: unsupported changetype 'a\\1B\\FF\xC3\xA4'; write add, delete, modify or modrdn"},
+        {"dn: cn=a\nchangetype: " + std::string(65, 'x') + "\n",
+         "line 2: unsupported changetype '" + std::string(64, 'x') +
+             "...'; write add, delete, modify or modrdn"},
     };
     for (auto const& row : cases) {
         EXPECT_EQ(errorIn(row.text), row.error) << row.text;
     }
+}
+
+TEST(ReadingLdif, JoinsLinesThatAreFoldedAnywhere)
+{
+    Record const record = recordIn("d\n n: cn=a\r\n"
+                                   "cn:\n : YQ\r\n ==\n"
+                                   "# a comment\n  that goes on\n"
+                                   "sn: b\n  c\n \n d\n");
+
+    EXPECT_EQ(record.dn, "cn=a");
+    ASSERT_THAT(record.attributes, SizeIs(2));
+    EXPECT_EQ(record.attributes[0].value, "a");
+    EXPECT_EQ(record.attributes[1].value, "b cd");
+    EXPECT_EQ(record.attributes[1].line, 8);
 }
 
 TEST(ReadingLdif, GoesOnAfterAnInvalidRecord)
@@ -714,6 +748,12 @@ TEST(WritingLdif, RefusesNamesThatWouldMeanSomethingElse)
                     IsFault("Ldif.cpp", 152, 2, 0))
             << name;
         EXPECT_EQ(text, "before");
+    }
+    for (char const* const name : {"", "c n", "cn\nx", "="}) {
+        Record record;
+        record.type = Type::Modify;
+        record.changes = {{Operation::Delete, name, {}, 0}};
+        EXPECT_THAT(thrownBy([&] { written(record); }), IsFault("Ldif.cpp", 152, 2, 0)) << name;
     }
     for (char const* const oid : {"", "cn", "1.2 true", "1.2\n"}) {
         Record record;

@@ -49,6 +49,33 @@ TEST_F(ASchema, FindsTypesByNameAndNumberInAnyCaseWithoutOptions)
     EXPECT_EQ(LDAPSchema().find("cn"), nullptr);
 }
 
+TEST_F(ASchema, TakesTypesWithoutANumberForNobodysSuperior)
+{
+    schema.add("( NAME 'odd' EQUALITY caseExactMatch )");
+    schema.add("( 1.2.3.4 NAME 'photo' )");
+
+    EXPECT_EQ(schema.find(""), nullptr);
+    EXPECT_EQ(schema.find(";x"), nullptr);
+    EXPECT_EQ(schema.resolved(*schema.find("photo")).equality, "");
+}
+
+TEST_F(ASchema, TakesALengthOnlyWithItsSyntax)
+{
+    schema.add("( 1.2.3.4 NAME 'own' SUP name SYNTAX 1.3.6.1.4.1.1466.115.121.1.15 )");
+    schema.add("( 1.2.3.5 NAME 'huge' SYNTAX 1.2{4294967295} )");
+
+    EXPECT_EQ(schema.resolved(*schema.find("cn")).maxLength, 32768);
+    EXPECT_EQ(schema.resolved(*schema.find("own")).maxLength, 0);
+    EXPECT_EQ(schema.find("huge")->maxLength, 0);
+}
+
+TEST_F(ASchema, ReadsWhatDescriptionsEscape)
+{
+    schema.add(R"(( 1.2.3.4 NAME 'own' DESC 'it\27s \5C and \5c, not \28' ))");
+
+    EXPECT_EQ(schema.find("own")->description, R"(it's \ and \, not \28)");
+}
+
 TEST_F(ASchema, HasEveryPartOfADefinition)
 {
     schema.add("( 2.5.18.1 NAME 'createTimestamp' OBSOLETE EQUALITY generalizedTimeMatch ORDERING "
@@ -172,6 +199,31 @@ TEST(ResultCodes, AreFoundByNumberAndName)
     EXPECT_EQ(LDAPResultCodes::find("e-syncRefreshRequired")->value, 4096);
     EXPECT_EQ(LDAPResultCodes::find(81), nullptr);
     EXPECT_EQ(LDAPResultCodes::find("nonsense"), nullptr);
+    std::pair<int, char const*> const others[] = {
+        // of RFC 4511 and later ones
+        {0, "success"},
+        {1, "operationsError"},
+        {4, "sizeLimitExceeded"},
+        {10, "referral"},
+        {12, "unavailableCriticalExtension"},
+        {14, "saslBindInProgress"},
+        {18, "inappropriateMatching"},
+        {34, "invalidDNSyntax"},
+        {49, "invalidCredentials"},
+        {50, "insufficientAccessRights"},
+        {68, "entryAlreadyExists"},
+        {80, "other"},
+        {118, "canceled"},
+        {119, "noSuchOperation"},
+        {120, "tooLate"},
+        {121, "cannotCancel"},
+        {122, "assertionFailed"},
+        {123, "authorizationDenied"},
+    };
+    for (auto const& [value, name] : others) {
+        ASSERT_NE(LDAPResultCodes::find(value), nullptr) << value;
+        EXPECT_STREQ(LDAPResultCodes::find(value)->name, name);
+    }
     for (LDAPResultCodes::Code const& each : LDAPResultCodes::all()) {
         ASSERT_NE(LDAPResultCodes::find(each.value), nullptr) << each.name;
         EXPECT_STREQ(LDAPResultCodes::find(each.value)->name, each.name);

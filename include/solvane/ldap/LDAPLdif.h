@@ -70,9 +70,10 @@ struct LDAPLdifRecord {
 /// Reads LDIF (RFC 2849) record by record from any source. Not thread-safe; may be moved.
 ///
 /// Folded lines, comments, base64, carriage returns, a byte order mark and the version are understood.
-/// Beyond the RFC, the version and the "-" after the last change may be missing, names of attributes
-/// may have "_", an entry may have no attributes, and "increment" is a change (RFC 4525). "include"
-/// is refused.
+/// Beyond the RFC, the version and the "-" after the last change may be missing, values may have any
+/// bytes but NUL and newline, names of attributes any letters, digits, "-", ".", ";" and "_", and "=" behind
+/// the first ";", an entry may have no attributes, entries and changes may be mixed, and "increment" is a
+/// change (RFC 4525). "include" is refused.
 class SOLVANE_LDAP_EXPORT LDAPLdifReader {
 public:
     /// Copies the next bytes of the input into a buffer and returns their number; 0 at the end. It
@@ -119,8 +120,8 @@ private:
 };
 
 /// Writes LDIF (RFC 2849) at the end of strings, in the form of OpenLDAP's tools: lines are folded
-/// after 78 bytes; what is not plain ASCII, passwords and values with the option "binary" are in
-/// base64. All functions are static and thread-safe.
+/// after 78 bytes, except what is before a value; what is not plain ASCII, userPassword and values with the
+/// option "binary" are in base64. All functions are static and thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPLdif {
 public:
     static constexpr std::size_t defaultWidth = 78;          ///< of lines, as of OpenLDAP's tools
@@ -135,12 +136,18 @@ public:
     ///                        change what the line means
     static void appendLine(std::string& out, std::string const& name, std::string_view value,
                            std::size_t width = defaultWidth);
+    /// Appends a value of an attribute, as `appendLine`, but for names that come from a server.
+    /// @throws LDAPException  code 2, type 0, Ldif.cpp:152: also for the names "dn", "changetype" and
+    ///                        "control", which would change what the record means
+    static void appendValue(std::string& out, std::string const& name, std::string_view value,
+                            std::size_t width = defaultWidth);
     /// Appends an entry, followed by an empty line: the bytes that "ldapsearch -LLL" prints for it.
     /// @throws LDAPException  code 2, type 0, Ldif.cpp:152: an attribute's name has other characters,
     ///                        or is "dn", "changetype" or "control". `out` is unchanged
     static void append(std::string& out, LDAPSearchResultEntry const& entry);
     /// Appends a record, followed by an empty line. Reading it results in the same record, except for
-    /// lines. Members that have no meaning for its type are ignored.
+    /// lines, if DNs are valid UTF-8 and what is added has values. Members that have no meaning for its
+    /// type are ignored.
     /// @throws LDAPException  code 2, type 0, Ldif.cpp:152: the name of an attribute is one of these, or
     ///                        the OID of a control is none. `out` is unchanged
     static void append(std::string& out, LDAPLdifRecord const& record);

@@ -10,8 +10,8 @@
 
 namespace Solvane {
 
-/// The table of result codes: those that servers send (RFC 4511 appendix A, and others registered by
-/// IANA), and the negative ones of OpenLDAP's client library. Thread-safe.
+/// The table of result codes: those that servers send (RFC 4511 appendix A, other standards, and
+/// older protocols), and the negative ones of OpenLDAP's client library. Thread-safe.
 class SOLVANE_LDAP_EXPORT LDAPResultCodes {
 public:
     /// A code, its name and what it means. The texts live as long as the program.

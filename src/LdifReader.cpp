@@ -1,39 +1,27 @@
-// LDIF: splits input into records and lines within bounded memory, reads the records, and writes them.
+// Reads LDIF: splits input into records and lines within bounded memory, and reads the records.
 #include <solvane/ldap/LDAPLdif.h>
 
-#include "OpenLDAP.h"
+#include "LdifText.h"
 #include "ThrowSite.h"
 #include "ValueText.h"
-
-#include <solvane/ldap/LDAPResult.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <new>
+#include <limits>
 #include <utility>
-
-#if __has_include(<ldif.h>)
-#include <ldif.h>
-#else // OpenLDAP 2.4 exports these functions, and installs no header that declares them
-extern "C" char* ldif_put_wrap(int form, char const* name, char const* value, ber_len_t length,
-                               ber_len_t width);
-extern "C" std::FILE* ldif_open_url(char const* url);
-#define LDIF_PUT_VALUE 1
-#endif
 
 namespace Solvane {
 
 namespace {
 // clang-format off
-namespace at { // what unit "Ldif" reports
+namespace at { // what unit "Ldif" reports, with LdifWriter.cpp
 constexpr char unit[] = "Ldif.cpp";
 //                                        line  fault                stage
 constexpr ThrowSite invalidRecord { unit,   73, Fault::invalidInput, Stage::general };
 constexpr ThrowSite unreadableFile{ unit,  118, Fault::failed,       Stage::general };
-constexpr ThrowSite invalidName   { unit,  152, Fault::invalidInput, Stage::general };
 } // namespace at
 // clang-format on
 
@@ -52,26 +40,9 @@ struct Line {
 {
     LDAPException exception =
         fault(site, "line " + std::to_string(line) + ": " + cause + "; " + remedy);
-    exception.intParameter(static_cast<int>(line));
+    constexpr unsigned long most = std::numeric_limits<int>::max();
+    exception.intParameter(static_cast<int>(std::min(line, most)));
     throw exception;
-}
-
-/// Whether the text has only characters of attribute descriptions, and those that some servers allow: "_",
-/// and in options "=", as in "member;range=0-1499".
-bool isName(std::string_view text)
-{
-    auto const options = text.find(';');
-    return !text.empty() && text.find('=') >= options &&
-           std::all_of(text.begin(), text.end(), [](char character) {
-               return isAlphanumeric(character) ||
-                      std::string_view("-.;_=").find(character) != std::string_view::npos;
-           });
-}
-
-/// Whether a line with this name means something else than a value of an attribute.
-bool isReserved(std::string_view name)
-{
-    return isSame(name, "dn") || isSame(name, "changetype") || isSame(name, "control");
 }
 
 std::string_view withoutSpaces(std::string_view text)
@@ -112,7 +83,8 @@ std::string contentOf(std::string const& url, std::size_t maxBytes, unsigned lon
 {
     std::unique_ptr<std::FILE, int (*)(std::FILE*)> const file(ldif_open_url(url.c_str()), fclose);
     if (!file) {
-        refuse(line, "cannot open " + url + ": " + std::strerror(errno), "correct the path",
+        int const cause = errno;
+        refuse(line, "cannot open " + shown(url) + ": " + std::strerror(cause), "correct the path",
                at::unreadableFile);
     }
     std::string content;
@@ -125,16 +97,9 @@ std::string contentOf(std::string const& url, std::size_t maxBytes, unsigned lon
         }
     }
     if (std::ferror(file.get()) != 0) {
-        refuse(line, "cannot read " + url, "name a regular file", at::unreadableFile);
+        refuse(line, "cannot read " + shown(url), "name a regular file", at::unreadableFile);
     }
     return content;
-}
-
-void requireWritable(bool isWritable, std::string const& name)
-{
-    if (!isWritable) {
-        throw fault(at::invalidName, "the name '" + name + "' cannot be written as LDIF");
-    }
 }
 
 /// Reads one record from its lines.
@@ -198,24 +163,36 @@ private:
     }
     bool isNext(char const* wanted) const { return !isAtEnd() && isSame(name(), wanted); }
 
+    /// The forms that a line may have.
+    enum class Form {
+        plain, ///< "name: word"
+        text,  ///< also base64
+        value, ///< also a file
+    };
+
     /// Reads the next line.
-    Part take()
+    Part take(Form form)
     {
         Part part;
         part.name = name();
         Line const& current = line();
-        part.value =
-            valueOf(std::string_view(current.text).substr(part.name.size() + 1), current.number);
+        std::string_view const text = std::string_view(current.text).substr(part.name.size() + 1);
+        char const mark = text.empty() ? '\0' : text.front();
+        if ((mark == '<' && form != Form::value) || (mark == ':' && form == Form::plain)) {
+            refuse(current.number, "'" + shown(part.name) + ":" + mark + "' is not a line of LDIF",
+                   "write '" + shown(part.name) + ":' and the text");
+        }
+        part.value = valueOf(text, current.number);
         ++m_next;
         return part;
     }
-    Part take(char const* wanted)
+    Part take(char const* wanted, Form form)
     {
         if (!isNext(wanted)) {
             refuse(isAtEnd() ? lastNumber() : line().number, std::string("expected ") + wanted,
                    "complete the record");
         }
-        return take();
+        return take(form);
     }
 
     /// @param text  after the first colon
@@ -244,7 +221,7 @@ private:
         bool const isAbsolute = isSame(url.substr(0, 6), "file:/") &&
                                 (url.compare(6, 1, "/") != 0 || url.compare(7, 1, "/") == 0);
         if (!isAbsolute) {
-            refuse(number, "the URL '" + url + "' is not a file of this machine",
+            refuse(number, "the URL '" + shown(url) + "' is not a file of this machine",
                    "write file:// and an absolute path");
         }
         std::string content = contentOf(url, m_bytesLeft, number);
@@ -265,12 +242,11 @@ private:
             refuse(line().number, "include is not supported", "add the files one by one");
         }
         if (!isSame(first, "dn")) {
-            refuse(line().number,
-                   "the record starts with '" + std::string(first) + "', not with dn",
+            refuse(line().number, "the record starts with '" + shown(first) + "', not with dn",
                    "start each record with dn:, after an empty line");
         }
         unsigned long const number = line().number;
-        std::string dn = take().value;
+        std::string dn = take(Form::text).value;
         requireText(dn, "the DN", number);
         m_record.dn = std::move(dn);
     }
@@ -305,8 +281,7 @@ private:
         if (control.isCritical || isSame(word, "false")) {
             text = withoutSpaces(text.substr(word.size()));
         }
-        bool const isOid = isTypeName(oid) && oid.front() <= '9'; // no name
-        if (!isOid || (!text.empty() && text.front() != ':')) {
+        if (!isOid(oid) || (!text.empty() && text.front() != ':')) {
             refuse(current.number, "malformed control", "write control: OID [true|false][: value]");
         }
         control.oid = std::string(oid);
@@ -326,7 +301,7 @@ private:
             return;
         }
         unsigned long const number = line().number;
-        std::string const type = take().value;
+        std::string const type = take(Form::plain).value;
         constexpr std::pair<char const*, Record::Type> types[] = {
             {"add", Record::Type::Add},       {"delete", Record::Type::Delete},
             {"modify", Record::Type::Modify}, {"modrdn", Record::Type::Rename},
@@ -336,7 +311,7 @@ private:
             std::find_if(std::begin(types), std::end(types),
                          [&](auto const& each) { return isSame(each.first, type); });
         if (known == std::end(types)) {
-            refuse(number, "unsupported changetype '" + type + "'",
+            refuse(number, "unsupported changetype '" + shown(type) + "'",
                    "write add, delete, modify or modrdn");
         }
         m_record.type = known->second;
@@ -350,7 +325,11 @@ private:
             if (isNext("dn")) {
                 refuse(number, "second DN in one record", "put an empty line between records");
             }
-            Part part = take();
+            if (isReserved(name())) { // to take it for an attribute would change what is asked for
+                refuse(number, "'" + std::string(name()) + "' after the first attribute",
+                       "write it before the attributes, control before changetype");
+            }
+            Part part = take(Form::value);
             requireName(part.name, number);
             m_record.attributes.push_back({std::string(part.name), std::move(part.value), number});
         }
@@ -359,7 +338,7 @@ private:
     static void requireName(std::string_view name, unsigned long number)
     {
         if (!isName(name)) {
-            refuse(number, "invalid attribute name '" + std::string(name) + "'",
+            refuse(number, "invalid attribute name '" + shown(name) + "'",
                    "write attribute: value");
         }
     }
@@ -375,7 +354,7 @@ private:
     {
         Change change;
         change.line = line().number;
-        Part const head = take();
+        Part const head = take(Form::plain);
         constexpr std::pair<char const*, Operation> operations[] = {
             {"add", Operation::Add},
             {"delete", Operation::Delete},
@@ -386,7 +365,7 @@ private:
             std::find_if(std::begin(operations), std::end(operations),
                          [&](auto const& each) { return isSame(head.name, each.first); });
         if (known == std::end(operations)) {
-            refuse(change.line, "unsupported change '" + std::string(head.name) + "'",
+            refuse(change.line, "unsupported change '" + shown(head.name) + "'",
                    "write add, delete, replace or increment");
         }
         requireName(head.value, change.line);
@@ -396,7 +375,7 @@ private:
         bool const needsValue =
             change.operation == Operation::Add || change.operation == Operation::Increment;
         if (needsValue && change.values.empty()) {
-            refuse(change.line, "the change of " + change.attribute + " has no value",
+            refuse(change.line, "the change of " + shown(change.attribute) + " has no value",
                    "give it one");
         }
         m_record.changes.push_back(std::move(change));
@@ -407,11 +386,11 @@ private:
     {
         for (; !isAtEnd() && line().text != "-";) {
             unsigned long const number = line().number;
-            Part part = take();
+            Part part = take(Form::value);
             if (!isSame(part.name, change.attribute)) {
                 refuse(number,
-                       "expected a value of " + change.attribute + ", found " +
-                           std::string(part.name),
+                       "expected a value of " + shown(change.attribute) + ", found " +
+                           shown(part.name),
                        "end each change with a line '-'");
             }
             change.values.push_back(std::move(part.value));
@@ -421,15 +400,18 @@ private:
 
     void takeRename()
     {
-        m_record.newRdn = take("newrdn").value;
+        m_record.newRdn = take("newrdn", Form::text).value;
         requireText(m_record.newRdn, "the new RDN", lastNumber());
-        std::string const deletes = take("deleteoldrdn").value;
+        if (m_record.newRdn.empty()) {
+            refuse(lastNumber(), "the new RDN is empty", "write newrdn: type=value");
+        }
+        std::string const deletes = take("deleteoldrdn", Form::plain).value;
         if (deletes != "0" && deletes != "1") {
             refuse(lastNumber(), "deleteoldrdn is not 0 or 1", "write 1 to delete the old value");
         }
         m_record.deletesOldRdn = deletes == "1";
         if (isNext("newsuperior")) {
-            m_record.newSuperior = take().value;
+            m_record.newSuperior = take(Form::text).value;
             requireText(*m_record.newSuperior, "the new superior", lastNumber());
         }
     }
@@ -559,7 +541,7 @@ private:
         if (m_isComment || m_isSkipping) {
             return;
         }
-        m_size += text.size() + sizeof(Line);
+        m_size += text.size() + sizeof(Line) + sizeof(Record::Attribute);
         if (isContinuation && !m_lines.empty()) {
             m_lines.back().text.append(text, 1);
         } else {
@@ -580,7 +562,7 @@ private:
         record.line = line.number;
         std::string_view const version = withoutSpaces(std::string_view(line.text).substr(8));
         if (version != "1") {
-            refuse(line.number, "unsupported LDIF version '" + std::string(version) + "'",
+            refuse(line.number, "unsupported LDIF version '" + shown(version) + "'",
                    "write version: 1");
         }
         return true;
@@ -612,100 +594,5 @@ LDAPLdifReader& LDAPLdifReader::operator=(LDAPLdifReader&& other) noexcept = def
 LDAPLdifReader::~LDAPLdifReader() = default;
 
 bool LDAPLdifReader::next(LDAPLdifRecord& record) { return m_state->next(record); }
-
-void LDAPLdif::appendLine(std::string& out, std::string const& name, std::string_view value,
-                          std::size_t width)
-{
-    requireWritable(isName(name), name);
-    char const* const bytes = value.data() == nullptr ? "" : value.data();
-    std::unique_ptr<char, void (*)(void*)> const line(
-        ldif_put_wrap(LDIF_PUT_VALUE, name.c_str(), bytes, value.size(),
-                      std::max<std::size_t>(width, 2)),
-        ber_memfree);
-    if (!line) {
-        throw std::bad_alloc();
-    }
-    out += line.get();
-}
-
-void LDAPLdif::append(std::string& out, LDAPSearchResultEntry const& entry)
-{
-    std::string text;
-    appendLine(text, "dn", entry.entryName());
-    for (LDAPAttribute const& attribute : entry.attributes().attributes()) {
-        std::string const& name = attribute.type().asString();
-        requireWritable(!isReserved(name), name);
-        for (Buffer const& value : attribute.binaryValue()) {
-            appendLine(text, name, {reinterpret_cast<char const*>(value.data()), value.length()});
-        }
-    }
-    out += text + '\n';
-}
-
-namespace {
-
-/// "control: OID true:: base64", or without the value.
-void appendControl(std::string& out, Record::Control const& control)
-{
-    requireWritable(isTypeName(control.oid) && control.oid.front() <= '9', control.oid);
-    out += "control: " + control.oid + (control.isCritical ? " true" : " false");
-    if (!control.value) {
-        out += '\n';
-        return;
-    }
-    // The same form as that of an attribute's value, without its name.
-    std::string line;
-    LDAPLdif::appendLine(line, "x", *control.value);
-    out.append(line, 1);
-}
-
-void appendChange(std::string& out, Change const& change)
-{
-    constexpr char const* names[] = {"add", "delete", "replace", "increment"};
-    LDAPLdif::appendLine(out, names[static_cast<int>(change.operation)], change.attribute);
-    for (std::string const& value : change.values) {
-        LDAPLdif::appendLine(out, change.attribute, value);
-    }
-    out += "-\n";
-}
-
-} // namespace
-
-void LDAPLdif::append(std::string& out, LDAPLdifRecord const& record)
-{
-    std::string text;
-    appendLine(text, "dn", record.dn);
-    if (record.type != Record::Type::Content) {
-        for (Record::Control const& control : record.controls) {
-            appendControl(text, control);
-        }
-        constexpr char const* names[] = {"", "add", "delete", "modify", "modrdn"};
-        appendLine(text, "changetype", names[static_cast<int>(record.type)]);
-    }
-    switch (record.type) {
-    case Record::Type::Content:
-    case Record::Type::Add:
-        for (Record::Attribute const& attribute : record.attributes) {
-            requireWritable(!isReserved(attribute.description), attribute.description);
-            appendLine(text, attribute.description, attribute.value);
-        }
-        break;
-    case Record::Type::Delete:
-        break;
-    case Record::Type::Modify:
-        for (Change const& change : record.changes) {
-            appendChange(text, change);
-        }
-        break;
-    case Record::Type::Rename:
-        appendLine(text, "newrdn", record.newRdn);
-        appendLine(text, "deleteoldrdn", record.deletesOldRdn ? "1" : "0");
-        if (record.newSuperior) {
-            appendLine(text, "newsuperior", *record.newSuperior);
-        }
-        break;
-    }
-    out += text + '\n';
-}
 
 } // namespace Solvane
