@@ -37,7 +37,8 @@ public:
     explicit LDAPDistinguishedName(std::vector<RDN> rdns);
     /// Parses the text of a DN (RFC 4514 section 3); the empty text is the root.
     ///
-    /// Beyond the RFC, spaces around ",", "+" and "=" are ignored. Escapes may encode any byte. Not
+    /// Beyond the RFC, spaces around ",", "+" and "=" are ignored, escapes may encode any byte, and any numbers
+    /// and dots are an OID. Not
     /// accepted: the forms of LDAPv2 (";" as a separator, values in quotation marks), types with
     /// options, raw NUL bytes and invalid UTF-8.
     /// @throws LDAPException  code 2, type 0, DistinguishedName.cpp:48: malformed. The text has the

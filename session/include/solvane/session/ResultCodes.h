@@ -11,8 +11,8 @@
 namespace Solvane::Lookup {
 
 /// The outcome of a search with this result code. Never `NotFound`: whether there are entries
-/// decides that. Codes unknown to RFC 4511 are `TryLater`, so that mail is deferred and not
-/// bounced.
+/// decides that. Codes that are unknown, or mean an error of this library, are `TryLater`, so that mail is
+/// deferred and not bounced.
 SOLVANE_LOOKUP_EXPORT Outcome outcomeOfSearch(int code);
 /// The same for a bind, where 32 means that the bind DN does not exist.
 SOLVANE_LOOKUP_EXPORT Outcome outcomeOfBind(int code);
