@@ -116,6 +116,13 @@ public:
                 ber_get_int(m_element, &number) == tag);
         return number;
     }
+    /// An integer or an enumeration that is at least 0.
+    int count(ber_tag_t tag)
+    {
+        int const number = integer(tag);
+        require(number >= 0);
+        return number;
+    }
     /// There must be no more elements.
     void end() { require(isAtEnd()); }
 

@@ -7,8 +7,10 @@
 
 #include "Operation.h"
 
+#include <climits>
 #include <deque>
 #include <memory>
+#include <stdexcept>
 #include <utility>
 
 namespace Solvane {
@@ -94,6 +96,9 @@ LDAPAttribute attributeOf(std::string const& type, std::list<std::string> const&
 {
     LDAPAttribute attribute((LDAPAttributeType(type)));
     for (std::string const& value : values) {
+        if (value.size() > UINT_MAX) {
+            throw std::length_error("LDAPModify: a value is longer than an attribute holds");
+        }
         attribute.value(value);
     }
     return attribute;

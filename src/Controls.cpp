@@ -4,6 +4,8 @@
 #include "BerCoding.h"
 #include "Operation.h"
 
+#include <algorithm>
+
 // Exported by libldap, but declared in no installed header.
 extern "C" int ldap_pvt_put_filter(BerElement* element, char const* filter);
 
@@ -101,7 +103,7 @@ bool LDAPControls::pagedResults(std::list<LDAPOperation::Control> const& control
     }
     ControlDecoder fields(contentOf(*control, LBER_SEQUENCE));
     Page found;
-    found.estimate = fields.integer(LBER_INTEGER);
+    found.estimate = std::max(fields.integer(LBER_INTEGER), 0);
     found.cookie = fields.octets();
     fields.end();
     page = found;
@@ -145,7 +147,8 @@ bool LDAPControls::sort(std::list<LDAPOperation::Control> const& controls, SortR
 LDAPOperation::Control LDAPControls::assertion(std::string const& filter, bool critical)
 {
     BerEncoder value;
-    if (filter.empty() || ldap_pvt_put_filter(value.element(), textOf(filter)) != 0) {
+    char const* const text = textOf(filter);
+    if (!isFilter(filter) || ldap_pvt_put_filter(value.element(), text) != 0) {
         throw fault(at::badFilter, "Bad search filter : " + filter);
     }
     return LDAPOperation::Control(LDAP_CONTROL_ASSERT, critical, value.bytes());
@@ -209,11 +212,11 @@ bool LDAPControls::passwordPolicy(std::list<LDAPOperation::Control> const& contr
         ControlDecoder warning(fields.content(warningTag));
         bool const isTime = warning.nextTag() == secondsTag;
         (isTime ? found.secondsLeft : found.logins) =
-            warning.integer(isTime ? secondsTag : loginsTag);
+            warning.count(isTime ? secondsTag : loginsTag);
         warning.end();
     }
     if (!fields.isAtEnd()) {
-        found.error = fields.integer(errorTag);
+        found.error = fields.count(errorTag);
     }
     fields.end();
     policy = found;

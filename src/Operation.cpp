@@ -1,6 +1,7 @@
 // Controls, and what all operations have in common.
 #include <solvane/ldap/LDAPOperation.h>
 
+#include <solvane/ldap/LDAPFilter.h>
 #include <solvane/ldap/impl/LDAPConnectionImpl.h>
 #include <solvane/ldap/impl/LDAPResultImpl.h>
 #include <solvane/ldap/impl/OpenLDAPOwners.h>
@@ -71,6 +72,37 @@ char const* textOf(std::string const& text)
         throw fault(at::zeroByte, "A zero byte follows '" + text.substr(0, zero) + "'");
     }
     return text.c_str();
+}
+
+bool isFilter(std::string const& text)
+{
+    try {
+        LDAPFilter::parse(text);
+        return true;
+    } catch (LDAPException const&) {
+        return false;
+    }
+}
+
+timeval Countdown::left()
+{
+    using std::chrono::microseconds;
+    auto const now = Clock::now();
+    if (!m_end) {
+        timeval const all = timeoutOf(m_seconds);
+        m_end = now + std::chrono::seconds(all.tv_sec);
+        return all;
+    }
+    auto const left = std::chrono::duration_cast<microseconds>(*m_end - now);
+    constexpr long second = 1000000;
+    return left.count() <= 0 ? timeval{0, 0}
+                             : timeval{left.count() / second, left.count() % second};
+}
+
+bool Countdown::isOver() const
+{
+    std::chrono::seconds const grace(m_seconds == 0 ? 1 : 0);
+    return m_end && Clock::now() >= *m_end + grace;
 }
 
 ControlArray::ControlArray(std::list<LDAPOperation::Control> const& controls)
@@ -179,20 +211,42 @@ bool LDAPOperationImpl::wait(unsigned int timeoutSeconds)
 {
     Synchronized const lock(m_mutex);
     requireSent();
-    while (m_isInFlight) {
-        LDAPMessageBuffer message;
-        ber_tag_t const type = receive(timeoutOf(timeoutSeconds), message);
-        if (type == 0) {
-            return true;
-        }
-        if (type != LDAP_RES_INTERMEDIATE) { // those are dropped
-            complete(type, message);
-        }
+    if (!m_isInFlight) {
+        return false;
     }
+    Countdown countdown(timeoutSeconds);
+    LDAPMessageBuffer message;
+    ber_tag_t type = 0;
+    try {
+        type = receive(countdown, message);
+    } catch (...) {
+        // OpenLDAP may know the request no longer, and would wait for nothing. No abandon: it might undo
+        // what the server is about to do.
+        lose();
+        throw;
+    }
+    if (type == 0) {
+        return true;
+    }
+    complete(type, message);
     return false;
 }
 
-ber_tag_t LDAPOperationImpl::receive(timeval timeout, LDAPMessageBuffer& message)
+ber_tag_t LDAPOperationImpl::receive(Countdown& countdown, LDAPMessageBuffer& message)
+{
+    for (;;) {
+        ber_tag_t const type = receiveOne(countdown.left(), message);
+        if (type != LDAP_RES_INTERMEDIATE) {
+            return type;
+        }
+        message.free();
+        if (countdown.isOver()) {
+            return 0;
+        }
+    }
+}
+
+ber_tag_t LDAPOperationImpl::receiveOne(timeval timeout, LDAPMessageBuffer& message)
 {
     int const rc = session() == nullptr
                        ? LDAP_SERVER_DOWN
@@ -201,6 +255,9 @@ ber_tag_t LDAPOperationImpl::receive(timeval timeout, LDAPMessageBuffer& message
     if (rc < 0) {
         record(at::waitFailedTrace, rc, error);
         throw failure(m_kind.failed, rc);
+    }
+    if (rc == 0 && message.get() != nullptr) {
+        return LBER_DEFAULT; // its type is 0. OpenLDAP takes it for the final response
     }
     return static_cast<ber_tag_t>(rc);
 }
@@ -214,11 +271,10 @@ void LDAPOperationImpl::complete(ber_tag_t type, LDAPMessageBuffer& message)
 /// Keeps the final response.
 void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
 {
-    if (type != m_kind.response) {
-        m_connection.openldapErrorCode(LDAP_DECODING_ERROR);
-        throw failure(at::foreignResponse, LDAP_DECODING_ERROR);
-    }
     try {
+        if (type != m_kind.response) {
+            throw failure(at::foreignResponse, LDAP_DECODING_ERROR);
+        }
         readControls(message.get());
         int const rc = readResponse(session(), message.get());
         if (rc != LDAP_SUCCESS) {
@@ -228,7 +284,9 @@ void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
         m_result.impl()->parseMessage(message);
     } catch (...) {
         if (m_result.isNull() || m_result.resultCode() == LDAP_SUCCESS) {
+            lose();
             forget(); // not decoded: it must not pass for a success
+            m_connection.openldapErrorCode(LDAP_DECODING_ERROR);
         }
         throw;
     }
@@ -262,9 +320,8 @@ void LDAPOperationImpl::abandon()
     if (!m_isInFlight) {
         return;
     }
-    m_isInFlight = false;
     int const abandoned = id();
-    id(0);
+    lose();
     if (session() == nullptr) {
         return;
     }
@@ -273,6 +330,12 @@ void LDAPOperationImpl::abandon()
     if (rc != LDAP_SUCCESS) {
         record(at::cancelFailedTrace, rc, error);
     }
+}
+
+void LDAPOperationImpl::lose()
+{
+    m_isInFlight = false;
+    id(0);
 }
 
 /// Records a failure on the connection, so that the pool drops it, and traces it.

@@ -9,7 +9,9 @@
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
+#include <chrono>
 #include <list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +28,26 @@ inline berval bytesOf(std::string const& bytes)
 /// A text for OpenLDAP, which ends it at its first zero byte.
 /// @throws LDAPException  it has one
 char const* textOf(std::string const& text);
+
+/// Whether the text is a filter as `LDAPFilter::parse` reads it. OpenLDAP's own parser recurses without a
+/// limit, encodes blanks as nothing, and two filters as two.
+bool isFilter(std::string const& text);
+
+/// The time left of a number of seconds, counted from the first question.
+class Countdown {
+public:
+    explicit Countdown(unsigned int seconds) : m_seconds(seconds) {}
+
+    timeval left();
+    /// Whether to return although messages keep arriving. A poll, with 0 seconds, may read for one second.
+    bool isOver() const;
+
+private:
+    using Clock = std::chrono::steady_clock;
+
+    unsigned int m_seconds;
+    std::optional<Clock::time_point> m_end;
+};
 
 /// A list of controls as OpenLDAP takes it. The list must outlive it, unchanged.
 class ControlArray : public NonCopyable {
@@ -79,17 +101,22 @@ protected:
     bool isInFlight() const { return m_isInFlight; }
     /// @throws LDAPException  the request is neither in flight nor complete
     void requireSent() const;
-    /// Takes the next message of the request. Returns its type; 0: none arrived in time.
-    ber_tag_t receive(timeval timeout, LDAPMessageBuffer& message);
-    /// Takes the final response. The request is no longer in flight, whatever is thrown.
+    /// Takes the next message of the request; drops intermediate responses. Returns its type; 0: none
+    /// arrived in time; LBER_DEFAULT: no response of LDAP.
+    ber_tag_t receive(Countdown& countdown, LDAPMessageBuffer& message);
+    /// Takes the final response. The request is no longer in flight, whatever is thrown. A response that
+    /// cannot be decoded is recorded on the connection.
     void complete(ber_tag_t type, LDAPMessageBuffer& message);
     /// Abandons the request if it is in flight. OpenLDAP then drops its responses, even those that have
     /// arrived.
     void abandon();
-    /// The request is no longer in flight: the connection broke.
-    void lose() { m_isInFlight = false; }
+    /// The request is no longer in flight, and no abandon is sent: the connection broke, or nothing is
+    /// known of the request.
+    void lose();
     /// Drops the response, as before the first `send`.
     void forget();
+    /// The connection's session; null if it was unbound.
+    LDAP* session() const;
 
 private:
     /// Calls OpenLDAP with the request. Returns its result code.
@@ -100,7 +127,7 @@ private:
     /// Drops what `readResponse` has read.
     virtual void forgetResponse();
 
-    LDAP* session() const;
+    ber_tag_t receiveOne(timeval timeout, LDAPMessageBuffer& message);
     void record(TraceSite const& site, int rc, int error);
     LDAPException failure(ThrowSite const& site, int rc) const;
     void takeResponse(ber_tag_t type, LDAPMessageBuffer& message);

@@ -9,9 +9,7 @@
 #include "BerCoding.h"
 #include "Operation.h"
 
-#include <chrono>
 #include <memory>
-#include <optional>
 #include <vector>
 
 // Exported by libldap, but declared in no installed header.
@@ -38,31 +36,6 @@ constexpr ThrowSite lostControl      { unit,  120, Fault::failed,       Stage::p
 // clang-format on
 
 constexpr OperationKind streamKind{at::refused, at::failed, LDAP_RES_SEARCH_RESULT};
-
-/// The time left of a number of seconds, counted from the first question.
-class Countdown {
-public:
-    explicit Countdown(unsigned int seconds) : m_seconds(seconds) {}
-
-    timeval left()
-    {
-        using std::chrono::microseconds;
-        auto const now = std::chrono::steady_clock::now();
-        if (!m_end) {
-            timeval const all = timeoutOf(m_seconds);
-            m_end = now + std::chrono::seconds(all.tv_sec);
-            return all;
-        }
-        auto const left = std::chrono::duration_cast<microseconds>(*m_end - now);
-        constexpr long second = 1000000;
-        return left.count() <= 0 ? timeval{0, 0}
-                                 : timeval{left.count() / second, left.count() % second};
-    }
-
-private:
-    unsigned int m_seconds;
-    std::optional<std::chrono::steady_clock::time_point> m_end;
-};
 
 /// Gives a session an alias mode, and its own one back at the end.
 class DerefScope : public NonCopyable {
@@ -128,9 +101,10 @@ public:
     LDAPSearchStreamImpl(LDAPConnection const& connection,
                          LDAPSearchStream::Parameter const& parameter)
         : LDAPOperationImpl(connection, streamKind, parameter.baseDN), m_parameter(parameter),
-          m_entry(std::string())
+          m_mayLackControl(false), m_entry(std::string())
     {
     }
+    ~LDAPSearchStreamImpl() override;
 
     LDAPSearchStream::Parameter& parameter() { return m_parameter; }
     LDAPSearchResultEntry const& entry() const { return m_entry; }
@@ -144,19 +118,31 @@ private:
     int request(LDAP* session, ::LDAPControl** controls, int* messageId) override;
     void forgetResponse() override;
     LDAPSearchStream::Item take(Countdown& countdown);
-    void await(Countdown& countdown, LDAPMessageBuffer& message, ber_tag_t& type);
+    ber_tag_t await(Countdown& countdown, LDAPMessageBuffer& message);
     void takeEntry(LDAPMessageBuffer const& message);
     void takeReference(LDAPMessageBuffer const& message);
     bool hasNextPage(std::string& cookie) const;
     void requestPage(std::string const& cookie);
+    int sizeLimit() const;
     template <typename Work> void orGiveUp(Work&& work);
+    void giveUp();
 
     LDAPSearchStream::Parameter m_parameter;
     LDAPSearchStream::Parameter m_sent; // as it was when it was sent
     std::list<LDAPOperation::Control> m_sentControls;
+    bool m_mayLackControl; // the response to the page in flight
     LDAPSearchResultEntry m_entry;
     std::list<std::string> m_references;
 };
+
+/// OpenLDAP would store all entries that are left, for as long as the session lives.
+LDAPSearchStreamImpl::~LDAPSearchStreamImpl()
+{
+    try {
+        abandon();
+    } catch (...) { // of a trace
+    }
+}
 
 void LDAPSearchStreamImpl::send()
 {
@@ -181,6 +167,20 @@ void LDAPSearchStreamImpl::requestPage(std::string const& cookie)
     std::list<LDAPOperation::Control> withPage = m_sentControls;
     withPage.push_back(LDAPControls::pagedResults(m_sent.pageSize, cookie));
     dispatch(withPage);
+    // RFC 2696 section 3: a server should ignore the control, even a critical one, if a page may have as
+    // many entries as the search.
+    int const limit = sizeLimit();
+    m_mayLackControl = cookie.empty() && limit > 0 && m_sent.pageSize >= limit;
+}
+
+/// The size limit that is sent; 0: none.
+int LDAPSearchStreamImpl::sizeLimit() const
+{
+    int limit = m_sent.sizeLimit;
+    if (limit == 0) { // OpenLDAP sends that of its configuration
+        ldap_get_option(session(), LDAP_OPT_SIZELIMIT, &limit);
+    }
+    return limit;
 }
 
 int LDAPSearchStreamImpl::request(LDAP* session, ::LDAPControl** controls, int* messageId)
@@ -190,6 +190,9 @@ int LDAPSearchStreamImpl::request(LDAP* session, ::LDAPControl** controls, int* 
     char const* const base = textOf(m_sent.baseDN);
     char const* const filter = m_sent.filter.empty() ? nullptr : textOf(m_sent.filter);
     std::vector<char*> types = textsOf(m_sent.attributes);
+    if (filter != nullptr && !isFilter(m_sent.filter)) {
+        return LDAP_FILTER_ERROR;
+    }
     timeval limit = timeoutOf(static_cast<unsigned int>(m_sent.timeLimit));
     DerefScope const mode(session, deref);
     return ldap_search_ext(session, base, scope, filter, types.size() == 1 ? nullptr : types.data(),
@@ -217,11 +220,13 @@ bool LDAPSearchStreamImpl::wait(unsigned int timeoutSeconds)
     Synchronized const lock(m_mutex);
     requireSent();
     Countdown countdown(timeoutSeconds);
-    LDAPSearchStream::Item item = LDAPSearchStream::ItemEntry;
-    while (item != LDAPSearchStream::ItemEnd && item != LDAPSearchStream::ItemTimeout) {
+    LDAPSearchStream::Item item = take(countdown);
+    while (item != LDAPSearchStream::ItemEnd && item != LDAPSearchStream::ItemTimeout &&
+           !countdown.isOver()) {
         item = take(countdown);
     }
-    return item == LDAPSearchStream::ItemTimeout;
+    forgetResponse();
+    return item != LDAPSearchStream::ItemEnd;
 }
 
 LDAPSearchStream::Item LDAPSearchStreamImpl::take(Countdown& countdown)
@@ -229,8 +234,7 @@ LDAPSearchStream::Item LDAPSearchStreamImpl::take(Countdown& countdown)
     forgetResponse();
     while (isInFlight()) {
         LDAPMessageBuffer message;
-        ber_tag_t type = 0;
-        await(countdown, message, type);
+        ber_tag_t const type = await(countdown, message);
         switch (type) {
         case 0:
             return LDAPSearchStream::ItemTimeout;
@@ -240,18 +244,20 @@ LDAPSearchStream::Item LDAPSearchStreamImpl::take(Countdown& countdown)
         case LDAP_RES_SEARCH_REFERENCE:
             takeReference(message);
             return LDAPSearchStream::ItemReference;
-        case LDAP_RES_INTERMEDIATE: // those are dropped
-            break;
         default: {
             std::string cookie;
             orGiveUp([&] {
                 complete(type, message);
                 if (hasNextPage(cookie)) {
+                    lose();
                     forget();
                 }
             });
             if (!cookie.empty()) {
                 requestPage(cookie);
+                if (countdown.isOver()) { // pages may be empty, and arrive without end
+                    return LDAPSearchStream::ItemTimeout;
+                }
             }
         }
         }
@@ -259,13 +265,22 @@ LDAPSearchStream::Item LDAPSearchStreamImpl::take(Countdown& countdown)
     return LDAPSearchStream::ItemEnd;
 }
 
-/// Receives a message. What fails here fails for good: a message may be lost.
-void LDAPSearchStreamImpl::await(Countdown& countdown, LDAPMessageBuffer& message, ber_tag_t& type)
+/// Receives a message. What fails here fails for good: a message may be lost. If the connection still
+/// exists, the server may go on sending.
+ber_tag_t LDAPSearchStreamImpl::await(Countdown& countdown, LDAPMessageBuffer& message)
 {
     try {
-        type = receive(countdown.left(), message);
+        return receive(countdown, message);
     } catch (...) {
-        lose();
+        int code = LDAP_SERVER_DOWN;
+        if (session() != nullptr) {
+            ldap_get_option(session(), LDAP_OPT_RESULT_CODE, &code);
+        }
+        if (code == LDAP_SERVER_DOWN) {
+            lose();
+        } else {
+            abandon();
+        }
         throw;
     }
 }
@@ -299,6 +314,9 @@ bool LDAPSearchStreamImpl::hasNextPage(std::string& cookie) const
     }
     LDAPControls::Page page;
     if (!LDAPControls::pagedResults(responseControls(), page)) {
+        if (m_mayLackControl) {
+            return false;
+        }
         // It is critical, so that the server may not ignore it: there may be more pages.
         throw fault(at::lostControl, "The response lacks the control of its page");
     }
@@ -314,16 +332,21 @@ template <typename Work> void LDAPSearchStreamImpl::orGiveUp(Work&& work)
         work();
     } catch (LDAPException const& thrown) {
         if (thrown.getType() != static_cast<int>(Stage::referral)) {
-            abandon();
-            forget();
+            giveUp();
             m_connection.openldapErrorCode(LDAP_DECODING_ERROR);
         }
         throw;
     } catch (...) {
-        abandon();
-        forget();
+        giveUp();
         throw;
     }
+}
+
+void LDAPSearchStreamImpl::giveUp()
+{
+    abandon();
+    lose(); // even if it was complete
+    forget();
 }
 
 // Handle

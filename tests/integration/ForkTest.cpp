@@ -13,6 +13,7 @@
 #include <ldap.h>
 
 #include <atomic>
+#include <functional>
 #include <list>
 #include <thread>
 #include <tuple>
@@ -241,6 +242,40 @@ TEST_P(AForkedChild, NeitherAwaitsNorCancelsARequestOfItsParent)
     EXPECT_EQ(wrong, "");
     EXPECT_FALSE(request.wait(10));
     EXPECT_EQ(request.responseValue(), "dn:cn=reader,dc=corp,dc=test");
+}
+
+TEST_P(AForkedChild, NeitherReadsNorAbandonsAStreamOfItsParent)
+{
+    using Work = std::function<std::string(LDAPSearchStream&)>;
+    Work const read = [](LDAPSearchStream& stream) {
+        return unlessThrows("SearchStream.cpp", 91, [&] { stream.next(1000); });
+    };
+    Work const cancel = [](LDAPSearchStream& stream) {
+        stream.cancel();
+        return std::string();
+    };
+    Work const destroy = [](LDAPSearchStream& stream) {
+        stream = LDAPSearchStream();
+        return std::string();
+    };
+    LDAPSearchStream::Parameter parameter(people);
+    parameter.filter = "(uid=user*)";
+    for (Work const& work : {read, cancel, destroy}) {
+        LDAPSearchStream stream(connection, parameter);
+        slapd().pause();
+        stream.send();
+
+        std::string const wrong = wrongInAChild([&] { return work(stream); });
+        slapd().resume();
+
+        EXPECT_EQ(wrong, "");
+        int taken = 0;
+        while (stream.next(10) == LDAPSearchStream::ItemEntry) {
+            ++taken;
+        }
+        EXPECT_EQ(taken, users);
+        EXPECT_EQ(stream.result().resultCode(), 0);
+    }
 }
 
 TEST_P(AForkedChild, MayConnectASessionThatItsParentDidNot)

@@ -145,6 +145,21 @@ TEST_P(StreamOnADirectory, EndsAtItsOwnSizeLimit)
     EXPECT_EQ(stream.result().resultCode(), LDAP_SIZELIMIT_EXCEEDED);
 }
 
+// The server ignores the control if a page may have as many entries as the limit.
+TEST_P(StreamOnADirectory, EndsWithSuccessIfItFindsNoMoreThanItsSizeLimit)
+{
+    auto parameter = streamOf(people, "(cn=*)", GetParam());
+    parameter.sizeLimit = 100;
+    LDAPSearchStream stream(connection, parameter);
+    stream.send();
+
+    Taken const taken(stream);
+
+    EXPECT_THAT(taken.names, SizeIs(100));
+    EXPECT_EQ(stream.result().resultCode(), 0);
+    EXPECT_TRUE(connection.impl()->isValid());
+}
+
 TEST_P(StreamOnADirectory, IsCanceledAnywhereAndLeavesTheConnectionUsable)
 {
     LDAPSearchStream stream(connection, streamOf(people, "(cn=*)", GetParam()));
@@ -318,6 +333,97 @@ TEST(StreamThatIsCanceled, IsAbandonedAtTheServer)
     EXPECT_TRUE(hasNothingLeft(client.connection));
 }
 
+TEST(StreamThatIsDestroyed, IsAbandonedAtTheServer)
+{
+    ScriptedServer const server(answering(twoEntries));
+    LDAPConnection connection;
+    {
+        SentStream client(server);
+        connection = client.connection;
+        ASSERT_EQ(client.stream.next(patience), LDAPSearchStream::ItemEntry);
+    }
+
+    ASSERT_TRUE(eventually([&] { return server.receivedCount() == 2; }));
+    EXPECT_EQ(operationOf(server.received().back()), AbandonRequest);
+    EXPECT_TRUE(hasNothingLeft(connection));
+}
+
+// The message id of the third message has five bytes, which OpenLDAP cannot decode. The connection lives.
+TEST(StreamThatReceivesAMessageThatCannotBeDecoded, IsAbandonedAtTheServer)
+{
+    ScriptedServer const server(answering([](int id) {
+        return twoEntries(id) +
+               berElement(LBER_SEQUENCE, berElement(LBER_INTEGER, "\x01\x01\x01\x01\x01") +
+                                             berElement(LDAP_RES_SEARCH_ENTRY, ""));
+    }));
+    SentStream client(server);
+    ASSERT_EQ(client.stream.next(patience), LDAPSearchStream::ItemEntry);
+    ASSERT_EQ(client.stream.next(patience), LDAPSearchStream::ItemEntry);
+
+    EXPECT_THAT(thrownBy([&] { client.stream.next(patience); }),
+                IsFault("SearchStream.cpp", 91, 4, 4));
+
+    ASSERT_TRUE(eventually([&] { return server.receivedCount() == 2; }));
+    EXPECT_EQ(operationOf(server.received().back()), AbandonRequest);
+}
+
+TEST(StreamThatIsSentAgain, GivesNothingOfTheFirstSearchThatArrivesLate)
+{
+    ScriptedServer const server([](Peer& peer) {
+        int const first = messageIdOf(peer.receiveMessage());
+        peer.send(twoEntries(first));
+        peer.receiveMessage(); // the abandon
+        int const second = messageIdOf(peer.receiveMessage());
+        peer.send(twoEntries(first) + searchEntry(second, "cn=c", {}) + searchDone(first) +
+                  searchDone(second));
+        peer.receiveUntilClosed();
+    });
+    SentStream client(server);
+    ASSERT_EQ(client.stream.next(patience), LDAPSearchStream::ItemEntry);
+
+    client.stream.send();
+
+    EXPECT_THAT(Taken(client.stream).names, ElementsAre("cn=c"));
+    EXPECT_EQ(client.stream.result().resultCode(), 0);
+    EXPECT_TRUE(hasNothingLeft(client.connection));
+}
+
+TEST(TwoStreamsOfOneConnection, GiveTheirOwnEntriesEach)
+{
+    ScriptedServer const server([](Peer& peer) {
+        int const first = messageIdOf(peer.receiveMessage());
+        int const second = messageIdOf(peer.receiveMessage());
+        peer.send(searchEntry(second, "cn=c", {}) + searchEntry(first, "cn=a", {}) +
+                  searchEntry(second, "cn=d", {}) + searchDone(second) +
+                  searchEntry(first, "cn=b", {}) + searchDone(first));
+        peer.receiveUntilClosed();
+    });
+    SentStream client(server);
+    LDAPSearchStream other(client.connection, client.stream.parameter());
+    other.send();
+
+    EXPECT_THAT(Taken(client.stream).names, ElementsAre("cn=a", "cn=b"));
+    EXPECT_THAT(Taken(other).names, ElementsAre("cn=c", "cn=d"));
+    EXPECT_EQ(other.result().resultCode(), 0);
+}
+
+TEST(StreamOfAPeerThatNeverPauses, IsAwaitedNoLongerThanTheTimeout)
+{
+    std::atomic<bool> isOver{false};
+    ScriptedServer const server([&](Peer& peer) {
+        int const id = messageIdOf(peer.receiveMessage());
+        while (!isOver) {
+            peer.send(twoEntries(id));
+        }
+    });
+    SentStream client(server);
+
+    EXPECT_TRUE(client.stream.wait(1));
+
+    EXPECT_EQ(client.stream.next(patience), LDAPSearchStream::ItemEntry);
+    isOver = true;
+}
+
 TEST(StreamOfASilentPeer, IsStillInFlightWhenTheTimeRunsOut)
 {
     // OpenLDAP reads the beginning of a message, and keeps it.
@@ -399,6 +505,11 @@ INSTANTIATE_TEST_SUITE_P(
                     return ldapMessage(id, berElement(LDAP_RES_SEARCH_REFERENCE, "\x04\x20x"));
                 },
                 "SearchStream.cpp", 111, 4, 6},
+        Trouble{"AMessageOfType0",
+                [](int id) {
+                    return ldapMessage(id, berElement(0, std::string("\x0a\x01\0\x04\0\x04\0", 7)));
+                },
+                "Operation.cpp", 103, 4, 6},
         Trouble{
             "ADamagedResult",
             [](int id) { return ldapMessage(id, berElement(LDAP_RES_SEARCH_RESULT, "\x04\x01x")); },

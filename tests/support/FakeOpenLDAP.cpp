@@ -124,6 +124,10 @@ std::string optionName(int option)
         return "DESC";
     case LDAP_OPT_DEREF:
         return "DEREF";
+    case LDAP_OPT_SIZELIMIT:
+        return "SIZELIMIT";
+    case LDAP_OPT_RESULT_CODE:
+        return "RESULT_CODE";
     case LDAP_OPT_REFERRALS:
         return "REFERRALS";
     case LDAP_OPT_RESTART:

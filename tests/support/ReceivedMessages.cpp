@@ -118,9 +118,11 @@ LDAPMessage* ReceivedMessages::damagedReference()
                                                 "ldap://a/");
 }
 
-/// OpenLDAP drops messages that answer no request.
+/// OpenLDAP drops messages that answer no request. The bytes of the last request must not fill the socket.
 int ReceivedMessages::newRequest()
 {
+    std::array<char, 4096> dropped{};
+    static_cast<void>(recv(m_server, dropped.data(), dropped.size(), MSG_DONTWAIT));
     int id = 0;
     int const rc = ldap_search_ext(m_session, "", LDAP_SCOPE_BASE, nullptr, nullptr, 0, nullptr,
                                    nullptr, nullptr, LDAP_NO_LIMIT, &id);
@@ -141,8 +143,9 @@ LDAPMessage* ReceivedMessages::received(int id, int all)
 {
     timeval timeout = {10, 0};
     LDAPMessage* message = nullptr;
-    int const rc = ldap_result(m_session, id, all, &timeout, &message);
-    require(rc > 0, "ldap_result");
+    ldap_result(m_session, id, all, &timeout, &message);
+    require(message != nullptr,
+            "ldap_result"); // a message of type 0 has the return code of a timeout
     return message;
 }
 

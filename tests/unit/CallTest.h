@@ -69,6 +69,24 @@ protected:
         };
     }
 
+    /// From now on `ldap_result` hands out what `newMessage` returns, without end and without a pause.
+    void willReceiveEndlessly(std::function<LDAPMessage*()> const& newMessage)
+    {
+        openldap.ldap_result = [newMessage](LDAP*, int, int, timeval*, LDAPMessage** message) {
+            *message = newMessage();
+            return ldap_msgtype(*message);
+        };
+    }
+
+    /// From now on `ldap_result` fails with this code, which OpenLDAP keeps in the session.
+    void willFail(int code)
+    {
+        openldap.ldap_result = [code](LDAP* session, auto...) {
+            ldap_set_option(session, LDAP_OPT_RESULT_CODE, &code);
+            return -1;
+        };
+    }
+
     FakeOpenLDAP openldap;
     ReceivedMessages messages;
 

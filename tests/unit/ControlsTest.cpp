@@ -88,6 +88,17 @@ TEST(APagedResultsControl, IsDecoded)
          "\x30\x09\x02\x05\x01\x01\x01\x01\x01\x04\x00"s, "\x30\x04\x02\x00\x04\x00"s});
 }
 
+// A search must not fail for an estimate.
+TEST(APagedResultsControl, SaysNothingWithANegativeEstimate)
+{
+    LDAPControls::Page page;
+
+    EXPECT_TRUE(LDAPControls::pagedResults(response(paged, "\x30\x06\x02\x01\xff\x04\x01x"), page));
+
+    EXPECT_EQ(page.estimate, 0);
+    EXPECT_EQ(page.cookie, "x");
+}
+
 TEST(APagedResultsControl, LeavesThePageAsItIsWhenItIsMalformed)
 {
     LDAPControls::Page page;
@@ -147,12 +158,24 @@ TEST(AnAssertionControl, HasTheFilterThatASearchWouldSend)
 
 TEST(AnAssertionControl, RefusesWhatIsNoFilter)
 {
-    for (char const* const filter : {"", "(", "(cn=a", "(&(cn=a)"}) {
+    for (char const* const filter : {"", " ", "(", "(cn=a", "(&(cn=a)", "(cn=a)(cn=b)"}) {
         EXPECT_THAT(thrownBy([&] { LDAPControls::assertion(filter); }),
                     IsFault("Controls.cpp", 52, 2, 0, "Bad search filter : "s + filter));
     }
     EXPECT_THAT(thrownBy([] { LDAPControls::assertion("(cn=a\0)"s); }),
                 IsFault("Operation.cpp", 70, 2, 0));
+}
+
+// OpenLDAP recurses for each level, with a copy of the rest.
+TEST(AnAssertionControl, RefusesAFilterThatWouldExhaustTheStack)
+{
+    std::string deep;
+    for (int level = 0; level != 30000; ++level) {
+        deep += "(!";
+    }
+
+    EXPECT_THAT(thrownBy([&] { LDAPControls::assertion(deep); }),
+                IsFault("Controls.cpp", 52, 2, 0));
 }
 
 TEST(AReadControl, NamesTheAttributes)
@@ -247,7 +270,8 @@ TEST(APasswordPolicyControl, IsDecoded)
     expectStrict<LDAPControls::PasswordPolicy>(
         LDAPControls::passwordPolicy, policyOid,
         {"", "\x30\x01", "\x30\x02\xa0\x00"s, "\x30\x05\xa0\x03\x82\x01\x07",
-         "\x30\x03\x82\x01\x06", "\x30\x06\x81\x01\x06\x81\x01\x06",
+         "\x30\x03\x82\x01\x06", "\x30\x03\x81\x01\xff", "\x30\x05\xa0\x03\x80\x01\xff",
+         "\x30\x05\xa0\x03\x81\x01\xff", "\x30\x06\x81\x01\x06\x81\x01\x06",
          "\x30\x08\xa0\x06\x80\x01\x01\x81\x01\x01"});
 }
 

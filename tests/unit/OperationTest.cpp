@@ -363,6 +363,18 @@ TEST_F(AnAwaitedOperation, DropsIntermediateResponses)
     EXPECT_THAT(openldap.calls(), Contains("ldap_msgfree message").Times(2));
 }
 
+TEST_F(AnAwaitedOperation, IsAwaitedNoLongerThanTheTimeoutEvenIfIntermediateResponsesArrive)
+{
+    willReceiveEndlessly([this] { return messages.operation(LDAP_RES_INTERMEDIATE, ""); });
+
+    EXPECT_TRUE(request.wait(0));
+    EXPECT_TRUE(request.wait(1));
+
+    EXPECT_EQ(request.id(), 3);
+    willReceive({response()});
+    EXPECT_FALSE(request.wait(5));
+}
+
 // OpenLDAP would wait for notices of disconnection.
 TEST_F(AnOperation, IsNotAwaitedBeforeItIsSent)
 {
@@ -383,6 +395,24 @@ TEST_F(AFailingWaitForAnOperation, IsReportedWithOpenLDAPsTextAndItsDn)
     EXPECT_THAT(openldap.calls(), ElementsAre("ldap_result session 3 0 5s 0us"));
 }
 
+// OpenLDAP may no longer know the request: it would wait for the whole timeout.
+TEST_F(AFailingWaitForAnOperation, LeavesNothingInFlight)
+{
+    willFail(LDAP_UNAVAILABLE); // as after a notice of disconnection
+    thrownBy([&] { request.wait(5); });
+    openldap.forgetCalls();
+
+    EXPECT_EQ(request.id(), 0);
+    EXPECT_THAT(thrownBy([&] { request.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));
+    request.cancel();
+    EXPECT_THAT(openldap.calls(), IsEmpty());
+    willTake(4);
+    request.send();
+    EXPECT_EQ(request.id(), 4);
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_delete_ext session 'cn=a,dc=example' null null"));
+}
+
 TEST_F(AFailingWaitForAnOperation, IsTracedWithErrnoWhenTheMaskAsksForErrorsAndAlwaysRecorded)
 {
     openldap.ldap_result = [](auto...) {
@@ -391,8 +421,10 @@ TEST_F(AFailingWaitForAnOperation, IsTracedWithErrnoWhenTheMaskAsksForErrorsAndA
     };
 
     expectTraced(0x80001, {"Operation:98 wait 0: " + tid() + "ldaperror=-1, errno = 104"}, [&] {
+        LDAPDelete sent(connection, "cn=a");
+        sent.send();
         connection.openldapErrorCode(0);
-        thrownBy([&] { request.wait(5); });
+        thrownBy([&] { sent.wait(5); });
         EXPECT_EQ(connection.openldapErrorCode(), -1);
     });
 }
@@ -435,6 +467,32 @@ TEST_F(AFailingWaitForAnOperation, ReceivesTheResponseOfAnotherOperation)
     EXPECT_THAT(openldap.calls(), Contains("ldap_msgfree message").Times(1));
 }
 
+// OpenLDAP returns 0 for it, as if none had arrived, and no longer knows the request.
+TEST_F(AFailingWaitForAnOperation, ReceivesAMessageOfType0)
+{
+    willReceive({messages.operation(0, "\x0a\x01\0\x04\0\x04\0"s)});
+
+    auto const thrown = thrownBy([&] { request.wait(5); });
+
+    EXPECT_THAT(thrown, IsFault("Operation.cpp", 103, 4, 6, "Decoding error : cn=a,dc=example"));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
+    EXPECT_EQ(request.id(), 0);
+    EXPECT_THAT(openldap.calls(), Contains("ldap_msgfree message").Times(1));
+}
+
+// RFC 4511 section 4.1.10: only code 10 has URIs.
+TEST_F(AFailingWaitForAnOperation, HasNoResultIfThereIsAReferralWithCode0)
+{
+    willReceive({messages.response(LDAP_RES_DELETE, LDAP_SUCCESS, "", "", {"ldap://b/"})});
+
+    auto const thrown = thrownBy([&] { request.wait(5); });
+
+    EXPECT_THAT(thrown, IsFault("Result.cpp", 624, 4, 5));
+    EXPECT_TRUE(request.result().isNull());
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
+    EXPECT_THAT(thrownBy([&] { request.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));
+}
+
 TEST_F(AFailingWaitForAnOperation, ReceivesAResponseThatCannotBeDecoded)
 {
     willReceive({messages.operation(LDAP_RES_DELETE, "\x04\x01x")});
@@ -442,8 +500,10 @@ TEST_F(AFailingWaitForAnOperation, ReceivesAResponseThatCannotBeDecoded)
     auto const thrown = thrownBy([&] { request.wait(5); });
 
     EXPECT_THAT(thrown, IsFault("Operation.cpp", 112, 1, 6, "Decoding error : cn=a,dc=example"));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
     EXPECT_TRUE(request.result().isNull());
     EXPECT_THAT(openldap.calls(), Contains("ldap_msgfree message").Times(1));
+    EXPECT_THAT(thrownBy([&] { request.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));
 }
 
 TEST_F(AFailingWaitForAnOperation, ReceivesControlsThatCannotBeDecoded)
@@ -454,8 +514,10 @@ TEST_F(AFailingWaitForAnOperation, ReceivesControlsThatCannotBeDecoded)
     auto const thrown = thrownBy([&] { request.wait(5); });
 
     EXPECT_THAT(thrown, IsFault("Operation.cpp", 112, 1, 6, "Decoding error : cn=a,dc=example"));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
     EXPECT_TRUE(request.result().isNull());
     EXPECT_THAT(request.responseControls(), IsEmpty());
+    EXPECT_THAT(thrownBy([&] { request.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));
 }
 
 TEST_F(AFailingWaitForAnOperation, LeavesNothingThatPassesForASuccess)
@@ -471,6 +533,7 @@ TEST_F(AFailingWaitForAnOperation, LeavesNothingThatPassesForASuccess)
     auto const thrown = thrownBy([&] { request.wait(5); });
 
     EXPECT_THAT(thrown, IsFault("Result.cpp", 577, 1, 6, "Out of memory"));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
     EXPECT_TRUE(request.result().isNull());
     EXPECT_THAT(request.responseControls(), IsEmpty());
     EXPECT_THAT(thrownBy([&] { request.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));

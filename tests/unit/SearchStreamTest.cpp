@@ -1,10 +1,9 @@
-// Searches whose entries come one after the other: the exact calls, pages, and every way to fail.
+// Searches whose entries come one after the other: the exact calls, and every way to fail.
+#include "SearchStreamTest.h"
 #include "Allocations.h"
-#include "CallTest.h"
 
 #include "LdapMessages.h"
 
-#include <algorithm>
 #include <new>
 
 namespace SolvaneTest {
@@ -26,68 +25,6 @@ using Control = Solvane::LDAPOperation::Control;
 constexpr char sentPlainly[] =
     "ldap_search_ext session 'dc=example' 2 null null 0 null null null -1";
 
-/// How the request for a page of two entries reads, with the length and the bytes of its cookie.
-std::string sentPage(std::string const& value)
-{
-    return "ldap_search_ext session 'dc=example' 2 null null 0 ['1.2.840.113556.1.4.319' critical "
-           "'" +
-           value + "'] null null -1";
-}
-std::string const firstPage = sentPage("\x30\x05\x02\x01\x02\x04\x00"s);
-std::string const secondPage = sentPage("\x30\x07\x02\x01\x02\x04\x02\0c"s);
-
-class SearchStreamTest : public ConnectedTest {
-protected:
-    SearchStreamTest() : stream(connection, LDAPSearchStream::Parameter("dc=example"))
-    {
-        openldap.ldap_search_ext = [this](auto, auto, auto, auto, auto, auto, auto, auto, auto,
-                                          auto, int* messageId) {
-            *messageId = nextId++;
-            return LDAP_SUCCESS;
-        };
-        openldap.ldap_abandon_ext = [](auto...) { return LDAP_SUCCESS; };
-    }
-
-    /// The calls so far, without the option that each send reads and liblber's elements.
-    std::vector<std::string> calls() const
-    {
-        std::vector<std::string> all = openldap.calls();
-        all.erase(std::remove_if(all.begin(), all.end(),
-                                 [](std::string const& call) {
-                                     return call == "ldap_get_option session DEREF" ||
-                                            call == "ber_free unknown 0" ||
-                                            call == "ber_free unknown 1";
-                                 }),
-                  all.end());
-        return all;
-    }
-    LDAPMessage* done(int code = LDAP_SUCCESS)
-    {
-        return messages.response(LDAP_RES_SEARCH_RESULT, code);
-    }
-    /// The end of a page, with this control value.
-    LDAPMessage* pageEnd(std::string const& value, int code = LDAP_SUCCESS)
-    {
-        return messages.response(LDAP_RES_SEARCH_RESULT, code, "", "", {},
-                                 {{LDAP_CONTROL_PAGEDRESULTS, value}});
-    }
-    LDAPMessage* pageEndBeforeAnother() { return pageEnd("\x30\x07\x02\x01\x00\x04\x02\0c"s); }
-    LDAPMessage* lastPageEnd() { return pageEnd("\x30\x05\x02\x01\x00\x04\x00"s); }
-    /// What a stream reports when it is over without a result.
-    void expectOver()
-    {
-        EXPECT_TRUE(stream.result().isNull());
-        EXPECT_THAT(stream.responseControls(), IsEmpty());
-        EXPECT_EQ(stream.entry().entryName(), "");
-        EXPECT_THAT(stream.references(), IsEmpty());
-        EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("Operation.cpp", 92, 2, 0));
-        EXPECT_THAT(thrownBy([&] { stream.wait(5); }), IsFault("Operation.cpp", 92, 2, 0));
-    }
-
-    int nextId = 3;
-    LDAPSearchStream stream;
-};
-
 /// Sent as message 3; no calls are recorded yet.
 class SentStream : public SearchStreamTest {
 protected:
@@ -98,18 +35,12 @@ protected:
     }
 };
 
-/// With pages of two entries.
-class PagedStream : public SearchStreamTest {
-protected:
-    PagedStream() { stream.parameter().pageSize = 2; }
-};
-
 using AStream = SearchStreamTest;
 using AStreamThatIsRefused = SearchStreamTest;
 using TheNextItem = SentStream;
 using AFailingStream = SentStream;
 using ACanceledStream = SentStream;
-using PagesOfAStream = PagedStream;
+using ADestroyedStream = SearchStreamTest;
 
 TEST_F(AStream, IsNotSentWhenItIsBuilt)
 {
@@ -210,6 +141,24 @@ TEST_F(AStreamThatIsRefused, IsReportedWithItsBaseAndRecorded)
     expectOver();
 }
 
+// OpenLDAP recurses for each level of a filter, and encodes blanks as nothing and two filters as two.
+TEST_F(AStreamThatIsRefused, HasAFilterThatIsNestedTooDeepOrIsNone)
+{
+    std::string deep;
+    for (int level = 0; level != 30000; ++level) {
+        deep += "(!";
+    }
+    for (std::string const& filter : {deep, " "s, "(cn=a)(cn=b)"s, "(cn=a"s}) {
+        stream.parameter().filter = filter;
+        connection.openldapErrorCode(0);
+
+        EXPECT_THAT(thrownBy([&] { stream.send(); }),
+                    IsFault("SearchStream.cpp", 84, 4, 4, "Bad search filter : dc=example"));
+        EXPECT_EQ(connection.openldapErrorCode(), LDAP_FILTER_ERROR);
+    }
+    EXPECT_THAT(calls(), IsEmpty());
+}
+
 TEST_F(AStreamThatIsRefused, HasANegativeLimit)
 {
     for (int LDAPSearchStream::Parameter::*limit :
@@ -228,7 +177,7 @@ TEST_F(AStreamThatIsRefused, HasANegativeLimit)
 }
 
 // OpenLDAP would search with what precedes the zero byte.
-TEST_F(AStreamThatIsRefused, HasAZeroByteInATextOrAScopeOutOfRange)
+TEST_F(AStreamThatIsRefused, HasAZeroByteInATextANullDescriptionOrAScopeOutOfRange)
 {
     auto const refusalOf = [this](auto change) {
         stream.parameter() = LDAPSearchStream::Parameter("dc=example");
@@ -242,6 +191,9 @@ TEST_F(AStreamThatIsRefused, HasAZeroByteInATextOrAScopeOutOfRange)
                 IsFault("Operation.cpp", 70, 2, 0));
     EXPECT_THAT(refusalOf([](auto& parameter) { parameter.attributes = {"c\0n"s}; }),
                 IsFault("Operation.cpp", 70, 2, 0));
+    EXPECT_THAT(
+        refusalOf([](auto& parameter) { parameter.attributes = {Solvane::LDAPAttributeType()}; }),
+        IsNullHandle("Attribute.cpp", 41));
     EXPECT_THAT(
         refusalOf([](auto& parameter) { parameter.scope = static_cast<LDAPSearch::Scope>(3); }),
         IsFault("Attribute.cpp", 531, 2, 0));
@@ -375,13 +327,44 @@ TEST_F(TheNextItem, IsDroppedByAWaitUpToTheEnd)
     EXPECT_EQ(stream.entry().entryName(), "");
 }
 
+TEST_F(TheNextItem, IsAwaitedNoLongerThanTheTimeoutEvenIfIntermediateResponsesArriveWithoutEnd)
+{
+    willReceiveEndlessly([this] { return messages.operation(LDAP_RES_INTERMEDIATE, ""); });
+
+    EXPECT_EQ(stream.next(0), LDAPSearchStream::ItemTimeout);
+    EXPECT_EQ(stream.next(1), LDAPSearchStream::ItemTimeout);
+
+    willReceive({messages.entry("cn=a")});
+    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
+}
+
+TEST_F(TheNextItem, IsDroppedNoLongerThanTheTimeoutEvenIfEntriesArriveWithoutEnd)
+{
+    willReceiveEndlessly([this] { return messages.entry("cn=a"); });
+
+    EXPECT_TRUE(stream.wait(0));
+    EXPECT_TRUE(stream.wait(1));
+
+    EXPECT_EQ(stream.entry().entryName(), "");
+    willReceive({messages.entry("cn=b"), done()});
+    EXPECT_FALSE(stream.wait(5));
+}
+
+// A caller who polls a socket must get all that TLS has decrypted.
+TEST_F(TheNextItem, IsDroppedByAPollWithAllThatHaveArrived)
+{
+    willReceive({messages.entry("cn=a"), messages.entry("cn=b"), done()});
+
+    EXPECT_FALSE(stream.wait(0));
+}
+
 // Failures
 
 TEST_F(AFailingStream, IsOverWhenTheConnectionBreaks)
 {
     willReceive({messages.entry("cn=a")});
     stream.next(5);
-    openldap.ldap_result = [](auto...) { return LDAP_SERVER_DOWN; };
+    willFail(LDAP_SERVER_DOWN);
     openldap.forgetCalls();
 
     EXPECT_THAT(thrownBy([&] { stream.next(5); }),
@@ -390,7 +373,20 @@ TEST_F(AFailingStream, IsOverWhenTheConnectionBreaks)
     EXPECT_EQ(connection.openldapErrorCode(), LDAP_SERVER_DOWN);
     expectOver();
     stream.cancel();
-    EXPECT_THAT(calls(), ElementsAre("ldap_result session 3 0 5s 0us"));
+    EXPECT_THAT(calls(), ElementsAre("ldap_result session 3 0 5s 0us",
+                                     "ldap_get_option session RESULT_CODE"));
+}
+
+// OpenLDAP would store its entries in the session.
+TEST_F(AFailingStream, IsAbandonedWhenOpenLDAPCannotReadAMessageOnAConnectionThatLives)
+{
+    willFail(LDAP_DECODING_ERROR);
+
+    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("SearchStream.cpp", 91, 4, 4));
+
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_SERVER_DOWN);
+    EXPECT_EQ(calls().back(), "ldap_abandon_ext session 3 null null");
+    expectOver();
 }
 
 TEST_F(AFailingStream, WasOnAConnectionThatHadBeenUnbound)
@@ -404,7 +400,7 @@ TEST_F(AFailingStream, WasOnAConnectionThatHadBeenUnbound)
 
 TEST_F(AFailingStream, CanBeSentAgain)
 {
-    openldap.ldap_result = [](auto...) { return LDAP_SERVER_DOWN; };
+    willFail(LDAP_SERVER_DOWN);
     thrownBy([&] { stream.next(5); });
     willReceive({messages.entry("cn=a")});
 
@@ -441,7 +437,7 @@ TEST_F(AFailingStream, IsAbandonedWhenAnEntryIsCutAnywhere)
     }
 }
 
-TEST_F(AFailingStream, IsAbandonedWhenTheMessageIsLongerThanItsBytes)
+TEST_F(AFailingStream, IsAbandonedWhenTheContentOfAMessageHasAnotherTag)
 {
     willReceive({messages.operation(LDAP_RES_SEARCH_ENTRY, berElement(LBER_OCTETSTRING, "cn=a"))});
     openldap.ldap_result = [next = openldap.ldap_result](auto session, int id, int all,
@@ -449,9 +445,11 @@ TEST_F(AFailingStream, IsAbandonedWhenTheMessageIsLongerThanItsBytes)
         next(session, id, all, timeout, message);
         return static_cast<int>(LDAP_RES_SEARCH_REFERENCE); // another type than the bytes have
     };
+    openldap.forgetCalls();
 
     EXPECT_THAT(thrownBy([&] { stream.next(5); }),
                 IsFault("SearchStream.cpp", 111, 4, 6, "Malformed search reference"));
+    EXPECT_THAT(calls(), Contains("ldap_abandon_ext session 3 null null"));
     EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
     expectOver();
 }
@@ -483,6 +481,19 @@ TEST_F(AFailingStream, ReceivesAFinalResponseThatCannotBeDecodedOrIsAnothers)
     stream.send();
     willReceive({messages.response(LDAP_RES_DELETE, LDAP_SUCCESS)});
     EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("Operation.cpp", 103, 4, 6));
+    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
+    expectOver();
+}
+
+// OpenLDAP returns 0 for it, as if none had arrived, and no longer knows the request.
+TEST_F(AFailingStream, ReceivesAMessageOfType0)
+{
+    willReceive({messages.operation(0, "\x0a\x01\0\x04\0\x04\0"s)});
+    openldap.forgetCalls();
+
+    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("Operation.cpp", 103, 4, 6));
+
+    EXPECT_THAT(openldap.calls(), Contains("ldap_msgfree message").Times(1));
     EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
     expectOver();
 }
@@ -532,134 +543,56 @@ TEST_F(ACanceledStream, IsAbandonedAndOver)
     EXPECT_EQ(connection.openldapErrorCode(), 0);
 }
 
-// Pages
+// Destruction
 
-TEST_F(PagesOfAStream, FollowEachOtherWithTheCookieOfTheServer)
+TEST_F(ADestroyedStream, IsAbandonedByItsLastHandle)
 {
-    willReceive({messages.entry("cn=a"), messages.entry("cn=b"), pageEndBeforeAnother(),
-                 messages.entry("cn=c"), lastPageEnd()});
-
-    stream.send();
-    for (char const* const name : {"cn=a", "cn=b", "cn=c"}) {
-        ASSERT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
-        EXPECT_EQ(stream.entry().entryName(), name);
-        EXPECT_TRUE(stream.result().isNull());
+    {
+        LDAPSearchStream const shared(connection, LDAPSearchStream::Parameter("dc=example"));
+        LDAPSearchStream last(shared);
+        last.send();
     }
-    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEnd);
 
-    EXPECT_EQ(stream.id(), 4);
-    EXPECT_EQ(stream.result().resultCode(), 0);
-    EXPECT_EQ(stream.responseControls().size(), 1U);
-    std::vector<std::string> sent = calls();
-    sent.erase(std::remove_if(sent.begin(), sent.end(),
-                              [](std::string const& call) {
-                                  return call.compare(0, 15, "ldap_search_ext") != 0;
-                              }),
-               sent.end());
-    EXPECT_THAT(sent, ElementsAre(firstPage, secondPage));
+    EXPECT_THAT(calls(), ElementsAre(sentPlainly, "ldap_abandon_ext session 3 null null"));
+    EXPECT_EQ(connection.openldapErrorCode(), 0);
 }
 
-TEST_F(PagesOfAStream, AreOfTheSearchThatWasSentWhateverIsChangedSince)
+TEST_F(ADestroyedStream, IsNotAbandonedIfItIsNotInFlight)
 {
-    willReceive({pageEndBeforeAnother()});
-    stream.controls().push_back(Control("1.2", false));
-    stream.send();
-    stream.controls().clear();
-    stream.parameter().baseDN = "dc=other";
-    stream.parameter().pageSize = 1;
-    openldap.forgetCalls();
+    willReceive({done()});
+    {
+        LDAPSearchStream const unsent(connection, LDAPSearchStream::Parameter("dc=example"));
+        LDAPSearchStream complete(connection, unsent.parameter());
+        complete.send();
+        complete.wait(5);
+        openldap.forgetCalls();
+    }
 
-    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemTimeout);
-
-    EXPECT_THAT(calls(), Contains("ldap_search_ext session 'dc=example' 2 null null 0 ['1.2' null "
-                                  "'1.2.840.113556.1.4.319' critical "
-                                  "'\x30\x07\x02\x01\x02\x04\x02\0c'] null null -1"s));
-    EXPECT_THAT(stream.responseControls(), IsEmpty());
-    EXPECT_THAT(calls().back(), StartsWith("ldap_result session 4 0 4s 9"));
+    EXPECT_THAT(calls(), IsEmpty());
 }
 
-TEST_F(PagesOfAStream, MayBeEmpty)
+TEST_F(ADestroyedStream, SendsNothingOnAConnectionThatWasUnbound)
 {
-    willReceive({pageEndBeforeAnother(), pageEndBeforeAnother(), messages.entry("cn=a")});
-    stream.send();
+    {
+        LDAPSearchStream unbound(connection, LDAPSearchStream::Parameter("dc=example"));
+        unbound.send();
+        connection.unbind();
+        openldap.forgetCalls();
+    }
 
-    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
-    EXPECT_EQ(stream.id(), 5);
+    EXPECT_THAT(openldap.calls(), IsEmpty());
 }
 
-TEST_F(PagesOfAStream, EndWithAnErrorOfTheServerEvenIfThereIsACookie)
+TEST_F(ADestroyedStream, ThrowsNothingWhateverTheAbandonThrows)
 {
-    willReceive({pageEnd("\x30\x07\x02\x01\x00\x04\x02\0c"s, LDAP_BUSY)});
-    stream.send();
+    openldap.ldap_abandon_ext = throwForeign<>;
+    {
+        LDAPSearchStream sent(connection, LDAPSearchStream::Parameter("dc=example"));
+        sent.send();
+        openldap.forgetCalls();
+    }
 
-    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEnd);
-    EXPECT_EQ(stream.result().resultCode(), 51);
-}
-
-TEST_F(PagesOfAStream, EndWithCode12IfTheServerDoesNotSupportThem)
-{
-    willReceive({done(LDAP_UNAVAILABLE_CRITICAL_EXTENSION)});
-    stream.send();
-
-    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEnd);
-    EXPECT_EQ(stream.result().resultCode(), 12);
-}
-
-// There may be more of them.
-TEST_F(PagesOfAStream, EndWithAFaultIfAResponseLacksTheControl)
-{
-    willReceive({messages.entry("cn=a"), pageEndBeforeAnother(), messages.entry("cn=b"), done()});
-    stream.send();
-    ASSERT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
-    ASSERT_EQ(stream.next(5), LDAPSearchStream::ItemEntry);
-
-    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("SearchStream.cpp", 120, 4, 6));
-    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
-    expectOver();
-}
-
-TEST_F(PagesOfAStream, AreNotThoseOfACallerWhoSendsTheControlHimself)
-{
-    willReceive({pageEndBeforeAnother()});
-    stream.parameter().pageSize = 0;
-    stream.send();
-
-    EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEnd);
-    EXPECT_EQ(stream.responseControls().size(), 1U);
-}
-
-// Half of the entries must not pass for all.
-TEST_F(PagesOfAStream, EndWithAFaultIfTheControlIsMalformed)
-{
-    willReceive({pageEnd("\x30\x07\x02\x01\x00\x04\x03\0c"s)});
-    stream.send();
-
-    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("Controls.cpp", 84, 1, 6));
-    EXPECT_EQ(connection.openldapErrorCode(), LDAP_DECODING_ERROR);
-    expectOver();
-}
-
-TEST_F(PagesOfAStream, EndWithAFaultIfTheNextOneCannotBeRequested)
-{
-    willReceive({pageEndBeforeAnother()});
-    stream.send();
-    openldap.ldap_search_ext = [](auto...) { return LDAP_SERVER_DOWN; };
-
-    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("SearchStream.cpp", 84, 4, 4));
-    EXPECT_EQ(connection.openldapErrorCode(), LDAP_SERVER_DOWN);
-    expectOver();
-}
-
-TEST_F(PagesOfAStream, AreCanceledByAnAbandonOfTheOneInFlight)
-{
-    willReceive({pageEndBeforeAnother(), messages.entry("cn=a")});
-    stream.send();
-    stream.next(5);
-
-    stream.cancel();
-
-    EXPECT_EQ(openldap.calls().back(), "ldap_abandon_ext session 4 null null");
-    EXPECT_THAT(thrownBy([&] { stream.next(5); }), IsFault("Operation.cpp", 92, 2, 0));
+    EXPECT_THAT(calls(), ElementsAre("ldap_abandon_ext session 3 null null"));
 }
 
 TEST(ANullStream, ThrowsFromEachOfItsOwnOperationsWithItsLine)

@@ -66,7 +66,8 @@ public:
     /// Does the operation only if the entry matches a filter; else the result is 122 (RFC 4528).
     /// @param filter    RFC 4515 text
     /// @param critical  false: a server that does not support it does the operation in any case
-    /// @throws LDAPException  code 2, type 0, Controls.cpp:52: OpenLDAP cannot parse the filter;
+    /// @throws LDAPException  code 2, type 0, Controls.cpp:52: a filter that `LDAPFilter::parse`
+    ///                        refuses;
     ///                        code 2, type 0, Operation.cpp:70: it has a zero byte
     static LDAPOperation::Control assertion(std::string const& filter, bool critical = true);
 

@@ -40,7 +40,8 @@ public:
     /// @throws LDAPException  code 1, type 0, Changes.cpp:112: null handle
     void add(LDAPAttribute const& attribute);
     /// The same with copies of the values.
-    /// @throws LDAPException  code 1, type 0, Changes.cpp:112: null handle
+    /// @throws LDAPException      code 1, type 0, Changes.cpp:112: null handle
+    /// @throws std::length_error  a value has 4 GiB or more
     void add(std::string const& type, std::list<std::string> const& values);
 
     /// Deletes values or, if `attribute` has none, **the whole attribute**. The attribute's body is
@@ -48,7 +49,8 @@ public:
     /// @throws LDAPException  code 1, type 0, Changes.cpp:121: null handle
     void remove(LDAPAttribute const& attribute);
     /// Deletes these values or, if the list is empty, **the whole attribute**.
-    /// @throws LDAPException  code 1, type 0, Changes.cpp:121: null handle
+    /// @throws LDAPException      code 1, type 0, Changes.cpp:121: null handle
+    /// @throws std::length_error  a value has 4 GiB or more
     void remove(std::string const& type, std::list<std::string> const& values);
 
     /// Replaces all values of an attribute; without values, deletes it if the entry has it. The
@@ -56,7 +58,8 @@ public:
     /// @throws LDAPException  code 1, type 0, Changes.cpp:130: null handle
     void replace(LDAPAttribute const& attribute);
     /// The same with copies of the values.
-    /// @throws LDAPException  code 1, type 0, Changes.cpp:130: null handle
+    /// @throws LDAPException      code 1, type 0, Changes.cpp:130: null handle
+    /// @throws std::length_error  a value has 4 GiB or more
     void replace(std::string const& type, std::list<std::string> const& values);
 
     /// Adds `amount`, which may be negative, to each value of an attribute (RFC 4525).

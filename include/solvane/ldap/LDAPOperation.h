@@ -19,12 +19,16 @@ namespace Solvane {
 ///
 /// - `send` may be called again. It then abandons the request that is still in flight, if any, and
 ///   clears result and response controls.
-/// - `wait` returns false for a request that is complete, as often as it is called.
+/// - `wait` returns false for a request that is complete, as often as it is called. Its timeout is for the
+///   whole call: intermediate responses (RFC 4511 section 4.13) are dropped and do not prolong it.
 /// - `cancel` abandons the request (RFC 4511 section 4.11): it is no longer in flight, `id` is 0, and
 ///   its response is dropped. The server may have carried it out nevertheless. If the abandon cannot be
 ///   sent, its error is recorded on the connection. Does nothing if no request is in flight.
-/// - An error of OpenLDAP is recorded on the connection (`openldapErrorCode`), so that the pool drops
-///   it.
+/// - Once `wait` has thrown, other than for a referral, the request is no longer in flight, and `id` is
+///   0. It is not abandoned: the server may have carried it out, or may do so yet.
+/// - Destroying the last handle of a request in flight does not abandon it, except for a stream.
+/// - An error of OpenLDAP, and a response that cannot be decoded, are recorded on the connection
+///   (`openldapErrorCode`), so that the pool drops it.
 ///
 /// The result has the server's code; a code other than 0 is not an exception. Texts with a zero byte,
 /// which OpenLDAP would truncate, are refused; values may have zero bytes.
@@ -36,13 +40,14 @@ namespace Solvane {
 /// - of the line that each class names: OpenLDAP refuses to send, as for a dead connection.
 ///
 /// `wait` throws `LDAPException`
-/// - code 2, type 0, Operation.cpp:92: no request is in flight: not sent, or canceled;
+/// - code 2, type 0, Operation.cpp:92: no request is in flight: not sent, canceled, or an earlier `wait`
+///   has thrown;
 /// - of the line that each class names: the wait failed, as for a connection that broke;
 /// - code 4, type 6, Operation.cpp:103: the response is of another operation, and the connection can no
 ///   longer be used;
 /// - code 1, type 6, Operation.cpp:112: OpenLDAP cannot parse the response or its controls;
 /// - code 4, type 5, Result.cpp:624: the response is a referral. The result is complete, with code 10
-///   and the URIs.
+///   and the URIs. A response that has URIs and code 0 is malformed: there is no result.
 ///
 /// Copies share one body. Not thread-safe, and neither are other requests on the same connection.
 class SOLVANE_LDAP_EXPORT LDAPOperation : public LDAPRequest {

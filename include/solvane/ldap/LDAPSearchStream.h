@@ -25,20 +25,27 @@ namespace Solvane {
 ///
 /// The pages are one search: `next` asks for the next page when it has taken the last entry of one. A
 /// server that does not support pages answers with code 12. Servers keep one paged search for each connection.
+/// If a page may have as many entries as the size limit, a server may answer without pages.
+///
+/// Destroying the last handle abandons a search in flight. Cancel or destroy a stream before you return
+/// its connection to the pool. A forked child abandons nothing of its parent's.
 ///
 /// `send`, `cancel` and the controls are those of `LDAPOperation`, with this:
 /// - `send` copies the parameters and controls, for all pages.
 /// - `wait` drops the entries and references that are left, and then is complete; its timeout is for all
-///   of them. Use it to learn the result only.
+///   of them, and 0 drops those that have arrived, for one second at most. Use it to learn the result only.
 /// - Once an exception is thrown, other than for a referral, the search is over: entries may be missing.
-///   `next` and `wait` throw Operation.cpp:92, until it is sent again.
-/// - `id` changes with each page; it is 0 after an exception for a response that cannot be decoded.
+///   It is abandoned unless the connection broke. `next` and `wait` throw Operation.cpp:92, until it is
+///   sent again.
+/// - `id` changes with each page; it is 0 once the search is over by an exception.
 /// - The result and its controls are those of the last page.
 ///
 /// `send` throws what `LDAPOperation` throws, and `LDAPException`
 /// - code 2, type 0, SearchStream.cpp:64: a limit or the size of a page is negative;
-/// - code 4, type 4, SearchStream.cpp:84: OpenLDAP refuses to send, as for a bad filter or a dead
-///   connection. `next` and `wait` throw it if the next page cannot be requested;
+/// - code 4, type 4, SearchStream.cpp:84: OpenLDAP refuses to send, as for a dead connection, or
+///   `LDAPFilter::parse` refuses the filter. `next` and `wait` throw it if the next page cannot be
+///   requested;
+/// - code 1, type 0, Attribute.cpp:41: a null attribute description;
 /// - code 2, type 0, Attribute.cpp:531 and 579: scope or alias mode are out of range.
 ///
 /// Copies share one body. Not thread-safe, and neither are other requests on the same connection.
@@ -83,14 +90,16 @@ public:
     Parameter& parameter() const;
 
     /// Takes the next entry or reference. At the end, returns `ItemEnd` as often as it is called.
-    /// @param timeout  seconds for the whole call; 0: only what has arrived
+    /// @param timeout  seconds for the whole call, even if intermediate responses or empty pages arrive;
+    ///                 0: only what has arrived
     /// @throws LDAPException  code 1, type 0, SearchStream.cpp:37: null handle;
     ///                        code 4, type 4, SearchStream.cpp:91: the wait failed, as for a connection
     ///                        that broke;
     ///                        code 4, type 6, SearchStream.cpp:102: malformed entry;
     ///                        code 4, type 6, SearchStream.cpp:111: malformed reference;
     ///                        code 4, type 6, SearchStream.cpp:120: the server says of a page that it
-    ///                        is complete, but not whether it is the last one;
+    ///                        is complete, but not whether it is the last one, and pages are smaller
+    ///                        than the size limit;
     ///                        code 1, type 6, Controls.cpp:84: malformed control of a page;
     ///                        what `send` throws for the next page, and `LDAPOperation`'s `wait`
     /// @note All of these but that of a null handle, of a request that is not in flight and of a referral
