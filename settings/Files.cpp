@@ -243,6 +243,12 @@ void LineReader::read()
     m_scanned -= m_begin;
     m_begin = 0;
     if (m_end == m_buffer.size()) {
+        if (m_buffer.size() > longestLine) {
+            throw Failure(Outcome::configuration,
+                          fmt::format("{} '{}' has a line of more than {} bytes", m_what,
+                                      m_path, longestLine),
+                          "correct the file");
+        }
         m_buffer.resize(2 * m_buffer.size());
     }
     ssize_t const count = ::read(m_descriptor, m_buffer.data() + m_end, m_buffer.size() - m_end);

@@ -95,6 +95,9 @@ std::string withoutLastNewline(std::string text);
 /// mark before the first one is dropped.
 class LineReader {
 public:
+    static constexpr std::size_t longestLine = std::size_t{128}
+                                               << 20U; ///< bytes, and up to twice as many
+
     /// @param what       the file's role, as "the file of keys"
     /// @param separator  ends a line
     /// @throws Failure  "configuration": the file cannot be opened
@@ -105,7 +108,7 @@ public:
 
     /// Reads the next line, without its separator; the last line may lack one. Returns `nothing` if
     /// no whole line has arrived and `mayWait` is false.
-    /// @throws Failure  "configuration": the file cannot be read
+    /// @throws Failure  "configuration": the file cannot be read, or a line is longer than `longestLine`
     LDAPLookup::Supply next(std::string& line, bool mayWait);
 
     int descriptor() const { return m_descriptor; }

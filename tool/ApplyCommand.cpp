@@ -8,6 +8,7 @@
 #include "OptionList.h"
 #include "Outcome.h"
 #include "Progress.h"
+#include "SearchRun.h"
 #include "Secret.h"
 #include "Sessions.h"
 #include "Text.h"
@@ -24,6 +25,8 @@
 #include <csignal>
 #include <exception>
 #include <functional>
+
+#include <poll.h>
 
 namespace Solvane::Tool {
 
@@ -44,7 +47,7 @@ constexpr char footer[] =
     "The file of --pre-read undoes the run: 'solvane-ldap apply FILE'. It restores what the "
     "records\n"
     "change and the bind can read, but nothing that only the server may change. If the run is\n"
-    "killed, the file undoes the changes made until then.\n\n"
+    "killed, the file undoes the changes whose responses had come.\n\n"
     "Exit status, the worst of all records:\n"
     "   0  applied\n"
     "  64  usage error\n"
@@ -82,6 +85,17 @@ std::string targetOf(Record const& record)
            (record.newSuperior ? " below " + oneLine(*record.newSuperior) : std::string());
 }
 
+/// The same as members of an object.
+void writeTarget(Record const& record, Json& json)
+{
+    if (record.type == Record::Type::Rename) {
+        json.key("newrdn").value(record.newRdn);
+        if (record.newSuperior) {
+            json.key("newsuperior").value(*record.newSuperior);
+        }
+    }
+}
+
 Outcome outcomeOfChange(Record::Type type, int code)
 {
     bool const isAdd = type == Record::Type::Content || type == Record::Type::Add;
@@ -91,6 +105,9 @@ Outcome outcomeOfChange(Record::Type type, int code)
     case LDAP_ASSERTION_FAILED:
     case LDAP_UNAVAILABLE_CRITICAL_EXTENSION:
         return Outcome::refused;
+    case LDAP_PROXIED_AUTHORIZATION_DENIED:
+    case LDAP_X_PROXY_AUTHZ_FAILURE: // the same, of older servers
+        return Outcome::denied;
     default:
         return outcomeOfAdd(code);
     }
@@ -112,6 +129,9 @@ char const* remedyForChange(Record::Type type, int code)
         return "the entry is not as the record expects; nothing was changed";
     case LDAP_UNAVAILABLE_CRITICAL_EXTENSION:
         return "the server does not support a critical control of the record";
+    case LDAP_PROXIED_AUTHORIZATION_DENIED:
+    case LDAP_X_PROXY_AUTHZ_FAILURE:
+        return "bind with a DN that may act as this user (-D)";
     default:
         return remedyForAdd(code);
     }
@@ -123,9 +143,11 @@ struct Report {
     Status status = Status::refused;
     int code = 0;
     std::string text;
-    std::string remedy;      ///< empty: the remedy follows from the code
-    std::string server;      ///< URI; empty if nothing was sent
-    std::string withoutUndo; ///< why the change, which was made, cannot be undone
+    std::string remedy;           ///< empty: the remedy follows from the code
+    std::string server;           ///< URI; empty if nothing was sent
+    std::string withoutUndo;      ///< why the change, which was made, cannot be undone
+    bool isUndoUnwritten = false; ///< the change was made, and the file of the undo is at its end
+    bool isRead = true;           ///< else of the record only the DN and the line are known
 };
 
 // Output
@@ -140,7 +162,7 @@ public:
     }
 
     void take(Report const& report);
-    /// An invalid record without a DN.
+    /// An invalid record.
     void take(LdifFault const& fault);
     /// Tells where the run ended before the end of its input.
     void printStop();
@@ -183,6 +205,18 @@ void Reporter::take(LdifFault const& fault)
     m_lastLine = fault.entry().line;
     m_worst = worse(m_worst, fault.outcome());
     m_diagnostics.error(fault.what());
+    if (!fault.entry().dn.empty()) {
+        Record record;
+        record.dn = fault.entry().dn;
+        record.line = fault.entry().line;
+        Report report;
+        report.record = &record;
+        report.code = LDAP_PARAM_ERROR;
+        report.text = fault.cause();
+        report.isRead = false;
+        print(report);
+    }
+    m_progress.update(++m_total);
 }
 
 void Reporter::print(Report const& report)
@@ -193,11 +227,16 @@ void Reporter::print(Report const& report)
         Json json(line);
         json->StartObject();
         json.key("dn").value(record.dn);
-        json.key("change").string(wordsOf(record.type).verb);
+        if (report.isRead) {
+            json.key("change").string(wordsOf(record.type).verb);
+            writeTarget(record, json);
+        }
         json.key("status").string(statusNames[static_cast<std::size_t>(report.status)]);
         json.key("line")->Uint64(record.line);
         json.key("code")->Int(report.code);
-        json.key("text").string(report.withoutUndo.empty() ? report.text : report.withoutUndo);
+        json.key("text").string(report.isUndoUnwritten       ? "its undo could not be written"
+                                : report.withoutUndo.empty() ? report.text
+                                                             : report.withoutUndo);
         json.key("server").string(report.server);
         json->EndObject();
     } else {
@@ -214,6 +253,10 @@ void Reporter::print(Report const& report)
 void Reporter::complain(Report const& report) const
 {
     std::string const dn = oneLine(report.record->dn);
+    if (report.isUndoUnwritten) {
+        m_diagnostics.error(
+            fmt::format("{}: the change was made, but its undo could not be written", dn));
+    }
     if (!report.withoutUndo.empty()) {
         m_diagnostics.error(fmt::format("{}: the change was made, but cannot be undone: {}; bind "
                                         "with a DN that may read what it changes (-D)",
@@ -325,6 +368,7 @@ void ApplyRun::apply(Record const& record)
             report.withoutUndo = m_undo != nullptr ? keepUndo(record, result) : std::string();
         } catch (Failure const&) {
             failure = std::current_exception();
+            report.isUndoUnwritten = true;
         }
     }
     if (report.status == Status::unknown) {
@@ -443,6 +487,10 @@ std::string ApplyRun::keepUndo(Record const& record, ChangeResult const& result)
             states.before) {
             Undo const undo = undoOf(record, states, m_schema);
             m_undo->add(undo.records);
+            if (!undo.doubtful.empty()) {
+                m_undo->remark(fmt::format("Not known whether there were values before: {}: {}",
+                                           what, joined(undo.doubtful, ", ")));
+            }
             why = undo.lost.empty()
                       ? ""
                       : fmt::format("the server does not show {}", joined(undo.lost, ", "));
@@ -458,15 +506,24 @@ std::string ApplyRun::keepUndo(Record const& record, ChangeResult const& result)
     return why;
 }
 
-/// Applies all records, or up to the first failure.
+/// Blocks until there is input or a signal.
+bool awaitInput(int descriptor)
+{
+    std::array<pollfd, 2> waits = {
+        {{descriptor, POLLIN, 0}, {Interruption::descriptor(), POLLIN, 0}}};
+    poll(waits.data(), waits.size(), -1);
+    return Interruption::signal() == 0;
+}
+
+/// Applies all records, or up to the first failure or a signal.
 /// @return whether the input was read to its end
 bool applyAll(LdifReader& reader, ApplyRun& run, Reporter& reporter, bool goesOn)
 {
-    while (goesOn || reporter.worst() == Outcome::found) {
+    while (Interruption::signal() == 0 && (goesOn || reporter.worst() == Outcome::found)) {
         Record record;
         try {
-            if (!reader.next(record)) {
-                return true;
+            if (!reader.next(record, awaitInput)) {
+                return Interruption::signal() == 0;
             }
             run.apply(record);
         } catch (LdifFault const& fault) {
@@ -475,6 +532,64 @@ bool applyAll(LdifReader& reader, ApplyRun& run, Reporter& reporter, bool goesOn
     }
     return false;
 }
+
+/// The same; tells where and why it ended before its end, and finishes the undo whatever happens.
+/// Does not return after a signal: the shell learns of it by a second one.
+Outcome runAll(LdifReader& reader, ApplyRun& run, Reporter& reporter, bool goesOn,
+               std::optional<UndoFile>& undo, Diagnostics const& diagnostics)
+{
+    std::optional<Interruption> interruption(std::in_place);
+    Outcome worst = Outcome::found;
+    bool isWhole = false;
+    std::exception_ptr other; // as a closed pipe
+    try {
+        isWhole = applyAll(reader, run, reporter, goesOn);
+    } catch (Failure const& failure) {
+        diagnostics.error(failure.what());
+        worst = failure.outcome();
+    } catch (...) {
+        other = std::current_exception();
+    }
+    if (!isWhole) {
+        reporter.printStop();
+    }
+    try {
+        if (undo) {
+            SignalHold const hold;
+            undo->finish();
+        }
+    } catch (Failure const& failure) {
+        diagnostics.error(failure.what());
+        worst = worse(worst, failure.outcome());
+    }
+    int const signal = Interruption::signal();
+    interruption.reset();
+    if (other) {
+        std::rethrow_exception(other);
+    }
+    if (signal != 0) {
+        reporter.printFigures();
+        undo.reset();
+        std::raise(signal);
+    }
+    return worse(worst, reporter.worst());
+}
+
+/// The file of the changes; of a journal, a copy from its end.
+struct Input {
+    Input(std::string const& file, Diagnostics const& diagnostics)
+        : journal(journalReversed(file == "-" ? "/dev/stdin" : file)),
+          reader(journal ? fmt::format("/dev/fd/{}", journal->get()) : file, file)
+    {
+        if (journal) {
+            diagnostics.note(
+                "the file is the journal of a killed run; its last change is undone first");
+        }
+    }
+
+    std::unique_ptr<Descriptor> journal;
+    LdifReader reader;
+};
 
 } // namespace
 
@@ -501,11 +616,11 @@ Outcome ApplyCommand::show(CommonOptions const& common, Output& output,
                            Diagnostics& diagnostics) const
 {
     Outcome worst = Outcome::found;
-    LdifReader reader(m_file);
+    Input input(m_file, diagnostics);
     while (m_goesOn || worst == Outcome::found) {
         Record record;
         try {
-            if (!reader.next(record)) {
+            if (!input.reader.next(record)) {
                 break;
             }
         } catch (LdifFault const& fault) {
@@ -519,6 +634,7 @@ Outcome ApplyCommand::show(CommonOptions const& common, Output& output,
             json->StartObject();
             json.key("dn").value(record.dn);
             json.key("change").string(wordsOf(record.type).verb);
+            writeTarget(record, json);
             json.key("status").string("parsed");
             json.key("line")->Uint64(record.line);
             json->EndObject();
@@ -538,13 +654,7 @@ Outcome ApplyCommand::apply(CommonOptions const& common, Output& output,
         throw Failure(Outcome::usage, "changes and password are both read from standard input",
                       "pass one of them another way, as in --password-fd 3 3<FILE");
     }
-    std::unique_ptr<Descriptor> const journal =
-        journalReversed(m_file == "-" ? "/dev/stdin" : m_file);
-    LdifReader reader(journal ? fmt::format("/dev/fd/{}", journal->get()) : m_file, m_file);
-    if (journal) {
-        diagnostics.note(
-            "the file is the journal of a killed run; its last change is undone first");
-    }
+    Input input(m_file, diagnostics);
     Secret password;
     LDAPLookup::Settings const settings = common.settings(common.draft(), password);
     std::optional<UndoFile> undo;
@@ -563,28 +673,9 @@ Outcome ApplyCommand::apply(CommonOptions const& common, Output& output,
             return session;
         },
         undo ? &*undo : nullptr, reporter);
-    auto const finishUndo = [&] {
-        if (undo) {
-            SignalHold const hold;
-            undo->finish();
-        }
-    };
-    try {
-        if (!applyAll(reader, run, reporter, m_goesOn)) {
-            reporter.printStop();
-        }
-    } catch (...) {
-        reporter.printStop();
-        try {
-            finishUndo();
-        } catch (Failure const& failure) {
-            diagnostics.error(failure.what());
-        }
-        throw;
-    }
-    finishUndo();
+    Outcome const worst = runAll(input.reader, run, reporter, m_goesOn, undo, diagnostics);
     reporter.printFigures();
-    return reporter.worst();
+    return worst;
 }
 
 } // namespace Solvane::Tool

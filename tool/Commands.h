@@ -50,6 +50,7 @@ public:
     char const* name() const override { return "add"; }
     char const* description() const override { return "Add the entries of an LDIF file"; }
     void declareOn(OptionList& options) override;
+    bool sendsPassword() const override { return true; } // it may be a value
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -71,6 +72,7 @@ public:
         return "Apply the changes of an LDIF file; can write a file that undoes them";
     }
     void declareOn(OptionList& options) override;
+    bool sendsPassword() const override { return true; } // it may be a value
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:
@@ -110,6 +112,7 @@ public:
     char const* name() const override { return "compare"; }
     char const* description() const override { return "Ask whether an entry has a value"; }
     void declareOn(OptionList& options) override;
+    bool sendsPassword() const override { return true; } // it may be a value
     int run(CommonOptions const& common, Output& output, Diagnostics& diagnostics) override;
 
 private:

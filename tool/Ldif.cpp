@@ -2,10 +2,12 @@
 #include "Ldif.h"
 
 #include "Text.h"
+#include "UndoFile.h"
 
 #include <fmt/format.h>
 
 #include <map>
+#include <utility>
 
 #include <strings.h>
 
@@ -70,6 +72,11 @@ std::size_t LdifReader::read(char* buffer, std::size_t size)
         m_line.clear();
         LDAPLookup::Supply const supply = m_lines.next(m_line, false);
         if (supply == LDAPLookup::Supply::key) {
+            if (std::exchange(m_isFirst, false) && isFirstLineOfJournal(m_line)) {
+                throw Failure(Outcome::configuration,
+                              m_name + ": the journal of a killed run must be read from its end",
+                              "name it as a regular file that may be read");
+            }
             m_line += '\n';
         } else if (supply == LDAPLookup::Supply::end) {
             return 0;

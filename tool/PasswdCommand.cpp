@@ -73,7 +73,8 @@ berval bytesOf(std::optional<Secret> const& password)
 }
 
 /// @throws Failure  unless the server has changed the password
-void requireSuccess(Verdict verdict, ResultMessage const& result, bool sendsOld)
+void requireSuccess(Verdict verdict, ResultMessage const& result, bool sendsOld,
+                    bool repeatsPassword)
 {
     if (!verdict.isGood()) {
         throw Failure(outcomeOf(verdict), verdict.text,
@@ -83,8 +84,9 @@ void requireSuccess(Verdict verdict, ResultMessage const& result, bool sendsOld)
     if (result.code == LDAP_SUCCESS) {
         return;
     }
-    std::string const text =
-        Lookup::wordsFor(result.code, result.text) + pointersTo(result.referrals);
+    // A server's own words may repeat the password.
+    std::string const said = repeatsPassword ? std::string() : result.text;
+    std::string const text = Lookup::wordsFor(result.code, said) + pointersTo(result.referrals);
     verdict = {Lookup::outcomeOfSearch(result.code), result.code, text};
     switch (result.code) {
     case LDAP_PROTOCOL_ERROR:
@@ -227,7 +229,10 @@ int PasswdCommand::run(CommonOptions const& common, Output& output, Diagnostics&
                                fresh ? &newBytes : nullptr, nullptr, nullptr, &id);
         },
         LDAP_RES_EXTENDED, settings, message, result);
-    requireSuccess(verdict, result, old.has_value());
+    auto const isIn = [&](std::optional<Secret> const& secret) {
+        return secret && result.text.find(secret->text()) != std::string::npos;
+    };
+    requireSuccess(verdict, result, old.has_value(), isIn(old) || isIn(fresh));
     Secret generated(Secret::Owner::newPassword);
     if (m_generates) {
         readGenerated(*session, message, generated);

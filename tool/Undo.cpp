@@ -120,6 +120,11 @@ bool isHidden(Touched const& touched, Values const& before, EntryStates const& s
     return isThere && !isShown(touched.description, states, schema);
 }
 
+bool isSame(std::string const& left, std::string const& right)
+{
+    return Name().child("cn", left).normalized() == Name().child("cn", right).normalized();
+}
+
 Undo undoOfModify(Record const& record, EntryStates const& states, LDAPSchema const& schema)
 {
     Undo undo;
@@ -128,6 +133,11 @@ Undo undoOfModify(Record const& record, EntryStates const& states, LDAPSchema co
         Values const before = valuesIn(states.before, touched.description, schema);
         if (isHidden(touched, before, states, schema)) {
             undo.lost.push_back(touched.description);
+        } else if (before.values.empty() && !isShown(touched.description, states, schema)) {
+            // Nothing to restore, or what the bind cannot read: a replace would delete that.
+            if (touched.last->operation == Operation::Replace) {
+                undo.doubtful.push_back(touched.description);
+            }
         } else {
             appendReplace(back, touched.description, before);
         }
@@ -142,9 +152,13 @@ Undo undoOfDelete(Record const& record, EntryStates const& states, LDAPSchema co
 {
     Undo undo;
     Record back = recordLike(record, Record::Type::Add, states.before->entryName());
+    auto const classes = valuesIn(states.before, "objectClass", schema).values;
+    bool const isCollective = std::any_of(classes.begin(), classes.end(), [](auto const& name) {
+        return isSame(name, "collectiveAttributeSubentry");
+    });
     for (LDAPAttribute const& attribute : states.before->attributes().attributes()) {
         LDAPSchema::AttributeType const* const type = schema.find(attribute.type().asString());
-        if (type != nullptr && type->isReadOnly) {
+        if (type != nullptr && (type->isReadOnly || (type->isCollective && !isCollective))) {
             continue;
         }
         for (Buffer const& value : attribute.binaryValue()) {
@@ -154,7 +168,7 @@ Undo undoOfDelete(Record const& record, EntryStates const& states, LDAPSchema co
                  0});
         }
     }
-    if (back.attributes.empty()) {
+    if (classes.empty()) {
         undo.lost.emplace_back("objectClass");
     } else {
         undo.records.push_back(std::move(back));
@@ -184,11 +198,6 @@ Name nameBefore(Record const& record, EntryStates const& states)
     } catch (LDAPException const&) {
         return Name::parse(record.dn);
     }
-}
-
-bool isSame(std::string const& left, std::string const& right)
-{
-    return Name().child("cn", left).normalized() == Name().child("cn", right).normalized();
 }
 
 bool has(Name::RDN const& rdn, Name::Assertion const& wanted, LDAPSchema const& schema)
@@ -339,7 +348,7 @@ Undo undoOf(Record const& record, EntryStates const& states, LDAPSchema const& s
     switch (record.type) {
     case Record::Type::Content:
     case Record::Type::Add:
-        return {{recordLike(record, Record::Type::Delete, record.dn)}, {}};
+        return {{recordLike(record, Record::Type::Delete, record.dn)}, {}, {}};
     case Record::Type::Modify:
         return undoOfModify(record, states, schema);
     case Record::Type::Delete:

@@ -25,6 +25,8 @@ struct EntryStates {
 struct Undo {
     std::vector<LDAPLdifRecord> records; ///< in the order to apply them
     std::vector<std::string> lost;       ///< attributes that cannot be read, and so not restored
+    std::vector<std::string>
+        doubtful; ///< attributes that had no values, or values that the server does not show
 };
 
 /// The first control of a record whose effect cannot be undone; null if there is none. Known are those

@@ -64,7 +64,8 @@ private:
 };
 
 /// Writes the blocks of a journal, the last one first.
-void writeReversed(int journal, int out, std::string const& path)
+/// @param outPath  for messages
+void writeReversed(int journal, int out, std::string const& path, std::string const& outPath)
 {
     Mapping const mapping(journal, path);
     std::string_view rest = mapping.text();
@@ -79,11 +80,11 @@ void writeReversed(int journal, int out, std::string const& path)
         text += rest.substr(begin);
         rest = rest.substr(0, begin);
         if (text.size() >= chunk) {
-            writeWhole(out, path, text);
+            writeWhole(out, outPath, text);
             text.clear();
         }
     }
-    writeWhole(out, path, text);
+    writeWhole(out, outPath, text);
 }
 
 bool isJournal(int descriptor)
@@ -95,6 +96,11 @@ bool isJournal(int descriptor)
 }
 
 } // namespace
+
+bool isFirstLineOfJournal(std::string_view line)
+{
+    return line == journalHeader.substr(0, journalHeader.find('\n'));
+}
 
 UndoFile::UndoFile(std::string path)
     : m_path(std::move(path)),
@@ -159,7 +165,7 @@ void UndoFile::finish()
         throw unwritableFile(m_path, errno);
     }
     try {
-        writeReversed(m_file.get(), reversed.get(), m_path);
+        writeReversed(m_file.get(), reversed.get(), m_path, m_path);
         if (fsync(reversed.get()) != 0 || rename(beside.c_str(), m_path.c_str()) != 0) {
             throw unwritableFile(m_path, errno);
         }
@@ -187,7 +193,7 @@ std::unique_ptr<Descriptor> journalReversed(std::string const& path)
         throw unwritableFile(name, errno);
     }
     unlink(name.c_str());
-    writeReversed(journal.get(), reversed->get(), path);
+    writeReversed(journal.get(), reversed->get(), path, name);
     return reversed;
 }
 

@@ -50,6 +50,9 @@ private:
 /// @throws Failure  "configuration": it cannot be read; "output failed"
 std::unique_ptr<Descriptor> journalReversed(std::string const& path);
 
+/// Whether a file with this first line is a journal.
+bool isFirstLineOfJournal(std::string_view line);
+
 } // namespace Solvane::Tool
 
 #endif

@@ -40,6 +40,7 @@ int main(int count, char** arguments)
 {
     // A closed pipe is then reported by write().
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // likewise, of a file at its limit
     reserveStandardStreams();
     Diagnostics diagnostics;
     return runReporting(count, arguments, diagnostics);

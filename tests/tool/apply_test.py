@@ -36,6 +36,11 @@ userPassword: hunter2
 """
 
 
+def open_bytes(path):
+    with open(path, "rb") as opened:
+        return opened.read()
+
+
 class Applied(DirectoryTest):
     slapd_options = ["--users", "1"]
 
@@ -267,6 +272,11 @@ class Applied(DirectoryTest):
         self.assertEqual(
             [line.split(" ")[0] for line in result.lines], ["refused", "added", "refused"]
         )
+        half = self.apply("dn: cn=a\nno change\n\n", "-c", "--format", "json")
+        self.assertEqual(half.status, 65)
+        record = json.loads(half.output)
+        self.assertEqual((record["dn"], record["status"], record["code"]), ("cn=a", "refused", -9))
+        self.assertNotIn("change", record)
         self.assertIn("standard input:4: ", result.errors)
         self.assertIn("1 applied, 3 refused, 0 unknown in ", result.errors)
         self.assertEqual(run("apply", *self.admin(), self.undo).status, 0)
@@ -294,7 +304,6 @@ class Applied(DirectoryTest):
         result = run(
             *["apply", *self.admin(), "-c", "--pre-read", self.undo],
             stdin=text.encode(),
-            restore_signals=False,  # SIGXFSZ stays ignored
             preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_FSIZE, (160, 160)),
             # The limit would spoil the counts of a build for coverage.
             env={**os.environ, "GCOV_PREFIX": self.folder},
@@ -302,8 +311,10 @@ class Applied(DirectoryTest):
 
         self.assertEqual(result.status, 74, result.errors)
         self.assertEqual(result.lines, [f"added ou=a,{NEW}", f"added ou=b,{NEW}"])
-        self.assertIn("after the record at line 4: 2 applied", result.error_lines[0])
-        self.assertIn("cannot write", result.errors)
+        self.assertIn("ou=b,", result.error_lines[0])
+        self.assertIn("the change was made, but its undo could not be", result.error_lines[0])
+        self.assertIn("cannot write", result.error_lines[1])
+        self.assertIn("after the record at line 4: 2 applied", result.error_lines[2])
         back = run("apply", *self.admin(), self.undo)
         self.assertEqual((back.status, back.output), (0, f"deleted ou=a,{NEW}\n"))
         self.assertEqual(self.set_up(f"dn: ou=b,{NEW}\nchangetype: delete\n"), before)
@@ -330,6 +341,12 @@ class Applied(DirectoryTest):
             opened.write(b"dn: ou=x,")  # the kill came within a write
 
         with open(self.undo, "rb") as opened:
+            journal = opened.read()
+        piped = run("apply", *self.admin(), stdin=journal)
+        self.assert_fails(piped, 78, "must be read from its end")
+        shown = run("apply", "-n", self.undo)
+        self.assertEqual(shown.lines, [f"would delete ou=y,ou=x,{NEW}", f"would delete ou=x,{NEW}"])
+        with open(self.undo, "rb") as opened:
             back = subprocess.run(
                 [TOOL, "apply", *self.admin()],
                 stdin=opened,
@@ -340,6 +357,43 @@ class Applied(DirectoryTest):
 
         self.assertEqual((back.returncode, back.stderr), (0, b""))
         self.assertEqual(self.tree(), before)
+
+    def test_a_signal_ends_it_between_records(self):
+        for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+            with self.subTest(signal=number):
+                undo = os.path.join(self.folder, f"undo-{number}")
+                before = self.tree()
+                with subprocess.Popen(
+                    [TOOL, "apply", *self.admin(), "--pre-read", undo],
+                    stdin=subprocess.PIPE,
+                    stdout=subprocess.PIPE,
+                    bufsize=0,  # communicate() skips what readline() has buffered
+                    stderr=subprocess.PIPE,
+                ) as apply:
+                    apply.stdin.write(
+                        f"dn: ou=x,{NEW}\nobjectClass: organizationalUnit\n\n".encode()
+                    )
+                    self.assertIn(b"added", apply.stdout.readline())
+                    apply.send_signal(number)
+                    self.assertEqual(apply.wait(DEADLINE), -number)
+                    errors = apply.stderr.read()
+
+                self.assertIn(b"ended after the record at line 1: 1 applied", errors)
+                back = run("apply", *self.admin(), stdin=open_bytes(undo))
+                self.assertEqual((back.status, back.output), (0, f"deleted ou=x,{NEW}\n"))
+                self.assertEqual(self.tree(), before)
+
+    def test_an_empty_replace_of_what_cannot_be_read_is_no_undo(self):
+        """slapd's reader may change what it cannot see; an empty replace would delete it."""
+        self.set_up(PERSON)
+        text = f"dn: uid=p,{NEW}\nchangetype: modify\nreplace: description\n-\nreplace: mobile\n-\n"
+
+        result = self.apply(text, "--pre-read", self.undo)
+
+        self.assertEqual(result.status, 0, result.errors)
+        undo = open_bytes(self.undo).decode()
+        self.assertNotIn("replace: mobile", undo)
+        self.assertRegex(undo, "# Not known whether there were values before: .*: .*mobile")
 
 
 class Read(ToolTest):
@@ -368,6 +422,11 @@ class Read(ToolTest):
             json.loads(result.output),
             {"dn": "cn=a", "change": "modify", "status": "parsed", "line": 1},
         )
+        renaming = (
+            "dn: cn=a\nchangetype: modrdn\nnewrdn: cn=b\ndeleteoldrdn: 1\nnewsuperior: cn=c\n"
+        )
+        record = json.loads(self.show(renaming, "--format", "json").output)
+        self.assertEqual((record["newrdn"], record["newsuperior"]), ("cn=b", "cn=c"))
 
     def test_is_refused_with_its_line(self):
         for text, line, words in (
@@ -517,6 +576,29 @@ class Responses(ToolTest):
         self.assertIn("replace: sn\nsn: old\n-\n", self.undo_text())
         self.assertIn("unknown whether it was made: line 7, modify cn=a", self.undo_text())
 
+    def test_that_hide_the_classes_of_a_deleted_entry_cannot_be_undone(self):
+        def on_change(request):
+            return request.answer(
+                outcome(DELETED, 0), tlv(0xA0, shown(PRE_READ, (b"sn", [b"old"])))
+            )
+
+        result = self.ask(
+            offering(PRE_READ, POST_READ, on_change=on_change),
+            *["--pre-read", self.undo],
+            text="dn: cn=a\nchangetype: delete\n",
+        )
+
+        self.assertEqual((result.status, result.output), (77, "deleted cn=a\n"))
+        self.assertIn("objectClass", result.error_lines[0])
+        self.assertNotIn("\ndn:", self.undo_text())
+
+    def test_that_deny_to_act_as_a_user_are_permanent(self):
+        for code in (47, 123):
+            result = self.ask(offering(on_change=lambda request: request.result(MODIFIED, code)))
+
+            self.assertEqual(result.status, 77, result.errors)
+            self.assertIn("act as this user", result.errors)
+
     def test_that_do_not_come_leave_it_unknown(self):
         result = self.ask(offering(on_change=lambda request: b""))
 
@@ -531,6 +613,25 @@ class Responses(ToolTest):
 
 
 class Killed(ToolTest):
+    def test_server_does_not_hide_that_a_record_was_refused(self):
+        slapd = Slapd(self.addCleanup, "--users", "1")
+        with subprocess.Popen(
+            [TOOL, "apply", "-c", "-H", slapd.uri, "--stats"],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            bufsize=0,  # communicate() skips what readline() has buffered
+            stderr=subprocess.PIPE,
+        ) as apply:
+            record = f"dn: ou=x,{NEW}\nobjectClass: organizationalUnit\n\n".encode()
+            apply.stdin.write(record)
+            self.assertIn(b"refused 8 ", apply.stdout.readline())
+            slapd.kill()
+            output, errors = apply.communicate(record, timeout=DEADLINE)
+
+        self.assertEqual((apply.returncode, output), (77, b""), errors)
+        self.assertIn(b"cannot connect", errors)
+        self.assertIn(b"0 applied, 1 refused, 0 unknown in", errors)
+
     def test_server_leaves_an_undo_of_what_was_changed(self):
         slapd = Slapd(self.addCleanup, "--users", "1")
         undo = os.path.join(self.folder, "undo")
