@@ -333,6 +333,14 @@ class PasswdResponses(ToolTest):
 
                 self.assert_fails(self.ask(giving(answer)), status, f"({code})", words)
 
+    def test_that_repeat_the_password_are_not_shown(self):
+        answer = message(1, outcome(EXTENDED_RESPONSE, 19, b"'hunter2' is too short"))
+
+        result = self.ask(giving(answer))
+
+        self.assert_fails(result, 65, "(19)", "choose another password")
+        self.assertNotIn("too short", result.errors)
+
     def test_without_the_generated_password_say_so(self):
         answer = message(1, outcome(EXTENDED_RESPONSE, 0))
 
