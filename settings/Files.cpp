@@ -245,8 +245,8 @@ void LineReader::read()
     if (m_end == m_buffer.size()) {
         if (m_buffer.size() > longestLine) {
             throw Failure(Outcome::configuration,
-                          fmt::format("{} '{}' has a line of more than {} bytes", m_what,
-                                      m_path, longestLine),
+                          fmt::format("{} '{}' has a line of more than {} bytes", m_what, m_path,
+                                      longestLine),
                           "correct the file");
         }
         m_buffer.resize(2 * m_buffer.size());
