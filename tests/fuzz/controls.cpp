@@ -64,7 +64,8 @@ void fuzzPages(std::string const& value)
             "OpenLDAP decodes the page");
     std::string const theirs(cookie.bv_val == nullptr ? "" : cookie.bv_val, cookie.bv_len);
     ber_memfree(cookie.bv_val);
-    require(ours->estimate == estimate && ours->cookie == theirs, "OpenLDAP finds the same page");
+    require(ours->estimate == std::max(estimate, 0) && ours->cookie == theirs,
+            "OpenLDAP finds the same page");
     if (ours->estimate >= 0) {
         auto const again =
             decoded<LDAPControls::Page>(&LDAPControls::pagedResults,
