@@ -340,9 +340,9 @@ Fault endless()
                 }
                 return cases;
             },
-            "The timeouts of search, stream, pool and query apply to each message, as documented. "
-            "Only the "
-            "engine and the tool are tested with an endless answer."};
+            "The timeouts of search, pool and query, and of a stream's next, apply to each "
+            "message, as documented. Only the engine and the tool are tested with an endless "
+            "answer."};
 }
 
 } // namespace
