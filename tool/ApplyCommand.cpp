@@ -350,6 +350,9 @@ private:
 void ApplyRun::apply(Record const& record)
 {
     connect();
+    if (Interruption::signal() != 0) { // nothing is sent after it
+        return;
+    }
     std::list<LDAPOperation::Control> controls;
     if (m_undo != nullptr && refuses(record, controls)) {
         return;

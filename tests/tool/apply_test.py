@@ -5,6 +5,7 @@ import os
 import resource
 import signal
 import subprocess
+import threading
 import unittest
 
 from servers import (
@@ -455,12 +456,14 @@ class Read(ToolTest):
         self.assert_fails(run("apply", "-n", missing), 78, missing)
 
 
-def offering(*controls, on_change=None):
-    """A script: a directory with these controls, a small schema, and answers of `on_change`."""
+def offering(*controls, on_change=None, on_root=lambda: None):
+    """A script: a directory with these controls, a small schema, and answers of `on_change`; calls
+    `on_root` before it tells the controls."""
 
     def script(connection):
         while (request := connection.receive()) is not None:
             if request.operation == SEARCH and b"supportedControl" in request.content:
+                on_root()
                 connection.send(request.entry(b"", supportedControl=list(controls)))
             elif request.operation == SEARCH and b"subschemaSubentry" in request.content:
                 connection.send(request.entry(b"", subschemaSubentry=[b"cn=schema"]))
@@ -598,6 +601,39 @@ class Responses(ToolTest):
 
             self.assertEqual(result.status, 77, result.errors)
             self.assertIn("act as this user", result.errors)
+
+    def test_that_come_after_a_signal_change_nothing(self):
+        asked, interrupted = threading.Event(), threading.Event()
+
+        def on_root():
+            asked.set()
+            interrupted.wait(DEADLINE)
+
+        directory = ScriptedDirectory(
+            self,
+            offering(
+                *[PRE_READ, POST_READ],
+                on_change=lambda request: request.result(MODIFIED),
+                on_root=on_root,
+            ),
+        )
+        with subprocess.Popen(
+            [TOOL, "apply", "-H", directory.uri, "--pre-read", self.undo],
+            stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        ) as apply:
+            apply.stdin.write(self.CHANGE.encode())
+            apply.stdin.flush()
+            asked.wait(DEADLINE)
+            apply.send_signal(signal.SIGTERM)
+            interrupted.set()
+            output, errors = apply.communicate(timeout=DEADLINE)
+        directory.finish()
+
+        self.assertEqual((apply.returncode, output), (-signal.SIGTERM, b""), errors)
+        self.assertEqual(directory.count(MODIFY), 0)
+        self.assertFalse(os.path.exists(self.undo))
 
     def test_that_do_not_come_leave_it_unknown(self):
         result = self.ask(offering(on_change=lambda request: b""))
