@@ -255,7 +255,10 @@ void Reporter::complain(Report const& report) const
     std::string const dn = oneLine(report.record->dn);
     if (report.isUndoUnwritten) {
         m_diagnostics.error(
-            fmt::format("{}: the change was made, but its undo could not be written", dn));
+            fmt::format(report.status == Status::applied
+                            ? "{}: the change was made, but its undo could not be written"
+                            : "{}: that it may have been made could not be written to the undo",
+                        dn));
     }
     if (!report.withoutUndo.empty()) {
         m_diagnostics.error(fmt::format("{}: the change was made, but cannot be undone: {}; bind "

@@ -7,7 +7,6 @@
 #include <fmt/format.h>
 
 #include <map>
-#include <utility>
 
 #include <strings.h>
 
@@ -72,7 +71,7 @@ std::size_t LdifReader::read(char* buffer, std::size_t size)
         m_line.clear();
         LDAPLookup::Supply const supply = m_lines.next(m_line, false);
         if (supply == LDAPLookup::Supply::key) {
-            if (std::exchange(m_isFirst, false) && isFirstLineOfJournal(m_line)) {
+            if (beginsJournal(m_line)) { // also behind other records
                 throw Failure(Outcome::configuration,
                               m_name + ": the journal of a killed run must be read from its end",
                               "name it as a regular file that may be read");

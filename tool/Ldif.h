@@ -74,7 +74,6 @@ private:
     std::size_t m_taken = 0;                  ///< bytes of the line that were passed on
     AwaitInput const* m_awaitInput = nullptr; ///< of the call under way
     bool m_isStopped = false;
-    bool m_isFirst = true; ///< the next line is the first
     LDAPLdifReader m_reader;
 };
 

@@ -80,6 +80,7 @@ struct Touched {
     std::string key;
     Record::Change const* first = nullptr;
     Record::Change const* last = nullptr;
+    bool losesAll = false; ///< a change deletes all values, whatever they are
 };
 
 std::vector<Touched> touchedIn(Record const& record, LDAPSchema const& schema)
@@ -87,12 +88,15 @@ std::vector<Touched> touchedIn(Record const& record, LDAPSchema const& schema)
     std::vector<Touched> all;
     for (Record::Change const& change : record.changes) {
         std::string const key = attributeKey(schema, change.attribute);
+        bool const losesAll = change.operation == Operation::Replace ||
+                              (change.operation == Operation::Delete && change.values.empty());
         auto const known = std::find_if(
             all.begin(), all.end(), [&key](Touched const& touched) { return touched.key == key; });
         if (known == all.end()) {
-            all.push_back({change.attribute, key, &change, &change});
+            all.push_back({change.attribute, key, &change, &change, losesAll});
         } else {
             known->last = &change;
+            known->losesAll = known->losesAll || losesAll;
         }
     }
     return all;
@@ -135,7 +139,7 @@ Undo undoOfModify(Record const& record, EntryStates const& states, LDAPSchema co
             undo.lost.push_back(touched.description);
         } else if (before.values.empty() && !isShown(touched.description, states, schema)) {
             // Nothing to restore, or what the bind cannot read: a replace would delete that.
-            if (touched.last->operation == Operation::Replace) {
+            if (touched.losesAll) {
                 undo.doubtful.push_back(touched.description);
             }
         } else {

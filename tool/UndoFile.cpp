@@ -97,9 +97,10 @@ bool isJournal(int descriptor)
 
 } // namespace
 
-bool isFirstLineOfJournal(std::string_view line)
+bool beginsJournal(std::string_view line)
 {
-    return line == journalHeader.substr(0, journalHeader.find('\n'));
+    std::string_view const first = journalHeader.substr(0, journalHeader.find('\n'));
+    return line.substr(0, first.size()) == first;
 }
 
 UndoFile::UndoFile(std::string path)
@@ -135,7 +136,9 @@ void UndoFile::add(std::vector<LDAPLdifRecord> const& records)
     for (auto record = records.rbegin(); record != records.rend(); ++record) {
         LDAPLdif::append(blocks, *record);
     }
-    append(blocks);
+    if (!blocks.empty()) {
+        append(blocks);
+    }
 }
 
 void UndoFile::remark(std::string const& text) { append("# " + oneLine(text) + "\n\n"); }

@@ -50,8 +50,8 @@ private:
 /// @throws Failure  "configuration": it cannot be read; "output failed"
 std::unique_ptr<Descriptor> journalReversed(std::string const& path);
 
-/// Whether a file with this first line is a journal.
-bool isFirstLineOfJournal(std::string_view line);
+/// Whether the line is the first of a journal, with any end of line.
+bool beginsJournal(std::string_view line);
 
 } // namespace Solvane::Tool
 

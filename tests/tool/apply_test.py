@@ -343,8 +343,9 @@ class Applied(DirectoryTest):
 
         with open(self.undo, "rb") as opened:
             journal = opened.read()
-        piped = run("apply", *self.admin(), stdin=journal)
-        self.assert_fails(piped, 78, "must be read from its end")
+        for text in (journal, journal.replace(b"\n", b"\r\n"), b"version: 1\n\n" + journal):
+            piped = run("apply", *self.admin(), stdin=text)
+            self.assert_fails(piped, 78, "must be read from its end")
         shown = run("apply", "-n", self.undo)
         self.assertEqual(shown.lines, [f"would delete ou=y,ou=x,{NEW}", f"would delete ou=x,{NEW}"])
         with open(self.undo, "rb") as opened:
@@ -388,13 +389,15 @@ class Applied(DirectoryTest):
         """slapd's reader may change what it cannot see; an empty replace would delete it."""
         self.set_up(PERSON)
         text = f"dn: uid=p,{NEW}\nchangetype: modify\nreplace: description\n-\nreplace: mobile\n-\n"
+        text += "add: title\ntitle: x\n-\ndelete: title\n-\n"
 
         result = self.apply(text, "--pre-read", self.undo)
 
         self.assertEqual(result.status, 0, result.errors)
         undo = open_bytes(self.undo).decode()
         self.assertNotIn("replace: mobile", undo)
-        self.assertRegex(undo, "# Not known whether there were values before: .*: .*mobile")
+        self.assertRegex(undo, "# Not known whether there were values before: .*: .*mobile, title")
+        self.assertNotIn("title", undo.replace("mobile, title", ""))
 
 
 class Read(ToolTest):
