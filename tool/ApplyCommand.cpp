@@ -566,6 +566,7 @@ Outcome runAll(LdifReader& reader, ApplyRun& run, Reporter& reporter, bool goesO
         }
     } catch (Failure const& failure) {
         diagnostics.error(failure.what());
+        diagnostics.error("the undo is still a journal; only 'solvane-ldap apply' can apply it");
         worst = worse(worst, failure.outcome());
     }
     int const signal = Interruption::signal();

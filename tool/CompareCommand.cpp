@@ -95,6 +95,7 @@ char const* remedyForCompare(Verdict const& verdict)
     case LDAP_INAPPROPRIATE_MATCHING:
         return "values of this attribute cannot be compared";
     case LDAP_INVALID_SYNTAX:
+    case LDAP_CONSTRAINT_VIOLATION:
         return "correct the value";
     case LDAP_INVALID_DN_SYNTAX:
         return "correct the DN";

@@ -72,6 +72,31 @@ berval bytesOf(std::optional<Secret> const& password)
                     : berval{0, nullptr};
 }
 
+/// @param generated  null: the password was given
+std::string jsonRecord(std::string const& user, Secret const* generated, std::string const& server)
+{
+    std::string record;
+    Json json(record);
+    json->StartObject();
+    json.key("user").optional(user);
+    json.key("status").string("changed");
+    if (generated != nullptr) {
+        json.key("password").value(generated->text());
+    }
+    json.key("server").string(server);
+    json->EndObject();
+    return record;
+}
+
+/// The same as a line.
+std::string textRecord(std::string const& user, Secret const* generated)
+{
+    std::string const changed = fmt::format("changed {}", oneLine(user));
+    return generated == nullptr
+               ? changed
+               : fmt::format("{}, the new password is {}", changed, oneLine(generated->text()));
+}
+
 /// @throws Failure  unless the server has changed the password
 void requireSuccess(Verdict verdict, ResultMessage const& result, bool sendsOld,
                     bool repeatsPassword)
@@ -230,7 +255,7 @@ int PasswdCommand::run(CommonOptions const& common, Output& output, Diagnostics&
         },
         LDAP_RES_EXTENDED, settings, message, result);
     auto const isIn = [&](std::optional<Secret> const& secret) {
-        return secret && result.text.find(secret->text()) != std::string::npos;
+        return secret && result.text.find(oneLine(secret->text())) != std::string::npos;
     };
     requireSuccess(verdict, result, old.has_value(), isIn(old) || isIn(fresh));
     Secret generated(Secret::Owner::newPassword);
@@ -238,24 +263,13 @@ int PasswdCommand::run(CommonOptions const& common, Output& output, Diagnostics&
         readGenerated(*session, message, generated);
     }
 
-    std::string record;
-    if (common.format() == "json") {
-        Json json(record);
-        json->StartObject();
-        json.key("user").optional(m_user);
-        json.key("status").string("changed");
-        if (m_generates) {
-            json.key("password").value(generated.text());
-        }
-        json.key("server").string(session->uri());
-        json->EndObject();
-    } else {
-        record = fmt::format("changed {}", oneLine(who));
-        if (m_generates) {
-            record += fmt::format(", the new password is {}", oneLine(generated.text()));
-        }
+    output.write((common.format() == "json"
+                      ? jsonRecord(m_user, m_generates ? &generated : nullptr, session->uri())
+                      : textRecord(who, m_generates ? &generated : nullptr)) +
+                 std::string(1, common.recordEnd()));
+    if (common.format() != "json" && oneLine(generated.text()) != generated.text()) {
+        diagnostics.error("the new password is shown with escapes; \\xNN stands for the byte NN");
     }
-    output.write(record + common.recordEnd());
     return exitStatusOf(Outcome::found);
 }
 

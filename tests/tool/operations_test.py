@@ -333,6 +333,15 @@ class PasswdResponses(ToolTest):
 
                 self.assert_fails(self.ask(giving(answer)), status, f"({code})", words)
 
+    def test_that_repeat_a_password_with_control_characters_are_not_shown(self):
+        new = self.file("odd", b"hun\x01ter")
+        answer = message(1, outcome(EXTENDED_RESPONSE, 19, b"'hun\x01ter' is too short"))
+
+        result = self.ask(giving(answer), "-T", new)
+
+        self.assert_fails(result, 65, "(19)", "choose another password")
+        self.assertNotIn("ter", result.errors)
+
     def test_that_repeat_the_password_are_not_shown(self):
         answer = message(1, outcome(EXTENDED_RESPONSE, 19, b"'hunter2' is too short"))
 
