@@ -24,6 +24,9 @@ endforeach()
 if(sanitizers)
     target_compile_options(solvane_test_options INTERFACE
         -fno-omit-frame-pointer -fno-sanitize-recover=all)
+    # The loader would relocate megabytes of the sanitizers' tables at each start, a fifth of its time.
+    target_link_options(solvane_test_options INTERFACE
+        $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:-no-pie>)
 endif()
 if(SOLVANE_FUZZ)
     target_compile_options(solvane_build_options INTERFACE -fsanitize=fuzzer-no-link)

@@ -116,12 +116,14 @@ bool hasUnsolicitedMessage(std::string const& input)
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
+namespace SolvaneTest {
+
+void fuzz_answer(std::uint8_t const* data, std::size_t size)
 {
     constexpr std::size_t longest = 16384; // fits into a socket's buffer
     std::string const input = SolvaneTest::textOf(data, std::min(size, longest));
     if (hasUnsolicitedMessage(input)) {
-        return 0;
+        return;
     }
     Session const session(input);
     LDAPResult result(session.get());
@@ -151,5 +153,6 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
         ++position;
     }
     require(position == contents.size(), "no entry is lost");
-    return 0;
 }
+
+} // namespace SolvaneTest

@@ -131,14 +131,17 @@ void fuzzEntries(std::string const& value)
 
 } // namespace
 
+namespace SolvaneTest {
+
 /// The first byte chooses the control.
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
+void fuzz_controls(std::uint8_t const* data, std::size_t size)
 {
     if (size == 0) {
-        return 0;
+        return;
     }
     constexpr void (*targets[])(std::string const&) = {fuzzPages, fuzzSort, fuzzPolicy,
                                                        fuzzEntries};
     targets[data[0] % std::size(targets)](SolvaneTest::textOf(data + 1, size - 1));
-    return 0;
 }
+
+} // namespace SolvaneTest

@@ -194,7 +194,9 @@ bool isPlain(Entry const& entry)
 
 } // namespace
 
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
+namespace SolvaneTest {
+
+void fuzz_entry(std::uint8_t const* data, std::size_t size)
 {
     constexpr std::size_t longest = 16384; // fits into a socket's buffer
     std::string const content = SolvaneTest::textOf(data, std::min(size, longest));
@@ -216,5 +218,6 @@ int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
     if (expected.isWhole && isPlain(expected) && !hasNul(content)) {
         require(first.isWhole, "the reader reads what OpenLDAP reads");
     }
-    return 0;
 }
+
+} // namespace SolvaneTest

@@ -1,4 +1,4 @@
-// Targets of the service: its protocols. FUZZ_TARGET chooses the one of a program.
+// Targets of the service: its protocols.
 #include "AuthSession.h"
 #include "Socketmap.h"
 #include "Target.h"
@@ -81,10 +81,3 @@ void fuzz_auth(std::uint8_t const* data, std::size_t size)
 }
 
 } // namespace SolvaneTest
-
-/// The target of this program.
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
-{
-    SolvaneTest::FUZZ_TARGET(data, size);
-    return 0;
-}

@@ -1,5 +1,4 @@
-// Targets that take texts: values, attribute descriptions and templates. FUZZ_TARGET chooses the one of a
-// program.
+// Targets that take texts: values, attribute descriptions and templates.
 #include "Target.h"
 
 #include <solvane/ldap/LDAPAttribute.h>
@@ -123,10 +122,3 @@ void fuzz_template(std::uint8_t const* data, std::size_t size)
 }
 
 } // namespace SolvaneTest
-
-/// The target of this program.
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
-{
-    SolvaneTest::FUZZ_TARGET(data, size);
-    return 0;
-}

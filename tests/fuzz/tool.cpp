@@ -1,4 +1,4 @@
-// Targets of the tool: LDIF, settings files and command lines. FUZZ_TARGET chooses the one of a program.
+// Targets of the tool: LDIF, settings files and command lines.
 #include "Commands.h"
 #include "Ldif.h"
 #include "Outcome.h"
@@ -113,10 +113,3 @@ void fuzz_options(std::uint8_t const* data, std::size_t size)
 }
 
 } // namespace SolvaneTest
-
-/// The target of this program.
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
-{
-    SolvaneTest::FUZZ_TARGET(data, size);
-    return 0;
-}

@@ -1,4 +1,4 @@
-// Targets of the values: DNs, filters, LDIF and schemas. FUZZ_TARGET chooses the one of a program.
+// Targets of the values: DNs, filters, LDIF and schemas.
 #include "Target.h"
 
 #include <solvane/ldap.h>
@@ -386,10 +386,3 @@ void fuzz_ldif_line(std::uint8_t const* data, std::size_t size)
 }
 
 } // namespace SolvaneTest
-
-/// The target of this program.
-int LLVMFuzzerTestOneInput(std::uint8_t const* data, std::size_t size)
-{
-    SolvaneTest::FUZZ_TARGET(data, size);
-    return 0;
-}
