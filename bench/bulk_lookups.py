@@ -209,30 +209,22 @@ class Programs:
     def go_ldap(self, port, keys):
         return self._peer([os.path.join(self._folder, "go_ldap")], port, keys)
 
-    def build_go_ldap(self):
-        """Whether the Go compiler and the module, as Debian packages them, are at hand."""
-        if shutil.which("go") is None:
-            return False
-        environment = dict(
-            os.environ,
-            GO111MODULE="off",
-            GOPATH="/usr/share/gocode",
-            GOCACHE=os.path.join(self._folder, "go-cache"),
-            GOFLAGS="-buildvcs=false",
-        )
-        done = subprocess.run(
-            [
-                "go",
-                "build",
-                "-o",
-                os.path.join(self._folder, "go_ldap"),
-                os.path.join(HERE, "peers", "go_ldap", "main.go"),
-            ],
-            env=environment,
-            stderr=subprocess.DEVNULL,
-            check=False,
-        )
-        return done.returncode == 0
+
+def build_go(name, folder):
+    """Builds bench/peers/NAME; whether the Go compiler and go-ldap, as Debian packages them, are at hand."""
+    if shutil.which("go") is None:
+        return False
+    environment = dict(
+        os.environ,
+        GO111MODULE="off",
+        GOPATH="/usr/share/gocode",
+        GOCACHE=os.path.join(folder, "go-cache"),
+        GOFLAGS="-buildvcs=false",
+    )
+    source = os.path.join(HERE, "peers", name, "main.go")
+    command = ["go", "build", "-o", os.path.join(folder, name), source]
+    done = subprocess.run(command, env=environment, stderr=subprocess.DEVNULL, check=False)
+    return done.returncode == 0
 
 
 def compare(row, rounds, contenders, record):

@@ -243,7 +243,7 @@ class Measurement:
             ("python-ldap", programs.python_ldap),
             ("Net::LDAP", programs.net_ldap),
         ]
-        if programs.build_go_ldap():
+        if bulk_lookups.build_go("go_ldap", self._folder):
             peers.append(("go-ldap", programs.go_ldap))
         else:
             print("go-ldap is skipped: its compiler or its module is not at hand", file=sys.stderr)

@@ -4,7 +4,7 @@ import os
 import shutil
 import subprocess
 
-from bulk_lookups import BASE, DEADLINE, HERE, PASSWORD, READER, WrongAnswer
+from bulk_lookups import BASE, DEADLINE, HERE, PASSWORD, READER, WrongAnswer, build_go
 
 FILTER = "(objectClass=inetOrgPerson)"
 
@@ -63,6 +63,9 @@ class Programs:
     def python_ldap(self):
         return self._peer(os.path.join(HERE, "peers", "python_ldap_stream.py"))
 
+    def go_ldap(self):
+        return self._peer(os.path.join(self._folder, "go_ldap_stream"))
+
     def library(self, page_size=0):
         program = os.path.join(self._build, "solvane_bench_stream")
         connection = ["127.0.0.1", str(self._port), READER, PASSWORD]
@@ -73,8 +76,8 @@ class Programs:
         return self._turn(["ldapsearch", *options, FILTER], entries_of_ldif)
 
     def contenders(self):
-        """Names and methods. python-ldap is missing if it is not installed."""
-        all_ = [
+        """Names and methods. python-ldap and go-ldap are missing where they are not installed."""
+        named = [
             ("raw", self.raw),
             ("raw again", self.raw),
             ("stream", self.library),
@@ -82,11 +85,13 @@ class Programs:
             ("ldapsearch", self.ldapsearch),
         ]
         python = shutil.which("python3", path="/usr/bin")
-        is_there = (
+        if (
             python is not None
-            and subprocess.run(
+            and not subprocess.run(
                 [python, "-c", "import ldap"], stderr=subprocess.DEVNULL, check=False
             ).returncode
-            == 0
-        )
-        return all_ + ([("python-ldap", self.python_ldap)] if is_there else [])
+        ):
+            named.append(("python-ldap", self.python_ldap))
+        if build_go("go_ldap_stream", self._folder):
+            named.append(("go-ldap", self.go_ldap))
+        return named

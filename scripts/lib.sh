@@ -12,8 +12,8 @@ packages_build=(g++ cmake ninja-build libldap-dev libboost-dev libboost-thread-d
     libgnutls28-dev libc-ares-dev libidn2-dev libsasl2-dev libcli11-dev libfmt-dev rapidjson-dev)
 packages_demo=(ca-certificates postfix)
 packages_directory=(slapd ldap-utils openssl python3 procps)
-packages_test=(libgtest-dev libgmock-dev locales gdb krb5-kdc krb5-admin-server krb5-user
-    libsasl2-modules-gssapi-mit postfix postfix-ldap)
+packages_test=(ca-certificates libgtest-dev libgmock-dev locales gdb krb5-kdc krb5-admin-server
+    krb5-user libsasl2-modules-gssapi-mit postfix postfix-ldap)
 packages_unpacked=(exim4-daemon-light libidn12 sendmail-bin) # other mail servers, not to be installed
 packages_clang=(clang libclang-rt-dev)
 packages_lint=(clang-format clang-tidy clang cppcheck shellcheck codespell similarity-tester git

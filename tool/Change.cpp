@@ -9,7 +9,8 @@
 
 #include <fmt/format.h>
 
-#include <algorithm>
+#include <list>
+#include <map>
 #include <vector>
 
 #include <strings.h>
@@ -37,17 +38,15 @@ public:
         m_current = &m_all.back();
     }
     void addValue(std::string const& value) { m_current->values.push_back(bytesOf(value)); }
-    /// Makes an earlier modification of the attribute the current one, if there is one.
-    bool continues(std::string const& attribute)
+    /// Adds a value, with those that were added under the same name.
+    void addValue(std::string const& attribute, std::string const& value)
     {
-        auto const known = std::find_if(m_all.begin(), m_all.end(), [&](Modification const& each) {
-            return strcasecmp(each.modification.mod_type, attribute.c_str()) == 0;
-        });
-        if (known == m_all.end()) {
-            return false;
+        Modification*& known = m_added[attribute.c_str()];
+        if (known == nullptr) {
+            add(LDAP_MOD_ADD, attribute);
+            known = m_current;
         }
-        m_current = &*known;
-        return true;
+        known->values.push_back(bytesOf(value));
     }
     /// Null-terminated.
     LDAPMod** get()
@@ -70,8 +69,15 @@ private:
         std::vector<berval> values;
         std::vector<berval*> pointers;
     };
+    struct IgnoringCase {
+        bool operator()(char const* left, char const* right) const
+        {
+            return strcasecmp(left, right) < 0;
+        }
+    };
     std::list<Modification> m_all;
     Modification* m_current = nullptr; ///< receives values
+    std::map<char const*, Modification*, IgnoringCase> m_added;
     std::vector<LDAPMod*> m_pointers;
 };
 
@@ -113,10 +119,7 @@ int sendAdd(LDAP* handle, Record const& record, LDAPControl** controls, int& id)
 {
     Modifications attributes;
     for (Record::Attribute const& each : record.attributes) {
-        if (!attributes.continues(each.description)) {
-            attributes.add(LDAP_MOD_ADD, each.description);
-        }
-        attributes.addValue(each.value);
+        attributes.addValue(each.description, each.value);
     }
     return ldap_add_ext(handle, record.dn.c_str(), attributes.get(), controls, nullptr, &id);
 }

@@ -14,6 +14,7 @@
 #include <array>
 #include <iterator>
 #include <list>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
@@ -302,18 +303,24 @@ private:
     std::size_t m_width;
 };
 
-/// An attribute with its name at hand.
-struct Named {
+/// Attributes with the same name.
+struct Namesakes {
     std::string_view name;
-    LDAPAttribute const* attribute;
+    std::vector<LDAPAttribute const*> attributes;
 };
 
-std::vector<Named> namedOf(std::list<LDAPAttribute> const& attributes)
+/// Each name once, in the order in which they come. A server may send a name many times.
+std::vector<Namesakes> byName(std::list<LDAPAttribute> const& attributes)
 {
-    std::vector<Named> named;
-    named.reserve(attributes.size());
+    std::vector<Namesakes> named;
+    std::unordered_map<std::string_view, std::size_t> positions;
     for (LDAPAttribute const& attribute : attributes) {
-        named.push_back({attribute.type().asString(), &attribute});
+        std::string_view const name = attribute.type().asString();
+        auto const [known, isNew] = positions.try_emplace(name, named.size());
+        if (isNew) {
+            named.push_back({name, {}});
+        }
+        named[known->second].attributes.push_back(&attribute);
     }
     return named;
 }
@@ -381,34 +388,24 @@ private:
         json->StartObject();
         json.key("dn").value(entry.entryName());
         json.key("attrs")->StartObject();
-        auto const named = namedOf(entry.attributes().attributes());
-        for (auto current = named.begin(); current != named.end(); ++current) {
-            bool const isRepeated = std::any_of(named.begin(), current, [&](Named const& earlier) {
-                return earlier.name == current->name;
-            });
-            if (!isRepeated) { // else its values stand with the first one's
-                appendAttribute(current, named.end(), json);
-            }
+        for (Namesakes const& same : byName(entry.attributes().attributes())) {
+            appendAttributes(same, json);
         }
         json->EndObject();
         json->EndObject();
     }
 
-    /// One name for the values of every attribute in [first, end) that is called as the first.
-    static void appendAttribute(std::vector<Named>::const_iterator first,
-                                std::vector<Named>::const_iterator end, Json& json)
+    static void appendAttributes(Namesakes const& same, Json& json)
     {
         // One that is declared binary has one form of value, whatever its bytes happen to be.
-        auto const appendOne = first->attribute->type().isBinary() ? &Json::bytes : &Json::value;
-        json.key(oneLine(first->name))->StartArray();
-        std::for_each(first, end, [&](Named const& same) {
-            if (same.name != first->name) {
-                return;
-            }
-            for (Buffer const& value : same.attribute->binaryValue()) {
+        auto const appendOne =
+            same.attributes.front()->type().isBinary() ? &Json::bytes : &Json::value;
+        json.key(oneLine(same.name))->StartArray();
+        for (LDAPAttribute const* attribute : same.attributes) {
+            for (Buffer const& value : attribute->binaryValue()) {
                 (json.*appendOne)(bytesOf(value));
             }
-        });
+        }
         json->EndArray();
     }
 };

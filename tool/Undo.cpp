@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <unordered_map>
 #include <utility>
 
 namespace Solvane::Tool {
@@ -86,17 +87,18 @@ struct Touched {
 std::vector<Touched> touchedIn(Record const& record, LDAPSchema const& schema)
 {
     std::vector<Touched> all;
+    std::unordered_map<std::string, std::size_t> positions;
     for (Record::Change const& change : record.changes) {
         std::string const key = attributeKey(schema, change.attribute);
         bool const losesAll = change.operation == Operation::Replace ||
                               (change.operation == Operation::Delete && change.values.empty());
-        auto const known = std::find_if(
-            all.begin(), all.end(), [&key](Touched const& touched) { return touched.key == key; });
-        if (known == all.end()) {
+        auto const [known, isNew] = positions.try_emplace(key, all.size());
+        if (isNew) {
             all.push_back({change.attribute, key, &change, &change, losesAll});
         } else {
-            known->last = &change;
-            known->losesAll = known->losesAll || losesAll;
+            Touched& touched = all[known->second];
+            touched.last = &change;
+            touched.losesAll = touched.losesAll || losesAll;
         }
     }
     return all;

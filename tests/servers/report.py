@@ -175,6 +175,7 @@ DIFFERENCES = (
     ("TLS", plain("tls")),
     ("`check` with `ldaps://`", check),
     ("`check` with `ldap://`", lambda server: f'exit status {server["check_without_tls"]}'),
+    ("`apply --pre-read`, and its undo", lambda server: f'exit status {server["apply_undo"]}'),
 )
 
 
