@@ -41,6 +41,16 @@ LDAPSearchStream::Parameter streamOf(std::string const& base, std::string const&
     return parameter;
 }
 
+/// A search for all people, or so many.
+LDAPSearchStream sentWithLimit(int most, LDAPConnection const& connection, int pageSize)
+{
+    auto parameter = streamOf(people, "(cn=*)", pageSize);
+    parameter.sizeLimit = most;
+    LDAPSearchStream stream(connection, parameter);
+    stream.send();
+    return stream;
+}
+
 /// What a stream gives up to its end.
 struct Taken {
     explicit Taken(LDAPSearchStream& stream)
@@ -134,10 +144,7 @@ TEST_P(StreamOnADirectory, GivesReferencesBesidesTheEntries)
 
 TEST_P(StreamOnADirectory, EndsAtItsOwnSizeLimit)
 {
-    auto parameter = streamOf(people, "(cn=*)", GetParam());
-    parameter.sizeLimit = 3;
-    LDAPSearchStream stream(connection, parameter);
-    stream.send();
+    auto stream = sentWithLimit(3, connection, GetParam());
 
     Taken const taken(stream);
 
@@ -148,10 +155,7 @@ TEST_P(StreamOnADirectory, EndsAtItsOwnSizeLimit)
 // The server ignores the control if a page may have as many entries as the limit.
 TEST_P(StreamOnADirectory, EndsWithSuccessIfItFindsNoMoreThanItsSizeLimit)
 {
-    auto parameter = streamOf(people, "(cn=*)", GetParam());
-    parameter.sizeLimit = 100;
-    LDAPSearchStream stream(connection, parameter);
-    stream.send();
+    auto stream = sentWithLimit(100, connection, GetParam());
 
     Taken const taken(stream);
 

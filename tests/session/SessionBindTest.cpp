@@ -1,6 +1,5 @@
 // Binds of sessions: as requests on an open session, and by SASL EXTERNAL over TLS, also with
 // client certificates that a server does not accept.
-#include "Eventually.h"
 #include "LdapMessages.h"
 #include "ScriptedServer.h"
 #include "ServerTls.h"
@@ -284,8 +283,11 @@ TEST_F(ExternalBind, SendsNoAuthorizationIdThatIsCutShort)
 
     EXPECT_THAT(shown(Session(cut).reach(Step::bind, soon())),
                 AllOf(StartsWith("Misconfigured -9 "), HasSubstr("NUL")));
-    ASSERT_TRUE(eventually([&] { return m_server.receivedCount() != 0; }));
-    EXPECT_EQ(operationOf(m_server.received().front()), UnbindRequest);
+    // What a closed connection sent last may be lost; the next one's requests come behind it.
+    EXPECT_EQ(shown(Session(options()).reach(Step::bind, soon())), "Found 0 ");
+    for (auto const& message : m_server.received()) {
+        EXPECT_THAT(message, Not(HasSubstr("u:a")));
+    }
 }
 
 TEST_F(ExternalBind, IsRefusedWithTheServersCode)
