@@ -61,13 +61,17 @@ void requireListening(int descriptor)
     }
 }
 
-/// Lets SIGHUP through, which `main` has blocked.
-void unblockReload()
+constexpr int takenSignals[] = {SIGHUP, SIGTERM, SIGINT};
+
+/// Blocks or unblocks those in the calling thread, and in the threads it makes from then on.
+void maskSignals(int how)
 {
     sigset_t signals;
     sigemptyset(&signals);
-    sigaddset(&signals, SIGHUP);
-    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    for (int const signal : takenSignals) {
+        sigaddset(&signals, signal);
+    }
+    pthread_sigmask(how, &signals, nullptr);
 }
 
 LoginLimits::Bounds boundsIn(ServiceSettings const& settings)
@@ -106,17 +110,16 @@ void Service::run()
 {
     open();
     use(m_maps);
+    maskSignals(SIG_BLOCK); // only the first thread takes them
     startThreads();
-    for (int const signal : {SIGHUP, SIGTERM, SIGINT}) {
+    for (int const signal : takenSignals) {
         m_signals.add(signal);
     }
-    unblockReload(); // it may have come already
     awaitSignal();
     keepStatsFile();
     keepWatchdog();
-    m_log.write(Log::Level::notice, fmt::format("serving {} maps on {} sockets",
-                                                m_maps->all().size(), m_listeners.size()));
-    notifySystemd("READY=1");
+    // In the loop: ThreadSanitizer of GCC 12 can lose a signal before the first wait of a thread.
+    boost::asio::post(m_workers.front()->context(), [this] { beginService(); });
     m_workers.front()->run();
     stop();
     for (std::exception_ptr const& end : m_ends) {
@@ -126,9 +129,20 @@ void Service::run()
     }
 }
 
+void Service::beginService()
+{
+    maskSignals(SIG_UNBLOCK); // some may have come already
+    m_log.write(Log::Level::notice, fmt::format("serving {} maps on {} sockets",
+                                                m_maps->all().size(), m_listeners.size()));
+    notifySystemd("READY=1");
+}
+
 /// An internal error in one thread ends the service: systemd starts it anew.
 void Service::startThreads()
 {
+    if (!m_statsFile.empty()) {
+        m_statsWriter = std::make_unique<boost::asio::thread_pool>(1);
+    }
     m_ends.resize(m_workers.size());
     for (std::size_t i = 1; i < m_workers.size(); ++i) {
         m_threads.emplace_back([this, i] {
@@ -386,11 +400,8 @@ std::string Service::stats() const { return m_metrics.text(m_maps->pools()); }
 /// The file is written in a thread of its own: a slow disk holds up no client.
 void Service::keepStatsFile()
 {
-    if (m_statsFile.empty()) {
-        return;
-    }
     if (!m_statsWriter) {
-        m_statsWriter = std::make_unique<boost::asio::thread_pool>(1);
+        return;
     }
     if (!m_isWritingStats.exchange(true)) { // else the last one is still being written
         boost::asio::post(*m_statsWriter, [this, text = stats()] {

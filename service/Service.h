@@ -51,6 +51,7 @@ private:
     void use(std::shared_ptr<Maps> const& maps);
     void limitClients();
     void startThreads();
+    void beginService();
     void open();
     void add(ClientKind kind, int descriptor, std::string const& path);
     void requireAuthMap(ServiceSettings const& settings) const;
