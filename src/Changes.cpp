@@ -8,10 +8,10 @@
 #include "Operation.h"
 
 #include <climits>
-#include <deque>
 #include <memory>
 #include <stdexcept>
 #include <utility>
+#include <vector>
 
 namespace Solvane {
 
@@ -52,6 +52,13 @@ constexpr OperationKind addKind{at::addRefused, at::addFailed, LDAP_RES_ADD};
 /// outlive it, unchanged.
 class Modifications : public NonCopyable {
 public:
+    /// @param count  of the attributes that are appended, at the most
+    explicit Modifications(std::size_t count)
+    {
+        m_changes.reserve(count); // pointers into it stay valid
+        m_pointers.reserve(count + 1);
+    }
+
     /// @param operation  LDAP_MOD_ADD and the like
     /// @throws LDAPException  the attribute or its type is a null handle, or the type has a zero byte
     void append(int operation, LDAPAttribute const& attribute)
@@ -61,6 +68,7 @@ public:
         change.mod.mod_type = const_cast<char*>(textOf(attribute.type().asString()));
         std::list<Buffer> const& values = attribute.binaryValue();
         change.values.reserve(values.size());
+        change.pointers.reserve(values.size() + 1);
         for (Buffer const& bytes : values) {
             char const* const first = reinterpret_cast<char const*>(bytes.data());
             change.values.push_back(berval{bytes.length(), const_cast<char*>(first)});
@@ -68,15 +76,12 @@ public:
         }
         change.pointers.push_back(nullptr);
         change.mod.mod_bvalues = change.pointers.data();
+        m_pointers.push_back(&change.mod);
     }
 
-    /// Null-terminated; until the next `append`.
+    /// Null-terminated. Call it once, after the last `append`.
     LDAPMod** get()
     {
-        m_pointers.clear();
-        for (Change& change : m_changes) {
-            m_pointers.push_back(&change.mod);
-        }
         m_pointers.push_back(nullptr);
         return m_pointers.data();
     }
@@ -88,7 +93,7 @@ private:
         std::vector<berval*> pointers;
     };
 
-    std::deque<Change> m_changes;
+    std::vector<Change> m_changes;
     std::vector<LDAPMod*> m_pointers;
 };
 
@@ -185,7 +190,7 @@ public:
 private:
     int request(LDAP* session, ::LDAPControl** controls, int* messageId) override
     {
-        Modifications modifications;
+        Modifications modifications(m_changes.size());
         for (auto const& [operation, attribute] : m_changes) {
             modifications.append(operation, attribute);
         }
@@ -210,7 +215,7 @@ public:
 private:
     int request(LDAP* session, ::LDAPControl** controls, int* messageId) override
     {
-        Modifications modifications;
+        Modifications modifications(attributes.attributes().size());
         for (LDAPAttribute const& attribute : attributes.attributes()) {
             modifications.append(LDAP_MOD_ADD, attribute);
         }
