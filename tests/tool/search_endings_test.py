@@ -233,7 +233,8 @@ class Killed(ToolTest):
 
         lines = (read + rest).decode().splitlines()
         self.assertEqual(running.returncode, 75, errors)
-        self.assertIn(f"after {len(lines)} entries; ".encode(), errors)
+        count = "1 entry" if len(lines) == 1 else f"{len(lines)} entries"
+        self.assertIn(f"after {count}; ".encode(), errors)
         self.assertEqual(len(set(lines)), len(lines))
         self.assertLess(len(lines), 20000)
 
