@@ -2,6 +2,7 @@
 
 import os
 import resource
+import signal
 import socket
 import time
 import unittest
@@ -165,6 +166,21 @@ class Lookups(DirectoryTest):
         with open(path + ".new", encoding="utf-8") as file:
             self.assertIn("solvane_ldapd_clients 0\n", file.read())
         self.assertEqual(service.stop(), 0)
+
+    def test_takes_signals_in_its_first_thread_only(self):
+        file = os.path.join(self.folder, "metrics.prom")
+        service = Service(self, self.uri, "threads = 3\n", arguments=("--stats-file", file))
+        tasks = f"/proc/{service.process.pid}/task"
+        taken = sum(1 << (each - 1) for each in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM))
+        blocked = {}
+        for task in os.listdir(tasks):
+            with open(f"{tasks}/{task}/status", encoding="ascii") as status:
+                mask = next(line.split()[1] for line in status if line.startswith("SigBlk"))
+            blocked[int(task)] = int(mask, 16) & taken
+
+        self.assertEqual(blocked.pop(service.process.pid), 0)
+        self.assertGreaterEqual(len(blocked), 3)  # two workers, and the writer of the file
+        self.assertEqual(set(blocked.values()), {taken})
 
     def test_says_why_the_file_of_metrics_cannot_be_written(self):
         os.symlink("elsewhere", os.path.join(self.folder, "link.new"))
