@@ -8,9 +8,13 @@
 #include "Operation.h"
 
 #include <climits>
+#include <cstddef>
 #include <memory>
+#include <memory_resource>
+#include <new>
 #include <stdexcept>
 #include <utility>
+#include <variant>
 #include <vector>
 
 namespace Solvane {
@@ -48,68 +52,79 @@ constexpr OperationKind renameKind{at::renameRefused, at::renameFailed, LDAP_RES
 constexpr OperationKind modifyKind{at::modifyRefused, at::modifyFailed, LDAP_RES_MODIFY};
 constexpr OperationKind addKind{at::addRefused, at::addFailed, LDAP_RES_ADD};
 
-/// Changes as OpenLDAP takes them: every value with its length. Nothing is copied: the attributes must
-/// outlive it, unchanged.
+/// A type and its values, for what needs no shared attribute.
+struct TypeAndValues {
+    std::string type;
+    std::list<std::string> values;
+};
+
+/// @throws std::length_error  a value has 4 GiB or more
+TypeAndValues copyOf(std::string const& type, std::list<std::string> const& values)
+{
+    for (std::string const& value : values) {
+        if (value.size() > UINT_MAX) {
+            throw std::length_error("LDAPModify: a value has 4 GiB or more");
+        }
+    }
+    return {type, values};
+}
+
+/// Changes as OpenLDAP takes them: every value with its length. Nothing is copied: types and values must
+/// outlive it, unchanged. Those of a few changes need no allocation.
 class Modifications : public NonCopyable {
 public:
-    /// @param count  of the attributes that are appended, at the most
+    /// @param count  of the changes that are appended, at the most
     explicit Modifications(std::size_t count)
+        : m_memory(m_first, sizeof m_first), m_changes(zeroed<LDAPMod*>(count + 1)),
+          m_next(m_changes)
     {
-        m_changes.reserve(count); // pointers into it stay valid
-        m_pointers.reserve(count + 1);
     }
 
     /// @param operation  LDAP_MOD_ADD and the like
     /// @throws LDAPException  the attribute or its type is a null handle, or the type has a zero byte
     void append(int operation, LDAPAttribute const& attribute)
     {
-        Change& change = m_changes.emplace_back();
-        change.mod.mod_op = operation | LDAP_MOD_BVALUES;
-        change.mod.mod_type = const_cast<char*>(textOf(attribute.type().asString()));
-        std::list<Buffer> const& values = attribute.binaryValue();
-        change.values.reserve(values.size());
-        change.pointers.reserve(values.size() + 1);
-        for (Buffer const& bytes : values) {
-            char const* const first = reinterpret_cast<char const*>(bytes.data());
-            change.values.push_back(berval{bytes.length(), const_cast<char*>(first)});
-            change.pointers.push_back(&change.values.back());
-        }
-        change.pointers.push_back(nullptr);
-        change.mod.mod_bvalues = change.pointers.data();
-        m_pointers.push_back(&change.mod);
+        std::string const& type = attribute.type().asString(); // reported first
+        append(operation, type, attribute.binaryValue());
+    }
+    void append(int operation, TypeAndValues const& attribute)
+    {
+        append(operation, attribute.type, attribute.values);
     }
 
-    /// Null-terminated. Call it once, after the last `append`.
-    LDAPMod** get()
-    {
-        m_pointers.push_back(nullptr);
-        return m_pointers.data();
-    }
+    /// Null-terminated.
+    LDAPMod** get() { return m_changes; }
 
 private:
-    struct Change {
-        LDAPMod mod{};
-        std::vector<berval> values;
-        std::vector<berval*> pointers;
-    };
+    template <typename T> T* zeroed(std::size_t count)
+    {
+        void* const memory = m_memory.allocate(count * sizeof(T), alignof(T));
+        return new (memory) T[count]();
+    }
 
-    std::vector<Change> m_changes;
-    std::vector<LDAPMod*> m_pointers;
+    template <typename Values>
+    void append(int operation, std::string const& type, Values const& values)
+    {
+        LDAPMod* const change = zeroed<LDAPMod>(1);
+        change->mod_op = operation | LDAP_MOD_BVALUES;
+        change->mod_type = const_cast<char*>(textOf(type));
+        change->mod_bvalues = zeroed<berval*>(values.size() + 1);
+        berval* value = zeroed<berval>(values.size());
+        berval** pointer = change->mod_bvalues;
+        for (auto const& bytes : values) {
+            *value = bytesOf(bytes);
+            *pointer++ = value++;
+        }
+        *m_next++ = change;
+    }
+
+    alignas(std::max_align_t) std::byte m_first[1024];
+    std::pmr::monotonic_buffer_resource m_memory;
+    LDAPMod** m_changes;
+    LDAPMod** m_next;
 };
 
-LDAPAttribute attributeOf(std::string const& type, std::list<std::string> const& values)
-{
-    LDAPAttribute attribute((LDAPAttributeType(type)));
-    for (std::string const& value : values) {
-        if (value.size() > UINT_MAX) {
-            throw std::length_error("LDAPModify: a value is longer than an attribute holds");
-        }
-        attribute.value(value);
-    }
-    return attribute;
-}
-
-class DeleteImpl : public LDAPOperationImpl {
+class DeleteImpl final : public LDAPOperationImpl {
 public:
     DeleteImpl(LDAPConnection const& connection, std::string const& dn)
         : LDAPOperationImpl(connection, deleteKind, dn)
@@ -123,7 +138,7 @@ private:
     }
 };
 
-class CompareImpl : public LDAPOperationImpl {
+class CompareImpl final : public LDAPOperationImpl {
 public:
     CompareImpl(LDAPConnection const& connection, std::string const& dn, std::string const& type,
                 std::string const& value)
@@ -152,7 +167,7 @@ private:
     std::string m_value;
 };
 
-class RenameImpl : public LDAPOperationImpl {
+class RenameImpl final : public LDAPOperationImpl {
 public:
     RenameImpl(LDAPConnection const& connection, std::string const& dn, std::string const& newRdn,
                LDAPRename::OldRdn oldRdn, std::string const& newSuperior)
@@ -175,7 +190,7 @@ private:
     LDAPRename::OldRdn m_oldRdn;
 };
 
-class ModifyImpl : public LDAPOperationImpl {
+class ModifyImpl final : public LDAPOperationImpl {
 public:
     ModifyImpl(LDAPConnection const& connection, std::string const& dn)
         : LDAPOperationImpl(connection, modifyKind, dn)
@@ -186,22 +201,28 @@ public:
     {
         m_changes.emplace_back(operation, attribute);
     }
+    void append(int operation, TypeAndValues&& attribute)
+    {
+        m_changes.emplace_back(operation, std::move(attribute));
+    }
 
 private:
     int request(LDAP* session, ::LDAPControl** controls, int* messageId) override
     {
         Modifications modifications(m_changes.size());
-        for (auto const& [operation, attribute] : m_changes) {
-            modifications.append(operation, attribute);
+        for (auto const& change : m_changes) {
+            std::visit(
+                [&](auto const& attribute) { modifications.append(change.first, attribute); },
+                change.second);
         }
         return ldap_modify_ext(session, textOf(subject()), modifications.get(), controls, nullptr,
                                messageId);
     }
 
-    std::list<std::pair<int, LDAPAttribute>> m_changes;
+    std::list<std::pair<int, std::variant<LDAPAttribute, TypeAndValues>>> m_changes;
 };
 
-class BinaryAddImpl : public LDAPOperationImpl {
+class BinaryAddImpl final : public LDAPOperationImpl {
 public:
     BinaryAddImpl(LDAPConnection const& connection, std::string const& dn)
         : LDAPOperationImpl(connection, addKind, dn)
@@ -302,7 +323,7 @@ void LDAPModify::add(LDAPAttribute const& attribute)
 
 void LDAPModify::add(std::string const& type, std::list<std::string> const& values)
 {
-    add(attributeOf(type, values));
+    modifyOf(m_impl, at::modifyAdd).append(LDAP_MOD_ADD, copyOf(type, values));
 }
 
 void LDAPModify::remove(LDAPAttribute const& attribute)
@@ -312,7 +333,7 @@ void LDAPModify::remove(LDAPAttribute const& attribute)
 
 void LDAPModify::remove(std::string const& type, std::list<std::string> const& values)
 {
-    remove(attributeOf(type, values));
+    modifyOf(m_impl, at::modifyRemove).append(LDAP_MOD_DELETE, copyOf(type, values));
 }
 
 void LDAPModify::replace(LDAPAttribute const& attribute)
@@ -322,13 +343,13 @@ void LDAPModify::replace(LDAPAttribute const& attribute)
 
 void LDAPModify::replace(std::string const& type, std::list<std::string> const& values)
 {
-    replace(attributeOf(type, values));
+    modifyOf(m_impl, at::modifyReplace).append(LDAP_MOD_REPLACE, copyOf(type, values));
 }
 
 void LDAPModify::increment(std::string const& type, long amount)
 {
     modifyOf(m_impl, at::modifyIncrement)
-        .append(LDAP_MOD_INCREMENT, attributeOf(type, {std::to_string(amount)}));
+        .append(LDAP_MOD_INCREMENT, copyOf(type, {std::to_string(amount)}));
 }
 
 // Binary add

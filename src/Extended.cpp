@@ -42,7 +42,7 @@ void releaseSecret(berval* value)
 }
 using SecretBuffer = OpenLDAPOwner<berval, releaseSecret>;
 
-class ExtendedImpl : public LDAPOperationImpl {
+class ExtendedImpl final : public LDAPOperationImpl {
 public:
     /// What becomes of the value when OpenLDAP has taken it.
     enum class Value { none, kept, wiped };

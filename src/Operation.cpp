@@ -9,6 +9,8 @@
 #include "Operation.h"
 
 #include <cerrno>
+#include <cstring>
+#include <utility>
 
 #include <unistd.h>
 
@@ -67,9 +69,8 @@ LDAPOperation::Control::~Control() = default;
 
 char const* textOf(std::string const& text)
 {
-    std::string::size_type const zero = text.find('\0');
-    if (zero != std::string::npos) {
-        throw fault(at::zeroByte, "A zero byte follows '" + text.substr(0, zero) + "'");
+    if (std::strlen(text.c_str()) != text.size()) {
+        throw fault(at::zeroByte, std::string("A zero byte follows '") + text.c_str() + "'");
     }
     return text.c_str();
 }
@@ -275,13 +276,18 @@ void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
         if (type != m_kind.response) {
             throw failure(at::foreignResponse, LDAP_DECODING_ERROR);
         }
-        readControls(message.get());
-        int const rc = readResponse(session(), message.get());
-        if (rc != LDAP_SUCCESS) {
-            throw failure(at::unreadableResponse, rc);
+        requireDecoded(readResponse(session(), message.get()));
+        LDAPResult result(m_connection);
+        LDAPResultImpl& body = *result.impl();
+        LDAPValueBuffer referrals;
+        ControlsBuffer controls;
+        body.readType(static_cast<int>(type));
+        requireDecoded(body.readResponse(message.get(), referrals, controls.address()));
+        for (::LDAPControl** each = controls.get(); each != nullptr && *each != nullptr; ++each) {
+            m_responseControls.push_back(valueOf(**each));
         }
-        m_result = LDAPResult(m_connection);
-        m_result.impl()->parseMessage(message);
+        m_result = std::move(result);
+        body.refuseReferrals(referrals);
     } catch (...) {
         if (m_result.isNull() || m_result.resultCode() == LDAP_SUCCESS) {
             lose();
@@ -292,16 +298,10 @@ void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
     }
 }
 
-void LDAPOperationImpl::readControls(LDAPMessage* message)
+void LDAPOperationImpl::requireDecoded(int rc) const
 {
-    ControlsBuffer controls;
-    int const rc = ldap_parse_result(session(), message, nullptr, nullptr, nullptr, nullptr,
-                                     controls.address(), 0);
     if (rc != LDAP_SUCCESS) {
         throw failure(at::unreadableResponse, rc);
-    }
-    for (::LDAPControl** each = controls.get(); each != nullptr && *each != nullptr; ++each) {
-        m_responseControls.push_back(valueOf(**each));
     }
 }
 

@@ -9,10 +9,14 @@
 #include "OpenLDAP.h"
 #include "ThrowSite.h"
 
+#include <solvart/Buffer.h>
+
 #include <chrono>
 #include <list>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <typeinfo>
 #include <vector>
 
 namespace Solvane {
@@ -23,6 +27,12 @@ class LDAPMessageBuffer;
 inline berval bytesOf(std::string const& bytes)
 {
     return berval{bytes.size(), const_cast<char*>(bytes.data())};
+}
+
+inline berval bytesOf(Buffer const& bytes)
+{
+    char const* const first = reinterpret_cast<char const*>(bytes.data());
+    return berval{bytes.length(), const_cast<char*>(first)};
 }
 
 /// A text for OpenLDAP, which ends it at its first zero byte.
@@ -131,7 +141,7 @@ private:
     void record(TraceSite const& site, int rc, int error);
     LDAPException failure(ThrowSite const& site, int rc) const;
     void takeResponse(ber_tag_t type, LDAPMessageBuffer& message);
-    void readControls(LDAPMessage* message);
+    void requireDecoded(int rc) const;
 
     OperationKind const& m_kind; // of static storage
     std::string m_subject;
@@ -146,7 +156,15 @@ private:
 template <typename Body>
 Body& operationOf(BodyReference<LDAPRequestImpl> const& handle, ThrowSite const& site)
 {
-    return dynamic_cast<Body&>(bodyOf(handle, site));
+    LDAPRequestImpl& body = bodyOf(handle, site);
+    if constexpr (std::is_final_v<Body>) {
+        if (typeid(body) != typeid(Body)) { // a dynamic_cast takes ten times as long
+            throw std::bad_cast();
+        }
+        return static_cast<Body&>(body);
+    } else {
+        return dynamic_cast<Body&>(body);
+    }
 }
 
 } // namespace Solvane

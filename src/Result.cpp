@@ -118,6 +118,8 @@ LDAPResult::LDAPResult(LDAPConnection const& connection)
 
 LDAPResult::LDAPResult(LDAPResult const& other) = default;
 LDAPResult& LDAPResult::operator=(LDAPResult const& other) = default;
+LDAPResult::LDAPResult(LDAPResult&& other) noexcept = default;
+LDAPResult& LDAPResult::operator=(LDAPResult&& other) noexcept = default;
 LDAPResult::~LDAPResult() = default;
 
 bool LDAPResult::isNull() const { return m_impl.isNull(); }
@@ -169,7 +171,7 @@ void LDAPResultImpl::parseMessage(LDAPMessageBuffer& message)
     }
     reportingAs(at::parseWrapped, [&] {
         int const messageType = ldap_msgtype(message.get());
-        m_resultType = resultTypeOf(messageType);
+        readType(messageType);
         if (isListed(messageType)) {
             parseListResultEntry(message);
         } else {
@@ -177,6 +179,8 @@ void LDAPResultImpl::parseMessage(LDAPMessageBuffer& message)
         }
     });
 }
+
+void LDAPResultImpl::readType(int messageType) { m_resultType = resultTypeOf(messageType); }
 
 /// Throws without a session, because OpenLDAP would abort the process.
 void LDAPResultImpl::requireSession() const
@@ -186,17 +190,19 @@ void LDAPResultImpl::requireSession() const
     }
 }
 
-void LDAPResultImpl::parseFinalResponse(LDAPMessageBuffer& message)
+/// Keeps the code and the texts of a final response; the referral and the controls are the caller's. Returns
+/// OpenLDAP's result code.
+int LDAPResultImpl::readResponse(LDAPMessage* message, LDAPValueBuffer& referrals,
+                                 ::LDAPControl*** controls)
 {
     requireSession();
     int code = LDAP_SUCCESS;
     LDAPCharBuffer matched;
     LDAPCharBuffer text;
-    LDAPValueBuffer referrals;
-    int const rc = ldap_parse_result(m_context, message.get(), &code, matched.address(),
-                                     text.address(), referrals.address(), nullptr, 0);
+    int const rc = ldap_parse_result(m_context, message, &code, matched.address(), text.address(),
+                                     referrals.address(), controls, 0);
     if (rc != LDAP_SUCCESS) {
-        throw fault(at::unreadableResult, ldap_err2string(rc));
+        return rc;
     }
     m_resultCode = code;
     if (matched.get() != nullptr) {
@@ -208,13 +214,24 @@ void LDAPResultImpl::parseFinalResponse(LDAPMessageBuffer& message)
     if (m_errorMessage.empty() && code != LDAP_SUCCESS) {
         m_errorMessage = ldap_err2string(code);
     }
-    if (referrals.get() != nullptr) {
-        refuseReferrals(referrals);
+    return LDAP_SUCCESS;
+}
+
+void LDAPResultImpl::parseFinalResponse(LDAPMessageBuffer& message)
+{
+    LDAPValueBuffer referrals;
+    int const rc = readResponse(message.get(), referrals, nullptr);
+    if (rc != LDAP_SUCCESS) {
+        throw fault(at::unreadableResult, ldap_err2string(rc));
     }
+    refuseReferrals(referrals);
 }
 
 void LDAPResultImpl::refuseReferrals(LDAPValueBuffer const& referrals)
 {
+    if (referrals.get() == nullptr) {
+        return;
+    }
     referrals.asList(m_referrals);
     std::string text = "Can't handle referrals. Got referral to ";
     for (std::string const& uri : m_referrals) {

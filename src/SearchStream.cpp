@@ -96,7 +96,7 @@ LDAPSearchStream::Parameter::Parameter(std::string const& baseDN)
 
 // Body
 
-class LDAPSearchStreamImpl : public LDAPOperationImpl {
+class LDAPSearchStreamImpl final : public LDAPOperationImpl {
 public:
     LDAPSearchStreamImpl(LDAPConnection const& connection,
                          LDAPSearchStream::Parameter const& parameter)

@@ -246,6 +246,43 @@ TEST_F(AModify, SharesTheAttributesThatItIsGiven)
                             "'sn' ['b'] 130 'userCertificate;binary' ['c']] null null"));
 }
 
+TEST_F(AModify, SendsAnyNumberOfChangesAndValues)
+{
+    LDAPModify request(connection, dn);
+    std::string expected;
+    for (int number = 0; number < 40; ++number) {
+        std::string const type = "a" + std::to_string(number);
+        std::list<std::string> const values(static_cast<std::size_t>(number), "x");
+        if (number % 2 == 0) {
+            request.add(type, values);
+        } else {
+            request.add(attribute(type, values));
+        }
+        expected += (number == 0 ? "128 '" : " 128 '") + type + "' [";
+        for (int value = 0; value < number; ++value) {
+            expected += value == 0 ? "'x'" : " 'x'";
+        }
+        expected += ']';
+    }
+
+    request.send();
+
+    EXPECT_THAT(openldap.calls(), ElementsAre("ldap_modify_ext session 'cn=a,dc=example' [" +
+                                              expected + "] null null"));
+}
+
+TEST_F(AModify, SendsADescriptionAsItIsGiven)
+{
+    LDAPModify request(connection, dn);
+    request.replace(" userCertificate ;binary", {"a"});
+
+    request.send();
+
+    EXPECT_THAT(openldap.calls(),
+                ElementsAre("ldap_modify_ext session 'cn=a,dc=example' [130 ' userCertificate "
+                            ";binary' ['a']] null null"));
+}
+
 TEST_F(AModify, WithoutChangesSendsAnEmptyArray)
 {
     LDAPModify request(connection, dn);
@@ -265,9 +302,14 @@ TEST_F(AModify, HandsNoNullValueToOpenLDAP)
     };
     LDAPModify request(connection, dn);
     request.replace("cn", {""});
+    LDAPModify shared(connection, dn);
+    shared.replace(attribute("cn", {""}));
 
     request.send();
+    EXPECT_FALSE(isNull);
 
+    isNull = true;
+    shared.send();
     EXPECT_FALSE(isNull);
 }
 

@@ -260,12 +260,10 @@ TEST_F(TheNextItem, IsTheEndAsOftenAsItIsAskedFor)
 
     EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEnd);
 
-    EXPECT_THAT(calls(),
-                ElementsAre("ldap_result session 3 0 5s 0us",
-                            "ldap_parse_result session message unknown 0",
-                            "ldap_controls_free ['1.5' 'x']", "ldap_msgtype message",
-                            "ldap_parse_result session message null 0", "ldap_memfree 'too many'",
-                            "ldap_memfree 'dc=example'", "ldap_msgfree message"));
+    EXPECT_THAT(calls(), ElementsAre("ldap_result session 3 0 5s 0us",
+                                     "ldap_parse_result session message unknown 0",
+                                     "ldap_memfree 'too many'", "ldap_memfree 'dc=example'",
+                                     "ldap_controls_free ['1.5' 'x']", "ldap_msgfree message"));
     openldap.forgetCalls();
     EXPECT_EQ(stream.next(5), LDAPSearchStream::ItemEnd);
     EXPECT_FALSE(stream.wait(5));

@@ -39,7 +39,7 @@ public:
     /// Adds values, and the attribute if the entry lacks it. The attribute's body is shared.
     /// @throws LDAPException  code 1, type 0, Changes.cpp:112: null handle
     void add(LDAPAttribute const& attribute);
-    /// The same with copies of the values.
+    /// The same with copies. `type` is an attribute description, sent as it is.
     /// @throws LDAPException      code 1, type 0, Changes.cpp:112: null handle
     /// @throws std::length_error  a value has 4 GiB or more
     void add(std::string const& type, std::list<std::string> const& values);
@@ -57,7 +57,7 @@ public:
     /// attribute's body is shared.
     /// @throws LDAPException  code 1, type 0, Changes.cpp:130: null handle
     void replace(LDAPAttribute const& attribute);
-    /// The same with copies of the values.
+    /// The same with copies.
     /// @throws LDAPException      code 1, type 0, Changes.cpp:130: null handle
     /// @throws std::length_error  a value has 4 GiB or more
     void replace(std::string const& type, std::list<std::string> const& values);

@@ -13,6 +13,7 @@
 
 /// @cond of OpenLDAP
 struct ldap;
+struct ldapcontrol;
 typedef struct ldap LDAP;
 /// @endcond
 
@@ -66,7 +67,11 @@ public:
     std::list<std::string> const& searchReferrals() const { return m_searchReferrals; }
 
 private:
+    friend class LDAPOperationImpl; // takes the controls, too
+
     void requireSession() const;
+    void readType(int messageType);
+    int readResponse(LDAPMessage* message, LDAPValueBuffer& referrals, ldapcontrol*** controls);
     void parseFinalResponse(LDAPMessageBuffer& message);
     LDAPMessage* parseEntry(LDAPMessage* message);
     void refuseReferrals(LDAPValueBuffer const& referrals);
