@@ -11,7 +11,6 @@
 #include <cstddef>
 #include <memory>
 #include <memory_resource>
-#include <new>
 #include <stdexcept>
 #include <utility>
 #include <variant>
@@ -98,8 +97,9 @@ public:
 private:
     template <typename T> T* zeroed(std::size_t count)
     {
-        void* const memory = m_memory.allocate(count * sizeof(T), alignof(T));
-        return new (memory) T[count]();
+        T* const first = std::pmr::polymorphic_allocator<T>(&m_memory).allocate(count);
+        std::uninitialized_value_construct_n(first, count);
+        return first;
     }
 
     template <typename Values>

@@ -69,8 +69,9 @@ LDAPOperation::Control::~Control() = default;
 
 char const* textOf(std::string const& text)
 {
-    if (std::strlen(text.c_str()) != text.size()) {
-        throw fault(at::zeroByte, std::string("A zero byte follows '") + text.c_str() + "'");
+    std::size_t const length = std::strlen(text.c_str());
+    if (length != text.size()) {
+        throw fault(at::zeroByte, "A zero byte follows '" + text.substr(0, length) + "'");
     }
     return text.c_str();
 }
