@@ -10,7 +10,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <utility>
 
 #include <unistd.h>
 
@@ -287,7 +286,7 @@ void LDAPOperationImpl::takeResponse(ber_tag_t type, LDAPMessageBuffer& message)
         for (::LDAPControl** each = controls.get(); each != nullptr && *each != nullptr; ++each) {
             m_responseControls.push_back(valueOf(**each));
         }
-        m_result = std::move(result);
+        m_result = result;
         body.refuseReferrals(referrals);
     } catch (...) {
         if (m_result.isNull() || m_result.resultCode() == LDAP_SUCCESS) {

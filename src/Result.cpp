@@ -118,8 +118,6 @@ LDAPResult::LDAPResult(LDAPConnection const& connection)
 
 LDAPResult::LDAPResult(LDAPResult const& other) = default;
 LDAPResult& LDAPResult::operator=(LDAPResult const& other) = default;
-LDAPResult::LDAPResult(LDAPResult&& other) noexcept = default;
-LDAPResult& LDAPResult::operator=(LDAPResult&& other) noexcept = default;
 LDAPResult::~LDAPResult() = default;
 
 bool LDAPResult::isNull() const { return m_impl.isNull(); }

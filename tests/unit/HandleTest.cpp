@@ -443,20 +443,6 @@ TEST(AResult, CannotBeMadeForANullConnection)
                 IsNullHandle("Connection.cpp", 129));
 }
 
-TEST(AResult, ThatIsMovedFromIsNullAndLeavesItsBodyToTheOther)
-{
-    LDAPResult first(nullptr);
-    LDAPResultImpl* const body = first.impl();
-
-    LDAPResult second(std::move(first));
-    LDAPResult third(nullptr);
-    third = std::move(second);
-
-    EXPECT_TRUE(first.isNull());
-    EXPECT_TRUE(second.isNull());
-    EXPECT_EQ(third.impl(), body);
-}
-
 TEST(AResult, SharesItsBodyWithItsCopies)
 {
     LDAPResult const first(nullptr);

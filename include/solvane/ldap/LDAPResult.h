@@ -70,10 +70,6 @@ public:
     LDAPResult(LDAPResult const& other);
     /// Releases its body and shares that of `other`.
     LDAPResult& operator=(LDAPResult const& other);
-    /// Takes the body of `other` and leaves it a null handle.
-    LDAPResult(LDAPResult&& other) noexcept;
-    /// Releases its body, takes that of `other` and leaves it a null handle.
-    LDAPResult& operator=(LDAPResult&& other) noexcept;
     virtual ~LDAPResult();
 
     /// True for a handle without a body.
