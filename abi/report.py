@@ -44,7 +44,10 @@ The symbols of `libsolvane-ldap` and `libsolvane-lookup` are versioned by major 
 can be in one process, for example through two modules of a server, and each finds its own symbols.
 `cmake/packaging/*.symbols` has the minor version that added each symbol. Programs that were linked before
 symbols had versions still find them. `libsolvart` is not versioned, because the product's own library may
-replace it. A program may replace every exported function by its own.
+replace it.
+
+A program may define functions of the C library and of OpenLDAP itself: the libraries then call the program's. The
+functions of one library call each other directly.
 """
 
 

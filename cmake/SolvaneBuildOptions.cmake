@@ -42,9 +42,10 @@ function(solvane_count_lines target)
     endif()
 endfunction()
 
-# solvane_optimise_library(LIBRARY OBJECTS...): with SOLVANE_LTO, calls within the shared library are bound when it
-# is linked, and its units are optimised together. A call spends much of its time on code that the processor has
-# to fetch: there is less of it. Programs of tests link the same objects as they are.
+# solvane_optimise_library(LIBRARY OBJECTS...): with SOLVANE_LTO, the units of the shared library are optimised
+# together, and its functions call each other directly; those of other libraries are called through the dynamic
+# linker, as ever. A call spends much of its time on code that the processor has to fetch: there is less of it.
+# Programs of tests link the same objects as they are.
 function(solvane_optimise_library library)
     if(NOT SOLVANE_LTO OR NOT CMAKE_CXX_COMPILER_ID STREQUAL GNU OR SOLVANE_SANITIZE
        OR NOT CMAKE_BUILD_TYPE MATCHES "^(Release|RelWithDebInfo|MinSizeRel|None)$")
@@ -54,7 +55,7 @@ function(solvane_optimise_library library)
         target_compile_options(${objects} PRIVATE
             -flto=auto -ffat-lto-objects -fno-semantic-interposition)
     endforeach()
-    target_link_options(${library} PRIVATE -flto=auto LINKER:-Bsymbolic-functions)
+    target_link_options(${library} PRIVATE -flto=auto)
     # gdb takes a vtable for that of no class if it finds the second, local name that g++ 14 gives it.
     add_custom_command(TARGET ${library} POST_BUILD VERBATIM
         COMMAND "${CMAKE_OBJCOPY}" --wildcard --strip-symbol=*.localalias* "$<TARGET_FILE:${library}>")
